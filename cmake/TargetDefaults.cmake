@@ -1,0 +1,39 @@
+# What every target of ours is built with. The warnings are errors, with g++ and with clang++.
+add_library(target_defaults INTERFACE)
+target_compile_features(target_defaults INTERFACE cxx_std_20)
+target_compile_options(
+  target_defaults
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wconversion
+            -Wshadow
+            -Werror
+            # __FILE__ in a diagnostic names a file of the project, not a folder of the build machine.
+            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+target_include_directories(target_defaults INTERFACE ${PROJECT_SOURCE_DIR})
+
+# A shared library that dlclose can unmap: no symbol that the dynamic linker binds for ever, and
+# nothing visible that is not meant to be.
+add_library(shared_library_defaults INTERFACE)
+target_link_libraries(shared_library_defaults INTERFACE target_defaults)
+target_compile_options(
+  shared_library_defaults INTERFACE -fvisibility=hidden -fvisibility-inlines-hidden
+                                    $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+target_link_options(shared_library_defaults INTERFACE -Wl,-z,relro -Wl,-z,now)
+
+# SANITIZE names the sanitizers of the asan, tsan and fuzz presets.
+set(SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize= (address,undefined)")
+if(SANITIZE)
+  # The type check of calls through a base class needs the add-in's type information in the host,
+  # which the add-in does not export.
+  add_compile_options(-fsanitize=${SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${SANITIZE} -fno-sanitize=vptr)
+endif()
+
+option(COVERAGE "Measure line and branch coverage (gcov)" OFF)
+if(COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()

@@ -1,0 +1,196 @@
+#include "COpen.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+COpen::COpen(const char* openedPath, int flags, unsigned int mode) : path(openedPath) {
+    buffer.reserve(cBlockSize);
+    do {
+        descriptor = open(openedPath, flags | O_CLOEXEC, mode);
+    } while (descriptor == -1 && errno == EINTR);
+}
+
+COpen::~COpen() {
+    try {
+        Close();
+    } catch (const std::exception&) {
+        // Whoever wants to know has called Close().
+    }
+}
+
+bool COpen::IsValid() const {
+    return descriptor != -1;
+}
+
+void COpen::Read(void* data, int length) {
+    if (length < 0)
+        Fail("read", EINVAL);
+    ReadBytes(static_cast<char*>(data), static_cast<std::size_t>(length));
+}
+
+void COpen::Write(const void* data, int length) {
+    if (length < 0)
+        Fail("write", EINVAL);
+    WriteBytes(static_cast<const char*>(data), static_cast<std::size_t>(length));
+}
+
+std::uint32_t COpen::ReadUnsigned() {
+    std::uint32_t value = 0;
+    Read(&value, sizeof value);
+    return value;
+}
+
+void COpen::WriteUnsigned(std::uint32_t value) {
+    Write(&value, sizeof value);
+}
+
+void COpen::ReadString(std::string& text) {
+    std::size_t left = ReadUnsigned();
+    CheckLengthOfText(left);
+    std::string result;
+    // A pipe or a device does not tell how much there is: it gets memory as the bytes come.
+    while (left > 0) {
+        const std::size_t done = result.size();
+        const std::size_t length = std::min(left, std::max(cBlockSize, done));
+        result.resize(done + length);
+        ReadBytes(result.data() + done, length);
+        left -= length;
+    }
+    text.swap(result);
+}
+
+void COpen::WriteString(const std::string& text) {
+    if (text.size() > std::numeric_limits<std::uint32_t>::max())
+        Fail("write", EFBIG);
+    WriteUnsigned(static_cast<std::uint32_t>(text.size()));
+    WriteBytes(text.data(), text.size());
+}
+
+std::size_t COpen::Close() {
+    if (descriptor == -1)
+        return 0;
+    std::size_t flushed = 0;
+    std::exception_ptr failure;
+    try {
+        flushed = Flush();
+    } catch (const std::system_error&) {
+        failure = std::current_exception();
+    }
+    // Closed whatever close says, and never again: the number may be another file's by then.
+    const int result = close(descriptor);
+    const int error = errno;
+    descriptor = -1;
+    if (failure)
+        std::rethrow_exception(failure);
+    if (result == -1 && error != EINTR)
+        Fail("close", error);
+    return flushed;
+}
+
+void COpen::ReadBytes(char* data, std::size_t length) {
+    BeginReading();
+    while (length > 0) {
+        if (position == buffer.size() && Fill() == 0)
+            Fail("read", ENODATA);
+        const std::size_t count = std::min(length, buffer.size() - position);
+        std::memcpy(data, buffer.data() + position, count);
+        position += count;
+        data += count;
+        length -= count;
+    }
+}
+
+void COpen::WriteBytes(const char* data, std::size_t length) {
+    BeginWriting();
+    while (length > 0) {
+        if (buffer.size() == cBlockSize)
+            Flush();
+        const std::size_t count = std::min(length, cBlockSize - buffer.size());
+        buffer.insert(buffer.end(), data, data + count);
+        data += count;
+        length -= count;
+    }
+}
+
+// Reads the next block. Returns the number of bytes, 0 at the end of the file.
+std::size_t COpen::Fill() {
+    buffer.resize(cBlockSize);
+    position = 0;
+    ssize_t count = 0;
+    do {
+        count = read(descriptor, buffer.data(), buffer.size());
+    } while (count == -1 && errno == EINTR);
+    const int error = errno;
+    buffer.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    if (count == -1)
+        Fail("read", error);
+    return buffer.size();
+}
+
+// Writes what waits to be written. Returns the number of bytes.
+std::size_t COpen::Flush() {
+    if (!writing)
+        return 0;
+    const std::size_t length = buffer.size();
+    for (std::size_t done = 0; done < length;) {
+        const ssize_t count = write(descriptor, buffer.data() + done, length - done);
+        if (count >= 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (errno != EINTR) {
+            const int error = errno;
+            buffer.clear();
+            Fail("write", error);
+        }
+    }
+    buffer.clear();
+    return length;
+}
+
+void COpen::BeginReading() {
+    if (!writing)
+        return;
+    Flush();
+    writing = false;
+    position = 0;
+}
+
+// What was read ahead was never handed out: the file's own position goes back to where the reader
+// is. A pipe or a terminal has no position; there the two directions have nothing to do with each
+// other.
+void COpen::BeginWriting() {
+    if (writing)
+        return;
+    const auto ahead = static_cast<off_t>(buffer.size() - position);
+    if (ahead > 0 && lseek(descriptor, -ahead, SEEK_CUR) == -1 && errno != ESPIPE)
+        Fail("seek", errno);
+    buffer.clear();
+    position = 0;
+    writing = true;
+}
+
+void COpen::CheckLengthOfText(std::size_t length) {
+    const std::size_t ahead = buffer.size() - position;
+    if (length <= ahead)
+        return;
+    struct stat status {};
+    if (fstat(descriptor, &status) == -1)
+        Fail("stat", errno);
+    if (!S_ISREG(status.st_mode))
+        return;
+    const off_t offset = lseek(descriptor, 0, SEEK_CUR);
+    if (offset == -1)
+        Fail("seek", errno);
+    if (static_cast<off_t>(length - ahead) > status.st_size - offset)
+        Fail("read", ENODATA);
+}
+
+void COpen::Fail(const char* operation, int error) const {
+    throw std::system_error(error, std::generic_category(), std::string(operation) + ' ' + path);
+}

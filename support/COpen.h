@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "VXC_Export.h"
+
+// A file, buffered both ways: what fits into cBlockSize is read with one read and written with one
+// write. Raw bytes, unsigned 32-bit values (4 bytes in the host's order) and texts (their 32-bit
+// length, then their bytes, without a terminator).
+//
+// Every transfer moves all that was asked for or throws std::system_error, whose text names the
+// operation and the path; the end of the file reached too early is such an error (ENODATA).
+// Interrupted and partial transfers are carried on. Once a write has failed, what was still
+// buffered is given up, so that the destructor does not try again. For one thread at a time.
+class VXC_EXPORT COpen {
+public:
+    static constexpr std::size_t cBlockSize = std::size_t{64} * 1024;
+
+    // Opens `path` as POSIX open does with these flags and this mode; the descriptor is closed when
+    // another program is started. Whether that worked, IsValid() tells; errno says why not. Throws
+    // std::bad_alloc.
+    COpen(const char* path, int flags, unsigned int mode);
+
+    // Closes the file as Close() does, but never throws: an error of the last write is lost. Call
+    // Close().
+    ~COpen();
+
+    COpen(const COpen&) = delete;
+    COpen& operator=(const COpen&) = delete;
+
+    bool IsValid() const;
+
+    // `length` raw bytes from or to `data`. A negative length throws (EINVAL).
+    void Read(void* data, int length);
+    void Write(const void* data, int length);
+
+    std::uint32_t ReadUnsigned();
+    void WriteUnsigned(std::uint32_t value);
+
+    // Replaces `text`. A length beyond what is left of a regular file throws before anything is
+    // allocated; `text` is unchanged when anything is thrown. A text of 2^32 bytes or more cannot
+    // be written (EFBIG).
+    void ReadString(std::string& text);
+    void WriteString(const std::string& text);
+
+    // Writes what is buffered and closes the file, in any case; throws if either failed. Returns
+    // the number of bytes it had left to write. On a file that is not open it does nothing and
+    // returns 0.
+    std::size_t Close();
+
+private:
+    std::size_t Fill();
+    void ReadBytes(char* data, std::size_t length);
+    void WriteBytes(const char* data, std::size_t length);
+    std::size_t Flush();
+    void BeginReading();
+    void BeginWriting();
+    void CheckLengthOfText(std::size_t length);
+    [[noreturn]] void Fail(const char* operation, int error) const;
+
+    std::string path;
+    int descriptor = -1;
+    std::vector<char> buffer;  // read ahead, or waiting to be written
+    std::size_t position = 0;  // of the next byte to hand out of what was read ahead
+    bool writing = false;      // which of the two the buffer holds
+};
