@@ -1,0 +1,50 @@
+#include "host/CDirectoryLock.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "host/CHostError.h"
+
+static constexpr char cLockFile[] = "files/vxschedd.lock";
+
+static std::string HolderOf(int descriptor) {
+    char text[32];
+    const ssize_t length = pread(descriptor, text, sizeof text, 0);
+    const std::string holder(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+    return holder.substr(0, holder.find('\n'));
+}
+
+CDirectoryLock::CDirectoryLock(const std::string& directory)
+    : descriptor(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    if (descriptor == -1)
+        throw CHostError(cNoDirectory,
+                         fmt::format("cannot open {}/{}: {}. Run vxschedd as a user who may write "
+                                     "there.",
+                                     directory, cLockFile, std::strerror(errno)));
+    if (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
+        const int error = errno;
+        const std::string holder = HolderOf(descriptor);
+        close(descriptor);
+        if (error != EWOULDBLOCK)
+            throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}", directory,
+                                                       cLockFile, std::strerror(error)));
+        throw CHostError(cSecondHost,
+                         fmt::format("another host runs in {} (process {}). Stop it first, or name "
+                                     "another directory with --directory.",
+                                     directory, holder.empty() ? "unknown" : holder));
+    }
+    const std::string holder = fmt::format("{}\n", getpid());
+    // The number is for the message above only: a disk that is full does not keep a host from
+    // running.
+    if (ftruncate(descriptor, 0) == 0)
+        static_cast<void>(pwrite(descriptor, holder.data(), holder.size(), 0) == -1);
+}
+
+CDirectoryLock::~CDirectoryLock() {
+    close(descriptor);
+}
