@@ -1,0 +1,2 @@
+# All time-outs of the tests, in seconds. None of them is an expectation: they end what hangs.
+set(TEST_TIMEOUT 120)

@@ -1,0 +1,50 @@
+// The main of every test program: an IPC namespace and a working directory of its own before
+// anything touches a semaphore or a file, so that tests run side by side and leave nothing behind.
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "Process.h"
+
+static void EnterNamespace() {
+    if (unshare(CLONE_NEWIPC) == 0)
+        return;
+    // An ordinary user gets one together with a user namespace of its own.
+    if (unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0)
+        return;
+    std::perror("cannot enter an IPC namespace of the test's own");
+    std::exit(1);
+}
+
+static std::string EnterDirectory() {
+    std::string folder = (std::filesystem::temp_directory_path() / "vantrix-test-XXXXXX").string();
+    if (mkdtemp(folder.data()) == nullptr || chdir(folder.c_str()) != 0) {
+        std::perror("cannot make a working directory");
+        std::exit(1);
+    }
+    return folder;
+}
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (testing::GTEST_FLAG(list_tests))
+        return RUN_ALL_TESTS();
+    // A child that a test starts as this same program shares its parent's namespace and directory.
+    if (const int role = RunRole(argc, argv); role >= 0)
+        return role;
+    testing::GTEST_FLAG(death_test_style) = "fast";
+    EnterNamespace();
+    const std::string folder = EnterDirectory();
+    const int result = RUN_ALL_TESTS();
+    std::error_code ignored;
+    std::filesystem::current_path("/", ignored);
+    std::filesystem::remove_all(folder, ignored);
+    return result;
+}

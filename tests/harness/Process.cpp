@@ -1,0 +1,150 @@
+#include "Process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <thread>
+
+static int Collect(pid_t process) {
+    int status = 0;
+    while (wait4(process, &status, 0, nullptr) == -1 && errno == EINTR) {
+    }
+    return WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+CForkedChild::CForkedChild(const std::function<int()>& body) : process(fork()) {
+    if (process == 0)
+        _exit(body());
+}
+
+CForkedChild::~CForkedChild() {
+    if (process > 0) {
+        Kill(SIGKILL);
+        Collect(process);
+    }
+}
+
+void CForkedChild::Kill(int signal) const {
+    kill(process, signal);
+}
+
+int CForkedChild::Wait() {
+    const int result = Collect(process);
+    process = -1;
+    return result;
+}
+
+CProgram::CProgram(const std::vector<std::string>& arguments) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        std::abort();
+    std::vector<char*> pointers;
+    for (const std::string& argument : arguments)
+        pointers.push_back(const_cast<char*>(argument.c_str()));
+    pointers.push_back(nullptr);
+    process = fork();
+    if (process == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        dup2(ends[1], STDERR_FILENO);
+        execv(pointers[0], pointers.data());
+        std::perror(pointers[0]);
+        _exit(127);
+    }
+    close(ends[1]);
+    descriptor = ends[0];
+}
+
+CProgram::~CProgram() {
+    if (process > 0) {
+        Kill(SIGKILL);
+        Collect(process);
+    }
+    close(descriptor);
+}
+
+void CProgram::Kill(int signal) const {
+    kill(process, signal);
+}
+
+bool CProgram::ReadSome() {
+    char block[4096];
+    const ssize_t count = read(descriptor, block, sizeof block);
+    if (count > 0)
+        output.append(block, static_cast<std::size_t>(count));
+    return count > 0;
+}
+
+bool CProgram::WaitForOutput(const std::string& text) {
+    while (output.find(text) == std::string::npos) {
+        if (!ReadSome())
+            return false;
+    }
+    return true;
+}
+
+// The end of the program first: what it started may keep the pipe open for longer.
+int CProgram::Wait() {
+    const int result = Collect(process);
+    process = -1;
+    fcntl(descriptor, F_SETFL, O_NONBLOCK);
+    while (ReadSome()) {
+    }
+    return result;
+}
+
+static std::map<std::string, int (*)(const std::vector<std::string>&)>& Roles() {
+    static std::map<std::string, int (*)(const std::vector<std::string>&)> roles;
+    return roles;
+}
+
+TRole::TRole(const char* name, int (*body)(const std::vector<std::string>& arguments)) {
+    Roles()[name] = body;
+}
+
+static constexpr char cRoleOption[] = "--play=";
+
+std::vector<std::string> ThisProgramAs(const std::string& role,
+                                       const std::vector<std::string>& arguments) {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+    std::vector<std::string> command{std::string(self, static_cast<std::size_t>(length)),
+                                     cRoleOption + role};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
+
+int RunRole(int argc, char** argv) {
+    if (argc < 2 || std::strncmp(argv[1], cRoleOption, std::strlen(cRoleOption)) != 0)
+        return -1;
+    const auto role = Roles().find(argv[1] + std::strlen(cRoleOption));
+    if (role == Roles().end()) {
+        std::fprintf(stderr, "no such role: %s\n", argv[1]);
+        return 126;
+    }
+    return role->second(std::vector<std::string>(argv + 2, argv + argc));
+}
+
+void WaitUntil(const std::function<bool()>& condition) {
+    while (!condition())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << content;
+}
