@@ -37,3 +37,7 @@ if(COVERAGE)
   add_compile_options(--coverage -fprofile-update=atomic)
   add_link_options(--coverage)
 endif()
+
+if(FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

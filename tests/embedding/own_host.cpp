@@ -1,0 +1,140 @@
+// A host that brings a support library of its own, inside its own program: it loads the add-in,
+// creates a task and reads it back through the file object above, whose encoding is not that of the
+// support library.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "CEvent.h"
+#include "COpen.h"
+#include "CPopen.h"
+#include "VXC_CRC32.h"
+#include "VXC_File.h"
+#include "VXC_Information.h"
+#include "VXC_Log.h"
+#include "addin/CAddInInterface.h"
+
+#define HOST_OWN __attribute__((visibility("default")))
+
+CEvent::CEvent(std::string /*name*/, bool manualReset) : manual(manualReset) {}
+CEvent::~CEvent() = default;
+int CEvent::Wait(int /*milliseconds*/) {
+    const bool result = signalled;
+    if (!manual)
+        signalled = false;
+    return result ? 1 : 0;
+}
+void CEvent::SetEvent() {
+    signalled = true;
+}
+void CEvent::ResetEvent() {
+    signalled = false;
+}
+int CEvent::WaitSignalOrTimeout(int seconds) {
+    return Wait(seconds);
+}
+
+COpen::COpen(const char* path, int flags, unsigned int mode) : file(nullptr) {
+    const int descriptor = open(path, flags, mode);
+    if (descriptor != -1)
+        file = fdopen(descriptor, "r+");
+}
+COpen::~COpen() {
+    Close();
+}
+bool COpen::IsValid() const {
+    return file != nullptr;
+}
+void COpen::Read(void* data, int length) {
+    if (std::fread(data, 1, static_cast<std::size_t>(length), file) !=
+        static_cast<std::size_t>(length))
+        throw std::runtime_error("the end");
+}
+void COpen::Write(const void* data, int length) {
+    std::fwrite(data, 1, static_cast<std::size_t>(length), file);
+}
+std::uint32_t COpen::ReadUnsigned() {
+    std::uint32_t value = 0;
+    Read(&value, sizeof value);
+    return __builtin_bswap32(value);
+}
+void COpen::WriteUnsigned(std::uint32_t value) {
+    const std::uint32_t swapped = __builtin_bswap32(value);
+    Write(&swapped, sizeof swapped);
+}
+void COpen::ReadString(std::string& text) {
+    text.resize(ReadUnsigned());
+    Read(text.data(), static_cast<int>(text.size()));
+}
+void COpen::WriteString(const std::string& text) {
+    WriteUnsigned(static_cast<std::uint32_t>(text.size()));
+    Write(text.data(), static_cast<int>(text.size()));
+}
+void COpen::Close() {
+    if (file != nullptr)
+        std::fclose(file);
+    file = nullptr;
+}
+
+CPopen::CPopen(const char* command, const char* mode) : pipe(popen(command, mode)) {}
+CPopen::~CPopen() {
+    Close();
+}
+int CPopen::Read(void* buffer, int size) {
+    const std::size_t length = std::fread(buffer, 1, static_cast<std::size_t>(size) - 1, pipe);
+    static_cast<char*>(buffer)[length] = '\0';
+    return static_cast<int>(length);
+}
+int CPopen::Close() {
+    const int status = pipe == nullptr ? -1 : pclose(pipe);
+    pipe = nullptr;
+    return status;
+}
+
+HOST_OWN std::uint32_t VXC_GenerateCRC32(std::string text) {
+    return static_cast<std::uint32_t>(text.size()) + 1;
+}
+HOST_OWN void VXC_File::VXC_StripPathUrl(const char*, char*, char*, char*) {}
+HOST_OWN void VXC_SetInformation(std::string, int) {}
+HOST_OWN void VXC_LogMessage(std::string) {}
+
+static void Require(bool condition, const char* what) {
+    if (condition)
+        return;
+    std::fprintf(stderr, "own_host: %s\n", what);
+    std::exit(1);
+}
+
+int main(int argc, char** argv) {
+    Require(argc == 2, "usage: own_host ADDIN");
+    mkdir("files", 0755);
+    void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    Require(library != nullptr, dlerror());
+    const auto create =
+        reinterpret_cast<void (*)(const char*, const long*, unsigned int, const char*,
+                                  const char*)>(dlsym(library, "CreateTask"));
+    const auto scheduled =
+        reinterpret_cast<bool (*)(const char*)>(dlsym(library, "_Z11IsScheduledPKc"));
+    const auto addIn = reinterpret_cast<CAddInInterface* (*)()>(dlsym(library, "CreateAddIn"));
+    Require(create != nullptr && scheduled != nullptr && addIn != nullptr, "no entry points");
+
+    const long start = 4'000'000'000;
+    create("backup", &start, 24, "/opt/tools/backup", "all");
+    Require(scheduled("backup") && !scheduled("restore"), "the task is not in the table");
+    Require(addIn()->isLoad(), "no add-in");
+
+    COpen file("files/scheduler.dat", O_RDWR, 0);
+    std::uint64_t count = 0;
+    file.Read(&count, sizeof count);
+    std::string name;
+    file.ReadString(name);
+    Require(count == 1 && name == "backup", "the file is not the host's own");
+    dlclose(library);
+    return 0;
+}

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+std::uint32_t VXC_GenerateCRC32(std::string text);

@@ -1,0 +1,5 @@
+#pragma once
+
+#include <string>
+
+void VXC_SetInformation(std::string name, int value);
