@@ -8,7 +8,7 @@
 
 // The add-in beside this program: in the library folder of the build or of the installation.
 static std::string DefaultAddIn() {
-    const std::string name = "libVantrixScheduler.so";
+    std::string name = "libVantrixScheduler.so";
     std::error_code ignored;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ignored);
     const std::filesystem::path root = self.parent_path().parent_path();

@@ -157,7 +157,7 @@ static bool LoadTasks() {
             auto task = std::make_unique<TTask>();
             ForEachField(*task, TFieldReader{file});
             gTaskList->push_back(task.get());
-            task.release();
+            static_cast<void>(task.release());
         }
         file.Close();
         return true;
@@ -385,7 +385,7 @@ void CreateTask(const char* name, const long* start, unsigned int period, const 
     SetNextTime(task, false);
     if (created) {
         gTaskList->push_back(created.get());
-        created.release();
+        static_cast<void>(created.release());
     }
     SaveAndSignal();
 }

@@ -61,6 +61,8 @@ static void SetFree(int id) {
         throw std::exception();
 }
 
+// The exception is meant to meet the noexcept.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 CMutex::CMutex(const char* name) noexcept {
     const auto key = static_cast<key_t>(VXC_GenerateCRC32(name));
     semId = OpenSemaphore(key, owner);
@@ -69,7 +71,7 @@ CMutex::CMutex(const char* name) noexcept {
 
 CMutex::~CMutex() {
     if (isLocked())
-        Unlock();
+        CMutex::Unlock();
     semctl(semId, 0, IPC_RMID);
 }
 

@@ -21,6 +21,7 @@ public:
     // Creates the semaphore of `name`, or opens it, readable and writable for owner and group. A
     // mutex that cannot be had ends the process: the exception meets the noexcept and
     // std::terminate is called.
+    // NOLINTNEXTLINE(bugprone-exception-escape)
     explicit CMutex(const char* name) noexcept;
 
     // Releases once more if locked, then removes the semaphore from the system.
