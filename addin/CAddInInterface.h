@@ -27,7 +27,6 @@ public:
     // True while the library has its one add-in object, whichever object is asked.
     virtual bool isLoad() = 0;
 
-protected:
     std::string name;  // for the host; nothing in the library reads it
 };
 

@@ -53,14 +53,17 @@ void CStartedPrograms::CollectFinished() {
         const auto current = next++;
         if (!program.asked)
             continue;
-        int status = 0;
-        siginfo_t info{};
-        if (waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            info.si_pid == 0)
-            continue;
         // Through wait4, since waitpid is this program's own and reports here.
-        if (wait4(process, &status, WNOHANG, nullptr) == process)
+        int status = 0;
+        const pid_t result = wait4(process, &status, WNOHANG, nullptr);
+        if (result == 0)
+            continue;
+        if (result == process)
             LogEnd(process, program, status);
+        else
+            VXC_LogMessage(
+                fmt::format("vxschedd: process {} is gone, how it ended is not known: {}", process,
+                            program.description));
         programs.erase(current);
     }
 }

@@ -2,6 +2,7 @@
 
 #include <VXC_Information.h>
 #include <VXC_Log.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -44,6 +45,17 @@ static int BlockSignals() {
     if (descriptor == -1)
         throw std::system_error(errno, std::generic_category(), "cannot make a signal descriptor");
     return descriptor;
+}
+
+// A host may be started with some of these closed. The next file that it opens, the table for one,
+// would get the number, and be written to as the log.
+static void OpenStandardDescriptors() {
+    int descriptor = 0;
+    do {
+        descriptor = open("/dev/null", O_RDWR);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor >= 0)
+        close(descriptor);
 }
 
 static void EnterDirectory(const std::string& directory) {
@@ -105,6 +117,7 @@ static void Run(const THostOptions& options) {
 }
 
 int main(int argc, char** argv) {
+    OpenStandardDescriptors();
     try {
         const std::optional<THostOptions> options = ParseHostOptions(argc, argv);
         if (options) {

@@ -154,6 +154,8 @@ std::size_t COpen::Flush() {
 }
 
 void COpen::BeginReading() {
+    if (descriptor == -1)
+        Fail("read", EBADF);
     if (!writing)
         return;
     Flush();
@@ -165,6 +167,8 @@ void COpen::BeginReading() {
 // is. A pipe or a terminal has no position; there the two directions have nothing to do with each
 // other.
 void COpen::BeginWriting() {
+    if (descriptor == -1)
+        Fail("write", EBADF);
     if (writing)
         return;
     const auto ahead = static_cast<off_t>(buffer.size() - position);
