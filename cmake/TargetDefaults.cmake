@@ -10,7 +10,7 @@ target_compile_options(
             -Wshadow
             -Werror
             # __FILE__ in a diagnostic names a file of the project, not a folder of the build machine.
-            -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+            -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 target_include_directories(target_defaults INTERFACE ${PROJECT_SOURCE_DIR})
 
 # A shared library that dlclose can unmap: no symbol that the dynamic linker binds for ever, and
