@@ -1,0 +1,598 @@
+// The add-in object and the library's entry points: what a load does, what the host's calls do,
+// what an unload leaves.
+
+#include <CEvent.h>
+#include <VXC_Log.h>
+#include <gtest/gtest.h>
+#include <scheduler/CSchedulerAddin.h>
+#include <scheduler/Scheduler.h>
+#include <sync/CMutex.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include "AddinLibrary.h"
+#include "FakeSystem.h"
+#include "InsideLibrary.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+static constexpr char cMutex[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
+static constexpr char cStopEvent[] = "libVantrixScheduler.so";
+static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
+static constexpr time_t cNow = 1'000'000;
+
+static TRow Task(const std::string& name, std::int64_t next, std::uint32_t period) {
+    return {name, next, 0, period, "/" + name, "", 0};
+}
+
+// ---- Loading
+// -------------------------------------------------------------------------------------------------------
+
+TEST(AddInLoad, BuildsTheAddInBeforeAnyCall) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    EXPECT_NE(inside.Instance(), nullptr);
+    EXPECT_NE(inside.TaskList(), nullptr);
+    EXPECT_NE(inside.Mutex(), nullptr);
+    EXPECT_NE(inside.TaskChangedEvent(), nullptr);
+    EXPECT_EQ(inside.SchedulerThread(), 0U);
+    EXPECT_EQ(inside.CreateAddIn(), inside.Instance());
+}
+
+TEST(AddInLoad, RemovesTasksThatRunOnceAndAreDueWithoutRunningThem) {
+    CFakeSystem system(cNow);
+    WriteTable({Task("past", cNow - 1, 0), Task("now", cNow, 0), Task("future", cNow + 1, 0)});
+    const CAddinLibrary library;
+    EXPECT_EQ(NamesInTable(), "future");
+    EXPECT_TRUE(system.starts.empty());
+}
+
+TEST(AddInLoad, RemovesNeighboursOneAfterTheOther) {
+    CFakeSystem system(cNow);
+    WriteTable({Task("a", 1, 0), Task("b", 2, 0), Task("c", 3, 0), Task("keep", cNow + 1, 0),
+                Task("d", 4, 0)});
+    const CAddinLibrary library;
+    EXPECT_EQ(NamesInTable(), "keep");
+}
+
+TEST(AddInLoad, OfTwoDueTasksOfANameBothGo) {
+    CFakeSystem system(cNow);
+    WriteTable({Task("same", 1, 0), Task("same", 2, 0)});
+    const CAddinLibrary library;
+    EXPECT_EQ(NamesInTable(), "");
+}
+
+TEST(AddInLoad, MovesRepeatingTasksOnWithoutRunningThem) {
+    CFakeSystem system(cNow);
+    WriteTable({Task("late", cNow - 10, 1), Task("now", cNow, 1), Task("future", cNow + 10, 1)});
+    const CAddinLibrary library;
+    const TRows rows = ReadTable();
+    EXPECT_EQ(rows.at(0).next, cNow - 10 + 3600);
+    EXPECT_EQ(rows.at(1).next, cNow);
+    EXPECT_EQ(rows.at(2).next, cNow + 10);
+    EXPECT_TRUE(system.starts.empty());
+}
+
+TEST(AddInLoad, WritesTheFileBackAndLeavesTheMutexFree) {
+    WriteTable({});
+    std::filesystem::remove(cTable);
+    const CAddinLibrary library;
+    EXPECT_EQ(ReadFile(cTable), std::string(8, '\0'));
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(AddInLoad, WithoutTheFolderNothingIsCreated) {
+    CLogCapture log;
+    const CAddinLibrary library;
+    EXPECT_FALSE(std::filesystem::exists("files"));
+    EXPECT_FALSE(library.IsScheduled("a"));
+    EXPECT_TRUE(log.Take().empty());
+}
+
+TEST(AddInLoad, DoesNotSignalTheTaskChangedEvent) {
+    WriteTable({Task("past", 1, 0)});
+    CEvent changed(cTaskChanged, true);
+    const CAddinLibrary library;
+    EXPECT_EQ(changed.Wait(0), 0);
+}
+
+TEST(AddInLoad, SetsTheMutexFreeUnderAHolder) {
+    WriteTable({});
+    CMutex mutex(cMutex);
+    mutex.Lock();
+    const CAddinLibrary library;
+    // Set to 1, taken and given back by the load; the holder has yet to give it back.
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    mutex.Unlock();
+    EXPECT_EQ(StoreSemaphoreValue(), 2);
+}
+
+TEST(AddInLoad, HoldsTheMutexThroughout) {
+    CFakeSystem system(cNow);
+    std::filesystem::create_directory("files");
+    WriteFile(cTable, "damaged");
+    static int value = -1;
+    VXC_SetLogSink([](const std::string&, void*) { value = StoreSemaphoreValue(); }, nullptr);
+    const CAddinLibrary library;
+    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(value, 0);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+// ---- The entry points
+// ------------------------------------------------------------------------------------------------
+
+TEST(EntryPoints, CreateAddInReturnsTheLoadedOneEachTime) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CAddInInterface* const addIn = library.CreateAddIn();
+    EXPECT_NE(addIn, nullptr);
+    EXPECT_EQ(library.CreateAddIn(), addIn);
+    EXPECT_EQ(addIn->name, "libVantrixScheduler.so");
+}
+
+TEST(EntryPoints, DestroyedAddInIsBuiltAnew) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.CreateAddIn());
+    EXPECT_EQ(inside.Instance(), nullptr);
+    EXPECT_EQ(inside.TaskList(), nullptr);
+    EXPECT_EQ(inside.Mutex(), nullptr);
+    EXPECT_EQ(inside.TaskChangedEvent(), nullptr);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+    CSchedulerAddin* const addIn = inside.CreateAddIn();
+    EXPECT_EQ(inside.Instance(), addIn);
+    EXPECT_TRUE(addIn->isLoad());
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(EntryPoints, CreateAddInRunsTheWholeConstructionAgain) {
+    CFakeSystem system(cNow);
+    WriteTable({});
+    const CAddinLibrary library;
+    library.DestroyAddIn(library.CreateAddIn());
+    WriteTable({Task("past", 1, 0), Task("future", cNow + 1, 0)});
+    library.CreateAddIn();
+    EXPECT_EQ(NamesInTable(), "future");
+}
+
+TEST(EntryPoints, DestroyAddInOfNullChangesNothing) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    CSchedulerAddin* const addIn = inside.Instance();
+    inside.DestroyAddIn(nullptr);
+    EXPECT_EQ(inside.Instance(), addIn);
+    EXPECT_NE(inside.TaskList(), nullptr);
+    inside.DestroyAddIn(addIn);
+    inside.DestroyAddIn(nullptr);
+    EXPECT_EQ(inside.Instance(), nullptr);
+}
+
+class COtherAddIn : public CAddInInterface {
+public:
+    explicit COtherAddIn(bool& destroyedFlag)
+        : CAddInInterface("other"), destroyed(destroyedFlag) {}
+    ~COtherAddIn() override { destroyed = true; }
+    void Run() override {}
+    void Load() override {}
+    void Unload() override {}
+    bool isLoad() override { return false; }
+    bool& destroyed;
+};
+
+TEST(EntryPoints, DestroyAddInOfAnotherObjectDeletesItAndKeepsTheRegisteredOne) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CAddInInterface* const addIn = library.CreateAddIn();
+    bool destroyed = false;
+    library.DestroyAddIn(new COtherAddIn(destroyed));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(library.CreateAddIn(), addIn);
+    EXPECT_TRUE(addIn->isLoad());
+}
+
+TEST(EntryPoints, HooksBuildAndDestroyTheOneInstance) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CAddInInterface* const addIn = library.CreateAddIn();
+    library.SharedLibraryConstructor();
+    EXPECT_EQ(library.CreateAddIn(), addIn);
+    library.SharedLibraryDestructor();
+    EXPECT_FALSE(StoreSemaphoreExists());
+    library.SharedLibraryDestructor();
+    library.SharedLibraryConstructor();
+    EXPECT_TRUE(StoreSemaphoreExists());
+}
+
+TEST(EntryPoints, ObjectConstructedDirectlyIsNotRegistered) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    CSchedulerAddin* const direct = inside.NewAddin();
+    EXPECT_FALSE(direct->isLoad());
+    inside.DestroyAddIn(direct);
+    CSchedulerAddin* const registered = inside.CreateAddIn();
+    EXPECT_TRUE(registered->isLoad());
+}
+
+TEST(EntryPoints, SecondDestructionFindsTheSharedObjectsGone) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    CSchedulerAddin* const first = inside.NewAddin();
+    auto* const list = inside.TaskList();
+    CMutex* const mutex = inside.Mutex();
+    CEvent* const event = inside.TaskChangedEvent();
+    CSchedulerAddin* const second = inside.NewAddin();
+    EXPECT_NE(inside.TaskList(), list) << "replaced, the old one is not deleted";
+    inside.DestroyAddIn(second);
+    EXPECT_EQ(inside.TaskList(), nullptr);
+    inside.DestroyAddIn(first);
+    EXPECT_EQ(inside.Mutex(), nullptr);
+    // Nobody owns the first ones any more.
+    delete list;
+    delete event;
+    delete mutex;
+}
+
+// ---- Unloading
+// -----------------------------------------------------------------------------------------------------------
+
+TEST(AddInUnload, UnmapsTheLibraryAndTakesItsSetsOutOfTheSystem) {
+    WriteTable({});
+    for (int round = 0; round < 50; ++round) {
+        CAddinLibrary library;
+        EXPECT_TRUE(CAddinLibrary::IsMapped());
+        library.Create("task", 4'000'000'000, 1);
+        EXPECT_TRUE(library.IsScheduled("task"));
+        library.Tick();
+        library.Unload();
+        ASSERT_FALSE(CAddinLibrary::IsMapped());
+        ASSERT_EQ(CountSemaphoreSets(), 0);
+    }
+}
+
+TEST(AddInUnload, UnmapsTheLibraryAfterItsWorkerRan) {
+    WriteTable({});
+    CAddinLibrary library;
+    library.AddIn().Start();
+    library.AddIn().Stop();
+    library.Unload();
+    EXPECT_FALSE(CAddinLibrary::IsMapped());
+}
+
+TEST(AddInUnload, AfterDestroyAddInDeletesNothingFurther) {
+    WriteTable({});
+    CAddinLibrary library;
+    library.DestroyAddIn(library.CreateAddIn());
+    library.Unload();
+    EXPECT_FALSE(CAddinLibrary::IsMapped());
+}
+
+TEST(AddInUnload, LaterLoadStartsAfresh) {
+    WriteTable({});
+    {
+        CAddinLibrary library;
+        library.Tick();
+        library.Create("task", 4'000'000'000, 1);
+    }
+    CAddinLibrary library;
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    WriteTable({});
+    EXPECT_FALSE(library.IsScheduled("task"))
+        << "nobody is the scheduling thread any more, so the file is read";
+}
+
+TEST(AddInUnload, RemovesTheMutexUnderAnotherUser) {
+    WriteTable({});
+    CMutex other(cMutex);
+    { CAddinLibrary library; }
+    EXPECT_FALSE(other.Lock());
+}
+
+RUN_AGAIN(LoadAndEnd) {
+    static const CAddinLibrary library;
+    if (arguments.at(0) == "at once")
+        _exit(0);
+    return 0;
+}
+
+TEST(AddInUnload, NormalExitOfAProcessRemovesTheMutexAnEndAtOnceDoesNot) {
+    WriteTable({});
+    const CMutex mutex(cMutex);
+    CProgram quick(ThisProgramAs("LoadAndEnd", {"at once"}));
+    EXPECT_EQ(quick.Wait(), 0) << quick.Output();
+    EXPECT_TRUE(StoreSemaphoreExists());
+    CProgram normal(ThisProgramAs("LoadAndEnd", {"normally"}));
+    EXPECT_EQ(normal.Wait(), 0) << normal.Output();
+    EXPECT_FALSE(StoreSemaphoreExists());
+}
+
+RUN_AGAIN(LoadAndReturnWithTheLibraryLoaded) {
+    static_cast<void>(arguments);
+    new CAddinLibrary;  // never unloaded by hand: the exit runs the finaliser
+    return 0;
+}
+
+TEST(AddInUnload, ExitWithTheLibraryLoadedRunsTheFinaliser) {
+    WriteTable({});
+    CProgram program(ThisProgramAs("LoadAndReturnWithTheLibraryLoaded"));
+    EXPECT_EQ(program.Wait(), 0) << program.Output();
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+// ---- Load, Unload, Run
+// ------------------------------------------------------------------------------------------------
+
+TEST(AddInObject, LoadWritesItsLineOncePerCallAndDoesNothingElse) {
+    CFakeSystem system(cNow);
+    WriteTable({});
+    const CAddinLibrary library;
+    CLogCapture log;
+    WriteTable({Task("a", cNow, 1)});
+    const std::string before = ReadFile(cTable);
+    library.AddIn().Load();
+    library.AddIn().Load();
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLoadCalled, cLoadCalled}));
+    EXPECT_EQ(ReadFile(cTable), before);
+    EXPECT_TRUE(library.TaskList()->empty());
+    EXPECT_EQ(library.AddIn().Start(), 0) << "it was not started by Load()";
+    library.AddIn().Stop();
+}
+
+TEST(AddInObject, LoadIsSilentWhileThereIsNoInstance) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    CSchedulerAddin* const direct = inside.NewAddin();
+    CLogCapture log;
+    direct->Load();
+    EXPECT_TRUE(log.Take().empty());
+    inside.DestroyAddIn(direct);
+}
+
+TEST(AddInObject, UnloadEmptiesTheListAndNotTheFile) {
+    WriteTable({Task("a", 4'000'000'000, 1)});
+    const CAddinLibrary library;
+    EXPECT_EQ(library.TaskList()->size(), 1U);
+    library.AddIn().Unload();
+    EXPECT_TRUE(library.TaskList()->empty());
+    EXPECT_EQ(NamesInTable(), "a");
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_TRUE(library.AddIn().isLoad());
+    EXPECT_TRUE(library.IsScheduled("a")) << "the next call reads the file";
+}
+
+TEST(AddInObject, UnloadWaitsForTheMutex) {
+    WriteTable({Task("a", 4'000'000'000, 1)});
+    const CAddinLibrary library;
+    const int id = semget(cStoreKey, 1, 0);
+    sembuf take{0, -1, SEM_UNDO};
+    ASSERT_EQ(semop(id, &take, 1), 0);
+    std::atomic<bool> done{false};
+    std::thread unloader([&] {
+        library.AddIn().Unload();
+        done = true;
+    });
+    WaitUntil([&] { return semctl(id, 0, GETNCNT) == 1; });
+    EXPECT_FALSE(done);
+    EXPECT_EQ(library.TaskList()->size(), 1U);
+    sembuf give{0, 1, SEM_UNDO};
+    semop(id, &give, 1);
+    unloader.join();
+    EXPECT_TRUE(library.TaskList()->empty());
+}
+
+TEST(AddInObject, VirtualOperationsStandInTheirOrder) {
+    CFakeSystem system(cNow);
+    WriteTable({});
+    const CAddinLibrary library;
+    CLogCapture log;
+    CAddInInterface* const object = library.CreateAddIn();
+    void** const table = *reinterpret_cast<void***>(object);
+    const auto call = [&](int slot) {
+        reinterpret_cast<void (*)(CAddInInterface*)>(table[slot])(object);
+    };
+    call(5);
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLoadCalled}));
+    library.Create("a", cNow, 0, "/a");
+    EXPECT_EQ(library.TaskList()->size(), 1U);
+    call(6);
+    EXPECT_TRUE(library.TaskList()->empty());
+    EXPECT_TRUE(reinterpret_cast<bool (*)(CAddInInterface*)>(table[7])(object));
+    call(8);
+    EXPECT_EQ(system.StartedPaths(), "/a");
+    EXPECT_EQ(reinterpret_cast<int (*)(CAddInInterface*)>(table[2])(object), 0);
+    call(4);
+    call(3);  // Run() after a stop returns without a tick
+}
+
+TEST(AddInObject, RunEndsWithoutATickOnceStopped) {
+    CFakeSystem system(cNow);
+    WriteTable({});
+    const CAddinLibrary library;
+    library.AddIn().Start();
+    library.AddIn().Stop();
+    library.Create("a", cNow, 0, "/a");
+    library.AddIn().Run();
+    EXPECT_TRUE(system.starts.empty());
+}
+
+TEST(AddInObject, WorkerTicksAtOnceThenAtEachSignalOfTheStopEventAndStops) {
+    WriteTable({});
+    CAddinLibrary library;
+    CEvent changed(cTaskChanged, true);
+    changed.SetEvent();
+    library.AddIn().Start();
+    WaitUntil([&] { return changed.Wait(0) == 0; });  // the first tick has read the file
+    for (int round = 0; round < 3; ++round) {
+        changed.SetEvent();
+        CEvent(cStopEvent, false).SetEvent();
+        WaitUntil([&] { return changed.Wait(0) == 0; });
+    }
+    library.AddIn().Stop();
+    changed.SetEvent();
+    CEvent(cStopEvent, false).SetEvent();
+    EXPECT_NE(changed.Wait(0), 0);
+}
+
+TEST(AddInObject, WorkerIsTheSchedulingThread) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    EXPECT_EQ(inside.SchedulerThread(), 0U);
+    CSchedulerAddin* const addIn = inside.Instance();
+    addIn->Start();
+    WaitUntil([&] { return inside.SchedulerThread() != 0; });
+    EXPECT_NE(inside.SchedulerThread(), pthread_self());
+    const pthread_t worker = inside.SchedulerThread();
+    addIn->Stop();
+    EXPECT_EQ(inside.SchedulerThread(), worker) << "kept after the thread has ended";
+    inside.DestroyAddIn(addIn);
+    EXPECT_EQ(inside.SchedulerThread(), worker);
+}
+
+static std::atomic<int> gTicks{0};
+static void CountTick(CSchedulerAddin* /*addIn*/) {
+    ++gTicks;
+}
+
+TEST(AddInObject, WorkerTicksOnTheRegisteredInstanceWhicheverObjectsItIs) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    CSchedulerAddin* const direct = inside.NewAddin();
+    auto* const list = inside.TaskList();
+    CMutex* const mutex = inside.Mutex();
+    CEvent* const event = inside.TaskChangedEvent();
+    CSchedulerAddin* const registered = inside.CreateAddIn();
+    // The registered object's tick alone is replaced, in a copy of its table (with the two entries
+    // in front of it).
+    void**& table = *reinterpret_cast<void***>(registered);
+    void** const original = table;
+    std::array<void*, 11> copy;
+    std::copy(original - 2, original + 9, copy.begin());
+    copy[10] = reinterpret_cast<void*>(CountTick);
+    table = copy.data() + 2;
+
+    direct->Start();
+    WaitUntil([] { return gTicks == 1; });
+    direct->Stop();
+    table = original;
+    EXPECT_EQ(inside.SchedulerThread(), 0U) << "nothing else ticked";
+    inside.DestroyAddIn(registered);
+    inside.DestroyAddIn(direct);
+    delete list;
+    delete event;
+    delete mutex;
+}
+
+TEST(AddInObject, StartedTaskIsRunByTheWorker) {
+    CFakeSystem system(cNow);
+    WriteTable({});
+    const CAddinLibrary library;
+    library.Create("a", cNow, 0, "/a");
+    std::atomic<bool> started{false};
+    system.onStart = [&](const CFakeSystem::TStart&) { started = true; };
+    library.AddIn().Start();
+    WaitUntil([&] { return started.load(); });
+    library.AddIn().Stop();
+    EXPECT_EQ(NamesInTable(), "");
+}
+
+// ---- Failures of the construction
+// ----------------------------------------------------------------------------------------
+
+// Something else under an event's key: a set that is too small to be an event.
+static void TakeTheKeyOf(const char* event) {
+    key_t key = 0;
+    {
+        const CEvent opened(event, false);
+        struct semid_ds status {};
+        union {
+            int val;
+            struct semid_ds* buf;
+        } argument{};
+        argument.buf = &status;
+        for (int index = 0; index < 100 && key == 0; ++index) {
+            if (semctl(index, 0, SEM_STAT, argument) != -1)
+                key = status.sem_perm.__key;
+        }
+    }
+    ASSERT_NE(semget(key, 1, IPC_CREAT | 0600), -1);
+}
+
+TEST(AddInFailure, TaskChangedEventThatCannotBeMadePassesToTheCaller) {
+    WriteTable({Task("past", 1, 0)});
+    const std::string before = ReadFile(cTable);
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    WriteFile(cTable, before);
+    TakeTheKeyOf(cTaskChanged);
+    EXPECT_THROW(inside.CreateAddIn(), std::system_error);
+    EXPECT_EQ(inside.Instance(), nullptr);
+    EXPECT_NE(inside.TaskList(), nullptr);
+    EXPECT_NE(inside.Mutex(), nullptr);
+    EXPECT_EQ(inside.TaskChangedEvent(), nullptr);
+    EXPECT_EQ(ReadFile(cTable), before) << "the table was not loaded";
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    delete inside.TaskList();
+    delete inside.Mutex();
+}
+
+TEST(AddInFailure, StopEventThatCannotBeMadeLeavesTicksWithoutAPause) {
+    WriteTable({});
+    TakeTheKeyOf(cStopEvent);
+    const CAddinLibrary library;
+    CEvent changed(cTaskChanged, true);
+    library.AddIn().Start();
+    for (int round = 0; round < 5; ++round) {
+        changed.SetEvent();
+        WaitUntil([&] { return changed.Wait(0) == 0; });
+    }
+    library.AddIn().Stop();
+}
+
+TEST(AddInFailure, ExceptionUnderTheMutexLeavesItHeldUntilTheProcessEnds) {
+    std::filesystem::create_directory("files");
+    CForkedChild child([] {
+        WriteTable({});
+        const CInsideLibrary inside;
+        inside.DestroyAddIn(inside.Instance());
+        WriteFile(cTable, "damaged");
+        VXC_SetLogSink([](const std::string&, void*) { throw std::runtime_error("log"); }, nullptr);
+        try {
+            inside.CreateAddIn();
+        } catch (const std::runtime_error&) {
+            _exit(StoreSemaphoreValue() == 0 && inside.Instance() == nullptr ? 42 : 1);
+        }
+        return 2;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(AddInFailure, MutexThatCannotBeHadEndsTheProcess) {
+    WriteTable({});
+    ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT | 0000), -1);
+    CForkedChild child([] {
+        // The owner passes by every mode: somebody else is needed.
+        if (chmod(".", 0777) != 0 || setuid(65534) != 0)
+            return 0;
+        const CAddinLibrary library;
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), geteuid() == 0 ? 1000 + SIGABRT : 0);
+}

@@ -1,0 +1,220 @@
+// The start of a task's program: what becomes of its path, what the child is given, what is asked,
+// logged and noted.
+
+#include <VXC_Log.h>
+#include <gtest/gtest.h>
+#include <scheduler/Scheduler.h>
+
+#include <cerrno>
+#include <csignal>
+#include <optional>
+#include <stdexcept>
+
+#include "AddinLibrary.h"
+#include "FakeSystem.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+static constexpr time_t cNow = 1'000'000;
+
+class Launcher : public testing::Test {
+protected:
+    void SetUp() override {
+        WriteTable({});
+        library.emplace();
+    }
+
+    // Starts `program` at once and gives back the task as it was then saved.
+    TRow Start(const std::string& program, const std::string& parameters = "parameter") {
+        WriteTable({{"task", cNow + 3600, 77, 1, program, parameters, 0}});
+        library->ExecuteTaskNow("task", true);
+        return ReadTable().at(0);
+    }
+
+    CFakeSystem system{cNow};
+    CLogCapture log;
+    std::optional<CAddinLibrary> library;
+};
+
+struct TTrim {
+    const char* before;
+    const char* after;
+};
+void PrintTo(const TTrim& trim, std::ostream* out) {
+    *out << trim.before;
+}
+
+class LauncherTrim : public Launcher, public testing::WithParamInterface<TTrim> {};
+
+TEST_P(LauncherTrim, CutsTheCharactersOffTheStoredPath) {
+    const auto [before, after] = GetParam();
+    EXPECT_EQ(Start(before).program, after);
+    ASSERT_EQ(system.starts.size(), 1U);
+    EXPECT_EQ(system.starts[0].path, after);
+    EXPECT_EQ(system.starts[0].arguments[0], after);
+}
+
+TEST_P(LauncherTrim, ASecondStartChangesNothingMore) {
+    const auto [before, after] = GetParam();
+    EXPECT_EQ(Start(Start(before).program).program, after);
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, LauncherTrim,
+                         testing::Values(TTrim{"/opt/tools/report.exe", "/opt/tools/report"},
+                                         TTrim{"/opt/tools/report", "/opt/tools/report"},
+                                         TTrim{"/usr/local/bin/update.exe", "/usr/local/bin/updat"},
+                                         TTrim{"tee.exe", "t"}, TTrim{"/bin/true", "/bin/tru"},
+                                         TTrim{"/usr/bin/free", "/usr/bin/fr"},
+                                         TTrim{"./x.exe", "./"}, TTrim{"exe", ""}, TTrim{"", ""},
+                                         TTrim{"...", ""}, TTrim{".exe", ""}, TTrim{"xe.", ""},
+                                         TTrim{"backup.exe", "backup"}, TTrim{"/a.b/c", "/a.b/c"},
+                                         TTrim{"C:\\tools\\run.exe", "C:\\tools\\run"},
+                                         TTrim{"/opt/x.sh/tool", "/opt/x.sh/tool"},
+                                         TTrim{"/opt/tool.", "/opt/tool"},
+                                         TTrim{"/opt/.tool", "/opt/.tool"}, TTrim{"a.exe.exe", "a"},
+                                         TTrim{"/opt/exe/", "/opt/exe/"}));
+
+class LauncherExtension : public Launcher, public testing::WithParamInterface<const char*> {};
+
+TEST_P(LauncherExtension, AbortsTheProcessWithoutAWordInTheLog) {
+    using testing::AllOf, testing::ContainsRegex, testing::HasSubstr, testing::Not;
+    EXPECT_DEATH(
+        {
+            VXC_SetLogSink(nullptr, nullptr);
+            Start(GetParam());
+        },
+        AllOf(ContainsRegex(
+                  "Scheduler\\.cpp:[0-9]+: void Execute\\(TTask\\*&\\): Assertion `false' failed"),
+              Not(HasSubstr(cStartFailed)), Not(HasSubstr(cStillRunning))));
+}
+
+TEST_P(LauncherExtension, NothingIsStartedOrSavedBefore) {
+    CForkedChild child([this] {
+        Start(GetParam());
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 1000 + SIGABRT);
+    EXPECT_EQ(ReadTable().at(0).program, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, LauncherExtension,
+                         testing::Values("script.sh", "C.EXE", "tool.exe2", "/opt/job.py", "a.ex",
+                                         "a.exe.sh", "a. ", "..sh"));
+
+TEST_F(Launcher, ChildIsGivenItsPathAndOneParameterText) {
+    EXPECT_EQ(Start("backup.exe", "-full -quiet").program, "backup");
+    ASSERT_EQ(system.starts.size(), 1U);
+    EXPECT_EQ(system.starts[0].path, "backup");
+    EXPECT_EQ(system.starts[0].arguments, std::vector<std::string>({"backup", "-full -quiet"}));
+    EXPECT_TRUE(system.starts[0].plain);
+}
+
+TEST_F(Launcher, EmptyParameterIsAnEmptyArgumentNotAMissingOne) {
+    Start("/bin/tool", "");
+    EXPECT_EQ(system.starts[0].arguments, std::vector<std::string>({"/bin/tool", ""}));
+}
+
+TEST_F(Launcher, ParameterIsHandedOnByteForByte) {
+    std::string everything;
+    for (int byte = 1; byte < 256; ++byte)
+        everything += static_cast<char>(byte);
+    Start("/bin/tool", everything + std::string(1'000'000, 'p'));
+    EXPECT_EQ(system.starts[0].arguments[1], everything + std::string(1'000'000, 'p'));
+}
+
+TEST_F(Launcher, TextsEndAtAZeroByteForTheChildOnly) {
+    const std::string program("/bin/to\0ol", 10);
+    const std::string parameters("a\0b", 3);
+    const TRow row = Start(program, parameters);
+    EXPECT_EQ(system.starts[0].arguments, std::vector<std::string>({"/bin/to", "a"}));
+    EXPECT_EQ(row.program, program);
+    EXPECT_EQ(row.parameters, parameters);
+}
+
+TEST_F(Launcher, VeryLongPathIsStartedAsItStands) {
+    const std::string program = "/" + std::string(100'000, 'd') + "/" + std::string(1000, 'n');
+    Start(program);
+    EXPECT_EQ(system.starts[0].path, program);
+}
+
+TEST_F(Launcher, RunningChildIsAskedForOnceAndLogged) {
+    system.ended = false;
+    Start("/bin/tool");
+    EXPECT_EQ(system.waits, std::vector<pid_t>({400'001}));
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cStillRunning}));
+}
+
+TEST_F(Launcher, EndedChildIsAskedForOnceAndNotLogged) {
+    system.ended = true;
+    Start("/bin/tool");
+    EXPECT_EQ(system.waits, std::vector<pid_t>({400'001}));
+    EXPECT_EQ(log.Take(), std::vector<std::string>());
+}
+
+TEST_F(Launcher, LastStartIsTakenAfterThePause) {
+    EXPECT_EQ(Start("/bin/tool").last, cNow + 2);
+    EXPECT_EQ(system.sleeps, std::vector<unsigned int>({2}));
+}
+
+TEST_F(Launcher, PauseIsTakenForAnEndedChildToo) {
+    system.ended = true;
+    EXPECT_EQ(Start("/bin/tool").last, cNow + 2);
+    EXPECT_EQ(system.sleeps, std::vector<unsigned int>({2}));
+}
+
+TEST_F(Launcher, FailedStartIsLoggedAndTakesNoPause) {
+    system.startResult = ENOENT;
+    const TRow row = Start("/bin/free");
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
+    EXPECT_TRUE(system.sleeps.empty());
+    EXPECT_TRUE(system.waits.empty());
+    EXPECT_EQ(row.last, 77);
+    EXPECT_EQ(row.program, "/bin/fr") << "the trim stays";
+}
+
+TEST_F(Launcher, EmptyPathFailsToStart) {
+    system.startResult = ENOENT;
+    Start("exe");
+    EXPECT_EQ(system.starts[0].path, "");
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
+}
+
+TEST_F(Launcher, RunsInTheOrderStartAskLogPause) {
+    std::vector<std::string> order;
+    system.onStart = [&](const CFakeSystem::TStart&) { order.push_back("start"); };
+    system.onSleep = [&] {
+        order.push_back("waits " + std::to_string(system.waits.size()));
+        order.push_back("logged " + std::to_string(log.Take().size()));
+        order.push_back("pause");
+    };
+    Start("/bin/tool");
+    EXPECT_EQ(order, std::vector<std::string>({"start", "waits 1", "logged 1", "pause"}));
+}
+
+static void Throw(const std::string& /*message*/, void* /*context*/) {
+    throw std::runtime_error("log");
+}
+
+TEST_F(Launcher, ExceptionOfTheLogPassesOnAndReleasesTheMutex) {
+    WriteTable({{"task", cNow + 3600, 77, 1, "/bin/tool", "", 0}});
+    VXC_SetLogSink(Throw, nullptr);
+    EXPECT_THROW(library->ExecuteTaskNow("task", true), std::runtime_error);
+    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_TRUE(system.sleeps.empty());
+    EXPECT_EQ(ReadTable().at(0).last, 77);
+}
+
+TEST(LauncherForReal, StartsAProgramWithTheEnvironmentAndOneParameter) {
+    WriteTable({});
+    CAddinLibrary library;
+    CLogCapture log;
+    library.Create("task", 4'000'000'000, 1, PROGRAMS "/record-start", "the record");
+    library.ExecuteTaskNow("task", true);
+    WaitUntil([] { return !ReadFile("the record").empty(); });
+    EXPECT_EQ(ReadFile("the record").substr(0, 12), "arguments 2\n");
+    EXPECT_NE(ReadFile("the record").find("argument the record\n"), std::string::npos);
+    EXPECT_GT(ReadTable().at(0).last, 0);
+}

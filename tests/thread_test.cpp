@@ -1,0 +1,319 @@
+// The worker thread and the add-in interface: start, stop, the stop event, and what destruction
+// does.
+
+#include <CEvent.h>
+#include <addin/CAddInInterface.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Process.h"
+#include "StoreSemaphore.h"
+
+static constexpr char cName[] = "a worker";
+
+// ---- Thread calls come through here
+// ------------------------------------------------------------------------------
+
+static std::vector<std::string> gCalls;
+static int gCreateResult = 0;
+static int gDetachState = -1;
+
+template <typename Function>
+static Function* SystemsOwn(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*entry)(void*), void* argument) noexcept {
+    gCalls.emplace_back("create");
+    if (attributes != nullptr)
+        pthread_attr_getdetachstate(attributes, &gDetachState);
+    if (gCreateResult != 0)
+        return gCreateResult;
+    return SystemsOwn<decltype(pthread_create)>("pthread_create")(thread, attributes, entry,
+                                                                  argument);
+}
+
+extern "C" int pthread_join(pthread_t thread, void** result) {
+    gCalls.emplace_back("join");
+    return SystemsOwn<decltype(pthread_join)>("pthread_join")(thread, result);
+}
+
+// ---- A worker
+// --------------------------------------------------------------------------------------------------------
+
+class CWorker : public CThread {
+public:
+    explicit CWorker(const char* name = cName) : CThread(name) {}
+
+    void Run() override {
+        ++runs;
+        body(*this);
+    }
+
+    // Until a stop is requested, waits on the stop event without limit.
+    static void UntilStopped(CWorker& worker) {
+        while (!worker.stopRequested)
+            worker.stopEvent->Wait(-1);
+    }
+
+    using CThread::attr;
+    using CThread::running;
+    using CThread::stopEvent;
+    using CThread::stopRequested;
+    using CThread::thread;
+
+    std::atomic<int> runs{0};
+    std::function<void(CWorker&)> body = UntilStopped;
+};
+
+static std::vector<std::string> TakeCalls() {
+    return std::exchange(gCalls, {});
+}
+using TCalls = std::vector<std::string>;
+
+TEST(Thread, BeginsNeitherRunningNorStoppedWithItsEvent) {
+    const CWorker worker;
+    EXPECT_FALSE(worker.running);
+    EXPECT_FALSE(worker.stopRequested);
+    ASSERT_NE(worker.stopEvent, nullptr);
+    EXPECT_EQ(worker.stopEvent->Wait(0), 0);
+}
+
+TEST(Thread, StopEventIsTheNamedOneAndAutoReset) {
+    const CWorker worker;
+    CEvent(cName, true).SetEvent();
+    EXPECT_NE(worker.stopEvent->Wait(0), 0);
+    EXPECT_EQ(worker.stopEvent->Wait(0), 0);
+}
+
+TEST(Thread, StartRunsTheWorkerJoinable) {
+    CWorker worker;
+    EXPECT_EQ(worker.Start(), 0);
+    EXPECT_TRUE(worker.running);
+    EXPECT_EQ(gDetachState, PTHREAD_CREATE_JOINABLE);
+    WaitUntil([&] { return worker.runs == 1; });
+    worker.Stop();
+    EXPECT_FALSE(worker.running);
+    EXPECT_TRUE(worker.stopRequested);
+}
+
+TEST(Thread, SecondStartReturnsOneAndMakesNoThread) {
+    CWorker worker;
+    worker.Start();
+    EXPECT_EQ(worker.Start(), 1);
+    worker.Stop();
+    EXPECT_EQ(TakeCalls(), TCalls({"create", "join"}));
+    EXPECT_EQ(worker.runs, 1);
+}
+
+TEST(Thread, FailedStartReturnsTheErrorAndIsNotTriedAgain) {
+    CWorker worker;
+    gCreateResult = EAGAIN;
+    EXPECT_EQ(worker.Start(), EAGAIN);
+    EXPECT_TRUE(worker.running);
+    gCreateResult = 0;
+    EXPECT_EQ(worker.Start(), 1);
+    EXPECT_EQ(TakeCalls(), TCalls({"create"}));
+    // Marked running without a thread, it must not be destroyed as such: there is nothing to join.
+    worker.running = false;
+}
+
+TEST(Thread, StopSignalsTheEventAndJoins) {
+    CWorker worker;
+    worker.Start();
+    WaitUntil([&] { return worker.runs == 1; });
+    worker.Stop();
+    EXPECT_EQ(TakeCalls(), TCalls({"create", "join"}));
+}
+
+TEST(Thread, SecondStopDoesNothing) {
+    CWorker worker;
+    worker.Start();
+    worker.Stop();
+    worker.stopEvent->ResetEvent();
+    TakeCalls();
+    worker.Stop();
+    EXPECT_EQ(TakeCalls(), TCalls());
+    EXPECT_EQ(worker.stopEvent->Wait(0), 0);
+}
+
+TEST(Thread, WorkerThatStopsItselfIsNotJoined) {
+    CWorker worker;
+    worker.body = [](CWorker& self) {
+        while (!self.stopRequested)
+            self.Stop();
+    };
+    worker.Start();
+    WaitUntil([&] { return worker.stopRequested && !worker.running; });
+    EXPECT_EQ(TakeCalls(), TCalls({"create"}));
+    EXPECT_NE(worker.stopEvent->Wait(0), 0) << "the event is signalled all the same";
+    pthread_join(worker.thread, nullptr);
+}
+
+TEST(Thread, StartAfterStopRunsAWorkerThatEndsAtOnceAndIsNeverStopped) {
+    CWorker worker;
+    worker.Start();
+    worker.Stop();
+    TakeCalls();
+    EXPECT_EQ(worker.Start(), 0);
+    pthread_join(worker.thread, nullptr);
+    EXPECT_EQ(worker.runs, 2);
+    TakeCalls();
+    worker.Stop();
+    EXPECT_EQ(TakeCalls(), TCalls());
+    EXPECT_TRUE(worker.running);
+}
+
+// Has nothing of its own: the base stops the worker when the derived part is gone.
+class CBareWorker : public CThread {
+public:
+    CBareWorker() : CThread(cName) {}
+    void Run() override {
+        gBareRuns = 1;
+        while (!stopRequested)
+            stopEvent->Wait(-1);
+        gBareRuns = 2;
+    }
+    static inline std::atomic<int> gBareRuns{0};
+};
+
+TEST(Thread, DestructionStopsAndJoinsARunningWorker) {
+    {
+        CBareWorker worker;
+        worker.Start();
+        WaitUntil([] { return CBareWorker::gBareRuns == 1; });
+        TakeCalls();
+    }
+    EXPECT_EQ(CBareWorker::gBareRuns, 2);
+    EXPECT_EQ(TakeCalls(), TCalls({"join"}));
+    EXPECT_EQ(CountSemaphoreSets(), 0) << "the event was not deleted";
+}
+
+TEST(Thread, DestructionOfOneNeverStartedNeitherSignalsNorJoins) {
+    CEvent other(cName, true);
+    { const CWorker worker; }
+    EXPECT_EQ(TakeCalls(), TCalls());
+    EXPECT_EQ(other.Wait(0), 0);
+}
+
+TEST(Thread, DestructionAfterStopDoesNotStopAgain) {
+    CEvent other(cName, true);
+    {
+        CWorker worker;
+        worker.Start();
+        worker.Stop();
+        other.ResetEvent();
+        TakeCalls();
+    }
+    EXPECT_EQ(TakeCalls(), TCalls());
+    EXPECT_EQ(other.Wait(0), 0);
+}
+
+// ---- Without a stop event
+// ------------------------------------------------------------------------------------------------
+
+// Something else under the event's key: a set that is too small to be an event.
+static void TakeTheEventsKey() {
+    key_t key = 0;
+    {
+        const CEvent event(cName, false);
+        struct semid_ds status {};
+        union {
+            int val;
+            struct semid_ds* buf;
+        } argument{};
+        argument.buf = &status;
+        for (int index = 0; index < 100 && key == 0; ++index) {
+            if (semctl(index, 0, SEM_STAT, argument) != -1 && status.sem_nsems == 3)
+                key = status.sem_perm.__key;
+        }
+    }
+    ASSERT_NE(semget(key, 1, IPC_CREAT | 0600), -1);
+}
+
+TEST(Thread, EventThatCannotBeMadeLeavesNullAndIsNotReported) {
+    TakeTheEventsKey();
+    CWorker worker;
+    EXPECT_EQ(worker.stopEvent, nullptr);
+    worker.body = [](CWorker& self) {
+        while (!self.stopRequested)
+            std::this_thread::yield();
+    };
+    EXPECT_EQ(worker.Start(), 0);
+    worker.Stop();
+    EXPECT_FALSE(worker.running);
+}
+
+// ---- The order of the virtual operations
+// ------------------------------------------------------------------------------
+
+TEST(Thread, VirtualOperationsStandInTheirOrder) {
+    CWorker worker;
+    worker.body = [](CWorker&) {};
+    CThread* const object = &worker;
+    void** const table = *reinterpret_cast<void***>(object);
+    // Behind the destructor's two entries.
+    const auto start = reinterpret_cast<int (*)(CThread*)>(table[2]);
+    const auto run = reinterpret_cast<void (*)(CThread*)>(table[3]);
+    const auto stop = reinterpret_cast<void (*)(CThread*)>(table[4]);
+    run(object);
+    EXPECT_EQ(worker.runs, 1);
+    EXPECT_EQ(start(object), 0);
+    EXPECT_EQ(start(object), 1);
+    stop(object);
+    EXPECT_TRUE(worker.stopRequested);
+}
+
+class CPlainAddIn : public CAddInInterface {
+public:
+    explicit CPlainAddIn(const char* addInName) : CAddInInterface(addInName) {}
+    void Run() override { calls += "run "; }
+    void Load() override { calls += "load "; }
+    void Unload() override { calls += "unload "; }
+    bool isLoad() override {
+        calls += "isLoad ";
+        return true;
+    }
+    using CAddInInterface::running;
+    using CAddInInterface::stopRequested;
+    std::string calls;
+};
+
+TEST(AddInInterface, VirtualOperationsStandInTheirOrder) {
+    CPlainAddIn addIn(cName);
+    CAddInInterface* const object = &addIn;
+    void** const table = *reinterpret_cast<void***>(object);
+    reinterpret_cast<void (*)(CAddInInterface*)>(table[3])(object);
+    reinterpret_cast<void (*)(CAddInInterface*)>(table[5])(object);
+    reinterpret_cast<void (*)(CAddInInterface*)>(table[6])(object);
+    EXPECT_TRUE(reinterpret_cast<bool (*)(CAddInInterface*)>(table[7])(object));
+    EXPECT_EQ(addIn.calls, "run load unload isLoad ");
+    EXPECT_EQ(reinterpret_cast<int (*)(CAddInInterface*)>(table[2])(object), 0);
+    reinterpret_cast<void (*)(CAddInInterface*)>(table[4])(object);
+    EXPECT_TRUE(addIn.stopRequested);
+    EXPECT_FALSE(addIn.running);
+}
+
+TEST(AddInInterface, KeepsACopyOfItsName) {
+    char name[] = "first";
+    const CPlainAddIn addIn(name);
+    name[0] = 'X';
+    EXPECT_EQ(addIn.name, "first");
+}
+
+TEST(AddInInterface, IsTheThreadItself) {
+    CPlainAddIn addIn(cName);
+    EXPECT_EQ(static_cast<void*>(static_cast<CThread*>(&addIn)), static_cast<void*>(&addIn));
+}

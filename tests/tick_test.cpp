@@ -1,0 +1,326 @@
+// The tick: what is started, in which order, what is written, and what happens to the walk when the
+// table changes under it.
+
+#include <CEvent.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <scheduler/Scheduler.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+#include "AddinLibrary.h"
+#include "FakeSystem.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
+static constexpr time_t cNow = 1'000'000;
+
+// A task called `name` that starts the program "/name".
+static TRow Task(const std::string& name, std::int64_t next, std::uint32_t period,
+                 std::uint32_t paused = 0) {
+    return {name, next, 0, period, "/" + name, "parameter of " + name, paused};
+}
+
+// The rows are in the table when the tick looks, just as they are: they are put into the file after
+// the load, which would have moved them on, and announced.
+class Tick : public testing::Test {
+protected:
+    void SetUp() override { WriteTable({}); }
+
+    CAddinLibrary& Library() {
+        if (!library)
+            library.emplace();
+        return *library;
+    }
+
+    void Put(const TRows& rows) {
+        Library();
+        WriteTable(rows);
+        changed.SetEvent();
+    }
+
+    std::string TickAndSay() {
+        system.starts.clear();
+        Library().Tick();
+        return system.StartedPaths();
+    }
+
+    CFakeSystem system{cNow};
+    CLogCapture log;
+    CEvent changed{cTaskChanged, true};
+    std::optional<CAddinLibrary> library;
+};
+
+TEST_F(Tick, StartsWhatIsDueAndMovesItOn) {
+    Put({Task("a", cNow - 10, 1), Task("b", cNow + 10, 1)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(ReadTable()[0].next, cNow - 10 + 3600);
+    EXPECT_EQ(ReadTable()[0].last, cNow + 2);
+    EXPECT_EQ(ReadTable()[1], Task("b", cNow + 10, 1));
+}
+
+TEST_F(Tick, EqualTimeIsDue) {
+    Put({Task("a", cNow, 1)});
+    EXPECT_EQ(TickAndSay(), "/a");
+}
+
+TEST_F(Tick, OneSecondLaterWaitsEvenIfTheTickLastsLonger) {
+    Put({Task("a", cNow, 1), Task("b", cNow + 1, 1)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_GT(system.now, cNow + 1);
+    EXPECT_EQ(TickAndSay(), "/b");
+}
+
+TEST_F(Tick, TaskDueAgainAtTheSameSecondRunsAtTheNextTick) {
+    // The start's two seconds bring the clock to the task's next point exactly: it stays due.
+    Put({Task("a", cNow + 2 - 3600, 1)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(ReadTable()[0].next, cNow + 2);
+    EXPECT_EQ(TickAndSay(), "/a");
+}
+
+TEST_F(Tick, PausedTaskIsNeverStartedWhateverTheFlagHolds) {
+    Put({Task("a", cNow - 1, 1, 1), Task("b", cNow - 1, 0, 2),
+         Task("c", INT64_MIN, 1, 0xFFFFFFFF)});
+    EXPECT_EQ(TickAndSay(), "");
+    EXPECT_EQ(NamesInTable(), "a b c");
+}
+
+TEST_F(Tick, EmptyListTestsTheEventAndTakesAndReleasesTheMutex) {
+    Put({});
+    EXPECT_EQ(TickAndSay(), "");
+    EXPECT_EQ(changed.Wait(0), 0);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST_F(Tick, NothingDueDoesNotWriteTheFile) {
+    Put({Task("a", cNow + 100, 1)});
+    TickAndSay();
+    std::filesystem::remove(cTable);
+    TickAndSay();
+    EXPECT_FALSE(std::filesystem::exists(cTable));
+}
+
+TEST_F(Tick, EmptyListDoesNotWriteTheFile) {
+    TickAndSay();
+    std::filesystem::remove(cTable);
+    TickAndSay();
+    EXPECT_FALSE(std::filesystem::exists(cTable));
+}
+
+TEST_F(Tick, WritesOnceAtTheEnd) {
+    Put({Task("a", cNow, 1), Task("b", cNow, 1)});
+    std::string during;
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/b")
+            during = ReadFile(cTable);
+    };
+    EXPECT_EQ(TickAndSay(), "/a /b");
+    EXPECT_EQ(during, BytesOf({Task("a", cNow, 1), Task("b", cNow, 1)}));
+    EXPECT_NE(ReadFile(cTable), during);
+}
+
+TEST_F(Tick, ReadsTheFileOnlyWhenTheEventIsSignalled) {
+    Library();
+    WriteTable({Task("a", cNow, 1)});
+    EXPECT_EQ(TickAndSay(), "");
+    changed.SetEvent();
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(changed.Wait(0), 0);
+}
+
+TEST_F(Tick, FileThatCannotBeReadLeavesTheListAndIsNotReported) {
+    Put({Task("a", cNow + 5, 0)});
+    TickAndSay();
+    std::filesystem::remove(cTable);
+    changed.SetEvent();
+    system.now = cNow + 5;
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(changed.Wait(0), 0);
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+TEST_F(Tick, TaskThatRunsOnceIsStartedRemovedAndTheFileSavedWithoutIt) {
+    Put({Task("a", cNow - 1, 0), Task("b", cNow + 1000, 0)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(NamesInTable(), "b");
+    EXPECT_EQ(TickAndSay(), "");
+}
+
+TEST_F(Tick, OnlyTaskRunsOnce) {
+    Put({Task("a", cNow, 0)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+TEST_F(Tick, OfTwoDueTasksThatRunOnceTheSecondWaitsForTheNextTick) {
+    Put({Task("a", cNow, 0), Task("b", cNow, 0)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(NamesInTable(), "b");
+    EXPECT_EQ(TickAndSay(), "/b");
+    EXPECT_EQ(NamesInTable(), "");
+}
+
+TEST_F(Tick, AfterARemovalTheNewFirstTaskIsPassedOver) {
+    Put({Task("a", cNow, 0), Task("b", cNow, 1)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(TickAndSay(), "/b");
+}
+
+TEST_F(Tick, AfterARemovalTheWalkGoesOnWithTheSecondTask) {
+    Put({Task("x", cNow + 10'000, 1), Task("a", cNow, 0), Task("b", cNow, 1)});
+    EXPECT_EQ(TickAndSay(), "/a /b");
+}
+
+TEST_F(Tick, EventSignalledDuringAStartRestartsTheWalkAtTheSecondTask) {
+    Put({Task("a", cNow, 1), Task("b", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/a")
+            changed.SetEvent();
+    };
+    EXPECT_EQ(TickAndSay(), "/a /b");
+    EXPECT_NE(changed.Wait(0), 0) << "the event is left for the next tick";
+}
+
+TEST_F(Tick, EveryLaterStartSeesTheSignalAgain) {
+    // The jump back after c is what lets b, whose pause is lifted meanwhile, be seen in this very
+    // tick.
+    Put({Task("a", cNow, 1), Task("b", cNow, 1, 1), Task("c", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/a")
+            changed.SetEvent();
+        if (start.path == "/c")
+            (*std::next(Library().TaskList()->begin()))->paused = 0;
+    };
+    EXPECT_EQ(TickAndSay(), "/a /c /b");
+}
+
+TEST_F(Tick, WithoutASignalTheWalkGoesOnFromWhereItIs) {
+    Put({Task("a", cNow, 1), Task("b", cNow, 1, 1), Task("c", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/c")
+            (*std::next(Library().TaskList()->begin()))->paused = 0;
+    };
+    EXPECT_EQ(TickAndSay(), "/a /c");
+}
+
+TEST_F(Tick, ChangeSavedDuringTheWalkIsOverwrittenAndReadBackAtTheNextTick) {
+    Put({Task("a", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart&) {
+        WriteTable({Task("other", cNow + 5000, 1)});
+        changed.SetEvent();
+    };
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(NamesInTable(), "a");
+    system.onStart = nullptr;
+    TickAndSay();
+    EXPECT_EQ(changed.Wait(0), 0);
+    EXPECT_EQ(Library().TaskList()->size(), 1U);
+    EXPECT_EQ(Library().TaskList()->front()->name, "a");
+}
+
+TEST_F(Tick, OfTwoTasksOfANameTheFirstIsRemovedAndTheOneThatRanRunsAgain) {
+    TRow first = Task("same", cNow + 10'000, 0);
+    first.program = "/first";
+    TRow second = Task("same", cNow, 0);
+    second.program = "/second";
+    Put({first, second});
+    EXPECT_EQ(TickAndSay(), "/second");
+    ASSERT_EQ(ReadTable().size(), 1U);
+    EXPECT_EQ(ReadTable()[0].program, "/second");
+    EXPECT_EQ(TickAndSay(), "/second");
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+TEST_F(Tick, FailedStartIsMovedOnOrRemovedLikeAnyOther) {
+    Put({Task("x", cNow + 10'000, 1), Task("first", cNow, 0), Task("second", cNow - 1, 2)});
+    system.startResult = ENOENT;
+    EXPECT_EQ(TickAndSay(), "/first /second");
+    EXPECT_EQ(NamesInTable(), "x second");
+    EXPECT_EQ(ReadTable()[1].next, cNow - 1 + 7200);
+    EXPECT_EQ(ReadTable()[1].last, 0);
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed, cStartFailed}));
+}
+
+TEST_F(Tick, MissedPeriodsAreStartedOnce) {
+    Put({Task("a", cNow - 10 * 3600 - 5, 1)});
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(ReadTable()[0].next, cNow - 5 + 3600);
+    EXPECT_EQ(TickAndSay(), "");
+}
+
+TEST_F(Tick, ReadsTheClockOnceForTheWholeWalk) {
+    Put({Task("a", cNow + 1, 1), Task("b", cNow + 2, 1), Task("c", cNow + 3, 1)});
+    const int before = system.timeReadings;
+    TickAndSay();
+    EXPECT_EQ(system.timeReadings - before, 1);
+    // A start reads it twice more: for the last start and for the next one.
+    system.now = cNow + 1;
+    const int beforeStart = system.timeReadings;
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(system.timeReadings - beforeStart, 3);
+}
+
+TEST_F(Tick, HoldsTheMutexThroughStartAndPause) {
+    Put({Task("a", cNow, 1)});
+    std::vector<int> values;
+    system.onStart = [&](const CFakeSystem::TStart&) { values.push_back(StoreSemaphoreValue()); };
+    system.onSleep = [&] { values.push_back(StoreSemaphoreValue()); };
+    TickAndSay();
+    EXPECT_EQ(values, std::vector<int>({0, 0}));
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST_F(Tick, ExceptionReleasesTheMutexAndSavesNothing) {
+    Put({Task("a", cNow, 1)});
+    system.onStart = [](const CFakeSystem::TStart&) { throw std::runtime_error("start"); };
+    EXPECT_THROW(TickAndSay(), std::runtime_error);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_EQ(ReadTable(), TRows({Task("a", cNow, 1)}));
+}
+
+TEST_F(Tick, ManyDueTasksAreAllStartedInOrder) {
+    TRows rows;
+    std::string expected;
+    for (int index = 0; index < 200; ++index) {
+        rows.push_back(Task("t" + std::to_string(index), cNow, 1));
+        expected += (index == 0 ? "/t" : " /t") + std::to_string(index);
+    }
+    Put(rows);
+    EXPECT_EQ(TickAndSay(), expected);
+    EXPECT_EQ(system.sleeps.size(), 200U);
+}
+
+TEST_F(Tick, SchedulingThreadAnswersFromMemoryAndOthersFromTheFile) {
+    Put({Task("a", cNow + 100, 1)});
+    EXPECT_TRUE(Library().IsScheduled("a"));
+    TickAndSay();
+    WriteTable({});
+    EXPECT_TRUE(Library().IsScheduled("a"));
+    bool elsewhere = true;
+    std::thread([&] { elsewhere = Library().IsScheduled("a"); }).join();
+    EXPECT_FALSE(elsewhere);
+}
+
+TEST_F(Tick, BeforeTheFirstTickEveryThreadReadsTheFile) {
+    Put({Task("a", cNow + 100, 1)});
+    EXPECT_TRUE(Library().IsScheduled("a"));
+    WriteTable({});
+    EXPECT_FALSE(Library().IsScheduled("a"));
+}
+
+TEST_F(Tick, LatestTickingThreadIsTheSchedulingThread) {
+    Put({Task("a", cNow + 100, 1)});
+    TickAndSay();
+    std::thread([&] { Library().Tick(); }).join();
+    WriteTable({});
+    EXPECT_FALSE(Library().IsScheduled("a"));
+}
