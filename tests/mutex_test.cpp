@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -31,11 +32,17 @@ static constexpr char cName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
 // ---- The system calls of the mutex come through here
 // ----------------------------------------------------------
 
+static std::mutex gCallsMutex;
 static std::vector<std::string> gCalls;
 static int gFailGet = 0;  // which semget fails, counted from 1
 static int gFailError = 0;
 static bool gFailControl = false;
-static int gErrnoSeen = -1;
+static std::atomic<int> gErrnoSeen{-1};
+
+static void Record(const std::string& call) {
+    const std::lock_guard<std::mutex> lock(gCallsMutex);
+    gCalls.push_back(call);
+}
 
 template <typename Function>
 static Function* SystemsOwn(const char* name) {
@@ -44,8 +51,8 @@ static Function* SystemsOwn(const char* name) {
 
 extern "C" int semget(key_t key, int count, int flags) noexcept {
     static int calls = 0;
-    gCalls.push_back("semget " + std::to_string(static_cast<unsigned int>(key)) + ' ' +
-                     std::to_string(count) + ' ' + std::to_string(flags));
+    Record("semget " + std::to_string(static_cast<unsigned int>(key)) + ' ' +
+           std::to_string(count) + ' ' + std::to_string(flags));
     if (gFailGet > 0 && ++calls == gFailGet) {
         errno = gFailError;
         return -1;
@@ -59,10 +66,10 @@ extern "C" int semctl(int id, int number, int command, ...) noexcept {
     const long argument = va_arg(rest, long);
     va_end(rest);
     if (command == SETVAL)
-        gCalls.push_back("setval " + std::to_string(number) + ' ' +
-                         std::to_string(static_cast<int>(argument)));
+        Record("setval " + std::to_string(number) + ' ' +
+               std::to_string(static_cast<int>(argument)));
     else if (command == IPC_RMID)
-        gCalls.push_back("remove");
+        Record("remove");
     if (command == SETVAL && gFailControl) {
         errno = EACCES;
         return -1;
@@ -81,15 +88,15 @@ static std::string Describe(const sembuf* operations, std::size_t count) {
 
 extern "C" int semop(int id, sembuf* operations, std::size_t count) noexcept {
     gErrnoSeen = errno;
-    gCalls.push_back("semop " + Describe(operations, count));
+    Record("semop " + Describe(operations, count));
     return SystemsOwn<int(int, sembuf*, std::size_t) noexcept>("semop")(id, operations, count);
 }
 
 extern "C" int semtimedop(int id, sembuf* operations, std::size_t count,
                           const timespec* time) noexcept {
     gErrnoSeen = errno;
-    gCalls.push_back("semtimedop " + Describe(operations, count) + ' ' +
-                     std::to_string(time->tv_sec) + ' ' + std::to_string(time->tv_nsec));
+    Record("semtimedop " + Describe(operations, count) + ' ' + std::to_string(time->tv_sec) + ' ' +
+           std::to_string(time->tv_nsec));
     return SystemsOwn<int(int, sembuf*, std::size_t, const timespec*) noexcept>("semtimedop")(
         id, operations, count, time);
 }

@@ -31,8 +31,7 @@ static void Require(bool condition, const char* what) {
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     Require(unshare(CLONE_NEWIPC) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0,
             "no namespace");
-    Require(mkdir("files", 0755) == 0,
-            "no directory");
+    Require(mkdir("files", 0755) == 0, "no directory");
     VXC_SetLogSink(Ignore, nullptr);
     void* const library = dlopen(INSIDE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     Require(library != nullptr, "no library");

@@ -1,7 +1,10 @@
 #include "Process.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -137,6 +140,15 @@ int RunRole(int argc, char** argv) {
 void WaitUntil(const std::function<bool()>& condition) {
     while (!condition())
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+bool DropCapabilities() {
+    // From the bounding set as well, or root would have them back with the next program.
+    for (unsigned long capability = 0; capability <= CAP_LAST_CAP; ++capability)
+        prctl(PR_CAPBSET_DROP, capability);
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
+    return syscall(SYS_capset, &header, none) == 0;
 }
 
 std::string ReadFile(const std::string& path) {

@@ -71,5 +71,9 @@ int RunRole(int argc, char** argv);
 // time-out of the test ends what never happens.
 void WaitUntil(const std::function<bool()>& condition);
 
+// Gives up what root may beyond others: modes of files and semaphores then hold for this process,
+// whoever runs it.
+bool DropCapabilities();
+
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);

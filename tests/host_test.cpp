@@ -1,0 +1,410 @@
+// vxschedd, a real process with real programs: what it starts, reports, refuses, and how it ends.
+
+#include <CEvent.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <scheduler/Scheduler.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "AddinLibrary.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+static void Wake() {
+    CEvent("libVantrixScheduler.so", false).SetEvent();
+}
+
+// A client: loads the library, creates a task that is due now, and ends without taking the mutex
+// away.
+RUN_AGAIN(CreateDueTask) {
+    const CAddinLibrary library;
+    library.Create(arguments.at(0).c_str(), std::time(nullptr), 0, arguments.at(1).c_str(),
+                   arguments.at(2).c_str());
+    Wake();
+    _exit(0);
+}
+
+// The tick saves the table when all its starts are made. A client that came earlier would not be
+// kept waiting: its load sets the mutex free, and the tick's save would go over its change.
+static void WaitForTheTicksEnd() {
+    WaitUntil([] { return ReadFile(cTable) == BytesOf({}); });
+}
+
+static void CreateDue(const std::string& name, const std::string& program,
+                      const std::string& parameter) {
+    CProgram client(ThisProgramAs("CreateDueTask", {name, program, parameter}));
+    EXPECT_EQ(client.Wait(), 0) << client.Output();
+}
+
+// Makes ready what a careless parent may leave to a host, then becomes the host.
+RUN_AGAIN(HostWithABurden) {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE, SIGHUP, SIGUSR1, SIGXFSZ})
+        std::signal(number, SIG_IGN);
+    const int descriptor = open("/dev/null", O_RDONLY);
+    dup2(descriptor, 40);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    static_cast<void>(arguments);
+    return 1;
+}
+
+RUN_AGAIN(HostWithASizeLimit) {
+    const rlimit limit{.rlim_cur = std::stoul(arguments.at(0)), .rlim_max = RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    return 1;
+}
+
+RUN_AGAIN(HostWithoutStandardError) {
+    close(STDERR_FILENO);
+    close(STDIN_FILENO);
+    static_cast<void>(arguments);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    return 1;
+}
+
+class CHost : public CProgram {
+public:
+    explicit CHost(const std::vector<std::string>& command = {HOST_PROGRAM, "--directory", "."})
+        : CProgram(command) {
+        EXPECT_TRUE(WaitForOutput(" as process ")) << Output();
+    }
+
+    int Stop(int signal = SIGTERM) {
+        Kill(signal);
+        return Wait();
+    }
+
+    std::size_t CountInOutput(const std::string& text) const {
+        std::size_t count = 0;
+        for (std::size_t position = 0;
+             (position = Output().find(text, position)) != std::string::npos; ++position)
+            ++count;
+        return count;
+    }
+
+    std::string Status(const std::string& field) const {
+        std::istringstream lines(ReadFile("/proc/" + std::to_string(Id()) + "/status"));
+        for (std::string line; std::getline(lines, line);) {
+            if (line.starts_with(field + ":\t"))
+                return line.substr(field.size() + 2);
+        }
+        return "";
+    }
+
+    // Its children that have ended and were not collected.
+    int CountZombies() const {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+            if (entry.path().filename().string().find_first_not_of("0123456789") !=
+                std::string::npos)
+                continue;
+            const std::string stat = ReadFile(entry.path().string() + "/stat");
+            if (stat.find(") Z " + std::to_string(Id()) + ' ') != std::string::npos)
+                ++count;
+        }
+        return count;
+    }
+};
+
+static std::vector<std::string> Lines(const std::string& path) {
+    WaitUntil([&] { return std::filesystem::exists(path); });
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+static const std::string cRecorder = PROGRAMS "/record-start";
+static const std::vector<std::string> cCleanStart = {
+    "arguments 2",         "argument " PROGRAMS "/record-start",
+    "argument the record", "descriptor 0",
+    "descriptor 1",        "descriptor 2"};
+
+// ---- A run, from end to end
+// ------------------------------------------------------------------------------------------------
+
+TEST(Host, RunsATaskThatAnotherProcessCreatedAndReportsItsEnd) {
+    CHost host;
+    CreateDue("task", cRecorder, "the record");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(Lines("the record"), cCleanStart);
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("started process"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("exited with status 0"), 1U) << host.Output();
+    EXPECT_NE(host.Output().find(": " + cRecorder + " \"the record\""), std::string::npos);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+TEST(Host, ProgramsInheritNothingOfTheHostsBurden) {
+    CHost host(ThisProgramAs("HostWithABurden"));
+    CreateDue("task", cRecorder, "the record");
+    EXPECT_EQ(Lines("the record"), cCleanStart);
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.Stop(SIGINT), 0) << "a stop that its parent ignored is heard all the same";
+}
+
+TEST(Host, EveryEndIsReportedOnceAndNoChildIsLeftUncollected) {
+    CHost host;
+    CreateDue("fails", PROGRAMS "/end-with", "status 3");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 3")) << host.Output();
+    WaitForTheTicksEnd();
+    CreateDue("killed", PROGRAMS "/end-with", "signal 9");
+    EXPECT_TRUE(host.WaitForOutput("was killed by signal 9 (KILL)")) << host.Output();
+    WaitForTheTicksEnd();
+    CreateDue("missing", "/no/such/program/at-all", "");
+    EXPECT_TRUE(
+        host.WaitForOutput("cannot start /no/such/program/at-all: No such file or directory"))
+        << host.Output();
+    EXPECT_TRUE(host.WaitForOutput(cStartFailed)) << host.Output();
+    EXPECT_EQ(host.CountZombies(), 0);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("exited with"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("was killed"), 1U) << host.Output();
+}
+
+TEST(Host, LongRunningProgramIsLeftRunningAndNamed) {
+    std::optional<CHost> host(std::in_place);
+    CreateDue("long", PROGRAMS "/wait-for-it", "end it");
+    EXPECT_TRUE(host->WaitForOutput(cStillRunning)) << host->Output();
+    EXPECT_EQ(host->Stop(), 0);
+    EXPECT_EQ(host->CountInOutput("leaving 1 started program(s) running"), 1U) << host->Output();
+    EXPECT_EQ(host->CountInOutput("exited with"), 0U);
+    WriteFile("end it", "");
+    WaitUntil([] { return std::filesystem::exists("end it.seen"); });
+}
+
+TEST(Host, EndsOfALongRunningProgramIsReportedWhenItComes) {
+    CHost host;
+    CreateDue("long", PROGRAMS "/wait-for-it", "end it");
+    EXPECT_TRUE(host.WaitForOutput(cStillRunning)) << host.Output();
+    WriteFile("end it", "");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.CountZombies(), 0);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(Host, UnusualExtensionEndsTheHost) {
+    CHost host;
+    CreateDue("script", "/opt/script.sh", "");
+    EXPECT_EQ(host.Wait(), 1000 + SIGABRT);
+    EXPECT_NE(host.Output().find("scheduler/Scheduler.cpp:"), std::string::npos) << host.Output();
+    EXPECT_NE(host.Output().find("void Execute(TTask*&): Assertion `false' failed."),
+              std::string::npos);
+}
+
+// ---- Stopping
+// -------------------------------------------------------------------------------------------------------------------
+
+class HostStop : public testing::TestWithParam<int> {};
+
+TEST_P(HostStop, IsCleanAndLeavesNothing) {
+    CHost host;
+    EXPECT_EQ(host.Stop(GetParam()), 0);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+    EXPECT_EQ(ReadTable(), TRows());
+    EXPECT_EQ(host.CountInOutput(cLoadCalled), 0U);
+    EXPECT_TRUE(host.Output().ends_with("vxschedd: stopped\n")) << host.Output();
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, HostStop, testing::Values(SIGTERM, SIGINT));
+
+TEST(Host, StopDuringATickWaitsForItsEnd) {
+    CHost host;
+    CreateDue("task", cRecorder, "the record");
+    Lines("the record");
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadTable(), TRows()) << "the tick has saved the table without the task";
+}
+
+TEST(Host, ManySignalsAtOnceAreOneStop) {
+    CHost host;
+    for (int round = 0; round < 50; ++round) {
+        host.Kill(SIGCHLD);
+        host.Kill(SIGPIPE);
+        host.Kill(SIGXFSZ);
+    }
+    Wake();
+    for (int round = 0; round < 50; ++round) {
+        host.Kill(SIGTERM);
+        host.Kill(SIGINT);
+    }
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+    EXPECT_EQ(host.CountInOutput("stopping on"), 1U);
+}
+
+// A handler could run on the worker; where there is none, none can. (The C library's own two begin
+// at 32.)
+TEST(Host, HasNoSignalHandlerAndIgnoresNothing) {
+    const CHost host;
+    EXPECT_EQ(std::stoul(host.Status("SigCgt"), nullptr, 16) & 0x7FFFFFFF, 0U);
+    EXPECT_EQ(std::stoul(host.Status("SigIgn"), nullptr, 16), 0U);
+}
+
+TEST(Host, OwnDescriptorsAreClosedInEveryOtherProgram) {
+    const CHost host;
+    const std::string folder = "/proc/" + std::to_string(host.Id());
+    std::string found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder + "/fd")) {
+        const std::string target = std::filesystem::read_symlink(entry.path()).filename();
+        if (target != "anon_inode:[signalfd]" && target != "anon_inode:[eventfd]" &&
+            target != "vxschedd.lock")
+            continue;
+        found += target + ' ';
+        std::istringstream info(ReadFile(folder + "/fdinfo/" + entry.path().filename().string()));
+        std::string word;
+        while (info >> word && word != "flags:") {
+        }
+        info >> word;
+        EXPECT_NE(std::stoul(word, nullptr, 8) & O_CLOEXEC, 0U) << target;
+    }
+    EXPECT_EQ(found, "anon_inode:[signalfd] vxschedd.lock anon_inode:[eventfd] ");
+}
+
+// ---- One host per directory
+// ---------------------------------------------------------------------------------------------------
+
+TEST(Host, SecondOneInADirectoryIsRefusedAndTheFirstUnharmed) {
+    CHost first;
+    CProgram second({HOST_PROGRAM, "--directory", "."});
+    EXPECT_EQ(second.Wait(), 4);
+    EXPECT_NE(
+        second.Output().find("another host runs in . (process " + std::to_string(first.Id()) + ")"),
+        std::string::npos)
+        << second.Output();
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_EQ(first.Stop(), 0);
+    CHost third;
+    EXPECT_EQ(third.Stop(), 0);
+}
+
+TEST(Host, KilledOneDoesNotKeepTheNextOut) {
+    {
+        CHost killed;
+        EXPECT_EQ(killed.Stop(SIGKILL), 1000 + SIGKILL);
+    }
+    CHost next;
+    EXPECT_EQ(next.Stop(), 0);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+// ---- Faults
+// -----------------------------------------------------------------------------------------------------------------------
+
+TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
+    WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", std::string(1000, 'p'), 0}});
+    CHost host(ThisProgramAs("HostWithASizeLimit", {"500"}));
+    EXPECT_NE(host.Output().find(cWritingFailed), std::string::npos) << host.Output();
+    EXPECT_NE(host.Output().find("the add-in reports TasksDeleted = 1"), std::string::npos);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(Host, DamagedTableIsReported) {
+    std::filesystem::create_directory("files");
+    WriteFile(cTable, "damaged");
+    CHost host;
+    EXPECT_NE(host.Output().find(cReadingFailed), std::string::npos) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(Host, StartedWithoutStandardErrorItKeepsItsLogOutOfTheTable) {
+    CProgram host(ThisProgramAs("HostWithoutStandardError"));
+    WaitUntil([] { return ReadFile(cTable) == BytesOf({}) && StoreSemaphoreValue() == 1; });
+    CreateDue("task", cRecorder, "the record");
+    EXPECT_EQ(Lines("the record"), cCleanStart);
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+// ---- The command line
+// ---------------------------------------------------------------------------------------------------------
+
+struct TCommandLine {
+    std::vector<std::string> arguments;
+    int status;
+    const char* message;
+};
+void PrintTo(const TCommandLine& line, std::ostream* out) {
+    for (const std::string& argument : line.arguments)
+        *out << argument << ' ';
+}
+
+class HostCommandLine : public testing::TestWithParam<TCommandLine> {};
+
+TEST_P(HostCommandLine, IsAnsweredWithAStatusAndAMessage) {
+    WriteFile("a file", "");
+    std::filesystem::create_directory("a folder");
+    std::vector<std::string> command{HOST_PROGRAM};
+    command.insert(command.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+    CProgram host(command);
+    EXPECT_EQ(host.Wait(), GetParam().status);
+    EXPECT_NE(host.Output().find(GetParam().message), std::string::npos) << host.Output();
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, HostCommandLine,
+    testing::Values(
+        TCommandLine{{"--help"}, 0, "--directory"}, TCommandLine{{"--version"}, 0, "vxschedd "},
+        TCommandLine{{}, 2, "--directory is required"},
+        TCommandLine{{"--directory"}, 2, "--directory"},
+        TCommandLine{{"--directory", ".", "--unknown"}, 2, "--unknown"},
+        TCommandLine{
+            {"--directory", "no folder"}, 3, "cannot work in no folder: No such file or directory"},
+        TCommandLine{{"--directory", "a file"}, 3, "cannot work in a file: Not a directory"},
+        TCommandLine{{"--directory", "a folder", "--addin", "/no/add-in"},
+                     5,
+                     "cannot load the add-in /no/add-in"},
+        TCommandLine{
+            {"--directory", "a folder", "--addin", SUPPORT_LIBRARY}, 5, "is not an add-in"}));
+
+RUN_AGAIN(HostWithoutCapabilities) {
+    if (!DropCapabilities())
+        return 1;
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", arguments.at(0).c_str(),
+          static_cast<char*>(nullptr));
+    return 1;
+}
+
+TEST(Host, DirectoryThatMayNotBeWrittenIsRefused) {
+    std::filesystem::create_directory("closed");
+    ASSERT_EQ(chmod("closed", 0555), 0);
+    CProgram host(ThisProgramAs("HostWithoutCapabilities", {"closed"}));
+    EXPECT_EQ(host.Wait(), 3);
+    EXPECT_NE(host.Output().find("cannot create closed/files: Permission denied"),
+              std::string::npos)
+        << host.Output();
+    std::filesystem::permissions("closed", std::filesystem::perms::owner_all);
+    std::filesystem::create_directory("closed/files");
+    ASSERT_EQ(chmod("closed/files", 0555), 0);
+    CProgram other(ThisProgramAs("HostWithoutCapabilities", {"closed"}));
+    EXPECT_EQ(other.Wait(), 3);
+    EXPECT_NE(other.Output().find("cannot open closed/files/vxschedd.lock: Permission denied"),
+              std::string::npos)
+        << other.Output();
+    std::filesystem::permissions("closed/files", std::filesystem::perms::owner_all);
+}
+
+TEST(Host, FindsTheAddInBesideItself) {
+    CHost host;
+    EXPECT_NE(ReadFile("/proc/" + std::to_string(host.Id()) + "/maps").find(ADDIN_LIBRARY),
+              std::string::npos);
+}

@@ -1,0 +1,368 @@
+// Buffered files: what is on disk, how many calls it takes, and what each failure leads to.
+
+#include <COpen.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "Process.h"
+
+static constexpr char cPath[] = "a file";
+
+// ---- The system calls on the file come through here
+// -------------------------------------------------------------------
+
+struct TPlan {
+    int calls = 0;
+    std::size_t most = SIZE_MAX;  // bytes that one call moves
+    int interruptions = 0;        // EINTR so many times first
+    int failAt = 0;               // the call, counted from 1, that fails
+    int error = EIO;
+};
+static TPlan gReads;
+static TPlan gWrites;
+static TPlan gCloses;
+
+template <typename Function>
+static Function* SystemsOwn(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+static bool IsTheFile(int descriptor) {
+    char path[4096];
+    const ssize_t length =
+        readlink(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), path, sizeof path);
+    return length > 0 && std::string(path, static_cast<std::size_t>(length)).ends_with(cPath);
+}
+
+// Whether the call fails; otherwise `size` is cut down to the plan's.
+static bool Follow(TPlan& plan, std::size_t& size) {
+    ++plan.calls;
+    if (plan.interruptions > 0) {
+        --plan.interruptions;
+        errno = EINTR;
+        return true;
+    }
+    if (plan.calls == plan.failAt) {
+        errno = plan.error;
+        return true;
+    }
+    size = std::min(size, plan.most);
+    return false;
+}
+
+extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
+    if (IsTheFile(descriptor) && Follow(gReads, size))
+        return -1;
+    return SystemsOwn<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
+}
+
+extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
+    if (IsTheFile(descriptor) && Follow(gWrites, size))
+        return -1;
+    return SystemsOwn<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer, size);
+}
+
+extern "C" int close(int descriptor) {
+    std::size_t ignored = 0;
+    const bool fails = IsTheFile(descriptor) && Follow(gCloses, ignored);
+    const int error = errno;
+    const int result = SystemsOwn<int(int)>("close")(descriptor);
+    if (!fails)
+        return result;
+    errno = error;
+    return -1;
+}
+
+template <typename Call>
+static void ExpectError(const Call& call, const std::string& operation, int error) {
+    try {
+        call();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::system_error& caught) {
+        EXPECT_EQ(caught.code().value(), error) << caught.what();
+        EXPECT_EQ(std::string(caught.what()).substr(0, operation.size() + 1 + std::strlen(cPath)),
+                  operation + ' ' + cPath);
+    }
+}
+
+static COpen ForWriting() {
+    return COpen(cPath, O_RDWR | O_CREAT | O_TRUNC, 0644);
+}
+static COpen ForReading() {
+    return COpen(cPath, O_RDONLY, 0);
+}
+
+// ---- Opening
+// -----------------------------------------------------------------------------------------------------------
+
+TEST(Open, FlagsAndModeAreThoseOfTheCall) {
+    umask(022);
+    ForWriting();
+    struct stat status {};
+    ASSERT_EQ(::stat(cPath, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
+    WriteFile(cPath, "content");
+    { const COpen kept(cPath, O_RDWR, 0644); }
+    EXPECT_EQ(ReadFile(cPath), "content");
+    { const COpen cut(cPath, O_RDWR | O_TRUNC, 0644); }
+    EXPECT_EQ(ReadFile(cPath), "");
+    EXPECT_FALSE(COpen(cPath, O_RDWR | O_CREAT | O_EXCL, 0644).IsValid());
+}
+
+TEST(Open, WhatCannotBeOpenedIsNotValidAndSaysWhyInErrno) {
+    errno = 0;
+    EXPECT_FALSE(COpen(cPath, O_RDWR, 0644).IsValid());
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(COpen(".", O_RDWR, 0644).IsValid());
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_FALSE(COpen("no folder/file", O_RDWR | O_CREAT, 0644).IsValid());
+}
+
+TEST(Open, NotInheritedByStartedPrograms) {
+    const int lowest = open("/dev/null", O_RDONLY);
+    close(lowest);
+    const COpen file = ForWriting();
+    EXPECT_EQ(fcntl(lowest, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST(Open, TransfersOnAFileThatIsNotOpenThrow) {
+    COpen never(cPath, O_RDWR, 0);
+    ExpectError([&] { never.Write("a", 1); }, "write", EBADF);
+    ExpectError([&] { never.ReadUnsigned(); }, "read", EBADF);
+    EXPECT_EQ(never.Close(), 0U);
+    COpen closed = ForWriting();
+    closed.Close();
+    EXPECT_FALSE(closed.IsValid());
+    ExpectError([&] { closed.WriteUnsigned(1); }, "write", EBADF);
+}
+
+// ---- What is on disk
+// -----------------------------------------------------------------------------------------------------
+
+TEST(Open, ValuesAndTextsAreTheseBytes) {
+    COpen file = ForWriting();
+    file.WriteUnsigned(0x01020304);
+    file.WriteString("text");
+    file.WriteString("");
+    file.Write("raw", 3);
+    EXPECT_EQ(file.Close(), 4U + 8 + 4 + 3);
+    EXPECT_EQ(ReadFile(cPath), std::string("\x04\x03\x02\x01\x04\0\0\0text\0\0\0\0raw", 19));
+}
+
+class OpenTexts : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(OpenTexts, ComeBackByteForByte) {
+    std::string text;
+    for (std::size_t index = 0; index < GetParam(); ++index)
+        text += static_cast<char>(index * 7 + index / 256);
+    COpen out = ForWriting();
+    out.WriteString(text);
+    out.WriteUnsigned(4294967295);
+    out.Close();
+    COpen in = ForReading();
+    std::string read = "something before";
+    in.ReadString(read);
+    EXPECT_EQ(read, text);
+    EXPECT_EQ(in.ReadUnsigned(), 4294967295U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, OpenTexts,
+                         testing::Values(0, 1, 256, 65531, 65532, 65533, 65535, 65536, 65537,
+                                         131072, 1 << 20));
+
+TEST(Open, OrdinaryTableTakesOneWriteAndOneRead) {
+    COpen out = ForWriting();
+    for (int index = 0; index < 500; ++index)
+        out.WriteString("a text of some length, as a task has it");
+    out.Close();
+    EXPECT_EQ(gWrites.calls, 1);
+    COpen in = ForReading();
+    std::string text;
+    for (int index = 0; index < 500; ++index)
+        in.ReadString(text);
+    in.Close();
+    EXPECT_EQ(gReads.calls, 1);
+}
+
+TEST(Open, PartialAndInterruptedTransfersAreCarriedOn) {
+    gWrites.most = 3;
+    gWrites.interruptions = 2;
+    COpen out = ForWriting();
+    out.WriteString("a text of some length");
+    out.Close();
+    EXPECT_EQ(gWrites.calls, 2 + 9);
+    gReads.most = 1;
+    gReads.interruptions = 3;
+    COpen in = ForReading();
+    std::string text;
+    in.ReadString(text);
+    EXPECT_EQ(text, "a text of some length");
+    EXPECT_EQ(gReads.calls, 3 + 25);
+}
+
+TEST(Open, ReadingAndWritingOneFileKeepTheirPlace) {
+    WriteFile(cPath, "0123456789");
+    COpen file(cPath, O_RDWR, 0);
+    char two[2];
+    file.Read(two, 2);
+    file.Write("AB", 2);
+    file.Read(two, 2);
+    EXPECT_EQ(std::string(two, 2), "45");
+    file.Write("C", 1);
+    file.Close();
+    EXPECT_EQ(ReadFile(cPath), "01AB45C789");
+}
+
+TEST(Open, TwoWayChannelHasNoPlaceToKeep) {
+    ASSERT_EQ(mkfifo(cPath, 0600), 0);
+    COpen file(cPath, O_RDWR, 0);
+    file.Write("abcdef", 6);
+    char two[2];
+    file.Read(two, 2);
+    EXPECT_EQ(std::string(two, 2), "ab");
+    file.Write("gh", 2);
+    EXPECT_EQ(file.Close(), 2U);
+}
+
+// ---- Failures
+// ---------------------------------------------------------------------------------------------------------------
+
+TEST(Open, EndOfTheFileIsAnError) {
+    WriteFile(cPath, "abc");
+    COpen file = ForReading();
+    char bytes[4];
+    ExpectError([&] { file.Read(bytes, 4); }, "read", ENODATA);
+    ExpectError([&] { ForReading().ReadUnsigned(); }, "read", ENODATA);
+    WriteFile(cPath, "");
+    ExpectError([&] { ForReading().Read(bytes, 1); }, "read", ENODATA);
+    EXPECT_NO_THROW(ForReading().Read(bytes, 0));
+}
+
+TEST(Open, TextBeyondTheFileThrowsBeforeAnythingIsAllocatedAndLeavesTheText) {
+    WriteFile(cPath, "\xff\xff\xff\xff only this");
+    COpen file = ForReading();
+    std::string text = "as it was";
+    ExpectError([&] { file.ReadString(text); }, "read", ENODATA);
+    EXPECT_EQ(text, "as it was");
+    // By one byte only.
+    WriteFile(cPath, std::string("\x05\0\0\0abcd", 8));
+    ExpectError([&] { ForReading().ReadString(text); }, "read", ENODATA);
+    WriteFile(cPath, std::string("\x05\0\0\0abcde", 9));
+    ForReading().ReadString(text);
+    EXPECT_EQ(text, "abcde");
+}
+
+TEST(Open, TextThatSpansBlocksIsMeasuredAgainstTheRestOfTheFile) {
+    const std::string content = std::string(70'000, 'x');
+    COpen out = ForWriting();
+    out.WriteString(content);
+    out.Close();
+    std::filesystem::resize_file(cPath, 70'003);
+    std::string text = "as it was";
+    ExpectError([&] { ForReading().ReadString(text); }, "read", ENODATA);
+    EXPECT_EQ(gReads.calls, 1) << "nothing more was read";
+    EXPECT_EQ(text, "as it was");
+}
+
+TEST(Open, TextOfAChannelIsReadAsItComes) {
+    ASSERT_EQ(mkfifo(cPath, 0600), 0);
+    const std::string content(200'000, 'x');
+    std::thread writer([&] {
+        COpen out(cPath, O_WRONLY, 0);
+        out.WriteString(content);
+        out.WriteUnsigned(4294967295);
+        out.Close();
+    });
+    COpen in(cPath, O_RDONLY, 0);
+    std::string text;
+    in.ReadString(text);
+    EXPECT_EQ(text, content);
+    // Then a text of four gibibytes is announced, and nothing follows.
+    ExpectError([&] { in.ReadString(text); }, "read", ENODATA);
+    EXPECT_EQ(text, content);
+    writer.join();
+}
+
+TEST(Open, NegativeLengthsAreRefused) {
+    COpen file = ForWriting();
+    char byte = 0;
+    ExpectError([&] { file.Read(&byte, -1); }, "read", EINVAL);
+    ExpectError([&] { file.Write(&byte, -1); }, "write", EINVAL);
+}
+
+TEST(Open, FailedReadSaysWhatAndWhy) {
+    WriteFile(cPath, "abc");
+    gReads.failAt = 1;
+    char byte = 0;
+    COpen file = ForReading();
+    ExpectError([&] { file.Read(&byte, 1); }, "read", EIO);
+    file.Read(&byte, 1);
+    EXPECT_EQ(byte, 'a') << "the file is as it was";
+}
+
+TEST(Open, FailedWriteShowsInCloseWhichClosesAllTheSame) {
+    gWrites.failAt = 1;
+    gWrites.error = ENOSPC;
+    COpen file = ForWriting();
+    file.Write("abc", 3);
+    ExpectError([&] { file.Close(); }, "write", ENOSPC);
+    EXPECT_FALSE(file.IsValid());
+    EXPECT_EQ(gCloses.calls, 1);
+    EXPECT_EQ(file.Close(), 0U);
+}
+
+TEST(Open, FailedWriteIsNotTriedAgainByTheDestructor) {
+    gWrites.failAt = 1;
+    {
+        COpen file = ForWriting();
+        ExpectError([&] { file.WriteString(std::string(70'000, 'x')); }, "write", EIO);
+    }
+    EXPECT_EQ(gWrites.calls, 1);
+    EXPECT_EQ(ReadFile(cPath), "");
+}
+
+TEST(Open, WriteThatStopsPartWayKeepsWhatWasWritten) {
+    gWrites.most = 10;
+    gWrites.failAt = 3;
+    {
+        COpen file = ForWriting();
+        file.Write("0123456789012345678901234567890123456789", 40);
+        ExpectError([&] { file.Close(); }, "write", EIO);
+    }
+    EXPECT_EQ(ReadFile(cPath), "01234567890123456789");
+}
+
+TEST(Open, FailedCloseIsAnErrorAnInterruptedOneIsNot) {
+    gCloses.failAt = 1;
+    COpen file = ForWriting();
+    ExpectError([&] { file.Close(); }, "close", EIO);
+    EXPECT_FALSE(file.IsValid());
+    gCloses = {.calls = 0, .most = SIZE_MAX, .interruptions = 1, .failAt = 0, .error = EIO};
+    COpen other = ForWriting();
+    other.Write("abc", 3);
+    EXPECT_EQ(other.Close(), 3U);
+    EXPECT_EQ(gCloses.calls, 1) << "never closed twice";
+}
+
+TEST(Open, DestructorWritesWhatIsLeftAndNeverThrows) {
+    { ForWriting().Write("abc", 3); }
+    EXPECT_EQ(ReadFile(cPath), "abc");
+    gWrites.failAt = 2;
+    EXPECT_NO_THROW({ ForWriting().Write("abc", 3); });
+}
+
+TEST(Open, FullDeviceFailsAtTheClose) {
+    COpen file("/dev/full", O_RDWR, 0);
+    file.WriteUnsigned(1);
+    EXPECT_THROW(file.Close(), std::system_error);
+}
