@@ -78,8 +78,7 @@ static void OnInformation(const std::string& name, int value, void* /*context*/)
 
 // Waits for the signal to stop, and meanwhile collects the programs that end. Returns the signal's
 // number.
-static int WaitForStop(int signalDescriptor) {
-    CStartedPrograms& programs = CStartedPrograms::Instance();
+static int WaitForStop(int signalDescriptor, CStartedPrograms& programs) {
     for (;;) {
         pollfd sources[] = {{.fd = signalDescriptor, .events = POLLIN, .revents = 0},
                             {.fd = programs.WakeDescriptor(), .events = POLLIN, .revents = 0}};
@@ -99,6 +98,7 @@ static void Run(const THostOptions& options) {
     EnterDirectory(options.directory);
     const CDirectoryLock lock(options.directory);
     VXC_SetInformationListener(OnInformation, nullptr);
+    CStartedPrograms& programs = CStartedPrograms::Instance();
 
     CAddInLibrary library(options.addIn);
     CAddInInterface& addIn = library.AddIn();
@@ -107,12 +107,12 @@ static void Run(const THostOptions& options) {
             cFailed, fmt::format("cannot start the scheduler's thread: {}", std::strerror(error)));
     Log(fmt::format("running in {} as process {}", options.directory, getpid()));
 
-    const int signal = WaitForStop(signalDescriptor);
+    const int signal = WaitForStop(signalDescriptor, programs);
     Log(fmt::format("stopping on SIG{}", sigabbrev_np(signal)));
     addIn.Stop();
     addIn.Unload();
-    CStartedPrograms::Instance().CollectFinished();
-    if (const std::size_t count = CStartedPrograms::Instance().Count(); count > 0)
+    programs.CollectFinished();
+    if (const std::size_t count = programs.Count(); count > 0)
         Log(fmt::format("leaving {} started program(s) running", count));
 }
 
