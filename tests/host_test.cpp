@@ -78,6 +78,20 @@ RUN_AGAIN(HostWithoutStandardError) {
     return 1;
 }
 
+// Nobody reads what this host writes: the other end of its pipe is closed.
+RUN_AGAIN(HostWithABrokenPipe) {
+    int ends[2];
+    if (pipe(ends) != 0)
+        return 1;
+    close(ends[0]);
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    static_cast<void>(arguments);
+    return 1;
+}
+
 class CHost : public CProgram {
 public:
     explicit CHost(const std::vector<std::string>& command = {HOST_PROGRAM, "--directory", "."})
@@ -255,7 +269,7 @@ TEST(Host, ManySignalsAtOnceAreOneStop) {
 TEST(Host, HasNoSignalHandlerAndIgnoresNothing) {
     const CHost host;
     EXPECT_EQ(std::stoul(host.Status("SigCgt"), nullptr, 16) & 0x7FFFFFFF, 0U);
-    EXPECT_EQ(std::stoul(host.Status("SigIgn"), nullptr, 16), 0U);
+    EXPECT_EQ(std::stoul(host.Status("SigIgn"), nullptr, 16) & 0x7FFFFFFF, 0U);
 }
 
 TEST(Host, OwnDescriptorsAreClosedInEveryOtherProgram) {
@@ -313,6 +327,10 @@ TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
     CHost host(ThisProgramAs("HostWithASizeLimit", {"500"}));
     EXPECT_NE(host.Output().find(cWritingFailed), std::string::npos) << host.Output();
     EXPECT_NE(host.Output().find("the add-in reports TasksDeleted = 1"), std::string::npos);
+    // It goes on with what fits.
+    CreateDue("task", cRecorder, "the record");
+    EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
+    WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
 }
 
@@ -321,7 +339,9 @@ TEST(Host, DamagedTableIsReported) {
     WriteFile(cTable, "damaged");
     CHost host;
     EXPECT_NE(host.Output().find(cReadingFailed), std::string::npos) << host.Output();
+    EXPECT_EQ(host.CountInOutput("the add-in reports TasksDeleted = 1"), 1U) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadTable(), TRows());
 }
 
 TEST(Host, StartedWithoutStandardErrorItKeepsItsLogOutOfTheTable) {
@@ -331,6 +351,17 @@ TEST(Host, StartedWithoutStandardErrorItKeepsItsLogOutOfTheTable) {
     EXPECT_EQ(Lines("the record"), cCleanStart);
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+TEST(Host, LogThatNobodyReadsDoesNotEndIt) {
+    CProgram host(ThisProgramAs("HostWithABrokenPipe"));
+    WaitUntil([] { return ReadFile(cTable) == BytesOf({}) && StoreSemaphoreValue() == 1; });
+    CreateDue("task", cRecorder, "the record");
+    EXPECT_EQ(Lines("the record"), cCleanStart);
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(host.Output(), "");
     EXPECT_EQ(ReadTable(), TRows());
 }
 
@@ -375,6 +406,17 @@ INSTANTIATE_TEST_SUITE_P(
                      "cannot load the add-in /no/add-in"},
         TCommandLine{
             {"--directory", "a folder", "--addin", SUPPORT_LIBRARY}, 5, "is not an add-in"}));
+
+TEST(Host, AnswersGoToStandardOutputAndMessagesToStandardError) {
+    const std::string host = HOST_PROGRAM;
+    CProgram version({"/bin/sh", "-c", host + " --version 2>&- | grep -c '^vxschedd [0-9]'"});
+    EXPECT_EQ(version.Wait(), 0);
+    EXPECT_EQ(version.Output(), "1\n");
+    CProgram wrong({"/bin/sh", "-c", host + " --unknown 2>messages"});
+    EXPECT_EQ(wrong.Wait(), 2);
+    EXPECT_EQ(wrong.Output(), "");
+    EXPECT_TRUE(ReadFile("messages").starts_with("vxschedd: ")) << ReadFile("messages");
+}
 
 RUN_AGAIN(HostWithoutCapabilities) {
     if (!DropCapabilities())

@@ -4,6 +4,7 @@
 #include <VXC_Log.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -12,6 +13,7 @@
 
 #include "AddinLibrary.h"
 #include "FakeSystem.h"
+#include "InsideLibrary.h"
 #include "LogCapture.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -92,6 +94,7 @@ TEST_P(LauncherExtension, AbortsTheProcessWithoutAWordInTheLog) {
 
 TEST_P(LauncherExtension, NothingIsStartedOrSavedBefore) {
     CForkedChild child([this] {
+        system.onStart = [](const CFakeSystem::TStart&) { _exit(0); };
         Start(GetParam());
         return 0;
     });
@@ -181,16 +184,27 @@ TEST_F(Launcher, EmptyPathFailsToStart) {
     EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
 }
 
-TEST_F(Launcher, RunsInTheOrderStartAskLogPause) {
+TEST_F(Launcher, StartsAsksLogsPausesAndThenReadsTheClock) {
     std::vector<std::string> order;
-    system.onStart = [&](const CFakeSystem::TStart&) { order.push_back("start"); };
-    system.onSleep = [&] {
-        order.push_back("waits " + std::to_string(system.waits.size()));
-        order.push_back("logged " + std::to_string(log.Take().size()));
-        order.push_back("pause");
+    const auto note = [&](const std::string& step) {
+        order.push_back(step + ": asked " + std::to_string(system.waits.size()) + ", clock read " +
+                        std::to_string(system.timeReadings));
     };
+    struct TSink {
+        static void Log(const std::string& /*message*/, void* context) {
+            (*static_cast<const decltype(note)*>(context))("log");
+        }
+    };
+    system.onStart = [&](const CFakeSystem::TStart&) { note("start"); };
+    system.onSleep = [&] { note("pause"); };
+    VXC_SetLogSink(TSink::Log, const_cast<void*>(static_cast<const void*>(&note)));
+    system.timeReadings = 0;
     Start("/bin/tool");
-    EXPECT_EQ(order, std::vector<std::string>({"start", "waits 1", "logged 1", "pause"}));
+    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(order, std::vector<std::string>({"start: asked 0, clock read 0",
+                                               "log: asked 1, clock read 0",
+                                               "pause: asked 1, clock read 0"}));
+    EXPECT_EQ(system.timeReadings, 1);
 }
 
 static void Throw(const std::string& /*message*/, void* /*context*/) {
@@ -205,6 +219,37 @@ TEST_F(Launcher, ExceptionOfTheLogPassesOnAndReleasesTheMutex) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_TRUE(system.sleeps.empty());
     EXPECT_EQ(ReadTable().at(0).last, 77);
+}
+
+TEST_F(Launcher, ExceptionOfTheLogAboutAFailedStartPassesOnToo) {
+    WriteTable({{"task", cNow + 3600, 77, 1, "/bin/tool.exe", "", 0}});
+    system.startResult = ENOENT;
+    VXC_SetLogSink(Throw, nullptr);
+    EXPECT_THROW(library->ExecuteTaskNow("task", true), std::runtime_error);
+    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_EQ(ReadTable().at(0).program, "/bin/tool.exe") << "nothing was saved";
+}
+
+// What the pointer refers to is noted after the pause, if it still refers to anything.
+TEST(LauncherInside, PointerThatIsClearedDuringThePauseIsNotFollowed) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    CFakeSystem system(cNow);
+    const CLogCapture log;
+    TTask task;
+    task.program = "/bin/tool";
+    task.lastExecuted = 77;
+    TTask* pointer = &task;
+    system.onSleep = [&] { pointer = nullptr; };
+    inside.Execute(pointer);
+    EXPECT_EQ(system.StartedPaths(), "/bin/tool");
+    EXPECT_EQ(task.lastExecuted, 77);
+
+    pointer = &task;
+    system.onSleep = nullptr;
+    inside.Execute(pointer);
+    EXPECT_EQ(task.lastExecuted, cNow + 4);
 }
 
 TEST(LauncherForReal, StartsAProgramWithTheEnvironmentAndOneParameter) {

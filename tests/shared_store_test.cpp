@@ -16,6 +16,7 @@
 
 #include "AddinLibrary.h"
 #include "FakeSystem.h"
+#include "LogCapture.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
 #include "TableFile.h"
@@ -135,6 +136,63 @@ TEST(SharedStore, KilledHolderFreesTheMutexAndAWaiterGoesOn) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+TEST(SharedStore, CallOfAnotherProcessWaitsForTheWholeTick) {
+    CFakeSystem system(cFuture - 10);
+    const CLogCapture log;
+    WriteTable({{"task", cFuture, 0, 1, "/opt/tool", "", 0}});
+    const CAddinLibrary library;
+    CForkedChild client([&] {
+        WaitUntil([] { return StoreSemaphoreValue() == 0; });
+        library.PauseTask("task");
+        return 0;
+    });
+    system.now = cFuture;
+    system.onSleep = [] { WaitForWaiters(1); };
+    library.Tick();
+    EXPECT_EQ(client.Wait(), 0);
+    // Neither change is lost.
+    EXPECT_EQ(ReadTable(), TRows({{"task", cFuture + 3600, cFuture + 2, 1, "/opt/tool", "", 1}}));
+}
+
+TEST(SharedStore, LoadDuringATickLetsTheNewProcessInAndLeavesOneTooMany) {
+    CFakeSystem system(cFuture - 10);
+    const CLogCapture log;
+    WriteTable({{"task", cFuture, 0, 1, "/opt/tool", "", 0}});
+    const CAddinLibrary library;
+    system.now = cFuture;
+    int before = -1;
+    int client = -1;
+    system.onSleep = [&] {
+        before = StoreSemaphoreValue();
+        client = RunClient("is scheduled");
+    };
+    library.Tick();
+    EXPECT_EQ(before, 0);
+    EXPECT_EQ(client, 1) << "it was answered while the tick held the mutex";
+    EXPECT_EQ(StoreSemaphoreValue(), 2);
+}
+
+TEST(SharedStore, HolderThatIsKilledAfterALoadAddsNothing) {
+    WriteTable({{"task", cFuture, 0, 1, "/opt/tool", "", 0}});
+    const CAddinLibrary library;
+    CForkedChild holder([&] {
+        CFakeSystem system;
+        system.onSleep = [] {
+            for (;;)
+                pause();
+        };
+        const CLogCapture log;
+        library.ExecuteTaskNow("task", true);
+        return 0;
+    });
+    WaitUntil([] { return StoreSemaphoreValue() == 0; });
+    EXPECT_EQ(RunClient("is scheduled"), 1);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    holder.Kill(SIGKILL);
+    EXPECT_EQ(holder.Wait(), 1000 + SIGKILL);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
 TEST(SharedStore, ChangesOfManyProcessesAddUp) {
     WriteTable({});
     const CAddinLibrary library;
@@ -165,4 +223,28 @@ TEST(SharedStore, UnloadInOneProcessLeavesTheOthersWithoutALock) {
     library.PauseTask("task");
     EXPECT_EQ(ReadTable().at(0).paused, 1U);
     EXPECT_FALSE(StoreSemaphoreExists());
+}
+
+TEST(SharedStore, TicksGoOnWithoutTheMutexThatAnotherProcessRemoved) {
+    CFakeSystem system(cFuture - 10);
+    const CLogCapture log;
+    WriteTable({{"task", cFuture, 0, 1, "/opt/tool", "", 0}});
+    const CAddinLibrary library;
+    EXPECT_EQ(RunClient("unload"), 0);
+    system.now = cFuture;
+    library.Tick();
+    EXPECT_EQ(system.StartedPaths(), "/opt/tool");
+    EXPECT_EQ(ReadTable().at(0).next, cFuture + 3600);
+}
+
+TEST(SharedStore, NewMutexOfALaterProcessIsNotTheOneOfAnEarlier) {
+    WriteTable({});
+    const CAddinLibrary library;
+    EXPECT_EQ(RunClient("unload"), 0);
+    EXPECT_EQ(RunClient("create"), 0);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    sembuf take{0, -1, SEM_UNDO};
+    ASSERT_EQ(semop(semget(cStoreKey, 1, 0), &take, 1), 0);
+    EXPECT_TRUE(library.IsScheduled("task")) << "it does not wait for the new holder";
+    EXPECT_EQ(StoreSemaphoreValue(), 0);
 }

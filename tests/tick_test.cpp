@@ -2,6 +2,7 @@
 // table changes under it.
 
 #include <CEvent.h>
+#include <VXC_Log.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <scheduler/Scheduler.h>
@@ -148,6 +149,32 @@ TEST_F(Tick, FileThatCannotBeReadLeavesTheListAndIsNotReported) {
     EXPECT_EQ(ReadTable(), TRows());
 }
 
+TEST_F(Tick, DamagedFileIsResetAndNothingIsStarted) {
+    Put({Task("a", cNow + 5, 1)});
+    TickAndSay();
+    WriteFile(cTable, "damaged");
+    changed.SetEvent();
+    system.now = cNow + 5;
+    EXPECT_EQ(TickAndSay(), "");
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cReadingFailed}));
+    EXPECT_EQ(ReadTable(), TRows());
+    EXPECT_EQ(changed.Wait(0), 0);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST_F(Tick, TimesAreComparedWithTheirSign) {
+    Put({Task("x", INT64_MAX, 1), Task("a", INT64_MIN, 0), Task("b", -1, 0)});
+    EXPECT_EQ(TickAndSay(), "/a /b");
+    EXPECT_EQ(ReadTable(), TRows({Task("x", INT64_MAX, 1)}));
+}
+
+TEST_F(Tick, ClockBeforeTheEpochIsAClockToo) {
+    Put({Task("a", -10, 0), Task("b", -9, 0)});
+    system.now = -10;
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(NamesInTable(), "b");
+}
+
 TEST_F(Tick, TaskThatRunsOnceIsStartedRemovedAndTheFileSavedWithoutIt) {
     Put({Task("a", cNow - 1, 0), Task("b", cNow + 1000, 0)});
     EXPECT_EQ(TickAndSay(), "/a");
@@ -188,6 +215,45 @@ TEST_F(Tick, EventSignalledDuringAStartRestartsTheWalkAtTheSecondTask) {
     };
     EXPECT_EQ(TickAndSay(), "/a /b");
     EXPECT_NE(changed.Wait(0), 0) << "the event is left for the next tick";
+}
+
+TEST_F(Tick, FirstTaskIsNotLookedAtAgainAfterTheJump) {
+    Put({Task("a", cNow, 1, 1), Task("b", cNow, 1), Task("c", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/b") {
+            Library().TaskList()->front()->paused = 0;
+            changed.SetEvent();
+        }
+    };
+    EXPECT_EQ(TickAndSay(), "/b /c");
+    EXPECT_EQ(TickAndSay(), "/a") << "as the tick has saved it";
+}
+
+TEST_F(Tick, EventSignalledWhileTheOnlyTaskRunsEndsTheWalk) {
+    Put({Task("a", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart&) { changed.SetEvent(); };
+    EXPECT_EQ(TickAndSay(), "/a");
+    EXPECT_EQ(ReadTable()[0].next, cNow + 3600);
+}
+
+TEST_F(Tick, EventAndRemovalTogetherAreOneJump) {
+    Put({Task("x", cNow + 10'000, 1), Task("a", cNow, 0), Task("b", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/a")
+            changed.SetEvent();
+    };
+    EXPECT_EQ(TickAndSay(), "/a /b");
+    EXPECT_EQ(NamesInTable(), "x b");
+}
+
+TEST_F(Tick, SignalGivenDuringAStartHasTheNextTickReadTheFile) {
+    Put({Task("a", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart&) { changed.SetEvent(); };
+    EXPECT_EQ(TickAndSay(), "/a");
+    system.onStart = nullptr;
+    WriteTable({Task("c", cNow, 1)});
+    EXPECT_EQ(TickAndSay(), "/c");
+    EXPECT_EQ(changed.Wait(0), 0);
 }
 
 TEST_F(Tick, EveryLaterStartSeesTheSignalAgain) {
@@ -285,6 +351,34 @@ TEST_F(Tick, ExceptionReleasesTheMutexAndSavesNothing) {
     EXPECT_THROW(TickAndSay(), std::runtime_error);
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(ReadTable(), TRows({Task("a", cNow, 1)}));
+}
+
+static void Throw(const std::string& /*message*/, void* /*context*/) {
+    throw std::runtime_error("log");
+}
+
+TEST_F(Tick, ExceptionOfTheLogAboutALaterTaskLeavesTheListAsItWasThen) {
+    Put({Task("a", cNow, 1), Task("b", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path == "/b")
+            VXC_SetLogSink(Throw, nullptr);
+    };
+    EXPECT_THROW(TickAndSay(), std::runtime_error);
+    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_EQ(ReadTable(), TRows({Task("a", cNow, 1), Task("b", cNow, 1)}));
+    EXPECT_EQ(Library().TaskList()->front()->nextExecution, cNow + 3600);
+    EXPECT_EQ(Library().TaskList()->back()->nextExecution, cNow);
+}
+
+TEST_F(Tick, ExceptionWhileTheFileIsReadLeavesTheEventSignalled) {
+    Put({});
+    WriteFile(cTable, "damaged");
+    VXC_SetLogSink(Throw, nullptr);
+    EXPECT_THROW(TickAndSay(), std::runtime_error);
+    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_NE(changed.Wait(0), 0);
 }
 
 TEST_F(Tick, ManyDueTasksAreAllStartedInOrder) {
