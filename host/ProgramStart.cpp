@@ -11,9 +11,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <stdexcept>
 
 #include "host/CStartedPrograms.h"
 
