@@ -516,32 +516,13 @@ TEST(AddInObject, StartedTaskIsRunByTheWorker) {
 // ---- Failures of the construction
 // ----------------------------------------------------------------------------------------
 
-// Something else under an event's key: a set that is too small to be an event.
-static void TakeTheKeyOf(const char* event) {
-    key_t key = 0;
-    {
-        const CEvent opened(event, false);
-        struct semid_ds status {};
-        union {
-            int val;
-            struct semid_ds* buf;
-        } argument{};
-        argument.buf = &status;
-        for (int index = 0; index < 100 && key == 0; ++index) {
-            if (semctl(index, 0, SEM_STAT, argument) != -1)
-                key = status.sem_perm.__key;
-        }
-    }
-    ASSERT_NE(semget(key, 1, IPC_CREAT | 0600), -1);
-}
-
 TEST(AddInFailure, TaskChangedEventThatCannotBeMadePassesToTheCaller) {
     WriteTable({Task("past", 1, 0)});
     const std::string before = ReadFile(cTable);
     const CInsideLibrary inside;
     inside.DestroyAddIn(inside.Instance());
     WriteFile(cTable, before);
-    TakeTheKeyOf(cTaskChanged);
+    TakeTheKeyOfEvent(cTaskChanged);
     EXPECT_THROW(inside.CreateAddIn(), std::system_error);
     EXPECT_EQ(inside.Instance(), nullptr);
     EXPECT_NE(inside.TaskList(), nullptr);
@@ -555,7 +536,7 @@ TEST(AddInFailure, TaskChangedEventThatCannotBeMadePassesToTheCaller) {
 
 TEST(AddInFailure, StopEventThatCannotBeMadeLeavesTicksWithoutAPause) {
     WriteTable({});
-    TakeTheKeyOf(cStopEvent);
+    TakeTheKeyOfEvent(cStopEvent);
     const CAddinLibrary library;
     CEvent changed(cTaskChanged, true);
     library.AddIn().Start();

@@ -30,27 +30,6 @@ union TSemaphoreArgument {
     struct semid_ds* buf;
 };
 
-// The set of the one event that this namespace holds.
-static int TheOnlySet() {
-    TSemaphoreArgument argument{};
-    struct semid_ds status {};
-    argument.buf = &status;
-    for (int index = 0; index < 1000; ++index) {
-        const int id = semctl(index, 0, SEM_STAT, argument);
-        if (id != -1)
-            return id;
-    }
-    return -1;
-}
-
-static key_t KeyOfTheOnlySet() {
-    TSemaphoreArgument argument{};
-    struct semid_ds status {};
-    argument.buf = &status;
-    semctl(TheOnlySet(), 0, IPC_STAT, argument);
-    return status.sem_perm.__key;
-}
-
 static void RemoveTheOnlySet() {
     ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_RMID), 0);
 }
@@ -477,12 +456,7 @@ static void ExpectError(const Call& call, int error) {
 }
 
 TEST(Event, KeyTakenBySomethingElseIsAnErrorWithNameAndReason) {
-    key_t key = 0;
-    {
-        const CEvent event(cName, true);
-        key = KeyOfTheOnlySet();
-    }
-    ASSERT_NE(semget(key, 1, IPC_CREAT | 0600), -1);
+    TakeTheKeyOfEvent(cName);
     ExpectError([] { const CEvent event(cName, true); }, EINVAL);
 }
 

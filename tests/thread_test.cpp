@@ -224,27 +224,8 @@ TEST(Thread, DestructionAfterStopDoesNotStopAgain) {
 // ---- Without a stop event
 // ------------------------------------------------------------------------------------------------
 
-// Something else under the event's key: a set that is too small to be an event.
-static void TakeTheEventsKey() {
-    key_t key = 0;
-    {
-        const CEvent event(cName, false);
-        struct semid_ds status {};
-        union {
-            int val;
-            struct semid_ds* buf;
-        } argument{};
-        argument.buf = &status;
-        for (int index = 0; index < 100 && key == 0; ++index) {
-            if (semctl(index, 0, SEM_STAT, argument) != -1 && status.sem_nsems == 3)
-                key = status.sem_perm.__key;
-        }
-    }
-    ASSERT_NE(semget(key, 1, IPC_CREAT | 0600), -1);
-}
-
 TEST(Thread, EventThatCannotBeMadeLeavesNullAndIsNotReported) {
-    TakeTheEventsKey();
+    TakeTheKeyOfEvent(cName);
     CWorker worker;
     EXPECT_EQ(worker.stopEvent, nullptr);
     worker.body = [](CWorker& self) {

@@ -1,5 +1,6 @@
 #include "StoreSemaphore.h"
 
+#include <CEvent.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
@@ -12,14 +13,45 @@ int StoreSemaphoreValue() {
     return id == -1 ? -1 : semctl(id, 0, GETVAL);
 }
 
+union TArgument {
+    int val;
+    struct semid_ds* buf;
+    unsigned short* array;
+    struct seminfo* info;
+};
+
 int CountSemaphoreSets() {
     struct seminfo info {};
-    union {
-        int val;
-        struct semid_ds* buf;
-        unsigned short* array;
-        struct seminfo* info;
-    } argument{};
+    TArgument argument{};
     argument.info = &info;
     return semctl(0, 0, SEM_INFO, argument) == -1 ? -1 : info.semusz;
+}
+
+int TheOnlySet() {
+    struct semid_ds status {};
+    TArgument argument{};
+    argument.buf = &status;
+    for (int index = 0; index < 1000; ++index) {
+        const int id = semctl(index, 0, SEM_STAT, argument);
+        if (id != -1)
+            return id;
+    }
+    return -1;
+}
+
+key_t KeyOfTheOnlySet() {
+    struct semid_ds status {};
+    TArgument argument{};
+    argument.buf = &status;
+    semctl(TheOnlySet(), 0, IPC_STAT, argument);
+    return status.sem_perm.__key;
+}
+
+void TakeTheKeyOfEvent(const char* name) {
+    key_t key = 0;
+    {
+        const CEvent event(name, false);
+        key = KeyOfTheOnlySet();
+    }
+    semget(key, 1, IPC_CREAT | 0600);
 }

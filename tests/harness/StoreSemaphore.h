@@ -9,3 +9,11 @@ inline constexpr key_t cStoreKey = static_cast<key_t>(0xBC991DFB);
 bool StoreSemaphoreExists();
 int StoreSemaphoreValue();  // 1 free, 0 held; -1 when there is none
 int CountSemaphoreSets();   // in this IPC namespace
+
+// Of a namespace that holds just one set: its identifier and its key.
+int TheOnlySet();
+key_t KeyOfTheOnlySet();
+
+// Puts something else under the key of the event of that name, a set that is too small to be an
+// event, so that the event cannot be made. For a namespace without sets.
+void TakeTheKeyOfEvent(const char* name);
