@@ -16,9 +16,15 @@
 static void EnterNamespace() {
     if (unshare(CLONE_NEWIPC) == 0)
         return;
-    // An ordinary user gets one together with a user namespace of its own.
-    if (unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0)
+    // An ordinary user gets one together with a user namespace of its own, and stays who it is.
+    const std::string uid = std::to_string(getuid());
+    const std::string gid = std::to_string(getgid());
+    if (unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0) {
+        WriteFile("/proc/self/setgroups", "deny");
+        WriteFile("/proc/self/uid_map", uid + ' ' + uid + " 1");
+        WriteFile("/proc/self/gid_map", gid + ' ' + gid + " 1");
         return;
+    }
     std::perror("cannot enter an IPC namespace of the test's own");
     std::exit(1);
 }
