@@ -212,8 +212,8 @@ static void SetNextTime(TTask* task, bool save) {
 // Starts the task's program as a child process and waits two seconds. The child is never waited for
 // again. A start that fails is logged and takes no time.
 static void Execute(TTask*& task) {
-    char fileName[VXC_File::cNameCapacity];
-    char extension[VXC_File::cExtensionCapacity] = "";
+    char fileName[256];
+    char extension[128] = "";
     VXC_File::VXC_StripPathUrl(task->program.c_str(), nullptr, fileName, extension);
     if (extension[0] != '\0' && std::strcmp(extension, ".exe") != 0)
         __assert_fail("false", __FILE__, __LINE__, "void Execute(TTask*&)");
@@ -532,8 +532,13 @@ bool CSchedulerAddin::isLoad() {
 // ---- The entry points
 // ---------------------------------------------------------------------------------
 
+static void ConstructInstance() {
+    if (gInstance == nullptr)
+        gInstance = new CSchedulerAddin;
+}
+
 VANTRIX_SCHEDULER_EXPORT CAddInInterface* CreateAddIn() {
-    SharedLibraryConstructor();
+    ConstructInstance();
     return gInstance;
 }
 
@@ -545,8 +550,7 @@ VANTRIX_SCHEDULER_EXPORT void DestroyAddIn(CAddInInterface* addIn) {
 }
 
 void SharedLibraryConstructor() {
-    if (gInstance == nullptr)
-        gInstance = new CSchedulerAddin;
+    ConstructInstance();
 }
 
 void SharedLibraryDestructor() {

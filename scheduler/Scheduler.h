@@ -1,31 +1,26 @@
 #pragma once
 
-// What a program includes that manages tasks through libVantrixScheduler.so. It needs no other
-// header.
+// What a program includes that manages tasks through libVantrixScheduler.so. It needs no other header.
 //
 // 1. Loading the library is enough to use these functions: it builds the scheduler's add-in object,
-// reads
-//    "files/scheduler.dat" in the process's working directory, moves past start times on, removes
-//    tasks that run once and whose time has passed, and writes the file back. Unloading it (also by
-//    a normal exit of the process) removes the store mutex from the system, for every other process
-//    too.
+//    reads "files/scheduler.dat" in the process's working directory, moves past start times on,
+//    removes tasks that run once and whose time has passed, and writes the file back. Unloading it
+//    (also by a normal exit of the process) removes the store mutex from the system, for every other
+//    process too.
 // 2. Times are seconds since the epoch, periods whole hours; a period of 0 marks a task that runs
-// once.
+//    once.
 // 3. Texts are terminated by a zero and copied; a pointer that the caller hands in stays the
-// caller's. A name
-//    is compared byte for byte; the first task of a name in the table is the one meant. It must not
-//    be null.
+//    caller's. A name is compared byte for byte; the first task of a name in the table is the one
+//    meant. It must not be null.
 // 4. Every call takes the store mutex, waiting without limit, and reads the task file first, except
-// on the
-//    scheduling thread, whose own list is the current one. While a tick starts programs a call
-//    waits at least two seconds for each of them. It must not be made where the mutex is already
-//    held.
+//    on the scheduling thread, whose own list is the current one. While a tick starts programs a
+//    call waits at least two seconds for each of them. It must not be made where the mutex is
+//    already held.
 // 5. A call that "writes" rewrites the whole task file in place; one that "signals" makes the
-// scheduling
-//    process read the file at its next tick, at most 60 seconds later.
+//    scheduling process read the file at its next tick, at most 60 seconds later.
 // 6. A file that cannot be opened is no error: nothing is found, nothing is changed. A file that is
-// damaged
-//    is logged, reset to an empty table and reported as the host information flag "TasksDeleted".
+//    damaged is logged, reset to an empty table and reported as the host information flag
+//    "TasksDeleted".
 // 7. An exception (memory, the support library) passes to the caller after the mutex was released.
 // 8. Any thread may call any of these, one call at a time in effect.
 
@@ -64,11 +59,11 @@ VANTRIX_SCHEDULER_EXPORT extern std::list<TTask*>* gTaskList;
 // could not be read.
 //   start       when it is first due; read once, must not be null
 //   period      0 runs once. A step of `period` hours wraps at 2^32 seconds: keep it at 1193046 or
-//   less program     path of the program, used as it stands; null is the empty text. It must have
-//   no extension, or
-//               ".exe": any other aborts the scheduling process when the task is due. The start
-//               cuts every
-//               '.', 'e' and 'x' off its end (/usr/bin/free starts /usr/bin/fr)
+//               less
+//   program     path of the program, used as it stands; null is the empty text. It must have no
+//               extension, or ".exe": any other aborts the scheduling process when the task is due.
+//               The start cuts every '.', 'e' and 'x' off its end (/usr/bin/free starts
+//               /usr/bin/fr)
 //   parameters  null is the empty text
 // A start in the past is moved on to the task's next time if it repeats. A new task that runs once
 // is kept and runs at the next tick; one that rewrites an existing task is removed.

@@ -15,17 +15,14 @@
 //
 // - A new event is not signalled. SetEvent() and ResetEvent() are idempotent.
 // - Manual-reset (true): stays signalled until ResetEvent(); every waiter passes, none consumes the
-// signal.
-//   Auto-reset (false): one waiter consumes the signal. The flag belongs to the object, not to the
-//   event: it says how this object waits.
+//   signal. Auto-reset (false): one waiter consumes the signal. The flag belongs to the object, not
+//   to the event: it says how this object waits.
 // - The event lives as long as an object of its name does in any process. A killed process counts
-// as one
-//   that closed its objects; whoever opens an event that only killed processes had open finds it
-//   not signalled.
+//   as one that closed its objects; whoever opens an event that only killed processes had open finds
+//   it not signalled.
 // - It is kept in a System V semaphore set beside the store mutex, readable and writable for owner
-// and group,
-//   so one IPC namespace isolates both. A set that somebody removed from outside is made anew, not
-//   signalled, by the next operation, and a wait in progress goes on with the new one.
+//   and group, so one IPC namespace isolates both. A set that somebody removed from outside is made
+//   anew, not signalled, by the next operation, and a wait in progress goes on with the new one.
 // - What cannot be had (no permission, no semaphores left, the key taken by something else) throws
 //   std::system_error, which names the event and the reason.
 //

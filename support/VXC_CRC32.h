@@ -7,4 +7,4 @@
 
 // The common CRC-32 of a text (reflected polynomial 0xEDB88320, initial value and final complement
 // 0xFFFFFFFF): 0xCBF43926 for the text 123456789, 0 for the empty text. Any thread may call it.
-VXC_EXPORT std::uint32_t VXC_GenerateCRC32(const std::string& text);
+VXC_EXPORT std::uint32_t VXC_GenerateCRC32(std::string text);

@@ -14,8 +14,9 @@ inline constexpr std::size_t cExtensionCapacity = 128;
 // wanted.
 //
 //   directory  everything up to and with the last slash; capacity: the length of `path` and one
-//   more name       the last component without its extension; at most cNameCapacity bytes are
-//   written extension  the last component's extension with its dot (".exe" of report.exe); at most
+//              more
+//   name       the last component without its extension; at most cNameCapacity bytes are written
+//   extension  the last component's extension with its dot (".exe" of report.exe); at most
 //              cExtensionCapacity bytes are written, and none when there is no extension: preset it
 //
 // Forward and backward slashes both separate. The extension is what follows the last dot of the

@@ -47,7 +47,9 @@ void WriteLine(const std::string& message) {
 
 }  // namespace
 
-void VXC_LogMessage(const std::string& message) {
+// By value: the type is part of the symbol that add-ins are linked to.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void VXC_LogMessage(std::string message) {
     const std::lock_guard<std::mutex> lock(gLogMutex);
     if (gLogSink != nullptr)
         gLogSink(message, gLogContext);

@@ -9,7 +9,7 @@
 // control character in the message becomes a blank, so a message is always one line. Any thread may
 // call it. A log that cannot be written is ignored; an exception of the host's own sink passes to
 // the caller.
-VXC_EXPORT void VXC_LogMessage(const std::string& message);
+VXC_EXPORT void VXC_LogMessage(std::string message);
 
 // A host's own log. Called with the message as it was given, by one thread at a time; it must not
 // log.

@@ -8,13 +8,11 @@
 //
 // What a user of it must know, all of it deliberate and relied upon:
 // - Construction sets the mutex free, also when another process holds it: a newly loaded process
-// always
-//   finds the mutex free.
+//   always finds the mutex free.
 // - Destruction removes the semaphore from the system, also while others use it. Their operations
-// then
-//   fail until they construct a new CMutex; an object never reopens its semaphore.
+//   then fail until they construct a new CMutex; an object never reopens its semaphore.
 // - A wait that a signal handler interrupts has failed (LOCK_FAILED, errno EINTR); it is not taken
-// up again.
+//   up again.
 // - Nothing bounds the value: a release without a lock lets two holders in at once.
 class CMutex : public CSyncObject {
 public:
