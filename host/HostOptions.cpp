@@ -48,5 +48,8 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
         throw CHostError(cUsage,
                          std::string(error.what()) + ". Run vxschedd --help for the options.");
     }
+    // A path of the caller's working directory, which the host is about to leave.
+    if (options.addIn.find('/') != std::string::npos)
+        options.addIn = std::filesystem::absolute(options.addIn).string();
     return options;
 }

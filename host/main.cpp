@@ -93,6 +93,30 @@ static int WaitForStop(int signalDescriptor, CStartedPrograms& programs) {
     }
 }
 
+// The add-in's worker, running for as long as this object lives: whatever ends the host, the worker is stopped
+// before the add-in is destroyed.
+class CRunningWorker {
+public:
+    // An add-in whose thread could not be started must not be destroyed: it counts as running, and would be joined.
+    // So the process ends here, without finalisers.
+    explicit CRunningWorker(CAddInInterface& startedAddIn) : addIn(startedAddIn) {
+        if (const int error = addIn.Start(); error != 0) {
+            std::cerr << "vxschedd: cannot start the scheduler's thread: " << std::strerror(error)
+                      << ". Look at the limits of threads and memory." << std::endl;
+            _exit(cFailed);
+        }
+    }
+    ~CRunningWorker() {
+        addIn.Stop();
+        addIn.Unload();
+    }
+    CRunningWorker(const CRunningWorker&) = delete;
+    CRunningWorker& operator=(const CRunningWorker&) = delete;
+
+private:
+    CAddInInterface& addIn;
+};
+
 static void Run(const THostOptions& options) {
     const int signalDescriptor = BlockSignals();
     EnterDirectory(options.directory);
@@ -101,16 +125,12 @@ static void Run(const THostOptions& options) {
     CStartedPrograms& programs = CStartedPrograms::Instance();
 
     CAddInLibrary library(options.addIn);
-    CAddInInterface& addIn = library.AddIn();
-    if (const int error = addIn.Start(); error != 0)
-        throw CHostError(
-            cFailed, fmt::format("cannot start the scheduler's thread: {}", std::strerror(error)));
-    Log(fmt::format("running in {} as process {}", options.directory, getpid()));
-
-    const int signal = WaitForStop(signalDescriptor, programs);
-    Log(fmt::format("stopping on SIG{}", sigabbrev_np(signal)));
-    addIn.Stop();
-    addIn.Unload();
+    {
+        const CRunningWorker worker(library.AddIn());
+        Log(fmt::format("running in {} as process {}", options.directory, getpid()));
+        const int signal = WaitForStop(signalDescriptor, programs);
+        Log(fmt::format("stopping on SIG{}", sigabbrev_np(signal)));
+    }
     programs.CollectFinished();
     if (const std::size_t count = programs.Count(); count > 0)
         Log(fmt::format("leaving {} started program(s) running", count));

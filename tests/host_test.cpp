@@ -445,6 +445,31 @@ TEST(Host, DirectoryThatMayNotBeWrittenIsRefused) {
     std::filesystem::permissions("closed/files", std::filesystem::perms::owner_all);
 }
 
+TEST(Host, AddInOfARelativePathIsTheCallersNotTheDirectorys) {
+    std::filesystem::create_directory("a folder");
+    std::filesystem::create_symlink(ADDIN_LIBRARY, "add-in.so");
+    CHost host({HOST_PROGRAM, "--directory", "a folder", "--addin", "./add-in.so"});
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// A thread's stack is as large as this limit, and no memory is that large.
+RUN_AGAIN(HostWithEndlessStacks) {
+    static_cast<void>(arguments);
+    const rlimit limit{.rlim_cur = 1UL << 46, .rlim_max = RLIM_INFINITY};
+    setrlimit(RLIMIT_STACK, &limit);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    return 99;
+}
+
+TEST(Host, ThreadThatCannotBeStartedIsToldAndNotJoined) {
+    CProgram host(ThisProgramAs("HostWithEndlessStacks"));
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_NE(
+        host.Output().find("cannot start the scheduler's thread: Resource temporarily unavailable"),
+        std::string::npos)
+        << host.Output();
+}
+
 TEST(Host, FindsTheAddInBesideItself) {
     CHost host;
     EXPECT_NE(ReadFile("/proc/" + std::to_string(host.Id()) + "/maps").find(ADDIN_LIBRARY),

@@ -65,6 +65,14 @@ TEST(SharedStore, EveryProcessSeesWhatAnotherChanged) {
     EXPECT_EQ(RunClient("is scheduled"), 0);
 }
 
+TEST(SharedStore, UnloadOfTheAddInInOneProcessLeavesTheTasksToTheOthers) {
+    WriteTable({{"task", cFuture, 0, 1, "/opt/tool", "", 0}});
+    const CAddinLibrary library;
+    library.AddIn().Unload();
+    EXPECT_TRUE(library.TaskList()->empty());
+    EXPECT_EQ(RunClient("is scheduled"), 1);
+}
+
 TEST(SharedStore, SchedulingProcessLearnsOfAChangeThroughTheEvent) {
     CFakeSystem system(cFuture - 10);
     WriteTable({});
