@@ -5,6 +5,9 @@
 // The store mutex's semaphore as the system shows it, by its key. Written down as a number, so that
 // a change of the key's making is noticed: processes of different versions share the store.
 inline constexpr key_t cStoreKey = static_cast<key_t>(0xBC991DFB);
+// Likewise those of the task-changed event and of the stop event.
+inline constexpr key_t cTaskChangedKey = 0x177C2B89;
+inline constexpr key_t cStopKey = 0x504012A1;
 
 bool StoreSemaphoreExists();
 int StoreSemaphoreValue();  // 1 free, 0 held; -1 when there is none
