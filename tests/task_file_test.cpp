@@ -3,7 +3,6 @@
 
 #include <VXC_Information.h>
 #include <VXC_Log.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
@@ -13,7 +12,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -23,77 +21,8 @@
 #include "LogCapture.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
+#include "TableCalls.h"
 #include "TableFile.h"
-
-// ---- The system calls on the task file come through here
-// ----------------------------------------------------------
-
-static std::vector<std::string> gCalls;
-static std::function<bool(const std::string&)> gFail;  // whether a call fails with EIO
-
-template <typename Function>
-static Function* SystemsOwn(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-static bool Fails(const std::string& call) {
-    gCalls.push_back(call);
-    if (!gFail || !gFail(call))
-        return false;
-    errno = EIO;
-    return true;
-}
-
-static bool IsTable(int descriptor) {
-    char path[4096];
-    const ssize_t length =
-        readlink(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), path, sizeof path);
-    return length > 0 && std::string(path, static_cast<std::size_t>(length)).ends_with(cTable);
-}
-
-extern "C" int stat(const char* path, struct stat* status) noexcept {
-    if (std::string(path) == cTable)
-        gCalls.emplace_back("stat");
-    return fstatat(AT_FDCWD, path, status, 0);
-}
-
-extern "C" int open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const unsigned int mode = va_arg(rest, unsigned int);
-    va_end(rest);
-    if (std::string(path) == cTable) {
-        EXPECT_NE(flags & O_CLOEXEC, 0);
-        if (Fails("open " + std::to_string(flags & ~O_CLOEXEC) + ' ' + std::to_string(mode)))
-            return -1;
-    }
-    return SystemsOwn<int(const char*, int, ...)>("open")(path, flags, mode);
-}
-
-extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
-    if (IsTable(descriptor) && Fails("read"))
-        return -1;
-    return SystemsOwn<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
-}
-
-extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
-    if (IsTable(descriptor) && Fails("write"))
-        return -1;
-    return SystemsOwn<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer, size);
-}
-
-extern "C" int close(int descriptor) {
-    const bool fails = IsTable(descriptor) && Fails("close");
-    const int result = SystemsOwn<int(int)>("close")(descriptor);
-    errno = fails ? EIO : errno;
-    return fails ? -1 : result;
-}
-
-using TCalls = std::vector<std::string>;
-
-static TCalls TakeCalls() {
-    return std::exchange(gCalls, {});
-}
 
 // ---- The list, as rows
 // ----------------------------------------------------------------------------------------------
@@ -103,7 +32,7 @@ protected:
     void SetUp() override {
         WriteTable({});
         inside.emplace();
-        TakeCalls();
+        TakeTableCalls();
     }
 
     TRows List() {
@@ -345,19 +274,19 @@ TEST_F(TaskFile, TextBeyondTheFileIsReset) {
 
 TEST_F(TaskFile, LoadIsTestedOpenedReadOnceAndClosed) {
     WriteTable(SomeRows());
-    TakeCalls();
+    TakeTableCalls();
     inside->LoadTasks();
-    EXPECT_EQ(TakeCalls(), TCalls({"stat", "open 2 420", "read", "close"}));
+    EXPECT_EQ(TakeTableCalls(), TCalls({"stat", "open 2 420", "read", "close"}));
 }
 
 TEST_F(TaskFile, SaveIsOpenedWrittenOnceInPlaceAndClosed) {
     SetList(SomeRows());
-    TakeCalls();
+    TakeTableCalls();
     struct stat before {};
     struct stat after {};
     fstatat(AT_FDCWD, cTable, &before, 0);
     inside->SaveTasks();
-    EXPECT_EQ(TakeCalls(), TCalls({"open 578 420", "write", "close"}));
+    EXPECT_EQ(TakeTableCalls(), TCalls({"open 578 420", "write", "close"}));
     fstatat(AT_FDCWD, cTable, &after, 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator("files"), {}), 1)
@@ -375,14 +304,14 @@ TEST_F(TaskFile, NewFileMayBeWrittenByItsOwnerAndReadByAll) {
 
 TEST_F(TaskFile, MissingFileIsOnlyTestedFor) {
     std::filesystem::remove(cTable);
-    TakeCalls();
+    TakeTableCalls();
     inside->LoadTasks();
-    EXPECT_EQ(TakeCalls(), TCalls({"stat"}));
+    EXPECT_EQ(TakeTableCalls(), TCalls({"stat"}));
 }
 
 TEST_F(TaskFile, FileThatCannotBeOpenedIsLeftAlone) {
     SetList(SomeRows());
-    gFail = [](const std::string& call) { return call.starts_with("open"); };
+    gFailTableCall = [](const std::string& call) { return call.starts_with("open"); };
     EXPECT_FALSE(inside->LoadTasks());
     inside->SaveTasks();
     EXPECT_EQ(List(), SomeRows());
@@ -392,9 +321,9 @@ TEST_F(TaskFile, FileThatCannotBeOpenedIsLeftAlone) {
 
 TEST_F(TaskFile, ReadThatFailsIsADamagedFile) {
     WriteTable(SomeRows());
-    gFail = [](const std::string& call) { return call == "read"; };
+    gFailTableCall = [](const std::string& call) { return call == "read"; };
     EXPECT_FALSE(inside->LoadTasks());
-    gFail = nullptr;
+    gFailTableCall = nullptr;
     EXPECT_EQ(ReadFile(cTable), std::string(8, '\0'));
     EXPECT_EQ(log.Take(), std::vector<std::string>({cReadingFailed}));
     EXPECT_TRUE(Flagged());
@@ -403,30 +332,30 @@ TEST_F(TaskFile, ReadThatFailsIsADamagedFile) {
 TEST_F(TaskFile, CloseThatFailsAfterReadingIsADamagedFile) {
     WriteTable(SomeRows());
     int closes = 0;
-    gFail = [&](const std::string& call) { return call == "close" && ++closes == 1; };
+    gFailTableCall = [&](const std::string& call) { return call == "close" && ++closes == 1; };
     EXPECT_FALSE(inside->LoadTasks());
-    gFail = nullptr;
+    gFailTableCall = nullptr;
     EXPECT_EQ(ReadFile(cTable), std::string(8, '\0'));
     EXPECT_EQ(log.Take(), std::vector<std::string>({cReadingFailed}));
 }
 
 TEST_F(TaskFile, CloseThatFailsAfterWritingIsAFailedWrite) {
     SetList(SomeRows());
-    gFail = [](const std::string& call) { return call == "close"; };
+    gFailTableCall = [](const std::string& call) { return call == "close"; };
     inside->SaveTasks();
-    gFail = nullptr;
+    gFailTableCall = nullptr;
     EXPECT_EQ(List(), TRows());
     EXPECT_EQ(log.Take(), std::vector<std::string>({cWritingFailed}));
 }
 
 TEST_F(TaskFile, ResetThatFailsIsReportedBeforeTheReadingThatFailed) {
     WriteTable(SomeRows());
-    TakeCalls();
-    gFail = [](const std::string& call) { return call == "read" || call == "write"; };
+    TakeTableCalls();
+    gFailTableCall = [](const std::string& call) { return call == "read" || call == "write"; };
     EXPECT_FALSE(inside->LoadTasks());
-    gFail = nullptr;
+    gFailTableCall = nullptr;
     EXPECT_EQ(log.Take(), std::vector<std::string>({cWritingFailed, cReadingFailed}));
-    EXPECT_EQ(TakeCalls(),
+    EXPECT_EQ(TakeTableCalls(),
               TCalls({"stat", "open 2 420", "read", "close", "open 578 420", "write", "close"}))
         << "the file that was read is closed before the reset";
     EXPECT_EQ(ReadFile(cTable), "");
@@ -451,15 +380,15 @@ TEST_F(TaskFile, ListIsClearedAndFileResetBeforeTheLogAndTheLogBeforeTheFlag) {
 
 TEST_F(TaskFile, ForeignExceptionPassesAndClosesTheFile) {
     WriteTable(SomeRows());
-    TakeCalls();
-    gFail = [](const std::string& call) -> bool {
+    TakeTableCalls();
+    gFailTableCall = [](const std::string& call) -> bool {
         if (call == "read" || call == "write")
             throw 42;
         return false;
     };
     EXPECT_THROW(inside->LoadTasks(), int);
-    EXPECT_EQ(TakeCalls(), TCalls({"stat", "open 2 420", "read", "close"}));
-    gFail = nullptr;
+    EXPECT_EQ(TakeTableCalls(), TCalls({"stat", "open 2 420", "read", "close"}));
+    gFailTableCall = nullptr;
     EXPECT_TRUE(log.Take().empty());
     EXPECT_FALSE(Flagged());
     EXPECT_EQ(ReadFile(cTable), BytesOf(SomeRows()));
