@@ -1,0 +1,262 @@
+// Out of memory at every allocation in turn: once, and from there on. Each exported function, the
+// tick and the construction either do all of their work, or say what failed: by the log and the
+// flag, or by the exception that reaches the caller. The mutex is free again in every case.
+
+#include <VXC_Information.h>
+#include <gtest/gtest.h>
+#include <scheduler/Scheduler.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "AddinLibrary.h"
+#include "FakeSystem.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+// ---- The allocations of this process, the add-in's too
+// ------------------------------------------------------------------
+
+static constexpr long cNone = -1;
+static thread_local long gUntilFailure = cNone;  // allocations that still succeed
+static thread_local bool gOnlyOnce = false;
+static thread_local bool gFailed = false;
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    if (gUntilFailure != cNone) {
+        if (gUntilFailure == 0) {
+            gFailed = true;
+            if (gOnlyOnce)
+                gUntilFailure = cNone;
+            throw std::bad_alloc();
+        }
+        --gUntilFailure;
+    }
+    if (void* const memory = std::malloc(size))
+        return memory;
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+
+// Runs `body` with the allocation of that number failing, and every one behind it if `onlyOnce` is
+// false. True when it threw std::bad_alloc.
+static bool ThrewAt(long number, bool onlyOnce, const std::function<void()>& body) {
+    gFailed = false;
+    gOnlyOnce = onlyOnce;
+    gUntilFailure = number;
+    bool threw = false;
+    try {
+        body();
+    } catch (const std::bad_alloc&) {
+        threw = true;
+    }
+    gUntilFailure = cNone;
+    return threw;
+}
+
+// ---- What is left
+// ---------------------------------------------------------------------------------------------------
+
+static constexpr long cNow = 1'000'000;
+static constexpr long cFuture = 4'000'000'000;
+// Longer than what a text holds without memory of its own.
+static constexpr char cProgram[] = "/opt/a-rather-long-folder/and-a-program";
+
+using TLines = std::vector<std::string>;
+
+struct TOperation {
+    const char* name;
+    void (*run)(const CAddinLibrary& library);
+};
+
+static void PrintTo(const TOperation& operation, std::ostream* out) {
+    *out << operation.name;
+}
+
+class OutOfMemory : public testing::TestWithParam<TOperation> {
+protected:
+    void SetUp() override {
+        WriteTable(table);
+        library.emplace();
+    }
+
+    const TRows table = {{"first task with a long name", cFuture, 5, 24, cProgram, "text", 0},
+                         {"second", cFuture, 0, 1, cProgram, "", 1}};
+    CFakeSystem system{cNow};
+    std::optional<CAddinLibrary> library;
+};
+
+TEST_P(OutOfMemory, DoesAllOrSaysWhatFailedAndReleasesTheMutex) {
+    GetParam().run(*library);
+    const std::string done = ReadFile(cTable);
+    for (const bool onlyOnce : {true, false}) {
+        SCOPED_TRACE(onlyOnce ? "one allocation" : "every allocation from there on");
+        int failures = 0;
+        for (long number = 0;; ++number) {
+            SCOPED_TRACE(number);
+            WriteTable(table);
+            VXC_SetInformation("TasksDeleted", 0);
+            semctl(semget(cStoreKey, 1, 0), 0, SETVAL, 1);
+            bool threw = false;
+            TLines lines;
+            {
+                CLogCapture log;
+                threw = ThrewAt(number, onlyOnce, [&] { GetParam().run(*library); });
+                lines = log.Take();
+            }
+            if (!gFailed)
+                break;
+            ++failures;
+            EXPECT_GE(StoreSemaphoreValue(), 1);
+            int flag = 0;
+            VXC_GetInformation("TasksDeleted", flag);
+            const std::string file = ReadFile(cTable);
+            const bool whole = file == done || file == BytesOf(table);
+            EXPECT_TRUE(whole || threw || flag == 1) << "a table is lost, and nobody is told";
+            EXPECT_EQ(flag == 1, !lines.empty() && (lines.back() == cReadingFailed ||
+                                                    lines.back() == cWritingFailed));
+            EXPECT_TRUE(whole || file == std::string(8, '\0') || file.empty() ||
+                        ReadTable().size() == 1)
+                << "at most what a creation wrote after a table that could not be read";
+            // The process goes on as before.
+            WriteTable(table);
+            EXPECT_TRUE(library->IsScheduled("first task with a long name"));
+        }
+        EXPECT_GT(failures, 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, OutOfMemory,
+    testing::Values(
+        TOperation{"IsScheduled", [](const CAddinLibrary& it) { it.IsScheduled("second"); }},
+        TOperation{"GetNextExecution",
+                   [](const CAddinLibrary& it) {
+                       long value = 0;
+                       it.GetNextExecution("second", &value);
+                   }},
+        TOperation{"GetLastExecuted",
+                   [](const CAddinLibrary& it) {
+                       long value = 0;
+                       it.GetLastExecuted("second", &value);
+                   }},
+        TOperation{"GetTaskPeriod",
+                   [](const CAddinLibrary& it) {
+                       unsigned int value = 0;
+                       it.GetTaskPeriod("second", &value);
+                   }},
+        TOperation{"IsTaskRunning", [](const CAddinLibrary& it) { it.IsTaskRunning("second"); }},
+        TOperation{"CreateTask",
+                   [](const CAddinLibrary& it) {
+                       it.Create("new task with a long name", cFuture, 1, cProgram, cProgram);
+                   }},
+        TOperation{
+            "CreateTaskInPlace",
+            [](const CAddinLibrary& it) { it.Create("second", cFuture, 1, cProgram, cProgram); }},
+        TOperation{"DestroyTask", [](const CAddinLibrary& it) { it.DestroyTask("second"); }},
+        TOperation{"PauseTask",
+                   [](const CAddinLibrary& it) { it.PauseTask("first task with a long name"); }},
+        TOperation{"ResumeTask", [](const CAddinLibrary& it) { it.ResumeTask("second"); }},
+        TOperation{"SetTaskPeriod", [](const CAddinLibrary& it) { it.SetTaskPeriod("second", 2); }},
+        TOperation{"ExecuteTaskNow",
+                   [](const CAddinLibrary& it) { it.ExecuteTaskNow("second", true); }}),
+    [](const auto& each) { return std::string(each.param.name); });
+
+// A failed creation leaves no half-made task in the list.
+TEST(OutOfMemoryCreation, TaskThatCouldNotBeAppendedIsNotInTheList) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CLogCapture log;
+    int threw = 0;
+    for (long number = 0;; ++number) {
+        WriteTable({});
+        threw += ThrewAt(number, true, [&] { library.Create(cProgram, cFuture, 1, cProgram); });
+        if (!gFailed)
+            break;
+        if (!library.TaskList()->empty()) {
+            ASSERT_EQ(library.TaskList()->size(), 1U);
+            EXPECT_EQ(library.TaskList()->front()->name, cProgram);
+            EXPECT_EQ(library.TaskList()->front()->program, cProgram);
+        }
+    }
+    EXPECT_GE(threw, 3) << "the record, its texts and its place in the list";
+}
+
+TEST(OutOfMemoryTick, ReleasesTheMutexWhereverItStops) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CFakeSystem system(cNow);
+    const TRows table = {{"first", cNow, 0, 24, cProgram, "text", 0},
+                         {"second", cNow, 0, 0, cProgram, "", 0}};
+    for (const bool onlyOnce : {true, false}) {
+        for (long number = 0;; ++number) {
+            SCOPED_TRACE(number);
+            system.now = cNow;
+            CLogCapture log;
+            library.CreateTask("announced", &system.now, 1, "", "");
+            WriteTable(table);
+            ThrewAt(number, onlyOnce, [&] { library.Tick(); });
+            if (!gFailed)
+                break;
+            EXPECT_EQ(StoreSemaphoreValue(), 1);
+        }
+        EXPECT_EQ(NamesInTable(), "first");
+    }
+}
+
+// Under the mutex a failure is met by the file's own handling; where the mutex itself is made there
+// is nothing to go on with.
+TEST(OutOfMemoryConstruction, EndsWithAnObjectAnExceptionOrTheProcess) {
+    const TRows table = {{"first task with a long name", cFuture, 5, 24, cProgram, "text", 0}};
+    int made = 0;
+    int threw = 0;
+    int died = 0;
+    bool failed = true;
+    for (long number = 0; failed; ++number) {
+        SCOPED_TRACE(number);
+        WriteTable(table);
+        CForkedChild child([&] {
+            CLogCapture log;
+            const CAddinLibrary library;
+            library.DestroyAddIn(library.CreateAddIn());
+            const bool exception = ThrewAt(number, true, [&] { library.CreateAddIn(); });
+            if (!gFailed)
+                return 40;
+            if (exception)
+                return 41;
+            // A table that could not be read was reset; one that could not be written was not even
+            // opened.
+            const TLines lines = log.Take();
+            const bool reset = lines == TLines({cReadingFailed});
+            if (!reset && !lines.empty() && lines != TLines({cWritingFailed}))
+                return 1;
+            return StoreSemaphoreValue() == 1 && ReadTable() == (reset ? TRows() : table) ? 42 : 2;
+        });
+        const int result = child.Wait();
+        failed = result != 40;
+        made += result == 42 ? 1 : 0;
+        threw += result == 41 ? 1 : 0;
+        died += result == 1000 + SIGABRT ? 1 : 0;
+        EXPECT_TRUE(result == 40 || result == 41 || result == 42 || result == 1000 + SIGABRT)
+            << result;
+    }
+    EXPECT_GT(made, 0);
+    EXPECT_GT(threw, 0);
+    EXPECT_GT(died, 0) << "the mutex's name could not be copied";
+}
