@@ -470,6 +470,21 @@ static void CountTick(CSchedulerAddin* /*addIn*/) {
     ++gTicks;
 }
 
+TEST(AddInObject, WorkerIsTheSchedulingThreadOnlyOnceItHasTheMutex) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    const int set = semget(cStoreKey, 1, 0);
+    sembuf take{0, -1, SEM_UNDO};
+    sembuf give{0, 1, SEM_UNDO};
+    semop(set, &take, 1);
+    static_cast<CAddInInterface*>(inside.Instance())->Start();
+    WaitUntil([&] { return semctl(set, 0, GETNCNT) == 1; });
+    EXPECT_EQ(inside.SchedulerThread(), 0U);
+    semop(set, &give, 1);
+    WaitUntil([&] { return inside.SchedulerThread() != 0; });
+    static_cast<CAddInInterface*>(inside.Instance())->Stop();
+}
+
 TEST(AddInObject, WorkerTicksOnTheRegisteredInstanceWhicheverObjectsItIs) {
     WriteTable({});
     const CInsideLibrary inside;

@@ -178,6 +178,39 @@ INSTANTIATE_TEST_SUITE_P(
                    [](const CAddinLibrary& it) { it.ExecuteTaskNow("second", true); }}),
     [](const auto& each) { return std::string(each.param.name); });
 
+// The text is copied under the mutex; then the mutex is given back, and whatever fails behind that
+// gives it back a second time.
+TEST(OutOfMemoryProbe, ReleasesOnceBeforeTheCopyOfTheTextAndTwiceBehindIt) {
+    WriteTable({{"task", cFuture, 0, 24, cProgram, "", 0}});
+    const CAddinLibrary library;
+    library.Tick();  // on the scheduling thread nothing is allocated for the table
+    for (const auto& [number, value] : {std::pair{0, 1}, {1, 2}}) {
+        semctl(semget(cStoreKey, 1, 0), 0, SETVAL, 1);
+        EXPECT_TRUE(ThrewAt(number, true, [&] { library.IsTaskRunning("task"); }));
+        EXPECT_EQ(StoreSemaphoreValue(), value);
+    }
+}
+
+// A task is rewritten field by field, in the order of its record, and unpaused last.
+TEST(OutOfMemoryCreation, RewritingStopsAtTheTextThatFails) {
+    const std::string large(100, 'x');
+    for (const int failing : {0, 1}) {
+        WriteTable({{"task", cFuture, 0, 24, "p", "q", 1}});
+        const CAddinLibrary library;
+        library.Tick();
+        EXPECT_TRUE(ThrewAt(failing, true, [&] {
+            library.Create("task", cFuture + 1, 2, large.c_str(), large.c_str());
+        }));
+        const TTask& task = *library.TaskList()->front();
+        EXPECT_EQ(task.nextExecution, cFuture + 1);
+        EXPECT_EQ(task.period, 2U);
+        EXPECT_EQ(task.program, failing == 0 ? "p" : large);
+        EXPECT_EQ(task.parameters, "q");
+        EXPECT_EQ(task.paused, 1);
+        EXPECT_EQ(ReadTable()[0].program, "p") << "nothing was saved";
+    }
+}
+
 // A failed creation leaves no half-made task in the list.
 TEST(OutOfMemoryCreation, TaskThatCouldNotBeAppendedIsNotInTheList) {
     WriteTable({});

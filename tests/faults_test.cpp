@@ -390,19 +390,6 @@ TEST_F(Faults, UserWithoutAccessToTheFileChangesNothing) {
     EXPECT_EQ(ReadTable(), table);
 }
 
-TEST_F(Faults, UserWithoutAccessToTheSemaphoreCannotLoad) {
-    library.reset();
-    ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT), -1);
-    CForkedChild child([] {
-        if (!DropCapabilities())
-            return 1;
-        const CAddinLibrary refused;
-        return 2;
-    });
-    EXPECT_EQ(child.Wait(), 1000 + SIGABRT);
-    EXPECT_EQ(ReadTable(), table);
-}
-
 // ---- The semaphore goes away, and signals
 // -------------------------------------------------------------------------------
 

@@ -78,6 +78,16 @@ INSTANTIATE_TEST_SUITE_P(Paths, LauncherTrim,
                                          TTrim{"/opt/.tool", "/opt/.tool"}, TTrim{"a.exe.exe", "a"},
                                          TTrim{"/opt/exe/", "/opt/exe/"}));
 
+TEST_F(Launcher, NoOtherCharacterIsCutOff) {
+    for (int byte = 1; byte < 256; ++byte) {
+        const auto character = static_cast<char>(byte);
+        if (std::string(".ex").find(character) != std::string::npos)
+            continue;
+        const std::string program = std::string("/opt/tool") + character;
+        EXPECT_EQ(Start(program).program, program) << byte;
+    }
+}
+
 class LauncherExtension : public Launcher, public testing::WithParamInterface<const char*> {};
 
 TEST_P(LauncherExtension, AbortsTheProcessWithoutAWordInTheLog) {

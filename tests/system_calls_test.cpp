@@ -5,6 +5,8 @@
 #include <scheduler/Scheduler.h>
 #include <sync/CMutex.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <vector>
@@ -113,6 +115,41 @@ TEST_F(SystemCalls, ChangeOfAPeriodAlsoAsksForTheZoneThreeTimes) {
     unsetenv("TZ");
     EXPECT_EQ(Of([](const CAddinLibrary& it) { it.SetTaskPeriod("first", 24); }),
               cLock + cLoad + TCalls(3, "stat /etc/localtime") + Save(Size()) + cSignal + cUnlock);
+}
+
+// The rule that moves a past start on does not write by itself.
+TEST_F(SystemCalls, ChangesThatMoveAStartOnWriteOnce) {
+    rows[0].next = cFuture - 5000;
+    const auto writes = [&](TOperation operation) {
+        WriteTable(rows);
+        const TCalls calls = Of(operation, [](const CAddinLibrary&) {
+            WriteTable({{"first", cFuture - 5000, 0, 24, "/opt/tool", "text", 0}});
+        });
+        return std::count_if(calls.begin(), calls.end(), [](const std::string& call) {
+            return call.find("TRUNC") != std::string::npos;
+        });
+    };
+    EXPECT_EQ(writes([](const CAddinLibrary& it) { it.Create("new", 5, 24, "/opt/tool"); }), 1);
+    EXPECT_EQ(writes([](const CAddinLibrary& it) { it.Create("first", 5, 24, "/opt/tool"); }), 1);
+    EXPECT_EQ(writes([](const CAddinLibrary& it) { it.ResumeTask("first"); }), 1);
+    EXPECT_EQ(writes([](const CAddinLibrary& it) { it.SetTaskPeriod("first", 1); }), 1);
+}
+
+TEST_F(SystemCalls, LoadThatMovesAStartOnWritesOnce) {
+    const TCalls calls = SystemCallsOf(
+        [&] {
+            library.emplace();
+            library->DestroyAddIn(library->CreateAddIn());
+            rows[0].next = 5;
+            WriteTable(rows);
+        },
+        [&] {
+            library->CreateAddIn();
+            return 0;
+        });
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                            [](const std::string& call) { return call.starts_with("write"); }),
+              1);
 }
 
 TEST_F(SystemCalls, RunNowWritesWithoutASignal) {

@@ -1,8 +1,10 @@
 // The task file: what is written, what is read, and what a file that cannot be read to its end
 // leads to.
 
+#include <COpen.h>
 #include <VXC_Information.h>
 #include <VXC_Log.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
@@ -23,6 +25,17 @@
 #include "StoreSemaphore.h"
 #include "TableCalls.h"
 #include "TableFile.h"
+
+// ---- The support library's raw read comes through here
+// ------------------------------------------------------------------
+
+static bool gDeliverNothing = false;
+
+void COpen::Read(void* data, int length) {
+    if (!gDeliverNothing)
+        reinterpret_cast<void (*)(COpen*, void*, int)>(dlsym(RTLD_NEXT, "_ZN5COpen4ReadEPvi"))(
+            this, data, length);
+}
 
 // ---- The list, as rows
 // ----------------------------------------------------------------------------------------------
@@ -361,21 +374,62 @@ TEST_F(TaskFile, ResetThatFailsIsReportedBeforeTheReadingThatFailed) {
     EXPECT_EQ(ReadFile(cTable), "");
 }
 
+// While it exists, notes what is logged, with the sizes of the file and of the list at that moment,
+// and what is flagged.
+class COrderOfReports {
+public:
+    explicit COrderOfReports(std::list<TTask*>* list) {
+        order.clear();
+        VXC_SetLogSink(
+            [](const std::string&, void* tasks) {
+                order.push_back("log, file " + std::to_string(ReadFile(cTable).size()) + ", list " +
+                                std::to_string(static_cast<std::list<TTask*>*>(tasks)->size()));
+            },
+            list);
+        VXC_SetInformationListener(
+            [](const std::string& name, int value, void*) {
+                order.push_back(name + ' ' + std::to_string(value));
+            },
+            nullptr);
+    }
+    ~COrderOfReports() {
+        VXC_SetLogSink(nullptr, nullptr);
+        VXC_SetInformationListener(nullptr, nullptr);
+    }
+    COrderOfReports(const COrderOfReports&) = delete;
+    COrderOfReports& operator=(const COrderOfReports&) = delete;
+
+    static inline std::vector<std::string> order;
+};
+
 TEST_F(TaskFile, ListIsClearedAndFileResetBeforeTheLogAndTheLogBeforeTheFlag) {
     WriteFile(cTable, "damaged");
-    static std::vector<std::string> order;
-    VXC_SetLogSink(
-        [](const std::string&, void* list) {
-            order.push_back("log, file " + std::to_string(ReadFile(cTable).size()) + ", list " +
-                            std::to_string(static_cast<std::list<TTask*>*>(list)->size()));
-        },
-        inside->TaskList());
-    VXC_SetInformationListener([](const std::string& name, int value,
-                                  void*) { order.push_back(name + ' ' + std::to_string(value)); },
-                               nullptr);
+    const COrderOfReports reports(inside->TaskList());
     EXPECT_FALSE(inside->LoadTasks());
-    EXPECT_EQ(order, std::vector<std::string>({"log, file 8, list 0", "TasksDeleted 1"}));
-    VXC_SetLogSink(nullptr, nullptr);
+    EXPECT_EQ(COrderOfReports::order,
+              std::vector<std::string>({"log, file 8, list 0", "TasksDeleted 1"}));
+}
+
+TEST_F(TaskFile, FailedWriteClearsTheListBeforeTheLogAndTheLogBeforeTheFlag) {
+    SetList(SomeRows());
+    gFailTableCall = [](const std::string& call) { return call == "write"; };
+    const COrderOfReports reports(inside->TaskList());
+    inside->SaveTasks();
+    gFailTableCall = nullptr;
+    EXPECT_EQ(COrderOfReports::order,
+              std::vector<std::string>({"log, file 0, list 0", "TasksDeleted 1"}));
+}
+
+// A support library may deliver less than it was asked for without an error.
+TEST_F(TaskFile, CountIsZeroBeforeItIsRead) {
+    SetList(SomeRows());
+    WriteTable(SomeRows());
+    gDeliverNothing = true;
+    EXPECT_TRUE(inside->LoadTasks());
+    gDeliverNothing = false;
+    EXPECT_EQ(List(), TRows());
+    EXPECT_TRUE(log.Take().empty());
+    EXPECT_FALSE(Flagged());
 }
 
 TEST_F(TaskFile, ForeignExceptionPassesAndClosesTheFile) {

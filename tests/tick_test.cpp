@@ -236,6 +236,22 @@ TEST_F(Tick, EventSignalledWhileTheOnlyTaskRunsEndsTheWalk) {
     EXPECT_EQ(ReadTable()[0].next, cNow + 3600);
 }
 
+TEST_F(Tick, ListThatGrowsDuringAStartRestartsTheWalkToo) {
+    // The tasks are counted before the start. The jump lets b, whose pause is lifted meanwhile, be
+    // seen in this very tick.
+    Put({Task("a", cNow, 1), Task("b", cNow, 1, 1), Task("c", cNow, 1)});
+    system.onStart = [&](const CFakeSystem::TStart& start) {
+        if (start.path != "/c")
+            return;
+        (*std::next(Library().TaskList()->begin()))->paused = 0;
+        auto* const more = new TTask;
+        more->name = "more";
+        more->nextExecution = cNow + 1000;
+        Library().TaskList()->push_back(more);
+    };
+    EXPECT_EQ(TickAndSay(), "/a /c /b");
+}
+
 TEST_F(Tick, EventAndRemovalTogetherAreOneJump) {
     Put({Task("x", cNow + 10'000, 1), Task("a", cNow, 0), Task("b", cNow, 1)});
     system.onStart = [&](const CFakeSystem::TStart& start) {
