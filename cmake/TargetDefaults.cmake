@@ -36,6 +36,12 @@ option(COVERAGE "Measure line and branch coverage (gcov)" OFF)
 if(COVERAGE)
   add_compile_options(--coverage -fprofile-update=atomic)
   add_link_options(--coverage)
+  add_compile_definitions(COVERAGE_BUILD)
+endif()
+# For each target that is linked: what it has counted is written down however its process ends.
+add_library(flush_coverage INTERFACE)
+if(COVERAGE)
+  target_sources(flush_coverage INTERFACE ${PROJECT_SOURCE_DIR}/cmake/FlushCoverage.cpp)
 endif()
 
 if(FUZZ)

@@ -2,12 +2,14 @@
 // tick and the construction either do all of their work, or say what failed: by the log and the
 // flag, or by the exception that reaches the caller. The mutex is free again in every case.
 
+#include <CPopen.h>
 #include <VXC_Information.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -68,6 +70,17 @@ static bool ThrewAt(long number, bool onlyOnce, const std::function<void()>& bod
     }
     gUntilFailure = cNone;
     return threw;
+}
+
+TEST(OutOfMemoryPipe, IsNotValidAndSaysWhyInErrno) {
+    const char* const unheardOfMode = "r and much more than fits a text without memory";
+    EXPECT_FALSE(ThrewAt(0, true, [&] {
+        const CPopen pipe("true", unheardOfMode);
+        const int error = errno;
+        EXPECT_FALSE(pipe.IsValid());
+        EXPECT_EQ(error, ENOMEM);
+    }));
+    EXPECT_TRUE(gFailed);
 }
 
 // ---- What is left

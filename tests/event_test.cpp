@@ -460,6 +460,13 @@ TEST(Event, KeyTakenBySomethingElseIsAnErrorWithNameAndReason) {
     ExpectError([] { const CEvent event(cName, true); }, EINVAL);
 }
 
+TEST(Event, MoreOpenersThanTheSystemCountsAreAnError) {
+    const CEvent event(cName, true);
+    ASSERT_EQ(semctl(TheOnlySet(), 1, SETVAL, 32767), 0);
+    ExpectError([] { const CEvent another(cName, true); }, ERANGE);
+    ASSERT_EQ(semctl(TheOnlySet(), 1, SETVAL, 1), 0);
+}
+
 TEST(Event, MissingPermissionIsAnErrorWithNameAndReason) {
     CEvent event(cName, true);
     TSemaphoreArgument argument{};

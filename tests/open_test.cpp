@@ -4,13 +4,16 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -83,6 +86,23 @@ extern "C" int close(int descriptor) {
     return -1;
 }
 
+static int gFailSeek = 0;    // the error that every lseek fails with
+static int gFailStatus = 0;  // and every fstat
+
+extern "C" off_t lseek(int descriptor, off_t offset, int from) noexcept {
+    if (gFailSeek == 0)
+        return SystemsOwn<off_t(int, off_t, int)>("lseek")(descriptor, offset, from);
+    errno = gFailSeek;
+    return -1;
+}
+
+extern "C" int fstat(int descriptor, struct stat* status) noexcept {
+    if (gFailStatus == 0)
+        return SystemsOwn<int(int, struct stat*)>("fstat")(descriptor, status);
+    errno = gFailStatus;
+    return -1;
+}
+
 template <typename Call>
 static void ExpectError(const Call& call, const std::string& operation, int error) {
     try {
@@ -100,6 +120,43 @@ static COpen ForWriting() {
 }
 static COpen ForReading() {
     return COpen(cPath, O_RDONLY, 0);
+}
+
+// ---- Memory for a text of four gibibytes: one small block, again and again
+// --------------------------------------------
+
+static constexpr std::size_t cHuge = std::size_t{1} << 32;
+static constexpr std::size_t cBlock = std::size_t{1} << 26;
+
+static void* MapHuge() {
+    const int block = memfd_create("block", MFD_CLOEXEC);
+    if (block == -1 || ftruncate(block, cBlock) != 0)
+        throw std::bad_alloc();
+    auto* const start = static_cast<char*>(mmap(
+        nullptr, cHuge + cBlock, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    for (std::size_t offset = 0; offset <= cHuge; offset += cBlock)
+        mmap(start + offset, cBlock, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, block, 0);
+    close(block);
+    return start;
+}
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    if (size > cHuge && size < cHuge + cBlock)
+        return MapHuge();
+    if (void* const memory = std::malloc(size))
+        return memory;
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t size) noexcept {
+    if (size > cHuge)
+        munmap(memory, cHuge + cBlock);
+    else
+        std::free(memory);
 }
 
 // ---- Opening
@@ -308,6 +365,38 @@ TEST(Open, FailedReadSaysWhatAndWhy) {
     ExpectError([&] { file.Read(&byte, 1); }, "read", EIO);
     file.Read(&byte, 1);
     EXPECT_EQ(byte, 'a') << "the file is as it was";
+}
+
+TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {
+    {
+        COpen file = ForWriting();
+        file.WriteString("text");
+        file.WriteUnsigned(1000);  // as the length of a text that is not there
+    }
+    COpen file = ForReading();
+    std::string text;
+    file.ReadString(text);
+    gFailStatus = EIO;
+    ExpectError([&] { file.ReadString(text); }, "stat", EIO);
+    gFailStatus = 0;
+
+    COpen another = ForReading();
+    another.ReadString(text);
+    gFailSeek = EOVERFLOW;
+    ExpectError([&] { another.ReadString(text); }, "seek", EOVERFLOW);
+
+    COpen both(cPath, O_RDWR, 0);
+    both.ReadUnsigned();
+    ExpectError([&] { both.WriteUnsigned(1); }, "seek", EOVERFLOW);
+    gFailSeek = 0;
+    EXPECT_EQ(text, "text");
+}
+
+TEST(Open, TextLongerThanItsLengthCanSayIsRefused) {
+    const std::string text(std::size_t{1} << 32, 'x');
+    COpen file = ForWriting();
+    ExpectError([&] { file.WriteString(text); }, "write", EFBIG);
+    EXPECT_EQ(file.Close(), 0U);
 }
 
 TEST(Open, FailedWriteShowsInCloseWhichClosesAllTheSame) {

@@ -121,6 +121,13 @@ TEST(Popen, PipeThatCannotBeMadeIsNotValidAndReadsAsAnEmptyText) {
     EXPECT_EQ(pipe.Close(), -1);
 }
 
+TEST(Popen, ReadFromACommandThatIsWrittenToFails) {
+    CPopen pipe("cat", "w");
+    char buffer[8] = "before";
+    EXPECT_EQ(pipe.Read(buffer, sizeof buffer), -1);
+    EXPECT_STREQ(buffer, "");
+}
+
 static std::atomic<int> gSignals{0};
 static void OnSignal(int /*number*/) {
     ++gSignals;
