@@ -32,16 +32,13 @@ if(SANITIZE)
   add_link_options(-fsanitize=${SANITIZE} -fno-sanitize=vptr)
 endif()
 
-option(COVERAGE "Measure line and branch coverage (gcov)" OFF)
+option(COVERAGE "Measure line and branch coverage (clang++ only)" OFF)
 if(COVERAGE)
-  add_compile_options(--coverage -fprofile-update=atomic)
-  add_link_options(--coverage)
+  # The counts are kept in the profile itself while a process runs, so those that abort, are killed
+  # or end by _exit count as well.
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+  add_link_options(-fprofile-instr-generate)
   add_compile_definitions(COVERAGE_BUILD)
-endif()
-# For each target that is linked: what it has counted is written down however its process ends.
-add_library(flush_coverage INTERFACE)
-if(COVERAGE)
-  target_sources(flush_coverage INTERFACE ${PROJECT_SOURCE_DIR}/cmake/FlushCoverage.cpp)
 endif()
 
 if(FUZZ)

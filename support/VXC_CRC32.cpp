@@ -2,7 +2,7 @@
 
 #include <array>
 
-static constexpr std::array<std::uint32_t, 256> MakeTable() {
+static consteval std::array<std::uint32_t, 256> MakeTable() {
     std::array<std::uint32_t, 256> table{};
     for (std::uint32_t index = 0; index < table.size(); ++index) {
         std::uint32_t value = index;

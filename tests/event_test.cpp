@@ -417,6 +417,20 @@ TEST(Event, RemovedUnderAWaiterItIsMadeAnewAndTheWaitGoesOn) {
     EXPECT_NE(result, 0);
 }
 
+TEST(Event, RemovedUnderSeveralWaitersItIsMadeAnewOnce) {
+    CEvent event(cName, true);
+    std::thread first([&] { event.Wait(-1); });
+    std::thread second([&] { event.Wait(-1); });
+    WaitForWaiters(2);
+    RemoveTheOnlySet();
+    WaitForWaiters(2);
+    EXPECT_EQ(CountSemaphoreSets(), 1);
+    EXPECT_EQ(semctl(TheOnlySet(), 1, GETVAL), 1) << "one object, opened once";
+    event.SetEvent();
+    first.join();
+    second.join();
+}
+
 TEST(Event, RemovedItIsMadeAnewByWhateverComesNext) {
     CEvent event(cName, true);
     event.SetEvent();
@@ -435,6 +449,16 @@ TEST(Event, RemovedBeforeItsCloseLeavesNothing) {
         const CEvent event(cName, true);
         RemoveTheOnlySet();
     }
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+TEST(Event, CloseWithoutACountOfOpenersLeavesTheSet) {
+    {
+        const CEvent event(cName, true);
+        ASSERT_EQ(semctl(TheOnlySet(), 1, SETVAL, 0), 0);
+    }
+    EXPECT_EQ(CountSemaphoreSets(), 1);
+    { const CEvent next(cName, true); }
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 

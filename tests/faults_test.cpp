@@ -313,7 +313,7 @@ TEST_F(Faults, DiskWithoutRoomForAnythingStaysEmptyAndIsReportedEachTime) {
 
 TEST_F(Faults, SizeLimitCutsTheTableWhereverItFalls) {
     std::signal(SIGXFSZ, SIG_IGN);
-    for (const rlim_t size : {0, 1, 8, 9, 50}) {
+    for (const rlim_t size : {0UL, 1UL, 8UL, 9UL, 50UL}) {
         SCOPED_TRACE(size);
         WriteTable(table);
         rlimit limit{};

@@ -268,12 +268,7 @@ TEST(Host, ManySignalsAtOnceAreOneStop) {
 // at 32.)
 TEST(Host, HasNoSignalHandlerAndIgnoresNothing) {
     const CHost host;
-#ifdef COVERAGE_BUILD
-    constexpr unsigned long measured = 1UL << (SIGABRT - 1) | 1UL << (SIGPROF - 1);
-#else
-    constexpr unsigned long measured = 0;
-#endif
-    EXPECT_EQ(std::stoul(host.Status("SigCgt"), nullptr, 16) & 0x7FFFFFFF & ~measured, 0U);
+    EXPECT_EQ(std::stoul(host.Status("SigCgt"), nullptr, 16) & 0x7FFFFFFF, 0U);
     EXPECT_EQ(std::stoul(host.Status("SigIgn"), nullptr, 16) & 0x7FFFFFFF, 0U);
 }
 

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -86,6 +87,19 @@ extern "C" int close(int descriptor) {
     return -1;
 }
 
+static TPlan gOpens;
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const unsigned int mode = va_arg(rest, unsigned int);
+    va_end(rest);
+    std::size_t ignored = 0;
+    if (std::string(path) == cPath && Follow(gOpens, ignored))
+        return -1;
+    return SystemsOwn<int(const char*, int, ...)>("open")(path, flags, mode);
+}
+
 static int gFailSeek = 0;    // the error that every lseek fails with
 static int gFailStatus = 0;  // and every fstat
 
@@ -128,6 +142,8 @@ static COpen ForReading() {
 static constexpr std::size_t cHuge = std::size_t{1} << 32;
 static constexpr std::size_t cBlock = std::size_t{1} << 26;
 
+static void* gHuge = nullptr;
+
 static void* MapHuge() {
     const int block = memfd_create("block", MFD_CLOEXEC);
     if (block == -1 || ftruncate(block, cBlock) != 0)
@@ -137,6 +153,7 @@ static void* MapHuge() {
     for (std::size_t offset = 0; offset <= cHuge; offset += cBlock)
         mmap(start + offset, cBlock, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, block, 0);
     close(block);
+    gHuge = start;
     return start;
 }
 
@@ -149,14 +166,14 @@ static void* MapHuge() {
 }
 
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t size) noexcept {
-    if (size > cHuge)
+    if (memory != nullptr && memory == gHuge)
         munmap(memory, cHuge + cBlock);
     else
         std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    operator delete(memory);
 }
 
 // ---- Opening
@@ -365,6 +382,12 @@ TEST(Open, FailedReadSaysWhatAndWhy) {
     ExpectError([&] { file.Read(&byte, 1); }, "read", EIO);
     file.Read(&byte, 1);
     EXPECT_EQ(byte, 'a') << "the file is as it was";
+}
+
+TEST(Open, InterruptedOpenIsTriedAgain) {
+    gOpens = {.interruptions = 3};
+    EXPECT_TRUE(ForWriting().IsValid());
+    EXPECT_EQ(gOpens.calls, 4);
 }
 
 TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {

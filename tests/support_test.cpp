@@ -128,6 +128,26 @@ TEST(Popen, ReadFromACommandThatIsWrittenToFails) {
     EXPECT_STREQ(buffer, "");
 }
 
+static int gReadsUntilFailure = -1;
+
+extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
+    static auto* const system =
+        reinterpret_cast<ssize_t (*)(int, void*, std::size_t)>(dlsym(RTLD_NEXT, "read"));
+    if (gReadsUntilFailure < 0 || gReadsUntilFailure-- > 0)
+        return system(descriptor, buffer, size);
+    errno = EIO;
+    return -1;
+}
+
+TEST(Popen, OutputBeforeAFailedReadIsDelivered) {
+    CPopen pipe("echo hello", "r");
+    gReadsUntilFailure = 1;
+    char buffer[64];
+    EXPECT_EQ(pipe.Read(buffer, sizeof buffer), 6);
+    EXPECT_STREQ(buffer, "hello\n");
+    EXPECT_EQ(gReadsUntilFailure, -1);
+}
+
 static std::atomic<int> gSignals{0};
 static void OnSignal(int /*number*/) {
     ++gSignals;
@@ -154,12 +174,19 @@ TEST(Popen, ReadGoesOnAfterASignalHandlerRan) {
 // --------------------------------------------------------------------------------------------------------------
 
 static int gWrites = 0;
+static int gInterruptions = 0;  // writes to standard error that fail first
 
 extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
     static auto* const system =
         reinterpret_cast<ssize_t (*)(int, const void*, std::size_t)>(dlsym(RTLD_NEXT, "write"));
-    if (descriptor == STDERR_FILENO)
+    if (descriptor == STDERR_FILENO) {
         ++gWrites;
+        if (gInterruptions > 0) {
+            --gInterruptions;
+            errno = EINTR;
+            return -1;
+        }
+    }
     return system(descriptor, buffer, size);
 }
 
@@ -187,6 +214,13 @@ TEST(Log, MessageIsOneLineWithItsTimeInOneWrite) {
                 testing::MatchesRegex(
                     "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\\+05:45 "
                     "what happened\n"));
+}
+
+TEST(Log, InterruptedWriteIsTriedAgain) {
+    gInterruptions = 2;
+    const std::string text = StandardError([] { VXC_LogMessage("whole"); });
+    EXPECT_TRUE(text.ends_with(" whole\n")) << text;
+    EXPECT_EQ(gInterruptions, 0);
 }
 
 TEST(Log, ZonesBehindHaveAMinus) {

@@ -26,13 +26,8 @@ static int Collect(pid_t process) {
 }
 
 CForkedChild::CForkedChild(const std::function<int()>& body) : process(fork()) {
-    if (process == 0) {
-        const int result = body();
-#ifdef COVERAGE_BUILD
-        raise(SIGPROF);
-#endif
-        _exit(result);
-    }
+    if (process == 0)
+        _exit(body());
 }
 
 CForkedChild::~CForkedChild() {
