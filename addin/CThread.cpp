@@ -11,7 +11,7 @@ CThread::CThread(const char* name) {
     try {
         stopEvent = new CEvent(std::string(name), false);
     } catch (const std::exception&) {
-        stopEvent = nullptr;
+        // It stays null.
     }
     pthread_attr_init(&attr);
 }

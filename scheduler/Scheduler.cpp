@@ -421,7 +421,7 @@ void ResumeTask(const char* name) {
 }
 
 // The period in seconds, by way of the calendar: the hours of the period, counted from the first
-// day of 1970 in local standard time, with the zone's own offset put into the seconds.
+// day of 1970 in local standard time, with the zone's own offset put into minutes and seconds.
 static time_t SecondsOfPeriod(std::uint32_t period) {
     tm record{};
     record.tm_year = 70;
@@ -429,11 +429,24 @@ static time_t SecondsOfPeriod(std::uint32_t period) {
     // From 2^31 hours on this is negative, and the grid moves the other way.
     record.tm_hour = static_cast<int>(period);
     const time_t wanted = static_cast<time_t>(record.tm_hour) * 3600;
-    // What mktime is off by is the zone's offset; a second time, for an offset that changed in
-    // between.
-    for (int round = 0; round < 2; ++round) {
+    // What mktime is off by is the zone's offset; once more where the offset changed in between. An
+    // hour that the zone skipped has no time: there the day behind it is asked, then the day before.
+    time_t offset = 0;
+    for (const int neighbour : {1, -1, 1, -1}) {
         tm local = record;
-        record.tm_sec += static_cast<int>(wanted - mktime(&local));
+        time_t converted = mktime(&local);
+        if (converted == wanted)
+            return converted;
+        if (converted == -1) {
+            local = record;
+            local.tm_mday += neighbour;
+            converted = mktime(&local) - neighbour * 86400;
+        }
+        offset += wanted - converted;
+        // Whole minutes go into the minutes: seconds beyond a minute are added behind the
+        // conversion, where they no longer help.
+        record.tm_sec = static_cast<int>((offset % 60 + 60) % 60);
+        record.tm_min = static_cast<int>((offset - record.tm_sec) / 60);
     }
     return mktime(&record);
 }

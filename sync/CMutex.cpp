@@ -77,11 +77,9 @@ CMutex::~CMutex() {
 
 int CMutex::Lock(unsigned long timeout) {
     sembuf take = Operation(-1);
-    int result = -1;
     errno = 0;
     if (timeout == ULONG_MAX) {
-        result = semop(semId, &take, 1);
-        if (result == -1)
+        if (semop(semId, &take, 1) == -1)
             return LOCK_FAILED;
     } else {
         // The seconds come from the low 32 bits alone, the nanoseconds from the whole timeout: what
@@ -89,8 +87,7 @@ int CMutex::Lock(unsigned long timeout) {
         const long seconds = static_cast<std::int32_t>(static_cast<std::uint32_t>(timeout)) / 1000;
         const unsigned long rest = timeout - static_cast<unsigned long>(seconds) * 1000;
         const timespec time{.tv_sec = seconds, .tv_nsec = static_cast<long>(rest * 1'000'000)};
-        result = semtimedop(semId, &take, 1, &time);
-        if (result == -1)
+        if (semtimedop(semId, &take, 1, &time) == -1)
             return errno == EAGAIN ? LOCK_TIMEOUT : LOCK_FAILED;
     }
     __tsan_acquire(this);

@@ -3,6 +3,7 @@
 
 #include <CEvent.h>
 #include <VXC_Log.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <scheduler/CSchedulerAddin.h>
 #include <scheduler/Scheduler.h>
@@ -391,6 +392,7 @@ TEST(AddInObject, UnloadWaitsForTheMutex) {
     });
     WaitUntil([&] { return semctl(id, 0, GETNCNT) == 1; });
     EXPECT_FALSE(done);
+    EXPECT_EQ(library.TaskList()->size(), 1U) << "it is emptied under the mutex";
     sembuf give{0, 1, SEM_UNDO};
     semop(id, &give, 1);
     unloader.join();
@@ -526,6 +528,26 @@ TEST(AddInObject, StartedTaskIsRunByTheWorker) {
     WaitUntil([&] { return started.load(); });
     library.AddIn().Stop();
     EXPECT_EQ(NamesInTable(), "");
+}
+
+// ---- The wait between two ticks comes through here
+// ------------------------------------------------------------------------
+
+static std::atomic<int> gSecondsWaited{-1};
+
+int CEvent::WaitSignalOrTimeout(int seconds) {
+    gSecondsWaited = seconds;
+    return reinterpret_cast<int (*)(CEvent*, int)>(
+        dlsym(RTLD_NEXT, "_ZN6CEvent19WaitSignalOrTimeoutEi"))(this, seconds);
+}
+
+TEST(AddInObject, WorkerWaitsSixtyBetweenTwoTicks) {
+    WriteTable({});
+    const CAddinLibrary library;
+    library.AddIn().Start();
+    WaitUntil([] { return gSecondsWaited != -1; });
+    library.AddIn().Stop();
+    EXPECT_EQ(gSecondsWaited, 60);
 }
 
 // ---- Failures of the construction

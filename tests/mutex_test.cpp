@@ -157,6 +157,18 @@ TEST(Mutex, DestructionRemovesASetThatItOnlyOpened) {
     EXPECT_EQ(first.Lock(0), LOCK_FAILED);
 }
 
+// Behind the virtual table, the locked flag and the set's identifier.
+static bool OwnerOf(const CMutex& mutex) {
+    return *(reinterpret_cast<const bool*>(&mutex) + 16);
+}
+
+TEST(Mutex, KnowsWhetherItMadeTheSet) {
+    const CMutex first(cName);
+    const CMutex second(cName);
+    EXPECT_TRUE(OwnerOf(first));
+    EXPECT_FALSE(OwnerOf(second));
+}
+
 TEST(Mutex, ItNeverReopensASetThatWasRemoved) {
     CMutex first(cName);
     { const CMutex second(cName); }

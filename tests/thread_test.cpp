@@ -50,6 +50,31 @@ extern "C" int pthread_join(pthread_t thread, void** result) {
     return SystemsOwn<decltype(pthread_join)>("pthread_join")(thread, result);
 }
 
+// Calls about the attributes, with what else is there at that moment; noted while it is not null.
+static std::vector<std::string>* gAttributeCalls = nullptr;
+static const std::atomic<bool>* gRunning = nullptr;
+
+static void NoteAttributeCall(const std::string& call) {
+    if (gAttributeCalls != nullptr)
+        gAttributeCalls->push_back(call + (CountSemaphoreSets() == 1 ? ", event" : ", no event") +
+                                   (gRunning != nullptr && *gRunning ? ", running" : ""));
+}
+
+extern "C" int pthread_attr_init(pthread_attr_t* attributes) noexcept {
+    NoteAttributeCall("init");
+    return SystemsOwn<int(pthread_attr_t*)>("pthread_attr_init")(attributes);
+}
+
+extern "C" int pthread_attr_setdetachstate(pthread_attr_t* attributes, int state) noexcept {
+    NoteAttributeCall(state == PTHREAD_CREATE_JOINABLE ? "joinable" : "detached");
+    return SystemsOwn<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate")(attributes, state);
+}
+
+extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
+    NoteAttributeCall("destroy");
+    return SystemsOwn<int(pthread_attr_t*)>("pthread_attr_destroy")(attributes);
+}
+
 // ---- A worker
 // --------------------------------------------------------------------------------------------------------
 
@@ -199,6 +224,21 @@ TEST(Thread, DestructionStopsAndJoinsARunningWorker) {
     EXPECT_EQ(CBareWorker::gBareRuns, 2);
     EXPECT_EQ(TakeCalls(), TCalls({"join"}));
     EXPECT_EQ(CountSemaphoreSets(), 0) << "the event was not deleted";
+}
+
+TEST(Thread, AttributesAreInitialisedSetAndDestroyedEachInItsPlace) {
+    std::vector<std::string> calls;
+    gAttributeCalls = &calls;
+    {
+        CWorker worker;
+        gRunning = &worker.running;
+        worker.Start();
+        gRunning = nullptr;
+        worker.Stop();
+    }
+    gAttributeCalls = nullptr;
+    EXPECT_EQ(calls, std::vector<std::string>(
+                         {"init, event", "joinable, event, running", "destroy, event"}));
 }
 
 TEST(Thread, DestructionOfOneNeverStartedNeitherSignalsNorJoins) {

@@ -85,6 +85,12 @@ void CTracedChild::Kill() {
     process = -1;
 }
 
+void CTracedChild::ReadMemory(const void* address, void* copy, std::size_t size) const {
+    const iovec local{copy, size};
+    const iovec remote{const_cast<void*>(address), size};
+    process_vm_readv(process, &local, 1, &remote, 1, 0);
+}
+
 // ---- Calls as text
 // ----------------------------------------------------------------------------------------------------
 

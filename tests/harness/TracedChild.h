@@ -30,6 +30,9 @@ public:
     // and threads, which depend on the allocator and on the build, are "".
     std::string Call() const;
 
+    // Copies what the child has at that address.
+    void ReadMemory(const void* address, void* copy, std::size_t size) const;
+
     // Lets it run to its end, without being held again. As CForkedChild::Wait().
     int Finish();
 
