@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -50,28 +51,30 @@ extern "C" int pthread_join(pthread_t thread, void** result) {
     return SystemsOwn<decltype(pthread_join)>("pthread_join")(thread, result);
 }
 
-// Calls about the attributes, with what else is there at that moment; noted while it is not null.
-static std::vector<std::string>* gAttributeCalls = nullptr;
+// Calls about each object's attributes, with what else is there at that moment; noted while it is
+// not null. (A sanitizer has attributes of its own.)
+static std::multimap<const pthread_attr_t*, std::string>* gAttributeCalls = nullptr;
 static const std::atomic<bool>* gRunning = nullptr;
 
-static void NoteAttributeCall(const std::string& call) {
+static void NoteAttributeCall(const pthread_attr_t* attributes, const std::string& call) {
     if (gAttributeCalls != nullptr)
-        gAttributeCalls->push_back(call + (CountSemaphoreSets() == 1 ? ", event" : ", no event") +
-                                   (gRunning != nullptr && *gRunning ? ", running" : ""));
+        gAttributeCalls->emplace(attributes,
+                                 call + (CountSemaphoreSets() == 1 ? ", event" : ", no event") +
+                                     (gRunning != nullptr && *gRunning ? ", running" : ""));
 }
 
 extern "C" int pthread_attr_init(pthread_attr_t* attributes) noexcept {
-    NoteAttributeCall("init");
+    NoteAttributeCall(attributes, "init");
     return SystemsOwn<int(pthread_attr_t*)>("pthread_attr_init")(attributes);
 }
 
 extern "C" int pthread_attr_setdetachstate(pthread_attr_t* attributes, int state) noexcept {
-    NoteAttributeCall(state == PTHREAD_CREATE_JOINABLE ? "joinable" : "detached");
+    NoteAttributeCall(attributes, state == PTHREAD_CREATE_JOINABLE ? "joinable" : "detached");
     return SystemsOwn<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate")(attributes, state);
 }
 
 extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
-    NoteAttributeCall("destroy");
+    NoteAttributeCall(attributes, "destroy");
     return SystemsOwn<int(pthread_attr_t*)>("pthread_attr_destroy")(attributes);
 }
 
@@ -227,17 +230,22 @@ TEST(Thread, DestructionStopsAndJoinsARunningWorker) {
 }
 
 TEST(Thread, AttributesAreInitialisedSetAndDestroyedEachInItsPlace) {
-    std::vector<std::string> calls;
+    std::multimap<const pthread_attr_t*, std::string> calls;
     gAttributeCalls = &calls;
+    const pthread_attr_t* its = nullptr;
     {
         CWorker worker;
+        its = &worker.attr;
         gRunning = &worker.running;
         worker.Start();
         gRunning = nullptr;
         worker.Stop();
     }
     gAttributeCalls = nullptr;
-    EXPECT_EQ(calls, std::vector<std::string>(
+    std::vector<std::string> found;
+    for (auto [call, end] = calls.equal_range(its); call != end; ++call)
+        found.push_back(call->second);
+    EXPECT_EQ(found, std::vector<std::string>(
                          {"init, event", "joinable, event, running", "destroy, event"}));
 }
 

@@ -175,6 +175,7 @@ std::string CTracedChild::Call() const {
         case SYS_madvise:
         case SYS_futex:
         case SYS_sched_yield:
+        case SYS_sigaltstack:
         case SYS_gettid:
         case SYS_getpid:
             return "";
