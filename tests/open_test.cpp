@@ -87,7 +87,7 @@ extern "C" int close(int descriptor) {
     return -1;
 }
 
-static TPlan gOpens;
+static TPlan* gOpens = nullptr;
 
 extern "C" int open(const char* path, int flags, ...) {
     va_list rest;
@@ -95,7 +95,7 @@ extern "C" int open(const char* path, int flags, ...) {
     const unsigned int mode = va_arg(rest, unsigned int);
     va_end(rest);
     std::size_t ignored = 0;
-    if (std::string(path) == cPath && Follow(gOpens, ignored))
+    if (gOpens != nullptr && std::string(path) == cPath && Follow(*gOpens, ignored))
         return -1;
     return SystemsOwn<int(const char*, int, ...)>("open")(path, flags, mode);
 }
@@ -136,6 +136,7 @@ static COpen ForReading() {
     return COpen(cPath, O_RDONLY, 0);
 }
 
+#ifndef __SANITIZE_THREAD__  // whose memory is its own affair
 // ---- Memory for a text of four gibibytes: one small block, again and again
 // --------------------------------------------
 
@@ -175,6 +176,8 @@ static void* MapHuge() {
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
     operator delete(memory);
 }
+
+#endif
 
 // ---- Opening
 // -----------------------------------------------------------------------------------------------------------
@@ -385,9 +388,11 @@ TEST(Open, FailedReadSaysWhatAndWhy) {
 }
 
 TEST(Open, InterruptedOpenIsTriedAgain) {
-    gOpens = {.interruptions = 3};
+    TPlan plan = {.interruptions = 3};
+    gOpens = &plan;
     EXPECT_TRUE(ForWriting().IsValid());
-    EXPECT_EQ(gOpens.calls, 4);
+    gOpens = nullptr;
+    EXPECT_EQ(plan.calls, 4);
 }
 
 TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {
@@ -415,12 +420,14 @@ TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {
     EXPECT_EQ(text, "text");
 }
 
+#ifndef __SANITIZE_THREAD__
 TEST(Open, TextLongerThanItsLengthCanSayIsRefused) {
     const std::string text(std::size_t{1} << 32, 'x');
     COpen file = ForWriting();
     ExpectError([&] { file.WriteString(text); }, "write", EFBIG);
     EXPECT_EQ(file.Close(), 0U);
 }
+#endif
 
 TEST(Open, FailedWriteShowsInCloseWhichClosesAllTheSame) {
     gWrites.failAt = 1;

@@ -204,7 +204,7 @@ TEST_F(SystemCalls, UnloadOfTheAddInOnlyLocksAndReleases) {
     EXPECT_EQ(Of([](const CAddinLibrary& it) { it.AddIn().Unload(); }), cLock + cUnlock);
 }
 
-TEST_F(SystemCalls, UnloadOfTheAddInEmptiesTheListBeforeTheRelease) {
+TEST_F(SystemCalls, UnloadOfTheAddInEmptiesTheListBetweenLockAndRelease) {
     library.emplace();
     const auto& tasks = *library->TaskList();
     CTracedChild child([] {},
@@ -212,13 +212,16 @@ TEST_F(SystemCalls, UnloadOfTheAddInEmptiesTheListBeforeTheRelease) {
                            library->AddIn().Unload();
                            return 0;
                        });
-    while (child.Step() && (!child.IsBefore() || child.Call() != cUnlock.front())) {
-    }
     // The child has its own copy of the list at the same address.
-    alignas(std::list<TTask*>) unsigned char copy[sizeof(std::list<TTask*>)];
-    child.ReadMemory(&tasks, copy, sizeof copy);
-    EXPECT_EQ(reinterpret_cast<std::list<TTask*>*>(copy)->size(), 0U);
-    EXPECT_EQ(tasks.size(), 2U);
+    const auto sizeBefore = [&](const std::string& call) {
+        while (child.Step() && (!child.IsBefore() || child.Call() != call)) {
+        }
+        alignas(std::list<TTask*>) unsigned char copy[sizeof(std::list<TTask*>)];
+        child.ReadMemory(&tasks, copy, sizeof copy);
+        return reinterpret_cast<std::list<TTask*>*>(copy)->size();
+    };
+    EXPECT_EQ(sizeBefore(cLock.front()), 2U);
+    EXPECT_EQ(sizeBefore(cUnlock.front()), 0U);
 }
 
 // Nothing is asked of a set that may not be opened.
