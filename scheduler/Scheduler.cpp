@@ -430,23 +430,23 @@ static time_t SecondsOfPeriod(std::uint32_t period) {
     record.tm_hour = static_cast<int>(period);
     const time_t wanted = static_cast<time_t>(record.tm_hour) * 3600;
     // What mktime is off by is the zone's offset; once more where the offset changed in between. An
-    // hour that the zone skipped has no time: there the day behind it is asked, then the day before.
-    time_t offset = 0;
-    for (const int neighbour : {1, -1, 1, -1}) {
-        tm local = record;
-        time_t converted = mktime(&local);
-        if (converted == wanted)
-            return converted;
-        if (converted == -1) {
-            local = record;
-            local.tm_mday += neighbour;
-            converted = mktime(&local) - neighbour * 86400;
+    // hour that a zone skipped or had twice can be told in one kind of time and not in another.
+    for (const int daylightSaving : {0, 1, -1}) {
+        record.tm_isdst = daylightSaving;
+        time_t offset = 0;
+        for (int round = 0; round < 3; ++round) {
+            // Whole minutes go into the minutes: mktime adds seconds beyond a minute only behind
+            // its conversion.
+            tm local = record;
+            local.tm_sec = static_cast<int>((offset % 60 + 60) % 60);
+            local.tm_min = static_cast<int>((offset - local.tm_sec) / 60);
+            const time_t converted = mktime(&local);
+            if (converted == wanted)
+                return converted;
+            if (converted == -1)
+                break;
+            offset += wanted - converted;
         }
-        offset += wanted - converted;
-        // Whole minutes go into the minutes: seconds beyond a minute are added behind the
-        // conversion, where they no longer help.
-        record.tm_sec = static_cast<int>((offset % 60 + 60) % 60);
-        record.tm_min = static_cast<int>((offset - record.tm_sec) / 60);
     }
     return mktime(&record);
 }

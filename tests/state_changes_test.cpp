@@ -1,6 +1,7 @@
 // Pausing, resuming, another period, and running at once.
 
 #include <CEvent.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
 
@@ -225,13 +226,40 @@ TEST_P(MovedClocks, PeriodsAroundTheMoveAreTheirLengthInSeconds) {
         EXPECT_EQ(inside.SecondsOfPeriod(period), std::time_t{period} * 3600) << period;
 }
 
-INSTANTIATE_TEST_SUITE_P(Forward, MovedClocks,
+INSTANTIATE_TEST_SUITE_P(Skipped, MovedClocks,
                          testing::Values(TMovedClock{"Africa/Casablanca", 124512},
                                          TMovedClock{"Africa/Monrovia", 17664},
                                          TMovedClock{"Asia/Kathmandu", 140256},
                                          TMovedClock{"Europe/Moscow", 193274},
                                          TMovedClock{"Europe/Moscow", 361442},
                                          TMovedClock{"Australia/Lord_Howe", 97848}));
+
+INSTANTIATE_TEST_SUITE_P(Twice, MovedClocks,
+                         testing::Values(TMovedClock{"Asia/Yerevan", 188412},
+                                         TMovedClock{"America/Argentina/Cordoba", 184026},
+                                         TMovedClock{"Europe/Minsk", 188413},
+                                         TMovedClock{"America/Resolute", 276454},
+                                         TMovedClock{"America/Cambridge_Bay", 267884},
+                                         TMovedClock{"Asia/Tbilisi", 302788},
+                                         TMovedClock{"Atlantic/Stanley", 140339},
+                                         TMovedClock{"Pacific/Apia", 368124}));
+
+static bool gFailCalendar = false;
+
+extern "C" time_t mktime(tm* record) noexcept {
+    if (gFailCalendar)
+        return -1;
+    return reinterpret_cast<time_t (*)(tm*)>(dlsym(RTLD_NEXT, "mktime"))(record);
+}
+
+TEST_F(StateChanges, CalendarThatFailsTakesBackWhatItReturns) {
+    Put({{"a", cNow + 100, 0, 24, "/a", "", 0}});
+    gFailCalendar = true;
+    EXPECT_TRUE(library->SetTaskPeriod("a", 5));
+    gFailCalendar = false;
+    EXPECT_EQ(ReadTable().at(0).next, cNow + 100 + 1);
+    EXPECT_EQ(ReadTable().at(0).period, 5U);
+}
 
 TEST_F(StateChanges, PeriodsThatWrapAreTakenBackInFull) {
     Put({{"a", cNow + 4294969200, 0, 1193047, "/a", "", 0}});
