@@ -269,7 +269,7 @@ TEST_F(Faults, TickWhoseTableCannotBeWrittenHasStartedWhatWasDueAndGoesOnEmpty) 
 static bool MountSmallDisk() {
     if (unshare(CLONE_NEWNS) != 0)
         return false;
-    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
     return mount("none", "files", "tmpfs", 0, "size=16k") == 0;
 }
 

@@ -1,15 +1,21 @@
 // The start of a task's program: what becomes of its path, what the child is given, what is asked,
 // logged and noted.
 
+#include <VXC_File.h>
 #include <VXC_Log.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "AddinLibrary.h"
 #include "FakeSystem.h"
@@ -86,6 +92,40 @@ TEST_F(Launcher, NoOtherCharacterIsCutOff) {
         const std::string program = std::string("/opt/tool") + character;
         EXPECT_EQ(Start(program).program, program) << byte;
     }
+}
+
+// ---- A support library's splitter comes through here
+// -----------------------------------------------------------------------
+
+// What is played as the extension of every path, if anything is.
+static const char* gExtension = nullptr;
+static std::vector<std::string> gSplit;
+
+void VXC_File::VXC_StripPathUrl(const char* path, char* directory, char* name, char* extension) {
+    gSplit = {path, directory == nullptr ? "null" : "a buffer", extension};
+    reinterpret_cast<decltype(&VXC_StripPathUrl)>(dlsym(
+        RTLD_NEXT, "_ZN8VXC_File16VXC_StripPathUrlEPKcPcS2_S2_"))(path, directory, name, extension);
+    std::fill_n(name, 256, 'n');
+    if (gExtension != nullptr)
+        std::strcpy(extension, gExtension);
+}
+
+TEST_F(Launcher, SplitterIsAskedForTheNameAndTheExtensionWithAnEmptyText) {
+    Start("/opt/tools/report.exe");
+    EXPECT_EQ(gSplit, std::vector<std::string>({"/opt/tools/report.exe", "null", ""}));
+}
+
+TEST_F(Launcher, ExtensionOfAnySupportLibraryIsComparedWhole) {
+    const std::string longest = "." + std::string(126, 'y');
+    for (const char* const extension : {".", "e", ".ex", ".exe.", ".EXE", longest.c_str()}) {
+        gExtension = extension;
+        EXPECT_DEATH(Start("/opt/tool"), "Assertion `false' failed") << extension;
+    }
+    for (const char* const extension : {"", ".exe"}) {
+        gExtension = extension;
+        EXPECT_EQ(Start("/opt/tool").program, "/opt/tool");
+    }
+    gExtension = nullptr;
 }
 
 class LauncherExtension : public Launcher, public testing::WithParamInterface<const char*> {};
