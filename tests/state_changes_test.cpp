@@ -245,18 +245,40 @@ INSTANTIATE_TEST_SUITE_P(Twice, MovedClocks,
                                          TMovedClock{"Pacific/Apia", 368124}));
 
 static bool gFailCalendar = false;
+static std::vector<tm> gRecords;  // what the calendar was asked
 
 extern "C" time_t mktime(tm* record) noexcept {
+    gRecords.push_back(*record);
     if (gFailCalendar)
         return -1;
     return reinterpret_cast<time_t (*)(tm*)>(dlsym(RTLD_NEXT, "mktime"))(record);
 }
 
+TEST_F(StateChanges, CalendarIsAskedForTheHoursSinceTheFirstDayOf1970) {
+    gRecords.clear();
+    EXPECT_TRUE(library->SetTaskPeriod("a", 5));
+    ASSERT_FALSE(gRecords.empty());
+    const tm& first = gRecords.front();
+    EXPECT_EQ(first.tm_year, 70);
+    EXPECT_EQ(first.tm_mon, 0);
+    EXPECT_EQ(first.tm_mday, 1);
+    EXPECT_EQ(first.tm_hour, 24);
+    EXPECT_EQ(first.tm_min, 0);
+    EXPECT_EQ(first.tm_sec, 0);
+    EXPECT_EQ(first.tm_isdst, 0) << "in standard time";
+    EXPECT_LE(gRecords.size(), 2U);
+}
+
 TEST_F(StateChanges, CalendarThatFailsTakesBackWhatItReturns) {
     Put({{"a", cNow + 100, 0, 24, "/a", "", 0}});
     gFailCalendar = true;
+    gRecords.clear();
     EXPECT_TRUE(library->SetTaskPeriod("a", 5));
     gFailCalendar = false;
+    std::vector<int> kinds;
+    for (const tm& record : gRecords)
+        kinds.push_back(record.tm_isdst);
+    EXPECT_EQ(kinds, std::vector<int>({0, 1, -1, -1})) << "standard, daylight saving, whichever";
     EXPECT_EQ(ReadTable().at(0).next, cNow + 100 + 1);
     EXPECT_EQ(ReadTable().at(0).period, 5U);
 }
