@@ -1,0 +1,67 @@
+#include "client/CStoreLock.h"
+
+#include <VXC_CRC32.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "client/CClientError.h"
+
+namespace vxsched {
+
+static constexpr char cMutexName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
+
+static CClientError Refused(const char* what, int error) {
+    return {EError::cFailed, std::string("cannot ") + what +
+                                 " the store mutex: " + std::strerror(error) +
+                                 "; run as the user, or in the group, of the scheduling process"};
+}
+
+CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
+    using TClock = std::chrono::steady_clock;
+    const TClock::time_point end = TClock::now() + patience;
+    const int found = semget(static_cast<key_t>(VXC_GenerateCRC32(cMutexName)), 1, 0);
+    if (found == -1) {
+        if (errno == ENOENT)
+            return;
+        throw Refused("open", errno);
+    }
+    for (;;) {
+        const auto left = std::max<TClock::duration>(end - TClock::now(), TClock::duration(0));
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+        const timespec rest{.tv_sec = seconds.count(),
+                            .tv_nsec = std::chrono::nanoseconds(left - seconds).count()};
+        sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = SEM_UNDO};
+        if (semtimedop(found, &take, 1, &rest) == 0) {
+            set = found;
+            return;
+        }
+        if (errno == EIDRM || errno == EINVAL)
+            return;  // its last user has gone meanwhile
+        if (errno == EAGAIN) {
+            const int holder = semctl(found, 0, GETPID);
+            throw CClientError(EError::cBusy,
+                               "the store mutex is held, last by process " +
+                                   std::to_string(holder) + ", and did not become free within " +
+                                   std::to_string(patience.count()) +
+                                   " ms; nothing was changed. A start of a task holds it for two "
+                                   "seconds; try again");
+        }
+        if (errno != EINTR)
+            throw Refused("take", errno);
+    }
+}
+
+CStoreLock::~CStoreLock() {
+    if (set == -1)
+        return;
+    sembuf give{.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO};
+    semop(set, &give, 1);
+}
+
+}  // namespace vxsched

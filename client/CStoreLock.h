@@ -1,0 +1,27 @@
+#pragma once
+
+#include <chrono>
+
+namespace vxsched {
+
+// Holds the store mutex for a scope, as one more waiter among those who use it. Unlike the add-in's
+// own mutex it never makes the semaphore, never sets its value, and never removes it: where there is
+// no store, nothing is held and nothing is made. The kernel gives it back if the process dies.
+class CStoreLock {
+public:
+    // Waits at most `patience`. Throws CClientError: cBusy with the process that holds it, when that
+    // has passed; cFailed when the semaphore may not be used. Goes on waiting after a signal handler
+    // ran.
+    explicit CStoreLock(std::chrono::milliseconds patience);
+    ~CStoreLock();
+    CStoreLock(const CStoreLock&) = delete;
+    CStoreLock& operator=(const CStoreLock&) = delete;
+
+    // False where there is no store, or its semaphore was removed while it was waited for.
+    bool IsHeld() const { return set != -1; }
+
+private:
+    int set = -1;
+};
+
+}  // namespace vxsched
