@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/Table.h"
+
+namespace vxsched {
+
+// A reason not to put a task into the table.
+struct TObjection {
+    enum EKind {
+        cEmptyName,
+        cZeroByte,           // in a text: calls and programs see it cut off there
+        cNoProgram,          // the path names nothing
+        cRelativePath,       // it would be looked up in the scheduling process's directory
+        cPathTooLong,        // beyond what the system opens
+        cNotExecutable,      // or not a file
+        cMissingProgram,     // nothing is there
+        cAlteredPath,        // the start would cut characters off its end
+        cAbortingExtension,  // the start would abort the scheduling process
+        cEndlessPeriod,      // a step of zero: the first late start would hang the store
+        cWrappedPeriod,      // the step is not the period
+        cPastStart,          // of a task that runs once
+    };
+    EKind kind;
+    bool canBeForced;  // unwise, but nobody else is harmed
+    std::string text;  // what is wrong, with which input, and what to do
+
+    // The name by which it is forced: "missing-program".
+    std::string_view Name() const;
+};
+
+// The path that a start makes of a task's program: every '.', 'e' and 'x' at its end is cut off.
+std::string StartedPath(std::string_view program);
+
+// All that speaks against the task, the worst first; empty when it is sound. Looks at the file
+// system (whether the program is there and may be executed by this user) and changes nothing.
+std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now);
+
+}  // namespace vxsched
