@@ -1,0 +1,79 @@
+#include "client/ProgramLinks.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "client/CClientError.h"
+#include "client/Objections.h"
+
+namespace vxsched {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path FolderOf(const fs::path& directory) {
+    return fs::absolute(directory).lexically_normal() / "files" / "programs";
+}
+
+// The program's own name with dots replaced, so that there is no extension, and a number behind it,
+// so that nothing is cut off its end.
+std::string LinkName(const fs::path& program, int number) {
+    std::string name = program.filename().string();
+    std::replace(name.begin(), name.end(), '.', '-');
+    return name + '-' + std::to_string(number);
+}
+
+bool IsLinkTo(const fs::path& link, const std::string& program) {
+    std::error_code error;
+    return fs::read_symlink(link, error).string() == program && !error;
+}
+
+bool StartLeavesAlone(const std::string& program) {
+    const bool hasExtension = fs::path(program).filename().string().find('.') != std::string::npos;
+    return !hasExtension && StartedPath(program) == program;
+}
+
+}  // namespace
+
+std::string MakeSchedulable(const fs::path& directory, const std::string& program) {
+    if (StartLeavesAlone(program))
+        return program;
+    const fs::path folder = FolderOf(directory);
+    std::error_code error;
+    fs::create_directories(folder, error);
+    for (int number = 1; !error; ++number) {
+        const fs::path link = folder / LinkName(program, number);
+        if (IsLinkTo(link, program))
+            return link.string();
+        fs::create_symlink(program, link, error);
+        if (!error)
+            return link.string();
+        if (error == std::errc::file_exists)
+            error.clear();
+    }
+    throw CClientError(EError::cFailed, "cannot make a link to " + program + " in " +
+                                            folder.string() + ": " + error.message());
+}
+
+std::string RealProgram(const fs::path& directory, const std::string& program) {
+    if (fs::path(program).parent_path() != FolderOf(directory))
+        return program;
+    std::error_code error;
+    const fs::path target = fs::read_symlink(program, error);
+    return error ? program : target.string();
+}
+
+void RemoveUnusedLinks(const fs::path& directory, const TTable& table) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(FolderOf(directory), ignored)) {
+        const std::string path = entry.path().string();
+        const bool used = std::any_of(
+            table.tasks.begin(), table.tasks.end(),
+            [&](const TTaskEntry& task) { return StartedPath(task.program) == StartedPath(path); });
+        if (!used && entry.is_symlink(ignored))
+            fs::remove(entry.path(), ignored);
+    }
+}
+
+}  // namespace vxsched

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "client/Table.h"
+
+namespace vxsched {
+
+// Programs that a start would alter or refuse (`/usr/bin/free`, `backup.sh`) are scheduled by a link
+// with a safe name, kept in `files/programs/` of the store's directory. The caller holds nothing;
+// two callers at once make two links at worst.
+
+// The path to put into the table for `program`, an absolute path: itself where a start leaves it
+// alone, else the path of a link to it, which is made if there is none yet. A program that looks at
+// the name it was started by sees the link's. Throws CClientError (cFailed) when the link cannot be
+// made.
+std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
+
+// The program behind a path of the table: what the link points to, or the path itself.
+std::string RealProgram(const std::filesystem::path& directory, const std::string& program);
+
+// Removes the links that no task of the table needs. What else lies in the folder stays.
+void RemoveUnusedLinks(const std::filesystem::path& directory, const TTable& table);
+
+}  // namespace vxsched
