@@ -438,8 +438,8 @@ static time_t SecondsOfPeriod(std::uint32_t period) {
             // Whole minutes go into the minutes: mktime adds seconds beyond a minute only behind
             // its conversion.
             tm local = record;
-            local.tm_sec = static_cast<int>((offset % 60 + 60) % 60);
-            local.tm_min = static_cast<int>((offset - local.tm_sec) / 60);
+            local.tm_min = static_cast<int>(offset / 60);
+            local.tm_sec = static_cast<int>(offset % 60);
             const time_t converted = mktime(&local);
             if (converted == wanted)
                 return converted;
