@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <set>
 
 #include "client/CClientError.h"
@@ -173,8 +174,7 @@ TTable ReadTable(const std::filesystem::path& directory, std::chrono::millisecon
         const CStoreLock lock(patience);
         bytes = ReadWhole(directory / cTaskFile);
     }
-    return DecodeTable(bytes,
-                       std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
+    return DecodeTable(bytes, TTime(std::chrono::seconds(std::time(nullptr))));
 }
 
 }  // namespace vxsched

@@ -97,6 +97,8 @@ public:
     explicit CHost(const std::vector<std::string>& command = {HOST_PROGRAM, "--directory", "."})
         : CProgram(command) {
         EXPECT_TRUE(WaitForOutput(" as process ")) << Output();
+        // The first tick is over: it would take a client's signal for the file it has just read.
+        WaitUntil(WorkerRests);
     }
 
     int Stop(int signal = SIGTERM) {

@@ -13,6 +13,11 @@ int StoreSemaphoreValue() {
     return id == -1 ? -1 : semctl(id, 0, GETVAL);
 }
 
+bool WorkerRests() {
+    const int id = semget(cStopKey, 0, 0);
+    return id != -1 && semctl(id, 0, GETNCNT) > 0;
+}
+
 union TArgument {
     int val;
     struct semid_ds* buf;
