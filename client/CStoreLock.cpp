@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -16,12 +15,6 @@ namespace vxsched {
 
 static constexpr char cMutexName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
 
-static CClientError Refused(const char* what, int error) {
-    return {EError::cFailed, std::string("cannot ") + what +
-                                 " the store mutex: " + std::strerror(error) +
-                                 "; run as the user, or in the group, of the scheduling process"};
-}
-
 CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point end = TClock::now() + patience;
@@ -29,7 +22,7 @@ CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
     if (found == -1) {
         if (errno == ENOENT)
             return;
-        throw Refused("open", errno);
+        throw SystemError("cannot open the store mutex", errno);
     }
     for (;;) {
         const auto left = std::max<TClock::duration>(end - TClock::now(), TClock::duration(0));
@@ -53,7 +46,7 @@ CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
                                    "seconds; try again");
         }
         if (errno != EINTR)
-            throw Refused("take", errno);
+            throw SystemError("cannot take the store mutex", errno);
     }
 }
 

@@ -10,12 +10,16 @@ namespace vxsched {
 class CStoreLock {
 public:
     // Waits at most `patience`. Throws CClientError: cBusy with the process that holds it, when that
-    // has passed; cFailed when the semaphore may not be used. Goes on waiting after a signal handler
+    // has passed; cNoAccess or cFailed when the semaphore cannot be used. Goes on waiting after a signal handler
     // ran.
     explicit CStoreLock(std::chrono::milliseconds patience);
     ~CStoreLock();
     CStoreLock(const CStoreLock&) = delete;
     CStoreLock& operator=(const CStoreLock&) = delete;
+
+    // For who loads the library while holding the mutex: the load sets it free, so that giving it back
+    // as well would let two in at once from then on.
+    void Forget() { set = -1; }
 
     // False where there is no store, or its semaphore was removed while it was waited for.
     bool IsHeld() const { return set != -1; }

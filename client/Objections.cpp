@@ -58,11 +58,8 @@ void FindMissing(const std::string& path, CObjections& objections) {
                             "and count as made; chmod +x it, or name another");
 }
 
-void LookAtProgram(const std::string& program, CObjections& objections) {
-    if (program.empty()) {
-        objections.Refuse(TObjection::cNoProgram, "no program is named; give its absolute path");
-        return;
-    }
+// What a start makes of the name, and whether that is the program that is meant.
+bool IsStartedAsNamed(const std::string& program, CObjections& objections) {
     const std::string extension = ExtensionOf(program);
     if (!extension.empty() && extension != ".exe") {
         objections.Refuse(
@@ -70,7 +67,7 @@ void LookAtProgram(const std::string& program, CObjections& objections) {
             "the extension " + Quoted(extension) + " of " + Quoted(program) +
                 " would abort the scheduling process when the task is due; schedule a "
                 "link to it whose name has no dot");
-        return;
+        return false;
     }
     const std::string named =
         extension.empty() ? program : program.substr(0, program.size() - extension.size());
@@ -81,8 +78,19 @@ void LookAtProgram(const std::string& program, CObjections& objections) {
             "a start of " + Quoted(program) + " would start " + Quoted(started) +
                 ": every '.', 'e' and 'x' at the end is cut off; schedule a link to it "
                 "whose name ends otherwise");
+        return false;
+    }
+    return true;
+}
+
+void LookAtProgram(const std::string& program, EProgram how, CObjections& objections) {
+    if (program.empty()) {
+        objections.Refuse(TObjection::cNoProgram, "no program is named; give its absolute path");
         return;
     }
+    if (how == EProgram::cAsNamed && !IsStartedAsNamed(program, objections))
+        return;
+    const std::string started = how == EProgram::cAsNamed ? StartedPath(program) : program;
     if (started.size() >= PATH_MAX) {
         objections.Refuse(TObjection::cPathTooLong, "the program's path has " +
                                                         std::to_string(started.size()) +
@@ -130,11 +138,15 @@ std::string_view TObjection::Name() const {
     return names.at(static_cast<std::size_t>(kind));
 }
 
+bool TObjection::IsAboutTheProgram() const {
+    return kind >= cNoProgram && kind <= cAbortingExtension;
+}
+
 std::string StartedPath(std::string_view program) {
     return std::string(program.substr(0, program.find_last_not_of(".exe") + 1));
 }
 
-std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now) {
+std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now, EProgram how) {
     CObjections objections;
     if (task.name.empty())
         objections.Refuse(TObjection::cEmptyName, "the task has no name; give it one");
@@ -144,7 +156,7 @@ std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now) {
                               "a text holds a zero byte, where it would be cut off: " +
                                   Quoted(text->substr(0, text->find('\0'))));
     }
-    LookAtProgram(task.program.substr(0, task.program.find('\0')), objections);
+    LookAtProgram(task.program.substr(0, task.program.find('\0')), how, objections);
     LookAtPeriod(task, now, objections);
     return objections.WorstFirst();
 }

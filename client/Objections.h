@@ -30,13 +30,23 @@ struct TObjection {
 
     // The name by which it is forced: "missing-program".
     std::string_view Name() const;
+
+    // It is about the program, and not about the name, the start or the period.
+    bool IsAboutTheProgram() const;
 };
 
 // The path that a start makes of a task's program: every '.', 'e' and 'x' at its end is cut off.
 std::string StartedPath(std::string_view program);
 
+// How a task's program is started.
+enum class EProgram {
+    cAsNamed,
+    cThroughLink,  // with a safe name, so that the program's own does not matter
+};
+
 // All that speaks against the task, the worst first; empty when it is sound. Looks at the file
 // system (whether the program is there and may be executed by this user) and changes nothing.
-std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now);
+std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now,
+                                       EProgram how = EProgram::cAsNamed);
 
 }  // namespace vxsched

@@ -1,6 +1,9 @@
 #include "client/ProgramLinks.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <system_error>
 
 #include "client/CClientError.h"
@@ -52,8 +55,12 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
         if (error == std::errc::file_exists)
             error.clear();
     }
-    throw CClientError(EError::cFailed, "cannot make a link to " + program + " in " +
-                                            folder.string() + ": " + error.message());
+    throw SystemError("cannot make a link to " + program + " in " + folder.string(), error.value());
+}
+
+void MakeLink(const std::string& path, const std::string& program) {
+    if (symlink(program.c_str(), path.c_str()) == -1 && errno != EEXIST)
+        throw SystemError("cannot make the link " + path + " to " + program, errno);
 }
 
 std::string RealProgram(const fs::path& directory, const std::string& program) {

@@ -13,9 +13,13 @@ namespace vxsched {
 
 // The path to put into the table for `program`, an absolute path: itself where a start leaves it
 // alone, else the path of a link to it, which is made if there is none yet. A program that looks at
-// the name it was started by sees the link's. Throws CClientError (cFailed) when the link cannot be
-// made.
+// the name it was started by sees the link's. Throws CClientError
+// (cNoAccess, cFailed) when the link cannot be made.
 std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
+
+// Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there. Throws
+// CClientError likewise.
+void MakeLink(const std::string& path, const std::string& program);
 
 // The program behind a path of the table: what the link points to, or the path itself.
 std::string RealProgram(const std::filesystem::path& directory, const std::string& program);

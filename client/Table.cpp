@@ -1,17 +1,13 @@
 #include "client/Table.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <set>
 
 #include "client/CClientError.h"
 #include "client/CStoreLock.h"
+#include "client/TableFile.h"
 
 namespace vxsched {
 
@@ -19,7 +15,6 @@ namespace {
 
 // The add-in catches up one step at a time, some hundred million in a second.
 constexpr std::uint64_t cMostSteps = 100'000'000;
-constexpr char cTaskFile[] = "files/scheduler.dat";
 // A task takes at least this many bytes: three lengths, two times, a period and a flag.
 constexpr std::size_t cSmallestTask = 3 * 4 + 2 * 8 + 4 + 4;
 
@@ -91,34 +86,6 @@ void FindHarm(const TTaskEntry& task, TTime now, std::size_t offset,
     }
 }
 
-std::string ReadWhole(const std::filesystem::path& path) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor == -1) {
-        if (errno == ENOENT)
-            return std::string(8, '\0');
-        throw CClientError(EError::cFailed,
-                           "cannot read " + path.string() + ": " + std::strerror(errno));
-    }
-    std::string bytes;
-    struct stat status {};
-    if (fstat(descriptor, &status) == 0)
-        bytes.reserve(static_cast<std::size_t>(status.st_size) + 1);
-    char block[1 << 16];
-    ssize_t count = 0;
-    while ((count = read(descriptor, block, sizeof block)) != 0) {
-        if (count > 0) {
-            bytes.append(block, static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            const int error = errno;
-            close(descriptor);
-            throw CClientError(EError::cFailed,
-                               "cannot read " + path.string() + ": " + std::strerror(error));
-        }
-    }
-    close(descriptor);
-    return bytes;
-}
-
 }  // namespace
 
 bool TTable::IsSafeToLoad() const {
@@ -168,13 +135,58 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     return table;
 }
 
+namespace {
+
+template <typename Value>
+void Put(std::string& bytes, const Value& value) {
+    char raw[sizeof value];
+    std::memcpy(raw, &value, sizeof value);
+    bytes.append(raw, sizeof raw);
+}
+
+void PutText(std::string& bytes, const std::string& text) {
+    Put(bytes, static_cast<std::uint32_t>(text.size()));
+    bytes += text;
+}
+
+}  // namespace
+
+std::string EncodeTable(const std::vector<TTaskEntry>& tasks) {
+    std::string bytes;
+    Put(bytes, std::uint64_t{tasks.size()});
+    for (const TTaskEntry& task : tasks) {
+        PutText(bytes, task.name);
+        Put(bytes, std::int64_t{task.next.time_since_epoch().count()});
+        Put(bytes, std::int64_t{task.last.time_since_epoch().count()});
+        Put(bytes, task.period);
+        PutText(bytes, task.program);
+        PutText(bytes, task.parameter);
+        Put(bytes, std::uint32_t{task.paused});
+    }
+    return bytes;
+}
+
+TTime Now() {
+    return TTime(std::chrono::seconds(std::time(nullptr)));
+}
+
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(directory, error))
+        throw CClientError(EError::cFailed,
+                           "there is no directory " + directory.string() + "; name the host's");
     std::string bytes;
     {
         const CStoreLock lock(patience);
-        bytes = ReadWhole(directory / cTaskFile);
+        bytes = ReadBytes(TableFile(directory));
     }
-    return DecodeTable(bytes, TTime(std::chrono::seconds(std::time(nullptr))));
+    return DecodeTable(bytes, Now());
+}
+
+const TTaskEntry* TTable::Find(std::string_view name) const {
+    const auto found = std::find_if(tasks.begin(), tasks.end(),
+                                    [&](const TTaskEntry& task) { return task.name == name; });
+    return found == tasks.end() ? nullptr : &*found;
 }
 
 }  // namespace vxsched

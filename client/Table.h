@@ -12,6 +12,9 @@ namespace vxsched {
 
 using TTime = std::chrono::sys_seconds;
 
+// The time by the clock that the scheduler reads. Other clocks may already be in the next second.
+TTime Now();
+
 // One task as the table holds it.
 struct TTaskEntry {
     std::string name;
@@ -44,6 +47,10 @@ struct TTable {
 
     // True when a process that loads the library is not the worse for it.
     bool IsSafeToLoad() const;
+
+    // The first task of that name, which is the one that the library's functions find; null when
+    // there is none. Valid as long as the table is not changed.
+    const TTaskEntry* Find(std::string_view name) const;
 };
 
 // Reads a table from its bytes; `now` is what past starts would be caught up with. Throws
@@ -51,10 +58,13 @@ struct TTable {
 // the add-in would reset such a file to an empty table.
 TTable DecodeTable(std::string_view bytes, TTime now);
 
+// The bytes of a table as the add-in writes them.
+std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
+
 // Reads the table of a working directory without any effect: the file is opened for reading only,
 // the store mutex is taken as a waiter if there is a store, and the library is not loaded. A missing
-// file is an empty table. Throws CClientError: cBusy, cDamaged, or cFailed when the file cannot be
-// read.
+// file is an empty table. Throws CClientError: cBusy, cDamaged, or cNoAccess or cFailed when the
+// directory or the file cannot be read.
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience);
 
 }  // namespace vxsched

@@ -163,8 +163,12 @@ TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {
     CForkedChild child([] {
         if (!DropCapabilities())
             return 1;
-        const std::string message = ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); });
-        EXPECT_EQ(message, "cannot read ./files/scheduler.dat: Permission denied");
+        const std::string message =
+            ErrorOf(EError::cNoAccess, [] { vxsched::ReadTable(".", 0ms); });
+        EXPECT_EQ(
+            message,
+            "cannot read ./files/scheduler.dat: Permission denied; run as the user, or in the "
+            "group, of the scheduling process");
         return testing::Test::HasFailure() ? 2 : 42;
     });
     EXPECT_EQ(child.Wait(), 42);
@@ -242,7 +246,7 @@ TEST(ClientLock, MissingAccessSaysWhatToDo) {
     CForkedChild child([] {
         if (!DropCapabilities())
             return 1;
-        const std::string message = ErrorOf(EError::cFailed, [] { const CStoreLock lock(0ms); });
+        const std::string message = ErrorOf(EError::cNoAccess, [] { const CStoreLock lock(0ms); });
         EXPECT_EQ(message,
                   "cannot take the store mutex: Permission denied; run as the user, or in the "
                   "group, of the scheduling process");

@@ -1,0 +1,110 @@
+#include "client/CChangeProcess.h"
+
+#include <dlfcn.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include "client/CClientError.h"
+#include "client/change/Fields.h"
+
+extern char** environ;
+
+namespace vxsched {
+
+std::string LibraryFolder() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<const void*>(&LibraryFolder), &info) == 0)
+        return ".";
+    return std::filesystem::path(info.dli_fname).parent_path().string();
+}
+
+CChangeProcess::CChangeProcess(const TRequest& request) {
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == -1)
+        throw SystemError("cannot make a socket pair", errno);
+    socket = ends[0];
+    std::string program = LibraryFolder() + "/vantrix/vxsched-change";
+    std::array<char*, 2> arguments = {program.data(), nullptr};
+    posix_spawn_file_actions_t actions{};
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    const int error =
+        posix_spawn(&process, program.c_str(), &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    if (error != 0) {
+        close(socket);
+        throw SystemError("cannot start " + program, error);
+    }
+    std::string bytes;
+    PutField(bytes, Encode(request));
+    Send(bytes);
+    shutdown(socket, SHUT_WR);
+}
+
+CChangeProcess::~CChangeProcess() {
+    close(socket);
+    if (process != -1) {
+        Kill();
+        WaitForEnd();
+    }
+}
+
+void CChangeProcess::Kill() const {
+    kill(process, SIGKILL);
+}
+
+void CChangeProcess::Send(const std::string& bytes) const {
+    std::string_view rest = bytes;
+    while (!rest.empty()) {
+        const ssize_t count = send(socket, rest.data(), rest.size(), MSG_NOSIGNAL);
+        if (count == -1 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return;  // it has ended; what is read from it next says so
+        rest.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> patience) {
+    for (;;) {
+        std::string left = received;
+        const std::optional<std::string> kind = TakeField(left);
+        if (std::optional<std::string> text = kind ? TakeField(left) : std::nullopt) {
+            received = std::move(left);
+            return TMessage{*kind, std::move(*text)};
+        }
+        pollfd source{.fd = socket, .events = POLLIN, .revents = 0};
+        const int ready = poll(&source, 1, patience ? static_cast<int>(patience->count()) : -1);
+        if (ready == 0)
+            throw CClientError(EError::cBusy, "the change was not finished within " +
+                                                  std::to_string(patience->count()) + " ms");
+        std::array<char, 1 << 16> block{};
+        const ssize_t count = ready == -1 ? -1 : read(socket, block.data(), block.size());
+        if (count > 0)
+            received.append(block.data(), static_cast<std::size_t>(count));
+        else if (count == 0 || errno != EINTR)
+            return {};
+    }
+}
+
+std::string CChangeProcess::WaitForEnd() {
+    int status = 0;
+    while (waitpid(process, &status, 0) == -1 && errno == EINTR) {
+    }
+    process = -1;
+    if (WIFSIGNALED(status))
+        return std::string("was killed by SIG") + sigabbrev_np(WTERMSIG(status));
+    return "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+}  // namespace vxsched

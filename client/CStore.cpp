@@ -1,0 +1,315 @@
+#include "client/CStore.h"
+
+#include <algorithm>
+
+#include "client/CClientError.h"
+#include "client/CLoadTurn.h"
+#include "client/CStoreLock.h"
+#include "client/Change.h"
+#include "client/ProgramLinks.h"
+#include "client/RunningPrograms.h"
+#include "client/SchedulingProcess.h"
+#include "client/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+constexpr int cTries = 20;
+
+std::string Quoted(std::string_view text) {
+    return '"' + std::string(text) + '"';
+}
+
+TCall CallOf(TCall::EFunction function, TTaskEntry task) {
+    TCall call{};
+    call.function = function;
+    call.task = std::move(task);
+    return call;
+}
+
+std::vector<TCall> CallsOf(TCall::EFunction function, const std::vector<std::string>& names) {
+    std::vector<TCall> calls;
+    for (const std::string& name : names) {
+        TTaskEntry task;
+        task.name = name;
+        calls.push_back(CallOf(function, std::move(task)));
+    }
+    return calls;
+}
+
+void RefuseFor(const std::vector<TObjection>& objections) {
+    if (objections.empty())
+        return;
+    std::string text;
+    for (const TObjection& objection : objections) {
+        text += (text.empty() ? "" : "\n") + objection.text;
+        if (objection.canBeForced)
+            text += " (or force " + Quoted(objection.Name()) + ')';
+    }
+    throw CClientError(EError::cRefused, text);
+}
+
+void Drop(std::vector<TObjection>& objections,
+          const std::function<bool(const TObjection&)>& isPassedOver) {
+    objections.erase(std::remove_if(objections.begin(), objections.end(), isPassedOver),
+                     objections.end());
+}
+
+std::vector<TObjection> FindUnforced(const TTaskEntry& task, EProgram how, const TForced& forced) {
+    std::vector<TObjection> objections = FindObjections(task, Now(), how);
+    Drop(objections, [&](const TObjection& objection) {
+        return objection.canBeForced && forced.count(objection.Name()) > 0;
+    });
+    return objections;
+}
+
+EProgram HowToStart(const std::string& program) {
+    return program.starts_with('/') ? EProgram::cThroughLink : EProgram::cAsNamed;
+}
+
+TTaskEntry EntryOf(const TNewTask& task) {
+    return {task.name, task.start, TTime(), task.period, task.program, task.parameter, false};
+}
+
+// The entry is in the table as it was asked for, or as a tick that came since has left it: started
+// and moved on, or gone because it ran.
+bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
+    const TTaskEntry* const found = table.Find(wanted.name);
+    if (found == nullptr)
+        return wanted.period == 0 && !wanted.paused && wanted.next <= Now();
+    const bool hasRun = found->last >= since;
+    return (found->program == wanted.program || found->program == StartedPath(wanted.program)) &&
+           found->parameter == wanted.parameter && found->period == wanted.period &&
+           found->paused == wanted.paused &&
+           (found->next == wanted.next || hasRun || wanted.next < since);
+}
+
+[[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
+    std::string text = "the change of " + Quoted(name) +
+                       " is not in the table although it was made; look at it again, somebody "
+                       "else may be changing it";
+    for (const std::string& message : outcome.log)
+        text += "; the add-in says: " + message;
+    throw CClientError(EError::cFailed, text);
+}
+
+// The first time on the task's grid that is no earlier than `time`.
+TTime NextOnGrid(const TTaskEntry& task, TTime time) {
+    const std::chrono::hours step(task.period);
+    if (task.next >= time || task.period == 0)
+        return task.next;
+    return task.next + (time - task.next + step - std::chrono::seconds(1)) / step * step;
+}
+
+// What an edit makes of a task. Throws CClientError (cRefused) when something speaks against it.
+TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
+    entry.next = edit.start.value_or(entry.next);
+    entry.period = edit.period.value_or(entry.period);
+    entry.program = edit.program.value_or(entry.program);
+    entry.parameter = edit.parameter.value_or(entry.parameter);
+    // A rewritten task is active until it is paused again, and must not be due meanwhile.
+    if (entry.paused)
+        entry.next = NextOnGrid(entry, Now() + 2 * cAboutToBeDue);
+    std::vector<TObjection> objections =
+        FindUnforced(entry, edit.program ? HowToStart(entry.program) : EProgram::cAsNamed, forced);
+    // What was unsound before and is not touched speaks against nothing.
+    Drop(objections, [&](const TObjection& objection) {
+        return (!edit.program && objection.IsAboutTheProgram()) ||
+               (!entry.paused && !edit.start && !edit.period &&
+                objection.kind == TObjection::cPastStart);
+    });
+    RefuseFor(objections);
+    return entry;
+}
+
+}  // namespace
+
+CStore::CStore(TStoreOptions storeOptions) : options(std::move(storeOptions)) {}
+
+TTable CStore::Read() const {
+    return ReadTable(options.directory, options.patience);
+}
+
+bool CStore::Wake() const {
+    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
+    if (!scheduler || !scheduler->sharesStore)
+        return false;
+    WakeSchedulingProcess();
+    return true;
+}
+
+std::vector<TObjection> CStore::Check(const TNewTask& task, const TForced& forced) const {
+    return FindUnforced(EntryOf(task), HowToStart(task.program), forced);
+}
+
+TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
+    RefuseFor(Check(task, forced));
+    TTaskEntry entry = EntryOf(task);
+    entry.program = MakeSchedulable(options.directory, task.program);
+    TCall call = CallOf(TCall::cCreate, entry);
+    call.mustExist = false;
+    call.mustBeNew = !replace;
+    // By the clock's rule a task that is due this second might be moved on or removed unrun a second
+    // later. A repeating one whose start lies in the past is to be moved on.
+    const TTime since = Now();
+    call.keepStart = task.period == 0 || task.start >= since;
+    const TOutcome outcome = MakeChange(options, {call}, {});
+    TidyLinks(entry.program, task.program);
+    if (!IsThere(outcome.table, entry, since))
+        NotThere(task.name, outcome);
+    const TTaskEntry* const made = outcome.table.Find(task.name);
+    return made != nullptr ? *made : entry;
+}
+
+TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
+    return After(Get(name), edit, forced);
+}
+
+TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced& forced) const {
+    // A tick may move the task on between the look at it and the change, which must not take that
+    // back: it would run once more.
+    for (int tries = cTries;; --tries) {
+        try {
+            return TryEdit(Get(name), edit, forced);
+        } catch (const CChangedMeanwhile&) {
+            if (tries == 0)
+                throw;
+        }
+    }
+}
+
+TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
+    TTaskEntry entry = After(seen, edit, forced);
+    const std::string program = entry.program;
+    if (edit.program)
+        entry.program = MakeSchedulable(options.directory, program);
+    TCall create = CallOf(TCall::cCreate, entry);
+    create.keepStart = true;
+    create.mustBeAsSeen = true;
+    create.seen = seen;
+    std::vector<TCall> calls = {create};
+    if (entry.paused)
+        calls.push_back(CallOf(TCall::cPause, entry));
+    const TTime since = Now();
+    const TOutcome outcome = MakeChange(options, calls, {});
+    TidyLinks(entry.program, program);
+    if (!IsThere(outcome.table, entry, since))
+        NotThere(entry.name, outcome);
+    return entry;
+}
+
+void CStore::Remove(const std::vector<std::string>& names) const {
+    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cDestroy, names), {});
+    TidyLinks("", "");
+    for (const std::string& name : names) {
+        if (outcome.table.Find(name) != nullptr)
+            NotThere(name, outcome);
+    }
+}
+
+void CStore::Pause(const std::vector<std::string>& names) const {
+    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cPause, names), {});
+    for (const std::string& name : names) {
+        const TTaskEntry* const task = outcome.table.Find(name);
+        if (task == nullptr || !task->paused)
+            NotThere(name, outcome);
+    }
+}
+
+void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
+    const bool mayRemove = forced.count("past-start") > 0;
+    const TTable before = Read();
+    for (const std::string& name : names) {
+        const TTaskEntry* const task = before.Find(name);
+        if (task != nullptr && task->period == 0 && task->next <= Now() + 2 * cAboutToBeDue &&
+            !mayRemove)
+            throw CClientError(EError::cRefused,
+                               "task " + Quoted(name) +
+                                   " runs once and its time has passed: a resume would remove it "
+                                   "unrun; give it a new start first (or force \"past-start\")");
+    }
+    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cResume, names), {});
+    for (const std::string& name : names) {
+        const TTaskEntry* const task = outcome.table.Find(name);
+        const bool isGone =
+            task == nullptr && before.Find(name) != nullptr && before.Find(name)->period == 0;
+        if (!isGone && (task == nullptr || task->paused))
+            NotThere(name, outcome);
+    }
+}
+
+TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
+                             const TForced& forced) const {
+    TEdit edit;
+    edit.period = hours;
+    TTaskEntry entry = Edited(name, edit, forced);
+    // The function would count a task that is to run once as missed, and remove it.
+    if (hours == 0)
+        return Edit(name, edit, forced);
+    const TOutcome outcome = MakeChange(options, {CallOf(TCall::cSetPeriod, entry)}, {});
+    const TTaskEntry* const task = outcome.table.Find(name);
+    if (task == nullptr || task->period != hours)
+        NotThere(name, outcome);
+    return *task;
+}
+
+TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
+                 const std::function<void(pid_t)>& onStart) const {
+    const TTaskEntry task = Get(name);
+    const std::string program = StartedPath(task.program);
+    const std::vector<pid_t> running = FindRunning(program, task.parameter);
+    if (!running.empty() && !force)
+        throw CClientError(EError::cRefused, "task " + Quoted(name) +
+                                                 " is running already, as process " +
+                                                 std::to_string(running.front()) +
+                                                 "; wait for its end, or force a second one");
+    std::vector<TObjection> objections = FindObjections(task, Now(), EProgram::cAsNamed);
+    Drop(objections, [](const TObjection& objection) {
+        return !objection.IsAboutTheProgram() || objection.kind == TObjection::cRelativePath;
+    });
+    RefuseFor(objections);
+    TCall call = CallOf(TCall::cExecute, task);
+    call.waitForEnd = waitForEnd;
+    const TOutcome outcome = MakeChange(options, {call}, onStart);
+    if (outcome.process == 0)
+        throw CClientError(EError::cFailed, "cannot start " + Quoted(program) + ": " +
+                                                outcome.startError + "; look at the program");
+    return {outcome.process, outcome.status};
+}
+
+void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
+                        const std::function<void(const std::string&)>& canReplace) const {
+    {
+        const CLoadTurn turn(options.directory, options.patience);
+        const CStoreLock lock(options.patience);
+        const std::string bytes = ReadBytes(TableFile(options.directory));
+        if (canReplace)
+            canReplace(bytes);
+        KeepBefore(options.directory, bytes);
+        ReplaceTable(options.directory, EncodeTable(tasks));
+        AnnounceChange();
+    }
+    Wake();
+}
+
+TTaskEntry CStore::Get(std::string_view name) const {
+    const TTable table = Read();
+    const TTaskEntry* const task = table.Find(name);
+    if (task == nullptr)
+        throw CClientError(EError::cNotFound, "there is no task " + Quoted(name) +
+                                                  "; names are compared byte for byte");
+    return *task;
+}
+
+// Removes the links that no task needs any more. Whoever removes one looks at the table in the same
+// turn, and a change is made in a turn of its own; so a link that somebody removed while its task
+// was not yet in the table is missing now, and made again.
+void CStore::TidyLinks(const std::string& needed, const std::string& program) const {
+    const CLoadTurn turn(options.directory, options.patience);
+    if (needed != program)
+        MakeLink(needed, program);
+    RemoveUnusedLinks(options.directory, ReadTable(options.directory, options.patience));
+}
+
+}  // namespace vxsched

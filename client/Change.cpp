@@ -1,0 +1,199 @@
+#include "client/Change.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+#include <thread>
+
+#include "client/CChangeProcess.h"
+#include "client/CClientError.h"
+#include "client/CLoadTurn.h"
+#include "client/CStoreLock.h"
+#include "client/SchedulingProcess.h"
+#include "client/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// Beyond what a change waits for: the load, the calls with the two seconds that a start takes.
+constexpr milliseconds cWork(10'000);
+constexpr milliseconds cPause(50);
+
+TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls, bool evenIfDue) {
+    std::error_code error;
+    return {std::filesystem::absolute(options.directory, error).string(),
+            options.addIn.empty() ? LibraryFolder() + "/libVantrixScheduler.so"
+                                  : std::filesystem::absolute(options.addIn, error).string(),
+            options.patience.count(), evenIfDue, calls};
+}
+
+// "2 there is no task ...": the code, then the text.
+CClientError ErrorOf(const std::string& message) {
+    const std::size_t blank = message.find(' ');
+    return {static_cast<EError>(std::stoi(message.substr(0, blank))), message.substr(blank + 1)};
+}
+
+// Puts the table from before the change back if the change process has left a damaged one.
+// Returns what was done, in words.
+std::string Recover(const TStoreOptions& options) {
+    const CLoadTurn turn(options.directory, options.patience);
+    const CStoreLock lock(options.patience);
+    try {
+        DecodeTable(ReadBytes(TableFile(options.directory)), Now());
+        return "the table is sound";
+    } catch (const CClientError& error) {
+        if (error.Code() != EError::cDamaged)
+            throw;
+    }
+    const std::filesystem::path before = TableBefore(options.directory);
+    DecodeTable(ReadBytes(before), Now());
+    if (rename(before.c_str(), TableFile(options.directory).c_str()) == -1)
+        throw SystemError("cannot put back " + before.string(), errno);
+    AnnounceChange();
+    return "the table is as it was before";
+}
+
+[[noreturn]] void Fail(const TStoreOptions& options, const std::string& why,
+                       const std::vector<std::string>& log) {
+    std::string text = "the change was not finished: " + why;
+    for (const std::string& message : log)
+        text += "; the add-in says: " + message;
+    try {
+        text += "; " + Recover(options);
+    } catch (const CClientError& error) {
+        text += "; what it has left could not be looked after: " + std::string(error.what());
+    }
+    throw CClientError(EError::cFailed, text);
+}
+
+struct TAttempt {
+    TOutcome outcome;
+    std::string bytes;  // of the table, read back
+    bool isRead = false;
+    std::string due;      // the task for which it was not made
+    std::string changed;  // likewise
+    std::optional<CClientError> error;
+};
+
+void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TAttempt& attempt) {
+    if (message.kind == cMessageDue)
+        attempt.due = message.text;
+    else if (message.kind == cMessageChanged)
+        attempt.changed = message.text;
+    else if (message.kind == cMessageError)
+        attempt.error = ErrorOf(message.text);
+    else if (message.kind == cMessageLog)
+        attempt.outcome.log.push_back(message.text);
+    else if (message.kind == cMessageNotStarted)
+        attempt.outcome.startError = message.text;
+    else if (message.kind == cMessageEnded)
+        attempt.outcome.status = std::stoi(message.text);
+    else if (message.kind == cMessageStarted) {
+        attempt.outcome.process = std::stoi(message.text);
+        if (onStart)
+            onStart(attempt.outcome.process);
+    } else if (message.kind == cMessageTable) {
+        attempt.bytes = message.text;
+        attempt.isRead = true;
+    }
+}
+
+TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls, bool evenIfDue,
+             const std::function<void(pid_t)>& onStart) {
+    TAttempt attempt;
+    std::string hung;
+    CChangeProcess process(RequestOf(options, calls, evenIfDue));
+    try {
+        const milliseconds patience = 2 * options.patience + cWork;
+        // Once the table is read back, only the end of a program is left to wait for.
+        while (const std::optional<TMessage> message =
+                   process.Next(attempt.isRead ? std::nullopt : std::optional(patience)))
+            Take(*message, onStart, attempt);
+    } catch (const CClientError& error) {
+        hung = error.what();
+        process.Kill();
+    }
+    const std::string end = process.WaitForEnd();
+    if (attempt.error && attempt.error->Code() == EError::cFailed)
+        Fail(options, attempt.error->what(), attempt.outcome.log);
+    const bool isMade = attempt.isRead && hung.empty();
+    if (!isMade && !attempt.error && attempt.due.empty() && attempt.changed.empty())
+        Fail(options, hung.empty() ? "the process that makes it " + end : hung,
+             attempt.outcome.log);
+    return attempt;
+}
+
+bool IsDueBy(const TTaskEntry& task, TTime time) {
+    return !task.paused && task.next <= time;
+}
+
+// Wakes the scheduling process until every task that is due has been started and moved on.
+void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
+    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
+    if (!scheduler)
+        throw CClientError(EError::cNoScheduler,
+                           "task \"" + due +
+                               "\" is due and there is no scheduling process to start it; start "
+                               "one, or say that it is to wait");
+    if (!scheduler->sharesStore)
+        throw CClientError(EError::cNoScheduler,
+                           "the scheduling process " + std::to_string(scheduler->process) +
+                               " runs in another IPC namespace, where it can be neither woken nor "
+                               "kept waiting; run this in the same one");
+    auto end = std::chrono::steady_clock::now() + options.patience;
+    std::vector<TTaskEntry> seen;
+    while (std::chrono::steady_clock::now() < end) {
+        const TTable table = ReadTable(options.directory, options.patience);
+        const auto isDueBy = [&](TTime time) {
+            return std::any_of(table.tasks.begin(), table.tasks.end(),
+                               [&](const TTaskEntry& task) { return IsDueBy(task, time); });
+        };
+        if (!isDueBy(Now() + cAboutToBeDue))
+            return;
+        if (isDueBy(Now()))
+            WakeSchedulingProcess();
+        // A tick takes two seconds for each start; as long as something moves it is waited for.
+        if (table.tasks != seen)
+            end = std::chrono::steady_clock::now() + options.patience;
+        seen = table.tasks;
+        std::this_thread::sleep_for(cPause);
+    }
+    throw CClientError(EError::cBusy, "task \"" + due + "\" is due and process " +
+                                          std::to_string(scheduler->process) +
+                                          " has not started it within " +
+                                          std::to_string(options.patience.count()) +
+                                          " ms; nothing was changed; look at the host's log");
+}
+
+}  // namespace
+
+TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
+                    const std::function<void(pid_t)>& onStart) {
+    TAttempt attempt = Try(options, calls, options.evenIfDue, onStart);
+    // What is due by now may be others, so this goes on as long as the scheduling process keeps up.
+    while (!attempt.due.empty()) {
+        WaitUntilStarted(options, attempt.due);
+        attempt = Try(options, calls, options.evenIfDue, onStart);
+    }
+    if (attempt.error)
+        throw *attempt.error;
+    if (!attempt.changed.empty())
+        throw CChangedMeanwhile(attempt.changed);
+    try {
+        attempt.outcome.table = DecodeTable(attempt.bytes, Now());
+    } catch (const CClientError& error) {
+        Fail(options, error.what(), attempt.outcome.log);
+    }
+    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
+    if (scheduler && scheduler->sharesStore)
+        WakeSchedulingProcess();
+    return std::move(attempt.outcome);
+}
+
+}  // namespace vxsched

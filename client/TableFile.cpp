@@ -1,0 +1,123 @@
+#include "client/TableFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <system_error>
+
+#include "client/CClientError.h"
+
+namespace vxsched {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class CDescriptor {
+public:
+    CDescriptor(const fs::path& path, int flags, mode_t mode)
+        : number(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
+    ~CDescriptor() {
+        if (number != -1)
+            close(number);
+    }
+    CDescriptor(const CDescriptor&) = delete;
+    CDescriptor& operator=(const CDescriptor&) = delete;
+
+    int Number() const { return number; }
+
+private:
+    int number;
+};
+
+// Leaves no half-made file behind.
+class CTemporary {
+public:
+    explicit CTemporary(fs::path where) : path(std::move(where)) {}
+    ~CTemporary() { unlink(path.c_str()); }
+    CTemporary(const CTemporary&) = delete;
+    CTemporary& operator=(const CTemporary&) = delete;
+
+private:
+    const fs::path path;
+};
+
+void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
+    while (!bytes.empty()) {
+        const ssize_t count = write(descriptor, bytes.data(), bytes.size());
+        if (count > 0)
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        else if (errno != EINTR)
+            throw SystemError("cannot write " + path.string(), errno);
+    }
+}
+
+std::optional<struct stat> StatusOf(const fs::path& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
+}
+
+// Writes a new file and gives it the name `target`, with the rights of `like`.
+void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
+             bool keepOwner) {
+    const fs::path fresh = target.string() + ".new-" + std::to_string(getpid());
+    const CDescriptor descriptor(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
+    if (descriptor.Number() == -1)
+        throw SystemError("cannot write " + fresh.string(), errno);
+    const CTemporary temporary(fresh);
+    WriteAll(descriptor.Number(), bytes, fresh);
+    if (like && fchown(descriptor.Number(), like->st_uid, like->st_gid) == -1 && keepOwner)
+        throw SystemError("cannot leave " + target.string() + " to its owner", errno);
+    fchmod(descriptor.Number(), like ? like->st_mode & 0777 : 0644);
+    if (rename(fresh.c_str(), target.c_str()) == -1)
+        throw SystemError("cannot replace " + target.string(), errno);
+}
+
+}  // namespace
+
+fs::path TableFile(const fs::path& directory) {
+    return directory / "files" / "scheduler.dat";
+}
+
+fs::path TableBefore(const fs::path& directory) {
+    return directory / "files" / "scheduler.dat.before";
+}
+
+std::string ReadBytes(const fs::path& file) {
+    const CDescriptor descriptor(file, O_RDONLY, 0);
+    if (descriptor.Number() == -1) {
+        if (errno == ENOENT)
+            return std::string(8, '\0');
+        throw SystemError("cannot read " + file.string(), errno);
+    }
+    std::string bytes;
+    struct stat status {};
+    if (fstat(descriptor.Number(), &status) == 0)
+        bytes.reserve(static_cast<std::size_t>(status.st_size) + 1);
+    char block[1 << 16];
+    ssize_t count = 0;
+    while ((count = read(descriptor.Number(), block, sizeof block)) != 0) {
+        if (count > 0)
+            bytes.append(block, static_cast<std::size_t>(count));
+        else if (errno != EINTR)
+            throw SystemError("cannot read " + file.string(), errno);
+    }
+    return bytes;
+}
+
+void ReplaceTable(const fs::path& directory, std::string_view bytes) {
+    std::error_code ignored;
+    const fs::path file = TableFile(directory);
+    const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
+    Replace(target, bytes, StatusOf(target), true);
+}
+
+void KeepBefore(const fs::path& directory, std::string_view bytes) {
+    Replace(TableBefore(directory), bytes, StatusOf(TableFile(directory)), false);
+}
+
+}  // namespace vxsched

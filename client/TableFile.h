@@ -1,0 +1,30 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace vxsched {
+
+// The table's file, and the copy that is made of it before each change, as bytes. The caller holds
+// the store mutex (CStoreLock), and who writes has the turn as well (CLoadTurn).
+
+// "files/scheduler.dat" of the directory.
+std::filesystem::path TableFile(const std::filesystem::path& directory);
+
+// "files/scheduler.dat.before": the table as it was before the last change of a client.
+std::filesystem::path TableBefore(const std::filesystem::path& directory);
+
+// The bytes of a file; those of an empty table when there is none. Throws CClientError (cNoAccess,
+// cFailed) when it cannot be read.
+std::string ReadBytes(const std::filesystem::path& file);
+
+// Puts `bytes` in the place of the table in one step: whoever opens it sees the old ones or the new
+// ones, and when anything fails the old ones stay. Owner and access rights stay as they were. Where
+// the file is a link, what it leads to is replaced. Throws CClientError (cNoAccess, cFailed).
+void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
+
+// Makes `bytes` the copy from before a change, likewise in one step and with the table's rights.
+void KeepBefore(const std::filesystem::path& directory, std::string_view bytes);
+
+}  // namespace vxsched

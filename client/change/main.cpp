@@ -1,0 +1,212 @@
+// vxsched-change: makes one change to a table through the add-in, and ends without removing the
+// store mutex. The client library starts it, once for each change; it may hang or be killed without
+// harm to who asked for the change.
+
+#include <VXC_Log.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "client/CClientError.h"
+#include "client/CLoadTurn.h"
+#include "client/CStoreLock.h"
+#include "client/TableFile.h"
+#include "client/change/CAddIn.h"
+#include "client/change/Fields.h"
+#include "client/change/Replaced.h"
+#include "client/change/Request.h"
+
+namespace vxsched {
+
+namespace {
+
+// The socket to the client, which is this process's standard input at its start.
+int gClient = -1;
+
+// A client that is gone is not told; the change is made all the same.
+void Tell(const char* kind, const std::string& text) {
+    std::string bytes;
+    PutField(bytes, kind);
+    PutField(bytes, text);
+    std::string_view rest = bytes;
+    while (!rest.empty()) {
+        const ssize_t count = send(gClient, rest.data(), rest.size(), MSG_NOSIGNAL);
+        if (count == -1 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return;
+        rest.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+// The request; none when the client was gone before it had told all of it.
+std::optional<TRequest> ReadRequest() {
+    std::string bytes;
+    char block[4096];
+    ssize_t count = 0;
+    while ((count = read(gClient, block, sizeof block)) != 0) {
+        if (count > 0)
+            bytes.append(block, static_cast<std::size_t>(count));
+        else if (errno != EINTR)
+            return {};
+    }
+    std::optional<std::string> whole = TakeField(bytes);
+    if (!whole)
+        return {};
+    return DecodeRequest(std::move(*whole));
+}
+
+std::string Quoted(const std::string& text) {
+    return '"' + text + '"';
+}
+
+void CheckNames(const TTable& table, const std::vector<TCall>& calls) {
+    for (const TCall& call : calls) {
+        const bool exists = table.Find(call.task.name) != nullptr;
+        if (exists && call.mustBeNew)
+            throw CClientError(EError::cRefused,
+                               "there is a task " + Quoted(call.task.name) +
+                                   " already; replace or edit it, or choose another name");
+        if (!exists && call.mustExist)
+            throw CClientError(EError::cNotFound, "there is no task " + Quoted(call.task.name) +
+                                                      "; names are compared byte for byte");
+    }
+}
+
+const TCall* FindChanged(const TTable& table, const std::vector<TCall>& calls) {
+    for (const TCall& call : calls) {
+        const TTaskEntry* const task = table.Find(call.task.name);
+        if (call.mustBeAsSeen && (task == nullptr || *task != call.seen))
+            return &call;
+    }
+    return nullptr;
+}
+
+// An active task that is due or about to be; null when there is none.
+const TTaskEntry* FindDue(const TTable& table) {
+    const TTime soon = Now() + cAboutToBeDue;
+    for (const TTaskEntry& task : table.tasks) {
+        if (!task.paused && task.next <= soon)
+            return &task;
+    }
+    return nullptr;
+}
+
+// Loads the add-in when nothing speaks against it. The mutex is held as a waiter, so that no holder
+// is cut off by the load, which sets it free; that is how it is given back. When the load fails, the
+// kernel gives it back at the end of this process, if it is still held.
+std::optional<CAddIn> Load(const TRequest& request) {
+    CStoreLock lock{std::chrono::milliseconds(request.patience)};
+    const std::string bytes = ReadBytes(TableFile("."));
+    const TTable table = DecodeTable(bytes, Now());
+    for (const TProblem& problem : table.problems) {
+        if (problem.kind != TProblem::cUnusual)
+            throw CClientError(EError::cDamaged, problem.text + "; repair the table first");
+    }
+    CheckNames(table, request.calls);
+    if (const TTaskEntry* const due = FindDue(table); due != nullptr && !request.evenIfDue) {
+        Tell(cMessageDue, due->name);
+        return {};
+    }
+    if (const TCall* const changed = FindChanged(table, request.calls)) {
+        Tell(cMessageChanged, changed->task.name);
+        return {};
+    }
+    KeepBefore(".", bytes);
+    lock.Forget();
+    const CStandingClock clock;
+    return CAddIn(request.addIn);
+}
+
+void Create(const CAddIn& addIn, const TCall& call) {
+    const long start = call.task.next.time_since_epoch().count();
+    std::optional<CStandingClock> clock;
+    if (call.keepStart)
+        clock.emplace();
+    addIn.create(call.task.name.c_str(), &start, call.task.period, call.task.program.c_str(),
+                 call.task.parameter.c_str());
+}
+
+void Make(const CAddIn& addIn, const TCall& call) {
+    const char* const name = call.task.name.c_str();
+    switch (call.function) {
+        case TCall::cCreate:
+            return Create(addIn, call);
+        case TCall::cDestroy:
+            return addIn.destroy(name);
+        case TCall::cPause:
+            return addIn.pause(name);
+        case TCall::cResume:
+            return addIn.resume(name);
+        case TCall::cSetPeriod:
+            addIn.setPeriod(name, call.task.period);
+            return;
+        case TCall::cExecute:
+            return addIn.executeNow(name, true);
+    }
+}
+
+std::string ReadBack(const TRequest& request) {
+    try {
+        const CStoreLock lock{std::chrono::milliseconds(request.patience)};
+        return ReadBytes(TableFile("."));
+    } catch (const CClientError& error) {
+        throw CClientError(EError::cFailed,
+                           std::string("the change was made but not verified: ") + error.what());
+    }
+}
+
+void Serve(const TRequest& request) {
+    pid_t started = 0;
+    SetStartListener([&](pid_t process, int error) {
+        started = process;
+        if (process != 0)
+            Tell(cMessageStarted, std::to_string(process));
+        else
+            Tell(cMessageNotStarted, std::strerror(error));
+    });
+    {
+        const CLoadTurn turn(".", std::chrono::milliseconds(request.patience));
+        const std::optional<CAddIn> addIn = Load(request);
+        if (!addIn)
+            return;
+        for (const TCall& call : request.calls)
+            Make(*addIn, call);
+        Tell(cMessageTable, ReadBack(request));
+    }
+    if (started != 0 && request.calls.back().waitForEnd)
+        Tell(cMessageEnded, std::to_string(WaitForEnd(started)));
+}
+
+int Main() {
+    gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    dup2(nothing, STDIN_FILENO);
+    const std::optional<TRequest> request = ReadRequest();
+    if (!request)
+        return 1;
+    VXC_SetLogSink([](const std::string& message, void*) { Tell(cMessageLog, message); }, nullptr);
+    try {
+        if (chdir(request->directory.c_str()) == -1)
+            throw SystemError("cannot work in " + request->directory, errno);
+        Serve(*request);
+        return 0;
+    } catch (const CClientError& error) {
+        Tell(cMessageError, std::to_string(static_cast<int>(error.Code())) + ' ' + error.what());
+    } catch (const std::exception& error) {
+        Tell(cMessageError, std::to_string(static_cast<int>(EError::cFailed)) + ' ' + error.what());
+    }
+    return 1;
+}
+
+}  // namespace
+
+}  // namespace vxsched
+
+int main() {
+    _exit(vxsched::Main());
+}
