@@ -6,6 +6,7 @@
 #include "client/CLoadTurn.h"
 #include "client/CStoreLock.h"
 #include "client/Change.h"
+#include "client/Grid.h"
 #include "client/ProgramLinks.h"
 #include "client/RunningPrograms.h"
 #include "client/SchedulingProcess.h"
@@ -94,14 +95,6 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
     throw CClientError(EError::cFailed, text);
 }
 
-// The first time on the task's grid that is no earlier than `time`.
-TTime NextOnGrid(const TTaskEntry& task, TTime time) {
-    const std::chrono::hours step(task.period);
-    if (task.next >= time || task.period == 0)
-        return task.next;
-    return task.next + (time - task.next + step - std::chrono::seconds(1)) / step * step;
-}
-
 // What an edit makes of a task. Throws CClientError (cRefused) when something speaks against it.
 TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     entry.next = edit.start.value_or(entry.next);
@@ -109,8 +102,8 @@ TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     entry.program = edit.program.value_or(entry.program);
     entry.parameter = edit.parameter.value_or(entry.parameter);
     // A rewritten task is active until it is paused again, and must not be due meanwhile.
-    if (entry.paused)
-        entry.next = NextOnGrid(entry, Now() + 2 * cAboutToBeDue);
+    if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
+        entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now() + 2 * cAboutToBeDue);
     std::vector<TObjection> objections =
         FindUnforced(entry, edit.program ? HowToStart(entry.program) : EProgram::cAsNamed, forced);
     // What was unsound before and is not touched speaks against nothing.

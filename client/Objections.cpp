@@ -10,12 +10,11 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "client/Grid.h"
+
 namespace vxsched {
 
 namespace {
-
-constexpr std::uint32_t cLongestPeriod =
-    1193046;  // hours; beyond it the step wraps at 2^32 seconds
 
 class CObjections {
 public:

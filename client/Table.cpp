@@ -6,6 +6,7 @@
 #include <set>
 
 #include "client/CClientError.h"
+#include "client/CDecoder.h"
 #include "client/CStoreLock.h"
 #include "client/TableFile.h"
 
@@ -15,54 +16,6 @@ namespace {
 
 // The add-in catches up one step at a time, some hundred million in a second.
 constexpr std::uint64_t cMostSteps = 100'000'000;
-// A task takes at least this many bytes: three lengths, two times, a period and a flag.
-constexpr std::size_t cSmallestTask = 3 * 4 + 2 * 8 + 4 + 4;
-
-class CDecoder {
-public:
-    explicit CDecoder(std::string_view whole) : bytes(whole) {}
-
-    std::size_t Offset() const { return offset; }
-    std::size_t Left() const { return bytes.size() - offset; }
-
-    template <typename Value>
-    Value Take(const std::string& what) {
-        Value value{};
-        Need(sizeof value, what);
-        std::memcpy(&value, bytes.data() + offset, sizeof value);
-        offset += sizeof value;
-        return value;
-    }
-
-    std::string TakeText(const std::string& what) {
-        const std::size_t start = offset;
-        const auto length = Take<std::uint32_t>("the length of " + what);
-        if (length > Left())
-            Damaged(start, what + " is said to have " + std::to_string(length) + " bytes, " +
-                               std::to_string(Left()) + " are left");
-        std::string text(bytes.substr(offset, length));
-        offset += length;
-        return text;
-    }
-
-    [[noreturn]] static void Damaged(std::size_t where, const std::string& what) {
-        throw CClientError(EError::cDamaged,
-                           "the table is damaged at offset " + std::to_string(where) + ": " + what);
-    }
-
-private:
-    void Need(std::size_t size, const std::string& what) const {
-        if (size > Left())
-            Damaged(offset, "the file ends in " + what);
-    }
-
-    std::string_view bytes;
-    std::size_t offset = 0;
-};
-
-TTime TimeOf(std::int64_t seconds) {
-    return TTime(std::chrono::seconds(seconds));
-}
 
 // What a load would make of a past start.
 void FindHarm(const TTaskEntry& task, TTime now, std::size_t offset,
@@ -104,16 +57,9 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     for (std::uint64_t index = 0; index < count; ++index) {
         const std::size_t start = decoder.Offset();
         const std::string which = " of task " + std::to_string(index + 1);
-        TTaskEntry task;
-        task.name = decoder.TakeText("the name" + which);
-        task.next = TimeOf(decoder.Take<std::int64_t>("the next start" + which));
-        task.last = TimeOf(decoder.Take<std::int64_t>("the last start" + which));
-        task.period = decoder.Take<std::uint32_t>("the period" + which);
-        task.program = decoder.TakeText("the program" + which);
-        task.parameter = decoder.TakeText("the parameter" + which);
-        const std::size_t flagOffset = decoder.Offset();
-        const auto flag = decoder.Take<std::uint32_t>("the pause flag" + which);
-        task.paused = flag != 0;
+        std::uint32_t flag = 0;
+        TTaskEntry task = decoder.TakeTask(which, flag);
+        const std::size_t flagOffset = decoder.Offset() - sizeof flag;
         if (flag > 1)
             table.problems.push_back({TProblem::cUnusual, flagOffset,
                                       "the pause flag" + which + " is " + std::to_string(flag) +

@@ -31,6 +31,12 @@ namespace fs = std::filesystem;
 
 static const std::string cRecorder = PROGRAMS "/record-start";
 
+// The line about the parameter, once the program has written that far.
+static std::string RecordedArgument(const std::string& path) {
+    WaitUntil([&] { return Lines(path).size() > 2; });
+    return Lines(path)[2];
+}
+
 class ClientStore : public testing::Test {
 protected:
     ClientStore() { fs::create_directory("files"); }
@@ -207,7 +213,7 @@ TEST_F(ClientStore, RunStartsTheProgramOutsideTheSchedule) {
     EXPECT_GT(run.process, 0);
     EXPECT_EQ(told, run.process);
     EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(Lines("a parameter")[2], "argument a parameter");
+    EXPECT_EQ(RecordedArgument("a parameter"), "argument a parameter");
     const TRow row = ::ReadTable().at(0);
     EXPECT_EQ(row.next, Seconds(next));
     EXPECT_GE(row.last, Seconds(In(-10s)));
@@ -444,7 +450,7 @@ TEST_F(ClientStore, HostWithoutThatLockIsFoundByWhatItRuns) {
 TEST_F(ClientStore, ChangeTakesEffectAtOnce) {
     CHost host;
     store.Create(Task("a", Now(), 0), false);
-    EXPECT_EQ(Lines("a parameter")[2], "argument a parameter");
+    EXPECT_EQ(RecordedArgument("a parameter"), "argument a parameter");
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -521,7 +527,7 @@ TEST_F(ClientStore, ReplaceAllWritesTheTableAndKeepsTheOneFromBefore) {
 TEST_F(ClientStore, ReplacedTableIsTakenUpByTheSchedulingProcess) {
     CHost host;
     store.ReplaceAll({{"b", Now(), TTime(), 24, cRecorder, "replaced", false}});
-    EXPECT_EQ(Lines("replaced")[2], "argument replaced");
+    EXPECT_EQ(RecordedArgument("replaced"), "argument replaced");
     WaitUntil([] { return ::ReadTable()[0].last != 0; });
     EXPECT_EQ(host.Stop(), 0);
 }

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+
+#include "client/Table.h"
+
+namespace vxsched {
+
+// The longest period, in hours: beyond it the step wraps.
+inline constexpr std::uint32_t cLongestPeriod = 1193046;
+
+// The step between two starts as the add-in reckons it: in 32 bits, which a long period wraps.
+inline std::chrono::seconds StepOf(std::uint32_t period) {
+    return std::chrono::seconds(period * 3600U);
+}
+
+// The first time at or after `time` on the grid of a repeating task that was due at `start`, in one
+// step; `start` itself when it is no earlier. `step` is not zero. A start so far back that the
+// distance has no number loses its phase.
+inline TTime NextOnGrid(TTime start, std::chrono::seconds step, TTime time) {
+    if (start >= time)
+        return start;
+    constexpr TTime farthest(std::chrono::seconds(-(1LL << 60)));
+    start = std::max(start, farthest);
+    return start + (time - start + step - std::chrono::seconds(1)) / step * step;
+}
+
+}  // namespace vxsched

@@ -1,0 +1,28 @@
+// A program that manages tasks and has only what is installed.
+
+#include <client/CClientError.h>
+#include <client/CStore.h>
+#include <client/RunningPrograms.h>
+#include <client/Salvage.h>
+#include <client/SchedulingProcess.h>
+
+#include <cstdio>
+
+using namespace std::chrono_literals;
+
+int main() {
+    const vxsched::CStore store({.patience = 5s});
+    store.Create({"manager", vxsched::Now() + 1h, 24, "/bin/true", "a parameter"}, false);
+    store.Pause({"manager"});
+    const vxsched::TTaskEntry* const task = store.Read().Find("manager");
+    if (vxsched::FindSchedulingProcess(".").has_value() || task == nullptr) {
+        std::fprintf(stderr, "installed_manager: the task is not in the table\n");
+        return 1;
+    }
+    try {
+        store.Remove({"unknown"});
+        return 1;
+    } catch (const vxsched::CClientError& error) {
+        return error.Code() == vxsched::EError::cNotFound ? 0 : 1;
+    }
+}
