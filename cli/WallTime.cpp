@@ -15,8 +15,9 @@ constexpr std::chrono::hours cFarthest = 26h;
 std::chrono::seconds LocalOffsetAt(TTime time) {
     const std::time_t value = time.time_since_epoch().count();
     struct tm fields {};
-    // Far outside the years that can be written it fails and leaves the offset at 0.
-    localtime_r(&value, &fields);
+    // It fails for years that do not fit its fields, near the ends of the range of times.
+    if (localtime_r(&value, &fields) == nullptr)
+        return std::chrono::seconds(0);
     return std::chrono::seconds(fields.tm_gmtoff);
 }
 
