@@ -412,6 +412,8 @@ INSTANTIATE_TEST_SUITE_P(
         TRefused{"+99999999999999999999w", 1, "that is after the year 9999"},
         TRefused{"+99999999999999999999w99999999999999999999d99999999999999999999h", 1,
                  "that is after the year 9999"},
+        // 2^57 weeks are a multiple of 2^64 seconds.
+        TRefused{"+144115188075855872w", 1, "that is after the year 9999"},
         TRefused{"@", 1, "give the seconds since the beginning of 1970 behind the @"},
         TRefused{"@-", 2, "give the seconds since the beginning of 1970 behind the @"},
         TRefused{"@ 5", 1, "give the seconds since the beginning of 1970 behind the @"},
@@ -447,6 +449,7 @@ TEST(TextError, WhatIsNoTextIsShownAsReplacementCharacters) {
         "\xc2\x9b",          // a control sequence's beginning, in one character
         "\xed\xa0\x80",      // a surrogate
         "\xf4\x90\x80\x80",  // beyond the last character
+        "\xf8\x90\x80\x80",  // with a first byte that there is not
         "\xff",
     };
     for (const std::string& bytes : none) {
@@ -520,6 +523,7 @@ INSTANTIATE_TEST_SUITE_P(
         TRefused{"1193047h", 0, cLongest}, TRefused{"49711d", 0, cLongest},
         TRefused{"4294967296h", 0, cLongest}, TRefused{"7102w", 0, cLongest},
         TRefused{"99999999999999999999w", 0, cLongest},
+        TRefused{"144115188075855872w", 0, cLongest},
         TRefused{"daily", 0, "say 6h, 1d, 2w or once"},
         TRefused{"onces", 0, "say 6h, 1d, 2w or once"},
         TRefused{"once 6h", 5, "the period ends before this"},
