@@ -73,6 +73,10 @@ TTaskEntry EntryOf(const TNewTask& task) {
     return {task.name, task.start, TTime(), task.period, task.program, task.parameter, false};
 }
 
+TLink LinkOf(const TTaskEntry& entry, const std::string& program) {
+    return entry.program == program ? TLink() : TLink{entry.program, program};
+}
+
 // The entry is in the table as it was asked for, or as a tick that came since has left it: started
 // and moved on, or gone because it ran.
 bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
@@ -147,8 +151,7 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     // later. A repeating one whose start lies in the past is to be moved on.
     const TTime since = Now();
     call.keepStart = task.period == 0 || task.start >= since;
-    const TOutcome outcome = MakeChange(options, {call}, {});
-    TidyLinks(entry.program, task.program);
+    const TOutcome outcome = MakeChange(options, {call}, LinkOf(entry, task.program));
     if (!IsThere(outcome.table, entry, since))
         NotThere(task.name, outcome);
     const TTaskEntry* const made = outcome.table.Find(task.name);
@@ -185,16 +188,14 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     if (entry.paused)
         calls.push_back(CallOf(TCall::cPause, entry));
     const TTime since = Now();
-    const TOutcome outcome = MakeChange(options, calls, {});
-    TidyLinks(entry.program, program);
+    const TOutcome outcome = MakeChange(options, calls, LinkOf(entry, program));
     if (!IsThere(outcome.table, entry, since))
         NotThere(entry.name, outcome);
     return entry;
 }
 
 void CStore::Remove(const std::vector<std::string>& names) const {
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cDestroy, names), {});
-    TidyLinks("", "");
+    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cDestroy, names));
     for (const std::string& name : names) {
         if (outcome.table.Find(name) != nullptr)
             NotThere(name, outcome);
@@ -202,7 +203,7 @@ void CStore::Remove(const std::vector<std::string>& names) const {
 }
 
 void CStore::Pause(const std::vector<std::string>& names) const {
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cPause, names), {});
+    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cPause, names));
     for (const std::string& name : names) {
         const TTaskEntry* const task = outcome.table.Find(name);
         if (task == nullptr || !task->paused)
@@ -222,7 +223,7 @@ void CStore::Resume(const std::vector<std::string>& names, const TForced& forced
                                    " runs once and its time has passed: a resume would remove it "
                                    "unrun; give it a new start first (or force \"past-start\")");
     }
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cResume, names), {});
+    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cResume, names));
     for (const std::string& name : names) {
         const TTaskEntry* const task = outcome.table.Find(name);
         const bool isGone =
@@ -240,7 +241,7 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
     // The function would count a task that is to run once as missed, and remove it.
     if (hours == 0)
         return Edit(name, edit, forced);
-    const TOutcome outcome = MakeChange(options, {CallOf(TCall::cSetPeriod, entry)}, {});
+    const TOutcome outcome = MakeChange(options, {CallOf(TCall::cSetPeriod, entry)});
     const TTaskEntry* const task = outcome.table.Find(name);
     if (task == nullptr || task->period != hours)
         NotThere(name, outcome);
@@ -264,7 +265,7 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
     RefuseFor(objections);
     TCall call = CallOf(TCall::cExecute, task);
     call.waitForEnd = waitForEnd;
-    const TOutcome outcome = MakeChange(options, {call}, onStart);
+    const TOutcome outcome = MakeChange(options, {call}, {}, onStart);
     if (outcome.process == 0)
         throw CClientError(EError::cFailed, "cannot start " + Quoted(program) + ": " +
                                                 outcome.startError + "; look at the program");
@@ -293,16 +294,6 @@ TTaskEntry CStore::Get(std::string_view name) const {
         throw CClientError(EError::cNotFound, "there is no task " + Quoted(name) +
                                                   "; names are compared byte for byte");
     return *task;
-}
-
-// Removes the links that no task needs any more. Whoever removes one looks at the table in the same
-// turn, and a change is made in a turn of its own; so a link that somebody removed while its task
-// was not yet in the table is missing now, and made again.
-void CStore::TidyLinks(const std::string& needed, const std::string& program) const {
-    const CLoadTurn turn(options.directory, options.patience);
-    if (needed != program)
-        MakeLink(needed, program);
-    RemoveUnusedLinks(options.directory, ReadTable(options.directory, options.patience));
 }
 
 }  // namespace vxsched

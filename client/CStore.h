@@ -107,7 +107,6 @@ public:
 private:
     TTaskEntry Get(std::string_view name) const;
     TTaskEntry TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const;
-    void TidyLinks(const std::string& needed, const std::string& program) const;
 
     TStoreOptions options;
 };

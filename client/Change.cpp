@@ -25,12 +25,17 @@ using std::chrono::milliseconds;
 constexpr milliseconds cWork(10'000);
 constexpr milliseconds cPause(50);
 
-TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls, bool evenIfDue) {
+TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls,
+                   const TLink& link) {
     std::error_code error;
     return {std::filesystem::absolute(options.directory, error).string(),
             options.addIn.empty() ? LibraryFolder() + "/libVantrixScheduler.so"
                                   : std::filesystem::absolute(options.addIn, error).string(),
-            options.patience.count(), evenIfDue, calls};
+            options.patience.count(),
+            options.evenIfDue,
+            link.path,
+            link.target,
+            calls};
 }
 
 // "2 there is no task ...": the code, then the text.
@@ -104,11 +109,11 @@ void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TA
     }
 }
 
-TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls, bool evenIfDue,
+TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls, const TLink& link,
              const std::function<void(pid_t)>& onStart) {
     TAttempt attempt;
     std::string hung;
-    CChangeProcess process(RequestOf(options, calls, evenIfDue));
+    CChangeProcess process(RequestOf(options, calls, link));
     try {
         const milliseconds patience = 2 * options.patience + cWork;
         // Once the table is read back, only the end of a program is left to wait for.
@@ -174,12 +179,12 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
 }  // namespace
 
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const std::function<void(pid_t)>& onStart) {
-    TAttempt attempt = Try(options, calls, options.evenIfDue, onStart);
+                    const TLink& link, const std::function<void(pid_t)>& onStart) {
+    TAttempt attempt = Try(options, calls, link, onStart);
     // What is due by now may be others, so this goes on as long as the scheduling process keeps up.
     while (!attempt.due.empty()) {
         WaitUntilStarted(options, attempt.due);
-        attempt = Try(options, calls, options.evenIfDue, onStart);
+        attempt = Try(options, calls, link, onStart);
     }
     if (attempt.error)
         throw *attempt.error;

@@ -31,10 +31,16 @@ public:
                        "task \"" + name + "\" is being changed by others; try again") {}
 };
 
+// A link that the calls give a task as its program.
+struct TLink {
+    std::string path;
+    std::string target;
+};
+
 // Has a change process make the calls, under the rules that CStore states, and wakes the scheduling
 // process afterwards. `onStart` is told a started process at once. That the table is as the calls
 // mean it is for the caller to see. Throws CClientError.
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const std::function<void(pid_t)>& onStart);
+                    const TLink& link = {}, const std::function<void(pid_t)>& onStart = {});
 
 }  // namespace vxsched

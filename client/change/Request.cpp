@@ -66,6 +66,8 @@ std::string Encode(const TRequest& request) {
     write(request.addIn);
     write(request.patience);
     write(request.evenIfDue);
+    write(request.link);
+    write(request.linkTarget);
     for (const TCall& call : request.calls)
         ForEachField(call, write);
     return bytes;
@@ -78,6 +80,8 @@ TRequest DecodeRequest(std::string bytes) {
     read(request.addIn);
     read(request.patience);
     read(request.evenIfDue);
+    read(request.link);
+    read(request.linkTarget);
     while (!bytes.empty()) {
         TCall call{};
         ForEachField(call, read);

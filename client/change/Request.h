@@ -21,13 +21,17 @@ struct TCall {
     TTaskEntry seen;
 };
 
-// What a change process is to do: load the add-in when nothing speaks against it, then make the
-// calls.
+// What a change process is to do: load the add-in when nothing speaks against it, make the calls,
+// and remove the links that no task needs any more.
 struct TRequest {
     std::string directory;
     std::string addIn;
     std::int64_t patience = 0;  // milliseconds, for the turn and for the mutex
     bool evenIfDue = false;     // load although tasks are due
+    // The link that the calls give a task as its program, and what it leads to; empty when there is
+    // none. Somebody else may have removed it as long as no task needed it; then it is made again.
+    std::string link;
+    std::string linkTarget;
     std::vector<TCall> calls;
 };
 

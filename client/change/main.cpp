@@ -14,6 +14,7 @@
 #include "client/CClientError.h"
 #include "client/CLoadTurn.h"
 #include "client/CStoreLock.h"
+#include "client/ProgramLinks.h"
 #include "client/TableFile.h"
 #include "client/change/CAddIn.h"
 #include "client/change/Fields.h"
@@ -160,6 +161,19 @@ std::string ReadBack(const TRequest& request) {
     }
 }
 
+// In the same turn as the calls, so that nobody takes away a link whose task is yet to come.
+void TidyLinks(const TRequest& request, const std::string& bytes) {
+    if (!request.link.empty())
+        MakeLink(request.link, request.linkTarget);
+    std::optional<TTable> table;
+    try {
+        table = DecodeTable(bytes, Now());
+    } catch (const CClientError&) {
+        return;  // the client sees it as well, and puts the table from before back
+    }
+    RemoveUnusedLinks(request.directory, *table);
+}
+
 void Serve(const TRequest& request) {
     pid_t started = 0;
     SetStartListener([&](pid_t process, int error) {
@@ -176,7 +190,9 @@ void Serve(const TRequest& request) {
             return;
         for (const TCall& call : request.calls)
             Make(*addIn, call);
-        Tell(cMessageTable, ReadBack(request));
+        const std::string bytes = ReadBack(request);
+        TidyLinks(request, bytes);
+        Tell(cMessageTable, bytes);
     }
     if (started != 0 && request.calls.back().waitForEnd)
         Tell(cMessageEnded, std::to_string(WaitForEnd(started)));
