@@ -2,56 +2,11 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <string>
 
+#include "cli/ShownText.h"
+
 namespace vxsched {
-
-namespace {
-
-// What a text looks like on a terminal.
-struct TShown {
-    std::string text;
-    std::size_t columns = 0;
-};
-
-// The bytes of the UTF-8 character that the text begins with; 0 when it begins with none, or with a
-// control character. The text is not empty.
-std::size_t LengthOfCharacter(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text.front());
-    if (lead < 0x80)
-        return lead >= 0x20 && lead != 0x7f ? 1 : 0;
-    const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc2 || lead > 0xf4 || text.size() < length)
-        return 0;
-    std::uint32_t character = lead & (0x7fU >> length);
-    for (const char next : text.substr(1, length - 1)) {
-        if ((static_cast<unsigned char>(next) & 0xc0U) != 0x80U)
-            return 0;
-        character = character << 6U | (static_cast<unsigned char>(next) & 0x3fU);
-    }
-    // The least characters of each length; a shorter way to write one is the only valid one.
-    constexpr std::uint32_t cLeast[] = {0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are controls
-    const bool surrogate = character >= 0xd800 && character <= 0xdfff;
-    return character >= cLeast[length - 2] && character <= 0x10ffff && !surrogate ? length : 0;
-}
-
-TShown Show(std::string_view text) {
-    TShown shown;
-    while (!text.empty()) {
-        const std::size_t length = LengthOfCharacter(text);
-        if (length > 0)
-            shown.text += text.substr(0, length);
-        else
-            shown.text += "\xef\xbf\xbd";
-        text.remove_prefix(std::max<std::size_t>(length, 1));
-        ++shown.columns;
-    }
-    return shown;
-}
-
-}  // namespace
 
 CTextError::CTextError(std::string_view kind, std::string_view text, std::size_t offset,
                        std::string_view reason)

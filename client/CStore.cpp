@@ -77,6 +77,16 @@ TLink LinkOf(const TTaskEntry& entry, const std::string& program) {
     return entry.program == program ? TLink() : TLink{entry.program, program};
 }
 
+// A damaged table does not take the place of the sound copy from before.
+bool IsTable(const std::string& bytes) {
+    try {
+        DecodeTable(bytes, Now());
+        return true;
+    } catch (const CClientError&) {
+        return false;
+    }
+}
+
 // The entry is in the table as it was asked for, or as a tick that came since has left it: started
 // and moved on, or gone because it ran.
 bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
@@ -280,7 +290,8 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         const std::string bytes = ReadBytes(TableFile(options.directory));
         if (canReplace)
             canReplace(bytes);
-        KeepBefore(options.directory, bytes);
+        if (IsTable(bytes))
+            KeepBefore(options.directory, bytes);
         ReplaceTable(options.directory, EncodeTable(tasks));
         AnnounceChange();
     }

@@ -96,7 +96,8 @@ public:
              const std::function<void(pid_t)>& onStart = {}) const;
 
     // Makes `tasks` the whole table, not through the add-in but by replacing the file under the
-    // mutex, and tells the scheduling process. What was there is kept as the copy from before.
+    // mutex, and tells the scheduling process. What was there is kept as the copy from before, if it
+    // was a table.
     // `canReplace` looks at the bytes that are there, and throws to leave them. Objections are not
     // looked for: that is for who puts the tasks together.
     void ReplaceAll(const std::vector<TTaskEntry>& tasks,

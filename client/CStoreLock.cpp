@@ -1,6 +1,5 @@
 #include "client/CStoreLock.h"
 
-#include <VXC_CRC32.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
@@ -10,15 +9,14 @@
 #include <string>
 
 #include "client/CClientError.h"
+#include "client/StoreKey.h"
 
 namespace vxsched {
-
-static constexpr char cMutexName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
 
 CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point end = TClock::now() + patience;
-    const int found = semget(static_cast<key_t>(VXC_GenerateCRC32(cMutexName)), 1, 0);
+    const int found = semget(StoreKey(), 1, 0);
     if (found == -1) {
         if (errno == ENOENT)
             return;

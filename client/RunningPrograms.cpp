@@ -6,7 +6,6 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 namespace vxsched {
 
@@ -27,35 +26,44 @@ bool IsSameFile(const std::filesystem::path& path, const struct stat& wanted) {
            status.st_ino == wanted.st_ino;
 }
 
-bool Runs(const std::filesystem::path& process, const std::string& program, const struct stat& file,
-          const std::string& parameter) {
-    const std::vector<std::string> arguments = ArgumentsOf(process);
-    if (arguments.size() < 2 || arguments.back() != parameter)
-        return false;
-    if (arguments.size() == 2)
-        return IsSameFile(process / "exe", file);
-    // A script: its interpreter is what runs.
-    return arguments[arguments.size() - 2] == program;
-}
-
 }  // namespace
 
-std::vector<pid_t> FindRunning(const std::string& program, const std::string& parameter) {
-    struct stat file {};
-    if (stat(program.c_str(), &file) != 0)
-        return {};
-    std::vector<pid_t> found;
+CRunningPrograms::CRunningPrograms() {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
         const std::string name = entry.path().filename().string();
-        pid_t process = 0;
-        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), process);
-        if (error == std::errc() && end == name.data() + name.size() &&
-            Runs(entry.path(), program, file, parameter))
-            found.push_back(process);
+        pid_t id = 0;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+        if (error != std::errc() || end != name.data() + name.size())
+            continue;
+        std::vector<std::string> arguments = ArgumentsOf(entry.path());
+        if (arguments.size() >= 2)
+            processes.emplace(
+                std::move(arguments.back()),
+                TProcess{id, std::move(arguments[arguments.size() - 2]), arguments.size() > 2});
+    }
+}
+
+std::vector<pid_t> CRunningPrograms::Find(const std::string& program,
+                                          const std::string& parameter) const {
+    const auto [begin, end] = processes.equal_range(parameter);
+    struct stat file {};
+    if (begin == end || stat(program.c_str(), &file) != 0)
+        return {};
+    std::vector<pid_t> found;
+    for (auto entry = begin; entry != end; ++entry) {
+        const TProcess& process = entry->second;
+        const std::filesystem::path folder =
+            std::filesystem::path("/proc") / std::to_string(process.id);
+        if (process.hasInterpreter ? process.program == program : IsSameFile(folder / "exe", file))
+            found.push_back(process.id);
     }
     std::sort(found.begin(), found.end());
     return found;
+}
+
+std::vector<pid_t> FindRunning(const std::string& program, const std::string& parameter) {
+    return CRunningPrograms().Find(program, parameter);
 }
 
 }  // namespace vxsched

@@ -528,6 +528,6 @@ TEST_F(ClientStore, ReplacedTableIsTakenUpByTheSchedulingProcess) {
     CHost host;
     store.ReplaceAll({{"b", Now(), TTime(), 24, cRecorder, "replaced", false}});
     EXPECT_EQ(RecordedArgument("replaced"), "argument replaced");
-    WaitUntil([] { return ::ReadTable()[0].last != 0; });
+    WaitUntil([&] { return store.Read().tasks.at(0).last != TTime(); });
     EXPECT_EQ(host.Stop(), 0);
 }

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <VXC_CRC32.h>
+#include <sys/types.h>
+
+namespace vxsched {
+
+// The key of the store mutex's semaphore, which all processes derive from its name.
+inline key_t StoreKey() {
+    return static_cast<key_t>(VXC_GenerateCRC32("Global\\1D1F6415-69BD-4438-B706-07D710576930"));
+}
+
+}  // namespace vxsched
