@@ -59,12 +59,18 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
 }
 
 void MakeLink(const std::string& path, const std::string& program) {
+    std::error_code ignored;
+    fs::create_directories(fs::path(path).parent_path(), ignored);
     if (symlink(program.c_str(), path.c_str()) == -1 && errno != EEXIST)
         throw SystemError("cannot make the link " + path + " to " + program, errno);
 }
 
+bool IsLinkPath(const fs::path& directory, const std::string& program) {
+    return fs::path(program).parent_path() == FolderOf(directory);
+}
+
 std::string RealProgram(const fs::path& directory, const std::string& program) {
-    if (fs::path(program).parent_path() != FolderOf(directory))
+    if (!IsLinkPath(directory, program))
         return program;
     std::error_code error;
     const fs::path target = fs::read_symlink(program, error);

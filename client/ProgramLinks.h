@@ -17,9 +17,13 @@ namespace vxsched {
 // (cNoAccess, cFailed) when the link cannot be made.
 std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
 
-// Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there. Throws
+// Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there; its
+// folder is made as well. Throws
 // CClientError likewise.
 void MakeLink(const std::string& path, const std::string& program);
+
+// Whether a path of the table is one of these links, be it there or not.
+bool IsLinkPath(const std::filesystem::path& directory, const std::string& program);
 
 // The program behind a path of the table: what the link points to, or the path itself.
 std::string RealProgram(const std::filesystem::path& directory, const std::string& program);

@@ -116,6 +116,10 @@ void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     Replace(target, bytes, StatusOf(target), true);
 }
 
+void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
+    Replace(file, bytes, StatusOf(TableFile(directory)), false);
+}
+
 void KeepBefore(const fs::path& directory, std::string_view bytes) {
     Replace(TableBefore(directory), bytes, StatusOf(TableFile(directory)), false);
 }

@@ -24,6 +24,10 @@ std::string ReadBytes(const std::filesystem::path& file);
 // the file is a link, what it leads to is replaced. Throws CClientError (cNoAccess, cFailed).
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
+// Writes a file with the table's rights under a name that is not taken. Throws likewise.
+void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
+                  const std::filesystem::path& directory);
+
 // Makes `bytes` the copy from before a change, likewise in one step and with the table's rights.
 void KeepBefore(const std::filesystem::path& directory, std::string_view bytes);
 

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/COutput.h"
+#include "cli/TimeText.h"
+#include "client/CStore.h"
+
+namespace vxsched {
+
+// What holds for every command.
+struct TCommon {
+    TStoreOptions store;
+    EZone zone = EZone::cLocal;
+    bool json = false;
+    bool dryRun = false;
+    TForced forced = {};
+};
+
+// The commands. Each prints to `output`, which the caller finishes, and returns the exit status; what
+// is wrong is thrown: CClientError, CTextError, or CUsageError.
+
+class CUsageError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+int List(const TCommon& common, bool namesOnly, COutput& output);
+int ShowTask(const TCommon& common, const std::string& name, COutput& output);
+
+// Without a count, 10, or all of them when an end is named.
+int Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
+         COutput& output);
+int Status(const TCommon& common, COutput& output);
+int CheckTable(const TCommon& common, const std::string& file, COutput& output);
+int Repair(const TCommon& common, COutput& output);
+int Export(const TCommon& common, COutput& output);
+
+enum class EImport { cAdd, cMerge, cReplace };
+int Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
+
+// Texts as they were typed; what is empty is not named.
+struct TTaskTexts {
+    std::string name;
+    std::string at;
+    std::string every;
+    std::optional<std::string> program = {};
+    std::optional<std::string> parameter = {};
+};
+int Create(const TCommon& common, const TTaskTexts& task, bool replace, COutput& output);
+int Edit(const TCommon& common, const TTaskTexts& task, COutput& output);
+
+using TNames = std::vector<std::string>;
+int Remove(const TCommon& common, const TNames& names, COutput& output);
+int Pause(const TCommon& common, const TNames& names, COutput& output);
+int Resume(const TCommon& common, const TNames& names, COutput& output);
+int SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
+              COutput& output);
+int Run(const TCommon& common, const std::string& name, bool force, bool wait, COutput& output);
+int Wake(const TCommon& common, COutput& output);
+
+int PrintCompletion(const std::string& shell, COutput& output);
+
+}  // namespace vxsched

@@ -1,0 +1,29 @@
+#include "cli/TaskState.h"
+
+#include <fmt/format.h>
+
+#include "client/Objections.h"
+
+namespace vxsched {
+
+// The scheduler looks once a minute; what is due for less than that is on its way.
+static constexpr std::chrono::seconds cGrace(60);
+
+std::string TTaskState::Text() const {
+    std::string text;
+    for (const pid_t process : processes)
+        text += fmt::format("{}{}", text.empty() ? "running " : " ", process);
+    if (state == cActive)
+        return text.empty() ? "active" : text;
+    const char* const word = state == cPaused ? "paused" : "overdue";
+    return text.empty() ? word : fmt::format("{}, {}", word, text);
+}
+
+TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& running, TTime now) {
+    const auto state = task.paused                ? TTaskState::cPaused
+                       : task.next < now - cGrace ? TTaskState::cOverdue
+                                                  : TTaskState::cActive;
+    return {state, running.Find(StartedPath(task.program), task.parameter)};
+}
+
+}  // namespace vxsched

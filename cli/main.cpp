@@ -1,0 +1,294 @@
+// vxsched: shows and changes the tasks of a directory.
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <iostream>
+
+#include "cli/Commands.h"
+#include "cli/ExitStatus.h"
+#include "cli/PeriodText.h"
+#include "cli/ShownText.h"
+#include "client/CClientError.h"
+
+namespace vxsched {
+
+namespace {
+
+int StatusOf(EError error) {
+    switch (error) {
+        case EError::cNotFound:
+            return cNotFoundStatus;
+        case EError::cNoAccess:
+            return cNoAccessStatus;
+        case EError::cDamaged:
+            return cDamagedStatus;
+        case EError::cNoScheduler:
+            return cNoSchedulerStatus;
+        case EError::cFailed:
+        case EError::cBusy:
+        case EError::cRefused:
+            break;
+    }
+    return cRefusedStatus;
+}
+
+// What the command line says, and what is to be done for it.
+class CCommandLine {
+public:
+    CCommandLine();
+
+    // The exit status. Throws CLI::ParseError and what the commands throw.
+    int Run(int argc, const char* const* argv);
+
+    int Explain(const CLI::Success& request) const {
+        return app.exit(request, std::cout, std::cerr);
+    }
+
+private:
+    using TCommand = std::function<int()>;
+
+    CLI::App* Add(const char* name, const char* description, TCommand command);
+    CLI::App* AddForNames(const char* name, const char* description,
+                          int (*command)(const TCommon&, const TNames&, COutput&));
+    void AddReading();
+    void AddChanging();
+    void AddKeeping();
+    void AddDryRun(CLI::App* command);
+    void AddForce(CLI::App* command);
+    void AddPositionals(CLI::App* command);
+
+    CLI::App app{"Shows and changes the scheduled tasks of a directory.", "vxsched"};
+    COutput output;
+    TCommon common;
+    TCommand chosen;
+
+    std::string directory = ".";
+    double patience = 10;  // seconds
+    bool utc = false;
+    std::vector<std::string> forced;
+
+    bool namesOnly = false;
+    std::optional<std::size_t> count;
+    std::string until;
+    TTaskTexts task;
+    TNames names;
+    bool replace = false;
+    bool merge = false;
+    bool force = false;
+    bool wait = false;
+    std::string file;
+    std::string shell;
+};
+
+CCommandLine::CCommandLine() {
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.set_version_flag("--version", "vxsched " VXSCHED_VERSION);
+    app.add_option("--directory", directory,
+                   "Working directory of the scheduling process; the table is "
+                   "DIR/files/scheduler.dat")
+        ->envname("VXSCHED_DIRECTORY")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--patience", patience, "How long to wait for others, in seconds")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    app.add_flag("--utc", utc, "Show times in UTC");
+    app.footer(
+        "Times: 2026-11-21 14:30 (local; Z or +01:00 behind it for others), 14:30, tomorrow "
+        "02:00,\n"
+        "now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
+        "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no such task, 4 no access,\n"
+        "5 damaged table, 6 no scheduling process.");
+    AddReading();
+    AddChanging();
+    AddKeeping();
+}
+
+CLI::App* CCommandLine::Add(const char* name, const char* description, TCommand command) {
+    CLI::App* const added = app.add_subcommand(name, description);
+    added->callback([this, command = std::move(command)] { chosen = command; });
+    return added;
+}
+
+void CCommandLine::AddReading() {
+    const auto json = [this](CLI::App* command) {
+        command->add_flag("--json", common.json, "As JSON, with a version");
+        return command;
+    };
+    json(Add("list", "All tasks, by their next start", [this] {
+        return List(common, namesOnly, output);
+    }))->add_flag("--names", namesOnly, "Only the names, one a line, in the table's order");
+    json(Add("show", "All of one task, and why it is not running",
+             [this] { return ShowTask(common, task.name, output); }))
+        ->add_option("name", task.name, "The task")
+        ->required();
+    CLI::App* const next = json(Add("next", "The coming runs of all tasks, in time order",
+                                    [this] { return Next(common, count, until, output); }));
+    next->add_option("--count", count, "How many; 10 unless --until is given");
+    next->add_option("--until", until, "Not beyond this time")->type_name("TIME");
+    json(Add("status", "The scheduling process, the mutex and the table",
+             [this] { return Status(common, output); }));
+    json(Add("check", "What is wrong with the table, and where", [this] {
+        return CheckTable(common, file, output);
+    }))->add_option("file", file, "Another table's file");
+}
+
+void CCommandLine::AddDryRun(CLI::App* command) {
+    command->add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
+    command->add_flag("--even-if-due", common.store.evenIfDue,
+                      "Go on when tasks are due and no scheduling process is there; they stay due");
+}
+
+void CCommandLine::AddForce(CLI::App* command) {
+    command
+        ->add_option("--force", forced,
+                     "Pass over what is unwise: missing-program, not-executable, relative-path, "
+                     "wrapped-period, past-start")
+        ->type_name("WHAT")
+        ->expected(1)
+        ->take_all();
+}
+
+void CCommandLine::AddPositionals(CLI::App* command) {
+    command->add_option("name", task.name, "The task")->required();
+}
+
+CLI::App* CCommandLine::AddForNames(const char* name, const char* description,
+                                    int (*command)(const TCommon&, const TNames&, COutput&)) {
+    CLI::App* const added =
+        Add(name, description, [this, command] { return command(common, names, output); });
+    added->add_option("names", names, "The tasks")->required();
+    AddDryRun(added);
+    return added;
+}
+
+void CCommandLine::AddChanging() {
+    CLI::App* const create = Add("create", "Add a task, or replace one", [this] {
+        task.at = task.at.empty() ? "now" : task.at;
+        task.every = task.every.empty() ? "once" : task.every;
+        return Create(common, task, replace, output);
+    });
+    AddPositionals(create);
+    create->add_option("--at", task.at, "The first start; now unless given")->type_name("TIME");
+    create->add_option("--every", task.every, "The period; once unless given")->type_name("PERIOD");
+    create->add_flag("--replace", replace, "In the place of the task of that name");
+    create
+        ->add_option("program", task.program,
+                     "The program's absolute path; put -- in front of it and its parameter")
+        ->required();
+    create->add_option("parameter", task.parameter,
+                       "The one parameter text that it is started with");
+    AddDryRun(create);
+    AddForce(create);
+
+    CLI::App* const edit =
+        Add("edit", "Change only what is named", [this] { return Edit(common, task, output); });
+    AddPositionals(edit);
+    edit->add_option("--at", task.at, "The next start")->type_name("TIME");
+    edit->add_option("--every", task.every, "The period")->type_name("PERIOD");
+    edit->add_option("--program", task.program, "The program's absolute path")->type_name("PATH");
+    edit->add_option("--parameter", task.parameter, "The parameter text")->type_name("TEXT");
+    AddDryRun(edit);
+    AddForce(edit);
+
+    AddForNames("remove", "Remove tasks; all of them, or none if one is not there", Remove);
+    AddForNames("pause", "Pass tasks over from now on", Pause);
+    AddForce(AddForNames("resume", "Undo a pause; a missed start is moved on", Resume));
+
+    CLI::App* const period =
+        Add("period", "Another period, counted on from the last time on the task's grid",
+            [this] { return SetPeriod(common, task.name, task.every, output); });
+    AddPositionals(period);
+    period->add_option("period", task.every, "6h, 1d, 2w, once")->required();
+    AddDryRun(period);
+    AddForce(period);
+
+    CLI::App* const run = Add("run", "Start a task's program now, outside the schedule", [this] {
+        return vxsched::Run(common, task.name, force, wait, output);
+    });
+    AddPositionals(run);
+    run->add_flag("--force", force, "Although it is running already");
+    run->add_flag("--wait", wait, "Wait for its end; its failure is status 1");
+    AddDryRun(run);
+
+    Add("wake", "Have the scheduling process look at once",
+        [this] { return Wake(common, output); });
+}
+
+void CCommandLine::AddKeeping() {
+    CLI::App* const repair =
+        Add("repair", "Make a sound table of a damaged one, keeping what can be",
+            [this] { return Repair(common, output); });
+    repair->add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
+    Add("export", "The whole table as JSON", [this] { return Export(common, output); });
+    CLI::App* const import = Add("import", "Add the tasks of an export", [this] {
+        return Import(common, file.empty() ? "-" : file,
+                      replace ? EImport::cReplace
+                      : merge ? EImport::cMerge
+                              : EImport::cAdd,
+                      output);
+    });
+    import->add_option("file", file, "The export; standard input unless given, or -");
+    CLI::Option* const whole =
+        import->add_flag("--replace", replace, "Make the import the whole table");
+    import->add_flag("--merge", merge, "Overwrite tasks of the same name")->excludes(whole);
+    import->add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
+    Add("completion", "Print what a shell needs to complete this command",
+        [this] { return PrintCompletion(shell, output); })
+        ->add_option("shell", shell, "The shell")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+}
+
+int CCommandLine::Run(int argc, const char* const* argv) {
+    app.parse(argc, argv);
+    common.store.directory = directory;
+    common.store.patience = std::chrono::milliseconds(static_cast<std::int64_t>(patience * 1000));
+    common.zone = utc ? EZone::cUtc : EZone::cLocal;
+    common.forced = TForced(forced.begin(), forced.end());
+    const int status = chosen();
+    output.Finish();
+    return status;
+}
+
+int Fail(const std::string& text, int status) {
+    // A message may have several lines, each of them shown safely.
+    std::string shown;
+    for (std::size_t start = 0; start <= text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        shown += (shown.empty() ? "vxsched: " : "\n") + Show(text.substr(start, end - start)).text;
+        start = end + 1;
+    }
+    std::cerr << shown << '\n';
+    return status;
+}
+
+int Main(int argc, const char* const* argv) {
+    CCommandLine line;
+    try {
+        return line.Run(argc, argv);
+    } catch (const CLI::Success& request) {
+        return line.Explain(request);
+    } catch (const CLI::ParseError& error) {
+        return Fail(std::string(error.what()) + ". vxsched --help shows how it is used.",
+                    cUsageStatus);
+    } catch (const CTextError& error) {
+        return Fail(error.what(), cUsageStatus);
+    } catch (const CUsageError& error) {
+        return Fail(error.what(), cUsageStatus);
+    } catch (const CClientError& error) {
+        return Fail(error.what(), StatusOf(error.Code()));
+    } catch (const std::exception& error) {
+        return Fail(error.what(), cRefusedStatus);
+    }
+}
+
+}  // namespace
+
+}  // namespace vxsched
+
+int main(int argc, char** argv) {
+    return vxsched::Main(argc, argv);
+}
