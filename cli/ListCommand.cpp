@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
@@ -95,6 +97,9 @@ int List(const TCommon& common, bool namesOnly, COutput& output) {
             output.Line(task.name);
         return 0;
     }
+    if (!std::filesystem::exists(common.store.directory / "files"))
+        std::cerr << "vxsched: no host has run in " << common.store.directory.string()
+                  << "; --directory or VXSCHED_DIRECTORY names another directory\n";
     const TTime now = Now();
     const CRunningPrograms running;
     std::vector<TListed> listed;

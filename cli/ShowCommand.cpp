@@ -72,7 +72,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         return 0;
     }
     const auto line = [&](std::string_view what, const std::string& text) {
-        output.Line(output.Coloured(fmt::format("{:<12}", what), EColour::cBold) + Show(text).text);
+        output.Line(output.Coloured(fmt::format("{:<13}", what), EColour::cBold) + Show(text).text);
     };
     line("Name", task->name);
     line("State", state.Text());

@@ -44,6 +44,14 @@ public:
         return app.exit(request, std::cout, std::cerr);
     }
 
+    // What is wrong with the command line.
+    std::string Problem(const CLI::ParseError& error) const {
+        const std::vector<std::string> unknown = app.remaining();
+        if (app.get_subcommands().empty() && !unknown.empty())
+            return "there is no command \"" + unknown.front() + '"';
+        return error.what();
+    }
+
 private:
     using TCommand = std::function<int()>;
 
@@ -91,7 +99,7 @@ CCommandLine::CCommandLine() {
         ->type_name("DIR")
         ->capture_default_str();
     app.add_option("--patience", patience, "How long to wait for others, in seconds")
-        ->check(CLI::Range(0.0, 86400.0))
+        ->check(CLI::Range(0.0, 86400.0).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
     app.add_flag("--utc", utc, "Show times in UTC");
@@ -272,8 +280,7 @@ int Main(int argc, const char* const* argv) {
     } catch (const CLI::Success& request) {
         return line.Explain(request);
     } catch (const CLI::ParseError& error) {
-        return Fail(std::string(error.what()) + ". vxsched --help shows how it is used.",
-                    cUsageStatus);
+        return Fail(line.Problem(error) + ". vxsched --help shows how it is used.", cUsageStatus);
     } catch (const CTextError& error) {
         return Fail(error.what(), cUsageStatus);
     } catch (const CUsageError& error) {

@@ -145,7 +145,7 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
         throw CClientError(EError::cNoScheduler,
                            "task \"" + due +
                                "\" is due and there is no scheduling process to start it; start "
-                               "one, or say that it is to wait");
+                               "one, or go on with --even-if-due (evenIfDue), which leaves it due");
     if (!scheduler->sharesStore)
         throw CClientError(EError::cNoScheduler,
                            "the scheduling process " + std::to_string(scheduler->process) +

@@ -1,0 +1,242 @@
+// What a load of the library would harm, with the real command beside a real host: commands at the
+// very second of a start, many at once, during a tick, and killed.
+
+#include <client/CStoreLock.h>
+#include <client/Table.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+static const std::string cRecorder = PROGRAMS "/record-start";
+
+static TRow Later(const std::string& name) {
+    return {name, std::time(nullptr) + 3600, 0, 24, cRecorder, "a parameter", 0};
+}
+
+static vxsched::TTable TableNow() {
+    return vxsched::ReadTable(".", 10s);
+}
+
+// A store of its own in a child process, so that several go through the same at once.
+static std::unique_ptr<CForkedChild> InAStoreOfItsOwn(const std::string& folder,
+                                                      const std::function<void()>& body) {
+    return std::make_unique<CForkedChild>([&] {
+        if (unshare(CLONE_NEWIPC) != 0)
+            return 1;
+        fs::create_directories(folder + "/files");
+        fs::current_path(folder);
+        body();
+        return testing::Test::HasFailure() ? 2 : 42;
+    });
+}
+
+// ---- At the second of a start -----------------------------------------------------------------
+
+// One round: a task that runs once comes due, and at a random moment around that something else is
+// changed. It has to run exactly once.
+static void ChangeAroundAStart(int round, std::mt19937& random) {
+    const std::string record = "record " + std::to_string(round);
+    const std::string task = "once " + std::to_string(round);
+    const std::time_t due = std::time(nullptr) + 1;
+    const TToolRun create =
+        RunTool({"create", task, "--at", "@" + std::to_string(due), "--", cRecorder, record});
+    ASSERT_EQ(create.status, 0) << create.error;
+    const auto offset =
+        std::chrono::milliseconds(std::uniform_int_distribution<>(-300, 300)(random));
+    const auto moment = std::chrono::system_clock::from_time_t(due) + offset;
+    std::this_thread::sleep_until(moment);
+    const TToolRun pause = RunTool({round % 2 == 0 ? "pause" : "resume", "other"});
+    EXPECT_EQ(pause.status, 0) << pause.error;
+    // Without a change at or behind the second of the start nobody wakes the scheduler for it.
+    std::this_thread::sleep_until(std::chrono::system_clock::from_time_t(due) + 20ms);
+    RunTool({"wake"});
+    WaitUntil([&] { return fs::exists(record); });
+    WaitUntil([&] { return TableNow().Find(task) == nullptr; });
+    EXPECT_EQ(TableNow().Find("other")->paused, round % 2 == 0);
+}
+
+class CliAtTheSecondOfAStart : public testing::TestWithParam<int> {};
+
+TEST_P(CliAtTheSecondOfAStart, NothingIsRemovedUnrun) {
+    constexpr int cStores = 25;
+    constexpr int cRounds = 4;
+    std::vector<std::unique_ptr<CForkedChild>> stores;
+    for (int store = 0; store < cStores; ++store) {
+        stores.push_back(InAStoreOfItsOwn("store " + std::to_string(store), [&] {
+            for (const auto& [name, value] : WithoutPauses())
+                setenv(name.c_str(), value.c_str(), 1);
+            WriteTable({Later("other")});
+            CHost host;
+            std::mt19937 random(static_cast<unsigned int>(GetParam() * cStores + store));
+            for (int round = 0; round < cRounds; ++round)
+                ChangeAroundAStart(round, random);
+            EXPECT_EQ(host.CountInOutput("started process"), 0U) << "not read yet";
+            EXPECT_EQ(host.Stop(), 0);
+            EXPECT_EQ(host.CountInOutput("started process"), static_cast<std::size_t>(cRounds))
+                << host.Output();
+        }));
+    }
+    for (const auto& store : stores)
+        EXPECT_EQ(store->Wait(), 42);
+}
+
+INSTANTIATE_TEST_SUITE_P(Half, CliAtTheSecondOfAStart, testing::Values(0, 1));
+
+// ---- Beside others ----------------------------------------------------------------------------
+
+TEST(CliSafety, CommandsInParallelLoseNothing) {
+    WriteTable({});
+    const CHost host;
+    std::vector<std::thread> commands;
+    for (int command = 0; command < 20; ++command) {
+        commands.emplace_back([command] {
+            const TToolRun run =
+                RunTool({"create", "task " + std::to_string(command), "--patience", "60", "--at",
+                         "in 1h", "--every", "1d", "--", cRecorder, std::to_string(command)});
+            EXPECT_EQ(run.status, 0) << run.error;
+        });
+    }
+    for (std::thread& command : commands)
+        command.join();
+    const vxsched::TTable table = TableNow();
+    EXPECT_EQ(table.tasks.size(), 20U);
+    for (int command = 0; command < 20; ++command)
+        EXPECT_NE(table.Find("task " + std::to_string(command)), nullptr) << command;
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(CliSafety, CommandDuringATickLosesNoChangeAndCutsOffNobody) {
+    WriteTable({});
+    CHost host;
+    const std::string due = "@" + std::to_string(std::time(nullptr));
+    EXPECT_EQ(RunTool({"create", "slow", "--at", due, "--every", "1d", "--",
+                       PROGRAMS "/wait-for-it", "end it"})
+                  .status,
+              0);
+    WaitUntil([] { return StoreSemaphoreValue() == 0; });
+    const TToolRun run = RunTool({"create", "other", "--at", "in 1h", "--", cRecorder});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    const vxsched::TTable table = TableNow();
+    ASSERT_EQ(table.tasks.size(), 2U);
+    EXPECT_NE(table.Find("slow")->last, vxsched::TTime()) << "the tick's own save is there";
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("started process"), 1U);
+    WriteFile("end it", "");
+    WaitUntil([] { return fs::exists("end it.seen"); });
+}
+
+TEST(CliSafety, HolderThatIsStoppedIsNotCutOff) {
+    WriteTable({Later("a")});
+    EXPECT_EQ(RunTool({"pause", "a"}).status, 0);
+    CForkedChild holder([] {
+        const vxsched::CStoreLock lock(10s);
+        WriteFile("held", "");
+        raise(SIGSTOP);
+        return StoreSemaphoreValue() == 0 ? 42 : 1;
+    });
+    WaitUntil([] { return fs::exists("held"); });
+    const TToolRun run = RunTool({"resume", "a", "--patience", "0.1"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.error, testing::HasSubstr("process " + std::to_string(holder.Id())));
+    WaitUntil([&] {
+        holder.Kill(SIGCONT);
+        return StoreSemaphoreValue() == 1;
+    });
+    EXPECT_EQ(holder.Wait(), 42);
+    EXPECT_EQ(ReadTable()[0].paused, 1U);
+}
+
+// ---- Killed -----------------------------------------------------------------------------------
+
+// The names that must be there whatever happens to the others.
+static void ExpectKept(int round) {
+    const vxsched::TTable table = TableNow();
+    for (const char* const name : {"first", "second", "third"})
+        ASSERT_NE(table.Find(name), nullptr) << name << " in round " << round;
+}
+
+static bool IsDamaged() {
+    return RunTool({"check"}).status == 5;
+}
+
+class CliKilled : public testing::TestWithParam<bool> {};
+
+// With the command alone, its change process goes on by itself; with its group, both are gone.
+TEST_P(CliKilled, LeavesATableThatIsSoundOrRepairableAndAFreeMutex) {
+    const bool withItsGroup = GetParam();
+    WriteTable({Later("first"), Later("second"), Later("third")});
+    std::mt19937 random(withItsGroup ? 1 : 2);
+    int repaired = 0;
+    for (int round = 0; round < 250; ++round) {
+        const std::vector<std::string> commands[] = {
+            {"create", "new", "--replace", "--at", "in 1h", "--", cRecorder,
+             std::string(20'000, 'p')},
+            {"pause", "second"},
+            {"create", "link", "--replace", "--at", "in 1h", "--", "/usr/bin/free"},
+            {"edit", "first", "--parameter", std::string(30'000, 'q')},
+            {"remove", "new"},
+            {"resume", "second"}};
+        const std::vector<std::string>& command = commands[round % 6];
+        const pid_t process = fork();
+        if (process == 0) {
+            setpgid(0, 0);
+            std::vector<char*> arguments{const_cast<char*>(TOOL_PROGRAM)};
+            for (const std::string& argument : command)
+                arguments.push_back(const_cast<char*>(argument.c_str()));
+            arguments.push_back(nullptr);
+            const int nowhere = open("/dev/null", O_WRONLY);
+            dup2(nowhere, STDOUT_FILENO);
+            dup2(nowhere, STDERR_FILENO);
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+        setpgid(process, process);
+        std::this_thread::sleep_for(
+            std::chrono::microseconds(std::uniform_int_distribution<>(0, 25'000)(random)));
+        kill(withItsGroup ? -process : process, SIGKILL);
+        while (waitpid(process, nullptr, 0) == -1) {
+        }
+        if (!withItsGroup) {
+            // What goes on by itself comes to an end, and then gives its turn back.
+            ASSERT_EQ(RunTool({"pause", "third", "--dry-run"}).status, 0);
+        }
+        {
+            const vxsched::CStoreLock lock(10s);  // throws when nobody gives it back
+        }
+        if (IsDamaged()) {
+            ++repaired;
+            ASSERT_EQ(RunTool({"repair"}).status, 0);
+        }
+        ExpectKept(round);
+        if (HasFatalFailure())
+            return;
+    }
+    EXPECT_EQ(RunTool({"pause", "third", "--patience", "60"}).status, 0);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    std::printf("%d of 250 tables were repaired\n", repaired);
+}
+
+INSTANTIATE_TEST_SUITE_P(WithItsGroup, CliKilled, testing::Bool());
