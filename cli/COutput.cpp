@@ -89,6 +89,7 @@ std::string COutput::Coloured(std::string_view part, EColour colour) const {
 
 CColumns::CColumns(std::vector<std::string> headings) {
     std::vector<TCell> row;
+    row.reserve(headings.size());
     for (std::string& heading : headings)
         row.push_back({std::move(heading), EColour::cBold});
     rows.push_back(std::move(row));

@@ -171,7 +171,7 @@ TJson JsonOfLast(TTime time) {
     return time == TTime() ? TJson() : TJson(FormatIsoTime(time));
 }
 
-std::string Document(TJson content) {
+std::string Document(const TJson& content) {
     TJson document = {{"version", 1}};
     document.update(content);
     return document.dump(2) + '\n';

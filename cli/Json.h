@@ -19,7 +19,7 @@ nlohmann::ordered_json JsonOfTask(const TTaskEntry& task);
 nlohmann::ordered_json JsonOfLast(TTime time);
 
 // A whole document, with its line end.
-std::string Document(nlohmann::ordered_json content);
+std::string Document(const nlohmann::ordered_json& content);
 
 // What Export wrote, or somebody by hand: {"version": 1, "tasks": [{"name", "next", "last", "period",
 // "program", "parameter", "paused", "real_program"}]}, of which name, next and program are needed.

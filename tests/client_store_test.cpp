@@ -480,6 +480,18 @@ TEST_F(ClientStore, TickUnderWayIsWaitedForAndLosesNoChange) {
     WaitUntil([] { return fs::exists("end it.seen"); });
 }
 
+// The add-in does not announce a start outside the schedule.
+TEST_F(ClientStore, LastStartOfARunOutlivesWhatTheSchedulerWrites) {
+    CHost host;
+    store.Create(Task("a"), false);
+    store.Run("a", false, false);
+    store.Create({"due", Now(), 24, cRecorder, "scheduled"}, false);
+    EXPECT_EQ(RecordedArgument("scheduled"), "argument scheduled");
+    WaitUntil([&] { return store.Read().Find("due")->last != TTime(); });
+    EXPECT_NE(store.Read().Find("a")->last, TTime());
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 // ---- When something goes wrong ----------------------------------------------------------------
 
 TEST_F(ClientStore, TableFromBeforeIsPutBackWhenASaveFails) {

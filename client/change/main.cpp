@@ -15,6 +15,7 @@
 #include "client/CLoadTurn.h"
 #include "client/CStoreLock.h"
 #include "client/ProgramLinks.h"
+#include "client/SchedulingProcess.h"
 #include "client/TableFile.h"
 #include "client/change/CAddIn.h"
 #include "client/change/Fields.h"
@@ -177,6 +178,9 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
 void Serve(const TRequest& request) {
     pid_t started = 0;
     SetStartListener([&](pid_t process, int error) {
+        // A start outside the schedule is not announced by the add-in, and the scheduling process
+        // would write over its last start. It is announced here, where the mutex is held.
+        AnnounceChange();
         started = process;
         if (process != 0)
             Tell(cMessageStarted, std::to_string(process));
