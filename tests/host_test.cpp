@@ -1,53 +1,24 @@
 // vxschedd, a real process with real programs: what it starts, reports, refuses, and how it ends.
 
-#include <CEvent.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <scheduler/Scheduler.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
 
-#include "AddinLibrary.h"
+#include "HostProgram.h"
 #include "LogCapture.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
 #include "TableFile.h"
-
-static void Wake() {
-    CEvent("libVantrixScheduler.so", false).SetEvent();
-}
-
-// A client: loads the library, creates a task that is due now, and ends without taking the mutex
-// away.
-RUN_AGAIN(CreateDueTask) {
-    const CAddinLibrary library;
-    library.Create(arguments.at(0).c_str(), std::time(nullptr), 0, arguments.at(1).c_str(),
-                   arguments.at(2).c_str());
-    Wake();
-    _exit(0);
-}
-
-// The tick saves the table when all its starts are made. A client that came earlier would not be
-// kept waiting: its load sets the mutex free, and the tick's save would go over its change.
-static void WaitForTheTicksEnd() {
-    WaitUntil([] { return ReadFile(cTable) == BytesOf({}); });
-}
-
-static void CreateDue(const std::string& name, const std::string& program,
-                      const std::string& parameter) {
-    CProgram client(ThisProgramAs("CreateDueTask", {name, program, parameter}));
-    EXPECT_EQ(client.Wait(), 0) << client.Output();
-}
 
 // Makes ready what a careless parent may leave to a host, then becomes the host.
 RUN_AGAIN(HostWithABurden) {
@@ -90,61 +61,6 @@ RUN_AGAIN(HostWithABrokenPipe) {
     execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
     static_cast<void>(arguments);
     return 1;
-}
-
-class CHost : public CProgram {
-public:
-    explicit CHost(const std::vector<std::string>& command = {HOST_PROGRAM, "--directory", "."})
-        : CProgram(command) {
-        EXPECT_TRUE(WaitForOutput(" as process ")) << Output();
-        // The first tick is over: it would take a client's signal for the file it has just read.
-        WaitUntil(WorkerRests);
-    }
-
-    int Stop(int signal = SIGTERM) {
-        Kill(signal);
-        return Wait();
-    }
-
-    std::size_t CountInOutput(const std::string& text) const {
-        std::size_t count = 0;
-        for (std::size_t position = 0;
-             (position = Output().find(text, position)) != std::string::npos; ++position)
-            ++count;
-        return count;
-    }
-
-    std::string Status(const std::string& field) const {
-        std::istringstream lines(ReadFile("/proc/" + std::to_string(Id()) + "/status"));
-        for (std::string line; std::getline(lines, line);) {
-            if (line.starts_with(field + ":\t"))
-                return line.substr(field.size() + 2);
-        }
-        return "";
-    }
-
-    // Its children that have ended and were not collected.
-    int CountZombies() const {
-        int count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-            if (entry.path().filename().string().find_first_not_of("0123456789") !=
-                std::string::npos)
-                continue;
-            const std::string stat = ReadFile(entry.path().string() + "/stat");
-            if (stat.find(") Z " + std::to_string(Id()) + ' ') != std::string::npos)
-                ++count;
-        }
-        return count;
-    }
-};
-
-static std::vector<std::string> Lines(const std::string& path) {
-    WaitUntil([&] { return std::filesystem::exists(path); });
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
-        lines.push_back(line);
-    return lines;
 }
 
 static const std::string cRecorder = PROGRAMS "/record-start";
@@ -257,7 +173,7 @@ TEST(Host, ManySignalsAtOnceAreOneStop) {
         host.Kill(SIGPIPE);
         host.Kill(SIGXFSZ);
     }
-    Wake();
+    WakeWorker();
     for (int round = 0; round < 50; ++round) {
         host.Kill(SIGTERM);
         host.Kill(SIGINT);
