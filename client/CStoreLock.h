@@ -20,6 +20,11 @@ public:
     // False where there is no store, or its semaphore was removed while it was waited for.
     bool IsHeld() const { return set != -1; }
 
+    // Leaves the mutex to what has set it free meanwhile: a load of the library in this process puts
+    // the semaphore's value at 1, which is the release. A second one would let two holders in at
+    // once.
+    void Forget() { set = -1; }
+
 private:
     int set = -1;
 };

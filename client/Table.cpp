@@ -168,11 +168,15 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     return table;
 }
 
+std::string ReadTableBytes(const std::filesystem::path& directory) {
+    return ReadWhole(directory / cTaskFile);
+}
+
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience) {
     std::string bytes;
     {
         const CStoreLock lock(patience);
-        bytes = ReadWhole(directory / cTaskFile);
+        bytes = ReadTableBytes(directory);
     }
     return DecodeTable(bytes, TTime(std::chrono::seconds(std::time(nullptr))));
 }

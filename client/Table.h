@@ -57,4 +57,9 @@ TTable DecodeTable(std::string_view bytes, TTime now);
 // read.
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience);
 
+// The bytes of a working directory's table, for somebody who keeps its writers out: who holds the
+// store mutex, or is a part of the tick that does. A missing file is an empty table. Throws
+// CClientError (cFailed) when the file cannot be read.
+std::string ReadTableBytes(const std::filesystem::path& directory);
+
 }  // namespace vxsched
