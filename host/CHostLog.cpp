@@ -77,6 +77,7 @@ void CHostLog::Reopen() {
         return;
     try {
         WriteTo(std::string(path));
+        LogInfo("opened the log anew");
     } catch (const CHostError& error) {
         LogError(error.what());
     }

@@ -24,8 +24,8 @@ public:
     // Writes to this file from now on. Throws CHostError (cFailed) when it cannot be opened.
     void WriteTo(const std::string& path);
 
-    // Opens the file anew, after somebody moved it away; it stays the old one when that fails. No
-    // effect on standard error.
+    // Opens the file anew, after somebody moved it away; it stays the old one when that fails. Either
+    // is logged. No effect on standard error. For the thread that called WriteTo().
     void Reopen();
 
     void Write(EPriority priority, const std::string& text);

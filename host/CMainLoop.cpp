@@ -70,7 +70,6 @@ void CMainLoop::OnSignal(int number) {
             break;
         case SIGHUP:
             CHostLog::Instance().Reopen();
-            LogInfo("opened the log anew on SIGHUP");
             break;
         case SIGUSR1:
             LogInfo("ticking at once on SIGUSR1");

@@ -91,6 +91,45 @@ TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// ---- The unit
+// ------------------------------------------------------------------------------------------------------
+
+static std::vector<std::string> ValuesInUnit(const std::string& key) {
+    std::istringstream lines(ReadFile(SERVICE_UNIT));
+    std::vector<std::string> values;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(key + '='))
+            values.push_back(line.substr(key.size() + 1));
+    }
+    return values;
+}
+
+TEST(ServiceUnit, ExpectsNotificationsAndLeavesTheStoreReachable) {
+    EXPECT_THAT(ValuesInUnit("Type"), ElementsAre("notify"));
+    EXPECT_THAT(ValuesInUnit("WatchdogSec"), ElementsAre("2min"));
+    EXPECT_THAT(ValuesInUnit("User"), ElementsAre("vxschedd"));
+    for (const char* key : {"PrivateIPC", "DynamicUser", "RemoveIPC", "PrivateUsers"})
+        EXPECT_THAT(ValuesInUnit(key), ElementsAre()) << key;
+}
+
+TEST(ServiceUnit, StartsTheHostWithOptionsThatItHas) {
+    const std::vector<std::string> starts = ValuesInUnit("ExecStart");
+    ASSERT_EQ(starts.size(), 1U);
+    std::istringstream words(starts[0]);
+    std::vector<std::string> command;
+    for (std::string word; words >> word;) {
+        if (const std::size_t place = word.find("%S/"); place != std::string::npos)
+            word.replace(place, 3, "./");
+        command.push_back(word);
+    }
+    EXPECT_TRUE(command.at(0).ends_with("/bin/vxschedd")) << command.at(0);
+    command[0] = HOST_PROGRAM;
+    command.emplace_back("--check");
+    std::filesystem::create_directory("vxschedd");
+    CProgram host(command);
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+}
+
 // ---- Whether the worker lives
 // ------------------------------------------------------------------------------------
 
