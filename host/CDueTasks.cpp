@@ -18,11 +18,15 @@ static std::string StateOfTable() {
                        status.st_size);
 }
 
-// Programs see both texts end at a zero byte.
+// As a program sees a text.
+static std::string UpToZero(const std::string& text) {
+    return text.substr(0, text.find('\0'));
+}
+
 static bool IsStartOf(const vxsched::TTaskEntry& task, const std::string& program,
                       const std::string& parameter) {
-    return vxsched::StartedPath(task.program).c_str() == program &&
-           task.parameter.c_str() == parameter;
+    return UpToZero(vxsched::StartedPath(task.program)) == program &&
+           UpToZero(task.parameter) == parameter;
 }
 
 std::optional<CDueTasks::TTask> CDueTasks::Find(const std::string& program,
@@ -42,20 +46,29 @@ std::optional<CDueTasks::TTask> CDueTasks::Find(const std::vector<vxsched::TTask
                                                 const std::string& state, vxsched::TTime now,
                                                 const std::string& program,
                                                 const std::string& parameter) {
-    if (state != tickState)
-        startedInTick.clear();
-    tickState = state;
-    const vxsched::TTaskEntry* known = nullptr;
-    for (std::size_t index = 0; index < tasks.size(); ++index) {
-        const vxsched::TTaskEntry& task = tasks[index];
-        if (!IsStartOf(task, program, parameter))
-            continue;
-        if (!task.paused && task.next <= now && startedInTick.insert(index).second)
-            return TTask{.name = task.name, .due = task.next};
-        if (known == nullptr)
-            known = &task;
+    if (state != current.state) {
+        before = std::move(current);
+        current = {.state = state, .tasks = tasks, .started = {}};
     }
-    if (known == nullptr)
-        return std::nullopt;
-    return TTask{.name = known->name, .due = std::nullopt};
+    if (auto task = FindDue(current, now, program, parameter))
+        return task;
+    if (auto task = FindDue(before, now, program, parameter))
+        return task;
+    for (const vxsched::TTaskEntry& task : tasks) {
+        if (IsStartOf(task, program, parameter))
+            return TTask{.name = task.name, .due = std::nullopt};
+    }
+    return std::nullopt;
+}
+
+std::optional<CDueTasks::TTask> CDueTasks::FindDue(TTableSeen& table, vxsched::TTime now,
+                                                   const std::string& program,
+                                                   const std::string& parameter) {
+    for (std::size_t index = 0; index < table.tasks.size(); ++index) {
+        const vxsched::TTaskEntry& task = table.tasks[index];
+        if (IsStartOf(task, program, parameter) && !task.paused && task.next <= now &&
+            table.started.insert(index).second)
+            return TTask{.name = task.name, .due = task.next};
+    }
+    return std::nullopt;
 }

@@ -78,6 +78,19 @@ TEST(DueTasks, WithoutADueOneTheNameIsToldWithoutADueTime) {
               "later, not due");
 }
 
+TEST(DueTasks, TableThatALoadChangedInTheMiddleOfATickDoesNotHideTheDueOnes) {
+    CDueTasks tasks;
+    const std::vector<TTaskEntry> table = {Task("one", cNow, "/bin/run", "1"),
+                                           Task("once", cNow, "/bin/run", "2", 0),
+                                           Task("other", cNow, "/bin/run", "3")};
+    EXPECT_EQ(Found(tasks, table, "before", "/bin/run", "1"), "one");
+    const std::vector<TTaskEntry> loaded = {Task("one", Later(3600), "/bin/run", "1"),
+                                            Task("other", Later(3600), "/bin/run", "3")};
+    EXPECT_EQ(Found(tasks, loaded, "after", "/bin/run", "2"), "once");
+    EXPECT_EQ(Found(tasks, loaded, "after", "/bin/run", "3"), "other");
+    EXPECT_EQ(Found(tasks, loaded, "after", "/bin/run", "1"), "one, not due");
+}
+
 TEST(DueTasks, ProgramIsComparedAsItIsStarted) {
     const std::vector<TTaskEntry> table = {
         Task("exe", cNow, "/bin/one.exe", "x"),
