@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "host/CHostLog.h"
 #include "host/StopEvent.h"
@@ -27,7 +27,14 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
       service(serviceManager),
       programs(startedPrograms),
       stopEvent(workersEvent),
-      watch(service.Patience().count() > 0 ? service.Patience() : cUsualPatience, TClock::now()) {}
+      watch(service.Patience().count() > 0 ? service.Patience() : cUsualPatience, TClock::now()) {
+    Watch(signals.Descriptor(), [this] { TakeSignals(); });
+    Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
+}
+
+void CMainLoop::Watch(int descriptor, std::function<void()> onReadable) {
+    sources.push_back({.descriptor = descriptor, .onReadable = std::move(onReadable)});
+}
 
 void CMainLoop::WaitForStop() {
     TellStatus();
@@ -50,16 +57,27 @@ void CMainLoop::WaitForPrograms() {
 
 // Waits until something happens, at most until then, and deals with it.
 void CMainLoop::Turn(TClock::time_point until) {
+    std::vector<pollfd> descriptors;
+    for (const TSource& source : sources)
+        descriptors.push_back({.fd = source.descriptor, .events = POLLIN, .revents = 0});
     const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - TClock::now());
-    pollfd sources[] = {{.fd = signals.Descriptor(), .events = POLLIN, .revents = 0},
-                        {.fd = programs.WakeDescriptor(), .events = POLLIN, .revents = 0}};
     const auto milliseconds =
         static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest.count(), 0, 60'000));
-    if (poll(sources, std::size(sources), milliseconds) == -1 && errno != EINTR)
+    if (poll(descriptors.data(), descriptors.size(), milliseconds) == -1) {
+        if (errno == EINTR)
+            return;
         throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
+    }
+    for (std::size_t index = 0; index < descriptors.size(); ++index) {
+        if (descriptors[index].revents != 0)
+            sources[index].onReadable();
+    }
+}
+
+// What comes behind the signal to stop is not looked at.
+void CMainLoop::TakeSignals() {
     while (const auto number = stopSignal ? std::nullopt : signals.Next())
         OnSignal(*number);
-    programs.CollectFinished();
 }
 
 void CMainLoop::OnSignal(int number) {
@@ -74,6 +92,9 @@ void CMainLoop::OnSignal(int number) {
         case SIGUSR1:
             LogInfo("ticking at once on SIGUSR1");
             stopEvent.SetEvent();
+            break;
+        case SIGCHLD:
+            programs.CollectFinished();
             break;
         default:
             break;

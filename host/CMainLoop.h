@@ -3,7 +3,9 @@
 #include <CEvent.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
+#include <vector>
 
 #include "host/CServiceManager.h"
 #include "host/CSignals.h"
@@ -17,6 +19,10 @@ public:
     // All of them are kept by the caller. `stopEvent` is the worker's.
     CMainLoop(CSignals& signals, CServiceManager& service, CStartedPrograms& programs,
               CEvent& stopEvent);
+
+    // Calls `onReadable` on the main thread whenever the descriptor is readable, which that has to
+    // read empty. For as long as the loop exists.
+    void Watch(int descriptor, std::function<void()> onReadable);
 
     // Until a signal to stop comes.
     void WaitForStop();
@@ -32,8 +38,13 @@ public:
 
 private:
     using TClock = std::chrono::steady_clock;
+    struct TSource {
+        int descriptor;
+        std::function<void()> onReadable;
+    };
 
     void Turn(TClock::time_point until);
+    void TakeSignals();
     void OnSignal(int number);
     void LookAfterWorker();
     void TellStatus();
@@ -43,6 +54,7 @@ private:
     CStartedPrograms& programs;
     CEvent& stopEvent;
     CWorkerWatch watch;
+    std::vector<TSource> sources;
     bool workerLives = true;
     std::optional<int> stopSignal;
 };

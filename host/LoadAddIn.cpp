@@ -33,7 +33,7 @@ static TTable ReadTableOfGate(TTime now) {
     }
 }
 
-void RequireSafeToLoad(const TTable& table) {
+static void RequireSafeToLoad(const TTable& table) {
     for (const vxsched::TProblem& problem : table.problems) {
         if (problem.kind == vxsched::TProblem::cEndless)
             throw CHostError(cBadTable, fmt::format("the table cannot be loaded: {}. Put a sound "

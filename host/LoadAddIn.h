@@ -2,7 +2,6 @@
 
 #include <memory>
 
-#include "client/Table.h"
 #include "host/CAddInLibrary.h"
 #include "host/CRunHistory.h"
 #include "host/HostOptions.h"
@@ -12,6 +11,3 @@
 // first to the last of it. Throws CHostError: cBadTable when the table is damaged or a load would not
 // come back from it, cNoAddIn, cNoStore, cNoDirectory.
 std::unique_ptr<CAddInLibrary> LoadAddIn(const THostOptions& options, CRunHistory& history);
-
-// Throws CHostError (cBadTable) when the add-in must not be loaded with the table.
-void RequireSafeToLoad(const vxsched::TTable& table);
