@@ -116,6 +116,10 @@ TTime Now() {
     return TTime(std::chrono::seconds(std::time(nullptr)));
 }
 
+std::string ReadTableBytes(const std::filesystem::path& directory) {
+    return ReadBytes(TableFile(directory));
+}
+
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience) {
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error))
@@ -124,7 +128,7 @@ TTable ReadTable(const std::filesystem::path& directory, std::chrono::millisecon
     std::string bytes;
     {
         const CStoreLock lock(patience);
-        bytes = ReadBytes(TableFile(directory));
+        bytes = ReadTableBytes(directory);
     }
     return DecodeTable(bytes, Now());
 }

@@ -67,4 +67,9 @@ std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
 // directory or the file cannot be read.
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience);
 
+// The bytes of a working directory's table, for somebody who keeps its writers out: who holds the
+// store mutex, or is a part of the tick that does. A missing file is an empty table. Throws
+// CClientError (cNoAccess, cFailed) when the file cannot be read.
+std::string ReadTableBytes(const std::filesystem::path& directory);
+
 }  // namespace vxsched

@@ -20,12 +20,12 @@ static std::string DefaultAddIn() {
     return name;
 }
 
-std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) {
-    CLI::App app(
-        "Runs the scheduler add-in in the foreground until SIGTERM or SIGINT.\n"
-        "Programs that it starts inherit its standard input, output and error.",
-        "vxschedd");
-    THostOptions options{.directory = "", .addIn = DefaultAddIn()};
+// A path of the caller's working directory, which the host is about to leave.
+static void MakeAbsolute(std::string& path) {
+    path = std::filesystem::absolute(path).string();
+}
+
+static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& patience) {
     app.add_option(
            "--directory", options.directory,
            "Directory to work in; the table is DIR/files/scheduler.dat, \"files\" is created")
@@ -34,11 +34,50 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
     app.add_option("--addin", options.addIn, "The add-in's library")
         ->type_name("PATH")
         ->capture_default_str();
+    app.add_option("--log", options.logFile,
+                   "Log to this file instead of standard error; SIGHUP opens it anew")
+        ->type_name("FILE");
+    app.add_option(
+           "--output", options.output,
+           "Where started programs write: where the host does, to the journal, or to a file "
+           "for each task in DIR")
+        ->type_name("inherit|journal|DIR")
+        ->capture_default_str();
+    app.add_option("--output-size", options.outputSize,
+                   "Bytes beyond which a start moves a task's file in DIR to .1 (1 MiB)")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false));
+    app.add_option("--history-size", options.historySize,
+                   "Bytes beyond which files/history.jsonl is moved to .1 (1 MiB); 0 keeps no "
+                   "history")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false));
+    app.add_option("--patience", patience,
+                   "Seconds to wait at the start for clients that are changing the table")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 3600));
+    auto* const check =
+        app.add_flag("--check", options.check, "Look whether a host could run, and exit");
+    app.add_flag("--run-once", options.runOnce,
+                 "Tick once, wait for the programs that this starts, and exit")
+        ->excludes(check);
     app.set_version_flag("--version", "vxschedd " VXSCHEDD_VERSION);
     app.footer(
+        "Signals: SIGTERM and SIGINT stop, SIGHUP opens the log anew, SIGUSR1 ticks at once.\n"
         "Exit status: 0 stopped cleanly, 1 failed, 2 wrong usage, 3 the directory cannot be worked "
         "in,\n"
-        "4 another host runs there, 5 the add-in cannot be loaded.");
+        "4 another host runs there, 5 the add-in cannot be loaded, 6 the table is damaged,\n"
+        "7 the store's semaphores cannot be used.");
+}
+
+std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) {
+    CLI::App app("Runs the scheduler add-in in the foreground until SIGTERM or SIGINT.",
+                 "vxschedd");
+    THostOptions options;
+    options.addIn = DefaultAddIn();
+    auto patience = static_cast<unsigned int>(options.patience.count());
+    DescribeOptions(app, options, patience);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& request) {
@@ -48,8 +87,12 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
         throw CHostError(cUsage,
                          std::string(error.what()) + ". Run vxschedd --help for the options.");
     }
-    // A path of the caller's working directory, which the host is about to leave.
+    options.patience = std::chrono::seconds(patience);
     if (options.addIn.find('/') != std::string::npos)
-        options.addIn = std::filesystem::absolute(options.addIn).string();
+        MakeAbsolute(options.addIn);
+    if (options.output != "inherit" && options.output != "journal")
+        MakeAbsolute(options.output);
+    if (!options.logFile.empty())
+        MakeAbsolute(options.logFile);
     return options;
 }

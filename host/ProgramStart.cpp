@@ -3,8 +3,10 @@
 // blocked and the host has open, and the host learns of every start and every end. Both then do
 // exactly what the system's do.
 
-#include <VXC_Log.h>
+#include "host/ProgramStart.h"
+
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -15,9 +17,14 @@
 #include <csignal>
 #include <cstring>
 
+#include "host/CDueTasks.h"
+#include "host/CHostLog.h"
+#include "host/CProgramOutput.h"
 #include "host/CStartedPrograms.h"
 
 namespace {
+
+const CProgramOutput* gOutput = nullptr;
 
 class CSpawnAttributes {
 public:
@@ -44,9 +51,15 @@ private:
 
 class CSpawnActions {
 public:
-    // Nothing open beyond standard input, output and error.
-    CSpawnActions() {
+    // Nothing to read at standard input, `output` (-1: the host's own) as standard output and error,
+    // and nothing open beyond.
+    explicit CSpawnActions(int output) {
         posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        if (output != -1) {
+            posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+            posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
+        }
         posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     }
     ~CSpawnActions() { posix_spawn_file_actions_destroy(&actions); }
@@ -64,35 +77,58 @@ Function* SystemsOwn(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// What is known of a start before it is made.
+TRunRecord Describe(const char* path, char* const arguments[]) {
+    static CDueTasks tasks;  // starts are made by the worker alone
+    TRunRecord run;
+    run.program = path;
+    run.parameter = arguments[0] != nullptr && arguments[1] != nullptr ? arguments[1] : "";
+    if (const auto task = tasks.Find(run.program, run.parameter)) {
+        run.task = task->name;
+        run.due = task->due;
+    }
+    run.started = Now();
+    return run;
+}
+
 }  // namespace
+
+void SetProgramOutput(const CProgramOutput* output) {
+    gOutput = output;
+}
 
 extern "C" int posix_spawn(pid_t* process, const char* path,
                            const posix_spawn_file_actions_t* actions,
                            const posix_spawnattr_t* attributes, char* const arguments[],
                            char* const environment[]) {
     static auto* const system = SystemsOwn<decltype(posix_spawn)>("posix_spawn");
+    TRunRecord run = Describe(path, arguments);
+    const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     const CSpawnAttributes cleanAttributes;
-    const CSpawnActions cleanActions;
+    const CSpawnActions cleanActions(output.Get());
     const int result =
         system(process, path, actions != nullptr ? actions : cleanActions.Get(),
                attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, environment);
-    if (result == 0)
-        CStartedPrograms::Instance().Started(*process, path,
-                                             arguments[1] != nullptr ? arguments[1] : "");
-    else
-        VXC_LogMessage(fmt::format("vxschedd: cannot start {}: {}",
-                                   *path != '\0' ? path : "an empty path", std::strerror(result)));
+    if (result == 0) {
+        run.process = *process;
+        CStartedPrograms::Instance().Started(run);
+    } else {
+        run.outcome = TRunRecord::cNotStarted;
+        run.ended = run.started;
+        run.error = std::strerror(result);
+        CStartedPrograms::Instance().NotStarted(run);
+    }
     return result;
 }
 
 extern "C" pid_t waitpid(pid_t process, int* status, int options) {
-    static auto* const system = SystemsOwn<decltype(waitpid)>("waitpid");
     int known = 0;
-    const pid_t result = system(process, &known, options);
+    rusage usage{};
+    const pid_t result = wait4(process, &known, options, &usage);
     const int error = errno;
     if (result > 0 && status != nullptr)
         *status = known;
-    CStartedPrograms::Instance().Asked(process, result, known);
+    CStartedPrograms::Instance().Asked(process, result, known, usage);
     errno = error;
     return result;
 }

@@ -4,6 +4,7 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -83,6 +84,14 @@ void CEvent::SetEvent() {
 
 void CEvent::ResetEvent() {
     SetState(0);
+}
+
+CEvent::TUse CEvent::UseOf(const std::string& name) {
+    const int id = semget(KeyOf(name), cCount, 0);
+    if (id == -1)
+        return {};
+    return {.openers = std::max(0, semctl(id, cOpeners, GETVAL)),
+            .waiters = std::max(0, semctl(id, cState, GETNCNT))};
 }
 
 void CEvent::SetState(int state) {

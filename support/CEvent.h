@@ -51,6 +51,16 @@ public:
     // Wait() in seconds.
     int WaitSignalOrTimeout(int seconds);
 
+    // Who has to do with the event of a name at this moment, in whichever process.
+    struct TUse {
+        int openers = 0;  // objects that have it open
+        int waiters = 0;  // threads that wait for it
+    };
+
+    // Looks without opening, making or changing anything. An event that does not exist, or that this
+    // process may not read, has no users.
+    static TUse UseOf(const std::string& name);
+
 private:
     using TTimeout = std::optional<std::chrono::milliseconds>;  // none: without limit
 

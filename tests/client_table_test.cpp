@@ -200,6 +200,25 @@ TEST(ClientLock, TakesTheMutexAndGivesItBack) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+TEST(ClientLock, ForgottenOneIsNotGivenBack) {
+    const int set = MakeStore(1);
+    {
+        CStoreLock lock(0ms);
+        semctl(set, 0, SETVAL, 1);
+        lock.Forget();
+        EXPECT_FALSE(lock.IsHeld());
+    }
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(ClientLock, BytesOfTheTableAreReadWithoutIt) {
+    MakeStore(0);
+    EXPECT_EQ(vxsched::ReadTableBytes("."), std::string(8, '\0'));
+    std::filesystem::create_directory("files");
+    WriteFile(cTable, "any bytes");
+    EXPECT_EQ(vxsched::ReadTableBytes("."), "any bytes");
+}
+
 TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
     const int set = MakeStore(1);
     CForkedChild holder([&] {

@@ -462,6 +462,40 @@ TEST(Event, CloseWithoutACountOfOpenersLeavesTheSet) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
+// ---- Who uses it
+// ---------------------------------------------------------------------------------------------------
+
+TEST(Event, UseOfCountsOpenersAndWaitersWithoutBeingOne) {
+    EXPECT_EQ(CEvent::UseOf(cName).openers, 0);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+    CEvent event(cName, false);
+    const CEvent another(cName, false);
+    EXPECT_EQ(CEvent::UseOf(cName).openers, 2);
+    EXPECT_EQ(CEvent::UseOf(cName).waiters, 0);
+    CForkedChild waiter([&] { return event.Wait(-1); });
+    WaitUntil([] { return CEvent::UseOf(cName).waiters == 1; });
+    EXPECT_EQ(CEvent::UseOf(cName).openers, 2);
+    event.SetEvent();
+    EXPECT_EQ(waiter.Wait(), 1);
+    EXPECT_EQ(CEvent::UseOf(cName).waiters, 0);
+}
+
+TEST(Event, UseOfOneThatMayNotBeReadIsNone) {
+    const CEvent event(cName, false);
+    TSemaphoreArgument argument{};
+    struct semid_ds status {};
+    argument.buf = &status;
+    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_STAT, argument), 0);
+    status.sem_perm.mode = 0;
+    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_SET, argument), 0);
+    CForkedChild child([&] {
+        if (!DropCapabilities())
+            return 1;
+        return 10 + CEvent::UseOf(cName).openers + CEvent::UseOf(cName).waiters;
+    });
+    EXPECT_EQ(child.Wait(), 10);
+}
+
 // ---- What cannot be had
 // ---------------------------------------------------------------------------------------------------
 

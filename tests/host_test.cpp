@@ -252,14 +252,15 @@ TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(Host, DamagedTableIsReported) {
+TEST(Host, DamagedTableIsRefusedAndLeftAsItIs) {
     std::filesystem::create_directory("files");
     WriteFile(cTable, "damaged");
-    CHost host;
-    EXPECT_NE(host.Output().find(cReadingFailed), std::string::npos) << host.Output();
-    EXPECT_EQ(host.CountInOutput("the add-in reports TasksDeleted = 1"), 1U) << host.Output();
-    EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(ReadTable(), TRows());
+    CProgram host({HOST_PROGRAM, "--directory", "."});
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_NE(host.Output().find("vxschedd: the table is damaged at offset 0"), std::string::npos)
+        << host.Output();
+    EXPECT_EQ(ReadFile(cTable), "damaged");
+    EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
 TEST(Host, StartedWithoutStandardErrorItKeepsItsLogOutOfTheTable) {

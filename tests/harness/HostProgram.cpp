@@ -63,6 +63,11 @@ void WakeWorker() {
     CEvent("libVantrixScheduler.so", false).SetEvent();
 }
 
+void ReplaceTable(const TRows& rows) {
+    WriteTable(rows);
+    CEvent("Global\\schTaskChanged-69BD-4438-B706-07D710576930", true).SetEvent();
+}
+
 RUN_AGAIN(CreateDueTask) {
     const CAddinLibrary library;
     library.Create(arguments.at(0).c_str(), std::time(nullptr), 0, arguments.at(1).c_str(),

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Process.h"
+#include "TableFile.h"
 
 // vxschedd as a real process, and the clients that give it work.
 
@@ -29,6 +30,10 @@ std::vector<std::string> HostWith(const std::vector<std::string>& options);
 
 // Signals the stop event, so that the worker ticks at once.
 void WakeWorker();
+
+// Makes this the table of a host whose worker rests, and announces it; the worker reads it at its next
+// tick as it is, past starts and all.
+void ReplaceTable(const TRows& rows);
 
 // A client process loads the library, creates a task that is due now and runs once, wakes the worker
 // and ends without taking the mutex away.

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+// Owns an open file descriptor, or none (-1).
+class CDescriptor {
+public:
+    explicit CDescriptor(int openDescriptor = -1) : descriptor(openDescriptor) {}
+    ~CDescriptor() {
+        if (descriptor >= 0)
+            close(descriptor);
+    }
+    CDescriptor(CDescriptor&& other) noexcept : descriptor(std::exchange(other.descriptor, -1)) {}
+    CDescriptor& operator=(CDescriptor&& other) noexcept {
+        std::swap(descriptor, other.descriptor);
+        return *this;
+    }
+    CDescriptor(const CDescriptor&) = delete;
+    CDescriptor& operator=(const CDescriptor&) = delete;
+
+    int Get() const { return descriptor; }
+    bool IsOpen() const { return descriptor >= 0; }
+
+private:
+    int descriptor;
+};

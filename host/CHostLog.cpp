@@ -1,0 +1,134 @@
+#include "host/CHostLog.h"
+
+#include <VXC_Log.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/CHostError.h"
+#include "host/Times.h"
+
+static constexpr char cHostsOwn[] = "vxschedd: ";
+
+// The service manager names the socket that it made standard error.
+static bool StandardErrorIsTheJournal() {
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+           fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
+}
+
+static std::string Beginning(EPriority priority) {
+    return fmt::format("<{}>", static_cast<int>(priority));
+}
+
+static int OpenLog(const std::string& path) {
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640);
+}
+
+static EPriority PriorityOfAddIns(const std::string& message) {
+    if (message == "Failed waitpid.")
+        return EPriority::cDebug;  // the usual one for a program that is still running
+    if (message.starts_with("An exception was generated") ||
+        message.starts_with("Not possible to execute"))
+        return EPriority::cError;
+    return EPriority::cNotice;
+}
+
+CHostLog::CHostLog() : isJournal(StandardErrorIsTheJournal()) {}
+
+CHostLog& CHostLog::Instance() {
+    static CHostLog& instance = *new CHostLog;
+    return instance;
+}
+
+void CHostLog::Sink(const std::string& message, void* context) {
+    CHostLog& log = *static_cast<CHostLog*>(context);
+    const std::lock_guard<std::mutex> lock(log.mutex);
+    if (log.file.IsOpen() || !log.isJournal)
+        log.WriteLine(log.file.IsOpen() ? log.file.Get() : STDERR_FILENO, LocalTime(Now()) + ' ',
+                      message);
+    else
+        log.WriteLine(STDERR_FILENO, Beginning(PriorityOfAddIns(message)), message);
+}
+
+void CHostLog::TakeAddInsMessages() {
+    VXC_SetLogSink(Sink, this);
+}
+
+void CHostLog::WriteTo(const std::string& newPath) {
+    CDescriptor opened(OpenLog(newPath));
+    if (!opened.IsOpen())
+        throw CHostError(
+            cFailed, fmt::format("cannot open the log {}: {}. Name another with --log.", newPath,
+                                 std::strerror(errno)));
+    const std::lock_guard<std::mutex> lock(mutex);
+    path = newPath;
+    file = std::move(opened);
+}
+
+void CHostLog::Reopen() {
+    if (!file.IsOpen())
+        return;
+    try {
+        WriteTo(std::string(path));
+        LogInfo("opened the log anew");
+    } catch (const CHostError& error) {
+        LogError(error.what());
+    }
+}
+
+void CHostLog::Write(EPriority priority, const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (file.IsOpen() || !isJournal)
+        WriteLine(file.IsOpen() ? file.Get() : STDERR_FILENO, LocalTime(Now()) + ' ' + cHostsOwn,
+                  text);
+    else
+        WriteLine(STDERR_FILENO, Beginning(priority), text);
+}
+
+void CHostLog::Fail(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (file.IsOpen())
+        WriteLine(file.Get(), LocalTime(Now()) + ' ' + cHostsOwn, text);
+    WriteLine(STDERR_FILENO, isJournal ? Beginning(EPriority::cError) : cHostsOwn, text);
+}
+
+void CHostLog::WriteLine(int descriptor, const std::string& beginning, const std::string& text) {
+    std::string line = beginning + text;
+    std::replace_if(
+        line.begin(), line.end(),
+        [](char character) {
+            return static_cast<unsigned char>(character) < ' ' || character == '\x7f';
+        },
+        ' ');
+    line += '\n';
+    for (std::size_t done = 0; done < line.size();) {
+        const ssize_t count = write(descriptor, line.data() + done, line.size() - done);
+        if (count >= 0)
+            done += static_cast<std::size_t>(count);
+        else if (errno != EINTR)
+            return;
+    }
+}
+
+void LogError(const std::string& text) {
+    CHostLog::Instance().Write(EPriority::cError, text);
+}
+
+void LogWarning(const std::string& text) {
+    CHostLog::Instance().Write(EPriority::cWarning, text);
+}
+
+void LogNotice(const std::string& text) {
+    CHostLog::Instance().Write(EPriority::cNotice, text);
+}
+
+void LogInfo(const std::string& text) {
+    CHostLog::Instance().Write(EPriority::cInfo, text);
+}

@@ -1,0 +1,16 @@
+#include "host/CWorkerWatch.h"
+
+CWorkerWatch::CWorkerWatch(std::chrono::microseconds longest, TTime now)
+    : limit(longest), nextLook(now + limit / 2) {}
+
+CWorkerWatch::EVerdict CWorkerWatch::Look(TTime now, bool atRest, std::size_t starts) {
+    if (now < nextLook)
+        return cTooEarly;
+    if (!atRest && starts == startsAtLastSign) {
+        nextLook = now + limit / 10;
+        return cNoSign;
+    }
+    startsAtLastSign = starts;
+    nextLook = now + limit / 2;
+    return cAlive;
+}

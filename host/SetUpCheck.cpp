@@ -1,0 +1,117 @@
+#include "host/SetUpCheck.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+
+#include "client/CClientError.h"
+#include "client/Objections.h"
+#include "client/Table.h"
+#include "host/AddInFile.h"
+#include "host/NamespaceChecks.h"
+#include "host/WorkDirectory.h"
+
+namespace {
+
+class CReport {
+public:
+    static void Well(const std::string& text) { std::cout << "well: " << text << std::endl; }
+    static void Warn(const std::string& text) { std::cerr << "warning: " << text << std::endl; }
+    void Fail(TExitStatus failure, const std::string& text) {
+        std::cerr << "error: " << text << std::endl;
+        if (status == cStopped)
+            status = failure;
+    }
+    TExitStatus Status() const { return status; }
+
+private:
+    TExitStatus status = cStopped;
+};
+
+void CheckAddIn(const std::string& path, CReport& report) {
+    if (path.find('/') == std::string::npos) {
+        CReport::Warn(
+            fmt::format("{} is not beside vxschedd and is left to the dynamic linker; name "
+                        "its path with --addin to have it checked",
+                        path));
+        return;
+    }
+    const std::string reason = WhyNotAnAddIn(path);
+    if (reason.empty())
+        CReport::Well(fmt::format("{} is an add-in", path));
+    else
+        report.Fail(cNoAddIn,
+                    fmt::format("{} is not an add-in: {}. Name another library with --addin.", path,
+                                reason));
+}
+
+void CheckTask(const vxsched::TTaskEntry& task, vxsched::TTime now) {
+    for (const vxsched::TObjection& objection : vxsched::FindObjections(task, now)) {
+        if (objection.kind != vxsched::TObjection::cPastStart)
+            CReport::Warn(fmt::format("task \"{}\": {}", task.name, objection.text));
+    }
+}
+
+void CheckTable(const THostOptions& options, CReport& report) {
+    try {
+        const vxsched::TTable table = vxsched::ReadTable(options.directory, options.patience);
+        for (const vxsched::TProblem& problem : table.problems) {
+            if (problem.kind == vxsched::TProblem::cEndless)
+                report.Fail(cBadTable, problem.text);
+            else
+                CReport::Warn(problem.text);
+        }
+        const vxsched::TTime now{std::chrono::seconds(std::time(nullptr))};
+        for (const vxsched::TTaskEntry& task : table.tasks)
+            CheckTask(task, now);
+        CReport::Well(
+            fmt::format("the table can be read and holds {} task(s)", table.tasks.size()));
+    } catch (const vxsched::CClientError& error) {
+        report.Fail(error.Code() == vxsched::EError::cDamaged ? cBadTable : cNoStore, error.what());
+    }
+}
+
+// Of a file or directory that is there, or can be made.
+void CheckWritable(const std::string& path, TExitStatus failure, CReport& report) {
+    if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0)
+        return;
+    int error = errno;
+    if (error == ENOENT) {
+        const std::string folder = std::filesystem::path(path).parent_path().string();
+        if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0)
+            return;
+        error = errno;
+    }
+    report.Fail(failure, fmt::format("cannot write to {}: {}", path, std::strerror(error)));
+}
+
+}  // namespace
+
+TExitStatus CheckSetUp(const THostOptions& options) {
+    CReport report;
+    const std::vector<std::string> reasons = WhyNotToWorkIn(options.directory);
+    for (const std::string& reason : reasons)
+        report.Fail(cNoDirectory, reason);
+    if (reasons.empty())
+        CReport::Well(fmt::format("{} can be worked in", options.directory));
+    CheckAddIn(options.addIn, report);
+    if (reasons.empty())
+        CheckTable(options, report);
+    if (!options.logFile.empty())
+        CheckWritable(options.logFile, cFailed, report);
+    if (options.output != "inherit" && options.output != "journal")
+        CheckWritable(options.output, cNoDirectory, report);
+    for (const std::string& trap : {WarningOfRemoval(geteuid()), NoticeOfPrivateNamespace()}) {
+        if (!trap.empty())
+            CReport::Warn(trap);
+    }
+    if (report.Status() == cStopped)
+        CReport::Well("a host could run");
+    return report.Status();
+}

@@ -1,0 +1,76 @@
+// What a real host does on signals other than those that stop it, and its log file.
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+
+#include "HostProgram.h"
+#include "StoreSemaphore.h"
+
+static bool LogHolds(const std::string& path, const std::string& text) {
+    return ReadFile(path).find(text) != std::string::npos;
+}
+
+TEST(HostSignals, Usr1TicksAtOnce) {
+    CHost host;
+    ReplaceTable({{"task", std::time(nullptr), 0, 1, PROGRAMS "/end-with", "status 0", 0}});
+    host.Kill(SIGUSR1);
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.CountInOutput("ticking at once on SIGUSR1"), 1U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostSignals, HupWithoutALogFileChangesNothing) {
+    CHost host;
+    host.Kill(SIGHUP);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("anew"), 0U) << host.Output();
+}
+
+TEST(HostSignals, HupOpensTheLogAnew) {
+    std::filesystem::create_directory("work");
+    // The path is the caller's, not that of the directory that the host works in.
+    CProgram host({HOST_PROGRAM, "--directory", "work", "--log", "log"});
+    WaitUntil([] { return LogHolds("log", "running in work") && WorkerRests(); });
+    std::filesystem::rename("log", "log.old");
+    host.Kill(SIGHUP);
+    WaitUntil([] { return LogHolds("log", "opened the log anew"); });
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_TRUE(ReadFile("log").ends_with(" vxschedd: stopped\n")) << ReadFile("log");
+    EXPECT_FALSE(LogHolds("log.old", "anew"));
+    EXPECT_EQ(host.Output(), "");
+}
+
+TEST(HostSignals, LogThatCannotBeOpenedAnewIsKept) {
+    std::filesystem::create_directory("folder");
+    CProgram host(HostWith({"--log", "folder/log"}));
+    WaitUntil([] { return LogHolds("folder/log", "running in") && WorkerRests(); });
+    std::filesystem::rename("folder", "moved");
+    host.Kill(SIGHUP);
+    WaitUntil([] { return LogHolds("moved/log", "folder/log: No such file or directory"); });
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST(HostLog, IsContinuedAndHoldsWhyTheHostCannotRun) {
+    WriteFile("log", "before\n");
+    std::filesystem::create_directory("files");
+    WriteFile("files/scheduler.dat", "damaged");
+    CProgram host(HostWith({"--log", "log"}));
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_TRUE(ReadFile("log").starts_with("before\n20")) << ReadFile("log");
+    EXPECT_TRUE(LogHolds("log", " vxschedd: the table is damaged"));
+    EXPECT_TRUE(host.Output().starts_with("vxschedd: the table is damaged")) << host.Output();
+}
+
+TEST(HostLog, ThatCannotBeOpenedIsRefused) {
+    CProgram host(HostWith({"--log", "no folder/log"}));
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_NE(host.Output().find("no folder/log: No such file or directory. Name another with "
+                                 "--log."),
+              std::string::npos)
+        << host.Output();
+}
