@@ -103,7 +103,7 @@ void CMainLoop::OnSignal(int number) {
 
 void CMainLoop::LookAfterWorker() {
     const auto verdict = watch.Look(TClock::now(), WorkerRests(), programs.CountStarts());
-    if (verdict == CWorkerWatch::cTooEarly)
+    if (verdict == CWorkerWatch::cTooEarly || verdict == CWorkerWatch::cNoSign)
         return;
     const bool lives = verdict == CWorkerWatch::cAlive;
     if (lives)

@@ -8,8 +8,11 @@ CWorkerWatch::EVerdict CWorkerWatch::Look(TTime now, bool atRest, std::size_t st
         return cTooEarly;
     if (!atRest && starts == startsAtLastSign) {
         nextLook = now + limit / 10;
-        return cNoSign;
+        if (!firstMiss)
+            firstMiss = now;
+        return now - *firstMiss < limit / 4 ? cNoSign : cStuck;
     }
+    firstMiss.reset();
     startsAtLastSign = starts;
     nextLook = now + limit / 2;
     return cAlive;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <optional>
 
 // Judges from outside the add-in whether its worker is alive.
 //
@@ -18,13 +19,18 @@ public:
     using TTime = std::chrono::steady_clock::time_point;
 
     // `limit` is how long the worker may go without a sign of life; looks are made at half of it, and
-    // while there is none at a tenth.
+    // while there is none at a tenth. One look that finds none means little: it may have met a tick.
     CWorkerWatch(std::chrono::microseconds limit, TTime now);
 
     // When the next look is due.
     TTime NextLook() const { return nextLook; }
 
-    enum EVerdict { cTooEarly, cAlive, cNoSign };
+    enum EVerdict {
+        cTooEarly,
+        cAlive,
+        cNoSign,  // at this look
+        cStuck,   // at this one and at all since a quarter of the limit
+    };
 
     // One look, if one is due. `atRest`: somebody waits for the stop event; `starts`: how many
     // programs were started so far.
@@ -33,5 +39,6 @@ public:
 private:
     const std::chrono::microseconds limit;
     TTime nextLook;
+    std::optional<TTime> firstMiss;  // since the last sign
     std::size_t startsAtLastSign = 0;
 };

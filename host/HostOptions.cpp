@@ -20,6 +20,9 @@ static std::string DefaultAddIn() {
     return name;
 }
 
+// A terabyte; a negative number is read as one far beyond.
+static constexpr std::uint64_t cLargestSize = std::uint64_t{1} << 40;
+
 // A path of the caller's working directory, which the host is about to leave.
 static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
@@ -46,12 +49,14 @@ static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& 
     app.add_option("--output-size", options.outputSize,
                    "Bytes beyond which a start moves a task's file in DIR to .1 (1 MiB)")
         ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false));
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
     app.add_option("--history-size", options.historySize,
                    "Bytes beyond which files/history.jsonl is moved to .1 (1 MiB); 0 keeps no "
                    "history")
         ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false));
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
     app.add_option("--patience", patience,
                    "Seconds to wait at the start for clients that are changing the table")
         ->type_name("SECONDS")

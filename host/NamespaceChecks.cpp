@@ -77,11 +77,11 @@ std::string WarningOfRemoval(uid_t user, const fs::path& root) {
         name, name);
 }
 
-std::string NoticeOfPrivateNamespace() {
+std::string NoticeOfPrivateNamespace(const fs::path& processes) {
     std::error_code ownError;
     std::error_code firstError;
-    const fs::path own = fs::read_symlink("/proc/self/ns/ipc", ownError);
-    const fs::path first = fs::read_symlink("/proc/1/ns/ipc", firstError);
+    const fs::path own = fs::read_symlink(processes / "self/ns/ipc", ownError);
+    const fs::path first = fs::read_symlink(processes / "1/ns/ipc", firstError);
     if (ownError || firstError || own == first)
         return "";
     return "this IPC namespace is not that of process 1 (PrivateIPC=, unshare, or a container): "

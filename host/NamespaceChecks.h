@@ -18,5 +18,5 @@ std::vector<std::string> WarningsOfOtherUsers();
 std::string WarningOfRemoval(uid_t user, const std::filesystem::path& root = "/");
 
 // A notice when this process is in another IPC namespace than process 1; empty when it is in the
-// same, or when that cannot be told.
-std::string NoticeOfPrivateNamespace();
+// same, or when that cannot be told. `processes` is where the system shows its processes.
+std::string NoticeOfPrivateNamespace(const std::filesystem::path& processes = "/proc");

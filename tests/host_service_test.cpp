@@ -149,9 +149,17 @@ TEST_F(WorkerWatch, LooksAtHalfOfTheLimit) {
 TEST_F(WorkerWatch, LooksMoreOftenWithoutASignOfLife) {
     EXPECT_EQ(watch.Look(cStart + 50s, false, 0), CWorkerWatch::cNoSign);
     EXPECT_EQ(watch.NextLook(), cStart + 60s);
-    EXPECT_EQ(watch.Look(cStart + 60s, false, 0), CWorkerWatch::cNoSign);
-    EXPECT_EQ(watch.Look(cStart + 70s, true, 0), CWorkerWatch::cAlive);
-    EXPECT_EQ(watch.NextLook(), cStart + 120s);
+    EXPECT_EQ(watch.Look(cStart + 60s, true, 0), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.NextLook(), cStart + 110s);
+}
+
+TEST_F(WorkerWatch, CallsTheWorkerStuckAfterAQuarterOfTheLimitOnly) {
+    for (const int missed : {50, 60, 70})
+        EXPECT_EQ(watch.Look(cStart + missed * 1s, false, 0), CWorkerWatch::cNoSign) << missed;
+    EXPECT_EQ(watch.Look(cStart + 80s, false, 0), CWorkerWatch::cStuck);
+    EXPECT_EQ(watch.Look(cStart + 90s, false, 0), CWorkerWatch::cStuck);
+    EXPECT_EQ(watch.Look(cStart + 100s, true, 0), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 150s, false, 0), CWorkerWatch::cNoSign);
 }
 
 TEST_F(WorkerWatch, StartSinceTheLastSignIsOne) {

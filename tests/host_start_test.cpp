@@ -262,7 +262,8 @@ protected:
 };
 
 TEST_F(RemovalOfSemaphores, ThreatensOrdinaryUsersUnderSystemd) {
-    EXPECT_TRUE(IsWarnedOf(cOrdinary));
+    EXPECT_NE(WarningOfRemoval(cOrdinary, "root").find("loginctl enable-linger 54321"),
+              std::string::npos);
     EXPECT_TRUE(IsWarnedOf(1000));
     EXPECT_FALSE(IsWarnedOf(999));
     EXPECT_FALSE(IsWarnedOf(0));
@@ -285,6 +286,18 @@ TEST_F(RemovalOfSemaphores, IsSwitchedOffByTheLastSettingOfLogind) {
     EXPECT_FALSE(IsWarnedOf(cOrdinary));
     Configure("run/systemd/logind.conf.d/60-two.conf", "[Login]\nRemoveIPC=1\n");
     EXPECT_TRUE(IsWarnedOf(cOrdinary));
+}
+
+TEST(PrivateNamespace, IsToldByComparisonWithThatOfProcessOne) {
+    for (const char* process : {"proc/self/ns", "proc/1/ns"})
+        std::filesystem::create_directories(process);
+    std::filesystem::create_symlink("ipc:[1]", "proc/self/ns/ipc");
+    EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "") << "cannot be told";
+    std::filesystem::create_symlink("ipc:[1]", "proc/1/ns/ipc");
+    EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "");
+    std::filesystem::remove("proc/1/ns/ipc");
+    std::filesystem::create_symlink("ipc:[2]", "proc/1/ns/ipc");
+    EXPECT_NE(NoticeOfPrivateNamespace("proc").find("PrivateIPC="), std::string::npos);
 }
 
 // ---- --check

@@ -317,6 +317,10 @@ INSTANTIATE_TEST_SUITE_P(
         TCommandLine{{}, 2, "--directory is required"},
         TCommandLine{{"--directory"}, 2, "--directory"},
         TCommandLine{{"--directory", ".", "--unknown"}, 2, "--unknown"},
+        TCommandLine{{"--directory", ".", "--output-size", "large"}, 2, "--output-size"},
+        TCommandLine{{"--directory", ".", "--history-size", "-1"}, 2, "--history-size"},
+        TCommandLine{{"--directory", ".", "--patience", "-1"}, 2, "--patience"},
+        TCommandLine{{"--directory", ".", "--check", "--output-size", "64KiB"}, 0, "well"},
         TCommandLine{
             {"--directory", "no folder"}, 3, "cannot work in no folder: No such file or directory"},
         TCommandLine{{"--directory", "a file"}, 3, "cannot work in a file: Not a directory"},
