@@ -41,6 +41,7 @@ public:
         EColour colour = EColour::cPlain;
     };
     void Add(std::vector<TCell> row);
+    std::size_t Count() const { return rows.size() - 1; }  // without the headings
     void Print(COutput& output) const;
 
 private:

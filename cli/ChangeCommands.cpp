@@ -59,8 +59,9 @@ int ChangeNames(const TCommon& common, const TNames& names, const char* done, co
 
 int Create(const TCommon& common, const TTaskTexts& texts, bool replace, COutput& output) {
     const TTime now = Now();
-    const TNewTask task{texts.name, ParseTime(texts.at, now), ParsePeriod(texts.every),
-                        texts.program.value_or(""), texts.parameter.value_or("")};
+    const TNewTask task{texts.name, ParseTime(texts.at.value_or("now"), now),
+                        ParsePeriod(texts.every.value_or("once")), texts.program.value_or(""),
+                        texts.parameter.value_or("")};
     const CStore store(common.store);
     if (common.dryRun) {
         for (const TObjection& objection : store.Check(task, common.forced))
@@ -81,10 +82,10 @@ int Create(const TCommon& common, const TTaskTexts& texts, bool replace, COutput
 
 int Edit(const TCommon& common, const TTaskTexts& texts, COutput& output) {
     TEdit edit;
-    if (!texts.at.empty())
-        edit.start = ParseTime(texts.at, Now());
-    if (!texts.every.empty())
-        edit.period = ParsePeriod(texts.every);
+    if (texts.at)
+        edit.start = ParseTime(*texts.at, Now());
+    if (texts.every)
+        edit.period = ParsePeriod(*texts.every);
     edit.program = texts.program;
     edit.parameter = texts.parameter;
     if (!edit.start && !edit.period && !edit.program && !edit.parameter)
@@ -109,6 +110,8 @@ int Pause(const TCommon& common, const TNames& names, COutput& output) {
 }
 
 int Resume(const TCommon& common, const TNames& names, COutput& output) {
+    if (common.dryRun)
+        CStore(common.store).CheckResume(names, common.forced);
     return ChangeNames(common, names, "resumed", "would resume", output,
                        [&](const CStore& store) { store.Resume(names, common.forced); });
 }
@@ -129,13 +132,17 @@ int SetPeriod(const TCommon& common, const std::string& name, const std::string&
 int Run(const TCommon& common, const std::string& name, bool force, bool wait, COutput& output) {
     const CStore store(common.store);
     if (common.dryRun) {
-        CheckNames(store, {name});
+        store.CheckRun(name, force);
         Say(output, "would run " + name);
         return cDone;
     }
     const TRun run = store.Run(name, force, wait, [&](pid_t process) {
         Say(output, fmt::format("started {} as process {}", name, process));
-        output.Finish();
+        try {
+            output.Finish();
+        } catch (const CClientError&) {
+            // The start is not to be cut short for that; the end of the command says it.
+        }
     });
     if (!run.status)
         return cDone;

@@ -42,11 +42,11 @@ int Export(const TCommon& common, COutput& output);
 enum class EImport { cAdd, cMerge, cReplace };
 int Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 
-// Texts as they were typed; what is empty is not named.
+// Texts as they were typed.
 struct TTaskTexts {
     std::string name;
-    std::string at;
-    std::string every;
+    std::optional<std::string> at = {};
+    std::optional<std::string> every = {};
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
 };

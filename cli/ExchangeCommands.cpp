@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -21,13 +22,16 @@ namespace {
 std::string ReadText(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
+    if (std::filesystem::is_directory(file))
+        throw CClientError(EError::cRefused, "cannot import: " + file + " is a directory");
     if (file != "-") {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
     std::string text{std::istreambuf_iterator<char>(*input), {}};
-    if (!*input && text.empty())
-        throw SystemError("cannot read " + file, errno != 0 ? errno : EIO);
+    if (text.empty())
+        throw CClientError(EError::cRefused,
+                           "cannot import: " + file + " is empty or cannot be read");
     return text;
 }
 
@@ -35,15 +39,35 @@ void Warn(const std::string& name, const std::string& text) {
     std::cerr << "vxsched: task \"" << Show(name).text << "\": " << Show(text).text << '\n';
 }
 
-// What would do harm is refused, what is unwise is said.
-void Judge(const std::vector<TImported>& imported) {
+// Whether the task's program is a link of this directory, of which the import says what it leads to.
+bool HasItsLink(const TCommon& common, const TImported& imported) {
+    return !imported.realProgram.empty() &&
+           IsLinkPath(common.store.directory, imported.task.program);
+}
+
+bool IsHarmful(TObjection::EKind kind) {
+    switch (kind) {
+        case TObjection::cAbortingExtension:
+        case TObjection::cEndlessPeriod:
+        case TObjection::cTooFarBack:
+        case TObjection::cEmptyName:
+        case TObjection::cZeroByte:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// What would do harm to others is refused, what is unwise is said.
+void Judge(const TCommon& common, const std::vector<TImported>& imported) {
     for (const TImported& one : imported) {
-        const EProgram how = one.realProgram.empty() ? EProgram::cAsNamed : EProgram::cThroughLink;
         TTaskEntry task = one.task;
-        if (how == EProgram::cThroughLink)
+        const bool isLink = HasItsLink(common, one);
+        if (isLink)
             task.program = one.realProgram;
-        for (const TObjection& objection : FindObjections(task, Now(), how)) {
-            if (!objection.canBeForced)
+        for (const TObjection& objection :
+             FindObjections(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
+            if (IsHarmful(objection.kind))
                 throw CClientError(EError::cRefused, fmt::format("cannot import task \"{}\": {}",
                                                                  task.name, objection.text));
             Warn(task.name, objection.text);
@@ -74,8 +98,7 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
 
 void MakeLinks(const TCommon& common, const std::vector<TImported>& imported) {
     for (const TImported& one : imported) {
-        if (!one.realProgram.empty() && one.realProgram != one.task.program &&
-            IsLinkPath(common.store.directory, one.task.program))
+        if (HasItsLink(common, one))
             MakeLink(one.task.program, one.realProgram);
     }
 }
@@ -98,7 +121,7 @@ int Export(const TCommon& common, COutput& output) {
 
 int Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
     const std::vector<TImported> imported = ReadTasks(ReadText(file));
-    Judge(imported);
+    Judge(common, imported);
     const CStore store(common.store);
     const TTable present = store.Read();
     const std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
@@ -108,11 +131,11 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
         output.Line(fmt::format("would import {} then", what));
         return 0;
     }
-    MakeLinks(common, imported);
     store.ReplaceAll(tasks, [&](const std::string& bytes) {
         if (DecodeTable(bytes, Now()).tasks != present.tasks)
             throw CClientError(EError::cBusy,
                                "the table was changed meanwhile; nothing was imported; try again");
+        MakeLinks(common, imported);
     });
     output.Line(fmt::format("imported {} now", what));
     return 0;

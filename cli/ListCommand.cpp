@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
@@ -54,9 +52,7 @@ nlohmann::ordered_json JsonOf(const TCommon& common, const TListed& listed) {
     json["real_program"] = JsonOfText(RealProgram(common.store.directory, task.program));
     json["next_time"] = FormatIsoTime(task.next);
     json["last_time"] = JsonOfLast(task.last);
-    json["state"] = listed.state.state == TTaskState::cPaused    ? "paused"
-                    : listed.state.state == TTaskState::cOverdue ? "overdue"
-                                                                 : "active";
+    json["state"] = listed.state.Word();
     json["processes"] = listed.state.processes;
     return json;
 }
@@ -97,9 +93,6 @@ int List(const TCommon& common, bool namesOnly, COutput& output) {
             output.Line(task.name);
         return 0;
     }
-    if (!std::filesystem::exists(common.store.directory / "files"))
-        std::cerr << "vxsched: no host has run in " << common.store.directory.string()
-                  << "; --directory or VXSCHED_DIRECTORY names another directory\n";
     const TTime now = Now();
     const CRunningPrograms running;
     std::vector<TListed> listed;

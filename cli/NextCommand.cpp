@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <iostream>
 #include <nlohmann/json.hpp>
 #include <queue>
 
@@ -13,7 +14,7 @@ namespace vxsched {
 namespace {
 
 constexpr std::size_t cUsualCount = 10;
-constexpr std::size_t cMost = 1'000'000;  // however far away the end
+constexpr std::size_t cMost = 100'000;  // however far away the end
 
 struct TComing {
     TTime time;
@@ -81,6 +82,9 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
                          {FormatPeriod(task.period)},
                          {task.name}});
     }
+    if (!count && !until.empty() && runs.Take().value_or(TComing{TTime::max(), 0}).time <= end &&
+        std::max(json.size(), columns.Count()) == most)
+        std::cerr << "vxsched: there are more; shown are the first " << most << '\n';
     if (common.json)
         output.Raw(Document({{"runs", json}}));
     else

@@ -20,10 +20,10 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
                    TTime now) {
     if (!state.processes.empty())
         return "";
-    const EProgram how = RealProgram(common.store.directory, task.program) == task.program
-                             ? EProgram::cAsNamed
-                             : EProgram::cThroughLink;
-    for (const TObjection& objection : FindObjections(task, now, how)) {
+    TTaskEntry real = task;
+    real.program = RealProgram(common.store.directory, task.program);
+    const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
+    for (const TObjection& objection : FindObjections(real, now, how)) {
         if (objection.IsAboutTheProgram())
             return objection.text;
     }
@@ -66,6 +66,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         json["real_program"] = JsonOfText(real);
         json["next_time"] = FormatIsoTime(task->next);
         json["last_time"] = JsonOfLast(task->last);
+        json["state"] = state.Word();
         json["processes"] = state.processes;
         json["why_not_running"] = why.empty() ? nlohmann::ordered_json() : JsonOfText(why);
         output.Raw(Document({{"task", json}}));

@@ -20,8 +20,10 @@ namespace {
 struct TStatus {
     std::optional<TSchedulingProcess> scheduler;
     std::optional<TMutexState> mutex;
+    std::string mutexError;
     std::optional<TTable> table;
     std::string damage;
+    std::string tableError;
     std::vector<std::string> overdue;
     std::string file;
     std::uintmax_t size = 0;
@@ -31,7 +33,11 @@ TStatus Look(const TCommon& common) {
     TStatus status;
     status.scheduler = FindSchedulingProcess(common.store.directory);
     // Before the table is read, which takes the mutex and so would be its last use.
-    status.mutex = LookAtStoreMutex();
+    try {
+        status.mutex = LookAtStoreMutex();
+    } catch (const CClientError& error) {
+        status.mutexError = error.what();
+    }
     status.file = TableFile(common.store.directory).string();
     std::error_code ignored;
     if (const auto size = std::filesystem::file_size(status.file, ignored); !ignored)
@@ -43,9 +49,10 @@ TStatus Look(const TCommon& common) {
                 status.damage = problem.text;
         }
     } catch (const CClientError& error) {
-        if (error.Code() != EError::cDamaged)
-            throw;
-        status.damage = error.what();
+        if (error.Code() == EError::cDamaged)
+            status.damage = error.what();
+        else
+            status.tableError = error.what();
     }
     const TTime now = Now();
     const CRunningPrograms running;
@@ -94,6 +101,8 @@ std::string MutexText(const std::optional<TMutexState>& mutex) {
 std::string TableText(const TStatus& status) {
     if (!status.damage.empty())
         return fmt::format("{}; vxsched repair", status.damage);
+    if (!status.table)
+        return status.tableError;
     return fmt::format("{} task{} in {} bytes, sound", status.table->tasks.size(),
                        status.table->tasks.size() == 1 ? "" : "s", status.size);
 }
@@ -131,7 +140,7 @@ int Status(const TCommon& common, COutput& output) {
         line("Scheduler", SchedulerText(status));
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
-        line("Mutex", MutexText(status.mutex));
+        line("Mutex", status.mutexError.empty() ? MutexText(status.mutex) : status.mutexError);
         line("File", status.file);
         line("Table", TableText(status));
         for (const std::string& name : status.overdue)
@@ -139,6 +148,8 @@ int Status(const TCommon& common, COutput& output) {
     }
     if (!status.damage.empty())
         return cDamagedStatus;
+    if (!status.table)
+        return cNoAccessStatus;
     return HasScheduler(status) ? cDone : cNoSchedulerStatus;
 }
 

@@ -16,7 +16,10 @@ struct TTaskState {
     EState state;
     std::vector<pid_t> processes;  // its program's, when it runs
 
-    // "active", "running 1234", "paused", "paused, running 1234", "overdue".
+    // "active", "paused" or "overdue".
+    const char* Word() const;
+
+    // For people: "active", "running 1234", "paused", "paused, running 1234", "overdue".
     std::string Text() const;
 };
 

@@ -1,6 +1,7 @@
 // vxsched: shows and changes the tasks of a directory.
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 
@@ -64,6 +65,7 @@ private:
     void AddDryRun(CLI::App* command);
     void AddForce(CLI::App* command);
     void AddPositionals(CLI::App* command);
+    void WarnOfNoHost() const;
 
     CLI::App app{"Shows and changes the scheduled tasks of a directory.", "vxsched"};
     COutput output;
@@ -71,7 +73,7 @@ private:
     TCommand chosen;
 
     std::string directory = ".";
-    double patience = 10;  // seconds
+    double patience = 60;  // seconds
     bool utc = false;
     std::vector<std::string> forced;
 
@@ -84,6 +86,7 @@ private:
     bool merge = false;
     bool force = false;
     bool wait = false;
+    std::string period;
     std::string file;
     std::string shell;
 };
@@ -134,7 +137,8 @@ void CCommandLine::AddReading() {
         ->required();
     CLI::App* const next = json(Add("next", "The coming runs of all tasks, in time order",
                                     [this] { return Next(common, count, until, output); }));
-    next->add_option("--count", count, "How many; 10 unless --until is given");
+    next->add_option("--count", count, "How many; 10 unless --until is given")
+        ->check(CLI::Range(1, 1'000'000).description(""));
     next->add_option("--until", until, "Not beyond this time")->type_name("TIME");
     json(Add("status", "The scheduling process, the mutex and the table",
              [this] { return Status(common, output); }));
@@ -155,6 +159,9 @@ void CCommandLine::AddForce(CLI::App* command) {
                      "Pass over what is unwise: missing-program, not-executable, relative-path, "
                      "wrapped-period, past-start")
         ->type_name("WHAT")
+        ->check(CLI::IsMember({"missing-program", "not-executable", "relative-path",
+                               "wrapped-period", "past-start"})
+                    .description(""))
         ->expected(1)
         ->take_all();
 }
@@ -173,11 +180,8 @@ CLI::App* CCommandLine::AddForNames(const char* name, const char* description,
 }
 
 void CCommandLine::AddChanging() {
-    CLI::App* const create = Add("create", "Add a task, or replace one", [this] {
-        task.at = task.at.empty() ? "now" : task.at;
-        task.every = task.every.empty() ? "once" : task.every;
-        return Create(common, task, replace, output);
-    });
+    CLI::App* const create = Add("create", "Add a task, or replace one",
+                                 [this] { return Create(common, task, replace, output); });
     AddPositionals(create);
     create->add_option("--at", task.at, "The first start; now unless given")->type_name("TIME");
     create->add_option("--every", task.every, "The period; once unless given")->type_name("PERIOD");
@@ -205,13 +209,13 @@ void CCommandLine::AddChanging() {
     AddForNames("pause", "Pass tasks over from now on", Pause);
     AddForce(AddForNames("resume", "Undo a pause; a missed start is moved on", Resume));
 
-    CLI::App* const period =
+    CLI::App* const periodCommand =
         Add("period", "Another period, counted on from the last time on the task's grid",
-            [this] { return SetPeriod(common, task.name, task.every, output); });
-    AddPositionals(period);
-    period->add_option("period", task.every, "6h, 1d, 2w, once")->required();
-    AddDryRun(period);
-    AddForce(period);
+            [this] { return SetPeriod(common, task.name, period, output); });
+    AddPositionals(periodCommand);
+    periodCommand->add_option("period", period, "6h, 1d, 2w, once")->required();
+    AddDryRun(periodCommand);
+    AddForce(periodCommand);
 
     CLI::App* const run = Add("run", "Start a task's program now, outside the schedule", [this] {
         return vxsched::Run(common, task.name, force, wait, output);
@@ -250,14 +254,30 @@ void CCommandLine::AddKeeping() {
         ->check(CLI::IsMember({"bash", "zsh", "fish"}));
 }
 
+// The wrong directory looks like an empty table.
+void CCommandLine::WarnOfNoHost() const {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(directory, ignored) &&
+        !std::filesystem::exists(directory + "/files", ignored))
+        std::cerr << "vxsched: no host has run in " << directory
+                  << "; --directory or VXSCHED_DIRECTORY names another directory\n";
+}
+
 int CCommandLine::Run(int argc, const char* const* argv) {
     app.parse(argc, argv);
     common.store.directory = directory;
     common.store.patience = std::chrono::milliseconds(static_cast<std::int64_t>(patience * 1000));
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
+    if (file.empty() && shell.empty())
+        WarnOfNoHost();
     const int status = chosen();
-    output.Finish();
+    try {
+        output.Finish();
+    } catch (const CClientError& error) {
+        throw CClientError(error.Code(),
+                           std::string(error.what()) + "; all but this was done as asked");
+    }
     return status;
 }
 

@@ -1,6 +1,7 @@
 #include "client/CChangeProcess.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -24,7 +25,8 @@ std::string LibraryFolder() {
     Dl_info info{};
     if (dladdr(reinterpret_cast<const void*>(&LibraryFolder), &info) == 0)
         return ".";
-    return std::filesystem::path(info.dli_fname).parent_path().string();
+    std::error_code error;
+    return std::filesystem::absolute(info.dli_fname, error).parent_path().string();
 }
 
 CChangeProcess::CChangeProcess(const TRequest& request) {
@@ -37,8 +39,18 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     posix_spawn_file_actions_t actions{};
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    // A program that nobody waits for must not keep a pipe of the caller's open.
+    if (request.calls.empty() || !request.calls.back().waitForEnd) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    }
+    // In a session of its own: what is typed at the caller's terminal does not end it half-way.
+    posix_spawnattr_t attributes{};
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
     const int error =
-        posix_spawn(&process, program.c_str(), &actions, nullptr, arguments.data(), environ);
+        posix_spawn(&process, program.c_str(), &actions, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
     if (error != 0) {

@@ -7,10 +7,9 @@
 #include "client/CStoreLock.h"
 #include "client/Change.h"
 #include "client/Grid.h"
-#include "client/ProgramLinks.h"
-#include "client/RunningPrograms.h"
 #include "client/SchedulingProcess.h"
 #include "client/TableFile.h"
+#include "client/change/Checks.h"
 
 namespace vxsched {
 
@@ -73,8 +72,9 @@ TTaskEntry EntryOf(const TNewTask& task) {
     return {task.name, task.start, TTime(), task.period, task.program, task.parameter, false};
 }
 
-TLink LinkOf(const TTaskEntry& entry, const std::string& program) {
-    return entry.program == program ? TLink() : TLink{entry.program, program};
+// As the change process has put it into the table.
+std::string ProgramOf(const TTaskEntry& entry, const TOutcome& outcome) {
+    return outcome.program.empty() ? entry.program : outcome.program;
 }
 
 // A damaged table does not take the place of the sound copy from before.
@@ -101,9 +101,11 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
 }
 
 [[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
-    std::string text = "the change of " + Quoted(name) +
-                       " is not in the table although it was made; look at it again, somebody "
-                       "else may be changing it";
+    std::string text = "the change of " + Quoted(name);
+    text += outcome.log.empty()
+                ? " is not in the table although it was made; look at it again, somebody else may "
+                  "be changing it"
+                : " could not be saved, the table is as it was before; look for a full disk";
     for (const std::string& message : outcome.log)
         text += "; the add-in says: " + message;
     throw CClientError(EError::cFailed, text);
@@ -153,15 +155,16 @@ std::vector<TObjection> CStore::Check(const TNewTask& task, const TForced& force
 TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
     RefuseFor(Check(task, forced));
     TTaskEntry entry = EntryOf(task);
-    entry.program = MakeSchedulable(options.directory, task.program);
     TCall call = CallOf(TCall::cCreate, entry);
+    call.throughLink = HowToStart(task.program) == EProgram::cThroughLink;
     call.mustExist = false;
     call.mustBeNew = !replace;
     // By the clock's rule a task that is due this second might be moved on or removed unrun a second
     // later. A repeating one whose start lies in the past is to be moved on.
     const TTime since = Now();
     call.keepStart = task.period == 0 || task.start >= since;
-    const TOutcome outcome = MakeChange(options, {call}, LinkOf(entry, task.program));
+    const TOutcome outcome = MakeChange(options, {call});
+    entry.program = ProgramOf(entry, outcome);
     if (!IsThere(outcome.table, entry, since))
         NotThere(task.name, outcome);
     const TTaskEntry* const made = outcome.table.Find(task.name);
@@ -187,10 +190,8 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
     TTaskEntry entry = After(seen, edit, forced);
-    const std::string program = entry.program;
-    if (edit.program)
-        entry.program = MakeSchedulable(options.directory, program);
     TCall create = CallOf(TCall::cCreate, entry);
+    create.throughLink = edit.program && HowToStart(entry.program) == EProgram::cThroughLink;
     create.keepStart = true;
     create.mustBeAsSeen = true;
     create.seen = seen;
@@ -198,7 +199,8 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     if (entry.paused)
         calls.push_back(CallOf(TCall::cPause, entry));
     const TTime since = Now();
-    const TOutcome outcome = MakeChange(options, calls, LinkOf(entry, program));
+    const TOutcome outcome = MakeChange(options, calls);
+    entry.program = ProgramOf(entry, outcome);
     if (!IsThere(outcome.table, entry, since))
         NotThere(entry.name, outcome);
     return entry;
@@ -221,25 +223,26 @@ void CStore::Pause(const std::vector<std::string>& names) const {
     }
 }
 
+static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
+                                      const TForced& forced) {
+    std::vector<TCall> calls = CallsOf(TCall::cResume, names);
+    for (TCall& call : calls)
+        call.mayRemove = forced.count("past-start") > 0;
+    return calls;
+}
+
+void CStore::CheckResume(const std::vector<std::string>& names, const TForced& forced) const {
+    for (const TCall& call : ResumeCalls(names, forced))
+        CheckState(Get(call.task.name), call, options.evenIfDue);
+}
+
 void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
-    const bool mayRemove = forced.count("past-start") > 0;
-    const TTable before = Read();
-    for (const std::string& name : names) {
-        const TTaskEntry* const task = before.Find(name);
-        if (task != nullptr && task->period == 0 && task->next <= Now() + 2 * cAboutToBeDue &&
-            !mayRemove)
-            throw CClientError(EError::cRefused,
-                               "task " + Quoted(name) +
-                                   " runs once and its time has passed: a resume would remove it "
-                                   "unrun; give it a new start first (or force \"past-start\")");
-    }
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cResume, names));
-    for (const std::string& name : names) {
-        const TTaskEntry* const task = outcome.table.Find(name);
-        const bool isGone =
-            task == nullptr && before.Find(name) != nullptr && before.Find(name)->period == 0;
-        if (!isGone && (task == nullptr || task->paused))
-            NotThere(name, outcome);
+    const std::vector<TCall> calls = ResumeCalls(names, forced);
+    const TOutcome outcome = MakeChange(options, calls);
+    for (const TCall& call : calls) {
+        const TTaskEntry* const task = outcome.table.Find(call.task.name);
+        if (task == nullptr ? !call.mayRemove : task->paused)
+            NotThere(call.task.name, outcome);
     }
 }
 
@@ -258,32 +261,40 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
     return *task;
 }
 
-TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
-                 const std::function<void(pid_t)>& onStart) const {
-    const TTaskEntry task = Get(name);
-    const std::string program = StartedPath(task.program);
-    const std::vector<pid_t> running = FindRunning(program, task.parameter);
-    if (!running.empty() && !force)
-        throw CClientError(EError::cRefused, "task " + Quoted(name) +
-                                                 " is running already, as process " +
-                                                 std::to_string(running.front()) +
-                                                 "; wait for its end, or force a second one");
+static TCall RunCall(const TTaskEntry& task, bool force) {
     std::vector<TObjection> objections = FindObjections(task, Now(), EProgram::cAsNamed);
     Drop(objections, [](const TObjection& objection) {
         return !objection.IsAboutTheProgram() || objection.kind == TObjection::cRelativePath;
     });
     RefuseFor(objections);
     TCall call = CallOf(TCall::cExecute, task);
+    call.mustNotRun = !force;
+    return call;
+}
+
+void CStore::CheckRun(std::string_view name, bool force) const {
+    const TTaskEntry task = Get(name);
+    CheckState(task, RunCall(task, force), options.evenIfDue);
+}
+
+TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
+                 const std::function<void(pid_t)>& onStart) const {
+    TCall call = RunCall(Get(name), force);
     call.waitForEnd = waitForEnd;
-    const TOutcome outcome = MakeChange(options, {call}, {}, onStart);
+    const TOutcome outcome = MakeChange(options, {call}, onStart);
     if (outcome.process == 0)
-        throw CClientError(EError::cFailed, "cannot start " + Quoted(program) + ": " +
+        throw CClientError(EError::cFailed, "cannot start " + Quoted(call.task.program) + ": " +
                                                 outcome.startError + "; look at the program");
+    if (waitForEnd && !outcome.status)
+        throw CClientError(EError::cFailed,
+                           "process " + std::to_string(outcome.process) +
+                               " was started, but how it ended could not be learned");
     return {outcome.process, outcome.status};
 }
 
 void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
                         const std::function<void(const std::string&)>& canReplace) const {
+    RequireSharedStore(options);
     {
         const CLoadTurn turn(options.directory, options.patience);
         const CStoreLock lock(options.patience);

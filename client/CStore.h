@@ -84,6 +84,9 @@ public:
     // refused, unless "past-start" is forced.
     void Resume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
+    // Throws what Resume() would now.
+    void CheckResume(const std::vector<std::string>& names, const TForced& forced = {}) const;
+
     // Gives a task another period, counted on from its last time on the grid; the entry afterwards.
     // A period of 0 keeps the next start and makes it the only one.
     TTaskEntry SetPeriod(std::string_view name, std::uint32_t hours,
@@ -91,9 +94,13 @@ public:
 
     // Starts the task's program now, outside the schedule; a paused one, too. Throws cRefused when
     // it is running already, unless `force`. With `waitForEnd` the program's end is waited for,
-    // without limit; `onStart` is told its process before that.
+    // without limit; `onStart` is told its process before that, and must not
+    // throw. A program that is not waited for has /dev/null as its output.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
              const std::function<void(pid_t)>& onStart = {}) const;
+
+    // Throws what Run() would now.
+    void CheckRun(std::string_view name, bool force) const;
 
     // Makes `tasks` the whole table, not through the add-in but by replacing the file under the
     // mutex, and tells the scheduling process. What was there is kept as the copy from before, if it

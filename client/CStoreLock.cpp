@@ -16,13 +16,13 @@ namespace vxsched {
 CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point end = TClock::now() + patience;
-    const int found = semget(StoreKey(), 1, 0);
-    if (found == -1) {
-        if (errno == ENOENT)
-            return;
-        throw SystemError("cannot open the store mutex", errno);
-    }
     for (;;) {
+        const int found = semget(StoreKey(), 1, 0);
+        if (found == -1) {
+            if (errno == ENOENT)
+                return;
+            throw SystemError("cannot open the store mutex", errno);
+        }
         const auto left = std::max<TClock::duration>(end - TClock::now(), TClock::duration(0));
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
         const timespec rest{.tv_sec = seconds.count(),
@@ -32,8 +32,9 @@ CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
             set = found;
             return;
         }
+        // Its last user has gone meanwhile; somebody else may have made a new one.
         if (errno == EIDRM || errno == EINVAL)
-            return;  // its last user has gone meanwhile
+            continue;
         if (errno == EAGAIN) {
             const int holder = semctl(found, 0, GETPID);
             throw CClientError(EError::cBusy,
@@ -51,8 +52,11 @@ CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
 CStoreLock::~CStoreLock() {
     if (set == -1)
         return;
-    sembuf give{.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO};
-    semop(set, &give, 1);
+    // Only while it is held: a load of the library by somebody else may have set it free, and giving
+    // it back as well would let two in at once.
+    sembuf give[] = {{.sem_num = 0, .sem_op = 0, .sem_flg = IPC_NOWAIT},
+                     {.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO}};
+    semop(set, give, 2);
 }
 
 }  // namespace vxsched

@@ -23,19 +23,16 @@ using std::chrono::milliseconds;
 
 // Beyond what a change waits for: the load, the calls with the two seconds that a start takes.
 constexpr milliseconds cWork(10'000);
+constexpr milliseconds cCall(100);  // for each of the calls, which writes the table
 constexpr milliseconds cPause(50);
+constexpr int cMostPatience = 10;  // times the patience, however much moves meanwhile
 
-TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls,
-                   const TLink& link) {
+TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls) {
     std::error_code error;
     return {std::filesystem::absolute(options.directory, error).string(),
             options.addIn.empty() ? LibraryFolder() + "/libVantrixScheduler.so"
                                   : std::filesystem::absolute(options.addIn, error).string(),
-            options.patience.count(),
-            options.evenIfDue,
-            link.path,
-            link.target,
-            calls};
+            options.patience.count(), options.evenIfDue, calls};
 }
 
 // "2 there is no task ...": the code, then the text.
@@ -80,6 +77,7 @@ std::string Recover(const TStoreOptions& options) {
 struct TAttempt {
     TOutcome outcome;
     std::string bytes;  // of the table, read back
+    bool isBegun = false;
     bool isRead = false;
     std::string due;      // the task for which it was not made
     std::string changed;  // likewise
@@ -89,6 +87,10 @@ struct TAttempt {
 void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TAttempt& attempt) {
     if (message.kind == cMessageDue)
         attempt.due = message.text;
+    else if (message.kind == cMessageBegun)
+        attempt.isBegun = true;
+    else if (message.kind == cMessageProgram)
+        attempt.outcome.program = message.text;
     else if (message.kind == cMessageChanged)
         attempt.changed = message.text;
     else if (message.kind == cMessageError)
@@ -109,13 +111,13 @@ void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TA
     }
 }
 
-TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls, const TLink& link,
+TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
              const std::function<void(pid_t)>& onStart) {
     TAttempt attempt;
     std::string hung;
-    CChangeProcess process(RequestOf(options, calls, link));
+    CChangeProcess process(RequestOf(options, calls));
     try {
-        const milliseconds patience = 2 * options.patience + cWork;
+        const milliseconds patience = 2 * options.patience + cWork + calls.size() * cCall;
         // Once the table is read back, only the end of a program is left to wait for.
         while (const std::optional<TMessage> message =
                    process.Next(attempt.isRead ? std::nullopt : std::optional(patience)))
@@ -125,10 +127,12 @@ TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls, cons
         process.Kill();
     }
     const std::string end = process.WaitForEnd();
-    if (attempt.error && attempt.error->Code() == EError::cFailed)
+    if (attempt.error && (!attempt.isBegun || attempt.error->Code() != EError::cFailed))
+        return attempt;
+    if (attempt.error)
         Fail(options, attempt.error->what(), attempt.outcome.log);
     const bool isMade = attempt.isRead && hung.empty();
-    if (!isMade && !attempt.error && attempt.due.empty() && attempt.changed.empty())
+    if (!isMade && attempt.due.empty() && attempt.changed.empty())
         Fail(options, hung.empty() ? "the process that makes it " + end : hung,
              attempt.outcome.log);
     return attempt;
@@ -146,12 +150,8 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
                            "task \"" + due +
                                "\" is due and there is no scheduling process to start it; start "
                                "one, or go on with --even-if-due (evenIfDue), which leaves it due");
-    if (!scheduler->sharesStore)
-        throw CClientError(EError::cNoScheduler,
-                           "the scheduling process " + std::to_string(scheduler->process) +
-                               " runs in another IPC namespace, where it can be neither woken nor "
-                               "kept waiting; run this in the same one");
-    auto end = std::chrono::steady_clock::now() + options.patience;
+    const auto start = std::chrono::steady_clock::now();
+    auto end = start + options.patience;
     std::vector<TTaskEntry> seen;
     while (std::chrono::steady_clock::now() < end) {
         const TTable table = ReadTable(options.directory, options.patience);
@@ -165,7 +165,8 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
             WakeSchedulingProcess();
         // A tick takes two seconds for each start; as long as something moves it is waited for.
         if (table.tasks != seen)
-            end = std::chrono::steady_clock::now() + options.patience;
+            end = std::min(start + cMostPatience * options.patience,
+                           std::chrono::steady_clock::now() + options.patience);
         seen = table.tasks;
         std::this_thread::sleep_for(cPause);
     }
@@ -178,13 +179,23 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
 
 }  // namespace
 
+void RequireSharedStore(const TStoreOptions& options) {
+    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
+    if (scheduler && !scheduler->sharesStore)
+        throw CClientError(EError::cNoScheduler,
+                           "the scheduling process " + std::to_string(scheduler->process) +
+                               " runs in another IPC namespace: it would not notice a change, and "
+                               "write over it; run this in the same one");
+}
+
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const TLink& link, const std::function<void(pid_t)>& onStart) {
-    TAttempt attempt = Try(options, calls, link, onStart);
+                    const std::function<void(pid_t)>& onStart) {
+    RequireSharedStore(options);
+    TAttempt attempt = Try(options, calls, onStart);
     // What is due by now may be others, so this goes on as long as the scheduling process keeps up.
     while (!attempt.due.empty()) {
         WaitUntilStarted(options, attempt.due);
-        attempt = Try(options, calls, link, onStart);
+        attempt = Try(options, calls, onStart);
     }
     if (attempt.error)
         throw *attempt.error;
@@ -195,8 +206,7 @@ TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& call
     } catch (const CClientError& error) {
         Fail(options, error.what(), attempt.outcome.log);
     }
-    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
-    if (scheduler && scheduler->sharesStore)
+    if (FindSchedulingProcess(options.directory))
         WakeSchedulingProcess();
     return std::move(attempt.outcome);
 }

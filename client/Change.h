@@ -17,6 +17,7 @@ namespace vxsched {
 // What came of calls that were made.
 struct TOutcome {
     TTable table;                  // as it was read back
+    std::string program;           // of the task that was created, as it is in the table
     std::vector<std::string> log;  // the add-in's messages
     pid_t process = 0;             // that was started
     std::string startError;        // why none was, if one should have been
@@ -31,16 +32,15 @@ public:
                        "task \"" + name + "\" is being changed by others; try again") {}
 };
 
-// A link that the calls give a task as its program.
-struct TLink {
-    std::string path;
-    std::string target;
-};
+// Throws CClientError (cNoScheduler) when the scheduling process of the directory runs in another IPC
+// namespace, where it would not notice a change and write over it.
+void RequireSharedStore(const TStoreOptions& options);
 
 // Has a change process make the calls, under the rules that CStore states, and wakes the scheduling
-// process afterwards. `onStart` is told a started process at once. That the table is as the calls
+// process afterwards. `onStart` is told a started process at once, and must not
+// throw. That the table is as the calls
 // mean it is for the caller to see. Throws CClientError.
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const TLink& link = {}, const std::function<void(pid_t)>& onStart = {});
+                    const std::function<void(pid_t)>& onStart = {});
 
 }  // namespace vxsched

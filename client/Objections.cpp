@@ -114,6 +114,10 @@ void LookAtPeriod(const TTaskEntry& task, TTime now, CObjections& objections) {
                 " hours is a step of zero: the first late start would hang the store; "
                 "the longest period is " +
                 std::to_string(cLongestPeriod) + " hours");
+    else if (IsTooFarBack(task.next, task.period, now))
+        objections.Refuse(TObjection::cTooFarBack,
+                          "the start lies so far back that a process which loads the library would "
+                          "catch up for more than a second; give one nearer to the present");
     else if (task.period > cLongestPeriod)
         objections.Warn(TObjection::cWrappedPeriod, "a period of " + std::to_string(task.period) +
                                                         " hours would be a step of " +
@@ -130,10 +134,10 @@ void LookAtPeriod(const TTaskEntry& task, TTime now, CObjections& objections) {
 }  // namespace
 
 std::string_view TObjection::Name() const {
-    static constexpr std::array<std::string_view, 12> names = {
-        "empty-name",         "zero-byte",      "no-program",      "relative-path",
-        "path-too-long",      "not-executable", "missing-program", "altered-path",
-        "aborting-extension", "endless-period", "wrapped-period",  "past-start"};
+    static constexpr std::array<std::string_view, 13> names = {
+        "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
+        "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
+        "too-far-back",   "wrapped-period",  "past-start"};
     return names.at(static_cast<std::size_t>(kind));
 }
 

@@ -21,6 +21,7 @@ struct TObjection {
         cAlteredPath,        // the start would cut characters off its end
         cAbortingExtension,  // the start would abort the scheduling process
         cEndlessPeriod,      // a step of zero: the first late start would hang the store
+        cTooFarBack,         // a load would catch up with the start for more than a second
         cWrappedPeriod,      // the step is not the period
         cPastStart,          // of a task that runs once
     };

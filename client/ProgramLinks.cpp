@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <system_error>
 
 #include "client/CClientError.h"
@@ -16,13 +17,14 @@ namespace {
 namespace fs = std::filesystem;
 
 fs::path FolderOf(const fs::path& directory) {
-    return fs::absolute(directory).lexically_normal() / "files" / "programs";
+    return fs::weakly_canonical(fs::absolute(directory)) / "files" / "programs";
 }
 
 // The program's own name with dots replaced, so that there is no extension, and a number behind it,
 // so that nothing is cut off its end.
 std::string LinkName(const fs::path& program, int number) {
-    std::string name = program.filename().string();
+    constexpr std::size_t cLongest = 200;  // so that the number still fits into a file's name
+    std::string name = program.filename().string().substr(0, cLongest);
     std::replace(name.begin(), name.end(), '.', '-');
     return name + '-' + std::to_string(number);
 }
@@ -61,12 +63,16 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
 void MakeLink(const std::string& path, const std::string& program) {
     std::error_code ignored;
     fs::create_directories(fs::path(path).parent_path(), ignored);
-    if (symlink(program.c_str(), path.c_str()) == -1 && errno != EEXIST)
+    if (symlink(program.c_str(), path.c_str()) == -1 && !IsLinkTo(path, program))
         throw SystemError("cannot make the link " + path + " to " + program, errno);
 }
 
 bool IsLinkPath(const fs::path& directory, const std::string& program) {
-    return fs::path(program).parent_path() == FolderOf(directory);
+    // The directory may be named in several ways.
+    std::error_code ignored;
+    const fs::path folder = fs::path(program).parent_path();
+    return folder.filename() == "programs" &&
+           fs::weakly_canonical(folder, ignored) == FolderOf(directory);
 }
 
 std::string RealProgram(const fs::path& directory, const std::string& program) {
@@ -78,13 +84,15 @@ std::string RealProgram(const fs::path& directory, const std::string& program) {
 }
 
 void RemoveUnusedLinks(const fs::path& directory, const TTable& table) {
+    std::set<std::string> used;
+    for (const TTaskEntry& task : table.tasks) {
+        if (IsLinkPath(directory, task.program))
+            used.insert(fs::path(StartedPath(task.program)).filename().string());
+    }
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(FolderOf(directory), ignored)) {
-        const std::string path = entry.path().string();
-        const bool used = std::any_of(
-            table.tasks.begin(), table.tasks.end(),
-            [&](const TTaskEntry& task) { return StartedPath(task.program) == StartedPath(path); });
-        if (!used && entry.is_symlink(ignored))
+        const std::string name = StartedPath(entry.path().filename().string());
+        if (used.count(name) == 0 && entry.is_symlink(ignored))
             fs::remove(entry.path(), ignored);
     }
 }

@@ -8,8 +8,8 @@
 namespace vxsched {
 
 // Programs that a start would alter or refuse (`/usr/bin/free`, `backup.sh`) are scheduled by a link
-// with a safe name, kept in `files/programs/` of the store's directory. The caller holds nothing;
-// two callers at once make two links at worst.
+// with a safe name, kept in `files/programs/` of the store's directory. Who makes or removes one has the
+// turn (CLoadTurn).
 
 // The path to put into the table for `program`, an absolute path: itself where a start leaves it
 // alone, else the path of a link to it, which is made if there is none yet. A program that looks at
@@ -17,8 +17,8 @@ namespace vxsched {
 // (cNoAccess, cFailed) when the link cannot be made.
 std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
 
-// Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there; its
-// folder is made as well. Throws
+// Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there, and
+// its folder. One of that name to something else is an error. Throws
 // CClientError likewise.
 void MakeLink(const std::string& path, const std::string& program);
 

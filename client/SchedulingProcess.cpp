@@ -32,9 +32,20 @@ std::optional<pid_t> ProcessOf(const std::string& text) {
                                                                     : std::nullopt;
 }
 
+bool IsSameFolder(const fs::path& path, const struct stat& wanted) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
+           status.st_ino == wanted.st_ino;
+}
+
+bool MayLookInto(pid_t process) {
+    struct stat status {};
+    return stat((FolderOf(process) / "cwd").c_str(), &status) == 0;
+}
+
 // The holder of a lock on the file. Trying the lock would tell as well, but keep out a host that
 // starts at that moment.
-std::optional<pid_t> LockHolder(const fs::path& file) {
+std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directory) {
     struct stat status {};
     if (stat(file.c_str(), &status) != 0)
         return {};
@@ -44,16 +55,14 @@ std::optional<pid_t> LockHolder(const fs::path& file) {
         std::istringstream words(line);
         std::string number, kind, strength, access, process, which;
         words >> number >> kind >> strength >> access >> process >> which;
-        if (kind == "FLOCK" && which.ends_with(inode))
-            return ProcessOf(process);
+        // Files of several file systems may have this number, so where it can be seen the process
+        // has to work in the directory as well.
+        const std::optional<pid_t> holder = ProcessOf(process);
+        if (kind == "FLOCK" && which.ends_with(inode) && holder &&
+            (IsSameFolder(FolderOf(*holder) / "cwd", directory) || !MayLookInto(*holder)))
+            return holder;
     }
     return {};
-}
-
-bool IsSameFolder(const fs::path& path, const struct stat& wanted) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
-           status.st_ino == wanted.st_ino;
 }
 
 bool MapsTheLibrary(pid_t process) {
@@ -71,14 +80,11 @@ bool HasSeveralThreads(pid_t process) {
     return std::distance(begin(threads), end(threads)) > 1;
 }
 
-std::optional<pid_t> FindHostIn(const fs::path& directory) {
-    struct stat status {};
-    if (stat(directory.c_str(), &status) != 0)
-        return {};
+std::optional<pid_t> FindHostIn(const struct stat& directory) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
         const std::optional<pid_t> process = ProcessOf(entry.path().filename().string());
-        if (process && IsSameFolder(entry.path() / "cwd", status) && MapsTheLibrary(*process) &&
+        if (process && IsSameFolder(entry.path() / "cwd", directory) && MapsTheLibrary(*process) &&
             HasSeveralThreads(*process))
             return process;
     }
@@ -106,9 +112,12 @@ void Signal(const char* name, bool manualReset) {
 }  // namespace
 
 std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& directory) {
-    std::optional<pid_t> process = LockHolder(directory / "files" / "vxschedd.lock");
+    struct stat status {};
+    if (stat(directory.c_str(), &status) != 0)
+        return {};
+    std::optional<pid_t> process = LockHolder(directory / "files" / "vxschedd.lock", status);
     if (!process)
-        process = FindHostIn(directory);
+        process = FindHostIn(status);
     if (!process)
         return {};
     return TSchedulingProcess{*process, SharesTheStore(*process)};

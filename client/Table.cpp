@@ -8,35 +8,29 @@
 #include "client/CClientError.h"
 #include "client/CDecoder.h"
 #include "client/CStoreLock.h"
+#include "client/Grid.h"
 #include "client/TableFile.h"
 
 namespace vxsched {
 
 namespace {
 
-// The add-in catches up one step at a time, some hundred million in a second.
-constexpr std::uint64_t cMostSteps = 100'000'000;
-
 // What a load would make of a past start.
 void FindHarm(const TTaskEntry& task, TTime now, std::size_t offset,
               std::vector<TProblem>& problems) {
     if (task.period == 0 || task.next >= now)
         return;
-    const std::uint32_t step = task.period * 3600U;  // wraps, as the add-in's does
-    const std::uint64_t late = static_cast<std::uint64_t>(now.time_since_epoch().count()) -
-                               static_cast<std::uint64_t>(task.next.time_since_epoch().count());
-    if (step == 0) {
+    if (StepOf(task.period) == std::chrono::seconds(0))
         problems.push_back({TProblem::cEndless, offset,
                             "task \"" + task.name + "\" has a period of " +
                                 std::to_string(task.period) +
                                 " hours, a step of zero, and a start in the past: a process that "
                                 "loads the library would hang"});
-    } else if (late / step > cMostSteps) {
+    else if (IsTooFarBack(task.next, task.period, now))
         problems.push_back({TProblem::cSlow, offset,
-                            "task \"" + task.name + "\" is " + std::to_string(late / step) +
-                                " periods late: a process that loads the library would catch up "
-                                "for more than a second"});
-    }
+                            "the start of task \"" + task.name +
+                                "\" lies too far back: a process that loads the library would "
+                                "catch up for more than a second"});
 }
 
 }  // namespace

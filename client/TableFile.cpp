@@ -56,9 +56,12 @@ void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
     }
 }
 
-std::optional<struct stat> StatusOf(const fs::path& path) {
+// Of the table, or of its folder as long as there is none.
+std::optional<struct stat> StatusOf(const fs::path& table) {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
+    if (stat(table.c_str(), &status) == 0 || stat(table.parent_path().c_str(), &status) == 0)
+        return status;
+    return {};
 }
 
 // Writes a new file and gives it the name `target`, with the rights of `like`.
@@ -72,7 +75,8 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
     WriteAll(descriptor.Number(), bytes, fresh);
     if (like && fchown(descriptor.Number(), like->st_uid, like->st_gid) == -1 && keepOwner)
         throw SystemError("cannot leave " + target.string() + " to its owner", errno);
-    fchmod(descriptor.Number(), like ? like->st_mode & 0777 : 0644);
+    // A folder's: the owner is to be the same, the rights are a file's.
+    fchmod(descriptor.Number(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
 }

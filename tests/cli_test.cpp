@@ -415,6 +415,100 @@ TEST_F(Cli, CheckNamesWhatIsWrongAndWhere) {
     ExpectRefused(1, "no file", {"check", "no such file"});
 }
 
+TEST_F(Cli, ImportBelievesOnlyWhatItCanMakeTrue) {
+    WriteTable({});
+    const auto import = [](const std::string& task) {
+        WriteFile("import", R"({"version": 1, "tasks": [)" + task + "]}");
+        return RunTool({"import", "import"});
+    };
+    const std::string later = std::to_string(std::time(nullptr) + cDay);
+    const TToolRun script = import(R"({"name": "x", "next": )" + later +
+                                   R"(, "program": "/opt/backup.sh", "real_program": "/bin/ls"})");
+    EXPECT_EQ(script.status, 1);
+    EXPECT_THAT(script.error, HasSubstr("would abort the scheduling process"));
+    const TToolRun far =
+        import(R"({"name": "x", "next": -9000000000000000000, "period": 1, "program": "/bin/ls"})");
+    EXPECT_EQ(far.status, 1);
+    EXPECT_THAT(far.error, HasSubstr("so far back"));
+    EXPECT_EQ(ReadTable(), TRows());
+    const std::string link = (fs::current_path() / "files/programs/free-1").string();
+    EXPECT_EQ(import(R"({"name": "x", "next": )" + later + R"(, "program": ")" + link +
+                     R"(", "real_program": "/usr/bin/free"})")
+                  .status,
+              0);
+    EXPECT_EQ(fs::read_symlink(link), "/usr/bin/free");
+    EXPECT_EQ(
+        import(R"({"name": "y", "next": )" + later + R"(, "program": "/usr/bin/free"})").status, 0)
+        << "harms nobody, and is said";
+}
+
+TEST_F(Cli, WhatIsEmptyIsNotLeftOut) {
+    ExpectRefused(2, "time", {"create", "a", "--at", "", "--", cRecorder});
+    ExpectRefused(2, "period", {"create", "a", "--every", "", "--", cRecorder});
+    ExpectRefused(2, "bogus", {"create", "a", "--force", "bogus", "--", cRecorder});
+    ExpectRefused(2, "count", {"next", "--count", "-1"});
+}
+
+TEST_F(Cli, DryRunRefusesWhatTheCommandWould) {
+    WriteTable({{"once", 5, 0, 0, cRecorder, "", 1},
+                {"missing", 4'000'000'000, 0, 24, "/no/such", "", 1}});
+    ExpectRefused(1, "give it a new start", {"resume", "once", "--dry-run"});
+    ExpectRefused(1, "no program", {"run", "missing", "--dry-run"});
+}
+
+TEST_F(Cli, ProgramThatIsNotWaitedForKeepsNoPipeOpen) {
+    TRow row = Later("a");
+    row.program = PROGRAMS "/wait-for-it";
+    row.parameters = fs::absolute("end it").string();
+    WriteTable({row});
+    CProgram tool({TOOL_PROGRAM, "run", "a"});
+    EXPECT_FALSE(tool.WaitForOutput("never said")) << "until the pipe is closed";
+    EXPECT_EQ(tool.Wait(), 0);
+    WriteFile("end it", "");
+    WaitUntil([] { return fs::exists("end it.seen"); });
+}
+
+TEST_F(Cli, OutputThatCannotBeWrittenSaysThatTheChangeWasMade) {
+    WriteTable({Later("a")});
+    CForkedChild child([] {
+        dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
+        dup2(open("error", O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+        execl(TOOL_PROGRAM, TOOL_PROGRAM, "run", "a", static_cast<char*>(nullptr));
+        return 127;
+    });
+    EXPECT_EQ(child.Wait(), 1);
+    EXPECT_THAT(ReadFile("error"), HasSubstr("all but this was done"));
+    EXPECT_NE(ReadTable()[0].last, 0);
+}
+
+// A task's name is nobody's command.
+TEST_F(Cli, CompletionOffersNamesAndRunsNothing) {
+    TRow row = Later("$(touch ran)");
+    WriteTable({row, Later("back up"), Later("backup")});
+    WriteFile("script", Output({"completion", "bash"}) + R"script(
+vxsched() { )script" TOOL_PROGRAM R"script( "$@"; }
+COMP_WORDS=(vxsched show ""); COMP_CWORD=2; _vxsched; printf '%s
+' "${COMPREPLY[@]}"
+COMP_WORDS=(vxsched show ba); _vxsched; printf '%s
+' "${COMPREPLY[@]}"
+COMP_WORDS=(vxsched re); COMP_CWORD=1; _vxsched; printf '%s
+' "${COMPREPLY[@]}"
+)script");
+    CProgram bash({"/bin/bash", "script"});
+    bash.WaitForOutput("never said");
+    EXPECT_EQ(bash.Wait(), 0);
+    EXPECT_EQ(bash.Output(), R"(\$\(touch\ ran\)
+back\ up
+backup
+back\ up
+backup
+remove
+resume
+repair
+)");
+    EXPECT_FALSE(fs::exists("ran"));
+}
+
 // ---- Where and who ----------------------------------------------------------------------------
 
 TEST_F(Cli, DirectoryComesFromTheOptionOrTheEnvironment) {

@@ -9,17 +9,20 @@
 #include <client/SchedulingProcess.h>
 #include <client/TableFile.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <string>
 #include <thread>
 
+#include "AddinLibrary.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -35,6 +38,16 @@ static const std::string cRecorder = PROGRAMS "/record-start";
 static std::string RecordedArgument(const std::string& path) {
     WaitUntil([&] { return Lines(path).size() > 2; });
     return Lines(path)[2];
+}
+
+// What any other client does: its load sets the mutex free.
+static void AddinLoad() {
+    CForkedChild child([] {
+        const CAddinLibrary library;
+        _exit(0);
+        return 0;
+    });
+    child.Wait();
 }
 
 class ClientStore : public testing::Test {
@@ -68,7 +81,7 @@ protected:
         EXPECT_EQ(ReadFile(cTable), before);
     }
 
-    const CStore store{{.patience = 5s}};
+    const CStore store{{.patience = 60s}};
 };
 
 // ---- Each change ------------------------------------------------------------------------------
@@ -363,6 +376,76 @@ TEST_F(ClientStore, NoAddInIsSaidAndGivesTheMutexBack) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+// The directory may be named in several ways.
+TEST_F(ClientStore, LinksAreKeptWhateverTheDirectoryIsCalled) {
+    fs::create_directory_symlink(fs::current_path(), "another-name");
+    const CStore other({.directory = "another-name"});
+    TNewTask task = Task("a");
+    task.program = "/usr/bin/free";
+    const TTaskEntry made = other.Create(task, false);
+    store.Create(Task("b"), false);
+    EXPECT_TRUE(fs::is_symlink(made.program));
+    EXPECT_EQ(RealProgram(".", made.program), "/usr/bin/free");
+    other.Remove({"a"});
+    EXPECT_FALSE(fs::is_symlink(made.program));
+}
+
+TEST_F(ClientStore, StartTooFarBackIsRefused) {
+    const TNewTask task = Task("a", TTime(-9'000'000'000'000s), 1);
+    ErrorOf(EError::cRefused, [&] { store.Create(task, false); });
+    store.Create(Task("a"), false);
+    ExpectKept([&] { ErrorOf(EError::cRefused, [&] { store.Edit("a", {.start = task.start}); }); });
+}
+
+TEST_F(ClientStore, PeriodOfATaskThatIsDueItselfIsNotChangedUnderIt) {
+    WriteTable({{"due", Seconds(In(-1h)), 0, 24, cRecorder, "", 0}});
+    const CStore wilful({.evenIfDue = true});
+    ExpectKept([&] { ErrorOf(EError::cRefused, [&] { wilful.SetPeriod("due", 6); }); });
+    wilful.Edit("due", {.period = 6});
+    EXPECT_EQ(::ReadTable()[0].next, Seconds(In(-1h)));
+}
+
+TEST_F(ClientStore, TableThatMayNotBeWrittenIsNoAccess) {
+    store.Create(Task("a"), false);
+    chmod(cTable, 0444);
+    CForkedChild child([&] {
+        if (!DropCapabilities())
+            return 1;
+        ExpectKept([&] { ErrorOf(EError::cNoAccess, [&] { store.Pause({"a"}); }); });
+        return HasFailure() ? 2 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+TEST_F(ClientStore, SuperuserMakesNothingThatTheOwnerCouldNotUse) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only the superuser can make things for others";
+    constexpr uid_t cOther = 65534;
+    ASSERT_EQ(chown("files", cOther, cOther), 0);
+    chmod(".", 0755);
+    store.Create(Task("a"), false);
+    struct stat status {};
+    ASSERT_EQ(stat(cTable, &status), 0);
+    EXPECT_EQ(status.st_uid, cOther);
+    CForkedChild owner([&] {
+        if (setgid(cOther) != 0 || setuid(cOther) != 0)
+            return 1;
+        store.Pause({"a"});
+        return 42;
+    });
+    EXPECT_EQ(owner.Wait(), 42);
+    EXPECT_EQ(::ReadTable()[0].paused, 1U);
+}
+
+TEST_F(ClientStore, EndOfARunIsKnownAlsoToWhoIgnoresChildren) {
+    store.Create({"a", In(1h), 24, PROGRAMS "/end-with", "status 3"}, false);
+    CForkedChild child([&] {
+        std::signal(SIGCHLD, SIG_IGN);
+        return WEXITSTATUS(store.Run("a", false, true).status.value());
+    });
+    EXPECT_EQ(child.Wait(), 3);
+}
+
 // ---- Beside others ----------------------------------------------------------------------------
 
 TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
@@ -424,6 +507,65 @@ TEST_F(ClientStore, ManyAtOnceLoseNothing) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+TEST_F(ClientStore, HolderThatWasResetMeanwhileDoesNotLetTwoIn) {
+    store.Create(Task("a"), false);
+    {
+        const CStoreLock lock(1s);
+        AddinLoad();
+    }
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST_F(ClientStore, ParallelTasksOfProgramsWithOneNameKeepTheirOwn) {
+    for (int number = 0; number < 8; ++number) {
+        fs::create_directory("d" + std::to_string(number));
+        fs::create_symlink("/bin/ls", "d" + std::to_string(number) + "/p.sh");
+    }
+    std::vector<std::thread> clients;
+    for (int number = 0; number < 8; ++number) {
+        clients.emplace_back([number] {
+            const CStore own({});
+            TNewTask task = Task("t" + std::to_string(number));
+            task.program = fs::absolute("d" + std::to_string(number) + "/p.sh").string();
+            for (int round = 0; round < 4; ++round) {
+                own.Create(task, true);
+                if (round < 3)
+                    own.Remove({task.name});
+            }
+        });
+    }
+    for (std::thread& client : clients)
+        client.join();
+    for (int number = 0; number < 8; ++number) {
+        const TTable table = store.Read();
+        const TTaskEntry* const task = table.Find("t" + std::to_string(number));
+        ASSERT_NE(task, nullptr);
+        EXPECT_EQ(RealProgram(".", task->program),
+                  fs::absolute("d" + std::to_string(number) + "/p.sh"));
+    }
+}
+
+TEST_F(ClientStore, TwoRunsAtOnceAreOne) {
+    store.Create({"a", In(1h), 24, PROGRAMS "/wait-for-it", fs::absolute("end it")}, false);
+    std::atomic<int> started{0};
+    std::vector<std::thread> clients;
+    for (int client = 0; client < 4; ++client) {
+        clients.emplace_back([&] {
+            try {
+                CStore({}).Run("a", false, false);
+                ++started;
+            } catch (const CClientError& error) {
+                EXPECT_EQ(error.Code(), EError::cRefused) << error.what();
+            }
+        });
+    }
+    for (std::thread& client : clients)
+        client.join();
+    EXPECT_EQ(started, 1);
+    WriteFile("end it", "");
+    WaitUntil([] { return fs::exists("end it.seen"); });
+}
+
 // ---- With a scheduling process ----------------------------------------------------------------
 
 TEST_F(ClientStore, SchedulingProcessIsFoundByItsLock) {
@@ -473,7 +615,7 @@ TEST_F(ClientStore, TickUnderWayIsWaitedForAndLosesNoChange) {
     store.Create(Task("other"), false);  // while the tick holds the mutex for two seconds
     EXPECT_EQ(NamesInTable(), "slow other");
     EXPECT_NE(::ReadTable()[0].last, 0) << "what the tick has written is kept";
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    WaitUntil([] { return StoreSemaphoreValue() == 1; });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "slow other");
     WriteFile("end it", "");
@@ -494,30 +636,45 @@ TEST_F(ClientStore, LastStartOfARunOutlivesWhatTheSchedulerWrites) {
 
 // ---- When something goes wrong ----------------------------------------------------------------
 
-TEST_F(ClientStore, TableFromBeforeIsPutBackWhenASaveFails) {
+// A client whose files may not grow as far as the save needs. What it says goes to the file "error".
+static int CreateBeyondTheLimit(const TNewTask& task) {
+    const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
+    std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    try {
+        CStore({}).Create(task, false);
+    } catch (const CClientError& error) {
+        WriteFile("error", error.what());
+        return error.Code() == EError::cFailed ? 42 : 1;
+    }
+    return 2;
+}
+
+TEST_F(ClientStore, SaveThatFailsLeavesTheTable) {
     store.Create(Task("a"), false);
-    store.Create(Task("b"), false);
     const std::string before = ReadFile(cTable);
-    // The add-in's save ends in the middle; the copy from before was no smaller, but is there
-    // already.
-    CForkedChild client([] {
-        TNewTask task = Task("c");
-        task.parameter = std::string(10'000, 'p');
-        const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
-        std::signal(SIGXFSZ, SIG_IGN);
-        setrlimit(RLIMIT_FSIZE, &limit);
-        try {
-            CStore({}).Create(task, false);
-        } catch (const CClientError& error) {
-            WriteFile("error", error.what());
-            return error.Code() == EError::cFailed ? 0 : 1;
-        }
-        return 2;
-    });
-    EXPECT_EQ(client.Wait(), 0) << ReadFile("error");
+    TNewTask task = Task("c");
+    task.parameter = std::string(10'000, 'p');
+    CForkedChild client([&] { return CreateBeyondTheLimit(task); });
+    EXPECT_EQ(client.Wait(), 42) << ReadFile("error");
     EXPECT_EQ(ReadFile(cTable), before);
     EXPECT_NE(ReadFile("error").find("as it was before"), std::string::npos) << ReadFile("error");
     EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator("files"), fs::directory_iterator()), 2)
+        << "the table and the copy from before";
+}
+
+// A table of two names cannot be replaced without taking them apart: it is rewritten in place.
+TEST_F(ClientStore, TableFromBeforeIsPutBackWhenASaveInPlaceFails) {
+    store.Create(Task("a"), false);
+    const std::string before = ReadFile(cTable);
+    fs::create_hard_link(cTable, "another name");
+    TNewTask task = Task("c");
+    task.parameter = std::string(10'000, 'p');
+    CForkedChild client([&] { return CreateBeyondTheLimit(task); });
+    EXPECT_EQ(client.Wait(), 42) << ReadFile("error");
+    EXPECT_EQ(ReadFile(cTable), before);
+    EXPECT_NE(ReadFile("error").find("as it was before"), std::string::npos) << ReadFile("error");
 }
 
 TEST_F(ClientStore, ReplaceAllWritesTheTableAndKeepsTheOneFromBefore) {
@@ -534,6 +691,22 @@ TEST_F(ClientStore, ReplaceAllWritesTheTableAndKeepsTheOneFromBefore) {
     EXPECT_THROW(store.ReplaceAll({}, [](const std::string&) { throw std::runtime_error("no"); }),
                  std::runtime_error);
     EXPECT_EQ(store.Read().tasks, tasks);
+}
+
+TEST_F(ClientStore, HostOfAnotherNamespaceIsNotWrittenOver) {
+    store.Create(Task("a"), false);
+    CHost host;
+    CForkedChild child([&] {
+        if (unshare(CLONE_NEWIPC) != 0)
+            return 1;
+        ExpectKept([&] {
+            ErrorOf(EError::cNoScheduler, [&] { store.Pause({"a"}); });
+            ErrorOf(EError::cNoScheduler, [&] { store.ReplaceAll({}); });
+        });
+        return HasFailure() ? 2 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 TEST_F(ClientStore, ReplacedTableIsTakenUpByTheSchedulingProcess) {

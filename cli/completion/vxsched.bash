@@ -43,6 +43,11 @@ _vxsched() {
         return
         ;;
     esac
-    COMPREPLY=($(compgen -W "$words" -- "$word"))
+    # Not by compgen -W, which would expand what a task's name holds.
+    local one
+    COMPREPLY=()
+    while read -r one; do
+        [[ -n $one && $one == "$word"* ]] && COMPREPLY+=("$(printf %q "$one")")
+    done <<< "$words"
 }
-complete -o filenames -F _vxsched vxsched
+complete -F _vxsched vxsched

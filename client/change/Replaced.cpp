@@ -38,9 +38,11 @@ void SetStartListener(TStartListener listener) {
     gStartListener = std::move(listener);
 }
 
-int WaitForEnd(pid_t process) {
+std::optional<int> WaitForEnd(pid_t process) {
     int status = 0;
-    while (gEnds.count(process) == 0 && waitpid(process, &status, 0) == -1 && errno == EINTR) {
+    while (gEnds.count(process) == 0 && waitpid(process, &status, 0) == -1) {
+        if (errno != EINTR)
+            return {};
     }
     return gEnds[process];
 }

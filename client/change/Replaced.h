@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace vxsched {
@@ -25,7 +26,7 @@ using TStartListener = std::function<void(pid_t process, int error)>;
 void SetStartListener(TStartListener listener);
 
 // Waits for the end of a program that the add-in started; its wait status. It may have been
-// collected by the add-in already.
-int WaitForEnd(pid_t process);
+// collected by the add-in already. None when somebody else has.
+std::optional<int> WaitForEnd(pid_t process);
 
 }  // namespace vxsched

@@ -17,8 +17,7 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.task.parameter);
     transfer(call.mustBeNew);
     transfer(call.mustExist);
-    transfer(call.keepStart);
-    transfer(call.waitForEnd);
+    transfer(call.mustNotRun);
     transfer(call.mustBeAsSeen);
     transfer(call.seen.name);
     transfer(call.seen.next);
@@ -27,6 +26,10 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.seen.program);
     transfer(call.seen.parameter);
     transfer(call.seen.paused);
+    transfer(call.throughLink);
+    transfer(call.keepStart);
+    transfer(call.mayRemove);
+    transfer(call.waitForEnd);
 }
 
 struct TWriter {
@@ -66,8 +69,6 @@ std::string Encode(const TRequest& request) {
     write(request.addIn);
     write(request.patience);
     write(request.evenIfDue);
-    write(request.link);
-    write(request.linkTarget);
     for (const TCall& call : request.calls)
         ForEachField(call, write);
     return bytes;
@@ -80,8 +81,6 @@ TRequest DecodeRequest(std::string bytes) {
     read(request.addIn);
     read(request.patience);
     read(request.evenIfDue);
-    read(request.link);
-    read(request.linkTarget);
     while (!bytes.empty()) {
         TCall call{};
         ForEachField(call, read);

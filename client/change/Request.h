@@ -12,13 +12,18 @@ namespace vxsched {
 struct TCall {
     enum EFunction { cCreate, cDestroy, cPause, cResume, cSetPeriod, cExecute };
     EFunction function;
-    TTaskEntry task;            // its name; for cCreate all of it, for cSetPeriod the period
-    bool mustBeNew = false;     // refused when there is a task of that name
-    bool mustExist = true;      // refused when there is none
-    bool keepStart = false;     // cCreate: the start stays as it is given, whatever the clock says
-    bool waitForEnd = false;    // cExecute: the end of the program is waited for and told
-    bool mustBeAsSeen = false;  // not made when the task is not exactly `seen` any more
+    TTaskEntry task;  // its name; for cCreate all of it, for cSetPeriod the period
+    // What has to hold, or the call is not made.
+    bool mustBeNew = false;
+    bool mustExist = true;
+    bool mustNotRun = false;    // none of its processes is there
+    bool mustBeAsSeen = false;  // the task is exactly `seen`
     TTaskEntry seen;
+    // How it is made.
+    bool throughLink = false;  // cCreate: the program is the real one, which may need a link
+    bool keepStart = false;    // cCreate: the start stays as it is given, whatever the clock says
+    bool mayRemove = false;    // cResume: a task that runs once may be removed unrun by it
+    bool waitForEnd = false;   // cExecute: the end of the program is waited for and told
 };
 
 // What a change process is to do: load the add-in when nothing speaks against it, make the calls,
@@ -28,10 +33,6 @@ struct TRequest {
     std::string addIn;
     std::int64_t patience = 0;  // milliseconds, for the turn and for the mutex
     bool evenIfDue = false;     // load although tasks are due
-    // The link that the calls give a task as its program, and what it leads to; empty when there is
-    // none. Somebody else may have removed it as long as no task needed it; then it is made again.
-    std::string link;
-    std::string linkTarget;
     std::vector<TCall> calls;
 };
 
@@ -47,6 +48,8 @@ struct TMessage {
 inline constexpr char cMessageDue[] = "due";          // not done: this task is due
 inline constexpr char cMessageChanged[] = "changed";  // not done: this task is not as it was seen
 inline constexpr char cMessageError[] = "error";      // not done: a code, then the text
+inline constexpr char cMessageBegun[] = "begun";      // what follows is not without effect
+inline constexpr char cMessageProgram[] = "program";  // of cCreate: as it is in the table
 inline constexpr char cMessageLog[] = "log";          // the add-in's message
 inline constexpr char cMessageStarted[] = "started";  // a program: its process
 inline constexpr char cMessageNotStarted[] = "not started";  // a program: why

@@ -4,10 +4,13 @@
 
 #include <VXC_Log.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <limits>
 
@@ -18,6 +21,7 @@
 #include "client/SchedulingProcess.h"
 #include "client/TableFile.h"
 #include "client/change/CAddIn.h"
+#include "client/change/Checks.h"
 #include "client/change/Fields.h"
 #include "client/change/Replaced.h"
 #include "client/change/Request.h"
@@ -62,63 +66,33 @@ std::optional<TRequest> ReadRequest() {
     return DecodeRequest(std::move(*whole));
 }
 
-std::string Quoted(const std::string& text) {
-    return '"' + text + '"';
-}
-
-void CheckNames(const TTable& table, const std::vector<TCall>& calls) {
-    for (const TCall& call : calls) {
-        const bool exists = table.Find(call.task.name) != nullptr;
-        if (exists && call.mustBeNew)
-            throw CClientError(EError::cRefused,
-                               "there is a task " + Quoted(call.task.name) +
-                                   " already; replace or edit it, or choose another name");
-        if (!exists && call.mustExist)
-            throw CClientError(EError::cNotFound, "there is no task " + Quoted(call.task.name) +
-                                                      "; names are compared byte for byte");
-    }
-}
-
-const TCall* FindChanged(const TTable& table, const std::vector<TCall>& calls) {
-    for (const TCall& call : calls) {
-        const TTaskEntry* const task = table.Find(call.task.name);
-        if (call.mustBeAsSeen && (task == nullptr || *task != call.seen))
-            return &call;
-    }
-    return nullptr;
-}
-
-// An active task that is due or about to be; null when there is none.
-const TTaskEntry* FindDue(const TTable& table) {
-    const TTime soon = Now() + cAboutToBeDue;
-    for (const TTaskEntry& task : table.tasks) {
-        if (!task.paused && task.next <= soon)
-            return &task;
-    }
-    return nullptr;
-}
-
 // Loads the add-in when nothing speaks against it. The mutex is held as a waiter, so that no holder
 // is cut off by the load, which sets it free; that is how it is given back. When the load fails, the
 // kernel gives it back at the end of this process, if it is still held.
-std::optional<CAddIn> Load(const TRequest& request) {
+std::optional<CAddIn> Load(TRequest& request) {
     CStoreLock lock{std::chrono::milliseconds(request.patience)};
     const std::string bytes = ReadBytes(TableFile("."));
     const TTable table = DecodeTable(bytes, Now());
-    for (const TProblem& problem : table.problems) {
-        if (problem.kind != TProblem::cUnusual)
-            throw CClientError(EError::cDamaged, problem.text + "; repair the table first");
-    }
-    CheckNames(table, request.calls);
-    if (const TTaskEntry* const due = FindDue(table); due != nullptr && !request.evenIfDue) {
+    if (const TTaskEntry* const due = FindDue(table, request)) {
         Tell(cMessageDue, due->name);
         return {};
     }
-    if (const TCall* const changed = FindChanged(table, request.calls)) {
+    CheckCalls(table, request);
+    if (const TCall* const changed = FindChanged(table, request)) {
         Tell(cMessageChanged, changed->task.name);
         return {};
     }
+    // In the same turn as the call, so that nobody takes a link away whose task is yet to come.
+    for (TCall& call : request.calls) {
+        if (const TTaskEntry* const task = table.Find(call.task.name))
+            call.seen = *task;
+        if (call.throughLink) {
+            call.task.program = MakeSchedulable(request.directory, call.task.program);
+            Tell(cMessageProgram, call.task.program);
+        }
+    }
     KeepBefore(".", bytes);
+    Tell(cMessageBegun, "");
     lock.Forget();
     const CStandingClock clock;
     return CAddIn(request.addIn);
@@ -133,6 +107,14 @@ void Create(const CAddIn& addIn, const TCall& call) {
                  call.task.parameter.c_str());
 }
 
+// By the clock's rule a task that runs once and whose time has come is removed unrun.
+void Resume(const CAddIn& addIn, const TCall& call) {
+    std::optional<CStandingClock> clock;
+    if (!call.mayRemove && call.seen.period == 0)
+        clock.emplace();
+    addIn.resume(call.task.name.c_str());
+}
+
 void Make(const CAddIn& addIn, const TCall& call) {
     const char* const name = call.task.name.c_str();
     switch (call.function) {
@@ -143,7 +125,7 @@ void Make(const CAddIn& addIn, const TCall& call) {
         case TCall::cPause:
             return addIn.pause(name);
         case TCall::cResume:
-            return addIn.resume(name);
+            return Resume(addIn, call);
         case TCall::cSetPeriod:
             addIn.setPeriod(name, call.task.period);
             return;
@@ -162,10 +144,7 @@ std::string ReadBack(const TRequest& request) {
     }
 }
 
-// In the same turn as the calls, so that nobody takes away a link whose task is yet to come.
 void TidyLinks(const TRequest& request, const std::string& bytes) {
-    if (!request.link.empty())
-        MakeLink(request.link, request.linkTarget);
     std::optional<TTable> table;
     try {
         table = DecodeTable(bytes, Now());
@@ -175,7 +154,17 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
     RemoveUnusedLinks(request.directory, *table);
 }
 
-void Serve(const TRequest& request) {
+// What a client of the superuser makes belongs to whom the store belongs to, or its host could not
+// use it: so this process becomes that user.
+void BecomeTheOwner() {
+    struct stat status {};
+    if (geteuid() != 0 || stat("files", &status) == -1 || status.st_uid == 0)
+        return;
+    if (setgroups(0, nullptr) == -1 || setgid(status.st_gid) == -1 || setuid(status.st_uid) == -1)
+        throw SystemError("cannot become the owner of the folder \"files\"", errno);
+}
+
+void Serve(TRequest& request) {
     pid_t started = 0;
     SetStartListener([&](pid_t process, int error) {
         // A start outside the schedule is not announced by the add-in, and the scheduling process
@@ -198,21 +187,26 @@ void Serve(const TRequest& request) {
         TidyLinks(request, bytes);
         Tell(cMessageTable, bytes);
     }
-    if (started != 0 && request.calls.back().waitForEnd)
-        Tell(cMessageEnded, std::to_string(WaitForEnd(started)));
+    if (started == 0 || !request.calls.back().waitForEnd)
+        return;
+    if (const std::optional<int> status = WaitForEnd(started))
+        Tell(cMessageEnded, std::to_string(*status));
 }
 
 int Main() {
     gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
-    const std::optional<TRequest> request = ReadRequest();
+    std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;
+    // Whoever ignores it loses the ends of children.
+    std::signal(SIGCHLD, SIG_DFL);
     VXC_SetLogSink([](const std::string& message, void*) { Tell(cMessageLog, message); }, nullptr);
     try {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
+        BecomeTheOwner();
         Serve(*request);
         return 0;
     } catch (const CClientError& error) {

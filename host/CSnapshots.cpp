@@ -1,0 +1,76 @@
+#include "host/CSnapshots.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <system_error>
+#include <vector>
+
+#include "host/CDescriptor.h"
+
+namespace fs = std::filesystem;
+
+static std::system_error Failure(const char* what, const fs::path& path) {
+    return {errno, std::generic_category(), fmt::format("cannot {} {}", what, path.string())};
+}
+
+static void Write(const fs::path& path, const std::string& bytes) {
+    const CDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!file.IsOpen())
+        throw Failure("create", path);
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t count = write(file.Get(), bytes.data() + done, bytes.size() - done);
+        if (count == -1 && errno != EINTR)
+            throw Failure("write", path);
+        done += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    if (fsync(file.Get()) == -1)
+        throw Failure("bring to the disk", path);
+}
+
+CSnapshots::CSnapshots(std::size_t most) : limit(most) {}
+
+fs::path CSnapshots::Folder() {
+    return "files/snapshots";
+}
+
+void CSnapshots::Keep(const std::string& bytes) {
+    if (limit == 0 || bytes == last)
+        return;
+    if (mkdir(Folder().c_str(), 0700) == -1 && errno != EEXIST)
+        throw Failure("create", Folder());
+    // By name in the order of their making.
+    const fs::path path =
+        Folder() / fmt::format("scheduler.dat.{:012}-{:06}", time(nullptr), number++ % 1'000'000);
+    const fs::path temporary = Folder() / "new";
+    try {
+        Write(temporary, bytes);
+    } catch (const std::system_error&) {
+        unlink(temporary.c_str());
+        throw;
+    }
+    if (rename(temporary.c_str(), path.c_str()) == -1)
+        throw Failure("name", path);
+    const CDescriptor folder(open(Folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.IsOpen() || fsync(folder.Get()) == -1)
+        throw Failure("bring to the disk", Folder());
+    last = bytes;
+    RemoveOldest();
+}
+
+void CSnapshots::RemoveOldest() {
+    std::vector<fs::path> files;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(Folder(), ignored)) {
+        if (entry.path().filename() != "new")
+            files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());
+    for (std::size_t index = 0; index + limit < files.size(); ++index)
+        unlink(files[index].c_str());
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+
+// The last good tables, in files/snapshots/: a bounded ring of files, each made in one step and
+// brought to the disk (temporary file, fsync, rename, fsync of the folder). For one thread.
+class CSnapshots {
+public:
+    // Of the working directory; keeps at most `most`, 0 none.
+    explicit CSnapshots(std::size_t most);
+
+    // Keeps `bytes` unless they are the last that were kept. Throws std::system_error.
+    void Keep(const std::string& bytes);
+
+    static std::filesystem::path Folder();
+
+private:
+    void RemoveOldest();
+
+    const std::size_t limit;
+    std::string last;
+    unsigned int number = 0;
+};

@@ -1,0 +1,130 @@
+#include "host/StartMarks.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+
+#include "client/Grid.h"
+#include "host/CHostLog.h"
+
+using vxsched::TTaskEntry;
+using vxsched::TTime;
+
+static constexpr char cFolder[] = "files/started";
+static constexpr std::size_t cLongestName = 200;
+
+// A task's name as a file's: what is not a letter or a digit as %XX.
+static std::string Encoded(const std::string& name) {
+    std::string encoded;
+    for (const char byte : name) {
+        const auto value = static_cast<unsigned char>(byte);
+        const bool isPlain = (value >= '0' && value <= '9') || (value >= 'a' && value <= 'z') ||
+                             (value >= 'A' && value <= 'Z');
+        encoded += isPlain ? std::string(1, byte) : fmt::format("%{:02x}", value);
+    }
+    return encoded;
+}
+
+static std::string Decoded(const std::string& encoded) {
+    std::string name;
+    for (std::size_t index = 0; index < encoded.size(); ++index) {
+        if (encoded[index] != '%') {
+            name += encoded[index];
+            continue;
+        }
+        unsigned int value = 0;
+        const char* const digits = encoded.data() + index + 1;
+        std::from_chars(digits, encoded.data() + std::min(encoded.size(), index + 3), value, 16);
+        name += static_cast<char>(value);
+        index += 2;
+    }
+    return name;
+}
+
+bool MakeMarkFolder() {
+    if (mkdir(cFolder, 0755) == 0 || errno == EEXIST)
+        return true;
+    LogWarning(fmt::format("cannot create {}: {}. After a kill in the middle of a tick, tasks may be "
+                           "started twice.",
+                           cFolder, std::strerror(errno)));
+    return false;
+}
+
+std::optional<std::string> MarkPath(const std::string& task, TTime due) {
+    const std::string name = Encoded(task);
+    if (name.size() > cLongestName)
+        return std::nullopt;
+    return fmt::format("{}/{}@{}", cFolder, name, due.time_since_epoch().count());
+}
+
+static std::optional<TStartMark> ReadMark(const std::filesystem::path& path) {
+    const std::string name = path.filename().string();
+    const std::size_t at = name.rfind('@');
+    std::int64_t due = 0;
+    struct stat status {};
+    if (at == std::string::npos || stat(path.c_str(), &status) != 0 ||
+        std::from_chars(name.data() + at + 1, name.data() + name.size(), due).ec != std::errc())
+        return std::nullopt;
+    return TStartMark{.task = Decoded(name.substr(0, at)),
+                      .due = TTime(std::chrono::seconds(due)),
+                      .started = TTime(std::chrono::seconds(status.st_mtime))};
+}
+
+std::vector<TStartMark> ReadMarks() {
+    std::vector<TStartMark> marks;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(cFolder, ignored)) {
+        if (const auto mark = ReadMark(entry.path()))
+            marks.push_back(*mark);
+    }
+    return marks;
+}
+
+void RemoveMark(const TStartMark& mark) {
+    if (const auto path = MarkPath(mark.task, mark.due))
+        unlink(path->c_str());
+}
+
+static bool IsOf(const TStartMark& mark, const TTaskEntry& task) {
+    return mark.task == task.name && mark.due == task.next;
+}
+
+std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,
+                       std::vector<TTaskEntry>& tasks) {
+    std::size_t changed = 0;
+    for (const TStartMark& mark : marks) {
+        const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
+            return IsOf(mark, each);
+        });
+        const auto step = task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);
+        if (task == tasks.end() || (task->period != 0 && step.count() == 0))
+            continue;
+        ++changed;
+        if (task->period == 0) {
+            tasks.erase(task);
+            continue;
+        }
+        task->last = std::max(task->last, mark.started);
+        task->next = vxsched::NextOnGrid(task->next, step,
+                                         std::max(now, task->next + std::chrono::seconds(1)));
+    }
+    return changed;
+}
+
+std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
+                                  const std::vector<TTaskEntry>& tasks) {
+    std::vector<TStartMark> shown;
+    std::copy_if(marks.begin(), marks.end(), std::back_inserter(shown),
+                 [&](const TStartMark& mark) {
+                     return std::none_of(
+                         tasks.begin(), tasks.end(),
+                         [&](const TTaskEntry& task) { return IsOf(mark, task); });
+                 });
+    return shown;
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/Table.h"
+
+// Marks of starts in files/started/: a file for each task and due time for which a program was
+// started, made by the program's own process right before it becomes the program. So a start and its
+// mark are one, also when the host is killed in between; and as long as the table does not show the
+// start, the mark does.
+
+struct TStartMark {
+    std::string task;
+    vxsched::TTime due;
+    vxsched::TTime started;  // when it was made
+};
+
+// Makes the folder in the working directory. False, with a line in the log, when that cannot be done.
+bool MakeMarkFolder();
+
+// The path of a start's mark; none for a task whose name is too long for a file's.
+std::optional<std::string> MarkPath(const std::string& task, vxsched::TTime due);
+
+std::vector<TStartMark> ReadMarks();
+void RemoveMark(const TStartMark& mark);
+
+// What the tasks should be for the starts that the table does not show: moved on behind a due time for
+// which there is a mark, or gone where they run once. `now` is what starts are moved on to. Returns
+// how many tasks were not as they should be.
+std::size_t ApplyMarks(const std::vector<TStartMark>& marks, vxsched::TTime now,
+                       std::vector<vxsched::TTaskEntry>& tasks);
+
+// The marks whose start the table shows, or whose task has gone.
+std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
+                                  const std::vector<vxsched::TTaskEntry>& tasks);
