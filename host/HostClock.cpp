@@ -39,9 +39,10 @@ CSignOfLife::CSignOfLife() {
     if (file.IsOpen() && ftruncate(file.Get(), sizeof(TSign)) == 0)
         memory = mmap(nullptr, sizeof(TSign), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
     if (memory == nullptr || memory == MAP_FAILED) {
-        LogWarning(fmt::format("cannot use {}: {}. After a kill, tasks that were due just before "
-                               "will count as missed.",
-                               cFile, std::strerror(errno)));
+        LogWarning(
+            fmt::format("cannot use {}: {}. After a kill, tasks that were due just before "
+                        "will count as missed.",
+                        cFile, std::strerror(errno)));
         memory = nullptr;
         return;
     }

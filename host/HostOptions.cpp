@@ -57,6 +57,11 @@ static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& 
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false))
         ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
+    app.add_option("--snapshots", options.snapshots,
+                   "How many of the last good tables are kept in files/snapshots; 0 keeps none")
+        ->type_name("COUNT")
+        ->capture_default_str()
+        ->check(CLI::Range(std::size_t{0}, std::size_t{100'000}).description(""));
     app.add_option("--patience", patience,
                    "Seconds to wait at the start for clients that are changing the table")
         ->type_name("SECONDS")

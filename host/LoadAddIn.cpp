@@ -2,49 +2,46 @@
 
 #include <fmt/format.h>
 
-#include <ctime>
-
 #include "client/CClientError.h"
-#include "client/Table.h"
+#include "client/Salvage.h"
+#include "client/Sources.h"
+#include "client/TableFile.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/CStoreGate.h"
-#include "host/MissedTasks.h"
+#include "host/PrepareTable.h"
+#include "host/StartMarks.h"
 
-using vxsched::TTable;
-using vxsched::TTime;
+using vxsched::TTaskEntry;
 
-static TTime TimeOfNow() {
-    return TTime(std::chrono::seconds(std::time(nullptr)));
-}
-
-// The caller holds the gate.
-static TTable ReadTableOfGate(TTime now) {
-    try {
-        return vxsched::DecodeTable(vxsched::ReadTableBytes("."), now);
-    } catch (const vxsched::CClientError& error) {
-        if (error.Code() != vxsched::EError::cDamaged)
-            throw CHostError(cNoDirectory, error.what());
-        throw CHostError(cBadTable,
-                         fmt::format("{}. Loading the add-in would reset files/scheduler.dat to a "
-                                     "table of no tasks, so it was left as it is. Put a sound copy "
-                                     "in its place, or move it away to begin with no tasks.",
-                                     error.what()));
+static void TellWhatIsUnusual(const std::string& bytes) {
+    for (const vxsched::TProblem& problem : vxsched::DecodeTable(bytes, vxsched::Now()).problems) {
+        if (problem.kind == vxsched::TProblem::cUnusual)
+            LogWarning(fmt::format("in the table, at offset {}: {}", problem.offset, problem.text));
     }
 }
 
-static void RequireSafeToLoad(const TTable& table) {
-    for (const vxsched::TProblem& problem : table.problems) {
-        if (problem.kind == vxsched::TProblem::cEndless)
-            throw CHostError(cBadTable, fmt::format("the table cannot be loaded: {}. Put a sound "
-                                                    "copy of files/scheduler.dat in its place.",
-                                                    problem.text));
-        LogWarning(fmt::format("in the table, at offset {}: {}", problem.offset, problem.text));
+// Makes the file a table that is sound and harmless, if it is none.
+static std::vector<TTaskEntry> MendTable() {
+    const std::string bytes = vxsched::ReadTableBytes(".");
+    const std::optional<vxsched::TSource> source = vxsched::FindSource(".");
+    vxsched::TRepair repair =
+        vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
+    if (repair.notes.empty()) {
+        TellWhatIsUnusual(bytes);
+        return std::move(repair.tasks);
     }
+    for (const std::string& note : repair.notes)
+        LogError(note);
+    const std::string aside = vxsched::PutAside(".", bytes).string();
+    vxsched::ReplaceTable(".", vxsched::EncodeTable(repair.tasks));
+    LogError(fmt::format("the table is mended, with {} task(s); the former one is {}",
+                         repair.tasks.size(), aside));
+    return std::move(repair.tasks);
 }
 
-static void TellMissed(const std::vector<TRunRecord>& missed, CRunHistory& history) {
-    for (const TRunRecord& run : missed) {
+static void Tell(const TPrepared& prepared, CRunHistory& history) {
+    for (const TRunRecord& run : prepared.missed) {
         const std::string due = UtcTime(*run.due);
         LogWarning(fmt::format("missed while no host ran: task \"{}\", due {}, {}: {} \"{}\"",
                                *run.task, due.empty() ? "at a time beyond every calendar" : due,
@@ -52,19 +49,37 @@ static void TellMissed(const std::vector<TRunRecord>& missed, CRunHistory& histo
                                run.program, run.parameter));
         history.Add(run);
     }
+    for (const TTaskEntry& task : prepared.late)
+        LogNotice(
+            fmt::format("task \"{}\" was due at {} under the former host, which was ended "
+                        "before it could start it: it is started now",
+                        task.name, UtcTime(task.next)));
 }
 
-std::unique_ptr<CAddInLibrary> LoadAddIn(const THostOptions& options, CRunHistory& history) {
+static void Prepare(vxsched::TTime lastWatch, CRunHistory& history) {
+    const std::vector<TTaskEntry> tasks = MendTable();
+    const std::vector<TStartMark> marks = ReadMarks();
+    const TPrepared prepared = PrepareTable(tasks, marks, lastWatch, vxsched::Now());
+    if (prepared.tasks != tasks)
+        vxsched::ReplaceTable(".", vxsched::EncodeTable(prepared.tasks));
+    Tell(prepared, history);
+    for (const TStartMark& mark : marks)
+        RemoveMark(mark);
+}
+
+std::unique_ptr<CAddInLibrary> LoadAddIn(
+    const THostOptions& options, vxsched::TTime lastWatch, CRunHistory& history,
+    const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
     CStoreGate gate(options.patience);
-    const TTime before = TimeOfNow();
-    const TTable table = ReadTableOfGate(before);
-    RequireSafeToLoad(table);
-    TellMissed(FindMissed(table.tasks, before), history);
-    auto library = std::make_unique<CAddInLibrary>(options.addIn);
+    try {
+        Prepare(lastWatch, history);
+    } catch (const vxsched::CClientError& error) {
+        throw CHostError(cBadTable,
+                         fmt::format("cannot make the table fit to be loaded: {}. It was "
+                                     "left as it is.",
+                                     error.what()));
+    }
+    auto library = load();
     gate.Loaded();
-    const TTime after = TimeOfNow();
-    if (after != before)
-        TellMissed(FindMissedMeanwhile(table.tasks, before, after, ReadTableOfGate(after).tasks),
-                   history);
     return library;
 }

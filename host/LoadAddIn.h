@@ -1,13 +1,20 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
+#include "client/Table.h"
 #include "host/CAddInLibrary.h"
 #include "host/CRunHistory.h"
 #include "host/HostOptions.h"
 
-// Reads the table of the working directory, logs and records each task that was due while no host
-// ran, and loads the add-in, which moves these on or removes them; clients are kept out from the
-// first to the last of it. Throws CHostError: cBadTable when the table is damaged or a load would not
-// come back from it, cNoAddIn, cNoStore, cNoDirectory.
-std::unique_ptr<CAddInLibrary> LoadAddIn(const THostOptions& options, CRunHistory& history);
+// Makes the table of the working directory fit for the add-in, and has `load` load it; clients are
+// kept out from the first to the last of it. Of a damaged table what can be read is kept and the
+// youngest copy fills in the rest, of one that a load would never come back from the start is moved;
+// the log says task by task what was done, and the former file is put aside. Tasks that were due while
+// no host ran are moved on or removed, logged and recorded; those that came due by `lastWatch` stay
+// due. `load` is to change nothing in the table. Throws CHostError: cBadTable when the table cannot be
+// mended, cNoAddIn, cNoStore, cNoDirectory.
+std::unique_ptr<CAddInLibrary> LoadAddIn(
+    const THostOptions& options, vxsched::TTime lastWatch, CRunHistory& history,
+    const std::function<std::unique_ptr<CAddInLibrary>()>& load);

@@ -21,6 +21,7 @@
 #include "host/CHostLog.h"
 #include "host/CProgramOutput.h"
 #include "host/CStartedPrograms.h"
+#include "host/StartMarks.h"
 
 namespace {
 
@@ -52,9 +53,12 @@ private:
 class CSpawnActions {
 public:
     // Nothing to read at standard input, `output` (-1: the host's own) as standard output and error,
-    // and nothing open beyond.
-    explicit CSpawnActions(int output) {
+    // and nothing open beyond. The new process leaves `mark`, if there is one.
+    CSpawnActions(int output, const std::optional<std::string>& mark) {
         posix_spawn_file_actions_init(&actions);
+        if (mark)
+            posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, mark->c_str(),
+                                             O_WRONLY | O_CREAT, 0600);
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         if (output != -1) {
             posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
@@ -105,10 +109,18 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     TRunRecord run = Describe(path, arguments);
     const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     const CSpawnAttributes cleanAttributes;
-    const CSpawnActions cleanActions(output.Get());
-    const int result =
-        system(process, path, actions != nullptr ? actions : cleanActions.Get(),
-               attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, environment);
+    const auto start = [&](const std::optional<std::string>& mark) {
+        const CSpawnActions cleanActions(output.Get(), mark);
+        return system(process, path, actions != nullptr ? actions : cleanActions.Get(),
+                      attributes != nullptr ? attributes : cleanAttributes.Get(), arguments,
+                      environment);
+    };
+    const std::optional<std::string> mark =
+        run.task && run.due ? MarkPath(*run.task, *run.due) : std::nullopt;
+    int result = start(mark);
+    // Rather a start without a mark than none, on a disk without room for one.
+    if (result != 0 && mark && access(mark->c_str(), F_OK) != 0)
+        result = start(std::nullopt);
     if (result == 0) {
         run.process = *process;
         CStartedPrograms::Instance().Started(run);

@@ -50,9 +50,10 @@ static std::string Decoded(const std::string& encoded) {
 bool MakeMarkFolder() {
     if (mkdir(cFolder, 0755) == 0 || errno == EEXIST)
         return true;
-    LogWarning(fmt::format("cannot create {}: {}. After a kill in the middle of a tick, tasks may be "
-                           "started twice.",
-                           cFolder, std::strerror(errno)));
+    LogWarning(
+        fmt::format("cannot create {}: {}. After a kill in the middle of a tick, tasks may be "
+                    "started twice.",
+                    cFolder, std::strerror(errno)));
     return false;
 }
 
@@ -99,10 +100,10 @@ std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,
                        std::vector<TTaskEntry>& tasks) {
     std::size_t changed = 0;
     for (const TStartMark& mark : marks) {
-        const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
-            return IsOf(mark, each);
-        });
-        const auto step = task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);
+        const auto task = std::find_if(tasks.begin(), tasks.end(),
+                                       [&](const TTaskEntry& each) { return IsOf(mark, each); });
+        const auto step =
+            task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);
         if (task == tasks.end() || (task->period != 0 && step.count() == 0))
             continue;
         ++changed;
@@ -122,9 +123,8 @@ std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
     std::vector<TStartMark> shown;
     std::copy_if(marks.begin(), marks.end(), std::back_inserter(shown),
                  [&](const TStartMark& mark) {
-                     return std::none_of(
-                         tasks.begin(), tasks.end(),
-                         [&](const TTaskEntry& task) { return IsOf(mark, task); });
+                     return std::none_of(tasks.begin(), tasks.end(),
+                                         [&](const TTaskEntry& task) { return IsOf(mark, task); });
                  });
     return shown;
 }

@@ -22,11 +22,15 @@
 #include "host/CServiceManager.h"
 #include "host/CSignals.h"
 #include "host/CStartedPrograms.h"
+#include "host/CStoreGate.h"
+#include "host/CTableGuard.h"
+#include "host/HostClock.h"
 #include "host/HostOptions.h"
 #include "host/LoadAddIn.h"
 #include "host/NamespaceChecks.h"
 #include "host/ProgramStart.h"
 #include "host/SetUpCheck.h"
+#include "host/StartMarks.h"
 #include "host/StopEvent.h"
 #include "host/WorkDirectory.h"
 
@@ -42,13 +46,25 @@ static void OpenStandardDescriptors() {
 }
 
 // Runs on the thread that noticed, the worker or the one that loads the add-in.
-static void OnInformation(const std::string& name, int value, void* /*context*/) {
+static void OnInformation(const std::string& name, int value, void* context) {
     const std::string text = fmt::format("the add-in reports {} = {}", name, value);
-    if (name == "TasksDeleted")
-        LogError(text);
-    else
+    if (name != "TasksDeleted") {
         LogInfo(text);
+        return;
+    }
+    LogError(text);
+    if (context != nullptr)
+        static_cast<CTableGuard*>(context)->TasksDeleted();
 }
+
+// Who is told of the add-in's information, for as long as this object lives.
+class CInformed {
+public:
+    explicit CInformed(CTableGuard& guard) { VXC_SetInformationListener(OnInformation, &guard); }
+    ~CInformed() { VXC_SetInformationListener(OnInformation, nullptr); }
+    CInformed(const CInformed&) = delete;
+    CInformed& operator=(const CInformed&) = delete;
+};
 
 static void WarnOfTraps() {
     for (const std::string& warning : WarningsOfOtherUsers())
@@ -126,7 +142,15 @@ static void Run(const THostOptions& options) {
     programs.RecordIn(&history);
 
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
-    const std::unique_ptr<CAddInLibrary> library = LoadAddIn(options, history);
+    MakeMarkFolder();
+    CSignOfLife sign;
+    std::unique_ptr<CAddInLibrary> library = LoadAddIn(options, sign.LastWatch(), history, [&] {
+        const CStandingClock clock;
+        return std::make_unique<CAddInLibrary>(options.addIn);
+    });
+    sign.Begin();
+    CTableGuard guard(options.snapshots);
+    const CInformed informed(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
     {
         const CRunningWorker worker(library->AddIn());
@@ -140,8 +164,14 @@ static void Run(const THostOptions& options) {
         if (loop.StopSignal())
             LogInfo(fmt::format("stopping on SIG{}", sigabbrev_np(*loop.StopSignal())));
     }
+    sign.Stop();
     if (options.runOnce)
         loop.WaitForPrograms();
+    {
+        // A client that is making a change needs the store mutex, which goes with the add-in.
+        const auto turn = TakeTurn(options.patience);
+        library.reset();
+    }
     programs.CollectFinished();
     programs.Leave();
     programs.RecordIn(nullptr);

@@ -172,8 +172,8 @@ TEST(CliSafety, HolderThatIsStoppedIsNotCutOff) {
 // ---- Hosts that come and go -------------------------------------------------------------------
 
 static std::unique_ptr<CProgram> StartHost() {
-    auto host = std::make_unique<CProgram>(
-        std::vector<std::string>{HOST_PROGRAM, "--directory", "."});
+    auto host =
+        std::make_unique<CProgram>(std::vector<std::string>{HOST_PROGRAM, "--directory", "."});
     EXPECT_TRUE(host->WaitForOutput(" as process ")) << host->Output();
     return host;
 }

@@ -121,19 +121,30 @@ TEST(HostStart, GoesOverAHolderThatIsTakenForHungAndTells) {
     close(files);
 }
 
+static std::string PutAsideFile() {
+    for (const auto& entry : std::filesystem::directory_iterator("files")) {
+        if (entry.path().filename().string().starts_with("scheduler.dat.damaged-"))
+            return entry.path();
+    }
+    return "";
+}
+
 // ---- What it cannot run with
 // --------------------------------------------------------------------------------------------
 
-TEST(HostStart, TableThatALoadWouldNotComeBackFromIsRefused) {
-    const TRows table = {{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0}};
+TEST(HostStart, TableThatALoadWouldNotComeBackFromIsMended) {
+    const TRows table = {{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0},
+                         {"sound", 4'000'000'000, 0, 1, "/bin/program", "", 0}};
     WriteTable(table);
-    CProgram host(HostWith({}));
-    EXPECT_EQ(host.Wait(), 6);
-    EXPECT_NE(host.Output().find("vxschedd: the table cannot be loaded: task \"endless\" has a "
-                                 "period of 268435456 hours"),
-              std::string::npos)
+    const std::string before = ReadFile(cTable);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput("altered \"endless\": its period of 268435456 hours"), 1U)
         << host.Output();
-    EXPECT_EQ(ReadTable(), table);
+    EXPECT_EQ(ReadTable().at(0).period, 1193046U);
+    EXPECT_EQ(ReadTable().at(0).paused, 1U);
+    EXPECT_EQ(ReadTable().at(1), table[1]);
+    EXPECT_EQ(ReadFile(PutAsideFile()), before);
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 TEST(HostStart, OddTableIsLoadedAndTold) {

@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <host/CDueTasks.h>
-#include <host/MissedTasks.h>
+#include <host/CSnapshots.h>
+#include <host/PrepareTable.h>
+#include <host/StartMarks.h>
 
 #include <ctime>
 #include <filesystem>
+#include <set>
 
+#include "Process.h"
 #include "TableFile.h"
 
 using vxsched::TTaskEntry;
@@ -111,7 +115,7 @@ TEST(DueTasks, AreReadFromTheTableInTheDirectory) {
     EXPECT_EQ(tasks.Find("/bin/program", "x"), std::nullopt);
 }
 
-// ---- Which tasks a load passes over
+// ---- What becomes of the table before the load
 // ----------------------------------------------------------------------------
 
 static std::string Named(const std::vector<TRunRecord>& missed) {
@@ -121,7 +125,19 @@ static std::string Named(const std::vector<TRunRecord>& missed) {
     return names;
 }
 
-TEST(MissedTasks, AreThoseThatTheLoadMovesOnOrRemoves) {
+static TPrepared Prepared(const std::vector<TTaskEntry>& table,
+                          const std::vector<TStartMark>& marks = {}, TTime lastWatch = {}) {
+    return PrepareTable(table, marks, lastWatch, cNow);
+}
+
+static std::string NamesOf(const std::vector<TTaskEntry>& tasks) {
+    std::string names;
+    for (const TTaskEntry& task : tasks)
+        names += task.name + ';';
+    return names;
+}
+
+TEST(PrepareTable, TasksThatWereDueAreMovedOnOrRemoved) {
     const std::vector<TTaskEntry> table = {Task("past", Later(-1), "/p", ""),
                                            Task("now", cNow, "/p", ""),
                                            Task("future", Later(1), "/p", ""),
@@ -130,12 +146,15 @@ TEST(MissedTasks, AreThoseThatTheLoadMovesOnOrRemoves) {
                                            Task("once future", Later(1), "/p", "", 0),
                                            Task("paused", Later(-1), "/p", "", 1, true),
                                            Task("once paused", Later(-1), "/p", "", 0, true)};
-    EXPECT_EQ(Named(FindMissed(table, cNow)),
-              "past on;once past removed;once now removed;once paused removed;");
+    const TPrepared prepared = Prepared(table);
+    EXPECT_EQ(Named(prepared.missed), "past on;once past removed;");
+    EXPECT_EQ(NamesOf(prepared.tasks), "past;now;future;once now;once future;paused;once paused;");
+    EXPECT_EQ(prepared.tasks[0].next, Later(3599)) << "on its grid";
+    EXPECT_EQ(prepared.tasks[5], table[6]) << "a paused one stays as it is";
 }
 
-TEST(MissedTasks, HaveTheirDueTimeAndCommand) {
-    const auto missed = FindMissed({Task("past", Later(-7), "/bin/run", "x")}, cNow);
+TEST(PrepareTable, MissedOnesHaveTheirDueTimeAndCommand) {
+    const auto missed = Prepared({Task("past", Later(-7), "/bin/run", "x")}).missed;
     ASSERT_EQ(missed.size(), 1U);
     EXPECT_EQ(missed[0].due, Later(-7));
     EXPECT_EQ(missed[0].program, "/bin/run");
@@ -143,16 +162,74 @@ TEST(MissedTasks, HaveTheirDueTimeAndCommand) {
     EXPECT_EQ(missed[0].process, 0);
 }
 
-TEST(MissedTasks, BecomingDueWhileTheLoadWentOnCountOnlyIfItPassedThemOver) {
-    const std::vector<TTaskEntry> table = {
-        Task("before", Later(-1), "/p", ""), Task("passed over", cNow, "/p", ""),
-        Task("kept", cNow, "/p", "k"), Task("removed", Later(1), "/p", "", 0),
-        Task("future", Later(2), "/p", "")};
-    std::vector<TTaskEntry> after = table;
-    after[0].next = Later(3599);
-    after[1].next = Later(3600);
-    after.erase(after.begin() + 3);
-    EXPECT_EQ(Named(FindMissedMeanwhile(table, cNow, Later(1), after)),
-              "passed over on;removed removed;");
-    EXPECT_EQ(Named(FindMissedMeanwhile(table, cNow, cNow, after)), "");
+TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
+    const std::vector<TTaskEntry> table = {Task("watched", Later(-7), "/p", ""),
+                                           Task("once watched", Later(-7), "/p", "", 0),
+                                           Task("later", Later(-6), "/p", "")};
+    const TPrepared prepared = Prepared(table, {}, Later(-7));
+    EXPECT_EQ(NamesOf(prepared.late), "watched;once watched;");
+    EXPECT_EQ(Named(prepared.missed), "later on;");
+    EXPECT_EQ(prepared.tasks[0], table[0]);
+    EXPECT_EQ(prepared.tasks[1], table[1]);
+}
+
+TEST(PrepareTable, WhatWasStartedIsNotStartedAgain) {
+    const std::vector<TTaskEntry> table = {Task("started", Later(-7), "/p", ""),
+                                           Task("once started", Later(-7), "/p", "", 0),
+                                           Task("not", Later(-7), "/p", "")};
+    const std::vector<TStartMark> marks = {
+        {.task = "started", .due = Later(-7), .started = Later(-6)},
+        {.task = "once started", .due = Later(-7), .started = Later(-5)},
+        {.task = "not", .due = Later(-3607), .started = Later(-3600)}};
+    const TPrepared prepared = Prepared(table, marks, cNow);
+    EXPECT_EQ(NamesOf(prepared.tasks), "started;not;");
+    EXPECT_EQ(prepared.tasks[0].next, Later(3593));
+    EXPECT_EQ(prepared.tasks[0].last, Later(-6));
+    EXPECT_EQ(NamesOf(prepared.late), "not;");
+    EXPECT_EQ(Named(prepared.missed), "");
+}
+
+TEST(StartMarks, AreFoundByTaskAndDueTimeWhateverTheName) {
+    std::filesystem::create_directory("files");
+    ASSERT_TRUE(MakeMarkFolder());
+    ASSERT_TRUE(MakeMarkFolder()) << "it may be there already";
+    for (const char* const name : {"plain", "a/b", "..", "at@5", "%41", "\xff blank"}) {
+        const auto path = MarkPath(name, Later(3));
+        ASSERT_TRUE(path.has_value());
+        WriteFile(*path, "");
+        const std::vector<TStartMark> marks = ReadMarks();
+        ASSERT_EQ(marks.size(), 1U) << name;
+        EXPECT_EQ(marks[0].task, name);
+        EXPECT_EQ(marks[0].due, Later(3));
+        RemoveMark(marks[0]);
+        EXPECT_TRUE(ReadMarks().empty()) << name;
+    }
+    EXPECT_FALSE(MarkPath(std::string(250, 'n'), cNow).has_value());
+}
+
+TEST(StartMarks, AreShownByATableThatHasMovedOn) {
+    const std::vector<TStartMark> marks = {{.task = "moved", .due = cNow, .started = cNow},
+                                           {.task = "behind", .due = cNow, .started = cNow},
+                                           {.task = "gone", .due = cNow, .started = cNow}};
+    const auto shown =
+        FindShown(marks, {Task("moved", Later(3600), "/p", ""), Task("behind", cNow, "/p", "")});
+    ASSERT_EQ(shown.size(), 2U);
+    EXPECT_EQ(shown[0].task, "moved");
+    EXPECT_EQ(shown[1].task, "gone");
+}
+
+TEST(Snapshots, AreABoundedRingOfWholeTables) {
+    std::filesystem::create_directory("files");
+    CSnapshots snapshots(3);
+    for (const char* const bytes : {"one", "two", "two", "three", "four"})
+        snapshots.Keep(bytes);
+    std::set<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+        kept.insert(ReadFile(entry.path()));
+    EXPECT_EQ(kept, (std::set<std::string>{"two", "three", "four"}));
+    CSnapshots none(0);
+    none.Keep("five");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(CSnapshots::Folder()),
+                            std::filesystem::directory_iterator()),
+              3);
 }

@@ -252,15 +252,22 @@ TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(Host, DamagedTableIsRefusedAndLeftAsItIs) {
+TEST(Host, DamagedTableIsPutAsideAndNothingThatCanBeReadIsLost) {
+    const TRow row{"whole", 4'000'000'000, 0, 1, "/bin/program", "", 0};
+    const std::string damaged = BytesOf({row, row}).substr(0, BytesOf({row}).size() + 5);
     std::filesystem::create_directory("files");
-    WriteFile(cTable, "damaged");
-    CProgram host({HOST_PROGRAM, "--directory", "."});
-    EXPECT_EQ(host.Wait(), 6);
-    EXPECT_NE(host.Output().find("vxschedd: the table is damaged at offset 0"), std::string::npos)
-        << host.Output();
-    EXPECT_EQ(ReadFile(cTable), "damaged");
-    EXPECT_EQ(CountSemaphoreSets(), 0);
+    WriteFile(cTable, damaged);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput("the table is damaged at offset"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("kept \"whole\" from the damaged table"), 1U) << host.Output();
+    EXPECT_EQ(ReadTable(), TRows{row});
+    EXPECT_EQ(host.Stop(), 0);
+    std::size_t aside = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("files")) {
+        if (entry.path().string().find(".damaged-") != std::string::npos)
+            aside += ReadFile(entry.path()) == damaged ? 1 : 10;
+    }
+    EXPECT_EQ(aside, 1U);
 }
 
 TEST(Host, StartedWithoutStandardErrorItKeepsItsLogOutOfTheTable) {

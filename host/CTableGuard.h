@@ -1,0 +1,53 @@
+#pragma once
+
+#include <atomic>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "client/Table.h"
+#include "host/CDescriptor.h"
+#include "host/CSnapshots.h"
+
+// Looks after the table while the host runs, on a thread of its own: whenever the file changes it is
+// read under the store mutex. A good one is kept as a snapshot; in the place of a damaged one, or of
+// one that has lost tasks other than by their removal, the last good one is put, with the starts that
+// were made meanwhile, and the worker is told.
+//
+// What counts as a removal: each save that was seen may take one task away, a task that ran once and
+// was due may be gone, and who replaces the whole table (an import, a repair) may do anything.
+class CTableGuard {
+public:
+    // Of the working directory, whose table has just been loaded.
+    explicit CTableGuard(std::size_t snapshots);
+    ~CTableGuard();
+    CTableGuard(const CTableGuard&) = delete;
+    CTableGuard& operator=(const CTableGuard&) = delete;
+
+    // The add-in has emptied its list for a failure. From any thread; does not wait.
+    void TasksDeleted();
+
+private:
+    struct TSaves {
+        std::size_t count = 0;  // that may each have removed a task
+        bool replacedWhole = false;
+    };
+
+    void Run();
+    void TakeEvents();
+    bool Look();
+    void LookAt(const std::string& bytes);
+    void Restore(const std::string& bytes, const std::string& why,
+                 std::vector<vxsched::TTaskEntry> tasks);
+    std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
+    void Keep(const std::string& bytes, std::vector<vxsched::TTaskEntry> tasks);
+
+    CDescriptor changes;  // inotify
+    CDescriptor calls;    // an eventfd: something is to be looked at
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> deleted{false};
+    TSaves saves;
+    std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
+    CSnapshots snapshots;
+    std::thread thread;
+};

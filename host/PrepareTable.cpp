@@ -1,0 +1,41 @@
+#include "host/PrepareTable.h"
+
+#include <utility>
+
+#include "client/Grid.h"
+
+using vxsched::TTaskEntry;
+using vxsched::TTime;
+
+static TRunRecord MissedRun(const TTaskEntry& task) {
+    TRunRecord record;
+    record.outcome = task.period == 0 ? TRunRecord::cRemovedUnrun : TRunRecord::cMovedOn;
+    record.task = task.name;
+    record.due = task.next;
+    record.program = task.program;
+    record.parameter = task.parameter;
+    return record;
+}
+
+TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMark>& marks,
+                       TTime lastWatch, TTime now) {
+    ApplyMarks(marks, now, tasks);
+    TPrepared prepared;
+    for (TTaskEntry& task : tasks) {
+        if (task.paused || task.next >= now) {
+            prepared.tasks.push_back(std::move(task));
+            continue;
+        }
+        if (task.next <= lastWatch) {
+            prepared.late.push_back(task);
+            prepared.tasks.push_back(std::move(task));
+            continue;
+        }
+        prepared.missed.push_back(MissedRun(task));
+        if (task.period == 0)
+            continue;
+        task.next = vxsched::NextOnGrid(task.next, vxsched::StepOf(task.period), now);
+        prepared.tasks.push_back(std::move(task));
+    }
+    return prepared;
+}

@@ -1,0 +1,293 @@
+// A host that loses nothing: damaged and emptied tables are restored while it runs, and whatever is
+// killed, each due time is started once.
+
+#include <client/CStoreLock.h>
+#include <client/SchedulingProcess.h>
+#include <client/Table.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "AddinLibrary.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+static constexpr std::int64_t cFar = 4'000'000'000;
+
+static TRow Row(const std::string& name) {
+    return {name, cFar, 0, 24, "/bin/program", "a parameter", 0};
+}
+
+static const TRows cThree = {Row("first"), Row("second"), Row("third")};
+
+static std::size_t CountIn(const std::string& folder, const std::string& text = "") {
+    std::size_t count = 0;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(folder, ignored))
+        count += entry.path().filename().string().find(text) != std::string::npos ? 1 : 0;
+    return count;
+}
+
+static void WaitForTable(const TRows& rows) {
+    WaitUntil([&] { return ReadFile(cTable) == BytesOf(rows); });
+}
+
+// Tells the worker that the table was changed, and has it tick.
+static void WakeChanged() {
+    vxsched::AnnounceChange();
+    vxsched::WakeSchedulingProcess();
+}
+
+// ---- While it runs ----------------------------------------------------------------------------
+
+TEST(HostGuard, EveryGoodTableIsKept) {
+    WriteTable(cThree);
+    CHost host(HostWith({"--snapshots", "2"}));
+    WaitUntil([] { return CountIn("files/snapshots", "scheduler.dat") == 1; });
+    for (const char* const name : {"first", "second", "third"})
+        EXPECT_EQ(RunTool({"pause", name}).status, 0);
+    TRows paused = cThree;
+    for (TRow& row : paused)
+        row.paused = 1;
+    WaitUntil([&] {
+        for (const auto& entry : fs::directory_iterator("files/snapshots")) {
+            if (ReadFile(entry.path()) == BytesOf(paused))
+                return true;
+        }
+        return false;
+    });
+    WaitUntil([] { return CountIn("files/snapshots") <= 2; });
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, DamagedTableIsReplacedByTheLastGoodOne) {
+    WriteTable(cThree);
+    CHost host;
+    const std::string damaged = BytesOf(cThree).substr(0, 60);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteFile(cTable, damaged);
+    }
+    WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
+    EXPECT_EQ(host.CountInOutput("kept \"third\" from the last good table"), 1U) << host.Output();
+    EXPECT_EQ(CountIn("files", ".damaged-"), 1U);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadTable(), cThree);
+}
+
+TEST(HostGuard, TableThatACarelessClientEmptiesIsRestored) {
+    WriteTable(cThree);
+    CHost host;
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteFile(cTable, BytesOf({}));
+    }
+    WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table has lost \"first\", \"second\", \"third\""))
+        << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, RemovalsAndImportsAreNotUndone) {
+    WriteTable(cThree);
+    CHost host;
+    EXPECT_EQ(RunTool({"remove", "first", "third"}).status, 0);
+    EXPECT_EQ(NamesInTable(), "second");
+    EXPECT_EQ(RunTool({"remove", "second"}).status, 0);
+    EXPECT_EQ(RunTool({"import", "--replace"}, {}, R"({"version": 1, "tasks": []})").status, 0);
+    EXPECT_EQ(RunTool({"create", "new", "--at", "in 1h", "--", PROGRAMS "/record-start"}).status,
+              0);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(NamesInTable(), "new");
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+}
+
+TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
+    WriteTable(cThree);
+    CHost host;
+    EXPECT_EQ(RunTool({"import", "--replace"}, {}, R"({"version": 1, "tasks": []})").status, 0);
+    EXPECT_EQ(RunTool({"create", "new", "--at", "in 1h", "--", PROGRAMS "/record-start"}).status,
+              0);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(NamesInTable(), "new");
+}
+
+// The add-in empties its list when it cannot write, and says so.
+TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
+    TRows rows = cThree;
+    rows.push_back({"due", cFar, 0, 24, PROGRAMS "/append-line", "log", 0});
+    rows[0].parameters = std::string(10'000, 'p');
+    WriteTable(rows);
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    CHost host;
+    // No file of the host's may grow beyond a few blocks, as on a disk that is full.
+    const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
+    rlimit before{};
+    ASSERT_EQ(prlimit(host.Id(), RLIMIT_FSIZE, &limit, &before), 0);
+    rows[3].next = std::time(nullptr);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteTable(rows);
+    }
+    WakeChanged();
+    EXPECT_TRUE(host.WaitForOutput("the add-in reports TasksDeleted = 1")) << host.Output();
+    ASSERT_EQ(prlimit(host.Id(), RLIMIT_FSIZE, &before, nullptr), 0);
+    WaitUntil([&] { return vxsched::ReadTable(".", 10s).Find("due")->last != vxsched::TTime(); });
+    const TRows after = ReadTable();
+    ASSERT_EQ(after.size(), 4U);
+    EXPECT_EQ(after[3].next, rows[3].next + 24 * 3600);
+    EXPECT_EQ(after[0], rows[0]);
+    WaitUntil(WorkerRests);
+    EXPECT_EQ(RunTool({"wake"}).status, 0);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n") << "it was started once";
+}
+
+// ---- After a kill -----------------------------------------------------------------------------
+
+TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
+    // The program ends its parent's parent in the middle of the tick: the start is made, not saved.
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-line", "log", 0}});
+    CHost host;
+    TRows rows = ReadTable();
+    rows[0].next = std::time(nullptr);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteTable(rows);
+    }
+    WakeChanged();
+    WaitUntil([] { return fs::exists("log"); });  // and the tick pauses for two seconds
+    host.Kill(SIGKILL);
+    host.Wait();
+    EXPECT_EQ(ReadTable(), rows) << "not saved";
+    CHost next;
+    EXPECT_EQ(ReadTable()[0].next, rows[0].next + 24 * 3600);
+    EXPECT_NE(ReadTable()[0].last, 0);
+    EXPECT_EQ(next.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n");
+}
+
+TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
+    WriteTable({Row("other")});
+    {
+        CHost host;
+        host.Kill(SIGKILL);
+        host.Wait();
+    }
+    const std::int64_t due = std::time(nullptr);
+    WriteTable({{"due", due, 0, 24, PROGRAMS "/append-line", "log", 0},
+                {"once", due, 0, 0, PROGRAMS "/append-line", "once", 0},
+                {"missed", due - 1'000'000, 0, 24, PROGRAMS "/append-line", "missed", 0}});
+    WaitUntil([&] { return std::time(nullptr) > due; });
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    // The one far back was due long before the former host, which would have started it: it counts
+    // as watched as well, and is started once.
+    CHost host;
+    WaitUntil([] { return fs::exists("log") && fs::exists("missed"); });
+    EXPECT_EQ(RunTool({"wake"}).status, 0);
+    WaitUntil([] { return fs::exists("once"); });
+    EXPECT_EQ(host.CountInOutput("was due at"), 3U) << host.Output();
+    WaitUntil(WorkerRests);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadTable().at(0).next, due + 24 * 3600) << "on its grid";
+    EXPECT_EQ(ReadFile("log"), "log\n");
+}
+
+// ---- Proof: kills at random moments -----------------------------------------------------------
+
+static std::size_t LinesIn(const std::string& path) {
+    const std::string text = fs::exists(path) ? ReadFile(path) : "";
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+static std::unique_ptr<CHost> StartHost() {
+    return std::make_unique<CHost>();
+}
+
+// One round: a task is made due under a running host, other changes go on beside, and something is
+// killed. After a restart every task is there, and the task was started once if it was made due.
+static void KillSomething(int round, std::mt19937& random, std::size_t& expected) {
+    const auto random_ = [&](int most) { return std::uniform_int_distribution<>(0, most)(random); };
+    std::unique_ptr<CHost> host = StartHost();
+    const auto nextOf = [] { return vxsched::ReadTable(".", 30s).Find("job")->next; };
+    const vxsched::TTime before = nextOf();
+    // A phase of its own in each round, so that a start can be told from none.
+    const std::string due = "@" + std::to_string(std::time(nullptr) - round % 50);
+    CProgram edit({TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"});
+    CProgram pause({TOOL_PROGRAM, round % 2 == 0 ? "pause" : "resume", "other"});
+    std::this_thread::sleep_for(std::chrono::microseconds(random_(20'000)));
+    const int victim = random_(3);
+    if (victim == 0 || victim == 3)
+        edit.Kill(SIGKILL);
+    if (victim != 0)
+        host->Kill(SIGKILL);
+    edit.Wait();
+    pause.Wait();
+    if (victim == 0)
+        EXPECT_EQ(host->Stop(), 0);
+    else
+        host->Wait();
+    host = StartHost();
+    EXPECT_EQ(RunTool({"wake"}).status, 0);
+    EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for what is due";
+    WaitUntil(WorkerRests);
+    expected += nextOf() != before ? 1 : 0;
+    WaitUntil([&] { return LinesIn("log") >= expected; });
+    EXPECT_EQ(LinesIn("log"), expected) << "in round " << round;
+    EXPECT_EQ(vxsched::ReadTable(".", 30s).tasks.size(), 4U);
+    EXPECT_EQ(host->Stop(), 0);
+}
+
+class HostKilled : public testing::TestWithParam<int> {};
+
+TEST_P(HostKilled, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
+    constexpr int cStores = 5;
+    constexpr int cRounds = 50;
+    std::vector<std::unique_ptr<CForkedChild>> stores;
+    for (int store = 0; store < cStores; ++store) {
+        stores.push_back(std::make_unique<CForkedChild>([store] {
+            const std::string folder = "store " + std::to_string(store);
+            if (unshare(CLONE_NEWIPC) != 0)
+                return 1;
+            fs::create_directories(folder + "/files");
+            fs::current_path(folder);
+            for (const auto& [name, value] : WithoutPauses())
+                setenv(name.c_str(), value.c_str(), 1);
+            WriteTable({Row("first"),
+                        Row("other"),
+                        Row("third"),
+                        {"job", cFar, 0, 24, PROGRAMS "/append-line", fs::absolute("log"), 0}});
+            std::mt19937 random(static_cast<unsigned int>(GetParam() * cStores + store));
+            std::size_t expected = 0;
+            for (int round = 0; round < cRounds && !testing::Test::HasFailure(); ++round)
+                KillSomething(round, random, expected);
+            EXPECT_GT(expected, static_cast<std::size_t>(cRounds / 4)) << "something was started";
+            return testing::Test::HasFailure() ? 2 : 42;
+        }));
+    }
+    for (const auto& store : stores)
+        EXPECT_EQ(store->Wait(), 42);
+}
+
+INSTANTIATE_TEST_SUITE_P(Quarter, HostKilled, testing::Range(0, 4));
