@@ -2,6 +2,7 @@
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -52,11 +53,12 @@ CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
 CStoreLock::~CStoreLock() {
     if (set == -1)
         return;
-    // Only while it is held: a load of the library by somebody else may have set it free, and giving
-    // it back as well would let two in at once.
-    sembuf give[] = {{.sem_num = 0, .sem_op = 0, .sem_flg = IPC_NOWAIT},
-                     {.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO}};
-    semop(set, give, 2);
+    // A load of the library by somebody else may have set it free meanwhile, and giving it back as
+    // well would let two in at once. While it is held nobody but its holder has worked on it.
+    if (semctl(set, 0, GETPID) != getpid())
+        return;
+    sembuf give{.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO};
+    semop(set, &give, 1);
 }
 
 }  // namespace vxsched

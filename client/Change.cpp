@@ -25,7 +25,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds cWork(10'000);
 constexpr milliseconds cCall(100);  // for each of the calls, which writes the table
 constexpr milliseconds cPause(50);
-constexpr int cMostPatience = 10;  // times the patience, however much moves meanwhile
+constexpr milliseconds cRestart(3'000);  // within which a new scheduling process may be there
+constexpr int cMostPatience = 10;        // times the patience, however much moves meanwhile
 
 TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls) {
     std::error_code error;
@@ -152,6 +153,7 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
                                "one, or go on with --even-if-due (evenIfDue), which leaves it due");
     const auto start = std::chrono::steady_clock::now();
     auto end = start + options.patience;
+    auto lastSeen = start;
     std::vector<TTaskEntry> seen;
     while (std::chrono::steady_clock::now() < end) {
         const TTable table = ReadTable(options.directory, options.patience);
@@ -161,6 +163,13 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
         };
         if (!isDueBy(Now() + cAboutToBeDue))
             return;
+        if (FindSchedulingProcess(options.directory))
+            lastSeen = std::chrono::steady_clock::now();
+        else if (std::chrono::steady_clock::now() - lastSeen > cRestart)
+            throw CClientError(EError::cNoScheduler,
+                               "task \"" + due +
+                                   "\" is due and the scheduling process has ended meanwhile; "
+                                   "start one, or go on with --even-if-due (evenIfDue)");
         if (isDueBy(Now()))
             WakeSchedulingProcess();
         // A tick takes two seconds for each start; as long as something moves it is waited for.

@@ -6,7 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
+#include <string>
+#include <thread>
 
 #include "host/CHostError.h"
 
@@ -19,6 +23,26 @@ static std::string HolderOf(int descriptor) {
     return holder.substr(0, holder.find('\n'));
 }
 
+// A host that was killed in the middle of a start leaves a process behind that is about to become the
+// program, and holds the lock until it has: its mark of the start is made by then.
+static bool IsLeftBehind(const std::string& holder) {
+    return !holder.empty() && holder.find_first_not_of("0123456789") == std::string::npos &&
+           kill(static_cast<pid_t>(std::stol(holder)), 0) == -1 && errno == ESRCH;
+}
+
+static bool Lock(int descriptor) {
+    constexpr int cTries = 1000;
+    for (int tries = 0; flock(descriptor, LOCK_EX | LOCK_NB) == -1; ++tries) {
+        const int error = errno;
+        if (error != EWOULDBLOCK || tries == cTries || !IsLeftBehind(HolderOf(descriptor))) {
+            errno = error;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 CDirectoryLock::CDirectoryLock(const std::string& directory)
     : descriptor(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     if (descriptor == -1)
@@ -26,7 +50,7 @@ CDirectoryLock::CDirectoryLock(const std::string& directory)
                          fmt::format("cannot open {}/{}: {}. Run vxschedd as a user who may write "
                                      "there.",
                                      directory, cLockFile, std::strerror(errno)));
-    if (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
+    if (!Lock(descriptor)) {
         const int error = errno;
         const std::string holder = HolderOf(descriptor);
         close(descriptor);

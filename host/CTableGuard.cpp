@@ -1,5 +1,6 @@
 #include "host/CTableGuard.h"
 
+#include <CEvent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
@@ -23,6 +24,7 @@
 #include "client/TableFile.h"
 #include "host/CHostLog.h"
 #include "host/StartMarks.h"
+#include "host/StopEvent.h"
 
 using vxsched::TTaskEntry;
 
@@ -30,7 +32,7 @@ namespace {
 
 constexpr char cTable[] = "scheduler.dat";
 constexpr std::chrono::milliseconds cPatience(200);  // for the mutex; a tick may hold it for long
-constexpr int cAgain = 500;                          // milliseconds until the next try
+constexpr int cAgain = 100;                          // milliseconds until the next try
 constexpr int cWithoutLimit = -1;
 
 // In the place of the table, also on a disk that is full: then over the former bytes.
@@ -38,8 +40,8 @@ void WriteTable(const std::string& bytes) {
     try {
         vxsched::ReplaceTable(".", bytes);
         return;
-    } catch (const vxsched::CClientError& error) {
-        LogWarning(fmt::format("{}; the table is written in place", error.what()));
+    } catch (const vxsched::CClientError&) {
+        // What follows needs no room.
     }
     const CDescriptor file(open(vxsched::TableFile(".").c_str(), O_WRONLY | O_CLOEXEC));
     if (!file.IsOpen() ||
@@ -65,13 +67,24 @@ CTableGuard::CTableGuard(std::size_t snapshotCount)
                         "nothing is restored.",
                         std::strerror(errno)));
     Look();
-    thread = std::thread([this] { Run(); });
+}
+
+void CTableGuard::Begin() {
+    try {
+        thread = std::thread([this] { Run(); });
+    } catch (const std::system_error& error) {
+        LogWarning(
+            fmt::format("cannot look after the table: {}. Look at the limits of threads and "
+                        "memory.",
+                        error.what()));
+    }
 }
 
 CTableGuard::~CTableGuard() {
     stopping = true;
     eventfd_write(calls.Get(), 1);
-    thread.join();
+    if (thread.joinable())
+        thread.join();
 }
 
 void CTableGuard::TasksDeleted() {
@@ -118,12 +131,19 @@ void CTableGuard::TakeEvents() {
 bool CTableGuard::Look() {
     try {
         const vxsched::CStoreLock lock(cPatience);
+        // A client that loaded the library at a bad moment may have let this one in beside a tick,
+        // whose starts the table does not show yet.
+        if (thread.joinable() && CEvent::UseOf(cStopEventName).waiters == 0)
+            return false;
         TakeEvents();
         LookAt(vxsched::ReadTableBytes("."));
+        trouble.clear();
         return true;
     } catch (const vxsched::CClientError& error) {
-        if (error.Code() != vxsched::EError::cBusy)
-            LogError(fmt::format("cannot look after the table: {}", error.what()));
+        if (error.Code() != vxsched::EError::cBusy && trouble != error.what()) {
+            trouble = error.what();
+            LogError(fmt::format("cannot look after the table: {}; trying on", trouble));
+        }
         return false;
     }
 }
@@ -182,12 +202,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
                           std::vector<TTaskEntry> tasks) {
     ApplyMarks(ReadMarks(), vxsched::Now(), tasks);
     const std::string wanted = vxsched::EncodeTable(tasks);
-    try {
-        if (wanted != bytes)
-            vxsched::PutAside(".", bytes);
-    } catch (const vxsched::CClientError& error) {
-        LogWarning(error.what());
-    }
+    KeepDamaged(bytes, wanted);
     if (wanted != bytes)
         WriteTable(wanted);
     vxsched::AnnounceChange();
@@ -198,6 +213,18 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
     deleted = false;
     TakeEvents();
     Keep(wanted, std::move(tasks));
+}
+
+// Once, however often the table in its place has to be tried.
+void CTableGuard::KeepDamaged(const std::string& bytes, const std::string& wanted) {
+    if (bytes == wanted || bytes == damaged)
+        return;
+    try {
+        vxsched::PutAside(".", bytes);
+    } catch (const vxsched::CClientError& error) {
+        LogWarning(error.what());
+    }
+    damaged = bytes;
 }
 
 void CTableGuard::Keep(const std::string& bytes, std::vector<TTaskEntry> tasks) {

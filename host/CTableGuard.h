@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <optional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -21,6 +22,10 @@ public:
     // Of the working directory, whose table has just been loaded.
     explicit CTableGuard(std::size_t snapshots);
     ~CTableGuard();
+
+    // From now on, beside the worker. Without a thread for it, which is logged, nothing is looked after.
+    void Begin();
+
     CTableGuard(const CTableGuard&) = delete;
     CTableGuard& operator=(const CTableGuard&) = delete;
 
@@ -40,6 +45,7 @@ private:
     void Restore(const std::string& bytes, const std::string& why,
                  std::vector<vxsched::TTaskEntry> tasks);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
+    void KeepDamaged(const std::string& bytes, const std::string& wanted);
     void Keep(const std::string& bytes, std::vector<vxsched::TTaskEntry> tasks);
 
     CDescriptor changes;  // inotify
@@ -49,5 +55,7 @@ private:
     TSaves saves;
     std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
     CSnapshots snapshots;
+    std::string damaged;  // the table that was put aside last
+    std::string trouble;  // that was logged last, so that it is not at every try
     std::thread thread;
 };

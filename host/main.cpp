@@ -45,6 +45,9 @@ static void OpenStandardDescriptors() {
         close(descriptor);
 }
 
+// Nobody looks after the table yet.
+static bool gDeletedByTheLoad = false;
+
 // Runs on the thread that noticed, the worker or the one that loads the add-in.
 static void OnInformation(const std::string& name, int value, void* context) {
     const std::string text = fmt::format("the add-in reports {} = {}", name, value);
@@ -55,6 +58,8 @@ static void OnInformation(const std::string& name, int value, void* context) {
     LogError(text);
     if (context != nullptr)
         static_cast<CTableGuard*>(context)->TasksDeleted();
+    else
+        gDeletedByTheLoad = true;
 }
 
 // Who is told of the add-in's information, for as long as this object lives.
@@ -154,6 +159,9 @@ static void Run(const THostOptions& options) {
     CMainLoop loop(signals, service, programs, *stopEvent);
     {
         const CRunningWorker worker(library->AddIn());
+        if (gDeletedByTheLoad)
+            guard.TasksDeleted();
+        guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
         if (options.runOnce)

@@ -134,7 +134,7 @@ TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
 // The add-in empties its list when it cannot write, and says so.
 TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     TRows rows = cThree;
-    rows.push_back({"due", cFar, 0, 24, PROGRAMS "/append-line", "log", 0});
+    rows.push_back({"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0});
     rows[0].parameters = std::string(10'000, 'p');
     WriteTable(rows);
     for (const auto& [name, value] : WithoutPauses())
@@ -159,6 +159,7 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     EXPECT_EQ(after[0], rows[0]);
     WaitUntil(WorkerRests);
     EXPECT_EQ(RunTool({"wake"}).status, 0);
+    WaitUntil([] { return fs::exists("log") && !ReadFile("log").empty(); });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadFile("log"), "log\n") << "it was started once";
 }
@@ -167,7 +168,7 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
 
 TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
     // The program ends its parent's parent in the middle of the tick: the start is made, not saved.
-    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-line", "log", 0}});
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     CHost host;
     TRows rows = ReadTable();
     rows[0].next = std::time(nullptr);
@@ -195,9 +196,9 @@ TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
         host.Wait();
     }
     const std::int64_t due = std::time(nullptr);
-    WriteTable({{"due", due, 0, 24, PROGRAMS "/append-line", "log", 0},
-                {"once", due, 0, 0, PROGRAMS "/append-line", "once", 0},
-                {"missed", due - 1'000'000, 0, 24, PROGRAMS "/append-line", "missed", 0}});
+    WriteTable({{"due", due, 0, 24, PROGRAMS "/append-text", "log", 0},
+                {"once", due, 0, 0, PROGRAMS "/append-text", "once", 0},
+                {"missed", due - 1'000'000, 0, 24, PROGRAMS "/append-text", "missed", 0}});
     WaitUntil([&] { return std::time(nullptr) > due; });
     for (const auto& [name, value] : WithoutPauses())
         setenv(name.c_str(), value.c_str(), 1);
@@ -233,7 +234,8 @@ static void KillSomething(int round, std::mt19937& random, std::size_t& expected
     const auto nextOf = [] { return vxsched::ReadTable(".", 30s).Find("job")->next; };
     const vxsched::TTime before = nextOf();
     // A phase of its own in each round, so that a start can be told from none.
-    const std::string due = "@" + std::to_string(std::time(nullptr) - round % 50);
+    static const std::time_t gBeginning = std::time(nullptr);
+    const std::string due = "@" + std::to_string(gBeginning - round);
     CProgram edit({TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"});
     CProgram pause({TOOL_PROGRAM, round % 2 == 0 ? "pause" : "resume", "other"});
     std::this_thread::sleep_for(std::chrono::microseconds(random_(20'000)));
@@ -243,18 +245,22 @@ static void KillSomething(int round, std::mt19937& random, std::size_t& expected
     if (victim != 0)
         host->Kill(SIGKILL);
     edit.Wait();
-    pause.Wait();
     if (victim == 0)
         EXPECT_EQ(host->Stop(), 0);
     else
         host->Wait();
+    const std::string former = host->Output();
     host = StartHost();
+    pause.Wait();
     EXPECT_EQ(RunTool({"wake"}).status, 0);
     EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for what is due";
     WaitUntil(WorkerRests);
     expected += nextOf() != before ? 1 : 0;
     WaitUntil([&] { return LinesIn("log") >= expected; });
-    EXPECT_EQ(LinesIn("log"), expected) << "in round " << round;
+    EXPECT_EQ(LinesIn("log"), expected)
+        << "in round " << round << ", victim " << victim << "\nbefore the kill:\n"
+        << former << "\nafter it:\n"
+        << host->Output() << "\nedit: " << edit.Output();
     EXPECT_EQ(vxsched::ReadTable(".", 30s).tasks.size(), 4U);
     EXPECT_EQ(host->Stop(), 0);
 }
@@ -277,7 +283,7 @@ TEST_P(HostKilled, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
             WriteTable({Row("first"),
                         Row("other"),
                         Row("third"),
-                        {"job", cFar, 0, 24, PROGRAMS "/append-line", fs::absolute("log"), 0}});
+                        {"job", cFar, 0, 24, PROGRAMS "/append-text", fs::absolute("log"), 0}});
             std::mt19937 random(static_cast<unsigned int>(GetParam() * cStores + store));
             std::size_t expected = 0;
             for (int round = 0; round < cRounds && !testing::Test::HasFailure(); ++round)

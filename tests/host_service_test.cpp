@@ -49,8 +49,7 @@ TEST(HostService, IsToldHowManyProgramsRun) {
 
 TEST(HostService, IsNotToldOfReadinessByOneThatCannotStart) {
     CNotifySocket socket;
-    std::filesystem::create_directory("files");
-    WriteFile("files/scheduler.dat", "damaged");
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
     CProgram host({HOST_PROGRAM, "--directory", "."});
     EXPECT_EQ(host.Wait(), 6);
     EXPECT_THAT(socket.Waiting(), ElementsAre());
@@ -201,11 +200,10 @@ TEST(HostJournal, LinesBeginWithTheirPriorityAndHaveNoTime) {
 }
 
 TEST(HostJournal, FailureToStartIsAnErrorThere) {
-    std::filesystem::create_directory("files");
-    WriteFile("files/scheduler.dat", "damaged");
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
     CProgram host(ThisProgramAs("HostOnTheJournal"));
     EXPECT_EQ(host.Wait(), 6);
-    EXPECT_TRUE(host.Output().starts_with("<3>the table is damaged")) << host.Output();
+    EXPECT_TRUE(host.Output().starts_with("<3>cannot make the table fit")) << host.Output();
 }
 
 TEST(HostJournal, OfAnotherStreamLeavesTheTimes) {

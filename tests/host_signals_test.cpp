@@ -57,13 +57,12 @@ TEST(HostSignals, LogThatCannotBeOpenedAnewIsKept) {
 
 TEST(HostLog, IsContinuedAndHoldsWhyTheHostCannotRun) {
     WriteFile("log", "before\n");
-    std::filesystem::create_directory("files");
-    WriteFile("files/scheduler.dat", "damaged");
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
     CProgram host(HostWith({"--log", "log"}));
     EXPECT_EQ(host.Wait(), 6);
     EXPECT_TRUE(ReadFile("log").starts_with("before\n20")) << ReadFile("log");
-    EXPECT_TRUE(LogHolds("log", " vxschedd: the table is damaged"));
-    EXPECT_TRUE(host.Output().starts_with("vxschedd: the table is damaged")) << host.Output();
+    EXPECT_TRUE(LogHolds("log", " vxschedd: cannot make the table fit"));
+    EXPECT_TRUE(host.Output().starts_with("vxschedd: cannot make the table fit")) << host.Output();
 }
 
 TEST(HostLog, ThatCannotBeOpenedIsRefused) {

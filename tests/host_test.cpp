@@ -207,7 +207,8 @@ TEST(Host, OwnDescriptorsAreClosedInEveryOtherProgram) {
         info >> word;
         EXPECT_NE(std::stoul(word, nullptr, 8) & O_CLOEXEC, 0U) << target;
     }
-    EXPECT_EQ(found, "anon_inode:[signalfd] vxschedd.lock anon_inode:[eventfd] ");
+    EXPECT_EQ(found,
+              "anon_inode:[signalfd] vxschedd.lock anon_inode:[eventfd] anon_inode:[eventfd] ");
 }
 
 // ---- One host per directory
@@ -241,15 +242,14 @@ TEST(Host, KilledOneDoesNotKeepTheNextOut) {
 // -----------------------------------------------------------------------------------------------------------------------
 
 TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
-    WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", std::string(1000, 'p'), 0}});
+    const TRows rows = {{"task", 4'000'000'000, 0, 1, "/bin/program", std::string(1000, 'p'), 0}};
+    WriteTable(rows);
     CHost host(ThisProgramAs("HostWithASizeLimit", {"500"}));
     EXPECT_NE(host.Output().find(cWritingFailed), std::string::npos) << host.Output();
     EXPECT_NE(host.Output().find("the add-in reports TasksDeleted = 1"), std::string::npos);
-    // It goes on with what fits.
-    CreateDue("task", cRecorder, "the record");
-    EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
-    WaitForTheTicksEnd();
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 1 task(s)")) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadTable(), rows);
 }
 
 TEST(Host, DamagedTableIsPutAsideAndNothingThatCanBeReadIsLost) {
