@@ -81,6 +81,10 @@ void CTableGuard::Begin() {
 }
 
 CTableGuard::~CTableGuard() {
+    End();
+}
+
+void CTableGuard::End() {
     stopping = true;
     eventfd_write(calls.Get(), 1);
     if (thread.joinable())

@@ -26,6 +26,9 @@ public:
     // From now on, beside the worker. Without a thread for it, which is logged, nothing is looked after.
     void Begin();
 
+    // Before the add-in is destroyed, and the store mutex with it.
+    void End();
+
     CTableGuard(const CTableGuard&) = delete;
     CTableGuard& operator=(const CTableGuard&) = delete;
 

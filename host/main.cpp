@@ -172,6 +172,7 @@ static void Run(const THostOptions& options) {
         if (loop.StopSignal())
             LogInfo(fmt::format("stopping on SIG{}", sigabbrev_np(*loop.StopSignal())));
     }
+    guard.End();
     sign.Stop();
     if (options.runOnce)
         loop.WaitForPrograms();

@@ -234,7 +234,8 @@ static void KillSomething(int round, std::mt19937& random, std::size_t& expected
     const auto nextOf = [] { return vxsched::ReadTable(".", 30s).Find("job")->next; };
     const vxsched::TTime before = nextOf();
     // A phase of its own in each round, so that a start can be told from none.
-    static const std::time_t gBeginning = std::time(nullptr);
+    // In the past, since without the pause of a start a task may be due once more in its second.
+    static const std::time_t gBeginning = std::time(nullptr) - 1;
     const std::string due = "@" + std::to_string(gBeginning - round);
     CProgram edit({TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"});
     CProgram pause({TOOL_PROGRAM, round % 2 == 0 ? "pause" : "resume", "other"});
