@@ -2,8 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "VXC_Export.h"
 
@@ -40,9 +40,9 @@ public:
     std::uint32_t ReadUnsigned();
     void WriteUnsigned(std::uint32_t value);
 
-    // Replaces `text`. A length beyond what is left of a regular file throws before anything is
-    // allocated; `text` is unchanged when anything is thrown. A text of 2^32 bytes or more cannot
-    // be written (EFBIG).
+    // Replaces `text`. A length beyond what is left of a regular file throws before more than
+    // cBlockSize is allocated; `text` is unchanged when anything is thrown. A text of 2^32 bytes or
+    // more cannot be written (EFBIG).
     void ReadString(std::string& text);
     void WriteString(const std::string& text);
 
@@ -52,9 +52,14 @@ public:
     std::size_t Close();
 
 private:
-    std::size_t Fill();
+    // What lies in the buffer is handed out, and what fits into it is taken, without a call.
     void ReadBytes(char* data, std::size_t length);
     void WriteBytes(const char* data, std::size_t length);
+    void ReadAcrossBlocks(char* data, std::size_t length);
+    void WriteAcrossBlocks(const char* data, std::size_t length);
+    void ReadLongText(std::string& text, std::size_t length);
+
+    std::size_t Fill();
     std::size_t Flush();
     void BeginReading();
     void BeginWriting();
@@ -63,7 +68,9 @@ private:
 
     std::string path;
     int descriptor = -1;
-    std::vector<char> buffer;  // read ahead, or waiting to be written
-    std::size_t position = 0;  // of the next byte to hand out of what was read ahead
-    bool writing = false;      // which of the two the buffer holds
+    bool writing = false;            // which of the two the buffer is used for
+    std::size_t position = 0;        // of the next byte to hand out of what was read ahead
+    std::size_t filled = 0;          // bytes that were read ahead
+    std::size_t waiting = 0;         // bytes to be written
+    std::unique_ptr<char[]> buffer;  // cBlockSize
 };
