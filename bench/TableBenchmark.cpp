@@ -1,5 +1,7 @@
 #include "bench/TableBenchmark.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <exception>
 
@@ -13,6 +15,8 @@ bool RegisterTableBenchmark(const std::string& operation, const std::string& way
                 "table/" + operation + '/' + way + '/' + place + '/' + std::to_string(tasks);
             benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
                 try {
+                    // What earlier ones left of the heap is not this one's.
+                    malloc_trim(0);
                     EnterPlace(place);
                     body(state, tasks);
                 } catch (const std::exception& failure) {

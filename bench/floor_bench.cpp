@@ -48,7 +48,7 @@ class CFloor {
 public:
     explicit CFloor(std::size_t tasks) : buffer(BytesOfTable(tasks).size()) {
         WriteTaskFile(tasks);
-        FillTasks(list, tasks);
+        Load();
     }
     ~CFloor() { ClearTasks(list); }
     CFloor(const CFloor&) = delete;
