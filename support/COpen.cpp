@@ -78,7 +78,7 @@ void COpen::ReadString(std::string& text) {
         ReadLongText(text, length);
         return;
     }
-    text.assign(buffer.get() + position, length);
+    text = std::string(buffer.get() + position, length);
     position += length;
 }
 
@@ -101,8 +101,15 @@ void COpen::WriteString(const std::string& text) {
     if (text.size() > std::numeric_limits<std::uint32_t>::max())
         Fail("write", EFBIG);
     const auto length = static_cast<std::uint32_t>(text.size());
-    WriteBytes(reinterpret_cast<const char*>(&length), sizeof length);
-    WriteBytes(text.data(), text.size());
+    if (!writing || sizeof length + text.size() > cBlockSize - waiting) {
+        WriteAcrossBlocks(reinterpret_cast<const char*>(&length), sizeof length);
+        WriteAcrossBlocks(text.data(), text.size());
+        return;
+    }
+    char* const end = buffer.get() + waiting;
+    std::memcpy(end, &length, sizeof length);
+    std::memcpy(end + sizeof length, text.data(), text.size());
+    waiting += sizeof length + text.size();
 }
 
 std::size_t COpen::Close() {
