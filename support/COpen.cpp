@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <system_error>
+#include <utility>
 
 // The two that every small transfer goes through, once for each field of a table.
 
@@ -22,7 +24,7 @@ inline void COpen::ReadBytes(char* data, std::size_t length) {
 }
 
 inline void COpen::WriteBytes(const char* data, std::size_t length) {
-    if (!writing || length > cBlockSize - waiting) {
+    if (!writing || length > capacity - waiting) {
         WriteAcrossBlocks(data, length);
         return;
     }
@@ -101,7 +103,7 @@ void COpen::WriteString(const std::string& text) {
     if (text.size() > std::numeric_limits<std::uint32_t>::max())
         Fail("write", EFBIG);
     const auto length = static_cast<std::uint32_t>(text.size());
-    if (!writing || sizeof length + text.size() > cBlockSize - waiting) {
+    if (!writing || sizeof length + text.size() > capacity - waiting) {
         WriteAcrossBlocks(reinterpret_cast<const char*>(&length), sizeof length);
         WriteAcrossBlocks(text.data(), text.size());
         return;
@@ -151,9 +153,9 @@ void COpen::ReadAcrossBlocks(char* data, std::size_t length) {
 void COpen::WriteAcrossBlocks(const char* data, std::size_t length) {
     BeginWriting();
     while (length > 0) {
-        if (waiting == cBlockSize)
+        if (waiting == capacity && !EnlargeBuffer())
             Flush();
-        const std::size_t count = std::min(length, cBlockSize - waiting);
+        const std::size_t count = std::min(length, capacity - waiting);
         std::memcpy(buffer.get() + waiting, data, count);
         waiting += count;
         data += count;
@@ -172,6 +174,19 @@ std::size_t COpen::Fill() {
         Fail("read", errno);
     filled = static_cast<std::size_t>(count);
     return filled;
+}
+
+// Makes room for more than a block to be written. False when there is no more to be had.
+bool COpen::EnlargeBuffer() {
+    if (capacity == cLargestWrite)
+        return false;
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[cLargestWrite]);
+    if (!larger)
+        return false;
+    std::memcpy(larger.get(), buffer.get(), waiting);
+    buffer = std::move(larger);
+    capacity = cLargestWrite;
+    return true;
 }
 
 // Writes what waits to be written. Returns the number of bytes.
