@@ -13,10 +13,12 @@ namespace {
 class CLoadedTable {
 public:
     explicit CLoadedTable(std::size_t tasks) {
-        WriteTaskFile(tasks);
         // Whichever thread ticked last is the scheduling one; the calls of all others read the
-        // file.
+        // file. It may read the file too, so there is nothing in it yet: the list is built once,
+        // in fresh memory, as the floor's is.
+        WriteTaskFile(0);
         std::thread([this] { library.Tick(); }).join();
+        WriteTaskFile(tasks);
         library.IsScheduled("");
     }
     ~CLoadedTable() { library.AddIn().Unload(); }
