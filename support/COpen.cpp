@@ -12,6 +12,14 @@
 #include <system_error>
 #include <utility>
 
+// A time is eight bytes: two instructions instead of a call.
+static inline void Copy(char* to, const char* from, std::size_t length) {
+    if (length == sizeof(std::uint64_t))
+        std::memcpy(to, from, sizeof(std::uint64_t));
+    else
+        std::memcpy(to, from, length);
+}
+
 // The two that every small transfer goes through, once for each field of a table.
 
 inline void COpen::ReadBytes(char* data, std::size_t length) {
@@ -19,7 +27,7 @@ inline void COpen::ReadBytes(char* data, std::size_t length) {
         ReadAcrossBlocks(data, length);
         return;
     }
-    std::memcpy(data, buffer.get() + position, length);
+    Copy(data, buffer.get() + position, length);
     position += length;
 }
 
@@ -28,7 +36,7 @@ inline void COpen::WriteBytes(const char* data, std::size_t length) {
         WriteAcrossBlocks(data, length);
         return;
     }
-    std::memcpy(buffer.get() + waiting, data, length);
+    Copy(buffer.get() + waiting, data, length);
     waiting += length;
 }
 
