@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <linux/futex.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -107,6 +108,25 @@ static void Test(benchmark::State& state) {
         state.SkipWithError("the test does not tell the event's state");
 }
 
+// Keeps the process on one processor, where there is a second one: which two a waker and its waiter
+// happen to run on decides more than what wakes.
+class CProcessor {
+public:
+    explicit CProcessor(std::size_t number) {
+        sched_getaffinity(0, sizeof before, &before);
+        cpu_set_t only;
+        CPU_ZERO(&only);
+        CPU_SET(number, &only);
+        sched_setaffinity(0, sizeof only, &only);
+    }
+    ~CProcessor() { sched_setaffinity(0, sizeof before, &before); }
+    CProcessor(const CProcessor&) = delete;
+    CProcessor& operator=(const CProcessor&) = delete;
+
+private:
+    cpu_set_t before;
+};
+
 template <typename Event>
 static void WakeAndBack(benchmark::State& state) {
     Event there("bench there");
@@ -114,6 +134,7 @@ static void WakeAndBack(benchmark::State& state) {
     const pid_t process = fork();
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const CProcessor second(1);
         for (;;) {
             there.Wait();
             back.Set();
@@ -123,6 +144,7 @@ static void WakeAndBack(benchmark::State& state) {
         state.SkipWithError("cannot make the process that waits");
         return;
     }
+    const CProcessor first(0);
     for (auto _ : state) {
         there.Set();
         back.Wait();
