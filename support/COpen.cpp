@@ -118,7 +118,7 @@ void COpen::WriteString(const std::string& text) {
     }
     char* const end = buffer.get() + waiting;
     std::memcpy(end, &length, sizeof length);
-    std::memcpy(end + sizeof length, text.data(), text.size());
+    text.copy(end + sizeof length, text.size());
     waiting += sizeof length + text.size();
 }
 
