@@ -8,10 +8,40 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <system_error>
+#include <utility>
 
-COpen::COpen(const char* openedPath, int flags, unsigned int mode) : path(openedPath) {
-    buffer.reserve(cBlockSize);
+// A time is eight bytes: two instructions instead of a call.
+static inline void Copy(char* to, const char* from, std::size_t length) {
+    if (length == sizeof(std::uint64_t))
+        std::memcpy(to, from, sizeof(std::uint64_t));
+    else
+        std::memcpy(to, from, length);
+}
+
+// The two that every small transfer goes through, once for each field of a table.
+
+inline void COpen::ReadBytes(char* data, std::size_t length) {
+    if (length == 0 || length > filled - position) {
+        ReadAcrossBlocks(data, length);
+        return;
+    }
+    Copy(data, buffer.get() + position, length);
+    position += length;
+}
+
+inline void COpen::WriteBytes(const char* data, std::size_t length) {
+    if (!writing || length > capacity - waiting) {
+        WriteAcrossBlocks(data, length);
+        return;
+    }
+    Copy(buffer.get() + waiting, data, length);
+    waiting += length;
+}
+
+COpen::COpen(const char* openedPath, int flags, unsigned int mode)
+    : path(openedPath), buffer(new char[cBlockSize]) {
     do {
         descriptor = open(openedPath, flags | O_CLOEXEC, mode);
     } while (descriptor == -1 && errno == EINTR);
@@ -43,25 +73,36 @@ void COpen::Write(const void* data, int length) {
 
 std::uint32_t COpen::ReadUnsigned() {
     std::uint32_t value = 0;
-    Read(&value, sizeof value);
+    ReadBytes(reinterpret_cast<char*>(&value), sizeof value);
     return value;
 }
 
 void COpen::WriteUnsigned(std::uint32_t value) {
-    Write(&value, sizeof value);
+    WriteBytes(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
 void COpen::ReadString(std::string& text) {
-    std::size_t left = ReadUnsigned();
-    CheckLengthOfText(left);
+    std::uint32_t length = 0;
+    ReadBytes(reinterpret_cast<char*>(&length), sizeof length);
+    if (length > filled - position) {
+        ReadLongText(text, length);
+        return;
+    }
+    text = std::string(buffer.get() + position, length);
+    position += length;
+}
+
+// One that is not all in the buffer.
+void COpen::ReadLongText(std::string& text, std::size_t length) {
+    CheckLengthOfText(length);
     std::string result;
     // A pipe or a device does not tell how much there is: it gets memory as the bytes come.
-    while (left > 0) {
+    while (length > 0) {
         const std::size_t done = result.size();
-        const std::size_t length = std::min(left, std::max(cBlockSize, done));
-        result.resize(done + length);
-        ReadBytes(result.data() + done, length);
-        left -= length;
+        const std::size_t count = std::min(length, std::max(cBlockSize, done));
+        result.resize(done + count);
+        ReadBytes(result.data() + done, count);
+        length -= count;
     }
     text.swap(result);
 }
@@ -69,8 +110,16 @@ void COpen::ReadString(std::string& text) {
 void COpen::WriteString(const std::string& text) {
     if (text.size() > std::numeric_limits<std::uint32_t>::max())
         Fail("write", EFBIG);
-    WriteUnsigned(static_cast<std::uint32_t>(text.size()));
-    WriteBytes(text.data(), text.size());
+    const auto length = static_cast<std::uint32_t>(text.size());
+    if (!writing || sizeof length + text.size() > capacity - waiting) {
+        WriteAcrossBlocks(reinterpret_cast<const char*>(&length), sizeof length);
+        WriteAcrossBlocks(text.data(), text.size());
+        return;
+    }
+    char* const end = buffer.get() + waiting;
+    std::memcpy(end, &length, sizeof length);
+    text.copy(end + sizeof length, text.size());
+    waiting += sizeof length + text.size();
 }
 
 std::size_t COpen::Close() {
@@ -87,6 +136,8 @@ std::size_t COpen::Close() {
     const int result = close(descriptor);
     const int error = errno;
     descriptor = -1;
+    writing = false;
+    position = filled = 0;
     if (failure)
         std::rethrow_exception(failure);
     if (result == -1 && error != EINTR)
@@ -94,26 +145,27 @@ std::size_t COpen::Close() {
     return flushed;
 }
 
-void COpen::ReadBytes(char* data, std::size_t length) {
+void COpen::ReadAcrossBlocks(char* data, std::size_t length) {
     BeginReading();
     while (length > 0) {
-        if (position == buffer.size() && Fill() == 0)
+        if (position == filled && Fill() == 0)
             Fail("read", ENODATA);
-        const std::size_t count = std::min(length, buffer.size() - position);
-        std::memcpy(data, buffer.data() + position, count);
+        const std::size_t count = std::min(length, filled - position);
+        std::memcpy(data, buffer.get() + position, count);
         position += count;
         data += count;
         length -= count;
     }
 }
 
-void COpen::WriteBytes(const char* data, std::size_t length) {
+void COpen::WriteAcrossBlocks(const char* data, std::size_t length) {
     BeginWriting();
     while (length > 0) {
-        if (buffer.size() == cBlockSize)
+        if (waiting == capacity && !EnlargeBuffer())
             Flush();
-        const std::size_t count = std::min(length, cBlockSize - buffer.size());
-        buffer.insert(buffer.end(), data, data + count);
+        const std::size_t count = std::min(length, capacity - waiting);
+        std::memcpy(buffer.get() + waiting, data, count);
+        waiting += count;
         data += count;
         length -= count;
     }
@@ -121,35 +173,41 @@ void COpen::WriteBytes(const char* data, std::size_t length) {
 
 // Reads the next block. Returns the number of bytes, 0 at the end of the file.
 std::size_t COpen::Fill() {
-    buffer.resize(cBlockSize);
-    position = 0;
+    position = filled = 0;
     ssize_t count = 0;
     do {
-        count = read(descriptor, buffer.data(), buffer.size());
+        count = read(descriptor, buffer.get(), cBlockSize);
     } while (count == -1 && errno == EINTR);
-    const int error = errno;
-    buffer.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
     if (count == -1)
-        Fail("read", error);
-    return buffer.size();
+        Fail("read", errno);
+    filled = static_cast<std::size_t>(count);
+    return filled;
+}
+
+// Makes room for more than a block to be written. False when there is no more to be had.
+bool COpen::EnlargeBuffer() {
+    if (capacity == cLargestWrite)
+        return false;
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[cLargestWrite]);
+    if (!larger)
+        return false;
+    std::memcpy(larger.get(), buffer.get(), waiting);
+    buffer = std::move(larger);
+    capacity = cLargestWrite;
+    return true;
 }
 
 // Writes what waits to be written. Returns the number of bytes.
 std::size_t COpen::Flush() {
-    if (!writing)
-        return 0;
-    const std::size_t length = buffer.size();
+    const std::size_t length = waiting;
+    waiting = 0;
     for (std::size_t done = 0; done < length;) {
-        const ssize_t count = write(descriptor, buffer.data() + done, length - done);
-        if (count >= 0) {
+        const ssize_t count = write(descriptor, buffer.get() + done, length - done);
+        if (count >= 0)
             done += static_cast<std::size_t>(count);
-        } else if (errno != EINTR) {
-            const int error = errno;
-            buffer.clear();
-            Fail("write", error);
-        }
+        else if (errno != EINTR)
+            Fail("write", errno);
     }
-    buffer.clear();
     return length;
 }
 
@@ -160,7 +218,6 @@ void COpen::BeginReading() {
         return;
     Flush();
     writing = false;
-    position = 0;
 }
 
 // What was read ahead was never handed out: the file's own position goes back to where the reader
@@ -171,18 +228,19 @@ void COpen::BeginWriting() {
         Fail("write", EBADF);
     if (writing)
         return;
-    const auto ahead = static_cast<off_t>(buffer.size() - position);
+    const auto ahead = static_cast<off_t>(filled - position);
     if (ahead > 0 && lseek(descriptor, -ahead, SEEK_CUR) == -1 && errno != ESPIPE)
         Fail("seek", errno);
-    buffer.clear();
-    position = 0;
+    position = filled = 0;
     writing = true;
 }
 
+// Where the file went on when it was last read, a text of at most one block needs no look at the
+// file's size: it goes on, or soon shows that it does not.
 void COpen::CheckLengthOfText(std::size_t length) {
-    const std::size_t ahead = buffer.size() - position;
-    if (length <= ahead)
+    if (filled == cBlockSize && length <= cBlockSize)
         return;
+    const std::size_t ahead = filled - position;
     struct stat status {};
     if (fstat(descriptor, &status) == -1)
         Fail("stat", errno);

@@ -2,14 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "VXC_Export.h"
 
-// A file, buffered both ways: what fits into cBlockSize is read with one read and written with one
-// write. Raw bytes, unsigned 32-bit values (4 bytes in the host's order) and texts (their 32-bit
-// length, then their bytes, without a terminator).
+// A file, buffered both ways: what fits into cBlockSize is read with one read, what fits into
+// cLargestWrite is written with one write. Raw bytes, unsigned 32-bit values (4 bytes in the host's
+// order) and texts (their 32-bit length, then their bytes, without a terminator).
 //
 // Every transfer moves all that was asked for or throws std::system_error, whose text names the
 // operation and the path; the end of the file reached too early is such an error (ENODATA).
@@ -18,6 +18,11 @@
 class VXC_EXPORT COpen {
 public:
     static constexpr std::size_t cBlockSize = std::size_t{64} * 1024;
+
+    // Large writes make large pieces in the page cache, and the system's copying then disturbs the
+    // caller's walk over its data less often. The memory is taken when more than cBlockSize is to
+    // be written; where there is none, the blocks stay smaller.
+    static constexpr std::size_t cLargestWrite = std::size_t{1024} * 1024;
 
     // Opens `path` as POSIX open does with these flags and this mode; the descriptor is closed when
     // another program is started. Whether that worked, IsValid() tells; errno says why not. Throws
@@ -40,9 +45,9 @@ public:
     std::uint32_t ReadUnsigned();
     void WriteUnsigned(std::uint32_t value);
 
-    // Replaces `text`. A length beyond what is left of a regular file throws before anything is
-    // allocated; `text` is unchanged when anything is thrown. A text of 2^32 bytes or more cannot
-    // be written (EFBIG).
+    // Replaces `text`. A length beyond what is left of a regular file throws before more than
+    // cBlockSize is allocated; `text` is unchanged when anything is thrown. A text of 2^32 bytes or
+    // more cannot be written (EFBIG).
     void ReadString(std::string& text);
     void WriteString(const std::string& text);
 
@@ -52,9 +57,15 @@ public:
     std::size_t Close();
 
 private:
-    std::size_t Fill();
+    // What lies in the buffer is handed out, and what fits into it is taken, without a call.
     void ReadBytes(char* data, std::size_t length);
     void WriteBytes(const char* data, std::size_t length);
+    void ReadAcrossBlocks(char* data, std::size_t length);
+    void WriteAcrossBlocks(const char* data, std::size_t length);
+    void ReadLongText(std::string& text, std::size_t length);
+
+    std::size_t Fill();
+    bool EnlargeBuffer();
     std::size_t Flush();
     void BeginReading();
     void BeginWriting();
@@ -63,7 +74,10 @@ private:
 
     std::string path;
     int descriptor = -1;
-    std::vector<char> buffer;  // read ahead, or waiting to be written
+    bool writing = false;      // which of the two the buffer is used for
     std::size_t position = 0;  // of the next byte to hand out of what was read ahead
-    bool writing = false;      // which of the two the buffer holds
+    std::size_t filled = 0;    // bytes that were read ahead
+    std::size_t waiting = 0;   // bytes to be written
+    std::size_t capacity = cBlockSize;
+    std::unique_ptr<char[]> buffer;  // of that capacity
 };

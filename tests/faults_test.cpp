@@ -152,10 +152,10 @@ protected:
     }
 
     // A table of several blocks, whose transfer takes several calls.
-    void MakeLarge() {
+    void MakeLarge(const std::string& parameters) {
         for (int index = 0; index < 5000; ++index)
             table.push_back(
-                {"task " + std::to_string(index), cFuture, 0, 1, "/opt/other", "text", 0});
+                {"task " + std::to_string(index), cFuture, 0, 1, "/opt/other", parameters, 0});
         WriteTable(table);
     }
 
@@ -172,7 +172,7 @@ protected:
 // ----------------------------------------------------------------------------------------------
 
 TEST_F(Faults, EachReadThatFailsInTurnResetsTheTableAndIsReported) {
-    MakeLarge();
+    MakeLarge("text");
     for (const TFunction& function : cFunctions) {
         SCOPED_TRACE(function.name);
         int reads = 0;
@@ -196,7 +196,7 @@ TEST_F(Faults, EachReadThatFailsInTurnResetsTheTableAndIsReported) {
 }
 
 TEST_F(Faults, EachWriteThatFailsInTurnEmptiesTheListAndLeavesACutTable) {
-    MakeLarge();
+    MakeLarge(std::string(800, 'x'));
     for (const TFunction& function : cFunctions) {
         if (!function.changes)
             continue;
@@ -213,7 +213,7 @@ TEST_F(Faults, EachWriteThatFailsInTurnEmptiesTheListAndLeavesACutTable) {
             EXPECT_EQ(lines.back(), cWritingFailed);
             EXPECT_TRUE(TasksDeleted());
             EXPECT_TRUE(library->TaskList()->empty());
-            EXPECT_EQ(ReadFile(cTable).size(), static_cast<std::size_t>(writes) * 65536);
+            EXPECT_EQ(ReadFile(cTable).size(), static_cast<std::size_t>(writes) << 20);
             EXPECT_EQ(StoreSemaphoreValue(), 1);
             // Whoever reads it next notices.
             EXPECT_FALSE(library->IsScheduled("first"));

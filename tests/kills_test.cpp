@@ -186,8 +186,9 @@ TEST_F(KilledAtEachCall, TickIsOldNewOrNoticed) {
 }
 
 TEST_F(KilledAtEachCall, TableOfSeveralBlocksIsOldNewOrNoticed) {
-    for (int index = 0; index < 4000; ++index)
-        old.push_back({"task " + std::to_string(index), cFuture, 0, 1, "/opt/other", "text", 0});
+    for (int index = 0; index < 1100; ++index)
+        old.push_back({"task " + std::to_string(index), cFuture, 0, 1, "/opt/other",
+                       std::string(2000, 'x'), 0});
     KillAtEachCallOf([](const CAddinLibrary& it) { it.PauseTask("first"); });
     EXPECT_GT(damaged, 4) << "between every two writes";
 }

@@ -158,7 +158,11 @@ static void* MapHuge() {
     return start;
 }
 
+static std::size_t gTooMuch = SIZE_MAX;  // from this size on there is no memory
+
 [[gnu::noinline]] void* operator new(std::size_t size) {
+    if (size >= gTooMuch)
+        throw std::bad_alloc();
     if (size > cHuge && size < cHuge + cBlock)
         return MapHuge();
     if (void* const memory = std::malloc(size))
@@ -269,6 +273,16 @@ TEST(Open, OrdinaryTableTakesOneWriteAndOneRead) {
         in.ReadString(text);
     in.Close();
     EXPECT_EQ(gReads.calls, 1);
+}
+
+TEST(Open, LargeTableTakesOneWriteForAMebibyte) {
+    const std::string text(1 << 10, 'x');
+    COpen out = ForWriting();
+    for (int index = 0; index < 3000; ++index)
+        out.WriteString(text);
+    out.Close();
+    EXPECT_EQ(gWrites.calls, 3);
+    EXPECT_EQ(std::filesystem::file_size(cPath), 3000U * (4 + 1024));
 }
 
 TEST(Open, PartialAndInterruptedTransfersAreCarriedOn) {
@@ -421,6 +435,19 @@ TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {
 }
 
 #ifndef __SANITIZE_THREAD__
+#ifndef __SANITIZE_ADDRESS__  // which has its own way to memory that may be refused
+TEST(Open, WithoutMemoryForLargeWritesThereAreMoreOfThem) {
+    const std::string text(200'000, 'x');
+    COpen file = ForWriting();
+    gTooMuch = COpen::cLargestWrite;
+    file.WriteString(text);
+    file.Close();
+    gTooMuch = SIZE_MAX;
+    EXPECT_EQ(gWrites.calls, 4);
+    EXPECT_EQ(ReadFile(cPath).substr(4), text);
+}
+#endif
+
 TEST(Open, TextLongerThanItsLengthCanSayIsRefused) {
     const std::string text(std::size_t{1} << 32, 'x');
     COpen file = ForWriting();
@@ -444,7 +471,7 @@ TEST(Open, FailedWriteIsNotTriedAgainByTheDestructor) {
     gWrites.failAt = 1;
     {
         COpen file = ForWriting();
-        ExpectError([&] { file.WriteString(std::string(70'000, 'x')); }, "write", EIO);
+        ExpectError([&] { file.WriteString(std::string(1'100'000, 'x')); }, "write", EIO);
     }
     EXPECT_EQ(gWrites.calls, 1);
     EXPECT_EQ(ReadFile(cPath), "");

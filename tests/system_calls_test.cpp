@@ -27,6 +27,7 @@ static constexpr char cMutexName[] = "Global\\1D1F6415-69BD-4438-B706-07D7105769
 
 // The sizes of the blocks that a table is moved in.
 static const std::string cReadBlock = "read 65536";
+static constexpr std::size_t cWriteBlock = 1 << 20;
 
 static TCalls operator+(TCalls left, const TCalls& right) {
     left.insert(left.end(), right.begin(), right.end());
@@ -41,8 +42,17 @@ static const TCalls cSignal = {"semctl changed 0 SETVAL 1"};
 static const TCalls cTestEvent = {"semop changed 0:-1 now 0:1"};
 
 static TCalls Save(std::size_t length) {
-    return {"open files/scheduler.dat RDWR CREAT TRUNC CLOEXEC 0644",
-            "write " + std::to_string(length), "close"};
+    TCalls writes(length / cWriteBlock, "write " + std::to_string(cWriteBlock));
+    if (length % cWriteBlock != 0)
+        writes.push_back("write " + std::to_string(length % cWriteBlock));
+    return TCalls{"open files/scheduler.dat RDWR CREAT TRUNC CLOEXEC 0644"} + writes +
+           TCalls{"close"};
+}
+
+// A table of that length, read to its last task.
+static TCalls LoadOf(std::size_t length) {
+    return TCalls{cLoad[0], cLoad[1]} + TCalls((length + 65535) / 65536, cReadBlock) +
+           TCalls{cLoad[3]};
 }
 
 class SystemCalls : public testing::Test {
@@ -280,18 +290,17 @@ TEST_F(SystemCalls, DestructionClosesTheEventAndRemovesTheMutex) {
                       "semop stop 1:-1 now undo 1:0 now 2:1 now", "semctl stop 0 RMID", "end"}));
 }
 
+// At 10 tasks and at 100,000, with texts of all lengths across the ends of the blocks.
 TEST_F(SystemCalls, LargerTableTakesMoreReadsAndWritesAndNothingElse) {
-    rows.assign(3000, {"name", cFuture, 0, 24, "/opt/tool", "some text", 0});
-    WriteTable(rows);
-    const std::size_t blocks = (Size() + 65535) / 65536;
-    TCalls reads(blocks, cReadBlock);
-    TCalls writes(blocks - 1, "write 65536");
-    writes.push_back("write " + std::to_string(Size() - (blocks - 1) * 65536));
-    const TCalls calls = Of([](const CAddinLibrary& it) { it.PauseTask("unknown"); });
-    TCalls transfers;
-    for (const std::string& call : calls) {
-        if (call.starts_with("read") || call.starts_with("write"))
-            transfers.push_back(call);
+    for (const std::size_t tasks : {10U, 100'000U}) {
+        rows.clear();
+        for (std::size_t index = 0; index < tasks; ++index)
+            rows.push_back({"name " + std::to_string(index), cFuture, 0, 24, "/opt/tool",
+                            std::string(index % 97, 'x'), 0});
+        WriteTable(rows);
+        EXPECT_EQ(Of([](const CAddinLibrary& it) { it.IsScheduled("unknown"); }),
+                  cLock + LoadOf(Size()) + cUnlock);
+        EXPECT_EQ(Of([](const CAddinLibrary& it) { it.PauseTask("unknown"); }),
+                  cLock + LoadOf(Size()) + Save(Size()) + cSignal + cUnlock);
     }
-    EXPECT_EQ(transfers, reads + writes);
 }

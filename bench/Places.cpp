@@ -1,0 +1,63 @@
+#include "bench/Places.h"
+
+#include <benchmark/benchmark.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+
+static std::map<std::string, std::string> gFolders;
+
+static std::string MakeFolderIn(const std::string& parent) {
+    std::string folder = parent + "/vantrix-bench-XXXXXX";
+    if (mkdtemp(folder.data()) == nullptr) {
+        std::perror(("cannot make a folder in " + parent).c_str());
+        std::exit(1);
+    }
+    std::filesystem::create_directory(folder + "/files");
+    return folder;
+}
+
+static std::string FileSystemOf(const std::string& folder) {
+    struct statfs status {};
+    if (statfs(folder.c_str(), &status) != 0)
+        return "unknown";
+    switch (status.f_type) {
+        case EXT4_SUPER_MAGIC:
+            return "ext4";
+        case TMPFS_MAGIC:
+            return "tmpfs";
+        case BTRFS_SUPER_MAGIC:
+            return "btrfs";
+        case XFS_SUPER_MAGIC:
+            return "xfs";
+        case OVERLAYFS_SUPER_MAGIC:
+            return "overlayfs";
+        default:
+            return "number " + std::to_string(status.f_type);
+    }
+}
+
+CPlaces::CPlaces() {
+    const char* const memory = std::getenv("BENCH_MEMORY");
+    gFolders["disk"] = MakeFolderIn(std::filesystem::current_path().string());
+    gFolders["tmpfs"] = MakeFolderIn(memory != nullptr ? memory : "/dev/shm");
+    for (const auto& [place, folder] : gFolders)
+        benchmark::AddCustomContext(place, FileSystemOf(folder));
+    EnterPlace(cPlaces[0]);
+}
+
+CPlaces::~CPlaces() {
+    std::error_code ignored;
+    std::filesystem::current_path("/", ignored);
+    for (const auto& [place, folder] : gFolders)
+        std::filesystem::remove_all(folder, ignored);
+}
+
+void EnterPlace(const std::string& place) {
+    std::filesystem::current_path(gFolders.at(place));
+}

@@ -1,0 +1,5 @@
+// What start_bench starts: a program that ends at once.
+
+int main() {
+    return 0;
+}
