@@ -81,7 +81,11 @@ class CliAtTheSecondOfAStart : public testing::TestWithParam<int> {};
 
 TEST_P(CliAtTheSecondOfAStart, NothingIsRemovedUnrun) {
     constexpr int cStores = 25;
+#ifdef PLAIN_BUILD
     constexpr int cRounds = 4;
+#else
+    constexpr int cRounds = 1;
+#endif
     std::vector<std::unique_ptr<CForkedChild>> stores;
     for (int store = 0; store < cStores; ++store) {
         stores.push_back(InAStoreOfItsOwn("store " + std::to_string(store), [&] {
@@ -265,7 +269,12 @@ TEST_P(CliKilled, LeavesASoundTableAndAFreeMutex) {
         {"edit", "first", "--parameter", longText + longText},
         {"remove", "new", "link"},
         {"resume", "second", "third", "first"}};
-    for (int round = 0; round < 250; ++round) {
+#ifdef PLAIN_BUILD
+    constexpr int cRounds = 250;
+#else
+    constexpr int cRounds = 50;
+#endif
+    for (int round = 0; round < cRounds; ++round) {
         KillAtARandomMoment(commands[round % 6], random);
         {
             const vxsched::CStoreLock lock(60s);  // throws when nobody gives it back

@@ -270,7 +270,11 @@ class HostKilled : public testing::TestWithParam<int> {};
 
 TEST_P(HostKilled, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
     constexpr int cStores = 5;
+#ifdef PLAIN_BUILD
     constexpr int cRounds = 50;
+#else
+    constexpr int cRounds = 8;
+#endif
     std::vector<std::unique_ptr<CForkedChild>> stores;
     for (int store = 0; store < cStores; ++store) {
         stores.push_back(std::make_unique<CForkedChild>([store] {
