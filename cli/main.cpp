@@ -317,5 +317,9 @@ int Main(int argc, const char* const* argv) {
 }  // namespace vxsched
 
 int main(int argc, char** argv) {
-    return vxsched::Main(argc, argv);
+    try {
+        return vxsched::Main(argc, argv);
+    } catch (...) {
+        return vxsched::cRefusedStatus;  // not even its message could be made
+    }
 }

@@ -17,8 +17,6 @@
 #include "client/CClientError.h"
 #include "client/change/Fields.h"
 
-extern char** environ;
-
 namespace vxsched {
 
 std::string LibraryFolder() {

@@ -59,7 +59,7 @@ void Drop(std::vector<TObjection>& objections,
 std::vector<TObjection> FindUnforced(const TTaskEntry& task, EProgram how, const TForced& forced) {
     std::vector<TObjection> objections = FindObjections(task, Now(), how);
     Drop(objections, [&](const TObjection& objection) {
-        return objection.canBeForced && forced.count(objection.Name()) > 0;
+        return objection.canBeForced && forced.contains(objection.Name());
     });
     return objections;
 }
@@ -227,7 +227,7 @@ static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
                                       const TForced& forced) {
     std::vector<TCall> calls = CallsOf(TCall::cResume, names);
     for (TCall& call : calls)
-        call.mayRemove = forced.count("past-start") > 0;
+        call.mayRemove = forced.contains("past-start");
     return calls;
 }
 

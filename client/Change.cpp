@@ -207,7 +207,7 @@ TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& call
         attempt = Try(options, calls, onStart);
     }
     if (attempt.error)
-        throw *attempt.error;
+        throw CClientError(*attempt.error);
     if (!attempt.changed.empty())
         throw CChangedMeanwhile(attempt.changed);
     try {

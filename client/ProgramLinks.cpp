@@ -92,7 +92,7 @@ void RemoveUnusedLinks(const fs::path& directory, const TTable& table) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(FolderOf(directory), ignored)) {
         const std::string name = StartedPath(entry.path().filename().string());
-        if (used.count(name) == 0 && entry.is_symlink(ignored))
+        if (!used.contains(name) && entry.is_symlink(ignored))
             fs::remove(entry.path(), ignored);
     }
 }

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t cCount = 8;  // bytes that the number of tasks takes, ahead of the first
 constexpr std::size_t cLongestName = 4096;
-constexpr std::chrono::seconds cFarFromNow = std::chrono::hours(24 * 365 * 10'000LL);
+constexpr std::chrono::seconds cFarFromNow = std::chrono::hours(24LL * 365 * 10'000);
 
 bool IsOfThisAge(TTime time) {
     return time >= TTime() && time < TTime() + cFarFromNow;

@@ -15,6 +15,7 @@
 extern "C" {
 #endif
 
+/* NOLINTBEGIN(modernize-use-using): C has no other way. */
 typedef enum vxsched_error {
     VXSCHED_DONE = 0,
     VXSCHED_REFUSED = 1,      /* something speaks against the change; nothing was changed */
@@ -37,6 +38,7 @@ typedef struct vxsched_task {
     const char* parameter;
     bool paused;
 } vxsched_task;
+/* NOLINTEND(modernize-use-using) */
 
 /* The tasks of `directory`, the scheduling process's working directory. Nothing is opened yet. NULL
    when memory runs out. vxsched_close() frees it; NULL is allowed there. */

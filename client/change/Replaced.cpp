@@ -40,7 +40,7 @@ void SetStartListener(TStartListener listener) {
 
 std::optional<int> WaitForEnd(pid_t process) {
     int status = 0;
-    while (gEnds.count(process) == 0 && waitpid(process, &status, 0) == -1) {
+    while (!gEnds.contains(process) && waitpid(process, &status, 0) == -1) {
         if (errno != EINTR)
             return {};
     }
