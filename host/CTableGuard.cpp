@@ -70,6 +70,7 @@ CTableGuard::CTableGuard(std::size_t snapshotCount)
 }
 
 void CTableGuard::Begin() {
+    besideTheWorker = true;
     try {
         thread = std::thread([this] { Run(); });
     } catch (const std::system_error& error) {
@@ -137,7 +138,7 @@ bool CTableGuard::Look() {
         const vxsched::CStoreLock lock(cPatience);
         // A client that loaded the library at a bad moment may have let this one in beside a tick,
         // whose starts the table does not show yet.
-        if (thread.joinable() && CEvent::UseOf(cStopEventName).waiters == 0)
+        if (besideTheWorker && CEvent::UseOf(cStopEventName).waiters == 0)
             return false;
         TakeEvents();
         LookAt(vxsched::ReadTableBytes("."));

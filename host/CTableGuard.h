@@ -55,6 +55,7 @@ private:
     CDescriptor calls;    // an eventfd: something is to be looked at
     std::atomic<bool> stopping{false};
     std::atomic<bool> deleted{false};
+    std::atomic<bool> besideTheWorker{false};
     TSaves saves;
     std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
     CSnapshots snapshots;
