@@ -102,6 +102,9 @@ void CTableGuard::Run() {
     while (!stopping) {
         pollfd sources[] = {{.fd = changes.Get(), .events = POLLIN, .revents = 0},
                             {.fd = calls.Get(), .events = POLLIN, .revents = 0}};
+        // Before another try what is still to be read would end the wait at once.
+        if (wait != cWithoutLimit)
+            sources[0].fd = -1;
         if (poll(sources, std::size(sources), wait) == -1 && errno != EINTR)
             return;
         eventfd_t ignored = 0;
@@ -121,6 +124,9 @@ void CTableGuard::TakeEvents() {
             const std::string_view name = event->len > 0 ? event->name : "";
             if ((event->mask & IN_MOVED_FROM) != 0)
                 movedFrom = name;
+            // Where saves went by uncounted, nothing can be said of what is gone.
+            if ((event->mask & IN_Q_OVERFLOW) != 0)
+                saves.replacedWhole = true;
             if (name != cTable || (event->mask & IN_DELETE) != 0)
                 continue;
             if ((event->mask & IN_CLOSE_WRITE) != 0 ||
@@ -150,6 +156,8 @@ bool CTableGuard::Look() {
             LogError(fmt::format("cannot look after the table: {}; trying on", trouble));
         }
         return false;
+    } catch (const std::exception&) {
+        return false;  // out of memory, which may pass
     }
 }
 
@@ -178,7 +186,7 @@ void CTableGuard::LookAt(const std::string& bytes) {
     }
     const std::vector<TStartMark> marks = ReadMarks();
     const bool isBehind = ApplyMarks(marks, vxsched::Now(), tasks) > 0;
-    if (deleted.exchange(false) || isBehind) {
+    if (deleted || isBehind) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
         return;
     }
