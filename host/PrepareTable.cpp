@@ -7,6 +7,10 @@
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
+// What was due for longer was not waiting for its turn in a tick: it was put into the table, or left
+// there, while no host ran.
+static constexpr std::chrono::minutes cLongestTick(10);
+
 static TRunRecord MissedRun(const TTaskEntry& task) {
     TRunRecord record;
     record.outcome = task.period == 0 ? TRunRecord::cRemovedUnrun : TRunRecord::cMovedOn;
@@ -26,7 +30,7 @@ TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMa
             prepared.tasks.push_back(std::move(task));
             continue;
         }
-        if (task.next <= lastWatch) {
+        if (task.next <= lastWatch && task.next >= lastWatch - cLongestTick) {
             prepared.late.push_back(task);
             prepared.tasks.push_back(std::move(task));
             continue;

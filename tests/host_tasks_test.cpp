@@ -163,12 +163,12 @@ TEST(PrepareTable, MissedOnesHaveTheirDueTimeAndCommand) {
 }
 
 TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
-    const std::vector<TTaskEntry> table = {Task("watched", Later(-7), "/p", ""),
-                                           Task("once watched", Later(-7), "/p", "", 0),
-                                           Task("later", Later(-6), "/p", "")};
+    const std::vector<TTaskEntry> table = {
+        Task("watched", Later(-7), "/p", ""), Task("once watched", Later(-7), "/p", "", 0),
+        Task("later", Later(-6), "/p", ""), Task("long ago", Later(-608), "/p", "")};
     const TPrepared prepared = Prepared(table, {}, Later(-7));
     EXPECT_EQ(NamesOf(prepared.late), "watched;once watched;");
-    EXPECT_EQ(Named(prepared.missed), "later on;");
+    EXPECT_EQ(Named(prepared.missed), "later on;long ago on;");
     EXPECT_EQ(prepared.tasks[0], table[0]);
     EXPECT_EQ(prepared.tasks[1], table[1]);
 }
