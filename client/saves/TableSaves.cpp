@@ -79,7 +79,8 @@ int OpenNewTable(int flags, mode_t mode) {
 extern "C" int open(const char* path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
-    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    const bool hasMode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    const auto mode = hasMode ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     if (gDescriptor == -1 && IsASave(path, flags)) {
         const int descriptor = OpenNewTable(flags, mode);
