@@ -124,6 +124,16 @@ void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& 
     Replace(file, bytes, StatusOf(TableFile(directory)), false);
 }
 
+void RemoveLeftovers(const fs::path& directory) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(directory / "files", ignored)) {
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with("scheduler.dat") &&
+            (name.find(".new-") != std::string::npos || name.find(".save-") != std::string::npos))
+            fs::remove(entry.path(), ignored);
+    }
+}
+
 void KeepBefore(const fs::path& directory, std::string_view bytes) {
     Replace(TableBefore(directory), bytes, StatusOf(TableFile(directory)), false);
 }

@@ -28,6 +28,10 @@ void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 
+// Removes the files that were to take the place of the table or of the copy, and were not finished
+// because their process was killed. Nobody else is at one while the caller has mutex and turn.
+void RemoveLeftovers(const std::filesystem::path& directory);
+
 // Makes `bytes` the copy from before a change, likewise in one step and with the table's rights.
 void KeepBefore(const std::filesystem::path& directory, std::string_view bytes);
 

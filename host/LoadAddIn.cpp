@@ -57,6 +57,7 @@ static void Tell(const TPrepared& prepared, CRunHistory& history) {
 }
 
 static void Prepare(vxsched::TTime lastWatch, CRunHistory& history) {
+    vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = MendTable();
     const std::vector<TStartMark> marks = ReadMarks();
     const TPrepared prepared = PrepareTable(tasks, marks, lastWatch, vxsched::Now());

@@ -664,6 +664,17 @@ TEST_F(ClientStore, SaveThatFailsLeavesTheTable) {
         << "the table and the copy from before";
 }
 
+TEST_F(ClientStore, WhatAKilledProcessLeftUnfinishedIsRemoved) {
+    for (const char* const name : {".save-1", ".new-2", ".before.new-3"})
+        WriteFile(std::string(cTable) + name, "half");
+    WriteFile(std::string(cTable) + ".damaged-4", "kept");
+    store.Create(Task("a"), false);
+    EXPECT_FALSE(fs::exists(std::string(cTable) + ".save-1"));
+    EXPECT_FALSE(fs::exists(std::string(cTable) + ".new-2"));
+    EXPECT_FALSE(fs::exists(std::string(cTable) + ".before.new-3"));
+    EXPECT_EQ(ReadFile(std::string(cTable) + ".damaged-4"), "kept");
+}
+
 // A table of two names cannot be replaced without taking them apart: it is rewritten in place.
 TEST_F(ClientStore, TableFromBeforeIsPutBackWhenASaveInPlaceFails) {
     store.Create(Task("a"), false);

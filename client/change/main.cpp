@@ -91,6 +91,7 @@ std::optional<CAddIn> Load(TRequest& request) {
             Tell(cMessageProgram, call.task.program);
         }
     }
+    RemoveLeftovers(".");
     KeepBefore(".", bytes);
     Tell(cMessageBegun, "");
     lock.Forget();
