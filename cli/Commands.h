@@ -34,6 +34,10 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output);
 // Without a count, 10, or all of them when an end is named.
 int Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
          COutput& output);
+
+// The last runs, the youngest last; 20 without a count, and of all tasks without a name.
+int History(const TCommon& common, const std::string& name, std::optional<std::size_t> count,
+            bool failedOnly, COutput& output);
 int Status(const TCommon& common, COutput& output);
 int CheckTable(const TCommon& common, const std::string& file, COutput& output);
 int Repair(const TCommon& common, COutput& output);

@@ -1,8 +1,10 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
+#include "cli/History.h"
 #include "cli/Json.h"
 #include "cli/PeriodText.h"
 #include "cli/ShownText.h"
@@ -49,6 +51,23 @@ std::string TimeAndDistance(TTime time, TTime now, EZone zone) {
                        FormatDistance(time - now));
 }
 
+constexpr std::size_t cShownRuns = 5;
+
+// The last ones, the youngest first.
+std::vector<TRunRecord> LastRuns(const TCommon& common, const std::string& name) {
+    std::vector<TRunRecord> runs = ReadHistory(common.store.directory, name).runs;
+    std::reverse(runs.begin(), runs.end());
+    runs.resize(std::min(runs.size(), cShownRuns));
+    return runs;
+}
+
+// When it was started, or should have been, and what became of it.
+std::string RunText(const TRunRecord& run, EZone zone) {
+    const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
+    return fmt::format("{}: {}{}", FormatMoment(run.started ? run.started : run.due, zone),
+                       OutcomeText(run), taken ? " after " + FormatSpan(*taken) : "");
+}
+
 }  // namespace
 
 int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
@@ -61,6 +80,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const TTaskState state = StateOf(*task, CRunningPrograms(), now);
     const std::string why = WhyNot(common, *task, state, now);
     const std::string real = RealProgram(common.store.directory, task->program);
+    const std::vector<TRunRecord> runs = LastRuns(common, name);
     if (common.json) {
         nlohmann::ordered_json json = JsonOfTask(*task);
         json["real_program"] = JsonOfText(real);
@@ -69,6 +89,9 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         json["state"] = state.Word();
         json["processes"] = state.processes;
         json["why_not_running"] = why.empty() ? nlohmann::ordered_json() : JsonOfText(why);
+        json["last_runs"] = nlohmann::ordered_json::array();
+        for (const TRunRecord& run : runs)
+            json["last_runs"].push_back(JsonOf(run));
         output.Raw(Document({{"task", json}}));
         return 0;
     }
@@ -87,6 +110,8 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     line("Every", FormatPeriod(task->period));
     if (!why.empty())
         line("Not running", why);
+    for (const TRunRecord& run : runs)
+        line(&run == runs.data() ? "Last runs" : "", RunText(run, common.zone));
     return 0;
 }
 

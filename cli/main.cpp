@@ -78,6 +78,7 @@ private:
     std::vector<std::string> forced;
 
     bool namesOnly = false;
+    bool failedOnly = false;
     std::optional<std::size_t> count;
     std::string until;
     TTaskTexts task;
@@ -131,7 +132,7 @@ void CCommandLine::AddReading() {
     json(Add("list", "All tasks, by their next start", [this] {
         return List(common, namesOnly, output);
     }))->add_flag("--names", namesOnly, "Only the names, one a line, in the table's order");
-    json(Add("show", "All of one task, and why it is not running",
+    json(Add("show", "All of one task, its last runs, and why it is not running",
              [this] { return ShowTask(common, task.name, output); }))
         ->add_option("name", task.name, "The task")
         ->required();
@@ -140,6 +141,15 @@ void CCommandLine::AddReading() {
     next->add_option("--count", count, "How many; 10 unless --until is given")
         ->check(CLI::Range(1, 1'000'000).description(""));
     next->add_option("--until", until, "Not beyond this time")->type_name("TIME");
+    CLI::App* const history =
+        json(Add("history", "The last runs of one task or of all, as the host recorded them",
+                 [this] { return History(common, task.name, count, failedOnly, output); }));
+    history->add_option("name", task.name, "The task; it may be gone by now");
+    history->add_option("--count", count, "How many; 20 unless given")
+        ->check(CLI::Range(1, 1'000'000).description(""));
+    history->add_flag(
+        "--failed", failedOnly,
+        "Only what exited with another status than 0, was killed, not started or missed");
     json(Add("status", "The scheduling process, the mutex and the table",
              [this] { return Status(common, output); }));
     json(Add("check", "What is wrong with the table, and where", [this] {

@@ -3,8 +3,10 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "host/Times.h"
 
@@ -13,6 +15,8 @@ struct TUsage {
     std::chrono::microseconds user{0};
     std::chrono::microseconds system{0};
     long peakMemory = 0;  // KiB
+
+    bool operator==(const TUsage&) const = default;
 };
 
 // What became of one due time of a task, or of one start.
@@ -37,8 +41,20 @@ struct TRunRecord {
     int number = 0;
     TUsage usage;
     std::string error;
+
+    bool operator==(const TRunRecord&) const = default;
 };
 
-// The record as one line of files/history.jsonl, its line break included; docs/operating.md lists
-// the fields. Bytes that are not UTF-8 are replaced by U+FFFD.
+// The record as JSON; docs/operating.md lists the fields.
+nlohmann::ordered_json JsonOf(const TRunRecord& record);
+
+// The record as one line of files/history.jsonl, its line break included. Bytes that are not UTF-8
+// are replaced by U+FFFD.
 std::string JsonLine(const TRunRecord& record);
+
+// A text as a record that was read from a line has it.
+std::string RecordedText(const std::string& text);
+
+// What JsonLine() wrote, with RecordedText() of its texts. None for anything else, a line that was
+// cut off or one of another version among it; fields that are not known are passed over.
+std::optional<TRunRecord> ReadJsonLine(std::string_view line);

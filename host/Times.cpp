@@ -2,8 +2,11 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <ctime>
+#include <string_view>
+#include <utility>
 
 using std::chrono::floor;
 using std::chrono::milliseconds;
@@ -29,6 +32,22 @@ std::string UtcTime(std::chrono::sys_seconds time, milliseconds rest) {
 std::string UtcTime(TMoment moment) {
     const auto whole = floor<seconds>(moment);
     return UtcTime(whole, moment - whole);
+}
+
+std::optional<TMoment> ReadUtcTime(const std::string& text) {
+    const char* const end = text.c_str() + text.size();
+    long year = 0;
+    const auto [afterYear, yearError] = std::from_chars(text.c_str(), end, year);
+    tm calendar{};
+    const char* const afterTime = strptime(afterYear, "-%m-%dT%T.", &calendar);
+    if (yearError != std::errc() || !std::in_range<int>(year - 1900) || afterTime == nullptr)
+        return {};
+    calendar.tm_year = static_cast<int>(year - 1900);
+    int rest = 0;
+    const auto [afterRest, restError] = std::from_chars(afterTime, end, rest);
+    if (restError != std::errc() || std::string_view(afterRest, end) != "Z")
+        return {};
+    return TMoment(seconds(timegm(&calendar)) + milliseconds(rest));
 }
 
 std::string LocalTime(TMoment moment) {

@@ -32,6 +32,8 @@ static constexpr long cNow = 1795271400;
 static constexpr long cHour = 3600;
 static constexpr long cDay = 24 * cHour;
 
+static constexpr char cHistory[] = "files/history.jsonl";
+
 class Cli : public testing::Test {
 protected:
     Cli() {
@@ -69,8 +71,44 @@ protected:
         return {name, std::time(nullptr) + cHour, 0, 24, cRecorder, "a parameter", 0};
     }
 
-    // A table with something of everything, beside the clock at cNow.
+    // A line of the host's history.
+    static std::string Run(const std::string& name, const std::string& fields) {
+        return R"({"version":1,"name":")" + name + R"(","program":"/bin/cp","parameter":"-a",)" +
+               fields + "}\n";
+    }
+
+    // Runs with every outcome, in both halves of the history.
+    static void WriteHistory() {
+        const std::string usage = R"(,"user":0.031,"system":0.004,"peakMemory":2150)";
+        WriteFile("files/history.jsonl.1",
+                  Run("backup", R"("outcome":"exited","due":"2026-11-19T00:30:00.000Z",)"
+                                R"("started":"2026-11-19T00:30:02.250Z",)"
+                                R"("ended":"2026-11-19T01:42:03.000Z","status":0,"process":7)" +
+                                    usage) +
+                      Run("gone by now", R"("outcome":"missed","due":"2026-11-19T01:00:00.000Z",)"
+                                         R"("task":"removed unrun")"));
+        WriteFile(cHistory,
+                  Run("late \\u001b[31m", R"("outcome":"killed","due":"2026-11-20T00:30:00.000Z",)"
+                                          R"("started":"2026-11-20T00:30:01.000Z",)"
+                                          R"("ended":"2026-11-20T00:30:01.350Z","signal":15)" +
+                                              usage) +
+                      Run("backup", R"("outcome":"exited","due":"2026-11-20T00:30:00.000Z",)"
+                                    R"("started":"2026-11-20T00:30:04.500Z",)"
+                                    R"("ended":"2026-11-20T00:30:16.800Z","status":3)" +
+                                        usage) +
+                      Run("backup", R"("outcome":"missed","due":"2026-11-20T12:30:00.000Z",)"
+                                    R"("task":"moved on")") +
+                      Run("\xc3\xa4rger", R"("outcome":"not started","due":null,)"
+                                          R"("started":"2026-11-20T13:00:00.000Z",)"
+                                          R"("ended":"2026-11-20T13:00:00.000Z",)"
+                                          R"("error":"No such file or directory")") +
+                      Run("backup", R"("outcome":"left running","due":"2026-11-21T00:30:00.000Z",)"
+                                    R"("started":"2026-11-21T00:30:01.000Z")"));
+    }
+
+    // A table with something of everything, beside the clock at cNow, and what ran before it.
     static void WriteShowcase() {
+        WriteHistory();
         WriteTable(
             {{"backup", cNow + 10 * cHour, cNow - 14 * cHour, 24, "/bin/cp", "-a /home", 0},
              {"report", cNow + 90, 0, 0, "/bin/echo", "", 0},
@@ -116,6 +154,14 @@ static const TGolden cGolden[] = {
     {"show-paused", {"show", "holiday"}},
     {"show-json", {"--utc", "show", "--json", "report"}},
     {"show-unknown", {"show", "nobody"}, 3},
+    {"history", {"history"}},
+    {"history-name", {"history", "backup"}},
+    {"history-count", {"history", "--count", "2", "--utc"}},
+    {"history-failed", {"history", "--failed"}},
+    {"history-json", {"history", "--json"}},
+    {"history-never-ran", {"history", "holiday"}},
+    {"history-unknown", {"history", "nobody"}, 3},
+    {"help-history", {"history", "--help"}},
     {"next", {"next"}},
     {"next-count", {"next", "--count", "3"}},
     {"next-until", {"next", "--until", "tomorrow 12:00"}},
@@ -182,6 +228,39 @@ TEST_F(Cli, OutputThatCannotBeWrittenIsAnError) {
         return 127;
     });
     EXPECT_EQ(child.Wait(), 1);
+}
+
+// ---- History ----------------------------------------------------------------------------------
+
+TEST_F(Cli, HistoryIsEmptyWhereNoHostKeptOne) {
+    EXPECT_THAT(Output({"history"}), HasSubstr("\n0 records\n"));
+    EXPECT_THAT(Output({"history", "--json"}), HasSubstr("\"runs\": []"));
+}
+
+TEST_F(Cli, HistoryLeavesOutWhatIsNoRecordAndSaysSo) {
+    WriteShowcase();
+    std::string lines = ReadFile(cHistory);
+    const std::string other = R"({"version":2,"outcome":"exited","name":"backup"})";
+    WriteFile(cHistory, "{\"version\":1,\"outc\n" + other + "\n[]\n\n" + lines +
+                            R"({"version":1,"outcome":"being writ)");
+    const TToolRun run = RunTool({"history"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_THAT(run.output, HasSubstr("\n7 records\n"));
+    for (const char* number : {"1", "2", "3", "4"})
+        EXPECT_THAT(run.error, HasSubstr(std::string("vxsched: line ") + number +
+                                         " of ./files/history.jsonl is no record of a run"));
+    EXPECT_THAT(run.error, testing::Not(HasSubstr("line 12")));
+    EXPECT_EQ(RunTool({"show", "backup"}).error, "") << "a record more or less is not its matter";
+}
+
+TEST_F(Cli, HistoryFindsNamesThatAreNotUnicodeAsTheyWereRecorded) {
+    WriteFile(cHistory, Run("caf\xef\xbf\xbd", R"("outcome":"exited","due":null,"status":0)"));
+    EXPECT_THAT(Output({"history", "caf\xe9"}), HasSubstr("\n1 record\n"));
+}
+
+TEST_F(Cli, HistoryThatMayNotBeReadIsStatusFour) {
+    fs::create_directory(cHistory);
+    ExpectRefused(4, "cannot read ./files/history.jsonl", {"history"});
 }
 
 // ---- Changes ----------------------------------------------------------------------------------

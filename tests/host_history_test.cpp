@@ -10,6 +10,7 @@
 
 #include "HostProgram.h"
 #include "StoreSemaphore.h"
+#include "Tool.h"
 
 using TJson = nlohmann::json;
 
@@ -82,6 +83,22 @@ TEST(HostHistory, UsageOfARunIsRecordedAndLogged) {
     EXPECT_GE(record.at("peakMemory").get<long>(), 64L << 10);
     EXPECT_TRUE(host.WaitForOutput(" KiB), task \"busy\": ")) << host.Output();
     WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostHistory, CommandShowsIt) {
+    CHost host;
+    ReplaceTable({Due("fails", PROGRAMS "/end-with", "status 3"),
+                  Due("missing", "/no/such/program/at-all", "p")});
+    WakeWorker();
+    RecordsOnceThereAre(2);
+    const std::string runs = RunTool({"history", "fails"}).output;
+    EXPECT_NE(runs.find("exited 3"), std::string::npos) << runs;
+    EXPECT_NE(runs.find("\n1 record\n"), std::string::npos) << runs;
+    const std::string task = RunTool({"show", "missing"}).output;
+    EXPECT_NE(task.find("not started: No such file or directory"), std::string::npos) << task;
+    EXPECT_EQ(TJson::parse(RunTool({"history", "--json", "fails"}).output).at("runs").at(0),
+              Records().at(Records().at(0).at("name") == "fails" ? 0 : 1));
     EXPECT_EQ(host.Stop(), 0);
 }
 

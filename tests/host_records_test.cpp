@@ -123,6 +123,69 @@ TEST(RunRecord, StaysOneLineOfJsonWhateverItsTextsHold) {
     EXPECT_EQ(JsonLine(record).find('\n'), JsonLine(record).size() - 1);
 }
 
+// ---- Read back ----------------------------------------------------------------------------------
+
+TEST(RunRecord, IsReadBackAsItWasWritten) {
+    for (const TRunRecord::EOutcome outcome :
+         {TRunRecord::cExited, TRunRecord::cKilled, TRunRecord::cUnknown, TRunRecord::cLeftRunning,
+          TRunRecord::cNotStarted, TRunRecord::cMovedOn, TRunRecord::cRemovedUnrun}) {
+        TRunRecord record = Exited();
+        record.outcome = outcome;
+        record.error = outcome == TRunRecord::cNotStarted ? "No such file" : "";
+        if (outcome != TRunRecord::cExited && outcome != TRunRecord::cKilled) {
+            record.number = 0;
+            record.usage = {};
+        }
+        EXPECT_EQ(ReadJsonLine(JsonLine(record)), record) << JsonLine(record);
+        record.task.reset();
+        record.due.reset();
+        record.started.reset();
+        record.ended.reset();
+        record.process = 0;
+        EXPECT_EQ(ReadJsonLine(JsonLine(record)), record) << JsonLine(record);
+    }
+}
+
+TEST(RunRecord, TextsThatAreNotUnicodeAreReadAsTheyWereRecorded) {
+    TRunRecord record = Exited();
+    record.task = "caf\xE9";
+    EXPECT_EQ(ReadJsonLine(JsonLine(record))->task, RecordedText("caf\xE9"));
+    EXPECT_EQ(RecordedText("caf\xE9"), "caf\xEF\xBF\xBD");
+    EXPECT_EQ(RecordedText("\xC3\xA4\n\""), "\xC3\xA4\n\"");
+}
+
+TEST(RunRecord, FieldsOfALaterHostArePassedOver) {
+    std::string line = JsonLine(Exited());
+    line.replace(line.find('}'), 1, R"(,"more":[1,2]})");
+    EXPECT_EQ(ReadJsonLine(line), Exited());
+}
+
+TEST(RunRecord, NothingElseIsReadAsOne) {
+    const std::string line = JsonLine(Exited());
+    for (std::size_t length = 0; length < line.size() - 1; ++length)
+        ASSERT_EQ(ReadJsonLine(line.substr(0, length)), std::nullopt) << length;
+    for (const char* other : {"null", "[]", "1", "{}", R"({"version":1})"})
+        EXPECT_EQ(ReadJsonLine(other), std::nullopt) << other;
+    std::string version = line;
+    version.replace(version.find("1"), 1, "2");
+    EXPECT_EQ(ReadJsonLine(version), std::nullopt);
+    std::string kind = line;
+    kind.replace(kind.find("\"/bin/program\""), 14, "7");
+    EXPECT_EQ(ReadJsonLine(kind), std::nullopt);
+}
+
+TEST(Times, AreReadBackAsTheyWereWritten) {
+    for (const std::int64_t number : {0LL, -1LL, 951'782'400'005LL, -62'200'000'000'123LL,
+                                      253'402'300'800'000LL, 9'000'000'000'000'000LL}) {
+        const TMoment moment{milliseconds(number)};
+        EXPECT_EQ(ReadUtcTime(UtcTime(moment)), moment) << UtcTime(moment);
+    }
+    for (const char* other :
+         {"", "2026", "2026-11-20T13:30:05.123", "2026-11-20T13:30:05Z", "2026-13-20T13:30:05.123Z",
+          "2026-11-20T13:30:05.123Zx", "99999999999999-11-20T13:30:05.123Z"})
+        EXPECT_EQ(ReadUtcTime(other), std::nullopt) << other;
+}
+
 TEST(Times, AreWrittenInUtcWithMilliseconds) {
     EXPECT_EQ(UtcTime(TMoment(milliseconds(-1))), "1969-12-31T23:59:59.999Z");
     EXPECT_EQ(UtcTime(TMoment(milliseconds(951'782'400'005))), "2000-02-29T00:00:00.005Z");
