@@ -65,10 +65,11 @@ void CSnapshots::Keep(const std::string& bytes) {
 
 void CSnapshots::RemoveOldest() {
     std::vector<fs::path> files;
-    std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(Folder(), ignored)) {
-        if (entry.path().filename() != "new")
-            files.push_back(entry.path());
+    std::error_code error;
+    for (fs::directory_iterator entry(Folder(), error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        if (entry->path().filename() != "new")
+            files.push_back(entry->path());
     }
     std::sort(files.begin(), files.end());
     for (std::size_t index = 0; index + limit < files.size(); ++index)
