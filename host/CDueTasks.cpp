@@ -6,13 +6,12 @@
 
 #include "client/CClientError.h"
 #include "client/Objections.h"
+#include "client/TableFile.h"
 #include "host/CHostLog.h"
-
-static constexpr char cTaskFile[] = "files/scheduler.dat";
 
 static std::string StateOfTable() {
     struct stat status {};
-    if (stat(cTaskFile, &status) != 0)
+    if (stat(vxsched::TableFile(".").c_str(), &status) != 0)
         return "";
     return fmt::format("{}.{} {} {}", status.st_ctim.tv_sec, status.st_ctim.tv_nsec, status.st_ino,
                        status.st_size);

@@ -7,6 +7,11 @@
 //
 // Where there can be no new file beside the table, or it could not be left to the table's owner, the
 // table is rewritten in place as before.
+//
+// Nor does a table perish because the system failed to let it be read: the add-in then goes on with an
+// empty one, and would save that. Its saves go nowhere until it has read the table.
+
+#include "client/saves/TableSaves.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -30,6 +35,19 @@ std::atomic<int> gDescriptor{-1};
 char gName[64];
 bool gIsWhole = false;
 
+// The table while the add-in reads it, and whether it failed to.
+std::atomic<int> gReading{-1};
+std::atomic<bool> gIsUnread{false};
+std::atomic<void (*)()> gUnreadListener{nullptr};
+
+void Unread() {
+    const int error = errno;
+    gIsUnread = true;
+    if (const auto listener = gUnreadListener.load())
+        listener();
+    errno = error;
+}
+
 template <typename Function>
 Function* SystemsOwn(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -43,6 +61,12 @@ int OpenSystems(const char* path, int flags, mode_t mode) {
 int CloseSystems(int descriptor) {
     static auto* const system = SystemsOwn<int(int)>("close");
     return system(descriptor);
+}
+
+// The add-in opens the file for both to read it. The spelling of the path is its own, too: nobody
+// else's reading is meant.
+bool IsARead(const char* path, int flags) {
+    return (flags & (O_TRUNC | O_CREAT)) == 0 && std::strcmp(path, cTable) == 0;
 }
 
 bool IsASave(const char* path, int flags) {
@@ -74,7 +98,23 @@ int OpenNewTable(int flags, mode_t mode) {
     return -1;
 }
 
+// Without a table there is nothing to lose.
+int OpenForReading(int flags, mode_t mode) {
+    const int descriptor = OpenSystems(cTable, flags, mode);
+    if (descriptor == -1 && errno != ENOENT) {
+        Unread();
+    } else {
+        gReading = descriptor;
+        gIsUnread = false;
+    }
+    return descriptor;
+}
+
 }  // namespace
+
+void SetUnreadTableListener(void (*listener)()) {
+    gUnreadListener = listener;
+}
 
 extern "C" int open(const char* path, int flags, ...) {
     va_list rest;
@@ -82,6 +122,10 @@ extern "C" int open(const char* path, int flags, ...) {
     const bool hasMode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     const auto mode = hasMode ? va_arg(rest, mode_t) : 0;
     va_end(rest);
+    if (IsARead(path, flags))
+        return OpenForReading(flags, mode);
+    if (gIsUnread && IsASave(path, flags))
+        return OpenSystems("/dev/null", O_WRONLY | O_CLOEXEC, 0);
     if (gDescriptor == -1 && IsASave(path, flags)) {
         const int descriptor = OpenNewTable(flags, mode);
         if (descriptor != -1) {
@@ -93,6 +137,22 @@ extern "C" int open(const char* path, int flags, ...) {
     return OpenSystems(path, flags, mode);
 }
 
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+    static auto* const system = SystemsOwn<int(const char*, struct stat*)>("stat");
+    const int result = system(path, status);
+    if (result == -1 && errno != ENOENT && std::strcmp(path, cTable) == 0)
+        Unread();
+    return result;
+}
+
+extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
+    static auto* const system = SystemsOwn<ssize_t(int, void*, size_t)>("read");
+    const ssize_t result = system(descriptor, bytes, count);
+    if (result == -1 && errno != EINTR && descriptor == gReading)
+        Unread();
+    return result;
+}
+
 extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
     static auto* const system = SystemsOwn<ssize_t(int, const void*, size_t)>("write");
     const ssize_t written = system(descriptor, bytes, count);
@@ -102,6 +162,13 @@ extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
 }
 
 extern "C" int close(int descriptor) {
+    if (descriptor != -1 && descriptor == gReading) {
+        gReading = -1;
+        const int result = CloseSystems(descriptor);
+        if (result == -1)
+            Unread();
+        return result;
+    }
     if (descriptor == -1 || descriptor != gDescriptor)
         return CloseSystems(descriptor);
     gDescriptor = -1;
