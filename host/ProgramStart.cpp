@@ -123,6 +123,10 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
         result = start(std::nullopt);
     if (result == 0) {
         run.process = *process;
+        if (run.task && run.due)
+            RememberStart({.task = *run.task,
+                           .due = *run.due,
+                           .started = std::chrono::floor<std::chrono::seconds>(*run.started)});
         CStartedPrograms::Instance().Started(run);
     } else {
         run.outcome = TRunRecord::cNotStarted;

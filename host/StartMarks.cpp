@@ -9,9 +9,14 @@
 #include <charconv>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <system_error>
 
+#include "client/CClientError.h"
 #include "client/Grid.h"
 #include "host/CHostLog.h"
+
+namespace fs = std::filesystem;
 
 using vxsched::TTaskEntry;
 using vxsched::TTime;
@@ -64,7 +69,7 @@ std::optional<std::string> MarkPath(const std::string& task, TTime due) {
     return fmt::format("{}/{}@{}", cFolder, name, due.time_since_epoch().count());
 }
 
-static std::optional<TStartMark> ReadMark(const std::filesystem::path& path) {
+static std::optional<TStartMark> ReadMark(const fs::path& path) {
     const std::string name = path.filename().string();
     const std::size_t at = name.rfind('@');
     std::int64_t due = 0;
@@ -77,31 +82,44 @@ static std::optional<TStartMark> ReadMark(const std::filesystem::path& path) {
                       .started = TTime(std::chrono::seconds(status.st_mtime))};
 }
 
+// What this process has started; the worker adds, the guard reads and removes.
+static std::mutex gMutex;
+static std::vector<TStartMark> gStarts;
+
+void RememberStart(const TStartMark& mark) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gStarts.push_back(mark);
+}
+
 std::vector<TStartMark> ReadMarks() {
-    std::vector<TStartMark> marks;
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(cFolder, ignored)) {
-        if (const auto mark = ReadMark(entry.path()))
+    std::unique_lock<std::mutex> lock(gMutex);
+    std::vector<TStartMark> marks = gStarts;
+    lock.unlock();
+    std::error_code error;
+    for (fs::directory_iterator entry(cFolder, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        if (const auto mark = ReadMark(entry->path()))
             marks.push_back(*mark);
     }
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw vxsched::SystemError(fmt::format("cannot read {}", cFolder), error.value());
     return marks;
 }
 
 void RemoveMark(const TStartMark& mark) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    std::erase_if(gStarts, [&](const TStartMark& one) { return one.IsOf(mark.task, mark.due); });
     if (const auto path = MarkPath(mark.task, mark.due))
         unlink(path->c_str());
-}
-
-static bool IsOf(const TStartMark& mark, const TTaskEntry& task) {
-    return mark.task == task.name && mark.due == task.next;
 }
 
 std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,
                        std::vector<TTaskEntry>& tasks) {
     std::size_t changed = 0;
     for (const TStartMark& mark : marks) {
-        const auto task = std::find_if(tasks.begin(), tasks.end(),
-                                       [&](const TTaskEntry& each) { return IsOf(mark, each); });
+        const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
+            return mark.IsOf(each.name, each.next);
+        });
         const auto step =
             task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);
         if (task == tasks.end() || (task->period != 0 && step.count() == 0))
@@ -123,8 +141,9 @@ std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
     std::vector<TStartMark> shown;
     std::copy_if(marks.begin(), marks.end(), std::back_inserter(shown),
                  [&](const TStartMark& mark) {
-                     return std::none_of(tasks.begin(), tasks.end(),
-                                         [&](const TTaskEntry& task) { return IsOf(mark, task); });
+                     return std::none_of(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
+                         return mark.IsOf(task.name, task.next);
+                     });
                  });
     return shown;
 }

@@ -15,6 +15,10 @@ struct TStartMark {
     std::string task;
     vxsched::TTime due;
     vxsched::TTime started;  // when it was made
+
+    bool IsOf(const std::string& name, vxsched::TTime time) const {
+        return task == name && due == time;
+    }
 };
 
 // Makes the folder in the working directory. False, with a line in the log, when that cannot be done.
@@ -23,6 +27,12 @@ bool MakeMarkFolder();
 // The path of a start's mark; none for a task whose name is too long for a file's.
 std::optional<std::string> MarkPath(const std::string& task, vxsched::TTime due);
 
+// A start that this process has made. It counts as a mark as long as the process lives, whether there
+// is a file for it or not.
+void RememberStart(const TStartMark& mark);
+
+// Throws CClientError when the folder is there and cannot be read: rather no answer than a start made
+// twice.
 std::vector<TStartMark> ReadMarks();
 void RemoveMark(const TStartMark& mark);
 
