@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <optional>
@@ -81,6 +82,18 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
         throw SystemError("cannot replace " + target.string(), errno);
 }
 
+// Into the file as it is, of which nothing is changed unless there is room for all.
+void Overwrite(const fs::path& path, std::string_view bytes) {
+    const CDescriptor descriptor(path, O_WRONLY, 0);
+    const auto size = static_cast<off_t>(bytes.size());
+    if (descriptor.Number() == -1 ||
+        fallocate(descriptor.Number(), FALLOC_FL_KEEP_SIZE, 0, std::max<off_t>(size, 1)) == -1)
+        throw SystemError("cannot write " + path.string(), errno);
+    WriteAll(descriptor.Number(), bytes, path);
+    if (ftruncate(descriptor.Number(), size) == -1)
+        throw SystemError("cannot cut off " + path.string(), errno);
+}
+
 }  // namespace
 
 fs::path TableFile(const fs::path& directory) {
@@ -120,17 +133,26 @@ void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     Replace(target, bytes, StatusOf(target), true);
 }
 
+void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) {
+    try {
+        ReplaceTable(directory, bytes);
+    } catch (const CClientError&) {
+        Overwrite(TableFile(directory), bytes);
+    }
+}
+
 void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
     Replace(file, bytes, StatusOf(TableFile(directory)), false);
 }
 
 void RemoveLeftovers(const fs::path& directory) {
-    std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(directory / "files", ignored)) {
-        const std::string name = entry.path().filename().string();
+    std::error_code error;
+    for (fs::directory_iterator entry(directory / "files", error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
         if (name.starts_with("scheduler.dat") &&
             (name.find(".new-") != std::string::npos || name.find(".save-") != std::string::npos))
-            fs::remove(entry.path(), ignored);
+            unlink(entry->path().c_str());
     }
 }
 

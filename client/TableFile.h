@@ -24,6 +24,11 @@ std::string ReadBytes(const std::filesystem::path& file);
 // the file is a link, what it leads to is replaced. Throws CClientError (cNoAccess, cFailed).
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
+// The same, and on a disk without room for a second file over the former bytes, for which all the room
+// is there before the first is touched: better than to leave the table out of date. A kill in the
+// middle leaves some of the old bytes and some of the new ones.
+void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string_view bytes);
+
 // Writes a file with the table's rights under a name that is not taken. Throws likewise.
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);

@@ -35,21 +35,6 @@ constexpr std::chrono::milliseconds cPatience(200);  // for the mutex; a tick ma
 constexpr int cAgain = 100;                          // milliseconds until the next try
 constexpr int cWithoutLimit = -1;
 
-// In the place of the table, also on a disk that is full: then over the former bytes.
-void WriteTable(const std::string& bytes) {
-    try {
-        vxsched::ReplaceTable(".", bytes);
-        return;
-    } catch (const vxsched::CClientError&) {
-        // What follows needs no room.
-    }
-    const CDescriptor file(open(vxsched::TableFile(".").c_str(), O_WRONLY | O_CLOEXEC));
-    if (!file.IsOpen() ||
-        pwrite(file.Get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()) ||
-        ftruncate(file.Get(), static_cast<off_t>(bytes.size())) == -1)
-        throw vxsched::SystemError("cannot write the table", errno);
-}
-
 void Tell(const std::vector<std::string>& notes) {
     for (const std::string& note : notes)
         LogError(note);
@@ -217,7 +202,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
     const std::string wanted = vxsched::EncodeTable(tasks);
     KeepDamaged(bytes, wanted);
     if (wanted != bytes)
-        WriteTable(wanted);
+        vxsched::ReplaceOrOverwriteTable(".", wanted);
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
     LogError(fmt::format("{}: the table is restored, with {} task(s)", why, tasks.size()));

@@ -24,17 +24,17 @@ static void TellWhatIsUnusual(const std::string& bytes) {
 // Makes the file a table that is sound and harmless, if it is none.
 static std::vector<TTaskEntry> MendTable() {
     const std::string bytes = vxsched::ReadTableBytes(".");
-    const std::optional<vxsched::TSource> source = vxsched::FindSource(".");
-    vxsched::TRepair repair =
-        vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
+    vxsched::TRepair repair = vxsched::PlanRepair(bytes, nullptr, vxsched::Now());
     if (repair.notes.empty()) {
         TellWhatIsUnusual(bytes);
         return std::move(repair.tasks);
     }
+    if (const std::optional<vxsched::TSource> source = vxsched::FindSource("."))
+        repair = vxsched::PlanRepair(bytes, &*source, vxsched::Now());
     for (const std::string& note : repair.notes)
         LogError(note);
     const std::string aside = vxsched::PutAside(".", bytes).string();
-    vxsched::ReplaceTable(".", vxsched::EncodeTable(repair.tasks));
+    vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(repair.tasks));
     LogError(fmt::format("the table is mended, with {} task(s); the former one is {}",
                          repair.tasks.size(), aside));
     return std::move(repair.tasks);
@@ -62,7 +62,7 @@ static void Prepare(vxsched::TTime lastWatch, CRunHistory& history) {
     const std::vector<TStartMark> marks = ReadMarks();
     const TPrepared prepared = PrepareTable(tasks, marks, lastWatch, vxsched::Now());
     if (prepared.tasks != tasks)
-        vxsched::ReplaceTable(".", vxsched::EncodeTable(prepared.tasks));
+        vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
     Tell(prepared, history);
     for (const TStartMark& mark : marks)
         RemoveMark(mark);
