@@ -11,6 +11,7 @@
 #include <memory>
 #include <system_error>
 
+#include "client/saves/TableSaves.h"
 #include "host/AddInFile.h"
 #include "host/CAddInLibrary.h"
 #include "host/CDirectoryLock.h"
@@ -45,28 +46,43 @@ static void OpenStandardDescriptors() {
         close(descriptor);
 }
 
-// Nobody looks after the table yet.
-static bool gDeletedByTheLoad = false;
+// Who is told that the add-in has lost its tasks; as long as there is nobody, it is remembered.
+static CTableGuard* gGuard = nullptr;
+static bool gTasksAreLost = false;
 
-// Runs on the thread that noticed, the worker or the one that loads the add-in.
-static void OnInformation(const std::string& name, int value, void* context) {
-    const std::string text = fmt::format("the add-in reports {} = {}", name, value);
-    if (name != "TasksDeleted") {
-        LogInfo(text);
-        return;
-    }
-    LogError(text);
-    if (context != nullptr)
-        static_cast<CTableGuard*>(context)->TasksDeleted();
+// These run on the thread that noticed, the worker or the one that loads the add-in.
+
+static void TellOfTheLoss() {
+    if (gGuard != nullptr)
+        gGuard->TasksDeleted();
     else
-        gDeletedByTheLoad = true;
+        gTasksAreLost = true;
 }
 
-// Who is told of the add-in's information, for as long as this object lives.
+static void OnInformation(const std::string& name, int value, void* /*context*/) {
+    const std::string text = fmt::format("the add-in reports {} = {}", name, value);
+    if (name == "TasksDeleted") {
+        LogError(text);
+        TellOfTheLoss();
+    } else {
+        LogInfo(text);
+    }
+}
+
+static void OnUnreadTable() {
+    LogError(fmt::format("the add-in could not read its table: {}", std::strerror(errno)));
+    TellOfTheLoss();
+}
+
+// The guard is told for as long as this object lives. No worker runs when it comes and goes.
 class CInformed {
 public:
-    explicit CInformed(CTableGuard& guard) { VXC_SetInformationListener(OnInformation, &guard); }
-    ~CInformed() { VXC_SetInformationListener(OnInformation, nullptr); }
+    explicit CInformed(CTableGuard& guard) {
+        gGuard = &guard;
+        if (gTasksAreLost)
+            guard.TasksDeleted();
+    }
+    ~CInformed() { gGuard = nullptr; }
     CInformed(const CInformed&) = delete;
     CInformed& operator=(const CInformed&) = delete;
 };
@@ -127,6 +143,15 @@ private:
     CAddInInterface& addIn;
 };
 
+static std::optional<vxsched::CLoadTurn> TakeTurnIfPossible(std::chrono::milliseconds patience) {
+    try {
+        return TakeTurn(patience);
+    } catch (const CHostError& error) {
+        LogWarning(fmt::format("stopping without a turn among the clients: {}", error.what()));
+        return std::nullopt;
+    }
+}
+
 static void Run(const THostOptions& options) {
     CHostLog& log = CHostLog::Instance();
     log.TakeAddInsMessages();
@@ -139,6 +164,7 @@ static void Run(const THostOptions& options) {
     RequireAddIn(options.addIn);
     WarnOfTraps();
     VXC_SetInformationListener(OnInformation, nullptr);
+    SetUnreadTableListener(OnUnreadTable);
 
     const CProgramOutput output(options.output, options.outputSize);
     SetProgramOutput(&output);
@@ -159,8 +185,6 @@ static void Run(const THostOptions& options) {
     CMainLoop loop(signals, service, programs, *stopEvent);
     {
         const CRunningWorker worker(library->AddIn());
-        if (gDeletedByTheLoad)
-            guard.TasksDeleted();
         guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
@@ -178,7 +202,7 @@ static void Run(const THostOptions& options) {
         loop.WaitForPrograms();
     {
         // A client that is making a change needs the store mutex, which goes with the add-in.
-        const auto turn = TakeTurn(options.patience);
+        const auto turn = TakeTurnIfPossible(options.patience);
         library.reset();
     }
     programs.CollectFinished();

@@ -1,5 +1,5 @@
-// A host that loses nothing: damaged and emptied tables are restored while it runs, and whatever is
-// killed, each due time is started once.
+// A host that loses nothing: damaged and emptied tables are restored while it runs, and what a killed
+// one had in its hands is made up for.
 
 #include <client/CStoreLock.h>
 #include <client/SchedulingProcess.h>
@@ -7,20 +7,13 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <memory>
-#include <random>
-#include <thread>
 
-#include "AddinLibrary.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -214,98 +207,3 @@ TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
     EXPECT_FALSE(fs::exists("missed")) << "no host had it in its hands";
     EXPECT_EQ(ReadFile("log"), "log\n");
 }
-
-// Microseconds until a kill: about as long as a change and a tick take.
-#ifdef PLAIN_BUILD
-static constexpr int cLongestLife = 20'000;
-#else
-static constexpr int cLongestLife = 300'000;
-#endif
-
-// ---- Proof: kills at random moments -----------------------------------------------------------
-
-static std::size_t LinesIn(const std::string& path) {
-    const std::string text = fs::exists(path) ? ReadFile(path) : "";
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-static std::unique_ptr<CHost> StartHost() {
-    return std::make_unique<CHost>();
-}
-
-// One round: a task is made due under a running host, other changes go on beside, and something is
-// killed. After a restart every task is there, and the task was started once if it was made due.
-static void KillSomething(int round, std::mt19937& random, std::size_t& expected) {
-    const auto random_ = [&](int most) { return std::uniform_int_distribution<>(0, most)(random); };
-    std::unique_ptr<CHost> host = StartHost();
-    const auto nextOf = [] { return vxsched::ReadTable(".", 30s).Find("job")->next; };
-    const vxsched::TTime before = nextOf();
-    // A phase of its own in each round, so that a start can be told from none.
-    // In the past, since without the pause of a start a task may be due once more in its second.
-    static const std::time_t gBeginning = std::time(nullptr) - 1;
-    const std::string due = "@" + std::to_string(gBeginning - round);
-    CProgram edit({TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"});
-    CProgram pause({TOOL_PROGRAM, round % 2 == 0 ? "pause" : "resume", "other"});
-    std::this_thread::sleep_for(std::chrono::microseconds(random_(cLongestLife)));
-    const int victim = random_(3);
-    if (victim == 0 || victim == 3)
-        edit.Kill(SIGKILL);
-    if (victim != 0)
-        host->Kill(SIGKILL);
-    edit.Wait();
-    if (victim == 0)
-        EXPECT_EQ(host->Stop(), 0);
-    else
-        host->Wait();
-    const std::string former = host->Output();
-    host = StartHost();
-    pause.Wait();
-    EXPECT_EQ(RunTool({"wake"}).status, 0);
-    EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for what is due";
-    WaitUntil(WorkerRests);
-    expected += nextOf() != before ? 1 : 0;
-    WaitUntil([&] { return LinesIn("log") >= expected; });
-    EXPECT_EQ(LinesIn("log"), expected)
-        << "in round " << round << ", victim " << victim << "\nbefore the kill:\n"
-        << former << "\nafter it:\n"
-        << host->Output() << "\nedit: " << edit.Output();
-    EXPECT_EQ(vxsched::ReadTable(".", 30s).tasks.size(), 4U);
-    EXPECT_EQ(host->Stop(), 0);
-}
-
-class HostKilled : public testing::TestWithParam<int> {};
-
-TEST_P(HostKilled, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
-    constexpr int cStores = 5;
-#ifdef PLAIN_BUILD
-    constexpr int cRounds = 50;
-#else
-    constexpr int cRounds = 8;
-#endif
-    std::vector<std::unique_ptr<CForkedChild>> stores;
-    for (int store = 0; store < cStores; ++store) {
-        stores.push_back(std::make_unique<CForkedChild>([store] {
-            const std::string folder = "store " + std::to_string(store);
-            if (unshare(CLONE_NEWIPC) != 0)
-                return 1;
-            fs::create_directories(folder + "/files");
-            fs::current_path(folder);
-            for (const auto& [name, value] : WithoutPauses())
-                setenv(name.c_str(), value.c_str(), 1);
-            WriteTable({Row("first"),
-                        Row("other"),
-                        Row("third"),
-                        {"job", cFar, 0, 24, PROGRAMS "/append-text", fs::absolute("log"), 0}});
-            std::mt19937 random(static_cast<unsigned int>(GetParam() * cStores + store));
-            std::size_t expected = 0;
-            for (int round = 0; round < cRounds && !testing::Test::HasFailure(); ++round)
-                KillSomething(round, random, expected);
-            EXPECT_GT(expected, 0U) << "something was started";
-            return testing::Test::HasFailure() ? 2 : 42;
-        }));
-    }
-    for (const auto& store : stores)
-        EXPECT_EQ(store->Wait(), 42);
-}
-
-INSTANTIATE_TEST_SUITE_P(Quarter, HostKilled, testing::Range(0, 4));

@@ -1,0 +1,127 @@
+// Put in front of a real program's system functions by LD_PRELOAD: of its calls on the files of a
+// store, in "files", the one of number PLAYED_FAULT fails, counted from 1 over all threads. What failed
+// is said at standard error, "played fault N: CALL".
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace {
+
+constexpr int cMostDescriptors = 1024;
+std::atomic<bool> gIsOfTheStore[cMostDescriptors];
+
+bool IsOfTheStore(const char* path) {
+    std::string_view text = path;
+    if (text.starts_with("./"))
+        text.remove_prefix(2);
+    return text == "files" || text.starts_with("files/");
+}
+
+bool IsOfTheStore(int descriptor) {
+    return descriptor >= 0 && descriptor < cMostDescriptors && gIsOfTheStore[descriptor];
+}
+
+// True once, for the call that is to fail.
+bool Fails(const char* call, int error) {
+    static const long gNumber = [] {
+        const char* const text = std::getenv("PLAYED_FAULT");
+        return text != nullptr ? std::atol(text) : 0;
+    }();
+    static std::atomic<long> gCalls{0};
+    if (gNumber == 0 || ++gCalls != gNumber)
+        return false;
+    dprintf(STDERR_FILENO, "played fault %ld: %s\n", gNumber, call);
+    errno = error;
+    return true;
+}
+
+template <typename Function>
+Function* SystemsOwn(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+    static auto* const system = SystemsOwn<int(int, const char*, int, ...)>("openat");
+    va_list rest;
+    va_start(rest, flags);
+    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    const bool counts = IsOfTheStore(path);
+    if (counts && Fails("open", (flags & O_CREAT) != 0 ? ENOSPC : EMFILE))
+        return -1;
+    const int descriptor = system(folder, path, flags, mode);
+    if (descriptor >= 0 && descriptor < cMostDescriptors)
+        gIsOfTheStore[descriptor] = counts;
+    return descriptor;
+}
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return openat(AT_FDCWD, path, flags, mode);
+}
+
+extern "C" int close(int descriptor) {
+    static auto* const system = SystemsOwn<int(int)>("close");
+    const bool fails = IsOfTheStore(descriptor) && Fails("close", EIO);
+    if (descriptor >= 0 && descriptor < cMostDescriptors)
+        gIsOfTheStore[descriptor] = false;
+    const int result = system(descriptor);
+    if (fails)
+        errno = EIO;
+    return fails ? -1 : result;
+}
+
+extern "C" ssize_t read(int descriptor, void* bytes, size_t size) {
+    static auto* const system = SystemsOwn<ssize_t(int, void*, size_t)>("read");
+    return IsOfTheStore(descriptor) && Fails("read", EIO) ? -1 : system(descriptor, bytes, size);
+}
+
+extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
+    static auto* const system = SystemsOwn<ssize_t(int, const void*, size_t)>("write");
+    return IsOfTheStore(descriptor) && Fails("write", ENOSPC) ? -1
+                                                              : system(descriptor, bytes, size);
+}
+
+extern "C" int fsync(int descriptor) {
+    static auto* const system = SystemsOwn<int(int)>("fsync");
+    return IsOfTheStore(descriptor) && Fails("fsync", EIO) ? -1 : system(descriptor);
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept {
+    static auto* const system = SystemsOwn<int(const char*, const char*)>("rename");
+    return IsOfTheStore(to) && Fails("rename", ENOSPC) ? -1 : system(from, to);
+}
+
+extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+    static auto* const system = SystemsOwn<int(const char*, mode_t)>("mkdir");
+    return IsOfTheStore(path) && Fails("mkdir", ENOSPC) ? -1 : system(path, mode);
+}
+
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+    static auto* const system = SystemsOwn<int(const char*, struct stat*)>("stat");
+    return IsOfTheStore(path) && Fails("stat", EIO) ? -1 : system(path, status);
+}
+
+extern "C" int lstat(const char* path, struct stat* status) noexcept {
+    static auto* const system = SystemsOwn<int(const char*, struct stat*)>("lstat");
+    return IsOfTheStore(path) && Fails("lstat", EIO) ? -1 : system(path, status);
+}
+
+extern "C" int fstat(int descriptor, struct stat* status) noexcept {
+    static auto* const system = SystemsOwn<int(int, struct stat*)>("fstat");
+    return IsOfTheStore(descriptor) && Fails("fstat", EIO) ? -1 : system(descriptor, status);
+}
