@@ -13,7 +13,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 #include <system_error>
 
 #include "client/CClientError.h"
@@ -61,7 +60,8 @@ CTableGuard::CTableGuard(std::size_t snapshotCount)
     : changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
       calls(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       snapshots(snapshotCount) {
-    if (inotify_add_watch(changes.Get(), "files", IN_CLOSE_WRITE | IN_MOVE | IN_DELETE) == -1)
+    if (inotify_add_watch(changes.Get(), "files",
+                          IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE) == -1)
         LogWarning(
             fmt::format("cannot watch the folder \"files\": {}. No snapshots are taken and "
                         "nothing is restored.",
@@ -113,28 +113,38 @@ void CTableGuard::Run() {
     }
 }
 
-// Counts the saves that the events tell of.
+// Counts the saves that the events tell of. The system leaves out an event that is like the one before
+// it, so several closes in a row may be one: what is written in between keeps those of saves apart. A
+// load of the add-in opens the table for writing as well, and writes nothing.
 void CTableGuard::TakeEvents() {
     alignas(inotify_event) std::array<char, 4096> block{};
-    std::string movedFrom;
     for (ssize_t count = 0; (count = read(changes.Get(), block.data(), block.size())) > 0;) {
         for (const char* place = block.data(); place < block.data() + count;) {
             const auto* const event = reinterpret_cast<const inotify_event*>(place);
             place += sizeof *event + event->len;
-            const std::string_view name = event->len > 0 ? event->name : "";
-            if ((event->mask & IN_MOVED_FROM) != 0)
-                movedFrom = name;
-            // Where saves went by uncounted, nothing can be said of what is gone.
-            if ((event->mask & IN_Q_OVERFLOW) != 0)
-                saves.replacedWhole = true;
-            if (name != cTable || (event->mask & IN_DELETE) != 0)
-                continue;
-            if ((event->mask & IN_CLOSE_WRITE) != 0 ||
-                movedFrom.find(".save-") != std::string::npos)
-                ++saves.count;
-            else
-                saves.replacedWhole = true;
+            TakeEvent(event->mask, event->cookie, event->len > 0 ? event->name : "");
         }
+    }
+}
+
+void CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name) {
+    // Where saves went by uncounted, nothing can be said of what is gone.
+    if ((what & IN_Q_OVERFLOW) != 0)
+        saves.replacedWhole = true;
+    if ((what & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
+        moveOfASave = move;
+    if (name != cTable)
+        return;
+    if ((what & IN_MODIFY) != 0) {
+        isWritten = true;
+    } else if ((what & IN_CLOSE_WRITE) != 0) {
+        saves.count += isWritten ? 1 : 0;
+        isWritten = false;
+    } else if ((what & IN_MOVED_TO) != 0) {
+        if (move == moveOfASave)
+            ++saves.count;
+        else
+            saves.replacedWhole = true;
     }
 }
 

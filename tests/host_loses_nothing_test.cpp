@@ -121,6 +121,42 @@ TEST(HostGuard, RemovalsAndImportsAreNotUndone) {
     EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
 }
 
+RUN_AGAIN(RemoveOneAfterTheOther) {
+    const CAddinLibrary library;
+    for (const std::string& name : arguments)
+        library.DestroyTask(name.c_str());
+    _exit(0);
+}
+
+// By a client of the bare functions, before the host has come to look.
+TEST(HostGuard, RemovalsInARowAreNotUndone) {
+    TRows rows = cThree;
+    rows.push_back(Row("fourth"));
+    rows.push_back(Row("fifth"));
+    WriteTable(rows);
+    CHost host;
+    host.Kill(SIGSTOP);
+    WaitUntil([] { return !WorkerRests(); });
+    CProgram client(
+        ThisProgramAs("RemoveOneAfterTheOther", {"first", "second", "third", "fourth"}));
+    EXPECT_EQ(client.Wait(), 0) << client.Output();
+    const std::size_t snapshots = CountIn("files/snapshots");
+    host.Kill(SIGCONT);
+    WaitUntil([&] { return CountIn("files/snapshots") > snapshots; });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(NamesInTable(), "fifth");
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+}
+
+TEST(HostGuard, TableThatIsMovedAwayIsRestored) {
+    WriteTable(cThree);
+    CHost host;
+    fs::rename(cTable, "elsewhere");
+    WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
     WriteTable(cThree);
     CHost host;
