@@ -108,33 +108,40 @@ void CTableGuard::Run() {
         if (poll(sources, std::size(sources), wait) == -1 && errno != EINTR)
             return;
         eventfd_t ignored = 0;
-        eventfd_read(calls.Get(), &ignored);
+        const bool isCalled = eventfd_read(calls.Get(), &ignored) == 0;
+        // Other files of the folder are written as well, the sign of life by a look itself.
+        const bool isAnotherTry = wait != cWithoutLimit;
+        if (!isCalled && !isAnotherTry && !TakeEvents())
+            continue;
         wait = stopping || Look() ? cWithoutLimit : cAgain;
     }
 }
 
-// Counts the saves that the events tell of. The system leaves out an event that is like the one before
-// it, so several closes in a row may be one: what is written in between keeps those of saves apart. A
-// load of the add-in opens the table for writing as well, and writes nothing.
-void CTableGuard::TakeEvents() {
+// Counts the saves that the events tell of; true when there is something to look at. The system leaves
+// out an event that is like the one before it, so several closes in a row may be one: what is written
+// in between keeps those of saves apart. A load of the add-in opens the table for writing as well, and
+// writes nothing.
+bool CTableGuard::TakeEvents() {
+    bool isTouched = false;
     alignas(inotify_event) std::array<char, 4096> block{};
     for (ssize_t count = 0; (count = read(changes.Get(), block.data(), block.size())) > 0;) {
         for (const char* place = block.data(); place < block.data() + count;) {
             const auto* const event = reinterpret_cast<const inotify_event*>(place);
             place += sizeof *event + event->len;
-            TakeEvent(event->mask, event->cookie, event->len > 0 ? event->name : "");
+            isTouched |= TakeEvent(event->mask, event->cookie, event->len > 0 ? event->name : "");
         }
     }
+    return isTouched;
 }
 
-void CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name) {
+bool CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name) {
     // Where saves went by uncounted, nothing can be said of what is gone.
     if ((what & IN_Q_OVERFLOW) != 0)
         saves.replacedWhole = true;
     if ((what & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
         moveOfASave = move;
     if (name != cTable)
-        return;
+        return saves.replacedWhole;
     if ((what & IN_MODIFY) != 0) {
         isWritten = true;
     } else if ((what & IN_CLOSE_WRITE) != 0) {
@@ -146,6 +153,7 @@ void CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_
         else
             saves.replacedWhole = true;
     }
+    return (what & IN_MODIFY) == 0;
 }
 
 // False when it is to be tried again.

@@ -44,8 +44,8 @@ private:
     };
 
     void Run();
-    void TakeEvents();
-    void TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name);
+    bool TakeEvents();
+    bool TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name);
     bool Look();
     void LookAt(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& why,

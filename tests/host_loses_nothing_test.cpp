@@ -157,6 +157,14 @@ TEST(HostGuard, TableThatIsMovedAwayIsRestored) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+TEST(HostGuard, SignOfLifeThatIsCutShortIsWrittenAnew) {
+    CHost host;
+    WriteFile("files/vxschedd.alive", "");
+    host.Kill(SIGUSR1);
+    WaitUntil([] { return fs::file_size("files/vxschedd.alive") == sizeof(std::int64_t); });
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
     WriteTable(cThree);
     CHost host;
