@@ -27,7 +27,7 @@ std::optional<TSource> FindSource(const fs::path& directory) {
     });
     for (const fs::path& file : files) {
         try {
-            return TSource{file.filename().string(), DecodeTable(ReadBytes(file), Now()).tasks};
+            return TSource{file.filename().string(), DecodeWholeTable(ReadBytes(file), Now())};
         } catch (const CClientError&) {
             continue;
         }

@@ -182,7 +182,7 @@ bool CTableGuard::Look() {
 void CTableGuard::LookAt(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
-        tasks = vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
+        tasks = vxsched::DecodeWholeTable(bytes, vxsched::Now());
     } catch (const vxsched::CClientError& error) {
         const std::optional<vxsched::TSource> source =
             lastGood ? vxsched::TSource{"the last good table", *lastGood}

@@ -165,6 +165,23 @@ TEST(HostGuard, SignOfLifeThatIsCutShortIsWrittenAnew) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// As after a loss of power.
+TEST(HostGuard, TableOfZerosIsRestoredAndMended) {
+    WriteTable(cThree);
+    const std::string zeros(BytesOf(cThree).size(), '\0');
+    {
+        CHost host;
+        WriteFile(cTable, zeros);
+        WaitForTable(cThree);
+        EXPECT_EQ(host.Stop(), 0);
+    }
+    WriteFile(cTable, zeros);
+    CHost host;
+    EXPECT_EQ(ReadFile(cTable), BytesOf(cThree));
+    EXPECT_EQ(host.CountInOutput("the table is mended, with 3 task(s)"), 1U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
     WriteTable(cThree);
     CHost host;
