@@ -249,6 +249,16 @@ TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
     EXPECT_EQ(ReadFile("log"), "log\n");
 }
 
+// Its last breath is not taken for a second host.
+TEST(HostAfterAKill, TheNextHostMayBeStartedAtOnce) {
+    for (int round = 0; round < 10; ++round) {
+        CHost host;
+        host.Kill(SIGKILL);
+        CHost next;
+        EXPECT_EQ(next.Stop(), 0) << next.Output();
+    }
+}
+
 TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
     WriteTable({Row("other")});
     {
