@@ -1,12 +1,10 @@
 #include "host/CTableGuard.h"
 
 #include <CEvent.h>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,8 +18,8 @@
 #include "client/Salvage.h"
 #include "client/SchedulingProcess.h"
 #include "client/Sources.h"
-#include "client/TableFile.h"
 #include "host/CHostLog.h"
+#include "host/PutTable.h"
 #include "host/StartMarks.h"
 #include "host/StopEvent.h"
 
@@ -33,21 +31,6 @@ constexpr char cTable[] = "scheduler.dat";
 constexpr std::chrono::milliseconds cPatience(200);  // for the mutex; a tick may hold it for long
 constexpr int cAgain = 100;                          // milliseconds until the next try
 constexpr int cWithoutLimit = -1;
-
-// In the place of the table, also on a disk that is full: then over the former bytes.
-void WriteTable(const std::string& bytes) {
-    try {
-        vxsched::ReplaceTable(".", bytes);
-        return;
-    } catch (const vxsched::CClientError&) {
-        // What follows needs no room.
-    }
-    const CDescriptor file(open(vxsched::TableFile(".").c_str(), O_WRONLY | O_CLOEXEC));
-    if (!file.IsOpen() ||
-        pwrite(file.Get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()) ||
-        ftruncate(file.Get(), static_cast<off_t>(bytes.size())) == -1)
-        throw vxsched::SystemError("cannot write the table", errno);
-}
 
 void Tell(const std::vector<std::string>& notes) {
     for (const std::string& note : notes)
@@ -189,7 +172,8 @@ void CTableGuard::LookAt(const std::string& bytes) {
                      : vxsched::FindSource(".");
         const vxsched::TRepair repair =
             vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
-        Tell(repair.notes);
+        if (bytes != damaged)
+            Tell(repair.notes);
         Restore(bytes, error.what(), repair.tasks);
         return;
     }
@@ -235,7 +219,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
     const std::string wanted = vxsched::EncodeTable(tasks);
     KeepDamaged(bytes, wanted);
     if (wanted != bytes)
-        WriteTable(wanted);
+        PutTable(wanted);
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
     LogError(fmt::format("{}: the table is restored, with {} task(s)", why, tasks.size()));

@@ -64,7 +64,7 @@ private:
     std::uint32_t moveOfASave = 0;  // that may have brought it to the table's place
     std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
     CSnapshots snapshots;
-    std::string damaged;  // the table that was put aside last
-    std::string trouble;  // that was logged last, so that it is not at every try
+    std::optional<std::string> damaged;  // the table that was told of and put aside last
+    std::string trouble;                 // that was logged last, so that it is not at every try
     std::thread thread;
 };

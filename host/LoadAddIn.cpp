@@ -10,6 +10,7 @@
 #include "host/CHostLog.h"
 #include "host/CStoreGate.h"
 #include "host/PrepareTable.h"
+#include "host/PutTable.h"
 #include "host/StartMarks.h"
 
 using vxsched::TTaskEntry;
@@ -34,7 +35,7 @@ static std::vector<TTaskEntry> MendTable() {
     for (const std::string& note : repair.notes)
         LogError(note);
     const std::string aside = vxsched::PutAside(".", bytes).string();
-    vxsched::ReplaceTable(".", vxsched::EncodeTable(repair.tasks));
+    PutTable(vxsched::EncodeTable(repair.tasks));
     LogError(fmt::format("the table is mended, with {} task(s); the former one is {}",
                          repair.tasks.size(), aside));
     return std::move(repair.tasks);
@@ -62,7 +63,7 @@ static void Prepare(vxsched::TTime lastWatch, CRunHistory& history) {
     const std::vector<TStartMark> marks = ReadMarks();
     const TPrepared prepared = PrepareTable(tasks, marks, lastWatch, vxsched::Now());
     if (prepared.tasks != tasks)
-        vxsched::ReplaceTable(".", vxsched::EncodeTable(prepared.tasks));
+        PutTable(vxsched::EncodeTable(prepared.tasks));
     Tell(prepared, history);
     for (const TStartMark& mark : marks)
         RemoveMark(mark);

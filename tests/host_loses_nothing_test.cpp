@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <random>
 #include <thread>
@@ -223,6 +224,65 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     WaitUntil([] { return fs::exists("log") && !ReadFile("log").empty(); });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadFile("log"), "log\n") << "it was started once";
+}
+
+// ---- On a full disk ---------------------------------------------------------------------------
+
+// Has `body` run in a process of its own, whose folder "files" is a file system of a few pages.
+static void OnASmallDisk(const std::function<void()>& body) {
+    CForkedChild child([&] {
+        fs::create_directory("files");
+        if (unshare(CLONE_NEWNS) != 0)
+            return 2;
+        mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
+        if (mount("none", "files", "tmpfs", 0, "size=64k") != 0)
+            return 3;
+        body();
+        return testing::Test::HasFailure() ? 1 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+static void FillDisk() {
+    const int file = open("files/filling", O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const std::string block(4096, 'f');
+    while (write(file, block.data(), block.size()) > 0) {
+    }
+    close(file);
+}
+
+TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
+    OnASmallDisk([] {
+        TRows rows = cThree;
+        rows[1].next = 1000;
+        WriteTable(rows);
+        FillDisk();
+        CHost host;
+        EXPECT_EQ(host.CountInOutput("missed while no host ran: task \"second\""), 1U)
+            << host.Output();
+        EXPECT_EQ(NamesInTable(), "first second third");
+        EXPECT_GT(ReadTable().at(1).next, std::time(nullptr));
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
+    OnASmallDisk([] {
+        WriteTable(cThree);
+        CHost host;
+        FillDisk();
+        host.Kill(SIGSTOP);
+        WaitUntil([] { return !WorkerRests(); });
+        WriteFile(cTable, "");
+        FillDisk();
+        host.Kill(SIGCONT);
+        EXPECT_TRUE(host.WaitForOutput("trying on")) << host.Output();
+        std::this_thread::sleep_for(300ms);  // so that there are more tries
+        fs::remove("files/filling");
+        WaitForTable(cThree);
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(host.CountInOutput("kept \"first\" from"), 1U) << host.Output();
+    });
 }
 
 // ---- After a kill -----------------------------------------------------------------------------
