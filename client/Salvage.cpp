@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <unordered_set>
 
 #include "client/CDecoder.h"
 #include "client/Grid.h"
@@ -129,12 +130,14 @@ TRepair PlanRepair(std::string_view bytes, const TSource* source, TTime now) {
         repair.notes.push_back(error.what());
         repair.notes.insert(repair.notes.end(), salvaged.notes.begin(), salvaged.notes.end());
         repair.tasks = std::move(salvaged.tasks);
-        for (const TTaskEntry& task : repair.tasks)
+        std::unordered_set<std::string> names;
+        for (const TTaskEntry& task : repair.tasks) {
+            names.insert(task.name);
             repair.notes.push_back("kept " + Quoted(task.name) + " from the damaged table");
+        }
         for (const TTaskEntry& task :
              source != nullptr ? source->tasks : std::vector<TTaskEntry>()) {
-            if (std::any_of(repair.tasks.begin(), repair.tasks.end(),
-                            [&](const TTaskEntry& kept) { return kept.name == task.name; }))
+            if (!names.insert(task.name).second)
                 continue;
             repair.tasks.push_back(task);
             repair.notes.push_back("kept " + Quoted(task.name) + " from " + source->name);

@@ -7,11 +7,11 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
+#include <unordered_set>
 
 #include "client/CClientError.h"
 #include "client/CStoreLock.h"
@@ -203,10 +203,12 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     if (!lastGood || saves.replacedWhole)
         return lost;
     const vxsched::TTime now = vxsched::Now();
+    std::unordered_set<std::string_view> names;
+    for (const TTaskEntry& task : tasks)
+        names.insert(task.name);
     for (const TTaskEntry& task : *lastGood) {
         const bool hasRun = task.period == 0 && task.next <= now;
-        if (!hasRun && std::none_of(tasks.begin(), tasks.end(),
-                                    [&](const TTaskEntry& each) { return each.name == task.name; }))
+        if (!hasRun && !names.contains(task.name))
             lost.push_back(task);
     }
     return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();
