@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <unordered_set>
 
 #include "client/CDecoder.h"
 #include "client/Grid.h"
@@ -29,6 +30,11 @@ bool LooksLikeATask(const TTaskEntry& task, std::uint32_t flag) {
            flag <= 1;
 }
 
+// As zeros read. A system that lost its power leaves zeros in the place of what was written last.
+bool IsBlank(const TTaskEntry& task) {
+    return task == TTaskEntry();
+}
+
 struct TFound {
     TTaskEntry task;
     std::size_t end;
@@ -39,7 +45,7 @@ std::optional<TFound> TaskAt(std::string_view bytes, std::size_t offset, bool mu
     try {
         std::uint32_t flag = 0;
         TTaskEntry task = decoder.TakeTask("", flag);
-        if (mustLookLikeOne && !LooksLikeATask(task, flag))
+        if (IsBlank(task) || (mustLookLikeOne && !LooksLikeATask(task, flag)))
             return {};
         return TFound{std::move(task), decoder.Offset()};
     } catch (const CClientError&) {
@@ -104,21 +110,34 @@ TSalvaged Salvage(std::string_view bytes) {
     return salvaged;
 }
 
+std::vector<TTaskEntry> DecodeWholeTable(std::string_view bytes, TTime now) {
+    std::vector<TTaskEntry> tasks = DecodeTable(bytes, now).tasks;
+    if (std::any_of(tasks.begin(), tasks.end(), IsBlank))
+        CDecoder::Damaged(0, "it has zeros in the place of a task");
+    const std::size_t end = EncodeTable(tasks).size();
+    if (end < bytes.size() && (tasks.empty() || Salvage(bytes).tasks.size() > tasks.size()))
+        CDecoder::Damaged(end, "it is said to have " + std::to_string(tasks.size()) +
+                                   " tasks, and more is behind them");
+    return tasks;
+}
+
 TRepair PlanRepair(std::string_view bytes, const TSource* source, TTime now) {
     TRepair repair;
     try {
-        repair.tasks = DecodeTable(bytes, now).tasks;
+        repair.tasks = DecodeWholeTable(bytes, now);
     } catch (const CClientError& error) {
         TSalvaged salvaged = Salvage(bytes);
         repair.notes.push_back(error.what());
         repair.notes.insert(repair.notes.end(), salvaged.notes.begin(), salvaged.notes.end());
         repair.tasks = std::move(salvaged.tasks);
-        for (const TTaskEntry& task : repair.tasks)
+        std::unordered_set<std::string> names;
+        for (const TTaskEntry& task : repair.tasks) {
+            names.insert(task.name);
             repair.notes.push_back("kept " + Quoted(task.name) + " from the damaged table");
+        }
         for (const TTaskEntry& task :
              source != nullptr ? source->tasks : std::vector<TTaskEntry>()) {
-            if (std::any_of(repair.tasks.begin(), repair.tasks.end(),
-                            [&](const TTaskEntry& kept) { return kept.name == task.name; }))
+            if (!names.insert(task.name).second)
                 continue;
             repair.tasks.push_back(task);
             repair.notes.push_back("kept " + Quoted(task.name) + " from " + source->name);

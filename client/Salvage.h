@@ -18,6 +18,10 @@ struct TSalvaged {
 // the next one that looks like a task: a name, times of this age, a program, a flag of 0 or 1.
 TSalvaged Salvage(std::string_view bytes);
 
+// The tasks of a table. Throws CClientError (cDamaged) like DecodeTable(), and also for a table that can
+// be read and has lost tasks all the same: zeros where a task was, or tasks behind the last.
+std::vector<TTaskEntry> DecodeWholeTable(std::string_view bytes, TTime now);
+
 // A table to fill in what a damaged one has lost.
 struct TSource {
     std::string name;  // for people: "the copy from before the last change (..)"

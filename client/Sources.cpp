@@ -46,7 +46,7 @@ std::vector<TCandidate> FindCandidates(const fs::path& directory) {
 std::optional<TSource> FindSource(const fs::path& directory) {
     for (const auto& [time, file] : FindCandidates(directory)) {
         try {
-            return TSource{file.filename().string(), DecodeTable(ReadBytes(file), Now()).tasks};
+            return TSource{file.filename().string(), DecodeWholeTable(ReadBytes(file), Now())};
         } catch (const CClientError&) {
             continue;
         }

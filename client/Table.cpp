@@ -111,7 +111,13 @@ TTime Now() {
 }
 
 std::string ReadTableBytes(const std::filesystem::path& directory) {
-    return ReadBytes(TableFile(directory));
+    const std::filesystem::path file = TableFile(directory);
+    // Whoever opens a pipe waits for its writer, for ever and with the store mutex.
+    std::error_code ignored;
+    if (std::filesystem::is_other(file, ignored))
+        throw CClientError(EError::cFailed, "cannot read " + file.string() +
+                                                ": it is no file; move it out of the way");
+    return ReadBytes(file);
 }
 
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience) {

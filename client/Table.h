@@ -69,7 +69,7 @@ TTable ReadTable(const std::filesystem::path& directory, std::chrono::millisecon
 
 // The bytes of a working directory's table, for somebody who keeps its writers out: who holds the
 // store mutex, or is a part of the tick that does. A missing file is an empty table. Throws
-// CClientError (cNoAccess, cFailed) when the file cannot be read.
+// CClientError (cNoAccess, cFailed) when the file cannot be read, or is a pipe or a device.
 std::string ReadTableBytes(const std::filesystem::path& directory);
 
 }  // namespace vxsched

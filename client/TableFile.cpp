@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <optional>
@@ -86,9 +85,11 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
 void Overwrite(const fs::path& path, std::string_view bytes) {
     const CDescriptor descriptor(path, O_WRONLY, 0);
     const auto size = static_cast<off_t>(bytes.size());
-    if (descriptor.Number() == -1 ||
-        fallocate(descriptor.Number(), FALLOC_FL_KEEP_SIZE, 0, std::max<off_t>(size, 1)) == -1)
+    struct stat former {};
+    if (descriptor.Number() == -1 || fstat(descriptor.Number(), &former) == -1)
         throw SystemError("cannot write " + path.string(), errno);
+    if (size > former.st_size && fallocate(descriptor.Number(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
+        throw SystemError("cannot make room for " + path.string(), errno);
     WriteAll(descriptor.Number(), bytes, path);
     if (ftruncate(descriptor.Number(), size) == -1)
         throw SystemError("cannot cut off " + path.string(), errno);

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -23,18 +25,32 @@ static std::string HolderOf(int descriptor) {
     return holder.substr(0, holder.find('\n'));
 }
 
+// Also a zombie has ended, whose parent does not ask for it.
+static bool HasEnded(const std::string& process) {
+    std::ifstream file("/proc/" + process + "/stat");
+    std::string stat;
+    if (!std::getline(file, stat))
+        return kill(static_cast<pid_t>(std::strtol(process.c_str(), nullptr, 10)), 0) == -1 &&
+               errno == ESRCH;
+    return stat.find(") Z ") != std::string::npos || stat.find(") X ") != std::string::npos;
+}
+
 // A host that was killed in the middle of a start leaves a process behind that is about to become the
 // program, and holds the lock until it has: its mark of the start is made by then.
 static bool IsLeftBehind(const std::string& holder) {
     return !holder.empty() && holder.find_first_not_of("0123456789") == std::string::npos &&
-           kill(static_cast<pid_t>(std::stol(holder)), 0) == -1 && errno == ESRCH;
+           HasEnded(holder);
 }
 
+// A host that was killed this very moment still has the lock, and nothing tells it from one that runs
+// on: so a little patience is had with any.
 static bool Lock(int descriptor) {
-    constexpr int cTries = 1000;
-    for (int tries = 0; flock(descriptor, LOCK_EX | LOCK_NB) == -1; ++tries) {
+    using TClock = std::chrono::steady_clock;
+    const TClock::time_point start = TClock::now();
+    while (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
         const int error = errno;
-        if (error != EWOULDBLOCK || tries == cTries || !IsLeftBehind(HolderOf(descriptor))) {
+        const std::chrono::seconds patience(IsLeftBehind(HolderOf(descriptor)) ? 5 : 1);
+        if (error != EWOULDBLOCK || TClock::now() - start > patience) {
             errno = error;
             return false;
         }

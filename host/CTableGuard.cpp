@@ -1,20 +1,17 @@
 #include "host/CTableGuard.h"
 
 #include <CEvent.h>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 #include <system_error>
+#include <unordered_set>
 
 #include "client/CClientError.h"
 #include "client/CStoreLock.h"
@@ -46,7 +43,8 @@ CTableGuard::CTableGuard(std::size_t snapshotCount)
     : changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
       calls(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       snapshots(snapshotCount) {
-    if (inotify_add_watch(changes.Get(), "files", IN_CLOSE_WRITE | IN_MOVE | IN_DELETE) == -1)
+    if (inotify_add_watch(changes.Get(), "files",
+                          IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE) == -1)
         LogWarning(
             fmt::format("cannot watch the folder \"files\": {}. No snapshots are taken and "
                         "nothing is restored.",
@@ -93,34 +91,52 @@ void CTableGuard::Run() {
         if (poll(sources, std::size(sources), wait) == -1 && errno != EINTR)
             return;
         eventfd_t ignored = 0;
-        eventfd_read(calls.Get(), &ignored);
+        const bool isCalled = eventfd_read(calls.Get(), &ignored) == 0;
+        // Other files of the folder are written as well, the sign of life by a look itself.
+        const bool isAnotherTry = wait != cWithoutLimit;
+        if (!isCalled && !isAnotherTry && !TakeEvents())
+            continue;
         wait = stopping || Look() ? cWithoutLimit : cAgain;
     }
 }
 
-// Counts the saves that the events tell of.
-void CTableGuard::TakeEvents() {
+// Counts the saves that the events tell of; true when there is something to look at. The system leaves
+// out an event that is like the one before it, so several closes in a row may be one: what is written
+// in between keeps those of saves apart. A load of the add-in opens the table for writing as well, and
+// writes nothing.
+bool CTableGuard::TakeEvents() {
+    bool isTouched = false;
     alignas(inotify_event) std::array<char, 4096> block{};
-    std::string movedFrom;
     for (ssize_t count = 0; (count = read(changes.Get(), block.data(), block.size())) > 0;) {
         for (const char* place = block.data(); place < block.data() + count;) {
             const auto* const event = reinterpret_cast<const inotify_event*>(place);
             place += sizeof *event + event->len;
-            const std::string_view name = event->len > 0 ? event->name : "";
-            if ((event->mask & IN_MOVED_FROM) != 0)
-                movedFrom = name;
-            // Where saves went by uncounted, nothing can be said of what is gone.
-            if ((event->mask & IN_Q_OVERFLOW) != 0)
-                saves.replacedWhole = true;
-            if (name != cTable || (event->mask & IN_DELETE) != 0)
-                continue;
-            if ((event->mask & IN_CLOSE_WRITE) != 0 ||
-                movedFrom.find(".save-") != std::string::npos)
-                ++saves.count;
-            else
-                saves.replacedWhole = true;
+            isTouched |= TakeEvent(event->mask, event->cookie, event->len > 0 ? event->name : "");
         }
     }
+    return isTouched;
+}
+
+bool CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name) {
+    // Where saves went by uncounted, nothing can be said of what is gone.
+    if ((what & IN_Q_OVERFLOW) != 0)
+        saves.replacedWhole = true;
+    if ((what & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
+        moveOfASave = move;
+    if (name != cTable)
+        return saves.replacedWhole;
+    if ((what & IN_MODIFY) != 0) {
+        isWritten = true;
+    } else if ((what & IN_CLOSE_WRITE) != 0) {
+        saves.count += isWritten ? 1 : 0;
+        isWritten = false;
+    } else if ((what & IN_MOVED_TO) != 0) {
+        if (move == moveOfASave)
+            ++saves.count;
+        else
+            saves.replacedWhole = true;
+    }
+    return (what & IN_MODIFY) == 0;
 }
 
 // False when it is to be tried again.
@@ -149,14 +165,15 @@ bool CTableGuard::Look() {
 void CTableGuard::LookAt(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
-        tasks = vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
+        tasks = vxsched::DecodeWholeTable(bytes, vxsched::Now());
     } catch (const vxsched::CClientError& error) {
         const std::optional<vxsched::TSource> source =
             lastGood ? vxsched::TSource{"the last good table", *lastGood}
                      : vxsched::FindSource(".");
         const vxsched::TRepair repair =
             vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
-        Tell(repair.notes);
+        if (bytes != damaged)
+            Tell(repair.notes);
         Restore(bytes, error.what(), repair.tasks);
         return;
     }
@@ -186,10 +203,12 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     if (!lastGood || saves.replacedWhole)
         return lost;
     const vxsched::TTime now = vxsched::Now();
+    std::unordered_set<std::string_view> names;
+    for (const TTaskEntry& task : tasks)
+        names.insert(task.name);
     for (const TTaskEntry& task : *lastGood) {
         const bool hasRun = task.period == 0 && task.next <= now;
-        if (!hasRun && std::none_of(tasks.begin(), tasks.end(),
-                                    [&](const TTaskEntry& each) { return each.name == task.name; }))
+        if (!hasRun && !names.contains(task.name))
             lost.push_back(task);
     }
     return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -42,7 +44,8 @@ private:
     };
 
     void Run();
-    void TakeEvents();
+    bool TakeEvents();
+    bool TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name);
     bool Look();
     void LookAt(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& why,
@@ -57,9 +60,11 @@ private:
     std::atomic<bool> deleted{false};
     std::atomic<bool> besideTheWorker{false};
     TSaves saves;
+    bool isWritten = false;         // the table, by whoever has it open
+    std::uint32_t moveOfASave = 0;  // that may have brought it to the table's place
     std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
     CSnapshots snapshots;
-    std::string damaged;  // the table that was put aside last
-    std::string trouble;  // that was logged last, so that it is not at every try
+    std::optional<std::string> damaged;  // the table that was told of and put aside last
+    std::string trouble;                 // that was logged last, so that it is not at every try
     std::thread thread;
 };

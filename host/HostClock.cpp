@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,18 +10,19 @@
 #include <ctime>
 #include <limits>
 
-#include "host/CDescriptor.h"
 #include "host/CHostLog.h"
 
 namespace {
 
-using TSign = std::atomic<std::int64_t>;
-
 bool gClockStands = false;
-std::atomic<TSign*> gSign{nullptr};
+std::atomic<int> gSign{-1};
 
 constexpr char cFile[] = "files/vxschedd.alive";
 constexpr std::chrono::seconds cBetweenTicks(60);
+
+bool WriteSign(int descriptor, std::int64_t now) {
+    return pwrite(descriptor, &now, sizeof now, 0) == sizeof now;
+}
 
 }  // namespace
 
@@ -34,45 +34,39 @@ CStandingClock::~CStandingClock() {
     gClockStands = false;
 }
 
-CSignOfLife::CSignOfLife() {
-    const CDescriptor file(open(cFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (file.IsOpen() && ftruncate(file.Get(), sizeof(TSign)) == 0)
-        memory = mmap(nullptr, sizeof(TSign), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
-    if (memory == nullptr || memory == MAP_FAILED) {
+CSignOfLife::CSignOfLife() : file(open(cFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    std::int64_t sign = 0;
+    if (pread(file.Get(), &sign, sizeof sign, 0) == sizeof sign && sign != 0)
+        lastWatch = vxsched::TTime(std::chrono::seconds(sign) + cBetweenTicks);
+    // A full disk is told of here; from then on the sign takes the same room again and again.
+    if (!file.IsOpen() || !WriteSign(file.Get(), sign))
         LogWarning(
-            fmt::format("cannot use {}: {}. After a kill, tasks that were due just before "
+            fmt::format("cannot write to {}: {}. After a kill, tasks that were due just before "
                         "will count as missed.",
                         cFile, std::strerror(errno)));
-        memory = nullptr;
-        return;
-    }
-    const std::int64_t sign = *static_cast<TSign*>(memory);
-    if (sign != 0)
-        lastWatch = vxsched::TTime(std::chrono::seconds(sign) + cBetweenTicks);
 }
 
 CSignOfLife::~CSignOfLife() {
-    gSign = nullptr;
-    if (memory != nullptr)
-        munmap(memory, sizeof(TSign));
+    gSign = -1;
 }
 
 void CSignOfLife::Begin() {
-    gSign = static_cast<TSign*>(memory);
+    gSign = file.Get();
 }
 
 void CSignOfLife::Stop() {
     const std::int64_t now = time(nullptr);
-    gSign = nullptr;
-    if (memory != nullptr)
-        *static_cast<TSign*>(memory) = now - cBetweenTicks.count();
+    gSign = -1;
+    static_cast<void>(WriteSign(file.Get(), now - cBetweenTicks.count()));
 }
 
 extern "C" time_t time(time_t* out) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    if (TSign* const sign = gSign.load(std::memory_order_relaxed))
-        sign->store(now.tv_sec, std::memory_order_relaxed);
+    const int error = errno;
+    if (const int sign = gSign.load(std::memory_order_relaxed); sign != -1)
+        static_cast<void>(WriteSign(sign, now.tv_sec));
+    errno = error;
     if (gClockStands)
         now.tv_sec = std::numeric_limits<time_t>::min();
     if (out != nullptr)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/Table.h"
+#include "host/CDescriptor.h"
 
 // The host's own time(), exported by the program, so that the add-in's calls of it come here. It is
 // the system's, and does two things beside.
@@ -16,7 +17,8 @@ public:
 };
 
 // Every tick asks for the time, and leaves it in files/vxschedd.alive: the last sign of life of a host
-// that is killed. It is written through memory, so it costs a tick nothing.
+// that is killed. It is written, not mapped: a file that is cut short, or a disk that is full, would
+// end the host otherwise.
 class CSignOfLife {
 public:
     // Of the working directory. Without the file, which is logged, there is no sign.
@@ -37,5 +39,5 @@ public:
 
 private:
     vxsched::TTime lastWatch;
-    void* memory = nullptr;
+    CDescriptor file;
 };

@@ -11,6 +11,11 @@ using vxsched::TTime;
 // there, while no host ran.
 static constexpr std::chrono::minutes cLongestTick(10);
 
+static bool IsLate(const TTaskEntry& task, TTime lastWatch) {
+    constexpr TTime cNever;
+    return lastWatch != cNever && task.next <= lastWatch && task.next >= lastWatch - cLongestTick;
+}
+
 static TRunRecord MissedRun(const TTaskEntry& task) {
     TRunRecord record;
     record.outcome = task.period == 0 ? TRunRecord::cRemovedUnrun : TRunRecord::cMovedOn;
@@ -30,7 +35,7 @@ TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMa
             prepared.tasks.push_back(std::move(task));
             continue;
         }
-        if (task.next <= lastWatch && task.next >= lastWatch - cLongestTick) {
+        if (IsLate(task, lastWatch)) {
             prepared.late.push_back(task);
             prepared.tasks.push_back(std::move(task));
             continue;

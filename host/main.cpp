@@ -11,7 +11,7 @@
 #include <memory>
 #include <system_error>
 
-#include "client/saves/TableSaves.h"
+#include "client/around/TableSaves.h"
 #include "host/AddInFile.h"
 #include "host/CAddInLibrary.h"
 #include "host/CDirectoryLock.h"

@@ -1,5 +1,6 @@
 // What is taken out of damaged tables, what fills in the rest, and what is put right.
 
+#include <client/CClientError.h>
 #include <client/Salvage.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -75,6 +76,31 @@ TEST(Salvage, NoiseGivesNothing) {
     }
     for (const TTaskEntry& task : Salvage(noise).tasks)
         ADD_FAILURE() << task.name;
+}
+
+TEST(WholeTable, IsOneWithOddBytesBehindIt) {
+    EXPECT_EQ(DecodeWholeTable(EncodeTable(cThree) + "odd", At(cNow)), cThree);
+}
+
+TEST(WholeTable, IsNoneWithACountThatIsTooSmall) {
+    std::string bytes = EncodeTable(cThree);
+    for (const char count : {'\0', '\1', '\2'}) {
+        bytes[0] = count;
+        EXPECT_THROW(DecodeWholeTable(bytes, At(cNow)), CClientError);
+        EXPECT_EQ(PlanRepair(bytes, nullptr, At(cNow)).tasks, cThree);
+    }
+}
+
+TEST(WholeTable, IsNoneWithZerosInThePlaceOfATask) {
+    const std::string bytes = EncodeTable(cThree);
+    const TSource source{"the last good table", cThree};
+    for (const std::size_t whole : {0U, 1U, 2U}) {
+        std::string damaged = EncodeTable({cThree.begin(), cThree.begin() + whole});
+        damaged[0] = '\3';
+        damaged.resize(bytes.size());
+        EXPECT_EQ(PlanRepair(damaged, nullptr, At(cNow)).tasks.size(), whole);
+        EXPECT_EQ(PlanRepair(damaged, &source, At(cNow)).tasks, cThree);
+    }
 }
 
 TEST(PlanRepair, SoundTableIsLeftAlone) {

@@ -7,13 +7,18 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <functional>
+#include <thread>
 
+#include "AddinLibrary.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -114,6 +119,67 @@ TEST(HostGuard, RemovalsAndImportsAreNotUndone) {
     EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
 }
 
+RUN_AGAIN(RemoveOneAfterTheOther) {
+    const CAddinLibrary library;
+    for (const std::string& name : arguments)
+        library.DestroyTask(name.c_str());
+    _exit(0);
+}
+
+// By a client of the bare functions, before the host has come to look.
+TEST(HostGuard, RemovalsInARowAreNotUndone) {
+    TRows rows = cThree;
+    rows.push_back(Row("fourth"));
+    rows.push_back(Row("fifth"));
+    WriteTable(rows);
+    CHost host;
+    host.Kill(SIGSTOP);
+    WaitUntil([] { return !WorkerRests(); });
+    CProgram client(
+        ThisProgramAs("RemoveOneAfterTheOther", {"first", "second", "third", "fourth"}));
+    EXPECT_EQ(client.Wait(), 0) << client.Output();
+    const std::size_t snapshots = CountIn("files/snapshots");
+    host.Kill(SIGCONT);
+    WaitUntil([&] { return CountIn("files/snapshots") > snapshots; });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(NamesInTable(), "fifth");
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+}
+
+TEST(HostGuard, TableThatIsMovedAwayIsRestored) {
+    WriteTable(cThree);
+    CHost host;
+    fs::rename(cTable, "elsewhere");
+    WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, SignOfLifeThatIsCutShortIsWrittenAnew) {
+    CHost host;
+    WriteFile("files/vxschedd.alive", "");
+    host.Kill(SIGUSR1);
+    WaitUntil([] { return fs::file_size("files/vxschedd.alive") == sizeof(std::int64_t); });
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// As after a loss of power.
+TEST(HostGuard, TableOfZerosIsRestoredAndMended) {
+    WriteTable(cThree);
+    const std::string zeros(BytesOf(cThree).size(), '\0');
+    {
+        CHost host;
+        WriteFile(cTable, zeros);
+        WaitForTable(cThree);
+        EXPECT_EQ(host.Stop(), 0);
+    }
+    WriteFile(cTable, zeros);
+    CHost host;
+    EXPECT_EQ(ReadFile(cTable), BytesOf(cThree));
+    EXPECT_EQ(host.CountInOutput("the table is mended, with 3 task(s)"), 1U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
     WriteTable(cThree);
     CHost host;
@@ -157,6 +223,65 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     EXPECT_EQ(ReadFile("log"), "log\n") << "it was started once";
 }
 
+// ---- On a full disk ---------------------------------------------------------------------------
+
+// Has `body` run in a process of its own, whose folder "files" is a file system of a few pages.
+static void OnASmallDisk(const std::function<void()>& body) {
+    CForkedChild child([&] {
+        fs::create_directory("files");
+        if (unshare(CLONE_NEWNS) != 0)
+            return 2;
+        mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
+        if (mount("none", "files", "tmpfs", 0, "size=64k") != 0)
+            return 3;
+        body();
+        return testing::Test::HasFailure() ? 1 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+static void FillDisk() {
+    const int file = open("files/filling", O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const std::string block(4096, 'f');
+    while (write(file, block.data(), block.size()) > 0) {
+    }
+    close(file);
+}
+
+TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
+    OnASmallDisk([] {
+        TRows rows = cThree;
+        rows[1].next = 1000;
+        WriteTable(rows);
+        FillDisk();
+        CHost host;
+        EXPECT_EQ(host.CountInOutput("missed while no host ran: task \"second\""), 1U)
+            << host.Output();
+        EXPECT_EQ(NamesInTable(), "first second third");
+        EXPECT_GT(ReadTable().at(1).next, std::time(nullptr));
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
+    OnASmallDisk([] {
+        WriteTable(cThree);
+        CHost host;
+        FillDisk();
+        host.Kill(SIGSTOP);
+        WaitUntil([] { return !WorkerRests(); });
+        WriteFile(cTable, "");
+        FillDisk();
+        host.Kill(SIGCONT);
+        EXPECT_TRUE(host.WaitForOutput("trying on")) << host.Output();
+        std::this_thread::sleep_for(300ms);  // so that there are more tries
+        fs::remove("files/filling");
+        WaitForTable(cThree);
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(host.CountInOutput("kept \"first\" from"), 1U) << host.Output();
+    });
+}
+
 // ---- After a kill -----------------------------------------------------------------------------
 
 TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
@@ -179,6 +304,16 @@ TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
     EXPECT_NE(ReadTable()[0].last, 0);
     EXPECT_EQ(next.Stop(), 0);
     EXPECT_EQ(ReadFile("log"), "log\n");
+}
+
+// Its last breath is not taken for a second host.
+TEST(HostAfterAKill, TheNextHostMayBeStartedAtOnce) {
+    for (int round = 0; round < 10; ++round) {
+        CHost host;
+        host.Kill(SIGKILL);
+        CHost next;
+        EXPECT_EQ(next.Stop(), 0) << next.Output();
+    }
 }
 
 TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {

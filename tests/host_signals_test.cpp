@@ -1,6 +1,9 @@
 // What a real host does on signals other than those that stop it, and its log file.
 
+#include <client/CStoreLock.h>
 #include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 
 #include <csignal>
 #include <ctime>
@@ -19,6 +22,28 @@ TEST(HostSignals, Usr1TicksAtOnce) {
     host.Kill(SIGUSR1);
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
     EXPECT_EQ(host.CountInOutput("ticking at once on SIGUSR1"), 1U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+static int CountWaitersForTheMutex() {
+    return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT);
+}
+
+// Also what happens when the machine sleeps: the system ends the worker's wait early.
+TEST(HostSignals, StopAndContinuationLeaveTheWorkerWaitingForTheMutex) {
+    CHost host;
+    {
+        const vxsched::CStoreLock lock(std::chrono::seconds(10));
+        host.Kill(SIGUSR1);
+        WaitUntil([] { return CountWaitersForTheMutex() == 1; });
+        host.Kill(SIGSTOP);
+        WaitUntil([] { return CountWaitersForTheMutex() == 0; });
+        host.Kill(SIGCONT);
+        WaitUntil([] { return CountWaitersForTheMutex() == 1 || StoreSemaphoreValue() != 0; });
+        EXPECT_EQ(StoreSemaphoreValue(), 0) << "nobody but its holder gives it back";
+    }
+    WaitUntil(WorkerRests);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(host.Stop(), 0);
 }
 

@@ -178,6 +178,15 @@ TEST(HostStart, TableThatMayNotBeReadOrWrittenIsRefused) {
     ExpectRefused(3, "files/scheduler.dat: Permission denied. Run vxschedd as a user who may");
 }
 
+TEST(HostStart, PipeInThePlaceOfTheTableIsRefused) {
+    std::filesystem::create_directory("files");
+    ASSERT_EQ(mkfifo(cTable, 0644), 0);
+    CProgram host({HOST_PROGRAM, "--directory", "."});
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_NE(host.Output().find("files/scheduler.dat: it is no file"), std::string::npos)
+        << host.Output();
+}
+
 TEST(HostStart, MutexThatMayNotBeUsedIsRefused) {
     TakeAllAccess(MakeStoreMutex());
     ExpectRefused(7, "the store mutex: Permission denied; run as the user");

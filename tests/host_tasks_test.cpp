@@ -173,6 +173,14 @@ TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
     EXPECT_EQ(prepared.tasks[1], table[1]);
 }
 
+TEST(PrepareTable, WithoutAFormerHostNothingStaysDue) {
+    const TPrepared prepared =
+        Prepared({Task("at zero", TTime(), "/p", ""),
+                  Task("once before", TTime() - std::chrono::minutes(1), "/p", "", 0)});
+    EXPECT_EQ(NamesOf(prepared.late), "");
+    EXPECT_EQ(Named(prepared.missed), "at zero on;once before removed;");
+}
+
 TEST(PrepareTable, WhatWasStartedIsNotStartedAgain) {
     const std::vector<TTaskEntry> table = {Task("started", Later(-7), "/p", ""),
                                            Task("once started", Later(-7), "/p", "", 0),

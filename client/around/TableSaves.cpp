@@ -11,7 +11,7 @@
 // Nor does a table perish because the system failed to let it be read: the add-in then goes on with an
 // empty one, and would save that. Its saves go nowhere until it has read the table.
 
-#include "client/saves/TableSaves.h"
+#include "client/around/TableSaves.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
