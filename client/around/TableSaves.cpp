@@ -148,7 +148,7 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
 extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
     static auto* const system = SystemsOwn<ssize_t(int, void*, size_t)>("read");
     const ssize_t result = system(descriptor, bytes, count);
-    if (result == -1 && errno != EINTR && descriptor == gReading)
+    if (result == -1 && errno != EINTR && descriptor != -1 && descriptor == gReading)
         Unread();
     return result;
 }
