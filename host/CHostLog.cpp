@@ -3,10 +3,12 @@
 #include <VXC_Log.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,6 +16,7 @@
 #include "host/Times.h"
 
 static constexpr char cHostsOwn[] = "vxschedd: ";
+static constexpr int cPatience = 1000;  // milliseconds
 
 // The service manager names the socket that it made standard error.
 static bool StandardErrorIsTheJournal() {
@@ -108,13 +111,34 @@ void CHostLog::WriteLine(int descriptor, const std::string& beginning, const std
         },
         ' ');
     line += '\n';
+    if (lost > 0) {
+        const std::string loss =
+            fmt::format("{}{} line(s) lost: nobody took them\n", beginning, lost);
+        if (!WriteAll(descriptor, loss)) {
+            ++lost;
+            return;
+        }
+        lost = 0;
+    }
+    if (!WriteAll(descriptor, line))
+        ++lost;
+}
+
+// False for a line that was not taken. What cannot be written at all counts as taken.
+bool CHostLog::WriteAll(int descriptor, const std::string& line) {
+    constexpr std::size_t cAtOnce = PIPE_BUF;  // what a pipe that can be written to takes
     for (std::size_t done = 0; done < line.size();) {
-        const ssize_t count = write(descriptor, line.data() + done, line.size() - done);
+        pollfd taker{.fd = descriptor, .events = POLLOUT, .revents = 0};
+        if (poll(&taker, 1, lost == 0 ? cPatience : 0) == 0)
+            return false;
+        const ssize_t count =
+            write(descriptor, line.data() + done, std::min(line.size() - done, cAtOnce));
         if (count >= 0)
             done += static_cast<std::size_t>(count);
         else if (errno != EINTR)
-            return;
+            return true;
     }
+    return true;
 }
 
 void LogError(const std::string& text) {

@@ -28,6 +28,8 @@ public:
     // is logged. No effect on standard error. For the thread that called WriteTo().
     void Reopen();
 
+    // A pipe or socket that nobody empties is waited for once, for a second; its lines are lost then,
+    // and counted, until it takes some again: the scheduler goes on.
     void Write(EPriority priority, const std::string& text);
 
     // Says why the host cannot run, in the log and on standard error without a time.
@@ -37,11 +39,13 @@ private:
     CHostLog();
     static void Sink(const std::string& message, void* context);
     void WriteLine(int descriptor, const std::string& beginning, const std::string& text);
+    bool WriteAll(int descriptor, const std::string& line);
 
     std::mutex mutex;
     const bool isJournal;
     std::string path;
     CDescriptor file;
+    std::size_t lost = 0;  // lines, since nobody takes them
 };
 
 void LogError(const std::string& text);

@@ -1,5 +1,6 @@
 // The run records of the host: what one holds as text, and the file that they are kept in.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <host/CHostLog.h>
 #include <host/CRunHistory.h>
@@ -7,6 +8,7 @@
 #include <host/Times.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -200,6 +202,35 @@ TEST(Times, LocalOnesHaveTheirOffset) {
     EXPECT_EQ(LocalTime(TMoment(milliseconds(951'782'400'005))), "2000-02-28T20:30:00.005-03:30");
     unsetenv("TZ");
     tzset();
+}
+
+// ---- The log
+// ---------------------------------------------------------------------------------------------------
+
+TEST(HostLog, LinesThatNobodyTakesAreCountedAndKeepNobodyWaiting) {
+    CForkedChild child([] {
+        int ends[2];
+        if (pipe2(ends, O_NONBLOCK) != 0)
+            return 1;
+        const std::string block(4096, 'x');
+        while (write(ends[1], block.data(), block.size()) > 0) {
+        }
+        fcntl(ends[1], F_SETFL, 0);
+        dup2(ends[1], STDERR_FILENO);
+        for (const char* const line : {"one", "two", "three"})
+            LogInfo(line);
+        const auto takeAll = [&] {
+            std::string all(1 << 20, '\0');
+            const ssize_t count = read(ends[0], all.data(), all.size());
+            all.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+            return all;
+        };
+        takeAll();
+        LogInfo("four");
+        const std::string lines = takeAll();
+        return lines.find("vxschedd: 3 line(s) lost") < lines.find("vxschedd: four\n") ? 42 : 2;
+    });
+    EXPECT_EQ(child.Wait(), 42);
 }
 
 // ---- The file
