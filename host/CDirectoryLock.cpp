@@ -43,48 +43,43 @@ static bool IsLeftBehind(const std::string& holder) {
 }
 
 // A host that was killed this very moment still has the lock, and nothing tells it from one that runs
-// on: so a little patience is had with any.
-static bool Lock(int descriptor) {
+// on: so a little patience is had with any. 0, or the error number.
+static int Lock(int descriptor, const std::string& holder) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point start = TClock::now();
     while (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
         const int error = errno;
-        const std::chrono::seconds patience(IsLeftBehind(HolderOf(descriptor)) ? 5 : 1);
-        if (error != EWOULDBLOCK || TClock::now() - start > patience) {
-            errno = error;
-            return false;
-        }
+        const std::chrono::seconds patience(IsLeftBehind(holder) ? 5 : 1);
+        if (error != EWOULDBLOCK || TClock::now() - start > patience)
+            return error;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return true;
+    return 0;
 }
 
 CDirectoryLock::CDirectoryLock(const std::string& directory)
-    : descriptor(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-    if (descriptor == -1)
+    : folder(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+      file(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    if (!file.IsOpen())
         throw CHostError(cNoDirectory,
                          fmt::format("cannot open {}/{}: {}. Run vxschedd as a user who may write "
                                      "there.",
                                      directory, cLockFile, std::strerror(errno)));
-    if (!Lock(descriptor)) {
-        const int error = errno;
-        const std::string holder = HolderOf(descriptor);
-        close(descriptor);
-        if (error != EWOULDBLOCK)
-            throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}", directory,
-                                                       cLockFile, std::strerror(error)));
+    std::string holder = HolderOf(file.Get());
+    int error = Lock(file.Get(), holder);
+    if (error == 0)
+        error = Lock(folder.Get(), holder);
+    if (error == EWOULDBLOCK)
         throw CHostError(cSecondHost,
                          fmt::format("another host runs in {} (process {}). Stop it first, or name "
                                      "another directory with --directory.",
                                      directory, holder.empty() ? "unknown" : holder));
-    }
-    const std::string holder = fmt::format("{}\n", getpid());
+    if (error != 0)
+        throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}", directory, cLockFile,
+                                                   std::strerror(error)));
+    holder = fmt::format("{}\n", getpid());
     // The number is for the message above only: a disk that is full does not keep a host from
     // running.
-    if (ftruncate(descriptor, 0) == 0)
-        static_cast<void>(pwrite(descriptor, holder.data(), holder.size(), 0) == -1);
-}
-
-CDirectoryLock::~CDirectoryLock() {
-    close(descriptor);
+    if (ftruncate(file.Get(), 0) == 0)
+        static_cast<void>(pwrite(file.Get(), holder.data(), holder.size(), 0) == -1);
 }

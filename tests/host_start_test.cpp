@@ -241,6 +241,14 @@ TEST(AddInFile, CutShortAnywhereIsNone) {
 // ---- Traps around the IPC namespace
 // -----------------------------------------------------------------------------------------
 
+TEST(HostStart, RemovedLockFileLetsNoSecondHostIn) {
+    CHost first;
+    std::filesystem::remove("files/vxschedd.lock");
+    CProgram second(HostWith({}));
+    EXPECT_EQ(second.Wait(), 4) << second.Output();
+    EXPECT_EQ(first.Stop(), 0);
+}
+
 TEST(HostStart, AnotherSchedulingProcessInTheNamespaceIsWarnedOf) {
     std::filesystem::create_directory("other");
     CHost first({HOST_PROGRAM, "--directory", "other"});
