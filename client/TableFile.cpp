@@ -127,6 +127,14 @@ std::string ReadBytes(const fs::path& file) {
     return bytes;
 }
 
+std::string TableState(const fs::path& directory) {
+    struct stat status {};
+    if (stat(TableFile(directory).c_str(), &status) != 0)
+        return "";
+    return std::to_string(status.st_ctim.tv_sec) + '.' + std::to_string(status.st_ctim.tv_nsec) +
+           ' ' + std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size);
+}
+
 void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     std::error_code ignored;
     const fs::path file = TableFile(directory);

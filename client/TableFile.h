@@ -19,6 +19,9 @@ std::filesystem::path TableBefore(const std::filesystem::path& directory);
 // cFailed) when it cannot be read.
 std::string ReadBytes(const std::filesystem::path& file);
 
+// Another text after each change of the table's file; empty when there is none.
+std::string TableState(const std::filesystem::path& directory);
+
 // Puts `bytes` in the place of the table in one step: whoever opens it sees the old ones or the new
 // ones, and when anything fails the old ones stay. Owner and access rights stay as they were. Where
 // the file is a link, what it leads to is replaced. Throws CClientError (cNoAccess, cFailed).

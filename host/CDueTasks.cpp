@@ -9,14 +9,6 @@
 #include "client/TableFile.h"
 #include "host/CHostLog.h"
 
-static std::string StateOfTable() {
-    struct stat status {};
-    if (stat(vxsched::TableFile(".").c_str(), &status) != 0)
-        return "";
-    return fmt::format("{}.{} {} {}", status.st_ctim.tv_sec, status.st_ctim.tv_nsec, status.st_ino,
-                       status.st_size);
-}
-
 // As a program sees a text.
 static std::string UpToZero(const std::string& text) {
     return text.substr(0, text.find('\0'));
@@ -31,7 +23,7 @@ static bool IsStartOf(const vxsched::TTaskEntry& task, const std::string& progra
 std::optional<CDueTasks::TTask> CDueTasks::Find(const std::string& program,
                                                 const std::string& parameter) {
     try {
-        const std::string state = StateOfTable();
+        const std::string state = vxsched::TableState(".");
         const vxsched::TTime now{std::chrono::seconds(std::time(nullptr))};
         const vxsched::TTable table = vxsched::DecodeTable(vxsched::ReadTableBytes("."), now);
         return Find(table.tasks, state, now, program, parameter);

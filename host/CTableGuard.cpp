@@ -40,14 +40,10 @@ void Tell(const std::vector<std::string>& notes) {
 }  // namespace
 
 CTableGuard::CTableGuard(std::size_t snapshotCount)
-    : changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
-      calls(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      snapshots(snapshotCount) {
-    if (inotify_add_watch(changes.Get(), "files",
-                          IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE) == -1)
+    : calls(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
+    if (!Watch())
         LogWarning(
-            fmt::format("cannot watch the folder \"files\": {}. No snapshots are taken and "
-                        "nothing is restored.",
+            fmt::format("cannot watch the folder \"files\": {}. It is looked at each second.",
                         std::strerror(errno)));
     Look();
 }
@@ -80,24 +76,47 @@ void CTableGuard::TasksDeleted() {
     eventfd_write(calls.Get(), 1);
 }
 
+// The folder is another one after it was moved or removed, and made again.
+bool CTableGuard::Watch() {
+    changes = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    isWatching = changes.IsOpen() && inotify_add_watch(changes.Get(), "files",
+                                                       IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE |
+                                                           IN_DELETE | IN_MOVE_SELF) != -1;
+    return isWatching;
+}
+
 void CTableGuard::Run() {
-    int wait = cWithoutLimit;
+    // What the first look could not see is looked at again.
+    bool again = !lastGood;
     while (!stopping) {
         pollfd sources[] = {{.fd = changes.Get(), .events = POLLIN, .revents = 0},
                             {.fd = calls.Get(), .events = POLLIN, .revents = 0}};
         // Before another try what is still to be read would end the wait at once.
-        if (wait != cWithoutLimit)
+        if (again)
             sources[0].fd = -1;
-        if (poll(sources, std::size(sources), wait) == -1 && errno != EINTR)
+        if (poll(sources, std::size(sources), again ? cAgain : Rest()) == -1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(cAgain));
+        if (stopping)
             return;
-        eventfd_t ignored = 0;
-        const bool isCalled = eventfd_read(calls.Get(), &ignored) == 0;
-        // Other files of the folder are written as well, the sign of life by a look itself.
-        const bool isAnotherTry = wait != cWithoutLimit;
-        if (!isCalled && !isAnotherTry && !TakeEvents())
-            continue;
-        wait = stopping || Look() ? cWithoutLimit : cAgain;
+        again = (again || HasSomethingToLookAt()) && !Look();
     }
+}
+
+// Milliseconds until the next look of its own accord.
+int CTableGuard::Rest() const {
+    constexpr int cSecond = 1000;
+    return isWatching && calls.IsOpen() ? cWithoutLimit : cSecond;
+}
+
+bool CTableGuard::HasSomethingToLookAt() {
+    eventfd_t ignored = 0;
+    if (eventfd_read(calls.Get(), &ignored) == 0 || deleted)
+        return true;
+    // Other files of the folder are written as well.
+    if (isWatching)
+        return TakeEvents();
+    Watch();
+    return vxsched::TableState(".") != lastSeen;
 }
 
 // Counts the saves that the events tell of; true when there is something to look at. The system leaves
@@ -119,8 +138,10 @@ bool CTableGuard::TakeEvents() {
 
 bool CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name) {
     // Where saves went by uncounted, nothing can be said of what is gone.
-    if ((what & IN_Q_OVERFLOW) != 0)
+    if ((what & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
         saves.replacedWhole = true;
+    if ((what & (IN_IGNORED | IN_MOVE_SELF)) != 0)
+        isWatching = false;
     if ((what & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
         moveOfASave = move;
     if (name != cTable)
@@ -148,9 +169,15 @@ bool CTableGuard::Look() {
         if (besideTheWorker && CEvent::UseOf(cStopEventName).waiters == 0)
             return false;
         TakeEvents();
-        LookAt(vxsched::ReadTableBytes("."));
+        if (!isWatching)
+            saves.replacedWhole = true;
+        // Without the folder there is no table, which is not to be taken for an empty one.
+        if (access("files", F_OK) == -1)
+            return true;
+        lastSeen = vxsched::TableState(".");
+        const bool isSettled = LookAt(vxsched::ReadTableBytes("."));
         trouble.clear();
-        return true;
+        return isSettled;
     } catch (const vxsched::CClientError& error) {
         if (error.Code() != vxsched::EError::cBusy && trouble != error.what()) {
             trouble = error.what();
@@ -162,7 +189,8 @@ bool CTableGuard::Look() {
     }
 }
 
-void CTableGuard::LookAt(const std::string& bytes) {
+// False when something was restored: what others did meanwhile is seen by another look.
+bool CTableGuard::LookAt(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
         tasks = vxsched::DecodeWholeTable(bytes, vxsched::Now());
@@ -175,7 +203,7 @@ void CTableGuard::LookAt(const std::string& bytes) {
         if (bytes != damaged)
             Tell(repair.notes);
         Restore(bytes, error.what(), repair.tasks);
-        return;
+        return false;
     }
     if (std::vector<TTaskEntry> lost = FindLost(tasks); !lost.empty()) {
         std::string names;
@@ -184,17 +212,18 @@ void CTableGuard::LookAt(const std::string& bytes) {
             tasks.push_back(std::move(task));
         }
         Restore(bytes, "the table has lost " + names, std::move(tasks));
-        return;
+        return false;
     }
     const std::vector<TStartMark> marks = ReadMarks();
     const bool isBehind = ApplyMarks(marks, vxsched::Now(), tasks) > 0;
     if (deleted || isBehind) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
-        return;
+        return false;
     }
     for (const TStartMark& mark : FindShown(marks, tasks))
         RemoveMark(mark);
     Keep(bytes, std::move(tasks));
+    return true;
 }
 
 // The tasks of the last good table that are gone, if they are more than can have been removed.
@@ -230,6 +259,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
     deleted = false;
     TakeEvents();
     Keep(wanted, std::move(tasks));
+    saves.replacedWhole = true;  // the events of others may have gone with those of this restore
 }
 
 // Once, however often the table in its place has to be tried.

@@ -44,10 +44,13 @@ private:
     };
 
     void Run();
+    bool Watch();
+    int Rest() const;
+    bool HasSomethingToLookAt();
     bool TakeEvents();
     bool TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name);
     bool Look();
-    void LookAt(const std::string& bytes);
+    bool LookAt(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& why,
                  std::vector<vxsched::TTaskEntry> tasks);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
@@ -55,7 +58,9 @@ private:
     void Keep(const std::string& bytes, std::vector<vxsched::TTaskEntry> tasks);
 
     CDescriptor changes;  // inotify
-    CDescriptor calls;    // an eventfd: something is to be looked at
+    bool isWatching = false;
+    std::string lastSeen;  // of the table, where nothing is watched
+    CDescriptor calls;     // an eventfd: something is to be looked at
     std::atomic<bool> stopping{false};
     std::atomic<bool> deleted{false};
     std::atomic<bool> besideTheWorker{false};

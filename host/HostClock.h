@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
+
 #include "client/Table.h"
 #include "host/CDescriptor.h"
+#include "host/Watch.h"
 
 // The host's own time(), exported by the program, so that the add-in's calls of it come here. It is
 // the system's, and does two things beside.
@@ -16,9 +19,9 @@ public:
     CStandingClock& operator=(const CStandingClock&) = delete;
 };
 
-// Every tick asks for the time, and leaves it in files/vxschedd.alive: the last sign of life of a host
+// Every tick asks for the time, and leaves it in files/started/alive: the last sign of life of a host
 // that is killed. It is written, not mapped: a file that is cut short, or a disk that is full, would
-// end the host otherwise.
+// end the host otherwise. In the folder of the table it would wake the table's guard each time.
 class CSignOfLife {
 public:
     // Of the working directory. Without the file, which is logged, there is no sign.
@@ -27,17 +30,17 @@ public:
     CSignOfLife(const CSignOfLife&) = delete;
     CSignOfLife& operator=(const CSignOfLife&) = delete;
 
-    // Until when the host before this one looked after tasks: up to a tick's distance behind its last
-    // sign when it was killed, and to its end when it was stopped. The beginning of 1970: never.
-    vxsched::TTime LastWatch() const { return lastWatch; }
+    // The watch of the host before this one, if there was one: up to a tick's distance behind its last
+    // sign when it was killed, and to its end when it was stopped.
+    const std::optional<TWatch>& FormerWatch() const { return former; }
 
-    // From now on signs are left.
-    void Begin();
+    // From now on signs are left; the watch is said to have begun at `since`.
+    void Begin(vxsched::TTime since);
 
     // The host stops cleanly: nothing that comes due from now on was its task.
     void Stop();
 
 private:
-    vxsched::TTime lastWatch;
+    std::optional<TWatch> former;
     CDescriptor file;
 };

@@ -56,31 +56,35 @@ static void Tell(const TPrepared& prepared, CRunHistory& history) {
                         task.name, UtcTime(task.next)));
 }
 
-static void Prepare(vxsched::TTime lastWatch, CRunHistory& history) {
+// Returns when the watch begins.
+static vxsched::TTime Prepare(const std::optional<TWatch>& former, CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = MendTable();
     const std::vector<TStartMark> marks = ReadMarks();
-    const TPrepared prepared = PrepareTable(tasks, marks, lastWatch, vxsched::Now());
+    const vxsched::TTime now = vxsched::Now();
+    const TPrepared prepared = PrepareTable(tasks, marks, former, now);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
     Tell(prepared, history);
     for (const TStartMark& mark : marks)
         RemoveMark(mark);
+    return BeginningOfWatch(prepared, now);
 }
 
-std::unique_ptr<CAddInLibrary> LoadAddIn(
-    const THostOptions& options, vxsched::TTime lastWatch, CRunHistory& history,
-    const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
+TLoaded LoadAddIn(const THostOptions& options, const std::optional<TWatch>& former,
+                  CRunHistory& history,
+                  const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
     CStoreGate gate(options.patience);
+    TLoaded loaded;
     try {
-        Prepare(lastWatch, history);
+        loaded.watchSince = Prepare(former, history);
     } catch (const vxsched::CClientError& error) {
         throw CHostError(cBadTable,
                          fmt::format("cannot make the table fit to be loaded: {}. It was "
                                      "left as it is.",
                                      error.what()));
     }
-    auto library = load();
+    loaded.library = load();
     gate.Loaded();
-    return library;
+    return loaded;
 }

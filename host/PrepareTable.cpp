@@ -1,5 +1,6 @@
 #include "host/PrepareTable.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "client/Grid.h"
@@ -7,13 +8,11 @@
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
-// What was due for longer was not waiting for its turn in a tick: it was put into the table, or left
-// there, while no host ran.
-static constexpr std::chrono::minutes cLongestTick(10);
+// A client may put a task into the table whose time has just come, or has passed.
+static constexpr std::chrono::minutes cPastStart(10);
 
-static bool IsLate(const TTaskEntry& task, TTime lastWatch) {
-    constexpr TTime cNever;
-    return lastWatch != cNever && task.next <= lastWatch && task.next >= lastWatch - cLongestTick;
+static bool IsLate(const TTaskEntry& task, const std::optional<TWatch>& former) {
+    return former && task.next >= former->since - cPastStart && task.next <= former->until;
 }
 
 static TRunRecord MissedRun(const TTaskEntry& task) {
@@ -27,7 +26,7 @@ static TRunRecord MissedRun(const TTaskEntry& task) {
 }
 
 TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMark>& marks,
-                       TTime lastWatch, TTime now) {
+                       const std::optional<TWatch>& former, TTime now) {
     ApplyMarks(marks, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
@@ -35,7 +34,7 @@ TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMa
             prepared.tasks.push_back(std::move(task));
             continue;
         }
-        if (IsLate(task, lastWatch)) {
+        if (IsLate(task, former)) {
             prepared.late.push_back(task);
             prepared.tasks.push_back(std::move(task));
             continue;
@@ -47,4 +46,11 @@ TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMa
         prepared.tasks.push_back(std::move(task));
     }
     return prepared;
+}
+
+TTime BeginningOfWatch(const TPrepared& prepared, TTime now) {
+    TTime beginning = now;
+    for (const TTaskEntry& task : prepared.late)
+        beginning = std::min(beginning, task.next);
+    return beginning;
 }

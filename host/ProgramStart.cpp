@@ -115,16 +115,25 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
                       attributes != nullptr ? attributes : cleanAttributes.Get(), arguments,
                       environment);
     };
-    const std::optional<std::string> mark =
-        run.task && run.due ? MarkPath(*run.task, *run.due) : std::nullopt;
+    std::optional<std::string> mark;
+    if (run.task && run.due)
+        mark = MarkPath(*run.task, *run.due);
+    const auto lacksMark = [&] { return mark && access(mark->c_str(), F_OK) != 0; };
     int result = start(mark);
+    if (result != 0 && lacksMark() && MakeMarkFolder())
+        result = start(mark);
     // Rather a start without a mark than none, on a disk without room for one.
-    if (result != 0 && mark && access(mark->c_str(), F_OK) != 0)
+    if (result != 0 && lacksMark()) {
+        LogWarning(
+            fmt::format("cannot make {}: {}. Killed before the table shows this start, a host "
+                        "makes it again.",
+                        *mark, std::strerror(result)));
         result = start(std::nullopt);
+    }
     if (result == 0) {
         run.process = *process;
         if (run.task && run.due)
-            RememberStart({.task = *run.task,
+            RememberStart({.task = MarkName(*run.task),
                            .due = *run.due,
                            .started = std::chrono::floor<std::chrono::seconds>(*run.started)});
         CStartedPrograms::Instance().Started(run);

@@ -1,5 +1,6 @@
 #include "host/StartMarks.h"
 
+#include <VXC_CRC32.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <system_error>
 
 #include "client/CClientError.h"
@@ -24,32 +26,21 @@ using vxsched::TTime;
 static constexpr char cFolder[] = "files/started";
 static constexpr std::size_t cLongestName = 200;
 
-// A task's name as a file's: what is not a letter or a digit as %XX.
-static std::string Encoded(const std::string& name) {
-    std::string encoded;
-    for (const char byte : name) {
+std::string MarkName(const std::string& task) {
+    std::string name;
+    for (const char byte : task) {
         const auto value = static_cast<unsigned char>(byte);
         const bool isPlain = (value >= '0' && value <= '9') || (value >= 'a' && value <= 'z') ||
                              (value >= 'A' && value <= 'Z');
-        encoded += isPlain ? std::string(1, byte) : fmt::format("%{:02x}", value);
+        name += isPlain ? std::string(1, byte) : fmt::format("%{:02x}", value);
     }
-    return encoded;
+    if (name.size() > cLongestName)
+        name = fmt::format("{}%{:08x}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
+    return name;
 }
 
-static std::string Decoded(const std::string& encoded) {
-    std::string name;
-    for (std::size_t index = 0; index < encoded.size(); ++index) {
-        if (encoded[index] != '%') {
-            name += encoded[index];
-            continue;
-        }
-        unsigned int value = 0;
-        const char* const digits = encoded.data() + index + 1;
-        std::from_chars(digits, encoded.data() + std::min(encoded.size(), index + 3), value, 16);
-        name += static_cast<char>(value);
-        index += 2;
-    }
-    return name;
+bool TStartMark::IsOf(const std::string& name, TTime time) const {
+    return due == time && task == MarkName(name);
 }
 
 bool MakeMarkFolder() {
@@ -62,11 +53,12 @@ bool MakeMarkFolder() {
     return false;
 }
 
-std::optional<std::string> MarkPath(const std::string& task, TTime due) {
-    const std::string name = Encoded(task);
-    if (name.size() > cLongestName)
-        return std::nullopt;
+static std::string PathOf(const std::string& name, TTime due) {
     return fmt::format("{}/{}@{}", cFolder, name, due.time_since_epoch().count());
+}
+
+std::string MarkPath(const std::string& task, TTime due) {
+    return PathOf(MarkName(task), due);
 }
 
 static std::optional<TStartMark> ReadMark(const fs::path& path) {
@@ -77,7 +69,7 @@ static std::optional<TStartMark> ReadMark(const fs::path& path) {
     if (at == std::string::npos || stat(path.c_str(), &status) != 0 ||
         std::from_chars(name.data() + at + 1, name.data() + name.size(), due).ec != std::errc())
         return std::nullopt;
-    return TStartMark{.task = Decoded(name.substr(0, at)),
+    return TStartMark{.task = name.substr(0, at),
                       .due = TTime(std::chrono::seconds(due)),
                       .started = TTime(std::chrono::seconds(status.st_mtime))};
 }
@@ -108,9 +100,10 @@ std::vector<TStartMark> ReadMarks() {
 
 void RemoveMark(const TStartMark& mark) {
     const std::lock_guard<std::mutex> lock(gMutex);
-    std::erase_if(gStarts, [&](const TStartMark& one) { return one.IsOf(mark.task, mark.due); });
-    if (const auto path = MarkPath(mark.task, mark.due))
-        unlink(path->c_str());
+    std::erase_if(gStarts, [&](const TStartMark& one) {
+        return one.task == mark.task && one.due == mark.due;
+    });
+    unlink(PathOf(mark.task, mark.due).c_str());
 }
 
 std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,20 +11,21 @@
 // start, the mark does.
 
 struct TStartMark {
-    std::string task;
+    std::string task;  // as MarkName() has it
     vxsched::TTime due;
     vxsched::TTime started;  // when it was made
 
-    bool IsOf(const std::string& name, vxsched::TTime time) const {
-        return task == name && due == time;
-    }
+    bool IsOf(const std::string& name, vxsched::TTime time) const;
 };
+
+// A task's name as a part of a file's: what is no letter and no digit as %XX, and of what is too long
+// the beginning and a check sum.
+std::string MarkName(const std::string& task);
 
 // Makes the folder in the working directory. False, with a line in the log, when that cannot be done.
 bool MakeMarkFolder();
 
-// The path of a start's mark; none for a task whose name is too long for a file's.
-std::optional<std::string> MarkPath(const std::string& task, vxsched::TTime due);
+std::string MarkPath(const std::string& task, vxsched::TTime due);
 
 // A start that this process has made. It counts as a mark as long as the process lives, whether there
 // is a file for it or not.

@@ -175,16 +175,16 @@ static void Run(const THostOptions& options) {
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
     MakeMarkFolder();
     CSignOfLife sign;
-    std::unique_ptr<CAddInLibrary> library = LoadAddIn(options, sign.LastWatch(), history, [&] {
+    TLoaded loaded = LoadAddIn(options, sign.FormerWatch(), history, [&] {
         const CStandingClock clock;
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
-    sign.Begin();
+    sign.Begin(loaded.watchSince);
     CTableGuard guard(options.snapshots);
     const CInformed informed(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
     {
-        const CRunningWorker worker(library->AddIn());
+        const CRunningWorker worker(loaded.library->AddIn());
         guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
@@ -203,7 +203,7 @@ static void Run(const THostOptions& options) {
     {
         // A client that is making a change needs the store mutex, which goes with the add-in.
         const auto turn = TakeTurnIfPossible(options.patience);
-        library.reset();
+        loaded.library.reset();
     }
     programs.CollectFinished();
     programs.Leave();

@@ -44,6 +44,15 @@ static std::size_t CountIn(const std::string& folder, const std::string& text = 
     return count;
 }
 
+static bool HasSnapshot(const std::string& bytes) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator("files/snapshots", ignored)) {
+        if (fs::exists(entry.path(), ignored) && ReadFile(entry.path()) == bytes)
+            return true;
+    }
+    return false;
+}
+
 static void WaitForTable(const TRows& rows) {
     WaitUntil([&] { return ReadFile(cTable) == BytesOf(rows); });
 }
@@ -65,13 +74,7 @@ TEST(HostGuard, EveryGoodTableIsKept) {
     TRows paused = cThree;
     for (TRow& row : paused)
         row.paused = 1;
-    WaitUntil([&] {
-        for (const auto& entry : fs::directory_iterator("files/snapshots")) {
-            if (ReadFile(entry.path()) == BytesOf(paused))
-                return true;
-        }
-        return false;
-    });
+    WaitUntil([&] { return HasSnapshot(BytesOf(paused)); });
     WaitUntil([] { return CountIn("files/snapshots") <= 2; });
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -157,9 +160,11 @@ TEST(HostGuard, TableThatIsMovedAwayIsRestored) {
 
 TEST(HostGuard, SignOfLifeThatIsCutShortIsWrittenAnew) {
     CHost host;
-    WriteFile("files/vxschedd.alive", "");
-    host.Kill(SIGUSR1);
-    WaitUntil([] { return fs::file_size("files/vxschedd.alive") == sizeof(std::int64_t); });
+    WriteFile("files/started/alive", "");
+    WaitUntil([&] {
+        host.Kill(SIGUSR1);
+        return fs::file_size("files/started/alive") == 2 * sizeof(std::int64_t);
+    });
     EXPECT_EQ(host.Stop(), 0);
 }
 
@@ -280,6 +285,56 @@ TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
         EXPECT_EQ(host.Stop(), 0);
         EXPECT_EQ(host.CountInOutput("kept \"first\" from"), 1U) << host.Output();
     });
+}
+
+TEST(HostGuard, WithoutInotifyTheTableIsLookedAtAllTheSame) {
+    WriteTable(cThree);
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    setenv("PLAYED_NO_INOTIFY", "1", 1);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput("cannot watch the folder \"files\": Too many open files"), 1U)
+        << host.Output();
+    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    WaitForTable(cThree);
+    WaitUntil(WorkerRests);
+    EXPECT_EQ(RunTool({"remove", "first"}).status, 0);
+    WaitUntil([] { return HasSnapshot(BytesOf({Row("second"), Row("third")})); });
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, FolderThatIsRemovedAndMadeAgainIsLookedAt) {
+    WriteTable(cThree);
+    CHost host;
+    fs::rename("files", "gone");
+    WriteTable(cThree);
+    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    WaitForTable(cThree);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, FolderThatIsRemovedDoesNotKeepAHostFromStopping) {
+    WriteTable(cThree);
+    CHost host;
+    fs::rename("files", "gone");
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+TEST(HostGuard, FolderOfMarksIsMadeAgainForAStart) {
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
+    CHost host;
+    fs::remove_all("files/started");
+    TRows rows = ReadTable();
+    rows[0].next = std::time(nullptr);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteTable(rows);
+    }
+    WakeChanged();
+    WaitUntil([] { return fs::exists("log"); });  // and the tick pauses for two seconds
+    EXPECT_EQ(CountIn("files/started", "due@"), 1U) << host.Output();
+    WaitUntil([] { return CountIn("files/started", "due@") == 0; });
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 // ---- After a kill -----------------------------------------------------------------------------

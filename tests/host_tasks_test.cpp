@@ -126,8 +126,9 @@ static std::string Named(const std::vector<TRunRecord>& missed) {
 }
 
 static TPrepared Prepared(const std::vector<TTaskEntry>& table,
-                          const std::vector<TStartMark>& marks = {}, TTime lastWatch = {}) {
-    return PrepareTable(table, marks, lastWatch, cNow);
+                          const std::vector<TStartMark>& marks = {},
+                          const std::optional<TWatch>& former = {}) {
+    return PrepareTable(table, marks, former, cNow);
 }
 
 static std::string NamesOf(const std::vector<TTaskEntry>& tasks) {
@@ -165,10 +166,14 @@ TEST(PrepareTable, MissedOnesHaveTheirDueTimeAndCommand) {
 TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
     const std::vector<TTaskEntry> table = {
         Task("watched", Later(-7), "/p", ""), Task("once watched", Later(-7), "/p", "", 0),
-        Task("later", Later(-6), "/p", ""), Task("long ago", Later(-608), "/p", "")};
-    const TPrepared prepared = Prepared(table, {}, Later(-7));
-    EXPECT_EQ(NamesOf(prepared.late), "watched;once watched;");
+        Task("later", Later(-6), "/p", ""), Task("early", Later(-90'000), "/p", ""),
+        Task("long ago", Later(-90'601), "/p", "")};
+    const TPrepared prepared =
+        Prepared(table, {}, TWatch{.since = Later(-90'000), .until = Later(-7)});
+    EXPECT_EQ(NamesOf(prepared.late), "watched;once watched;early;");
     EXPECT_EQ(Named(prepared.missed), "later on;long ago on;");
+    EXPECT_EQ(BeginningOfWatch(prepared, cNow), Later(-90'000)) << "should this host be killed too";
+    EXPECT_EQ(BeginningOfWatch(Prepared(table), cNow), cNow);
     EXPECT_EQ(prepared.tasks[0], table[0]);
     EXPECT_EQ(prepared.tasks[1], table[1]);
 }
@@ -187,9 +192,9 @@ TEST(PrepareTable, WhatWasStartedIsNotStartedAgain) {
                                            Task("not", Later(-7), "/p", "")};
     const std::vector<TStartMark> marks = {
         {.task = "started", .due = Later(-7), .started = Later(-6)},
-        {.task = "once started", .due = Later(-7), .started = Later(-5)},
+        {.task = MarkName("once started"), .due = Later(-7), .started = Later(-5)},
         {.task = "not", .due = Later(-3607), .started = Later(-3600)}};
-    const TPrepared prepared = Prepared(table, marks, cNow);
+    const TPrepared prepared = Prepared(table, marks, TWatch{.since = Later(-60), .until = cNow});
     EXPECT_EQ(NamesOf(prepared.tasks), "started;not;");
     EXPECT_EQ(prepared.tasks[0].next, Later(3593));
     EXPECT_EQ(prepared.tasks[0].last, Later(-6));
@@ -201,18 +206,19 @@ TEST(StartMarks, AreFoundByTaskAndDueTimeWhateverTheName) {
     std::filesystem::create_directory("files");
     ASSERT_TRUE(MakeMarkFolder());
     ASSERT_TRUE(MakeMarkFolder()) << "it may be there already";
-    for (const char* const name : {"plain", "a/b", "..", "at@5", "%41", "\xff blank"}) {
-        const auto path = MarkPath(name, Later(3));
-        ASSERT_TRUE(path.has_value());
-        WriteFile(*path, "");
+    const std::string longest(5'000, '\xe4');
+    for (const std::string& name :
+         {std::string("plain"), std::string("a/b"), std::string(".."), std::string("at@5"),
+          std::string("%41"), std::string("\xff blank"), longest}) {
+        WriteFile(MarkPath(name, Later(3)), "");
         const std::vector<TStartMark> marks = ReadMarks();
         ASSERT_EQ(marks.size(), 1U) << name;
-        EXPECT_EQ(marks[0].task, name);
-        EXPECT_EQ(marks[0].due, Later(3));
+        EXPECT_TRUE(marks[0].IsOf(name, Later(3))) << name;
+        EXPECT_FALSE(marks[0].IsOf(name, Later(4))) << name;
+        EXPECT_FALSE(marks[0].IsOf(std::string(name) + "x", Later(3))) << name;
         RemoveMark(marks[0]);
         EXPECT_TRUE(ReadMarks().empty()) << name;
     }
-    EXPECT_FALSE(MarkPath(std::string(250, 'n'), cNow).has_value());
 }
 
 TEST(StartMarks, AreShownByATableThatHasMovedOn) {

@@ -1,9 +1,10 @@
-// Put in front of a real program's system functions by LD_PRELOAD: a clock that stands, and a sleep
-// that does not, as the environment says.
+// Put in front of a real program's system functions by LD_PRELOAD: a clock that stands, a sleep that
+// does not, and no inotify, as the environment says.
 
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
@@ -23,4 +24,13 @@ extern "C" unsigned int sleep(unsigned int seconds) {
     static auto* const system =
         reinterpret_cast<unsigned int (*)(unsigned int)>(dlsym(RTLD_NEXT, "sleep"));
     return system(seconds);
+}
+
+extern "C" int inotify_init1(int flags) noexcept {
+    if (std::getenv("PLAYED_NO_INOTIFY") != nullptr) {
+        errno = EMFILE;
+        return -1;
+    }
+    static auto* const system = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "inotify_init1"));
+    return system(flags);
 }
