@@ -3,6 +3,7 @@
 #include <CEvent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -48,6 +49,10 @@ void WriteTable(const std::string& bytes) {
         pwrite(file.Get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()) ||
         ftruncate(file.Get(), static_cast<off_t>(bytes.size())) == -1)
         throw vxsched::SystemError("cannot write the table", errno);
+}
+
+std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
+    return vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
 }
 
 void Tell(const std::vector<std::string>& notes) {
@@ -110,6 +115,9 @@ void CTableGuard::Run() {
         eventfd_t ignored = 0;
         eventfd_read(calls.Get(), &ignored);
         wait = stopping || Look() ? cWithoutLimit : cAgain;
+        // What a look needed, some hundred bytes a task, is not needed until the next one.
+        if (wait == cWithoutLimit)
+            malloc_trim(0);
     }
 }
 
@@ -164,10 +172,10 @@ bool CTableGuard::Look() {
 void CTableGuard::LookAt(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
-        tasks = vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
+        tasks = TasksOf(bytes);
     } catch (const vxsched::CClientError& error) {
         const std::optional<vxsched::TSource> source =
-            lastGood ? vxsched::TSource{"the last good table", *lastGood}
+            lastGood ? vxsched::TSource{"the last good table", TasksOf(*lastGood)}
                      : vxsched::FindSource(".");
         const vxsched::TRepair repair =
             vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
@@ -192,7 +200,7 @@ void CTableGuard::LookAt(const std::string& bytes) {
     }
     for (const TStartMark& mark : FindShown(marks, tasks))
         RemoveMark(mark);
-    Keep(bytes, std::move(tasks));
+    Keep(bytes);
 }
 
 // The tasks of the last good table that are gone, if they are more than can have been removed.
@@ -201,7 +209,7 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     if (!lastGood || saves.replacedWhole)
         return lost;
     const vxsched::TTime now = vxsched::Now();
-    for (const TTaskEntry& task : *lastGood) {
+    for (const TTaskEntry& task : TasksOf(*lastGood)) {
         const bool hasRun = task.period == 0 && task.next <= now;
         if (!hasRun && std::none_of(tasks.begin(), tasks.end(),
                                     [&](const TTaskEntry& each) { return each.name == task.name; }))
@@ -225,7 +233,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
         RemoveMark(mark);
     deleted = false;
     TakeEvents();
-    Keep(wanted, std::move(tasks));
+    Keep(wanted);
 }
 
 // Once, however often the table in its place has to be tried.
@@ -240,11 +248,12 @@ void CTableGuard::KeepDamaged(const std::string& bytes, const std::string& wante
     damaged = bytes;
 }
 
-void CTableGuard::Keep(const std::string& bytes, std::vector<TTaskEntry> tasks) {
-    lastGood = std::move(tasks);
+void CTableGuard::Keep(const std::string& bytes) {
+    if (!lastGood || *lastGood != bytes)
+        lastGood = std::make_shared<const std::string>(bytes);
     saves = {};
     try {
-        snapshots.Keep(bytes);
+        snapshots.Keep(lastGood);
     } catch (const std::system_error& error) {
         LogWarning(fmt::format("no snapshot of the table: {}", error.what()));
     }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <optional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,7 +49,7 @@ private:
                  std::vector<vxsched::TTaskEntry> tasks);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
     void KeepDamaged(const std::string& bytes, const std::string& wanted);
-    void Keep(const std::string& bytes, std::vector<vxsched::TTaskEntry> tasks);
+    void Keep(const std::string& bytes);
 
     CDescriptor changes;  // inotify
     CDescriptor calls;    // an eventfd: something is to be looked at
@@ -57,7 +57,8 @@ private:
     std::atomic<bool> deleted{false};
     std::atomic<bool> besideTheWorker{false};
     TSaves saves;
-    std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
+    // As bytes, which take less than half the memory of tasks.
+    std::shared_ptr<const std::string> lastGood;
     CSnapshots snapshots;
     std::string damaged;  // the table that was put aside last
     std::string trouble;  // that was logged last, so that it is not at every try
