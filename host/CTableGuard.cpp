@@ -24,6 +24,7 @@
 #include "client/Sources.h"
 #include "client/TableFile.h"
 #include "host/CHostLog.h"
+#include "host/CTickTimer.h"
 #include "host/StartMarks.h"
 #include "host/StopEvent.h"
 
@@ -103,6 +104,7 @@ void CTableGuard::TasksDeleted() {
 }
 
 void CTableGuard::Run() {
+    TellHostThread();
     int wait = cWithoutLimit;
     while (!stopping) {
         pollfd sources[] = {{.fd = changes.Get(), .events = POLLIN, .revents = 0},

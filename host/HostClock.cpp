@@ -13,6 +13,7 @@
 
 #include "host/CDescriptor.h"
 #include "host/CHostLog.h"
+#include "host/CTickTimer.h"
 
 namespace {
 
@@ -73,6 +74,7 @@ extern "C" time_t time(time_t* out) noexcept {
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
     if (TSign* const sign = gSign.load(std::memory_order_relaxed))
         sign->store(now.tv_sec, std::memory_order_relaxed);
+    TellTick();
     if (gClockStands)
         now.tv_sec = std::numeric_limits<time_t>::min();
     if (out != nullptr)
