@@ -18,7 +18,7 @@ namespace {
 // The folder /proc, whose files are many: read with as few calls as can be.
 class CProcesses {
 public:
-    CProcesses() : folder(opendir("/proc")) {}
+    CProcesses() : folder(opendir("/proc")) { FindKernelThreads(); }
     ~CProcesses() {
         if (folder != nullptr)
             closedir(folder);
@@ -26,13 +26,14 @@ public:
     CProcesses(const CProcesses&) = delete;
     CProcesses& operator=(const CProcesses&) = delete;
 
-    // The next process; none behind the last.
+    // The next process that is no thread of the kernel's; none behind the last.
     std::optional<pid_t> Next() {
         while (const dirent* const entry = folder == nullptr ? nullptr : readdir(folder)) {
             name = entry->d_name;
             pid_t id = 0;
             const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-            if (error == std::errc() && end == name.data() + name.size())
+            if (error == std::errc() && end == name.data() + name.size() &&
+                !std::binary_search(kernelThreads.begin(), kernelThreads.end(), id))
                 return id;
         }
         return {};
@@ -40,14 +41,34 @@ public:
 
     // The arguments of that one with a zero byte behind each, its own path included; empty for one
     // that cannot be looked into, or has none. Valid until the next call.
-    std::string_view CommandLine() {
-        name += "/cmdline";
-        const int file = openat(dirfd(folder), name.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string_view CommandLine() { return Read(name + "/cmdline"); }
+
+private:
+    // Often the most of all processes, and none has a command line. Their parent is the kernel's own
+    // process 2, which a container has not.
+    void FindKernelThreads() {
+        if (folder == nullptr || Read("2/comm") != "kthreadd\n" || !Read("2/cmdline").empty())
+            return;
+        std::string_view left = Read("2/task/2/children");
+        for (pid_t id = 0; !left.empty();) {
+            const auto [end, error] = std::from_chars(left.data(), left.data() + left.size(), id);
+            if (error != std::errc())
+                break;
+            kernelThreads.push_back(id);
+            left.remove_prefix(static_cast<std::size_t>(end - left.data()));
+            left.remove_prefix(std::min(left.find_first_not_of(' '), left.size()));
+        }
+        std::sort(kernelThreads.begin(), kernelThreads.end());
+    }
+
+    // Valid until the next call.
+    std::string_view Read(const std::string& path) {
+        const int file = openat(dirfd(folder), path.c_str(), O_RDONLY | O_CLOEXEC);
         if (file == -1)
             return {};
         std::size_t length = 0;
         ssize_t count = 0;
-        // A file of the kernel's delivers what there is; only a full buffer may have more behind it.
+        // Such a file delivers what there is; only a full buffer may have more behind it.
         while ((count = read(file, text.data() + length, text.size() - length)) > 0) {
             length += static_cast<std::size_t>(count);
             if (length < text.size())
@@ -58,8 +79,8 @@ public:
         return std::string_view(text).substr(0, length);
     }
 
-private:
     DIR* folder;
+    std::vector<pid_t> kernelThreads;
     std::string name;
     std::string text = std::string(1 << 13, '\0');
 };
