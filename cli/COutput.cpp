@@ -32,18 +32,15 @@ const char* CodeOf(EColour colour) {
     return "";
 }
 
-// The first `columns` characters; the last of them becomes an ellipsis when something is cut off.
-std::string CutTo(const TShown& shown, std::size_t columns) {
-    if (shown.columns <= columns)
-        return shown.text;
+// The first `columns` characters of more than those; the last of them becomes an ellipsis.
+std::string CutTo(std::string_view text, std::size_t columns) {
     std::size_t end = 0;
     for (std::size_t count = 0; count + 1 < columns; ++count) {
         ++end;
-        while (end < shown.text.size() &&
-               (static_cast<unsigned char>(shown.text[end]) & 0xc0U) == 0x80U)
+        while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U)
             ++end;
     }
-    return shown.text.substr(0, end) + "\u2026";
+    return std::string(text.substr(0, end)) + "\u2026";
 }
 
 }  // namespace
@@ -82,49 +79,68 @@ void COutput::Finish() {
 }
 
 std::string COutput::Coloured(std::string_view part, EColour colour) const {
-    if (!hasColours || colour == EColour::cPlain)
-        return std::string(part);
-    return std::string("\033[") + CodeOf(colour) + 'm' + std::string(part) + "\033[0m";
+    std::string coloured;
+    AppendColoured(part, colour, coloured);
+    return coloured;
 }
 
-CColumns::CColumns(std::vector<std::string> headings) {
-    std::vector<TCell> row;
-    row.reserve(headings.size());
-    for (std::string& heading : headings)
-        row.push_back({std::move(heading), EColour::cBold});
-    rows.push_back(std::move(row));
+void COutput::AppendColoured(std::string_view part, EColour colour, std::string& to) const {
+    if (!hasColours || colour == EColour::cPlain) {
+        to += part;
+        return;
+    }
+    to += "\033[";
+    to += CodeOf(colour);
+    to += 'm';
+    to += part;
+    to += "\033[0m";
 }
 
-void CColumns::Add(std::vector<TCell> row) {
-    rows.push_back(std::move(row));
+CColumns::CColumns(std::initializer_list<std::string_view> headings) : widths(headings.size()) {
+    for (const std::string_view heading : headings)
+        Add(heading, EColour::cBold);
+}
+
+void CColumns::Add(std::string_view text, EColour colour) {
+    const std::size_t start = texts.size();
+    const std::size_t columns = AppendShown(text, texts);
+    std::size_t& width = widths[cells.size() % widths.size()];
+    width = std::max(width, columns);
+    cells.push_back({static_cast<std::uint32_t>(texts.size() - start),
+                     static_cast<std::uint32_t>(columns), colour});
 }
 
 void CColumns::Print(COutput& output) const {
-    std::vector<std::size_t> widths(rows.front().size());
-    std::vector<std::vector<TShown>> shown;
-    shown.reserve(rows.size());
-    for (const std::vector<TCell>& row : rows) {
-        std::vector<TShown>& cells = shown.emplace_back();
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            cells.push_back(Show(row[column].text));
-            widths[column] = std::max(widths[column], cells.back().columns);
-        }
-    }
     constexpr std::size_t cLeast = 8;  // columns for the last one, however narrow the terminal
-    for (std::size_t index = 0; index < rows.size(); ++index) {
-        std::string line;
-        std::size_t used = 0;
-        const std::vector<TShown>& cells = shown[index];
-        for (std::size_t column = 0; column + 1 < cells.size(); ++column) {
-            line += output.Coloured(cells[column].text, rows[index][column].colour);
-            line.append(widths[column] - cells[column].columns + 2, ' ');
+    // What is written is not kept: that would take as much memory again.
+    constexpr std::size_t cBlock = 1 << 16;
+    std::string line;
+    std::size_t used = 0;
+    std::size_t start = 0;
+    for (std::size_t index = 0; index < cells.size(); ++index) {
+        const TCell& cell = cells[index];
+        const std::size_t column = index % widths.size();
+        const std::string_view text = std::string_view(texts).substr(start, cell.length);
+        start += cell.length;
+        if (column + 1 < widths.size()) {
+            output.AppendColoured(text, cell.colour, line);
+            line.append(widths[column] - cell.columns + 2, ' ');
             used += widths[column] + 2;
+            continue;
         }
-        const std::size_t left = output.Width() == 0              ? cells.back().columns
+        const std::size_t left = output.Width() == 0              ? cell.columns
                                  : output.Width() > used + cLeast ? output.Width() - used
                                                                   : cLeast;
-        line += output.Coloured(CutTo(cells.back(), left), rows[index].back().colour);
-        output.Line(line);
+        if (cell.columns <= left)
+            output.AppendColoured(text, cell.colour, line);
+        else
+            output.AppendColoured(CutTo(text, left), cell.colour, line);
+        line += '\n';
+        output.Raw(line);
+        line.clear();
+        used = 0;
+        if (output.Length() > cBlock)
+            output.Finish();
     }
 }
 

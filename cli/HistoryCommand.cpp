@@ -52,14 +52,14 @@ void PrintTable(const std::vector<TRunRecord>& runs, EZone zone, COutput& output
     for (const TRunRecord& run : runs) {
         const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
         const bool hasUsage = run.usage != TUsage();
-        columns.Add({{FormatMoment(run.due, zone)},
-                     {FormatMoment(run.started, zone)},
-                     {Lateness(run)},
-                     {taken ? FormatSpan(*taken) : cNone},
-                     {hasUsage ? ProcessorTime(run) : cNone},
-                     {hasUsage ? Memory(run) : cNone},
-                     {OutcomeText(run), ColourOf(run)},
-                     {run.task.value_or(cNone), EColour::cBold}});
+        columns.Add(FormatMoment(run.due, zone));
+        columns.Add(FormatMoment(run.started, zone));
+        columns.Add(Lateness(run));
+        columns.Add(taken ? FormatSpan(*taken) : cNone);
+        columns.Add(hasUsage ? ProcessorTime(run) : cNone);
+        columns.Add(hasUsage ? Memory(run) : cNone);
+        columns.Add(OutcomeText(run), ColourOf(run));
+        columns.Add(run.task.value_or(cNone), EColour::cBold);
     }
     columns.Print(output);
 }

@@ -70,14 +70,14 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
     for (const TListed& one : listed) {
         const TTaskEntry& task = *one.task;
         const bool hasRun = task.last != TTime();
-        columns.Add({{task.paused ? cNone : FormatTime(task.next, common.zone)},
-                     {task.paused ? cNone : FormatDistance(task.next - now)},
-                     {hasRun ? FormatTime(task.last, common.zone) : cNone},
-                     {hasRun ? FormatDistance(task.last - now) : cNone},
-                     {FormatPeriod(task.period)},
-                     {one.state.Text(), ColourOf(one.state)},
-                     {task.name, EColour::cBold},
-                     {CommandOf(common, task)}});
+        columns.Add(task.paused ? cNone : FormatTime(task.next, common.zone));
+        columns.Add(task.paused ? cNone : FormatDistance(task.next - now));
+        columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNone);
+        columns.Add(hasRun ? FormatDistance(task.last - now) : cNone);
+        columns.Add(FormatPeriod(task.period));
+        columns.Add(one.state.Text(), ColourOf(one.state));
+        columns.Add(task.name, EColour::cBold);
+        columns.Add(CommandOf(common, task));
     }
     columns.Print(output);
     output.Line("");

@@ -72,15 +72,16 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
         if (!run || run->time > end)
             break;
         const TTaskEntry& task = table.tasks[run->index];
-        if (common.json)
+        if (common.json) {
             json.push_back({{"time", FormatIsoTime(run->time)},
                             {"seconds", run->time.time_since_epoch().count()},
                             {"name", JsonOfText(task.name)}});
-        else
-            columns.Add({{FormatTime(run->time, common.zone)},
-                         {FormatDistance(run->time - now)},
-                         {FormatPeriod(task.period)},
-                         {task.name}});
+            continue;
+        }
+        columns.Add(FormatTime(run->time, common.zone));
+        columns.Add(FormatDistance(run->time - now));
+        columns.Add(FormatPeriod(task.period));
+        columns.Add(task.name);
     }
     if (!count && !until.empty() && runs.Take().value_or(TComing{TTime::max(), 0}).time <= end &&
         std::max(json.size(), columns.Count()) == most)

@@ -30,17 +30,31 @@ std::size_t LengthOfCharacter(std::string_view text) {
 
 }  // namespace
 
-TShown Show(std::string_view text) {
-    TShown shown;
+static bool IsPlain(char byte) {
+    return byte >= 0x20 && byte < 0x7f;
+}
+
+std::size_t AppendShown(std::string_view text, std::string& to) {
+    // Nearly always all of it.
+    const auto plainEnd = std::find_if_not(text.begin(), text.end(), IsPlain);
+    auto columns = static_cast<std::size_t>(plainEnd - text.begin());
+    to.append(text.substr(0, columns));
+    text.remove_prefix(columns);
     while (!text.empty()) {
         const std::size_t length = LengthOfCharacter(text);
         if (length > 0)
-            shown.text += text.substr(0, length);
+            to += text.substr(0, length);
         else
-            shown.text += "\xef\xbf\xbd";
+            to += "\xef\xbf\xbd";
         text.remove_prefix(std::max<std::size_t>(length, 1));
-        ++shown.columns;
+        ++columns;
     }
+    return columns;
+}
+
+TShown Show(std::string_view text) {
+    TShown shown;
+    shown.columns = AppendShown(text, shown.text);
     return shown;
 }
 

@@ -16,4 +16,7 @@ struct TShown {
 // terminal.
 TShown Show(std::string_view text);
 
+// The same, behind what `to` holds. Returns the columns.
+std::size_t AppendShown(std::string_view text, std::string& to);
+
 }  // namespace vxsched

@@ -229,6 +229,12 @@ TTime ReadTime(CTextReader& reader, TTime now) {
 
 // ---- Writing -------------------------------------------------------------------------------------
 
+// So many digits of the value at that place of the text, the last ones.
+void PutDigits(std::string& text, std::size_t place, std::size_t count, unsigned value) {
+    for (std::size_t left = count; left > 0; --left, value /= 10)
+        text[place + left - 1] = static_cast<char>('0' + value % 10);
+}
+
 // The day, the separator, the time of day and the ending; nothing for a year that has not four
 // digits.
 std::optional<std::string> Write(TWallTime wall, char separator, std::string_view ending) {
@@ -239,10 +245,16 @@ std::optional<std::string> Write(TWallTime wall, char separator, std::string_vie
     const date::local_days day = date::floor<date::days>(wall);
     const date::year_month_day date(day);
     const date::hh_mm_ss time(wall - day);
-    return fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}{}", static_cast<int>(date.year()),
-                       static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                       separator, time.hours().count(), time.minutes().count(),
-                       time.seconds().count(), ending);
+    // Written digit by digit: a list has two of them for each task.
+    std::string text = "0000-00-00 00:00:00";
+    PutDigits(text, 0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+    PutDigits(text, 5, 2, static_cast<unsigned>(date.month()));
+    PutDigits(text, 8, 2, static_cast<unsigned>(date.day()));
+    text[10] = separator;
+    PutDigits(text, 11, 2, static_cast<unsigned>(time.hours().count()));
+    PutDigits(text, 14, 2, static_cast<unsigned>(time.minutes().count()));
+    PutDigits(text, 17, 2, static_cast<unsigned>(time.seconds().count()));
+    return text.append(ending);
 }
 
 std::string WriteSeconds(TTime time) {
@@ -286,7 +298,7 @@ std::string FormatDistance(seconds distance) {
         const std::uint64_t count = left / unit.seconds;
         left %= unit.seconds;
         if (count > 0)
-            text += fmt::format("{}{}{}", text.empty() ? "" : " ", count, unit.name);
+            text.append(text.empty() ? "" : " ").append(std::to_string(count)).append(unit.name);
         // The second unit is the one next to the first, which may be 0: 1h for 1h 0min 30s.
         if (!text.empty() && ++written == 2)
             break;

@@ -56,15 +56,20 @@ public:
 private:
     using TCommand = std::function<int()>;
 
-    CLI::App* Add(const char* name, const char* description, TCommand command);
-    CLI::App* AddForNames(const char* name, const char* description,
-                          int (*command)(const TCommon&, const TNames&, COutput&));
+    // Adds to a command what it takes.
+    using TOptions = std::function<void(CLI::App&)>;
+
+    // `options` is called when it is this command that is asked for: describing all options of all
+    // commands takes a quarter of a short command's time.
+    void Add(const char* name, const char* description, TCommand command, TOptions options);
+    void AddForNames(const char* name, const char* description,
+                     int (*command)(const TCommon&, const TNames&, COutput&), bool isForcible);
     void AddReading();
     void AddChanging();
     void AddKeeping();
-    void AddDryRun(CLI::App* command);
-    void AddForce(CLI::App* command);
-    void AddPositionals(CLI::App* command);
+    void AddDryRun(CLI::App& command);
+    void AddForce(CLI::App& command);
+    void AddName(CLI::App& command);
     void WarnOfNoHost() const;
 
     CLI::App app{"Shows and changes the scheduled tasks of a directory.", "vxsched"};
@@ -118,56 +123,76 @@ CCommandLine::CCommandLine() {
     AddKeeping();
 }
 
-CLI::App* CCommandLine::Add(const char* name, const char* description, TCommand command) {
+void CCommandLine::Add(const char* name, const char* description, TCommand command,
+                       TOptions options) {
     CLI::App* const added = app.add_subcommand(name, description);
     added->callback([this, command = std::move(command)] { chosen = command; });
-    return added;
+    added->preparse_callback(
+        [added, options = std::move(options)](std::size_t /*left*/) { options(*added); });
 }
 
 void CCommandLine::AddReading() {
-    const auto json = [this](CLI::App* command) {
-        command->add_flag("--json", common.json, "As JSON, with a version");
-        return command;
+    const auto addJson = [this](CLI::App& command) {
+        command.add_flag("--json", common.json, "As JSON, with a version");
     };
-    json(Add("list", "All tasks, by their next start", [this] {
-        return List(common, namesOnly, output);
-    }))->add_flag("--names", namesOnly, "Only the names, one a line, in the table's order");
-    json(Add("show", "All of one task, its last runs, and why it is not running",
-             [this] { return ShowTask(common, task.name, output); }))
-        ->add_option("name", task.name, "The task")
-        ->required();
-    CLI::App* const next = json(Add("next", "The coming runs of all tasks, in time order",
-                                    [this] { return Next(common, count, until, output); }));
-    next->add_option("--count", count, "How many; 10 unless --until is given")
-        ->check(CLI::Range(1, 1'000'000).description(""));
-    next->add_option("--until", until, "Not beyond this time")->type_name("TIME");
-    CLI::App* const history =
-        json(Add("history", "The last runs of one task or of all, as the host recorded them",
-                 [this] { return History(common, task.name, count, failedOnly, output); }));
-    history->add_option("name", task.name, "The task; it may be gone by now");
-    history->add_option("--count", count, "How many; 20 unless given")
-        ->check(CLI::Range(1, 1'000'000).description(""));
-    history->add_flag(
-        "--failed", failedOnly,
-        "Only what exited with another status than 0, was killed, not started or missed");
-    json(Add("status", "The scheduling process, the mutex and the table",
-             [this] { return Status(common, output); }));
-    json(Add("check", "What is wrong with the table, and where", [this] {
-        return CheckTable(common, file, output);
-    }))->add_option("file", file, "Another table's file");
+    Add(
+        "list", "All tasks, by their next start",
+        [this] { return List(common, namesOnly, output); },
+        [this, addJson](CLI::App& list) {
+            addJson(list);
+            list.add_flag("--names", namesOnly, "Only the names, one a line, in the table's order");
+        });
+    Add(
+        "show", "All of one task, its last runs, and why it is not running",
+        [this] { return ShowTask(common, task.name, output); },
+        [this, addJson](CLI::App& show) {
+            addJson(show);
+            AddName(show);
+        });
+    Add(
+        "next", "The coming runs of all tasks, in time order",
+        [this] { return Next(common, count, until, output); },
+        [this, addJson](CLI::App& next) {
+            addJson(next);
+            next.add_option("--count", count, "How many; 10 unless --until is given")
+                ->check(CLI::Range(1, 1'000'000).description(""));
+            next.add_option("--until", until, "Not beyond this time")->type_name("TIME");
+        });
+    Add(
+        "history", "The last runs of one task or of all, as the host recorded them",
+        [this] { return History(common, task.name, count, failedOnly, output); },
+        [this, addJson](CLI::App& history) {
+            addJson(history);
+            history.add_option("name", task.name, "The task; it may be gone by now");
+            history.add_option("--count", count, "How many; 20 unless given")
+                ->check(CLI::Range(1, 1'000'000).description(""));
+            history.add_flag(
+                "--failed", failedOnly,
+                "Only what exited with another status than 0, was killed, not started or missed");
+        });
+    Add(
+        "status", "The scheduling process, the mutex and the table",
+        [this] { return Status(common, output); }, addJson);
+    Add(
+        "check", "What is wrong with the table, and where",
+        [this] { return CheckTable(common, file, output); },
+        [this, addJson](CLI::App& check) {
+            addJson(check);
+            check.add_option("file", file, "Another table's file");
+        });
 }
 
-void CCommandLine::AddDryRun(CLI::App* command) {
-    command->add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
-    command->add_flag("--even-if-due", common.store.evenIfDue,
-                      "Go on when tasks are due and no scheduling process is there; they stay due");
+void CCommandLine::AddDryRun(CLI::App& command) {
+    command.add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
+    command.add_flag("--even-if-due", common.store.evenIfDue,
+                     "Go on when tasks are due and no scheduling process is there; they stay due");
 }
 
-void CCommandLine::AddForce(CLI::App* command) {
+void CCommandLine::AddForce(CLI::App& command) {
     command
-        ->add_option("--force", forced,
-                     "Pass over what is unwise: missing-program, not-executable, relative-path, "
-                     "wrapped-period, past-start")
+        .add_option("--force", forced,
+                    "Pass over what is unwise: missing-program, not-executable, relative-path, "
+                    "wrapped-period, past-start")
         ->type_name("WHAT")
         ->check(CLI::IsMember({"missing-program", "not-executable", "relative-path",
                                "wrapped-period", "past-start"})
@@ -176,92 +201,115 @@ void CCommandLine::AddForce(CLI::App* command) {
         ->take_all();
 }
 
-void CCommandLine::AddPositionals(CLI::App* command) {
-    command->add_option("name", task.name, "The task")->required();
+void CCommandLine::AddName(CLI::App& command) {
+    command.add_option("name", task.name, "The task")->required();
 }
 
-CLI::App* CCommandLine::AddForNames(const char* name, const char* description,
-                                    int (*command)(const TCommon&, const TNames&, COutput&)) {
-    CLI::App* const added =
-        Add(name, description, [this, command] { return command(common, names, output); });
-    added->add_option("names", names, "The tasks")->required();
-    AddDryRun(added);
-    return added;
+void CCommandLine::AddForNames(const char* name, const char* description,
+                               int (*command)(const TCommon&, const TNames&, COutput&),
+                               bool isForcible) {
+    Add(
+        name, description, [this, command] { return command(common, names, output); },
+        [this, isForcible](CLI::App& added) {
+            added.add_option("names", names, "The tasks")->required();
+            AddDryRun(added);
+            if (isForcible)
+                AddForce(added);
+        });
 }
 
 void CCommandLine::AddChanging() {
-    CLI::App* const create = Add("create", "Add a task, or replace one",
-                                 [this] { return Create(common, task, replace, output); });
-    AddPositionals(create);
-    create->add_option("--at", task.at, "The first start; now unless given")->type_name("TIME");
-    create->add_option("--every", task.every, "The period; once unless given")->type_name("PERIOD");
-    create->add_flag("--replace", replace, "In the place of the task of that name");
-    create
-        ->add_option("program", task.program,
-                     "The program's absolute path; put -- in front of it and its parameter")
-        ->required();
-    create->add_option("parameter", task.parameter,
-                       "The one parameter text that it is started with");
-    AddDryRun(create);
-    AddForce(create);
-
-    CLI::App* const edit =
-        Add("edit", "Change only what is named", [this] { return Edit(common, task, output); });
-    AddPositionals(edit);
-    edit->add_option("--at", task.at, "The next start")->type_name("TIME");
-    edit->add_option("--every", task.every, "The period")->type_name("PERIOD");
-    edit->add_option("--program", task.program, "The program's absolute path")->type_name("PATH");
-    edit->add_option("--parameter", task.parameter, "The parameter text")->type_name("TEXT");
-    AddDryRun(edit);
-    AddForce(edit);
-
-    AddForNames("remove", "Remove tasks; all of them, or none if one is not there", Remove);
-    AddForNames("pause", "Pass tasks over from now on", Pause);
-    AddForce(AddForNames("resume", "Undo a pause; a missed start is moved on", Resume));
-
-    CLI::App* const periodCommand =
-        Add("period", "Another period, counted on from the last time on the task's grid",
-            [this] { return SetPeriod(common, task.name, period, output); });
-    AddPositionals(periodCommand);
-    periodCommand->add_option("period", period, "6h, 1d, 2w, once")->required();
-    AddDryRun(periodCommand);
-    AddForce(periodCommand);
-
-    CLI::App* const run = Add("run", "Start a task's program now, outside the schedule", [this] {
-        return vxsched::Run(common, task.name, force, wait, output);
-    });
-    AddPositionals(run);
-    run->add_flag("--force", force, "Although it is running already");
-    run->add_flag("--wait", wait, "Wait for its end; its failure is status 1");
-    AddDryRun(run);
-
-    Add("wake", "Have the scheduling process look at once",
-        [this] { return Wake(common, output); });
+    Add(
+        "create", "Add a task, or replace one",
+        [this] { return Create(common, task, replace, output); },
+        [this](CLI::App& create) {
+            AddName(create);
+            create.add_option("--at", task.at, "The first start; now unless given")
+                ->type_name("TIME");
+            create.add_option("--every", task.every, "The period; once unless given")
+                ->type_name("PERIOD");
+            create.add_flag("--replace", replace, "In the place of the task of that name");
+            create
+                .add_option("program", task.program,
+                            "The program's absolute path; put -- in front of it and its parameter")
+                ->required();
+            create.add_option("parameter", task.parameter,
+                              "The one parameter text that it is started with");
+            AddDryRun(create);
+            AddForce(create);
+        });
+    Add(
+        "edit", "Change only what is named", [this] { return Edit(common, task, output); },
+        [this](CLI::App& edit) {
+            AddName(edit);
+            edit.add_option("--at", task.at, "The next start")->type_name("TIME");
+            edit.add_option("--every", task.every, "The period")->type_name("PERIOD");
+            edit.add_option("--program", task.program, "The program's absolute path")
+                ->type_name("PATH");
+            edit.add_option("--parameter", task.parameter, "The parameter text")->type_name("TEXT");
+            AddDryRun(edit);
+            AddForce(edit);
+        });
+    AddForNames("remove", "Remove tasks; all of them, or none if one is not there", Remove, false);
+    AddForNames("pause", "Pass tasks over from now on", Pause, false);
+    AddForNames("resume", "Undo a pause; a missed start is moved on", Resume, true);
+    Add(
+        "period", "Another period, counted on from the last time on the task's grid",
+        [this] { return SetPeriod(common, task.name, period, output); },
+        [this](CLI::App& added) {
+            AddName(added);
+            added.add_option("period", period, "6h, 1d, 2w, once")->required();
+            AddDryRun(added);
+            AddForce(added);
+        });
+    Add(
+        "run", "Start a task's program now, outside the schedule",
+        [this] { return vxsched::Run(common, task.name, force, wait, output); },
+        [this](CLI::App& run) {
+            AddName(run);
+            run.add_flag("--force", force, "Although it is running already");
+            run.add_flag("--wait", wait, "Wait for its end; its failure is status 1");
+            AddDryRun(run);
+        });
+    Add(
+        "wake", "Have the scheduling process look at once", [this] { return Wake(common, output); },
+        [](CLI::App& /*wake*/) {});
 }
 
 void CCommandLine::AddKeeping() {
-    CLI::App* const repair =
-        Add("repair", "Make a sound table of a damaged one, keeping what can be",
-            [this] { return Repair(common, output); });
-    repair->add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
-    Add("export", "The whole table as JSON", [this] { return Export(common, output); });
-    CLI::App* const import = Add("import", "Add the tasks of an export", [this] {
-        return Import(common, file.empty() ? "-" : file,
-                      replace ? EImport::cReplace
-                      : merge ? EImport::cMerge
-                              : EImport::cAdd,
-                      output);
-    });
-    import->add_option("file", file, "The export; standard input unless given, or -");
-    CLI::Option* const whole =
-        import->add_flag("--replace", replace, "Make the import the whole table");
-    import->add_flag("--merge", merge, "Overwrite tasks of the same name")->excludes(whole);
-    import->add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
-    Add("completion", "Print what a shell needs to complete this command",
-        [this] { return PrintCompletion(shell, output); })
-        ->add_option("shell", shell, "The shell")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+    const auto addDryRun = [this](CLI::App& command) {
+        command.add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
+    };
+    Add(
+        "repair", "Make a sound table of a damaged one, keeping what can be",
+        [this] { return Repair(common, output); }, addDryRun);
+    Add(
+        "export", "The whole table as JSON", [this] { return Export(common, output); },
+        [](CLI::App& /*export*/) {});
+    Add(
+        "import", "Add the tasks of an export",
+        [this] {
+            return Import(common, file.empty() ? "-" : file,
+                          replace ? EImport::cReplace
+                          : merge ? EImport::cMerge
+                                  : EImport::cAdd,
+                          output);
+        },
+        [this, addDryRun](CLI::App& import) {
+            import.add_option("file", file, "The export; standard input unless given, or -");
+            CLI::Option* const whole =
+                import.add_flag("--replace", replace, "Make the import the whole table");
+            import.add_flag("--merge", merge, "Overwrite tasks of the same name")->excludes(whole);
+            addDryRun(import);
+        });
+    Add(
+        "completion", "Print what a shell needs to complete this command",
+        [this] { return PrintCompletion(shell, output); },
+        [this](CLI::App& completion) {
+            completion.add_option("shell", shell, "The shell")
+                ->required()
+                ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+        });
 }
 
 // The wrong directory looks like an empty table.

@@ -1,6 +1,5 @@
 #include "client/CChangeProcess.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -12,20 +11,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 
 #include "client/CClientError.h"
+#include "client/LibraryFolder.h"
 #include "client/change/Fields.h"
 
 namespace vxsched {
-
-std::string LibraryFolder() {
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<const void*>(&LibraryFolder), &info) == 0)
-        return ".";
-    std::error_code error;
-    return std::filesystem::absolute(info.dli_fname, error).parent_path().string();
-}
 
 CChangeProcess::CChangeProcess(const TRequest& request) {
     std::array<int, 2> ends{};

@@ -37,7 +37,4 @@ private:
     std::string received;
 };
 
-// The folder that this library lies in.
-std::string LibraryFolder();
-
 }  // namespace vxsched

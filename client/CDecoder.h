@@ -19,44 +19,42 @@ constexpr std::size_t cSmallestTask = 3 * 4 + 2 * 8 + 4 + 4;
 // (cDamaged), which says what is wrong at which offset; the place is then where it was tried.
 class CDecoder {
 public:
+    static constexpr std::size_t cNoTask = 0;
+
     explicit CDecoder(std::string_view whole, std::size_t start = 0)
         : bytes(whole), offset(start) {}
 
     std::size_t Offset() const { return offset; }
     std::size_t Left() const { return bytes.size() - offset; }
 
+    // `what` and, behind it, the task's place are for messages.
     template <typename Value>
-    Value Take(const std::string& what) {
+    Value Take(const char* what, std::size_t task = cNoTask) {
         Value value{};
-        Need(sizeof value, what);
+        if (sizeof value > Left())
+            Damaged(offset, "the file ends in " + std::string(what) + Of(task));
         std::memcpy(&value, bytes.data() + offset, sizeof value);
         offset += sizeof value;
         return value;
     }
 
-    std::string TakeText(const std::string& what) {
-        const std::size_t start = offset;
-        const auto length = Take<std::uint32_t>("the length of " + what);
-        if (length > Left())
-            Damaged(start, what + " is said to have " + std::to_string(length) + " bytes, " +
-                               std::to_string(Left()) + " are left");
-        std::string text(bytes.substr(offset, length));
-        offset += length;
-        return text;
-    }
-
-    // One task; `which` is its place for messages. The pause flag as it stands goes to `flag`.
-    TTaskEntry TakeTask(const std::string& which, std::uint32_t& flag) {
+    // One task, the first of which is number 1. The pause flag as it stands goes to `flag`.
+    TTaskEntry TakeTask(std::size_t number, std::uint32_t& flag) {
         TTaskEntry task;
-        task.name = TakeText("the name" + which);
-        task.next = TakeTime("the next start" + which);
-        task.last = TakeTime("the last start" + which);
-        task.period = Take<std::uint32_t>("the period" + which);
-        task.program = TakeText("the program" + which);
-        task.parameter = TakeText("the parameter" + which);
-        flag = Take<std::uint32_t>("the pause flag" + which);
+        task.name = TakeText("the length of the name", number);
+        task.next = TakeTime("the next start", number);
+        task.last = TakeTime("the last start", number);
+        task.period = Take<std::uint32_t>("the period", number);
+        task.program = TakeText("the length of the program", number);
+        task.parameter = TakeText("the length of the parameter", number);
+        flag = Take<std::uint32_t>("the pause flag", number);
         task.paused = flag != 0;
         return task;
+    }
+
+    // " of task 1", or nothing.
+    static std::string Of(std::size_t task) {
+        return task == cNoTask ? "" : " of task " + std::to_string(task);
     }
 
     [[noreturn]] static void Damaged(std::size_t where, const std::string& what) {
@@ -65,13 +63,23 @@ public:
     }
 
 private:
-    TTime TakeTime(const std::string& what) {
-        return TTime(std::chrono::seconds(Take<std::int64_t>(what)));
+    static constexpr std::string_view cLengthOf = "the length of ";
+
+    TTime TakeTime(const char* what, std::size_t task) {
+        return TTime(std::chrono::seconds(Take<std::int64_t>(what, task)));
     }
 
-    void Need(std::size_t size, const std::string& what) const {
-        if (size > Left())
-            Damaged(offset, "the file ends in " + what);
+    // `what` begins with cLengthOf.
+    std::string TakeText(const char* what, std::size_t task) {
+        const std::size_t start = offset;
+        const auto length = Take<std::uint32_t>(what, task);
+        if (length > Left())
+            Damaged(start, std::string(what).substr(cLengthOf.size()) + Of(task) +
+                               " is said to have " + std::to_string(length) + " bytes, " +
+                               std::to_string(Left()) + " are left");
+        std::string text(bytes.substr(offset, length));
+        offset += length;
+        return text;
     }
 
     std::string_view bytes;

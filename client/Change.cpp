@@ -12,6 +12,7 @@
 #include "client/CClientError.h"
 #include "client/CLoadTurn.h"
 #include "client/CStoreLock.h"
+#include "client/LibraryFolder.h"
 #include "client/SchedulingProcess.h"
 #include "client/TableFile.h"
 

@@ -68,6 +68,8 @@ void MakeLink(const std::string& path, const std::string& program) {
 }
 
 bool IsLinkPath(const fs::path& directory, const std::string& program) {
+    if (program.find("programs/") == std::string::npos)
+        return false;
     // The directory may be named in several ways.
     std::error_code ignored;
     const fs::path folder = fs::path(program).parent_path();

@@ -44,7 +44,7 @@ std::optional<TFound> TaskAt(std::string_view bytes, std::size_t offset, bool mu
     CDecoder decoder(bytes, offset);
     try {
         std::uint32_t flag = 0;
-        TTaskEntry task = decoder.TakeTask("", flag);
+        TTaskEntry task = decoder.TakeTask(CDecoder::cNoTask, flag);
         if (IsBlank(task) || (mustLookLikeOne && !LooksLikeATask(task, flag)))
             return {};
         return TFound{std::move(task), decoder.Offset()};

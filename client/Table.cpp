@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <set>
+#include <unordered_set>
 
 #include "client/CClientError.h"
 #include "client/CDecoder.h"
@@ -47,26 +47,28 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     if (count > decoder.Left() / cSmallestTask)
         CDecoder::Damaged(0, "it is said to have " + std::to_string(count) + " tasks, " +
                                  std::to_string(decoder.Left()) + " bytes are left for them");
-    std::set<std::string> names;
-    for (std::uint64_t index = 0; index < count; ++index) {
+    // The names are views into the tasks, which must not move.
+    table.tasks.reserve(count);
+    std::unordered_set<std::string_view> names;
+    names.reserve(count);
+    for (std::uint64_t number = 1; number <= count; ++number) {
         const std::size_t start = decoder.Offset();
-        const std::string which = " of task " + std::to_string(index + 1);
         std::uint32_t flag = 0;
-        TTaskEntry task = decoder.TakeTask(which, flag);
+        const TTaskEntry& task = table.tasks.emplace_back(decoder.TakeTask(number, flag));
         const std::size_t flagOffset = decoder.Offset() - sizeof flag;
         if (flag > 1)
             table.problems.push_back({TProblem::cUnusual, flagOffset,
-                                      "the pause flag" + which + " is " + std::to_string(flag) +
-                                          ", which counts as paused"});
+                                      "the pause flag" + CDecoder::Of(number) + " is " +
+                                          std::to_string(flag) + ", which counts as paused"});
         if (task.name.find('\0') != std::string::npos)
-            table.problems.push_back({TProblem::cUnusual, start,
-                                      "the name" + which + " holds a zero byte: no call finds it"});
+            table.problems.push_back(
+                {TProblem::cUnusual, start,
+                 "the name" + CDecoder::Of(number) + " holds a zero byte: no call finds it"});
         if (!names.insert(task.name).second)
             table.problems.push_back({TProblem::cUnusual, start,
-                                      "the name" + which + ", \"" + task.name +
+                                      "the name" + CDecoder::Of(number) + ", \"" + task.name +
                                           "\", is there already: calls find the first"});
         FindHarm(task, now, start, table.problems);
-        table.tasks.push_back(std::move(task));
     }
     if (decoder.Left() > 0)
         table.problems.push_back({TProblem::cUnusual, decoder.Offset(),

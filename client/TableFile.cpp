@@ -17,6 +17,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr std::size_t cBlock = 1 << 16;
+
 class CDescriptor {
 public:
     CDescriptor(const fs::path& path, int flags, mode_t mode)
@@ -112,18 +114,20 @@ std::string ReadBytes(const fs::path& file) {
             return std::string(8, '\0');
         throw SystemError("cannot read " + file.string(), errno);
     }
-    std::string bytes;
     struct stat status {};
-    if (fstat(descriptor.Number(), &status) == 0)
-        bytes.reserve(static_cast<std::size_t>(status.st_size) + 1);
-    char block[1 << 16];
+    const bool hasSize = fstat(descriptor.Number(), &status) == 0 && S_ISREG(status.st_mode);
+    // A byte more than there is said to be, so that the end is seen at once.
+    std::string bytes(hasSize ? static_cast<std::size_t>(status.st_size) + 1 : cBlock, '\0');
+    std::size_t length = 0;
     ssize_t count = 0;
-    while ((count = read(descriptor.Number(), block, sizeof block)) != 0) {
-        if (count > 0)
-            bytes.append(block, static_cast<std::size_t>(count));
-        else if (errno != EINTR)
+    while ((count = read(descriptor.Number(), bytes.data() + length, bytes.size() - length)) != 0) {
+        if (count == -1 && errno != EINTR)
             throw SystemError("cannot read " + file.string(), errno);
+        length += count > 0 ? static_cast<std::size_t>(count) : 0;
+        if (length == bytes.size())
+            bytes.resize(length + cBlock);
     }
+    bytes.resize(length);
     return bytes;
 }
 

@@ -14,6 +14,8 @@
 
 // Where no service manager says how long a worker may seem dead. It is for the log only.
 static constexpr std::chrono::minutes cUsualPatience(2);
+// Ticks are a minute apart; more where one starts programs.
+static constexpr std::chrono::seconds cLateTick(75);
 // Between two looks for the end of a tick, which nothing announces.
 static constexpr std::chrono::milliseconds cTickPause(5);
 
@@ -30,6 +32,12 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
       watch(service.Patience().count() > 0 ? service.Patience() : cUsualPatience, TClock::now()) {
     Watch(signals.Descriptor(), [this] { TakeSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
+    TellHostThread();
+    if (service.Patience().count() > 0)
+        return;
+    ticks.emplace(cLateTick);
+    if (ticks->Descriptor().IsOpen())
+        Watch(ticks->Descriptor().Get(), [this] { ticks->Push(); });
 }
 
 void CMainLoop::Watch(int descriptor, std::function<void()> onReadable) {
@@ -39,7 +47,7 @@ void CMainLoop::Watch(int descriptor, std::function<void()> onReadable) {
 void CMainLoop::WaitForStop() {
     TellStatus();
     while (!stopSignal) {
-        Turn(watch.NextLook());
+        Turn(NextLook());
         LookAfterWorker();
         TellStatus();
     }
@@ -55,6 +63,12 @@ void CMainLoop::WaitForPrograms() {
         Turn(TClock::now() + cUsualPatience);
 }
 
+// While ticks come in time, their timer says when a look is needed.
+CMainLoop::TClock::time_point CMainLoop::NextLook() const {
+    const bool isTold = ticks && ticks->Descriptor().IsOpen() && gaveSign;
+    return isTold ? TClock::time_point::max() : watch.NextLook();
+}
+
 // Waits until something happens, at most until then, and deals with it.
 void CMainLoop::Turn(TClock::time_point until) {
     std::vector<pollfd> descriptors;
@@ -62,7 +76,9 @@ void CMainLoop::Turn(TClock::time_point until) {
         descriptors.push_back({.fd = source.descriptor, .events = POLLIN, .revents = 0});
     const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - TClock::now());
     const auto milliseconds =
-        static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest.count(), 0, 60'000));
+        until == TClock::time_point::max()
+            ? -1
+            : static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest.count(), 0, 60'000));
     if (poll(descriptors.data(), descriptors.size(), milliseconds) == -1) {
         if (errno == EINTR)
             return;
@@ -103,7 +119,10 @@ void CMainLoop::OnSignal(int number) {
 
 void CMainLoop::LookAfterWorker() {
     const auto verdict = watch.Look(TClock::now(), WorkerRests(), programs.CountStarts());
-    if (verdict == CWorkerWatch::cTooEarly || verdict == CWorkerWatch::cNoSign)
+    if (verdict == CWorkerWatch::cTooEarly)
+        return;
+    gaveSign = verdict == CWorkerWatch::cAlive;
+    if (verdict == CWorkerWatch::cNoSign)
         return;
     const bool lives = verdict == CWorkerWatch::cAlive;
     if (lives)

@@ -10,6 +10,7 @@
 #include "host/CServiceManager.h"
 #include "host/CSignals.h"
 #include "host/CStartedPrograms.h"
+#include "host/CTickTimer.h"
 #include "host/CWorkerWatch.h"
 
 // What the host's main thread does while the worker runs: it answers signals, collects the programs
@@ -43,6 +44,7 @@ private:
         std::function<void()> onReadable;
     };
 
+    TClock::time_point NextLook() const;
     void Turn(TClock::time_point until);
     void TakeSignals();
     void OnSignal(int number);
@@ -54,7 +56,9 @@ private:
     CStartedPrograms& programs;
     CEvent& stopEvent;
     CWorkerWatch watch;
+    std::optional<CTickTimer> ticks;  // where nobody is to be told regularly
     std::vector<TSource> sources;
     bool workerLives = true;
+    bool gaveSign = true;  // at the last look
     std::optional<int> stopSignal;
 };

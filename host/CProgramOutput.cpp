@@ -13,6 +13,7 @@
 #include "host/BoundedFile.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
+#include "host/SystemdLibrary.h"
 
 static constexpr char cInherit[] = "inherit";
 static constexpr char cJournal[] = "journal";
@@ -22,7 +23,9 @@ static constexpr char cUnknown[] = "%unknown";
 static constexpr std::size_t cLongestName = 200;
 
 static CDescriptor OpenJournal(const std::string& identifier) {
-    const int descriptor = sd_journal_stream_fd(identifier.c_str(), LOG_INFO, 1);
+    auto* const openStream = FindInSystemd<decltype(sd_journal_stream_fd)>("sd_journal_stream_fd");
+    const int descriptor =
+        openStream == nullptr ? -ENOSYS : openStream(identifier.c_str(), LOG_INFO, 1);
     if (descriptor < 0)
         LogWarning(
             fmt::format("cannot reach the journal: {}; the program writes where the host "

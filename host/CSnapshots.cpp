@@ -39,8 +39,8 @@ fs::path CSnapshots::Folder() {
     return "files/snapshots";
 }
 
-void CSnapshots::Keep(const std::string& bytes) {
-    if (limit == 0 || bytes == last)
+void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
+    if (limit == 0 || bytes == last || (last && *bytes == *last))
         return;
     if (mkdir(Folder().c_str(), 0700) == -1 && errno != EEXIST)
         throw Failure("create", Folder());
@@ -49,7 +49,7 @@ void CSnapshots::Keep(const std::string& bytes) {
         Folder() / fmt::format("scheduler.dat.{:012}-{:06}", time(nullptr), number++ % 1'000'000);
     const fs::path temporary = Folder() / "new";
     try {
-        Write(temporary, bytes);
+        Write(temporary, *bytes);
     } catch (const std::system_error&) {
         unlink(temporary.c_str());
         throw;

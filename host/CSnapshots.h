@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 // The last good tables, in files/snapshots/: a bounded ring of files, each made in one step and
@@ -11,8 +12,9 @@ public:
     // Of the working directory; keeps at most `most`, 0 none.
     explicit CSnapshots(std::size_t most);
 
-    // Keeps `bytes` unless they are the last that were kept. Throws std::system_error.
-    void Keep(const std::string& bytes);
+    // Keeps `bytes`, which are shared with the caller, unless they are the last that were kept. Throws
+    // std::system_error.
+    void Keep(const std::shared_ptr<const std::string>& bytes);
 
     static std::filesystem::path Folder();
 
@@ -20,6 +22,6 @@ private:
     void RemoveOldest();
 
     const std::size_t limit;
-    std::string last;
+    std::shared_ptr<const std::string> last;
     unsigned int number = 0;
 };

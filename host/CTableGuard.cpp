@@ -2,6 +2,7 @@
 
 #include <CEvent.h>
 #include <fmt/format.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -20,6 +21,7 @@
 #include "client/Sources.h"
 #include "client/TableFile.h"
 #include "host/CHostLog.h"
+#include "host/CTickTimer.h"
 #include "host/StartMarks.h"
 #include "host/StopEvent.h"
 
@@ -31,6 +33,10 @@ constexpr char cTable[] = "scheduler.dat";
 constexpr std::chrono::milliseconds cPatience(200);  // for the mutex; a tick may hold it for long
 constexpr int cAgain = 100;                          // milliseconds until the next try
 constexpr int cWithoutLimit = -1;
+
+std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
+    return vxsched::DecodeWholeTable(bytes, vxsched::Now());
+}
 
 void Tell(const std::vector<std::string>& notes) {
     for (const std::string& note : notes)
@@ -86,6 +92,7 @@ bool CTableGuard::Watch() {
 }
 
 void CTableGuard::Run() {
+    TellHostThread();
     // What the first look could not see is looked at again.
     bool again = !lastGood;
     while (!stopping) {
@@ -98,7 +105,11 @@ void CTableGuard::Run() {
             std::this_thread::sleep_for(std::chrono::milliseconds(cAgain));
         if (stopping)
             return;
-        again = (again || HasSomethingToLookAt()) && !Look();
+        const bool looks = again || HasSomethingToLookAt();
+        again = looks && !Look();
+        // What a look needed, some hundred bytes a task, is not needed until the next one.
+        if (looks && !again)
+            malloc_trim(0);
     }
 }
 
@@ -193,10 +204,10 @@ bool CTableGuard::Look() {
 bool CTableGuard::LookAt(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
-        tasks = vxsched::DecodeWholeTable(bytes, vxsched::Now());
+        tasks = TasksOf(bytes);
     } catch (const vxsched::CClientError& error) {
         const std::optional<vxsched::TSource> source =
-            lastGood ? vxsched::TSource{"the last good table", *lastGood}
+            lastGood ? vxsched::TSource{"the last good table", TasksOf(*lastGood)}
                      : vxsched::FindSource(".");
         const vxsched::TRepair repair =
             vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
@@ -222,7 +233,7 @@ bool CTableGuard::LookAt(const std::string& bytes) {
     }
     for (const TStartMark& mark : FindShown(marks, tasks))
         RemoveMark(mark);
-    Keep(bytes, std::move(tasks));
+    Keep(bytes);
     return true;
 }
 
@@ -235,7 +246,7 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     std::unordered_set<std::string_view> names;
     for (const TTaskEntry& task : tasks)
         names.insert(task.name);
-    for (const TTaskEntry& task : *lastGood) {
+    for (const TTaskEntry& task : TasksOf(*lastGood)) {
         const bool hasRun = task.period == 0 && task.next <= now;
         if (!hasRun && !names.contains(task.name))
             lost.push_back(task);
@@ -258,7 +269,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
         RemoveMark(mark);
     deleted = false;
     TakeEvents();
-    Keep(wanted, std::move(tasks));
+    Keep(wanted);
     saves.replacedWhole = true;  // the events of others may have gone with those of this restore
 }
 
@@ -274,11 +285,12 @@ void CTableGuard::KeepDamaged(const std::string& bytes, const std::string& wante
     damaged = bytes;
 }
 
-void CTableGuard::Keep(const std::string& bytes, std::vector<TTaskEntry> tasks) {
-    lastGood = std::move(tasks);
+void CTableGuard::Keep(const std::string& bytes) {
+    if (!lastGood || *lastGood != bytes)
+        lastGood = std::make_shared<const std::string>(bytes);
     saves = {};
     try {
-        snapshots.Keep(bytes);
+        snapshots.Keep(lastGood);
     } catch (const std::system_error& error) {
         LogWarning(fmt::format("no snapshot of the table: {}", error.what()));
     }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,7 +56,7 @@ private:
                  std::vector<vxsched::TTaskEntry> tasks);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
     void KeepDamaged(const std::string& bytes, const std::string& wanted);
-    void Keep(const std::string& bytes, std::vector<vxsched::TTaskEntry> tasks);
+    void Keep(const std::string& bytes);
 
     CDescriptor changes;  // inotify
     bool isWatching = false;
@@ -67,7 +68,8 @@ private:
     TSaves saves;
     bool isWritten = false;         // the table, by whoever has it open
     std::uint32_t moveOfASave = 0;  // that may have brought it to the table's place
-    std::optional<std::vector<vxsched::TTaskEntry>> lastGood;
+    // As bytes, which take less than half the memory of tasks.
+    std::shared_ptr<const std::string> lastGood;
     CSnapshots snapshots;
     std::optional<std::string> damaged;  // the table that was told of and put aside last
     std::string trouble;                 // that was logged last, so that it is not at every try

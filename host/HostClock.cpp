@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "host/CHostLog.h"
+#include "host/CTickTimer.h"
 
 namespace {
 
@@ -88,6 +89,7 @@ extern "C" time_t time(time_t* out) noexcept {
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
     const int error = errno;
     LeaveSign(now.tv_sec);
+    TellTick();
     errno = error;
     if (gClockStands)
         now.tv_sec = std::numeric_limits<time_t>::min();

@@ -32,6 +32,7 @@
 #include "host/ProgramStart.h"
 #include "host/SetUpCheck.h"
 #include "host/StartMarks.h"
+#include "host/StartUpMemory.h"
 #include "host/StopEvent.h"
 #include "host/WorkDirectory.h"
 
@@ -188,6 +189,7 @@ static void Run(const THostOptions& options) {
         guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
+        GiveUpStartUpMemory();
         if (options.runOnce)
             loop.WaitForTickEnd();
         else

@@ -4,13 +4,17 @@
 #include <client/CStoreLock.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <host/CTickTimer.h>
 #include <host/CWorkerWatch.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
+#include <thread>
 
 #include "HostProgram.h"
 #include "LogCapture.h"
@@ -88,6 +92,31 @@ TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
     EXPECT_EQ(socket.Next(), "WATCHDOG=1");
     EXPECT_EQ(socket.Next(), "STATUS=waiting for the next task");
     EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
+    const CTickTimer timer(1h);
+    const auto isReadable = [&](int milliseconds) {
+        pollfd source{.fd = timer.Descriptor().Get(), .events = POLLIN, .revents = 0};
+        return poll(&source, 1, milliseconds) == 1;
+    };
+    EXPECT_FALSE(isReadable(0));
+    const auto runOut = [&] {
+        const itimerspec atOnce{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = 1}};
+        ASSERT_EQ(timerfd_settime(timer.Descriptor().Get(), 0, &atOnce, nullptr), 0);
+        ASSERT_TRUE(isReadable(-1));
+    };
+    runOut();
+    TellTick();
+    EXPECT_FALSE(isReadable(0));
+    runOut();
+    std::thread([] {
+        TellHostThread();
+        TellTick();
+    }).join();
+    EXPECT_TRUE(isReadable(0));
+    timer.Push();
+    EXPECT_FALSE(isReadable(0));
 }
 
 // ---- The unit

@@ -236,13 +236,13 @@ TEST(Snapshots, AreABoundedRingOfWholeTables) {
     std::filesystem::create_directory("files");
     CSnapshots snapshots(3);
     for (const char* const bytes : {"one", "two", "two", "three", "four"})
-        snapshots.Keep(bytes);
+        snapshots.Keep(std::make_shared<const std::string>(bytes));
     std::set<std::string> kept;
     for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
         kept.insert(ReadFile(entry.path()));
     EXPECT_EQ(kept, (std::set<std::string>{"two", "three", "four"}));
     CSnapshots none(0);
-    none.Keep("five");
+    none.Keep(std::make_shared<const std::string>("five"));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(CSnapshots::Folder()),
                             std::filesystem::directory_iterator()),
               3);
