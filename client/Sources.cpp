@@ -1,11 +1,11 @@
 #include "client/Sources.h"
 
 #include <algorithm>
-#include <functional>
 #include <system_error>
-#include <tuple>
+#include <vector>
 
 #include "client/CClientError.h"
+#include "client/KeptFiles.h"
 #include "client/TableFile.h"
 
 namespace vxsched {
@@ -14,37 +14,31 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct TCandidate {
-    fs::file_time_type time;
-    fs::path file;
-
-    // The names of the snapshots are in the order of their making, should their times be the same.
-    bool operator>(const TCandidate& other) const {
-        return std::tie(time, file) > std::tie(other.time, other.file);
-    }
-};
-
-std::vector<TCandidate> FindCandidates(const fs::path& directory) {
-    std::vector<TCandidate> candidates;
-    const auto add = [&](const fs::path& file) {
-        std::error_code error;
-        const fs::file_time_type time = fs::last_write_time(file, error);
-        if (!error && fs::is_regular_file(file, error))
-            candidates.push_back({time, file});
-    };
-    add(TableBefore(directory));
+// The youngest first. Among the snapshots their names tell, which a clock that was set back does not
+// mislead; where the copy belongs, only times can.
+std::vector<fs::path> FindCandidates(const fs::path& directory) {
+    std::vector<fs::path> candidates;
     std::error_code error;
-    for (fs::directory_iterator entry(directory / "files" / "snapshots", error);
-         !error && entry != fs::directory_iterator(); entry.increment(error))
-        add(entry->path());
-    std::sort(candidates.begin(), candidates.end(), std::greater<>());
+    for (const TKeptFile& snapshot :
+         FindKept(directory / "files" / "snapshots", "scheduler.dat.")) {
+        if (fs::is_regular_file(snapshot.path, error))
+            candidates.insert(candidates.begin(), snapshot.path);
+    }
+    const fs::path before = TableBefore(directory);
+    if (!fs::is_regular_file(before, error))
+        return candidates;
+    const fs::file_time_type time = fs::last_write_time(before, error);
+    const auto isOlder = [&](const fs::path& snapshot) {
+        return fs::last_write_time(snapshot, error) < time;
+    };
+    candidates.insert(std::find_if(candidates.begin(), candidates.end(), isOlder), before);
     return candidates;
 }
 
 }  // namespace
 
 std::optional<TSource> FindSource(const fs::path& directory) {
-    for (const auto& [time, file] : FindCandidates(directory)) {
+    for (const fs::path& file : FindCandidates(directory)) {
         try {
             return TSource{file.filename().string(), DecodeWholeTable(ReadBytes(file), Now())};
         } catch (const CClientError&) {

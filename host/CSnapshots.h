@@ -5,7 +5,8 @@
 #include <string>
 
 // The last good tables, in files/snapshots/: a bounded ring of files, each made in one step and
-// brought to the disk (temporary file, fsync, rename, fsync of the folder). For one thread.
+// brought to the disk (temporary file, fsync, rename, fsync of the folder). Their names are in the
+// order of their making, see client/KeptFiles.h. For one thread.
 class CSnapshots {
 public:
     // Of the working directory; keeps at most `most`, 0 none.
@@ -17,9 +18,6 @@ public:
     static std::filesystem::path Folder();
 
 private:
-    void RemoveOldest();
-
     const std::size_t limit;
     std::string last;
-    unsigned int number = 0;
 };

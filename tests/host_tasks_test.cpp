@@ -1,5 +1,6 @@
 // What the host makes of a table: which task a start is for, and which tasks a load passes over.
 
+#include <client/Sources.h>
 #include <gtest/gtest.h>
 #include <host/CDueTasks.h>
 #include <host/CSnapshots.h>
@@ -240,4 +241,50 @@ TEST(Snapshots, AreABoundedRingOfWholeTables) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(CSnapshots::Folder()),
                             std::filesystem::directory_iterator()),
               3);
+}
+
+// The snapshots of a host whose clock was ahead, and that of one whose clock was set back.
+class SnapshotsOfAClockThatWasSetBack : public testing::Test {
+protected:
+    static constexpr std::int64_t cAhead = 4'000'000'000;
+
+    SnapshotsOfAClockThatWasSetBack() {
+        std::filesystem::create_directories(CSnapshots::Folder());
+        for (const char* const number : {"000008", "000009", "000010"}) {
+            const std::filesystem::path file =
+                CSnapshots::Folder() / ("scheduler.dat.004000000000-" + std::string(number));
+            WriteFile(file, TableOf(number));
+            SetTime(file, cAhead);
+        }
+        CSnapshots(2).Keep(TableOf("now"));
+    }
+    ~SnapshotsOfAClockThatWasSetBack() override { std::filesystem::remove_all("files"); }
+    static std::string TableOf(const std::string& name) {
+        return BytesOf({{name, cAhead, 0, 1, "/bin/program", "", 0}});
+    }
+    static void SetTime(const std::filesystem::path& file, std::int64_t seconds) {
+        std::filesystem::last_write_time(
+            file, std::chrono::file_clock::from_sys(
+                      std::chrono::sys_seconds(std::chrono::seconds(seconds))));
+    }
+    static std::string YoungestTask() {
+        const auto source = vxsched::FindSource(".");
+        return source ? source->tasks.at(0).name : "";
+    }
+};
+
+TEST_F(SnapshotsOfAClockThatWasSetBack, KeepTheYoungestAndNotTheLatest) {
+    std::set<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+        kept.insert(ReadFile(entry.path()));
+    EXPECT_EQ(kept, (std::set<std::string>{TableOf("000010"), TableOf("now")}));
+}
+
+TEST_F(SnapshotsOfAClockThatWasSetBack, MendFromTheYoungest) {
+    EXPECT_EQ(YoungestTask(), "now");
+    WriteFile("files/scheduler.dat.before", TableOf("before"));
+    SetTime("files/scheduler.dat.before", 1000);
+    EXPECT_EQ(YoungestTask(), "now");
+    SetTime("files/scheduler.dat.before", cAhead - 1000);
+    EXPECT_EQ(YoungestTask(), "before");
 }
