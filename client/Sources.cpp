@@ -1,6 +1,8 @@
 #include "client/Sources.h"
 
 #include <algorithm>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -13,6 +15,9 @@ namespace vxsched {
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr std::string_view cAside = "scheduler.dat.damaged-";
+constexpr std::size_t cMostAside = 24;
 
 // The youngest first. Among the snapshots their names tell, which a clock that was set back does not
 // mislead; where the copy belongs, only times can.
@@ -35,6 +40,13 @@ std::vector<fs::path> FindCandidates(const fs::path& directory) {
     return candidates;
 }
 
+fs::path NextAside(const fs::path& directory) {
+    const fs::path folder = directory / "files";
+    const TKeptName name = NextName(FindKept(folder, cAside), Now());
+    return folder / (std::string(cAside) + std::to_string(name.time) +
+                     (name.number > 0 ? '-' + std::to_string(name.number) : ""));
+}
+
 }  // namespace
 
 std::optional<TSource> FindSource(const fs::path& directory) {
@@ -49,13 +61,9 @@ std::optional<TSource> FindSource(const fs::path& directory) {
 }
 
 fs::path PutAside(const fs::path& directory, std::string_view bytes) {
-    const std::string base = TableFile(directory).string() + ".damaged-" +
-                             std::to_string(Now().time_since_epoch().count());
-    fs::path file = base;
-    std::error_code ignored;
-    for (int number = 2; fs::exists(file, ignored); ++number)
-        file = base + '-' + std::to_string(number);
+    fs::path file = NextAside(directory);
     WriteNewFile(file, bytes, directory);
+    RemoveOldest(file.parent_path(), cAside, cMostAside);
     return file;
 }
 

@@ -11,8 +11,8 @@ namespace vxsched {
 // the last change, and the host's snapshots. None when there is none.
 std::optional<TSource> FindSource(const std::filesystem::path& directory);
 
-// Keeps the bytes of a damaged table beside it, as files/scheduler.dat.damaged-TIME; where. Throws
-// CClientError (cNoAccess, cFailed).
+// Keeps the bytes of a damaged table beside it, as files/scheduler.dat.damaged-TIME; where. Of those
+// that are there, the youngest two dozen stay. Throws CClientError (cNoAccess, cFailed).
 std::filesystem::path PutAside(const std::filesystem::path& directory, std::string_view bytes);
 
 }  // namespace vxsched
