@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <system_error>
@@ -16,6 +17,9 @@ namespace vxsched {
 namespace fs = std::filesystem;
 
 namespace {
+
+// Ten thousand bytes a task, for a hundred thousand of them.
+constexpr std::uint64_t cMostBytes = std::uint64_t{1} << 30;
 
 class CDescriptor {
 public:
@@ -54,6 +58,15 @@ void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
         else if (errno != EINTR)
             throw SystemError("cannot write " + path.string(), errno);
     }
+}
+
+// Before memory is taken for it.
+void RequireASize(std::uint64_t size, const fs::path& file) {
+    if (size > cMostBytes)
+        throw CClientError(EError::cFailed,
+                           "cannot read " + file.string() + ": it has " + std::to_string(size) +
+                               " bytes, and no table has more than " + std::to_string(cMostBytes) +
+                               "; put a sound one in its place");
 }
 
 // Of the table, or of its folder as long as there is none.
@@ -114,8 +127,10 @@ std::string ReadBytes(const fs::path& file) {
     }
     std::string bytes;
     struct stat status {};
-    if (fstat(descriptor.Number(), &status) == 0)
+    if (fstat(descriptor.Number(), &status) == 0) {
+        RequireASize(static_cast<std::uint64_t>(status.st_size), file);
         bytes.reserve(static_cast<std::size_t>(status.st_size) + 1);
+    }
     char block[1 << 16];
     ssize_t count = 0;
     while ((count = read(descriptor.Number(), block, sizeof block)) != 0) {
@@ -123,6 +138,7 @@ std::string ReadBytes(const fs::path& file) {
             bytes.append(block, static_cast<std::size_t>(count));
         else if (errno != EINTR)
             throw SystemError("cannot read " + file.string(), errno);
+        RequireASize(bytes.size(), file);
     }
     return bytes;
 }

@@ -187,6 +187,16 @@ TEST(HostStart, PipeInThePlaceOfTheTableIsRefused) {
         << host.Output();
 }
 
+TEST(HostStart, TableLargerThanAnyIsRefused) {
+    WriteTable({});
+    std::filesystem::resize_file(cTable, 1ULL << 42);
+    CProgram host({HOST_PROGRAM, "--directory", "."});
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_NE(host.Output().find("files/scheduler.dat: it has 4398046511104 bytes"),
+              std::string::npos)
+        << host.Output();
+}
+
 TEST(HostStart, MutexThatMayNotBeUsedIsRefused) {
     TakeAllAccess(MakeStoreMutex());
     ExpectRefused(7, "the store mutex: Permission denied; run as the user");

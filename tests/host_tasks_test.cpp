@@ -6,6 +6,7 @@
 #include <host/CSnapshots.h>
 #include <host/PrepareTable.h>
 #include <host/StartMarks.h>
+#include <sys/resource.h>
 
 #include <ctime>
 #include <filesystem>
@@ -115,6 +116,21 @@ TEST(DueTasks, AreReadFromTheTableInTheDirectory) {
     std::filesystem::remove_all("files");
     EXPECT_EQ(tasks.Find("/bin/program", "x"), std::nullopt);
 }
+
+// A sanitizer takes more than this limit for itself.
+#ifdef PLAIN_BUILD
+TEST(DueTasks, OfATableThatMemoryDoesNotHoldAreNotTold) {
+    WriteTable({});
+    std::filesystem::resize_file(cTable, 1 << 30);
+    CForkedChild child([] {
+        const rlimit limit{.rlim_cur = 1 << 29, .rlim_max = RLIM_INFINITY};
+        setrlimit(RLIMIT_AS, &limit);
+        return CDueTasks().Find("/bin/program", "x") ? 1 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    std::filesystem::remove_all("files");
+}
+#endif
 
 // ---- What becomes of the table before the load
 // ----------------------------------------------------------------------------
