@@ -61,9 +61,10 @@ static void Prepare(vxsched::TTime lastWatch, CRunHistory& history) {
     const std::vector<TTaskEntry> tasks = MendTable();
     const std::vector<TStartMark> marks = ReadMarks();
     const TPrepared prepared = PrepareTable(tasks, marks, lastWatch, vxsched::Now());
+    // The records go first: whatever ends the host in between, a time is rather told twice than lost.
+    Tell(prepared, history);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
-    Tell(prepared, history);
     for (const TStartMark& mark : marks)
         RemoveMark(mark);
 }
