@@ -1,6 +1,9 @@
 #include "client/Sources.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -65,6 +68,60 @@ fs::path PutAside(const fs::path& directory, std::string_view bytes) {
     WriteNewFile(file, bytes, directory);
     RemoveOldest(file.parent_path(), cAside, cMostAside);
     return file;
+}
+
+namespace {
+
+// Unless something of the table was changed already, and the copy is the only whole one.
+void RemoveCopy(const fs::path& aside, const fs::path& directory, std::string_view damaged) {
+    try {
+        if (ReadBytes(TableFile(directory)) == damaged)
+            unlink(aside.c_str());
+    } catch (const CClientError&) {
+        // Nobody knows what the table is now.
+    }
+}
+
+fs::path ReplaceBesideACopy(const fs::path& directory, std::string_view damaged,
+                            std::string_view sound) {
+    fs::path aside = PutAside(directory, damaged);
+    try {
+        ReplaceOrOverwriteTable(directory, sound);
+    } catch (const CClientError&) {
+        RemoveCopy(aside, directory, damaged);
+        throw;
+    }
+    return aside;
+}
+
+// Takes no room but for the sound one. Nothing may be written into the file under either name.
+fs::path ReplaceBesideALink(const fs::path& directory, std::string_view sound) {
+    std::error_code error;
+    const fs::path table = fs::canonical(TableFile(directory), error);
+    fs::path aside = NextAside(directory);
+    if (link(table.c_str(), aside.c_str()) == -1)
+        throw SystemError("cannot keep the damaged table as " + aside.string(), errno);
+    try {
+        ReplaceTable(directory, sound);
+    } catch (const CClientError&) {
+        unlink(aside.c_str());
+        throw;
+    }
+    RemoveOldest(aside.parent_path(), cAside, cMostAside);
+    return aside;
+}
+
+}  // namespace
+
+fs::path ReplaceDamaged(const fs::path& directory, std::string_view damaged,
+                        std::string_view sound) {
+    try {
+        return ReplaceBesideACopy(directory, damaged, sound);
+    } catch (const CClientError&) {
+        if (ReadBytes(TableFile(directory)) != damaged)
+            throw;
+    }
+    return ReplaceBesideALink(directory, sound);
 }
 
 }  // namespace vxsched

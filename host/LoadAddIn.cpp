@@ -33,8 +33,8 @@ static std::vector<TTaskEntry> MendTable() {
         repair = vxsched::PlanRepair(bytes, &*source, vxsched::Now());
     for (const std::string& note : repair.notes)
         LogError(note);
-    const std::string aside = vxsched::PutAside(".", bytes).string();
-    vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(repair.tasks));
+    const std::string aside =
+        vxsched::ReplaceDamaged(".", bytes, vxsched::EncodeTable(repair.tasks)).string();
     LogError(fmt::format("the table is mended, with {} task(s); the former one is {}",
                          repair.tasks.size(), aside));
     return std::move(repair.tasks);

@@ -263,6 +263,58 @@ TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
     });
 }
 
+// Leaves room for that many pages.
+static void FillDiskBut(std::size_t pages) {
+    FillDisk();
+    fs::resize_file("files/filling", fs::file_size("files/filling") - pages * 4096);
+}
+
+static TRows ManyPages() {
+    TRows rows = cThree;
+    rows[2].parameters = std::string(20'000, 'p');
+    return rows;
+}
+
+// Two of the pages are for the lock and the sign of life.
+TEST(HostOnAFullDisk, DamagedTableIsMendedWithoutRoomForACopy) {
+    OnASmallDisk([] {
+        const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
+        WriteTable({});
+        WriteFile(cTable, damaged);
+        FillDiskBut(3);
+        CHost host;
+        EXPECT_EQ(NamesInTable(), "first second");
+        ASSERT_EQ(CountIn("files", ".damaged-"), 1U);
+        for (const auto& entry : fs::directory_iterator("files")) {
+            if (entry.path().string().find(".damaged-") != std::string::npos) {
+                EXPECT_EQ(ReadFile(entry.path()), damaged);
+            }
+        }
+        EXPECT_EQ(fs::hard_link_count(cTable), 1U);
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+TEST(HostOnAFullDisk, DamagedTableIsLeftAsItIsWithoutRoomForAnother) {
+    OnASmallDisk([] {
+        const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
+        WriteTable({});
+        WriteFile(cTable, damaged);
+        FillDisk();
+        for (int round = 0; round < 2; ++round) {
+            CProgram host(HostWith({}));
+            EXPECT_EQ(host.Wait(), 6) << host.Output();
+            EXPECT_EQ(ReadFile(cTable), damaged);
+            EXPECT_EQ(fs::hard_link_count(cTable), 1U);
+            EXPECT_EQ(CountIn("files", ".damaged-"), 0U);
+        }
+        fs::remove("files/filling");
+        CHost host;
+        EXPECT_EQ(NamesInTable(), "first second");
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
 TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
     OnASmallDisk([] {
         WriteTable(cThree);
