@@ -19,6 +19,8 @@ static std::vector<TTaskEntry> MendTable() {
     TTablePlan plan = PlanTable(".");
     for (const std::string& warning : plan.warnings)
         LogWarning(warning);
+    for (const std::string& alarm : plan.alarms)
+        LogError(alarm);
     if (plan.mends.empty())
         return std::move(plan.tasks);
     for (const std::string& mend : plan.mends)

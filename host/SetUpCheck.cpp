@@ -83,6 +83,8 @@ void CheckTable(const THostOptions& options, CReport& report) {
         const TTablePlan plan = PlanUnderTheMutex(options, report);
         for (const std::string& warning : plan.warnings)
             CReport::Warn(warning);
+        for (const std::string& alarm : plan.alarms)
+            CReport::Warn(alarm);
         if (plan.mends.empty())
             CReport::Well(
                 fmt::format("the table can be read and holds {} task(s)", plan.tasks.size()));

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "client/Salvage.h"
 #include "client/Sources.h"
+#include "client/TableFile.h"
 
 static std::vector<std::string> OddThings(const std::string& bytes) {
     std::vector<std::string> texts;
@@ -18,6 +20,18 @@ static std::vector<std::string> OddThings(const std::string& bytes) {
     return texts;
 }
 
+// Whoever misses the disk that a link leads to should not take the host's word that all is well.
+static std::optional<std::string> AlarmOfALinkToNothing(const std::filesystem::path& table) {
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::read_symlink(table, error);
+    if (error || std::filesystem::exists(table, error))
+        return {};
+    return fmt::format(
+        "{} is a link to {}, which is not there: it counts as a table of no tasks. "
+        "Bring back what it leads to, and start vxschedd again.",
+        table.string(), target.string());
+}
+
 TTablePlan PlanTable(const std::filesystem::path& directory) {
     TTablePlan plan;
     plan.bytes = vxsched::ReadTableBytes(directory);
@@ -26,6 +40,8 @@ TTablePlan PlanTable(const std::filesystem::path& directory) {
         plan.warnings = OddThings(plan.bytes);
     else if (const std::optional<vxsched::TSource> source = vxsched::FindSource(directory))
         repair = vxsched::PlanRepair(plan.bytes, &*source, vxsched::Now());
+    if (auto alarm = AlarmOfALinkToNothing(vxsched::TableFile(directory)))
+        plan.alarms.push_back(*std::move(alarm));
     plan.tasks = std::move(repair.tasks);
     plan.mends = std::move(repair.notes);
     return plan;

@@ -12,6 +12,7 @@ struct TTablePlan {
     std::vector<vxsched::TTaskEntry> tasks;  // what it is to hold
     std::vector<std::string> mends;  // task by task where from, or how altered; none: it is sound
     std::vector<std::string> warnings;  // what is odd about it and stays
+    std::vector<std::string> alarms;    // what a person has to look at; nothing is done about it
 };
 
 // Of a damaged table what can be read is kept and the youngest copy fills in the rest, of one that a

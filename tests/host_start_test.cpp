@@ -187,6 +187,30 @@ TEST(HostStart, PipeInThePlaceOfTheTableIsRefused) {
         << host.Output();
 }
 
+TEST(HostStart, LinkToNoTableIsToldWithWhereItLeads) {
+    std::filesystem::create_directory("files");
+    std::filesystem::create_symlink("/no/disk/scheduler.dat", cTable);
+    const char* const message =
+        "files/scheduler.dat is a link to /no/disk/scheduler.dat, which is not "
+        "there";
+    CProgram check(HostWith({"--check"}));
+    EXPECT_EQ(check.Wait(), 0);
+    EXPECT_NE(check.Output().find(message), std::string::npos) << check.Output();
+    CHost host;
+    EXPECT_EQ(host.CountInOutput(message), 1U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostStart, LinkToATableIsAsGoodAsIt) {
+    WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", "", 0}});
+    std::filesystem::rename(cTable, "elsewhere");
+    std::filesystem::create_symlink("../elsewhere", cTable);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput("is a link to"), 0U) << host.Output();
+    EXPECT_EQ(NamesInTable(), "task");
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 TEST(HostStart, TableLargerThanAnyIsRefused) {
     WriteTable({});
     std::filesystem::resize_file(cTable, 1ULL << 42);
