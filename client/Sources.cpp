@@ -55,7 +55,8 @@ fs::path NextAside(const fs::path& directory) {
 std::optional<TSource> FindSource(const fs::path& directory) {
     for (const fs::path& file : FindCandidates(directory)) {
         try {
-            return TSource{file.filename().string(), DecodeWholeTable(ReadBytes(file), Now())};
+            return TSource{file.filename().string(), DecodeWholeTable(ReadBytes(file), Now()),
+                           file};
         } catch (const CClientError&) {
             continue;
         }
