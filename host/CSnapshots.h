@@ -12,7 +12,7 @@ public:
     // Of the working directory; keeps at most `most`, 0 none.
     explicit CSnapshots(std::size_t most);
 
-    // Keeps `bytes` unless they are the last that were kept. Throws std::system_error.
+    // Keeps `bytes` unless they are the last that were kept, by whichever host. Throws std::system_error.
     void Keep(const std::string& bytes);
 
     static std::filesystem::path Folder();

@@ -259,6 +259,18 @@ TEST(Snapshots, AreABoundedRingOfWholeTables) {
               3);
 }
 
+TEST(Snapshots, OfHostsThatComeAndGoPushNoOtherTableOut) {
+    std::filesystem::create_directory("files");
+    CSnapshots(3).Keep("other");
+    for (int host = 0; host < 5; ++host)
+        CSnapshots(3).Keep("same");
+    std::multiset<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+        kept.insert(ReadFile(entry.path()));
+    EXPECT_EQ(kept, (std::multiset<std::string>{"other", "same"}));
+    std::filesystem::remove_all("files");
+}
+
 // The snapshots of a host whose clock was ahead, and that of one whose clock was set back.
 class SnapshotsOfAClockThatWasSetBack : public testing::Test {
 protected:
