@@ -20,6 +20,12 @@ namespace fs = std::filesystem;
 
 // Empty when the file is not there.
 std::string ReadWhole(const fs::path& file) {
+    // Whoever opens a pipe waits for its writer, for ever.
+    std::error_code ignored;
+    if (fs::is_other(file, ignored))
+        throw CClientError(
+            EError::cNoAccess,
+            fmt::format("cannot read {}: it is no file; move it out of the way", file.string()));
     errno = 0;
     const std::ifstream stream(file, std::ios::binary);
     std::ostringstream content;

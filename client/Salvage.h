@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,7 @@ std::vector<TTaskEntry> DecodeWholeTable(std::string_view bytes, TTime now);
 struct TSource {
     std::string name;  // for people: "the copy from before the last change (..)"
     std::vector<TTaskEntry> tasks;
+    std::filesystem::path file = {};
 };
 
 struct TRepair {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <system_error>
@@ -18,6 +19,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::size_t cBlock = 1 << 16;
+// Ten thousand bytes a task, for a hundred thousand of them.
+constexpr std::uint64_t cMostBytes = std::uint64_t{1} << 30;
 
 class CDescriptor {
 public:
@@ -56,6 +59,15 @@ void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
         else if (errno != EINTR)
             throw SystemError("cannot write " + path.string(), errno);
     }
+}
+
+// Before memory is taken for it.
+void RequireASize(std::uint64_t size, const fs::path& file) {
+    if (size > cMostBytes)
+        throw CClientError(EError::cFailed,
+                           "cannot read " + file.string() + ": it has " + std::to_string(size) +
+                               " bytes, and no table has more than " + std::to_string(cMostBytes) +
+                               "; put a sound one in its place");
 }
 
 // Of the table, or of its folder as long as there is none.
@@ -116,6 +128,8 @@ std::string ReadBytes(const fs::path& file) {
     }
     struct stat status {};
     const bool hasSize = fstat(descriptor.Number(), &status) == 0 && S_ISREG(status.st_mode);
+    if (hasSize)
+        RequireASize(static_cast<std::uint64_t>(status.st_size), file);
     // A byte more than there is said to be, so that the end is seen at once.
     std::string bytes(hasSize ? static_cast<std::size_t>(status.st_size) + 1 : cBlock, '\0');
     std::size_t length = 0;
@@ -124,6 +138,7 @@ std::string ReadBytes(const fs::path& file) {
         if (count == -1 && errno != EINTR)
             throw SystemError("cannot read " + file.string(), errno);
         length += count > 0 ? static_cast<std::size_t>(count) : 0;
+        RequireASize(length, file);
         if (length == bytes.size())
             bytes.resize(length + cBlock);
     }

@@ -16,7 +16,7 @@ std::filesystem::path TableFile(const std::filesystem::path& directory);
 std::filesystem::path TableBefore(const std::filesystem::path& directory);
 
 // The bytes of a file; those of an empty table when there is none. Throws CClientError (cNoAccess,
-// cFailed) when it cannot be read.
+// cFailed) when it cannot be read, or is larger than any table (1 GiB).
 std::string ReadBytes(const std::filesystem::path& file);
 
 // Another text after each change of the table's file; empty when there is none.

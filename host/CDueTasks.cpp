@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include <ctime>
+#include <exception>
 
-#include "client/CClientError.h"
 #include "client/Objections.h"
 #include "client/TableFile.h"
 #include "host/CHostLog.h"
@@ -27,7 +27,8 @@ std::optional<CDueTasks::TTask> CDueTasks::Find(const std::string& program,
         const vxsched::TTime now{std::chrono::seconds(std::time(nullptr))};
         const vxsched::TTable table = vxsched::DecodeTable(vxsched::ReadTableBytes("."), now);
         return Find(table.tasks, state, now, program, parameter);
-    } catch (const vxsched::CClientError& error) {
+    } catch (
+        const std::exception& error) {  // no memory for it, for one: it is started all the same
         LogWarning(fmt::format("cannot tell which task is started: {}", error.what()));
         return std::nullopt;
     }

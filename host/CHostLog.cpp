@@ -1,7 +1,6 @@
 #include "host/CHostLog.h"
 
 #include <VXC_Log.h>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -10,9 +9,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 
 #include "host/CHostError.h"
+#include "host/OpenToAppend.h"
 #include "host/Times.h"
 
 static constexpr char cHostsOwn[] = "vxschedd: ";
@@ -28,10 +27,6 @@ static bool StandardErrorIsTheJournal() {
 
 static std::string Beginning(EPriority priority) {
     return fmt::format("<{}>", static_cast<int>(priority));
-}
-
-static int OpenLog(const std::string& path) {
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640);
 }
 
 static EPriority PriorityOfAddIns(const std::string& message) {
@@ -65,11 +60,12 @@ void CHostLog::TakeAddInsMessages() {
 }
 
 void CHostLog::WriteTo(const std::string& newPath) {
-    CDescriptor opened(OpenLog(newPath));
+    std::string whyNot;
+    CDescriptor opened = OpenToAppend(newPath, 0, 0640, EAppendable::cAlsoAPipe, whyNot);
     if (!opened.IsOpen())
         throw CHostError(
-            cFailed, fmt::format("cannot open the log {}: {}. Name another with --log.", newPath,
-                                 std::strerror(errno)));
+            cFailed,
+            fmt::format("cannot open the log {}: {}. Name another with --log.", newPath, whyNot));
     const std::lock_guard<std::mutex> lock(mutex);
     path = newPath;
     file = std::move(opened);

@@ -13,6 +13,7 @@
 #include "host/BoundedFile.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
+#include "host/OpenToAppend.h"
 #include "host/SystemdLibrary.h"
 
 static constexpr char cInherit[] = "inherit";
@@ -83,10 +84,10 @@ CDescriptor CProgramOutput::OpenFile(const std::string& name) const {
     if (!RotateBeyond(path, limit))
         LogWarning(fmt::format("cannot move {} away: {}; it grows beyond its size", path,
                                std::strerror(errno)));
-    CDescriptor file(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0640));
+    std::string whyNot;
+    CDescriptor file = OpenToAppend(path, 0, 0640, EAppendable::cFileOrDevice, whyNot);
     if (!file.IsOpen())
         LogWarning(fmt::format("cannot open {}: {}; the program writes where the host does", path,
-                               std::strerror(errno)));
+                               whyNot));
     return file;
 }

@@ -12,23 +12,27 @@
 #include "host/BoundedFile.h"
 #include "host/CDescriptor.h"
 #include "host/CHostLog.h"
+#include "host/OpenToAppend.h"
 
 static constexpr char cHistoryFile[] = "files/history.jsonl";
 
-// 0, or the error number.
-static int Append(const std::string& line) {
-    const CDescriptor file(
-        open(cHistoryFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644));
+// Why it could not be done; empty when it was.
+static std::string Append(const std::string& line) {
+    std::string whyNot;
+    const CDescriptor file =
+        OpenToAppend(cHistoryFile, O_NOFOLLOW, 0644, EAppendable::cFile, whyNot);
+    if (!file.IsOpen())
+        return whyNot;
     struct stat before {};
-    if (!file.IsOpen() || fstat(file.Get(), &before) != 0)
-        return errno;
+    if (fstat(file.Get(), &before) != 0)
+        return std::strerror(errno);
     const ssize_t count = write(file.Get(), line.data(), line.size());
     if (count == static_cast<ssize_t>(line.size()))
-        return 0;
+        return "";
     const int error = count == -1 ? errno : ENOSPC;
     if (count > 0 && ftruncate(file.Get(), before.st_size) != 0)
-        return errno;
-    return error;
+        return std::strerror(errno);
+    return std::strerror(error);
 }
 
 void CRunHistory::Add(const TRunRecord& record) {
@@ -39,7 +43,7 @@ void CRunHistory::Add(const TRunRecord& record) {
     if (!RotateBeyond(cHistoryFile, limit, line.size()))
         LogWarning(fmt::format("cannot move {} away: {}; it grows beyond its size", cHistoryFile,
                                std::strerror(errno)));
-    if (const int error = Append(line); error != 0)
-        LogWarning(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile,
-                               std::strerror(error), line));
+    if (const std::string whyNot = Append(line); !whyNot.empty())
+        LogWarning(
+            fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));
 }

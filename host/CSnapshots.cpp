@@ -5,15 +5,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <ctime>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
+#include "client/CClientError.h"
+#include "client/KeptFiles.h"
+#include "client/TableFile.h"
 #include "host/CDescriptor.h"
 
 namespace fs = std::filesystem;
+
+static constexpr std::string_view cBeginning = "scheduler.dat.";
 
 static std::system_error Failure(const char* what, const fs::path& path) {
     return {errno, std::generic_category(), fmt::format("cannot {} {}", what, path.string())};
@@ -39,14 +43,33 @@ fs::path CSnapshots::Folder() {
     return "files/snapshots";
 }
 
+// A host that is started again and again would push the older ones out with the same table. The copy
+// is as young as that table, which counts beside the copy from before the last change.
+static bool IsYoungest(const std::string& bytes) {
+    const std::vector<vxsched::TKeptFile> kept =
+        vxsched::FindKept(CSnapshots::Folder(), cBeginning);
+    try {
+        if (kept.empty() || vxsched::ReadBytes(kept.back().path) != bytes)
+            return false;
+    } catch (const vxsched::CClientError&) {
+        return false;
+    }
+    return utimensat(AT_FDCWD, kept.back().path.c_str(), nullptr, 0) == 0;
+}
+
 void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
     if (limit == 0 || bytes == last || (last && *bytes == *last))
         return;
+    if (!last && IsYoungest(*bytes)) {
+        last = bytes;
+        return;
+    }
     if (mkdir(Folder().c_str(), 0700) == -1 && errno != EEXIST)
         throw Failure("create", Folder());
-    // By name in the order of their making.
+    const vxsched::TKeptName name =
+        vxsched::NextName(vxsched::FindKept(Folder(), cBeginning), vxsched::Now());
     const fs::path path =
-        Folder() / fmt::format("scheduler.dat.{:012}-{:06}", time(nullptr), number++ % 1'000'000);
+        Folder() / fmt::format("{}{:012}-{:06}", cBeginning, name.time, name.number);
     const fs::path temporary = Folder() / "new";
     try {
         Write(temporary, *bytes);
@@ -60,18 +83,5 @@ void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
     if (!folder.IsOpen() || fsync(folder.Get()) == -1)
         throw Failure("bring to the disk", Folder());
     last = bytes;
-    RemoveOldest();
-}
-
-void CSnapshots::RemoveOldest() {
-    std::vector<fs::path> files;
-    std::error_code error;
-    for (fs::directory_iterator entry(Folder(), error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        if (entry->path().filename() != "new")
-            files.push_back(entry->path());
-    }
-    std::sort(files.begin(), files.end());
-    for (std::size_t index = 0; index + limit < files.size(); ++index)
-        unlink(files[index].c_str());
+    vxsched::RemoveOldest(Folder(), cBeginning, limit);
 }

@@ -8,6 +8,6 @@ enum TExitStatus : int {
     cNoDirectory = 3,  // the directory cannot be worked in
     cSecondHost = 4,   // another host runs in the directory
     cNoAddIn = 5,      // the add-in cannot be loaded
-    cBadTable = 6,  // the table is damaged, or a load of the add-in would never come back from it
-    cNoStore = 7,   // the store's semaphores cannot be used
+    cBadTable = 6,     // the table cannot be read, or cannot be mended
+    cNoStore = 7,      // the store's semaphores cannot be used
 };

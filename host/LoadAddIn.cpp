@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include "client/CClientError.h"
-#include "client/Salvage.h"
 #include "client/Sources.h"
 #include "client/TableFile.h"
 #include "host/CHostError.h"
@@ -11,33 +10,26 @@
 #include "host/CStoreGate.h"
 #include "host/PrepareTable.h"
 #include "host/StartMarks.h"
+#include "host/TablePlan.h"
 
 using vxsched::TTaskEntry;
 
-static void TellWhatIsUnusual(const std::string& bytes) {
-    for (const vxsched::TProblem& problem : vxsched::DecodeTable(bytes, vxsched::Now()).problems) {
-        if (problem.kind == vxsched::TProblem::cUnusual)
-            LogWarning(fmt::format("in the table, at offset {}: {}", problem.offset, problem.text));
-    }
-}
-
 // Makes the file a table that is sound and harmless, if it is none.
 static std::vector<TTaskEntry> MendTable() {
-    const std::string bytes = vxsched::ReadTableBytes(".");
-    vxsched::TRepair repair = vxsched::PlanRepair(bytes, nullptr, vxsched::Now());
-    if (repair.notes.empty()) {
-        TellWhatIsUnusual(bytes);
-        return std::move(repair.tasks);
-    }
-    if (const std::optional<vxsched::TSource> source = vxsched::FindSource("."))
-        repair = vxsched::PlanRepair(bytes, &*source, vxsched::Now());
-    for (const std::string& note : repair.notes)
-        LogError(note);
-    const std::string aside = vxsched::PutAside(".", bytes).string();
-    vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(repair.tasks));
+    TTablePlan plan = PlanTable(".");
+    for (const std::string& warning : plan.warnings)
+        LogWarning(warning);
+    for (const std::string& alarm : plan.alarms)
+        LogError(alarm);
+    if (plan.mends.empty())
+        return std::move(plan.tasks);
+    for (const std::string& mend : plan.mends)
+        LogError(mend);
+    const std::string aside =
+        vxsched::ReplaceDamaged(".", plan.bytes, vxsched::EncodeTable(plan.tasks)).string();
     LogError(fmt::format("the table is mended, with {} task(s); the former one is {}",
-                         repair.tasks.size(), aside));
-    return std::move(repair.tasks);
+                         plan.tasks.size(), aside));
+    return std::move(plan.tasks);
 }
 
 static void Tell(const TPrepared& prepared, CRunHistory& history) {
@@ -63,9 +55,10 @@ static vxsched::TTime Prepare(const std::optional<TWatch>& former, CRunHistory& 
     const std::vector<TStartMark> marks = ReadMarks();
     const vxsched::TTime now = vxsched::Now();
     const TPrepared prepared = PrepareTable(tasks, marks, former, now);
+    // The records go first: whatever ends the host in between, a time is rather told twice than lost.
+    Tell(prepared, history);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
-    Tell(prepared, history);
     for (const TStartMark& mark : marks)
         RemoveMark(mark);
     return BeginningOfWatch(prepared, now);

@@ -6,15 +6,16 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
 #include "client/CClientError.h"
+#include "client/CStoreLock.h"
 #include "client/Objections.h"
-#include "client/Table.h"
 #include "host/AddInFile.h"
 #include "host/NamespaceChecks.h"
+#include "host/TablePlan.h"
 #include "host/WorkDirectory.h"
 
 namespace {
@@ -58,22 +59,44 @@ void CheckTask(const vxsched::TTaskEntry& task, vxsched::TTime now) {
     }
 }
 
+// None when it may not be had. A start goes over a holder that does not give it back.
+std::optional<vxsched::CStoreLock> LockStore(const THostOptions& options, CReport& report) {
+    try {
+        return std::optional<vxsched::CStoreLock>(std::in_place, options.patience);
+    } catch (const vxsched::CClientError& error) {
+        if (error.Code() == vxsched::EError::cBusy)
+            CReport::Warn(error.what());
+        else
+            report.Fail(cNoStore, error.what());
+        return std::nullopt;
+    }
+}
+
+// Whoever reads the report may be slow: the mutex is not held meanwhile.
+TTablePlan PlanUnderTheMutex(const THostOptions& options, CReport& report) {
+    const std::optional<vxsched::CStoreLock> lock = LockStore(options, report);
+    return PlanTable(options.directory);
+}
+
 void CheckTable(const THostOptions& options, CReport& report) {
     try {
-        const vxsched::TTable table = vxsched::ReadTable(options.directory, options.patience);
-        for (const vxsched::TProblem& problem : table.problems) {
-            if (problem.kind == vxsched::TProblem::cEndless)
-                report.Fail(cBadTable, problem.text);
-            else
-                CReport::Warn(problem.text);
-        }
-        const vxsched::TTime now{std::chrono::seconds(std::time(nullptr))};
-        for (const vxsched::TTaskEntry& task : table.tasks)
-            CheckTask(task, now);
-        CReport::Well(
-            fmt::format("the table can be read and holds {} task(s)", table.tasks.size()));
+        const TTablePlan plan = PlanUnderTheMutex(options, report);
+        for (const std::string& warning : plan.warnings)
+            CReport::Warn(warning);
+        for (const std::string& alarm : plan.alarms)
+            CReport::Warn(alarm);
+        if (plan.mends.empty())
+            CReport::Well(
+                fmt::format("the table can be read and holds {} task(s)", plan.tasks.size()));
+        else
+            CReport::Warn(
+                fmt::format("a start would mend the table, with {} task(s)", plan.tasks.size()));
+        for (const std::string& mend : plan.mends)
+            CReport::Warn(mend);
+        for (const vxsched::TTaskEntry& task : plan.tasks)
+            CheckTask(task, vxsched::Now());
     } catch (const vxsched::CClientError& error) {
-        report.Fail(error.Code() == vxsched::EError::cDamaged ? cBadTable : cNoStore, error.what());
+        report.Fail(cBadTable, error.what());
     }
 }
 

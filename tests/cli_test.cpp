@@ -261,6 +261,9 @@ TEST_F(Cli, HistoryFindsNamesThatAreNotUnicodeAsTheyWereRecorded) {
 TEST_F(Cli, HistoryThatMayNotBeReadIsStatusFour) {
     fs::create_directory(cHistory);
     ExpectRefused(4, "cannot read ./files/history.jsonl", {"history"});
+    fs::remove(cHistory);
+    ASSERT_EQ(mkfifo(cHistory, 0644), 0);
+    ExpectRefused(4, "cannot read ./files/history.jsonl: it is no file", {"history"});
 }
 
 // ---- Changes ----------------------------------------------------------------------------------

@@ -157,6 +157,16 @@ TEST(ClientTable, DamagedFileStaysAsItIs) {
     EXPECT_EQ(ReadFile(cTable), "damaged");
 }
 
+// A hole takes no room on the disk, and would take all memory.
+TEST(ClientTable, FileLargerThanAnyTableIsAnErrorBeforeItIsRead) {
+    WriteTable({});
+    std::filesystem::resize_file(cTable, 1ULL << 42);
+    EXPECT_EQ(
+        ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); }),
+        "cannot read ./files/scheduler.dat: it has 4398046511104 bytes, and no table has more "
+        "than 1073741824; put a sound one in its place");
+}
+
 TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {
     WriteTable({});
     std::filesystem::permissions(cTable, std::filesystem::perms::none);

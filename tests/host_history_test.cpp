@@ -1,6 +1,8 @@
 // What a real host records of real programs, and of what was due while it was down.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
@@ -170,6 +172,28 @@ TEST(HostHistory, MissedTasksAreNamedInTheLogAndRecorded) {
     EXPECT_EQ(records[1].at("task"), "removed unrun");
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "repeats coming paused");
+}
+
+// A history fits within the limit, a table does not.
+RUN_AGAIN(HostThatMayWriteLittle) {
+    static_cast<void>(arguments);
+    const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    return 99;
+}
+
+TEST(HostHistory, MissedTasksAreRecordedBeforeTheTableIsChanged) {
+    WriteTable(
+        {{"repeats", std::time(nullptr) - 100, 0, 1, "/bin/one", "a", 0},
+         {"large", std::time(nullptr) + 1000, 0, 1, "/bin/two", std::string(9'000, 'p'), 0}});
+    CProgram host(ThisProgramAs("HostThatMayWriteLittle"));
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_NE(host.Output().find("missed while no host ran: task \"repeats\""), std::string::npos)
+        << host.Output();
+    const std::vector<TJson> records = Records();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].at("name"), "repeats");
 }
 
 TEST(HostHistory, SoundTableMissesNothing) {

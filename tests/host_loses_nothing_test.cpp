@@ -268,6 +268,58 @@ TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
     });
 }
 
+// Leaves room for that many pages.
+static void FillDiskBut(std::size_t pages) {
+    FillDisk();
+    fs::resize_file("files/filling", fs::file_size("files/filling") - pages * 4096);
+}
+
+static TRows ManyPages() {
+    TRows rows = cThree;
+    rows[2].parameters = std::string(20'000, 'p');
+    return rows;
+}
+
+// Two of the pages are for the lock and the sign of life.
+TEST(HostOnAFullDisk, DamagedTableIsMendedWithoutRoomForACopy) {
+    OnASmallDisk([] {
+        const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
+        WriteTable({});
+        WriteFile(cTable, damaged);
+        FillDiskBut(3);
+        CHost host;
+        EXPECT_EQ(NamesInTable(), "first second");
+        ASSERT_EQ(CountIn("files", ".damaged-"), 1U);
+        for (const auto& entry : fs::directory_iterator("files")) {
+            if (entry.path().string().find(".damaged-") != std::string::npos) {
+                EXPECT_EQ(ReadFile(entry.path()), damaged);
+            }
+        }
+        EXPECT_EQ(fs::hard_link_count(cTable), 1U);
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+TEST(HostOnAFullDisk, DamagedTableIsLeftAsItIsWithoutRoomForAnother) {
+    OnASmallDisk([] {
+        const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
+        WriteTable({});
+        WriteFile(cTable, damaged);
+        FillDisk();
+        for (int round = 0; round < 2; ++round) {
+            CProgram host(HostWith({}));
+            EXPECT_EQ(host.Wait(), 6) << host.Output();
+            EXPECT_EQ(ReadFile(cTable), damaged);
+            EXPECT_EQ(fs::hard_link_count(cTable), 1U);
+            EXPECT_EQ(CountIn("files", ".damaged-"), 0U);
+        }
+        fs::remove("files/filling");
+        CHost host;
+        EXPECT_EQ(NamesInTable(), "first second");
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
 TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
     OnASmallDisk([] {
         WriteTable(cThree);
@@ -396,4 +448,60 @@ TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
     EXPECT_EQ(ReadTable().at(0).next, due + 24 * 3600) << "on its grid";
     EXPECT_FALSE(fs::exists("missed")) << "no host had it in its hands";
     EXPECT_EQ(ReadFile("log"), "log\n");
+}
+
+// ---- Beside an empty table --------------------------------------------------------------------
+
+static constexpr char cEmptyTable[] = "the table is empty, whereas the last copy of it, ";
+
+// As a library leaves a table that it finds damaged.
+TEST(HostBesideAnEmptyTable, TellsTheTasksOfTheLastOneAndWhereTheyAre) {
+    WriteTable(cThree);
+    {
+        CHost host;
+        EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
+        EXPECT_EQ(host.Stop(), 0);
+    }
+    WriteFile(cTable, std::string(8, '\0'));
+    std::string copy;
+    for (const auto& entry : fs::directory_iterator("files/snapshots"))
+        copy = entry.path().string();
+    const std::string message =
+        cEmptyTable + std::string("./") + copy +
+        ", has 3 task(s): \"first\", \"second\", \"third\". If they were not";
+    CProgram check(HostWith({"--check"}));
+    EXPECT_EQ(check.Wait(), 0);
+    EXPECT_NE(check.Output().find("warning: " + message), std::string::npos) << check.Output();
+    {
+        CHost host;
+        EXPECT_EQ(host.CountInOutput(message), 1U) << host.Output();
+        EXPECT_EQ(ReadTable(), TRows()) << "it may be meant";
+        EXPECT_EQ(host.Stop(), 0);
+    }
+    // What it says to do.
+    fs::copy_file(copy, cTable, fs::copy_options::overwrite_existing);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
+    EXPECT_EQ(ReadTable(), cThree);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostBesideAnEmptyTable, TellsItOnce) {
+    WriteTable(cThree);
+    EXPECT_EQ(CHost().Stop(), 0);
+    WriteTable({});
+    EXPECT_EQ(CHost().Stop(), 0);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostBesideAnEmptyTable, MissesNoTaskThatRanAndIsGone) {
+    WriteTable({{"once", 1000, 0, 0, "/bin/program", "", 0}});
+    fs::create_directories("files/snapshots");
+    fs::rename(cTable, "files/snapshots/scheduler.dat.000000000900-000000");
+    WriteTable({});
+    CHost host;
+    EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
 }

@@ -89,6 +89,30 @@ TEST(HostOutput, FileThatCannotBeOpenedLetsTheProgramInheritAndIsTold) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+TEST(HostOutput, PipeInThePlaceOfAFileIsNotWaitedFor) {
+    CHost host(HostWith({"--output", "out"}));
+    ASSERT_EQ(mkfifo("out/task.log", 0644), 0);
+    CreateDue("task", cWriter, "text");
+    EXPECT_TRUE(
+        host.WaitForOutput("task.log: it is no file, or a pipe that nobody reads; the "
+                           "program writes where the host does"))
+        << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostOutput, LinkToADeviceIsWrittenTo) {
+    std::filesystem::create_directory("out");
+    std::filesystem::create_symlink("/dev/null", "out/task.log");
+    CHost host(HostWith({"--output", "out"}));
+    CreateDue("task", cWriter, "text");
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("cannot open"), 0U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("output text"), 0U) << host.Output();
+}
+
 TEST(HostOutput, DirectoryThatCannotBeHadIsRefused) {
     WriteFile("a file", "");
     CProgram missing(HostWith({"--output", "no folder/out"}));

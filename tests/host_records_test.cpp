@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <host/CDescriptor.h>
 #include <host/CHostLog.h>
 #include <host/CRunHistory.h>
 #include <host/RunRecord.h>
@@ -303,4 +304,22 @@ TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
     EXPECT_EQ(child.Wait(), 0);
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(1));
     EXPECT_NE(ReadFile("log").find("cannot write to files/history.jsonl: "), std::string::npos);
+}
+
+TEST_F(RunHistory, PipeInItsPlaceTakesNoRecordAndIsNotWaitedFor) {
+    ASSERT_EQ(mkfifo(cHistory, 0644), 0);
+    CForkedChild child([] {
+        CHostLog::Instance().WriteTo("log of a pipe");
+        CRunHistory(1 << 20).Add(Numbered(1));
+        const CDescriptor reader(open(cHistory, O_RDONLY | O_NONBLOCK));
+        CRunHistory(1 << 20).Add(Numbered(2));
+        char byte = 0;
+        return read(reader.Get(), &byte, 1) == 1 ? 1 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    const std::string log = ReadFile("log of a pipe");
+    EXPECT_NE(log.find("files/history.jsonl: it is no file, or a pipe that nobody reads; lost"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("files/history.jsonl: it is no file; lost"), std::string::npos) << log;
 }

@@ -140,6 +140,12 @@ TEST(ServiceUnit, ExpectsNotificationsAndLeavesTheStoreReachable) {
         EXPECT_THAT(ValuesInUnit(key), ElementsAre()) << key;
 }
 
+// A disk is full for a while only, and then the table can be mended.
+TEST(ServiceUnit, TriesATableAgainThatCouldNotBeMended) {
+    EXPECT_THAT(ValuesInUnit("Restart"), ElementsAre("on-failure"));
+    EXPECT_THAT(ValuesInUnit("RestartPreventExitStatus"), ElementsAre("2 3 4 5 7"));
+}
+
 TEST(ServiceUnit, StartsTheHostWithOptionsThatItHas) {
     const std::vector<std::string> starts = ValuesInUnit("ExecStart");
     ASSERT_EQ(starts.size(), 1U);

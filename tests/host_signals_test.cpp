@@ -1,9 +1,12 @@
 // What a real host does on signals other than those that stop it, and its log file.
 
 #include <client/CStoreLock.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <ctime>
@@ -97,4 +100,36 @@ TEST(HostLog, ThatCannotBeOpenedIsRefused) {
                                  "--log."),
               std::string::npos)
         << host.Output();
+}
+
+TEST(HostLog, PipeThatNobodyReadsIsRefusedAndNotWaitedFor) {
+    ASSERT_EQ(mkfifo("pipe", 0644), 0);
+    CProgram host(HostWith({"--log", "./pipe"}));
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_NE(host.Output().find("pipe: it is no file, or a pipe that nobody reads. Name another "
+                                 "with --log."),
+              std::string::npos)
+        << host.Output();
+}
+
+TEST(HostLog, PipeIsWrittenToAsLongAsItTakesTheLines) {
+    ASSERT_EQ(mkfifo("pipe", 0644), 0);
+    const int reader = open("pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    CProgram host(HostWith({"--log", "./pipe"}));
+    std::string log;
+    const auto readOn = [&] {
+        char block[4096];
+        const ssize_t count = read(reader, block, sizeof block);
+        log.append(block, count > 0 ? static_cast<std::size_t>(count) : 0);
+        return log.find(" as process ") != std::string::npos;
+    };
+    WaitUntil(readOn);
+    // With a pipe as full as can be, it goes on without its lines.
+    const int filler = open("pipe", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    while (write(filler, "", 1) == 1) {
+    }
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+    close(filler);
+    close(reader);
 }

@@ -187,6 +187,40 @@ TEST(HostStart, PipeInThePlaceOfTheTableIsRefused) {
         << host.Output();
 }
 
+TEST(HostStart, LinkToNoTableIsToldWithWhereItLeads) {
+    std::filesystem::create_directory("files");
+    std::filesystem::create_symlink("/no/disk/scheduler.dat", cTable);
+    const char* const message =
+        "files/scheduler.dat is a link to /no/disk/scheduler.dat, which is not "
+        "there";
+    CProgram check(HostWith({"--check"}));
+    EXPECT_EQ(check.Wait(), 0);
+    EXPECT_NE(check.Output().find(message), std::string::npos) << check.Output();
+    CHost host;
+    EXPECT_EQ(host.CountInOutput(message), 1U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostStart, LinkToATableIsAsGoodAsIt) {
+    WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", "", 0}});
+    std::filesystem::rename(cTable, "elsewhere");
+    std::filesystem::create_symlink("../elsewhere", cTable);
+    CHost host;
+    EXPECT_EQ(host.CountInOutput("is a link to"), 0U) << host.Output();
+    EXPECT_EQ(NamesInTable(), "task");
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostStart, TableLargerThanAnyIsRefused) {
+    WriteTable({});
+    std::filesystem::resize_file(cTable, 1ULL << 42);
+    CProgram host({HOST_PROGRAM, "--directory", "."});
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_NE(host.Output().find("files/scheduler.dat: it has 4398046511104 bytes"),
+              std::string::npos)
+        << host.Output();
+}
+
 TEST(HostStart, MutexThatMayNotBeUsedIsRefused) {
     TakeAllAccess(MakeStoreMutex());
     ExpectRefused(7, "the store mutex: Permission denied; run as the user");
@@ -358,6 +392,47 @@ TEST(HostCheck, SoundTableIsLeftAsItIsAndRiskyTasksAreToldOf) {
     EXPECT_EQ(ReadTable(), table);
 }
 
+static void ExpectToldByCheckAndMended(const std::vector<std::string>& messages) {
+    const std::string before = ReadFile(cTable);
+    CProgram check(HostWith({"--check"}));
+    EXPECT_EQ(check.Wait(), 0);
+    for (const std::string& message : messages)
+        EXPECT_NE(check.Output().find("warning: " + message), std::string::npos) << check.Output();
+    EXPECT_TRUE(check.Output().ends_with("well: a host could run\n")) << check.Output();
+    EXPECT_EQ(ReadFile(cTable), before);
+    EXPECT_EQ(PutAsideFile(), "");
+    CHost host;
+    EXPECT_NE(ReadFile(cTable), before);
+    EXPECT_EQ(host.Stop(), 0);
+    std::filesystem::remove(PutAsideFile());
+}
+
+TEST(HostCheck, TellsWhatAStartWouldMendAndHow) {
+    const TRow sound = {"sound", 4'000'000'000, 0, 1, "/bin/program", "", 0};
+    WriteTable({sound});
+    const std::string copy = ReadFile(cTable);
+    std::filesystem::create_directory("files/snapshots");
+    WriteFile("files/snapshots/scheduler.dat.001700000000-000000", copy);
+    WriteFile(cTable, "damaged");
+    ExpectToldByCheckAndMended({"a start would mend the table, with 1 task(s)",
+                                "the table is damaged at offset 0",
+                                "kept \"sound\" from scheduler.dat.001700000000-000000"});
+    WriteTable({{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0}, sound});
+    ExpectToldByCheckAndMended(
+        {"a start would mend the table, with 2 task(s)", "altered \"endless\""});
+}
+
+TEST(HostCheck, HolderThatIsTakenForHungIsToldOf) {
+    MakeStoreMutex();
+    vxsched::CStoreLock hung(1h);
+    CProgram check(HostWith({"--check", "--patience", "0"}));
+    EXPECT_EQ(check.Wait(), 0) << check.Output();
+    EXPECT_NE(check.Output().find("warning: the store mutex is held, last by process "),
+              std::string::npos)
+        << check.Output();
+    EXPECT_EQ(StoreSemaphoreValue(), 0);
+}
+
 TEST(HostCheck, RunningHostIsNotDisturbed) {
     CHost host;
     CProgram check(HostWith({"--check"}));
@@ -368,7 +443,7 @@ TEST(HostCheck, RunningHostIsNotDisturbed) {
 
 TEST(HostCheck, EachFaultHasTheStatusOfTheStart) {
     std::filesystem::create_directory("files");
-    WriteFile(cTable, "damaged");
+    std::filesystem::create_directory(cTable);
     WriteFile("text", "no library");
     const auto check = [](const std::vector<std::string>& options, const char* message) {
         std::vector<std::string> all{"--check"};
@@ -379,13 +454,13 @@ TEST(HostCheck, EachFaultHasTheStatusOfTheStart) {
         EXPECT_EQ(host.Output().find("a host could run"), std::string::npos) << host.Output();
         return status;
     };
-    EXPECT_EQ(check({}, "error: the table is damaged at offset 0"), 6);
+    EXPECT_EQ(check({}, "error: cannot read ./files/scheduler.dat: Is a directory"), 6);
+    CProgram start(HostWith({}));
+    EXPECT_EQ(start.Wait(), 6) << start.Output();
     std::filesystem::remove(cTable);
     EXPECT_EQ(check({"--addin", "./text"}, "text is not an add-in: it is not a shared library"), 5);
     EXPECT_EQ(check({"--output", "no folder/out"}, "no folder/out: No such file or directory"), 3);
     EXPECT_EQ(check({"--log", "no folder/log"}, "no folder/log: No such file or directory"), 1);
-    WriteTable({{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0}});
-    EXPECT_EQ(check({}, "error: task \"endless\""), 6);
     CProgram nowhere({HOST_PROGRAM, "--directory", "nowhere", "--check"});
     EXPECT_EQ(nowhere.Wait(), 3);
     EXPECT_NE(nowhere.Output().find("error: cannot work in nowhere: No such file or directory."),

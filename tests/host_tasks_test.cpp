@@ -1,10 +1,12 @@
 // What the host makes of a table: which task a start is for, and which tasks a load passes over.
 
+#include <client/Sources.h>
 #include <gtest/gtest.h>
 #include <host/CDueTasks.h>
 #include <host/CSnapshots.h>
 #include <host/PrepareTable.h>
 #include <host/StartMarks.h>
+#include <sys/resource.h>
 
 #include <ctime>
 #include <filesystem>
@@ -114,6 +116,21 @@ TEST(DueTasks, AreReadFromTheTableInTheDirectory) {
     std::filesystem::remove_all("files");
     EXPECT_EQ(tasks.Find("/bin/program", "x"), std::nullopt);
 }
+
+// A sanitizer takes more than this limit for itself.
+#ifdef PLAIN_BUILD
+TEST(DueTasks, OfATableThatMemoryDoesNotHoldAreNotTold) {
+    WriteTable({});
+    std::filesystem::resize_file(cTable, 1 << 30);
+    CForkedChild child([] {
+        const rlimit limit{.rlim_cur = 1 << 29, .rlim_max = RLIM_INFINITY};
+        setrlimit(RLIMIT_AS, &limit);
+        return CDueTasks().Find("/bin/program", "x") ? 1 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    std::filesystem::remove_all("files");
+}
+#endif
 
 // ---- What becomes of the table before the load
 // ----------------------------------------------------------------------------
@@ -232,18 +249,106 @@ TEST(StartMarks, AreShownByATableThatHasMovedOn) {
     EXPECT_EQ(shown[1].task, "gone");
 }
 
+static void Keep(CSnapshots& snapshots, const std::string& bytes) {
+    snapshots.Keep(std::make_shared<const std::string>(bytes));
+}
+
+// As a host that comes and goes.
+static void KeepOnce(std::size_t limit, const std::string& bytes) {
+    CSnapshots snapshots(limit);
+    Keep(snapshots, bytes);
+}
+
 TEST(Snapshots, AreABoundedRingOfWholeTables) {
     std::filesystem::create_directory("files");
     CSnapshots snapshots(3);
     for (const char* const bytes : {"one", "two", "two", "three", "four"})
-        snapshots.Keep(std::make_shared<const std::string>(bytes));
+        Keep(snapshots, bytes);
     std::set<std::string> kept;
     for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
         kept.insert(ReadFile(entry.path()));
     EXPECT_EQ(kept, (std::set<std::string>{"two", "three", "four"}));
     CSnapshots none(0);
-    none.Keep(std::make_shared<const std::string>("five"));
+    Keep(none, "five");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(CSnapshots::Folder()),
                             std::filesystem::directory_iterator()),
               3);
+}
+
+TEST(Snapshots, OfHostsThatComeAndGoPushNoOtherTableOut) {
+    std::filesystem::create_directory("files");
+    KeepOnce(3, "other");
+    for (int host = 0; host < 5; ++host)
+        KeepOnce(3, "same");
+    std::multiset<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+        kept.insert(ReadFile(entry.path()));
+    EXPECT_EQ(kept, (std::multiset<std::string>{"other", "same"}));
+    std::filesystem::remove_all("files");
+}
+
+// The snapshots of a host whose clock was ahead, and that of one whose clock was set back.
+class SnapshotsOfAClockThatWasSetBack : public testing::Test {
+protected:
+    static constexpr std::int64_t cAhead = 4'000'000'000;
+
+    SnapshotsOfAClockThatWasSetBack() {
+        std::filesystem::create_directories(CSnapshots::Folder());
+        for (const char* const number : {"000008", "000009", "000010"}) {
+            const std::filesystem::path file =
+                CSnapshots::Folder() / ("scheduler.dat.004000000000-" + std::string(number));
+            WriteFile(file, TableOf(number));
+            SetTime(file, cAhead);
+        }
+        KeepOnce(2, TableOf("now"));
+    }
+    ~SnapshotsOfAClockThatWasSetBack() override { std::filesystem::remove_all("files"); }
+    static std::string TableOf(const std::string& name) {
+        return BytesOf({{name, cAhead, 0, 1, "/bin/program", "", 0}});
+    }
+    static void SetTime(const std::filesystem::path& file, std::int64_t seconds) {
+        std::filesystem::last_write_time(
+            file, std::chrono::file_clock::from_sys(
+                      std::chrono::sys_seconds(std::chrono::seconds(seconds))));
+    }
+    static std::string YoungestTask() {
+        const auto source = vxsched::FindSource(".");
+        return source ? source->tasks.at(0).name : "";
+    }
+};
+
+TEST_F(SnapshotsOfAClockThatWasSetBack, KeepTheYoungestAndNotTheLatest) {
+    std::set<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+        kept.insert(ReadFile(entry.path()));
+    EXPECT_EQ(kept, (std::set<std::string>{TableOf("000010"), TableOf("now")}));
+}
+
+TEST_F(SnapshotsOfAClockThatWasSetBack, MendFromTheYoungest) {
+    EXPECT_EQ(YoungestTask(), "now");
+    WriteFile("files/scheduler.dat.before", TableOf("before"));
+    SetTime("files/scheduler.dat.before", 1000);
+    EXPECT_EQ(YoungestTask(), "now");
+    SetTime("files/scheduler.dat.before", cAhead - 1000);
+    EXPECT_EQ(YoungestTask(), "before");
+}
+
+// ---- Damaged tables that are put aside
+// ------------------------------------------------------------------------------------
+
+TEST(PutAside, KeepsTheYoungestWhateverTheClockSays) {
+    std::filesystem::create_directory("files");
+    WriteFile("files/scheduler.dat.damaged-4000000000", "0");
+    WriteFile("files/scheduler.dat.damaged-by-hand", "not ours");
+    for (int number = 1; number <= 30; ++number)
+        vxsched::PutAside(".", std::to_string(number));
+    std::set<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator("files"))
+        kept.insert(ReadFile(entry.path()));
+    EXPECT_EQ(kept.size(), 25U);
+    EXPECT_TRUE(kept.contains("not ours"));
+    EXPECT_TRUE(kept.contains("30"));
+    EXPECT_TRUE(kept.contains("7"));
+    EXPECT_FALSE(kept.contains("6"));
+    std::filesystem::remove_all("files");
 }
