@@ -95,7 +95,8 @@ TEST(WholeTable, IsNoneWithZerosInThePlaceOfATask) {
     const std::string bytes = EncodeTable(cThree);
     const TSource source{"the last good table", cThree};
     for (const std::size_t whole : {0U, 1U, 2U}) {
-        std::string damaged = EncodeTable({cThree.begin(), cThree.begin() + whole});
+        std::string damaged = EncodeTable(
+            {cThree.begin(), std::next(cThree.begin(), static_cast<std::ptrdiff_t>(whole))});
         damaged[0] = '\3';
         damaged.resize(bytes.size());
         EXPECT_EQ(PlanRepair(damaged, nullptr, At(cNow)).tasks.size(), whole);
