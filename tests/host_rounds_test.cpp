@@ -36,9 +36,11 @@ namespace {
 constexpr int cStores = 5;
 #ifdef PLAIN_BUILD
 constexpr int cRounds = 50;
+constexpr int cFaultStep = 1;
 constexpr int cLongestPause = 20'000;  // microseconds: about as long as a change and a tick take
 #else
 constexpr int cRounds = 8;
+constexpr int cFaultStep = 7;
 constexpr int cLongestPause = 300'000;
 #endif
 
@@ -227,7 +229,7 @@ TEST(HostOnAFullDisk, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
 // One call fails, another one in each round of each store. A host that cannot start says so; one that
 // runs starts what is due all the same.
 void FailACall(CStoreInTrouble& store, int number, int round) {
-    const int fault = 1 + round * cStores + number;
+    const int fault = 1 + (round * cStores + number) * cFaultStep;
     setenv("PLAYED_FAULT", std::to_string(fault).c_str(), 1);
     CProgram faulty(HostWith({}));
     unsetenv("PLAYED_FAULT");
