@@ -140,8 +140,12 @@ extern "C" int open(const char* path, int flags, ...) {
 extern "C" int stat(const char* path, struct stat* status) noexcept {
     static auto* const system = SystemsOwn<int(const char*, struct stat*)>("stat");
     const int result = system(path, status);
-    if (result == -1 && errno != ENOENT && std::strcmp(path, cTable) == 0)
-        Unread();
+    if (result == -1 && std::strcmp(path, cTable) == 0) {
+        if (errno == ENOENT)
+            gIsUnread = false;
+        else
+            Unread();
+    }
     return result;
 }
 
