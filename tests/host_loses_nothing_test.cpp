@@ -63,6 +63,20 @@ static void WakeChanged() {
     vxsched::WakeSchedulingProcess();
 }
 
+// Makes the only task due under a running host, and waits for its start; the tick then pauses for two
+// seconds. The table as it was made.
+static TRows StartTheOnlyTask() {
+    TRows rows = ReadTable();
+    rows.at(0).next = std::time(nullptr);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteTable(rows);
+    }
+    WakeChanged();
+    WaitUntil([] { return fs::exists("log"); });
+    return rows;
+}
+
 // ---- While it runs ----------------------------------------------------------------------------
 
 TEST(HostGuard, EveryGoodTableIsKept) {
@@ -376,14 +390,7 @@ TEST(HostGuard, FolderOfMarksIsMadeAgainForAStart) {
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     CHost host;
     fs::remove_all("files/started");
-    TRows rows = ReadTable();
-    rows[0].next = std::time(nullptr);
-    {
-        const vxsched::CStoreLock lock(10s);
-        WriteTable(rows);
-    }
-    WakeChanged();
-    WaitUntil([] { return fs::exists("log"); });  // and the tick pauses for two seconds
+    StartTheOnlyTask();
     EXPECT_EQ(CountIn("files/started", "due@"), 1U) << host.Output();
     WaitUntil([] { return CountIn("files/started", "due@") == 0; });
     EXPECT_EQ(host.Stop(), 0);
@@ -392,17 +399,10 @@ TEST(HostGuard, FolderOfMarksIsMadeAgainForAStart) {
 // ---- After a kill -----------------------------------------------------------------------------
 
 TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
-    // The program ends its parent's parent in the middle of the tick: the start is made, not saved.
+    // It is killed in the middle of the tick: the start is made, not saved.
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     CHost host;
-    TRows rows = ReadTable();
-    rows[0].next = std::time(nullptr);
-    {
-        const vxsched::CStoreLock lock(10s);
-        WriteTable(rows);
-    }
-    WakeChanged();
-    WaitUntil([] { return fs::exists("log"); });  // and the tick pauses for two seconds
+    const TRows rows = StartTheOnlyTask();
     host.Kill(SIGKILL);
     host.Wait();
     EXPECT_EQ(ReadTable(), rows) << "not saved";
