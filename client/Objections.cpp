@@ -60,7 +60,7 @@ void FindMissing(const std::string& path, CObjections& objections) {
 // What a start makes of the name, and whether that is the program that is meant.
 bool IsStartedAsNamed(const std::string& program, CObjections& objections) {
     const std::string extension = ExtensionOf(program);
-    if (!extension.empty() && extension != ".exe") {
+    if (AbortsItsStart(program)) {
         objections.Refuse(
             TObjection::cAbortingExtension,
             "the extension " + Quoted(extension) + " of " + Quoted(program) +
@@ -147,6 +147,11 @@ bool TObjection::IsAboutTheProgram() const {
 
 std::string StartedPath(std::string_view program) {
     return std::string(program.substr(0, program.find_last_not_of(".exe") + 1));
+}
+
+bool AbortsItsStart(const std::string& program) {
+    const std::string extension = ExtensionOf(program);
+    return !extension.empty() && extension != ".exe";
 }
 
 std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now, EProgram how) {

@@ -39,6 +39,9 @@ struct TObjection {
 // The path that a start makes of a task's program: every '.', 'e' and 'x' at its end is cut off.
 std::string StartedPath(std::string_view program);
 
+// Whether the start of a program ends the scheduling process: it does for an extension other than .exe.
+bool AbortsItsStart(const std::string& program);
+
 // How a task's program is started.
 enum class EProgram {
     cAsNamed,

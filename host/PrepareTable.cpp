@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "client/Grid.h"
+#include "client/Objections.h"
 
 using vxsched::TTaskEntry;
 using vxsched::TTime;
@@ -12,7 +13,9 @@ using vxsched::TTime;
 static constexpr std::chrono::minutes cPastStart(10);
 
 static bool IsLate(const TTaskEntry& task, const std::optional<TWatch>& former) {
-    return former && task.next >= former->since - cPastStart && task.next <= former->until;
+    // What ended the former host in its start would end this one, and the next.
+    return former && !vxsched::AbortsItsStart(task.program) &&
+           task.next >= former->since - cPastStart && task.next <= former->until;
 }
 
 static TRunRecord MissedRun(const TTaskEntry& task) {

@@ -195,6 +195,14 @@ TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
     EXPECT_EQ(prepared.tasks[1], table[1]);
 }
 
+TEST(PrepareTable, WhatEndedTheFormerHostInItsStartIsNotStartedAgain) {
+    const TPrepared prepared =
+        Prepared({Task("bad", Later(-7), "/bin/a.sh", ""), Task("good", Later(-7), "/p", "")}, {},
+                 TWatch{.since = Later(-60), .until = cNow});
+    EXPECT_EQ(NamesOf(prepared.late), "good;");
+    EXPECT_EQ(Named(prepared.missed), "bad on;");
+}
+
 TEST(PrepareTable, WithoutAFormerHostNothingStaysDue) {
     const TPrepared prepared =
         Prepared({Task("at zero", TTime(), "/p", ""),
