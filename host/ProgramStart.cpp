@@ -138,6 +138,9 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
                            .started = std::chrono::floor<std::chrono::seconds>(*run.started)});
         CStartedPrograms::Instance().Started(run);
     } else {
+        // It may have come as far as its mark.
+        if (mark)
+            unlink(mark->c_str());
         run.outcome = TRunRecord::cNotStarted;
         run.ended = run.started;
         run.error = std::strerror(result);
