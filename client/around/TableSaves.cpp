@@ -9,7 +9,7 @@
 // table is rewritten in place as before.
 //
 // Nor does a table perish because the system failed to let it be read: the add-in then goes on with an
-// empty one, and would save that. Its saves go nowhere until it has read the table.
+// empty list, or with the one it had, and would save that. Its saves go nowhere until it has read the table.
 
 #include "client/around/TableSaves.h"
 
@@ -60,7 +60,8 @@ int OpenSystems(const char* path, int flags, mode_t mode) {
 
 int CloseSystems(int descriptor) {
     static auto* const system = SystemsOwn<int(int)>("close");
-    return system(descriptor);
+    const int result = system(descriptor);
+    return result == -1 && errno == EINTR ? 0 : result;  // it is closed all the same
 }
 
 // The add-in opens the file for both to read it. The spelling of the path is its own, too: nobody
@@ -101,6 +102,8 @@ int OpenNewTable(int flags, mode_t mode) {
 // Without a table there is nothing to lose.
 int OpenForReading(int flags, mode_t mode) {
     const int descriptor = OpenSystems(cTable, flags, mode);
+    if (descriptor == -1 && errno == EINTR)
+        return descriptor;  // it is tried again
     if (descriptor == -1 && errno != ENOENT) {
         Unread();
     } else {
