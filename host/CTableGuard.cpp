@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 #include <unordered_set>
 
@@ -47,7 +48,7 @@ void Tell(const std::vector<std::string>& notes) {
 
 CTableGuard::CTableGuard(std::size_t snapshotCount)
     : calls(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
-    if (!Watch())
+    if (!Watch() && errno != 0)
         LogWarning(
             fmt::format("cannot watch the folder \"files\": {}. It is looked at each second.",
                         std::strerror(errno)));
@@ -84,10 +85,15 @@ void CTableGuard::TasksDeleted() {
 
 // The folder is another one after it was moved or removed, and made again.
 bool CTableGuard::Watch() {
+    errno = 0;
     changes = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    isWatching = changes.IsOpen() && inotify_add_watch(changes.Get(), "files",
-                                                       IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE |
-                                                           IN_DELETE | IN_MOVE_SELF) != -1;
+    std::error_code ignored;
+    // What a link leads to changes elsewhere.
+    isWatching =
+        changes.IsOpen() &&
+        inotify_add_watch(changes.Get(), "files",
+                          IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_MOVE_SELF) != -1 &&
+        !std::filesystem::is_symlink(vxsched::TableFile("."), ignored);
     return isWatching;
 }
 
@@ -126,6 +132,7 @@ bool CTableGuard::HasSomethingToLookAt() {
     // Other files of the folder are written as well.
     if (isWatching)
         return TakeEvents();
+    saves.replacedWhole = true;  // of what went before a watch nothing is known
     Watch();
     return vxsched::TableState(".") != lastSeen;
 }
