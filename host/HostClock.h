@@ -7,7 +7,7 @@
 #include "host/Watch.h"
 
 // The host's own time(), exported by the program, so that the add-in's calls of it come here. It is
-// the system's, and does two things beside.
+// the system's, and does three things beside: the third is the tick timer.
 
 // While it lives, the clock stands at a time before all others: nothing is due, so that a load of the
 // add-in moves no start on and removes no task. For the main thread, before there is another one.

@@ -396,6 +396,57 @@ TEST(HostGuard, FolderOfMarksIsMadeAgainForAStart) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+TEST(HostGuard, TableBehindALinkIsLookedAt) {
+    fs::create_directory("real");
+    WriteTable(cThree);
+    fs::rename(cTable, "real/table");
+    fs::create_symlink("../real/table", cTable);
+    CHost host;
+    WriteFile("real/table", BytesOf(cThree).substr(0, 60));
+    WaitForTable(cThree);
+    EXPECT_TRUE(fs::is_symlink(cTable));
+    EXPECT_EQ(host.CountInOutput("cannot watch"), 0U) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, FailedStartIsNoReasonToRestoreATable) {
+    WriteTable({{"due", cFar, 0, 24, "/no/such/program", "log", 0}});
+    CHost host;
+    TRows rows = ReadTable();
+    rows[0].next = std::time(nullptr);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteTable(rows);
+    }
+    WakeChanged();
+    EXPECT_TRUE(host.WaitForOutput("cannot start")) << host.Output();
+    EXPECT_EQ(CountIn("files/started", "due@"), 0U);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+}
+
+TEST(HostAfterAKill, TaskThatEndedItInItsStartDoesNotEndTheNext) {
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    WriteTable({{"bad", cFar, 0, 24, "/bin/a.sh", "", 0},
+                {"good", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
+    CHost host;
+    TRows rows = ReadTable();
+    rows[0].next = rows[1].next = std::time(nullptr);
+    {
+        const vxsched::CStoreLock lock(10s);
+        WriteTable(rows);
+    }
+    WakeChanged();
+    EXPECT_EQ(host.Wait(), 1000 + SIGABRT);
+    WaitUntil([&] { return std::time(nullptr) > rows[0].next; });
+    CHost next;
+    EXPECT_EQ(RunTool({"wake"}).status, 0);
+    WaitUntil([] { return fs::exists("log"); });
+    WaitUntil(WorkerRests);
+    EXPECT_EQ(next.Stop(), 0);
+}
+
 // ---- After a kill -----------------------------------------------------------------------------
 
 TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
