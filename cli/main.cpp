@@ -5,11 +5,11 @@
 #include <functional>
 #include <iostream>
 
-#include "cli/Commands.h"
-#include "cli/ExitStatus.h"
-#include "cli/PeriodText.h"
-#include "cli/ShownText.h"
-#include "client/CClientError.h"
+#include <vxsched/Error.h>
+#include "base/DisplayText.h"
+#include "cli/commands/Commands.h"
+#include "cli/commands/ExitStatus.h"
+#include "cli/time/PeriodText.h"
 
 namespace vxsched {
 

@@ -12,9 +12,9 @@
 #include <csignal>
 #include <cstring>
 
-#include "client/CClientError.h"
-#include "client/LibraryFolder.h"
-#include "client/change/Fields.h"
+#include <vxsched/Error.h>
+#include "client/Fields.h"
+#include "client/LibraryDirectory.h"
 
 namespace vxsched {
 

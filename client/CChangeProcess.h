@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "client/change/Request.h"
+#include "client/Request.h"
 
 namespace vxsched {
 

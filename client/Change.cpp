@@ -8,13 +8,13 @@
 #include <system_error>
 #include <thread>
 
+#include <vxsched/Error.h>
+#include <vxsched/SchedulingProcess.h>
 #include "client/CChangeProcess.h"
-#include "client/CClientError.h"
-#include "client/CLoadTurn.h"
-#include "client/CStoreLock.h"
-#include "client/LibraryFolder.h"
-#include "client/SchedulingProcess.h"
-#include "client/TableFile.h"
+#include "client/LibraryDirectory.h"
+#include "store/CStoreMutexLock.h"
+#include "store/CWriterLock.h"
+#include "store/TableFile.h"
 
 namespace vxsched {
 

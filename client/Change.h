@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "client/CClientError.h"
-#include "client/StoreOptions.h"
-#include "client/Table.h"
-#include "client/change/Request.h"
+#include <vxsched/Error.h>
+#include <vxsched/StoreOptions.h>
+#include <vxsched/Table.h>
+#include "client/Request.h"
 
 namespace vxsched {
 

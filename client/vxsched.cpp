@@ -1,11 +1,11 @@
-#include "client/vxsched.h"
+#include <vxsched/vxsched.h>
 
 #include <exception>
 #include <new>
 #include <string>
 
-#include "client/CClientError.h"
-#include "client/CStore.h"
+#include <vxsched/Error.h>
+#include <vxsched/Store.h>
 
 struct vxsched_store {
     vxsched::TStoreOptions options;

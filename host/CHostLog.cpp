@@ -10,9 +10,9 @@
 #include <climits>
 #include <cstdlib>
 
+#include "base/IsoTime.h"
+#include "base/OpenToAppend.h"
 #include "host/CHostError.h"
-#include "host/OpenToAppend.h"
-#include "host/Times.h"
 
 static constexpr char cHostsOwn[] = "vxschedd: ";
 static constexpr int cPatience = 1000;  // milliseconds

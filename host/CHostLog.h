@@ -3,7 +3,7 @@
 #include <mutex>
 #include <string>
 
-#include "host/CDescriptor.h"
+#include "base/CDescriptor.h"
 
 // How grave a message is, as syslog and the journal number it.
 enum class EPriority : int { cError = 3, cWarning = 4, cNotice = 5, cInfo = 6, cDebug = 7 };

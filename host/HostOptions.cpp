@@ -12,7 +12,7 @@ static std::string DefaultAddIn() {
     std::error_code ignored;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ignored);
     const std::filesystem::path root = self.parent_path().parent_path();
-    for (const char* folder : {"lib", VXSCHEDD_LIBRARY_FOLDER}) {
+    for (const char* folder : {"lib", VXSCHEDD_LIBRARY_DIRECTORY}) {
         const std::filesystem::path candidate = root / folder / name;
         if (std::filesystem::exists(candidate, ignored))
             return candidate.string();

@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include "client/CClientError.h"
+#include <vxsched/Error.h>
 
 namespace vxsched {
 

@@ -14,17 +14,17 @@
 #include <cstring>
 #include <limits>
 
-#include "client/CClientError.h"
-#include "client/CLoadTurn.h"
-#include "client/CStoreLock.h"
-#include "client/ProgramLinks.h"
-#include "client/SchedulingProcess.h"
-#include "client/TableFile.h"
+#include <vxsched/Error.h>
+#include <vxsched/SchedulingProcess.h>
+#include "client/ChangeChecks.h"
+#include "client/Fields.h"
+#include "client/Request.h"
 #include "client/change/CAddIn.h"
-#include "client/change/Checks.h"
-#include "client/change/Fields.h"
 #include "client/change/Replaced.h"
-#include "client/change/Request.h"
+#include "store/CStoreMutexLock.h"
+#include "store/CWriterLock.h"
+#include "store/ProgramLinks.h"
+#include "store/TableFile.h"
 
 namespace vxsched {
 

@@ -1,6 +1,6 @@
 /* A program in C that manages tasks and has only what is installed. */
 
-#include <client/vxsched.h>
+#include <vxsched/vxsched.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>

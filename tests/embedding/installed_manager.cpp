@@ -1,10 +1,10 @@
 // A program that manages tasks and has only what is installed.
 
-#include <client/CClientError.h>
-#include <client/CStore.h>
-#include <client/RunningPrograms.h>
-#include <client/Salvage.h>
-#include <client/SchedulingProcess.h>
+#include <vxsched/Error.h>
+#include <vxsched/Repair.h>
+#include <vxsched/RunningPrograms.h>
+#include <vxsched/SchedulingProcess.h>
+#include <vxsched/Store.h>
 
 #include <cstdio>
 

@@ -1,0 +1,19 @@
+#include "client/LibraryDirectory.h"
+
+#include <filesystem>
+
+namespace vxsched {
+
+// Beside the command's own folder, in the build as when it is installed.
+std::string LibraryFolder() {
+    std::error_code ignored;
+    const std::filesystem::path root =
+        std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
+    for (const char* const folder : {"lib", VXSCHED_LIBRARY_DIRECTORY}) {
+        if (std::filesystem::exists(root / folder / "vantrix" / "vxsched-change", ignored))
+            return root / folder;
+    }
+    return root / VXSCHED_LIBRARY_DIRECTORY;
+}
+
+}  // namespace vxsched

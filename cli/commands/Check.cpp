@@ -1,0 +1,101 @@
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include <vxsched/Error.h>
+#include "base/DisplayText.h"
+#include "cli/commands/Commands.h"
+#include "cli/commands/ExitStatus.h"
+#include "cli/output/Json.h"
+#include "store/ProgramLinks.h"
+#include "store/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+const char* NameOf(TProblem::EKind kind) {
+    switch (kind) {
+        case TProblem::cEndless:
+            return "endless";
+        case TProblem::cSlow:
+            return "slow";
+        case TProblem::cUnusual:
+            break;
+    }
+    return "unusual";
+}
+
+struct TFinding {
+    std::string kind;
+    std::string text;
+    std::optional<std::size_t> offset = {};
+};
+
+std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
+    std::vector<TFinding> findings;
+    for (const TProblem& problem : table.problems)
+        findings.push_back({NameOf(problem.kind), problem.text, problem.offset});
+    for (const TTaskEntry& task : table.tasks) {
+        const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
+        const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;
+        for (const TObjection& objection : FindObjections(task, Now(), how)) {
+            if (objection.kind != TObjection::cPastStart)
+                findings.push_back({std::string(objection.Name()),
+                                    fmt::format("task \"{}\": {}", task.name, objection.text)});
+        }
+    }
+    return findings;
+}
+
+void Print(const TCommon& common, const std::vector<TFinding>& findings, const std::string& verdict,
+           COutput& output) {
+    if (common.json) {
+        nlohmann::ordered_json list = nlohmann::ordered_json::array();
+        for (const TFinding& finding : findings) {
+            nlohmann::ordered_json one = {{"kind", finding.kind},
+                                          {"text", JsonOfText(finding.text)}};
+            if (finding.offset)
+                one["offset"] = *finding.offset;
+            list.push_back(one);
+        }
+        output.Raw(Document({{"verdict", verdict}, {"findings", list}}));
+        return;
+    }
+    for (const TFinding& finding : findings) {
+        const std::string where = finding.offset ? fmt::format("offset {}: ", *finding.offset) : "";
+        output.Line(Show(fmt::format("{}: {}{}", finding.kind, where, finding.text)).text);
+    }
+    output.Line(verdict);
+}
+
+}  // namespace
+
+int CheckTable(const TCommon& common, const std::string& file, COutput& output) {
+    TTable table;
+    try {
+        if (!file.empty() && !std::filesystem::exists(file))
+            throw CClientError(EError::cFailed, fmt::format("there is no file {}", file));
+        table = file.empty() ? CStore(common.store).Read() : DecodeTable(ReadBytes(file), Now());
+    } catch (const CClientError& error) {
+        if (error.Code() != EError::cDamaged)
+            throw;
+        Print(common, {{"damaged", error.what()}}, "damaged; vxsched repair keeps what it can",
+              output);
+        return cDamagedStatus;
+    }
+    const std::vector<TFinding> findings = FindingsOf(common, table);
+    const std::string count =
+        fmt::format("{} task{}", table.tasks.size(), table.tasks.size() == 1 ? "" : "s");
+    if (!table.IsSafeToLoad()) {
+        Print(common, findings, count + ", harmful to load; vxsched repair puts that right",
+              output);
+        return cDamagedStatus;
+    }
+    Print(common, findings, count + (findings.empty() ? ", sound" : ", sound but for the above"),
+          output);
+    return cDone;
+}
+
+}  // namespace vxsched

@@ -1,0 +1,103 @@
+#include <fmt/format.h>
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include <vxsched/Error.h>
+#include "base/DisplayText.h"
+#include "cli/commands/Commands.h"
+#include "cli/output/Json.h"
+#include "cli/output/RunText.h"
+
+namespace vxsched {
+
+namespace {
+
+constexpr std::size_t cUsualCount = 20;
+constexpr char cNone[] = "-";
+
+void RequireTask(const TCommon& common, const std::string& name) {
+    if (CStore(common.store).Read().Find(name) == nullptr)
+        throw CClientError(
+            EError::cNotFound,
+            fmt::format("there is no task \"{}\", and no record of a run of one; vxsched list "
+                        "shows all",
+                        name));
+}
+
+EColour ColourOf(const TRunRecord& run) {
+    if (WentWell(run))
+        return EColour::cPlain;
+    return run.outcome == TRunRecord::cMovedOn || run.outcome == TRunRecord::cRemovedUnrun
+               ? EColour::cYellow
+               : EColour::cRed;
+}
+
+// How long after its due time it was started.
+std::string Lateness(const TRunRecord& run) {
+    return run.due && run.started ? FormatSpan(*run.started - *run.due) : cNone;
+}
+
+std::string ProcessorTime(const TRunRecord& run) {
+    return FormatSpan(
+        std::chrono::floor<std::chrono::milliseconds>(run.usage.user + run.usage.system));
+}
+
+std::string Memory(const TRunRecord& run) {
+    return fmt::format("{:.1f} MiB", static_cast<double>(run.usage.peakMemory) / 1024);
+}
+
+void PrintTable(const std::vector<TRunRecord>& runs, EZone zone, COutput& output) {
+    CColumns columns({"DUE", "STARTED", "LATE", "TOOK", "CPU", "MEMORY", "OUTCOME", "NAME"});
+    for (const TRunRecord& run : runs) {
+        const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
+        const bool hasUsage = run.usage != TUsage();
+        columns.Add(FormatMoment(run.due, zone));
+        columns.Add(FormatMoment(run.started, zone));
+        columns.Add(Lateness(run));
+        columns.Add(taken ? FormatSpan(*taken) : cNone);
+        columns.Add(hasUsage ? ProcessorTime(run) : cNone);
+        columns.Add(hasUsage ? Memory(run) : cNone);
+        columns.Add(OutcomeText(run), ColourOf(run));
+        columns.Add(run.task.value_or(cNone), EColour::cBold);
+    }
+    columns.Print(output);
+}
+
+void PrintJson(const std::vector<TRunRecord>& runs, COutput& output) {
+    nlohmann::ordered_json json = nlohmann::ordered_json::array();
+    for (const TRunRecord& run : runs)
+        json.push_back(JsonOf(run));
+    output.Raw(Document({{"runs", json}}));
+}
+
+}  // namespace
+
+int History(const TCommon& common, const std::string& name, std::optional<std::size_t> count,
+            bool failedOnly, COutput& output) {
+    THistory history =
+        ReadHistory(common.store.directory, name.empty() ? std::nullopt : std::optional(name));
+    for (const std::string& problem : history.problems)
+        std::cerr << "vxsched: " << Show(problem).text << '\n';
+    std::vector<TRunRecord>& runs = history.runs;
+    if (runs.empty() && !name.empty())
+        RequireTask(common, name);
+    if (failedOnly)
+        std::erase_if(runs, WentWell);
+    const std::size_t most = count.value_or(cUsualCount);
+    const std::size_t all = runs.size();
+    if (all > most)
+        runs.erase(runs.begin(), runs.end() - static_cast<std::ptrdiff_t>(most));
+    if (common.json) {
+        PrintJson(runs, output);
+        return 0;
+    }
+    PrintTable(runs, common.zone, output);
+    output.Line("");
+    output.Line(runs.size() < all
+                    ? fmt::format("the last {} of {} records; --count shows more", runs.size(), all)
+                    : fmt::format("{} record{}", all, all == 1 ? "" : "s"));
+    return 0;
+}
+
+}  // namespace vxsched

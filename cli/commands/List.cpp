@@ -1,0 +1,110 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "cli/commands/Commands.h"
+#include "cli/commands/TaskState.h"
+#include "cli/output/Json.h"
+#include "cli/time/PeriodText.h"
+#include "store/ProgramLinks.h"
+
+namespace vxsched {
+
+namespace {
+
+constexpr char cNone[] = "-";
+
+struct TListed {
+    const TTaskEntry* task;
+    TTaskState state;
+};
+
+EColour ColourOf(const TTaskState& state) {
+    if (!state.processes.empty())
+        return EColour::cGreen;
+    switch (state.state) {
+        case TTaskState::cPaused:
+            return EColour::cDim;
+        case TTaskState::cOverdue:
+            return EColour::cRed;
+        case TTaskState::cActive:
+            break;
+    }
+    return EColour::cPlain;
+}
+
+// By the next start; what has none, being paused, comes last.
+bool ComesBefore(const TListed& first, const TListed& second) {
+    if (first.task->paused != second.task->paused)
+        return second.task->paused;
+    return first.task->next < second.task->next;
+}
+
+std::string CommandOf(const TCommon& common, const TTaskEntry& task) {
+    const std::string program = RealProgram(common.store.directory, task.program);
+    return task.parameter.empty() ? program : program + ' ' + task.parameter;
+}
+
+nlohmann::ordered_json JsonOf(const TCommon& common, const TListed& listed) {
+    const TTaskEntry& task = *listed.task;
+    nlohmann::ordered_json json = JsonOfTask(task);
+    json["real_program"] = JsonOfText(RealProgram(common.store.directory, task.program));
+    json["next_time"] = FormatIsoTime(task.next);
+    json["last_time"] = JsonOfLast(task.last);
+    json["state"] = listed.state.Word();
+    json["processes"] = listed.state.processes;
+    return json;
+}
+
+void PrintJson(const TCommon& common, const std::vector<TListed>& listed, COutput& output) {
+    nlohmann::ordered_json tasks = nlohmann::ordered_json::array();
+    for (const TListed& one : listed)
+        tasks.push_back(JsonOf(common, one));
+    output.Raw(Document({{"tasks", tasks}}));
+}
+
+void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime now,
+                COutput& output) {
+    CColumns columns({"NEXT", "LEFT", "LAST", "PASSED", "EVERY", "STATE", "NAME", "PROGRAM"});
+    for (const TListed& one : listed) {
+        const TTaskEntry& task = *one.task;
+        const bool hasRun = task.last != TTime();
+        columns.Add(task.paused ? cNone : FormatTime(task.next, common.zone));
+        columns.Add(task.paused ? cNone : FormatDistance(task.next - now));
+        columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNone);
+        columns.Add(hasRun ? FormatDistance(task.last - now) : cNone);
+        columns.Add(FormatPeriod(task.period));
+        columns.Add(one.state.Text(), ColourOf(one.state));
+        columns.Add(task.name, EColour::cBold);
+        columns.Add(CommandOf(common, task));
+    }
+    columns.Print(output);
+    output.Line("");
+    output.Line(fmt::format("{} task{}", listed.size(), listed.size() == 1 ? "" : "s"));
+}
+
+}  // namespace
+
+int List(const TCommon& common, bool namesOnly, COutput& output) {
+    const TTable table = CStore(common.store).Read();
+    if (namesOnly) {
+        for (const TTaskEntry& task : table.tasks)
+            output.Line(task.name);
+        return 0;
+    }
+    const TTime now = Now();
+    const CRunningPrograms running;
+    std::vector<TListed> listed;
+    listed.reserve(table.tasks.size());
+    for (const TTaskEntry& task : table.tasks)
+        listed.push_back({&task, StateOf(task, running, now)});
+    std::stable_sort(listed.begin(), listed.end(), ComesBefore);
+    if (common.json)
+        PrintJson(common, listed, output);
+    else
+        PrintTable(common, listed, now, output);
+    return 0;
+}
+
+}  // namespace vxsched

@@ -1,0 +1,96 @@
+#include <fmt/format.h>
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <queue>
+
+#include "cli/commands/Commands.h"
+#include "cli/output/Json.h"
+#include "cli/time/PeriodText.h"
+#include "store/Grid.h"
+
+namespace vxsched {
+
+namespace {
+
+constexpr std::size_t cUsualCount = 10;
+constexpr std::size_t cMost = 100'000;  // however far away the end
+
+struct TComing {
+    TTime time;
+    std::size_t index;  // of the task, so that equal times come in the table's order
+
+    bool operator>(const TComing& other) const {
+        return std::tie(time, index) > std::tie(other.time, other.index);
+    }
+};
+
+// The coming runs of all active tasks in time order. What is due already runs now, once, and then on
+// its grid.
+class CComingRuns {
+public:
+    CComingRuns(const std::vector<TTaskEntry>& allTasks, TTime moment)
+        : tasks(allTasks), now(moment) {
+        for (std::size_t index = 0; index < tasks.size(); ++index) {
+            if (!tasks[index].paused)
+                coming.push({std::max(tasks[index].next, now), index});
+        }
+    }
+
+    std::optional<TComing> Take() {
+        if (coming.empty())
+            return {};
+        const TComing first = coming.top();
+        coming.pop();
+        const TTaskEntry& task = tasks[first.index];
+        const std::chrono::seconds step = StepOf(task.period);
+        if (step != std::chrono::seconds(0))
+            coming.push(
+                {NextOnGrid(task.next, step, first.time + std::chrono::seconds(1)), first.index});
+        return first;
+    }
+
+private:
+    const std::vector<TTaskEntry>& tasks;
+    const TTime now;
+    std::priority_queue<TComing, std::vector<TComing>, std::greater<>> coming;
+};
+
+}  // namespace
+
+int Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
+         COutput& output) {
+    const TTime now = Now();
+    const TTime end = until.empty() ? TTime::max() : ParseTime(until, now);
+    const std::size_t most = count.value_or(until.empty() ? cUsualCount : cMost);
+    const TTable table = CStore(common.store).Read();
+    CComingRuns runs(table.tasks, now);
+    CColumns columns({"TIME", "LEFT", "EVERY", "NAME"});
+    nlohmann::ordered_json json = nlohmann::ordered_json::array();
+    for (std::size_t shown = 0; shown < most; ++shown) {
+        const std::optional<TComing> run = runs.Take();
+        if (!run || run->time > end)
+            break;
+        const TTaskEntry& task = table.tasks[run->index];
+        if (common.json) {
+            json.push_back({{"time", FormatIsoTime(run->time)},
+                            {"seconds", run->time.time_since_epoch().count()},
+                            {"name", JsonOfText(task.name)}});
+            continue;
+        }
+        columns.Add(FormatTime(run->time, common.zone));
+        columns.Add(FormatDistance(run->time - now));
+        columns.Add(FormatPeriod(task.period));
+        columns.Add(task.name);
+    }
+    if (!count && !until.empty() && runs.Take().value_or(TComing{TTime::max(), 0}).time <= end &&
+        std::max(json.size(), columns.Count()) == most)
+        std::cerr << "vxsched: there are more; shown are the first " << most << '\n';
+    if (common.json)
+        output.Raw(Document({{"runs", json}}));
+    else
+        columns.Print(output);
+    return 0;
+}
+
+}  // namespace vxsched

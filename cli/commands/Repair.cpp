@@ -1,0 +1,48 @@
+#include <fmt/format.h>
+
+#include <vxsched/Error.h>
+#include <vxsched/Repair.h>
+#include "base/DisplayText.h"
+#include "cli/commands/Commands.h"
+#include "store/Backups.h"
+#include "store/CStoreMutexLock.h"
+#include "store/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+std::string TableBytes(const TCommon& common) {
+    const CStoreLock lock(common.store.patience);
+    return ReadBytes(TableFile(common.store.directory));
+}
+
+}  // namespace
+
+int Repair(const TCommon& common, COutput& output) {
+    const std::string bytes = TableBytes(common);
+    const std::optional<TSource> source = FindSource(common.store.directory);
+    const TRepair repair = PlanRepair(bytes, source ? &*source : nullptr, Now());
+    if (repair.notes.empty()) {
+        output.Line("the table is sound, there is nothing to repair");
+        return 0;
+    }
+    for (const std::string& note : repair.notes)
+        output.Line(Show(note).text);
+    const std::string count =
+        fmt::format("{} task{}", repair.tasks.size(), repair.tasks.size() == 1 ? "" : "s");
+    if (common.dryRun) {
+        output.Line(fmt::format("would write a table of {}", count));
+        return 0;
+    }
+    const std::string aside = PutAside(common.store.directory, bytes).string();
+    CStore(common.store).ReplaceAll(repair.tasks, [&](const std::string& current) {
+        if (current != bytes)
+            throw CClientError(EError::cBusy,
+                               "the table was changed meanwhile; nothing was repaired; try again");
+    });
+    output.Line(fmt::format("wrote a table of {}; the former one is {}", count, aside));
+    return 0;
+}
+
+}  // namespace vxsched

@@ -1,0 +1,76 @@
+#include "cli/time/Duration.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <string>
+#include <system_error>
+
+namespace vxsched {
+
+using std::chrono::seconds;
+
+namespace {
+
+struct TUnit {
+    seconds length;
+    std::string_view words;  // with a blank around each
+};
+
+using namespace std::chrono_literals;
+
+constexpr TUnit cUnits[] = {
+    {168h, " w week weeks "},
+    {24h, " d day days "},
+    {1h, " h hr hrs hour hours "},
+    {1min, " m min mins minute minutes "},
+    {1s, " s sec secs second seconds "},
+};
+
+// With every unit at most once, the sum of the largest is far inside the range of seconds.
+constexpr std::int64_t cLargestNumber = 1'000'000'000'000;
+
+std::int64_t ValueOf(std::string_view digits) {
+    std::int64_t value = 0;
+    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    return result.ec == std::errc() ? std::min(value, cLargestNumber) : cLargestNumber;
+}
+
+seconds ReadUnit(CTextReader& reader, std::string_view number) {
+    if (reader.Next() == '.' || reader.Next() == ',')
+        reader.Fail(reader.Offset(), "only whole numbers can be read: take a smaller unit as well");
+    reader.SkipBlanks();
+    const std::size_t start = reader.Offset();
+    const std::string word = reader.TakeWord();
+    if (word.empty())
+        reader.Fail(start, "add the unit, " + std::string(number) + "h");
+    for (const TUnit& unit : cUnits) {
+        if (unit.words.find(' ' + word + ' ') != std::string_view::npos)
+            return unit.length;
+    }
+    reader.Fail(start, "there is no unit \"" + word + "\": take h, d or w");
+}
+
+}  // namespace
+
+seconds ReadDuration(CTextReader& reader, seconds smallest, std::string_view tooSmall) {
+    seconds sum(0);
+    seconds unitBefore = seconds::max();
+    do {
+        const std::size_t start = reader.Offset();
+        const std::string_view number = reader.TakeDigits();
+        if (number.empty())
+            reader.Fail(start, "there must be a number with a unit here, 6h");
+        const seconds unit = ReadUnit(reader, number);
+        if (unit < smallest)
+            reader.Fail(start, tooSmall);
+        if (unit >= unitBefore)
+            reader.Fail(start, "the units go from the largest to the smallest, each once");
+        sum += ValueOf(number) * unit;
+        unitBefore = unit;
+        reader.SkipBlanks();
+    } while (reader.IsAtDigit());
+    return sum;
+}
+
+}  // namespace vxsched

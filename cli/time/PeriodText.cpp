@@ -1,0 +1,54 @@
+#include "cli/time/PeriodText.h"
+
+#include <chrono>
+
+#include "cli/time/CTextReader.h"
+#include "cli/time/Duration.h"
+
+namespace vxsched {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::hours cLongestPeriod = 1193046h;  // a longer step wraps at 2^32 seconds
+
+constexpr std::uint32_t cHoursOfDay = 24;
+constexpr std::uint32_t cHoursOfWeek = 7 * cHoursOfDay;
+
+}  // namespace
+
+std::uint32_t ParsePeriod(std::string_view text) {
+    CTextReader reader("period", text);
+    reader.SkipBlanks();
+    const std::size_t start = reader.Offset();
+    if (reader.IsAtEnd())
+        reader.Fail(start, "it is empty; say 6h, 1d, 2w or once");
+    if (reader.Next() == '-')
+        reader.Fail(start, "a period cannot be negative");
+    if (reader.IsAtLetter()) {
+        if (reader.TakeWord() != "once")
+            reader.Fail(start, "say 6h, 1d, 2w or once");
+        reader.ExpectEnd();
+        return 0;
+    }
+    const std::chrono::seconds period = ReadDuration(reader, 1h, "periods are whole hours");
+    reader.ExpectEnd();
+    if (period == 0s)
+        reader.Fail(start, "this is no period; for a task that runs a single time say once");
+    if (period > cLongestPeriod)
+        reader.Fail(start, "the longest period is " + std::to_string(cLongestPeriod.count()) + "h");
+    return static_cast<std::uint32_t>(period / 1h);
+}
+
+std::string FormatPeriod(std::uint32_t hours) {
+    if (hours == 0)
+        return "once";
+    if (hours % cHoursOfWeek == 0)
+        return std::to_string(hours / cHoursOfWeek) + 'w';
+    if (hours % cHoursOfDay == 0)
+        return std::to_string(hours / cHoursOfDay) + 'd';
+    return std::to_string(hours) + 'h';
+}
+
+}  // namespace vxsched

@@ -1,0 +1,309 @@
+#include "cli/time/TimeText.h"
+
+#include <date/date.h>
+#include <fmt/format.h>
+
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <system_error>
+#include <vector>
+
+#include "calendar/WallTime.h"
+#include "cli/time/CTextReader.h"
+#include "cli/time/Duration.h"
+
+namespace vxsched {
+
+using std::chrono::hours;
+using std::chrono::minutes;
+using std::chrono::seconds;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char cForms[] = "say 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
+constexpr char cPutForward[] = "there is no such local time: the clock is put forward over it";
+
+// ---- Reading: dates, times of day, zones ---------------------------------------------------------
+
+// Reads a number of exactly so many digits (four at most).
+int ReadNumber(CTextReader& reader, std::size_t digits, std::string_view reason) {
+    const std::size_t start = reader.Offset();
+    int value = 0;
+    const std::string_view number = reader.TakeDigits();
+    if (number.size() != digits)
+        reader.Fail(start, reason);
+    for (const char digit : number)
+        value = 10 * value + (digit - '0');
+    return value;
+}
+
+// Reads one with two digits and an upper limit.
+int ReadPart(CTextReader& reader, int most, const char* name) {
+    const std::size_t start = reader.Offset();
+    const int value = ReadNumber(reader, 2, fmt::format("the {} must have two digits", name));
+    if (value > most)
+        reader.Fail(start, fmt::format("the {} must be from 00 to {}", name, most));
+    return value;
+}
+
+date::local_days ReadDate(CTextReader& reader) {
+    const std::size_t start = reader.Offset();
+    const int year = ReadNumber(reader, 4, "the year must have four digits");
+    if (year == 0)
+        reader.Fail(start, "the year must be from 0001 to 9999");
+    constexpr char cForm[] = "a date is written as 2026-11-21";
+    if (!reader.TakeIf('-'))
+        reader.Fail(reader.Offset(), cForm);
+    const std::size_t monthStart = reader.Offset();
+    const int month = ReadNumber(reader, 2, "the month must have two digits");
+    if (month < 1 || month > 12)
+        reader.Fail(monthStart, "the month must be from 01 to 12");
+    if (!reader.TakeIf('-'))
+        reader.Fail(reader.Offset(), cForm);
+    const int day = ReadNumber(reader, 2, "the day must have two digits");
+    const date::year_month_day date(date::year(year), date::month(static_cast<unsigned>(month)),
+                                    date::day(static_cast<unsigned>(day)));
+    if (!date.ok())
+        reader.Fail(start, "there is no such day");
+    return date::local_days(date);
+}
+
+seconds ReadTimeOfDay(CTextReader& reader) {
+    if (!reader.IsAtDigit())
+        reader.Fail(reader.Offset(), "give a time of day, 14:30");
+    seconds time = hours(ReadPart(reader, 23, "hour"));
+    if (!reader.TakeIf(':'))
+        reader.Fail(reader.Offset(), "a time of day is written as 14:30");
+    time += minutes(ReadPart(reader, 59, "minute"));
+    if (reader.TakeIf(':'))
+        time += seconds(ReadPart(reader, 59, "second"));
+    return time;
+}
+
+bool IsAtZone(const CTextReader& reader) {
+    const char next = reader.Next();
+    return next == 'Z' || next == 'z' || next == '+' || next == '-';
+}
+
+// Reads how far the zone is ahead of UTC. The reader is at a zone.
+seconds ReadZone(CTextReader& reader) {
+    if (reader.TakeIf('z'))
+        return 0s;
+    const int sign = reader.Next() == '-' ? -1 : 1;
+    reader.TakeIf(sign < 0 ? '-' : '+');
+    const std::size_t start = reader.Offset();
+    constexpr char cForm[] = "a zone is written as Z, +01:00, +0100 or +01";
+    const std::string_view digits = reader.TakeDigits();
+    if (digits.size() != 2 && digits.size() != 4)
+        reader.Fail(start, cForm);
+    const auto twoDigits = [&](std::size_t at) {
+        return 10 * (digits[at] - '0') + (digits[at + 1] - '0');
+    };
+    const hours wholeHours(twoDigits(0));
+    minutes rest(0);
+    if (digits.size() == 4)
+        rest = minutes(twoDigits(2));
+    else if (reader.TakeIf(':'))
+        rest = minutes(ReadNumber(reader, 2, cForm));
+    if (rest > 59min || wholeHours + rest > 14h)
+        reader.Fail(start, "no zone is that far from UTC: from -14:00 to +14:00 is accepted");
+    return sign * (wholeHours + rest);
+}
+
+// ---- Reading: the forms of a time ----------------------------------------------------------------
+
+// `start` is where the text of it begins.
+TTime FirstShowing(TWallTime wall, const CTextReader& reader, std::size_t start) {
+    const std::vector<TTime> times = TimesShowing(wall);
+    if (times.empty())
+        reader.Fail(start, cPutForward);
+    return times.front();
+}
+
+TTime ReadDateAndTime(CTextReader& reader) {
+    std::size_t start = reader.Offset();
+    TWallTime wall = ReadDate(reader);
+    constexpr char cZoneAlone[] = "give a time of day before the zone";
+    if (reader.TakeIf('t')) {
+        start = reader.Offset();
+        wall += ReadTimeOfDay(reader);
+    } else {
+        reader.SkipBlanks();
+        if (IsAtZone(reader))
+            reader.Fail(reader.Offset(), cZoneAlone);
+        if (!reader.IsAtDigit())
+            return FirstShowing(wall, reader, start);
+        start = reader.Offset();
+        wall += ReadTimeOfDay(reader);
+    }
+    reader.SkipBlanks();
+    if (IsAtZone(reader))
+        return TTime(wall.time_since_epoch()) - ReadZone(reader);
+    return FirstShowing(wall, reader, start);
+}
+
+// `day` is 0 for today, 1 for tomorrow.
+TTime ReadTimeOfNamedDay(CTextReader& reader, TTime now, date::days day) {
+    reader.SkipBlanks();
+    const std::size_t start = reader.Offset();
+    const TWallTime midnight = date::floor<date::days>(LocalWallTimeAt(now)) + day;
+    return FirstShowing(midnight + ReadTimeOfDay(reader), reader, start);
+}
+
+TTime ReadNextTimeOfDay(CTextReader& reader, TTime now) {
+    const std::size_t start = reader.Offset();
+    const seconds timeOfDay = ReadTimeOfDay(reader);
+    reader.SkipBlanks();
+    if (IsAtZone(reader))
+        reader.Fail(reader.Offset(), "a zone can be given together with a date only");
+    const TWallTime wallNow = LocalWallTimeAt(now);
+    // Shortly after midnight the clock may be put back to what it showed yesterday.
+    TWallTime wall = date::floor<date::days>(wallNow) - date::days(1) + timeOfDay;
+    for (;; wall += date::days(1)) {
+        const std::vector<TTime> times = TimesShowing(wall);
+        for (const TTime time : times) {
+            if (time >= now)
+                return time;
+        }
+        // Who asks for 02:30 in the night that has none does not mean the night after it.
+        if (times.empty() && wall > wallNow)
+            reader.Fail(start, cPutForward);
+    }
+}
+
+TTime ReadRelativeTime(CTextReader& reader, TTime now) {
+    reader.SkipBlanks();
+    const std::size_t start = reader.Offset();
+    if (reader.Next() == '-')
+        reader.Fail(start, "only a time to come can be given like this");
+    const TTime time = now + ReadDuration(reader, 1s, "");
+    if (time >= date::sys_days(date::year(10000) / 1 / 1))
+        reader.Fail(start, "that is after the year 9999");
+    return time;
+}
+
+TTime ReadSecondsSince1970(CTextReader& reader) {
+    const std::size_t start = reader.Offset();
+    std::string number(reader.TakeIf('-') ? "-" : "");
+    const std::string_view digits = reader.TakeDigits();
+    if (digits.empty())
+        reader.Fail(reader.Offset(), "give the seconds since the beginning of 1970 behind the @");
+    number += digits;
+    std::int64_t value = 0;
+    const auto result = std::from_chars(number.data(), number.data() + number.size(), value);
+    if (result.ec != std::errc())
+        reader.Fail(start, "that is beyond the range of times");
+    return TTime(seconds(value));
+}
+
+TTime ReadTimeInWords(CTextReader& reader, TTime now) {
+    const std::size_t start = reader.Offset();
+    const std::string word = reader.TakeWord();
+    if (word == "now")
+        return now;
+    if (word == "in")
+        return ReadRelativeTime(reader, now);
+    if (word == "today")
+        return ReadTimeOfNamedDay(reader, now, date::days(0));
+    if (word == "tomorrow")
+        return ReadTimeOfNamedDay(reader, now, date::days(1));
+    reader.Fail(start, cForms);
+}
+
+TTime ReadTime(CTextReader& reader, TTime now) {
+    if (reader.IsAtLetter())
+        return ReadTimeInWords(reader, now);
+    if (reader.TakeIf('+'))
+        return ReadRelativeTime(reader, now);
+    if (reader.TakeIf('@'))
+        return ReadSecondsSince1970(reader);
+    if (reader.IsAtDigit() && reader.NextBehindDigits() == '-')
+        return ReadDateAndTime(reader);
+    if (reader.IsAtDigit() && reader.NextBehindDigits() == ':')
+        return ReadNextTimeOfDay(reader, now);
+    reader.Fail(reader.Offset(), cForms);
+}
+
+// ---- Writing -------------------------------------------------------------------------------------
+
+// So many digits of the value at that place of the text, the last ones.
+void PutDigits(std::string& text, std::size_t place, std::size_t count, unsigned value) {
+    for (std::size_t left = count; left > 0; --left, value /= 10)
+        text[place + left - 1] = static_cast<char>('0' + value % 10);
+}
+
+// The day, the separator, the time of day and the ending; nothing for a year that has not four
+// digits.
+std::optional<std::string> Write(TWallTime wall, char separator, std::string_view ending) {
+    constexpr TWallTime cBegin = date::local_days(date::year(1) / 1 / 1);
+    constexpr TWallTime cEnd = date::local_days(date::year(10000) / 1 / 1);
+    if (wall < cBegin || wall >= cEnd)
+        return std::nullopt;
+    const date::local_days day = date::floor<date::days>(wall);
+    const date::year_month_day date(day);
+    const date::hh_mm_ss time(wall - day);
+    // Written digit by digit: a list has two of them for each task.
+    std::string text = "0000-00-00 00:00:00";
+    PutDigits(text, 0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+    PutDigits(text, 5, 2, static_cast<unsigned>(date.month()));
+    PutDigits(text, 8, 2, static_cast<unsigned>(date.day()));
+    text[10] = separator;
+    PutDigits(text, 11, 2, static_cast<unsigned>(time.hours().count()));
+    PutDigits(text, 14, 2, static_cast<unsigned>(time.minutes().count()));
+    PutDigits(text, 17, 2, static_cast<unsigned>(time.seconds().count()));
+    return text.append(ending);
+}
+
+std::string WriteSeconds(TTime time) {
+    return fmt::format("@{}", time.time_since_epoch().count());
+}
+
+}  // namespace
+
+TTime ParseTime(std::string_view text, TTime now) {
+    CTextReader reader("time", text);
+    reader.SkipBlanks();
+    const TTime time = ReadTime(reader, now);
+    reader.ExpectEnd();
+    return time;
+}
+
+std::string FormatTime(TTime time, EZone zone) {
+    const TWallTime wall =
+        zone == EZone::cLocal ? LocalWallTimeAt(time) : TWallTime(time.time_since_epoch());
+    return Write(wall, ' ', "").value_or(WriteSeconds(time));
+}
+
+std::string FormatIsoTime(TTime time) {
+    return Write(TWallTime(time.time_since_epoch()), 'T', "Z").value_or(WriteSeconds(time));
+}
+
+std::string FormatDistance(seconds distance) {
+    struct TUnit {
+        std::uint64_t seconds;
+        const char* name;
+    };
+    constexpr TUnit cUnits[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
+    if (distance == 0s)
+        return "now";
+    auto left = static_cast<std::uint64_t>(distance.count());
+    if (distance < 0s)
+        left = 0 - left;  // of the least value too
+    std::string text;
+    int written = 0;
+    for (const TUnit& unit : cUnits) {
+        const std::uint64_t count = left / unit.seconds;
+        left %= unit.seconds;
+        if (count > 0)
+            text.append(text.empty() ? "" : " ").append(std::to_string(count)).append(unit.name);
+        // The second unit is the one next to the first, which may be 0: 1h for 1h 0min 30s.
+        if (!text.empty() && ++written == 2)
+            break;
+    }
+    return distance < 0s ? text + " ago" : text;
+}
+
+}  // namespace vxsched

@@ -1,0 +1,100 @@
+#include "client/ChangeChecks.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <vxsched/Error.h>
+#include <vxsched/RunningPrograms.h>
+#include <vxsched/Validation.h>
+#include "store/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+std::string Quoted(const std::string& text) {
+    return '"' + text + '"';
+}
+
+bool IsDue(const TTaskEntry& task) {
+    return task.next <= Now() + cAboutToBeDue;
+}
+
+void CheckAccess() {
+    if (faccessat(AT_FDCWD, TableFile(".").c_str(), R_OK | W_OK, AT_EACCESS) == -1 &&
+        errno != ENOENT)
+        throw SystemError("cannot write the table", errno);
+}
+
+void CheckHarm(const TTable& table) {
+    for (const TProblem& problem : table.problems) {
+        if (problem.kind != TProblem::cUnusual)
+            throw CClientError(EError::cDamaged, problem.text + "; repair the table first");
+    }
+}
+
+void CheckName(const TTaskEntry* found, const TCall& call) {
+    if (found != nullptr && call.mustBeNew)
+        throw CClientError(EError::cRefused,
+                           "there is a task " + Quoted(call.task.name) +
+                               " already; replace or edit it, or choose another name");
+    if (found == nullptr && call.mustExist)
+        throw CClientError(EError::cNotFound, "there is no task " + Quoted(call.task.name) +
+                                                  "; names are compared byte for byte");
+}
+
+}  // namespace
+
+void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
+    if (call.function == TCall::cResume && task.period == 0 && IsDue(task) && !call.mayRemove)
+        throw CClientError(EError::cRefused,
+                           "task " + Quoted(task.name) +
+                               " runs once and its time has passed: a resume would remove it "
+                               "unrun; give it a new start first (or force \"past-start\")");
+    if (call.function == TCall::cSetPeriod && evenIfDue && !task.paused && IsDue(task))
+        throw CClientError(EError::cRefused,
+                           "task " + Quoted(task.name) +
+                               " is due itself: another period counted on from its grid would "
+                               "move it on unrun; edit its period instead, which leaves it due");
+    if (!call.mustNotRun)
+        return;
+    const std::vector<pid_t> running = FindRunning(StartedPath(task.program), task.parameter);
+    if (!running.empty())
+        throw CClientError(EError::cRefused, "task " + Quoted(task.name) +
+                                                 " is running already, as process " +
+                                                 std::to_string(running.front()) +
+                                                 "; wait for its end, or force a second one");
+}
+
+void CheckCalls(const TTable& table, const TRequest& request) {
+    CheckAccess();
+    CheckHarm(table);
+    for (const TCall& call : request.calls) {
+        const TTaskEntry* const task = table.Find(call.task.name);
+        CheckName(task, call);
+        if (task != nullptr)
+            CheckState(*task, call, request.evenIfDue);
+    }
+}
+
+const TTaskEntry* FindDue(const TTable& table, const TRequest& request) {
+    if (request.evenIfDue)
+        return nullptr;
+    const auto due = std::find_if(table.tasks.begin(), table.tasks.end(),
+                                  [](const auto& task) { return !task.paused && IsDue(task); });
+    return due == table.tasks.end() ? nullptr : &*due;
+}
+
+const TCall* FindChanged(const TTable& table, const TRequest& request) {
+    for (const TCall& call : request.calls) {
+        const TTaskEntry* const task = table.Find(call.task.name);
+        if (call.mustBeAsSeen && (task == nullptr || *task != call.seen))
+            return &call;
+    }
+    return nullptr;
+}
+
+}  // namespace vxsched

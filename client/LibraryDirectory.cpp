@@ -1,0 +1,18 @@
+#include "client/LibraryDirectory.h"
+
+#include <dlfcn.h>
+
+#include <filesystem>
+
+namespace vxsched {
+
+// The one that this library lies in.
+std::string LibraryFolder() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<const void*>(&LibraryFolder), &info) == 0)
+        return ".";
+    std::error_code error;
+    return std::filesystem::absolute(info.dli_fname, error).parent_path().string();
+}
+
+}  // namespace vxsched

@@ -1,9 +1,0 @@
-#pragma once
-
-#include "client/Table.h"
-
-// From when to when a host looked after tasks: what came due in between was its to start.
-struct TWatch {
-    vxsched::TTime since;
-    vxsched::TTime until;
-};

@@ -1,0 +1,66 @@
+#include "host/programs/CDueTasks.h"
+
+#include <fmt/format.h>
+
+#include <ctime>
+#include <exception>
+
+#include <vxsched/Validation.h>
+#include "host/CHostLog.h"
+#include "store/TableFile.h"
+
+// As a program sees a text.
+static std::string UpToZero(const std::string& text) {
+    return text.substr(0, text.find('\0'));
+}
+
+static bool IsStartOf(const vxsched::TTaskEntry& task, const std::string& program,
+                      const std::string& parameter) {
+    return UpToZero(vxsched::StartedPath(task.program)) == program &&
+           UpToZero(task.parameter) == parameter;
+}
+
+std::optional<CDueTasks::TTask> CDueTasks::Find(const std::string& program,
+                                                const std::string& parameter) {
+    try {
+        const std::string state = vxsched::TableState(".");
+        const vxsched::TTime now{std::chrono::seconds(std::time(nullptr))};
+        const vxsched::TTable table = vxsched::DecodeTable(vxsched::ReadTableBytes("."), now);
+        return Find(table.tasks, state, now, program, parameter);
+    } catch (
+        const std::exception& error) {  // no memory for it, for one: it is started all the same
+        LogWarning(fmt::format("cannot tell which task is started: {}", error.what()));
+        return std::nullopt;
+    }
+}
+
+std::optional<CDueTasks::TTask> CDueTasks::Find(const std::vector<vxsched::TTaskEntry>& tasks,
+                                                const std::string& state, vxsched::TTime now,
+                                                const std::string& program,
+                                                const std::string& parameter) {
+    if (state != current.state) {
+        before = std::move(current);
+        current = {.state = state, .tasks = tasks, .started = {}};
+    }
+    if (auto task = FindDue(current, now, program, parameter))
+        return task;
+    if (auto task = FindDue(before, now, program, parameter))
+        return task;
+    for (const vxsched::TTaskEntry& task : tasks) {
+        if (IsStartOf(task, program, parameter))
+            return TTask{.name = task.name, .due = std::nullopt};
+    }
+    return std::nullopt;
+}
+
+std::optional<CDueTasks::TTask> CDueTasks::FindDue(TTableSeen& table, vxsched::TTime now,
+                                                   const std::string& program,
+                                                   const std::string& parameter) {
+    for (std::size_t index = 0; index < table.tasks.size(); ++index) {
+        const vxsched::TTaskEntry& task = table.tasks[index];
+        if (IsStartOf(task, program, parameter) && !task.paused && task.next <= now &&
+            table.started.insert(index).second)
+            return TTask{.name = task.name, .due = task.next};
+    }
+    return std::nullopt;
+}

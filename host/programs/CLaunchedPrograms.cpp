@@ -1,0 +1,153 @@
+#include "host/programs/CLaunchedPrograms.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+#include "host/CHostLog.h"
+
+static std::string DescriptionOf(const TRunRecord& run) {
+    return fmt::format("{}: {} \"{}\"", run.task ? fmt::format("task \"{}\"", *run.task) : "a task",
+                       run.program.empty() ? "an empty path" : run.program, run.parameter);
+}
+
+static std::chrono::microseconds TimeOf(const timeval& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+}
+
+static double Seconds(std::chrono::microseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+CStartedPrograms& CStartedPrograms::Instance() {
+    static CStartedPrograms instance;
+    return instance;
+}
+
+CStartedPrograms::CStartedPrograms() : wakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeDescriptor == -1)
+        throw std::system_error(errno, std::generic_category(), "cannot make an event descriptor");
+}
+
+void CStartedPrograms::RecordIn(CRunHistory* runHistory) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    history = runHistory;
+}
+
+void CStartedPrograms::Started(const TRunRecord& run) {
+    LogInfo(fmt::format("started process {} for {}", run.process, DescriptionOf(run)));
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++starts;
+    programs[run.process] = {.run = run, .start = std::chrono::steady_clock::now()};
+}
+
+void CStartedPrograms::NotStarted(const TRunRecord& run) {
+    LogError(fmt::format("cannot start {}: {}, for {}",
+                         run.program.empty() ? "an empty path" : run.program, run.error,
+                         DescriptionOf(run)));
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++starts;
+    Record(run);
+}
+
+void CStartedPrograms::Asked(pid_t process, pid_t result, int status, const rusage& usage) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto found = programs.find(process);
+    if (found == programs.end())
+        return;
+    if (result == process) {
+        Ended(found->second, status, usage);
+        programs.erase(found);
+    } else {
+        found->second.asked = true;
+    }
+    // The signal of its end may have come, and been consumed, while it still had to be left alone.
+    static_cast<void>(eventfd_write(wakeDescriptor, 1));
+}
+
+void CStartedPrograms::CollectFinished() {
+    eventfd_t ignored = 0;
+    static_cast<void>(eventfd_read(wakeDescriptor, &ignored));
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (auto next = programs.begin(); next != programs.end();) {
+        const auto current = next++;
+        TProgram& program = current->second;
+        if (!program.asked)
+            continue;
+        // Through wait4, since waitpid is this program's own and reports here.
+        int status = 0;
+        rusage usage{};
+        const pid_t result = wait4(current->first, &status, WNOHANG, &usage);
+        if (result == 0)
+            continue;
+        if (result == current->first) {
+            Ended(program, status, usage);
+        } else {
+            LogWarning(fmt::format("process {} is gone, how it ended is not known, {}",
+                                   current->first, DescriptionOf(program.run)));
+            program.run.outcome = TRunRecord::cUnknown;
+            program.run.ended = Now();
+            Record(program.run);
+        }
+        programs.erase(current);
+    }
+}
+
+void CStartedPrograms::Leave() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (auto& [process, program] : programs) {
+        LogNotice(
+            fmt::format("leaving process {} running, {}", process, DescriptionOf(program.run)));
+        program.run.outcome = TRunRecord::cLeftRunning;
+        Record(program.run);
+    }
+    if (!programs.empty())
+        LogNotice(fmt::format("leaving {} started program(s) running", programs.size()));
+    programs.clear();
+}
+
+std::size_t CStartedPrograms::Count() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return programs.size();
+}
+
+std::size_t CStartedPrograms::CountStarts() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return starts;
+}
+
+void CStartedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.start;
+    TRunRecord& run = program.run;
+    run.ended = Now();
+    run.outcome = WIFSIGNALED(status) ? TRunRecord::cKilled : TRunRecord::cExited;
+    run.number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+    run.usage = {.user = TimeOf(usage.ru_utime),
+                 .system = TimeOf(usage.ru_stime),
+                 .peakMemory = usage.ru_maxrss};
+    const char* const signal = sigabbrev_np(run.number);
+    const std::string how = run.outcome == TRunRecord::cKilled
+                                ? fmt::format("was killed by signal {} ({})", run.number,
+                                              signal != nullptr ? signal : "real-time")
+                                : fmt::format("exited with status {}", run.number);
+    const std::string text = fmt::format(
+        "process {} {} after {:.1f} s (user {:.3f} s, system {:.3f} s, peak memory {} KiB), {}",
+        run.process, how, time.count(), Seconds(run.usage.user), Seconds(run.usage.system),
+        run.usage.peakMemory, DescriptionOf(run));
+    if (run.outcome == TRunRecord::cExited && run.number == 0)
+        LogInfo(text);
+    else
+        LogWarning(text);
+    Record(run);
+}
+
+void CStartedPrograms::Record(const TRunRecord& run) {
+    if (history != nullptr)
+        history->Add(run);
+}

@@ -1,0 +1,93 @@
+#include "host/programs/CProgramOutput.h"
+
+#include <VXC_CRC32.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/OpenToAppend.h"
+#include "base/RotatedFile.h"
+#include "host/CHostError.h"
+#include "host/CHostLog.h"
+#include "host/SystemdLibrary.h"
+
+static constexpr char cInherit[] = "inherit";
+static constexpr char cJournal[] = "journal";
+// Of a task whose name could not be told; no task's name becomes this.
+static constexpr char cUnknown[] = "%unknown";
+// With ".log.1" behind it, less than what a file system takes.
+static constexpr std::size_t cLongestName = 200;
+
+static CDescriptor OpenJournal(const std::string& identifier) {
+    auto* const openStream = FindInSystemd<decltype(sd_journal_stream_fd)>("sd_journal_stream_fd");
+    const int descriptor =
+        openStream == nullptr ? -ENOSYS : openStream(identifier.c_str(), LOG_INFO, 1);
+    if (descriptor < 0)
+        LogWarning(
+            fmt::format("cannot reach the journal: {}; the program writes where the host "
+                        "does. Choose another --output.",
+                        std::strerror(-descriptor)));
+    return CDescriptor(descriptor);
+}
+
+static bool MayStand(char character, bool isFirst) {
+    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+           (character >= '0' && character <= '9') || character == '-' || character == '_' ||
+           (character == '.' && !isFirst);
+}
+
+std::string FileNameOf(const std::string& task) {
+    if (task.empty())
+        return "%";
+    std::string name;
+    for (const char character : task) {
+        if (MayStand(character, name.empty()))
+            name += character;
+        else
+            name += fmt::format("%{:02X}", static_cast<unsigned char>(character));
+    }
+    if (name.size() > cLongestName)
+        name = fmt::format("{}%{:08X}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
+    return name;
+}
+
+CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostBytes)
+    : where(wanted), limit(mostBytes) {
+    if (where == cJournal)
+        static_cast<void>(OpenJournal("vxschedd"));
+    if (where == cInherit || where == cJournal)
+        return;
+    if (mkdir(where.c_str(), 0750) == -1 && errno != EEXIST)
+        throw CHostError(cNoDirectory, fmt::format("cannot create {}: {}. Name another directory "
+                                                   "with --output.",
+                                                   where, std::strerror(errno)));
+    if (faccessat(AT_FDCWD, (where + "/.").c_str(), W_OK | X_OK, AT_EACCESS) == -1)
+        throw CHostError(cNoDirectory, fmt::format("cannot write files in {}: {}. Name another "
+                                                   "directory with --output.",
+                                                   where, std::strerror(errno)));
+}
+
+CDescriptor CProgramOutput::Open(const std::optional<std::string>& task) const {
+    if (where == cInherit)
+        return CDescriptor();
+    const std::string name = task ? FileNameOf(*task) : cUnknown;
+    return where == cJournal ? OpenJournal(name) : OpenFile(name);
+}
+
+CDescriptor CProgramOutput::OpenFile(const std::string& name) const {
+    const std::string path = fmt::format("{}/{}.log", where, name);
+    if (!RotateBeyond(path, limit))
+        LogWarning(fmt::format("cannot move {} away: {}; it grows beyond its size", path,
+                               std::strerror(errno)));
+    std::string whyNot;
+    CDescriptor file = OpenToAppend(path, 0, 0640, EAppendable::cFileOrDevice, whyNot);
+    if (!file.IsOpen())
+        LogWarning(fmt::format("cannot open {}: {}; the program writes where the host does", path,
+                               whyNot));
+    return file;
+}

@@ -1,0 +1,87 @@
+#include "host/recovery/CSnapshots.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include <vxsched/Error.h>
+#include "base/CDescriptor.h"
+#include "store/TableFile.h"
+#include "store/TimestampedFiles.h"
+
+namespace fs = std::filesystem;
+
+static constexpr std::string_view cBeginning = "scheduler.dat.";
+
+static std::system_error Failure(const char* what, const fs::path& path) {
+    return {errno, std::generic_category(), fmt::format("cannot {} {}", what, path.string())};
+}
+
+static void Write(const fs::path& path, const std::string& bytes) {
+    const CDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!file.IsOpen())
+        throw Failure("create", path);
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t count = write(file.Get(), bytes.data() + done, bytes.size() - done);
+        if (count == -1 && errno != EINTR)
+            throw Failure("write", path);
+        done += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    if (fsync(file.Get()) == -1)
+        throw Failure("bring to the disk", path);
+}
+
+CSnapshots::CSnapshots(std::size_t most) : limit(most) {}
+
+fs::path CSnapshots::Folder() {
+    return "files/snapshots";
+}
+
+// A host that is started again and again would push the older ones out with the same table. The copy
+// is as young as that table, which counts beside the copy from before the last change.
+static bool IsYoungest(const std::string& bytes) {
+    const std::vector<vxsched::TKeptFile> kept =
+        vxsched::FindKept(CSnapshots::Folder(), cBeginning);
+    try {
+        if (kept.empty() || vxsched::ReadBytes(kept.back().path) != bytes)
+            return false;
+    } catch (const vxsched::CClientError&) {
+        return false;
+    }
+    return utimensat(AT_FDCWD, kept.back().path.c_str(), nullptr, 0) == 0;
+}
+
+void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
+    if (limit == 0 || bytes == last || (last && *bytes == *last))
+        return;
+    if (!last && IsYoungest(*bytes)) {
+        last = bytes;
+        return;
+    }
+    if (mkdir(Folder().c_str(), 0700) == -1 && errno != EEXIST)
+        throw Failure("create", Folder());
+    const vxsched::TKeptName name =
+        vxsched::NextName(vxsched::FindKept(Folder(), cBeginning), vxsched::Now());
+    const fs::path path =
+        Folder() / fmt::format("{}{:012}-{:06}", cBeginning, name.time, name.number);
+    const fs::path temporary = Folder() / "new";
+    try {
+        Write(temporary, *bytes);
+    } catch (const std::system_error&) {
+        unlink(temporary.c_str());
+        throw;
+    }
+    if (rename(temporary.c_str(), path.c_str()) == -1)
+        throw Failure("name", path);
+    const CDescriptor folder(open(Folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.IsOpen() || fsync(folder.Get()) == -1)
+        throw Failure("bring to the disk", Folder());
+    last = bytes;
+    vxsched::RemoveOldest(Folder(), cBeginning, limit);
+}

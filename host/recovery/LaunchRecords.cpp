@@ -1,0 +1,142 @@
+#include "host/recovery/LaunchRecords.h"
+
+#include <VXC_CRC32.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <system_error>
+
+#include <vxsched/Error.h>
+#include "host/CHostLog.h"
+#include "store/Grid.h"
+
+namespace fs = std::filesystem;
+
+using vxsched::TTaskEntry;
+using vxsched::TTime;
+
+static constexpr char cFolder[] = "files/started";
+static constexpr std::size_t cLongestName = 200;
+
+std::string MarkName(const std::string& task) {
+    std::string name;
+    for (const char byte : task) {
+        const auto value = static_cast<unsigned char>(byte);
+        const bool isPlain = (value >= '0' && value <= '9') || (value >= 'a' && value <= 'z') ||
+                             (value >= 'A' && value <= 'Z');
+        name += isPlain ? std::string(1, byte) : fmt::format("%{:02x}", value);
+    }
+    if (name.size() > cLongestName)
+        name = fmt::format("{}%{:08x}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
+    return name;
+}
+
+bool TStartMark::IsOf(const std::string& name, TTime time) const {
+    return due == time && task == MarkName(name);
+}
+
+bool MakeMarkFolder() {
+    if (mkdir(cFolder, 0755) == 0 || errno == EEXIST)
+        return true;
+    LogWarning(
+        fmt::format("cannot create {}: {}. After a kill in the middle of a tick, tasks may be "
+                    "started twice.",
+                    cFolder, std::strerror(errno)));
+    return false;
+}
+
+static std::string PathOf(const std::string& name, TTime due) {
+    return fmt::format("{}/{}@{}", cFolder, name, due.time_since_epoch().count());
+}
+
+std::string MarkPath(const std::string& task, TTime due) {
+    return PathOf(MarkName(task), due);
+}
+
+static std::optional<TStartMark> ReadMark(const fs::path& path) {
+    const std::string name = path.filename().string();
+    const std::size_t at = name.rfind('@');
+    std::int64_t due = 0;
+    struct stat status {};
+    if (at == std::string::npos || stat(path.c_str(), &status) != 0 ||
+        std::from_chars(name.data() + at + 1, name.data() + name.size(), due).ec != std::errc())
+        return std::nullopt;
+    return TStartMark{.task = name.substr(0, at),
+                      .due = TTime(std::chrono::seconds(due)),
+                      .started = TTime(std::chrono::seconds(status.st_mtime))};
+}
+
+// What this process has started; the worker adds, the guard reads and removes.
+static std::mutex gMutex;
+static std::vector<TStartMark> gStarts;
+
+void RememberStart(const TStartMark& mark) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gStarts.push_back(mark);
+}
+
+std::vector<TStartMark> ReadMarks() {
+    std::unique_lock<std::mutex> lock(gMutex);
+    std::vector<TStartMark> marks = gStarts;
+    lock.unlock();
+    std::error_code error;
+    for (fs::directory_iterator entry(cFolder, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        if (const auto mark = ReadMark(entry->path()))
+            marks.push_back(*mark);
+    }
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw vxsched::SystemError(fmt::format("cannot read {}", cFolder), error.value());
+    return marks;
+}
+
+void RemoveMark(const TStartMark& mark) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    std::erase_if(gStarts, [&](const TStartMark& one) {
+        return one.task == mark.task && one.due == mark.due;
+    });
+    unlink(PathOf(mark.task, mark.due).c_str());
+}
+
+std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,
+                       std::vector<TTaskEntry>& tasks) {
+    std::size_t changed = 0;
+    for (const TStartMark& mark : marks) {
+        const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
+            return mark.IsOf(each.name, each.next);
+        });
+        const auto step =
+            task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);
+        if (task == tasks.end() || (task->period != 0 && step.count() == 0))
+            continue;
+        ++changed;
+        if (task->period == 0) {
+            tasks.erase(task);
+            continue;
+        }
+        task->last = std::max(task->last, mark.started);
+        task->next = vxsched::NextOnGrid(task->next, step,
+                                         std::max(now, task->next + std::chrono::seconds(1)));
+    }
+    return changed;
+}
+
+std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
+                                  const std::vector<TTaskEntry>& tasks) {
+    std::vector<TStartMark> shown;
+    std::copy_if(marks.begin(), marks.end(), std::back_inserter(shown),
+                 [&](const TStartMark& mark) {
+                     return std::none_of(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
+                         return mark.IsOf(task.name, task.next);
+                     });
+                 });
+    return shown;
+}

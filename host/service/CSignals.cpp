@@ -1,0 +1,30 @@
+#include "host/service/CSignals.h"
+
+#include <sys/signalfd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+CSignals::CSignals() {
+    for (int number = 1; number < NSIG; ++number)
+        std::signal(number, SIG_DFL);
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD})
+        sigaddset(&wanted, number);
+    sigset_t blocked = wanted;
+    for (const int number : {SIGPIPE, SIGXFSZ})
+        sigaddset(&blocked, number);
+    sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    descriptor = CDescriptor(signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!descriptor.IsOpen())
+        throw std::system_error(errno, std::generic_category(), "cannot make a signal descriptor");
+}
+
+std::optional<int> CSignals::Next() {
+    signalfd_siginfo signal{};
+    if (read(descriptor.Get(), &signal, sizeof signal) != sizeof signal)
+        return std::nullopt;
+    return static_cast<int>(signal.ssi_signo);
+}

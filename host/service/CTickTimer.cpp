@@ -1,0 +1,37 @@
+#include "host/service/CTickTimer.h"
+
+#include <sys/timerfd.h>
+
+#include <atomic>
+
+static std::atomic<const CTickTimer*> gTimer{nullptr};
+static thread_local bool gIsHostThread = false;
+
+CTickTimer::CTickTimer(std::chrono::milliseconds longest)
+    : limit(longest), timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+    Push();
+    gTimer = this;
+}
+
+CTickTimer::~CTickTimer() {
+    gTimer = nullptr;
+}
+
+// Setting a timer takes back that it has run out.
+void CTickTimer::Push() const {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
+    itimerspec setting{};
+    setting.it_value = {.tv_sec = seconds.count(),
+                        .tv_nsec = std::chrono::nanoseconds(limit - seconds).count()};
+    timerfd_settime(timer.Get(), 0, &setting, nullptr);
+}
+
+void TellTick() {
+    const CTickTimer* const timer = gIsHostThread ? nullptr : gTimer.load();
+    if (timer != nullptr)
+        timer->Push();
+}
+
+void TellHostThread() {
+    gIsHostThread = true;
+}

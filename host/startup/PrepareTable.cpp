@@ -1,0 +1,59 @@
+#include "host/startup/PrepareTable.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <vxsched/Validation.h>
+#include "store/Grid.h"
+
+using vxsched::TTaskEntry;
+using vxsched::TTime;
+
+// A client may put a task into the table whose time has just come, or has passed.
+static constexpr std::chrono::minutes cPastStart(10);
+
+static bool IsLate(const TTaskEntry& task, const std::optional<TWatch>& former) {
+    // What ended the former host in its start would end this one, and the next.
+    return former && !vxsched::AbortsItsStart(task.program) &&
+           task.next >= former->since - cPastStart && task.next <= former->until;
+}
+
+static TRunRecord MissedRun(const TTaskEntry& task) {
+    TRunRecord record;
+    record.outcome = task.period == 0 ? TRunRecord::cRemovedUnrun : TRunRecord::cMovedOn;
+    record.task = task.name;
+    record.due = task.next;
+    record.program = task.program;
+    record.parameter = task.parameter;
+    return record;
+}
+
+TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMark>& marks,
+                       const std::optional<TWatch>& former, TTime now) {
+    ApplyMarks(marks, now, tasks);
+    TPrepared prepared;
+    for (TTaskEntry& task : tasks) {
+        if (task.paused || task.next >= now) {
+            prepared.tasks.push_back(std::move(task));
+            continue;
+        }
+        if (IsLate(task, former)) {
+            prepared.late.push_back(task);
+            prepared.tasks.push_back(std::move(task));
+            continue;
+        }
+        prepared.missed.push_back(MissedRun(task));
+        if (task.period == 0)
+            continue;
+        task.next = vxsched::NextOnGrid(task.next, vxsched::StepOf(task.period), now);
+        prepared.tasks.push_back(std::move(task));
+    }
+    return prepared;
+}
+
+TTime BeginningOfWatch(const TPrepared& prepared, TTime now) {
+    TTime beginning = now;
+    for (const TTaskEntry& task : prepared.late)
+        beginning = std::min(beginning, task.next);
+    return beginning;
+}

@@ -1,0 +1,49 @@
+#include "runs/CRunHistory.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "base/CDescriptor.h"
+#include "base/OpenToAppend.h"
+#include "base/RotatedFile.h"
+#include "host/CHostLog.h"
+
+static constexpr char cHistoryFile[] = "files/history.jsonl";
+
+// Why it could not be done; empty when it was.
+static std::string Append(const std::string& line) {
+    std::string whyNot;
+    const CDescriptor file =
+        OpenToAppend(cHistoryFile, O_NOFOLLOW, 0644, EAppendable::cFile, whyNot);
+    if (!file.IsOpen())
+        return whyNot;
+    struct stat before {};
+    if (fstat(file.Get(), &before) != 0)
+        return std::strerror(errno);
+    const ssize_t count = write(file.Get(), line.data(), line.size());
+    if (count == static_cast<ssize_t>(line.size()))
+        return "";
+    const int error = count == -1 ? errno : ENOSPC;
+    if (count > 0 && ftruncate(file.Get(), before.st_size) != 0)
+        return std::strerror(errno);
+    return std::strerror(error);
+}
+
+void CRunHistory::Add(const TRunRecord& record) {
+    if (limit == 0)
+        return;
+    const std::string line = JsonLine(record);
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!RotateBeyond(cHistoryFile, limit, line.size()))
+        LogWarning(fmt::format("cannot move {} away: {}; it grows beyond its size", cHistoryFile,
+                               std::strerror(errno)));
+    if (const std::string whyNot = Append(line); !whyNot.empty())
+        LogWarning(
+            fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));
+}

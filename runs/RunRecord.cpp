@@ -1,0 +1,130 @@
+#include "runs/RunRecord.h"
+
+#include <algorithm>
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+using TJson = nlohmann::ordered_json;
+
+static constexpr int cVersion = 1;
+
+// Each outcome, and what becomes of the task where that is told as well.
+struct TOutcomeNames {
+    TRunRecord::EOutcome outcome;
+    const char* name;
+    const char* task;
+};
+static constexpr TOutcomeNames cOutcomes[] = {
+    {TRunRecord::cExited, "exited", nullptr},
+    {TRunRecord::cKilled, "killed", nullptr},
+    {TRunRecord::cUnknown, "unknown", nullptr},
+    {TRunRecord::cLeftRunning, "left running", nullptr},
+    {TRunRecord::cNotStarted, "not started", nullptr},
+    {TRunRecord::cMovedOn, "missed", "moved on"},
+    {TRunRecord::cRemovedUnrun, "missed", "removed unrun"},
+};
+
+static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
+    return *std::find_if(std::begin(cOutcomes), std::end(cOutcomes),
+                         [&](const TOutcomeNames& one) { return one.outcome == outcome; });
+}
+
+static TJson TimeOrNull(const std::string& time) {
+    return time.empty() ? TJson(nullptr) : TJson(time);
+}
+
+static double Seconds(std::chrono::microseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+static std::chrono::microseconds Microseconds(double seconds) {
+    return std::chrono::microseconds(std::llround(seconds * 1e6));
+}
+
+TJson JsonOf(const TRunRecord& record) {
+    const TOutcomeNames& names = NamesOf(record.outcome);
+    TJson json;
+    json["version"] = cVersion;
+    json["outcome"] = names.name;
+    json["name"] = record.task ? TJson(*record.task) : TJson(nullptr);
+    json["due"] = record.due ? TimeOrNull(UtcTime(*record.due)) : TJson(nullptr);
+    if (names.task != nullptr)
+        json["task"] = names.task;
+    json["program"] = record.program;
+    json["parameter"] = record.parameter;
+    if (record.started)
+        json["started"] = UtcTime(*record.started);
+    if (record.ended)
+        json["ended"] = UtcTime(*record.ended);
+    if (record.outcome == TRunRecord::cExited)
+        json["status"] = record.number;
+    if (record.outcome == TRunRecord::cKilled)
+        json["signal"] = record.number;
+    if (record.outcome == TRunRecord::cNotStarted)
+        json["error"] = record.error;
+    if (record.outcome == TRunRecord::cExited || record.outcome == TRunRecord::cKilled) {
+        json["user"] = Seconds(record.usage.user);
+        json["system"] = Seconds(record.usage.system);
+        json["peakMemory"] = record.usage.peakMemory;
+    }
+    if (record.process != 0)
+        json["process"] = record.process;
+    return json;
+}
+
+std::string JsonLine(const TRunRecord& record) {
+    return JsonOf(record).dump(-1, ' ', false, TJson::error_handler_t::replace) + '\n';
+}
+
+std::string RecordedText(const std::string& text) {
+    return TJson::parse(TJson(text).dump(-1, ' ', false, TJson::error_handler_t::replace))
+        .get<std::string>();
+}
+
+// ---- Reading: what is missing or of another kind throws a TJson::exception ----
+
+static TRunRecord::EOutcome ReadOutcome(const TJson& json) {
+    const std::string name = json.at("outcome");
+    const std::string task = json.value("task", "");
+    for (const TOutcomeNames& one : cOutcomes) {
+        if (name == one.name && task == (one.task == nullptr ? "" : one.task))
+            return one.outcome;
+    }
+    return TRunRecord::cUnknown;
+}
+
+static std::optional<TMoment> ReadTime(const TJson& json, const char* field) {
+    const auto found = json.find(field);
+    return found == json.end() || found->is_null() ? std::nullopt
+                                                   : ReadUtcTime(found->get<std::string>());
+}
+
+static TRunRecord ReadRecord(const TJson& json) {
+    TRunRecord record;
+    record.outcome = ReadOutcome(json);
+    if (!json.at("name").is_null())
+        record.task = json.at("name").get<std::string>();
+    if (const std::optional<TMoment> due = ReadTime(json, "due"))
+        record.due = std::chrono::floor<std::chrono::seconds>(*due);
+    record.program = json.at("program");
+    record.parameter = json.at("parameter");
+    record.process = json.value("process", 0);
+    record.started = ReadTime(json, "started");
+    record.ended = ReadTime(json, "ended");
+    record.number = json.value("status", json.value("signal", 0));
+    record.usage = {.user = Microseconds(json.value("user", 0.0)),
+                    .system = Microseconds(json.value("system", 0.0)),
+                    .peakMemory = json.value("peakMemory", 0L)};
+    record.error = json.value("error", "");
+    return record;
+}
+
+std::optional<TRunRecord> ReadJsonLine(std::string_view line) {
+    try {
+        const TJson json = TJson::parse(line);
+        if (json.at("version") == cVersion)
+            return ReadRecord(json);
+    } catch (const TJson::exception&) {  // it is none of ours
+    }
+    return {};
+}

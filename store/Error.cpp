@@ -1,0 +1,16 @@
+#include <vxsched/Error.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace vxsched {
+
+CClientError SystemError(const std::string& what, int error) {
+    const bool isAboutRights = error == EACCES || error == EPERM || error == EROFS;
+    return {
+        isAboutRights ? EError::cNoAccess : EError::cFailed,
+        what + ": " + std::strerror(error) +
+            (isAboutRights ? "; run as the user, or in the group, of the scheduling process" : "")};
+}
+
+}  // namespace vxsched

@@ -1,0 +1,102 @@
+#include "store/ProgramLinks.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <system_error>
+
+#include <vxsched/Error.h>
+#include <vxsched/Validation.h>
+
+namespace vxsched {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path FolderOf(const fs::path& directory) {
+    return fs::weakly_canonical(fs::absolute(directory)) / "files" / "programs";
+}
+
+// The program's own name with dots replaced, so that there is no extension, and a number behind it,
+// so that nothing is cut off its end.
+std::string LinkName(const fs::path& program, int number) {
+    constexpr std::size_t cLongest = 200;  // so that the number still fits into a file's name
+    std::string name = program.filename().string().substr(0, cLongest);
+    std::replace(name.begin(), name.end(), '.', '-');
+    return name + '-' + std::to_string(number);
+}
+
+bool IsLinkTo(const fs::path& link, const std::string& program) {
+    std::error_code error;
+    return fs::read_symlink(link, error).string() == program && !error;
+}
+
+bool StartLeavesAlone(const std::string& program) {
+    const bool hasExtension = fs::path(program).filename().string().find('.') != std::string::npos;
+    return !hasExtension && StartedPath(program) == program;
+}
+
+}  // namespace
+
+std::string MakeSchedulable(const fs::path& directory, const std::string& program) {
+    if (StartLeavesAlone(program))
+        return program;
+    const fs::path folder = FolderOf(directory);
+    std::error_code error;
+    fs::create_directories(folder, error);
+    for (int number = 1; !error; ++number) {
+        const fs::path link = folder / LinkName(program, number);
+        if (IsLinkTo(link, program))
+            return link.string();
+        fs::create_symlink(program, link, error);
+        if (!error)
+            return link.string();
+        if (error == std::errc::file_exists)
+            error.clear();
+    }
+    throw SystemError("cannot make a link to " + program + " in " + folder.string(), error.value());
+}
+
+void MakeLink(const std::string& path, const std::string& program) {
+    std::error_code ignored;
+    fs::create_directories(fs::path(path).parent_path(), ignored);
+    if (symlink(program.c_str(), path.c_str()) == -1 && !IsLinkTo(path, program))
+        throw SystemError("cannot make the link " + path + " to " + program, errno);
+}
+
+bool IsLinkPath(const fs::path& directory, const std::string& program) {
+    if (program.find("programs/") == std::string::npos)
+        return false;
+    // The directory may be named in several ways.
+    std::error_code ignored;
+    const fs::path folder = fs::path(program).parent_path();
+    return folder.filename() == "programs" &&
+           fs::weakly_canonical(folder, ignored) == FolderOf(directory);
+}
+
+std::string RealProgram(const fs::path& directory, const std::string& program) {
+    if (!IsLinkPath(directory, program))
+        return program;
+    std::error_code error;
+    const fs::path target = fs::read_symlink(program, error);
+    return error ? program : target.string();
+}
+
+void RemoveUnusedLinks(const fs::path& directory, const TTable& table) {
+    std::set<std::string> used;
+    for (const TTaskEntry& task : table.tasks) {
+        if (IsLinkPath(directory, task.program))
+            used.insert(fs::path(StartedPath(task.program)).filename().string());
+    }
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(FolderOf(directory), ignored)) {
+        const std::string name = StartedPath(entry.path().filename().string());
+        if (!used.contains(name) && entry.is_symlink(ignored))
+            fs::remove(entry.path(), ignored);
+    }
+}
+
+}  // namespace vxsched

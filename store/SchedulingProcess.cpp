@@ -1,0 +1,134 @@
+#include <vxsched/SchedulingProcess.h>
+
+#include <CEvent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+#include <vxsched/Error.h>
+
+namespace vxsched {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char cLibrary[] = "libVantrixScheduler.so";
+constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
+
+fs::path FolderOf(pid_t process) {
+    return fs::path("/proc") / std::to_string(process);
+}
+
+std::optional<pid_t> ProcessOf(const std::string& text) {
+    pid_t process = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(process)
+                                                                    : std::nullopt;
+}
+
+bool IsSameFolder(const fs::path& path, const struct stat& wanted) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
+           status.st_ino == wanted.st_ino;
+}
+
+bool MayLookInto(pid_t process) {
+    struct stat status {};
+    return stat((FolderOf(process) / "cwd").c_str(), &status) == 0;
+}
+
+// The holder of a lock on the file. Trying the lock would tell as well, but keep out a host that
+// starts at that moment.
+std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directory) {
+    struct stat status {};
+    if (stat(file.c_str(), &status) != 0)
+        return {};
+    const std::string inode = ':' + std::to_string(status.st_ino);
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        std::istringstream words(line);
+        std::string number, kind, strength, access, process, which;
+        words >> number >> kind >> strength >> access >> process >> which;
+        // Files of several file systems may have this number, so where it can be seen the process
+        // has to work in the directory as well.
+        const std::optional<pid_t> holder = ProcessOf(process);
+        if (kind == "FLOCK" && which.ends_with(inode) && holder &&
+            (IsSameFolder(FolderOf(*holder) / "cwd", directory) || !MayLookInto(*holder)))
+            return holder;
+    }
+    return {};
+}
+
+bool MapsTheLibrary(pid_t process) {
+    std::ifstream maps(FolderOf(process) / "maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.ends_with(cLibrary))
+            return true;
+    }
+    return false;
+}
+
+bool HasSeveralThreads(pid_t process) {
+    std::error_code ignored;
+    const fs::directory_iterator threads(FolderOf(process) / "task", ignored);
+    return std::distance(begin(threads), end(threads)) > 1;
+}
+
+std::optional<pid_t> FindHostIn(const struct stat& directory) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
+        const std::optional<pid_t> process = ProcessOf(entry.path().filename().string());
+        if (process && IsSameFolder(entry.path() / "cwd", directory) && MapsTheLibrary(*process) &&
+            HasSeveralThreads(*process))
+            return process;
+    }
+    return {};
+}
+
+bool SharesTheStore(pid_t process) {
+    struct stat own {};
+    struct stat others {};
+    // Where one may not look, the usual holds.
+    return stat("/proc/self/ns/ipc", &own) != 0 ||
+           stat((FolderOf(process) / "ns/ipc").c_str(), &others) != 0 ||
+           own.st_ino == others.st_ino;
+}
+
+void Signal(const char* name, bool manualReset) {
+    try {
+        CEvent(name, manualReset).SetEvent();
+    } catch (const std::system_error& error) {
+        throw SystemError(std::string("cannot signal the event \"") + name + '"',
+                          error.code().value());
+    }
+}
+
+}  // namespace
+
+std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& directory) {
+    struct stat status {};
+    if (stat(directory.c_str(), &status) != 0)
+        return {};
+    std::optional<pid_t> process = LockHolder(directory / "files" / "vxschedd.lock", status);
+    if (!process)
+        process = FindHostIn(status);
+    if (!process)
+        return {};
+    return TSchedulingProcess{*process, SharesTheStore(*process)};
+}
+
+void WakeSchedulingProcess() {
+    Signal(cLibrary, false);
+}
+
+void AnnounceChange() {
+    Signal(cTaskChanged, true);
+}
+
+}  // namespace vxsched

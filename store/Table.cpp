@@ -1,0 +1,144 @@
+#include <vxsched/Table.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <unordered_set>
+
+#include <vxsched/Error.h>
+#include "store/CDecoder.h"
+#include "store/CStoreMutexLock.h"
+#include "store/Grid.h"
+#include "store/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+// What a load would make of a past start.
+void FindHarm(const TTaskEntry& task, TTime now, std::size_t offset,
+              std::vector<TProblem>& problems) {
+    if (task.period == 0 || task.next >= now)
+        return;
+    if (StepOf(task.period) == std::chrono::seconds(0))
+        problems.push_back({TProblem::cEndless, offset,
+                            "task \"" + task.name + "\" has a period of " +
+                                std::to_string(task.period) +
+                                " hours, a step of zero, and a start in the past: a process that "
+                                "loads the library would hang"});
+    else if (IsTooFarBack(task.next, task.period, now))
+        problems.push_back({TProblem::cSlow, offset,
+                            "the start of task \"" + task.name +
+                                "\" lies too far back: a process that loads the library would "
+                                "catch up for more than a second"});
+}
+
+}  // namespace
+
+bool TTable::IsSafeToLoad() const {
+    return std::none_of(problems.begin(), problems.end(),
+                        [](const TProblem& problem) { return problem.kind != TProblem::cUnusual; });
+}
+
+TTable DecodeTable(std::string_view bytes, TTime now) {
+    TTable table;
+    CDecoder decoder(bytes);
+    const auto count = decoder.Take<std::uint64_t>("the number of tasks");
+    if (count > decoder.Left() / cSmallestTask)
+        CDecoder::Damaged(0, "it is said to have " + std::to_string(count) + " tasks, " +
+                                 std::to_string(decoder.Left()) + " bytes are left for them");
+    // The names are views into the tasks, which must not move.
+    table.tasks.reserve(count);
+    std::unordered_set<std::string_view> names;
+    names.reserve(count);
+    for (std::uint64_t number = 1; number <= count; ++number) {
+        const std::size_t start = decoder.Offset();
+        std::uint32_t flag = 0;
+        const TTaskEntry& task = table.tasks.emplace_back(decoder.TakeTask(number, flag));
+        const std::size_t flagOffset = decoder.Offset() - sizeof flag;
+        if (flag > 1)
+            table.problems.push_back({TProblem::cUnusual, flagOffset,
+                                      "the pause flag" + CDecoder::Of(number) + " is " +
+                                          std::to_string(flag) + ", which counts as paused"});
+        if (task.name.find('\0') != std::string::npos)
+            table.problems.push_back(
+                {TProblem::cUnusual, start,
+                 "the name" + CDecoder::Of(number) + " holds a zero byte: no call finds it"});
+        if (!names.insert(task.name).second)
+            table.problems.push_back({TProblem::cUnusual, start,
+                                      "the name" + CDecoder::Of(number) + ", \"" + task.name +
+                                          "\", is there already: calls find the first"});
+        FindHarm(task, now, start, table.problems);
+    }
+    if (decoder.Left() > 0)
+        table.problems.push_back({TProblem::cUnusual, decoder.Offset(),
+                                  std::to_string(decoder.Left()) +
+                                      " bytes behind the last task: the next write drops them"});
+    return table;
+}
+
+namespace {
+
+template <typename Value>
+void Put(std::string& bytes, const Value& value) {
+    char raw[sizeof value];
+    std::memcpy(raw, &value, sizeof value);
+    bytes.append(raw, sizeof raw);
+}
+
+void PutText(std::string& bytes, const std::string& text) {
+    Put(bytes, static_cast<std::uint32_t>(text.size()));
+    bytes += text;
+}
+
+}  // namespace
+
+std::string EncodeTable(const std::vector<TTaskEntry>& tasks) {
+    std::string bytes;
+    Put(bytes, std::uint64_t{tasks.size()});
+    for (const TTaskEntry& task : tasks) {
+        PutText(bytes, task.name);
+        Put(bytes, std::int64_t{task.next.time_since_epoch().count()});
+        Put(bytes, std::int64_t{task.last.time_since_epoch().count()});
+        Put(bytes, task.period);
+        PutText(bytes, task.program);
+        PutText(bytes, task.parameter);
+        Put(bytes, std::uint32_t{task.paused});
+    }
+    return bytes;
+}
+
+TTime Now() {
+    return TTime(std::chrono::seconds(std::time(nullptr)));
+}
+
+std::string ReadTableBytes(const std::filesystem::path& directory) {
+    const std::filesystem::path file = TableFile(directory);
+    // Whoever opens a pipe waits for its writer, for ever and with the store mutex.
+    std::error_code ignored;
+    if (std::filesystem::is_other(file, ignored))
+        throw CClientError(EError::cFailed, "cannot read " + file.string() +
+                                                ": it is no file; move it out of the way");
+    return ReadBytes(file);
+}
+
+TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(directory, error))
+        throw CClientError(EError::cFailed,
+                           "there is no directory " + directory.string() + "; name the host's");
+    std::string bytes;
+    {
+        const CStoreLock lock(patience);
+        bytes = ReadTableBytes(directory);
+    }
+    return DecodeTable(bytes, Now());
+}
+
+const TTaskEntry* TTable::Find(std::string_view name) const {
+    const auto found = std::find_if(tasks.begin(), tasks.end(),
+                                    [&](const TTaskEntry& task) { return task.name == name; });
+    return found == tasks.end() ? nullptr : &*found;
+}
+
+}  // namespace vxsched

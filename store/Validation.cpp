@@ -1,0 +1,172 @@
+#include <vxsched/Validation.h>
+
+#include <VXC_File.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+
+#include "store/Grid.h"
+
+namespace vxsched {
+
+namespace {
+
+class CObjections {
+public:
+    void Refuse(TObjection::EKind kind, const std::string& text) {
+        found.push_back({kind, false, text});
+    }
+    void Warn(TObjection::EKind kind, const std::string& text) {
+        found.push_back({kind, true, text});
+    }
+    std::vector<TObjection> WorstFirst() {
+        std::stable_partition(found.begin(), found.end(),
+                              [](const TObjection& objection) { return !objection.canBeForced; });
+        return std::move(found);
+    }
+
+private:
+    std::vector<TObjection> found;
+};
+
+std::string Quoted(const std::string& text) {
+    return '"' + text + '"';
+}
+
+std::string ExtensionOf(const std::string& program) {
+    char extension[VXC_File::cExtensionCapacity] = "";
+    VXC_File::VXC_StripPathUrl(program.c_str(), nullptr, nullptr, extension);
+    return extension;
+}
+
+void FindMissing(const std::string& path, CObjections& objections) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        objections.Warn(TObjection::cMissingProgram,
+                        "there is no program " + Quoted(path) +
+                            ": each start would fail and count as made; create it first");
+    else if (!S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
+        objections.Warn(TObjection::cNotExecutable,
+                        Quoted(path) +
+                            " is not a file that may be executed: each start would fail "
+                            "and count as made; chmod +x it, or name another");
+}
+
+// What a start makes of the name, and whether that is the program that is meant.
+bool IsStartedAsNamed(const std::string& program, CObjections& objections) {
+    const std::string extension = ExtensionOf(program);
+    if (AbortsItsStart(program)) {
+        objections.Refuse(
+            TObjection::cAbortingExtension,
+            "the extension " + Quoted(extension) + " of " + Quoted(program) +
+                " would abort the scheduling process when the task is due; schedule a "
+                "link to it whose name has no dot");
+        return false;
+    }
+    const std::string named =
+        extension.empty() ? program : program.substr(0, program.size() - extension.size());
+    const std::string started = StartedPath(program);
+    if (started != named) {
+        objections.Refuse(
+            TObjection::cAlteredPath,
+            "a start of " + Quoted(program) + " would start " + Quoted(started) +
+                ": every '.', 'e' and 'x' at the end is cut off; schedule a link to it "
+                "whose name ends otherwise");
+        return false;
+    }
+    return true;
+}
+
+void LookAtProgram(const std::string& program, EProgram how, CObjections& objections) {
+    if (program.empty()) {
+        objections.Refuse(TObjection::cNoProgram, "no program is named; give its absolute path");
+        return;
+    }
+    if (how == EProgram::cAsNamed && !IsStartedAsNamed(program, objections))
+        return;
+    const std::string started = how == EProgram::cAsNamed ? StartedPath(program) : program;
+    if (started.size() >= PATH_MAX) {
+        objections.Refuse(TObjection::cPathTooLong, "the program's path has " +
+                                                        std::to_string(started.size()) +
+                                                        " bytes, the system opens none beyond " +
+                                                        std::to_string(PATH_MAX - 1));
+        return;
+    }
+    if (started.front() != '/')
+        objections.Warn(TObjection::cRelativePath,
+                        Quoted(program) +
+                            " would be looked up in the directory of the scheduling process; give "
+                            "an absolute path");
+    FindMissing(started, objections);
+}
+
+void LookAtPeriod(const TTaskEntry& task, TTime now, CObjections& objections) {
+    const std::uint32_t step = task.period * 3600U;
+    if (task.period != 0 && step == 0)
+        objections.Refuse(
+            TObjection::cEndlessPeriod,
+            "a period of " + std::to_string(task.period) +
+                " hours is a step of zero: the first late start would hang the store; "
+                "the longest period is " +
+                std::to_string(cLongestPeriod) + " hours");
+    else if (IsTooFarBack(task.next, task.period, now))
+        objections.Refuse(TObjection::cTooFarBack,
+                          "the start lies so far back that a process which loads the library would "
+                          "catch up for more than a second; give one nearer to the present");
+    else if (task.period > cLongestPeriod)
+        objections.Warn(TObjection::cWrappedPeriod, "a period of " + std::to_string(task.period) +
+                                                        " hours would be a step of " +
+                                                        std::to_string(step) +
+                                                        " seconds; the longest period is " +
+                                                        std::to_string(cLongestPeriod) + " hours");
+    if (task.period == 0 && task.next < now)
+        objections.Warn(
+            TObjection::cPastStart,
+            "the start of a task that runs once lies in the past: a new one would run at "
+            "once, one that exists would be removed unrun; give a start in the future");
+}
+
+}  // namespace
+
+std::string_view TObjection::Name() const {
+    static constexpr std::array<std::string_view, 13> names = {
+        "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
+        "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
+        "too-far-back",   "wrapped-period",  "past-start"};
+    return names.at(static_cast<std::size_t>(kind));
+}
+
+bool TObjection::IsAboutTheProgram() const {
+    return kind >= cNoProgram && kind <= cAbortingExtension;
+}
+
+std::string StartedPath(std::string_view program) {
+    return std::string(program.substr(0, program.find_last_not_of(".exe") + 1));
+}
+
+bool AbortsItsStart(const std::string& program) {
+    const std::string extension = ExtensionOf(program);
+    return !extension.empty() && extension != ".exe";
+}
+
+std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now, EProgram how) {
+    CObjections objections;
+    if (task.name.empty())
+        objections.Refuse(TObjection::cEmptyName, "the task has no name; give it one");
+    for (const std::string* const text : {&task.name, &task.program, &task.parameter}) {
+        if (text->find('\0') != std::string::npos)
+            objections.Refuse(TObjection::cZeroByte,
+                              "a text holds a zero byte, where it would be cut off: " +
+                                  Quoted(text->substr(0, text->find('\0'))));
+    }
+    LookAtProgram(task.program.substr(0, task.program.find('\0')), how, objections);
+    LookAtPeriod(task, now, objections);
+    return objections.WorstFirst();
+}
+
+}  // namespace vxsched

@@ -1,0 +1,768 @@
+// Times and periods of the command line: what is read as what in which zone, what is refused with
+// which words at which place, and that what is written is read back.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include "cli/time/CTextError.h"
+#include "cli/time/PeriodText.h"
+#include "cli/time/TimeText.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using namespace std::chrono_literals;
+using namespace vxsched;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+// The local zone while it exists.
+class CZone {
+public:
+    explicit CZone(const char* name) { Set(name); }
+    ~CZone() { Set(before ? before->c_str() : nullptr); }
+    CZone(const CZone&) = delete;
+    CZone& operator=(const CZone&) = delete;
+
+private:
+    static std::optional<std::string> Current() {
+        const char* const value = std::getenv("TZ");
+        return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+    }
+
+    static void Set(const char* name) {
+        if (name != nullptr)
+            setenv("TZ", name, 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+
+    std::optional<std::string> before = Current();
+};
+
+TTime At(std::int64_t seconds) {
+    return TTime(std::chrono::seconds(seconds));
+}
+
+// A time in UTC, written as 2026-11-21T13:30:00Z, read apart from the code under test.
+TTime Utc(const std::string& text) {
+    struct tm fields {};
+    const char* const end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &fields);
+    EXPECT_TRUE(end != nullptr && *end == '\0') << text;
+    return At(timegm(&fields));
+}
+
+// A Saturday noon in UTC, winter in Berlin (13:00) and New York (07:00).
+const char cNow[] = "2026-11-21T12:00:00Z";
+
+struct TAccepted {
+    const char* zone;
+    const char* text;
+    const char* now;
+    const char* time;
+};
+
+void PrintTo(const TAccepted& test, std::ostream* stream) {
+    *stream << test.zone << ": " << test.text << " at " << test.now;
+}
+
+class AcceptedTime : public testing::TestWithParam<TAccepted> {};
+
+struct TRefused {
+    const char* text;
+    std::size_t offset;
+    const char* reason;
+};
+
+void PrintTo(const TRefused& test, std::ostream* stream) {
+    *stream << '"' << test.text << '"';
+}
+
+class RefusedTime : public testing::TestWithParam<TRefused> {};
+class RefusedPeriod : public testing::TestWithParam<TRefused> {};
+
+// The error that the call throws; none, and a failure, if it throws nothing.
+template <typename Call>
+std::optional<CTextError> ErrorOf(const Call& call) {
+    try {
+        call();
+    } catch (const CTextError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return std::nullopt;
+}
+
+// What the whole message must be for a text of ASCII characters.
+std::string Message(const std::string& kind, const TRefused& test) {
+    return "cannot read the " + kind + " \"" + test.text + "\": " + test.reason + "\n    " +
+           test.text + "\n    " + std::string(test.offset, ' ') + '^';
+}
+
+}  // namespace
+
+// ---- Times that are read -------------------------------------------------------------------------
+
+TEST_P(AcceptedTime, IsThis) {
+    const CZone zone(GetParam().zone);
+    EXPECT_EQ(FormatIsoTime(ParseTime(GetParam().text, Utc(GetParam().now))), GetParam().time);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Date, AcceptedTime,
+    testing::Values(
+        TAccepted{"Europe/Berlin", "2026-11-21", cNow, "2026-11-20T23:00:00Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21 14:30", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"Europe/Berlin", "2026-07-21 14:30", cNow, "2026-07-21T12:30:00Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21T14:30", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21t14:30:15", cNow, "2026-11-21T13:30:15Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21 14:30:15", cNow, "2026-11-21T13:30:15Z"},
+        TAccepted{"Europe/Berlin", "  2026-11-21   14:30  ", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-21 14:30", cNow, "2026-11-21T19:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-21", cNow, "2026-11-21T05:00:00Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-11-21 14:30", cNow, "2026-11-21T03:30:00Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-07-21 14:30", cNow, "2026-07-21T04:00:00Z"},
+        TAccepted{"Asia/Kathmandu", "2026-11-21 14:30", cNow, "2026-11-21T08:45:00Z"},
+        TAccepted{"UTC", "2026-11-21 14:30", cNow, "2026-11-21T14:30:00Z"},
+        // Year ends and leap days.
+        TAccepted{"Europe/Berlin", "2027-01-01", cNow, "2026-12-31T23:00:00Z"},
+        TAccepted{"Asia/Kathmandu", "2027-01-01 00:00:00", cNow, "2026-12-31T18:15:00Z"},
+        TAccepted{"America/New_York", "2026-12-31 23:59:59", cNow, "2027-01-01T04:59:59Z"},
+        TAccepted{"UTC", "2028-02-29 00:00", cNow, "2028-02-29T00:00:00Z"},
+        TAccepted{"UTC", "2000-02-29 00:00", cNow, "2000-02-29T00:00:00Z"},
+        TAccepted{"UTC", "0001-01-01", cNow, "0001-01-01T00:00:00Z"},
+        TAccepted{"UTC", "9999-12-31 23:59:59", cNow, "9999-12-31T23:59:59Z"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Zone, AcceptedTime,
+    testing::Values(
+        TAccepted{"Europe/Berlin", "2026-11-21 14:30Z", cNow, "2026-11-21T14:30:00Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21T14:30:15Z", cNow, "2026-11-21T14:30:15Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21T14:30:15z", cNow, "2026-11-21T14:30:15Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21 14:30+01:00", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-21 14:30+0100", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-21 14:30+01", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-21 14:30:15 +01", cNow, "2026-11-21T13:30:15Z"},
+        TAccepted{"America/New_York", "2026-11-21 14:30-05:30", cNow, "2026-11-21T20:00:00Z"},
+        TAccepted{"UTC", "2026-11-21 14:30-0530", cNow, "2026-11-21T20:00:00Z"},
+        TAccepted{"UTC", "2026-11-21 14:30+05:45", cNow, "2026-11-21T08:45:00Z"},
+        TAccepted{"UTC", "2026-11-21 14:30+14:00", cNow, "2026-11-21T00:30:00Z"},
+        TAccepted{"UTC", "2026-11-21 14:30-14", cNow, "2026-11-22T04:30:00Z"},
+        TAccepted{"UTC", "2026-12-31 23:30-01", cNow, "2027-01-01T00:30:00Z"},
+        // Where the local clock is put forward over it, another zone's is not.
+        TAccepted{"Europe/Berlin", "2026-03-29 02:30Z", cNow, "2026-03-29T02:30:00Z"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    TimeOfDay, AcceptedTime,
+    testing::Values(
+        TAccepted{"Europe/Berlin", "14:30", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"Europe/Berlin", "14:30:15", cNow, "2026-11-21T13:30:15Z"},
+        TAccepted{"Europe/Berlin", "13:00", cNow, "2026-11-21T12:00:00Z"},
+        TAccepted{"Europe/Berlin", "12:59:59", cNow, "2026-11-22T11:59:59Z"},
+        TAccepted{"Europe/Berlin", "00:00", cNow, "2026-11-21T23:00:00Z"},
+        TAccepted{"America/New_York", "14:30", cNow, "2026-11-21T19:30:00Z"},
+        TAccepted{"Asia/Kathmandu", "14:30", cNow, "2026-11-22T08:45:00Z"},
+        TAccepted{"UTC", "11:00", "2026-12-31T12:00:00Z", "2027-01-01T11:00:00Z"},
+        TAccepted{"UTC", "11:00", "2028-02-28T12:00:00Z", "2028-02-29T11:00:00Z"},
+        // The local day is another one than that in UTC.
+        TAccepted{"Europe/Berlin", "00:15", "2026-11-20T23:10:00Z", "2026-11-20T23:15:00Z"},
+        TAccepted{"Europe/Berlin", "today 14:30", cNow, "2026-11-21T13:30:00Z"},
+        TAccepted{"Europe/Berlin", "today 02:00", cNow, "2026-11-21T01:00:00Z"},
+        TAccepted{"Europe/Berlin", "Today  02:00:07", cNow, "2026-11-21T01:00:07Z"},
+        TAccepted{"Europe/Berlin", "tomorrow 02:00", cNow, "2026-11-22T01:00:00Z"},
+        TAccepted{"Europe/Berlin", "TOMORROW 23:59:59", cNow, "2026-11-22T22:59:59Z"},
+        TAccepted{"Asia/Kathmandu", "today 01:00", "2026-11-21T19:00:00Z", "2026-11-21T19:15:00Z"},
+        TAccepted{"America/New_York", "today 01:00", "2026-11-21T03:00:00Z",
+                  "2026-11-20T06:00:00Z"},
+        TAccepted{"UTC", "tomorrow 02:00", "2026-12-31T12:00:00Z", "2027-01-01T02:00:00Z"},
+        TAccepted{"UTC", "tomorrow 02:00", "2028-02-28T12:00:00Z", "2028-02-29T02:00:00Z"},
+        TAccepted{"UTC", "tomorrow 02:00", "2027-02-28T12:00:00Z", "2027-03-01T02:00:00Z"},
+        // Tomorrow is the next day of the calendar, 23 or 25 hours away in these nights.
+        TAccepted{"Europe/Berlin", "tomorrow 12:00", "2026-03-28T11:00:00Z",
+                  "2026-03-29T10:00:00Z"},
+        TAccepted{"Europe/Berlin", "tomorrow 12:00", "2026-10-24T10:00:00Z",
+                  "2026-10-25T11:00:00Z"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    FromNow, AcceptedTime,
+    testing::Values(TAccepted{"Europe/Berlin", "now", cNow, cNow},
+                    TAccepted{"Europe/Berlin", " Now ", cNow, cNow},
+                    TAccepted{"Europe/Berlin", "in 3h", cNow, "2026-11-21T15:00:00Z"},
+                    TAccepted{"Europe/Berlin", "in3h", cNow, "2026-11-21T15:00:00Z"},
+                    TAccepted{"Europe/Berlin", "IN 3 Hours", cNow, "2026-11-21T15:00:00Z"},
+                    TAccepted{"Europe/Berlin", "+90m", cNow, "2026-11-21T13:30:00Z"},
+                    TAccepted{"Europe/Berlin", "+ 90 min", cNow, "2026-11-21T13:30:00Z"},
+                    TAccepted{"Europe/Berlin", "+1d12h", cNow, "2026-11-23T00:00:00Z"},
+                    TAccepted{"Europe/Berlin", "in 2 weeks", cNow, "2026-12-05T12:00:00Z"},
+                    TAccepted{"Europe/Berlin", "in 1 week 2 days 3 hours 4 minutes 5 seconds", cNow,
+                              "2026-11-30T15:04:05Z"},
+                    TAccepted{"Europe/Berlin", "+1w2d3h4m5s", cNow, "2026-11-30T15:04:05Z"},
+                    TAccepted{"UTC", "in 1 second", cNow, "2026-11-21T12:00:01Z"},
+                    TAccepted{"UTC", "in 45 secs", cNow, "2026-11-21T12:00:45Z"},
+                    TAccepted{"UTC", "in 1 sec", cNow, "2026-11-21T12:00:01Z"},
+                    TAccepted{"UTC", "in 1 minute", cNow, "2026-11-21T12:01:00Z"},
+                    TAccepted{"UTC", "in 5 mins", cNow, "2026-11-21T12:05:00Z"},
+                    TAccepted{"UTC", "in 1 hour", cNow, "2026-11-21T13:00:00Z"},
+                    TAccepted{"UTC", "in 1 hr", cNow, "2026-11-21T13:00:00Z"},
+                    TAccepted{"UTC", "in 2 hrs", cNow, "2026-11-21T14:00:00Z"},
+                    TAccepted{"UTC", "in 1 day", cNow, "2026-11-22T12:00:00Z"},
+                    TAccepted{"UTC", "in 0s", cNow, cNow},
+                    // Across a change of the clock a day stays 24 hours.
+                    TAccepted{"Europe/Berlin", "+1d", "2026-03-28T11:00:00Z",
+                              "2026-03-29T11:00:00Z"},
+                    TAccepted{"UTC", "+1d", "2028-02-28T12:00:00Z", "2028-02-29T12:00:00Z"},
+                    TAccepted{"UTC", "+1s", "9999-12-31T23:59:58Z", "9999-12-31T23:59:59Z"},
+                    TAccepted{"Europe/Berlin", "@0", cNow, "1970-01-01T00:00:00Z"},
+                    TAccepted{"Europe/Berlin", "@1795267800", cNow, "2026-11-21T13:30:00Z"},
+                    TAccepted{"Europe/Berlin", "@-1", cNow, "1969-12-31T23:59:59Z"}));
+
+// A clock that is put back shows an hour twice, in Lord Howe half an hour.
+INSTANTIATE_TEST_SUITE_P(
+    ClockPutBack, AcceptedTime,
+    testing::Values(
+        TAccepted{"Europe/Berlin", "2026-10-25 01:59:59", cNow, "2026-10-24T23:59:59Z"},
+        TAccepted{"Europe/Berlin", "2026-10-25 02:00", cNow, "2026-10-25T00:00:00Z"},
+        TAccepted{"Europe/Berlin", "2026-10-25 02:59:59", cNow, "2026-10-25T00:59:59Z"},
+        TAccepted{"Europe/Berlin", "2026-10-25 03:00", cNow, "2026-10-25T02:00:00Z"},
+        TAccepted{"Europe/Berlin", "2026-10-25 02:30+01:00", cNow, "2026-10-25T01:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-01 01:30", cNow, "2026-11-01T05:30:00Z"},
+        TAccepted{"America/New_York", "2026-11-01 02:00", cNow, "2026-11-01T07:00:00Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-04-05 01:29:59", cNow, "2026-04-04T14:29:59Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-04-05 01:30", cNow, "2026-04-04T14:30:00Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-04-05 02:00", cNow, "2026-04-04T15:30:00Z"},
+        // A time of day alone: the first, the second once the first is over, then the next day.
+        TAccepted{"Europe/Berlin", "02:30", "2026-10-25T00:30:00Z", "2026-10-25T00:30:00Z"},
+        TAccepted{"Europe/Berlin", "02:30", "2026-10-25T00:30:01Z", "2026-10-25T01:30:00Z"},
+        TAccepted{"Europe/Berlin", "02:30", "2026-10-25T01:30:01Z", "2026-10-26T01:30:00Z"},
+        TAccepted{"Europe/Berlin", "today 02:30", "2026-10-25T01:30:01Z", "2026-10-25T00:30:00Z"},
+        // In 2006 St. John's put its clock back from a minute after midnight to the day before.
+        TAccepted{"America/St_Johns", "23:30", "2006-10-29T02:30:30Z", "2006-10-29T03:00:00Z"}));
+
+// Around the hour over which a clock is put forward, in Lord Howe half an hour.
+INSTANTIATE_TEST_SUITE_P(
+    ClockPutForward, AcceptedTime,
+    testing::Values(
+        TAccepted{"Europe/Berlin", "2026-03-29 01:59:59", cNow, "2026-03-29T00:59:59Z"},
+        TAccepted{"Europe/Berlin", "2026-03-29 03:00", cNow, "2026-03-29T01:00:00Z"},
+        TAccepted{"America/New_York", "2026-03-08 01:59:59", cNow, "2026-03-08T06:59:59Z"},
+        TAccepted{"America/New_York", "2026-03-08 03:00", cNow, "2026-03-08T07:00:00Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-10-04 01:59:59", cNow, "2026-10-03T15:29:59Z"},
+        TAccepted{"Australia/Lord_Howe", "2026-10-04 02:30", cNow, "2026-10-03T15:30:00Z"},
+        // In the afternoon after it the next 02:30 is tomorrow's, as always.
+        TAccepted{"Europe/Berlin", "02:30", "2026-03-29T12:00:00Z", "2026-03-30T00:30:00Z"},
+        // The rules of a zone go on beyond those that are listed for single years.
+        TAccepted{"Europe/Berlin", "2126-07-01 14:30", cNow, "2126-07-01T12:30:00Z"}));
+
+TEST(ParseTime, LocalTimeThatTheClockIsPutForwardOverIsRefused) {
+    struct TTest {
+        const char* zone;
+        const char* text;
+        const char* now;
+        std::size_t offset;
+    };
+    const TTest tests[] = {
+        {"Europe/Berlin", "2026-03-29 02:00", cNow, 11},
+        {"Europe/Berlin", "2026-03-29T02:59:59", cNow, 11},
+        {"America/New_York", "2026-03-08 02:30", cNow, 11},
+        {"Australia/Lord_Howe", "2026-10-04 02:00", cNow, 11},
+        {"Australia/Lord_Howe", "2026-10-04 02:29:59", cNow, 11},
+        {"Europe/Berlin", "tomorrow 02:30", "2026-03-28T12:00:00Z", 9},
+        {"Europe/Berlin", "today 02:30", "2026-03-29T12:00:00Z", 6},
+        {"Europe/Berlin", "02:30", "2026-03-28T12:00:00Z", 0},
+        {"Europe/Berlin", "02:30", "2026-03-29T00:59:59Z", 0},
+        // Lebanon's clocks go forward at midnight; Samoa left out a whole day.
+        {"Asia/Beirut", "2022-03-27", cNow, 0},
+        {"Pacific/Apia", "2011-12-30 12:00", cNow, 11},
+    };
+    for (const TTest& test : tests) {
+        SCOPED_TRACE(std::string(test.zone) + ": " + test.text);
+        const CZone zone(test.zone);
+        const auto error = ErrorOf([&] { ParseTime(test.text, Utc(test.now)); });
+        if (!error)
+            continue;
+        EXPECT_EQ(error->Offset(), test.offset);
+        EXPECT_THAT(error->what(),
+                    HasSubstr("there is no such local time: the clock is put forward over it"));
+    }
+}
+
+// ---- Times that are refused ----------------------------------------------------------------------
+
+TEST_P(RefusedTime, SaysWhyAndMarksThePlace) {
+    const CZone zone("Europe/Berlin");
+    const auto error = ErrorOf([] { ParseTime(GetParam().text, Utc(cNow)); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->Offset(), GetParam().offset);
+    EXPECT_EQ(error->what(), Message("time", GetParam()));
+}
+
+static const char cForms[] = "say 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
+static const char cZoneForms[] = "a zone is written as Z, +01:00, +0100 or +01";
+static const char cTooFar[] = "no zone is that far from UTC: from -14:00 to +14:00 is accepted";
+
+INSTANTIATE_TEST_SUITE_P(
+    Date, RefusedTime,
+    testing::Values(TRefused{"2026-02-30 14:30", 0, "there is no such day"},
+                    TRefused{"2026-02-29", 0, "there is no such day"},
+                    TRefused{"2100-02-29", 0, "there is no such day"},
+                    TRefused{"2026-04-31", 0, "there is no such day"},
+                    TRefused{"2026-12-32", 0, "there is no such day"},
+                    TRefused{"2026-11-00", 0, "there is no such day"},
+                    TRefused{"2026-00-21", 5, "the month must be from 01 to 12"},
+                    TRefused{"2026-13-21", 5, "the month must be from 01 to 12"},
+                    TRefused{"26-11-21", 0, "the year must have four digits"},
+                    TRefused{"12026-11-21", 0, "the year must have four digits"},
+                    TRefused{"0000-11-21", 0, "the year must be from 0001 to 9999"},
+                    TRefused{"2026-1-21", 5, "the month must have two digits"},
+                    TRefused{"2026-", 5, "the month must have two digits"},
+                    TRefused{"2026-11-1", 8, "the day must have two digits"},
+                    TRefused{"2026-11-211", 8, "the day must have two digits"},
+                    TRefused{"2026-11-x", 8, "the day must have two digits"},
+                    TRefused{"2026-11", 7, "a date is written as 2026-11-21"},
+                    TRefused{"2026-11/21", 7, "a date is written as 2026-11-21"},
+                    TRefused{"2026-11-21 noon", 11, "the time ends before this"},
+                    TRefused{"2026-11-21, 14:30", 10, "the time ends before this"},
+                    TRefused{"2026/11/21", 0, cForms}, TRefused{"20261121", 0, cForms},
+                    TRefused{"21.11.2026", 0, cForms}));
+
+INSTANTIATE_TEST_SUITE_P(
+    TimeOfDay, RefusedTime,
+    testing::Values(TRefused{"2026-11-21 24:00", 11, "the hour must be from 00 to 23"},
+                    TRefused{"2026-11-21 14:60", 14, "the minute must be from 00 to 59"},
+                    TRefused{"2026-11-21 14:30:60", 17, "the second must be from 00 to 59"},
+                    TRefused{"2026-11-21T", 11, "give a time of day, 14:30"},
+                    TRefused{"2026-11-21T 14:30", 11, "give a time of day, 14:30"},
+                    TRefused{"2026-11-21 14", 13, "a time of day is written as 14:30"},
+                    TRefused{"2026-11-21 1430", 11, "the hour must have two digits"},
+                    TRefused{"2026-11-21 14:30 15", 17, "the time ends before this"},
+                    TRefused{"2026-11-21 14:30:15.5", 19, "the time ends before this"},
+                    TRefused{"24:00", 0, "the hour must be from 00 to 23"},
+                    TRefused{"  24:00", 2, "the hour must be from 00 to 23"},
+                    TRefused{"14:60", 3, "the minute must be from 00 to 59"},
+                    TRefused{"9:30", 0, "the hour must have two digits"},
+                    TRefused{"14:3", 3, "the minute must have two digits"},
+                    TRefused{"14:", 3, "the minute must have two digits"},
+                    TRefused{"14:30:", 6, "the second must have two digits"},
+                    TRefused{"14:30:15:00", 8, "the time ends before this"},
+                    TRefused{"14:30 tomorrow", 6, "the time ends before this"},
+                    TRefused{"14:30pm", 5, "the time ends before this"},
+                    TRefused{"today", 5, "give a time of day, 14:30"},
+                    TRefused{"tomorrow", 8, "give a time of day, 14:30"},
+                    TRefused{"tomorrow ", 9, "give a time of day, 14:30"},
+                    TRefused{"tomorrow noon", 9, "give a time of day, 14:30"},
+                    TRefused{"tomorrow 25:00", 9, "the hour must be from 00 to 23"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Zone, RefusedTime,
+    testing::Values(TRefused{"2026-11-21Z", 10, "give a time of day before the zone"},
+                    TRefused{"2026-11-21 +01:00", 11, "give a time of day before the zone"},
+                    TRefused{"2026-11-21-05:00", 10, "give a time of day before the zone"},
+                    TRefused{"2026-11-21 14:30+", 17, cZoneForms},
+                    TRefused{"2026-11-21 14:30+1", 17, cZoneForms},
+                    TRefused{"2026-11-21 14:30+100", 17, cZoneForms},
+                    TRefused{"2026-11-21 14:30+01:", 20, cZoneForms},
+                    TRefused{"2026-11-21 14:30+01:0", 20, cZoneForms},
+                    TRefused{"2026-11-21 14:30+01:60", 17, cTooFar},
+                    TRefused{"2026-11-21 14:30+14:01", 17, cTooFar},
+                    TRefused{"2026-11-21 14:30-1500", 17, cTooFar},
+                    TRefused{"2026-11-21 14:30+01:000", 20, cZoneForms},
+                    TRefused{"2026-11-21 14:30+0100:00", 21, "the time ends before this"},
+                    TRefused{"2026-11-21 14:30ZZ", 17, "the time ends before this"},
+                    TRefused{"2026-11-21 14:30 CET", 17, "the time ends before this"},
+                    TRefused{"14:30Z", 5, "a zone can be given together with a date only"},
+                    TRefused{"14:30 +01:00", 6, "a zone can be given together with a date only"},
+                    TRefused{"today 14:30Z", 11, "the time ends before this"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    FromNow, RefusedTime,
+    testing::Values(
+        TRefused{"", 0, cForms}, TRefused{"   ", 3, cForms}, TRefused{"soon", 0, cForms},
+        TRefused{"yesterday 14:30", 0, cForms}, TRefused{"nowhere", 0, cForms},
+        TRefused{"inn 3h", 0, cForms}, TRefused{"3h", 0, cForms}, TRefused{"6", 0, cForms},
+        TRefused{"-90m", 0, cForms}, TRefused{"now 14:30", 4, "the time ends before this"},
+        TRefused{"now+3h", 3, "the time ends before this"},
+        TRefused{"in -3h", 3, "only a time to come can be given like this"},
+        TRefused{"+-3h", 1, "only a time to come can be given like this"},
+        TRefused{"in", 2, "there must be a number with a unit here, 6h"},
+        TRefused{"+", 1, "there must be a number with a unit here, 6h"},
+        TRefused{"in an hour", 3, "there must be a number with a unit here, 6h"},
+        TRefused{"in 3", 4, "add the unit, 3h"}, TRefused{"+90", 3, "add the unit, 90h"},
+        TRefused{"+1d12", 5, "add the unit, 12h"}, TRefused{"+01:00", 3, "add the unit, 01h"},
+        TRefused{"in 1.5h", 4, "only whole numbers can be read: take a smaller unit as well"},
+        TRefused{"in 1,5h", 4, "only whole numbers can be read: take a smaller unit as well"},
+        TRefused{"in 2 months", 5, "there is no unit \"months\": take h, d or w"},
+        TRefused{"in 3 h d", 7, "the time ends before this"},
+        TRefused{"in 3ho", 4, "there is no unit \"ho\": take h, d or w"},
+        TRefused{"in 3h 2d", 6, "the units go from the largest to the smallest, each once"},
+        TRefused{"in 3h 2h", 6, "the units go from the largest to the smallest, each once"},
+        TRefused{"in 3h and 2min", 6, "the time ends before this"},
+        TRefused{"in 9999999999999 s", 3, "that is after the year 9999"},
+        TRefused{"+99999999999999999999w", 1, "that is after the year 9999"},
+        TRefused{"+99999999999999999999w99999999999999999999d99999999999999999999h", 1,
+                 "that is after the year 9999"},
+        // 2^57 weeks are a multiple of 2^64 seconds.
+        TRefused{"+144115188075855872w", 1, "that is after the year 9999"},
+        TRefused{"@", 1, "give the seconds since the beginning of 1970 behind the @"},
+        TRefused{"@-", 2, "give the seconds since the beginning of 1970 behind the @"},
+        TRefused{"@ 5", 1, "give the seconds since the beginning of 1970 behind the @"},
+        TRefused{"@5s", 2, "the time ends before this"},
+        TRefused{"@9223372036854775808", 1, "that is beyond the range of times"},
+        TRefused{"@-9223372036854775809", 1, "that is beyond the range of times"}));
+
+TEST(ParseTime, LastSecondOfTheYear9999IsTheLastThatCanBeReachedFromNow) {
+    EXPECT_EQ(ParseTime("+1s", Utc("9999-12-31T23:59:58Z")), Utc("9999-12-31T23:59:59Z"));
+    EXPECT_THROW(ParseTime("+2s", Utc("9999-12-31T23:59:58Z")), CTextError);
+}
+
+TEST(TextError, MultiByteCharactersInFrontDoNotShiftTheCaret) {
+    const std::string text = "\xc3\xa4\xe2\x82\xac\xf0\x9f\x95\x92 x";  // of 2, 3 and 4 bytes
+    EXPECT_STREQ(
+        CTextError("time", text, 10, "no").what(),
+        ("cannot read the time \"" + text + "\": no\n    " + text + "\n        ^").c_str());
+    EXPECT_EQ(CTextError("time", text, 10, "no").Offset(), 10U);
+}
+
+TEST(TextError, WhatIsNoTextIsShownAsReplacementCharacters) {
+    const std::string replacement = "\xef\xbf\xbd";
+    const std::string none[] = {
+        "\n",
+        "\x1b",
+        "\x7f",
+        std::string(1, '\0'),
+        "\x80",              // a following byte alone
+        "\xc3",              // cut off
+        "\xc0\xaf",          // a longer way to write a slash
+        "\xe0\x80\xaf",      // one longer still
+        "\xf0\x82\x82\xac",  // and one of the euro sign
+        "\xc2\x9b",          // a control sequence's beginning, in one character
+        "\xed\xa0\x80",      // a surrogate
+        "\xf4\x90\x80\x80",  // beyond the last character
+        "\xf8\x90\x80\x80",  // with a first byte that there is not
+        "\xff",
+    };
+    for (const std::string& bytes : none) {
+        std::string shown;
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            shown += replacement;
+        EXPECT_STREQ(CTextError("time", bytes + "x", bytes.size(), "no").what(),
+                     ("cannot read the time \"" + shown + "x\": no\n    " + shown + "x\n    " +
+                      std::string(bytes.size(), ' ') + '^')
+                         .c_str())
+            << testing::PrintToString(bytes);
+    }
+}
+
+// ---- Periods -------------------------------------------------------------------------------------
+
+TEST(ParsePeriod, IsInHours) {
+    const std::map<std::string, std::uint32_t> tests = {{"once", 0},
+                                                        {" Once ", 0},
+                                                        {"6h", 6},
+                                                        {"1h", 1},
+                                                        {"1d", 24},
+                                                        {"2w", 336},
+                                                        {"1d12h", 36},
+                                                        {"1d 12h", 36},
+                                                        {" 6 h ", 6},
+                                                        {"6 hours", 6},
+                                                        {"1 hour", 1},
+                                                        {"2 hrs", 2},
+                                                        {"1 hr", 1},
+                                                        {"2 days", 48},
+                                                        {"1 day", 24},
+                                                        {"2 weeks", 336},
+                                                        {"1 week", 168},
+                                                        {"1w2d3h", 219},
+                                                        {"1W 2D 3H", 219},
+                                                        {"0w6h", 6},
+                                                        {"1193046h", 1193046},
+                                                        {"7101w3d6h", 1193046},
+                                                        {"007h", 7}};
+    for (const auto& [text, hours] : tests)
+        EXPECT_EQ(ParsePeriod(text), hours) << text;
+}
+
+TEST_P(RefusedPeriod, SaysWhyAndMarksThePlace) {
+    const auto error = ErrorOf([] { ParsePeriod(GetParam().text); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->Offset(), GetParam().offset);
+    EXPECT_EQ(error->what(), Message("period", GetParam()));
+}
+
+static const char cNoPeriod[] = "this is no period; for a task that runs a single time say once";
+static const char cLongest[] = "the longest period is 1193046h";
+
+INSTANTIATE_TEST_SUITE_P(
+    Text, RefusedPeriod,
+    testing::Values(
+        TRefused{"", 0, "it is empty; say 6h, 1d, 2w or once"},
+        TRefused{"  ", 2, "it is empty; say 6h, 1d, 2w or once"},
+        TRefused{"6", 1, "add the unit, 6h"}, TRefused{"0", 1, "add the unit, 0h"},
+        TRefused{"1d12", 4, "add the unit, 12h"}, TRefused{"90m", 0, "periods are whole hours"},
+        TRefused{"60min", 0, "periods are whole hours"},
+        TRefused{"60 minutes", 0, "periods are whole hours"},
+        TRefused{"3600s", 0, "periods are whole hours"},
+        TRefused{"1h30m", 2, "periods are whole hours"},
+        TRefused{"1.5h", 1, "only whole numbers can be read: take a smaller unit as well"},
+        TRefused{"0h", 0, cNoPeriod}, TRefused{" 0d0h", 1, cNoPeriod},
+        TRefused{"-6h", 0, "a period cannot be negative"},
+        TRefused{" -6h", 1, "a period cannot be negative"},
+        TRefused{"+6h", 0, "there must be a number with a unit here, 6h"},
+        TRefused{"1193047h", 0, cLongest}, TRefused{"49711d", 0, cLongest},
+        TRefused{"4294967296h", 0, cLongest}, TRefused{"7102w", 0, cLongest},
+        TRefused{"99999999999999999999w", 0, cLongest},
+        TRefused{"144115188075855872w", 0, cLongest},
+        TRefused{"daily", 0, "say 6h, 1d, 2w or once"},
+        TRefused{"onces", 0, "say 6h, 1d, 2w or once"},
+        TRefused{"once 6h", 5, "the period ends before this"},
+        TRefused{"6h once", 3, "the period ends before this"},
+        TRefused{"6h,", 2, "the period ends before this"},
+        TRefused{"2y", 1, "there is no unit \"y\": take h, d or w"},
+        TRefused{"12h1d", 3, "the units go from the largest to the smallest, each once"}));
+
+TEST(FormatPeriod, TakesTheLargestUnitThatDivides) {
+    const std::map<std::uint32_t, std::string> tests = {{0, "once"},
+                                                        {1, "1h"},
+                                                        {6, "6h"},
+                                                        {23, "23h"},
+                                                        {24, "1d"},
+                                                        {25, "25h"},
+                                                        {36, "36h"},
+                                                        {144, "6d"},
+                                                        {168, "1w"},
+                                                        {192, "8d"},
+                                                        {336, "2w"},
+                                                        {169, "169h"},
+                                                        {1193046, "1193046h"},
+                                                        {4294967295, "4294967295h"}};
+    for (const auto& [hours, text] : tests)
+        EXPECT_EQ(FormatPeriod(hours), text);
+}
+
+TEST(FormatPeriod, IsReadBackAsTheSamePeriod) {
+    for (std::uint32_t hours = 0; hours <= 1193046; hours += hours < 2000 ? 1 : 997)
+        ASSERT_EQ(ParsePeriod(FormatPeriod(hours)), hours);
+    EXPECT_EQ(ParsePeriod(FormatPeriod(1193046)), 1193046U);
+}
+
+// ---- Times that are written ----------------------------------------------------------------------
+
+TEST(FormatTime, IsLocalOrInUtcToTheSecond) {
+    const TTime time = At(1795267800);
+    const std::map<const char*, const char*> local = {
+        {"Europe/Berlin", "2026-11-21 14:30:00"},
+        {"America/New_York", "2026-11-21 08:30:00"},
+        {"Australia/Lord_Howe", "2026-11-22 00:30:00"},
+        {"Asia/Kathmandu", "2026-11-21 19:15:00"},
+        {"UTC", "2026-11-21 13:30:00"}};
+    for (const auto& [name, text] : local) {
+        const CZone zone(name);
+        EXPECT_EQ(FormatTime(time, EZone::cLocal), text);
+        EXPECT_EQ(FormatTime(time, EZone::cUtc), "2026-11-21 13:30:00");
+        EXPECT_EQ(FormatIsoTime(time), "2026-11-21T13:30:00Z");
+    }
+}
+
+TEST(FormatTime, OutsideTheYears1To9999ItIsTheSeconds) {
+    const std::int64_t first = -62135596800;  // 0001-01-01
+    const std::int64_t last = 253402300799;   // 9999-12-31 23:59:59
+    EXPECT_EQ(FormatTime(At(first), EZone::cUtc), "0001-01-01 00:00:00");
+    EXPECT_EQ(FormatTime(At(first - 1), EZone::cUtc), "@-62135596801");
+    EXPECT_EQ(FormatTime(At(last), EZone::cUtc), "9999-12-31 23:59:59");
+    EXPECT_EQ(FormatTime(At(last + 1), EZone::cUtc), "@253402300800");
+    EXPECT_EQ(FormatIsoTime(At(first)), "0001-01-01T00:00:00Z");
+    EXPECT_EQ(FormatIsoTime(At(first - 1)), "@-62135596801");
+    EXPECT_EQ(FormatIsoTime(At(last)), "9999-12-31T23:59:59Z");
+    EXPECT_EQ(FormatIsoTime(At(last + 1)), "@253402300800");
+    // The local year counts.
+    const CZone zone("Asia/Kathmandu");
+    EXPECT_EQ(FormatTime(At(last), EZone::cLocal), "@253402300799");
+    const std::int64_t kathmandu = (5 * 60 + 45) * 60;
+    EXPECT_EQ(FormatTime(At(last - kathmandu), EZone::cLocal), "9999-12-31 23:59:59");
+}
+
+TEST(FormatTime, EveryValueIsWrittenAndTheFarOnesAreReadBack) {
+    const CZone zone("Europe/Berlin");
+    using TLimits = std::numeric_limits<std::int64_t>;
+    for (const std::int64_t seconds :
+         {TLimits::min(), TLimits::min() + 1, std::int64_t{-1} << 56, -62135606401L, 253402300800L,
+          std::int64_t{1} << 56, TLimits::max() - 1, TLimits::max()}) {
+        const std::string text = '@' + std::to_string(seconds);
+        EXPECT_EQ(FormatTime(At(seconds), EZone::cLocal), text);
+        EXPECT_EQ(FormatTime(At(seconds), EZone::cUtc), text);
+        EXPECT_EQ(FormatIsoTime(At(seconds)), text);
+        EXPECT_EQ(ParseTime(text, Utc(cNow)), At(seconds));
+    }
+}
+
+// Thousands of times from 1840 to 2200, and every ten minutes around the changes of 2026: what is
+// written is what strftime writes, and is read back as the same time, but for the second of two
+// times that look alike, which is read as the first.
+TEST(FormatTime, LocalTimesAreReadBack) {
+    std::vector<TTime> times;
+    for (TTime time = Utc("1840-01-01T00:00:00Z"); time < Utc("2200-01-01T00:00:00Z");
+         time += 2000003s)
+        times.push_back(time);
+    for (const char* const day :
+         {"2026-03-07T00:00:00Z", "2026-03-28T00:00:00Z", "2026-04-04T00:00:00Z",
+          "2026-10-03T00:00:00Z", "2026-10-24T00:00:00Z", "2026-10-31T00:00:00Z"}) {
+        for (std::chrono::minutes past = 0min; past < 48h; past += 10min)
+            times.push_back(Utc(day) + past);
+    }
+    struct TTest {
+        const char* zone;
+        int readAsTheFirst;
+        std::chrono::minutes apart;
+    };
+    for (const TTest& test : {TTest{"Europe/Berlin", 6, 60min},
+                              {"America/New_York", 6, 60min},
+                              {"Australia/Lord_Howe", 3, 30min},
+                              {"UTC", 0, 0min},
+                              {"Asia/Kathmandu", 0, 0min}}) {
+        SCOPED_TRACE(test.zone);
+        const CZone zone(test.zone);
+        int readAsTheFirst = 0;
+        for (const TTime time : times) {
+            const std::time_t value = time.time_since_epoch().count();
+            char expected[sizeof "2026-11-21 14:30:00"];
+            ASSERT_GT(std::strftime(expected, sizeof expected, "%F %T", std::localtime(&value)),
+                      0U);
+            const std::string text = FormatTime(time, EZone::cLocal);
+            ASSERT_EQ(text, expected);
+            const TTime read = ParseTime(text, Utc(cNow));
+            if (read == time)
+                continue;
+            ++readAsTheFirst;
+            ASSERT_EQ(time - read, test.apart) << text;
+            ASSERT_EQ(FormatTime(read, EZone::cLocal), text);
+        }
+        EXPECT_EQ(readAsTheFirst, test.readAsTheFirst);
+    }
+}
+
+TEST(FormatTime, IsoTimesAreReadBackInEveryZone) {
+    for (const char* const name : {"Europe/Berlin", "America/New_York", "UTC", "Asia/Kathmandu"}) {
+        const CZone zone(name);
+        for (TTime time = Utc("0001-01-01T00:00:00Z"); time <= Utc("9999-12-31T00:00:00Z");
+             time += 200000003s)
+            ASSERT_EQ(ParseTime(FormatIsoTime(time), Utc(cNow)), time);
+    }
+}
+
+TEST(FormatDistance, IsInTheTwoLargestUnits) {
+    const std::map<std::chrono::seconds, std::string> tests = {
+        {0s, "now"},
+        {1s, "1s"},
+        {45s, "45s"},
+        {59s, "59s"},
+        {1min, "1min"},
+        {61s, "1min 1s"},
+        {59min + 59s, "59min 59s"},
+        {1h, "1h"},
+        {1h + 30s, "1h"},
+        {3h + 12min, "3h 12min"},
+        {3h + 12min + 59s, "3h 12min"},
+        {24h, "1d"},
+        {24h + 59min, "1d"},
+        {5 * 24h + 2h, "5d 2h"},
+        {400 * 24h + 23h + 59min, "400d 23h"},
+        {-1s, "1s ago"},
+        {-(3h + 12min), "3h 12min ago"},
+        {std::chrono::seconds::max(), "106751991167300d 15h"},
+        {std::chrono::seconds::min(), "106751991167300d 15h ago"}};
+    for (const auto& [distance, text] : tests)
+        EXPECT_EQ(FormatDistance(distance), text);
+}
+
+TEST(FormatDistance, IsReadBackAsATimeFromNow) {
+    const TTime now = Utc(cNow);
+    for (std::chrono::seconds distance = 1s; distance < 1h; distance += 7s)
+        ASSERT_EQ(ParseTime("in " + FormatDistance(distance), now), now + distance);
+    for (std::chrono::hours distance = 1h; distance < 1000h; distance += 1h)
+        ASSERT_EQ(ParseTime("in " + FormatDistance(distance), now), now + distance);
+}
+
+// ---- Whatever is typed ---------------------------------------------------------------------------
+
+// A refusal of any text is a message of three lines that is safe to print.
+static void ExpectSoundMessage(const CTextError& error, const std::string& text) {
+    const std::string message = error.what();
+    SCOPED_TRACE(testing::PrintToString(text));
+    ASSERT_LE(error.Offset(), text.size());
+    ASSERT_EQ(std::count(message.begin(), message.end(), '\n'), 2);
+    ASSERT_EQ(message.back(), '^');
+    ASSERT_TRUE(std::none_of(message.begin(), message.end(), [](char character) {
+        return static_cast<unsigned char>(character) < 0x20 && character != '\n';
+    }));
+}
+
+// Returns whether the text was read.
+template <typename Parse>
+static bool IsReadOrRefusedSoundly(const std::string& text, const Parse& parse) {
+    try {
+        parse();
+        return true;
+    } catch (const CTextError& error) {
+        ExpectSoundMessage(error, text);
+        return false;
+    }
+}
+
+TEST(AnyText, IsReadOrRefusedWithASoundMessage) {
+    const CZone zone("Australia/Lord_Howe");
+    const std::vector<std::string> pieces = {
+        "2026",  "11",       "02",  "30",   "29", "24", "00", "5",   "99999999999999999999",
+        "-",     ":",        "+",   "T",    "Z",  " ",  ".",  "@",   "in",
+        "today", "tomorrow", "now", "once", "h",  "d",  "w",  "min", "s",
+        "x",     "\xc3\xa4", "\xff"};
+    std::mt19937 random(20261121);
+    const auto below = [&](std::size_t limit) { return random() % limit; };
+    int times = 0;
+    int periods = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string text;
+        for (std::size_t left = below(9); left > 0; --left) {
+            if (round % 2 == 0)
+                text += pieces[below(pieces.size())];
+            else
+                text += static_cast<char>(below(256));
+        }
+        times += IsReadOrRefusedSoundly(text, [&] { ParseTime(text, Utc(cNow)); }) ? 1 : 0;
+        periods += IsReadOrRefusedSoundly(text, [&] { ParsePeriod(text); }) ? 1 : 0;
+        ASSERT_FALSE(HasFailure());
+    }
+    // Both ways are taken.
+    EXPECT_GT(times, 0);
+    EXPECT_GT(periods, 0);
+}
+
+// Every text that differs from a good one in one byte, and every one that is cut off.
+TEST(AnyText, NextToAGoodOneIsReadOrRefusedWithASoundMessage) {
+    const CZone zone("Europe/Berlin");
+    for (const std::string good :
+         {"2026-11-21 14:30:15+01:00", "tomorrow 02:00", "in 1d 12h", "@1795267800", "14:30:15"}) {
+        for (std::size_t place = 0; place < good.size(); ++place) {
+            std::string text = good;
+            for (int byte = 0; byte < 256; ++byte) {
+                text[place] = static_cast<char>(byte);
+                IsReadOrRefusedSoundly(text, [&] { ParseTime(text, Utc(cNow)); });
+                IsReadOrRefusedSoundly(text, [&] { ParsePeriod(text); });
+            }
+            text = good.substr(0, place);
+            IsReadOrRefusedSoundly(text, [&] { ParseTime(text, Utc(cNow)); });
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+}

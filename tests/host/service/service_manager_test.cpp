@@ -1,0 +1,250 @@
+// The host under a service manager that the test plays: what it is told, and how the log looks where
+// standard error is the journal.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include "host/service/CTickTimer.h"
+#include "host/service/CWorkerWatchdog.h"
+#include "store/CStoreMutexLock.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include "HostProgram.h"
+#include "LogCapture.h"
+#include "NotifySocket.h"
+#include "StoreSemaphore.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+using namespace std::chrono_literals;
+
+// ---- What the service manager is told
+// --------------------------------------------------------------------------
+
+TEST(HostService, IsToldOfReadinessStatusAndStop) {
+    CNotifySocket socket;
+    CHost host;
+    EXPECT_EQ(socket.Next(), "READY=1");
+    EXPECT_EQ(socket.Next(), "STATUS=waiting for the next task");
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_THAT(socket.Waiting(), ElementsAre("STOPPING=1"));
+}
+
+TEST(HostService, IsToldHowManyProgramsRun) {
+    CNotifySocket socket;
+    CHost host;
+    CreateDue("long", PROGRAMS "/wait-for-it", "end it");
+    EXPECT_THAT(
+        socket.Until("STATUS=1 program(s) running"),
+        ElementsAre("READY=1", "STATUS=waiting for the next task", "STATUS=1 program(s) running"));
+    WriteFile("end it", "");
+    EXPECT_EQ(socket.Next(), "STATUS=waiting for the next task");
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostService, IsNotToldOfReadinessByOneThatCannotStart) {
+    CNotifySocket socket;
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
+    CProgram host({HOST_PROGRAM, "--directory", "."});
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_THAT(socket.Waiting(), ElementsAre());
+}
+
+class CWatchdogTime {
+public:
+    explicit CWatchdogTime(const char* microseconds) { setenv("WATCHDOG_USEC", microseconds, 1); }
+    ~CWatchdogTime() { unsetenv("WATCHDOG_USEC"); }
+    CWatchdogTime(const CWatchdogTime&) = delete;
+    CWatchdogTime& operator=(const CWatchdogTime&) = delete;
+};
+
+TEST(HostService, WatchdogIsToldAgainAndAgainThatTheWorkerLives) {
+    CNotifySocket socket;
+    const CWatchdogTime time("100000");
+    CHost host;
+    socket.Until("WATCHDOG=1");
+    EXPECT_THAT(socket.Until("WATCHDOG=1"), ElementsAre("WATCHDOG=1"));
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
+    CNotifySocket socket;
+    const CWatchdogTime time("100000");
+    CHost host;
+    {
+        const vxsched::CStoreLock lock(1h);
+        ASSERT_TRUE(lock.IsHeld());
+        WakeWorker();
+        EXPECT_TRUE(host.WaitForOutput("the worker gives no sign of life")) << host.Output();
+        socket.Until("STATUS=the worker gives no sign of life");
+        EXPECT_THAT(socket.Waiting(), Not(Contains("WATCHDOG=1")));
+    }
+    EXPECT_TRUE(host.WaitForOutput("the worker is alive again")) << host.Output();
+    EXPECT_EQ(socket.Next(), "WATCHDOG=1");
+    EXPECT_EQ(socket.Next(), "STATUS=waiting for the next task");
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
+    const CTickTimer timer(1h);
+    const auto isReadable = [&](int milliseconds) {
+        pollfd source{.fd = timer.Descriptor().Get(), .events = POLLIN, .revents = 0};
+        return poll(&source, 1, milliseconds) == 1;
+    };
+    EXPECT_FALSE(isReadable(0));
+    const auto runOut = [&] {
+        const itimerspec atOnce{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = 1}};
+        ASSERT_EQ(timerfd_settime(timer.Descriptor().Get(), 0, &atOnce, nullptr), 0);
+        ASSERT_TRUE(isReadable(-1));
+    };
+    runOut();
+    TellTick();
+    EXPECT_FALSE(isReadable(0));
+    runOut();
+    std::thread([] {
+        TellHostThread();
+        TellTick();
+    }).join();
+    EXPECT_TRUE(isReadable(0));
+    timer.Push();
+    EXPECT_FALSE(isReadable(0));
+}
+
+// ---- The unit
+// ------------------------------------------------------------------------------------------------------
+
+static std::vector<std::string> ValuesInUnit(const std::string& key) {
+    std::istringstream lines(ReadFile(SERVICE_UNIT));
+    std::vector<std::string> values;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(key + '='))
+            values.push_back(line.substr(key.size() + 1));
+    }
+    return values;
+}
+
+TEST(ServiceUnit, ExpectsNotificationsAndLeavesTheStoreReachable) {
+    EXPECT_THAT(ValuesInUnit("Type"), ElementsAre("notify"));
+    EXPECT_THAT(ValuesInUnit("WatchdogSec"), ElementsAre("2min"));
+    EXPECT_THAT(ValuesInUnit("User"), ElementsAre("vxschedd"));
+    for (const char* key : {"PrivateIPC", "DynamicUser", "RemoveIPC", "PrivateUsers"})
+        EXPECT_THAT(ValuesInUnit(key), ElementsAre()) << key;
+}
+
+// A disk is full for a while only, and then the table can be mended.
+TEST(ServiceUnit, TriesATableAgainThatCouldNotBeMended) {
+    EXPECT_THAT(ValuesInUnit("Restart"), ElementsAre("on-failure"));
+    EXPECT_THAT(ValuesInUnit("RestartPreventExitStatus"), ElementsAre("2 3 4 5 7"));
+}
+
+TEST(ServiceUnit, StartsTheHostWithOptionsThatItHas) {
+    const std::vector<std::string> starts = ValuesInUnit("ExecStart");
+    ASSERT_EQ(starts.size(), 1U);
+    std::istringstream words(starts[0]);
+    std::vector<std::string> command;
+    for (std::string word; words >> word;) {
+        if (const std::size_t place = word.find("%S/"); place != std::string::npos)
+            word.replace(place, 3, "./");
+        command.push_back(word);
+    }
+    EXPECT_TRUE(command.at(0).ends_with("/bin/vxschedd")) << command.at(0);
+    command[0] = HOST_PROGRAM;
+    command.emplace_back("--check");
+    std::filesystem::create_directory("vxschedd");
+    CProgram host(command);
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+}
+
+// ---- Whether the worker lives
+// ------------------------------------------------------------------------------------
+
+class WorkerWatch : public testing::Test {
+protected:
+    static constexpr std::chrono::steady_clock::time_point cStart{1000s};
+    CWorkerWatch watch{100s, cStart};
+};
+
+TEST_F(WorkerWatch, LooksAtHalfOfTheLimit) {
+    EXPECT_EQ(watch.NextLook(), cStart + 50s);
+    EXPECT_EQ(watch.Look(cStart + 49s, true, 0), CWorkerWatch::cTooEarly);
+    EXPECT_EQ(watch.Look(cStart + 52s, true, 0), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.NextLook(), cStart + 102s);
+}
+
+TEST_F(WorkerWatch, LooksMoreOftenWithoutASignOfLife) {
+    EXPECT_EQ(watch.Look(cStart + 50s, false, 0), CWorkerWatch::cNoSign);
+    EXPECT_EQ(watch.NextLook(), cStart + 60s);
+    EXPECT_EQ(watch.Look(cStart + 60s, true, 0), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.NextLook(), cStart + 110s);
+}
+
+TEST_F(WorkerWatch, CallsTheWorkerStuckAfterAQuarterOfTheLimitOnly) {
+    for (const int missed : {50, 60, 70})
+        EXPECT_EQ(watch.Look(cStart + missed * 1s, false, 0), CWorkerWatch::cNoSign) << missed;
+    EXPECT_EQ(watch.Look(cStart + 80s, false, 0), CWorkerWatch::cStuck);
+    EXPECT_EQ(watch.Look(cStart + 90s, false, 0), CWorkerWatch::cStuck);
+    EXPECT_EQ(watch.Look(cStart + 100s, true, 0), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 150s, false, 0), CWorkerWatch::cNoSign);
+}
+
+TEST_F(WorkerWatch, StartSinceTheLastSignIsOne) {
+    EXPECT_EQ(watch.Look(cStart + 50s, false, 3), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 100s, false, 4), CWorkerWatch::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 150s, false, 4), CWorkerWatch::cNoSign);
+}
+
+// ---- The log where standard error is the journal
+// ---------------------------------------------------------------------
+
+RUN_AGAIN(HostOnTheJournal) {
+    struct stat status {};
+    fstat(STDERR_FILENO, &status);
+    const std::string stream = std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino);
+    setenv("JOURNAL_STREAM", arguments.empty() ? stream.c_str() : arguments[0].c_str(), 1);
+    execl(HOST_PROGRAM, HOST_PROGRAM, "--directory", ".", static_cast<char*>(nullptr));
+    return 1;
+}
+
+TEST(HostJournal, LinesBeginWithTheirPriorityAndHaveNoTime) {
+    CHost host(ThisProgramAs("HostOnTheJournal"));
+    CreateDue("task", PROGRAMS "/wait-for-it", "end it");
+    EXPECT_TRUE(host.WaitForOutput(cStillRunning)) << host.Output();
+    WriteFile("end it", "");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    WaitForTheTicksEnd();
+    CreateDue("killed", PROGRAMS "/end-with", "signal 15");
+    EXPECT_TRUE(host.WaitForOutput("was killed")) << host.Output();
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+    const std::string output = '\n' + host.Output();
+    for (const char* text : {"\n<6>running in . as process ", "\n<6>started process ",
+                             "\n<7>Failed waitpid.\n", "\n<4>process ", "\n<6>stopped\n"})
+        EXPECT_NE(output.find(text), std::string::npos) << text << output;
+    std::istringstream lines(host.Output());
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_EQ(line.front(), '<') << line;
+}
+
+TEST(HostJournal, FailureToStartIsAnErrorThere) {
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
+    CProgram host(ThisProgramAs("HostOnTheJournal"));
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_TRUE(host.Output().starts_with("<3>cannot make the table fit")) << host.Output();
+}
+
+TEST(HostJournal, OfAnotherStreamLeavesTheTimes) {
+    CHost host(ThisProgramAs("HostOnTheJournal", {"1:1"}));
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("<6>"), 0U) << host.Output();
+    EXPECT_TRUE(host.Output().starts_with("20")) << host.Output();
+    EXPECT_EQ(host.CountInOutput(" vxschedd: running in . as process "), 1U) << host.Output();
+}

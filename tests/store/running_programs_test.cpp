@@ -1,0 +1,63 @@
+// Whether a task's program runs: answered from /proc, exactly, with process ids.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <vxsched/RunningPrograms.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Process.h"
+
+using vxsched::FindRunning;
+using TIds = std::vector<pid_t>;
+
+static const std::string cProgram = PROGRAMS "/wait-forever";
+
+// A parameter that no other test's program has.
+static std::string Own(const std::string& text) {
+    return std::filesystem::current_path().string() + text;
+}
+
+TEST(ClientRunning, ProgramIsFoundByItsFileAndItsParameter) {
+    const CProgram one({cProgram, Own("one")});
+    const CProgram other({cProgram, Own("other")});
+    WaitUntil([&] { return !FindRunning(cProgram, Own("one")).empty(); });
+    EXPECT_EQ(FindRunning(cProgram, Own("one")), TIds({one.Id()}));
+    WaitUntil([&] { return !FindRunning(cProgram, Own("other")).empty(); });
+    EXPECT_EQ(FindRunning(cProgram, Own("other")), TIds({other.Id()}));
+    EXPECT_EQ(FindRunning(cProgram, Own("on")), TIds());
+    EXPECT_EQ(FindRunning(cProgram, ""), TIds());
+    EXPECT_EQ(FindRunning(PROGRAMS "/record-start", Own("one")), TIds());
+}
+
+TEST(ClientRunning, LinkToTheProgramIsTheProgram) {
+    std::filesystem::create_symlink(cProgram, "link-to-it");
+    const CProgram one({std::filesystem::absolute("link-to-it").string(), Own("linked")});
+    WaitUntil([&] { return !FindRunning(cProgram, Own("linked")).empty(); });
+    EXPECT_EQ(FindRunning("link-to-it", Own("linked")), TIds({one.Id()}));
+}
+
+TEST(ClientRunning, ScriptIsFoundBehindItsInterpreter) {
+    const std::string script = std::filesystem::absolute("a-script").string();
+    WriteFile(script, "#!" + cProgram + "\n");
+    chmod(script.c_str(), 0755);
+    const CProgram one({script, "parameter"});
+    WaitUntil([&] { return !FindRunning(script, "parameter").empty(); });
+    EXPECT_EQ(FindRunning(script, "parameter"), TIds({one.Id()}));
+    EXPECT_EQ(FindRunning(script, "another"), TIds());
+    EXPECT_EQ(FindRunning(script, ""), TIds());
+}
+
+TEST(ClientRunning, ProgramWithMoreArgumentsIsNotATasks) {
+    const CProgram one({cProgram, "first", Own("second")});
+    const CProgram sentinel({cProgram, Own("sentinel")});
+    WaitUntil([&] { return !FindRunning(cProgram, Own("sentinel")).empty(); });
+    EXPECT_EQ(FindRunning(cProgram, Own("second")), TIds());
+}
+
+TEST(ClientRunning, MissingProgramRunsNowhere) {
+    EXPECT_EQ(FindRunning("/no/such/program", "text"), TIds());
+}

@@ -1,0 +1,285 @@
+// The client library's reader: what it reads, what it finds wrong and where, and that reading has
+// no effect on the store.
+
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <unistd.h>
+#include <vxsched/Error.h>
+#include <vxsched/Table.h>
+#include "store/CStoreMutexLock.h"
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+using namespace std::chrono_literals;
+using namespace vxsched;
+
+static constexpr std::int64_t cNow = 1'000'000;
+
+static TTime At(std::int64_t seconds) {
+    return TTime(std::chrono::seconds(seconds));
+}
+
+static TTable Decode(const std::string& bytes) {
+    return DecodeTable(bytes, At(cNow));
+}
+
+// The message of the error, which must be of that kind.
+template <typename Call>
+static std::string ErrorOf(EError kind, const Call& call) {
+    try {
+        call();
+    } catch (const CClientError& error) {
+        EXPECT_EQ(error.Code(), kind) << error.what();
+        return error.what();
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {};
+}
+
+static std::string DamageOf(const std::string& bytes) {
+    return ErrorOf(EError::cDamaged, [&] { Decode(bytes); });
+}
+
+TEST(ClientTable, TasksAreReadInTheirOrderWithEveryField) {
+    const TTable table = Decode(BytesOf(
+        {{"backup", cNow + 5, 7, 24, "/opt/tool", "-full -quiet", 0}, {"", -1, 0, 0, "", "", 1}}));
+    const std::vector<TTaskEntry> wanted = {
+        {"backup", At(cNow + 5), At(7), 24, "/opt/tool", "-full -quiet", false},
+        {"", At(-1), At(0), 0, "", "", true}};
+    EXPECT_EQ(table.tasks, wanted);
+    EXPECT_TRUE(table.problems.empty());
+    EXPECT_TRUE(table.IsSafeToLoad());
+}
+
+TEST(ClientTable, CutAtAnyByteItIsDamagedAndTheOffsetIsTold) {
+    const std::string whole =
+        BytesOf({{"one", cNow, 0, 24, "/opt/tool", "text", 0}, {"two", cNow, 0, 1, "/p", "", 1}});
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        const std::string message = DamageOf(whole.substr(0, length));
+        EXPECT_NE(message.find("the table is damaged at offset "), std::string::npos) << message;
+    }
+    EXPECT_EQ(Decode(whole).tasks.size(), 2U);
+    EXPECT_EQ(DamageOf(whole.substr(0, 5)),
+              "the table is damaged at offset 0: the file ends in the number of tasks");
+    EXPECT_EQ(DamageOf(whole.substr(0, whole.size() - 1)),
+              "the table is damaged at offset " + std::to_string(whole.size() - 4) +
+                  ": the file ends in the pause flag of task 2");
+}
+
+TEST(ClientTable, CountBeyondTheFileIsDamageBeforeAnythingIsRead) {
+    std::string bytes = BytesOf({{"one", cNow, 0, 24, "/opt/tool", "text", 0}});
+    bytes.replace(0, 8, 8, '\xff');
+    EXPECT_NE(DamageOf(bytes).find("offset 0: it is said to have 18446744073709551615 tasks"),
+              std::string::npos);
+}
+
+TEST(ClientTable, TextBeyondTheFileIsDamageAtItsLength) {
+    std::string bytes = BytesOf({{"one", cNow, 0, 24, "/opt/tool", "text", 0}});
+    bytes.replace(8, 4, 4, '\xff');
+    EXPECT_NE(DamageOf(bytes).find("offset 8: the name of task 1 is said to have 4294967295 bytes"),
+              std::string::npos);
+}
+
+static std::vector<std::pair<TProblem::EKind, std::size_t>> ProblemsOf(const TTable& table) {
+    std::vector<std::pair<TProblem::EKind, std::size_t>> found;
+    for (const TProblem& problem : table.problems)
+        found.emplace_back(problem.kind, problem.offset);
+    return found;
+}
+
+using TProblems = std::vector<std::pair<TProblem::EKind, std::size_t>>;
+
+TEST(ClientTable, WhatIsUnusualIsToldWithItsPlaceAndDoesNoHarm) {
+    const TRow one = {"one", cNow, 0, 24, "/opt/tool", "text", 0};
+    const std::size_t second = BytesOf({one}).size();
+    TTable table = Decode(BytesOf({one, one}) + "more");
+    EXPECT_EQ(ProblemsOf(table), TProblems({{TProblem::cUnusual, second},
+                                            {TProblem::cUnusual, BytesOf({one, one}).size()}}));
+    EXPECT_TRUE(table.IsSafeToLoad());
+    TRow flagged = one;
+    flagged.paused = 7;
+    table = Decode(BytesOf({flagged}));
+    EXPECT_EQ(ProblemsOf(table), TProblems({{TProblem::cUnusual, second - 4}}));
+    EXPECT_TRUE(table.tasks[0].paused);
+    TRow zero = one;
+    zero.name = std::string("a\0b", 3);
+    EXPECT_EQ(ProblemsOf(Decode(BytesOf({zero}))), TProblems({{TProblem::cUnusual, 8}}));
+}
+
+TEST(ClientTable, StepOfZeroInThePastWouldHangALoad) {
+    const TRow endless = {"one", cNow - 1, 0, 268435456, "/opt/tool", "", 0};
+    const TTable table = Decode(BytesOf({endless}));
+    EXPECT_EQ(ProblemsOf(table), TProblems({{TProblem::cEndless, 8}}));
+    EXPECT_FALSE(table.IsSafeToLoad());
+    TRow later = endless;
+    later.next = cNow;
+    EXPECT_TRUE(Decode(BytesOf({later})).problems.empty());
+}
+
+TEST(ClientTable, StartTooFarBackWouldKeepALoadBusy) {
+    const TRow slow = {"one", INT64_MIN, 0, 1, "/opt/tool", "", 0};
+    EXPECT_EQ(ProblemsOf(Decode(BytesOf({slow}))), TProblems({{TProblem::cSlow, 8}}));
+    const TRow quick = {"one", cNow - 3600LL * 1000, 0, 1, "/opt/tool", "", 0};
+    EXPECT_TRUE(Decode(BytesOf({quick})).problems.empty());
+    // Of a task that runs once nothing is caught up.
+    const TRow once = {"one", INT64_MIN, 0, 0, "/opt/tool", "", 0};
+    EXPECT_TRUE(Decode(BytesOf({once})).problems.empty());
+}
+
+// ---- The store is left as it is
+// ---------------------------------------------------------------------------------------
+
+TEST(ClientTable, ReadingMakesNothing) {
+    EXPECT_TRUE(ReadTable(".", 0ms).tasks.empty()) << "a missing file is an empty table";
+    EXPECT_FALSE(std::filesystem::exists("files"));
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+    const TRows rows = {{"past", 5, 0, 0, "/opt/tool", "", 0}};
+    WriteTable(rows);
+    const auto before = std::filesystem::last_write_time(cTable);
+    EXPECT_EQ(ReadTable(".", 0ms).tasks.size(), 1U) << "what is due stays";
+    EXPECT_EQ(ReadTable(), rows);
+    EXPECT_EQ(std::filesystem::last_write_time(cTable), before);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+TEST(ClientTable, DamagedFileStaysAsItIs) {
+    WriteTable({});
+    WriteFile(cTable, "damaged");
+    ErrorOf(EError::cDamaged, [] { vxsched::ReadTable(".", 0ms); });
+    EXPECT_EQ(ReadFile(cTable), "damaged");
+}
+
+// A hole takes no room on the disk, and would take all memory.
+TEST(ClientTable, FileLargerThanAnyTableIsAnErrorBeforeItIsRead) {
+    WriteTable({});
+    std::filesystem::resize_file(cTable, 1ULL << 42);
+    EXPECT_EQ(
+        ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); }),
+        "cannot read ./files/scheduler.dat: it has 4398046511104 bytes, and no table has more "
+        "than 1073741824; put a sound one in its place");
+}
+
+TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {
+    WriteTable({});
+    std::filesystem::permissions(cTable, std::filesystem::perms::none);
+    CForkedChild child([] {
+        if (!DropCapabilities())
+            return 1;
+        const std::string message =
+            ErrorOf(EError::cNoAccess, [] { vxsched::ReadTable(".", 0ms); });
+        EXPECT_EQ(
+            message,
+            "cannot read ./files/scheduler.dat: Permission denied; run as the user, or in the "
+            "group, of the scheduling process");
+        return testing::Test::HasFailure() ? 2 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    std::filesystem::remove(cTable);
+    std::filesystem::create_directory(cTable);
+    EXPECT_EQ(ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); }),
+              "cannot read ./files/scheduler.dat: Is a directory");
+}
+
+TEST(ClientLock, WithoutAStoreNothingIsHeldAndNothingMade) {
+    const CStoreLock lock(0ms);
+    EXPECT_FALSE(lock.IsHeld());
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
+static int MakeStore(int value) {
+    const int set = semget(cStoreKey, 1, IPC_CREAT | 0660);
+    semctl(set, 0, SETVAL, value);
+    return set;
+}
+
+TEST(ClientLock, TakesTheMutexAndGivesItBack) {
+    MakeStore(1);
+    {
+        const CStoreLock lock(0ms);
+        EXPECT_TRUE(lock.IsHeld());
+        EXPECT_EQ(StoreSemaphoreValue(), 0);
+    }
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(ClientLock, ForgottenOneIsNotGivenBack) {
+    const int set = MakeStore(1);
+    {
+        CStoreLock lock(0ms);
+        semctl(set, 0, SETVAL, 1);
+        lock.Forget();
+        EXPECT_FALSE(lock.IsHeld());
+    }
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(ClientLock, BytesOfTheTableAreReadWithoutIt) {
+    MakeStore(0);
+    EXPECT_EQ(vxsched::ReadTableBytes("."), std::string(8, '\0'));
+    std::filesystem::create_directory("files");
+    WriteFile(cTable, "any bytes");
+    EXPECT_EQ(vxsched::ReadTableBytes("."), "any bytes");
+}
+
+TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
+    const int set = MakeStore(1);
+    CForkedChild holder([&] {
+        sembuf take{0, -1, SEM_UNDO};
+        semop(set, &take, 1);
+        for (;;)
+            pause();
+        return 0;
+    });
+    WaitUntil([] { return StoreSemaphoreValue() == 0; });
+    const std::string message = ErrorOf(EError::cBusy, [] { const CStoreLock lock(1ms); });
+    EXPECT_NE(message.find("process " + std::to_string(holder.Id())), std::string::npos) << message;
+    EXPECT_EQ(StoreSemaphoreValue(), 0);
+    ErrorOf(EError::cBusy, [] { vxsched::ReadTable(".", 0ms); });
+    holder.Kill(SIGKILL);
+    holder.Wait();
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(ClientLock, DeadClientGivesItBack) {
+    MakeStore(1);
+    CForkedChild client([] {
+        const CStoreLock lock(0ms);
+        raise(SIGKILL);
+        return 0;
+    });
+    client.Wait();
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(ClientLock, StoreThatGoesAwayWhileItIsWaitedForIsNoStore) {
+    const int set = MakeStore(0);
+    CForkedChild client([] {
+        const CStoreLock lock(1h);
+        return lock.IsHeld() ? 1 : 42;
+    });
+    WaitUntil([&] { return semctl(set, 0, GETNCNT) == 1; });
+    semctl(set, 0, IPC_RMID);
+    EXPECT_EQ(client.Wait(), 42);
+}
+
+TEST(ClientLock, MissingAccessSaysWhatToDo) {
+    ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT), -1);
+    CForkedChild child([] {
+        if (!DropCapabilities())
+            return 1;
+        const std::string message = ErrorOf(EError::cNoAccess, [] { const CStoreLock lock(0ms); });
+        EXPECT_EQ(message,
+                  "cannot take the store mutex: Permission denied; run as the user, or in the "
+                  "group, of the scheduling process");
+        return testing::Test::HasFailure() ? 2 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}

@@ -1,0 +1,130 @@
+// What the client library has against a task before it gets into the table.
+
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <vxsched/Validation.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Process.h"
+
+using namespace vxsched;
+
+static constexpr std::int64_t cNow = 1'000'000;
+
+static TTime At(std::int64_t seconds) {
+    return TTime(std::chrono::seconds(seconds));
+}
+
+// A program that is there, may be executed, and whose path a start leaves alone.
+static std::string Program(const std::string& name = "a-tool") {
+    WriteFile(name, "");
+    chmod(name.c_str(), 0755);
+    return (std::filesystem::current_path() / name).string();
+}
+
+static TTaskEntry Sound() {
+    return {"name", At(cNow + 10), At(0), 24, Program(), "text", false};
+}
+
+static std::vector<std::string> NamesOf(const TTaskEntry& task) {
+    std::vector<std::string> names;
+    for (const TObjection& objection : FindObjections(task, At(cNow)))
+        names.push_back(std::string(objection.Name()) + (objection.canBeForced ? "?" : "!"));
+    return names;
+}
+
+using TNames = std::vector<std::string>;
+
+static TNames OfProgram(const std::string& program) {
+    TTaskEntry task = Sound();
+    task.program = program;
+    return NamesOf(task);
+}
+
+TEST(ClientObjections, SoundTaskHasNone) {
+    EXPECT_EQ(NamesOf(Sound()), TNames());
+    EXPECT_EQ(OfProgram(Program() + ".exe"), TNames()) << "the start cuts just this off";
+}
+
+TEST(ClientObjections, NameAndTextsAreLookedAt) {
+    TTaskEntry task = Sound();
+    task.name = "";
+    EXPECT_EQ(NamesOf(task), TNames({"empty-name!"}));
+    task = Sound();
+    task.parameter = std::string("a\0b", 3);
+    EXPECT_EQ(NamesOf(task), TNames({"zero-byte!"}));
+}
+
+TEST(ClientObjections, PathThatTheStartWouldAlterIsRefused) {
+    for (const char* const name : {"free", "box", "dot.", "tee", "e", "x.exe"})
+        EXPECT_EQ(OfProgram(Program(name)), TNames({"altered-path!"})) << name;
+    EXPECT_EQ(StartedPath("/usr/bin/free"), "/usr/bin/fr");
+    EXPECT_EQ(StartedPath("exe"), "");
+    const std::string text =
+        FindObjections({"n", At(cNow), At(0), 1, "/usr/bin/free", "", false}, At(cNow))
+            .front()
+            .text;
+    EXPECT_NE(text.find("would start \"/usr/bin/fr\""), std::string::npos) << text;
+}
+
+TEST(ClientObjections, ExtensionThatWouldAbortTheHostIsRefused) {
+    for (const char* const name : {"backup.sh", "tool.EXE", "tool.exe2", "job.py"})
+        EXPECT_EQ(OfProgram(Program(name)), TNames({"aborting-extension!"})) << name;
+}
+
+TEST(ClientObjections, ProgramThatCannotBeStartedCanBeForced) {
+    EXPECT_EQ(OfProgram(""), TNames({"no-program!"}));
+    EXPECT_EQ(OfProgram("/no/such/tool"), TNames({"missing-program?"}));
+    Program("plain");
+    chmod("plain", 0644);
+    EXPECT_EQ(OfProgram((std::filesystem::current_path() / "plain").string()),
+              TNames({"not-executable?"}));
+    EXPECT_EQ(OfProgram(std::filesystem::current_path().string() + "/."),
+              TNames({"altered-path!"}));
+    std::filesystem::create_directory("folder");
+    EXPECT_EQ(OfProgram((std::filesystem::current_path() / "folder").string()),
+              TNames({"not-executable?"}));
+    Program("tool");
+    EXPECT_EQ(OfProgram("tool"), TNames({"relative-path?"}));
+    EXPECT_EQ(OfProgram("no-tool"), TNames({"relative-path?", "missing-program?"}));
+}
+
+TEST(ClientObjections, PathBeyondWhatTheSystemOpensIsRefused) {
+    EXPECT_EQ(OfProgram('/' + std::string(PATH_MAX - 2, 'a')), TNames({"missing-program?"}));
+    EXPECT_EQ(OfProgram('/' + std::string(PATH_MAX - 1, 'a')), TNames({"path-too-long!"}));
+}
+
+TEST(ClientObjections, PeriodsThatWrapAreToldApart) {
+    TTaskEntry task = Sound();
+    task.period = 1193046;
+    EXPECT_EQ(NamesOf(task), TNames());
+    task.period = 1193047;
+    EXPECT_EQ(NamesOf(task), TNames({"wrapped-period?"}));
+    task.period = 268435456;
+    EXPECT_EQ(NamesOf(task), TNames({"endless-period!"}));
+    task.period = 4294967295;
+    EXPECT_EQ(NamesOf(task), TNames({"wrapped-period?"}));
+}
+
+TEST(ClientObjections, PastStartMattersToATaskThatRunsOnce) {
+    TTaskEntry task = Sound();
+    task.next = At(cNow - 1);
+    EXPECT_EQ(NamesOf(task), TNames());
+    task.period = 0;
+    EXPECT_EQ(NamesOf(task), TNames({"past-start?"}));
+    task.next = At(cNow);
+    EXPECT_EQ(NamesOf(task), TNames());
+}
+
+TEST(ClientObjections, WorstComesFirst) {
+    TTaskEntry task = Sound();
+    task.name = "";
+    task.program = "tool";
+    task.period = 268435456;
+    EXPECT_EQ(NamesOf(task),
+              TNames({"empty-name!", "endless-period!", "relative-path?", "missing-program?"}));
+}

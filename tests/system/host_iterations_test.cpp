@@ -1,0 +1,261 @@
+// Rounds of trouble: a task is made due under a running host, and something is killed, the disk is full,
+// or a call on the files fails. After each round and a restart every task is there, and each due time
+// was started once.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+#include <vxsched/Table.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AddinLibrary.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int cStores = 5;
+#ifdef PLAIN_BUILD
+constexpr int cRounds = 50;
+constexpr int cFaultStep = 1;
+constexpr int cLongestPause = 20'000;  // microseconds: about as long as a change and a tick take
+#else
+constexpr int cRounds = 8;
+constexpr int cFaultStep = 7;
+constexpr int cLongestPause = 300'000;
+#endif
+
+// One of the stores that go through their rounds beside each other, in a process of its own: an IPC
+// namespace, a folder, and a log of starts outside of it.
+class CStoreInTrouble {
+public:
+    CStoreInTrouble(int number, unsigned int seed)
+        : log(fs::absolute("log " + std::to_string(number))),
+          folder("store " + std::to_string(number)),
+          random(seed) {
+        EXPECT_EQ(unshare(CLONE_NEWIPC), 0);
+        fs::remove(log);
+        fs::remove_all(folder);
+        fs::create_directory(folder);
+        for (const auto& [name, value] : WithoutPauses())
+            setenv(name.c_str(), value.c_str(), 1);
+    }
+
+    // Puts it on a file system of its own of that many blocks.
+    void UseDisk(int blocks) {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+        ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        const std::string size = "size=" + std::to_string(blocks * 4) + "k";
+        ASSERT_EQ(mount("tmpfs", folder.c_str(), "tmpfs", 0, size.c_str()), 0);
+    }
+
+    void Begin() {
+        fs::current_path(folder);
+        fs::create_directory("files");
+        const auto row = [](const std::string& name) {
+            return TRow{name, 4'000'000'000, 0, 24, "/bin/program", "a parameter", 0};
+        };
+        TRow job = row("job");
+        job.program = PROGRAMS "/append-text";
+        job.parameters = log;
+        WriteTable({row("first"), row("other"), row("third"), job});
+    }
+
+    int Random(int most) { return std::uniform_int_distribution<>(0, most)(random); }
+
+    void PauseAtRandom() {
+        std::this_thread::sleep_for(std::chrono::microseconds(Random(cLongestPause)));
+    }
+
+    // The command line that makes the job due, at a time of its own in each round, so that a start
+    // can be told from none. In the past, since without the pause of a start a task may be due once
+    // more in its second.
+    std::vector<std::string> MakeDue(int round) {
+        before = Next();
+        const std::string due = "@" + std::to_string(beginning - round);
+        return {TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"};
+    }
+
+    // Under a host that was started behind the trouble.
+    void ExpectAllIsWell(CHost& host, const std::string& what) {
+        EXPECT_EQ(RunTool({"wake"}).status, 0);
+        EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for what is due";
+        WaitUntil(WorkerRests);
+        if (Next() != before)
+            ++started;
+        WaitUntil([&] { return Starts() >= started; });
+        EXPECT_EQ(Starts(), started) << what << "\nbehind it:\n" << host.Output();
+        EXPECT_EQ(vxsched::ReadTable(".", 30s).tasks.size(), 4U) << what << "\nbehind it:\n"
+                                                                 << host.Output();
+        EXPECT_EQ(host.Stop(), 0);
+    }
+
+    // How often the job was started, by its log.
+    std::size_t Starts() const {
+        const std::string text = fs::exists(log) ? ReadFile(log) : "";
+        return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    }
+
+    std::size_t CountOfStarts() const { return started; }
+
+private:
+    static vxsched::TTime Next() { return vxsched::ReadTable(".", 30s).Find("job")->next; }
+
+    const std::string log;
+    const std::string folder;
+    std::mt19937 random;
+    const std::time_t beginning = std::time(nullptr) - 1;
+    vxsched::TTime before;
+    std::size_t started = 0;
+};
+
+using TRound = void (*)(CStoreInTrouble& store, int number, int round);
+
+// Takes the stores through their rounds, beside each other. `disk` is in blocks, if they have their own.
+void GoThrough(TRound goThrough, unsigned int seed, std::optional<int> disk = {}) {
+    std::vector<std::unique_ptr<CForkedChild>> stores;
+    for (int number = 0; number < cStores; ++number) {
+        stores.push_back(std::make_unique<CForkedChild>([&, number] {
+            CStoreInTrouble store(number, seed * cStores + static_cast<unsigned int>(number));
+            if (disk)
+                store.UseDisk(*disk);
+            store.Begin();
+            for (int round = 0; round < cRounds && !testing::Test::HasFailure(); ++round)
+                goThrough(store, number, round);
+            EXPECT_GT(store.CountOfStarts(), 0U) << "something was started";
+            return testing::Test::HasFailure() ? 2 : 42;
+        }));
+    }
+    for (const auto& store : stores)
+        EXPECT_EQ(store->Wait(), 42);
+}
+
+// ---- Kills ------------------------------------------------------------------------------------
+
+void KillSomething(CStoreInTrouble& store, int /*number*/, int round) {
+    auto host = std::make_unique<CHost>();
+    CProgram edit(store.MakeDue(round));
+    CProgram pause({TOOL_PROGRAM, round % 2 == 0 ? "pause" : "resume", "other"});
+    store.PauseAtRandom();
+    const int victim = store.Random(3);
+    if (victim == 0 || victim == 3)
+        edit.Kill(SIGKILL);
+    if (victim != 0)
+        host->Kill(SIGKILL);
+    edit.Wait();
+    if (victim == 0)
+        EXPECT_EQ(host->Stop(), 0);
+    else
+        host->Wait();
+    const std::string former = "in round " + std::to_string(round) + ", victim " +
+                               std::to_string(victim) + "\n" + host->Output() +
+                               "\nedit: " + edit.Output();
+    host = std::make_unique<CHost>();
+    pause.Wait();
+    store.ExpectAllIsWell(*host, former);
+}
+
+class HostKilled : public testing::TestWithParam<unsigned int> {};
+
+TEST_P(HostKilled, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
+    GoThrough(KillSomething, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Half, HostKilled, testing::Range(0U, 2U));
+
+// ---- A full disk ------------------------------------------------------------------------------
+
+// Takes all the room that is left, but for a few blocks.
+void FillTheDisk(int blocksLeft) {
+    const int ballast = open("ballast", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const std::string block(4096, 'b');
+    off_t size = 0;
+    for (ssize_t count = 0; (count = write(ballast, block.data(), block.size())) > 0;)
+        size += count;
+    EXPECT_EQ(ftruncate(ballast, std::max<off_t>(0, size - blocksLeft * 4096L)), 0);
+    close(ballast);
+}
+
+void FillTheDiskAtRandom(CStoreInTrouble& store, int /*number*/, int round) {
+    auto host = std::make_unique<CHost>();
+    CProgram edit(store.MakeDue(round));
+    store.PauseAtRandom();
+    FillTheDisk(store.Random(2));
+    store.PauseAtRandom();
+    const bool isKilled = store.Random(1) == 1;
+    if (isKilled)
+        host->Kill(SIGKILL);
+    edit.Wait();
+    if (isKilled)
+        host->Wait();
+    else
+        EXPECT_EQ(host->Stop(), 0);
+    const std::string former = "in round " + std::to_string(round) + ", " +
+                               (isKilled ? "killed" : "stopped") + "\n" + host->Output() +
+                               "\nedit: " + edit.Output();
+    // A host starts on a full disk as well.
+    if (store.Random(1) == 1)
+        fs::remove("ballast");
+    host = std::make_unique<CHost>();
+    fs::remove("ballast");
+    store.ExpectAllIsWell(*host, former);
+}
+
+TEST(HostOnAFullDisk, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
+    GoThrough(FillTheDiskAtRandom, 2, 200);
+}
+
+// ---- Faults -----------------------------------------------------------------------------------
+
+// One call fails, another one in each round of each store. A host that cannot start says so; one that
+// runs starts what is due all the same.
+void FailACall(CStoreInTrouble& store, int number, int round) {
+    const int fault = 1 + (round * cStores + number) * cFaultStep;
+    setenv("PLAYED_FAULT", std::to_string(fault).c_str(), 1);
+    CProgram faulty(HostWith({}));
+    unsetenv("PLAYED_FAULT");
+    const std::vector<std::string> makeDue = store.MakeDue(round);
+    if (faulty.WaitForOutput(" as process ")) {
+        // A table that the add-in could not read is empty until the host has restored it.
+        WaitUntil([&] { return CProgram(makeDue).Wait() == 0; });
+        EXPECT_EQ(RunTool({"wake"}).status, 0);
+        const std::size_t expected = store.CountOfStarts() + 1;
+        WaitUntil([&] { return store.Starts() >= expected; });
+        faulty.Kill(SIGTERM);
+        EXPECT_EQ(faulty.Wait(), 0) << faulty.Output();
+    } else {
+        const int status = faulty.Wait();
+        EXPECT_TRUE(status >= 1 && status <= 7) << status << ": " << faulty.Output();
+    }
+    if (round == cRounds - 1) {
+        EXPECT_EQ(faulty.Output().find("played fault"), std::string::npos)
+            << "there are more calls than faults were tried: " << faulty.Output();
+    }
+    CHost host;
+    store.ExpectAllIsWell(host, faulty.Output());
+}
+
+TEST(HostFaults, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
+    GoThrough(FailACall, 3);
+}
+
+}  // namespace
