@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <cstring>
 
 #include <vxsched/Error.h>
+#include "base/Spawn.h"
 #include "client/Fields.h"
 #include "client/LibraryDirectory.h"
 
@@ -25,22 +25,18 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     socket = ends[0];
     std::string program = LibraryFolder() + "/vantrix/vxsched-change";
     std::array<char*, 2> arguments = {program.data(), nullptr};
-    posix_spawn_file_actions_t actions{};
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    CSpawnActions actions;
+    actions.Duplicate(ends[1], STDIN_FILENO);
     // A program that nobody waits for must not keep a pipe of the caller's open.
     if (request.calls.empty() || !request.calls.back().waitForEnd) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+        actions.Open(STDOUT_FILENO, "/dev/null", O_WRONLY);
+        actions.Open(STDERR_FILENO, "/dev/null", O_WRONLY);
     }
     // In a session of its own: what is typed at the caller's terminal does not end it half-way.
-    posix_spawnattr_t attributes{};
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-    const int error =
-        posix_spawn(&process, program.c_str(), &actions, &attributes, arguments.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
+    CSpawnAttributes attributes;
+    attributes.LeadSession();
+    const int error = posix_spawn(&process, program.c_str(), actions.Get(), attributes.Get(),
+                                  arguments.data(), environ);
     close(ends[1]);
     if (error != 0) {
         close(socket);

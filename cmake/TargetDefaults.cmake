@@ -11,7 +11,6 @@ target_compile_options(
             -Werror
             # __FILE__ in a diagnostic names a file of the project, not a folder of the build machine.
             -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
-target_include_directories(target_defaults INTERFACE ${PROJECT_SOURCE_DIR})
 
 # A shared library that dlclose can unmap: no symbol that the dynamic linker binds for ever, and
 # nothing visible that is not meant to be.

@@ -17,12 +17,13 @@
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/Launch.h"
+#include "host/recovery/CHeartbeat.h"
 #include "host/recovery/CTableGuard.h"
-#include "host/recovery/HostClock.h"
 #include "host/recovery/LaunchRecords.h"
 #include "host/service/CMainLoop.h"
 #include "host/service/CServiceManager.h"
 #include "host/service/CSignals.h"
+#include "host/service/CTickTimer.h"
 #include "host/startup/AddInFile.h"
 #include "host/startup/CAddInLibrary.h"
 #include "host/startup/CDirectoryLock.h"
@@ -32,6 +33,7 @@
 #include "host/startup/SetUpCheck.h"
 #include "host/startup/StartupMemory.h"
 #include "host/startup/WorkDirectory.h"
+#include "interpose/Clock.h"
 #include "interpose/TableSaves.h"
 #include "runs/CRunHistory.h"
 #include "store/StopEvent.h"
@@ -73,6 +75,12 @@ static void OnInformation(const std::string& name, int value, void* /*context*/)
 static void OnUnreadTable() {
     LogError(fmt::format("the add-in could not read its table: {}", std::strerror(errno)));
     TellOfTheLoss();
+}
+
+// Every tick asks for the time.
+static void OnTimeAsked(time_t now) {
+    CHeartbeat::Beat(now);
+    PushTickTimer();
 }
 
 // The guard is told for as long as this object lives. No worker runs when it comes and goes.
@@ -166,21 +174,22 @@ static void Run(const THostOptions& options) {
     WarnOfTraps();
     VXC_SetInformationListener(OnInformation, nullptr);
     SetUnreadTableListener(OnUnreadTable);
+    SetTimeListener(OnTimeAsked);
 
     const CProgramOutput output(options.output, options.outputSize);
-    SetProgramOutput(&output);
-    CRunHistory history(options.historySize);
+    TakeLaunches(&output);
+    CRunHistory history(options.historySize, LogWarning);
     CStartedPrograms& programs = CStartedPrograms::Instance();
     programs.RecordIn(&history);
 
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
     MakeMarkFolder();
-    CSignOfLife sign;
-    TLoaded loaded = LoadAddIn(options, sign.FormerWatch(), history, [&] {
-        const CStandingClock clock;
+    CHeartbeat heartbeat;
+    TLoaded loaded = LoadAddIn(options, heartbeat.FormerUptime(), history, [&] {
+        const CFrozenClock clock;
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
-    sign.Begin(loaded.watchSince);
+    heartbeat.Begin(loaded.upSince);
     CTableGuard guard(options.snapshots);
     const CInformed informed(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
@@ -199,7 +208,7 @@ static void Run(const THostOptions& options) {
             LogInfo(fmt::format("stopping on SIG{}", sigabbrev_np(*loop.StopSignal())));
     }
     guard.End();
-    sign.Stop();
+    heartbeat.Stop();
     if (options.runOnce)
         loop.WaitForPrograms();
     {
@@ -210,7 +219,7 @@ static void Run(const THostOptions& options) {
     programs.CollectFinished();
     programs.Leave();
     programs.RecordIn(nullptr);
-    SetProgramOutput(nullptr);
+    TakeLaunches(nullptr);
 }
 
 int main(int argc, char** argv) {

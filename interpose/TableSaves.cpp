@@ -13,7 +13,8 @@
 
 #include "interpose/TableSaves.h"
 
-#include <dlfcn.h>
+#include "interpose/NextDefinition.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,18 +49,13 @@ void Unread() {
     errno = error;
 }
 
-template <typename Function>
-Function* SystemsOwn(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 int OpenSystems(const char* path, int flags, mode_t mode) {
-    static auto* const system = SystemsOwn<int(const char*, int, ...)>("open");
+    static auto* const system = NextDefinition<int(const char*, int, ...)>("open");
     return system(path, flags, mode);
 }
 
 int CloseSystems(int descriptor) {
-    static auto* const system = SystemsOwn<int(int)>("close");
+    static auto* const system = NextDefinition<int(int)>("close");
     const int result = system(descriptor);
     return result == -1 && errno == EINTR ? 0 : result;  // it is closed all the same
 }
@@ -141,7 +137,7 @@ extern "C" int open(const char* path, int flags, ...) {
 }
 
 extern "C" int stat(const char* path, struct stat* status) noexcept {
-    static auto* const system = SystemsOwn<int(const char*, struct stat*)>("stat");
+    static auto* const system = NextDefinition<int(const char*, struct stat*)>("stat");
     const int result = system(path, status);
     if (result == -1 && std::strcmp(path, cTable) == 0) {
         if (errno == ENOENT)
@@ -153,7 +149,7 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
 }
 
 extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
-    static auto* const system = SystemsOwn<ssize_t(int, void*, size_t)>("read");
+    static auto* const system = NextDefinition<ssize_t(int, void*, size_t)>("read");
     const ssize_t result = system(descriptor, bytes, count);
     if (result == -1 && errno != EINTR && descriptor != -1 && descriptor == gReading)
         Unread();
@@ -161,7 +157,7 @@ extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
 }
 
 extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
-    static auto* const system = SystemsOwn<ssize_t(int, const void*, size_t)>("write");
+    static auto* const system = NextDefinition<ssize_t(int, const void*, size_t)>("write");
     const ssize_t written = system(descriptor, bytes, count);
     if (written == -1 && errno != EINTR && descriptor == gDescriptor)
         gIsWhole = false;

@@ -12,7 +12,6 @@
 #include "base/CDescriptor.h"
 #include "base/OpenToAppend.h"
 #include "base/RotatedFile.h"
-#include "host/CHostLog.h"
 
 static constexpr char cHistoryFile[] = "files/history.jsonl";
 
@@ -41,9 +40,8 @@ void CRunHistory::Add(const TRunRecord& record) {
     const std::string line = JsonLine(record);
     const std::lock_guard<std::mutex> lock(mutex);
     if (!RotateBeyond(cHistoryFile, limit, line.size()))
-        LogWarning(fmt::format("cannot move {} away: {}; it grows beyond its size", cHistoryFile,
-                               std::strerror(errno)));
+        warn(fmt::format("cannot move {} away: {}; it grows beyond its size", cHistoryFile,
+                         std::strerror(errno)));
     if (const std::string whyNot = Append(line); !whyNot.empty())
-        LogWarning(
-            fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));
+        warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <string>
 
 #include "runs/RunRecord.h"
 
@@ -10,13 +12,15 @@
 class CRunHistory {
 public:
     // Of the working directory. Before a line would take the file beyond `mostBytes` bytes, the file is
-    // moved to history.jsonl.1; 0 keeps no records.
-    explicit CRunHistory(std::uint64_t mostBytes) : limit(mostBytes) {}
+    // moved to history.jsonl.1; 0 keeps no records. `logWarning` gets what went wrong.
+    CRunHistory(std::uint64_t mostBytes, std::function<void(const std::string&)> logWarning)
+        : limit(mostBytes), warn(std::move(logWarning)) {}
 
-    // A record that cannot be written is logged and lost; no half of one stays behind.
+    // A record that cannot be written is logged as a warning and lost; no half of one is left.
     void Add(const TRunRecord& record);
 
 private:
     const std::uint64_t limit;
+    const std::function<void(const std::string&)> warn;
     std::mutex mutex;
 };

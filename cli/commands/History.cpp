@@ -8,6 +8,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
 #include "cli/output/RunText.h"
+#include "runs/HistoryReader.h"
 
 namespace vxsched {
 

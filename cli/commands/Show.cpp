@@ -11,6 +11,7 @@
 #include "cli/output/Json.h"
 #include "cli/output/RunText.h"
 #include "cli/time/PeriodText.h"
+#include "runs/HistoryReader.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {

@@ -20,7 +20,8 @@
 #include "client/Fields.h"
 #include "client/Request.h"
 #include "client/change/CAddIn.h"
-#include "client/change/Replaced.h"
+#include "client/change/Launches.h"
+#include "interpose/Clock.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ProgramLinks.h"
@@ -95,13 +96,13 @@ std::optional<CAddIn> Load(TRequest& request) {
     KeepBefore(".", bytes);
     Tell(cMessageBegun, "");
     lock.Forget();
-    const CStandingClock clock;
+    const CFrozenClock clock;
     return CAddIn(request.addIn);
 }
 
 void Create(const CAddIn& addIn, const TCall& call) {
     const long start = call.task.next.time_since_epoch().count();
-    std::optional<CStandingClock> clock;
+    std::optional<CFrozenClock> clock;
     if (call.keepStart)
         clock.emplace();
     addIn.create(call.task.name.c_str(), &start, call.task.period, call.task.program.c_str(),
@@ -110,7 +111,7 @@ void Create(const CAddIn& addIn, const TCall& call) {
 
 // By the clock's rule a task that runs once and whose time has come is removed unrun.
 void Resume(const CAddIn& addIn, const TCall& call) {
-    std::optional<CStandingClock> clock;
+    std::optional<CFrozenClock> clock;
     if (!call.mayRemove && call.seen.period == 0)
         clock.emplace();
     addIn.resume(call.task.name.c_str());
@@ -167,7 +168,7 @@ void BecomeTheOwner() {
 
 void Serve(TRequest& request) {
     pid_t started = 0;
-    SetStartListener([&](pid_t process, int error) {
+    ListenToLaunches([&](pid_t process, int error) {
         // A start outside the schedule is not announced by the add-in, and the scheduling process
         // would write over its last start. It is announced here, where the mutex is held.
         AnnounceChange();

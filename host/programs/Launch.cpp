@@ -1,84 +1,41 @@
-// The host's own posix_spawn and waitpid, exported by the program, so that the add-in's calls of
-// them come here. A started program gets what a child should have, whatever the host's threads have
-// blocked and the host has open, and the host learns of every start and every end. Both then do
-// exactly what the system's do.
+// A launched program gets what a child should have, whatever the host's threads have blocked and the
+// host has open, and the host learns of every launch and every end. Both handlers then do exactly what
+// the system's functions do.
 
 #include "host/programs/Launch.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
+#include "base/Spawn.h"
 #include "host/CHostLog.h"
 #include "host/programs/CDueTasks.h"
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/recovery/LaunchRecords.h"
+#include "interpose/Launch.h"
 
 namespace {
 
 const CProgramOutput* gOutput = nullptr;
 
-class CSpawnAttributes {
-public:
-    // An empty signal mask and every signal's default disposition.
-    CSpawnAttributes() {
-        sigset_t none;
-        sigset_t all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        posix_spawnattr_init(&attributes);
-        posix_spawnattr_setsigmask(&attributes, &none);
-        posix_spawnattr_setsigdefault(&attributes, &all);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+// Nothing to read at standard input, `output` (-1: the host's own) as standard output and error, and
+// nothing open beyond. The new process leaves `mark`, if there is one.
+void FillActions(CSpawnActions& actions, int output, const std::optional<std::string>& mark) {
+    if (mark)
+        actions.Open(STDIN_FILENO, *mark, O_WRONLY | O_CREAT, 0600);
+    actions.Open(STDIN_FILENO, "/dev/null", O_RDONLY);
+    if (output != -1) {
+        actions.Duplicate(output, STDOUT_FILENO);
+        actions.Duplicate(output, STDERR_FILENO);
     }
-    ~CSpawnAttributes() { posix_spawnattr_destroy(&attributes); }
-    CSpawnAttributes(const CSpawnAttributes&) = delete;
-    CSpawnAttributes& operator=(const CSpawnAttributes&) = delete;
-
-    const posix_spawnattr_t* Get() const { return &attributes; }
-
-private:
-    posix_spawnattr_t attributes{};
-};
-
-class CSpawnActions {
-public:
-    // Nothing to read at standard input, `output` (-1: the host's own) as standard output and error,
-    // and nothing open beyond. The new process leaves `mark`, if there is one.
-    CSpawnActions(int output, const std::optional<std::string>& mark) {
-        posix_spawn_file_actions_init(&actions);
-        if (mark)
-            posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, mark->c_str(),
-                                             O_WRONLY | O_CREAT, 0600);
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        if (output != -1) {
-            posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-            posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
-        }
-        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-    }
-    ~CSpawnActions() { posix_spawn_file_actions_destroy(&actions); }
-    CSpawnActions(const CSpawnActions&) = delete;
-    CSpawnActions& operator=(const CSpawnActions&) = delete;
-
-    const posix_spawn_file_actions_t* Get() const { return &actions; }
-
-private:
-    posix_spawn_file_actions_t actions{};
-};
-
-template <typename Function>
-Function* SystemsOwn(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+    actions.CloseFrom(STDERR_FILENO + 1);
 }
 
 // What is known of a start before it is made.
@@ -97,23 +54,19 @@ TRunRecord Describe(const char* path, char* const arguments[]) {
 
 }  // namespace
 
-void SetProgramOutput(const CProgramOutput* output) {
-    gOutput = output;
-}
-
-extern "C" int posix_spawn(pid_t* process, const char* path,
-                           const posix_spawn_file_actions_t* actions,
-                           const posix_spawnattr_t* attributes, char* const arguments[],
-                           char* const environment[]) {
-    static auto* const system = SystemsOwn<decltype(posix_spawn)>("posix_spawn");
+static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
+                 const posix_spawnattr_t* attributes, char* const arguments[],
+                 char* const environment[]) {
     TRunRecord run = Describe(path, arguments);
     const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
-    const CSpawnAttributes cleanAttributes;
+    CSpawnAttributes cleanAttributes;
+    cleanAttributes.ResetSignals();
     const auto start = [&](const std::optional<std::string>& mark) {
-        const CSpawnActions cleanActions(output.Get(), mark);
-        return system(process, path, actions != nullptr ? actions : cleanActions.Get(),
-                      attributes != nullptr ? attributes : cleanAttributes.Get(), arguments,
-                      environment);
+        CSpawnActions cleanActions;
+        FillActions(cleanActions, output.Get(), mark);
+        return NextLaunchHandlers().spawn(
+            process, path, actions != nullptr ? actions : cleanActions.Get(),
+            attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, environment);
     };
     std::optional<std::string> mark;
     if (run.task && run.due)
@@ -149,7 +102,7 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     return result;
 }
 
-extern "C" pid_t waitpid(pid_t process, int* status, int options) {
+static pid_t Wait(pid_t process, int* status, int options) {
     int known = 0;
     rusage usage{};
     const pid_t result = wait4(process, &known, options, &usage);
@@ -159,4 +112,9 @@ extern "C" pid_t waitpid(pid_t process, int* status, int options) {
     CStartedPrograms::Instance().Asked(process, result, known, usage);
     errno = error;
     return result;
+}
+
+void TakeLaunches(const CProgramOutput* output) {
+    gOutput = output;
+    SetLaunchHandlers({.spawn = Spawn, .wait = Wait});
 }

@@ -2,6 +2,6 @@
 
 class CProgramOutput;
 
-// Has programs that are started from now on write where `output` says; null: where the host does.
-// The caller keeps it alive. To be called while no program can be started.
-void SetProgramOutput(const CProgramOutput* output);
+// From now on the host launches what the add-in wants launched, and programs write where `output` says;
+// null: where the host does. The caller keeps it alive. To be called while no program can be launched.
+void TakeLaunches(const CProgramOutput* output);

@@ -19,8 +19,8 @@
 #include <vxsched/Repair.h>
 #include <vxsched/SchedulingProcess.h>
 #include "host/CHostLog.h"
+#include "host/HostThread.h"
 #include "host/recovery/LaunchRecords.h"
-#include "host/service/CTickTimer.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/StopEvent.h"
@@ -98,7 +98,7 @@ bool CTableGuard::Watch() {
 }
 
 void CTableGuard::Run() {
-    TellHostThread();
+    MarkHostThread();
     // What the first look could not see is looked at again.
     bool again = !lastGood;
     while (!stopping) {

@@ -2,8 +2,8 @@
 
 #include <vxsched/Table.h>
 
-// From when to when a host looked after tasks: what came due in between was its to start.
-struct TWatch {
+// From when to when a host was up: what came due in between was its to launch.
+struct TUptime {
     vxsched::TTime since;
     vxsched::TTime until;
 };

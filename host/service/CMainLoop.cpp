@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/CHostLog.h"
+#include "host/HostThread.h"
 #include "store/StopEvent.h"
 
 // Where no service manager says how long a worker may seem dead. It is for the log only.
@@ -32,7 +33,7 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
       watch(service.Patience().count() > 0 ? service.Patience() : cUsualPatience, TClock::now()) {
     Watch(signals.Descriptor(), [this] { TakeSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
-    TellHostThread();
+    MarkHostThread();
     if (service.Patience().count() > 0)
         return;
     ticks.emplace(cLateTick);

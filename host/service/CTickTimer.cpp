@@ -4,8 +4,9 @@
 
 #include <atomic>
 
+#include "host/HostThread.h"
+
 static std::atomic<const CTickTimer*> gTimer{nullptr};
-static thread_local bool gIsHostThread = false;
 
 CTickTimer::CTickTimer(std::chrono::milliseconds longest)
     : limit(longest), timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
@@ -26,12 +27,8 @@ void CTickTimer::Push() const {
     timerfd_settime(timer.Get(), 0, &setting, nullptr);
 }
 
-void TellTick() {
-    const CTickTimer* const timer = gIsHostThread ? nullptr : gTimer.load();
+void PushTickTimer() {
+    const CTickTimer* const timer = IsHostThread() ? nullptr : gTimer.load();
     if (timer != nullptr)
         timer->Push();
-}
-
-void TellHostThread() {
-    gIsHostThread = true;
 }

@@ -25,9 +25,6 @@ private:
     const CDescriptor timer;
 };
 
-// A tick asks for the time. This thread has asked for it: that is a tick, unless it is one of the
-// host's own.
-void TellTick();
-
-// This thread is one of the host's own.
-void TellHostThread();
+// A tick asks for the time. The calling thread has asked for it: that is a tick, unless the thread is
+// one of the host's own (host/HostThread.h). Pushes the timer on, if there is one.
+void PushTickTimer();

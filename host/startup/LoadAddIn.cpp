@@ -49,7 +49,7 @@ static void Tell(const TPrepared& prepared, CRunHistory& history) {
 }
 
 // Returns when the watch begins.
-static vxsched::TTime Prepare(const std::optional<TWatch>& former, CRunHistory& history) {
+static vxsched::TTime Prepare(const std::optional<TUptime>& former, CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = MendTable();
     const std::vector<TStartMark> marks = ReadMarks();
@@ -61,16 +61,16 @@ static vxsched::TTime Prepare(const std::optional<TWatch>& former, CRunHistory& 
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
     for (const TStartMark& mark : marks)
         RemoveMark(mark);
-    return BeginningOfWatch(prepared, now);
+    return BeginningOfUptime(prepared, now);
 }
 
-TLoaded LoadAddIn(const THostOptions& options, const std::optional<TWatch>& former,
+TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& former,
                   CRunHistory& history,
                   const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
     CStoreGate gate(options.patience);
     TLoaded loaded;
     try {
-        loaded.watchSince = Prepare(former, history);
+        loaded.upSince = Prepare(former, history);
     } catch (const vxsched::CClientError& error) {
         throw CHostError(cBadTable,
                          fmt::format("cannot make the table fit to be loaded: {}. It was "

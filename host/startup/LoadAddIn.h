@@ -19,8 +19,8 @@
 // mended, cNoAddIn, cNoStore, cNoDirectory.
 struct TLoaded {
     std::unique_ptr<CAddInLibrary> library;
-    vxsched::TTime watchSince;
+    vxsched::TTime upSince;
 };
-TLoaded LoadAddIn(const THostOptions& options, const std::optional<TWatch>& former,
+TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& former,
                   CRunHistory& history,
                   const std::function<std::unique_ptr<CAddInLibrary>()>& load);

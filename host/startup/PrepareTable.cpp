@@ -12,7 +12,7 @@ using vxsched::TTime;
 // A client may put a task into the table whose time has just come, or has passed.
 static constexpr std::chrono::minutes cPastStart(10);
 
-static bool IsLate(const TTaskEntry& task, const std::optional<TWatch>& former) {
+static bool IsLate(const TTaskEntry& task, const std::optional<TUptime>& former) {
     // What ended the former host in its start would end this one, and the next.
     return former && !vxsched::AbortsItsStart(task.program) &&
            task.next >= former->since - cPastStart && task.next <= former->until;
@@ -29,7 +29,7 @@ static TRunRecord MissedRun(const TTaskEntry& task) {
 }
 
 TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMark>& marks,
-                       const std::optional<TWatch>& former, TTime now) {
+                       const std::optional<TUptime>& former, TTime now) {
     ApplyMarks(marks, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
@@ -51,7 +51,7 @@ TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMa
     return prepared;
 }
 
-TTime BeginningOfWatch(const TPrepared& prepared, TTime now) {
+TTime BeginningOfUptime(const TPrepared& prepared, TTime now) {
     TTime beginning = now;
     for (const TTaskEntry& task : prepared.late)
         beginning = std::min(beginning, task.next);

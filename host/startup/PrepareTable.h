@@ -20,8 +20,8 @@ struct TPrepared {
 // those that came due in that watch stay due, and the others were missed: they are moved on to their
 // grid, or removed when they run once, just as a load would do. Paused tasks stay as they are.
 TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks, const std::vector<TStartMark>& marks,
-                       const std::optional<TWatch>& former, vxsched::TTime now);
+                       const std::optional<TUptime>& former, vxsched::TTime now);
 
 // When the watch of this host begins, for one that comes after it: with the first of the tasks that it
 // took over.
-vxsched::TTime BeginningOfWatch(const TPrepared& prepared, vxsched::TTime now);
+vxsched::TTime BeginningOfUptime(const TPrepared& prepared, vxsched::TTime now);

@@ -253,7 +253,7 @@ protected:
 };
 
 TEST_F(RunHistory, KeepsALineARecordInTheirOrder) {
-    CRunHistory history(1 << 20);
+    CRunHistory history(1 << 20, LogWarning);
     history.Add(Numbered(1));
     history.Add(Numbered(2));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + NumberedLine(2));
@@ -261,7 +261,7 @@ TEST_F(RunHistory, KeepsALineARecordInTheirOrder) {
 }
 
 TEST_F(RunHistory, IsMovedAwayBeforeItWouldOutgrowItsSize) {
-    CRunHistory history(2 * NumberedLine(1).size());
+    CRunHistory history(2 * NumberedLine(1).size(), LogWarning);
     for (int number = 1; number <= 5; ++number)
         history.Add(Numbered(number));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(5));
@@ -269,7 +269,7 @@ TEST_F(RunHistory, IsMovedAwayBeforeItWouldOutgrowItsSize) {
 }
 
 TEST_F(RunHistory, RecordLargerThanTheSizeIsKeptAlone) {
-    CRunHistory history(10);
+    CRunHistory history(10, LogWarning);
     history.Add(Numbered(1));
     history.Add(Numbered(2));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(2));
@@ -277,13 +277,13 @@ TEST_F(RunHistory, RecordLargerThanTheSizeIsKeptAlone) {
 }
 
 TEST_F(RunHistory, SizeOfZeroKeepsNone) {
-    CRunHistory history(0);
+    CRunHistory history(0, LogWarning);
     history.Add(Numbered(1));
     EXPECT_FALSE(std::filesystem::exists(cHistory));
 }
 
 TEST_F(RunHistory, MovedAwayItBeginsAnew) {
-    CRunHistory history(1 << 20);
+    CRunHistory history(1 << 20, LogWarning);
     history.Add(Numbered(1));
     std::filesystem::rename(cHistory, "files/saved");
     history.Add(Numbered(2));
@@ -291,14 +291,14 @@ TEST_F(RunHistory, MovedAwayItBeginsAnew) {
 }
 
 TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
-    CRunHistory history(1 << 20);
+    CRunHistory history(1 << 20, LogWarning);
     history.Add(Numbered(1));
     CForkedChild child([] {
         CHostLog::Instance().WriteTo("log");
         std::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{.rlim_cur = NumberedLine(1).size() + 10, .rlim_max = RLIM_INFINITY};
         setrlimit(RLIMIT_FSIZE, &limit);
-        CRunHistory(1 << 20).Add(Numbered(2));
+        CRunHistory(1 << 20, LogWarning).Add(Numbered(2));
         return 0;
     });
     EXPECT_EQ(child.Wait(), 0);
@@ -310,9 +310,9 @@ TEST_F(RunHistory, PipeInItsPlaceTakesNoRecordAndIsNotWaitedFor) {
     ASSERT_EQ(mkfifo(cHistory, 0644), 0);
     CForkedChild child([] {
         CHostLog::Instance().WriteTo("log of a pipe");
-        CRunHistory(1 << 20).Add(Numbered(1));
+        CRunHistory(1 << 20, LogWarning).Add(Numbered(1));
         const CDescriptor reader(open(cHistory, O_RDONLY | O_NONBLOCK));
-        CRunHistory(1 << 20).Add(Numbered(2));
+        CRunHistory(1 << 20, LogWarning).Add(Numbered(2));
         char byte = 0;
         return read(reader.Get(), &byte, 1) == 1 ? 1 : 42;
     });

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+#include "host/HostThread.h"
 #include "host/service/CTickTimer.h"
 #include "host/service/CWorkerWatchdog.h"
 #include "store/CStoreMutexLock.h"
@@ -107,12 +108,12 @@ TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
         ASSERT_TRUE(isReadable(-1));
     };
     runOut();
-    TellTick();
+    PushTickTimer();
     EXPECT_FALSE(isReadable(0));
     runOut();
     std::thread([] {
-        TellHostThread();
-        TellTick();
+        MarkHostThread();
+        PushTickTimer();
     }).join();
     EXPECT_TRUE(isReadable(0));
     timer.Push();

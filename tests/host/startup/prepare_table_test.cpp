@@ -144,7 +144,7 @@ static std::string Named(const std::vector<TRunRecord>& missed) {
 
 static TPrepared Prepared(const std::vector<TTaskEntry>& table,
                           const std::vector<TStartMark>& marks = {},
-                          const std::optional<TWatch>& former = {}) {
+                          const std::optional<TUptime>& former = {}) {
     return PrepareTable(table, marks, former, cNow);
 }
 
@@ -186,11 +186,12 @@ TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
         Task("later", Later(-6), "/p", ""), Task("early", Later(-90'000), "/p", ""),
         Task("long ago", Later(-90'601), "/p", "")};
     const TPrepared prepared =
-        Prepared(table, {}, TWatch{.since = Later(-90'000), .until = Later(-7)});
+        Prepared(table, {}, TUptime{.since = Later(-90'000), .until = Later(-7)});
     EXPECT_EQ(NamesOf(prepared.late), "watched;once watched;early;");
     EXPECT_EQ(Named(prepared.missed), "later on;long ago on;");
-    EXPECT_EQ(BeginningOfWatch(prepared, cNow), Later(-90'000)) << "should this host be killed too";
-    EXPECT_EQ(BeginningOfWatch(Prepared(table), cNow), cNow);
+    EXPECT_EQ(BeginningOfUptime(prepared, cNow), Later(-90'000))
+        << "should this host be killed too";
+    EXPECT_EQ(BeginningOfUptime(Prepared(table), cNow), cNow);
     EXPECT_EQ(prepared.tasks[0], table[0]);
     EXPECT_EQ(prepared.tasks[1], table[1]);
 }
@@ -198,7 +199,7 @@ TEST(PrepareTable, WhatCameDueUnderTheFormerHostStaysDue) {
 TEST(PrepareTable, WhatEndedTheFormerHostInItsStartIsNotStartedAgain) {
     const TPrepared prepared =
         Prepared({Task("bad", Later(-7), "/bin/a.sh", ""), Task("good", Later(-7), "/p", "")}, {},
-                 TWatch{.since = Later(-60), .until = cNow});
+                 TUptime{.since = Later(-60), .until = cNow});
     EXPECT_EQ(NamesOf(prepared.late), "good;");
     EXPECT_EQ(Named(prepared.missed), "bad on;");
 }
@@ -219,7 +220,7 @@ TEST(PrepareTable, WhatWasStartedIsNotStartedAgain) {
         {.task = "started", .due = Later(-7), .started = Later(-6)},
         {.task = MarkName("once started"), .due = Later(-7), .started = Later(-5)},
         {.task = "not", .due = Later(-3607), .started = Later(-3600)}};
-    const TPrepared prepared = Prepared(table, marks, TWatch{.since = Later(-60), .until = cNow});
+    const TPrepared prepared = Prepared(table, marks, TUptime{.since = Later(-60), .until = cNow});
     EXPECT_EQ(NamesOf(prepared.tasks), "started;not;");
     EXPECT_EQ(prepared.tasks[0].next, Later(3593));
     EXPECT_EQ(prepared.tasks[0].last, Later(-6));

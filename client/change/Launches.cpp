@@ -1,0 +1,54 @@
+#include "client/change/Launches.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+
+#include "base/Spawn.h"
+#include "interpose/Launch.h"
+
+namespace vxsched {
+
+static TLaunchListener gListener;
+static std::map<pid_t, int> gEnds;  // of programs that the add-in has collected
+
+static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t*,
+                 const posix_spawnattr_t*, char* const arguments[], char* const environment[]) {
+    CSpawnAttributes attributes;
+    attributes.ResetSignals();
+    CSpawnActions actions;
+    actions.CloseFrom(STDERR_FILENO + 1);
+    const int error = NextLaunchHandlers().spawn(process, path, actions.Get(), attributes.Get(),
+                                                 arguments, environment);
+    gListener(error == 0 ? *process : 0, error);
+    return error;
+}
+
+static pid_t Wait(pid_t process, int* status, int options) {
+    int known = 0;
+    const pid_t result = NextLaunchHandlers().wait(process, &known, options);
+    if (result > 0) {
+        gEnds[result] = known;
+        if (status != nullptr)
+            *status = known;
+    }
+    return result;
+}
+
+void ListenToLaunches(TLaunchListener listener) {
+    gListener = std::move(listener);
+    SetLaunchHandlers({.spawn = Spawn, .wait = Wait});
+}
+
+std::optional<int> WaitForEnd(pid_t process) {
+    int status = 0;
+    while (!gEnds.contains(process) && waitpid(process, &status, 0) == -1) {
+        if (errno != EINTR)
+            return {};
+    }
+    return gEnds[process];
+}
+
+}  // namespace vxsched

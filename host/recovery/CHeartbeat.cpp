@@ -1,0 +1,73 @@
+#include "host/recovery/CHeartbeat.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "host/CHostLog.h"
+
+namespace {
+
+constexpr char cFile[] = "files/started/alive";
+constexpr std::chrono::seconds cBetweenTicks(60);
+
+// In a file of which no host has had its uptime: it begins after its end.
+constexpr std::int64_t cNoUptime = std::numeric_limits<std::int64_t>::max();
+
+// What the file holds, in seconds since 1970.
+struct TContent {
+    std::int64_t last = 0;
+    std::int64_t since = cNoUptime;
+};
+
+std::atomic<int> gFile{-1};  // as long as heartbeats are written
+std::atomic<std::int64_t> gSince{0};
+std::atomic<std::int64_t> gLast{0};
+
+bool Write(int descriptor, const TContent& content) {
+    return pwrite(descriptor, &content, sizeof content, 0) == sizeof content;
+}
+
+}  // namespace
+
+CHeartbeat::CHeartbeat() : file(open(cFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    TContent content;
+    if (pread(file.Get(), &content, sizeof content, 0) == sizeof content)
+        former =
+            TUptime{.since = vxsched::TTime(std::chrono::seconds(content.since)),
+                    .until = vxsched::TTime(std::chrono::seconds(content.last) + cBetweenTicks)};
+    // A full disk is reported here; from then on each heartbeat takes the same room again.
+    if (!file.IsOpen() || !Write(file.Get(), former ? content : TContent()))
+        LogWarning(
+            fmt::format("cannot write to {}: {}. After a kill, tasks that were due just before "
+                        "will count as missed.",
+                        cFile, std::strerror(errno)));
+}
+
+CHeartbeat::~CHeartbeat() {
+    gFile = -1;
+}
+
+void CHeartbeat::Begin(vxsched::TTime since) {
+    gSince = since.time_since_epoch().count();
+    gFile = file.Get();
+    Beat(std::time(nullptr));
+}
+
+void CHeartbeat::Stop() {
+    const std::int64_t now = std::time(nullptr);
+    gFile = -1;
+    static_cast<void>(Write(file.Get(), {.last = now - cBetweenTicks.count(), .since = gSince}));
+}
+
+void CHeartbeat::Beat(time_t now) {
+    const int descriptor = gFile.load(std::memory_order_relaxed);
+    if (descriptor != -1 && gLast.exchange(now, std::memory_order_relaxed) != now)
+        static_cast<void>(Write(descriptor, {.last = now, .since = gSince}));
+}

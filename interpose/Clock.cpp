@@ -1,0 +1,35 @@
+#include "interpose/Clock.h"
+
+#include <atomic>
+#include <cerrno>
+#include <limits>
+
+static std::atomic<bool> gIsFrozen{false};
+static std::atomic<void (*)(time_t)> gListener{nullptr};
+
+CFrozenClock::CFrozenClock() {
+    gIsFrozen = true;
+}
+
+CFrozenClock::~CFrozenClock() {
+    gIsFrozen = false;
+}
+
+void SetTimeListener(void (*listener)(time_t now)) {
+    gListener = listener;
+}
+
+extern "C" time_t time(time_t* out) noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    if (const auto listener = gListener.load(std::memory_order_relaxed)) {
+        const int error = errno;
+        listener(now.tv_sec);
+        errno = error;
+    }
+    if (gIsFrozen.load(std::memory_order_relaxed))
+        now.tv_sec = std::numeric_limits<time_t>::min();
+    if (out != nullptr)
+        *out = now.tv_sec;
+    return now.tv_sec;
+}
