@@ -13,18 +13,18 @@
 static std::map<std::string, std::string> gFolders;
 
 static std::string MakeFolderIn(const std::string& parent) {
-    std::string folder = parent + "/vantrix-bench-XXXXXX";
-    if (mkdtemp(folder.data()) == nullptr) {
+    std::string directory = parent + "/vantrix-bench-XXXXXX";
+    if (mkdtemp(directory.data()) == nullptr) {
         std::perror(("cannot make a folder in " + parent).c_str());
         std::exit(1);
     }
-    std::filesystem::create_directory(folder + "/files");
-    return folder;
+    std::filesystem::create_directory(directory + "/files");
+    return directory;
 }
 
-static std::string FileSystemOf(const std::string& folder) {
+static std::string FileSystemOf(const std::string& directory) {
     struct statfs status {};
-    if (statfs(folder.c_str(), &status) != 0)
+    if (statfs(directory.c_str(), &status) != 0)
         return "unknown";
     switch (status.f_type) {
         case EXT4_SUPER_MAGIC:
@@ -46,16 +46,16 @@ CPlaces::CPlaces() {
     const char* const memory = std::getenv("BENCH_MEMORY");
     gFolders["disk"] = MakeFolderIn(std::filesystem::current_path().string());
     gFolders["tmpfs"] = MakeFolderIn(memory != nullptr ? memory : "/dev/shm");
-    for (const auto& [place, folder] : gFolders)
-        benchmark::AddCustomContext(place, FileSystemOf(folder));
+    for (const auto& [place, directory] : gFolders)
+        benchmark::AddCustomContext(place, FileSystemOf(directory));
     EnterPlace(cPlaces[0]);
 }
 
 CPlaces::~CPlaces() {
     std::error_code ignored;
     std::filesystem::current_path("/", ignored);
-    for (const auto& [place, folder] : gFolders)
-        std::filesystem::remove_all(folder, ignored);
+    for (const auto& [place, directory] : gFolders)
+        std::filesystem::remove_all(directory, ignored);
 }
 
 void EnterPlace(const std::string& place) {

@@ -5,13 +5,13 @@
 namespace vxsched {
 
 // Beside the command's own folder, in the build as when it is installed.
-std::string LibraryFolder() {
+std::string LibraryDirectory() {
     std::error_code ignored;
     const std::filesystem::path root =
         std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
-    for (const char* const folder : {"lib", VXSCHED_LIBRARY_DIRECTORY}) {
-        if (std::filesystem::exists(root / folder / "vantrix" / "vxsched-change", ignored))
-            return root / folder;
+    for (const char* const directory : {"lib", VXSCHED_LIBRARY_DIRECTORY}) {
+        if (std::filesystem::exists(root / directory / "vantrix" / "vxsched-change", ignored))
+            return root / directory;
     }
     return root / VXSCHED_LIBRARY_DIRECTORY;
 }

@@ -9,7 +9,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/ExitStatus.h"
-#include "cli/time/PeriodText.h"
+#include "cli/time/PeriodFormat.h"
 
 namespace vxsched {
 
@@ -78,7 +78,7 @@ private:
     TCommand chosen;
 
     std::string directory = ".";
-    double patience = 60;  // seconds
+    double lockTimeout = 60;  // seconds
     bool utc = false;
     std::vector<std::string> forced;
 
@@ -86,7 +86,7 @@ private:
     bool failedOnly = false;
     std::optional<std::size_t> count;
     std::string until;
-    TTaskTexts task;
+    TTaskArguments task;
     TNames names;
     bool replace = false;
     bool merge = false;
@@ -107,7 +107,7 @@ CCommandLine::CCommandLine() {
         ->envname("VXSCHED_DIRECTORY")
         ->type_name("DIR")
         ->capture_default_str();
-    app.add_option("--patience", patience, "How long to wait for others, in seconds")
+    app.add_option("--patience", lockTimeout, "How long to wait for others, in seconds")
         ->check(CLI::Range(0.0, 86400.0).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
@@ -324,7 +324,8 @@ void CCommandLine::WarnOfNoHost() const {
 int CCommandLine::Run(int argc, const char* const* argv) {
     app.parse(argc, argv);
     common.store.directory = directory;
-    common.store.patience = std::chrono::milliseconds(static_cast<std::int64_t>(patience * 1000));
+    common.store.lockTimeout =
+        std::chrono::milliseconds(static_cast<std::int64_t>(lockTimeout * 1000));
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
     if (file.empty() && shell.empty())
@@ -332,9 +333,8 @@ int CCommandLine::Run(int argc, const char* const* argv) {
     const int status = chosen();
     try {
         output.Finish();
-    } catch (const CClientError& error) {
-        throw CClientError(error.Code(),
-                           std::string(error.what()) + "; all but this was done as asked");
+    } catch (const CError& error) {
+        throw CError(error.Code(), std::string(error.what()) + "; all but this was done as asked");
     }
     return status;
 }
@@ -359,11 +359,11 @@ int Main(int argc, const char* const* argv) {
         return line.Explain(request);
     } catch (const CLI::ParseError& error) {
         return Fail(line.Problem(error) + ". vxsched --help shows how it is used.", cUsageStatus);
-    } catch (const CTextError& error) {
+    } catch (const CParseError& error) {
         return Fail(error.what(), cUsageStatus);
     } catch (const CUsageError& error) {
         return Fail(error.what(), cUsageStatus);
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         return Fail(error.what(), StatusOf(error.Code()));
     } catch (const std::exception& error) {
         return Fail(error.what(), cRefusedStatus);

@@ -23,7 +23,7 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == -1)
         throw SystemError("cannot make a socket pair", errno);
     socket = ends[0];
-    std::string program = LibraryFolder() + "/vantrix/vxsched-change";
+    std::string program = LibraryDirectory() + "/vantrix/vxsched-change";
     std::array<char*, 2> arguments = {program.data(), nullptr};
     CSpawnActions actions;
     actions.Duplicate(ends[1], STDIN_FILENO);
@@ -72,7 +72,7 @@ void CChangeProcess::Send(const std::string& bytes) const {
     }
 }
 
-std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> patience) {
+std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> lockTimeout) {
     for (;;) {
         std::string left = received;
         const std::optional<std::string> kind = TakeField(left);
@@ -81,10 +81,11 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
             return TMessage{*kind, std::move(*text)};
         }
         pollfd source{.fd = socket, .events = POLLIN, .revents = 0};
-        const int ready = poll(&source, 1, patience ? static_cast<int>(patience->count()) : -1);
+        const int ready =
+            poll(&source, 1, lockTimeout ? static_cast<int>(lockTimeout->count()) : -1);
         if (ready == 0)
-            throw CClientError(EError::cBusy, "the change was not finished within " +
-                                                  std::to_string(patience->count()) + " ms");
+            throw CError(EError::cBusy, "the change was not finished within " +
+                                            std::to_string(lockTimeout->count()) + " ms");
         std::array<char, 1 << 16> block{};
         const ssize_t count = ready == -1 ? -1 : read(socket, block.data(), block.size());
         if (count > 0)

@@ -14,15 +14,15 @@ namespace vxsched {
 // collected, at the latest by the destructor, which kills it when it is still there.
 class CChangeProcess {
 public:
-    // Starts it and hands it the request. Throws CClientError (cFailed).
+    // Starts it and hands it the request. Throws CError (cFailed).
     explicit CChangeProcess(const TRequest& request);
     ~CChangeProcess();
     CChangeProcess(const CChangeProcess&) = delete;
     CChangeProcess& operator=(const CChangeProcess&) = delete;
 
-    // Its next message; none when it has ended. Throws CClientError (cBusy) when `patience` passes
+    // Its next message; none when it has ended. Throws CError (cBusy) when `patience` passes
     // without one; without limit when that is none.
-    std::optional<TMessage> Next(std::optional<std::chrono::milliseconds> patience);
+    std::optional<TMessage> Next(std::optional<std::chrono::milliseconds> lockTimeout);
 
     void Kill() const;
 

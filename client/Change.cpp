@@ -26,19 +26,19 @@ using std::chrono::milliseconds;
 constexpr milliseconds cWork(10'000);
 constexpr milliseconds cCall(100);  // for each of the calls, which writes the table
 constexpr milliseconds cPause(50);
-constexpr milliseconds cRestart(3'000);  // within which a new scheduling process may be there
-constexpr int cMostPatience = 10;        // times the patience, however much moves meanwhile
+constexpr milliseconds cRestartLimit(3'000);  // within which a new scheduling process may be there
+constexpr int cMostTimeouts = 10;             // times the patience, however much moves meanwhile
 
 TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls) {
     std::error_code error;
     return {std::filesystem::absolute(options.directory, error).string(),
-            options.addIn.empty() ? LibraryFolder() + "/libVantrixScheduler.so"
+            options.addIn.empty() ? LibraryDirectory() + "/libVantrixScheduler.so"
                                   : std::filesystem::absolute(options.addIn, error).string(),
-            options.patience.count(), options.evenIfDue, calls};
+            options.lockTimeout.count(), options.evenIfDue, calls};
 }
 
 // "2 there is no task ...": the code, then the text.
-CClientError ErrorOf(const std::string& message) {
+CError ErrorOf(const std::string& message) {
     const std::size_t blank = message.find(' ');
     return {static_cast<EError>(std::stoi(message.substr(0, blank))), message.substr(blank + 1)};
 }
@@ -46,16 +46,16 @@ CClientError ErrorOf(const std::string& message) {
 // Puts the table from before the change back if the change process has left a damaged one.
 // Returns what was done, in words.
 std::string Recover(const TStoreOptions& options) {
-    const CLoadTurn turn(options.directory, options.patience);
-    const CStoreLock lock(options.patience);
+    const CWriterLock turn(options.directory, options.lockTimeout);
+    const CStoreMutexLock lock(options.lockTimeout);
     try {
         DecodeTable(ReadBytes(TableFile(options.directory)), Now());
         return "the table is sound";
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
     }
-    const std::filesystem::path before = TableBefore(options.directory);
+    const std::filesystem::path before = BackupFile(options.directory);
     DecodeTable(ReadBytes(before), Now());
     if (rename(before.c_str(), TableFile(options.directory).c_str()) == -1)
         throw SystemError("cannot put back " + before.string(), errno);
@@ -70,10 +70,10 @@ std::string Recover(const TStoreOptions& options) {
         text += "; the add-in says: " + message;
     try {
         text += "; " + Recover(options);
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         text += "; what it has left could not be looked after: " + std::string(error.what());
     }
-    throw CClientError(EError::cFailed, text);
+    throw CError(EError::cFailed, text);
 }
 
 struct TAttempt {
@@ -83,10 +83,10 @@ struct TAttempt {
     bool isRead = false;
     std::string due;      // the task for which it was not made
     std::string changed;  // likewise
-    std::optional<CClientError> error;
+    std::optional<CError> error;
 };
 
-void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TAttempt& attempt) {
+void Take(const TMessage& message, const std::function<void(pid_t)>& onLaunch, TAttempt& attempt) {
     if (message.kind == cMessageDue)
         attempt.due = message.text;
     else if (message.kind == cMessageBegun)
@@ -99,14 +99,14 @@ void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TA
         attempt.error = ErrorOf(message.text);
     else if (message.kind == cMessageLog)
         attempt.outcome.log.push_back(message.text);
-    else if (message.kind == cMessageNotStarted)
+    else if (message.kind == cMessageLaunchFailed)
         attempt.outcome.startError = message.text;
     else if (message.kind == cMessageEnded)
         attempt.outcome.status = std::stoi(message.text);
-    else if (message.kind == cMessageStarted) {
+    else if (message.kind == cMessageLaunched) {
         attempt.outcome.process = std::stoi(message.text);
-        if (onStart)
-            onStart(attempt.outcome.process);
+        if (onLaunch)
+            onLaunch(attempt.outcome.process);
     } else if (message.kind == cMessageTable) {
         attempt.bytes = message.text;
         attempt.isRead = true;
@@ -114,17 +114,17 @@ void Take(const TMessage& message, const std::function<void(pid_t)>& onStart, TA
 }
 
 TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
-             const std::function<void(pid_t)>& onStart) {
+             const std::function<void(pid_t)>& onLaunch) {
     TAttempt attempt;
     std::string hung;
     CChangeProcess process(RequestOf(options, calls));
     try {
-        const milliseconds patience = 2 * options.patience + cWork + calls.size() * cCall;
+        const milliseconds lockTimeout = 2 * options.lockTimeout + cWork + calls.size() * cCall;
         // Once the table is read back, only the end of a program is left to wait for.
         while (const std::optional<TMessage> message =
-                   process.Next(attempt.isRead ? std::nullopt : std::optional(patience)))
-            Take(*message, onStart, attempt);
-    } catch (const CClientError& error) {
+                   process.Next(attempt.isRead ? std::nullopt : std::optional(lockTimeout)))
+            Take(*message, onLaunch, attempt);
+    } catch (const CError& error) {
         hung = error.what();
         process.Kill();
     }
@@ -145,19 +145,19 @@ bool IsDueBy(const TTaskEntry& task, TTime time) {
 }
 
 // Wakes the scheduling process until every task that is due has been started and moved on.
-void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
+void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (!scheduler)
-        throw CClientError(EError::cNoScheduler,
-                           "task \"" + due +
-                               "\" is due and there is no scheduling process to start it; start "
-                               "one, or go on with --even-if-due (evenIfDue), which leaves it due");
+        throw CError(EError::cNoScheduler,
+                     "task \"" + due +
+                         "\" is due and there is no scheduling process to start it; start "
+                         "one, or go on with --even-if-due (evenIfDue), which leaves it due");
     const auto start = std::chrono::steady_clock::now();
-    auto end = start + options.patience;
+    auto end = start + options.lockTimeout;
     auto lastSeen = start;
     std::vector<TTaskEntry> seen;
     while (std::chrono::steady_clock::now() < end) {
-        const TTable table = ReadTable(options.directory, options.patience);
+        const TTable table = ReadTable(options.directory, options.lockTimeout);
         const auto isDueBy = [&](TTime time) {
             return std::any_of(table.tasks.begin(), table.tasks.end(),
                                [&](const TTaskEntry& task) { return IsDueBy(task, time); });
@@ -166,25 +166,24 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
             return;
         if (FindSchedulingProcess(options.directory))
             lastSeen = std::chrono::steady_clock::now();
-        else if (std::chrono::steady_clock::now() - lastSeen > cRestart)
-            throw CClientError(EError::cNoScheduler,
-                               "task \"" + due +
-                                   "\" is due and the scheduling process has ended meanwhile; "
-                                   "start one, or go on with --even-if-due (evenIfDue)");
+        else if (std::chrono::steady_clock::now() - lastSeen > cRestartLimit)
+            throw CError(EError::cNoScheduler,
+                         "task \"" + due +
+                             "\" is due and the scheduling process has ended meanwhile; "
+                             "start one, or go on with --even-if-due (evenIfDue)");
         if (isDueBy(Now()))
             WakeSchedulingProcess();
         // A tick takes two seconds for each start; as long as something moves it is waited for.
         if (table.tasks != seen)
-            end = std::min(start + cMostPatience * options.patience,
-                           std::chrono::steady_clock::now() + options.patience);
+            end = std::min(start + cMostTimeouts * options.lockTimeout,
+                           std::chrono::steady_clock::now() + options.lockTimeout);
         seen = table.tasks;
         std::this_thread::sleep_for(cPause);
     }
-    throw CClientError(EError::cBusy, "task \"" + due + "\" is due and process " +
-                                          std::to_string(scheduler->process) +
-                                          " has not started it within " +
-                                          std::to_string(options.patience.count()) +
-                                          " ms; nothing was changed; look at the host's log");
+    throw CError(EError::cBusy,
+                 "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +
+                     " has not started it within " + std::to_string(options.lockTimeout.count()) +
+                     " ms; nothing was changed; look at the host's log");
 }
 
 }  // namespace
@@ -192,28 +191,28 @@ void WaitUntilStarted(const TStoreOptions& options, const std::string& due) {
 void RequireSharedStore(const TStoreOptions& options) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (scheduler && !scheduler->sharesStore)
-        throw CClientError(EError::cNoScheduler,
-                           "the scheduling process " + std::to_string(scheduler->process) +
-                               " runs in another IPC namespace: it would not notice a change, and "
-                               "write over it; run this in the same one");
+        throw CError(EError::cNoScheduler,
+                     "the scheduling process " + std::to_string(scheduler->process) +
+                         " runs in another IPC namespace: it would not notice a change, and "
+                         "write over it; run this in the same one");
 }
 
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const std::function<void(pid_t)>& onStart) {
+                    const std::function<void(pid_t)>& onLaunch) {
     RequireSharedStore(options);
-    TAttempt attempt = Try(options, calls, onStart);
+    TAttempt attempt = Try(options, calls, onLaunch);
     // What is due by now may be others, so this goes on as long as the scheduling process keeps up.
     while (!attempt.due.empty()) {
-        WaitUntilStarted(options, attempt.due);
-        attempt = Try(options, calls, onStart);
+        WaitUntilLaunched(options, attempt.due);
+        attempt = Try(options, calls, onLaunch);
     }
     if (attempt.error)
-        throw CClientError(*attempt.error);
+        throw CError(*attempt.error);
     if (!attempt.changed.empty())
         throw CChangedMeanwhile(attempt.changed);
     try {
         attempt.outcome.table = DecodeTable(attempt.bytes, Now());
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         Fail(options, error.what(), attempt.outcome.log);
     }
     if (FindSchedulingProcess(options.directory))

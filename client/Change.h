@@ -25,14 +25,13 @@ struct TOutcome {
 };
 
 // A task that mustBeAsSeen is not any more; nothing was changed.
-class CChangedMeanwhile : public CClientError {
+class CChangedMeanwhile : public CError {
 public:
     explicit CChangedMeanwhile(const std::string& name)
-        : CClientError(EError::cBusy,
-                       "task \"" + name + "\" is being changed by others; try again") {}
+        : CError(EError::cBusy, "task \"" + name + "\" is being changed by others; try again") {}
 };
 
-// Throws CClientError (cNoScheduler) when the scheduling process of the directory runs in another IPC
+// Throws CError (cNoScheduler) when the scheduling process of the directory runs in another IPC
 // namespace, where it would not notice a change and write over it.
 void RequireSharedStore(const TStoreOptions& options);
 
@@ -41,6 +40,6 @@ void RequireSharedStore(const TStoreOptions& options);
 // throw. That the table is as the calls
 // mean it is for the caller to see. Throws CClientError.
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const std::function<void(pid_t)>& onStart = {});
+                    const std::function<void(pid_t)>& onLaunch = {});
 
 }  // namespace vxsched

@@ -32,41 +32,40 @@ void CheckAccess() {
 void CheckHarm(const TTable& table) {
     for (const TProblem& problem : table.problems) {
         if (problem.kind != TProblem::cUnusual)
-            throw CClientError(EError::cDamaged, problem.text + "; repair the table first");
+            throw CError(EError::cDamaged, problem.text + "; repair the table first");
     }
 }
 
 void CheckName(const TTaskEntry* found, const TCall& call) {
     if (found != nullptr && call.mustBeNew)
-        throw CClientError(EError::cRefused,
-                           "there is a task " + Quoted(call.task.name) +
-                               " already; replace or edit it, or choose another name");
+        throw CError(EError::cRefused, "there is a task " + Quoted(call.task.name) +
+                                           " already; replace or edit it, or choose another name");
     if (found == nullptr && call.mustExist)
-        throw CClientError(EError::cNotFound, "there is no task " + Quoted(call.task.name) +
-                                                  "; names are compared byte for byte");
+        throw CError(EError::cNotFound, "there is no task " + Quoted(call.task.name) +
+                                            "; names are compared byte for byte");
 }
 
 }  // namespace
 
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
     if (call.function == TCall::cResume && task.period == 0 && IsDue(task) && !call.mayRemove)
-        throw CClientError(EError::cRefused,
-                           "task " + Quoted(task.name) +
-                               " runs once and its time has passed: a resume would remove it "
-                               "unrun; give it a new start first (or force \"past-start\")");
+        throw CError(EError::cRefused,
+                     "task " + Quoted(task.name) +
+                         " runs once and its time has passed: a resume would remove it "
+                         "unrun; give it a new start first (or force \"past-start\")");
     if (call.function == TCall::cSetPeriod && evenIfDue && !task.paused && IsDue(task))
-        throw CClientError(EError::cRefused,
-                           "task " + Quoted(task.name) +
-                               " is due itself: another period counted on from its grid would "
-                               "move it on unrun; edit its period instead, which leaves it due");
+        throw CError(EError::cRefused,
+                     "task " + Quoted(task.name) +
+                         " is due itself: another period counted on from its grid would "
+                         "move it on unrun; edit its period instead, which leaves it due");
     if (!call.mustNotRun)
         return;
-    const std::vector<pid_t> running = FindRunning(StartedPath(task.program), task.parameter);
+    const std::vector<pid_t> running = FindRunning(LaunchedPath(task.program), task.parameter);
     if (!running.empty())
-        throw CClientError(EError::cRefused, "task " + Quoted(task.name) +
-                                                 " is running already, as process " +
-                                                 std::to_string(running.front()) +
-                                                 "; wait for its end, or force a second one");
+        throw CError(EError::cRefused, "task " + Quoted(task.name) +
+                                           " is running already, as process " +
+                                           std::to_string(running.front()) +
+                                           "; wait for its end, or force a second one");
 }
 
 void CheckCalls(const TTable& table, const TRequest& request) {

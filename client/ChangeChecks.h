@@ -9,11 +9,11 @@ namespace vxsched {
 // What speaks against a request, by the table as it is under the store mutex. The working directory
 // is the store's.
 
-// Throws CClientError: cDamaged for a table that would harm who loads it, cNoAccess for one that may
+// Throws CError: cDamaged for a table that would harm who loads it, cNoAccess for one that may
 // not be written, cNotFound or cRefused for a call that cannot be made.
 void CheckCalls(const TTable& table, const TRequest& request);
 
-// Throws CClientError (cRefused) when a call of a task that is there cannot be made as it is.
+// Throws CError (cRefused) when a call of a task that is there cannot be made as it is.
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue);
 
 // The task for which the change has to wait: active, and due or about to be. None when there is none,

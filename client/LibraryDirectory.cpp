@@ -7,9 +7,9 @@
 namespace vxsched {
 
 // The one that this library lies in.
-std::string LibraryFolder() {
+std::string LibraryDirectory() {
     Dl_info info{};
-    if (dladdr(reinterpret_cast<const void*>(&LibraryFolder), &info) == 0)
+    if (dladdr(reinterpret_cast<const void*>(&LibraryDirectory), &info) == 0)
         return ".";
     std::error_code error;
     return std::filesystem::absolute(info.dli_fname, error).parent_path().string();

@@ -27,7 +27,7 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.seen.parameter);
     transfer(call.seen.paused);
     transfer(call.throughLink);
-    transfer(call.keepStart);
+    transfer(call.keepDue);
     transfer(call.mayRemove);
     transfer(call.waitForEnd);
 }
@@ -67,7 +67,7 @@ std::string Encode(const TRequest& request) {
     const TWriter write{bytes};
     write(request.directory);
     write(request.addIn);
-    write(request.patience);
+    write(request.lockTimeout);
     write(request.evenIfDue);
     for (const TCall& call : request.calls)
         ForEachField(call, write);
@@ -79,7 +79,7 @@ TRequest DecodeRequest(std::string bytes) {
     const TReader read{bytes};
     read(request.directory);
     read(request.addIn);
-    read(request.patience);
+    read(request.lockTimeout);
     read(request.evenIfDue);
     while (!bytes.empty()) {
         TCall call{};

@@ -21,7 +21,7 @@ struct TCall {
     TTaskEntry seen;
     // How it is made.
     bool throughLink = false;  // cCreate: the program is the real one, which may need a link
-    bool keepStart = false;    // cCreate: the start stays as it is given, whatever the clock says
+    bool keepDue = false;      // cCreate: the start stays as it is given, whatever the clock says
     bool mayRemove = false;    // cResume: a task that runs once may be removed unrun by it
     bool waitForEnd = false;   // cExecute: the end of the program is waited for and told
 };
@@ -31,8 +31,8 @@ struct TCall {
 struct TRequest {
     std::string directory;
     std::string addIn;
-    std::int64_t patience = 0;  // milliseconds, for the turn and for the mutex
-    bool evenIfDue = false;     // load although tasks are due
+    std::int64_t lockTimeout = 0;  // milliseconds, for the turn and for the mutex
+    bool evenIfDue = false;        // load although tasks are due
     std::vector<TCall> calls;
 };
 
@@ -45,14 +45,14 @@ struct TMessage {
     std::string kind;
     std::string text;
 };
-inline constexpr char cMessageDue[] = "due";          // not done: this task is due
-inline constexpr char cMessageChanged[] = "changed";  // not done: this task is not as it was seen
-inline constexpr char cMessageError[] = "error";      // not done: a code, then the text
-inline constexpr char cMessageBegun[] = "begun";      // what follows is not without effect
-inline constexpr char cMessageProgram[] = "program";  // of cCreate: as it is in the table
-inline constexpr char cMessageLog[] = "log";          // the add-in's message
-inline constexpr char cMessageStarted[] = "started";  // a program: its process
-inline constexpr char cMessageNotStarted[] = "not started";  // a program: why
+inline constexpr char cMessageDue[] = "due";           // not done: this task is due
+inline constexpr char cMessageChanged[] = "changed";   // not done: this task is not as it was seen
+inline constexpr char cMessageError[] = "error";       // not done: a code, then the text
+inline constexpr char cMessageBegun[] = "begun";       // what follows is not without effect
+inline constexpr char cMessageProgram[] = "program";   // of cCreate: as it is in the table
+inline constexpr char cMessageLog[] = "log";           // the add-in's message
+inline constexpr char cMessageLaunched[] = "started";  // a program: its process
+inline constexpr char cMessageLaunchFailed[] = "not started";  // a program: why
 inline constexpr char cMessageTable[] = "table";  // all calls made: the file's bytes then
 inline constexpr char cMessageEnded[] = "ended";  // a program: its wait status
 

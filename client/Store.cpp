@@ -38,33 +38,33 @@ std::vector<TCall> CallsOf(TCall::EFunction function, const std::vector<std::str
     return calls;
 }
 
-void RefuseFor(const std::vector<TObjection>& objections) {
-    if (objections.empty())
+void RefuseFor(const std::vector<TValidationError>& errors) {
+    if (errors.empty())
         return;
     std::string text;
-    for (const TObjection& objection : objections) {
-        text += (text.empty() ? "" : "\n") + objection.text;
-        if (objection.canBeForced)
-            text += " (or force " + Quoted(objection.Name()) + ')';
+    for (const TValidationError& error : errors) {
+        text += (text.empty() ? "" : "\n") + error.text;
+        if (error.canBeForced)
+            text += " (or force " + Quoted(error.Name()) + ')';
     }
-    throw CClientError(EError::cRefused, text);
+    throw CError(EError::cRefused, text);
 }
 
-void Drop(std::vector<TObjection>& objections,
-          const std::function<bool(const TObjection&)>& isPassedOver) {
-    objections.erase(std::remove_if(objections.begin(), objections.end(), isPassedOver),
-                     objections.end());
+void Drop(std::vector<TValidationError>& errors,
+          const std::function<bool(const TValidationError&)>& isPassedOver) {
+    errors.erase(std::remove_if(errors.begin(), errors.end(), isPassedOver), errors.end());
 }
 
-std::vector<TObjection> FindUnforced(const TTaskEntry& task, EProgram how, const TForced& forced) {
-    std::vector<TObjection> objections = FindObjections(task, Now(), how);
-    Drop(objections, [&](const TObjection& objection) {
-        return objection.canBeForced && forced.contains(objection.Name());
+std::vector<TValidationError> FindUnforced(const TTaskEntry& task, EProgram how,
+                                           const TForced& forced) {
+    std::vector<TValidationError> errors = Validate(task, Now(), how);
+    Drop(errors, [&](const TValidationError& error) {
+        return error.canBeForced && forced.contains(error.Name());
     });
-    return objections;
+    return errors;
 }
 
-EProgram HowToStart(const std::string& program) {
+EProgram HowToLaunch(const std::string& program) {
     return program.starts_with('/') ? EProgram::cThroughLink : EProgram::cAsNamed;
 }
 
@@ -82,7 +82,7 @@ bool IsTable(const std::string& bytes) {
     try {
         DecodeTable(bytes, Now());
         return true;
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         return false;
     }
 }
@@ -94,7 +94,7 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
     if (found == nullptr)
         return wanted.period == 0 && !wanted.paused && wanted.next <= Now();
     const bool hasRun = found->last >= since;
-    return (found->program == wanted.program || found->program == StartedPath(wanted.program)) &&
+    return (found->program == wanted.program || found->program == LaunchedPath(wanted.program)) &&
            found->parameter == wanted.parameter && found->period == wanted.period &&
            found->paused == wanted.paused &&
            (found->next == wanted.next || hasRun || wanted.next < since);
@@ -108,10 +108,10 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
                 : " could not be saved, the table is as it was before; look for a full disk";
     for (const std::string& message : outcome.log)
         text += "; the add-in says: " + message;
-    throw CClientError(EError::cFailed, text);
+    throw CError(EError::cFailed, text);
 }
 
-// What an edit makes of a task. Throws CClientError (cRefused) when something speaks against it.
+// What an edit makes of a task. Throws CError (cRefused) when something speaks against it.
 TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     entry.next = edit.start.value_or(entry.next);
     entry.period = edit.period.value_or(entry.period);
@@ -120,15 +120,15 @@ TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     // A rewritten task is active until it is paused again, and must not be due meanwhile.
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now() + 2 * cAboutToBeDue);
-    std::vector<TObjection> objections =
-        FindUnforced(entry, edit.program ? HowToStart(entry.program) : EProgram::cAsNamed, forced);
+    std::vector<TValidationError> errors =
+        FindUnforced(entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // What was unsound before and is not touched speaks against nothing.
-    Drop(objections, [&](const TObjection& objection) {
-        return (!edit.program && objection.IsAboutTheProgram()) ||
+    Drop(errors, [&](const TValidationError& error) {
+        return (!edit.program && error.IsAboutProgram()) ||
                (!entry.paused && !edit.start && !edit.period &&
-                objection.kind == TObjection::cPastStart);
+                error.kind == TValidationError::cPastDue);
     });
-    RefuseFor(objections);
+    RefuseFor(errors);
     return entry;
 }
 
@@ -137,7 +137,7 @@ TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
 CStore::CStore(TStoreOptions storeOptions) : options(std::move(storeOptions)) {}
 
 TTable CStore::Read() const {
-    return ReadTable(options.directory, options.patience);
+    return ReadTable(options.directory, options.lockTimeout);
 }
 
 bool CStore::Wake() const {
@@ -148,21 +148,21 @@ bool CStore::Wake() const {
     return true;
 }
 
-std::vector<TObjection> CStore::Check(const TNewTask& task, const TForced& forced) const {
-    return FindUnforced(EntryOf(task), HowToStart(task.program), forced);
+std::vector<TValidationError> CStore::Check(const TNewTask& task, const TForced& forced) const {
+    return FindUnforced(EntryOf(task), HowToLaunch(task.program), forced);
 }
 
 TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
     RefuseFor(Check(task, forced));
     TTaskEntry entry = EntryOf(task);
     TCall call = CallOf(TCall::cCreate, entry);
-    call.throughLink = HowToStart(task.program) == EProgram::cThroughLink;
+    call.throughLink = HowToLaunch(task.program) == EProgram::cThroughLink;
     call.mustExist = false;
     call.mustBeNew = !replace;
     // By the clock's rule a task that is due this second might be moved on or removed unrun a second
     // later. A repeating one whose start lies in the past is to be moved on.
     const TTime since = Now();
-    call.keepStart = task.period == 0 || task.start >= since;
+    call.keepDue = task.period == 0 || task.start >= since;
     const TOutcome outcome = MakeChange(options, {call});
     entry.program = ProgramOf(entry, outcome);
     if (!IsThere(outcome.table, entry, since))
@@ -191,8 +191,8 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
     TTaskEntry entry = After(seen, edit, forced);
     TCall create = CallOf(TCall::cCreate, entry);
-    create.throughLink = edit.program && HowToStart(entry.program) == EProgram::cThroughLink;
-    create.keepStart = true;
+    create.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
+    create.keepDue = true;
     create.mustBeAsSeen = true;
     create.seen = seen;
     std::vector<TCall> calls = {create};
@@ -262,11 +262,11 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
 }
 
 static TCall RunCall(const TTaskEntry& task, bool force) {
-    std::vector<TObjection> objections = FindObjections(task, Now(), EProgram::cAsNamed);
-    Drop(objections, [](const TObjection& objection) {
-        return !objection.IsAboutTheProgram() || objection.kind == TObjection::cRelativePath;
+    std::vector<TValidationError> errors = Validate(task, Now(), EProgram::cAsNamed);
+    Drop(errors, [](const TValidationError& error) {
+        return !error.IsAboutProgram() || error.kind == TValidationError::cRelativePath;
     });
-    RefuseFor(objections);
+    RefuseFor(errors);
     TCall call = CallOf(TCall::cExecute, task);
     call.mustNotRun = !force;
     return call;
@@ -278,17 +278,16 @@ void CStore::CheckRun(std::string_view name, bool force) const {
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
-                 const std::function<void(pid_t)>& onStart) const {
+                 const std::function<void(pid_t)>& onLaunch) const {
     TCall call = RunCall(Get(name), force);
     call.waitForEnd = waitForEnd;
-    const TOutcome outcome = MakeChange(options, {call}, onStart);
+    const TOutcome outcome = MakeChange(options, {call}, onLaunch);
     if (outcome.process == 0)
-        throw CClientError(EError::cFailed, "cannot start " + Quoted(call.task.program) + ": " +
-                                                outcome.startError + "; look at the program");
+        throw CError(EError::cFailed, "cannot start " + Quoted(call.task.program) + ": " +
+                                          outcome.startError + "; look at the program");
     if (waitForEnd && !outcome.status)
-        throw CClientError(EError::cFailed,
-                           "process " + std::to_string(outcome.process) +
-                               " was started, but how it ended could not be learned");
+        throw CError(EError::cFailed, "process " + std::to_string(outcome.process) +
+                                          " was started, but how it ended could not be learned");
     return {outcome.process, outcome.status};
 }
 
@@ -296,13 +295,13 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
                         const std::function<void(const std::string&)>& canReplace) const {
     RequireSharedStore(options);
     {
-        const CLoadTurn turn(options.directory, options.patience);
-        const CStoreLock lock(options.patience);
+        const CWriterLock turn(options.directory, options.lockTimeout);
+        const CStoreMutexLock lock(options.lockTimeout);
         const std::string bytes = ReadBytes(TableFile(options.directory));
         if (canReplace)
             canReplace(bytes);
         if (IsTable(bytes))
-            KeepBefore(options.directory, bytes);
+            WriteBackup(options.directory, bytes);
         ReplaceTable(options.directory, EncodeTable(tasks));
         AnnounceChange();
     }
@@ -313,8 +312,8 @@ TTaskEntry CStore::Get(std::string_view name) const {
     const TTable table = Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw CClientError(EError::cNotFound, "there is no task " + Quoted(name) +
-                                                  "; names are compared byte for byte");
+        throw CError(EError::cNotFound,
+                     "there is no task " + Quoted(name) + "; names are compared byte for byte");
     return *task;
 }
 

@@ -41,7 +41,7 @@ vxsched_error Do(vxsched_store* store, const Call& call) {
         store->message.clear();
         call(vxsched::CStore(store->options));
         return VXSCHED_DONE;
-    } catch (const vxsched::CClientError& error) {
+    } catch (const vxsched::CError& error) {
         store->message = error.what();
         return CodeOf(error.Code());
     } catch (const std::exception& error) {
@@ -72,8 +72,8 @@ const char* vxsched_message(const vxsched_store* store) {
     return store->message.c_str();
 }
 
-void vxsched_set_patience(vxsched_store* store, int64_t milliseconds) {
-    store->options.patience = std::chrono::milliseconds(milliseconds);
+void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds) {
+    store->options.lockTimeout = std::chrono::milliseconds(milliseconds);
 }
 
 vxsched_error vxsched_list(vxsched_store* store, bool (*each)(const vxsched_task*, void*),
@@ -128,8 +128,8 @@ vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force, pi
 vxsched_error vxsched_wake(vxsched_store* store) {
     return Do(store, [&](const vxsched::CStore& tasks) {
         if (!tasks.Wake())
-            throw vxsched::CClientError(vxsched::EError::cNoScheduler,
-                                        "there is no scheduling process in " +
-                                            store->options.directory.string() + "; start one");
+            throw vxsched::CError(vxsched::EError::cNoScheduler,
+                                  "there is no scheduling process in " +
+                                      store->options.directory.string() + "; start one");
     });
 }

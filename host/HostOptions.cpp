@@ -12,8 +12,8 @@ static std::string DefaultAddIn() {
     std::error_code ignored;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ignored);
     const std::filesystem::path root = self.parent_path().parent_path();
-    for (const char* folder : {"lib", VXSCHEDD_LIBRARY_DIRECTORY}) {
-        const std::filesystem::path candidate = root / folder / name;
+    for (const char* directory : {"lib", VXSCHEDD_LIBRARY_DIRECTORY}) {
+        const std::filesystem::path candidate = root / directory / name;
         if (std::filesystem::exists(candidate, ignored))
             return candidate.string();
     }
@@ -28,7 +28,7 @@ static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
 }
 
-static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& patience) {
+static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& lockTimeout) {
     app.add_option(
            "--directory", options.directory,
            "Directory to work in; the table is DIR/files/scheduler.dat, \"files\" is created")
@@ -62,7 +62,7 @@ static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& 
         ->type_name("COUNT")
         ->capture_default_str()
         ->check(CLI::Range(std::size_t{0}, std::size_t{100'000}).description(""));
-    app.add_option("--patience", patience,
+    app.add_option("--patience", lockTimeout,
                    "Seconds to wait at the start for clients that are changing the table")
         ->type_name("SECONDS")
         ->capture_default_str()
@@ -86,8 +86,8 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
                  "vxschedd");
     THostOptions options;
     options.addIn = DefaultAddIn();
-    auto patience = static_cast<unsigned int>(options.patience.count());
-    DescribeOptions(app, options, patience);
+    auto lockTimeout = static_cast<unsigned int>(options.lockTimeout.count());
+    DescribeOptions(app, options, lockTimeout);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& request) {
@@ -97,7 +97,7 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
         throw CHostError(cUsage,
                          std::string(error.what()) + ". Run vxschedd --help for the options.");
     }
-    options.patience = std::chrono::seconds(patience);
+    options.lockTimeout = std::chrono::seconds(lockTimeout);
     if (options.addIn.find('/') != std::string::npos)
         MakeAbsolute(options.addIn);
     if (options.output != "inherit" && options.output != "journal")

@@ -51,30 +51,30 @@ static void OpenStandardDescriptors() {
 
 // Who is told that the add-in has lost its tasks; as long as there is nobody, it is remembered.
 static CTableGuard* gGuard = nullptr;
-static bool gTasksAreLost = false;
+static bool gAreTasksLost = false;
 
 // These run on the thread that noticed, the worker or the one that loads the add-in.
 
-static void TellOfTheLoss() {
+static void ReportLoss() {
     if (gGuard != nullptr)
         gGuard->TasksDeleted();
     else
-        gTasksAreLost = true;
+        gAreTasksLost = true;
 }
 
 static void OnInformation(const std::string& name, int value, void* /*context*/) {
     const std::string text = fmt::format("the add-in reports {} = {}", name, value);
     if (name == "TasksDeleted") {
         LogError(text);
-        TellOfTheLoss();
+        ReportLoss();
     } else {
         LogInfo(text);
     }
 }
 
-static void OnUnreadTable() {
+static void OnReadFailure() {
     LogError(fmt::format("the add-in could not read its table: {}", std::strerror(errno)));
-    TellOfTheLoss();
+    ReportLoss();
 }
 
 // Every tick asks for the time.
@@ -88,7 +88,7 @@ class CInformed {
 public:
     explicit CInformed(CTableGuard& guard) {
         gGuard = &guard;
-        if (gTasksAreLost)
+        if (gAreTasksLost)
             guard.TasksDeleted();
     }
     ~CInformed() { gGuard = nullptr; }
@@ -96,7 +96,7 @@ public:
     CInformed& operator=(const CInformed&) = delete;
 };
 
-static void WarnOfTraps() {
+static void WarnOfPitfalls() {
     for (const std::string& warning : WarningsOfOtherUsers())
         LogWarning(warning);
     if (const std::string warning = WarningOfRemoval(geteuid()); !warning.empty())
@@ -152,9 +152,10 @@ private:
     CAddInInterface& addIn;
 };
 
-static std::optional<vxsched::CLoadTurn> TakeTurnIfPossible(std::chrono::milliseconds patience) {
+static std::optional<vxsched::CWriterLock> TryTakeWriterLock(
+    std::chrono::milliseconds lockTimeout) {
     try {
-        return TakeTurn(patience);
+        return TakeWriterLock(lockTimeout);
     } catch (const CHostError& error) {
         LogWarning(fmt::format("stopping without a turn among the clients: {}", error.what()));
         return std::nullopt;
@@ -171,19 +172,19 @@ static void Run(const THostOptions& options) {
     EnterDirectory(options.directory);
     const CDirectoryLock lock(options.directory);
     RequireAddIn(options.addIn);
-    WarnOfTraps();
+    WarnOfPitfalls();
     VXC_SetInformationListener(OnInformation, nullptr);
-    SetUnreadTableListener(OnUnreadTable);
+    SetReadFailureListener(OnReadFailure);
     SetTimeListener(OnTimeAsked);
 
     const CProgramOutput output(options.output, options.outputSize);
     TakeLaunches(&output);
     CRunHistory history(options.historySize, LogWarning);
-    CStartedPrograms& programs = CStartedPrograms::Instance();
+    CLaunchedPrograms& programs = CLaunchedPrograms::Instance();
     programs.RecordIn(&history);
 
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
-    MakeMarkFolder();
+    MakeLaunchRecordDirectory();
     CHeartbeat heartbeat;
     TLoaded loaded = LoadAddIn(options, heartbeat.FormerUptime(), history, [&] {
         const CFrozenClock clock;
@@ -198,7 +199,7 @@ static void Run(const THostOptions& options) {
         guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
-        GiveUpStartUpMemory();
+        ReleaseStartupMemory();
         if (options.runOnce)
             loop.WaitForTickEnd();
         else
@@ -213,7 +214,7 @@ static void Run(const THostOptions& options) {
         loop.WaitForPrograms();
     {
         // A client that is making a change needs the store mutex, which goes with the add-in.
-        const auto turn = TakeTurnIfPossible(options.patience);
+        const auto turn = TryTakeWriterLock(options.lockTimeout);
         loaded.library.reset();
     }
     programs.CollectFinished();

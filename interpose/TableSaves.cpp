@@ -38,13 +38,13 @@ bool gIsWhole = false;
 
 // The table while the add-in reads it, and whether it failed to.
 std::atomic<int> gReading{-1};
-std::atomic<bool> gIsUnread{false};
-std::atomic<void (*)()> gUnreadListener{nullptr};
+std::atomic<bool> gHasReadFailed{false};
+std::atomic<void (*)()> gReadFailureListener{nullptr};
 
-void Unread() {
+void ReadFailed() {
     const int error = errno;
-    gIsUnread = true;
-    if (const auto listener = gUnreadListener.load())
+    gHasReadFailed = true;
+    if (const auto listener = gReadFailureListener.load())
         listener();
     errno = error;
 }
@@ -101,18 +101,18 @@ int OpenForReading(int flags, mode_t mode) {
     if (descriptor == -1 && errno == EINTR)
         return descriptor;  // it is tried again
     if (descriptor == -1 && errno != ENOENT) {
-        Unread();
+        ReadFailed();
     } else {
         gReading = descriptor;
-        gIsUnread = false;
+        gHasReadFailed = false;
     }
     return descriptor;
 }
 
 }  // namespace
 
-void SetUnreadTableListener(void (*listener)()) {
-    gUnreadListener = listener;
+void SetReadFailureListener(void (*listener)()) {
+    gReadFailureListener = listener;
 }
 
 extern "C" int open(const char* path, int flags, ...) {
@@ -123,7 +123,7 @@ extern "C" int open(const char* path, int flags, ...) {
     va_end(rest);
     if (IsARead(path, flags))
         return OpenForReading(flags, mode);
-    if (gIsUnread && IsASave(path, flags))
+    if (gHasReadFailed && IsASave(path, flags))
         return OpenSystems("/dev/null", O_WRONLY | O_CLOEXEC, 0);
     if (gDescriptor == -1 && IsASave(path, flags)) {
         const int descriptor = OpenNewTable(flags, mode);
@@ -141,9 +141,9 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
     const int result = system(path, status);
     if (result == -1 && std::strcmp(path, cTable) == 0) {
         if (errno == ENOENT)
-            gIsUnread = false;
+            gHasReadFailed = false;
         else
-            Unread();
+            ReadFailed();
     }
     return result;
 }
@@ -152,7 +152,7 @@ extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
     static auto* const system = NextDefinition<ssize_t(int, void*, size_t)>("read");
     const ssize_t result = system(descriptor, bytes, count);
     if (result == -1 && errno != EINTR && descriptor != -1 && descriptor == gReading)
-        Unread();
+        ReadFailed();
     return result;
 }
 
@@ -169,7 +169,7 @@ extern "C" int close(int descriptor) {
         gReading = -1;
         const int result = CloseSystems(descriptor);
         if (result == -1)
-            Unread();
+            ReadFailed();
         return result;
     }
     if (descriptor == -1 || descriptor != gDescriptor)

@@ -4,4 +4,4 @@
 
 // Has `listener` called whenever the system fails to let the add-in read its table, on the thread that
 // tried: the add-in has no tasks from then on, whereas the file has. null: nobody.
-void SetUnreadTableListener(void (*listener)());
+void SetReadFailureListener(void (*listener)());

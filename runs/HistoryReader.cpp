@@ -22,7 +22,7 @@ std::string ReadWhole(const fs::path& file) {
     // Whoever opens a pipe waits for its writer, for ever.
     std::error_code ignored;
     if (fs::is_other(file, ignored))
-        throw CClientError(
+        throw CError(
             EError::cNoAccess,
             fmt::format("cannot read {}: it is no file; move it out of the way", file.string()));
     errno = 0;
@@ -31,8 +31,8 @@ std::string ReadWhole(const fs::path& file) {
     content << stream.rdbuf();
     // Nothing was read of an empty file either, without an error.
     if ((!stream.is_open() || content.fail()) && errno != 0 && errno != ENOENT)
-        throw CClientError(EError::cNoAccess, fmt::format("cannot read {}: {}", file.string(),
-                                                          std::generic_category().message(errno)));
+        throw CError(EError::cNoAccess, fmt::format("cannot read {}: {}", file.string(),
+                                                    std::generic_category().message(errno)));
     return content.str();
 }
 

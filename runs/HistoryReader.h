@@ -15,7 +15,7 @@ struct THistory {
 };
 
 // Reads files/history.jsonl and the older half beside it, of one task or of all. A directory without
-// them has no runs. Throws CClientError (cNoAccess) for a file that may not be read.
+// them has no runs. Throws CError (cNoAccess) for a file that may not be read.
 THistory ReadHistory(const std::string& directory, const std::optional<std::string>& task);
 
 }  // namespace vxsched

@@ -19,20 +19,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::string_view cAside = "scheduler.dat.damaged-";
-constexpr std::size_t cMostAside = 24;
+constexpr std::string_view cQuarantine = "scheduler.dat.damaged-";
+constexpr std::size_t cMostQuarantined = 24;
 
 // The youngest first. Among the snapshots their names tell, which a clock that was set back does not
 // mislead; where the copy belongs, only times can.
 std::vector<fs::path> FindCandidates(const fs::path& directory) {
     std::vector<fs::path> candidates;
     std::error_code error;
-    for (const TKeptFile& snapshot :
-         FindKept(directory / "files" / "snapshots", "scheduler.dat.")) {
+    for (const TTimestampedFile& snapshot :
+         FindTimestamped(directory / "files" / "snapshots", "scheduler.dat.")) {
         if (fs::is_regular_file(snapshot.path, error))
             candidates.insert(candidates.begin(), snapshot.path);
     }
-    const fs::path before = TableBefore(directory);
+    const fs::path before = BackupFile(directory);
     if (!fs::is_regular_file(before, error))
         return candidates;
     const fs::file_time_type time = fs::last_write_time(before, error);
@@ -43,31 +43,31 @@ std::vector<fs::path> FindCandidates(const fs::path& directory) {
     return candidates;
 }
 
-fs::path NextAside(const fs::path& directory) {
-    const fs::path folder = directory / "files";
-    const TKeptName name = NextName(FindKept(folder, cAside), Now());
-    return folder / (std::string(cAside) + std::to_string(name.time) +
-                     (name.number > 0 ? '-' + std::to_string(name.number) : ""));
+fs::path NextQuarantineFile(const fs::path& directory) {
+    const fs::path files = directory / "files";
+    const TFileTimestamp name = NextTimestamp(FindTimestamped(files, cQuarantine), Now());
+    return files / (std::string(cQuarantine) + std::to_string(name.time) +
+                    (name.number > 0 ? '-' + std::to_string(name.number) : ""));
 }
 
 }  // namespace
 
-std::optional<TSource> FindSource(const fs::path& directory) {
+std::optional<TBackup> FindBackup(const fs::path& directory) {
     for (const fs::path& file : FindCandidates(directory)) {
         try {
-            return TSource{file.filename().string(), DecodeWholeTable(ReadBytes(file), Now()),
+            return TBackup{file.filename().string(), DecodeIntactTable(ReadBytes(file), Now()),
                            file};
-        } catch (const CClientError&) {
+        } catch (const CError&) {
             continue;
         }
     }
     return {};
 }
 
-fs::path PutAside(const fs::path& directory, std::string_view bytes) {
-    fs::path file = NextAside(directory);
+fs::path Quarantine(const fs::path& directory, std::string_view bytes) {
+    fs::path file = NextQuarantineFile(directory);
     WriteNewFile(file, bytes, directory);
-    RemoveOldest(file.parent_path(), cAside, cMostAside);
+    RemoveOldest(file.parent_path(), cQuarantine, cMostQuarantined);
     return file;
 }
 
@@ -78,17 +78,17 @@ void RemoveCopy(const fs::path& aside, const fs::path& directory, std::string_vi
     try {
         if (ReadBytes(TableFile(directory)) == damaged)
             unlink(aside.c_str());
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         // Nobody knows what the table is now.
     }
 }
 
 fs::path ReplaceBesideACopy(const fs::path& directory, std::string_view damaged,
                             std::string_view sound) {
-    fs::path aside = PutAside(directory, damaged);
+    fs::path aside = Quarantine(directory, damaged);
     try {
         ReplaceOrOverwriteTable(directory, sound);
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         RemoveCopy(aside, directory, damaged);
         throw;
     }
@@ -99,16 +99,16 @@ fs::path ReplaceBesideACopy(const fs::path& directory, std::string_view damaged,
 fs::path ReplaceBesideALink(const fs::path& directory, std::string_view sound) {
     std::error_code error;
     const fs::path table = fs::canonical(TableFile(directory), error);
-    fs::path aside = NextAside(directory);
+    fs::path aside = NextQuarantineFile(directory);
     if (link(table.c_str(), aside.c_str()) == -1)
         throw SystemError("cannot keep the damaged table as " + aside.string(), errno);
     try {
         ReplaceTable(directory, sound);
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         unlink(aside.c_str());
         throw;
     }
-    RemoveOldest(aside.parent_path(), cAside, cMostAside);
+    RemoveOldest(aside.parent_path(), cQuarantine, cMostQuarantined);
     return aside;
 }
 
@@ -118,7 +118,7 @@ fs::path ReplaceDamaged(const fs::path& directory, std::string_view damaged,
                         std::string_view sound) {
     try {
         return ReplaceBesideACopy(directory, damaged, sound);
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         if (ReadBytes(TableFile(directory)) != damaged)
             throw;
     }

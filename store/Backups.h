@@ -9,11 +9,11 @@ namespace vxsched {
 
 // The youngest sound table of those that were put aside in a store's directory: the copy from before
 // the last change, and the host's snapshots. None when there is none.
-std::optional<TSource> FindSource(const std::filesystem::path& directory);
+std::optional<TBackup> FindBackup(const std::filesystem::path& directory);
 
 // Keeps the bytes of a damaged table beside it, as files/scheduler.dat.damaged-TIME; where. Of those
-// that are there, the youngest two dozen stay. Throws CClientError (cNoAccess, cFailed).
-std::filesystem::path PutAside(const std::filesystem::path& directory, std::string_view bytes);
+// that are there, the youngest two dozen stay. Throws CError (cNoAccess, cFailed).
+std::filesystem::path Quarantine(const std::filesystem::path& directory, std::string_view bytes);
 
 // Puts a sound table in the place of a damaged one, whose bytes are kept likewise; where. On a disk
 // without room for a copy the damaged file itself gets that name. When it throws, the table is as it

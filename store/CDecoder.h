@@ -15,7 +15,7 @@ namespace vxsched {
 // A task takes at least this many bytes: three lengths, two times, a period and a flag.
 constexpr std::size_t cSmallestTask = 3 * 4 + 2 * 8 + 4 + 4;
 
-// Takes a table's bytes apart from front to back. Whatever is not whole throws CClientError
+// Takes a table's bytes apart from front to back. Whatever is not whole throws CError
 // (cDamaged), which says what is wrong at which offset; the place is then where it was tried.
 class CDecoder {
 public:
@@ -58,8 +58,8 @@ public:
     }
 
     [[noreturn]] static void Damaged(std::size_t where, const std::string& what) {
-        throw CClientError(EError::cDamaged,
-                           "the table is damaged at offset " + std::to_string(where) + ": " + what);
+        throw CError(EError::cDamaged,
+                     "the table is damaged at offset " + std::to_string(where) + ": " + what);
     }
 
 private:

@@ -14,9 +14,9 @@
 
 namespace vxsched {
 
-CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
+CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout) {
     using TClock = std::chrono::steady_clock;
-    const TClock::time_point end = TClock::now() + patience;
+    const TClock::time_point end = TClock::now() + lockTimeout;
     for (;;) {
         const int found = semget(StoreKey(), 1, 0);
         if (found == -1) {
@@ -38,19 +38,19 @@ CStoreLock::CStoreLock(std::chrono::milliseconds patience) {
             continue;
         if (errno == EAGAIN) {
             const int holder = semctl(found, 0, GETPID);
-            throw CClientError(EError::cBusy,
-                               "the store mutex is held, last by process " +
-                                   std::to_string(holder) + ", and did not become free within " +
-                                   std::to_string(patience.count()) +
-                                   " ms; nothing was changed. A start of a task holds it for two "
-                                   "seconds; try again");
+            throw CError(EError::cBusy,
+                         "the store mutex is held, last by process " + std::to_string(holder) +
+                             ", and did not become free within " +
+                             std::to_string(lockTimeout.count()) +
+                             " ms; nothing was changed. A start of a task holds it for two "
+                             "seconds; try again");
         }
         if (errno != EINTR)
             throw SystemError("cannot take the store mutex", errno);
     }
 }
 
-CStoreLock::~CStoreLock() {
+CStoreMutexLock::~CStoreMutexLock() {
     if (set == -1)
         return;
     // A load of the library by somebody else may have set it free meanwhile, and giving it back as

@@ -7,15 +7,15 @@ namespace vxsched {
 // Holds the store mutex for a scope, as one more waiter among those who use it. Unlike the add-in's
 // own mutex it never makes the semaphore, never sets its value, and never removes it: where there is
 // no store, nothing is held and nothing is made. The kernel gives it back if the process dies.
-class CStoreLock {
+class CStoreMutexLock {
 public:
-    // Waits at most `patience`. Throws CClientError: cBusy with the process that holds it, when that
+    // Waits at most `patience`. Throws CError: cBusy with the process that holds it, when that
     // has passed; cNoAccess or cFailed when the semaphore cannot be used. Goes on waiting after a signal handler
     // ran.
-    explicit CStoreLock(std::chrono::milliseconds patience);
-    ~CStoreLock();
-    CStoreLock(const CStoreLock&) = delete;
-    CStoreLock& operator=(const CStoreLock&) = delete;
+    explicit CStoreMutexLock(std::chrono::milliseconds lockTimeout);
+    ~CStoreMutexLock();
+    CStoreMutexLock(const CStoreMutexLock&) = delete;
+    CStoreMutexLock& operator=(const CStoreMutexLock&) = delete;
 
     // For who loads the library while holding the mutex: the load sets it free, so that giving it back
     // as well would let two in at once from then on.

@@ -5,7 +5,7 @@
 
 namespace vxsched {
 
-CClientError SystemError(const std::string& what, int error) {
+CError SystemError(const std::string& what, int error) {
     const bool isAboutRights = error == EACCES || error == EPERM || error == EROFS;
     return {
         isAboutRights ? EError::cNoAccess : EError::cFailed,

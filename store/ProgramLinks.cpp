@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path FolderOf(const fs::path& directory) {
+fs::path LinksOf(const fs::path& directory) {
     return fs::weakly_canonical(fs::absolute(directory)) / "files" / "programs";
 }
 
@@ -34,21 +34,21 @@ bool IsLinkTo(const fs::path& link, const std::string& program) {
     return fs::read_symlink(link, error).string() == program && !error;
 }
 
-bool StartLeavesAlone(const std::string& program) {
+bool LaunchLeavesAlone(const std::string& program) {
     const bool hasExtension = fs::path(program).filename().string().find('.') != std::string::npos;
-    return !hasExtension && StartedPath(program) == program;
+    return !hasExtension && LaunchedPath(program) == program;
 }
 
 }  // namespace
 
 std::string MakeSchedulable(const fs::path& directory, const std::string& program) {
-    if (StartLeavesAlone(program))
+    if (LaunchLeavesAlone(program))
         return program;
-    const fs::path folder = FolderOf(directory);
+    const fs::path links = LinksOf(directory);
     std::error_code error;
-    fs::create_directories(folder, error);
+    fs::create_directories(links, error);
     for (int number = 1; !error; ++number) {
-        const fs::path link = folder / LinkName(program, number);
+        const fs::path link = links / LinkName(program, number);
         if (IsLinkTo(link, program))
             return link.string();
         fs::create_symlink(program, link, error);
@@ -57,7 +57,7 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
         if (error == std::errc::file_exists)
             error.clear();
     }
-    throw SystemError("cannot make a link to " + program + " in " + folder.string(), error.value());
+    throw SystemError("cannot make a link to " + program + " in " + links.string(), error.value());
 }
 
 void MakeLink(const std::string& path, const std::string& program) {
@@ -72,9 +72,9 @@ bool IsLinkPath(const fs::path& directory, const std::string& program) {
         return false;
     // The directory may be named in several ways.
     std::error_code ignored;
-    const fs::path folder = fs::path(program).parent_path();
-    return folder.filename() == "programs" &&
-           fs::weakly_canonical(folder, ignored) == FolderOf(directory);
+    const fs::path links = fs::path(program).parent_path();
+    return links.filename() == "programs" &&
+           fs::weakly_canonical(links, ignored) == LinksOf(directory);
 }
 
 std::string RealProgram(const fs::path& directory, const std::string& program) {
@@ -89,11 +89,11 @@ void RemoveUnusedLinks(const fs::path& directory, const TTable& table) {
     std::set<std::string> used;
     for (const TTaskEntry& task : table.tasks) {
         if (IsLinkPath(directory, task.program))
-            used.insert(fs::path(StartedPath(task.program)).filename().string());
+            used.insert(fs::path(LaunchedPath(task.program)).filename().string());
     }
     std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(FolderOf(directory), ignored)) {
-        const std::string name = StartedPath(entry.path().filename().string());
+    for (const auto& entry : fs::directory_iterator(LinksOf(directory), ignored)) {
+        const std::string name = LaunchedPath(entry.path().filename().string());
         if (!used.contains(name) && entry.is_symlink(ignored))
             fs::remove(entry.path(), ignored);
     }

@@ -9,17 +9,17 @@ namespace vxsched {
 
 // Programs that a start would alter or refuse (`/usr/bin/free`, `backup.sh`) are scheduled by a link
 // with a safe name, kept in `files/programs/` of the store's directory. Who makes or removes one has the
-// turn (CLoadTurn).
+// turn (CWriterLock).
 
 // The path to put into the table for `program`, an absolute path: itself where a start leaves it
 // alone, else the path of a link to it, which is made if there is none yet. A program that looks at
-// the name it was started by sees the link's. Throws CClientError
+// the name it was started by sees the link's. Throws CError
 // (cNoAccess, cFailed) when the link cannot be made.
 std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
 
 // Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there, and
 // its folder. One of that name to something else is an error. Throws
-// CClientError likewise.
+// CError likewise.
 void MakeLink(const std::string& path, const std::string& program);
 
 // Whether a path of the table is one of these links, be it there or not.

@@ -23,7 +23,7 @@ bool IsOfThisAge(TTime time) {
 }
 
 // By chance, bytes that are not a task hardly ever look like this.
-bool LooksLikeATask(const TTaskEntry& task, std::uint32_t flag) {
+bool IsPlausible(const TTaskEntry& task, std::uint32_t flag) {
     return !task.name.empty() && task.name.size() <= cLongestName &&
            task.name.find('\0') == std::string::npos && IsOfThisAge(task.next) &&
            IsOfThisAge(task.last) && !task.program.empty() && task.program.size() < PATH_MAX &&
@@ -40,15 +40,15 @@ struct TFound {
     std::size_t end;
 };
 
-std::optional<TFound> TaskAt(std::string_view bytes, std::size_t offset, bool mustLookLikeOne) {
+std::optional<TFound> TaskAt(std::string_view bytes, std::size_t offset, bool mustBePlausible) {
     CDecoder decoder(bytes, offset);
     try {
         std::uint32_t flag = 0;
         TTaskEntry task = decoder.TakeTask(CDecoder::cNoTask, flag);
-        if (IsBlank(task) || (mustLookLikeOne && !LooksLikeATask(task, flag)))
+        if (IsBlank(task) || (mustBePlausible && !IsPlausible(task, flag)))
             return {};
         return TFound{std::move(task), decoder.Offset()};
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         return {};
     }
 }
@@ -74,7 +74,8 @@ std::string Quoted(const std::string& text) {
     return '"' + text + '"';
 }
 
-void PutRight(TTaskEntry& task, TProblem::EKind kind, TTime now, std::vector<std::string>& notes) {
+void RepairHarm(TTaskEntry& task, TProblem::EKind kind, TTime now,
+                std::vector<std::string>& notes) {
     if (kind == TProblem::cEndless) {
         notes.push_back("altered " + Quoted(task.name) + ": its period of " +
                         std::to_string(task.period) + " hours is a step of zero; it is " +
@@ -110,7 +111,7 @@ TSalvaged Salvage(std::string_view bytes) {
     return salvaged;
 }
 
-std::vector<TTaskEntry> DecodeWholeTable(std::string_view bytes, TTime now) {
+std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now) {
     std::vector<TTaskEntry> tasks = DecodeTable(bytes, now).tasks;
     if (std::any_of(tasks.begin(), tasks.end(), IsBlank))
         CDecoder::Damaged(0, "it has zeros in the place of a task");
@@ -121,11 +122,11 @@ std::vector<TTaskEntry> DecodeWholeTable(std::string_view bytes, TTime now) {
     return tasks;
 }
 
-TRepair PlanRepair(std::string_view bytes, const TSource* source, TTime now) {
+TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now) {
     TRepair repair;
     try {
-        repair.tasks = DecodeWholeTable(bytes, now);
-    } catch (const CClientError& error) {
+        repair.tasks = DecodeIntactTable(bytes, now);
+    } catch (const CError& error) {
         TSalvaged salvaged = Salvage(bytes);
         repair.notes.push_back(error.what());
         repair.notes.insert(repair.notes.end(), salvaged.notes.begin(), salvaged.notes.end());
@@ -147,7 +148,7 @@ TRepair PlanRepair(std::string_view bytes, const TSource* source, TTime now) {
         const TTable alone = DecodeTable(EncodeTable({task}), now);
         for (const TProblem& problem : alone.problems) {
             if (problem.kind != TProblem::cUnusual)
-                PutRight(task, problem.kind, now, repair.notes);
+                RepairHarm(task, problem.kind, now, repair.notes);
         }
     }
     return repair;

@@ -18,17 +18,17 @@ namespace {
 // The folder /proc, whose files are many: read with as few calls as can be.
 class CProcesses {
 public:
-    CProcesses() : folder(opendir("/proc")) { FindKernelThreads(); }
+    CProcesses() : directory(opendir("/proc")) { FindKernelThreads(); }
     ~CProcesses() {
-        if (folder != nullptr)
-            closedir(folder);
+        if (directory != nullptr)
+            closedir(directory);
     }
     CProcesses(const CProcesses&) = delete;
     CProcesses& operator=(const CProcesses&) = delete;
 
     // The next process that is no thread of the kernel's; none behind the last.
     std::optional<pid_t> Next() {
-        while (const dirent* const entry = folder == nullptr ? nullptr : readdir(folder)) {
+        while (const dirent* const entry = directory == nullptr ? nullptr : readdir(directory)) {
             name = entry->d_name;
             pid_t id = 0;
             const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
@@ -47,7 +47,7 @@ private:
     // Often the most of all processes, and none has a command line. Their parent is the kernel's own
     // process 2, which a container has not.
     void FindKernelThreads() {
-        if (folder == nullptr || Read("2/comm") != "kthreadd\n" || !Read("2/cmdline").empty())
+        if (directory == nullptr || Read("2/comm") != "kthreadd\n" || !Read("2/cmdline").empty())
             return;
         std::string_view left = Read("2/task/2/children");
         for (pid_t id = 0; !left.empty();) {
@@ -63,7 +63,7 @@ private:
 
     // Valid until the next call.
     std::string_view Read(const std::string& path) {
-        const int file = openat(dirfd(folder), path.c_str(), O_RDONLY | O_CLOEXEC);
+        const int file = openat(dirfd(directory), path.c_str(), O_RDONLY | O_CLOEXEC);
         if (file == -1)
             return {};
         std::size_t length = 0;
@@ -79,7 +79,7 @@ private:
         return std::string_view(text).substr(0, length);
     }
 
-    DIR* folder;
+    DIR* directory;
     std::vector<pid_t> kernelThreads;
     std::string name;
     std::string text = std::string(1 << 13, '\0');
@@ -124,9 +124,10 @@ std::vector<pid_t> CRunningPrograms::Find(const std::string& program,
     std::vector<pid_t> found;
     for (auto entry = begin; entry != end; ++entry) {
         const TProcess& process = entry->second;
-        const std::filesystem::path folder =
+        const std::filesystem::path directory =
             std::filesystem::path("/proc") / std::to_string(process.id);
-        if (process.hasInterpreter ? process.program == program : IsSameFile(folder / "exe", file))
+        if (process.hasInterpreter ? process.program == program
+                                   : IsSameFile(directory / "exe", file))
             found.push_back(process.id);
     }
     std::sort(found.begin(), found.end());

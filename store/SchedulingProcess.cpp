@@ -21,7 +21,7 @@ namespace {
 constexpr char cLibrary[] = "libVantrixScheduler.so";
 constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 
-fs::path FolderOf(pid_t process) {
+fs::path DirectoryOf(pid_t process) {
     return fs::path("/proc") / std::to_string(process);
 }
 
@@ -32,15 +32,15 @@ std::optional<pid_t> ProcessOf(const std::string& text) {
                                                                     : std::nullopt;
 }
 
-bool IsSameFolder(const fs::path& path, const struct stat& wanted) {
+bool IsSameDirectory(const fs::path& path, const struct stat& wanted) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
            status.st_ino == wanted.st_ino;
 }
 
-bool MayLookInto(pid_t process) {
+bool MayInspect(pid_t process) {
     struct stat status {};
-    return stat((FolderOf(process) / "cwd").c_str(), &status) == 0;
+    return stat((DirectoryOf(process) / "cwd").c_str(), &status) == 0;
 }
 
 // The holder of a lock on the file. Trying the lock would tell as well, but keep out a host that
@@ -59,14 +59,14 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
         // has to work in the directory as well.
         const std::optional<pid_t> holder = ProcessOf(process);
         if (kind == "FLOCK" && which.ends_with(inode) && holder &&
-            (IsSameFolder(FolderOf(*holder) / "cwd", directory) || !MayLookInto(*holder)))
+            (IsSameDirectory(DirectoryOf(*holder) / "cwd", directory) || !MayInspect(*holder)))
             return holder;
     }
     return {};
 }
 
-bool MapsTheLibrary(pid_t process) {
-    std::ifstream maps(FolderOf(process) / "maps");
+bool MapsAddIn(pid_t process) {
+    std::ifstream maps(DirectoryOf(process) / "maps");
     for (std::string line; std::getline(maps, line);) {
         if (line.ends_with(cLibrary))
             return true;
@@ -76,7 +76,7 @@ bool MapsTheLibrary(pid_t process) {
 
 bool HasSeveralThreads(pid_t process) {
     std::error_code ignored;
-    const fs::directory_iterator threads(FolderOf(process) / "task", ignored);
+    const fs::directory_iterator threads(DirectoryOf(process) / "task", ignored);
     return std::distance(begin(threads), end(threads)) > 1;
 }
 
@@ -84,19 +84,19 @@ std::optional<pid_t> FindHostIn(const struct stat& directory) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
         const std::optional<pid_t> process = ProcessOf(entry.path().filename().string());
-        if (process && IsSameFolder(entry.path() / "cwd", directory) && MapsTheLibrary(*process) &&
+        if (process && IsSameDirectory(entry.path() / "cwd", directory) && MapsAddIn(*process) &&
             HasSeveralThreads(*process))
             return process;
     }
     return {};
 }
 
-bool SharesTheStore(pid_t process) {
+bool SharesStore(pid_t process) {
     struct stat own {};
     struct stat others {};
     // Where one may not look, the usual holds.
     return stat("/proc/self/ns/ipc", &own) != 0 ||
-           stat((FolderOf(process) / "ns/ipc").c_str(), &others) != 0 ||
+           stat((DirectoryOf(process) / "ns/ipc").c_str(), &others) != 0 ||
            own.st_ino == others.st_ino;
 }
 
@@ -120,7 +120,7 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
         process = FindHostIn(status);
     if (!process)
         return {};
-    return TSchedulingProcess{*process, SharesTheStore(*process)};
+    return TSchedulingProcess{*process, SharesStore(*process)};
 }
 
 void WakeSchedulingProcess() {

@@ -10,7 +10,7 @@
 
 namespace vxsched {
 
-std::optional<TMutexState> LookAtStoreMutex() {
+std::optional<TMutexState> InspectStoreMutex() {
     const int set = semget(StoreKey(), 1, 0);
     if (set == -1) {
         if (errno == ENOENT)

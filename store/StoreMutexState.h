@@ -15,7 +15,7 @@ struct TMutexState {
     TTime lastUsed;     // when that was; the beginning of 1970: never
 };
 
-// Looks without taking it. None where there is no store. Throws CClientError (cNoAccess, cFailed).
-std::optional<TMutexState> LookAtStoreMutex();
+// Looks without taking it. None where there is no store. Throws CError (cNoAccess, cFailed).
+std::optional<TMutexState> InspectStoreMutex();
 
 }  // namespace vxsched

@@ -117,19 +117,19 @@ std::string ReadTableBytes(const std::filesystem::path& directory) {
     // Whoever opens a pipe waits for its writer, for ever and with the store mutex.
     std::error_code ignored;
     if (std::filesystem::is_other(file, ignored))
-        throw CClientError(EError::cFailed, "cannot read " + file.string() +
-                                                ": it is no file; move it out of the way");
+        throw CError(EError::cFailed,
+                     "cannot read " + file.string() + ": it is no file; move it out of the way");
     return ReadBytes(file);
 }
 
-TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience) {
+TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout) {
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error))
-        throw CClientError(EError::cFailed,
-                           "there is no directory " + directory.string() + "; name the host's");
+        throw CError(EError::cFailed,
+                     "there is no directory " + directory.string() + "; name the host's");
     std::string bytes;
     {
-        const CStoreLock lock(patience);
+        const CStoreMutexLock lock(lockTimeout);
         bytes = ReadTableBytes(directory);
     }
     return DecodeTable(bytes, Now());

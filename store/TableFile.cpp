@@ -64,10 +64,10 @@ void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
 // Before memory is taken for it.
 void RequireASize(std::uint64_t size, const fs::path& file) {
     if (size > cMostBytes)
-        throw CClientError(EError::cFailed,
-                           "cannot read " + file.string() + ": it has " + std::to_string(size) +
-                               " bytes, and no table has more than " + std::to_string(cMostBytes) +
-                               "; put a sound one in its place");
+        throw CError(EError::cFailed,
+                     "cannot read " + file.string() + ": it has " + std::to_string(size) +
+                         " bytes, and no table has more than " + std::to_string(cMostBytes) +
+                         "; put a sound one in its place");
 }
 
 // Of the table, or of its folder as long as there is none.
@@ -115,7 +115,7 @@ fs::path TableFile(const fs::path& directory) {
     return directory / "files" / "scheduler.dat";
 }
 
-fs::path TableBefore(const fs::path& directory) {
+fs::path BackupFile(const fs::path& directory) {
     return directory / "files" / "scheduler.dat.before";
 }
 
@@ -164,7 +164,7 @@ void ReplaceTable(const fs::path& directory, std::string_view bytes) {
 void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) {
     try {
         ReplaceTable(directory, bytes);
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         Overwrite(TableFile(directory), bytes);
     }
 }
@@ -184,8 +184,8 @@ void RemoveLeftovers(const fs::path& directory) {
     }
 }
 
-void KeepBefore(const fs::path& directory, std::string_view bytes) {
-    Replace(TableBefore(directory), bytes, StatusOf(TableFile(directory)), false);
+void WriteBackup(const fs::path& directory, std::string_view bytes) {
+    Replace(BackupFile(directory), bytes, StatusOf(TableFile(directory)), false);
 }
 
 }  // namespace vxsched

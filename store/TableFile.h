@@ -7,15 +7,15 @@
 namespace vxsched {
 
 // The table's file, and the copy that is made of it before each change, as bytes. The caller holds
-// the store mutex (CStoreLock), and who writes has the turn as well (CLoadTurn).
+// the store mutex (CStoreMutexLock), and who writes has the turn as well (CWriterLock).
 
 // "files/scheduler.dat" of the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
 
 // "files/scheduler.dat.before": the table as it was before the last change of a client.
-std::filesystem::path TableBefore(const std::filesystem::path& directory);
+std::filesystem::path BackupFile(const std::filesystem::path& directory);
 
-// The bytes of a file; those of an empty table when there is none. Throws CClientError (cNoAccess,
+// The bytes of a file; those of an empty table when there is none. Throws CError (cNoAccess,
 // cFailed) when it cannot be read, or is larger than any table (1 GiB).
 std::string ReadBytes(const std::filesystem::path& file);
 
@@ -24,7 +24,7 @@ std::string TableState(const std::filesystem::path& directory);
 
 // Puts `bytes` in the place of the table in one step: whoever opens it sees the old ones or the new
 // ones, and when anything fails the old ones stay. Owner and access rights stay as they were. Where
-// the file is a link, what it leads to is replaced. Throws CClientError (cNoAccess, cFailed).
+// the file is a link, what it leads to is replaced. Throws CError (cNoAccess, cFailed).
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // The same, and on a disk without room for a second file over the former bytes, for which all the room
@@ -41,6 +41,6 @@ void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
 void RemoveLeftovers(const std::filesystem::path& directory);
 
 // Makes `bytes` the copy from before a change, likewise in one step and with the table's rights.
-void KeepBefore(const std::filesystem::path& directory, std::string_view bytes);
+void WriteBackup(const std::filesystem::path& directory, std::string_view bytes);
 
 }  // namespace vxsched

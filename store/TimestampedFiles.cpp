@@ -25,8 +25,8 @@ static bool TakeNumber(std::string_view& text, Number& number) {
     return true;
 }
 
-static std::optional<TKeptName> NameIn(std::string_view text) {
-    TKeptName name;
+static std::optional<TFileTimestamp> NameIn(std::string_view text) {
+    TFileTimestamp name;
     if (!TakeNumber(text, name.time))
         return {};
     if (text.starts_with('-')) {
@@ -37,11 +37,12 @@ static std::optional<TKeptName> NameIn(std::string_view text) {
     return text.empty() ? std::optional(name) : std::nullopt;
 }
 
-std::vector<TKeptFile> FindKept(const fs::path& folder, std::string_view beginning) {
-    std::vector<TKeptFile> kept;
+std::vector<TTimestampedFile> FindTimestamped(const fs::path& directory,
+                                              std::string_view beginning) {
+    std::vector<TTimestampedFile> kept;
     std::error_code error;
-    for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
+    for (fs::directory_iterator entry(directory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const std::string file = entry->path().filename().string();
         if (!file.starts_with(beginning))
             continue;
@@ -49,19 +50,21 @@ std::vector<TKeptFile> FindKept(const fs::path& folder, std::string_view beginni
             kept.push_back({*name, entry->path()});
     }
     std::sort(kept.begin(), kept.end(),
-              [](const TKeptFile& one, const TKeptFile& other) { return one.name < other.name; });
+              [](const TTimestampedFile& one, const TTimestampedFile& other) {
+                  return one.name < other.name;
+              });
     return kept;
 }
 
-TKeptName NextName(const std::vector<TKeptFile>& kept, TTime now) {
-    const TKeptName name{std::max<std::int64_t>(now.time_since_epoch().count(), 0), 0};
+TFileTimestamp NextTimestamp(const std::vector<TTimestampedFile>& kept, TTime now) {
+    const TFileTimestamp name{std::max<std::int64_t>(now.time_since_epoch().count(), 0), 0};
     if (kept.empty() || kept.back().name < name)
         return name;
     return {kept.back().name.time, kept.back().name.number + 1};
 }
 
-void RemoveOldest(const fs::path& folder, std::string_view beginning, std::size_t most) {
-    const std::vector<TKeptFile> kept = FindKept(folder, beginning);
+void RemoveOldest(const fs::path& directory, std::string_view beginning, std::size_t most) {
+    const std::vector<TTimestampedFile> kept = FindTimestamped(directory, beginning);
     for (std::size_t index = 0; index + most < kept.size(); ++index)
         unlink(kept[index].path.c_str());
 }

@@ -16,22 +16,22 @@ namespace vxsched {
 
 namespace {
 
-class CObjections {
+class CFindings {
 public:
-    void Refuse(TObjection::EKind kind, const std::string& text) {
+    void Refuse(TValidationError::EKind kind, const std::string& text) {
         found.push_back({kind, false, text});
     }
-    void Warn(TObjection::EKind kind, const std::string& text) {
+    void Warn(TValidationError::EKind kind, const std::string& text) {
         found.push_back({kind, true, text});
     }
-    std::vector<TObjection> WorstFirst() {
+    std::vector<TValidationError> WorstFirst() {
         std::stable_partition(found.begin(), found.end(),
-                              [](const TObjection& objection) { return !objection.canBeForced; });
+                              [](const TValidationError& error) { return !error.canBeForced; });
         return std::move(found);
     }
 
 private:
-    std::vector<TObjection> found;
+    std::vector<TValidationError> found;
 };
 
 std::string Quoted(const std::string& text) {
@@ -44,96 +44,90 @@ std::string ExtensionOf(const std::string& program) {
     return extension;
 }
 
-void FindMissing(const std::string& path, CObjections& objections) {
+void FindMissing(const std::string& path, CFindings& errors) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
-        objections.Warn(TObjection::cMissingProgram,
-                        "there is no program " + Quoted(path) +
-                            ": each start would fail and count as made; create it first");
+        errors.Warn(TValidationError::cMissingProgram,
+                    "there is no program " + Quoted(path) +
+                        ": each start would fail and count as made; create it first");
     else if (!S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
-        objections.Warn(TObjection::cNotExecutable,
-                        Quoted(path) +
-                            " is not a file that may be executed: each start would fail "
-                            "and count as made; chmod +x it, or name another");
+        errors.Warn(TValidationError::cNotExecutable,
+                    Quoted(path) +
+                        " is not a file that may be executed: each start would fail "
+                        "and count as made; chmod +x it, or name another");
 }
 
 // What a start makes of the name, and whether that is the program that is meant.
-bool IsStartedAsNamed(const std::string& program, CObjections& objections) {
+bool IsLaunchedAsNamed(const std::string& program, CFindings& errors) {
     const std::string extension = ExtensionOf(program);
-    if (AbortsItsStart(program)) {
-        objections.Refuse(
-            TObjection::cAbortingExtension,
-            "the extension " + Quoted(extension) + " of " + Quoted(program) +
-                " would abort the scheduling process when the task is due; schedule a "
-                "link to it whose name has no dot");
+    if (AbortsLaunch(program)) {
+        errors.Refuse(TValidationError::cAbortingExtension,
+                      "the extension " + Quoted(extension) + " of " + Quoted(program) +
+                          " would abort the scheduling process when the task is due; schedule a "
+                          "link to it whose name has no dot");
         return false;
     }
     const std::string named =
         extension.empty() ? program : program.substr(0, program.size() - extension.size());
-    const std::string started = StartedPath(program);
+    const std::string started = LaunchedPath(program);
     if (started != named) {
-        objections.Refuse(
-            TObjection::cAlteredPath,
-            "a start of " + Quoted(program) + " would start " + Quoted(started) +
-                ": every '.', 'e' and 'x' at the end is cut off; schedule a link to it "
-                "whose name ends otherwise");
+        errors.Refuse(TValidationError::cAlteredPath,
+                      "a start of " + Quoted(program) + " would start " + Quoted(started) +
+                          ": every '.', 'e' and 'x' at the end is cut off; schedule a link to it "
+                          "whose name ends otherwise");
         return false;
     }
     return true;
 }
 
-void LookAtProgram(const std::string& program, EProgram how, CObjections& objections) {
+void ValidateProgram(const std::string& program, EProgram how, CFindings& errors) {
     if (program.empty()) {
-        objections.Refuse(TObjection::cNoProgram, "no program is named; give its absolute path");
+        errors.Refuse(TValidationError::cNoProgram, "no program is named; give its absolute path");
         return;
     }
-    if (how == EProgram::cAsNamed && !IsStartedAsNamed(program, objections))
+    if (how == EProgram::cAsNamed && !IsLaunchedAsNamed(program, errors))
         return;
-    const std::string started = how == EProgram::cAsNamed ? StartedPath(program) : program;
+    const std::string started = how == EProgram::cAsNamed ? LaunchedPath(program) : program;
     if (started.size() >= PATH_MAX) {
-        objections.Refuse(TObjection::cPathTooLong, "the program's path has " +
-                                                        std::to_string(started.size()) +
-                                                        " bytes, the system opens none beyond " +
-                                                        std::to_string(PATH_MAX - 1));
+        errors.Refuse(TValidationError::cPathTooLong,
+                      "the program's path has " + std::to_string(started.size()) +
+                          " bytes, the system opens none beyond " + std::to_string(PATH_MAX - 1));
         return;
     }
     if (started.front() != '/')
-        objections.Warn(TObjection::cRelativePath,
-                        Quoted(program) +
-                            " would be looked up in the directory of the scheduling process; give "
-                            "an absolute path");
-    FindMissing(started, objections);
+        errors.Warn(TValidationError::cRelativePath,
+                    Quoted(program) +
+                        " would be looked up in the directory of the scheduling process; give "
+                        "an absolute path");
+    FindMissing(started, errors);
 }
 
-void LookAtPeriod(const TTaskEntry& task, TTime now, CObjections& objections) {
+void ValidatePeriod(const TTaskEntry& task, TTime now, CFindings& errors) {
     const std::uint32_t step = task.period * 3600U;
     if (task.period != 0 && step == 0)
-        objections.Refuse(
-            TObjection::cEndlessPeriod,
-            "a period of " + std::to_string(task.period) +
-                " hours is a step of zero: the first late start would hang the store; "
-                "the longest period is " +
-                std::to_string(cLongestPeriod) + " hours");
+        errors.Refuse(TValidationError::cEndlessPeriod,
+                      "a period of " + std::to_string(task.period) +
+                          " hours is a step of zero: the first late start would hang the store; "
+                          "the longest period is " +
+                          std::to_string(cLongestPeriod) + " hours");
     else if (IsTooFarBack(task.next, task.period, now))
-        objections.Refuse(TObjection::cTooFarBack,
-                          "the start lies so far back that a process which loads the library would "
-                          "catch up for more than a second; give one nearer to the present");
+        errors.Refuse(TValidationError::cTooFarBack,
+                      "the start lies so far back that a process which loads the library would "
+                      "catch up for more than a second; give one nearer to the present");
     else if (task.period > cLongestPeriod)
-        objections.Warn(TObjection::cWrappedPeriod, "a period of " + std::to_string(task.period) +
-                                                        " hours would be a step of " +
-                                                        std::to_string(step) +
-                                                        " seconds; the longest period is " +
-                                                        std::to_string(cLongestPeriod) + " hours");
+        errors.Warn(TValidationError::cWrappedPeriod,
+                    "a period of " + std::to_string(task.period) + " hours would be a step of " +
+                        std::to_string(step) + " seconds; the longest period is " +
+                        std::to_string(cLongestPeriod) + " hours");
     if (task.period == 0 && task.next < now)
-        objections.Warn(
-            TObjection::cPastStart,
-            "the start of a task that runs once lies in the past: a new one would run at "
-            "once, one that exists would be removed unrun; give a start in the future");
+        errors.Warn(TValidationError::cPastDue,
+                    "the start of a task that runs once lies in the past: a new one would run at "
+                    "once, one that exists would be removed unrun; give a start in the future");
 }
 
 }  // namespace
 
-std::string_view TObjection::Name() const {
+std::string_view TValidationError::Name() const {
     static constexpr std::array<std::string_view, 13> names = {
         "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
         "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
@@ -141,32 +135,32 @@ std::string_view TObjection::Name() const {
     return names.at(static_cast<std::size_t>(kind));
 }
 
-bool TObjection::IsAboutTheProgram() const {
+bool TValidationError::IsAboutProgram() const {
     return kind >= cNoProgram && kind <= cAbortingExtension;
 }
 
-std::string StartedPath(std::string_view program) {
+std::string LaunchedPath(std::string_view program) {
     return std::string(program.substr(0, program.find_last_not_of(".exe") + 1));
 }
 
-bool AbortsItsStart(const std::string& program) {
+bool AbortsLaunch(const std::string& program) {
     const std::string extension = ExtensionOf(program);
     return !extension.empty() && extension != ".exe";
 }
 
-std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now, EProgram how) {
-    CObjections objections;
+std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgram how) {
+    CFindings errors;
     if (task.name.empty())
-        objections.Refuse(TObjection::cEmptyName, "the task has no name; give it one");
+        errors.Refuse(TValidationError::cEmptyName, "the task has no name; give it one");
     for (const std::string* const text : {&task.name, &task.program, &task.parameter}) {
         if (text->find('\0') != std::string::npos)
-            objections.Refuse(TObjection::cZeroByte,
-                              "a text holds a zero byte, where it would be cut off: " +
-                                  Quoted(text->substr(0, text->find('\0'))));
+            errors.Refuse(TValidationError::cZeroByte,
+                          "a text holds a zero byte, where it would be cut off: " +
+                              Quoted(text->substr(0, text->find('\0'))));
     }
-    LookAtProgram(task.program.substr(0, task.program.find('\0')), how, objections);
-    LookAtPeriod(task, now, objections);
-    return objections.WorstFirst();
+    ValidateProgram(task.program.substr(0, task.program.find('\0')), how, errors);
+    ValidatePeriod(task, now, errors);
+    return errors.WorstFirst();
 }
 
 }  // namespace vxsched

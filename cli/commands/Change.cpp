@@ -8,7 +8,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/ExitStatus.h"
-#include "cli/time/PeriodText.h"
+#include "cli/time/PeriodFormat.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -16,7 +16,7 @@ namespace vxsched {
 namespace {
 
 // "backup, every 1d, next 2026-11-22 02:00:00 (in 11h 5min)".
-std::string Described(const TCommon& common, const TTaskEntry& task) {
+std::string Describe(const TCommon& common, const TTaskEntry& task) {
     const TTime now = Now();
     const std::string when = task.next <= now
                                  ? "at once"
@@ -36,9 +36,8 @@ void CheckNames(const CStore& store, const TNames& names) {
     const TTable table = store.Read();
     for (const std::string& name : names) {
         if (table.Find(name) == nullptr)
-            throw CClientError(
-                EError::cNotFound,
-                fmt::format("there is no task \"{}\"; vxsched list shows all", name));
+            throw CError(EError::cNotFound,
+                         fmt::format("there is no task \"{}\"; vxsched list shows all", name));
     }
 }
 
@@ -57,30 +56,29 @@ int ChangeNames(const TCommon& common, const TNames& names, const char* done, co
 
 }  // namespace
 
-int Create(const TCommon& common, const TTaskTexts& texts, bool replace, COutput& output) {
+int Create(const TCommon& common, const TTaskArguments& texts, bool replace, COutput& output) {
     const TTime now = Now();
     const TNewTask task{texts.name, ParseTime(texts.at.value_or("now"), now),
                         ParsePeriod(texts.every.value_or("once")), texts.program.value_or(""),
                         texts.parameter.value_or("")};
     const CStore store(common.store);
     if (common.dryRun) {
-        for (const TObjection& objection : store.Check(task, common.forced))
-            throw CClientError(EError::cRefused, objection.text);
+        for (const TValidationError& error : store.Check(task, common.forced))
+            throw CError(EError::cRefused, error.text);
         if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
-            throw CClientError(
-                EError::cRefused,
-                fmt::format("there is a task \"{}\" already; --replace it, or choose "
-                            "another name",
-                            task.name));
-        Say(output, "would create " + Described(common, {task.name, task.start, TTime(),
-                                                         task.period, "", "", false}));
+            throw CError(EError::cRefused,
+                         fmt::format("there is a task \"{}\" already; --replace it, or choose "
+                                     "another name",
+                                     task.name));
+        Say(output, "would create " + Describe(common, {task.name, task.start, TTime(), task.period,
+                                                        "", "", false}));
         return cDone;
     }
-    Say(output, "created " + Described(common, store.Create(task, replace, common.forced)));
+    Say(output, "created " + Describe(common, store.Create(task, replace, common.forced)));
     return cDone;
 }
 
-int Edit(const TCommon& common, const TTaskTexts& texts, COutput& output) {
+int Edit(const TCommon& common, const TTaskArguments& texts, COutput& output) {
     TEdit edit;
     if (texts.at)
         edit.start = ParseTime(*texts.at, Now());
@@ -93,9 +91,9 @@ int Edit(const TCommon& common, const TTaskTexts& texts, COutput& output) {
     const CStore store(common.store);
     if (common.dryRun)
         Say(output,
-            "would change " + Described(common, store.Edited(texts.name, edit, common.forced)));
+            "would change " + Describe(common, store.Edited(texts.name, edit, common.forced)));
     else
-        Say(output, "changed " + Described(common, store.Edit(texts.name, edit, common.forced)));
+        Say(output, "changed " + Describe(common, store.Edit(texts.name, edit, common.forced)));
     return cDone;
 }
 
@@ -123,9 +121,9 @@ int SetPeriod(const TCommon& common, const std::string& name, const std::string&
     TEdit edit;
     edit.period = hours;
     if (common.dryRun)
-        Say(output, "would change " + Described(common, store.Edited(name, edit, common.forced)));
+        Say(output, "would change " + Describe(common, store.Edited(name, edit, common.forced)));
     else
-        Say(output, "changed " + Described(common, store.SetPeriod(name, hours, common.forced)));
+        Say(output, "changed " + Describe(common, store.SetPeriod(name, hours, common.forced)));
     return cDone;
 }
 
@@ -140,7 +138,7 @@ int Run(const TCommon& common, const std::string& name, bool force, bool wait, C
         Say(output, fmt::format("started {} as process {}", name, process));
         try {
             output.Finish();
-        } catch (const CClientError&) {
+        } catch (const CError&) {
             // The start is not to be cut short for that; the end of the command says it.
         }
     });
@@ -158,10 +156,10 @@ int Run(const TCommon& common, const std::string& name, bool force, bool wait, C
 int Wake(const TCommon& common, COutput& output) {
     const CStore store(common.store);
     if (!store.Wake())
-        throw CClientError(EError::cNoScheduler,
-                           fmt::format("there is no scheduling process to wake in {}; start "
-                                       "vxschedd there",
-                                       common.store.directory.string()));
+        throw CError(EError::cNoScheduler,
+                     fmt::format("there is no scheduling process to wake in {}; start "
+                                 "vxschedd there",
+                                 common.store.directory.string()));
     output.Line("woke the scheduling process");
     return cDone;
 }

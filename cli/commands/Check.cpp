@@ -40,10 +40,10 @@ std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
     for (const TTaskEntry& task : table.tasks) {
         const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
         const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;
-        for (const TObjection& objection : FindObjections(task, Now(), how)) {
-            if (objection.kind != TObjection::cPastStart)
-                findings.push_back({std::string(objection.Name()),
-                                    fmt::format("task \"{}\": {}", task.name, objection.text)});
+        for (const TValidationError& error : Validate(task, Now(), how)) {
+            if (error.kind != TValidationError::cPastDue)
+                findings.push_back({std::string(error.Name()),
+                                    fmt::format("task \"{}\": {}", task.name, error.text)});
         }
     }
     return findings;
@@ -76,9 +76,9 @@ int CheckTable(const TCommon& common, const std::string& file, COutput& output) 
     TTable table;
     try {
         if (!file.empty() && !std::filesystem::exists(file))
-            throw CClientError(EError::cFailed, fmt::format("there is no file {}", file));
+            throw CError(EError::cFailed, fmt::format("there is no file {}", file));
         table = file.empty() ? CStore(common.store).Read() : DecodeTable(ReadBytes(file), Now());
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
         Print(common, {{"damaged", error.what()}}, "damaged; vxsched repair keeps what it can",

@@ -8,7 +8,7 @@
 
 #include <vxsched/Store.h>
 #include "cli/output/COutput.h"
-#include "cli/time/TimeText.h"
+#include "cli/time/TimeFormat.h"
 
 namespace vxsched {
 
@@ -22,7 +22,7 @@ struct TCommon {
 };
 
 // The commands. Each prints to `output`, which the caller finishes, and returns the exit status; what
-// is wrong is thrown: CClientError, CTextError, or CUsageError.
+// is wrong is thrown: CError, CParseError, or CUsageError.
 
 class CUsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -47,15 +47,15 @@ enum class EImport { cAdd, cMerge, cReplace };
 int Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 
 // Texts as they were typed.
-struct TTaskTexts {
+struct TTaskArguments {
     std::string name;
     std::optional<std::string> at = {};
     std::optional<std::string> every = {};
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
 };
-int Create(const TCommon& common, const TTaskTexts& task, bool replace, COutput& output);
-int Edit(const TCommon& common, const TTaskTexts& task, COutput& output);
+int Create(const TCommon& common, const TTaskArguments& task, bool replace, COutput& output);
+int Edit(const TCommon& common, const TTaskArguments& task, COutput& output);
 
 using TNames = std::vector<std::string>;
 int Remove(const TCommon& common, const TNames& names, COutput& output);

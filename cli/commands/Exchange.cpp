@@ -23,15 +23,14 @@ std::string ReadText(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
     if (std::filesystem::is_directory(file))
-        throw CClientError(EError::cRefused, "cannot import: " + file + " is a directory");
+        throw CError(EError::cRefused, "cannot import: " + file + " is a directory");
     if (file != "-") {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
     std::string text{std::istreambuf_iterator<char>(*input), {}};
     if (text.empty())
-        throw CClientError(EError::cRefused,
-                           "cannot import: " + file + " is empty or cannot be read");
+        throw CError(EError::cRefused, "cannot import: " + file + " is empty or cannot be read");
     return text;
 }
 
@@ -45,13 +44,13 @@ bool HasItsLink(const TCommon& common, const TImported& imported) {
            IsLinkPath(common.store.directory, imported.task.program);
 }
 
-bool IsHarmful(TObjection::EKind kind) {
+bool IsHarmful(TValidationError::EKind kind) {
     switch (kind) {
-        case TObjection::cAbortingExtension:
-        case TObjection::cEndlessPeriod:
-        case TObjection::cTooFarBack:
-        case TObjection::cEmptyName:
-        case TObjection::cZeroByte:
+        case TValidationError::cAbortingExtension:
+        case TValidationError::cEndlessPeriod:
+        case TValidationError::cTooFarBack:
+        case TValidationError::cEmptyName:
+        case TValidationError::cZeroByte:
             return true;
         default:
             return false;
@@ -65,12 +64,12 @@ void Judge(const TCommon& common, const std::vector<TImported>& imported) {
         const bool isLink = HasItsLink(common, one);
         if (isLink)
             task.program = one.realProgram;
-        for (const TObjection& objection :
-             FindObjections(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
-            if (IsHarmful(objection.kind))
-                throw CClientError(EError::cRefused, fmt::format("cannot import task \"{}\": {}",
-                                                                 task.name, objection.text));
-            Warn(task.name, objection.text);
+        for (const TValidationError& error :
+             Validate(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
+            if (IsHarmful(error.kind))
+                throw CError(EError::cRefused,
+                             fmt::format("cannot import task \"{}\": {}", task.name, error.text));
+            Warn(task.name, error.text);
         }
     }
 }
@@ -87,11 +86,11 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
         else if (how == EImport::cMerge)
             *found = one.task;
         else
-            throw CClientError(EError::cRefused,
-                               fmt::format("there is a task \"{}\" already; import with --merge to "
-                                           "overwrite it, or with --replace to make the import the "
-                                           "whole table",
-                                           one.task.name));
+            throw CError(EError::cRefused,
+                         fmt::format("there is a task \"{}\" already; import with --merge to "
+                                     "overwrite it, or with --replace to make the import the "
+                                     "whole table",
+                                     one.task.name));
     }
     return tasks;
 }
@@ -133,8 +132,8 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
     }
     store.ReplaceAll(tasks, [&](const std::string& bytes) {
         if (DecodeTable(bytes, Now()).tasks != present.tasks)
-            throw CClientError(EError::cBusy,
-                               "the table was changed meanwhile; nothing was imported; try again");
+            throw CError(EError::cBusy,
+                         "the table was changed meanwhile; nothing was imported; try again");
         MakeLinks(common, imported);
     });
     output.Line(fmt::format("imported {} now", what));

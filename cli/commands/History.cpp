@@ -7,7 +7,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
-#include "cli/output/RunText.h"
+#include "cli/output/RunFormat.h"
 #include "runs/HistoryReader.h"
 
 namespace vxsched {
@@ -19,7 +19,7 @@ constexpr char cNone[] = "-";
 
 void RequireTask(const TCommon& common, const std::string& name) {
     if (CStore(common.store).Read().Find(name) == nullptr)
-        throw CClientError(
+        throw CError(
             EError::cNotFound,
             fmt::format("there is no task \"{}\", and no record of a run of one; vxsched list "
                         "shows all",

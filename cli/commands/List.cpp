@@ -6,7 +6,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
-#include "cli/time/PeriodText.h"
+#include "cli/time/PeriodFormat.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {

@@ -13,7 +13,7 @@ namespace vxsched {
 namespace {
 
 std::string TableBytes(const TCommon& common) {
-    const CStoreLock lock(common.store.patience);
+    const CStoreMutexLock lock(common.store.lockTimeout);
     return ReadBytes(TableFile(common.store.directory));
 }
 
@@ -21,7 +21,7 @@ std::string TableBytes(const TCommon& common) {
 
 int Repair(const TCommon& common, COutput& output) {
     const std::string bytes = TableBytes(common);
-    const std::optional<TSource> source = FindSource(common.store.directory);
+    const std::optional<TBackup> source = FindBackup(common.store.directory);
     const TRepair repair = PlanRepair(bytes, source ? &*source : nullptr, Now());
     if (repair.notes.empty()) {
         output.Line("the table is sound, there is nothing to repair");
@@ -35,11 +35,11 @@ int Repair(const TCommon& common, COutput& output) {
         output.Line(fmt::format("would write a table of {}", count));
         return 0;
     }
-    const std::string aside = PutAside(common.store.directory, bytes).string();
+    const std::string aside = Quarantine(common.store.directory, bytes).string();
     CStore(common.store).ReplaceAll(repair.tasks, [&](const std::string& current) {
         if (current != bytes)
-            throw CClientError(EError::cBusy,
-                               "the table was changed meanwhile; nothing was repaired; try again");
+            throw CError(EError::cBusy,
+                         "the table was changed meanwhile; nothing was repaired; try again");
     });
     output.Line(fmt::format("wrote a table of {}; the former one is {}", count, aside));
     return 0;

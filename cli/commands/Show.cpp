@@ -9,8 +9,8 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
-#include "cli/output/RunText.h"
-#include "cli/time/PeriodText.h"
+#include "cli/output/RunFormat.h"
+#include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
 #include "store/ProgramLinks.h"
 
@@ -26,9 +26,9 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     TTaskEntry real = task;
     real.program = RealProgram(common.store.directory, task.program);
     const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
-    for (const TObjection& objection : FindObjections(real, now, how)) {
-        if (objection.IsAboutTheProgram())
-            return objection.text;
+    for (const TValidationError& error : Validate(real, now, how)) {
+        if (error.IsAboutProgram())
+            return error.text;
     }
     if (task.paused)
         return fmt::format("it is paused; vxsched resume {}", task.name);
@@ -75,8 +75,8 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const TTable table = CStore(common.store).Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw CClientError(EError::cNotFound,
-                           fmt::format("there is no task \"{}\"; vxsched list shows all", name));
+        throw CError(EError::cNotFound,
+                     fmt::format("there is no task \"{}\"; vxsched list shows all", name));
     const TTime now = Now();
     const TTaskState state = StateOf(*task, CRunningPrograms(), now);
     const std::string why = WhyNot(common, *task, state, now);

@@ -34,8 +34,8 @@ TStatus Look(const TCommon& common) {
     status.scheduler = FindSchedulingProcess(common.store.directory);
     // Before the table is read, which takes the mutex and so would be its last use.
     try {
-        status.mutex = LookAtStoreMutex();
-    } catch (const CClientError& error) {
+        status.mutex = InspectStoreMutex();
+    } catch (const CError& error) {
         status.mutexError = error.what();
     }
     status.file = TableFile(common.store.directory).string();
@@ -48,7 +48,7 @@ TStatus Look(const TCommon& common) {
             if (problem.kind != TProblem::cUnusual)
                 status.damage = problem.text;
         }
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         if (error.Code() == EError::cDamaged)
             status.damage = error.what();
         else

@@ -34,7 +34,7 @@ TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& running, TTim
     const auto state = task.paused                ? TTaskState::cPaused
                        : task.next < now - cGrace ? TTaskState::cOverdue
                                                   : TTaskState::cActive;
-    return {state, running.Find(StartedPath(task.program), task.parameter)};
+    return {state, running.Find(LaunchedPath(task.program), task.parameter)};
 }
 
 }  // namespace vxsched

@@ -21,7 +21,7 @@ public:
     void Line(std::string_view text);
     void Raw(std::string_view text);
 
-    // Throws CClientError when it could not all be written.
+    // Throws CError when it could not all be written.
     void Finish();
 
     std::size_t Length() const { return text.size(); }  // of what is not written yet

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include <vxsched/Error.h>
-#include "cli/time/TimeText.h"
+#include "cli/time/TimeFormat.h"
 
 namespace vxsched {
 
@@ -122,7 +122,7 @@ public:
 
 private:
     [[noreturn]] void Fail(const std::string& what) const {
-        throw CClientError(EError::cRefused, fmt::format("cannot import: {} {}", place, what));
+        throw CError(EError::cRefused, fmt::format("cannot import: {} {}", place, what));
     }
 
     const TJson& json;
@@ -182,17 +182,17 @@ std::vector<TImported> ReadTasks(const std::string& text) {
     try {
         document = TJson::parse(text);
     } catch (const TJson::parse_error& error) {
-        throw CClientError(EError::cRefused,
-                           fmt::format("cannot import: this is not JSON: {}", error.what()));
+        throw CError(EError::cRefused,
+                     fmt::format("cannot import: this is not JSON: {}", error.what()));
     }
     const bool isObject = document.is_object();
     if (!isObject || document.value("version", TJson()) != 1)
-        throw CClientError(EError::cRefused,
-                           "cannot import: the document has no \"version\" of 1; import what "
-                           "vxsched export has written");
+        throw CError(EError::cRefused,
+                     "cannot import: the document has no \"version\" of 1; import what "
+                     "vxsched export has written");
     const auto tasks = document.find("tasks");
     if (tasks == document.end() || !tasks->is_array())
-        throw CClientError(EError::cRefused, "cannot import: the document has no list \"tasks\"");
+        throw CError(EError::cRefused, "cannot import: the document has no list \"tasks\"");
     std::vector<TImported> imported;
     for (std::size_t index = 0; index < tasks->size(); ++index)
         imported.push_back(ReadTask((*tasks)[index], index));

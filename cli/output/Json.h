@@ -28,7 +28,7 @@ struct TImported {
     std::string realProgram;  // what the program's link leads to; empty when it is none
 };
 
-// Throws CClientError (cRefused) that names the task and the field that makes no sense.
+// Throws CError (cRefused) that names the task and the field that makes no sense.
 std::vector<TImported> ReadTasks(const std::string& text);
 
 }  // namespace vxsched

@@ -36,7 +36,7 @@ std::int64_t ValueOf(std::string_view digits) {
     return result.ec == std::errc() ? std::min(value, cLargestNumber) : cLargestNumber;
 }
 
-seconds ReadUnit(CTextReader& reader, std::string_view number) {
+seconds ReadUnit(CParser& reader, std::string_view number) {
     if (reader.Next() == '.' || reader.Next() == ',')
         reader.Fail(reader.Offset(), "only whole numbers can be read: take a smaller unit as well");
     reader.SkipBlanks();
@@ -53,7 +53,7 @@ seconds ReadUnit(CTextReader& reader, std::string_view number) {
 
 }  // namespace
 
-seconds ReadDuration(CTextReader& reader, seconds smallest, std::string_view tooSmall) {
+seconds ReadDuration(CParser& reader, seconds smallest, std::string_view tooSmall) {
     seconds sum(0);
     seconds unitBefore = seconds::max();
     do {

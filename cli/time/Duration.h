@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string_view>
 
-#include "cli/time/CTextReader.h"
+#include "cli/time/CParser.h"
 
 namespace vxsched {
 
@@ -12,7 +12,7 @@ namespace vxsched {
 // number beyond 10^12 counts as 10^12, which is longer than anything that has a use.
 //
 // Units below `smallest` are refused with the reason `tooSmall`. Throws CTextError.
-std::chrono::seconds ReadDuration(CTextReader& reader, std::chrono::seconds smallest,
+std::chrono::seconds ReadDuration(CParser& reader, std::chrono::seconds smallest,
                                   std::string_view tooSmall);
 
 }  // namespace vxsched

@@ -8,7 +8,7 @@ namespace vxsched {
 
 CAddIn::CAddIn(const std::string& path) : handle(dlopen(path.c_str(), RTLD_NOW)) {
     if (handle == nullptr)
-        throw CClientError(EError::cFailed, std::string("cannot load the add-in: ") + dlerror());
+        throw CError(EError::cFailed, std::string("cannot load the add-in: ") + dlerror());
     Find(create, "CreateTask");
     Find(destroy, "DestroyTask");
     Find(pause, "_Z9PauseTaskPKc");
@@ -21,8 +21,8 @@ template <typename Function>
 void CAddIn::Find(Function& function, const char* symbol) {
     function = reinterpret_cast<Function>(dlsym(handle, symbol));
     if (function == nullptr)
-        throw CClientError(EError::cFailed,
-                           std::string("the add-in has no function ") + symbol + ": " + dlerror());
+        throw CError(EError::cFailed,
+                     std::string("the add-in has no function ") + symbol + ": " + dlerror());
 }
 
 }  // namespace vxsched

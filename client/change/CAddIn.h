@@ -11,7 +11,7 @@ namespace vxsched {
 // the store mutex away from all others.
 class CAddIn {
 public:
-    // Throws CClientError (cFailed) when it cannot be loaded or lacks a function.
+    // Throws CError (cFailed) when it cannot be loaded or lacks a function.
     explicit CAddIn(const std::string& path);
 
     decltype(&CreateTask) create;

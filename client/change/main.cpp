@@ -71,7 +71,7 @@ std::optional<TRequest> ReadRequest() {
 // is cut off by the load, which sets it free; that is how it is given back. When the load fails, the
 // kernel gives it back at the end of this process, if it is still held.
 std::optional<CAddIn> Load(TRequest& request) {
-    CStoreLock lock{std::chrono::milliseconds(request.patience)};
+    CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
     const std::string bytes = ReadBytes(TableFile("."));
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
@@ -93,7 +93,7 @@ std::optional<CAddIn> Load(TRequest& request) {
         }
     }
     RemoveLeftovers(".");
-    KeepBefore(".", bytes);
+    WriteBackup(".", bytes);
     Tell(cMessageBegun, "");
     lock.Forget();
     const CFrozenClock clock;
@@ -103,7 +103,7 @@ std::optional<CAddIn> Load(TRequest& request) {
 void Create(const CAddIn& addIn, const TCall& call) {
     const long start = call.task.next.time_since_epoch().count();
     std::optional<CFrozenClock> clock;
-    if (call.keepStart)
+    if (call.keepDue)
         clock.emplace();
     addIn.create(call.task.name.c_str(), &start, call.task.period, call.task.program.c_str(),
                  call.task.parameter.c_str());
@@ -138,11 +138,11 @@ void Make(const CAddIn& addIn, const TCall& call) {
 
 std::string ReadBack(const TRequest& request) {
     try {
-        const CStoreLock lock{std::chrono::milliseconds(request.patience)};
+        const CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
         return ReadBytes(TableFile("."));
-    } catch (const CClientError& error) {
-        throw CClientError(EError::cFailed,
-                           std::string("the change was made but not verified: ") + error.what());
+    } catch (const CError& error) {
+        throw CError(EError::cFailed,
+                     std::string("the change was made but not verified: ") + error.what());
     }
 }
 
@@ -150,7 +150,7 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
     std::optional<TTable> table;
     try {
         table = DecodeTable(bytes, Now());
-    } catch (const CClientError&) {
+    } catch (const CError&) {
         return;  // the client sees it as well, and puts the table from before back
     }
     RemoveUnusedLinks(request.directory, *table);
@@ -174,12 +174,12 @@ void Serve(TRequest& request) {
         AnnounceChange();
         started = process;
         if (process != 0)
-            Tell(cMessageStarted, std::to_string(process));
+            Tell(cMessageLaunched, std::to_string(process));
         else
-            Tell(cMessageNotStarted, std::strerror(error));
+            Tell(cMessageLaunchFailed, std::strerror(error));
     });
     {
-        const CLoadTurn turn(".", std::chrono::milliseconds(request.patience));
+        const CWriterLock turn(".", std::chrono::milliseconds(request.lockTimeout));
         const std::optional<CAddIn> addIn = Load(request);
         if (!addIn)
             return;
@@ -211,7 +211,7 @@ int Main() {
         BecomeTheOwner();
         Serve(*request);
         return 0;
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         Tell(cMessageError, std::to_string(static_cast<int>(error.Code())) + ' ' + error.what());
     } catch (const std::exception& error) {
         Tell(cMessageError, std::to_string(static_cast<int>(EError::cFailed)) + ' ' + error.what());

@@ -14,9 +14,9 @@ static std::string UpToZero(const std::string& text) {
     return text.substr(0, text.find('\0'));
 }
 
-static bool IsStartOf(const vxsched::TTaskEntry& task, const std::string& program,
-                      const std::string& parameter) {
-    return UpToZero(vxsched::StartedPath(task.program)) == program &&
+static bool IsLaunchOf(const vxsched::TTaskEntry& task, const std::string& program,
+                       const std::string& parameter) {
+    return UpToZero(vxsched::LaunchedPath(task.program)) == program &&
            UpToZero(task.parameter) == parameter;
 }
 
@@ -47,7 +47,7 @@ std::optional<CDueTasks::TTask> CDueTasks::Find(const std::vector<vxsched::TTask
     if (auto task = FindDue(before, now, program, parameter))
         return task;
     for (const vxsched::TTaskEntry& task : tasks) {
-        if (IsStartOf(task, program, parameter))
+        if (IsLaunchOf(task, program, parameter))
             return TTask{.name = task.name, .due = std::nullopt};
     }
     return std::nullopt;
@@ -58,7 +58,7 @@ std::optional<CDueTasks::TTask> CDueTasks::FindDue(TTableSeen& table, vxsched::T
                                                    const std::string& parameter) {
     for (std::size_t index = 0; index < table.tasks.size(); ++index) {
         const vxsched::TTaskEntry& task = table.tasks[index];
-        if (IsStartOf(task, program, parameter) && !task.paused && task.next <= now &&
+        if (IsLaunchOf(task, program, parameter) && !task.paused && task.next <= now &&
             table.started.insert(index).second)
             return TTask{.name = task.name, .due = task.next};
     }

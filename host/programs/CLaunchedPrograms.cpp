@@ -25,29 +25,29 @@ static double Seconds(std::chrono::microseconds time) {
     return std::chrono::duration<double>(time).count();
 }
 
-CStartedPrograms& CStartedPrograms::Instance() {
-    static CStartedPrograms instance;
+CLaunchedPrograms& CLaunchedPrograms::Instance() {
+    static CLaunchedPrograms instance;
     return instance;
 }
 
-CStartedPrograms::CStartedPrograms() : wakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+CLaunchedPrograms::CLaunchedPrograms() : wakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wakeDescriptor == -1)
         throw std::system_error(errno, std::generic_category(), "cannot make an event descriptor");
 }
 
-void CStartedPrograms::RecordIn(CRunHistory* runHistory) {
+void CLaunchedPrograms::RecordIn(CRunHistory* runHistory) {
     const std::lock_guard<std::mutex> lock(mutex);
     history = runHistory;
 }
 
-void CStartedPrograms::Started(const TRunRecord& run) {
+void CLaunchedPrograms::Started(const TRunRecord& run) {
     LogInfo(fmt::format("started process {} for {}", run.process, DescriptionOf(run)));
     const std::lock_guard<std::mutex> lock(mutex);
     ++starts;
     programs[run.process] = {.run = run, .start = std::chrono::steady_clock::now()};
 }
 
-void CStartedPrograms::NotStarted(const TRunRecord& run) {
+void CLaunchedPrograms::NotStarted(const TRunRecord& run) {
     LogError(fmt::format("cannot start {}: {}, for {}",
                          run.program.empty() ? "an empty path" : run.program, run.error,
                          DescriptionOf(run)));
@@ -56,7 +56,7 @@ void CStartedPrograms::NotStarted(const TRunRecord& run) {
     Record(run);
 }
 
-void CStartedPrograms::Asked(pid_t process, pid_t result, int status, const rusage& usage) {
+void CLaunchedPrograms::Asked(pid_t process, pid_t result, int status, const rusage& usage) {
     const std::lock_guard<std::mutex> lock(mutex);
     const auto found = programs.find(process);
     if (found == programs.end())
@@ -71,7 +71,7 @@ void CStartedPrograms::Asked(pid_t process, pid_t result, int status, const rusa
     static_cast<void>(eventfd_write(wakeDescriptor, 1));
 }
 
-void CStartedPrograms::CollectFinished() {
+void CLaunchedPrograms::CollectFinished() {
     eventfd_t ignored = 0;
     static_cast<void>(eventfd_read(wakeDescriptor, &ignored));
     const std::lock_guard<std::mutex> lock(mutex);
@@ -99,7 +99,7 @@ void CStartedPrograms::CollectFinished() {
     }
 }
 
-void CStartedPrograms::Leave() {
+void CLaunchedPrograms::Leave() {
     const std::lock_guard<std::mutex> lock(mutex);
     for (auto& [process, program] : programs) {
         LogNotice(
@@ -112,17 +112,17 @@ void CStartedPrograms::Leave() {
     programs.clear();
 }
 
-std::size_t CStartedPrograms::Count() {
+std::size_t CLaunchedPrograms::Count() {
     const std::lock_guard<std::mutex> lock(mutex);
     return programs.size();
 }
 
-std::size_t CStartedPrograms::CountStarts() {
+std::size_t CLaunchedPrograms::CountLaunches() {
     const std::lock_guard<std::mutex> lock(mutex);
     return starts;
 }
 
-void CStartedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
+void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.start;
     TRunRecord& run = program.run;
     run.ended = Now();
@@ -147,7 +147,7 @@ void CStartedPrograms::Ended(TProgram& program, int status, const rusage& usage)
     Record(run);
 }
 
-void CStartedPrograms::Record(const TRunRecord& run) {
+void CLaunchedPrograms::Record(const TRunRecord& run) {
     if (history != nullptr)
         history->Add(run);
 }

@@ -14,12 +14,12 @@
 // The programs that this process has started and not yet seen end. Every end is logged and recorded
 // once, with how the program ended, how long it ran and what it used. Any thread may call any of
 // these.
-class CStartedPrograms {
+class CLaunchedPrograms {
 public:
     // The one of this process.
-    static CStartedPrograms& Instance();
+    static CLaunchedPrograms& Instance();
 
-    CStartedPrograms();
+    CLaunchedPrograms();
 
     // Records go to `runHistory` from now on, null: nowhere. The caller keeps it alive.
     void RecordIn(CRunHistory* runHistory);
@@ -44,8 +44,8 @@ public:
     // Readable when CollectFinished() has something new to look at besides what SIGCHLD tells.
     int WakeDescriptor() const { return wakeDescriptor; }
 
-    std::size_t Count();        // of those that run
-    std::size_t CountStarts();  // of all that were ever tried
+    std::size_t Count();          // of those that run
+    std::size_t CountLaunches();  // of all that were ever tried
 
 private:
     struct TProgram {

@@ -70,13 +70,13 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     };
     std::optional<std::string> mark;
     if (run.task && run.due)
-        mark = MarkPath(*run.task, *run.due);
-    const auto lacksMark = [&] { return mark && access(mark->c_str(), F_OK) != 0; };
+        mark = LaunchRecordPath(*run.task, *run.due);
+    const auto lacksRecord = [&] { return mark && access(mark->c_str(), F_OK) != 0; };
     int result = start(mark);
-    if (result != 0 && lacksMark() && MakeMarkFolder())
+    if (result != 0 && lacksRecord() && MakeLaunchRecordDirectory())
         result = start(mark);
     // Rather a start without a mark than none, on a disk without room for one.
-    if (result != 0 && lacksMark()) {
+    if (result != 0 && lacksRecord()) {
         LogWarning(
             fmt::format("cannot make {}: {}. Killed before the table shows this start, a host "
                         "makes it again.",
@@ -86,10 +86,10 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     if (result == 0) {
         run.process = *process;
         if (run.task && run.due)
-            RememberStart({.task = MarkName(*run.task),
-                           .due = *run.due,
-                           .started = std::chrono::floor<std::chrono::seconds>(*run.started)});
-        CStartedPrograms::Instance().Started(run);
+            RememberLaunch({.task = LaunchRecordName(*run.task),
+                            .due = *run.due,
+                            .started = std::chrono::floor<std::chrono::seconds>(*run.started)});
+        CLaunchedPrograms::Instance().Started(run);
     } else {
         // It may have come as far as its mark.
         if (mark)
@@ -97,7 +97,7 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
         run.outcome = TRunRecord::cNotStarted;
         run.ended = run.started;
         run.error = std::strerror(result);
-        CStartedPrograms::Instance().NotStarted(run);
+        CLaunchedPrograms::Instance().NotStarted(run);
     }
     return result;
 }
@@ -109,7 +109,7 @@ static pid_t Wait(pid_t process, int* status, int options) {
     const int error = errno;
     if (result > 0 && status != nullptr)
         *status = known;
-    CStartedPrograms::Instance().Asked(process, result, known, usage);
+    CLaunchedPrograms::Instance().Asked(process, result, known, usage);
     errno = error;
     return result;
 }

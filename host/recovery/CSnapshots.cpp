@@ -39,19 +39,19 @@ static void Write(const fs::path& path, const std::string& bytes) {
 
 CSnapshots::CSnapshots(std::size_t most) : limit(most) {}
 
-fs::path CSnapshots::Folder() {
+fs::path CSnapshots::Directory() {
     return "files/snapshots";
 }
 
 // A host that is started again and again would push the older ones out with the same table. The copy
 // is as young as that table, which counts beside the copy from before the last change.
 static bool IsYoungest(const std::string& bytes) {
-    const std::vector<vxsched::TKeptFile> kept =
-        vxsched::FindKept(CSnapshots::Folder(), cBeginning);
+    const std::vector<vxsched::TTimestampedFile> kept =
+        vxsched::FindTimestamped(CSnapshots::Directory(), cBeginning);
     try {
         if (kept.empty() || vxsched::ReadBytes(kept.back().path) != bytes)
             return false;
-    } catch (const vxsched::CClientError&) {
+    } catch (const vxsched::CError&) {
         return false;
     }
     return utimensat(AT_FDCWD, kept.back().path.c_str(), nullptr, 0) == 0;
@@ -64,13 +64,13 @@ void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
         last = bytes;
         return;
     }
-    if (mkdir(Folder().c_str(), 0700) == -1 && errno != EEXIST)
-        throw Failure("create", Folder());
-    const vxsched::TKeptName name =
-        vxsched::NextName(vxsched::FindKept(Folder(), cBeginning), vxsched::Now());
+    if (mkdir(Directory().c_str(), 0700) == -1 && errno != EEXIST)
+        throw Failure("create", Directory());
+    const vxsched::TFileTimestamp name =
+        vxsched::NextTimestamp(vxsched::FindTimestamped(Directory(), cBeginning), vxsched::Now());
     const fs::path path =
-        Folder() / fmt::format("{}{:012}-{:06}", cBeginning, name.time, name.number);
-    const fs::path temporary = Folder() / "new";
+        Directory() / fmt::format("{}{:012}-{:06}", cBeginning, name.time, name.number);
+    const fs::path temporary = Directory() / "new";
     try {
         Write(temporary, *bytes);
     } catch (const std::system_error&) {
@@ -79,9 +79,9 @@ void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
     }
     if (rename(temporary.c_str(), path.c_str()) == -1)
         throw Failure("name", path);
-    const CDescriptor folder(open(Folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder.IsOpen() || fsync(folder.Get()) == -1)
-        throw Failure("bring to the disk", Folder());
+    const CDescriptor directory(open(Directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.IsOpen() || fsync(directory.Get()) == -1)
+        throw Failure("bring to the disk", Directory());
     last = bytes;
-    vxsched::RemoveOldest(Folder(), cBeginning, limit);
+    vxsched::RemoveOldest(Directory(), cBeginning, limit);
 }

@@ -17,7 +17,7 @@ public:
     // whichever host. Throws std::system_error.
     void Keep(const std::shared_ptr<const std::string>& bytes);
 
-    static std::filesystem::path Folder();
+    static std::filesystem::path Directory();
 
 private:
     const std::size_t limit;

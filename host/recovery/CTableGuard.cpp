@@ -36,7 +36,7 @@ constexpr int cAgain = 100;                          // milliseconds until the n
 constexpr int cWithoutLimit = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
-    return vxsched::DecodeWholeTable(bytes, vxsched::Now());
+    return vxsched::DecodeIntactTable(bytes, vxsched::Now());
 }
 
 void Tell(const std::vector<std::string>& notes) {
@@ -111,7 +111,7 @@ void CTableGuard::Run() {
             std::this_thread::sleep_for(std::chrono::milliseconds(cAgain));
         if (stopping)
             return;
-        const bool looks = again || HasSomethingToLookAt();
+        const bool looks = again || HasChange();
         again = looks && !Look();
         // What a look needed, some hundred bytes a task, is not needed until the next one.
         if (looks && !again)
@@ -125,7 +125,7 @@ int CTableGuard::Rest() const {
     return isWatching && calls.IsOpen() ? cWithoutLimit : cSecond;
 }
 
-bool CTableGuard::HasSomethingToLookAt() {
+bool CTableGuard::HasChange() {
     eventfd_t ignored = 0;
     if (eventfd_read(calls.Get(), &ignored) == 0 || deleted)
         return true;
@@ -181,7 +181,7 @@ bool CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_
 // False when it is to be tried again.
 bool CTableGuard::Look() {
     try {
-        const vxsched::CStoreLock lock(cPatience);
+        const vxsched::CStoreMutexLock lock(cPatience);
         // A client that loaded the library at a bad moment may have let this one in beside a tick,
         // whose starts the table does not show yet.
         if (besideTheWorker && CEvent::UseOf(cStopEventName).waiters == 0)
@@ -196,7 +196,7 @@ bool CTableGuard::Look() {
         const bool isSettled = LookAt(vxsched::ReadTableBytes("."));
         trouble.clear();
         return isSettled;
-    } catch (const vxsched::CClientError& error) {
+    } catch (const vxsched::CError& error) {
         if (error.Code() != vxsched::EError::cBusy && trouble != error.what()) {
             trouble = error.what();
             LogError(fmt::format("cannot look after the table: {}; trying on", trouble));
@@ -212,10 +212,10 @@ bool CTableGuard::LookAt(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
         tasks = TasksOf(bytes);
-    } catch (const vxsched::CClientError& error) {
-        const std::optional<vxsched::TSource> source =
-            lastGood ? vxsched::TSource{"the last good table", TasksOf(*lastGood)}
-                     : vxsched::FindSource(".");
+    } catch (const vxsched::CError& error) {
+        const std::optional<vxsched::TBackup> source =
+            lastGood ? vxsched::TBackup{"the last good table", TasksOf(*lastGood)}
+                     : vxsched::FindBackup(".");
         const vxsched::TRepair repair =
             vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
         if (bytes != damaged)
@@ -232,14 +232,14 @@ bool CTableGuard::LookAt(const std::string& bytes) {
         Restore(bytes, "the table has lost " + names, std::move(tasks));
         return false;
     }
-    const std::vector<TStartMark> marks = ReadMarks();
-    const bool isBehind = ApplyMarks(marks, vxsched::Now(), tasks) > 0;
-    if (deleted || isBehind) {
+    const std::vector<TLaunchRecord> marks = ReadLaunchRecords();
+    const bool isOutdated = ApplyLaunchRecords(marks, vxsched::Now(), tasks) > 0;
+    if (deleted || isOutdated) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
         return false;
     }
-    for (const TStartMark& mark : FindShown(marks, tasks))
-        RemoveMark(mark);
+    for (const TLaunchRecord& mark : FindSettled(marks, tasks))
+        RemoveLaunchRecord(mark);
     Keep(bytes);
     return true;
 }
@@ -264,7 +264,7 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
 // The caller holds the mutex.
 void CTableGuard::Restore(const std::string& bytes, const std::string& why,
                           std::vector<TTaskEntry> tasks) {
-    ApplyMarks(ReadMarks(), vxsched::Now(), tasks);
+    ApplyLaunchRecords(ReadLaunchRecords(), vxsched::Now(), tasks);
     const std::string wanted = vxsched::EncodeTable(tasks);
     KeepDamaged(bytes, wanted);
     if (wanted != bytes)
@@ -272,8 +272,8 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& why,
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
     LogError(fmt::format("{}: the table is restored, with {} task(s)", why, tasks.size()));
-    for (const TStartMark& mark : FindShown(ReadMarks(), tasks))
-        RemoveMark(mark);
+    for (const TLaunchRecord& mark : FindSettled(ReadLaunchRecords(), tasks))
+        RemoveLaunchRecord(mark);
     deleted = false;
     TakeEvents();
     Keep(wanted);
@@ -285,8 +285,8 @@ void CTableGuard::KeepDamaged(const std::string& bytes, const std::string& wante
     if (bytes == wanted || bytes == damaged)
         return;
     try {
-        vxsched::PutAside(".", bytes);
-    } catch (const vxsched::CClientError& error) {
+        vxsched::Quarantine(".", bytes);
+    } catch (const vxsched::CError& error) {
         LogWarning(error.what());
     }
     damaged = bytes;

@@ -47,7 +47,7 @@ private:
     void Run();
     bool Watch();
     int Rest() const;
-    bool HasSomethingToLookAt();
+    bool HasChange();
     bool TakeEvents();
     bool TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name);
     bool Look();

@@ -23,10 +23,10 @@ namespace fs = std::filesystem;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
-static constexpr char cFolder[] = "files/started";
+static constexpr char cDirectory[] = "files/started";
 static constexpr std::size_t cLongestName = 200;
 
-std::string MarkName(const std::string& task) {
+std::string LaunchRecordName(const std::string& task) {
     std::string name;
     for (const char byte : task) {
         const auto value = static_cast<unsigned char>(byte);
@@ -39,29 +39,29 @@ std::string MarkName(const std::string& task) {
     return name;
 }
 
-bool TStartMark::IsOf(const std::string& name, TTime time) const {
-    return due == time && task == MarkName(name);
+bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
+    return due == time && task == LaunchRecordName(name);
 }
 
-bool MakeMarkFolder() {
-    if (mkdir(cFolder, 0755) == 0 || errno == EEXIST)
+bool MakeLaunchRecordDirectory() {
+    if (mkdir(cDirectory, 0755) == 0 || errno == EEXIST)
         return true;
     LogWarning(
         fmt::format("cannot create {}: {}. After a kill in the middle of a tick, tasks may be "
                     "started twice.",
-                    cFolder, std::strerror(errno)));
+                    cDirectory, std::strerror(errno)));
     return false;
 }
 
 static std::string PathOf(const std::string& name, TTime due) {
-    return fmt::format("{}/{}@{}", cFolder, name, due.time_since_epoch().count());
+    return fmt::format("{}/{}@{}", cDirectory, name, due.time_since_epoch().count());
 }
 
-std::string MarkPath(const std::string& task, TTime due) {
-    return PathOf(MarkName(task), due);
+std::string LaunchRecordPath(const std::string& task, TTime due) {
+    return PathOf(LaunchRecordName(task), due);
 }
 
-static std::optional<TStartMark> ReadMark(const fs::path& path) {
+static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
     const std::string name = path.filename().string();
     const std::size_t at = name.rfind('@');
     std::int64_t due = 0;
@@ -69,47 +69,47 @@ static std::optional<TStartMark> ReadMark(const fs::path& path) {
     if (at == std::string::npos || stat(path.c_str(), &status) != 0 ||
         std::from_chars(name.data() + at + 1, name.data() + name.size(), due).ec != std::errc())
         return std::nullopt;
-    return TStartMark{.task = name.substr(0, at),
-                      .due = TTime(std::chrono::seconds(due)),
-                      .started = TTime(std::chrono::seconds(status.st_mtime))};
+    return TLaunchRecord{.task = name.substr(0, at),
+                         .due = TTime(std::chrono::seconds(due)),
+                         .started = TTime(std::chrono::seconds(status.st_mtime))};
 }
 
 // What this process has started; the worker adds, the guard reads and removes.
 static std::mutex gMutex;
-static std::vector<TStartMark> gStarts;
+static std::vector<TLaunchRecord> gStarts;
 
-void RememberStart(const TStartMark& mark) {
+void RememberLaunch(const TLaunchRecord& mark) {
     const std::lock_guard<std::mutex> lock(gMutex);
     gStarts.push_back(mark);
 }
 
-std::vector<TStartMark> ReadMarks() {
+std::vector<TLaunchRecord> ReadLaunchRecords() {
     std::unique_lock<std::mutex> lock(gMutex);
-    std::vector<TStartMark> marks = gStarts;
+    std::vector<TLaunchRecord> marks = gStarts;
     lock.unlock();
     std::error_code error;
-    for (fs::directory_iterator entry(cFolder, error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        if (const auto mark = ReadMark(entry->path()))
+    for (fs::directory_iterator entry(cDirectory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        if (const auto mark = ReadLaunchRecord(entry->path()))
             marks.push_back(*mark);
     }
     if (error && error != std::errc::no_such_file_or_directory)
-        throw vxsched::SystemError(fmt::format("cannot read {}", cFolder), error.value());
+        throw vxsched::SystemError(fmt::format("cannot read {}", cDirectory), error.value());
     return marks;
 }
 
-void RemoveMark(const TStartMark& mark) {
+void RemoveLaunchRecord(const TLaunchRecord& mark) {
     const std::lock_guard<std::mutex> lock(gMutex);
-    std::erase_if(gStarts, [&](const TStartMark& one) {
+    std::erase_if(gStarts, [&](const TLaunchRecord& one) {
         return one.task == mark.task && one.due == mark.due;
     });
     unlink(PathOf(mark.task, mark.due).c_str());
 }
 
-std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,
-                       std::vector<TTaskEntry>& tasks) {
+std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& marks, TTime now,
+                               std::vector<TTaskEntry>& tasks) {
     std::size_t changed = 0;
-    for (const TStartMark& mark : marks) {
+    for (const TLaunchRecord& mark : marks) {
         const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
             return mark.IsOf(each.name, each.next);
         });
@@ -129,11 +129,11 @@ std::size_t ApplyMarks(const std::vector<TStartMark>& marks, TTime now,
     return changed;
 }
 
-std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
-                                  const std::vector<TTaskEntry>& tasks) {
-    std::vector<TStartMark> shown;
+std::vector<TLaunchRecord> FindSettled(const std::vector<TLaunchRecord>& marks,
+                                       const std::vector<TTaskEntry>& tasks) {
+    std::vector<TLaunchRecord> shown;
     std::copy_if(marks.begin(), marks.end(), std::back_inserter(shown),
-                 [&](const TStartMark& mark) {
+                 [&](const TLaunchRecord& mark) {
                      return std::none_of(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
                          return mark.IsOf(task.name, task.next);
                      });

@@ -10,8 +10,8 @@
 // mark are one, also when the host is killed in between; and as long as the table does not show the
 // start, the mark does.
 
-struct TStartMark {
-    std::string task;  // as MarkName() has it
+struct TLaunchRecord {
+    std::string task;  // as LaunchRecordName() has it
     vxsched::TTime due;
     vxsched::TTime started;  // when it was made
 
@@ -20,28 +20,28 @@ struct TStartMark {
 
 // A task's name as a part of a file's: what is no letter and no digit as %XX, and of what is too long
 // the beginning and a check sum.
-std::string MarkName(const std::string& task);
+std::string LaunchRecordName(const std::string& task);
 
 // Makes the folder in the working directory. False, with a line in the log, when that cannot be done.
-bool MakeMarkFolder();
+bool MakeLaunchRecordDirectory();
 
-std::string MarkPath(const std::string& task, vxsched::TTime due);
+std::string LaunchRecordPath(const std::string& task, vxsched::TTime due);
 
 // A start that this process has made. It counts as a mark as long as the process lives, whether there
 // is a file for it or not.
-void RememberStart(const TStartMark& mark);
+void RememberLaunch(const TLaunchRecord& mark);
 
-// Throws CClientError when the folder is there and cannot be read: rather no answer than a start made
+// Throws CError when the folder is there and cannot be read: rather no answer than a start made
 // twice.
-std::vector<TStartMark> ReadMarks();
-void RemoveMark(const TStartMark& mark);
+std::vector<TLaunchRecord> ReadLaunchRecords();
+void RemoveLaunchRecord(const TLaunchRecord& mark);
 
 // What the tasks should be for the starts that the table does not show: moved on behind a due time for
 // which there is a mark, or gone where they run once. `now` is what starts are moved on to. Returns
 // how many tasks were not as they should be.
-std::size_t ApplyMarks(const std::vector<TStartMark>& marks, vxsched::TTime now,
-                       std::vector<vxsched::TTaskEntry>& tasks);
+std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& marks, vxsched::TTime now,
+                               std::vector<vxsched::TTaskEntry>& tasks);
 
 // The marks whose start the table shows, or whose task has gone.
-std::vector<TStartMark> FindShown(const std::vector<TStartMark>& marks,
-                                  const std::vector<vxsched::TTaskEntry>& tasks);
+std::vector<TLaunchRecord> FindSettled(const std::vector<TLaunchRecord>& marks,
+                                       const std::vector<vxsched::TTaskEntry>& tasks);

@@ -14,27 +14,28 @@
 #include "store/StopEvent.h"
 
 // Where no service manager says how long a worker may seem dead. It is for the log only.
-static constexpr std::chrono::minutes cUsualPatience(2);
+static constexpr std::chrono::minutes cDefaultTimeout(2);
 // Ticks are a minute apart; more where one starts programs.
 static constexpr std::chrono::seconds cLateTick(75);
 // Between two looks for the end of a tick, which nothing announces.
-static constexpr std::chrono::milliseconds cTickPause(5);
+static constexpr std::chrono::milliseconds cTickPollInterval(5);
 
-static bool WorkerRests() {
+static bool WorkerIsIdle() {
     return CEvent::UseOf(cStopEventName).waiters > 0;
 }
 
 CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
-                     CStartedPrograms& startedPrograms, CEvent& workersEvent)
+                     CLaunchedPrograms& startedPrograms, CEvent& workersEvent)
     : signals(hostSignals),
       service(serviceManager),
       programs(startedPrograms),
       stopEvent(workersEvent),
-      watch(service.Patience().count() > 0 ? service.Patience() : cUsualPatience, TClock::now()) {
+      watch(service.WatchdogTimeout().count() > 0 ? service.WatchdogTimeout() : cDefaultTimeout,
+            TClock::now()) {
     Watch(signals.Descriptor(), [this] { TakeSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
     MarkHostThread();
-    if (service.Patience().count() > 0)
+    if (service.WatchdogTimeout().count() > 0)
         return;
     ticks.emplace(cLateTick);
     if (ticks->Descriptor().IsOpen())
@@ -46,34 +47,34 @@ void CMainLoop::Watch(int descriptor, std::function<void()> onReadable) {
 }
 
 void CMainLoop::WaitForStop() {
-    TellStatus();
+    NotifyStatus();
     while (!stopSignal) {
-        Turn(NextLook());
-        LookAfterWorker();
-        TellStatus();
+        Turn(NextCheck());
+        MonitorWorker();
+        NotifyStatus();
     }
 }
 
 void CMainLoop::WaitForTickEnd() {
-    while (!stopSignal && !WorkerRests())
-        Turn(TClock::now() + cTickPause);
+    while (!stopSignal && !WorkerIsIdle())
+        Turn(TClock::now() + cTickPollInterval);
 }
 
 void CMainLoop::WaitForPrograms() {
     while (!stopSignal && programs.Count() > 0)
-        Turn(TClock::now() + cUsualPatience);
+        Turn(TClock::now() + cDefaultTimeout);
 }
 
 // While ticks come in time, their timer says when a look is needed.
-CMainLoop::TClock::time_point CMainLoop::NextLook() const {
-    const bool isTold = ticks && ticks->Descriptor().IsOpen() && gaveSign;
-    return isTold ? TClock::time_point::max() : watch.NextLook();
+CMainLoop::TClock::time_point CMainLoop::NextCheck() const {
+    const bool isTold = ticks && ticks->Descriptor().IsOpen() && wasAlive;
+    return isTold ? TClock::time_point::max() : watch.NextCheck();
 }
 
 // Waits until something happens, at most until then, and deals with it.
 void CMainLoop::Turn(TClock::time_point until) {
     std::vector<pollfd> descriptors;
-    for (const TSource& source : sources)
+    for (const TBackup& source : sources)
         descriptors.push_back({.fd = source.descriptor, .events = POLLIN, .revents = 0});
     const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - TClock::now());
     const auto milliseconds =
@@ -118,14 +119,14 @@ void CMainLoop::OnSignal(int number) {
     }
 }
 
-void CMainLoop::LookAfterWorker() {
-    const auto verdict = watch.Look(TClock::now(), WorkerRests(), programs.CountStarts());
-    if (verdict == CWorkerWatch::cTooEarly)
+void CMainLoop::MonitorWorker() {
+    const auto verdict = watch.Look(TClock::now(), WorkerIsIdle(), programs.CountLaunches());
+    if (verdict == CWorkerWatchdog::cTooEarly)
         return;
-    gaveSign = verdict == CWorkerWatch::cAlive;
-    if (verdict == CWorkerWatch::cNoSign)
+    wasAlive = verdict == CWorkerWatchdog::cAlive;
+    if (verdict == CWorkerWatchdog::cMissed)
         return;
-    const bool lives = verdict == CWorkerWatch::cAlive;
+    const bool lives = verdict == CWorkerWatchdog::cAlive;
     if (lives)
         service.Alive();
     if (lives && !workerLives)
@@ -137,7 +138,7 @@ void CMainLoop::LookAfterWorker() {
     workerLives = lives;
 }
 
-void CMainLoop::TellStatus() {
+void CMainLoop::NotifyStatus() {
     if (!workerLives)
         service.Status("the worker gives no sign of life");
     else if (const std::size_t count = programs.Count(); count > 0)

@@ -18,7 +18,7 @@
 class CMainLoop {
 public:
     // All of them are kept by the caller. `stopEvent` is the worker's.
-    CMainLoop(CSignals& signals, CServiceManager& service, CStartedPrograms& programs,
+    CMainLoop(CSignals& signals, CServiceManager& service, CLaunchedPrograms& programs,
               CEvent& stopEvent);
 
     // Calls `onReadable` on the main thread whenever the descriptor is readable, which that has to
@@ -39,26 +39,26 @@ public:
 
 private:
     using TClock = std::chrono::steady_clock;
-    struct TSource {
+    struct TBackup {
         int descriptor;
         std::function<void()> onReadable;
     };
 
-    TClock::time_point NextLook() const;
+    TClock::time_point NextCheck() const;
     void Turn(TClock::time_point until);
     void TakeSignals();
     void OnSignal(int number);
-    void LookAfterWorker();
-    void TellStatus();
+    void MonitorWorker();
+    void NotifyStatus();
 
     CSignals& signals;
     CServiceManager& service;
-    CStartedPrograms& programs;
+    CLaunchedPrograms& programs;
     CEvent& stopEvent;
-    CWorkerWatch watch;
+    CWorkerWatchdog watch;
     std::optional<CTickTimer> ticks;  // where nobody is to be told regularly
-    std::vector<TSource> sources;
+    std::vector<TBackup> sources;
     bool workerLives = true;
-    bool gaveSign = true;  // at the last look
+    bool wasAlive = true;  // at the last look
     std::optional<int> stopSignal;
 };

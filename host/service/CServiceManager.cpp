@@ -20,7 +20,7 @@ CServiceManager::CServiceManager() {
     std::uint64_t microseconds = 0;
     auto* const isEnabled = FindInSystemd<decltype(sd_watchdog_enabled)>("sd_watchdog_enabled");
     if (isEnabled != nullptr && isEnabled(0, &microseconds) > 0)
-        patience = std::chrono::microseconds(microseconds);
+        lockTimeout = std::chrono::microseconds(microseconds);
 }
 
 void CServiceManager::Ready() const {

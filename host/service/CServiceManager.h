@@ -17,9 +17,9 @@ public:
     void Status(const std::string& text);
 
     // How long systemd waits for Alive() before it takes the host for hung; zero: for ever.
-    std::chrono::microseconds Patience() const { return patience; }
+    std::chrono::microseconds WatchdogTimeout() const { return lockTimeout; }
 
 private:
-    std::chrono::microseconds patience{0};
+    std::chrono::microseconds lockTimeout{0};
     std::string status;
 };

@@ -1,19 +1,19 @@
 #include "host/service/CWorkerWatchdog.h"
 
-CWorkerWatch::CWorkerWatch(std::chrono::microseconds longest, TTime now)
-    : limit(longest), nextLook(now + limit / 2) {}
+CWorkerWatchdog::CWorkerWatchdog(std::chrono::microseconds longest, TTime now)
+    : limit(longest), nextCheck(now + limit / 2) {}
 
-CWorkerWatch::EVerdict CWorkerWatch::Look(TTime now, bool atRest, std::size_t starts) {
-    if (now < nextLook)
+CWorkerWatchdog::EVerdict CWorkerWatchdog::Look(TTime now, bool isIdle, std::size_t starts) {
+    if (now < nextCheck)
         return cTooEarly;
-    if (!atRest && starts == startsAtLastSign) {
-        nextLook = now + limit / 10;
+    if (!isIdle && starts == launchesWhenAlive) {
+        nextCheck = now + limit / 10;
         if (!firstMiss)
             firstMiss = now;
-        return now - *firstMiss < limit / 4 ? cNoSign : cStuck;
+        return now - *firstMiss < limit / 4 ? cMissed : cStuck;
     }
     firstMiss.reset();
-    startsAtLastSign = starts;
-    nextLook = now + limit / 2;
+    launchesWhenAlive = starts;
+    nextCheck = now + limit / 2;
     return cAlive;
 }

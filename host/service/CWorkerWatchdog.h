@@ -14,31 +14,31 @@
 // scheduling process in the IPC namespace looks like a worker at rest.
 //
 // Without a clock of its own: every call is told the time. For one thread.
-class CWorkerWatch {
+class CWorkerWatchdog {
 public:
     using TTime = std::chrono::steady_clock::time_point;
 
     // `limit` is how long the worker may go without a sign of life; looks are made at half of it, and
     // while there is none at a tenth. One look that finds none means little: it may have met a tick.
-    CWorkerWatch(std::chrono::microseconds limit, TTime now);
+    CWorkerWatchdog(std::chrono::microseconds limit, TTime now);
 
     // When the next look is due.
-    TTime NextLook() const { return nextLook; }
+    TTime NextCheck() const { return nextCheck; }
 
     enum EVerdict {
         cTooEarly,
         cAlive,
-        cNoSign,  // at this look
+        cMissed,  // at this look
         cStuck,   // at this one and at all since a quarter of the limit
     };
 
     // One look, if one is due. `atRest`: somebody waits for the stop event; `starts`: how many
     // programs were started so far.
-    EVerdict Look(TTime now, bool atRest, std::size_t starts);
+    EVerdict Look(TTime now, bool isIdle, std::size_t starts);
 
 private:
     const std::chrono::microseconds limit;
-    TTime nextLook;
+    TTime nextCheck;
     std::optional<TTime> firstMiss;  // since the last sign
-    std::size_t startsAtLastSign = 0;
+    std::size_t launchesWhenAlive = 0;
 };

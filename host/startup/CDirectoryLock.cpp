@@ -37,7 +37,7 @@ static bool HasEnded(const std::string& process) {
 
 // A host that was killed in the middle of a start leaves a process behind that is about to become the
 // program, and holds the lock until it has: its mark of the start is made by then.
-static bool IsLeftBehind(const std::string& holder) {
+static bool IsLeftOver(const std::string& holder) {
     return !holder.empty() && holder.find_first_not_of("0123456789") == std::string::npos &&
            HasEnded(holder);
 }
@@ -49,8 +49,8 @@ static int Lock(int descriptor, const std::string& holder) {
     const TClock::time_point start = TClock::now();
     while (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
         const int error = errno;
-        const std::chrono::seconds patience(IsLeftBehind(holder) ? 5 : 1);
-        if (error != EWOULDBLOCK || TClock::now() - start > patience)
+        const std::chrono::seconds lockTimeout(IsLeftOver(holder) ? 5 : 1);
+        if (error != EWOULDBLOCK || TClock::now() - start > lockTimeout)
             return error;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -58,7 +58,7 @@ static int Lock(int descriptor, const std::string& holder) {
 }
 
 CDirectoryLock::CDirectoryLock(const std::string& directory)
-    : folder(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+    : locked(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
       file(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     if (!file.IsOpen())
         throw CHostError(cNoDirectory,
@@ -68,7 +68,7 @@ CDirectoryLock::CDirectoryLock(const std::string& directory)
     std::string holder = HolderOf(file.Get());
     int error = Lock(file.Get(), holder);
     if (error == 0)
-        error = Lock(folder.Get(), holder);
+        error = Lock(locked.Get(), holder);
     if (error == EWOULDBLOCK)
         throw CHostError(cSecondHost,
                          fmt::format("another host runs in {} (process {}). Stop it first, or name "

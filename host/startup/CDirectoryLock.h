@@ -14,6 +14,6 @@ public:
     explicit CDirectoryLock(const std::string& directory);
 
 private:
-    CDescriptor folder;
+    CDescriptor locked;
     CDescriptor file;
 };

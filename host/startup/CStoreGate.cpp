@@ -6,24 +6,24 @@
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 
-std::optional<vxsched::CLoadTurn> TakeTurn(std::chrono::milliseconds patience) {
+std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds lockTimeout) {
     try {
-        return std::optional<vxsched::CLoadTurn>(std::in_place, ".", patience);
-    } catch (const vxsched::CClientError& error) {
+        return std::optional<vxsched::CWriterLock>(std::in_place, ".", lockTimeout);
+    } catch (const vxsched::CError& error) {
         if (error.Code() != vxsched::EError::cBusy)
             throw CHostError(cNoDirectory, error.what());
         LogWarning(
             fmt::format("a client has kept the lock on the directory \"files\" for {} ms; "
                         "going on without it",
-                        patience.count()));
+                        lockTimeout.count()));
         return std::nullopt;
     }
 }
 
-CStoreGate::CStoreGate(std::chrono::milliseconds patience) : turn(TakeTurn(patience)) {
+CStoreGate::CStoreGate(std::chrono::milliseconds lockTimeout) : turn(TakeWriterLock(lockTimeout)) {
     try {
-        mutex.emplace(patience);
-    } catch (const vxsched::CClientError& error) {
+        mutex.emplace(lockTimeout);
+    } catch (const vxsched::CError& error) {
         if (error.Code() != vxsched::EError::cBusy)
             throw CHostError(cNoStore, error.what());
         LogWarning(fmt::format("going on without the store mutex: {}", error.what()));

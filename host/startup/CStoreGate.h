@@ -11,20 +11,20 @@
 // away. Waits at most `patience`; a client that holds on for longer is taken for hung, and the log is
 // warned that it is gone over (none is returned). Throws CHostError (cNoDirectory) when the folder
 // "files" cannot be opened.
-std::optional<vxsched::CLoadTurn> TakeTurn(std::chrono::milliseconds patience);
+std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds lockTimeout);
 
 // Keeps clients out of a store while the add-in is loaded, so that the load does not cut off a change
 // of theirs: the turn, and the store mutex, taken as one more waiter.
 class CStoreGate {
 public:
-    // Waits at most `patience` for each of the two, like TakeTurn(). Throws CHostError also when the
+    // Waits at most `patience` for each of the two, like TakeWriterLock(). Throws CHostError also when the
     // mutex may not be used (cNoStore).
-    explicit CStoreGate(std::chrono::milliseconds patience);
+    explicit CStoreGate(std::chrono::milliseconds lockTimeout);
 
     // The add-in has been loaded, which set the mutex free: it is not released again.
     void Loaded();
 
 private:
-    std::optional<vxsched::CLoadTurn> turn;
-    std::optional<vxsched::CStoreLock> mutex;
+    std::optional<vxsched::CWriterLock> turn;
+    std::optional<vxsched::CStoreMutexLock> mutex;
 };

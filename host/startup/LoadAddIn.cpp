@@ -15,15 +15,15 @@
 using vxsched::TTaskEntry;
 
 // Makes the file a table that is sound and harmless, if it is none.
-static std::vector<TTaskEntry> MendTable() {
-    TTablePlan plan = PlanTable(".");
+static std::vector<TTaskEntry> RepairTable() {
+    TRepairPlan plan = PlanStartupRepair(".");
     for (const std::string& warning : plan.warnings)
         LogWarning(warning);
     for (const std::string& alarm : plan.alarms)
         LogError(alarm);
-    if (plan.mends.empty())
+    if (plan.repairs.empty())
         return std::move(plan.tasks);
-    for (const std::string& mend : plan.mends)
+    for (const std::string& mend : plan.repairs)
         LogError(mend);
     const std::string aside =
         vxsched::ReplaceDamaged(".", plan.bytes, vxsched::EncodeTable(plan.tasks)).string();
@@ -51,27 +51,27 @@ static void Tell(const TPrepared& prepared, CRunHistory& history) {
 // Returns when the watch begins.
 static vxsched::TTime Prepare(const std::optional<TUptime>& former, CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
-    const std::vector<TTaskEntry> tasks = MendTable();
-    const std::vector<TStartMark> marks = ReadMarks();
+    const std::vector<TTaskEntry> tasks = RepairTable();
+    const std::vector<TLaunchRecord> marks = ReadLaunchRecords();
     const vxsched::TTime now = vxsched::Now();
     const TPrepared prepared = PrepareTable(tasks, marks, former, now);
     // The records go first: whatever ends the host in between, a time is rather told twice than lost.
     Tell(prepared, history);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
-    for (const TStartMark& mark : marks)
-        RemoveMark(mark);
+    for (const TLaunchRecord& mark : marks)
+        RemoveLaunchRecord(mark);
     return BeginningOfUptime(prepared, now);
 }
 
 TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& former,
                   CRunHistory& history,
                   const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
-    CStoreGate gate(options.patience);
+    CStoreGate gate(options.lockTimeout);
     TLoaded loaded;
     try {
         loaded.upSince = Prepare(former, history);
-    } catch (const vxsched::CClientError& error) {
+    } catch (const vxsched::CError& error) {
         throw CHostError(cBadTable,
                          fmt::format("cannot make the table fit to be loaded: {}. It was "
                                      "left as it is.",

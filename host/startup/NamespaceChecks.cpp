@@ -36,10 +36,10 @@ std::vector<std::string> WarningsOfOtherUsers() {
 // order of their names, /etc before /run before /usr/lib for the same name.
 static bool RemovesIpc(const fs::path& root) {
     std::map<std::string, fs::path> dropIns;
-    for (const char* folder : {"etc", "run", "usr/lib"}) {
+    for (const char* directory : {"etc", "run", "usr/lib"}) {
         std::error_code ignored;
         for (const auto& entry :
-             fs::directory_iterator(root / folder / "systemd/logind.conf.d", ignored)) {
+             fs::directory_iterator(root / directory / "systemd/logind.conf.d", ignored)) {
             if (entry.path().extension() == ".conf")
                 dropIns.try_emplace(entry.path().filename().string(), entry.path());
         }

@@ -10,12 +10,12 @@ using vxsched::TTaskEntry;
 using vxsched::TTime;
 
 // A client may put a task into the table whose time has just come, or has passed.
-static constexpr std::chrono::minutes cPastStart(10);
+static constexpr std::chrono::minutes cPastDue(10);
 
 static bool IsLate(const TTaskEntry& task, const std::optional<TUptime>& former) {
     // What ended the former host in its start would end this one, and the next.
-    return former && !vxsched::AbortsItsStart(task.program) &&
-           task.next >= former->since - cPastStart && task.next <= former->until;
+    return former && !vxsched::AbortsLaunch(task.program) &&
+           task.next >= former->since - cPastDue && task.next <= former->until;
 }
 
 static TRunRecord MissedRun(const TTaskEntry& task) {
@@ -28,9 +28,9 @@ static TRunRecord MissedRun(const TTaskEntry& task) {
     return record;
 }
 
-TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TStartMark>& marks,
+TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TLaunchRecord>& marks,
                        const std::optional<TUptime>& former, TTime now) {
-    ApplyMarks(marks, now, tasks);
+    ApplyLaunchRecords(marks, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
         if (task.paused || task.next >= now) {

@@ -19,7 +19,8 @@ struct TPrepared {
 // if there was one. Of the active tasks that are due at `now`, those that were started are moved on,
 // those that came due in that watch stay due, and the others were missed: they are moved on to their
 // grid, or removed when they run once, just as a load would do. Paused tasks stay as they are.
-TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks, const std::vector<TStartMark>& marks,
+TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks,
+                       const std::vector<TLaunchRecord>& marks,
                        const std::optional<TUptime>& former, vxsched::TTime now);
 
 // When the watch of this host begins, for one that comes after it: with the first of the tasks that it

@@ -11,7 +11,7 @@
 #include "store/Backups.h"
 #include "store/TableFile.h"
 
-static std::vector<std::string> OddThings(const std::string& bytes) {
+static std::vector<std::string> UnusualProblems(const std::string& bytes) {
     std::vector<std::string> texts;
     for (const vxsched::TProblem& problem : vxsched::DecodeTable(bytes, vxsched::Now()).problems) {
         if (problem.kind == vxsched::TProblem::cUnusual)
@@ -34,7 +34,7 @@ static std::optional<std::string> AlarmOfALinkToNothing(const std::filesystem::p
 }
 
 // A task that runs once may have run when the copy was made, and be gone for that.
-static std::vector<std::string> NamesOfThoseToCome(const std::vector<vxsched::TTaskEntry>& tasks) {
+static std::vector<std::string> NamesOfComingTasks(const std::vector<vxsched::TTaskEntry>& tasks) {
     const vxsched::TTime now = vxsched::Now();
     std::vector<std::string> names;
     for (const vxsched::TTaskEntry& task : tasks) {
@@ -46,9 +46,9 @@ static std::vector<std::string> NamesOfThoseToCome(const std::vector<vxsched::TT
 
 // An empty table is sound, and may be meant. But a library that meets a damaged one leaves it so, too.
 static std::optional<std::string> AlarmOfAnEmptyTable(const std::filesystem::path& directory) {
-    const std::optional<vxsched::TSource> source = vxsched::FindSource(directory);
+    const std::optional<vxsched::TBackup> source = vxsched::FindBackup(directory);
     const std::vector<std::string> names =
-        NamesOfThoseToCome(source ? source->tasks : std::vector<vxsched::TTaskEntry>());
+        NamesOfComingTasks(source ? source->tasks : std::vector<vxsched::TTaskEntry>());
     if (names.empty())
         return {};
     return fmt::format(
@@ -58,13 +58,13 @@ static std::optional<std::string> AlarmOfAnEmptyTable(const std::filesystem::pat
         vxsched::TableFile(directory).string());
 }
 
-TTablePlan PlanTable(const std::filesystem::path& directory) {
-    TTablePlan plan;
+TRepairPlan PlanStartupRepair(const std::filesystem::path& directory) {
+    TRepairPlan plan;
     plan.bytes = vxsched::ReadTableBytes(directory);
     vxsched::TRepair repair = vxsched::PlanRepair(plan.bytes, nullptr, vxsched::Now());
     if (repair.notes.empty())
-        plan.warnings = OddThings(plan.bytes);
-    else if (const std::optional<vxsched::TSource> source = vxsched::FindSource(directory))
+        plan.warnings = UnusualProblems(plan.bytes);
+    else if (const std::optional<vxsched::TBackup> source = vxsched::FindBackup(directory))
         repair = vxsched::PlanRepair(plan.bytes, &*source, vxsched::Now());
     if (auto alarm = AlarmOfALinkToNothing(vxsched::TableFile(directory)))
         plan.alarms.push_back(*std::move(alarm));
@@ -73,6 +73,6 @@ TTablePlan PlanTable(const std::filesystem::path& directory) {
             plan.alarms.push_back(*std::move(alarm));
     }
     plan.tasks = std::move(repair.tasks);
-    plan.mends = std::move(repair.notes);
+    plan.repairs = std::move(repair.notes);
     return plan;
 }

@@ -53,17 +53,17 @@ void CheckAddIn(const std::string& path, CReport& report) {
 }
 
 void CheckTask(const vxsched::TTaskEntry& task, vxsched::TTime now) {
-    for (const vxsched::TObjection& objection : vxsched::FindObjections(task, now)) {
-        if (objection.kind != vxsched::TObjection::cPastStart)
-            CReport::Warn(fmt::format("task \"{}\": {}", task.name, objection.text));
+    for (const vxsched::TValidationError& error : vxsched::Validate(task, now)) {
+        if (error.kind != vxsched::TValidationError::cPastDue)
+            CReport::Warn(fmt::format("task \"{}\": {}", task.name, error.text));
     }
 }
 
 // None when it may not be had. A start goes over a holder that does not give it back.
-std::optional<vxsched::CStoreLock> LockStore(const THostOptions& options, CReport& report) {
+std::optional<vxsched::CStoreMutexLock> LockStore(const THostOptions& options, CReport& report) {
     try {
-        return std::optional<vxsched::CStoreLock>(std::in_place, options.patience);
-    } catch (const vxsched::CClientError& error) {
+        return std::optional<vxsched::CStoreMutexLock>(std::in_place, options.lockTimeout);
+    } catch (const vxsched::CError& error) {
         if (error.Code() == vxsched::EError::cBusy)
             CReport::Warn(error.what());
         else
@@ -73,29 +73,29 @@ std::optional<vxsched::CStoreLock> LockStore(const THostOptions& options, CRepor
 }
 
 // Whoever reads the report may be slow: the mutex is not held meanwhile.
-TTablePlan PlanUnderTheMutex(const THostOptions& options, CReport& report) {
-    const std::optional<vxsched::CStoreLock> lock = LockStore(options, report);
-    return PlanTable(options.directory);
+TRepairPlan PlanUnderTheMutex(const THostOptions& options, CReport& report) {
+    const std::optional<vxsched::CStoreMutexLock> lock = LockStore(options, report);
+    return PlanStartupRepair(options.directory);
 }
 
 void CheckTable(const THostOptions& options, CReport& report) {
     try {
-        const TTablePlan plan = PlanUnderTheMutex(options, report);
+        const TRepairPlan plan = PlanUnderTheMutex(options, report);
         for (const std::string& warning : plan.warnings)
             CReport::Warn(warning);
         for (const std::string& alarm : plan.alarms)
             CReport::Warn(alarm);
-        if (plan.mends.empty())
+        if (plan.repairs.empty())
             CReport::Well(
                 fmt::format("the table can be read and holds {} task(s)", plan.tasks.size()));
         else
             CReport::Warn(
                 fmt::format("a start would mend the table, with {} task(s)", plan.tasks.size()));
-        for (const std::string& mend : plan.mends)
+        for (const std::string& mend : plan.repairs)
             CReport::Warn(mend);
         for (const vxsched::TTaskEntry& task : plan.tasks)
             CheckTask(task, vxsched::Now());
-    } catch (const vxsched::CClientError& error) {
+    } catch (const vxsched::CError& error) {
         report.Fail(cBadTable, error.what());
     }
 }
@@ -106,8 +106,8 @@ void CheckWritable(const std::string& path, TExitStatus failure, CReport& report
         return;
     int error = errno;
     if (error == ENOENT) {
-        const std::string folder = std::filesystem::path(path).parent_path().string();
-        if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0)
+        const std::string directory = std::filesystem::path(path).parent_path().string();
+        if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0)
             return;
         error = errno;
     }

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 // Of what cannot be written there is nothing but what the file has.
-static int GiveUpConstants(dl_phdr_info* object, std::size_t /*size*/, void* /*context*/) {
+static int ReleaseConstants(dl_phdr_info* object, std::size_t /*size*/, void* /*context*/) {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     for (int index = 0; index < object->dlpi_phnum; ++index) {
         const auto& segment = object->dlpi_phdr[index];
@@ -22,7 +22,7 @@ static int GiveUpConstants(dl_phdr_info* object, std::size_t /*size*/, void* /*c
     return 0;
 }
 
-void GiveUpStartUpMemory() {
+void ReleaseStartupMemory() {
     malloc_trim(0);
-    dl_iterate_phdr(GiveUpConstants, nullptr);
+    dl_iterate_phdr(ReleaseConstants, nullptr);
 }

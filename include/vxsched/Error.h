@@ -18,10 +18,9 @@ enum class EError {
 
 // The one exception that the client library throws. Its text says what went wrong, with which
 // input, and what to do.
-class CClientError : public std::runtime_error {
+class CError : public std::runtime_error {
 public:
-    CClientError(EError kind, const std::string& message)
-        : std::runtime_error(message), code(kind) {}
+    CError(EError kind, const std::string& message) : std::runtime_error(message), code(kind) {}
 
     EError Code() const { return code; }
 
@@ -31,6 +30,6 @@ private:
 
 // For a call of the system that failed with `error` (an errno): cNoAccess where it is a matter of
 // rights, else cFailed. `what` says what could not be done, with which input.
-CClientError SystemError(const std::string& what, int error);
+CError SystemError(const std::string& what, int error);
 
 }  // namespace vxsched

@@ -19,12 +19,12 @@ struct TSalvaged {
 // the next one that looks like a task: a name, times of this age, a program, a flag of 0 or 1.
 TSalvaged Salvage(std::string_view bytes);
 
-// The tasks of a table. Throws CClientError (cDamaged) like DecodeTable(), and also for a table that can
+// The tasks of a table. Throws CError (cDamaged) like DecodeTable(), and also for a table that can
 // be read and has lost tasks all the same: zeros where a task was, or tasks behind the last.
-std::vector<TTaskEntry> DecodeWholeTable(std::string_view bytes, TTime now);
+std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
 
 // A table to fill in what a damaged one has lost.
-struct TSource {
+struct TBackup {
     std::string name;  // for people: "the copy from before the last change (..)"
     std::vector<TTaskEntry> tasks;
     std::filesystem::path file = {};
@@ -38,6 +38,6 @@ struct TRepair {
 // What a table should be after its repair: what can be read of `bytes` goes before what `source`
 // says of the same name; the source fills in the rest; what would harm a process that loads it is
 // put right as of `now`. A table that is sound and harmless comes back as it is, without notes.
-TRepair PlanRepair(std::string_view bytes, const TSource* source, TTime now);
+TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now);
 
 }  // namespace vxsched

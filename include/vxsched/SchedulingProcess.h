@@ -19,11 +19,11 @@ struct TSchedulingProcess {
 std::optional<TSchedulingProcess> FindSchedulingProcess(const std::filesystem::path& directory);
 
 // Has the scheduling process tick now, through its stop event, which stops nothing. During a tick,
-// the next one follows at once. Throws CClientError (cNoAccess, cFailed).
+// the next one follows at once. Throws CError (cNoAccess, cFailed).
 void WakeSchedulingProcess();
 
 // Tells the scheduling process that the table was changed by other means than the library's
-// functions; it reads the file again at its next tick. Throws CClientError (cNoAccess, cFailed).
+// functions; it reads the file again at its next tick. Throws CError (cNoAccess, cFailed).
 void AnnounceChange();
 
 }  // namespace vxsched

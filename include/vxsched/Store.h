@@ -53,7 +53,7 @@ struct TRun {
 //   one from before is put back.
 // - A scheduling process is woken, so that the change takes effect at once.
 //
-// Every call throws CClientError; a call that throws has changed nothing unless its text says so.
+// Every call throws CError; a call that throws has changed nothing unless its text says so.
 // Threads may use an object each.
 class CStore {
 public:
@@ -67,7 +67,7 @@ public:
     bool Wake() const;
 
     // What speaks against the task, forced objections left out; empty when Create() would take it.
-    std::vector<TObjection> Check(const TNewTask& task, const TForced& forced) const;
+    std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
     // Adds a task, active; with `replace`, in the place of one of that name, which keeps its last
     // start. Throws cRefused when something speaks against it.
@@ -97,7 +97,7 @@ public:
     // without limit; `onStart` is told its process before that, and must not
     // throw. A program that is not waited for has /dev/null as its output.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
-             const std::function<void(pid_t)>& onStart = {}) const;
+             const std::function<void(pid_t)>& onLaunch = {}) const;
 
     // Throws what Run() would now.
     void CheckRun(std::string_view name, bool force) const;

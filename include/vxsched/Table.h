@@ -54,7 +54,7 @@ struct TTable {
 };
 
 // Reads a table from its bytes; `now` is what past starts would be caught up with. Throws
-// CClientError (cDamaged) that says what is wrong at which offset when the bytes are not a table:
+// CError (cDamaged) that says what is wrong at which offset when the bytes are not a table:
 // the add-in would reset such a file to an empty table.
 TTable DecodeTable(std::string_view bytes, TTime now);
 
@@ -63,13 +63,13 @@ std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
 
 // Reads the table of a working directory without any effect: the file is opened for reading only,
 // the store mutex is taken as a waiter if there is a store, and the library is not loaded. A missing
-// file is an empty table. Throws CClientError: cBusy, cDamaged, or cNoAccess or cFailed when the
+// file is an empty table. Throws CError: cBusy, cDamaged, or cNoAccess or cFailed when the
 // directory or the file cannot be read.
-TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds patience);
+TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
 
 // The bytes of a working directory's table, for somebody who keeps its writers out: who holds the
 // store mutex, or is a part of the tick that does. A missing file is an empty table. Throws
-// CClientError (cNoAccess, cFailed) when the file cannot be read, or is a pipe or a device.
+// CError (cNoAccess, cFailed) when the file cannot be read, or is a pipe or a device.
 std::string ReadTableBytes(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -9,7 +9,7 @@
 namespace vxsched {
 
 // A reason not to put a task into the table.
-struct TObjection {
+struct TValidationError {
     enum EKind {
         cEmptyName,
         cZeroByte,           // in a text: calls and programs see it cut off there
@@ -23,7 +23,7 @@ struct TObjection {
         cEndlessPeriod,      // a step of zero: the first late start would hang the store
         cTooFarBack,         // a load would catch up with the start for more than a second
         cWrappedPeriod,      // the step is not the period
-        cPastStart,          // of a task that runs once
+        cPastDue,            // of a task that runs once
     };
     EKind kind;
     bool canBeForced;  // unwise, but nobody else is harmed
@@ -33,14 +33,14 @@ struct TObjection {
     std::string_view Name() const;
 
     // It is about the program, and not about the name, the start or the period.
-    bool IsAboutTheProgram() const;
+    bool IsAboutProgram() const;
 };
 
 // The path that a start makes of a task's program: every '.', 'e' and 'x' at its end is cut off.
-std::string StartedPath(std::string_view program);
+std::string LaunchedPath(std::string_view program);
 
 // Whether the start of a program ends the scheduling process: it does for an extension other than .exe.
-bool AbortsItsStart(const std::string& program);
+bool AbortsLaunch(const std::string& program);
 
 // How a task's program is started.
 enum class EProgram {
@@ -50,7 +50,7 @@ enum class EProgram {
 
 // All that speaks against the task, the worst first; empty when it is sound. Looks at the file
 // system (whether the program is there and may be executed by this user) and changes nothing.
-std::vector<TObjection> FindObjections(const TTaskEntry& task, TTime now,
+std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,
                                        EProgram how = EProgram::cAsNamed);
 
 }  // namespace vxsched

@@ -50,7 +50,7 @@ void vxsched_close(vxsched_store* store);
 const char* vxsched_message(const vxsched_store* store);
 
 /* How long the calls wait for others, in milliseconds; 10000 at first. */
-void vxsched_set_patience(vxsched_store* store, int64_t milliseconds);
+void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds);
 
 /* Calls `each` for every task in the order of the table, until it returns false. The texts are valid
    during that call only; a text with a zero byte in it is seen up to there. */

@@ -662,7 +662,7 @@ TEST_F(Cli, StatusTellsOfTheSchedulingProcessAndTheMutex) {
     EXPECT_THAT(Output({"status"}), HasSubstr("Mutex      free"));
     EXPECT_EQ(Output({"wake"}), "woke the scheduling process\n");
     sembuf raise{.sem_num = 0, .sem_op = 1, .sem_flg = 0};
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     semop(semget(cStoreKey, 1, 0), &raise, 1);
     EXPECT_THAT(Output({"status"}), HasSubstr("lets 2 in at once"));
     EXPECT_EQ(host.Stop(), 0);

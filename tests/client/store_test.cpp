@@ -66,7 +66,7 @@ protected:
     static std::string ErrorOf(EError kind, const Call& call) {
         try {
             call();
-        } catch (const CClientError& error) {
+        } catch (const CError& error) {
             EXPECT_EQ(static_cast<int>(error.Code()), static_cast<int>(kind)) << error.what();
             return error.what();
         }
@@ -81,7 +81,7 @@ protected:
         EXPECT_EQ(ReadFile(cTable), before);
     }
 
-    const CStore store{{.patience = 60s}};
+    const CStore store{{.lockTimeout = 60s}};
 };
 
 // ---- Each change ------------------------------------------------------------------------------
@@ -462,13 +462,13 @@ TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
 TEST_F(ClientStore, HolderIsWaitedForAndNamedWhenItTakesTooLong) {
     store.Create(Task("a"), false);
     CForkedChild holder([] {
-        const CStoreLock lock(1s);
+        const CStoreMutexLock lock(1s);
         WriteFile("held", "");
         pause();
         return 0;
     });
     WaitUntil([] { return fs::exists("held"); });
-    const CStore hasty({.patience = 50ms});
+    const CStore hasty({.lockTimeout = 50ms});
     ExpectKept([&] {
         const std::string text = ErrorOf(EError::cBusy, [&] { hasty.Pause({"a"}); });
         EXPECT_NE(text.find(std::to_string(holder.Id())), std::string::npos) << text;
@@ -482,8 +482,8 @@ TEST_F(ClientStore, HolderIsWaitedForAndNamedWhenItTakesTooLong) {
 
 TEST_F(ClientStore, OtherClientsAreWaitedFor) {
     store.Create(Task("a"), false);
-    const CStore hasty({.patience = 50ms});
-    const CLoadTurn turn(".", 0ms);
+    const CStore hasty({.lockTimeout = 50ms});
+    const CWriterLock turn(".", 0ms);
     ErrorOf(EError::cBusy, [&] { hasty.Pause({"a"}); });
     EXPECT_EQ(::ReadTable()[0].paused, 0U);
 }
@@ -492,7 +492,7 @@ TEST_F(ClientStore, ManyAtOnceLoseNothing) {
     std::vector<std::thread> clients;
     for (int client = 0; client < 8; ++client) {
         clients.emplace_back([client] {
-            const CStore own({.patience = 60s});
+            const CStore own({.lockTimeout = 60s});
             own.Create(Task("stays " + std::to_string(client)), false);
             own.Create(Task("goes " + std::to_string(client)), false);
             own.Pause({"stays " + std::to_string(client)});
@@ -511,7 +511,7 @@ TEST_F(ClientStore, ManyAtOnceLoseNothing) {
 TEST_F(ClientStore, HolderThatWasResetMeanwhileDoesNotLetTwoIn) {
     store.Create(Task("a"), false);
     {
-        const CStoreLock lock(1s);
+        const CStoreMutexLock lock(1s);
         AddinLoad();
     }
     EXPECT_EQ(StoreSemaphoreValue(), 1);
@@ -555,7 +555,7 @@ TEST_F(ClientStore, TwoRunsAtOnceAreOne) {
             try {
                 CStore({}).Run("a", false, false);
                 ++started;
-            } catch (const CClientError& error) {
+            } catch (const CError& error) {
                 EXPECT_EQ(error.Code(), EError::cRefused) << error.what();
             }
         });
@@ -644,7 +644,7 @@ static int CreateBeyondTheLimit(const TNewTask& task) {
     setrlimit(RLIMIT_FSIZE, &limit);
     try {
         CStore({}).Create(task, false);
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         WriteFile("error", error.what());
         return error.Code() == EError::cFailed ? 42 : 1;
     }

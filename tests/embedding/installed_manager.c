@@ -25,7 +25,7 @@ int main(void) {
     const vxsched_task task = {"from C", time(NULL) + 3600, 0, 12, "/bin/true", "x", false};
     int count = 0;
     pid_t process = 0;
-    vxsched_set_patience(store, 5000);
+    vxsched_set_lock_timeout(store, 5000);
     Expect(store, vxsched_create(store, &task, false), VXSCHED_DONE, "create");
     Expect(store, vxsched_create(store, &task, false), VXSCHED_REFUSED, "create again");
     Expect(store, vxsched_set_period(store, "from C", 24), VXSCHED_DONE, "set_period");

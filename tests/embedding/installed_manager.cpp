@@ -11,7 +11,7 @@
 using namespace std::chrono_literals;
 
 int main() {
-    const vxsched::CStore store({.patience = 5s});
+    const vxsched::CStore store({.lockTimeout = 5s});
     store.Create({"manager", vxsched::Now() + 1h, 24, "/bin/true", "a parameter"}, false);
     store.Pause({"manager"});
     const vxsched::TTaskEntry* const task = store.Read().Find("manager");
@@ -22,7 +22,7 @@ int main() {
     try {
         store.Remove({"unknown"});
         return 1;
-    } catch (const vxsched::CClientError& error) {
+    } catch (const vxsched::CError& error) {
         return error.Code() == vxsched::EError::cNotFound ? 0 : 1;
     }
 }

@@ -66,8 +66,8 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
         start.arguments.emplace_back(*argument);
     start.plain = actions == nullptr && attributes == nullptr && environment == environ;
     gFake->starts.push_back(start);
-    if (gFake->onStart)
-        gFake->onStart(start);
+    if (gFake->onLaunch)
+        gFake->onLaunch(start);
     if (gFake->startResult == 0)
         *process = cFirstProcess - 1 + static_cast<pid_t>(gFake->starts.size());
     return gFake->startResult;

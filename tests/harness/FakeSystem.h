@@ -31,7 +31,7 @@ public:
     int startResult = 0;   // of posix_spawn; 0 hands out the process ids 400001, 400002, ...
     bool ended = false;    // waitpid finds the child ended (its id), or still running (0)
     int timeReadings = 0;  // calls of time()
-    std::function<void(const TStart&)> onStart;
+    std::function<void(const TStart&)> onLaunch;
     std::function<void()> onSleep;
 
     std::string StartedPaths() const;  // separated by blanks

@@ -16,7 +16,7 @@
 CHost::CHost(const std::vector<std::string>& command) : CProgram(command) {
     EXPECT_TRUE(WaitForOutput(" as process ")) << Output();
     // The first tick is over: it would take a client's signal for the file it has just read.
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
 }
 
 int CHost::Stop(int signal) {

@@ -30,12 +30,13 @@ static void EnterNamespace() {
 }
 
 static std::string EnterDirectory() {
-    std::string folder = (std::filesystem::temp_directory_path() / "vantrix-test-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr || chdir(folder.c_str()) != 0) {
+    std::string directory =
+        (std::filesystem::temp_directory_path() / "vantrix-test-XXXXXX").string();
+    if (mkdtemp(directory.data()) == nullptr || chdir(directory.c_str()) != 0) {
         std::perror("cannot make a working directory");
         std::exit(1);
     }
-    return folder;
+    return directory;
 }
 
 int main(int argc, char** argv) {
@@ -47,10 +48,10 @@ int main(int argc, char** argv) {
         return role;
     testing::GTEST_FLAG(death_test_style) = "fast";
     EnterNamespace();
-    const std::string folder = EnterDirectory();
+    const std::string directory = EnterDirectory();
     const int result = RUN_ALL_TESTS();
     std::error_code ignored;
     std::filesystem::current_path("/", ignored);
-    std::filesystem::remove_all(folder, ignored);
+    std::filesystem::remove_all(directory, ignored);
     return result;
 }

@@ -13,7 +13,7 @@ int StoreSemaphoreValue() {
     return id == -1 ? -1 : semctl(id, 0, GETVAL);
 }
 
-bool WorkerRests() {
+bool WorkerIsIdle() {
     const int id = semget(cStopKey, 0, 0);
     return id != -1 && semctl(id, 0, GETNCNT) > 0;
 }

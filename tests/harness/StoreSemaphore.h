@@ -14,7 +14,7 @@ int StoreSemaphoreValue();  // 1 free, 0 held; -1 when there is none
 int CountSemaphoreSets();   // in this IPC namespace
 
 // A scheduling process rests between two ticks: its worker waits for the stop event.
-bool WorkerRests();
+bool WorkerIsIdle();
 
 // Of a namespace that holds just one set: its identifier and its key.
 int TheOnlySet();

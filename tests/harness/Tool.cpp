@@ -90,13 +90,13 @@ TToolRun RunToolOnTerminal(const std::vector<std::string>& arguments, unsigned s
 }
 
 TEnvironment AtTime(long seconds) {
-    return {{"LD_PRELOAD", PLAYED_SYSTEM},
+    return {{"LD_PRELOAD", INTERPOSED_SYSTEM},
             {"PLAYED_TIME", std::to_string(seconds)},
             {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
 }
 
 TEnvironment WithoutPauses() {
-    return {{"LD_PRELOAD", PLAYED_SYSTEM},
+    return {{"LD_PRELOAD", INTERPOSED_SYSTEM},
             {"PLAYED_SLEEP", "1"},
             {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
 }

@@ -192,15 +192,16 @@ TEST(Host, HasNoSignalHandlerAndIgnoresNothing) {
 
 TEST(Host, OwnDescriptorsAreClosedInEveryOtherProgram) {
     const CHost host;
-    const std::string folder = "/proc/" + std::to_string(host.Id());
+    const std::string directory = "/proc/" + std::to_string(host.Id());
     std::string found;
-    for (const auto& entry : std::filesystem::directory_iterator(folder + "/fd")) {
+    for (const auto& entry : std::filesystem::directory_iterator(directory + "/fd")) {
         const std::string target = std::filesystem::read_symlink(entry.path()).filename();
         if (target != "anon_inode:[signalfd]" && target != "anon_inode:[eventfd]" &&
             target != "vxschedd.lock")
             continue;
         found += target + ' ';
-        std::istringstream info(ReadFile(folder + "/fdinfo/" + entry.path().filename().string()));
+        std::istringstream info(
+            ReadFile(directory + "/fdinfo/" + entry.path().filename().string()));
         std::string word;
         while (info >> word && word != "flags:") {
         }

@@ -26,13 +26,13 @@ int main(int argc, char** argv) {
             text += "ignored " + std::to_string(number) + '\n';
     }
 
-    DIR* const folder = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(folder)) {
+    DIR* const directory = opendir("/proc/self/fd");
+    while (const dirent* entry = readdir(directory)) {
         const int number = std::atoi(entry->d_name);
-        if (entry->d_name[0] != '.' && number != dirfd(folder))
+        if (entry->d_name[0] != '.' && number != dirfd(directory))
             text += "descriptor " + std::to_string(number) + '\n';
     }
-    closedir(folder);
+    closedir(directory);
 
     // Complete as soon as it is there.
     const std::string temporary = std::string(argv[1]) + ".new";

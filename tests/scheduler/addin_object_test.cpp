@@ -522,7 +522,7 @@ TEST(AddInObject, StartedTaskIsRunByTheWorker) {
     const CAddinLibrary library;
     library.Create("a", cNow, 0, "/a");
     std::atomic<bool> started{false};
-    system.onStart = [&](const CFakeSystem::TStart&) { started = true; };
+    system.onLaunch = [&](const CFakeSystem::TStart&) { started = true; };
     library.AddIn().Start();
     WaitUntil([&] { return started.load(); });
     library.AddIn().Stop();

@@ -144,7 +144,7 @@ TEST_P(LauncherExtension, AbortsTheProcessWithoutAWordInTheLog) {
 
 TEST_P(LauncherExtension, NothingIsStartedOrSavedBefore) {
     CForkedChild child([this] {
-        system.onStart = [](const CFakeSystem::TStart&) { _exit(0); };
+        system.onLaunch = [](const CFakeSystem::TStart&) { _exit(0); };
         Start(GetParam());
         return 0;
     });
@@ -245,7 +245,7 @@ TEST_F(Launcher, StartsAsksLogsPausesAndThenReadsTheClock) {
             (*static_cast<const decltype(note)*>(context))("log");
         }
     };
-    system.onStart = [&](const CFakeSystem::TStart&) { note("start"); };
+    system.onLaunch = [&](const CFakeSystem::TStart&) { note("start"); };
     system.onSleep = [&] { note("pause"); };
     VXC_SetLogSink(TSink::Log, const_cast<void*>(static_cast<const void*>(&note)));
     system.timeReadings = 0;

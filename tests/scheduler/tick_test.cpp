@@ -120,7 +120,7 @@ TEST_F(Tick, EmptyListDoesNotWriteTheFile) {
 TEST_F(Tick, WritesOnceAtTheEnd) {
     Put({Task("a", cNow, 1), Task("b", cNow, 1)});
     std::string during;
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/b")
             during = ReadFile(cTable);
     };
@@ -209,7 +209,7 @@ TEST_F(Tick, AfterARemovalTheWalkGoesOnWithTheSecondTask) {
 
 TEST_F(Tick, EventSignalledDuringAStartRestartsTheWalkAtTheSecondTask) {
     Put({Task("a", cNow, 1), Task("b", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/a")
             changed.SetEvent();
     };
@@ -219,7 +219,7 @@ TEST_F(Tick, EventSignalledDuringAStartRestartsTheWalkAtTheSecondTask) {
 
 TEST_F(Tick, FirstTaskIsNotLookedAtAgainAfterTheJump) {
     Put({Task("a", cNow, 1, 1), Task("b", cNow, 1), Task("c", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/b") {
             Library().TaskList()->front()->paused = 0;
             changed.SetEvent();
@@ -231,7 +231,7 @@ TEST_F(Tick, FirstTaskIsNotLookedAtAgainAfterTheJump) {
 
 TEST_F(Tick, EventSignalledWhileTheOnlyTaskRunsEndsTheWalk) {
     Put({Task("a", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart&) { changed.SetEvent(); };
+    system.onLaunch = [&](const CFakeSystem::TStart&) { changed.SetEvent(); };
     EXPECT_EQ(TickAndSay(), "/a");
     EXPECT_EQ(ReadTable()[0].next, cNow + 3600);
 }
@@ -240,7 +240,7 @@ TEST_F(Tick, ListThatGrowsDuringAStartRestartsTheWalkToo) {
     // The tasks are counted before the start. The jump lets b, whose pause is lifted meanwhile, be
     // seen in this very tick.
     Put({Task("a", cNow, 1), Task("b", cNow, 1, 1), Task("c", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path != "/c")
             return;
         (*std::next(Library().TaskList()->begin()))->paused = 0;
@@ -254,7 +254,7 @@ TEST_F(Tick, ListThatGrowsDuringAStartRestartsTheWalkToo) {
 
 TEST_F(Tick, EventAndRemovalTogetherAreOneJump) {
     Put({Task("x", cNow + 10'000, 1), Task("a", cNow, 0), Task("b", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/a")
             changed.SetEvent();
     };
@@ -264,9 +264,9 @@ TEST_F(Tick, EventAndRemovalTogetherAreOneJump) {
 
 TEST_F(Tick, SignalGivenDuringAStartHasTheNextTickReadTheFile) {
     Put({Task("a", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart&) { changed.SetEvent(); };
+    system.onLaunch = [&](const CFakeSystem::TStart&) { changed.SetEvent(); };
     EXPECT_EQ(TickAndSay(), "/a");
-    system.onStart = nullptr;
+    system.onLaunch = nullptr;
     WriteTable({Task("c", cNow, 1)});
     EXPECT_EQ(TickAndSay(), "/c");
     EXPECT_EQ(changed.Wait(0), 0);
@@ -276,7 +276,7 @@ TEST_F(Tick, EveryLaterStartSeesTheSignalAgain) {
     // The jump back after c is what lets b, whose pause is lifted meanwhile, be seen in this very
     // tick.
     Put({Task("a", cNow, 1), Task("b", cNow, 1, 1), Task("c", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/a")
             changed.SetEvent();
         if (start.path == "/c")
@@ -287,7 +287,7 @@ TEST_F(Tick, EveryLaterStartSeesTheSignalAgain) {
 
 TEST_F(Tick, WithoutASignalTheWalkGoesOnFromWhereItIs) {
     Put({Task("a", cNow, 1), Task("b", cNow, 1, 1), Task("c", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/c")
             (*std::next(Library().TaskList()->begin()))->paused = 0;
     };
@@ -296,13 +296,13 @@ TEST_F(Tick, WithoutASignalTheWalkGoesOnFromWhereItIs) {
 
 TEST_F(Tick, ChangeSavedDuringTheWalkIsOverwrittenAndReadBackAtTheNextTick) {
     Put({Task("a", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart&) {
+    system.onLaunch = [&](const CFakeSystem::TStart&) {
         WriteTable({Task("other", cNow + 5000, 1)});
         changed.SetEvent();
     };
     EXPECT_EQ(TickAndSay(), "/a");
     EXPECT_EQ(NamesInTable(), "a");
-    system.onStart = nullptr;
+    system.onLaunch = nullptr;
     TickAndSay();
     EXPECT_EQ(changed.Wait(0), 0);
     EXPECT_EQ(Library().TaskList()->size(), 1U);
@@ -354,7 +354,7 @@ TEST_F(Tick, ReadsTheClockOnceForTheWholeWalk) {
 TEST_F(Tick, HoldsTheMutexThroughStartAndPause) {
     Put({Task("a", cNow, 1)});
     std::vector<int> values;
-    system.onStart = [&](const CFakeSystem::TStart&) { values.push_back(StoreSemaphoreValue()); };
+    system.onLaunch = [&](const CFakeSystem::TStart&) { values.push_back(StoreSemaphoreValue()); };
     system.onSleep = [&] { values.push_back(StoreSemaphoreValue()); };
     TickAndSay();
     EXPECT_EQ(values, std::vector<int>({0, 0}));
@@ -363,7 +363,7 @@ TEST_F(Tick, HoldsTheMutexThroughStartAndPause) {
 
 TEST_F(Tick, ExceptionReleasesTheMutexAndSavesNothing) {
     Put({Task("a", cNow, 1)});
-    system.onStart = [](const CFakeSystem::TStart&) { throw std::runtime_error("start"); };
+    system.onLaunch = [](const CFakeSystem::TStart&) { throw std::runtime_error("start"); };
     EXPECT_THROW(TickAndSay(), std::runtime_error);
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(ReadTable(), TRows({Task("a", cNow, 1)}));
@@ -375,7 +375,7 @@ static void Throw(const std::string& /*message*/, void* /*context*/) {
 
 TEST_F(Tick, ExceptionOfTheLogAboutALaterTaskLeavesTheListAsItWasThen) {
     Put({Task("a", cNow, 1), Task("b", cNow, 1)});
-    system.onStart = [&](const CFakeSystem::TStart& start) {
+    system.onLaunch = [&](const CFakeSystem::TStart& start) {
         if (start.path == "/b")
             VXC_SetLogSink(Throw, nullptr);
     };

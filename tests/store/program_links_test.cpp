@@ -39,7 +39,7 @@ TEST(ClientLinks, LinkIsSafeToScheduleAndLeadsToTheProgram) {
         const std::string program = Program(name);
         const std::string link = MakeSchedulable(".", program);
         EXPECT_EQ(fs::path(link).parent_path(), Here("files/programs")) << name;
-        EXPECT_TRUE(FindObjections(TaskOf(link), TTime()).empty()) << link;
+        EXPECT_TRUE(Validate(TaskOf(link), TTime()).empty()) << link;
         EXPECT_TRUE(fs::equivalent(link, program));
         EXPECT_EQ(RealProgram(".", link), program);
     }
@@ -86,7 +86,7 @@ TEST(ClientLinks, FolderThatCannotBeMadeIsAnErrorWithItsName) {
     try {
         MakeSchedulable(".", Program("free"));
         ADD_FAILURE() << "nothing was thrown";
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         EXPECT_EQ(error.Code(), EError::cFailed);
         EXPECT_EQ(std::string(error.what()), "cannot make a link to " + Here("free") + " in " +
                                                  Here("files/programs") + ": Not a directory");

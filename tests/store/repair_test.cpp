@@ -79,21 +79,21 @@ TEST(Salvage, NoiseGivesNothing) {
 }
 
 TEST(WholeTable, IsOneWithOddBytesBehindIt) {
-    EXPECT_EQ(DecodeWholeTable(EncodeTable(cThree) + "odd", At(cNow)), cThree);
+    EXPECT_EQ(DecodeIntactTable(EncodeTable(cThree) + "odd", At(cNow)), cThree);
 }
 
 TEST(WholeTable, IsNoneWithACountThatIsTooSmall) {
     std::string bytes = EncodeTable(cThree);
     for (const char count : {'\0', '\1', '\2'}) {
         bytes[0] = count;
-        EXPECT_THROW(DecodeWholeTable(bytes, At(cNow)), CClientError);
+        EXPECT_THROW(DecodeIntactTable(bytes, At(cNow)), CError);
         EXPECT_EQ(PlanRepair(bytes, nullptr, At(cNow)).tasks, cThree);
     }
 }
 
 TEST(WholeTable, IsNoneWithZerosInThePlaceOfATask) {
     const std::string bytes = EncodeTable(cThree);
-    const TSource source{"the last good table", cThree};
+    const TBackup source{"the last good table", cThree};
     for (const std::size_t whole : {0U, 1U, 2U}) {
         std::string damaged = EncodeTable(
             {cThree.begin(), std::next(cThree.begin(), static_cast<std::ptrdiff_t>(whole))});
@@ -115,7 +115,7 @@ TEST(PlanRepair, SourceFillsInWhatIsLostInItsOrder) {
     std::vector<TTaskEntry> older = cThree;
     for (TTaskEntry& task : older)
         task.last = TTime();
-    const TSource source{"the copy", older};
+    const TBackup source{"the copy", older};
     const TRepair repair =
         PlanRepair(bytes.substr(0, EncodeTable({cThree[0]}).size() + 3), &source, At(cNow));
     EXPECT_EQ(NamesOf(repair.tasks), "first second third");

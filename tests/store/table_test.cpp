@@ -36,7 +36,7 @@ template <typename Call>
 static std::string ErrorOf(EError kind, const Call& call) {
     try {
         call();
-    } catch (const CClientError& error) {
+    } catch (const CError& error) {
         EXPECT_EQ(error.Code(), kind) << error.what();
         return error.what();
     }
@@ -189,7 +189,7 @@ TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {
 }
 
 TEST(ClientLock, WithoutAStoreNothingIsHeldAndNothingMade) {
-    const CStoreLock lock(0ms);
+    const CStoreMutexLock lock(0ms);
     EXPECT_FALSE(lock.IsHeld());
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
@@ -203,7 +203,7 @@ static int MakeStore(int value) {
 TEST(ClientLock, TakesTheMutexAndGivesItBack) {
     MakeStore(1);
     {
-        const CStoreLock lock(0ms);
+        const CStoreMutexLock lock(0ms);
         EXPECT_TRUE(lock.IsHeld());
         EXPECT_EQ(StoreSemaphoreValue(), 0);
     }
@@ -213,7 +213,7 @@ TEST(ClientLock, TakesTheMutexAndGivesItBack) {
 TEST(ClientLock, ForgottenOneIsNotGivenBack) {
     const int set = MakeStore(1);
     {
-        CStoreLock lock(0ms);
+        CStoreMutexLock lock(0ms);
         semctl(set, 0, SETVAL, 1);
         lock.Forget();
         EXPECT_FALSE(lock.IsHeld());
@@ -239,7 +239,7 @@ TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
         return 0;
     });
     WaitUntil([] { return StoreSemaphoreValue() == 0; });
-    const std::string message = ErrorOf(EError::cBusy, [] { const CStoreLock lock(1ms); });
+    const std::string message = ErrorOf(EError::cBusy, [] { const CStoreMutexLock lock(1ms); });
     EXPECT_NE(message.find("process " + std::to_string(holder.Id())), std::string::npos) << message;
     EXPECT_EQ(StoreSemaphoreValue(), 0);
     ErrorOf(EError::cBusy, [] { vxsched::ReadTable(".", 0ms); });
@@ -251,7 +251,7 @@ TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
 TEST(ClientLock, DeadClientGivesItBack) {
     MakeStore(1);
     CForkedChild client([] {
-        const CStoreLock lock(0ms);
+        const CStoreMutexLock lock(0ms);
         raise(SIGKILL);
         return 0;
     });
@@ -262,7 +262,7 @@ TEST(ClientLock, DeadClientGivesItBack) {
 TEST(ClientLock, StoreThatGoesAwayWhileItIsWaitedForIsNoStore) {
     const int set = MakeStore(0);
     CForkedChild client([] {
-        const CStoreLock lock(1h);
+        const CStoreMutexLock lock(1h);
         return lock.IsHeld() ? 1 : 42;
     });
     WaitUntil([&] { return semctl(set, 0, GETNCNT) == 1; });
@@ -275,7 +275,8 @@ TEST(ClientLock, MissingAccessSaysWhatToDo) {
     CForkedChild child([] {
         if (!DropCapabilities())
             return 1;
-        const std::string message = ErrorOf(EError::cNoAccess, [] { const CStoreLock lock(0ms); });
+        const std::string message =
+            ErrorOf(EError::cNoAccess, [] { const CStoreMutexLock lock(0ms); });
         EXPECT_EQ(message,
                   "cannot take the store mutex: Permission denied; run as the user, or in the "
                   "group, of the scheduling process");

@@ -32,8 +32,8 @@ static TTaskEntry Sound() {
 
 static std::vector<std::string> NamesOf(const TTaskEntry& task) {
     std::vector<std::string> names;
-    for (const TObjection& objection : FindObjections(task, At(cNow)))
-        names.push_back(std::string(objection.Name()) + (objection.canBeForced ? "?" : "!"));
+    for (const TValidationError& error : Validate(task, At(cNow)))
+        names.push_back(std::string(error.Name()) + (error.canBeForced ? "?" : "!"));
     return names;
 }
 
@@ -62,12 +62,10 @@ TEST(ClientObjections, NameAndTextsAreLookedAt) {
 TEST(ClientObjections, PathThatTheStartWouldAlterIsRefused) {
     for (const char* const name : {"free", "box", "dot.", "tee", "e", "x.exe"})
         EXPECT_EQ(OfProgram(Program(name)), TNames({"altered-path!"})) << name;
-    EXPECT_EQ(StartedPath("/usr/bin/free"), "/usr/bin/fr");
-    EXPECT_EQ(StartedPath("exe"), "");
+    EXPECT_EQ(LaunchedPath("/usr/bin/free"), "/usr/bin/fr");
+    EXPECT_EQ(LaunchedPath("exe"), "");
     const std::string text =
-        FindObjections({"n", At(cNow), At(0), 1, "/usr/bin/free", "", false}, At(cNow))
-            .front()
-            .text;
+        Validate({"n", At(cNow), At(0), 1, "/usr/bin/free", "", false}, At(cNow)).front().text;
     EXPECT_NE(text.find("would start \"/usr/bin/fr\""), std::string::npos) << text;
 }
 

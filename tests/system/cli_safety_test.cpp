@@ -40,13 +40,13 @@ static vxsched::TTable TableNow() {
 }
 
 // A store of its own in a child process, so that several go through the same at once.
-static std::unique_ptr<CForkedChild> InAStoreOfItsOwn(const std::string& folder,
+static std::unique_ptr<CForkedChild> InAStoreOfItsOwn(const std::string& directory,
                                                       const std::function<void()>& body) {
     return std::make_unique<CForkedChild>([&] {
         if (unshare(CLONE_NEWIPC) != 0)
             return 1;
-        fs::create_directories(folder + "/files");
-        fs::current_path(folder);
+        fs::create_directories(directory + "/files");
+        fs::current_path(directory);
         body();
         return testing::Test::HasFailure() ? 2 : 42;
     });
@@ -163,7 +163,7 @@ TEST(CliSafety, HolderThatIsStoppedIsNotCutOff) {
     WriteTable({Later("a")});
     EXPECT_EQ(RunTool({"pause", "a"}).status, 0);
     CForkedChild holder([] {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteFile("held", "");
         raise(SIGSTOP);
         return StoreSemaphoreValue() == 0 ? 42 : 1;
@@ -284,7 +284,7 @@ TEST_P(CliKilled, LeavesASoundTableAndAFreeMutex) {
     for (int round = 0; round < cRounds; ++round) {
         KillAtARandomMoment(commands[round % 6], random);
         {
-            const vxsched::CStoreLock lock(60s);  // throws when nobody gives it back
+            const vxsched::CStoreMutexLock lock(60s);  // throws when nobody gives it back
         }
         EXPECT_FALSE(IsDamaged()) << "in round " << round;
         ExpectKept(round);

@@ -403,11 +403,11 @@ TEST_F(Faults, SetRemovedBeforeACallLeavesTheCallsWithoutALock) {
 
 TEST_F(Faults, SetRemovedWhileItIsHeldLeavesTheCallToItsEnd) {
     library->TaskList()->front()->nextExecution = cNow;
-    system.onStart = [](const CFakeSystem::TStart&) { semctl(StoreSet(), 0, IPC_RMID); };
+    system.onLaunch = [](const CFakeSystem::TStart&) { semctl(StoreSet(), 0, IPC_RMID); };
     library->Tick();
     EXPECT_EQ(ReadTable()[0].next, cNow + 24L * 3600);
     EXPECT_FALSE(StoreSemaphoreExists());
-    system.onStart = nullptr;
+    system.onLaunch = nullptr;
     library->Tick();
     EXPECT_TRUE(library->IsScheduled("first"));
 }
@@ -614,7 +614,7 @@ TEST_F(Faults, ForkedChildSharesTheStoreAndItsEndAtOnceTakesNothingAway) {
 }
 
 TEST_F(Faults, ForkedChildDoesNotGiveBackWhatItsParentHolds) {
-    system.onStart = [](const CFakeSystem::TStart&) {
+    system.onLaunch = [](const CFakeSystem::TStart&) {
         CForkedChild child([] { return 42; });
         EXPECT_EQ(child.Wait(), 42);
         EXPECT_EQ(StoreSemaphoreValue(), 0);

@@ -50,12 +50,12 @@ class CStoreInTrouble {
 public:
     CStoreInTrouble(int number, unsigned int seed)
         : log(fs::absolute("log " + std::to_string(number))),
-          folder("store " + std::to_string(number)),
+          directory("store " + std::to_string(number)),
           random(seed) {
         EXPECT_EQ(unshare(CLONE_NEWIPC), 0);
         fs::remove(log);
-        fs::remove_all(folder);
-        fs::create_directory(folder);
+        fs::remove_all(directory);
+        fs::create_directory(directory);
         for (const auto& [name, value] : WithoutPauses())
             setenv(name.c_str(), value.c_str(), 1);
     }
@@ -65,11 +65,11 @@ public:
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         const std::string size = "size=" + std::to_string(blocks * 4) + "k";
-        ASSERT_EQ(mount("tmpfs", folder.c_str(), "tmpfs", 0, size.c_str()), 0);
+        ASSERT_EQ(mount("tmpfs", directory.c_str(), "tmpfs", 0, size.c_str()), 0);
     }
 
     void Begin() {
-        fs::current_path(folder);
+        fs::current_path(directory);
         fs::create_directory("files");
         const auto row = [](const std::string& name) {
             return TRow{name, 4'000'000'000, 0, 24, "/bin/program", "a parameter", 0};
@@ -99,7 +99,7 @@ public:
     void ExpectAllIsWell(CHost& host, const std::string& what) {
         EXPECT_EQ(RunTool({"wake"}).status, 0);
         EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for what is due";
-        WaitUntil(WorkerRests);
+        WaitUntil(WorkerIsIdle);
         if (Next() != before)
             ++started;
         WaitUntil([&] { return Starts() >= started; });
@@ -121,7 +121,7 @@ private:
     static vxsched::TTime Next() { return vxsched::ReadTable(".", 30s).Find("job")->next; }
 
     const std::string log;
-    const std::string folder;
+    const std::string directory;
     std::mt19937 random;
     const std::time_t beginning = std::time(nullptr) - 1;
     vxsched::TTime before;

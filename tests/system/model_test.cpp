@@ -67,7 +67,7 @@ protected:
         std::signal(SIGSEGV, ShowRunning);
     }
 
-    const CScratchFolder folder;
+    const CScratchFolder directory;
 };
 
 // What the fuzzer begins with, and what it once found. A record that is left out belongs taken out.

@@ -3,9 +3,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include "cli/time/CTextError.h"
-#include "cli/time/PeriodText.h"
-#include "cli/time/TimeText.h"
+#include "cli/time/CParseError.h"
+#include "cli/time/PeriodFormat.h"
+#include "cli/time/TimeFormat.h"
 
 #include <algorithm>
 #include <chrono>
@@ -95,10 +95,10 @@ class RefusedPeriod : public testing::TestWithParam<TRefused> {};
 
 // The error that the call throws; none, and a failure, if it throws nothing.
 template <typename Call>
-std::optional<CTextError> ErrorOf(const Call& call) {
+std::optional<CParseError> ErrorOf(const Call& call) {
     try {
         call();
-    } catch (const CTextError& error) {
+    } catch (const CParseError& error) {
         return error;
     }
     ADD_FAILURE() << "nothing was thrown";
@@ -423,15 +423,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(ParseTime, LastSecondOfTheYear9999IsTheLastThatCanBeReachedFromNow) {
     EXPECT_EQ(ParseTime("+1s", Utc("9999-12-31T23:59:58Z")), Utc("9999-12-31T23:59:59Z"));
-    EXPECT_THROW(ParseTime("+2s", Utc("9999-12-31T23:59:58Z")), CTextError);
+    EXPECT_THROW(ParseTime("+2s", Utc("9999-12-31T23:59:58Z")), CParseError);
 }
 
 TEST(TextError, MultiByteCharactersInFrontDoNotShiftTheCaret) {
     const std::string text = "\xc3\xa4\xe2\x82\xac\xf0\x9f\x95\x92 x";  // of 2, 3 and 4 bytes
     EXPECT_STREQ(
-        CTextError("time", text, 10, "no").what(),
+        CParseError("time", text, 10, "no").what(),
         ("cannot read the time \"" + text + "\": no\n    " + text + "\n        ^").c_str());
-    EXPECT_EQ(CTextError("time", text, 10, "no").Offset(), 10U);
+    EXPECT_EQ(CParseError("time", text, 10, "no").Offset(), 10U);
 }
 
 TEST(TextError, WhatIsNoTextIsShownAsReplacementCharacters) {
@@ -456,7 +456,7 @@ TEST(TextError, WhatIsNoTextIsShownAsReplacementCharacters) {
         std::string shown;
         for (std::size_t i = 0; i < bytes.size(); ++i)
             shown += replacement;
-        EXPECT_STREQ(CTextError("time", bytes + "x", bytes.size(), "no").what(),
+        EXPECT_STREQ(CParseError("time", bytes + "x", bytes.size(), "no").what(),
                      ("cannot read the time \"" + shown + "x\": no\n    " + shown + "x\n    " +
                       std::string(bytes.size(), ' ') + '^')
                          .c_str())
@@ -697,7 +697,7 @@ TEST(FormatDistance, IsReadBackAsATimeFromNow) {
 // ---- Whatever is typed ---------------------------------------------------------------------------
 
 // A refusal of any text is a message of three lines that is safe to print.
-static void ExpectSoundMessage(const CTextError& error, const std::string& text) {
+static void ExpectSoundMessage(const CParseError& error, const std::string& text) {
     const std::string message = error.what();
     SCOPED_TRACE(testing::PrintToString(text));
     ASSERT_LE(error.Offset(), text.size());
@@ -714,7 +714,7 @@ static bool IsReadOrRefusedSoundly(const std::string& text, const Parse& parse) 
     try {
         parse();
         return true;
-    } catch (const CTextError& error) {
+    } catch (const CParseError& error) {
         ExpectSoundMessage(error, text);
         return false;
     }

@@ -36,10 +36,10 @@ static TRow Row(const std::string& name) {
 
 static const TRows cThree = {Row("first"), Row("second"), Row("third")};
 
-static std::size_t CountIn(const std::string& folder, const std::string& text = "") {
+static std::size_t CountIn(const std::string& directory, const std::string& text = "") {
     std::size_t count = 0;
     std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(folder, ignored))
+    for (const auto& entry : fs::directory_iterator(directory, ignored))
         count += entry.path().filename().string().find(text) != std::string::npos ? 1 : 0;
     return count;
 }
@@ -69,7 +69,7 @@ static TRows StartTheOnlyTask() {
     TRows rows = ReadTable();
     rows.at(0).next = std::time(nullptr);
     {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteTable(rows);
     }
     WakeChanged();
@@ -98,7 +98,7 @@ TEST(HostGuard, DamagedTableIsReplacedByTheLastGoodOne) {
     CHost host;
     const std::string damaged = BytesOf(cThree).substr(0, 60);
     {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteFile(cTable, damaged);
     }
     WaitForTable(cThree);
@@ -113,7 +113,7 @@ TEST(HostGuard, TableThatACarelessClientEmptiesIsRestored) {
     WriteTable(cThree);
     CHost host;
     {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteFile(cTable, BytesOf({}));
     }
     WaitForTable(cThree);
@@ -151,7 +151,7 @@ TEST(HostGuard, RemovalsInARowAreNotUndone) {
     WriteTable(rows);
     CHost host;
     host.Kill(SIGSTOP);
-    WaitUntil([] { return !WorkerRests(); });
+    WaitUntil([] { return !WorkerIsIdle(); });
     CProgram client(
         ThisProgramAs("RemoveOneAfterTheOther", {"first", "second", "third", "fourth"}));
     EXPECT_EQ(client.Wait(), 0) << client.Output();
@@ -224,7 +224,7 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     ASSERT_EQ(prlimit(host.Id(), RLIMIT_FSIZE, &limit, &before), 0);
     rows[3].next = std::time(nullptr);
     {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteTable(rows);
     }
     WakeChanged();
@@ -235,7 +235,7 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     ASSERT_EQ(after.size(), 4U);
     EXPECT_EQ(after[3].next, rows[3].next + 24 * 3600);
     EXPECT_EQ(after[0], rows[0]);
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     EXPECT_EQ(RunTool({"wake"}).status, 0);
     WaitUntil([] { return fs::exists("log") && !ReadFile("log").empty(); });
     EXPECT_EQ(host.Stop(), 0);
@@ -340,7 +340,7 @@ TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
         CHost host;
         FillDisk();
         host.Kill(SIGSTOP);
-        WaitUntil([] { return !WorkerRests(); });
+        WaitUntil([] { return !WorkerIsIdle(); });
         WriteFile(cTable, "");
         FillDisk();
         host.Kill(SIGCONT);
@@ -363,7 +363,7 @@ TEST(HostGuard, WithoutInotifyTheTableIsLookedAtAllTheSame) {
         << host.Output();
     WriteFile(cTable, BytesOf(cThree).substr(0, 60));
     WaitForTable(cThree);
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     EXPECT_EQ(RunTool({"remove", "first"}).status, 0);
     WaitUntil([] { return HasSnapshot(BytesOf({Row("second"), Row("third")})); });
     EXPECT_EQ(host.Stop(), 0);
@@ -415,7 +415,7 @@ TEST(HostGuard, FailedStartIsNoReasonToRestoreATable) {
     TRows rows = ReadTable();
     rows[0].next = std::time(nullptr);
     {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteTable(rows);
     }
     WakeChanged();
@@ -434,7 +434,7 @@ TEST(HostAfterAKill, TaskThatEndedItInItsStartDoesNotEndTheNext) {
     TRows rows = ReadTable();
     rows[0].next = rows[1].next = std::time(nullptr);
     {
-        const vxsched::CStoreLock lock(10s);
+        const vxsched::CStoreMutexLock lock(10s);
         WriteTable(rows);
     }
     WakeChanged();
@@ -443,7 +443,7 @@ TEST(HostAfterAKill, TaskThatEndedItInItsStartDoesNotEndTheNext) {
     CHost next;
     EXPECT_EQ(RunTool({"wake"}).status, 0);
     WaitUntil([] { return fs::exists("log"); });
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     EXPECT_EQ(next.Stop(), 0);
 }
 
@@ -494,7 +494,7 @@ TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
     WaitUntil([] { return fs::exists("once"); });
     EXPECT_EQ(host.CountInOutput("was due at"), 2U) << host.Output();
     EXPECT_EQ(host.CountInOutput("missed while no host ran: task \"missed\""), 1U);
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadTable().at(0).next, due + 24 * 3600) << "on its grid";
     EXPECT_FALSE(fs::exists("missed")) << "no host had it in its hands";

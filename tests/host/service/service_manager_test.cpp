@@ -82,7 +82,7 @@ TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
     const CWatchdogTime time("100000");
     CHost host;
     {
-        const vxsched::CStoreLock lock(1h);
+        const vxsched::CStoreMutexLock lock(1h);
         ASSERT_TRUE(lock.IsHeld());
         WakeWorker();
         EXPECT_TRUE(host.WaitForOutput("the worker gives no sign of life")) << host.Output();
@@ -171,36 +171,36 @@ TEST(ServiceUnit, StartsTheHostWithOptionsThatItHas) {
 class WorkerWatch : public testing::Test {
 protected:
     static constexpr std::chrono::steady_clock::time_point cStart{1000s};
-    CWorkerWatch watch{100s, cStart};
+    CWorkerWatchdog watch{100s, cStart};
 };
 
 TEST_F(WorkerWatch, LooksAtHalfOfTheLimit) {
-    EXPECT_EQ(watch.NextLook(), cStart + 50s);
-    EXPECT_EQ(watch.Look(cStart + 49s, true, 0), CWorkerWatch::cTooEarly);
-    EXPECT_EQ(watch.Look(cStart + 52s, true, 0), CWorkerWatch::cAlive);
-    EXPECT_EQ(watch.NextLook(), cStart + 102s);
+    EXPECT_EQ(watch.NextCheck(), cStart + 50s);
+    EXPECT_EQ(watch.Look(cStart + 49s, true, 0), CWorkerWatchdog::cTooEarly);
+    EXPECT_EQ(watch.Look(cStart + 52s, true, 0), CWorkerWatchdog::cAlive);
+    EXPECT_EQ(watch.NextCheck(), cStart + 102s);
 }
 
 TEST_F(WorkerWatch, LooksMoreOftenWithoutASignOfLife) {
-    EXPECT_EQ(watch.Look(cStart + 50s, false, 0), CWorkerWatch::cNoSign);
-    EXPECT_EQ(watch.NextLook(), cStart + 60s);
-    EXPECT_EQ(watch.Look(cStart + 60s, true, 0), CWorkerWatch::cAlive);
-    EXPECT_EQ(watch.NextLook(), cStart + 110s);
+    EXPECT_EQ(watch.Look(cStart + 50s, false, 0), CWorkerWatchdog::cMissed);
+    EXPECT_EQ(watch.NextCheck(), cStart + 60s);
+    EXPECT_EQ(watch.Look(cStart + 60s, true, 0), CWorkerWatchdog::cAlive);
+    EXPECT_EQ(watch.NextCheck(), cStart + 110s);
 }
 
 TEST_F(WorkerWatch, CallsTheWorkerStuckAfterAQuarterOfTheLimitOnly) {
     for (const int missed : {50, 60, 70})
-        EXPECT_EQ(watch.Look(cStart + missed * 1s, false, 0), CWorkerWatch::cNoSign) << missed;
-    EXPECT_EQ(watch.Look(cStart + 80s, false, 0), CWorkerWatch::cStuck);
-    EXPECT_EQ(watch.Look(cStart + 90s, false, 0), CWorkerWatch::cStuck);
-    EXPECT_EQ(watch.Look(cStart + 100s, true, 0), CWorkerWatch::cAlive);
-    EXPECT_EQ(watch.Look(cStart + 150s, false, 0), CWorkerWatch::cNoSign);
+        EXPECT_EQ(watch.Look(cStart + missed * 1s, false, 0), CWorkerWatchdog::cMissed) << missed;
+    EXPECT_EQ(watch.Look(cStart + 80s, false, 0), CWorkerWatchdog::cStuck);
+    EXPECT_EQ(watch.Look(cStart + 90s, false, 0), CWorkerWatchdog::cStuck);
+    EXPECT_EQ(watch.Look(cStart + 100s, true, 0), CWorkerWatchdog::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 150s, false, 0), CWorkerWatchdog::cMissed);
 }
 
 TEST_F(WorkerWatch, StartSinceTheLastSignIsOne) {
-    EXPECT_EQ(watch.Look(cStart + 50s, false, 3), CWorkerWatch::cAlive);
-    EXPECT_EQ(watch.Look(cStart + 100s, false, 4), CWorkerWatch::cAlive);
-    EXPECT_EQ(watch.Look(cStart + 150s, false, 4), CWorkerWatch::cNoSign);
+    EXPECT_EQ(watch.Look(cStart + 50s, false, 3), CWorkerWatchdog::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 100s, false, 4), CWorkerWatchdog::cAlive);
+    EXPECT_EQ(watch.Look(cStart + 150s, false, 4), CWorkerWatchdog::cMissed);
 }
 
 // ---- The log where standard error is the journal

@@ -36,7 +36,7 @@ static int CountWaitersForTheMutex() {
 TEST(HostSignals, StopAndContinuationLeaveTheWorkerWaitingForTheMutex) {
     CHost host;
     {
-        const vxsched::CStoreLock lock(std::chrono::seconds(10));
+        const vxsched::CStoreMutexLock lock(std::chrono::seconds(10));
         host.Kill(SIGUSR1);
         WaitUntil([] { return CountWaitersForTheMutex() == 1; });
         host.Kill(SIGSTOP);
@@ -45,7 +45,7 @@ TEST(HostSignals, StopAndContinuationLeaveTheWorkerWaitingForTheMutex) {
         WaitUntil([] { return CountWaitersForTheMutex() == 1 || StoreSemaphoreValue() != 0; });
         EXPECT_EQ(StoreSemaphoreValue(), 0) << "nobody but its holder gives it back";
     }
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -61,7 +61,7 @@ TEST(HostSignals, HupOpensTheLogAnew) {
     std::filesystem::create_directory("work");
     // The path is the caller's, not that of the directory that the host works in.
     CProgram host({HOST_PROGRAM, "--directory", "work", "--log", "log"});
-    WaitUntil([] { return LogHolds("log", "running in work") && WorkerRests(); });
+    WaitUntil([] { return LogHolds("log", "running in work") && WorkerIsIdle(); });
     std::filesystem::rename("log", "log.old");
     host.Kill(SIGHUP);
     WaitUntil([] { return LogHolds("log", "opened the log anew"); });
@@ -75,7 +75,7 @@ TEST(HostSignals, HupOpensTheLogAnew) {
 TEST(HostSignals, LogThatCannotBeOpenedAnewIsKept) {
     std::filesystem::create_directory("folder");
     CProgram host(HostWith({"--log", "folder/log"}));
-    WaitUntil([] { return LogHolds("folder/log", "running in") && WorkerRests(); });
+    WaitUntil([] { return LogHolds("folder/log", "running in") && WorkerIsIdle(); });
     std::filesystem::rename("folder", "moved");
     host.Kill(SIGHUP);
     WaitUntil([] { return LogHolds("moved/log", "folder/log: No such file or directory"); });

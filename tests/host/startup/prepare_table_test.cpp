@@ -143,7 +143,7 @@ static std::string Named(const std::vector<TRunRecord>& missed) {
 }
 
 static TPrepared Prepared(const std::vector<TTaskEntry>& table,
-                          const std::vector<TStartMark>& marks = {},
+                          const std::vector<TLaunchRecord>& marks = {},
                           const std::optional<TUptime>& former = {}) {
     return PrepareTable(table, marks, former, cNow);
 }
@@ -216,9 +216,9 @@ TEST(PrepareTable, WhatWasStartedIsNotStartedAgain) {
     const std::vector<TTaskEntry> table = {Task("started", Later(-7), "/p", ""),
                                            Task("once started", Later(-7), "/p", "", 0),
                                            Task("not", Later(-7), "/p", "")};
-    const std::vector<TStartMark> marks = {
+    const std::vector<TLaunchRecord> marks = {
         {.task = "started", .due = Later(-7), .started = Later(-6)},
-        {.task = MarkName("once started"), .due = Later(-7), .started = Later(-5)},
+        {.task = LaunchRecordName("once started"), .due = Later(-7), .started = Later(-5)},
         {.task = "not", .due = Later(-3607), .started = Later(-3600)}};
     const TPrepared prepared = Prepared(table, marks, TUptime{.since = Later(-60), .until = cNow});
     EXPECT_EQ(NamesOf(prepared.tasks), "started;not;");
@@ -230,29 +230,29 @@ TEST(PrepareTable, WhatWasStartedIsNotStartedAgain) {
 
 TEST(StartMarks, AreFoundByTaskAndDueTimeWhateverTheName) {
     std::filesystem::create_directory("files");
-    ASSERT_TRUE(MakeMarkFolder());
-    ASSERT_TRUE(MakeMarkFolder()) << "it may be there already";
+    ASSERT_TRUE(MakeLaunchRecordDirectory());
+    ASSERT_TRUE(MakeLaunchRecordDirectory()) << "it may be there already";
     const std::string longest(5'000, '\xe4');
     for (const std::string& name :
          {std::string("plain"), std::string("a/b"), std::string(".."), std::string("at@5"),
           std::string("%41"), std::string("\xff blank"), longest}) {
-        WriteFile(MarkPath(name, Later(3)), "");
-        const std::vector<TStartMark> marks = ReadMarks();
+        WriteFile(LaunchRecordPath(name, Later(3)), "");
+        const std::vector<TLaunchRecord> marks = ReadLaunchRecords();
         ASSERT_EQ(marks.size(), 1U) << name;
         EXPECT_TRUE(marks[0].IsOf(name, Later(3))) << name;
         EXPECT_FALSE(marks[0].IsOf(name, Later(4))) << name;
         EXPECT_FALSE(marks[0].IsOf(std::string(name) + "x", Later(3))) << name;
-        RemoveMark(marks[0]);
-        EXPECT_TRUE(ReadMarks().empty()) << name;
+        RemoveLaunchRecord(marks[0]);
+        EXPECT_TRUE(ReadLaunchRecords().empty()) << name;
     }
 }
 
 TEST(StartMarks, AreShownByATableThatHasMovedOn) {
-    const std::vector<TStartMark> marks = {{.task = "moved", .due = cNow, .started = cNow},
-                                           {.task = "behind", .due = cNow, .started = cNow},
-                                           {.task = "gone", .due = cNow, .started = cNow}};
+    const std::vector<TLaunchRecord> marks = {{.task = "moved", .due = cNow, .started = cNow},
+                                              {.task = "behind", .due = cNow, .started = cNow},
+                                              {.task = "gone", .due = cNow, .started = cNow}};
     const auto shown =
-        FindShown(marks, {Task("moved", Later(3600), "/p", ""), Task("behind", cNow, "/p", "")});
+        FindSettled(marks, {Task("moved", Later(3600), "/p", ""), Task("behind", cNow, "/p", "")});
     ASSERT_EQ(shown.size(), 2U);
     EXPECT_EQ(shown[0].task, "moved");
     EXPECT_EQ(shown[1].task, "gone");
@@ -274,12 +274,12 @@ TEST(Snapshots, AreABoundedRingOfWholeTables) {
     for (const char* const bytes : {"one", "two", "two", "three", "four"})
         Keep(snapshots, bytes);
     std::set<std::string> kept;
-    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Directory()))
         kept.insert(ReadFile(entry.path()));
     EXPECT_EQ(kept, (std::set<std::string>{"two", "three", "four"}));
     CSnapshots none(0);
     Keep(none, "five");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(CSnapshots::Folder()),
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(CSnapshots::Directory()),
                             std::filesystem::directory_iterator()),
               3);
 }
@@ -290,7 +290,7 @@ TEST(Snapshots, OfHostsThatComeAndGoPushNoOtherTableOut) {
     for (int host = 0; host < 5; ++host)
         KeepOnce(3, "same");
     std::multiset<std::string> kept;
-    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Directory()))
         kept.insert(ReadFile(entry.path()));
     EXPECT_EQ(kept, (std::multiset<std::string>{"other", "same"}));
     std::filesystem::remove_all("files");
@@ -302,10 +302,10 @@ protected:
     static constexpr std::int64_t cAhead = 4'000'000'000;
 
     SnapshotsOfAClockThatWasSetBack() {
-        std::filesystem::create_directories(CSnapshots::Folder());
+        std::filesystem::create_directories(CSnapshots::Directory());
         for (const char* const number : {"000008", "000009", "000010"}) {
             const std::filesystem::path file =
-                CSnapshots::Folder() / ("scheduler.dat.004000000000-" + std::string(number));
+                CSnapshots::Directory() / ("scheduler.dat.004000000000-" + std::string(number));
             WriteFile(file, TableOf(number));
             SetTime(file, cAhead);
         }
@@ -321,14 +321,14 @@ protected:
                       std::chrono::sys_seconds(std::chrono::seconds(seconds))));
     }
     static std::string YoungestTask() {
-        const auto source = vxsched::FindSource(".");
+        const auto source = vxsched::FindBackup(".");
         return source ? source->tasks.at(0).name : "";
     }
 };
 
 TEST_F(SnapshotsOfAClockThatWasSetBack, KeepTheYoungestAndNotTheLatest) {
     std::set<std::string> kept;
-    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Folder()))
+    for (const auto& entry : std::filesystem::directory_iterator(CSnapshots::Directory()))
         kept.insert(ReadFile(entry.path()));
     EXPECT_EQ(kept, (std::set<std::string>{TableOf("000010"), TableOf("now")}));
 }
@@ -345,12 +345,12 @@ TEST_F(SnapshotsOfAClockThatWasSetBack, MendFromTheYoungest) {
 // ---- Damaged tables that are put aside
 // ------------------------------------------------------------------------------------
 
-TEST(PutAside, KeepsTheYoungestWhateverTheClockSays) {
+TEST(Quarantine, KeepsTheYoungestWhateverTheClockSays) {
     std::filesystem::create_directory("files");
     WriteFile("files/scheduler.dat.damaged-4000000000", "0");
     WriteFile("files/scheduler.dat.damaged-by-hand", "not ours");
     for (int number = 1; number <= 30; ++number)
-        vxsched::PutAside(".", std::to_string(number));
+        vxsched::Quarantine(".", std::to_string(number));
     std::set<std::string> kept;
     for (const auto& entry : std::filesystem::directory_iterator("files"))
         kept.insert(ReadFile(entry.path()));

@@ -59,7 +59,7 @@ TEST(HostStart, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     const std::int64_t past = std::time(nullptr) - 100;
     const TRows table = {{"task", past, 0, 1, "/bin/program", "", 0}};
     WriteTable(table);
-    auto client = std::make_unique<vxsched::CStoreLock>(1h);
+    auto client = std::make_unique<vxsched::CStoreMutexLock>(1h);
     CProgram host(HostWith({}));
     WaitUntil([&] { return semctl(mutex, 0, GETNCNT) == 1; });
     EXPECT_EQ(ReadTable(), table) << "not moved on by a load";
@@ -68,7 +68,7 @@ TEST(HostStart, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     EXPECT_EQ(flock(files, LOCK_EX | LOCK_NB), -1);
     client.reset();
     EXPECT_TRUE(host.WaitForOutput(" as process ")) << host.Output();
-    WaitUntil(WorkerRests);
+    WaitUntil(WorkerIsIdle);
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(flock(files, LOCK_EX | LOCK_NB), 0);
     close(files);
@@ -85,8 +85,8 @@ TEST(HostStart, WaitsForTheLockOnTheDirectory) {
     ASSERT_EQ(flock(files, LOCK_EX), 0);
     CProgram host(HostWith({}));
     WaitUntil([&] {
-        const std::string folder = "/proc/" + std::to_string(host.Id()) + "/fd";
-        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        const std::string directory = "/proc/" + std::to_string(host.Id()) + "/fd";
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
             std::error_code gone;
             if (std::filesystem::read_symlink(entry.path(), gone).filename() == "files")
                 return true;
@@ -105,7 +105,7 @@ TEST(HostStart, GoesOverAHolderThatIsTakenForHungAndTells) {
     std::filesystem::create_directory("files");
     const int files = open("files", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(files, LOCK_EX), 0);
-    vxsched::CStoreLock hung(1h);
+    vxsched::CStoreMutexLock hung(1h);
     CHost host(HostWith({"--patience", "0"}));
     EXPECT_EQ(host.CountInOutput("a client has kept the lock on the directory \"files\" for 0 ms"),
               1U)
@@ -424,7 +424,7 @@ TEST(HostCheck, TellsWhatAStartWouldMendAndHow) {
 
 TEST(HostCheck, HolderThatIsTakenForHungIsToldOf) {
     MakeStoreMutex();
-    vxsched::CStoreLock hung(1h);
+    vxsched::CStoreMutexLock hung(1h);
     CProgram check(HostWith({"--check", "--patience", "0"}));
     EXPECT_EQ(check.Wait(), 0) << check.Output();
     EXPECT_NE(check.Output().find("warning: the store mutex is held, last by process "),

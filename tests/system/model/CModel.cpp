@@ -69,7 +69,7 @@ bool CModel::BringUpToDate() {
 }
 
 void CModel::WriteTable() {
-    if (place == TPlace::cNoFolder || place == TPlace::cFolder)
+    if (place == TPlace::cNoFolder || place == TPlace::cDirectory)
         return;
     const std::string bytes = BytesOf(list);
     if (!room || bytes.size() <= *room) {

@@ -194,7 +194,7 @@ static COperation PutOther(CChoices& choices) {
     static constexpr std::pair<TPlace::TKind, const char*> cPlaces[] = {
         {TPlace::cNothing, "the file is deleted, the folder there"},
         {TPlace::cNoFolder, "the folder is removed"},
-        {TPlace::cFolder, "a folder is in the file's place"},
+        {TPlace::cDirectory, "a folder is in the file's place"},
     };
     const auto [kind, text] = choices.Of(cPlaces);
     return {text, [place = kind](CSide& side) {

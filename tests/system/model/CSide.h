@@ -10,7 +10,7 @@
 
 // What is in the place of the task file.
 struct TPlace {
-    enum TKind { cNoFolder, cNothing, cFolder, cFile };
+    enum TKind { cNoFolder, cNothing, cDirectory, cFile };
 
     TKind kind = cNoFolder;  // the folder "files" missing, empty, holding a folder or a file
     std::string bytes;       // of the file

@@ -19,7 +19,7 @@
 static CWorld* gWorld = nullptr;
 static std::shared_ptr<CAddinLibrary> gKeptLibrary;
 
-static constexpr char cFolder[] = "files";
+static constexpr char cDirectory[] = "files";
 static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 static constexpr pid_t cBeforeFirstProcess = 400'000;  // as CFakeSystem numbers them
 
@@ -33,7 +33,7 @@ static void Require(bool condition, const char* what) {
 // ---- The file ---------------------------------------------------------------------------------------------
 
 static void PutBytes(const std::string& bytes) {
-    mkdir(cFolder, 0755);
+    mkdir(cDirectory, 0755);
     rmdir(cTable);
     const int file = open(cTable, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     Require(file != -1, cTable);
@@ -44,10 +44,10 @@ static void PutBytes(const std::string& bytes) {
 static TPlace LookAtPlace() {
     const int file = open(cTable, O_RDONLY | O_CLOEXEC);
     if (file == -1)
-        return {access(cFolder, F_OK) == 0 ? TPlace::cNothing : TPlace::cNoFolder, {}};
+        return {access(cDirectory, F_OK) == 0 ? TPlace::cNothing : TPlace::cNoFolder, {}};
     struct stat status {};
     fstat(file, &status);
-    TPlace place{S_ISDIR(status.st_mode) ? TPlace::cFolder : TPlace::cFile, {}};
+    TPlace place{S_ISDIR(status.st_mode) ? TPlace::cDirectory : TPlace::cFile, {}};
     if (place.kind == TPlace::cFile) {
         place.bytes.resize(static_cast<std::size_t>(status.st_size));
         Require(read(file, place.bytes.data(), place.bytes.size()) == status.st_size, cTable);
@@ -68,11 +68,11 @@ void CWorld::PutOther(TPlace::TKind kind) {
     unlink(cTable);
     rmdir(cTable);
     if (kind == TPlace::cNoFolder) {
-        rmdir(cFolder);
+        rmdir(cDirectory);
         return;
     }
-    mkdir(cFolder, 0755);
-    if (kind == TPlace::cFolder)
+    mkdir(cDirectory, 0755);
+    if (kind == TPlace::cDirectory)
         mkdir(cTable, 0755);
 }
 
@@ -90,7 +90,7 @@ CWorld::CWorld() : changed(cTaskChanged, true) {
     gWorld = this;
     PutOther(TPlace::cNoFolder);
     std::signal(SIGXFSZ, SIG_IGN);
-    system.onStart = [this](const CFakeSystem::TStart& start) { OnStart(start); };
+    system.onLaunch = [this](const CFakeSystem::TStart& start) { OnStart(start); };
     system.onSleep = [this] { OnSleep(); };
     VXC_SetLogSink(OnLog, this);
     VXC_SetInformationListener(OnInformation, this);

@@ -55,7 +55,7 @@ std::string Worded(const TPlace& place) {
             return "no folder";
         case TPlace::cNothing:
             return "no file";
-        case TPlace::cFolder:
+        case TPlace::cDirectory:
             return "a folder";
         case TPlace::cFile:
             break;

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include <vxsched/Table.h>
-#include "cli/time/CTextError.h"
+#include "cli/time/CParseError.h"
 
 namespace vxsched {
 

@@ -1,4 +1,4 @@
-#include "cli/output/RunText.h"
+#include "cli/output/RunFormat.h"
 
 #include <fmt/format.h>
 #include <string.h>

@@ -4,12 +4,12 @@
 #include <string>
 #include <string_view>
 
-#include "cli/time/CTextError.h"
+#include "cli/time/CParseError.h"
 
 namespace vxsched {
 
 // Reads a repeat period and returns its hours: `6h`, `1d`, `2w`, `1d12h`, `2 weeks`; 0 for `once`.
-// Throws CTextError: for a number without a unit, for minutes and seconds, for no time at all, and
+// Throws CParseError: for a number without a unit, for minutes and seconds, for no time at all, and
 // for more than 1193046 hours, which the scheduler cannot step by.
 std::uint32_t ParsePeriod(std::string_view text);
 

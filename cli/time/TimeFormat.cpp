@@ -1,4 +1,4 @@
-#include "cli/time/TimeText.h"
+#include "cli/time/TimeFormat.h"
 
 #include <date/date.h>
 #include <fmt/format.h>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "calendar/WallTime.h"
-#include "cli/time/CTextReader.h"
+#include "cli/time/CParser.h"
 #include "cli/time/Duration.h"
 
 namespace vxsched {
@@ -29,7 +29,7 @@ constexpr char cPutForward[] = "there is no such local time: the clock is put fo
 // ---- Reading: dates, times of day, zones ---------------------------------------------------------
 
 // Reads a number of exactly so many digits (four at most).
-int ReadNumber(CTextReader& reader, std::size_t digits, std::string_view reason) {
+int ReadNumber(CParser& reader, std::size_t digits, std::string_view reason) {
     const std::size_t start = reader.Offset();
     int value = 0;
     const std::string_view number = reader.TakeDigits();
@@ -41,7 +41,7 @@ int ReadNumber(CTextReader& reader, std::size_t digits, std::string_view reason)
 }
 
 // Reads one with two digits and an upper limit.
-int ReadPart(CTextReader& reader, int most, const char* name) {
+int ReadPart(CParser& reader, int most, const char* name) {
     const std::size_t start = reader.Offset();
     const int value = ReadNumber(reader, 2, fmt::format("the {} must have two digits", name));
     if (value > most)
@@ -49,7 +49,7 @@ int ReadPart(CTextReader& reader, int most, const char* name) {
     return value;
 }
 
-date::local_days ReadDate(CTextReader& reader) {
+date::local_days ReadDate(CParser& reader) {
     const std::size_t start = reader.Offset();
     const int year = ReadNumber(reader, 4, "the year must have four digits");
     if (year == 0)
@@ -71,7 +71,7 @@ date::local_days ReadDate(CTextReader& reader) {
     return date::local_days(date);
 }
 
-seconds ReadTimeOfDay(CTextReader& reader) {
+seconds ReadTimeOfDay(CParser& reader) {
     if (!reader.IsAtDigit())
         reader.Fail(reader.Offset(), "give a time of day, 14:30");
     seconds time = hours(ReadPart(reader, 23, "hour"));
@@ -83,13 +83,13 @@ seconds ReadTimeOfDay(CTextReader& reader) {
     return time;
 }
 
-bool IsAtZone(const CTextReader& reader) {
+bool IsAtZone(const CParser& reader) {
     const char next = reader.Next();
     return next == 'Z' || next == 'z' || next == '+' || next == '-';
 }
 
 // Reads how far the zone is ahead of UTC. The reader is at a zone.
-seconds ReadZone(CTextReader& reader) {
+seconds ReadZone(CParser& reader) {
     if (reader.TakeIf('z'))
         return 0s;
     const int sign = reader.Next() == '-' ? -1 : 1;
@@ -116,14 +116,14 @@ seconds ReadZone(CTextReader& reader) {
 // ---- Reading: the forms of a time ----------------------------------------------------------------
 
 // `start` is where the text of it begins.
-TTime FirstShowing(TWallTime wall, const CTextReader& reader, std::size_t start) {
+TTime FirstShowing(TWallTime wall, const CParser& reader, std::size_t start) {
     const std::vector<TTime> times = TimesShowing(wall);
     if (times.empty())
         reader.Fail(start, cPutForward);
     return times.front();
 }
 
-TTime ReadDateAndTime(CTextReader& reader) {
+TTime ReadDateAndTime(CParser& reader) {
     std::size_t start = reader.Offset();
     TWallTime wall = ReadDate(reader);
     constexpr char cZoneAlone[] = "give a time of day before the zone";
@@ -146,14 +146,14 @@ TTime ReadDateAndTime(CTextReader& reader) {
 }
 
 // `day` is 0 for today, 1 for tomorrow.
-TTime ReadTimeOfNamedDay(CTextReader& reader, TTime now, date::days day) {
+TTime ReadTimeOfNamedDay(CParser& reader, TTime now, date::days day) {
     reader.SkipBlanks();
     const std::size_t start = reader.Offset();
     const TWallTime midnight = date::floor<date::days>(LocalWallTimeAt(now)) + day;
     return FirstShowing(midnight + ReadTimeOfDay(reader), reader, start);
 }
 
-TTime ReadNextTimeOfDay(CTextReader& reader, TTime now) {
+TTime ReadNextTimeOfDay(CParser& reader, TTime now) {
     const std::size_t start = reader.Offset();
     const seconds timeOfDay = ReadTimeOfDay(reader);
     reader.SkipBlanks();
@@ -174,7 +174,7 @@ TTime ReadNextTimeOfDay(CTextReader& reader, TTime now) {
     }
 }
 
-TTime ReadRelativeTime(CTextReader& reader, TTime now) {
+TTime ReadRelativeTime(CParser& reader, TTime now) {
     reader.SkipBlanks();
     const std::size_t start = reader.Offset();
     if (reader.Next() == '-')
@@ -185,7 +185,7 @@ TTime ReadRelativeTime(CTextReader& reader, TTime now) {
     return time;
 }
 
-TTime ReadSecondsSince1970(CTextReader& reader) {
+TTime ReadSecondsSince1970(CParser& reader) {
     const std::size_t start = reader.Offset();
     std::string number(reader.TakeIf('-') ? "-" : "");
     const std::string_view digits = reader.TakeDigits();
@@ -199,7 +199,7 @@ TTime ReadSecondsSince1970(CTextReader& reader) {
     return TTime(seconds(value));
 }
 
-TTime ReadTimeInWords(CTextReader& reader, TTime now) {
+TTime ReadTimeInWords(CParser& reader, TTime now) {
     const std::size_t start = reader.Offset();
     const std::string word = reader.TakeWord();
     if (word == "now")
@@ -213,16 +213,16 @@ TTime ReadTimeInWords(CTextReader& reader, TTime now) {
     reader.Fail(start, cForms);
 }
 
-TTime ReadTime(CTextReader& reader, TTime now) {
+TTime ReadTime(CParser& reader, TTime now) {
     if (reader.IsAtLetter())
         return ReadTimeInWords(reader, now);
     if (reader.TakeIf('+'))
         return ReadRelativeTime(reader, now);
     if (reader.TakeIf('@'))
         return ReadSecondsSince1970(reader);
-    if (reader.IsAtDigit() && reader.NextBehindDigits() == '-')
+    if (reader.IsAtDigit() && reader.NextAfterDigits() == '-')
         return ReadDateAndTime(reader);
-    if (reader.IsAtDigit() && reader.NextBehindDigits() == ':')
+    if (reader.IsAtDigit() && reader.NextAfterDigits() == ':')
         return ReadNextTimeOfDay(reader, now);
     reader.Fail(reader.Offset(), cForms);
 }
@@ -264,7 +264,7 @@ std::string WriteSeconds(TTime time) {
 }  // namespace
 
 TTime ParseTime(std::string_view text, TTime now) {
-    CTextReader reader("time", text);
+    CParser reader("time", text);
     reader.SkipBlanks();
     const TTime time = ReadTime(reader, now);
     reader.ExpectEnd();

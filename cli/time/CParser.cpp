@@ -1,8 +1,8 @@
-#include "cli/time/CTextReader.h"
+#include "cli/time/CParser.h"
 
 #include <algorithm>
 
-#include "cli/time/CTextError.h"
+#include "cli/time/CParseError.h"
 
 namespace vxsched {
 
@@ -21,55 +21,55 @@ bool IsLetter(char character) {
 
 }  // namespace
 
-char CTextReader::Next() const {
+char CParser::Next() const {
     return IsAtEnd() ? '\0' : whole[offset];
 }
 
-char CTextReader::NextBehindDigits() const {
+char CParser::NextAfterDigits() const {
     const std::size_t behind = whole.find_first_not_of(cDigits, offset);
     return behind == std::string_view::npos ? '\0' : whole[behind];
 }
 
-bool CTextReader::IsAtDigit() const {
+bool CParser::IsAtDigit() const {
     return !IsAtEnd() && cDigits.find(Next()) != std::string_view::npos;
 }
 
-bool CTextReader::IsAtLetter() const {
+bool CParser::IsAtLetter() const {
     return IsLetter(Next());
 }
 
-bool CTextReader::TakeIf(char wanted) {
+bool CParser::TakeIf(char wanted) {
     if (IsAtEnd() || LowerCase(Next()) != wanted)
         return false;
     ++offset;
     return true;
 }
 
-std::string CTextReader::TakeWord() {
+std::string CParser::TakeWord() {
     std::string word;
     for (; IsAtLetter(); ++offset)
         word += LowerCase(Next());
     return word;
 }
 
-std::string_view CTextReader::TakeDigits() {
+std::string_view CParser::TakeDigits() {
     const std::size_t start = offset;
     offset = std::min(whole.find_first_not_of(cDigits, start), whole.size());
     return whole.substr(start, offset - start);
 }
 
-void CTextReader::SkipBlanks() {
+void CParser::SkipBlanks() {
     offset = std::min(whole.find_first_not_of(' ', offset), whole.size());
 }
 
-void CTextReader::ExpectEnd() {
+void CParser::ExpectEnd() {
     SkipBlanks();
     if (!IsAtEnd())
         Fail(offset, "the " + std::string(textKind) + " ends before this");
 }
 
-void CTextReader::Fail(std::size_t where, std::string_view reason) const {
-    throw CTextError(textKind, whole, where, reason);
+void CParser::Fail(std::size_t where, std::string_view reason) const {
+    throw CParseError(textKind, whole, where, reason);
 }
 
 }  // namespace vxsched

@@ -15,12 +15,12 @@ namespace vxsched {
 //
 // Control characters and bytes that are not UTF-8 are shown as U+FFFD, so that the message is text
 // whatever was typed.
-class CTextError : public std::runtime_error {
+class CParseError : public std::runtime_error {
 public:
     // `kind` is what the text was to be ("time"); `offset` the byte of `text` that the caret goes
     // under, the size of `text` where something is missing at its end.
-    CTextError(std::string_view kind, std::string_view text, std::size_t offset,
-               std::string_view reason);
+    CParseError(std::string_view kind, std::string_view text, std::size_t offset,
+                std::string_view reason);
 
     // The place of the error: a byte of the text, or its size.
     std::size_t Offset() const { return place; }

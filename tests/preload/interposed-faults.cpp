@@ -51,7 +51,7 @@ Function* SystemsOwn(const char* name) {
 
 }  // namespace
 
-extern "C" int openat(int folder, const char* path, int flags, ...) {
+extern "C" int openat(int directory, const char* path, int flags, ...) {
     static auto* const system = SystemsOwn<int(int, const char*, int, ...)>("openat");
     va_list rest;
     va_start(rest, flags);
@@ -60,7 +60,7 @@ extern "C" int openat(int folder, const char* path, int flags, ...) {
     const bool counts = IsOfTheStore(path);
     if (counts && Fails("open", (flags & O_CREAT) != 0 ? ENOSPC : EMFILE))
         return -1;
-    const int descriptor = system(folder, path, flags, mode);
+    const int descriptor = system(directory, path, flags, mode);
     if (descriptor >= 0 && descriptor < cMostDescriptors)
         gIsOfTheStore[descriptor] = counts;
     return descriptor;

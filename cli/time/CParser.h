@@ -8,17 +8,17 @@ namespace vxsched {
 
 // A place in a text from the command line, and the steps with which it is read from the front to
 // the back. The text must outlive the reader. Letters are ASCII letters, whatever the locale.
-class CTextReader {
+class CParser {
 public:
     // `kind` is what the text is to be, for the message of Fail: "time".
-    CTextReader(std::string_view kind, std::string_view text) : textKind(kind), whole(text) {}
+    CParser(std::string_view kind, std::string_view text) : textKind(kind), whole(text) {}
 
     std::size_t Offset() const { return offset; }
     bool IsAtEnd() const { return offset == whole.size(); }
 
     // The character at the place, or the one behind the digits there; 0 at the end of the text.
     char Next() const;
-    char NextBehindDigits() const;
+    char NextAfterDigits() const;
     bool IsAtDigit() const;
     bool IsAtLetter() const;
 
@@ -34,7 +34,7 @@ public:
     // Goes over blanks to the end of the text; fails when there is something else.
     void ExpectEnd();
 
-    // Throws CTextError with this place and reason.
+    // Throws CParseError with this place and reason.
     [[noreturn]] void Fail(std::size_t where, std::string_view reason) const;
 
 private:

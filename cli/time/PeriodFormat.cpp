@@ -1,8 +1,8 @@
-#include "cli/time/PeriodText.h"
+#include "cli/time/PeriodFormat.h"
 
 #include <chrono>
 
-#include "cli/time/CTextReader.h"
+#include "cli/time/CParser.h"
 #include "cli/time/Duration.h"
 
 namespace vxsched {
@@ -19,7 +19,7 @@ constexpr std::uint32_t cHoursOfWeek = 7 * cHoursOfDay;
 }  // namespace
 
 std::uint32_t ParsePeriod(std::string_view text) {
-    CTextReader reader("period", text);
+    CParser reader("period", text);
     reader.SkipBlanks();
     const std::size_t start = reader.Offset();
     if (reader.IsAtEnd())

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "cli/time/TimeText.h"
+#include "cli/time/TimeFormat.h"
 #include "runs/RunRecord.h"
 
 namespace vxsched {

@@ -1,4 +1,4 @@
-#include "cli/time/CTextError.h"
+#include "cli/time/CParseError.h"
 
 #include <fmt/format.h>
 
@@ -8,8 +8,8 @@
 
 namespace vxsched {
 
-CTextError::CTextError(std::string_view kind, std::string_view text, std::size_t offset,
-                       std::string_view reason)
+CParseError::CParseError(std::string_view kind, std::string_view text, std::size_t offset,
+                         std::string_view reason)
     : std::runtime_error(fmt::format("cannot read the {} \"{}\": {}\n    {}\n    {:>{}}", kind,
                                      Show(text).text, reason, Show(text).text, '^',
                                      Show(text.substr(0, offset)).columns + 1)),
