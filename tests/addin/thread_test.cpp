@@ -23,8 +23,7 @@
 
 static constexpr char cName[] = "a worker";
 
-// ---- Thread calls come through here
-// ------------------------------------------------------------------------------
+// ---- Thread calls come through here -----------------------------------------------------------
 
 static std::vector<std::string> gCalls;
 static int gCreateResult = 0;
@@ -80,8 +79,7 @@ extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
 }
 #endif
 
-// ---- A worker
-// --------------------------------------------------------------------------------------------------------
+// ---- A worker ---------------------------------------------------------------------------------
 
 class CWorker : public CThread {
 public:
@@ -273,8 +271,7 @@ TEST(Thread, DestructionAfterStopDoesNotStopAgain) {
     EXPECT_EQ(other.Wait(0), 0);
 }
 
-// ---- Without a stop event
-// ------------------------------------------------------------------------------------------------
+// ---- Without a stop event ---------------------------------------------------------------------
 
 TEST(Thread, EventThatCannotBeMadeLeavesNullAndIsNotReported) {
     TakeTheKeyOfEvent(cName);
@@ -289,8 +286,7 @@ TEST(Thread, EventThatCannotBeMadeLeavesNullAndIsNotReported) {
     EXPECT_FALSE(worker.running);
 }
 
-// ---- The order of the virtual operations
-// ------------------------------------------------------------------------------
+// ---- The order of the virtual operations ------------------------------------------------------
 
 TEST(Thread, VirtualOperationsStandInTheirOrder) {
     CWorker worker;

@@ -85,6 +85,10 @@ void WaitForTheTicksEnd() {
     WaitUntil([] { return ReadFile(cTable) == BytesOf({}); });
 }
 
+bool LogHolds(const std::string& path, const std::string& text) {
+    return ReadFile(path).find(text) != std::string::npos;
+}
+
 std::vector<std::string> Lines(const std::string& path) {
     WaitUntil([&] { return std::filesystem::exists(path); });
     std::ifstream file(path);

@@ -44,5 +44,8 @@ void CreateDue(const std::string& name, const std::string& program, const std::s
 // would go over its change.
 void WaitForTheTicksEnd();
 
+// Whether the log in that file holds this text by now.
+bool LogHolds(const std::string& path, const std::string& text);
+
 // The lines of a file, once it is there.
 std::vector<std::string> Lines(const std::string& path);

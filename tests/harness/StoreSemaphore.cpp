@@ -1,6 +1,7 @@
 #include "StoreSemaphore.h"
 
 #include <CEvent.h>
+#include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
@@ -24,6 +25,13 @@ union TArgument {
     unsigned short* array;
     struct seminfo* info;
 };
+
+int MakeStoreMutex() {
+    const int id = semget(cStoreKey, 1, IPC_CREAT | 0660);
+    TArgument free{.val = 1};
+    EXPECT_EQ(semctl(id, 0, SETVAL, free), 0);
+    return id;
+}
 
 int CountSemaphoreSets() {
     struct seminfo info {};

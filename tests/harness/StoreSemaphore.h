@@ -13,6 +13,9 @@ bool StoreSemaphoreExists();
 int StoreSemaphoreValue();  // 1 free, 0 held; -1 when there is none
 int CountSemaphoreSets();   // in this IPC namespace
 
+// Makes the store mutex as a client of a store without a host has it; the set's identifier.
+int MakeStoreMutex();
+
 // A scheduling process rests between two ticks: its worker waits for the stop event.
 bool WorkerIsIdle();
 

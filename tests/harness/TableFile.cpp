@@ -105,3 +105,11 @@ std::string NamesInTable() {
         names += (names.empty() ? "" : " ") + row.name;
     return names;
 }
+
+std::string PutAsideFile() {
+    for (const auto& entry : std::filesystem::directory_iterator("files")) {
+        if (entry.path().filename().string().starts_with("scheduler.dat.damaged-"))
+            return entry.path();
+    }
+    return "";
+}

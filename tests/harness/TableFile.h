@@ -32,3 +32,6 @@ void WriteTable(const TRows& rows);
 TRows ReadTable();
 
 std::string NamesInTable();  // separated by blanks
+
+// The path of a damaged table that was put aside; "" when there is none.
+std::string PutAsideFile();

@@ -91,8 +91,7 @@ void CTracedChild::ReadMemory(const void* address, void* copy, std::size_t size)
     process_vm_readv(process, &local, 1, &remote, 1, 0);
 }
 
-// ---- Calls as text
-// ----------------------------------------------------------------------------------------------------
+// ---- Calls as text ----------------------------------------------------------------------------
 
 template <typename Value>
 static Value ReadValue(pid_t process, unsigned long address) {

@@ -143,8 +143,7 @@ TEST(HostHistory, IsBoundedAsTold) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// ---- What was due while the host was down
-// ----------------------------------------------------------------------
+// ---- What was due while the host was down -----------------------------------------------------
 
 TEST(HostHistory, MissedTasksAreNamedInTheLogAndRecorded) {
     const std::int64_t now = std::time(nullptr);

@@ -69,8 +69,7 @@ static const std::vector<std::string> cCleanStart = {
     "argument the record", "descriptor 0",
     "descriptor 1",        "descriptor 2"};
 
-// ---- A run, from end to end
-// ------------------------------------------------------------------------------------------------
+// ---- A run, from end to end -------------------------------------------------------------------
 
 TEST(Host, RunsATaskThatAnotherProcessCreatedAndReportsItsEnd) {
     CHost host;
@@ -142,8 +141,7 @@ TEST(Host, UnusualExtensionEndsTheHost) {
               std::string::npos);
 }
 
-// ---- Stopping
-// -------------------------------------------------------------------------------------------------------------------
+// ---- Stopping ---------------------------------------------------------------------------------
 
 class HostStop : public testing::TestWithParam<int> {};
 
@@ -212,8 +210,7 @@ TEST(Host, OwnDescriptorsAreClosedInEveryOtherProgram) {
               "anon_inode:[signalfd] vxschedd.lock anon_inode:[eventfd] anon_inode:[eventfd] ");
 }
 
-// ---- One host per directory
-// ---------------------------------------------------------------------------------------------------
+// ---- One host per directory -------------------------------------------------------------------
 
 TEST(Host, SecondOneInADirectoryIsRefusedAndTheFirstUnharmed) {
     CHost first;
@@ -239,8 +236,7 @@ TEST(Host, KilledOneDoesNotKeepTheNextOut) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-// ---- Faults
-// -----------------------------------------------------------------------------------------------------------------------
+// ---- Faults -----------------------------------------------------------------------------------
 
 TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
     const TRows rows = {{"task", 4'000'000'000, 0, 1, "/bin/program", std::string(1000, 'p'), 0}};
@@ -292,8 +288,7 @@ TEST(Host, LogThatNobodyReadsDoesNotEndIt) {
     EXPECT_EQ(ReadTable(), TRows());
 }
 
-// ---- The command line
-// ---------------------------------------------------------------------------------------------------------
+// ---- The command line -------------------------------------------------------------------------
 
 struct TCommandLine {
     std::vector<std::string> arguments;

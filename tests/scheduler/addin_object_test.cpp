@@ -1,5 +1,4 @@
-// The add-in object and the library's entry points: what a load does, what the host's calls do,
-// what an unload leaves.
+// The add-in object: what a load does, what the host's calls do, what an unload leaves.
 
 #include <CEvent.h>
 #include <VXC_Log.h>
@@ -19,14 +18,17 @@
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "AddinLibrary.h"
 #include "FakeSystem.h"
 #include "InsideLibrary.h"
 #include "LogCapture.h"
 #include "Process.h"
+#include "ProgramTask.h"
 #include "StoreSemaphore.h"
 #include "TableFile.h"
 
@@ -35,12 +37,7 @@ static constexpr char cStopEvent[] = "libVantrixScheduler.so";
 static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 static constexpr time_t cNow = 1'000'000;
 
-static TRow Task(const std::string& name, std::int64_t next, std::uint32_t period) {
-    return {name, next, 0, period, "/" + name, "", 0};
-}
-
-// ---- Loading
-// -------------------------------------------------------------------------------------------------------
+// ---- Loading ----------------------------------------------------------------------------------
 
 TEST(AddInLoad, BuildsTheAddInBeforeAnyCall) {
     WriteTable({});
@@ -133,124 +130,7 @@ TEST(AddInLoad, HoldsTheMutexThroughout) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-// ---- The entry points
-// ------------------------------------------------------------------------------------------------
-
-TEST(EntryPoints, CreateAddInReturnsTheLoadedOneEachTime) {
-    WriteTable({});
-    const CAddinLibrary library;
-    CAddInInterface* const addIn = library.CreateAddIn();
-    EXPECT_NE(addIn, nullptr);
-    EXPECT_EQ(library.CreateAddIn(), addIn);
-    EXPECT_EQ(addIn->name, "libVantrixScheduler.so");
-}
-
-TEST(EntryPoints, DestroyedAddInIsBuiltAnew) {
-    WriteTable({});
-    const CInsideLibrary inside;
-    inside.DestroyAddIn(inside.CreateAddIn());
-    EXPECT_EQ(inside.Instance(), nullptr);
-    EXPECT_EQ(inside.TaskList(), nullptr);
-    EXPECT_EQ(inside.Mutex(), nullptr);
-    EXPECT_EQ(inside.TaskChangedEvent(), nullptr);
-    EXPECT_EQ(CountSemaphoreSets(), 0);
-    CSchedulerAddin* const addIn = inside.CreateAddIn();
-    EXPECT_EQ(inside.Instance(), addIn);
-    EXPECT_TRUE(addIn->isLoad());
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
-}
-
-TEST(EntryPoints, CreateAddInRunsTheWholeConstructionAgain) {
-    CFakeSystem system(cNow);
-    WriteTable({});
-    const CAddinLibrary library;
-    library.DestroyAddIn(library.CreateAddIn());
-    WriteTable({Task("past", 1, 0), Task("future", cNow + 1, 0)});
-    library.CreateAddIn();
-    EXPECT_EQ(NamesInTable(), "future");
-}
-
-TEST(EntryPoints, DestroyAddInOfNullChangesNothing) {
-    WriteTable({});
-    const CInsideLibrary inside;
-    CSchedulerAddin* const addIn = inside.Instance();
-    inside.DestroyAddIn(nullptr);
-    EXPECT_EQ(inside.Instance(), addIn);
-    EXPECT_NE(inside.TaskList(), nullptr);
-    inside.DestroyAddIn(addIn);
-    inside.DestroyAddIn(nullptr);
-    EXPECT_EQ(inside.Instance(), nullptr);
-}
-
-class COtherAddIn : public CAddInInterface {
-public:
-    explicit COtherAddIn(bool& destroyedFlag)
-        : CAddInInterface("other"), destroyed(destroyedFlag) {}
-    ~COtherAddIn() override { destroyed = true; }
-    void Run() override {}
-    void Load() override {}
-    void Unload() override {}
-    bool isLoad() override { return false; }
-    bool& destroyed;
-};
-
-TEST(EntryPoints, DestroyAddInOfAnotherObjectDeletesItAndKeepsTheRegisteredOne) {
-    WriteTable({});
-    const CAddinLibrary library;
-    CAddInInterface* const addIn = library.CreateAddIn();
-    bool destroyed = false;
-    library.DestroyAddIn(new COtherAddIn(destroyed));
-    EXPECT_TRUE(destroyed);
-    EXPECT_EQ(library.CreateAddIn(), addIn);
-    EXPECT_TRUE(addIn->isLoad());
-}
-
-TEST(EntryPoints, HooksBuildAndDestroyTheOneInstance) {
-    WriteTable({});
-    const CAddinLibrary library;
-    CAddInInterface* const addIn = library.CreateAddIn();
-    library.SharedLibraryConstructor();
-    EXPECT_EQ(library.CreateAddIn(), addIn);
-    library.SharedLibraryDestructor();
-    EXPECT_FALSE(StoreSemaphoreExists());
-    library.SharedLibraryDestructor();
-    library.SharedLibraryConstructor();
-    EXPECT_TRUE(StoreSemaphoreExists());
-}
-
-TEST(EntryPoints, ObjectConstructedDirectlyIsNotRegistered) {
-    WriteTable({});
-    const CInsideLibrary inside;
-    inside.DestroyAddIn(inside.Instance());
-    CSchedulerAddin* const direct = inside.NewAddin();
-    EXPECT_FALSE(direct->isLoad());
-    inside.DestroyAddIn(direct);
-    CSchedulerAddin* const registered = inside.CreateAddIn();
-    EXPECT_TRUE(registered->isLoad());
-}
-
-TEST(EntryPoints, SecondDestructionFindsTheSharedObjectsGone) {
-    WriteTable({});
-    const CInsideLibrary inside;
-    inside.DestroyAddIn(inside.Instance());
-    CSchedulerAddin* const first = inside.NewAddin();
-    auto* const list = inside.TaskList();
-    CMutex* const mutex = inside.Mutex();
-    CEvent* const event = inside.TaskChangedEvent();
-    CSchedulerAddin* const second = inside.NewAddin();
-    EXPECT_NE(inside.TaskList(), list) << "replaced, the old one is not deleted";
-    inside.DestroyAddIn(second);
-    EXPECT_EQ(inside.TaskList(), nullptr);
-    inside.DestroyAddIn(first);
-    EXPECT_EQ(inside.Mutex(), nullptr);
-    // Nobody owns the first ones any more.
-    delete list;
-    delete event;
-    delete mutex;
-}
-
-// ---- Unloading
-// -----------------------------------------------------------------------------------------------------------
+// ---- Unloading --------------------------------------------------------------------------------
 
 TEST(AddInUnload, UnmapsTheLibraryAndTakesItsSetsOutOfTheSystem) {
     WriteTable({});
@@ -337,8 +217,7 @@ TEST(AddInUnload, ExitWithTheLibraryLoadedRunsTheFinaliser) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-// ---- Load, Unload, Run
-// ------------------------------------------------------------------------------------------------
+// ---- Load, Unload, Run ------------------------------------------------------------------------
 
 TEST(AddInObject, LoadWritesItsLineOncePerCallAndDoesNothingElse) {
     CFakeSystem system(cNow);
@@ -529,8 +408,7 @@ TEST(AddInObject, StartedTaskIsRunByTheWorker) {
     EXPECT_EQ(NamesInTable(), "");
 }
 
-// ---- The wait between two ticks comes through here
-// ------------------------------------------------------------------------
+// ---- The wait between two ticks comes through here --------------------------------------------
 
 static std::atomic<int> gSecondsWaited{-1};
 
@@ -549,8 +427,7 @@ TEST(AddInObject, WorkerWaitsSixtyBetweenTwoTicks) {
     EXPECT_EQ(gSecondsWaited, 60);
 }
 
-// ---- Failures of the construction
-// ----------------------------------------------------------------------------------------
+// ---- Failures of the construction -------------------------------------------------------------
 
 TEST(AddInFailure, TaskChangedEventThatCannotBeMadePassesToTheCaller) {
     WriteTable({Task("past", 1, 0)});

@@ -106,8 +106,7 @@ TEST(ExportedNames, DependsOnTheSupportLibraryAndTheStandardLibrariesOnly) {
 }
 #endif
 
-// ---- A host may put its own in front of an exported function
-// ----------------------------------------------------
+// ---- A host may put its own in front of an exported function ----------------------------------
 
 static int gAnswer = 0;
 

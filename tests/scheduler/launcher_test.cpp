@@ -94,8 +94,7 @@ TEST_F(Launcher, NoOtherCharacterIsCutOff) {
     }
 }
 
-// ---- A support library's splitter comes through here
-// -----------------------------------------------------------------------
+// ---- A support library's splitter comes through here ------------------------------------------
 
 // What is played as the extension of every path, if anything is.
 static const char* gExtension = nullptr;

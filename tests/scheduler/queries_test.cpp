@@ -21,8 +21,7 @@
 
 static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 
-// ---- What the support library calls comes through here
-// -------------------------------------------------------------
+// ---- What the support library calls comes through here ----------------------------------------
 
 static std::vector<std::string> gCommands;
 static std::function<void(const char*)> gOnOpen;
@@ -184,8 +183,7 @@ TEST_F(Queries, ForeignExceptionPassesOnAndReleasesTheMutex) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-// ---- IsTaskRunning
-// -----------------------------------------------------------------------------------------------------
+// ---- IsTaskRunning ----------------------------------------------------------------------------
 
 class Running : public testing::Test {
 protected:

@@ -69,8 +69,7 @@ protected:
     std::optional<CAddinLibrary> library;
 };
 
-// ---- Pause and resume
-// -------------------------------------------------------------------------------------------------
+// ---- Pause and resume -------------------------------------------------------------------------
 
 TEST_F(StateChanges, PauseSetsTheFlagAndNothingElse) {
     library->PauseTask("a");
@@ -133,8 +132,7 @@ TEST_F(StateChanges, ResumeWithoutAFileDoesNothing) {
     ExpectNothingWithoutAFile([this] { library->ResumeTask("a"); });
 }
 
-// ---- Another period
-// --------------------------------------------------------------------------------------------------------
+// ---- Another period ---------------------------------------------------------------------------
 
 TEST_F(StateChanges, PeriodOfAnUnknownNameReturnsFalseWritesAndSignals) {
     ExpectWrittenAndSignalled([this] { EXPECT_FALSE(library->SetTaskPeriod("unknown", 5)); });
@@ -295,8 +293,7 @@ TEST_F(StateChanges, PeriodTakenBackBelowTheRangeWraps) {
     EXPECT_EQ(ReadTable().at(0).next, INT64_MAX - 3600 + 11);
 }
 
-// ---- Running at once
-// ------------------------------------------------------------------------------------------------------
+// ---- Running at once --------------------------------------------------------------------------
 
 TEST_F(StateChanges, RunNowStartsSavesAndLeavesTheNextStart) {
     library->ExecuteTaskNow("a", true);

@@ -26,8 +26,7 @@
 #include "TableCalls.h"
 #include "TableFile.h"
 
-// ---- The support library's raw read comes through here
-// ------------------------------------------------------------------
+// ---- The support library's raw read comes through here ----------------------------------------
 
 static bool gDeliverNothing = false;
 
@@ -37,8 +36,7 @@ void COpen::Read(void* data, int length) {
             this, data, length);
 }
 
-// ---- The list, as rows
-// ----------------------------------------------------------------------------------------------
+// ---- The list, as rows ------------------------------------------------------------------------
 
 class TaskFile : public testing::Test {
 protected:
@@ -247,8 +245,7 @@ TEST_F(TaskFile, WriteBeyondTheSizeLimitKeepsWhatFitted) {
     EXPECT_EQ(ReadFile(cTable), BytesOf(rows).substr(0, 70'000));
 }
 
-// ---- Damaged files
-// -----------------------------------------------------------------------------------------------------
+// ---- Damaged files ----------------------------------------------------------------------------
 
 TEST_F(TaskFile, CutAtEveryByteItIsReset) {
     const std::string whole = BytesOf(SomeRows());
@@ -282,8 +279,7 @@ TEST_F(TaskFile, TextBeyondTheFileIsReset) {
     ExpectReset();
 }
 
-// ---- The system calls, in their order
-// -----------------------------------------------------------------------------------
+// ---- The system calls, in their order ---------------------------------------------------------
 
 TEST_F(TaskFile, LoadIsTestedOpenedReadOnceAndClosed) {
     WriteTable(SomeRows());

@@ -2,18 +2,17 @@
 // no effect on the store.
 
 #include <gtest/gtest.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <unistd.h>
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
-#include "store/CStoreMutexLock.h"
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "ClientError.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
 #include "TableFile.h"
@@ -29,19 +28,6 @@ static TTime At(std::int64_t seconds) {
 
 static TTable Decode(const std::string& bytes) {
     return DecodeTable(bytes, At(cNow));
-}
-
-// The message of the error, which must be of that kind.
-template <typename Call>
-static std::string ErrorOf(EError kind, const Call& call) {
-    try {
-        call();
-    } catch (const CError& error) {
-        EXPECT_EQ(error.Code(), kind) << error.what();
-        return error.what();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {};
 }
 
 static std::string DamageOf(const std::string& bytes) {
@@ -134,8 +120,7 @@ TEST(ClientTable, StartTooFarBackWouldKeepALoadBusy) {
     EXPECT_TRUE(Decode(BytesOf({once})).problems.empty());
 }
 
-// ---- The store is left as it is
-// ---------------------------------------------------------------------------------------
+// ---- The store is left as it is ---------------------------------------------------------------
 
 TEST(ClientTable, ReadingMakesNothing) {
     EXPECT_TRUE(ReadTable(".", 0ms).tasks.empty()) << "a missing file is an empty table";
@@ -186,101 +171,4 @@ TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {
     std::filesystem::create_directory(cTable);
     EXPECT_EQ(ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); }),
               "cannot read ./files/scheduler.dat: Is a directory");
-}
-
-TEST(ClientLock, WithoutAStoreNothingIsHeldAndNothingMade) {
-    const CStoreMutexLock lock(0ms);
-    EXPECT_FALSE(lock.IsHeld());
-    EXPECT_EQ(CountSemaphoreSets(), 0);
-}
-
-static int MakeStore(int value) {
-    const int set = semget(cStoreKey, 1, IPC_CREAT | 0660);
-    semctl(set, 0, SETVAL, value);
-    return set;
-}
-
-TEST(ClientLock, TakesTheMutexAndGivesItBack) {
-    MakeStore(1);
-    {
-        const CStoreMutexLock lock(0ms);
-        EXPECT_TRUE(lock.IsHeld());
-        EXPECT_EQ(StoreSemaphoreValue(), 0);
-    }
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
-}
-
-TEST(ClientLock, ForgottenOneIsNotGivenBack) {
-    const int set = MakeStore(1);
-    {
-        CStoreMutexLock lock(0ms);
-        semctl(set, 0, SETVAL, 1);
-        lock.Forget();
-        EXPECT_FALSE(lock.IsHeld());
-    }
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
-}
-
-TEST(ClientLock, BytesOfTheTableAreReadWithoutIt) {
-    MakeStore(0);
-    EXPECT_EQ(vxsched::ReadTableBytes("."), std::string(8, '\0'));
-    std::filesystem::create_directory("files");
-    WriteFile(cTable, "any bytes");
-    EXPECT_EQ(vxsched::ReadTableBytes("."), "any bytes");
-}
-
-TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
-    const int set = MakeStore(1);
-    CForkedChild holder([&] {
-        sembuf take{0, -1, SEM_UNDO};
-        semop(set, &take, 1);
-        for (;;)
-            pause();
-        return 0;
-    });
-    WaitUntil([] { return StoreSemaphoreValue() == 0; });
-    const std::string message = ErrorOf(EError::cBusy, [] { const CStoreMutexLock lock(1ms); });
-    EXPECT_NE(message.find("process " + std::to_string(holder.Id())), std::string::npos) << message;
-    EXPECT_EQ(StoreSemaphoreValue(), 0);
-    ErrorOf(EError::cBusy, [] { vxsched::ReadTable(".", 0ms); });
-    holder.Kill(SIGKILL);
-    holder.Wait();
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
-}
-
-TEST(ClientLock, DeadClientGivesItBack) {
-    MakeStore(1);
-    CForkedChild client([] {
-        const CStoreMutexLock lock(0ms);
-        raise(SIGKILL);
-        return 0;
-    });
-    client.Wait();
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
-}
-
-TEST(ClientLock, StoreThatGoesAwayWhileItIsWaitedForIsNoStore) {
-    const int set = MakeStore(0);
-    CForkedChild client([] {
-        const CStoreMutexLock lock(1h);
-        return lock.IsHeld() ? 1 : 42;
-    });
-    WaitUntil([&] { return semctl(set, 0, GETNCNT) == 1; });
-    semctl(set, 0, IPC_RMID);
-    EXPECT_EQ(client.Wait(), 42);
-}
-
-TEST(ClientLock, MissingAccessSaysWhatToDo) {
-    ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT), -1);
-    CForkedChild child([] {
-        if (!DropCapabilities())
-            return 1;
-        const std::string message =
-            ErrorOf(EError::cNoAccess, [] { const CStoreMutexLock lock(0ms); });
-        EXPECT_EQ(message,
-                  "cannot take the store mutex: Permission denied; run as the user, or in the "
-                  "group, of the scheduling process");
-        return testing::Test::HasFailure() ? 2 : 42;
-    });
-    EXPECT_EQ(child.Wait(), 42);
 }

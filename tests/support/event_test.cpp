@@ -38,8 +38,7 @@ static void WaitForWaiters(int count) {
     WaitUntil([&] { return semctl(TheOnlySet(), 0, GETNCNT) == count; });
 }
 
-// ---- The grid
-// ------------------------------------------------------------------------------------------------------
+// ---- The grid ---------------------------------------------------------------------------------
 
 struct TCase {
     bool manualReset;
@@ -89,8 +88,7 @@ INSTANTIATE_TEST_SUITE_P(States, EventWaiter,
                          testing::Values(TCase{true, false, -1}, TCase{true, false, INT_MAX},
                                          TCase{false, false, -1}, TCase{false, false, INT_MAX}));
 
-// ---- One process
-// ------------------------------------------------------------------------------------------------------
+// ---- One process ------------------------------------------------------------------------------
 
 TEST(Event, BeginsNotSignalled) {
     CEvent event(cName, true);
@@ -218,8 +216,7 @@ TEST(Event, WaitGoesOnAfterASignalHandlerRan) {
     }
 }
 
-// ---- Keys
-// ------------------------------------------------------------------------------------------------------------
+// ---- Keys -------------------------------------------------------------------------------------
 
 TEST(Event, KeyDiffersFromThatOfAMutexOfTheSameName) {
     CMutex mutex(cName);
@@ -245,8 +242,7 @@ TEST(Event, KeyIsNeverThePrivateOne) {
     EXPECT_NE(second.Wait(0), 0);
 }
 
-// ---- Lifetime
-// -----------------------------------------------------------------------------------------------------------
+// ---- Lifetime ---------------------------------------------------------------------------------
 
 TEST(Event, LastCloseTakesItOutOfTheSystem) {
     auto first = std::make_unique<CEvent>(cName, true);
@@ -401,8 +397,7 @@ TEST(Event, SignalIsNeverLostToOthersWhoOpenAndClose) {
     }
 }
 
-// ---- Removed from outside
-// ------------------------------------------------------------------------------------------------
+// ---- Removed from outside ---------------------------------------------------------------------
 
 TEST(Event, RemovedUnderAWaiterItIsMadeAnewAndTheWaitGoesOn) {
     CEvent event(cName, true);
@@ -462,8 +457,7 @@ TEST(Event, CloseWithoutACountOfOpenersLeavesTheSet) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-// ---- Who uses it
-// ---------------------------------------------------------------------------------------------------
+// ---- Who uses it ------------------------------------------------------------------------------
 
 TEST(Event, UseOfCountsOpenersAndWaitersWithoutBeingOne) {
     EXPECT_EQ(CEvent::UseOf(cName).openers, 0);
@@ -496,8 +490,7 @@ TEST(Event, UseOfOneThatMayNotBeReadIsNone) {
     EXPECT_EQ(child.Wait(), 10);
 }
 
-// ---- What cannot be had
-// ---------------------------------------------------------------------------------------------------
+// ---- What cannot be had -----------------------------------------------------------------------
 
 template <typename Call>
 static void ExpectError(const Call& call, int error) {

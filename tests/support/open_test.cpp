@@ -22,8 +22,7 @@
 
 static constexpr char cPath[] = "a file";
 
-// ---- The system calls on the file come through here
-// -------------------------------------------------------------------
+// ---- The system calls on the file come through here -------------------------------------------
 
 struct TPlan {
     int calls = 0;
@@ -137,8 +136,7 @@ static COpen ForReading() {
 }
 
 #ifndef __SANITIZE_THREAD__  // whose memory is its own affair
-// ---- Memory for a text of four gibibytes: one small block, again and again
-// --------------------------------------------
+// ---- Memory for a text of four gibibytes: one small block, again and again --------------------
 
 static constexpr std::size_t cHuge = std::size_t{1} << 32;
 static constexpr std::size_t cBlock = std::size_t{1} << 26;
@@ -183,8 +181,7 @@ static std::size_t gTooMuch = SIZE_MAX;  // from this size on there is no memory
 
 #endif
 
-// ---- Opening
-// -----------------------------------------------------------------------------------------------------------
+// ---- Opening ----------------------------------------------------------------------------------
 
 TEST(Open, FlagsAndModeAreThoseOfTheCall) {
     umask(022);
@@ -227,8 +224,7 @@ TEST(Open, TransfersOnAFileThatIsNotOpenThrow) {
     ExpectError([&] { closed.WriteUnsigned(1); }, "write", EBADF);
 }
 
-// ---- What is on disk
-// -----------------------------------------------------------------------------------------------------
+// ---- What is on disk --------------------------------------------------------------------------
 
 TEST(Open, ValuesAndTextsAreTheseBytes) {
     COpen file = ForWriting();
@@ -325,8 +321,7 @@ TEST(Open, TwoWayChannelHasNoPlaceToKeep) {
     EXPECT_EQ(file.Close(), 2U);
 }
 
-// ---- Failures
-// ---------------------------------------------------------------------------------------------------------------
+// ---- Failures ---------------------------------------------------------------------------------
 
 TEST(Open, EndOfTheFileIsAnError) {
     WriteFile(cPath, "abc");

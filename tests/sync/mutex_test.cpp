@@ -29,8 +29,7 @@
 
 static constexpr char cName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
 
-// ---- The system calls of the mutex come through here
-// ----------------------------------------------------------
+// ---- The system calls of the mutex come through here ------------------------------------------
 
 static std::mutex gCallsMutex;
 static std::vector<std::string> gCalls;
@@ -107,8 +106,7 @@ static TCalls TakeCalls() {
     return std::exchange(gCalls, {});
 }
 
-// ---- Construction and destruction
-// -----------------------------------------------------------------------------
+// ---- Construction and destruction -------------------------------------------------------------
 
 TEST(Mutex, KeyIsTheCrcOfTheName) {
     const CMutex mutex(cName);
@@ -197,8 +195,7 @@ TEST(Mutex, SetThatCannotBeSetFreeEndsTheProcess) {
     EXPECT_DEATH(CMutex{cName}, "terminate called");
 }
 
-// ---- Locking and releasing
-// --------------------------------------------------------------------------------------
+// ---- Locking and releasing --------------------------------------------------------------------
 
 TEST(Mutex, StaysMarkedLockedAfterARelease) {
     CMutex mutex(cName);
@@ -336,8 +333,7 @@ TEST(Mutex, VirtualOperationsStandInTheirOrder) {
     EXPECT_TRUE(isLocked(object));
 }
 
-// ---- Signals, threads, processes
-// ----------------------------------------------------------------------------------
+// ---- Signals, threads, processes --------------------------------------------------------------
 
 static void OnSignal(int /*number*/) {}
 

@@ -25,8 +25,7 @@
 #include "StoreSemaphore.h"
 #include "TableFile.h"
 
-// ---- The allocations of this process, the add-in's too
-// ------------------------------------------------------------------
+// ---- The allocations of this process, the add-in's too ----------------------------------------
 
 static constexpr long cNone = -1;
 static thread_local long gUntilFailure = cNone;  // allocations that still succeed
@@ -83,8 +82,7 @@ TEST(OutOfMemoryPipe, IsNotValidAndSaysWhyInErrno) {
     EXPECT_TRUE(gFailed);
 }
 
-// ---- What is left
-// ---------------------------------------------------------------------------------------------------
+// ---- What is left -----------------------------------------------------------------------------
 
 static constexpr long cNow = 1'000'000;
 static constexpr long cFuture = 4'000'000'000;

@@ -168,8 +168,7 @@ protected:
     bool failed = false;
 };
 
-// ---- Transfers that fail
-// ----------------------------------------------------------------------------------------------
+// ---- Transfers that fail ----------------------------------------------------------------------
 
 TEST_F(Faults, EachReadThatFailsInTurnResetsTheTableAndIsReported) {
     MakeLarge("text");
@@ -262,8 +261,7 @@ TEST_F(Faults, TickWhoseTableCannotBeWrittenHasStartedWhatWasDueAndGoesOnEmpty) 
     EXPECT_EQ(log.Take(), TLines());
 }
 
-// ---- No room
-// ----------------------------------------------------------------------------------------------------------
+// ---- No room ----------------------------------------------------------------------------------
 
 // A file system of a few pages over the folder "files"; false where no user namespace allows it.
 static bool MountSmallDisk() {
@@ -390,8 +388,7 @@ TEST_F(Faults, UserWithoutAccessToTheFileChangesNothing) {
     EXPECT_EQ(ReadTable(), table);
 }
 
-// ---- The semaphore goes away, and signals
-// -------------------------------------------------------------------------------
+// ---- The semaphore goes away, and signals -----------------------------------------------------
 
 TEST_F(Faults, SetRemovedBeforeACallLeavesTheCallsWithoutALock) {
     semctl(StoreSet(), 0, IPC_RMID);
@@ -492,8 +489,7 @@ TEST_F(Faults, BlockedAndIgnoredSignalsDoNotEndAWait) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-// ---- The clock
-// --------------------------------------------------------------------------------------------------------
+// ---- The clock --------------------------------------------------------------------------------
 
 TEST_F(Faults, ClockThatJumpsAYearForwardStartsEachTaskOnceAndKeepsTheGrid) {
     library->Tick();
@@ -529,8 +525,7 @@ TEST_F(Faults, ClockThatJumpsAYearBackStartsNothingUntilItIsThereAgain) {
     EXPECT_EQ(system.starts.size(), 2U);
 }
 
-// ---- Loads and forks
-// --------------------------------------------------------------------------------------------------
+// ---- Loads and forks --------------------------------------------------------------------------
 
 // One process is held at each call of its load in turn while another loads whole. The mutex is then
 // set free under the first. A second that comes between the first one's truncation and its write

@@ -275,8 +275,7 @@ TEST_F(KilledAtEachCall, UnloadLeavesAStoreThatTheNextLoadBringsUp) {
     }
 }
 
-// ---- Named events
-// -----------------------------------------------------------------------------------------------------
+// ---- Named events -----------------------------------------------------------------------------
 
 // Kills a child at each call of what it does with the event, and says what is left of the event to
 // a process that has it open all the time.
@@ -373,8 +372,7 @@ TEST(KilledOnAnEvent, LastCloserLeavesAnEventThatTheNextOpenerFindsNotSignalled)
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-// ---- Random moments
-// ---------------------------------------------------------------------------------------------------
+// ---- Random moments ---------------------------------------------------------------------------
 
 // A thousand holders are killed while another process goes on asking.
 TEST(KilledAtRandom, AThousandHoldersLeaveAFreeMutexAndNobodyWaiting) {

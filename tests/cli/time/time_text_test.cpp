@@ -1,71 +1,28 @@
-// Times and periods of the command line: what is read as what in which zone, what is refused with
-// which words at which place, and that what is written is read back.
+// Times of the command line: what is read as what in which zone, what is refused with which words at
+// which place, and that what is written is read back.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include "cli/time/CParseError.h"
-#include "cli/time/PeriodFormat.h"
 #include "cli/time/TimeFormat.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <map>
-#include <optional>
-#include <random>
+#include <ostream>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "RefusedText.h"
+#include "TextTimes.h"
 
 using namespace std::chrono_literals;
 using namespace vxsched;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
-
-// The local zone while it exists.
-class CZone {
-public:
-    explicit CZone(const char* name) { Set(name); }
-    ~CZone() { Set(before ? before->c_str() : nullptr); }
-    CZone(const CZone&) = delete;
-    CZone& operator=(const CZone&) = delete;
-
-private:
-    static std::optional<std::string> Current() {
-        const char* const value = std::getenv("TZ");
-        return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
-    }
-
-    static void Set(const char* name) {
-        if (name != nullptr)
-            setenv("TZ", name, 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-    std::optional<std::string> before = Current();
-};
-
-TTime At(std::int64_t seconds) {
-    return TTime(std::chrono::seconds(seconds));
-}
-
-// A time in UTC, written as 2026-11-21T13:30:00Z, read apart from the code under test.
-TTime Utc(const std::string& text) {
-    struct tm fields {};
-    const char* const end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &fields);
-    EXPECT_TRUE(end != nullptr && *end == '\0') << text;
-    return At(timegm(&fields));
-}
-
-// A Saturday noon in UTC, winter in Berlin (13:00) and New York (07:00).
-const char cNow[] = "2026-11-21T12:00:00Z";
 
 struct TAccepted {
     const char* zone;
@@ -80,40 +37,11 @@ void PrintTo(const TAccepted& test, std::ostream* stream) {
 
 class AcceptedTime : public testing::TestWithParam<TAccepted> {};
 
-struct TRefused {
-    const char* text;
-    std::size_t offset;
-    const char* reason;
-};
-
-void PrintTo(const TRefused& test, std::ostream* stream) {
-    *stream << '"' << test.text << '"';
-}
-
 class RefusedTime : public testing::TestWithParam<TRefused> {};
-class RefusedPeriod : public testing::TestWithParam<TRefused> {};
-
-// The error that the call throws; none, and a failure, if it throws nothing.
-template <typename Call>
-std::optional<CParseError> ErrorOf(const Call& call) {
-    try {
-        call();
-    } catch (const CParseError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return std::nullopt;
-}
-
-// What the whole message must be for a text of ASCII characters.
-std::string Message(const std::string& kind, const TRefused& test) {
-    return "cannot read the " + kind + " \"" + test.text + "\": " + test.reason + "\n    " +
-           test.text + "\n    " + std::string(test.offset, ' ') + '^';
-}
 
 }  // namespace
 
-// ---- Times that are read -------------------------------------------------------------------------
+// ---- Times that are read ----------------------------------------------------------------------
 
 TEST_P(AcceptedTime, IsThis) {
     const CZone zone(GetParam().zone);
@@ -298,7 +226,7 @@ TEST(ParseTime, LocalTimeThatTheClockIsPutForwardOverIsRefused) {
     }
 }
 
-// ---- Times that are refused ----------------------------------------------------------------------
+// ---- Times that are refused -------------------------------------------------------------------
 
 TEST_P(RefusedTime, SaysWhyAndMarksThePlace) {
     const CZone zone("Europe/Berlin");
@@ -426,138 +354,7 @@ TEST(ParseTime, LastSecondOfTheYear9999IsTheLastThatCanBeReachedFromNow) {
     EXPECT_THROW(ParseTime("+2s", Utc("9999-12-31T23:59:58Z")), CParseError);
 }
 
-TEST(TextError, MultiByteCharactersInFrontDoNotShiftTheCaret) {
-    const std::string text = "\xc3\xa4\xe2\x82\xac\xf0\x9f\x95\x92 x";  // of 2, 3 and 4 bytes
-    EXPECT_STREQ(
-        CParseError("time", text, 10, "no").what(),
-        ("cannot read the time \"" + text + "\": no\n    " + text + "\n        ^").c_str());
-    EXPECT_EQ(CParseError("time", text, 10, "no").Offset(), 10U);
-}
-
-TEST(TextError, WhatIsNoTextIsShownAsReplacementCharacters) {
-    const std::string replacement = "\xef\xbf\xbd";
-    const std::string none[] = {
-        "\n",
-        "\x1b",
-        "\x7f",
-        std::string(1, '\0'),
-        "\x80",              // a following byte alone
-        "\xc3",              // cut off
-        "\xc0\xaf",          // a longer way to write a slash
-        "\xe0\x80\xaf",      // one longer still
-        "\xf0\x82\x82\xac",  // and one of the euro sign
-        "\xc2\x9b",          // a control sequence's beginning, in one character
-        "\xed\xa0\x80",      // a surrogate
-        "\xf4\x90\x80\x80",  // beyond the last character
-        "\xf8\x90\x80\x80",  // with a first byte that there is not
-        "\xff",
-    };
-    for (const std::string& bytes : none) {
-        std::string shown;
-        for (std::size_t i = 0; i < bytes.size(); ++i)
-            shown += replacement;
-        EXPECT_STREQ(CParseError("time", bytes + "x", bytes.size(), "no").what(),
-                     ("cannot read the time \"" + shown + "x\": no\n    " + shown + "x\n    " +
-                      std::string(bytes.size(), ' ') + '^')
-                         .c_str())
-            << testing::PrintToString(bytes);
-    }
-}
-
-// ---- Periods -------------------------------------------------------------------------------------
-
-TEST(ParsePeriod, IsInHours) {
-    const std::map<std::string, std::uint32_t> tests = {{"once", 0},
-                                                        {" Once ", 0},
-                                                        {"6h", 6},
-                                                        {"1h", 1},
-                                                        {"1d", 24},
-                                                        {"2w", 336},
-                                                        {"1d12h", 36},
-                                                        {"1d 12h", 36},
-                                                        {" 6 h ", 6},
-                                                        {"6 hours", 6},
-                                                        {"1 hour", 1},
-                                                        {"2 hrs", 2},
-                                                        {"1 hr", 1},
-                                                        {"2 days", 48},
-                                                        {"1 day", 24},
-                                                        {"2 weeks", 336},
-                                                        {"1 week", 168},
-                                                        {"1w2d3h", 219},
-                                                        {"1W 2D 3H", 219},
-                                                        {"0w6h", 6},
-                                                        {"1193046h", 1193046},
-                                                        {"7101w3d6h", 1193046},
-                                                        {"007h", 7}};
-    for (const auto& [text, hours] : tests)
-        EXPECT_EQ(ParsePeriod(text), hours) << text;
-}
-
-TEST_P(RefusedPeriod, SaysWhyAndMarksThePlace) {
-    const auto error = ErrorOf([] { ParsePeriod(GetParam().text); });
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->Offset(), GetParam().offset);
-    EXPECT_EQ(error->what(), Message("period", GetParam()));
-}
-
-static const char cNoPeriod[] = "this is no period; for a task that runs a single time say once";
-static const char cLongest[] = "the longest period is 1193046h";
-
-INSTANTIATE_TEST_SUITE_P(
-    Text, RefusedPeriod,
-    testing::Values(
-        TRefused{"", 0, "it is empty; say 6h, 1d, 2w or once"},
-        TRefused{"  ", 2, "it is empty; say 6h, 1d, 2w or once"},
-        TRefused{"6", 1, "add the unit, 6h"}, TRefused{"0", 1, "add the unit, 0h"},
-        TRefused{"1d12", 4, "add the unit, 12h"}, TRefused{"90m", 0, "periods are whole hours"},
-        TRefused{"60min", 0, "periods are whole hours"},
-        TRefused{"60 minutes", 0, "periods are whole hours"},
-        TRefused{"3600s", 0, "periods are whole hours"},
-        TRefused{"1h30m", 2, "periods are whole hours"},
-        TRefused{"1.5h", 1, "only whole numbers can be read: take a smaller unit as well"},
-        TRefused{"0h", 0, cNoPeriod}, TRefused{" 0d0h", 1, cNoPeriod},
-        TRefused{"-6h", 0, "a period cannot be negative"},
-        TRefused{" -6h", 1, "a period cannot be negative"},
-        TRefused{"+6h", 0, "there must be a number with a unit here, 6h"},
-        TRefused{"1193047h", 0, cLongest}, TRefused{"49711d", 0, cLongest},
-        TRefused{"4294967296h", 0, cLongest}, TRefused{"7102w", 0, cLongest},
-        TRefused{"99999999999999999999w", 0, cLongest},
-        TRefused{"144115188075855872w", 0, cLongest},
-        TRefused{"daily", 0, "say 6h, 1d, 2w or once"},
-        TRefused{"onces", 0, "say 6h, 1d, 2w or once"},
-        TRefused{"once 6h", 5, "the period ends before this"},
-        TRefused{"6h once", 3, "the period ends before this"},
-        TRefused{"6h,", 2, "the period ends before this"},
-        TRefused{"2y", 1, "there is no unit \"y\": take h, d or w"},
-        TRefused{"12h1d", 3, "the units go from the largest to the smallest, each once"}));
-
-TEST(FormatPeriod, TakesTheLargestUnitThatDivides) {
-    const std::map<std::uint32_t, std::string> tests = {{0, "once"},
-                                                        {1, "1h"},
-                                                        {6, "6h"},
-                                                        {23, "23h"},
-                                                        {24, "1d"},
-                                                        {25, "25h"},
-                                                        {36, "36h"},
-                                                        {144, "6d"},
-                                                        {168, "1w"},
-                                                        {192, "8d"},
-                                                        {336, "2w"},
-                                                        {169, "169h"},
-                                                        {1193046, "1193046h"},
-                                                        {4294967295, "4294967295h"}};
-    for (const auto& [hours, text] : tests)
-        EXPECT_EQ(FormatPeriod(hours), text);
-}
-
-TEST(FormatPeriod, IsReadBackAsTheSamePeriod) {
-    for (std::uint32_t hours = 0; hours <= 1193046; hours += hours < 2000 ? 1 : 997)
-        ASSERT_EQ(ParsePeriod(FormatPeriod(hours)), hours);
-    EXPECT_EQ(ParsePeriod(FormatPeriod(1193046)), 1193046U);
-}
-
-// ---- Times that are written ----------------------------------------------------------------------
+// ---- Times that are written -------------------------------------------------------------------
 
 TEST(FormatTime, IsLocalOrInUtcToTheSecond) {
     const TTime time = At(1795267800);
@@ -692,77 +489,4 @@ TEST(FormatDistance, IsReadBackAsATimeFromNow) {
         ASSERT_EQ(ParseTime("in " + FormatDistance(distance), now), now + distance);
     for (std::chrono::hours distance = 1h; distance < 1000h; distance += 1h)
         ASSERT_EQ(ParseTime("in " + FormatDistance(distance), now), now + distance);
-}
-
-// ---- Whatever is typed ---------------------------------------------------------------------------
-
-// A refusal of any text is a message of three lines that is safe to print.
-static void ExpectSoundMessage(const CParseError& error, const std::string& text) {
-    const std::string message = error.what();
-    SCOPED_TRACE(testing::PrintToString(text));
-    ASSERT_LE(error.Offset(), text.size());
-    ASSERT_EQ(std::count(message.begin(), message.end(), '\n'), 2);
-    ASSERT_EQ(message.back(), '^');
-    ASSERT_TRUE(std::none_of(message.begin(), message.end(), [](char character) {
-        return static_cast<unsigned char>(character) < 0x20 && character != '\n';
-    }));
-}
-
-// Returns whether the text was read.
-template <typename Parse>
-static bool IsReadOrRefusedSoundly(const std::string& text, const Parse& parse) {
-    try {
-        parse();
-        return true;
-    } catch (const CParseError& error) {
-        ExpectSoundMessage(error, text);
-        return false;
-    }
-}
-
-TEST(AnyText, IsReadOrRefusedWithASoundMessage) {
-    const CZone zone("Australia/Lord_Howe");
-    const std::vector<std::string> pieces = {
-        "2026",  "11",       "02",  "30",   "29", "24", "00", "5",   "99999999999999999999",
-        "-",     ":",        "+",   "T",    "Z",  " ",  ".",  "@",   "in",
-        "today", "tomorrow", "now", "once", "h",  "d",  "w",  "min", "s",
-        "x",     "\xc3\xa4", "\xff"};
-    std::mt19937 random(20261121);
-    const auto below = [&](std::size_t limit) { return random() % limit; };
-    int times = 0;
-    int periods = 0;
-    for (int round = 0; round < 20000; ++round) {
-        std::string text;
-        for (std::size_t left = below(9); left > 0; --left) {
-            if (round % 2 == 0)
-                text += pieces[below(pieces.size())];
-            else
-                text += static_cast<char>(below(256));
-        }
-        times += IsReadOrRefusedSoundly(text, [&] { ParseTime(text, Utc(cNow)); }) ? 1 : 0;
-        periods += IsReadOrRefusedSoundly(text, [&] { ParsePeriod(text); }) ? 1 : 0;
-        ASSERT_FALSE(HasFailure());
-    }
-    // Both ways are taken.
-    EXPECT_GT(times, 0);
-    EXPECT_GT(periods, 0);
-}
-
-// Every text that differs from a good one in one byte, and every one that is cut off.
-TEST(AnyText, NextToAGoodOneIsReadOrRefusedWithASoundMessage) {
-    const CZone zone("Europe/Berlin");
-    for (const std::string good :
-         {"2026-11-21 14:30:15+01:00", "tomorrow 02:00", "in 1d 12h", "@1795267800", "14:30:15"}) {
-        for (std::size_t place = 0; place < good.size(); ++place) {
-            std::string text = good;
-            for (int byte = 0; byte < 256; ++byte) {
-                text[place] = static_cast<char>(byte);
-                IsReadOrRefusedSoundly(text, [&] { ParseTime(text, Utc(cNow)); });
-                IsReadOrRefusedSoundly(text, [&] { ParsePeriod(text); });
-            }
-            text = good.substr(0, place);
-            IsReadOrRefusedSoundly(text, [&] { ParseTime(text, Utc(cNow)); });
-            ASSERT_FALSE(HasFailure());
-        }
-    }
 }

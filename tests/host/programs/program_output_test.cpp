@@ -21,8 +21,7 @@
 
 static const std::string cWriter = PROGRAMS "/write-lines";
 
-// ---- Inherited
-// -----------------------------------------------------------------------------------------------
+// ---- Inherited --------------------------------------------------------------------------------
 
 TEST(HostOutput, IsInheritedUnlessToldOtherwiseAndInputIsEmpty) {
     CHost host;
@@ -51,8 +50,7 @@ TEST(HostOutput, InputIsNotTheHosts) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// ---- A file for each task
-// --------------------------------------------------------------------------------------
+// ---- A file for each task ---------------------------------------------------------------------
 
 TEST(HostOutput, EachTaskHasAFileInTheDirectoryToldWhichIsMade) {
     CHost host(HostWith({"--output", "out"}));
@@ -142,8 +140,7 @@ TEST(FileNames, OfLongTasksFitAndDiffer) {
     EXPECT_EQ(FileNameOf(std::string(200, 'n')), std::string(200, 'n'));
 }
 
-// ---- The journal
-// ------------------------------------------------------------------------------------------------
+// ---- The journal ------------------------------------------------------------------------------
 
 // Enters a mount namespace in which the system's run-time files are this process's own.
 static bool HideRunTimeFiles() {

@@ -1,24 +1,21 @@
-// A host that loses nothing: damaged and emptied tables are restored while it runs, and what a killed
-// one had in its hands is made up for.
+// A table under a running host: kept when it is good, restored when it is damaged, emptied or gone.
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
-#include <vxsched/SchedulingProcess.h>
+#include <unistd.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <functional>
-#include <thread>
+#include <string>
+#include <system_error>
 
 #include "AddinLibrary.h"
+#include "GuardedTable.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -28,22 +25,6 @@
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-static constexpr std::int64_t cFar = 4'000'000'000;
-
-static TRow Row(const std::string& name) {
-    return {name, cFar, 0, 24, "/bin/program", "a parameter", 0};
-}
-
-static const TRows cThree = {Row("first"), Row("second"), Row("third")};
-
-static std::size_t CountIn(const std::string& directory, const std::string& text = "") {
-    std::size_t count = 0;
-    std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(directory, ignored))
-        count += entry.path().filename().string().find(text) != std::string::npos ? 1 : 0;
-    return count;
-}
-
 static bool HasSnapshot(const std::string& bytes) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator("files/snapshots", ignored)) {
@@ -52,32 +33,6 @@ static bool HasSnapshot(const std::string& bytes) {
     }
     return false;
 }
-
-static void WaitForTable(const TRows& rows) {
-    WaitUntil([&] { return ReadFile(cTable) == BytesOf(rows); });
-}
-
-// Tells the worker that the table was changed, and has it tick.
-static void WakeChanged() {
-    vxsched::AnnounceChange();
-    vxsched::WakeSchedulingProcess();
-}
-
-// Makes the only task due under a running host, and waits for its start; the tick then pauses for two
-// seconds. The table as it was made.
-static TRows StartTheOnlyTask() {
-    TRows rows = ReadTable();
-    rows.at(0).next = std::time(nullptr);
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(rows);
-    }
-    WakeChanged();
-    WaitUntil([] { return fs::exists("log"); });
-    return rows;
-}
-
-// ---- While it runs ----------------------------------------------------------------------------
 
 TEST(HostGuard, EveryGoodTableIsKept) {
     WriteTable(cThree);
@@ -242,117 +197,6 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     EXPECT_EQ(ReadFile("log"), "log\n") << "it was started once";
 }
 
-// ---- On a full disk ---------------------------------------------------------------------------
-
-// Has `body` run in a process of its own, whose folder "files" is a file system of a few pages.
-static void OnASmallDisk(const std::function<void()>& body) {
-    CForkedChild child([&] {
-        fs::create_directory("files");
-        if (unshare(CLONE_NEWNS) != 0)
-            return 2;
-        mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
-        if (mount("none", "files", "tmpfs", 0, "size=64k") != 0)
-            return 3;
-        body();
-        return testing::Test::HasFailure() ? 1 : 42;
-    });
-    EXPECT_EQ(child.Wait(), 42);
-}
-
-static void FillDisk() {
-    const int file = open("files/filling", O_WRONLY | O_CREAT | O_APPEND, 0644);
-    const std::string block(4096, 'f');
-    while (write(file, block.data(), block.size()) > 0) {
-    }
-    close(file);
-}
-
-TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
-    OnASmallDisk([] {
-        TRows rows = cThree;
-        rows[1].next = 1000;
-        WriteTable(rows);
-        FillDisk();
-        CHost host;
-        EXPECT_EQ(host.CountInOutput("missed while no host ran: task \"second\""), 1U)
-            << host.Output();
-        EXPECT_EQ(NamesInTable(), "first second third");
-        EXPECT_GT(ReadTable().at(1).next, std::time(nullptr));
-        EXPECT_EQ(host.Stop(), 0);
-    });
-}
-
-// Leaves room for that many pages.
-static void FillDiskBut(std::size_t pages) {
-    FillDisk();
-    fs::resize_file("files/filling", fs::file_size("files/filling") - pages * 4096);
-}
-
-static TRows ManyPages() {
-    TRows rows = cThree;
-    rows[2].parameters = std::string(20'000, 'p');
-    return rows;
-}
-
-// Two of the pages are for the lock and the sign of life.
-TEST(HostOnAFullDisk, DamagedTableIsMendedWithoutRoomForACopy) {
-    OnASmallDisk([] {
-        const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
-        WriteTable({});
-        WriteFile(cTable, damaged);
-        FillDiskBut(3);
-        CHost host;
-        EXPECT_EQ(NamesInTable(), "first second");
-        ASSERT_EQ(CountIn("files", ".damaged-"), 1U);
-        for (const auto& entry : fs::directory_iterator("files")) {
-            if (entry.path().string().find(".damaged-") != std::string::npos) {
-                EXPECT_EQ(ReadFile(entry.path()), damaged);
-            }
-        }
-        EXPECT_EQ(fs::hard_link_count(cTable), 1U);
-        EXPECT_EQ(host.Stop(), 0);
-    });
-}
-
-TEST(HostOnAFullDisk, DamagedTableIsLeftAsItIsWithoutRoomForAnother) {
-    OnASmallDisk([] {
-        const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
-        WriteTable({});
-        WriteFile(cTable, damaged);
-        FillDisk();
-        for (int round = 0; round < 2; ++round) {
-            CProgram host(HostWith({}));
-            EXPECT_EQ(host.Wait(), 6) << host.Output();
-            EXPECT_EQ(ReadFile(cTable), damaged);
-            EXPECT_EQ(fs::hard_link_count(cTable), 1U);
-            EXPECT_EQ(CountIn("files", ".damaged-"), 0U);
-        }
-        fs::remove("files/filling");
-        CHost host;
-        EXPECT_EQ(NamesInTable(), "first second");
-        EXPECT_EQ(host.Stop(), 0);
-    });
-}
-
-TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
-    OnASmallDisk([] {
-        WriteTable(cThree);
-        CHost host;
-        FillDisk();
-        host.Kill(SIGSTOP);
-        WaitUntil([] { return !WorkerIsIdle(); });
-        WriteFile(cTable, "");
-        FillDisk();
-        host.Kill(SIGCONT);
-        EXPECT_TRUE(host.WaitForOutput("trying on")) << host.Output();
-        std::this_thread::sleep_for(300ms);  // so that there are more tries
-        fs::remove("files/filling");
-        WaitForTable(cThree);
-        EXPECT_EQ(host.Stop(), 0);
-        EXPECT_EQ(host.CountInOutput("kept \"first\" from"), 1U) << host.Output();
-    });
-}
-
 TEST(HostGuard, WithoutInotifyTheTableIsLookedAtAllTheSame) {
     WriteTable(cThree);
     for (const auto& [name, value] : WithoutPauses())
@@ -423,136 +267,4 @@ TEST(HostGuard, FailedStartIsNoReasonToRestoreATable) {
     EXPECT_EQ(CountIn("files/started", "due@"), 0U);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
-}
-
-TEST(HostAfterAKill, TaskThatEndedItInItsStartDoesNotEndTheNext) {
-    for (const auto& [name, value] : WithoutPauses())
-        setenv(name.c_str(), value.c_str(), 1);
-    WriteTable({{"bad", cFar, 0, 24, "/bin/a.sh", "", 0},
-                {"good", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
-    CHost host;
-    TRows rows = ReadTable();
-    rows[0].next = rows[1].next = std::time(nullptr);
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(rows);
-    }
-    WakeChanged();
-    EXPECT_EQ(host.Wait(), 1000 + SIGABRT);
-    WaitUntil([&] { return std::time(nullptr) > rows[0].next; });
-    CHost next;
-    EXPECT_EQ(RunTool({"wake"}).status, 0);
-    WaitUntil([] { return fs::exists("log"); });
-    WaitUntil(WorkerIsIdle);
-    EXPECT_EQ(next.Stop(), 0);
-}
-
-// ---- After a kill -----------------------------------------------------------------------------
-
-TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
-    // It is killed in the middle of the tick: the start is made, not saved.
-    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
-    CHost host;
-    const TRows rows = StartTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
-    EXPECT_EQ(ReadTable(), rows) << "not saved";
-    CHost next;
-    EXPECT_EQ(ReadTable()[0].next, rows[0].next + 24 * 3600);
-    EXPECT_NE(ReadTable()[0].last, 0);
-    EXPECT_EQ(next.Stop(), 0);
-    EXPECT_EQ(ReadFile("log"), "log\n");
-}
-
-// Its last breath is not taken for a second host.
-TEST(HostAfterAKill, TheNextHostMayBeStartedAtOnce) {
-    for (int round = 0; round < 10; ++round) {
-        CHost host;
-        host.Kill(SIGKILL);
-        CHost next;
-        EXPECT_EQ(next.Stop(), 0) << next.Output();
-    }
-}
-
-TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
-    WriteTable({Row("other")});
-    {
-        CHost host;
-        host.Kill(SIGKILL);
-        host.Wait();
-    }
-    const std::int64_t due = std::time(nullptr);
-    WriteTable({{"due", due, 0, 24, PROGRAMS "/append-text", "log", 0},
-                {"once", due, 0, 0, PROGRAMS "/append-text", "once", 0},
-                {"missed", due - 1'000'000, 0, 24, PROGRAMS "/append-text", "missed", 0}});
-    WaitUntil([&] { return std::time(nullptr) > due; });
-    for (const auto& [name, value] : WithoutPauses())
-        setenv(name.c_str(), value.c_str(), 1);
-    CHost host;
-    WaitUntil([] { return fs::exists("log"); });
-    EXPECT_EQ(RunTool({"wake"}).status, 0);
-    WaitUntil([] { return fs::exists("once"); });
-    EXPECT_EQ(host.CountInOutput("was due at"), 2U) << host.Output();
-    EXPECT_EQ(host.CountInOutput("missed while no host ran: task \"missed\""), 1U);
-    WaitUntil(WorkerIsIdle);
-    EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(ReadTable().at(0).next, due + 24 * 3600) << "on its grid";
-    EXPECT_FALSE(fs::exists("missed")) << "no host had it in its hands";
-    EXPECT_EQ(ReadFile("log"), "log\n");
-}
-
-// ---- Beside an empty table --------------------------------------------------------------------
-
-static constexpr char cEmptyTable[] = "the table is empty, whereas the last copy of it, ";
-
-// As a library leaves a table that it finds damaged.
-TEST(HostBesideAnEmptyTable, TellsTheTasksOfTheLastOneAndWhereTheyAre) {
-    WriteTable(cThree);
-    {
-        CHost host;
-        EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
-        EXPECT_EQ(host.Stop(), 0);
-    }
-    WriteFile(cTable, std::string(8, '\0'));
-    std::string copy;
-    for (const auto& entry : fs::directory_iterator("files/snapshots"))
-        copy = entry.path().string();
-    const std::string message =
-        cEmptyTable + std::string("./") + copy +
-        ", has 3 task(s): \"first\", \"second\", \"third\". If they were not";
-    CProgram check(HostWith({"--check"}));
-    EXPECT_EQ(check.Wait(), 0);
-    EXPECT_NE(check.Output().find("warning: " + message), std::string::npos) << check.Output();
-    {
-        CHost host;
-        EXPECT_EQ(host.CountInOutput(message), 1U) << host.Output();
-        EXPECT_EQ(ReadTable(), TRows()) << "it may be meant";
-        EXPECT_EQ(host.Stop(), 0);
-    }
-    // What it says to do.
-    fs::copy_file(copy, cTable, fs::copy_options::overwrite_existing);
-    CHost host;
-    EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
-    EXPECT_EQ(ReadTable(), cThree);
-    EXPECT_EQ(host.Stop(), 0);
-}
-
-TEST(HostBesideAnEmptyTable, TellsItOnce) {
-    WriteTable(cThree);
-    EXPECT_EQ(CHost().Stop(), 0);
-    WriteTable({});
-    EXPECT_EQ(CHost().Stop(), 0);
-    CHost host;
-    EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
-    EXPECT_EQ(host.Stop(), 0);
-}
-
-TEST(HostBesideAnEmptyTable, MissesNoTaskThatRanAndIsGone) {
-    WriteTable({{"once", 1000, 0, 0, "/bin/program", "", 0}});
-    fs::create_directories("files/snapshots");
-    fs::rename(cTable, "files/snapshots/scheduler.dat.000000000900-000000");
-    WriteTable({});
-    CHost host;
-    EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
-    EXPECT_EQ(host.Stop(), 0);
 }

@@ -3,32 +3,28 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/stat.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
-#include "host/HostThread.h"
-#include "host/service/CTickTimer.h"
-#include "host/service/CWorkerWatchdog.h"
 #include "store/CStoreMutexLock.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
-#include <thread>
+#include <string>
+#include <vector>
 
 #include "HostProgram.h"
 #include "LogCapture.h"
 #include "NotifySocket.h"
-#include "StoreSemaphore.h"
+#include "Process.h"
 
 using testing::Contains;
 using testing::ElementsAre;
 using testing::Not;
 using namespace std::chrono_literals;
 
-// ---- What the service manager is told
-// --------------------------------------------------------------------------
+// ---- What the service manager is told ---------------------------------------------------------
 
 TEST(HostService, IsToldOfReadinessStatusAndStop) {
     CNotifySocket socket;
@@ -95,33 +91,7 @@ TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
-    const CTickTimer timer(1h);
-    const auto isReadable = [&](int milliseconds) {
-        pollfd source{.fd = timer.Descriptor().Get(), .events = POLLIN, .revents = 0};
-        return poll(&source, 1, milliseconds) == 1;
-    };
-    EXPECT_FALSE(isReadable(0));
-    const auto runOut = [&] {
-        const itimerspec atOnce{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = 1}};
-        ASSERT_EQ(timerfd_settime(timer.Descriptor().Get(), 0, &atOnce, nullptr), 0);
-        ASSERT_TRUE(isReadable(-1));
-    };
-    runOut();
-    PushTickTimer();
-    EXPECT_FALSE(isReadable(0));
-    runOut();
-    std::thread([] {
-        MarkHostThread();
-        PushTickTimer();
-    }).join();
-    EXPECT_TRUE(isReadable(0));
-    timer.Push();
-    EXPECT_FALSE(isReadable(0));
-}
-
-// ---- The unit
-// ------------------------------------------------------------------------------------------------------
+// ---- The unit ---------------------------------------------------------------------------------
 
 static std::vector<std::string> ValuesInUnit(const std::string& key) {
     std::istringstream lines(ReadFile(SERVICE_UNIT));
@@ -165,46 +135,7 @@ TEST(ServiceUnit, StartsTheHostWithOptionsThatItHas) {
     EXPECT_EQ(host.Wait(), 0) << host.Output();
 }
 
-// ---- Whether the worker lives
-// ------------------------------------------------------------------------------------
-
-class WorkerWatch : public testing::Test {
-protected:
-    static constexpr std::chrono::steady_clock::time_point cStart{1000s};
-    CWorkerWatchdog watch{100s, cStart};
-};
-
-TEST_F(WorkerWatch, LooksAtHalfOfTheLimit) {
-    EXPECT_EQ(watch.NextCheck(), cStart + 50s);
-    EXPECT_EQ(watch.Look(cStart + 49s, true, 0), CWorkerWatchdog::cTooEarly);
-    EXPECT_EQ(watch.Look(cStart + 52s, true, 0), CWorkerWatchdog::cAlive);
-    EXPECT_EQ(watch.NextCheck(), cStart + 102s);
-}
-
-TEST_F(WorkerWatch, LooksMoreOftenWithoutASignOfLife) {
-    EXPECT_EQ(watch.Look(cStart + 50s, false, 0), CWorkerWatchdog::cMissed);
-    EXPECT_EQ(watch.NextCheck(), cStart + 60s);
-    EXPECT_EQ(watch.Look(cStart + 60s, true, 0), CWorkerWatchdog::cAlive);
-    EXPECT_EQ(watch.NextCheck(), cStart + 110s);
-}
-
-TEST_F(WorkerWatch, CallsTheWorkerStuckAfterAQuarterOfTheLimitOnly) {
-    for (const int missed : {50, 60, 70})
-        EXPECT_EQ(watch.Look(cStart + missed * 1s, false, 0), CWorkerWatchdog::cMissed) << missed;
-    EXPECT_EQ(watch.Look(cStart + 80s, false, 0), CWorkerWatchdog::cStuck);
-    EXPECT_EQ(watch.Look(cStart + 90s, false, 0), CWorkerWatchdog::cStuck);
-    EXPECT_EQ(watch.Look(cStart + 100s, true, 0), CWorkerWatchdog::cAlive);
-    EXPECT_EQ(watch.Look(cStart + 150s, false, 0), CWorkerWatchdog::cMissed);
-}
-
-TEST_F(WorkerWatch, StartSinceTheLastSignIsOne) {
-    EXPECT_EQ(watch.Look(cStart + 50s, false, 3), CWorkerWatchdog::cAlive);
-    EXPECT_EQ(watch.Look(cStart + 100s, false, 4), CWorkerWatchdog::cAlive);
-    EXPECT_EQ(watch.Look(cStart + 150s, false, 4), CWorkerWatchdog::cMissed);
-}
-
-// ---- The log where standard error is the journal
-// ---------------------------------------------------------------------
+// ---- The log where standard error is the journal ----------------------------------------------
 
 RUN_AGAIN(HostOnTheJournal) {
     struct stat status {};

@@ -1,23 +1,17 @@
-// What a real host does on signals other than those that stop it, and its log file.
+// What a real host does on signals other than those that stop it.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include "store/CStoreMutexLock.h"
 
+#include <chrono>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
 
 #include "HostProgram.h"
 #include "StoreSemaphore.h"
-
-static bool LogHolds(const std::string& path, const std::string& text) {
-    return ReadFile(path).find(text) != std::string::npos;
-}
 
 TEST(HostSignals, Usr1TicksAtOnce) {
     CHost host;
@@ -81,55 +75,4 @@ TEST(HostSignals, LogThatCannotBeOpenedAnewIsKept) {
     WaitUntil([] { return LogHolds("moved/log", "folder/log: No such file or directory"); });
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
-}
-
-TEST(HostLog, IsContinuedAndHoldsWhyTheHostCannotRun) {
-    WriteFile("log", "before\n");
-    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
-    CProgram host(HostWith({"--log", "log"}));
-    EXPECT_EQ(host.Wait(), 6);
-    EXPECT_TRUE(ReadFile("log").starts_with("before\n20")) << ReadFile("log");
-    EXPECT_TRUE(LogHolds("log", " vxschedd: cannot make the table fit"));
-    EXPECT_TRUE(host.Output().starts_with("vxschedd: cannot make the table fit")) << host.Output();
-}
-
-TEST(HostLog, ThatCannotBeOpenedIsRefused) {
-    CProgram host(HostWith({"--log", "no folder/log"}));
-    EXPECT_EQ(host.Wait(), 1);
-    EXPECT_NE(host.Output().find("no folder/log: No such file or directory. Name another with "
-                                 "--log."),
-              std::string::npos)
-        << host.Output();
-}
-
-TEST(HostLog, PipeThatNobodyReadsIsRefusedAndNotWaitedFor) {
-    ASSERT_EQ(mkfifo("pipe", 0644), 0);
-    CProgram host(HostWith({"--log", "./pipe"}));
-    EXPECT_EQ(host.Wait(), 1);
-    EXPECT_NE(host.Output().find("pipe: it is no file, or a pipe that nobody reads. Name another "
-                                 "with --log."),
-              std::string::npos)
-        << host.Output();
-}
-
-TEST(HostLog, PipeIsWrittenToAsLongAsItTakesTheLines) {
-    ASSERT_EQ(mkfifo("pipe", 0644), 0);
-    const int reader = open("pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    CProgram host(HostWith({"--log", "./pipe"}));
-    std::string log;
-    const auto readOn = [&] {
-        char block[4096];
-        const ssize_t count = read(reader, block, sizeof block);
-        log.append(block, count > 0 ? static_cast<std::size_t>(count) : 0);
-        return log.find(" as process ") != std::string::npos;
-    };
-    WaitUntil(readOn);
-    // With a pipe as full as can be, it goes on without its lines.
-    const int filler = open("pipe", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    while (write(filler, "", 1) == 1) {
-    }
-    host.Kill(SIGTERM);
-    EXPECT_EQ(host.Wait(), 0);
-    close(filler);
-    close(reader);
 }

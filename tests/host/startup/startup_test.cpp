@@ -1,5 +1,5 @@
 // How a real host begins: keeping clients out while it loads, refusing what it cannot run with,
-// warning of traps; and the two ways to run that end by themselves, --check and --run-once.
+// warning of traps.
 
 #include <CEvent.h>
 #include <fcntl.h>
@@ -9,21 +9,22 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "host/startup/AddInFile.h"
-#include "host/startup/NamespaceChecks.h"
 #include "store/CStoreMutexLock.h"
 
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <set>
+#include <string>
+#include <system_error>
 
 #include "AddinLibrary.h"
 #include "HostProgram.h"
+#include "Process.h"
 #include "StoreSemaphore.h"
+#include "TableFile.h"
 
 using namespace std::chrono_literals;
 
@@ -34,14 +35,6 @@ union TSemaphoreArgument {
 
 static constexpr char cStopEvent[] = "libVantrixScheduler.so";
 
-// The store mutex as a client of a store without a host has it.
-static int MakeStoreMutex() {
-    const int id = semget(cStoreKey, 1, IPC_CREAT | 0660);
-    TSemaphoreArgument free{.val = 1};
-    EXPECT_EQ(semctl(id, 0, SETVAL, free), 0);
-    return id;
-}
-
 static void TakeAllAccess(int id) {
     struct semid_ds status {};
     TSemaphoreArgument argument{};
@@ -51,8 +44,7 @@ static void TakeAllAccess(int id) {
     ASSERT_EQ(semctl(id, 0, IPC_SET, argument), 0);
 }
 
-// ---- Clients that are changing the table
-// ----------------------------------------------------------------------------
+// ---- Clients that are changing the table ------------------------------------------------------
 
 TEST(HostStart, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     const int mutex = MakeStoreMutex();
@@ -85,8 +77,8 @@ TEST(HostStart, WaitsForTheLockOnTheDirectory) {
     ASSERT_EQ(flock(files, LOCK_EX), 0);
     CProgram host(HostWith({}));
     WaitUntil([&] {
-        const std::string directory = "/proc/" + std::to_string(host.Id()) + "/fd";
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        const std::string folder = "/proc/" + std::to_string(host.Id()) + "/fd";
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
             std::error_code gone;
             if (std::filesystem::read_symlink(entry.path(), gone).filename() == "files")
                 return true;
@@ -121,16 +113,7 @@ TEST(HostStart, GoesOverAHolderThatIsTakenForHungAndTells) {
     close(files);
 }
 
-static std::string PutAsideFile() {
-    for (const auto& entry : std::filesystem::directory_iterator("files")) {
-        if (entry.path().filename().string().starts_with("scheduler.dat.damaged-"))
-            return entry.path();
-    }
-    return "";
-}
-
-// ---- What it cannot run with
-// --------------------------------------------------------------------------------------------
+// ---- What it cannot run with ------------------------------------------------------------------
 
 TEST(HostStart, TableThatALoadWouldNotComeBackFromIsMended) {
     const TRows table = {{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0},
@@ -237,43 +220,7 @@ TEST(HostStart, EventThatMayNotBeUsedIsRefused) {
         << host.Output();
 }
 
-// ---- Whether a file is an add-in
-// --------------------------------------------------------------------------------------------
-
-TEST(AddInFile, IsToldByItsBytesWithoutALoad) {
-    EXPECT_EQ(WhyNotAnAddIn(ADDIN_LIBRARY), "");
-    EXPECT_EQ(WhyNotAnAddIn(SUPPORT_LIBRARY), "it has no CreateAddIn");
-    EXPECT_EQ(WhyNotAnAddIn("/no/such/file"), "cannot read it: No such file or directory");
-    WriteFile("text", "no library");
-    EXPECT_EQ(WhyNotAnAddIn("text"), "it is not a shared library for x86-64");
-    EXPECT_EQ(CountSemaphoreSets(), 0);
-}
-
-TEST(AddInFile, EntryPointThatIsMissingIsNamed) {
-    std::string bytes = ReadFile(ADDIN_LIBRARY);
-    for (std::size_t position = 0; (position = bytes.find("DestroyAddIn", position)) != bytes.npos;)
-        bytes[position] = 'd';
-    WriteFile("without", bytes);
-    EXPECT_EQ(WhyNotAnAddIn("without"), "it has no DestroyAddIn");
-    CProgram host(HostWith({"--addin", "./without"}));
-    EXPECT_EQ(host.Wait(), 5);
-    EXPECT_NE(host.Output().find("without is not an add-in: it has no DestroyAddIn. Name another "
-                                 "library with --addin."),
-              std::string::npos)
-        << host.Output();
-    EXPECT_EQ(CountSemaphoreSets(), 0) << "it was not loaded";
-}
-
-TEST(AddInFile, CutShortAnywhereIsNone) {
-    const std::string bytes = ReadFile(ADDIN_LIBRARY);
-    for (std::size_t size = 0; size < bytes.size(); size += size < 128 ? 1 : bytes.size() / 50) {
-        WriteFile("short", bytes.substr(0, size));
-        EXPECT_NE(WhyNotAnAddIn("short"), "") << size;
-    }
-}
-
-// ---- Traps around the IPC namespace
-// -----------------------------------------------------------------------------------------
+// ---- Traps around the IPC namespace -----------------------------------------------------------
 
 TEST(HostStart, RemovedLockFileLetsNoSecondHostIn) {
     CHost first;
@@ -309,207 +256,4 @@ TEST(HostStart, AloneInTheNamespaceItWarnsOfNobody) {
     EXPECT_EQ(host.CountInOutput("another scheduling process"), 0U) << host.Output();
     EXPECT_EQ(host.CountInOutput("the add-in is loaded"), 0U) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
-}
-
-class RemovalOfSemaphores : public testing::Test {
-protected:
-    RemovalOfSemaphores() { std::filesystem::create_directories("root/run/systemd/system"); }
-    static void Configure(const std::string& file, const std::string& text) {
-        const std::filesystem::path path = std::filesystem::path("root") / file;
-        std::filesystem::create_directories(path.parent_path());
-        WriteFile(path.string(), text);
-    }
-    static bool IsWarnedOf(uid_t user) { return !WarningOfRemoval(user, "root").empty(); }
-    static constexpr uid_t cOrdinary = 54321;
-};
-
-TEST_F(RemovalOfSemaphores, ThreatensOrdinaryUsersUnderSystemd) {
-    EXPECT_NE(WarningOfRemoval(cOrdinary, "root").find("loginctl enable-linger 54321"),
-              std::string::npos);
-    EXPECT_TRUE(IsWarnedOf(1000));
-    EXPECT_FALSE(IsWarnedOf(999));
-    EXPECT_FALSE(IsWarnedOf(0));
-    EXPECT_FALSE(IsWarnedOf(65534));
-    std::filesystem::remove_all("root/run");
-    EXPECT_FALSE(IsWarnedOf(cOrdinary));
-}
-
-TEST_F(RemovalOfSemaphores, IsNoThreatToUsersThatLinger) {
-    Configure("var/lib/systemd/linger/54321", "");
-    EXPECT_FALSE(IsWarnedOf(cOrdinary));
-}
-
-TEST_F(RemovalOfSemaphores, IsSwitchedOffByTheLastSettingOfLogind) {
-    Configure("etc/systemd/logind.conf", "[Login]\n#RemoveIPC=yes\nRemoveIPC = no\n");
-    EXPECT_FALSE(IsWarnedOf(cOrdinary));
-    Configure("usr/lib/systemd/logind.conf.d/50-one.conf", "[Login]\nRemoveIPC=yes\n");
-    EXPECT_TRUE(IsWarnedOf(cOrdinary));
-    Configure("etc/systemd/logind.conf.d/50-one.conf", "[Login]\nRemoveIPC=off\n");
-    EXPECT_FALSE(IsWarnedOf(cOrdinary));
-    Configure("run/systemd/logind.conf.d/60-two.conf", "[Login]\nRemoveIPC=1\n");
-    EXPECT_TRUE(IsWarnedOf(cOrdinary));
-}
-
-TEST(PrivateNamespace, IsToldByComparisonWithThatOfProcessOne) {
-    for (const char* process : {"proc/self/ns", "proc/1/ns"})
-        std::filesystem::create_directories(process);
-    std::filesystem::create_symlink("ipc:[1]", "proc/self/ns/ipc");
-    EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "") << "cannot be told";
-    std::filesystem::create_symlink("ipc:[1]", "proc/1/ns/ipc");
-    EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "");
-    std::filesystem::remove("proc/1/ns/ipc");
-    std::filesystem::create_symlink("ipc:[2]", "proc/1/ns/ipc");
-    EXPECT_NE(NoticeOfPrivateNamespace("proc").find("PrivateIPC="), std::string::npos);
-}
-
-// ---- --check
-// ------------------------------------------------------------------------------------------------------
-
-TEST(HostCheck, SoundSetUpIsWellAndNothingIsMadeOrLoaded) {
-    std::filesystem::create_directory("work");
-    CProgram host({HOST_PROGRAM, "--directory", "work", "--check", "--output", "work/out", "--log",
-                   "work/log"});
-    EXPECT_EQ(host.Wait(), 0);
-    EXPECT_NE(host.Output().find("well: work can be worked in\n"), std::string::npos)
-        << host.Output();
-    EXPECT_TRUE(host.Output().ends_with("well: a host could run\n")) << host.Output();
-    EXPECT_TRUE(std::filesystem::is_empty("work"));
-    EXPECT_EQ(CountSemaphoreSets(), 0);
-}
-
-TEST(HostCheck, SoundTableIsLeftAsItIsAndRiskyTasksAreToldOf) {
-    const TRows table = {{"past", 1000, 0, 1, "/bin/true/", "", 0},
-                         {"script", 4'000'000'000, 0, 1, "/opt/script.sh", "", 0}};
-    WriteTable(table);
-    CProgram host(HostWith({"--check"}));
-    EXPECT_EQ(host.Wait(), 0);
-    EXPECT_NE(host.Output().find("warning: task \"script\": the extension \".sh\""),
-              std::string::npos)
-        << host.Output();
-    EXPECT_NE(host.Output().find("well: the table can be read and holds 2 task(s)"),
-              std::string::npos)
-        << host.Output();
-    EXPECT_EQ(ReadTable(), table);
-}
-
-static void ExpectToldByCheckAndMended(const std::vector<std::string>& messages) {
-    const std::string before = ReadFile(cTable);
-    CProgram check(HostWith({"--check"}));
-    EXPECT_EQ(check.Wait(), 0);
-    for (const std::string& message : messages)
-        EXPECT_NE(check.Output().find("warning: " + message), std::string::npos) << check.Output();
-    EXPECT_TRUE(check.Output().ends_with("well: a host could run\n")) << check.Output();
-    EXPECT_EQ(ReadFile(cTable), before);
-    EXPECT_EQ(PutAsideFile(), "");
-    CHost host;
-    EXPECT_NE(ReadFile(cTable), before);
-    EXPECT_EQ(host.Stop(), 0);
-    std::filesystem::remove(PutAsideFile());
-}
-
-TEST(HostCheck, TellsWhatAStartWouldMendAndHow) {
-    const TRow sound = {"sound", 4'000'000'000, 0, 1, "/bin/program", "", 0};
-    WriteTable({sound});
-    const std::string copy = ReadFile(cTable);
-    std::filesystem::create_directory("files/snapshots");
-    WriteFile("files/snapshots/scheduler.dat.001700000000-000000", copy);
-    WriteFile(cTable, "damaged");
-    ExpectToldByCheckAndMended({"a start would mend the table, with 1 task(s)",
-                                "the table is damaged at offset 0",
-                                "kept \"sound\" from scheduler.dat.001700000000-000000"});
-    WriteTable({{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0}, sound});
-    ExpectToldByCheckAndMended(
-        {"a start would mend the table, with 2 task(s)", "altered \"endless\""});
-}
-
-TEST(HostCheck, HolderThatIsTakenForHungIsToldOf) {
-    MakeStoreMutex();
-    vxsched::CStoreMutexLock hung(1h);
-    CProgram check(HostWith({"--check", "--patience", "0"}));
-    EXPECT_EQ(check.Wait(), 0) << check.Output();
-    EXPECT_NE(check.Output().find("warning: the store mutex is held, last by process "),
-              std::string::npos)
-        << check.Output();
-    EXPECT_EQ(StoreSemaphoreValue(), 0);
-}
-
-TEST(HostCheck, RunningHostIsNotDisturbed) {
-    CHost host;
-    CProgram check(HostWith({"--check"}));
-    EXPECT_EQ(check.Wait(), 0) << check.Output();
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
-    EXPECT_EQ(host.Stop(), 0);
-}
-
-TEST(HostCheck, EachFaultHasTheStatusOfTheStart) {
-    std::filesystem::create_directory("files");
-    std::filesystem::create_directory(cTable);
-    WriteFile("text", "no library");
-    const auto check = [](const std::vector<std::string>& options, const char* message) {
-        std::vector<std::string> all{"--check"};
-        all.insert(all.end(), options.begin(), options.end());
-        CProgram host(HostWith(all));
-        const int status = host.Wait();
-        EXPECT_NE(host.Output().find(message), std::string::npos) << host.Output();
-        EXPECT_EQ(host.Output().find("a host could run"), std::string::npos) << host.Output();
-        return status;
-    };
-    EXPECT_EQ(check({}, "error: cannot read ./files/scheduler.dat: Is a directory"), 6);
-    CProgram start(HostWith({}));
-    EXPECT_EQ(start.Wait(), 6) << start.Output();
-    std::filesystem::remove(cTable);
-    EXPECT_EQ(check({"--addin", "./text"}, "text is not an add-in: it is not a shared library"), 5);
-    EXPECT_EQ(check({"--output", "no folder/out"}, "no folder/out: No such file or directory"), 3);
-    EXPECT_EQ(check({"--log", "no folder/log"}, "no folder/log: No such file or directory"), 1);
-    CProgram nowhere({HOST_PROGRAM, "--directory", "nowhere", "--check"});
-    EXPECT_EQ(nowhere.Wait(), 3);
-    EXPECT_NE(nowhere.Output().find("error: cannot work in nowhere: No such file or directory."),
-              std::string::npos)
-        << nowhere.Output();
-}
-
-// ---- --run-once
-// ---------------------------------------------------------------------------------------------------
-
-// A task for each second around the start: the load passes over those before it, the tick runs what
-// is due then, the others wait.
-TEST(HostRunOnce, RunsWhatIsDueWaitsForItAndEnds) {
-    const std::int64_t now = std::time(nullptr);
-    TRows table;
-    for (std::int64_t second = now - 2; second <= now + 20; ++second)
-        table.push_back(
-            {std::to_string(second), second, 0, 1, PROGRAMS "/end-with", "status 7", 0});
-    WriteTable(table);
-    CProgram host(HostWith({"--run-once"}));
-    EXPECT_EQ(host.Wait(), 0);
-    std::set<std::string> missed;
-    std::set<std::string> ran;
-    std::ifstream history("files/history.jsonl");
-    for (std::string line; std::getline(history, line);) {
-        const auto record = nlohmann::json::parse(line);
-        if (record.at("outcome") == "missed")
-            missed.insert(record.at("name"));
-        else if (record.at("outcome") == "exited" && record.at("status") == 7)
-            ran.insert(record.at("name"));
-    }
-    EXPECT_GE(missed.size(), 2U) << host.Output();
-    ASSERT_GE(ran.size(), 1U) << host.Output();
-    for (const TRow& row : ReadTable()) {
-        const bool isMissed = missed.contains(row.name);
-        EXPECT_FALSE(isMissed && ran.contains(row.name)) << row.name;
-        EXPECT_EQ(ran.contains(row.name), row.last != 0) << row.name;
-        EXPECT_EQ(isMissed || ran.contains(row.name), row.next > now + 1000) << row.name;
-    }
-    EXPECT_EQ(CountSemaphoreSets(), 0);
-}
-
-TEST(HostRunOnce, WithNothingDueItEndsAtOnce) {
-    CProgram host(HostWith({"--run-once"}));
-    EXPECT_EQ(host.Wait(), 0);
-    EXPECT_TRUE(host.Output().ends_with("vxschedd: stopped\n")) << host.Output();
-}
-
-TEST(HostRunOnce, AndCheckExcludeEachOther) {
-    CProgram host(HostWith({"--run-once", "--check"}));
-    EXPECT_EQ(host.Wait(), 2) << host.Output();
 }

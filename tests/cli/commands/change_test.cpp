@@ -1,0 +1,162 @@
+// The commands of vxsched, the real one, that change the table or run a task: what they do, refuse, and
+// would do.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "Process.h"
+#include "Recorder.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+TEST_F(Cli, CreateTakesEverythingFromTheCommandLine) {
+    EXPECT_THAT(Output({"create", "backup", "--at", "2030-01-02T03:04:05Z", "--every", "1d", "--",
+                        cRecorder, "--a parameter"}),
+                HasSubstr("created backup, every 1d, next 2030-01-02 04:04:05"));
+    EXPECT_EQ(ReadTable(), (TRows{{"backup", 1893553445, 0, 24, cRecorder, "--a parameter", 0}}));
+    ExpectRefused(1, "already", {"create", "backup", "--at", "in 1h", "--", cRecorder});
+    Output({"create", "backup", "--replace", "--at", "2030-01-02T03:04:06Z", "--", cRecorder});
+    EXPECT_EQ(ReadTable(), (TRows{{"backup", 1893553446, 0, 0, cRecorder, "", 0}}));
+}
+
+TEST_F(Cli, CreateRefusesWhatWouldNotRun) {
+    ExpectRefused(1, "no program \"/no/such\"", {"create", "a", "--at", "in 1h", "--", "/no/such"});
+    ExpectRefused(1, "absolute path", {"create", "a", "--at", "in 1h", "--", "ls"});
+    ExpectRefused(1, "lies in the past",
+                  {"create", "a", "--at", "2001-01-01 12:00", "--", cRecorder});
+    ExpectRefused(1, "no name", {"create", "", "--at", "in 1h", "--", cRecorder});
+    ExpectRefused(2, "program", {"create", "a", "--at", "in 1h"});
+    ExpectRefused(2, "period", {"create", "a", "--every", "90m", "--", cRecorder});
+    Output({"create", "a", "--at", "in 1h", "--force", "missing-program", "--", "/no/such"});
+    EXPECT_EQ(NamesInTable(), "a");
+}
+
+TEST_F(Cli, CreateMakesOtherwiseImpossibleProgramsSchedulable) {
+    Output({"create", "a", "--at", "in 1h", "--", "/usr/bin/free", "-h"});
+    EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), "/usr/bin/free");
+    EXPECT_THAT(Output({"list"}), HasSubstr("/usr/bin/free -h"));
+    EXPECT_THAT(Output({"show", "a"}), HasSubstr("Program      /usr/bin/free\n"));
+    Output({"remove", "a"});
+    EXPECT_TRUE(fs::is_empty("files/programs"));
+}
+
+TEST_F(Cli, EditPauseResumePeriodAndRemove) {
+    const TRow row = Later("a");
+    WriteTable({row, Later("b"), Later("c")});
+    Output({"edit", "a", "--parameter", "", "--every", "2w"});
+    EXPECT_EQ(ReadTable()[0], (TRow{"a", row.next, 0, 336, cRecorder, "", 0}));
+    ExpectRefused(2, "name what is to change", {"edit", "a"});
+    ExpectRefused(3, "no task \"nobody\"", {"edit", "nobody", "--every", "6h"});
+    EXPECT_EQ(Output({"pause", "a", "c"}), "paused a\npaused c\n");
+    EXPECT_EQ(ReadTable()[2].paused, 1U);
+    EXPECT_EQ(Output({"resume", "c"}), "resumed c\n");
+    EXPECT_EQ(ReadTable()[2].paused, 0U);
+    EXPECT_THAT(Output({"period", "b", "6h"}), HasSubstr("changed b, every 6h, next "));
+    EXPECT_EQ(ReadTable()[1].period, 6U);
+    ExpectRefused(3, "nobody", {"remove", "a", "nobody"});
+    EXPECT_EQ(Output({"remove", "a", "c"}), "removed a\nremoved c\n");
+    EXPECT_EQ(NamesInTable(), "b");
+}
+
+TEST_F(Cli, DryRunSaysAndChangesNothing) {
+    WriteTable({Later("a")});
+    const std::string before = ReadFile(cTable);
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"create", "b", "--at", "in 1h", "--dry-run", "--", "/usr/bin/free"},
+             {"edit", "a", "--every", "6h", "--dry-run"},
+             {"pause", "a", "--dry-run"},
+             {"resume", "a", "--dry-run"},
+             {"period", "a", "6h", "--dry-run"},
+             {"run", "a", "--dry-run"},
+             {"remove", "a", "--dry-run"}}) {
+        EXPECT_THAT(Output(command), testing::StartsWith("would "));
+        EXPECT_EQ(ReadFile(cTable), before);
+    }
+    ExpectRefused(1, "already", {"create", "a", "--at", "in 1h", "--dry-run", "--", cRecorder});
+    ExpectRefused(3, "nobody", {"remove", "nobody", "--dry-run"});
+    EXPECT_FALSE(fs::exists("files/programs"));
+    EXPECT_FALSE(StoreSemaphoreExists());
+}
+
+TEST_F(Cli, RunStartsTheProgramAndTellsItsEnd) {
+    TRow row = Later("a");
+    row.program = PROGRAMS "/end-with";
+    row.parameters = "status 3";
+    WriteTable({row});
+    const TToolRun run = RunTool({"run", "a", "--wait"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.output, HasSubstr("started a as process "));
+    EXPECT_THAT(run.output, HasSubstr("a ended with status 3\n"));
+    ExpectRefused(3, "nobody", {"run", "nobody"});
+}
+
+TEST_F(Cli, ListShowsWhatRunsWithItsProcess) {
+    TRow row = Later("a");
+    row.program = PROGRAMS "/wait-for-it";
+    row.parameters = fs::absolute("end it").string();
+    WriteTable({row});
+    const std::string started = Output({"run", "a"});
+    const std::string process = started.substr(started.rfind(' ') + 1);
+    EXPECT_THAT(Output({"list"}), HasSubstr("running " + process.substr(0, process.size() - 1)));
+    ExpectRefused(1, "running already", {"run", "a"});
+    WriteFile("end it", "");
+    WaitUntil([] { return fs::exists("end it.seen"); });
+}
+
+TEST_F(Cli, WhatIsEmptyIsNotLeftOut) {
+    ExpectRefused(2, "time", {"create", "a", "--at", "", "--", cRecorder});
+    ExpectRefused(2, "period", {"create", "a", "--every", "", "--", cRecorder});
+    ExpectRefused(2, "bogus", {"create", "a", "--force", "bogus", "--", cRecorder});
+    ExpectRefused(2, "count", {"next", "--count", "-1"});
+}
+
+TEST_F(Cli, DryRunRefusesWhatTheCommandWould) {
+    WriteTable({{"once", 5, 0, 0, cRecorder, "", 1},
+                {"missing", 4'000'000'000, 0, 24, "/no/such", "", 1}});
+    ExpectRefused(1, "give it a new start", {"resume", "once", "--dry-run"});
+    ExpectRefused(1, "no program", {"run", "missing", "--dry-run"});
+}
+
+TEST_F(Cli, ProgramThatIsNotWaitedForKeepsNoPipeOpen) {
+    TRow row = Later("a");
+    row.program = PROGRAMS "/wait-for-it";
+    row.parameters = fs::absolute("end it").string();
+    WriteTable({row});
+    CProgram tool({TOOL_PROGRAM, "run", "a"});
+    EXPECT_FALSE(tool.WaitForOutput("never said")) << "until the pipe is closed";
+    EXPECT_EQ(tool.Wait(), 0);
+    WriteFile("end it", "");
+    WaitUntil([] { return fs::exists("end it.seen"); });
+}
+
+TEST_F(Cli, OutputThatCannotBeWrittenSaysThatTheChangeWasMade) {
+    WriteTable({Later("a")});
+    CForkedChild child([] {
+        dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
+        dup2(open("error", O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+        execl(TOOL_PROGRAM, TOOL_PROGRAM, "run", "a", static_cast<char*>(nullptr));
+        return 127;
+    });
+    EXPECT_EQ(child.Wait(), 1);
+    EXPECT_THAT(ReadFile("error"), HasSubstr("all but this was done"));
+    EXPECT_NE(ReadTable()[0].last, 0);
+}
+
+TEST_F(Cli, DueTasksWithoutASchedulingProcessAreStatusSix) {
+    WriteTable({{"due", 5, 0, 0, cRecorder, "", 0}, Later("a")});
+    ExpectRefused(6, "\"due\" is due", {"pause", "a"});
+    ExpectRefused(6, "no scheduling process", {"wake"});
+    Output({"pause", "a", "--even-if-due"});
+    EXPECT_EQ(NamesInTable(), "due a");
+}

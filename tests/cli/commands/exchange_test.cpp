@@ -1,0 +1,114 @@
+// Tables that vxsched, the real command, exports and imports.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <filesystem>
+#include <string>
+
+#include "Cli.h"
+#include "Process.h"
+#include "Recorder.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+TEST_F(Cli, ImportBringsTheWholeTableBackToTheByte) {
+    WriteTable({{"backup", 4'000'000'000, 77, 24, cRecorder, "\xff\xfe not UTF-8", 1},
+                {std::string("zero\0byte", 9), -5, 0, 0, cRecorder, "line\nend \"quoted\" \\", 1},
+                {"\xe2\x82\xac", 4'000'000'000, 0, 1193046, cRecorder, "", 0}});
+    const std::string before = ReadFile(cTable);
+    WriteFile("export", Output({"export"}));
+    WriteTable({Later("other")});
+    const TToolRun run = RunTool({"import", "--replace", "export"});
+    EXPECT_EQ(run.status, 1) << "a zero byte in a name is refused";
+    WriteTable({{"backup", 4'000'000'000, 77, 24, cRecorder, "\xff\xfe not UTF-8", 1},
+                {"once", -5, 0, 0, cRecorder, "line\nend \"quoted\" \\", 1},
+                {"\xe2\x82\xac", 4'000'000'000, 0, 1193046, cRecorder, "", 0}});
+    const std::string sound = ReadFile(cTable);
+    WriteFile("export", Output({"export"}));
+    WriteTable({Later("other")});
+    EXPECT_THAT(RunTool({"import", "--replace", "export"}).output, HasSubstr("imported 3 tasks"));
+    EXPECT_EQ(ReadFile(cTable), sound);
+    WriteTable({});
+    EXPECT_EQ(RunTool({"import"}, {}, ReadFile("export")).status, 0) << "from standard input";
+    EXPECT_EQ(ReadFile(cTable), sound);
+}
+
+TEST_F(Cli, ImportAddsMergesOrReplaces) {
+    TRow changed = Later("a");
+    changed.period = 6;
+    WriteTable({changed, Later("b")});
+    WriteFile("export", Output({"export"}));
+    WriteTable({Later("a"), Later("c")});
+    ExpectRefused(1, "--merge", {"import", "export"});
+    EXPECT_THAT(Output({"import", "--dry-run", "--merge", "export"}), HasSubstr("would import 2"));
+    EXPECT_EQ(NamesInTable(), "a c");
+    Output({"import", "--merge", "export"});
+    EXPECT_EQ(NamesInTable(), "a c b");
+    EXPECT_EQ(ReadTable()[0].period, 6U);
+    Output({"import", "--replace", "export"});
+    EXPECT_EQ(NamesInTable(), "a b");
+    ExpectRefused(2, "excludes", {"import", "--replace", "--merge", "export"});
+}
+
+TEST_F(Cli, ImportRefusesWhatItCannotRead) {
+    WriteTable({Later("a")});
+    const auto refuse = [](const std::string& text, const std::string& content) {
+        WriteFile("import", content);
+        ExpectRefused(1, text, {"import", "--replace", "import"});
+    };
+    refuse("not JSON", "{");
+    refuse("version", "{}");
+    refuse("version", "[]");
+    refuse("version", R"({"version": 2, "tasks": []})");
+    refuse("\"tasks\"", R"({"version": 1})");
+    refuse("task 1 is not an object", R"({"version": 1, "tasks": [1]})");
+    refuse("task 1 has no \"name\"", R"({"version": 1, "tasks": [{}]})");
+    refuse("task 1 (\"x\") has no \"next\"", R"({"version": 1, "tasks": [{"name": "x"}]})");
+    refuse("\"period\" that is no whole number in range: -1",
+           R"({"version": 1, "tasks": [{"name": "x", "next": 1, "period": -1, "program": "/p"}]})");
+    refuse(
+        "\"next\" that is no whole number in range: 9223372036854775808",
+        R"({"version": 1, "tasks": [{"name": "x", "next": 9223372036854775808, "program": "/p"}]})");
+    refuse("\"program\" that is no text",
+           R"({"version": 1, "tasks": [{"name": "x", "next": 1, "program": 5}]})");
+    refuse("not base64",
+           R"({"version": 1, "tasks": [{"name": {"base64": "?"}, "next": 1, "program": "/p"}]})");
+    refuse("neither true nor false",
+           R"({"version": 1, "tasks": [{"name": "x", "next": 1, "program": "/p", "paused": 1}]})");
+    refuse(
+        "step of zero",
+        R"({"version": 1, "tasks": [{"name": "x", "next": 1, "program": "/bin/cat", "period": 268435456}]})");
+    ExpectRefused(1, "no such file", {"import", "no such file"});
+}
+
+TEST_F(Cli, ImportBelievesOnlyWhatItCanMakeTrue) {
+    WriteTable({});
+    const auto import = [](const std::string& task) {
+        WriteFile("import", R"({"version": 1, "tasks": [)" + task + "]}");
+        return RunTool({"import", "import"});
+    };
+    const std::string later = std::to_string(std::time(nullptr) + cDay);
+    const TToolRun script = import(R"({"name": "x", "next": )" + later +
+                                   R"(, "program": "/opt/backup.sh", "real_program": "/bin/ls"})");
+    EXPECT_EQ(script.status, 1);
+    EXPECT_THAT(script.error, HasSubstr("would abort the scheduling process"));
+    const TToolRun far =
+        import(R"({"name": "x", "next": -9000000000000000000, "period": 1, "program": "/bin/ls"})");
+    EXPECT_EQ(far.status, 1);
+    EXPECT_THAT(far.error, HasSubstr("so far back"));
+    EXPECT_EQ(ReadTable(), TRows());
+    const std::string link = (fs::current_path() / "files/programs/free-1").string();
+    EXPECT_EQ(import(R"({"name": "x", "next": )" + later + R"(, "program": ")" + link +
+                     R"(", "real_program": "/usr/bin/free"})")
+                  .status,
+              0);
+    EXPECT_EQ(fs::read_symlink(link), "/usr/bin/free");
+    EXPECT_EQ(
+        import(R"({"name": "y", "next": )" + later + R"(, "program": "/usr/bin/free"})").status, 0)
+        << "harms nobody, and is said";
+}

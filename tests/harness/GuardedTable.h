@@ -1,0 +1,58 @@
+#pragma once
+
+#include <vxsched/SchedulingProcess.h>
+#include "store/CStoreMutexLock.h"
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "Process.h"
+#include "TableFile.h"
+
+// A table that a real host looks after: tasks that are not due, changes as a client makes them, and
+// what the host keeps beside the table.
+
+inline constexpr std::int64_t cFar = 4'000'000'000;
+
+inline TRow Row(const std::string& name) {
+    return {name, cFar, 0, 24, "/bin/program", "a parameter", 0};
+}
+
+inline const TRows cThree = {Row("first"), Row("second"), Row("third")};
+
+// How many files of the folder have that text in their names.
+inline std::size_t CountIn(const std::string& folder, const std::string& text = "") {
+    std::size_t count = 0;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored))
+        count += entry.path().filename().string().find(text) != std::string::npos ? 1 : 0;
+    return count;
+}
+
+inline void WaitForTable(const TRows& rows) {
+    WaitUntil([&] { return ReadFile(cTable) == BytesOf(rows); });
+}
+
+// Tells the worker that the table was changed, and has it tick.
+inline void WakeChanged() {
+    vxsched::AnnounceChange();
+    vxsched::WakeSchedulingProcess();
+}
+
+// Makes the only task due under a running host, and waits for its start; the tick then pauses for two
+// seconds. The table as it was made.
+inline TRows StartTheOnlyTask() {
+    TRows rows = ReadTable();
+    rows.at(0).next = std::time(nullptr);
+    {
+        const vxsched::CStoreMutexLock lock(std::chrono::seconds(10));
+        WriteTable(rows);
+    }
+    WakeChanged();
+    WaitUntil([] { return std::filesystem::exists("log"); });
+    return rows;
+}

@@ -1,0 +1,91 @@
+// The log of the host: its file, a pipe in its place, and lines that nobody takes.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <host/CHostLog.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "HostProgram.h"
+#include "Process.h"
+
+TEST(HostLog, LinesThatNobodyTakesAreCountedAndKeepNobodyWaiting) {
+    CForkedChild child([] {
+        int ends[2];
+        if (pipe2(ends, O_NONBLOCK) != 0)
+            return 1;
+        const std::string block(4096, 'x');
+        while (write(ends[1], block.data(), block.size()) > 0) {
+        }
+        fcntl(ends[1], F_SETFL, 0);
+        dup2(ends[1], STDERR_FILENO);
+        for (const char* const line : {"one", "two", "three"})
+            LogInfo(line);
+        const auto takeAll = [&] {
+            std::string all(1 << 20, '\0');
+            const ssize_t count = read(ends[0], all.data(), all.size());
+            all.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+            return all;
+        };
+        takeAll();
+        LogInfo("four");
+        const std::string lines = takeAll();
+        return lines.find("vxschedd: 3 line(s) lost") < lines.find("vxschedd: four\n") ? 42 : 2;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+TEST(HostLog, IsContinuedAndHoldsWhyTheHostCannotRun) {
+    WriteFile("log", "before\n");
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
+    CProgram host(HostWith({"--log", "log"}));
+    EXPECT_EQ(host.Wait(), 6);
+    EXPECT_TRUE(ReadFile("log").starts_with("before\n20")) << ReadFile("log");
+    EXPECT_TRUE(LogHolds("log", " vxschedd: cannot make the table fit"));
+    EXPECT_TRUE(host.Output().starts_with("vxschedd: cannot make the table fit")) << host.Output();
+}
+
+TEST(HostLog, ThatCannotBeOpenedIsRefused) {
+    CProgram host(HostWith({"--log", "no folder/log"}));
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_NE(host.Output().find("no folder/log: No such file or directory. Name another with "
+                                 "--log."),
+              std::string::npos)
+        << host.Output();
+}
+
+TEST(HostLog, PipeThatNobodyReadsIsRefusedAndNotWaitedFor) {
+    ASSERT_EQ(mkfifo("pipe", 0644), 0);
+    CProgram host(HostWith({"--log", "./pipe"}));
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_NE(host.Output().find("pipe: it is no file, or a pipe that nobody reads. Name another "
+                                 "with --log."),
+              std::string::npos)
+        << host.Output();
+}
+
+TEST(HostLog, PipeIsWrittenToAsLongAsItTakesTheLines) {
+    ASSERT_EQ(mkfifo("pipe", 0644), 0);
+    const int reader = open("pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    CProgram host(HostWith({"--log", "./pipe"}));
+    std::string log;
+    const auto readOn = [&] {
+        char block[4096];
+        const ssize_t count = read(reader, block, sizeof block);
+        log.append(block, count > 0 ? static_cast<std::size_t>(count) : 0);
+        return log.find(" as process ") != std::string::npos;
+    };
+    WaitUntil(readOn);
+    // With a pipe as full as can be, it goes on without its lines.
+    const int filler = open("pipe", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    while (write(filler, "", 1) == 1) {
+    }
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+    close(filler);
+    close(reader);
+}

@@ -1,0 +1,37 @@
+// The timer that runs out when the worker has not ticked for too long.
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/timerfd.h>
+#include "host/HostThread.h"
+#include "host/service/CTickTimer.h"
+
+#include <chrono>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
+    const CTickTimer timer(1h);
+    const auto isReadable = [&](int milliseconds) {
+        pollfd source{.fd = timer.Descriptor().Get(), .events = POLLIN, .revents = 0};
+        return poll(&source, 1, milliseconds) == 1;
+    };
+    EXPECT_FALSE(isReadable(0));
+    const auto runOut = [&] {
+        const itimerspec atOnce{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = 1}};
+        ASSERT_EQ(timerfd_settime(timer.Descriptor().Get(), 0, &atOnce, nullptr), 0);
+        ASSERT_TRUE(isReadable(-1));
+    };
+    runOut();
+    PushTickTimer();
+    EXPECT_FALSE(isReadable(0));
+    runOut();
+    std::thread([] {
+        MarkHostThread();
+        PushTickTimer();
+    }).join();
+    EXPECT_TRUE(isReadable(0));
+    timer.Push();
+    EXPECT_FALSE(isReadable(0));
+}

@@ -1,0 +1,108 @@
+// The file that the host keeps its records of runs in: its bounds, and what keeps a record out of it.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <host/CHostLog.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include "base/CDescriptor.h"
+#include "runs/CRunHistory.h"
+#include "runs/RunRecord.h"
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "ExitedRun.h"
+#include "Process.h"
+
+static constexpr char cHistory[] = "files/history.jsonl";
+static constexpr char cOlder[] = "files/history.jsonl.1";
+
+class RunHistory : public testing::Test {
+protected:
+    RunHistory() {
+        std::filesystem::create_directory("files");
+        std::filesystem::remove(cHistory);
+        std::filesystem::remove(cOlder);
+    }
+    static std::string NumberedLine(int number) { return JsonLine(Numbered(number)); }
+    static TRunRecord Numbered(int number) {
+        TRunRecord record = Exited();
+        record.process = 1000 + number;
+        return record;
+    }
+};
+
+TEST_F(RunHistory, KeepsALineARecordInTheirOrder) {
+    CRunHistory history(1 << 20, LogWarning);
+    history.Add(Numbered(1));
+    history.Add(Numbered(2));
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + NumberedLine(2));
+    EXPECT_FALSE(std::filesystem::exists(cOlder));
+}
+
+TEST_F(RunHistory, IsMovedAwayBeforeItWouldOutgrowItsSize) {
+    CRunHistory history(2 * NumberedLine(1).size(), LogWarning);
+    for (int number = 1; number <= 5; ++number)
+        history.Add(Numbered(number));
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(5));
+    EXPECT_EQ(ReadFile(cOlder), NumberedLine(3) + NumberedLine(4));
+}
+
+TEST_F(RunHistory, RecordLargerThanTheSizeIsKeptAlone) {
+    CRunHistory history(10, LogWarning);
+    history.Add(Numbered(1));
+    history.Add(Numbered(2));
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(2));
+    EXPECT_EQ(ReadFile(cOlder), NumberedLine(1));
+}
+
+TEST_F(RunHistory, SizeOfZeroKeepsNone) {
+    CRunHistory history(0, LogWarning);
+    history.Add(Numbered(1));
+    EXPECT_FALSE(std::filesystem::exists(cHistory));
+}
+
+TEST_F(RunHistory, MovedAwayItBeginsAnew) {
+    CRunHistory history(1 << 20, LogWarning);
+    history.Add(Numbered(1));
+    std::filesystem::rename(cHistory, "files/saved");
+    history.Add(Numbered(2));
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(2));
+}
+
+TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
+    CRunHistory history(1 << 20, LogWarning);
+    history.Add(Numbered(1));
+    CForkedChild child([] {
+        CHostLog::Instance().WriteTo("log");
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{.rlim_cur = NumberedLine(1).size() + 10, .rlim_max = RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        CRunHistory(1 << 20, LogWarning).Add(Numbered(2));
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(1));
+    EXPECT_NE(ReadFile("log").find("cannot write to files/history.jsonl: "), std::string::npos);
+}
+
+TEST_F(RunHistory, PipeInItsPlaceTakesNoRecordAndIsNotWaitedFor) {
+    ASSERT_EQ(mkfifo(cHistory, 0644), 0);
+    CForkedChild child([] {
+        CHostLog::Instance().WriteTo("log of a pipe");
+        CRunHistory(1 << 20, LogWarning).Add(Numbered(1));
+        const CDescriptor reader(open(cHistory, O_RDONLY | O_NONBLOCK));
+        CRunHistory(1 << 20, LogWarning).Add(Numbered(2));
+        char byte = 0;
+        return read(reader.Get(), &byte, 1) == 1 ? 1 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+    const std::string log = ReadFile("log of a pipe");
+    EXPECT_NE(log.find("files/history.jsonl: it is no file, or a pipe that nobody reads; lost"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("files/history.jsonl: it is no file; lost"), std::string::npos) << log;
+}

@@ -1,0 +1,132 @@
+// The library's entry points: which add-in object each builds, hands out and destroys.
+
+#include <CEvent.h>
+#include <addin/CAddInInterface.h>
+#include <gtest/gtest.h>
+#include <scheduler/CSchedulerAddin.h>
+#include <scheduler/Scheduler.h>
+#include <sync/CMutex.h>
+
+#include <ctime>
+
+#include "AddinLibrary.h"
+#include "FakeSystem.h"
+#include "InsideLibrary.h"
+#include "ProgramTask.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+static constexpr time_t cNow = 1'000'000;
+
+TEST(EntryPoints, CreateAddInReturnsTheLoadedOneEachTime) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CAddInInterface* const addIn = library.CreateAddIn();
+    EXPECT_NE(addIn, nullptr);
+    EXPECT_EQ(library.CreateAddIn(), addIn);
+    EXPECT_EQ(addIn->name, "libVantrixScheduler.so");
+}
+
+TEST(EntryPoints, DestroyedAddInIsBuiltAnew) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.CreateAddIn());
+    EXPECT_EQ(inside.Instance(), nullptr);
+    EXPECT_EQ(inside.TaskList(), nullptr);
+    EXPECT_EQ(inside.Mutex(), nullptr);
+    EXPECT_EQ(inside.TaskChangedEvent(), nullptr);
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+    CSchedulerAddin* const addIn = inside.CreateAddIn();
+    EXPECT_EQ(inside.Instance(), addIn);
+    EXPECT_TRUE(addIn->isLoad());
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST(EntryPoints, CreateAddInRunsTheWholeConstructionAgain) {
+    CFakeSystem system(cNow);
+    WriteTable({});
+    const CAddinLibrary library;
+    library.DestroyAddIn(library.CreateAddIn());
+    WriteTable({Task("past", 1, 0), Task("future", cNow + 1, 0)});
+    library.CreateAddIn();
+    EXPECT_EQ(NamesInTable(), "future");
+}
+
+TEST(EntryPoints, DestroyAddInOfNullChangesNothing) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    CSchedulerAddin* const addIn = inside.Instance();
+    inside.DestroyAddIn(nullptr);
+    EXPECT_EQ(inside.Instance(), addIn);
+    EXPECT_NE(inside.TaskList(), nullptr);
+    inside.DestroyAddIn(addIn);
+    inside.DestroyAddIn(nullptr);
+    EXPECT_EQ(inside.Instance(), nullptr);
+}
+
+class COtherAddIn : public CAddInInterface {
+public:
+    explicit COtherAddIn(bool& destroyedFlag)
+        : CAddInInterface("other"), destroyed(destroyedFlag) {}
+    ~COtherAddIn() override { destroyed = true; }
+    void Run() override {}
+    void Load() override {}
+    void Unload() override {}
+    bool isLoad() override { return false; }
+    bool& destroyed;
+};
+
+TEST(EntryPoints, DestroyAddInOfAnotherObjectDeletesItAndKeepsTheRegisteredOne) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CAddInInterface* const addIn = library.CreateAddIn();
+    bool destroyed = false;
+    library.DestroyAddIn(new COtherAddIn(destroyed));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(library.CreateAddIn(), addIn);
+    EXPECT_TRUE(addIn->isLoad());
+}
+
+TEST(EntryPoints, HooksBuildAndDestroyTheOneInstance) {
+    WriteTable({});
+    const CAddinLibrary library;
+    CAddInInterface* const addIn = library.CreateAddIn();
+    library.SharedLibraryConstructor();
+    EXPECT_EQ(library.CreateAddIn(), addIn);
+    library.SharedLibraryDestructor();
+    EXPECT_FALSE(StoreSemaphoreExists());
+    library.SharedLibraryDestructor();
+    library.SharedLibraryConstructor();
+    EXPECT_TRUE(StoreSemaphoreExists());
+}
+
+TEST(EntryPoints, ObjectConstructedDirectlyIsNotRegistered) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    CSchedulerAddin* const direct = inside.NewAddin();
+    EXPECT_FALSE(direct->isLoad());
+    inside.DestroyAddIn(direct);
+    CSchedulerAddin* const registered = inside.CreateAddIn();
+    EXPECT_TRUE(registered->isLoad());
+}
+
+TEST(EntryPoints, SecondDestructionFindsTheSharedObjectsGone) {
+    WriteTable({});
+    const CInsideLibrary inside;
+    inside.DestroyAddIn(inside.Instance());
+    CSchedulerAddin* const first = inside.NewAddin();
+    auto* const list = inside.TaskList();
+    CMutex* const mutex = inside.Mutex();
+    CEvent* const event = inside.TaskChangedEvent();
+    CSchedulerAddin* const second = inside.NewAddin();
+    EXPECT_NE(inside.TaskList(), list) << "replaced, the old one is not deleted";
+    inside.DestroyAddIn(second);
+    EXPECT_EQ(inside.TaskList(), nullptr);
+    inside.DestroyAddIn(first);
+    EXPECT_EQ(inside.Mutex(), nullptr);
+    // Nobody owns the first ones any more.
+    delete list;
+    delete event;
+    delete mutex;
+}
