@@ -4,10 +4,10 @@
 
 #include "addin/CThread.h"
 
-// What a host sees of an add-in. The host loads the library, which builds the add-in at once;
-// obtains it with CreateAddIn(); calls Start(); and, to shut down, Stop(), Unload(), DestroyAddIn()
-// and dlclose, in this order. All of these are for the host's one loading thread; none takes a lock
-// of its own.
+// The interface of an add-in to its host. The host loads the library, which builds the add-in at
+// once; obtains it with CreateAddIn(); calls Start(); and, to shut down, Stop(), Unload(),
+// DestroyAddIn() and dlclose, in this order. All of these are for the host's one loading thread;
+// none takes a lock of its own.
 class CAddInInterface : public CThread {
 public:
     explicit CAddInInterface(const char* addInName);

@@ -12,7 +12,7 @@ class CEvent;
 class CThread {
 public:
     // Makes the stop event of `name` (auto-reset). If it cannot be made, `stopEvent` stays null and
-    // Stop() takes effect only once the worker looks at `stopRequested` by itself.
+    // Stop() takes effect only once the worker checks `stopRequested` by itself.
     explicit CThread(const char* name);
 
     // Stops and joins a worker that is running and was not stopped yet. A derived class's own
@@ -23,7 +23,7 @@ public:
     CThread& operator=(const CThread&) = delete;
 
     // Starts the worker. Returns 0, the error number of the thread's creation, or 1 when the object
-    // was started before. An object whose thread could not be created stays marked as running: no
+    // was started before. An object whose thread could not be created still counts as running: no
     // second try. A stopped object does not run again: its new worker ends at once.
     virtual int Start();
 

@@ -4,7 +4,8 @@
 
 #include <utility>
 
-// Owns an open file descriptor, or none (-1).
+// Owns an open file descriptor, or none (-1), and closes it; errors of close() are lost. Movable.
+// For one thread at a time.
 class CDescriptor {
 public:
     explicit CDescriptor(int openDescriptor = -1) : descriptor(openDescriptor) {}

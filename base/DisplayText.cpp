@@ -7,8 +7,8 @@ namespace vxsched {
 
 namespace {
 
-// The bytes of the UTF-8 character that the text begins with; 0 when it begins with none, or with a
-// control character. The text is not empty.
+// The length in bytes of the UTF-8 character at the beginning of `text`; 0 for a control character
+// and for bytes that are not UTF-8. `text` is not empty.
 std::size_t LengthOfCharacter(std::string_view text) {
     const auto lead = static_cast<unsigned char>(text.front());
     if (lead < 0x80)
@@ -22,7 +22,7 @@ std::size_t LengthOfCharacter(std::string_view text) {
             return 0;
         character = character << 6U | (static_cast<unsigned char>(next) & 0x3fU);
     }
-    // The least characters of each length; a shorter way to write one is the only valid one.
+    // The smallest character of each length: only the shortest encoding of a character is valid.
     constexpr std::uint32_t cLeast[] = {0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are controls
     const bool surrogate = character >= 0xd800 && character <= 0xdfff;
     return character >= cLeast[length - 2] && character <= 0x10ffff && !surrogate ? length : 0;
@@ -35,7 +35,7 @@ static bool IsPlain(char byte) {
 }
 
 std::size_t AppendShown(std::string_view text, std::string& to) {
-    // Nearly always all of it.
+    // Most strings are plain ASCII throughout.
     const auto plainEnd = std::find_if_not(text.begin(), text.end(), IsPlain);
     auto columns = static_cast<std::size_t>(plainEnd - text.begin());
     to.append(text.substr(0, columns));

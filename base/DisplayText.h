@@ -6,17 +6,17 @@
 
 namespace vxsched {
 
-// What a text looks like on a terminal.
+// A string made safe for a terminal.
 struct TShown {
     std::string text;
-    std::size_t columns = 0;  // a character is taken for one column wide
+    std::size_t columns = 0;  // each character counts as one column
 };
 
-// Control characters and bytes that are not UTF-8 are shown as U+FFFD, so that no text can steer the
-// terminal.
+// Replaces each control character and each byte that is not UTF-8 by U+FFFD, so that no string can
+// send control sequences to the terminal.
 TShown Show(std::string_view text);
 
-// The same, behind what `to` holds. Returns the columns.
+// Like Show(), but appends the result to `to`. Returns the columns that were added.
 std::size_t AppendShown(std::string_view text, std::string& to);
 
 }  // namespace vxsched

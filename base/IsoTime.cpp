@@ -13,8 +13,8 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 static std::string Format(const tm& calendar, const char* format) {
-    char text[64];
-    return {text, std::strftime(text, sizeof text, format, &calendar)};
+    char buffer[64];
+    return {buffer, std::strftime(buffer, sizeof buffer, format, &calendar)};
 }
 
 TMoment Now() {
@@ -34,10 +34,10 @@ std::string UtcTime(TMoment moment) {
     return UtcTime(whole, moment - whole);
 }
 
-std::optional<TMoment> ReadUtcTime(const std::string& text) {
-    const char* const end = text.c_str() + text.size();
+std::optional<TMoment> ReadUtcTime(const std::string& string) {
+    const char* const end = string.c_str() + string.size();
     long year = 0;
-    const auto [afterYear, yearError] = std::from_chars(text.c_str(), end, year);
+    const auto [afterYear, yearError] = std::from_chars(string.c_str(), end, year);
     tm calendar{};
     const char* const afterTime = strptime(afterYear, "-%m-%dT%T.", &calendar);
     if (yearError != std::errc() || !std::in_range<int>(year - 1900) || afterTime == nullptr)

@@ -6,15 +6,18 @@
 
 using TMoment = std::chrono::sys_time<std::chrono::milliseconds>;
 
+// The system clock's time. Any thread may call the functions of this header.
 TMoment Now();
 
-// As 2026-11-20T13:30:05.123Z, whatever the year; empty for a time whose year no calendar holds.
+// Formats a time as 2026-11-20T13:30:05.123Z; `rest` is the milliseconds. Empty if the year exceeds
+// the range of int.
 std::string UtcTime(std::chrono::sys_seconds seconds,
                     std::chrono::milliseconds rest = std::chrono::milliseconds(0));
 std::string UtcTime(TMoment moment);
 
-// The time that UtcTime() wrote so; none for any other text.
-std::optional<TMoment> ReadUtcTime(const std::string& text);
+// Parses what UtcTime() writes; empty for any other string.
+std::optional<TMoment> ReadUtcTime(const std::string& string);
 
-// As 2026-11-20T14:30:05.123+01:00, in the zone of this process.
+// Formats a time as 2026-11-20T14:30:05.123+01:00, in the local zone (TZ). Empty if the year
+// exceeds the range of int.
 std::string LocalTime(TMoment moment);

@@ -11,22 +11,22 @@ static bool Fits(mode_t kind, EAppendable what) {
            (S_ISFIFO(kind) && what == EAppendable::cAlsoAPipe);
 }
 
-CDescriptor OpenToAppend(const std::string& path, int flags, mode_t rights, EAppendable what,
+CDescriptor OpenToAppend(const std::string& path, int flags, mode_t mode, EAppendable what,
                          std::string& whyNot) {
     CDescriptor file(open(path.c_str(),
                           O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | flags,
-                          rights));
+                          mode));
     struct stat status {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
         whyNot =
-            errno == ENXIO ? "it is no file, or a pipe that nobody reads" : std::strerror(errno);
+            errno == ENXIO ? "it is not a file, or a FIFO without a reader" : std::strerror(errno);
         return CDescriptor();
     }
     if (!Fits(status.st_mode, what)) {
-        whyNot = "it is no file";
+        whyNot = "it is not a file";
         return CDescriptor();
     }
-    // Whoever gets it expects writes that wait, say for a terminal.
+    // O_NONBLOCK was for open() only: callers expect write() to block, on a terminal for example.
     if (!S_ISFIFO(status.st_mode))
         fcntl(file.Get(), F_SETFL, O_APPEND);
     return file;

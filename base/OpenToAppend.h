@@ -6,15 +6,16 @@
 
 #include "base/CDescriptor.h"
 
-// What somebody may have put in the place of a file.
+// The kinds of file that OpenToAppend() accepts.
 enum class EAppendable {
-    cFile,          // nothing else will do
-    cFileOrDevice,  // a terminal or /dev/null will do as well
-    cAlsoAPipe,     // and a pipe that somebody reads: what it does not take at once is then lost
+    cFile,          // regular files only
+    cFileOrDevice,  // also a terminal or /dev/null
+    cAlsoAPipe,     // also a FIFO with a reader; it stays non-blocking
 };
 
-// Opens a file for appending, made with these rights if it is missing; `flags` are further ones of
-// open(). Never waits, as the opening of a pipe does for its reader. None, with the reason in
-// `whyNot`, when it cannot be opened, or is something else than told.
-CDescriptor OpenToAppend(const std::string& path, int flags, mode_t rights, EAppendable what,
+// Opens a file for appending, close-on-exec; creates it with `mode` if it is missing. `flags` are
+// added to those of open(). Never blocks, not even on a FIFO without a reader. On failure returns a
+// closed descriptor and stores the reason in `whyNot`: the error of open(), or that the file is of
+// a kind that `what` does not accept.
+CDescriptor OpenToAppend(const std::string& path, int flags, mode_t mode, EAppendable what,
                          std::string& whyNot);

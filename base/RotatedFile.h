@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-// Moves `path` to `path`.1, over the one of last time, when it holds more than `limit` bytes once
-// `coming` more are added. False, with errno, when it had to be moved and could not; a file that is
-// missing or small enough, or empty, is true.
+// Renames `path` to `path`.1, replacing an older one, if `coming` more bytes would take it beyond
+// `limit` bytes. An empty file is never renamed. Returns false, with errno, if the rename failed;
+// true if it succeeded or was not needed, also for a missing file.
 bool RotateBeyond(const std::string& path, std::uint64_t limit, std::uint64_t coming = 0);

@@ -5,8 +5,8 @@
 
 #include <string>
 
-// What posix_spawn() takes besides program, arguments and environment, freed with the object. For one thread.
-
+// Attributes and file actions for posix_spawn(), freed with the object. For one thread at a time.
+// Errors of the functions that prepare them, which need memory only, are ignored.
 class CSpawnAttributes {
 public:
     CSpawnAttributes() { posix_spawnattr_init(&attributes); }
@@ -14,8 +14,8 @@ public:
     CSpawnAttributes(const CSpawnAttributes&) = delete;
     CSpawnAttributes& operator=(const CSpawnAttributes&) = delete;
 
-    // The program begins with an empty signal mask and every signal's default disposition, whatever the caller has
-    // blocked and ignored.
+    // The program gets an empty signal mask and default dispositions, instead of inheriting what
+    // the caller blocks and ignores.
     void ResetSignals() {
         sigset_t none;
         sigset_t all;
@@ -26,7 +26,8 @@ public:
         AddFlags(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     }
 
-    // The program leads a session of its own: what is typed at the caller's terminal does not end it.
+    // The program gets a session of its own, so that signals typed at the caller's terminal
+    // (Ctrl-C) do not reach it.
     void LeadSession() { AddFlags(POSIX_SPAWN_SETSID); }
 
     const posix_spawnattr_t* Get() const { return &attributes; }
@@ -41,8 +42,8 @@ private:
     posix_spawnattr_t attributes{};
 };
 
-// Done by the new process in the order in which they were added, before it becomes the program; one that fails is the
-// failure of posix_spawn().
+// Actions that the child process takes before it executes the program, in the order of the calls.
+// If one fails, posix_spawn() fails with its error.
 class CSpawnActions {
 public:
     CSpawnActions() { posix_spawn_file_actions_init(&actions); }

@@ -10,12 +10,12 @@
 #include <filesystem>
 #include <map>
 
-static std::map<std::string, std::string> gFolders;
+static std::map<std::string, std::string> gDirectories;
 
-static std::string MakeFolderIn(const std::string& parent) {
+static std::string MakeDirectoryIn(const std::string& parent) {
     std::string directory = parent + "/vantrix-bench-XXXXXX";
     if (mkdtemp(directory.data()) == nullptr) {
-        std::perror(("cannot make a folder in " + parent).c_str());
+        std::perror(("cannot make a directory in " + parent).c_str());
         std::exit(1);
     }
     std::filesystem::create_directory(directory + "/files");
@@ -44,9 +44,9 @@ static std::string FileSystemOf(const std::string& directory) {
 
 CPlaces::CPlaces() {
     const char* const memory = std::getenv("BENCH_MEMORY");
-    gFolders["disk"] = MakeFolderIn(std::filesystem::current_path().string());
-    gFolders["tmpfs"] = MakeFolderIn(memory != nullptr ? memory : "/dev/shm");
-    for (const auto& [place, directory] : gFolders)
+    gDirectories["disk"] = MakeDirectoryIn(std::filesystem::current_path().string());
+    gDirectories["tmpfs"] = MakeDirectoryIn(memory != nullptr ? memory : "/dev/shm");
+    for (const auto& [place, directory] : gDirectories)
         benchmark::AddCustomContext(place, FileSystemOf(directory));
     EnterPlace(cPlaces[0]);
 }
@@ -54,10 +54,10 @@ CPlaces::CPlaces() {
 CPlaces::~CPlaces() {
     std::error_code ignored;
     std::filesystem::current_path("/", ignored);
-    for (const auto& [place, directory] : gFolders)
+    for (const auto& [place, directory] : gDirectories)
         std::filesystem::remove_all(directory, ignored);
 }
 
 void EnterPlace(const std::string& place) {
-    std::filesystem::current_path(gFolders.at(place));
+    std::filesystem::current_path(gDirectories.at(place));
 }

@@ -2,13 +2,13 @@
 
 #include <string>
 
-// The folders that are measured in: "disk" on the file system of the current directory, "tmpfs" in
-// memory, below /dev/shm or the folder that the environment variable BENCH_MEMORY names.
+// The directories of the benchmarks: "disk" on the file system of the current directory, "tmpfs" in
+// memory, below /dev/shm or the directory in the environment variable BENCH_MEMORY.
 
 inline constexpr const char* cPlaces[] = {"disk", "tmpfs"};
 
-// Makes the folders for as long as it lives, enters the first and says in the benchmark's context
-// which file system each is on. A folder that cannot be made ends the process with status 1.
+// Creates the directories and removes them when destroyed, enters the first, and records in the
+// benchmark's context which file system each is on. Exits with status 1 if one cannot be created.
 class CPlaces {
 public:
     CPlaces();
@@ -17,5 +17,5 @@ public:
     CPlaces& operator=(const CPlaces&) = delete;
 };
 
-// Makes that place the working directory. While a CPlaces lives.
+// Makes that place the working directory. Needs a CPlaces.
 void EnterPlace(const std::string& place);

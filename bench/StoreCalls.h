@@ -2,10 +2,10 @@
 
 #include <cstddef>
 
-// The system calls of an operation that are not about the file's content, as the library makes
-// them: on semaphores of this process's own.
+// The system calls of an operation that do not transfer the file's content, as the library makes
+// them, on semaphores of this process.
 
-// Takes and gives back a semaphore for a scope, with the undo that a killed process needs.
+// Takes a semaphore and releases it at the end of the scope, with SEM_UNDO.
 class CSemaphorePair {
 public:
     CSemaphorePair();
@@ -14,7 +14,7 @@ public:
     CSemaphorePair& operator=(const CSemaphorePair&) = delete;
 };
 
-// Whether an event is signalled, and its signalling; two semaphores.
+// Tests and signals an event; two semaphores.
 bool TestSemaphore();
 void SignalSemaphore();
 

@@ -15,7 +15,7 @@ bool RegisterTableBenchmark(const std::string& operation, const std::string& way
                 "table/" + operation + '/' + way + '/' + place + '/' + std::to_string(tasks);
             benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
                 try {
-                    // What earlier ones left of the heap is not this one's.
+                    // Release the heap that earlier benchmarks left.
                     malloc_trim(0);
                     EnterPlace(place);
                     body(state, tasks);

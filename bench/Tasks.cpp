@@ -5,14 +5,14 @@
 #include <iterator>
 #include <stdexcept>
 
-// `start`, then the number with as many digits as it takes to make the text `length` bytes long.
-static std::string Text(const std::string& start, std::size_t index, std::size_t length) {
+// `prefix`, then the number with as many digits as make the string `length` bytes long.
+static std::string Numbered(const std::string& prefix, std::size_t index, std::size_t length) {
     const std::string number = std::to_string(index);
-    return start + std::string(length - start.size() - number.size(), '0') + number;
+    return prefix + std::string(length - prefix.size() - number.size(), '0') + number;
 }
 
 std::string NameOf(std::size_t index) {
-    return Text("nightly-report-", index, 24);
+    return Numbered("nightly-report-", index, 24);
 }
 
 long NextExecutionOf(std::size_t index) {
@@ -24,8 +24,8 @@ void Fill(TTask& task, std::size_t index) {
     task.nextExecution = NextExecutionOf(index);
     task.lastExecuted = 1'700'000'000;
     task.period = 24;
-    task.program = Text("/opt/vantrix/bin/report-", index, 32);
-    task.parameters = Text("--configuration /etc/vantrix/report-", index, 48);
+    task.program = Numbered("/opt/vantrix/bin/report-", index, 32);
+    task.parameters = Numbered("--configuration /etc/vantrix/report-", index, 48);
 }
 
 void FillTasks(TTaskList& list, std::size_t count) {
@@ -47,9 +47,9 @@ namespace {
 struct TAppender {
     std::string& bytes;
 
-    void operator()(const std::string& text) const {
-        Append(static_cast<std::uint32_t>(text.size()));
-        bytes += text;
+    void operator()(const std::string& value) const {
+        Append(static_cast<std::uint32_t>(value.size()));
+        bytes += value;
     }
     template <typename Integer>
     void operator()(const Integer& value) const {

@@ -8,8 +8,8 @@
 #include <list>
 #include <string>
 
-// The tasks that everything is measured with: texts of a realistic length (name 24, program 32,
-// parameters 48 bytes), never due.
+// The tasks of all benchmarks: strings of a realistic length (name 24, program 32, parameters 48
+// bytes), never due.
 
 using TTaskList = std::list<TTask*>;
 
@@ -25,13 +25,13 @@ void ClearTasks(TTaskList& list);
 inline constexpr std::size_t cNone = SIZE_MAX;
 std::string BytesOfTable(std::size_t count, std::size_t paused = cNone);
 
-// The table as the file of the working directory.
+// The table as the task file of the working directory.
 void WriteTaskFile(std::size_t count);
 
 std::string ContentOfTaskFile();
 
-// Builds the list from what `reader` delivers, and hands the list to `writer`, field by field as
-// ForEachField() does; the number of tasks goes as a time_t, which has its size.
+// Builds the list from the fields that `reader` delivers, and passes the list to `writer`, field by
+// field as ForEachField() does; the number of tasks is transferred as a time_t, which has its size.
 template <typename Reader>
 void ReadTasks(TTaskList& list, const Reader& reader) {
     ClearTasks(list);

@@ -1,4 +1,4 @@
-// Loading and saving the same file with a system call for each field, two for a text.
+// Loading and saving the same file with a system call for each field, two for a string.
 
 #include <scheduler/TaskFields.h>
 #include <unistd.h>
@@ -12,11 +12,11 @@ namespace {
 struct TCallReader {
     int file;
 
-    void operator()(std::string& text) const {
+    void operator()(std::string& value) const {
         std::uint32_t length = 0;
         (*this)(length);
-        text.resize(length);
-        Read(text.data(), length);
+        value.resize(length);
+        Read(value.data(), length);
     }
     template <typename Integer>
     void operator()(Integer& value) const {
@@ -30,9 +30,9 @@ struct TCallReader {
 struct TCallWriter {
     int file;
 
-    void operator()(const std::string& text) const {
-        (*this)(static_cast<std::uint32_t>(text.size()));
-        Write(text.data(), text.size());
+    void operator()(const std::string& value) const {
+        (*this)(static_cast<std::uint32_t>(value.size()));
+        Write(value.data(), value.size());
     }
     template <typename Integer>
     void operator()(const Integer& value) const {

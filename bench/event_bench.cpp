@@ -1,5 +1,5 @@
-// Named events, beside a futex in shared memory and an eventfd: signalling one that nobody waits
-// for, testing one, and waking a process that waits and being woken by it.
+// Named events, compared with a futex in shared memory and an eventfd: signalling one without
+// waiters, testing one, and waking a waiting process that wakes this one in turn.
 
 #include <CEvent.h>
 #include <benchmark/benchmark.h>
@@ -19,7 +19,7 @@
 #include <string>
 
 // Each kind of event has the same four operations; Wait() consumes the signal, Test() does not.
-// What is made before a fork works on both sides of it.
+// An event created before a fork works in both processes.
 namespace {
 
 class CNamedEvent {
@@ -105,11 +105,11 @@ static void Test(benchmark::State& state) {
         signalled &= event.Test();
     event.Reset();
     if (!signalled || event.Test())
-        state.SkipWithError("the test does not tell the event's state");
+        state.SkipWithError("the test does not return the event's state");
 }
 
-// Keeps the process on one processor, where there is a second one: which two a waker and its waiter
-// happen to run on decides more than what wakes.
+// Pins the process to one processor, if there is a second one: the placement of waker and waiter
+// would affect the time more than the kind of event does.
 class CProcessor {
 public:
     explicit CProcessor(std::size_t number) {

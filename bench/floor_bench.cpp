@@ -1,5 +1,5 @@
-// The floor: the bare system calls of each operation, with one read and one write for all of the
-// file, and the same list built from or encoded to a buffer in memory that is there already.
+// The floor: only the system calls of each operation, with one read and one write for the complete
+// file, and the same list decoded from or encoded to a buffer that is allocated before.
 
 #include <unistd.h>
 
@@ -16,10 +16,10 @@ namespace {
 struct TDecoder {
     const char*& at;
 
-    void operator()(std::string& text) const {
+    void operator()(std::string& value) const {
         std::uint32_t length = 0;
         (*this)(length);
-        text.assign(at, length);
+        value.assign(at, length);
         at += length;
     }
     template <typename Integer>
@@ -32,10 +32,10 @@ struct TDecoder {
 struct TEncoder {
     char*& at;
 
-    void operator()(const std::string& text) const {
-        (*this)(static_cast<std::uint32_t>(text.size()));
-        std::memcpy(at, text.data(), text.size());
-        at += text.size();
+    void operator()(const std::string& value) const {
+        (*this)(static_cast<std::uint32_t>(value.size()));
+        std::memcpy(at, value.data(), value.size());
+        at += value.size();
     }
     template <typename Integer>
     void operator()(const Integer& value) const {

@@ -1,5 +1,5 @@
-// Taking and giving back the mutex that nobody else wants, beside a robust mutex in shared memory
-// and a locked file. All three are given back by the system when their holder is killed.
+// Locking and unlocking the store mutex without contention, compared with a robust mutex in shared
+// memory and a locked file. The system releases all three when their holder is killed.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -17,7 +17,7 @@ static void StoreMutex(benchmark::State& state) {
         mutex.Unlock();
     }
     if (!locked || mutex.Lock(0) != LOCK_ACQUIRED)
-        state.SkipWithError("the mutex was not had");
+        state.SkipWithError("the mutex was not locked");
 }
 
 static void RobustMutex(benchmark::State& state) {
@@ -36,7 +36,7 @@ static void RobustMutex(benchmark::State& state) {
         failures += pthread_mutex_unlock(mutex);
     }
     if (failures != 0)
-        state.SkipWithError("the mutex was not had");
+        state.SkipWithError("the mutex was not locked");
     pthread_mutex_destroy(mutex);
     munmap(mutex, sizeof *mutex);
 }

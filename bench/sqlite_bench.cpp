@@ -1,6 +1,6 @@
-// The same table in SQLite, which does not wait for the disk here, as the library does not: a
-// handle that is kept, with its statements prepared, and one that is opened for each call; with a
-// write-ahead log and with a rollback journal.
+// The same table in SQLite, which is configured not to wait for the disk, like the library: a
+// handle that stays open, with its statements prepared, and one that is opened for each call; with
+// a write-ahead log and with a rollback journal.
 
 #include <sqlite3.h>
 
@@ -14,22 +14,22 @@ namespace {
 
 class CStatement {
 public:
-    CStatement(sqlite3* database, const char* text) {
-        if (sqlite3_prepare_v2(database, text, -1, &statement, nullptr) != SQLITE_OK)
+    CStatement(sqlite3* database, const char* sql) {
+        if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK)
             throw std::runtime_error(sqlite3_errmsg(database));
     }
     ~CStatement() { sqlite3_finalize(statement); }
     CStatement(const CStatement&) = delete;
     CStatement& operator=(const CStatement&) = delete;
 
-    // The text stays the caller's, and has to last until the statement was executed.
-    void Bind(int index, const std::string& text) const {
-        sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()),
+    // The caller keeps `value` alive until the statement was executed.
+    void Bind(int index, const std::string& value) const {
+        sqlite3_bind_text(statement, index, value.data(), static_cast<int>(value.size()),
                           SQLITE_STATIC);
     }
     void Bind(int index, sqlite3_int64 value) const { sqlite3_bind_int64(statement, index, value); }
 
-    // True when there is a row, false at the end, where the statement is ready for the next time.
+    // True when there is a row, false at the end, where the statement is reset for the next use.
     bool Step() const {
         const int result = sqlite3_step(statement);
         if (result == SQLITE_ROW)
@@ -45,9 +45,9 @@ public:
     }
 
     sqlite3_int64 Number(int column) const { return sqlite3_column_int64(statement, column); }
-    void Text(int column, std::string& text) const {
-        text.assign(reinterpret_cast<const char*>(sqlite3_column_text(statement, column)),
-                    static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    void String(int column, std::string& value) const {
+        value.assign(reinterpret_cast<const char*>(sqlite3_column_text(statement, column)),
+                     static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
     }
 
 private:
@@ -65,7 +65,7 @@ public:
     CDatabase(const CDatabase&) = delete;
     CDatabase& operator=(const CDatabase&) = delete;
 
-    void Execute(const char* text) const { CStatement(database, text).Execute(); }
+    void Execute(const char* sql) const { CStatement(database, sql).Execute(); }
     // A property of the connection, not of the file.
     void DoNotSync() const { Execute("PRAGMA synchronous = OFF"); }
     sqlite3* Handle() const { return database; }
@@ -81,7 +81,7 @@ static constexpr char cChange[] = "UPDATE tasks SET paused = 1 - paused WHERE na
 static constexpr char cReadAll[] =
     "SELECT name, next, last, period, program, parameters, paused FROM tasks ORDER BY rowid";
 
-// The database of that many tasks in the working directory, made when it is first wanted.
+// The database of that many tasks in the working directory, created on first use.
 static std::string DatabaseOf(const std::string& journal, std::size_t tasks) {
     const std::string path = "tasks-" + journal + '-' + std::to_string(tasks) + ".db";
     if (std::filesystem::exists(path))
@@ -128,12 +128,12 @@ static std::size_t ReadAll(const CStatement& statement, TTaskList& list) {
     ClearTasks(list);
     while (statement.Step()) {
         auto* const task = new TTask;
-        statement.Text(0, task->name);
+        statement.String(0, task->name);
         task->nextExecution = statement.Number(1);
         task->lastExecuted = statement.Number(2);
         task->period = static_cast<std::uint32_t>(statement.Number(3));
-        statement.Text(4, task->program);
-        statement.Text(5, task->parameters);
+        statement.String(4, task->program);
+        statement.String(5, task->parameters);
         task->paused = static_cast<std::int32_t>(statement.Number(6));
         list.push_back(task);
     }

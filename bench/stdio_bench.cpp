@@ -13,11 +13,11 @@ namespace {
 struct TStreamReader {
     std::FILE* file;
 
-    void operator()(std::string& text) const {
+    void operator()(std::string& value) const {
         std::uint32_t length = 0;
         (*this)(length);
-        text.resize(length);
-        Read(text.data(), length);
+        value.resize(length);
+        Read(value.data(), length);
     }
     template <typename Integer>
     void operator()(Integer& value) const {
@@ -31,9 +31,9 @@ struct TStreamReader {
 struct TStreamWriter {
     std::FILE* file;
 
-    void operator()(const std::string& text) const {
-        (*this)(static_cast<std::uint32_t>(text.size()));
-        Write(text.data(), text.size());
+    void operator()(const std::string& value) const {
+        (*this)(static_cast<std::uint32_t>(value.size()));
+        Write(value.data(), value.size());
     }
     template <typename Integer>
     void operator()(const Integer& value) const {

@@ -1,4 +1,4 @@
-// The operations on the table through the library as other programs load it, and through its file.
+// The operations on the table, through the library as other programs load it.
 
 #include <thread>
 
@@ -8,14 +8,14 @@
 
 namespace {
 
-// The one load of the library in this process, on the table of `tasks` tasks. The list is emptied
-// when the benchmark is over, so that no other one has it in its memory.
+// The only load of the library in this process, on the table of `tasks` tasks. The list is cleared
+// after the benchmark, so that its memory does not affect the next one.
 class CLoadedTable {
 public:
     explicit CLoadedTable(std::size_t tasks) {
-        // Whichever thread ticked last is the scheduling one; the calls of all others read the
-        // file. It may read the file too, so there is nothing in it yet: the list is built once,
-        // in fresh memory, as the floor's is.
+        // The thread that ticked last is the scheduling one; calls of all others read the file. The
+        // tick may read the file too, so the file is empty here: the list is built once, in fresh
+        // memory, like the floor's.
         WriteTaskFile(0);
         std::thread([this] { library.Tick(); }).join();
         WriteTaskFile(tasks);
@@ -25,7 +25,7 @@ public:
     CLoadedTable(const CLoadedTable&) = delete;
     CLoadedTable& operator=(const CLoadedTable&) = delete;
 
-    // Calls of this thread take the list in memory from now on.
+    // From now on calls of this thread use the list in memory.
     void BecomeSchedulingThread() const { library.Tick(); }
 
     const CAddinLibrary& library = Library();
@@ -58,7 +58,7 @@ static void Query(benchmark::State& state, std::size_t tasks) {
     AskForTask(state, tasks, tasks - 1);
 }
 
-// Found at once, so what is left is the loading.
+// Found at once, so that the loading dominates.
 static void Load(benchmark::State& state, std::size_t tasks) {
     AskForTask(state, tasks, 0);
 }

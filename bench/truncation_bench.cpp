@@ -1,5 +1,5 @@
-// What it costs to cut the file to nothing before it is written: the same bytes written over it
-// with and without that.
+// The cost of truncating the file before it is written: the same bytes are written with and without
+// O_TRUNC.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -4,7 +4,9 @@
 
 namespace vxsched {
 
-// Beside the command's own folder, in the build as when it is installed.
+// The command has the client library linked into itself, so it searches the directories of
+// libraries next to its own directory "bin". These are the same in the build tree and in an
+// installation.
 std::string LibraryDirectory() {
     std::error_code ignored;
     const std::filesystem::path root =

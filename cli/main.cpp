@@ -1,4 +1,4 @@
-// vxsched: shows and changes the tasks of a directory.
+// The command vxsched: parses the command line, runs the command, and maps errors to exit statuses.
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
@@ -33,44 +33,46 @@ int StatusOf(EError error) {
     return cRefusedStatus;
 }
 
-// What the command line says, and what is to be done for it.
+// The options of every command and their values, and the command that was chosen.
 class CCommandLine {
 public:
     CCommandLine();
 
-    // The exit status. Throws CLI::ParseError and what the commands throw.
+    // Parses the arguments, runs the command, and returns the exit status. Throws CLI::ParseError,
+    // and whatever the command throws.
     int Run(int argc, const char* const* argv);
 
-    int Explain(const CLI::Success& request) const {
+    // Prints the help or the version and returns the exit status.
+    int PrintRequested(const CLI::Success& request) const {
         return app.exit(request, std::cout, std::cerr);
     }
 
-    // What is wrong with the command line.
-    std::string Problem(const CLI::ParseError& error) const {
+    // The message for a command line that could not be parsed.
+    std::string MessageFor(const CLI::ParseError& error) const {
         const std::vector<std::string> unknown = app.remaining();
         if (app.get_subcommands().empty() && !unknown.empty())
-            return "there is no command \"" + unknown.front() + '"';
+            return "unknown command \"" + unknown.front() + '"';
         return error.what();
     }
 
 private:
     using TCommand = std::function<int()>;
 
-    // Adds to a command what it takes.
+    // Adds a command's options and arguments to it.
     using TOptions = std::function<void(CLI::App&)>;
 
-    // `options` is called when it is this command that is asked for: describing all options of all
-    // commands takes a quarter of a short command's time.
+    // Adds a command. `options` is called only if the command line has this command: describing the
+    // options of all commands would take a quarter of a short command's time.
     void Add(const char* name, const char* description, TCommand command, TOptions options);
     void AddForNames(const char* name, const char* description,
                      int (*command)(const TCommon&, const TNames&, COutput&), bool isForcible);
-    void AddReading();
-    void AddChanging();
-    void AddKeeping();
+    void AddQueries();
+    void AddChanges();
+    void AddMaintenance();
     void AddDryRun(CLI::App& command);
     void AddForce(CLI::App& command);
     void AddName(CLI::App& command);
-    void WarnOfNoHost() const;
+    void WarnIfNoHostHasRun() const;
 
     CLI::App app{"Shows and changes the scheduled tasks of a directory.", "vxsched"};
     COutput output;
@@ -107,20 +109,20 @@ CCommandLine::CCommandLine() {
         ->envname("VXSCHED_DIRECTORY")
         ->type_name("DIR")
         ->capture_default_str();
-    app.add_option("--patience", lockTimeout, "How long to wait for others, in seconds")
+    app.add_option("--lock-timeout", lockTimeout,
+                   "How long to wait for each lock and for the scheduling process, in seconds")
         ->check(CLI::Range(0.0, 86400.0).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
-    app.add_flag("--utc", utc, "Show times in UTC");
+    app.add_flag("--utc", utc, "Print times in UTC");
     app.footer(
-        "Times: 2026-11-21 14:30 (local; Z or +01:00 behind it for others), 14:30, tomorrow "
-        "02:00,\n"
-        "now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
-        "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no such task, 4 no access,\n"
+        "Times: 2026-11-21 14:30 (local; append Z or +01:00 for another zone), 14:30,\n"
+        "tomorrow 02:00, now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
+        "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task, 4 no access,\n"
         "5 damaged table, 6 no scheduling process.");
-    AddReading();
-    AddChanging();
-    AddKeeping();
+    AddQueries();
+    AddChanges();
+    AddMaintenance();
 }
 
 void CCommandLine::Add(const char* name, const char* description, TCommand command,
@@ -131,71 +133,73 @@ void CCommandLine::Add(const char* name, const char* description, TCommand comma
         [added, options = std::move(options)](std::size_t /*left*/) { options(*added); });
 }
 
-void CCommandLine::AddReading() {
+void CCommandLine::AddQueries() {
     const auto addJson = [this](CLI::App& command) {
-        command.add_flag("--json", common.json, "As JSON, with a version");
+        command.add_flag("--json", common.json, "Print JSON, with the version of its format");
     };
     Add(
-        "list", "All tasks, by their next start",
+        "list", "List all tasks by their next due time",
         [this] { return List(common, namesOnly, output); },
         [this, addJson](CLI::App& list) {
             addJson(list);
-            list.add_flag("--names", namesOnly, "Only the names, one a line, in the table's order");
+            list.add_flag("--names", namesOnly,
+                          "Print only the names, one per line, in the table's order");
         });
     Add(
-        "show", "All of one task, its last runs, and why it is not running",
+        "show", "Show one task, its last runs, and why it is not running",
         [this] { return ShowTask(common, task.name, output); },
         [this, addJson](CLI::App& show) {
             addJson(show);
             AddName(show);
         });
     Add(
-        "next", "The coming runs of all tasks, in time order",
+        "next", "List the coming runs of all tasks in time order",
         [this] { return Next(common, count, until, output); },
         [this, addJson](CLI::App& next) {
             addJson(next);
-            next.add_option("--count", count, "How many; 10 unless --until is given")
+            next.add_option("--count", count, "Number of runs; 10 unless --until is given")
                 ->check(CLI::Range(1, 1'000'000).description(""));
-            next.add_option("--until", until, "Not beyond this time")->type_name("TIME");
+            next.add_option("--until", until, "List runs up to this time")->type_name("TIME");
         });
     Add(
-        "history", "The last runs of one task or of all, as the host recorded them",
+        "history", "List the last runs of one task or of all tasks, as the host recorded them",
         [this] { return History(common, task.name, count, failedOnly, output); },
         [this, addJson](CLI::App& history) {
             addJson(history);
-            history.add_option("name", task.name, "The task; it may be gone by now");
-            history.add_option("--count", count, "How many; 20 unless given")
+            history.add_option("name", task.name, "The task; it may have been removed since");
+            history.add_option("--count", count, "Number of runs; default 20")
                 ->check(CLI::Range(1, 1'000'000).description(""));
-            history.add_flag(
-                "--failed", failedOnly,
-                "Only what exited with another status than 0, was killed, not started or missed");
+            history.add_flag("--failed", failedOnly,
+                             "List only runs that failed (status other than 0), were killed, could "
+                             "not start or were missed");
         });
     Add(
-        "status", "The scheduling process, the mutex and the table",
+        "status", "Show the scheduling process, the store mutex and the table",
         [this] { return Status(common, output); }, addJson);
     Add(
-        "check", "What is wrong with the table, and where",
+        "check", "Check the table and report its problems",
         [this] { return CheckTable(common, file, output); },
         [this, addJson](CLI::App& check) {
             addJson(check);
-            check.add_option("file", file, "Another table's file");
+            check.add_option("file", file, "File to check instead of the directory's table");
         });
 }
 
 void CCommandLine::AddDryRun(CLI::App& command) {
-    command.add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
-    command.add_flag("--even-if-due", common.store.evenIfDue,
-                     "Go on when tasks are due and no scheduling process is there; they stay due");
+    command.add_flag("--dry-run", common.dryRun, "Print what would be done and change nothing");
+    command.add_flag(
+        "--even-if-due", common.store.evenIfDue,
+        "Allow the change while tasks are due and no scheduling process runs; they stay due");
 }
 
 void CCommandLine::AddForce(CLI::App& command) {
     command
         .add_option("--force", forced,
-                    "Pass over what is unwise: missing-program, not-executable, relative-path, "
-                    "wrapped-period, past-start")
-        ->type_name("WHAT")
+                    "Skip a check; repeatable: missing-program, not-executable, relative-path, "
+                    "wrapped-period, past-due")
+        ->type_name("CHECK")
         ->check(CLI::IsMember({"missing-program", "not-executable", "relative-path",
-                               "wrapped-period", "past-start"})
+                               "wrapped-period", "past-due"})
                     .description(""))
         ->expected(1)
         ->take_all();
@@ -218,43 +222,42 @@ void CCommandLine::AddForNames(const char* name, const char* description,
         });
 }
 
-void CCommandLine::AddChanging() {
+void CCommandLine::AddChanges() {
     Add(
-        "create", "Add a task, or replace one",
+        "create", "Create a task, or replace one",
         [this] { return Create(common, task, replace, output); },
         [this](CLI::App& create) {
             AddName(create);
-            create.add_option("--at", task.at, "The first start; now unless given")
-                ->type_name("TIME");
-            create.add_option("--every", task.every, "The period; once unless given")
-                ->type_name("PERIOD");
-            create.add_flag("--replace", replace, "In the place of the task of that name");
+            create.add_option("--at", task.at, "First due time; default now")->type_name("TIME");
+            create.add_option("--every", task.every, "Period; default once")->type_name("PERIOD");
+            create.add_flag("--replace", replace, "Replace the task if one of this name exists");
             create
                 .add_option("program", task.program,
-                            "The program's absolute path; put -- in front of it and its parameter")
+                            "Absolute path of the program; write -- before it and its parameter")
                 ->required();
             create.add_option("parameter", task.parameter,
-                              "The one parameter text that it is started with");
+                              "The single argument that the program is launched with");
             AddDryRun(create);
             AddForce(create);
         });
     Add(
-        "edit", "Change only what is named", [this] { return Edit(common, task, output); },
+        "edit", "Change the given fields of a task", [this] { return Edit(common, task, output); },
         [this](CLI::App& edit) {
             AddName(edit);
-            edit.add_option("--at", task.at, "The next start")->type_name("TIME");
-            edit.add_option("--every", task.every, "The period")->type_name("PERIOD");
-            edit.add_option("--program", task.program, "The program's absolute path")
+            edit.add_option("--at", task.at, "Next due time")->type_name("TIME");
+            edit.add_option("--every", task.every, "Period")->type_name("PERIOD");
+            edit.add_option("--program", task.program, "Absolute path of the program")
                 ->type_name("PATH");
-            edit.add_option("--parameter", task.parameter, "The parameter text")->type_name("TEXT");
+            edit.add_option("--parameter", task.parameter, "Argument of the program")
+                ->type_name("TEXT");
             AddDryRun(edit);
             AddForce(edit);
         });
-    AddForNames("remove", "Remove tasks; all of them, or none if one is not there", Remove, false);
-    AddForNames("pause", "Pass tasks over from now on", Pause, false);
-    AddForNames("resume", "Undo a pause; a missed start is moved on", Resume, true);
+    AddForNames("remove", "Remove tasks; if one does not exist, none is removed", Remove, false);
+    AddForNames("pause", "Skip tasks until they are resumed", Pause, false);
+    AddForNames("resume", "Undo a pause; a missed task is rescheduled", Resume, true);
     Add(
-        "period", "Another period, counted on from the last time on the task's grid",
+        "period", "Change the period; the next due time stays on the task's grid",
         [this] { return SetPeriod(common, task.name, period, output); },
         [this](CLI::App& added) {
             AddName(added);
@@ -267,27 +270,27 @@ void CCommandLine::AddChanging() {
         [this] { return vxsched::Run(common, task.name, force, wait, output); },
         [this](CLI::App& run) {
             AddName(run);
-            run.add_flag("--force", force, "Although it is running already");
-            run.add_flag("--wait", wait, "Wait for its end; its failure is status 1");
+            run.add_flag("--force", force, "Start it even if it is already running");
+            run.add_flag("--wait", wait, "Wait until it exits; a failed run gives exit status 1");
             AddDryRun(run);
         });
     Add(
-        "wake", "Have the scheduling process look at once", [this] { return Wake(common, output); },
-        [](CLI::App& /*wake*/) {});
+        "wake", "Make the scheduling process check for due tasks now",
+        [this] { return Wake(common, output); }, [](CLI::App& /*wake*/) {});
 }
 
-void CCommandLine::AddKeeping() {
+void CCommandLine::AddMaintenance() {
     const auto addDryRun = [this](CLI::App& command) {
-        command.add_flag("--dry-run", common.dryRun, "Say what would be done, and change nothing");
+        command.add_flag("--dry-run", common.dryRun, "Print what would be done and change nothing");
     };
     Add(
-        "repair", "Make a sound table of a damaged one, keeping what can be",
+        "repair", "Repair a damaged table, keeping every task that can be read",
         [this] { return Repair(common, output); }, addDryRun);
     Add(
-        "export", "The whole table as JSON", [this] { return Export(common, output); },
+        "export", "Print the table as JSON", [this] { return Export(common, output); },
         [](CLI::App& /*export*/) {});
     Add(
-        "import", "Add the tasks of an export",
+        "import", "Import the tasks of an export",
         [this] {
             return Import(common, file.empty() ? "-" : file,
                           replace ? EImport::cReplace
@@ -296,14 +299,15 @@ void CCommandLine::AddKeeping() {
                           output);
         },
         [this, addDryRun](CLI::App& import) {
-            import.add_option("file", file, "The export; standard input unless given, or -");
+            import.add_option("file", file, "Exported file; standard input if omitted or -");
             CLI::Option* const whole =
-                import.add_flag("--replace", replace, "Make the import the whole table");
-            import.add_flag("--merge", merge, "Overwrite tasks of the same name")->excludes(whole);
+                import.add_flag("--replace", replace, "Replace the whole table");
+            import.add_flag("--merge", merge, "Overwrite tasks that have the same name")
+                ->excludes(whole);
             addDryRun(import);
         });
     Add(
-        "completion", "Print what a shell needs to complete this command",
+        "completion", "Print the completion script for a shell",
         [this] { return PrintCompletion(shell, output); },
         [this](CLI::App& completion) {
             completion.add_option("shell", shell, "The shell")
@@ -312,13 +316,13 @@ void CCommandLine::AddKeeping() {
         });
 }
 
-// The wrong directory looks like an empty table.
-void CCommandLine::WarnOfNoHost() const {
+// A mistyped directory would otherwise look like an empty table.
+void CCommandLine::WarnIfNoHostHasRun() const {
     std::error_code ignored;
     if (std::filesystem::is_directory(directory, ignored) &&
         !std::filesystem::exists(directory + "/files", ignored))
         std::cerr << "vxsched: no host has run in " << directory
-                  << "; --directory or VXSCHED_DIRECTORY names another directory\n";
+                  << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
 
 int CCommandLine::Run(int argc, const char* const* argv) {
@@ -329,23 +333,25 @@ int CCommandLine::Run(int argc, const char* const* argv) {
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
     if (file.empty() && shell.empty())
-        WarnOfNoHost();
+        WarnIfNoHostHasRun();
     const int status = chosen();
     try {
         output.Finish();
     } catch (const CError& error) {
-        throw CError(error.Code(), std::string(error.what()) + "; all but this was done as asked");
+        throw CError(error.Code(),
+                     std::string(error.what()) + "; the command itself was carried out");
     }
     return status;
 }
 
-int Fail(const std::string& text, int status) {
-    // A message may have several lines, each of them shown safely.
+// Prints the message, which may have several lines; Show() would replace their line ends.
+int Fail(const std::string& message, int status) {
     std::string shown;
-    for (std::size_t start = 0; start <= text.size();) {
-        const std::size_t end = std::min(text.find('\n', start), text.size());
-        shown += (shown.empty() ? "vxsched: " : "\n") + Show(text.substr(start, end - start)).text;
-        start = end + 1;
+    for (std::size_t offset = 0; offset <= message.size();) {
+        const std::size_t end = std::min(message.find('\n', offset), message.size());
+        shown +=
+            (shown.empty() ? "vxsched: " : "\n") + Show(message.substr(offset, end - offset)).text;
+        offset = end + 1;
     }
     std::cerr << shown << '\n';
     return status;
@@ -356,9 +362,9 @@ int Main(int argc, const char* const* argv) {
     try {
         return line.Run(argc, argv);
     } catch (const CLI::Success& request) {
-        return line.Explain(request);
+        return line.PrintRequested(request);
     } catch (const CLI::ParseError& error) {
-        return Fail(line.Problem(error) + ". vxsched --help shows how it is used.", cUsageStatus);
+        return Fail(line.MessageFor(error) + ". See vxsched --help.", cUsageStatus);
     } catch (const CParseError& error) {
         return Fail(error.what(), cUsageStatus);
     } catch (const CUsageError& error) {
@@ -378,6 +384,6 @@ int main(int argc, char** argv) {
     try {
         return vxsched::Main(argc, argv);
     } catch (...) {
-        return vxsched::cRefusedStatus;  // not even its message could be made
+        return vxsched::cRefusedStatus;  // even the message could not be built
     }
 }

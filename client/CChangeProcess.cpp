@@ -21,18 +21,19 @@ namespace vxsched {
 CChangeProcess::CChangeProcess(const TRequest& request) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == -1)
-        throw SystemError("cannot make a socket pair", errno);
+        throw SystemError("cannot make a socket pair for the change process", errno);
     socket = ends[0];
     std::string program = LibraryDirectory() + "/vantrix/vxsched-change";
     std::array<char*, 2> arguments = {program.data(), nullptr};
     CSpawnActions actions;
     actions.Duplicate(ends[1], STDIN_FILENO);
-    // A program that nobody waits for must not keep a pipe of the caller's open.
+    // A launched program that is not waited for would otherwise keep the caller's output pipes
+    // open.
     if (request.calls.empty() || !request.calls.back().waitForEnd) {
         actions.Open(STDOUT_FILENO, "/dev/null", O_WRONLY);
         actions.Open(STDERR_FILENO, "/dev/null", O_WRONLY);
     }
-    // In a session of its own: what is typed at the caller's terminal does not end it half-way.
+    // A session of its own, so that Ctrl-C at the caller's terminal does not end it half-way.
     CSpawnAttributes attributes;
     attributes.LeadSession();
     const int error = posix_spawn(&process, program.c_str(), actions.Get(), attributes.Get(),
@@ -61,14 +62,14 @@ void CChangeProcess::Kill() const {
 }
 
 void CChangeProcess::Send(const std::string& bytes) const {
-    std::string_view rest = bytes;
-    while (!rest.empty()) {
-        const ssize_t count = send(socket, rest.data(), rest.size(), MSG_NOSIGNAL);
+    std::string_view unsent = bytes;
+    while (!unsent.empty()) {
+        const ssize_t count = send(socket, unsent.data(), unsent.size(), MSG_NOSIGNAL);
         if (count == -1 && errno == EINTR)
             continue;
         if (count <= 0)
-            return;  // it has ended; what is read from it next says so
-        rest.remove_prefix(static_cast<std::size_t>(count));
+            return;  // it has ended; the next read() reports that
+        unsent.remove_prefix(static_cast<std::size_t>(count));
     }
 }
 
@@ -76,13 +77,13 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
     for (;;) {
         std::string left = received;
         const std::optional<std::string> kind = TakeField(left);
-        if (std::optional<std::string> text = kind ? TakeField(left) : std::nullopt) {
+        if (std::optional<std::string> content = kind ? TakeField(left) : std::nullopt) {
             received = std::move(left);
-            return TMessage{*kind, std::move(*text)};
+            return TMessage{*kind, std::move(*content)};
         }
-        pollfd source{.fd = socket, .events = POLLIN, .revents = 0};
+        pollfd input{.fd = socket, .events = POLLIN, .revents = 0};
         const int ready =
-            poll(&source, 1, lockTimeout ? static_cast<int>(lockTimeout->count()) : -1);
+            poll(&input, 1, lockTimeout ? static_cast<int>(lockTimeout->count()) : -1);
         if (ready == 0)
             throw CError(EError::cBusy, "the change was not finished within " +
                                             std::to_string(lockTimeout->count()) + " ms");
@@ -102,7 +103,7 @@ std::string CChangeProcess::WaitForEnd() {
     process = -1;
     if (WIFSIGNALED(status))
         return std::string("was killed by SIG") + sigabbrev_np(WTERMSIG(status));
-    return "ended with status " + std::to_string(WEXITSTATUS(status));
+    return "exited with status " + std::to_string(WEXITSTATUS(status));
 }
 
 }  // namespace vxsched

@@ -10,23 +10,27 @@
 
 namespace vxsched {
 
-// A process of the program vxsched-change, which loads the add-in and makes a change. Ended and
-// collected, at the latest by the destructor, which kills it when it is still there.
+// A process of the program vxsched-change, which loads the add-in and makes one change. The object
+// owns the process: the destructor kills it, if it is still running, and collects it. For one
+// thread at a time.
 class CChangeProcess {
 public:
-    // Starts it and hands it the request. Throws CError (cFailed).
+    // Starts the process and sends it the request; blocks while the process does not read it.
+    // Throws CError (cNoAccess, cFailed) if it cannot be started.
     explicit CChangeProcess(const TRequest& request);
     ~CChangeProcess();
     CChangeProcess(const CChangeProcess&) = delete;
     CChangeProcess& operator=(const CChangeProcess&) = delete;
 
-    // Its next message; none when it has ended. Throws CError (cBusy) when `patience` passes
-    // without one; without limit when that is none.
+    // Waits for the next message, for at most `lockTimeout`, or without limit if that is empty.
+    // Empty when the process has ended. Throws CError (cBusy) on a timeout.
     std::optional<TMessage> Next(std::optional<std::chrono::milliseconds> lockTimeout);
 
+    // Sends SIGKILL; returns at once.
     void Kill() const;
 
-    // Waits for its end, in words.
+    // Waits for the end of the process, without limit, and collects it. Returns how it ended, for a
+    // message: "was killed by SIGKILL". To be called once.
     std::string WaitForEnd();
 
 private:

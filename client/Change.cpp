@@ -22,12 +22,14 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Beyond what a change waits for: the load, the calls with the two seconds that a start takes.
+// Time for the load and the calls, one of which may take the two seconds of a launch.
 constexpr milliseconds cWork(10'000);
-constexpr milliseconds cCall(100);  // for each of the calls, which writes the table
+constexpr milliseconds cCall(100);  // for each call: it writes the table
 constexpr milliseconds cPause(50);
-constexpr milliseconds cRestartLimit(3'000);  // within which a new scheduling process may be there
-constexpr int cMostTimeouts = 10;             // times the patience, however much moves meanwhile
+// For so long after the end of the scheduling process a restarted one is waited for.
+constexpr milliseconds cRestartLimit(3'000);
+// The limit of the wait for due tasks, in lock timeouts, even while there is progress.
+constexpr int cMostTimeouts = 10;
 
 TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls) {
     std::error_code error;
@@ -37,43 +39,43 @@ TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls
             options.lockTimeout.count(), options.evenIfDue, calls};
 }
 
-// "2 there is no task ...": the code, then the text.
+// Parses the content of cMessageError: "4 there is no task ...", the EError and the message.
 CError ErrorOf(const std::string& message) {
     const std::size_t blank = message.find(' ');
     return {static_cast<EError>(std::stoi(message.substr(0, blank))), message.substr(blank + 1)};
 }
 
-// Puts the table from before the change back if the change process has left a damaged one.
-// Returns what was done, in words.
+// Restores the backup if the change process has left a damaged table. Takes the writer lock and the
+// store mutex. Returns the state of the table, for a message.
 std::string Recover(const TStoreOptions& options) {
-    const CWriterLock turn(options.directory, options.lockTimeout);
-    const CStoreMutexLock lock(options.lockTimeout);
+    const CWriterLock writerLock(options.directory, options.lockTimeout);
+    const CStoreMutexLock mutexLock(options.lockTimeout);
     try {
         DecodeTable(ReadBytes(TableFile(options.directory)), Now());
-        return "the table is sound";
+        return "the table is valid";
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
     }
-    const std::filesystem::path before = BackupFile(options.directory);
-    DecodeTable(ReadBytes(before), Now());
-    if (rename(before.c_str(), TableFile(options.directory).c_str()) == -1)
-        throw SystemError("cannot put back " + before.string(), errno);
+    const std::filesystem::path backup = BackupFile(options.directory);
+    DecodeTable(ReadBytes(backup), Now());
+    if (rename(backup.c_str(), TableFile(options.directory).c_str()) == -1)
+        throw SystemError("cannot restore the backup " + backup.string(), errno);
     AnnounceChange();
-    return "the table is as it was before";
+    return "the table was damaged and is restored as it was before";
 }
 
 [[noreturn]] void Fail(const TStoreOptions& options, const std::string& why,
                        const std::vector<std::string>& log) {
-    std::string text = "the change was not finished: " + why;
-    for (const std::string& message : log)
-        text += "; the add-in says: " + message;
+    std::string message = "the change was not finished: " + why;
+    for (const std::string& line : log)
+        message += "; the add-in logged: " + line;
     try {
-        text += "; " + Recover(options);
+        message += "; " + Recover(options);
     } catch (const CError& error) {
-        text += "; what it has left could not be looked after: " + std::string(error.what());
+        message += "; the table could not be checked afterwards: " + std::string(error.what());
     }
-    throw CError(EError::cFailed, text);
+    throw CError(EError::cFailed, message);
 }
 
 struct TAttempt {
@@ -81,34 +83,34 @@ struct TAttempt {
     std::string bytes;  // of the table, read back
     bool isBegun = false;
     bool isRead = false;
-    std::string due;      // the task for which it was not made
-    std::string changed;  // likewise
+    std::string due;      // the due task because of which it was not made
+    std::string changed;  // the changed task because of which it was not made
     std::optional<CError> error;
 };
 
 void Take(const TMessage& message, const std::function<void(pid_t)>& onLaunch, TAttempt& attempt) {
     if (message.kind == cMessageDue)
-        attempt.due = message.text;
+        attempt.due = message.content;
     else if (message.kind == cMessageBegun)
         attempt.isBegun = true;
     else if (message.kind == cMessageProgram)
-        attempt.outcome.program = message.text;
+        attempt.outcome.program = message.content;
     else if (message.kind == cMessageChanged)
-        attempt.changed = message.text;
+        attempt.changed = message.content;
     else if (message.kind == cMessageError)
-        attempt.error = ErrorOf(message.text);
+        attempt.error = ErrorOf(message.content);
     else if (message.kind == cMessageLog)
-        attempt.outcome.log.push_back(message.text);
+        attempt.outcome.log.push_back(message.content);
     else if (message.kind == cMessageLaunchFailed)
-        attempt.outcome.startError = message.text;
+        attempt.outcome.launchError = message.content;
     else if (message.kind == cMessageEnded)
-        attempt.outcome.status = std::stoi(message.text);
+        attempt.outcome.status = std::stoi(message.content);
     else if (message.kind == cMessageLaunched) {
-        attempt.outcome.process = std::stoi(message.text);
+        attempt.outcome.process = std::stoi(message.content);
         if (onLaunch)
             onLaunch(attempt.outcome.process);
     } else if (message.kind == cMessageTable) {
-        attempt.bytes = message.text;
+        attempt.bytes = message.content;
         attempt.isRead = true;
     }
 }
@@ -120,7 +122,8 @@ TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
     CChangeProcess process(RequestOf(options, calls));
     try {
         const milliseconds lockTimeout = 2 * options.lockTimeout + cWork + calls.size() * cCall;
-        // Once the table is read back, only the end of a program is left to wait for.
+        // Once the table is read back, only the end of a launched program is awaited, without
+        // limit.
         while (const std::optional<TMessage> message =
                    process.Next(attempt.isRead ? std::nullopt : std::optional(lockTimeout)))
             Take(*message, onLaunch, attempt);
@@ -135,8 +138,7 @@ TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
         Fail(options, attempt.error->what(), attempt.outcome.log);
     const bool isMade = attempt.isRead && hung.empty();
     if (!isMade && attempt.due.empty() && attempt.changed.empty())
-        Fail(options, hung.empty() ? "the process that makes it " + end : hung,
-             attempt.outcome.log);
+        Fail(options, hung.empty() ? "the change process " + end : hung, attempt.outcome.log);
     return attempt;
 }
 
@@ -144,14 +146,17 @@ bool IsDueBy(const TTaskEntry& task, TTime time) {
     return !task.paused && task.next <= time;
 }
 
-// Wakes the scheduling process until every task that is due has been started and moved on.
+// Wakes the scheduling process until it has launched and rescheduled every due task. Throws CError
+// (cNoScheduler, cBusy).
 void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (!scheduler)
-        throw CError(EError::cNoScheduler,
-                     "task \"" + due +
-                         "\" is due and there is no scheduling process to start it; start "
-                         "one, or go on with --even-if-due (evenIfDue), which leaves it due");
+        throw CError(
+            EError::cNoScheduler,
+            "task \"" + due +
+                "\" is due and there is no scheduling process to launch it; start a "
+                "scheduling process, or allow changes while tasks are due (--even-if-due), "
+                "which leaves it due");
     const auto start = std::chrono::steady_clock::now();
     auto end = start + options.lockTimeout;
     auto lastSeen = start;
@@ -169,11 +174,11 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
         else if (std::chrono::steady_clock::now() - lastSeen > cRestartLimit)
             throw CError(EError::cNoScheduler,
                          "task \"" + due +
-                             "\" is due and the scheduling process has ended meanwhile; "
-                             "start one, or go on with --even-if-due (evenIfDue)");
+                             "\" is due and the scheduling process has ended meanwhile; start it "
+                             "again, or allow changes while tasks are due (--even-if-due)");
         if (isDueBy(Now()))
             WakeSchedulingProcess();
-        // A tick takes two seconds for each start; as long as something moves it is waited for.
+        // A tick takes two seconds for each launch: any change of the table counts as progress.
         if (table.tasks != seen)
             end = std::min(start + cMostTimeouts * options.lockTimeout,
                            std::chrono::steady_clock::now() + options.lockTimeout);
@@ -182,8 +187,8 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     }
     throw CError(EError::cBusy,
                  "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +
-                     " has not started it within " + std::to_string(options.lockTimeout.count()) +
-                     " ms; nothing was changed; look at the host's log");
+                     " has not launched it within " + std::to_string(options.lockTimeout.count()) +
+                     " ms; nothing was changed; check the host's log");
 }
 
 }  // namespace
@@ -193,15 +198,15 @@ void RequireSharedStore(const TStoreOptions& options) {
     if (scheduler && !scheduler->sharesStore)
         throw CError(EError::cNoScheduler,
                      "the scheduling process " + std::to_string(scheduler->process) +
-                         " runs in another IPC namespace: it would not notice a change, and "
-                         "write over it; run this in the same one");
+                         " runs in another IPC namespace: it would not notice a change and would "
+                         "overwrite it; run this in the same namespace");
 }
 
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
                     const std::function<void(pid_t)>& onLaunch) {
     RequireSharedStore(options);
     TAttempt attempt = Try(options, calls, onLaunch);
-    // What is due by now may be others, so this goes on as long as the scheduling process keeps up.
+    // Other tasks may have come due during the wait, so this may take several iterations.
     while (!attempt.due.empty()) {
         WaitUntilLaunched(options, attempt.due);
         attempt = Try(options, calls, onLaunch);

@@ -14,31 +14,34 @@
 
 namespace vxsched {
 
-// What came of calls that were made.
+// The result of a change.
 struct TOutcome {
-    TTable table;                  // as it was read back
-    std::string program;           // of the task that was created, as it is in the table
+    TTable table;                  // read back after the calls
+    std::string program;           // of a created task, as in the table
     std::vector<std::string> log;  // the add-in's messages
-    pid_t process = 0;             // that was started
-    std::string startError;        // why none was, if one should have been
-    std::optional<int> status;     // of the process, if its end was waited for
+    pid_t process = 0;             // the launched program; 0: none
+    std::string launchError;       // why a launch failed
+    std::optional<int> status;     // the program's wait status, if it was waited for
 };
 
-// A task that mustBeAsSeen is not any more; nothing was changed.
+// A task differs from TCall::seen; nothing was changed.
 class CChangedMeanwhile : public CError {
 public:
     explicit CChangedMeanwhile(const std::string& name)
-        : CError(EError::cBusy, "task \"" + name + "\" is being changed by others; try again") {}
+        : CError(EError::cBusy,
+                 "task \"" + name +
+                     "\" is being changed by other processes; nothing was changed; try again") {}
 };
 
-// Throws CError (cNoScheduler) when the scheduling process of the directory runs in another IPC
-// namespace, where it would not notice a change and write over it.
+// Throws CError (cNoScheduler) if the scheduling process of the directory runs in another IPC
+// namespace: it would not notice a change and would overwrite it. Does not block.
 void RequireSharedStore(const TStoreOptions& options);
 
-// Has a change process make the calls, under the rules that CStore states, and wakes the scheduling
-// process afterwards. `onStart` is told a started process at once, and must not
-// throw. That the table is as the calls
-// mean it is for the caller to see. Throws CClientError.
+// Makes the calls in a change process, by the rules of CStore (locks, blocking, failure), and wakes
+// the scheduling process afterwards. The caller holds neither the writer lock nor the store mutex.
+// `onLaunch` is called with the process id right after a launch, on the calling thread; it must not
+// throw. Whether the table has the change is for the caller to check. Throws CError, also
+// CChangedMeanwhile.
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
                     const std::function<void(pid_t)>& onLaunch = {});
 

@@ -15,8 +15,8 @@ namespace vxsched {
 
 namespace {
 
-std::string Quoted(const std::string& text) {
-    return '"' + text + '"';
+std::string Quoted(const std::string& string) {
+    return '"' + string + '"';
 }
 
 bool IsDue(const TTaskEntry& task) {
@@ -26,13 +26,14 @@ bool IsDue(const TTaskEntry& task) {
 void CheckAccess() {
     if (faccessat(AT_FDCWD, TableFile(".").c_str(), R_OK | W_OK, AT_EACCESS) == -1 &&
         errno != ENOENT)
-        throw SystemError("cannot write the table", errno);
+        throw SystemError("cannot write " + TableFile(".").string(), errno);
 }
 
 void CheckHarm(const TTable& table) {
     for (const TProblem& problem : table.problems) {
         if (problem.kind != TProblem::cUnusual)
-            throw CError(EError::cDamaged, problem.text + "; repair the table first");
+            throw CError(EError::cDamaged,
+                         problem.message + "; repair the table first (vxsched repair)");
     }
 }
 
@@ -51,13 +52,13 @@ void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
     if (call.function == TCall::cResume && task.period == 0 && IsDue(task) && !call.mayRemove)
         throw CError(EError::cRefused,
                      "task " + Quoted(task.name) +
-                         " runs once and its time has passed: a resume would remove it "
-                         "unrun; give it a new start first (or force \"past-start\")");
+                         " runs once and its due time is past: resuming it would remove it without "
+                         "a run; give it a new due time first (or force \"past-due\")");
     if (call.function == TCall::cSetPeriod && evenIfDue && !task.paused && IsDue(task))
         throw CError(EError::cRefused,
                      "task " + Quoted(task.name) +
-                         " is due itself: another period counted on from its grid would "
-                         "move it on unrun; edit its period instead, which leaves it due");
+                         " is due itself: setting its period would reschedule it without a run; "
+                         "edit its period instead, which leaves it due");
     if (!call.mustNotRun)
         return;
     const std::vector<pid_t> running = FindRunning(LaunchedPath(task.program), task.parameter);
@@ -65,7 +66,7 @@ void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
         throw CError(EError::cRefused, "task " + Quoted(task.name) +
                                            " is running already, as process " +
                                            std::to_string(running.front()) +
-                                           "; wait for its end, or force a second one");
+                                           "; wait for its end, or force a second run");
 }
 
 void CheckCalls(const TTable& table, const TRequest& request) {

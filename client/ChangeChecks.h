@@ -6,21 +6,24 @@
 
 namespace vxsched {
 
-// What speaks against a request, by the table as it is under the store mutex. The working directory
-// is the store's.
+// The checks of a request before the add-in is loaded. The working directory is the store's. The
+// caller holds the store mutex and `table` is as read under it, unless stated otherwise. None of
+// them blocks.
 
-// Throws CError: cDamaged for a table that would harm who loads it, cNoAccess for one that may
-// not be written, cNotFound or cRefused for a call that cannot be made.
+// Throws CError: cDamaged if loading the table would hang or slow down a process, cNoAccess if it
+// may not be written, cNotFound or cRefused if a call cannot be made.
 void CheckCalls(const TTable& table, const TRequest& request);
 
-// Throws CError (cRefused) when a call of a task that is there cannot be made as it is.
+// Throws CError (cRefused) if the state of the task forbids the call. Needs no lock: clients call
+// it for dry runs.
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue);
 
-// The task for which the change has to wait: active, and due or about to be. None when there is none,
-// or when the request does not wait.
+// The first task that the change has to wait for: active, and due or about to be. Null if there is
+// none or the request does not wait (evenIfDue). It belongs to `table`.
 const TTaskEntry* FindDue(const TTable& table, const TRequest& request);
 
-// The call whose task is not as it was seen; null when there is none.
+// The first call whose task differs from TCall::seen although it must not; null if there is none.
+// It belongs to `request`.
 const TCall* FindChanged(const TTable& table, const TRequest& request);
 
 }  // namespace vxsched

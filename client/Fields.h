@@ -7,19 +7,20 @@
 #include <string_view>
 #include <vector>
 
-// What goes through the pipes between a client and its change process: texts, each behind its length
-// in four bytes, so that a text may hold anything.
+// The fields of the messages between a client and its change process: strings, each after its
+// length as 4 bytes in host byte order. A string may hold any bytes.
 namespace vxsched {
 
-inline void PutField(std::string& bytes, std::string_view text) {
-    const auto length = static_cast<std::uint32_t>(text.size());
+inline void PutField(std::string& bytes, std::string_view field) {
+    const auto length = static_cast<std::uint32_t>(field.size());
     char raw[sizeof length];
     std::memcpy(raw, &length, sizeof length);
     bytes.append(raw, sizeof raw);
-    bytes += text;
+    bytes += field;
 }
 
-// Takes the first text out of `bytes`; none when there is no whole one yet.
+// Removes the first field from `bytes` and returns it; empty, and `bytes` unchanged, if it is not
+// complete yet.
 inline std::optional<std::string> TakeField(std::string& bytes) {
     std::uint32_t length = 0;
     if (bytes.size() < sizeof length)
@@ -27,9 +28,9 @@ inline std::optional<std::string> TakeField(std::string& bytes) {
     std::memcpy(&length, bytes.data(), sizeof length);
     if (bytes.size() - sizeof length < length)
         return {};
-    std::string text = bytes.substr(sizeof length, length);
+    std::string field = bytes.substr(sizeof length, length);
     bytes.erase(0, sizeof length + length);
-    return text;
+    return field;
 }
 
 }  // namespace vxsched

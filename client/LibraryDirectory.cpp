@@ -6,7 +6,7 @@
 
 namespace vxsched {
 
-// The one that this library lies in.
+// The directory of this shared library.
 std::string LibraryDirectory() {
     Dl_info info{};
     if (dladdr(reinterpret_cast<const void*>(&LibraryDirectory), &info) == 0)

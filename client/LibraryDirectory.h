@@ -4,8 +4,9 @@
 
 namespace vxsched {
 
-// The folder of the libraries: the add-in lies in it, the change process in its folder "vantrix". The
-// client library says which it is; a program that has that linked into itself has to define it.
+// The directory of libVantrixScheduler.so and of vantrix/vxsched-change, without a slash at the
+// end. The shared client library defines it as its own directory; a program that links the target
+// `client` statically defines it itself. Any thread may call it.
 std::string LibraryDirectory();
 
 }  // namespace vxsched

@@ -6,7 +6,7 @@ namespace vxsched {
 
 namespace {
 
-// The fields of request and call, in one order for both directions.
+// The fields of a call, in one order for both encoding and decoding.
 template <typename Call, typename Transfer>
 void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.function);
@@ -35,7 +35,7 @@ void ForEachField(Call& call, const Transfer& transfer) {
 struct TWriter {
     std::string& bytes;
 
-    void operator()(const std::string& text) const { PutField(bytes, text); }
+    void operator()(const std::string& string) const { PutField(bytes, string); }
     void operator()(const TTime& time) const {
         PutField(bytes, std::to_string(time.time_since_epoch().count()));
     }
@@ -48,7 +48,7 @@ struct TWriter {
 struct TReader {
     std::string& bytes;
 
-    void operator()(std::string& text) const { text = TakeField(bytes).value_or(""); }
+    void operator()(std::string& string) const { string = TakeField(bytes).value_or(""); }
     void operator()(TTime& time) const {
         std::int64_t seconds = 0;
         (*this)(seconds);

@@ -8,55 +8,57 @@
 
 namespace vxsched {
 
-// One call of an exported function.
+// One call of an exported function of the add-in.
 struct TCall {
     enum EFunction { cCreate, cDestroy, cPause, cResume, cSetPeriod, cExecute };
     EFunction function;
-    TTaskEntry task;  // its name; for cCreate all of it, for cSetPeriod the period
-    // What has to hold, or the call is not made.
+    TTaskEntry task;  // the name; cCreate: all but last and paused; cSetPeriod: the period
+    // Conditions; if one does not hold, no call of the request is made.
     bool mustBeNew = false;
     bool mustExist = true;
-    bool mustNotRun = false;    // none of its processes is there
-    bool mustBeAsSeen = false;  // the task is exactly `seen`
+    bool mustNotRun = false;    // no process of the task's program is running
+    bool mustBeAsSeen = false;  // the task in the table equals `seen`
     TTaskEntry seen;
-    // How it is made.
-    bool throughLink = false;  // cCreate: the program is the real one, which may need a link
-    bool keepDue = false;      // cCreate: the start stays as it is given, whatever the clock says
-    bool mayRemove = false;    // cResume: a task that runs once may be removed unrun by it
-    bool waitForEnd = false;   // cExecute: the end of the program is waited for and told
+    // How the call is made.
+    bool throughLink = false;  // cCreate: the program is the real path, which may need a link
+    bool keepDue = false;      // cCreate: the due time is kept, even if it is past
+    bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
+    bool waitForEnd = false;   // cExecute: wait for the program's end and report it
 };
 
-// What a change process is to do: load the add-in when nothing speaks against it, make the calls,
-// and remove the links that no task needs any more.
+// The request to a change process: check the conditions, load the add-in, make the calls, and
+// remove the program links that no task uses any more.
 struct TRequest {
     std::string directory;
     std::string addIn;
-    std::int64_t lockTimeout = 0;  // milliseconds, for the turn and for the mutex
+    std::int64_t lockTimeout = 0;  // milliseconds, for the writer lock and the store mutex each
     bool evenIfDue = false;        // load although tasks are due
     std::vector<TCall> calls;
 };
 
 std::string Encode(const TRequest& request);
-// What comes from somewhere else than Encode() is not looked for.
+// Decodes what Encode() returned; other bytes are not checked for and may throw std::exception.
 TRequest DecodeRequest(std::string bytes);
 
-// What a change process tells, one after the other, as two texts each.
+// A message of a change process, sent as two fields.
 struct TMessage {
     std::string kind;
-    std::string text;
+    std::string content;
 };
-inline constexpr char cMessageDue[] = "due";           // not done: this task is due
-inline constexpr char cMessageChanged[] = "changed";   // not done: this task is not as it was seen
-inline constexpr char cMessageError[] = "error";       // not done: a code, then the text
-inline constexpr char cMessageBegun[] = "begun";       // what follows is not without effect
-inline constexpr char cMessageProgram[] = "program";   // of cCreate: as it is in the table
-inline constexpr char cMessageLog[] = "log";           // the add-in's message
-inline constexpr char cMessageLaunched[] = "started";  // a program: its process
-inline constexpr char cMessageLaunchFailed[] = "not started";  // a program: why
-inline constexpr char cMessageTable[] = "table";  // all calls made: the file's bytes then
-inline constexpr char cMessageEnded[] = "ended";  // a program: its wait status
+inline constexpr char cMessageDue[] = "due";  // not done: the due task to wait for
+inline constexpr char cMessageChanged[] =
+    "changed";  // not done: the task that differs from TCall::seen
+inline constexpr char cMessageError[] = "error";      // an EError as a number, a blank, the message
+inline constexpr char cMessageBegun[] = "begun";      // from here on the change has effects
+inline constexpr char cMessageProgram[] = "program";  // cCreate: the program as in the table
+inline constexpr char cMessageLog[] = "log";          // a log message of the add-in
+inline constexpr char cMessageLaunched[] = "started";          // cExecute: the process id
+inline constexpr char cMessageLaunchFailed[] = "not started";  // cExecute: the reason
+inline constexpr char cMessageTable[] = "table";  // all calls are made: the bytes of the table
+inline constexpr char cMessageEnded[] = "ended";  // cExecute: the wait status
 
-// The calls are not made when an active task is due within this time.
+// The calls are not made while an active task is due within this time: it might come due during
+// them.
 inline constexpr std::chrono::seconds cAboutToBeDue(1);
 
 }  // namespace vxsched

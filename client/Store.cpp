@@ -15,10 +15,11 @@ namespace vxsched {
 
 namespace {
 
+// How often an edit is applied again to a task that changes meanwhile.
 constexpr int cTries = 20;
 
-std::string Quoted(std::string_view text) {
-    return '"' + std::string(text) + '"';
+std::string Quoted(std::string_view string) {
+    return '"' + std::string(string) + '"';
 }
 
 TCall CallOf(TCall::EFunction function, TTaskEntry task) {
@@ -41,18 +42,18 @@ std::vector<TCall> CallsOf(TCall::EFunction function, const std::vector<std::str
 void RefuseFor(const std::vector<TValidationError>& errors) {
     if (errors.empty())
         return;
-    std::string text;
+    std::string message;
     for (const TValidationError& error : errors) {
-        text += (text.empty() ? "" : "\n") + error.text;
+        message += (message.empty() ? "" : "\n") + error.message;
         if (error.canBeForced)
-            text += " (or force " + Quoted(error.Name()) + ')';
+            message += " (or force " + Quoted(error.Name()) + ')';
     }
-    throw CError(EError::cRefused, text);
+    throw CError(EError::cRefused, message);
 }
 
 void Drop(std::vector<TValidationError>& errors,
-          const std::function<bool(const TValidationError&)>& isPassedOver) {
-    errors.erase(std::remove_if(errors.begin(), errors.end(), isPassedOver), errors.end());
+          const std::function<bool(const TValidationError&)>& isIgnored) {
+    errors.erase(std::remove_if(errors.begin(), errors.end(), isIgnored), errors.end());
 }
 
 std::vector<TValidationError> FindUnforced(const TTaskEntry& task, EProgram how,
@@ -69,15 +70,15 @@ EProgram HowToLaunch(const std::string& program) {
 }
 
 TTaskEntry EntryOf(const TNewTask& task) {
-    return {task.name, task.start, TTime(), task.period, task.program, task.parameter, false};
+    return {task.name, task.due, TTime(), task.period, task.program, task.parameter, false};
 }
 
-// As the change process has put it into the table.
+// The program as the change process has put it into the table: maybe a link.
 std::string ProgramOf(const TTaskEntry& entry, const TOutcome& outcome) {
     return outcome.program.empty() ? entry.program : outcome.program;
 }
 
-// A damaged table does not take the place of the sound copy from before.
+// True if the bytes are a valid table. A damaged one must not replace a valid backup.
 bool IsTable(const std::string& bytes) {
     try {
         DecodeTable(bytes, Now());
@@ -87,8 +88,8 @@ bool IsTable(const std::string& bytes) {
     }
 }
 
-// The entry is in the table as it was asked for, or as a tick that came since has left it: started
-// and moved on, or gone because it ran.
+// True if the table has the entry as requested, or as a tick since then has left it: launched and
+// rescheduled, or removed after its only run.
 bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
     const TTaskEntry* const found = table.Find(wanted.name);
     if (found == nullptr)
@@ -101,31 +102,32 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
 }
 
 [[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
-    std::string text = "the change of " + Quoted(name);
-    text += outcome.log.empty()
-                ? " is not in the table although it was made; look at it again, somebody else may "
-                  "be changing it"
-                : " could not be saved, the table is as it was before; look for a full disk";
-    for (const std::string& message : outcome.log)
-        text += "; the add-in says: " + message;
-    throw CError(EError::cFailed, text);
+    std::string message = "the change of " + Quoted(name);
+    message += outcome.log.empty()
+                   ? " was made but is not in the table; check the table, another process may be "
+                     "changing it"
+                   : " could not be saved, the table is as it was before; check for a full disk";
+    for (const std::string& line : outcome.log)
+        message += "; the add-in logged: " + line;
+    throw CError(EError::cFailed, message);
 }
 
-// What an edit makes of a task. Throws CError (cRefused) when something speaks against it.
+// The entry after an edit. Throws CError (cRefused) on a validation error.
 TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
-    entry.next = edit.start.value_or(entry.next);
+    entry.next = edit.due.value_or(entry.next);
     entry.period = edit.period.value_or(entry.period);
     entry.program = edit.program.value_or(entry.program);
     entry.parameter = edit.parameter.value_or(entry.parameter);
-    // A rewritten task is active until it is paused again, and must not be due meanwhile.
+    // The rewritten task is active until the next call pauses it again, and must not come due in
+    // between.
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now() + 2 * cAboutToBeDue);
     std::vector<TValidationError> errors =
         FindUnforced(entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
-    // What was unsound before and is not touched speaks against nothing.
+    // Fields that the edit leaves alone are no reason to refuse it.
     Drop(errors, [&](const TValidationError& error) {
         return (!edit.program && error.IsAboutProgram()) ||
-               (!entry.paused && !edit.start && !edit.period &&
+               (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
     });
     RefuseFor(errors);
@@ -159,10 +161,11 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     call.throughLink = HowToLaunch(task.program) == EProgram::cThroughLink;
     call.mustExist = false;
     call.mustBeNew = !replace;
-    // By the clock's rule a task that is due this second might be moved on or removed unrun a second
-    // later. A repeating one whose start lies in the past is to be moved on.
+    // CreateTask reschedules or removes a task whose due time is past by the clock. A task due this
+    // second must not meet that fate a second later; a repeating one that is past already is to be
+    // rescheduled.
     const TTime since = Now();
-    call.keepDue = task.period == 0 || task.start >= since;
+    call.keepDue = task.period == 0 || task.due >= since;
     const TOutcome outcome = MakeChange(options, {call});
     entry.program = ProgramOf(entry, outcome);
     if (!IsThere(outcome.table, entry, since))
@@ -176,8 +179,8 @@ TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForce
 }
 
 TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced& forced) const {
-    // A tick may move the task on between the look at it and the change, which must not take that
-    // back: it would run once more.
+    // A tick may launch and reschedule the task between the read and the change. An edit of the old
+    // entry would undo that, and the task would run twice.
     for (int tries = cTries;; --tries) {
         try {
             return TryEdit(Get(name), edit, forced);
@@ -227,7 +230,7 @@ static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
                                       const TForced& forced) {
     std::vector<TCall> calls = CallsOf(TCall::cResume, names);
     for (TCall& call : calls)
-        call.mayRemove = forced.contains("past-start");
+        call.mayRemove = forced.contains("past-due");
     return calls;
 }
 
@@ -251,7 +254,7 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
     TEdit edit;
     edit.period = hours;
     TTaskEntry entry = Edited(name, edit, forced);
-    // The function would count a task that is to run once as missed, and remove it.
+    // SetTaskPeriod would take a task that now runs once for a missed one and remove it.
     if (hours == 0)
         return Edit(name, edit, forced);
     const TOutcome outcome = MakeChange(options, {CallOf(TCall::cSetPeriod, entry)});
@@ -283,11 +286,11 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
     call.waitForEnd = waitForEnd;
     const TOutcome outcome = MakeChange(options, {call}, onLaunch);
     if (outcome.process == 0)
-        throw CError(EError::cFailed, "cannot start " + Quoted(call.task.program) + ": " +
-                                          outcome.startError + "; look at the program");
+        throw CError(EError::cFailed, "cannot launch " + Quoted(call.task.program) + ": " +
+                                          outcome.launchError + "; check the program");
     if (waitForEnd && !outcome.status)
         throw CError(EError::cFailed, "process " + std::to_string(outcome.process) +
-                                          " was started, but how it ended could not be learned");
+                                          " was launched, but its exit status could not be read");
     return {outcome.process, outcome.status};
 }
 
@@ -295,8 +298,8 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
                         const std::function<void(const std::string&)>& canReplace) const {
     RequireSharedStore(options);
     {
-        const CWriterLock turn(options.directory, options.lockTimeout);
-        const CStoreMutexLock lock(options.lockTimeout);
+        const CWriterLock writerLock(options.directory, options.lockTimeout);
+        const CStoreMutexLock mutexLock(options.lockTimeout);
         const std::string bytes = ReadBytes(TableFile(options.directory));
         if (canReplace)
             canReplace(bytes);

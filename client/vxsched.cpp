@@ -34,7 +34,7 @@ vxsched_error CodeOf(vxsched::EError error) {
     return VXSCHED_FAILED;
 }
 
-// No exception goes on into C.
+// Makes a call and turns its exceptions into an error and a message: none may pass into C.
 template <typename Call>
 vxsched_error Do(vxsched_store* store, const Call& call) {
     try {
@@ -50,15 +50,15 @@ vxsched_error Do(vxsched_store* store, const Call& call) {
     }
 }
 
-std::string Text(const char* text) {
-    return text != nullptr ? text : "";
+std::string StringOf(const char* string) {
+    return string != nullptr ? string : "";
 }
 
 }  // namespace
 
 vxsched_store* vxsched_open(const char* directory) {
     try {
-        return new vxsched_store{{.directory = Text(directory)}};
+        return new vxsched_store{{.directory = StringOf(directory)}};
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -95,31 +95,31 @@ vxsched_error vxsched_list(vxsched_store* store, bool (*each)(const vxsched_task
 
 vxsched_error vxsched_create(vxsched_store* store, const vxsched_task* task, bool replace) {
     return Do(store, [&](const vxsched::CStore& tasks) {
-        tasks.Create({Text(task->name), vxsched::TTime(std::chrono::seconds(task->next)),
-                      task->period, Text(task->program), Text(task->parameter)},
+        tasks.Create({StringOf(task->name), vxsched::TTime(std::chrono::seconds(task->next)),
+                      task->period, StringOf(task->program), StringOf(task->parameter)},
                      replace);
     });
 }
 
 vxsched_error vxsched_remove(vxsched_store* store, const char* name) {
-    return Do(store, [&](const vxsched::CStore& tasks) { tasks.Remove({Text(name)}); });
+    return Do(store, [&](const vxsched::CStore& tasks) { tasks.Remove({StringOf(name)}); });
 }
 
 vxsched_error vxsched_pause(vxsched_store* store, const char* name) {
-    return Do(store, [&](const vxsched::CStore& tasks) { tasks.Pause({Text(name)}); });
+    return Do(store, [&](const vxsched::CStore& tasks) { tasks.Pause({StringOf(name)}); });
 }
 
 vxsched_error vxsched_resume(vxsched_store* store, const char* name) {
-    return Do(store, [&](const vxsched::CStore& tasks) { tasks.Resume({Text(name)}); });
+    return Do(store, [&](const vxsched::CStore& tasks) { tasks.Resume({StringOf(name)}); });
 }
 
 vxsched_error vxsched_set_period(vxsched_store* store, const char* name, uint32_t hours) {
-    return Do(store, [&](const vxsched::CStore& tasks) { tasks.SetPeriod(Text(name), hours); });
+    return Do(store, [&](const vxsched::CStore& tasks) { tasks.SetPeriod(StringOf(name), hours); });
 }
 
 vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force, pid_t* process) {
     return Do(store, [&](const vxsched::CStore& tasks) {
-        const vxsched::TRun run = tasks.Run(Text(name), force, false);
+        const vxsched::TRun run = tasks.Run(StringOf(name), force, false);
         if (process != nullptr)
             *process = run.process;
     });
@@ -130,6 +130,6 @@ vxsched_error vxsched_wake(vxsched_store* store) {
         if (!tasks.Wake())
             throw vxsched::CError(vxsched::EError::cNoScheduler,
                                   "there is no scheduling process in " +
-                                      store->options.directory.string() + "; start one");
+                                      store->options.directory.string() + "; start one there");
     });
 }

@@ -1,4 +1,4 @@
-# What every target of ours is built with. The warnings are errors, with g++ and with clang++.
+# The compiler options of all targets of this project. Warnings are errors, with g++ and with clang++.
 add_library(target_defaults INTERFACE)
 target_compile_features(target_defaults INTERFACE cxx_std_20)
 target_compile_options(
@@ -9,11 +9,11 @@ target_compile_options(
             -Wconversion
             -Wshadow
             -Werror
-            # __FILE__ in a diagnostic names a file of the project, not a folder of the build machine.
+            # __FILE__ in a message is relative to the project, without a directory of the build machine.
             -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-# A shared library that dlclose can unmap: no symbol that the dynamic linker binds for ever, and
-# nothing visible that is not meant to be.
+# A shared library that dlclose can unmap: without unique symbols, which would pin it, and with hidden
+# visibility by default.
 add_library(shared_library_defaults INTERFACE)
 target_link_libraries(shared_library_defaults INTERFACE target_defaults)
 target_compile_options(
@@ -33,8 +33,8 @@ endif()
 
 option(COVERAGE "Measure line and branch coverage (clang++ only)" OFF)
 if(COVERAGE)
-  # The counts are kept in the profile itself while a process runs, so those that abort, are killed
-  # or end by _exit count as well.
+  # The counters live in the profile file itself while a process runs, so that processes that abort,
+  # are killed or call _exit are counted too.
   add_compile_options(-fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
   add_link_options(-fprofile-instr-generate)
   add_compile_definitions(COVERAGE_BUILD)

@@ -5,12 +5,12 @@
 
 #include "host/ExitStatus.h"
 
-// Why the host cannot run: a text for a person (what went wrong, with which input, what to do) and
-// the exit status that goes with it.
+// Why the host cannot run. what() is the message: what failed, on which input, why, what to do.
+// `status` is the exit status that goes with it.
 class CHostError : public std::runtime_error {
 public:
-    CHostError(TExitStatus exitStatus, const std::string& text)
-        : std::runtime_error(text), status(exitStatus) {}
+    CHostError(TExitStatus exitStatus, const std::string& message)
+        : std::runtime_error(message), status(exitStatus) {}
 
     const TExitStatus status;
 };

@@ -14,10 +14,11 @@
 #include "base/OpenToAppend.h"
 #include "host/CHostError.h"
 
-static constexpr char cHostsOwn[] = "vxschedd: ";
-static constexpr int cPatience = 1000;  // milliseconds
+static constexpr char cHostPrefix[] = "vxschedd: ";
+static constexpr int cStallTimeout = 1000;  // milliseconds
 
-// The service manager names the socket that it made standard error.
+// JOURNAL_STREAM holds device and inode of the socket that systemd connected to the journal.
+// Standard error may have been redirected since, so the two are compared.
 static bool StandardErrorIsTheJournal() {
     const char* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
@@ -25,13 +26,15 @@ static bool StandardErrorIsTheJournal() {
            fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
 }
 
-static std::string Beginning(EPriority priority) {
+static std::string PriorityPrefix(EPriority priority) {
     return fmt::format("<{}>", static_cast<int>(priority));
 }
 
-static EPriority PriorityOfAddIns(const std::string& message) {
+// The add-in logs without priorities.
+static EPriority PriorityOfAddInMessage(const std::string& message) {
+    // Logged after every launch of a program that does not end at once: it is still running.
     if (message == "Failed waitpid.")
-        return EPriority::cDebug;  // the usual one for a program that is still running
+        return EPriority::cDebug;
     if (message.starts_with("An exception was generated") ||
         message.starts_with("Not possible to execute"))
         return EPriority::cError;
@@ -46,26 +49,20 @@ CHostLog& CHostLog::Instance() {
 }
 
 void CHostLog::Sink(const std::string& message, void* context) {
-    CHostLog& log = *static_cast<CHostLog*>(context);
-    const std::lock_guard<std::mutex> lock(log.mutex);
-    if (log.file.IsOpen() || !log.isJournal)
-        log.WriteLine(log.file.IsOpen() ? log.file.Get() : STDERR_FILENO, LocalTime(Now()) + ' ',
-                      message);
-    else
-        log.WriteLine(STDERR_FILENO, Beginning(PriorityOfAddIns(message)), message);
+    static_cast<CHostLog*>(context)->WriteMessage(PriorityOfAddInMessage(message), "", message);
 }
 
-void CHostLog::TakeAddInsMessages() {
+void CHostLog::CaptureAddInMessages() {
     VXC_SetLogSink(Sink, this);
 }
 
 void CHostLog::WriteTo(const std::string& newPath) {
-    std::string whyNot;
-    CDescriptor opened = OpenToAppend(newPath, 0, 0640, EAppendable::cAlsoAPipe, whyNot);
+    std::string error;
+    CDescriptor opened = OpenToAppend(newPath, 0, 0640, EAppendable::cAlsoAPipe, error);
     if (!opened.IsOpen())
-        throw CHostError(
-            cFailed,
-            fmt::format("cannot open the log {}: {}. Name another with --log.", newPath, whyNot));
+        throw CHostError(cFailed,
+                         fmt::format("cannot open the log {}: {}. Choose another file with --log.",
+                                     newPath, error));
     const std::lock_guard<std::mutex> lock(mutex);
     path = newPath;
     file = std::move(opened);
@@ -76,30 +73,36 @@ void CHostLog::Reopen() {
         return;
     try {
         WriteTo(std::string(path));
-        LogInfo("opened the log anew");
+        LogInfo("reopened the log");
     } catch (const CHostError& error) {
         LogError(error.what());
     }
 }
 
-void CHostLog::Write(EPriority priority, const std::string& text) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (file.IsOpen() || !isJournal)
-        WriteLine(file.IsOpen() ? file.Get() : STDERR_FILENO, LocalTime(Now()) + ' ' + cHostsOwn,
-                  text);
-    else
-        WriteLine(STDERR_FILENO, Beginning(priority), text);
+void CHostLog::Write(EPriority priority, const std::string& message) {
+    WriteMessage(priority, cHostPrefix, message);
 }
 
-void CHostLog::Fail(const std::string& text) {
+// `origin` is what precedes the message where the journal does not show which program wrote it.
+void CHostLog::WriteMessage(EPriority priority, const char* origin, const std::string& message) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (isJournal && !file.IsOpen())
+        WriteLine(STDERR_FILENO, PriorityPrefix(priority), message);
+    else if (priority != EPriority::cDebug)
+        WriteLine(file.IsOpen() ? file.Get() : STDERR_FILENO, LocalTime(Now()) + ' ' + origin,
+                  message);
+}
+
+void CHostLog::Fail(const std::string& message) {
     const std::lock_guard<std::mutex> lock(mutex);
     if (file.IsOpen())
-        WriteLine(file.Get(), LocalTime(Now()) + ' ' + cHostsOwn, text);
-    WriteLine(STDERR_FILENO, isJournal ? Beginning(EPriority::cError) : cHostsOwn, text);
+        WriteLine(file.Get(), LocalTime(Now()) + ' ' + cHostPrefix, message);
+    WriteLine(STDERR_FILENO, isJournal ? PriorityPrefix(EPriority::cError) : cHostPrefix, message);
 }
 
-void CHostLog::WriteLine(int descriptor, const std::string& beginning, const std::string& text) {
-    std::string line = beginning + text;
+// The caller holds the mutex.
+void CHostLog::WriteLine(int descriptor, const std::string& prefix, const std::string& message) {
+    std::string line = prefix + message;
     std::replace_if(
         line.begin(), line.end(),
         [](char character) {
@@ -107,28 +110,30 @@ void CHostLog::WriteLine(int descriptor, const std::string& beginning, const std
         },
         ' ');
     line += '\n';
-    if (lost > 0) {
+    if (droppedLines > 0) {
         const std::string loss =
-            fmt::format("{}{} line(s) lost: nobody took them\n", beginning, lost);
+            fmt::format("{}{} line(s) lost: the reader had stalled\n", prefix, droppedLines);
         if (!WriteAll(descriptor, loss)) {
-            ++lost;
+            ++droppedLines;
             return;
         }
-        lost = 0;
+        droppedLines = 0;
     }
     if (!WriteAll(descriptor, line))
-        ++lost;
+        ++droppedLines;
 }
 
-// False for a line that was not taken. What cannot be written at all counts as taken.
+// False when the reader has stalled. A line that fails with an error counts as written: it is gone
+// either way.
 bool CHostLog::WriteAll(int descriptor, const std::string& line) {
-    constexpr std::size_t cAtOnce = PIPE_BUF;  // what a pipe that can be written to takes
+    // A writable pipe takes this much without blocking.
+    constexpr std::size_t cMostBytes = PIPE_BUF;
     for (std::size_t done = 0; done < line.size();) {
-        pollfd taker{.fd = descriptor, .events = POLLOUT, .revents = 0};
-        if (poll(&taker, 1, lost == 0 ? cPatience : 0) == 0)
+        pollfd reader{.fd = descriptor, .events = POLLOUT, .revents = 0};
+        if (poll(&reader, 1, droppedLines == 0 ? cStallTimeout : 0) == 0)
             return false;
         const ssize_t count =
-            write(descriptor, line.data() + done, std::min(line.size() - done, cAtOnce));
+            write(descriptor, line.data() + done, std::min(line.size() - done, cMostBytes));
         if (count >= 0)
             done += static_cast<std::size_t>(count);
         else if (errno != EINTR)
@@ -137,18 +142,18 @@ bool CHostLog::WriteAll(int descriptor, const std::string& line) {
     return true;
 }
 
-void LogError(const std::string& text) {
-    CHostLog::Instance().Write(EPriority::cError, text);
+void LogError(const std::string& message) {
+    CHostLog::Instance().Write(EPriority::cError, message);
 }
 
-void LogWarning(const std::string& text) {
-    CHostLog::Instance().Write(EPriority::cWarning, text);
+void LogWarning(const std::string& message) {
+    CHostLog::Instance().Write(EPriority::cWarning, message);
 }
 
-void LogNotice(const std::string& text) {
-    CHostLog::Instance().Write(EPriority::cNotice, text);
+void LogNotice(const std::string& message) {
+    CHostLog::Instance().Write(EPriority::cNotice, message);
 }
 
-void LogInfo(const std::string& text) {
-    CHostLog::Instance().Write(EPriority::cInfo, text);
+void LogInfo(const std::string& message) {
+    CHostLog::Instance().Write(EPriority::cInfo, message);
 }

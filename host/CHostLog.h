@@ -5,50 +5,58 @@
 
 #include "base/CDescriptor.h"
 
-// How grave a message is, as syslog and the journal number it.
+// Severity of a message, numbered as in syslog and the journal.
 enum class EPriority : int { cError = 3, cWarning = 4, cNotice = 5, cInfo = 6, cDebug = 7 };
 
-// Where the host and the add-in write what they have to say: standard error, or a file. One line a
-// message, written by one write; control characters become blanks. Where standard error is the
-// journal, which has its own times, a line begins with its priority as in "<4>", else with the local
-// time. A log that cannot be written is ignored. Any thread may write.
+// The log of the host and of the add-in: standard error, or a file. Each message is one line,
+// written by one write(); control characters are replaced by blanks.
+//
+// Where standard error is the journal, which adds its own times, a line begins with its priority,
+// as in "<4>". Elsewhere it begins with the local time and shows no priority; messages at debug
+// level are then not written at all, since an operator would read them as errors.
+//
+// Any thread may write, also the worker. A failed write is ignored: a full disk must not end the
+// scheduler.
 class CHostLog {
 public:
-    // The one of this process; it is never destroyed, since the add-in still logs while the process's
-    // last finalisers run.
+    // The log of this process. It is never destroyed, since the add-in still logs while finalisers
+    // run.
     static CHostLog& Instance();
 
-    // Makes it the add-in's log as well.
-    void TakeAddInsMessages();
+    // Receives the add-in's messages from now on.
+    void CaptureAddInMessages();
 
     // Writes to this file from now on. Throws CHostError (cFailed) when it cannot be opened.
     void WriteTo(const std::string& path);
 
-    // Opens the file anew, after somebody moved it away; it stays the old one when that fails. Either
-    // is logged. No effect on standard error. For the thread that called WriteTo().
+    // Opens the file again after somebody moved it away, and logs that. If that fails, it logs why
+    // and keeps the old file. No effect on standard error. For the thread that called WriteTo().
     void Reopen();
 
-    // A pipe or socket that nobody empties is waited for once, for a second; its lines are lost then,
-    // and counted, until it takes some again: the scheduler goes on.
-    void Write(EPriority priority, const std::string& text);
+    // Blocks for up to a second when the reader of a pipe or socket has stalled. After that, lines
+    // are dropped without a wait and counted until the reader takes data again; the count is then
+    // logged.
+    void Write(EPriority priority, const std::string& message);
 
-    // Says why the host cannot run, in the log and on standard error without a time.
-    void Fail(const std::string& text);
+    // Reports why the host cannot run: in the log file, if there is one, and on standard error
+    // without a time.
+    void Fail(const std::string& message);
 
 private:
     CHostLog();
     static void Sink(const std::string& message, void* context);
-    void WriteLine(int descriptor, const std::string& beginning, const std::string& text);
+    void WriteMessage(EPriority priority, const char* origin, const std::string& message);
+    void WriteLine(int descriptor, const std::string& prefix, const std::string& message);
     bool WriteAll(int descriptor, const std::string& line);
 
-    std::mutex mutex;
+    std::mutex mutex;  // guards all below
     const bool isJournal;
     std::string path;
     CDescriptor file;
-    std::size_t lost = 0;  // lines, since nobody takes them
+    std::size_t droppedLines = 0;  // since the reader stalled
 };
 
-void LogError(const std::string& text);
-void LogWarning(const std::string& text);
-void LogNotice(const std::string& text);
-void LogInfo(const std::string& text);
+void LogError(const std::string& message);
+void LogWarning(const std::string& message);
+void LogNotice(const std::string& message);
+void LogInfo(const std::string& message);

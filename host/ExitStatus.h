@@ -1,13 +1,13 @@
 #pragma once
 
-// The exit statuses of vxschedd, as README.md lists them.
+// The exit statuses of vxschedd, as README.md and docs/operating.md list them.
 enum TExitStatus : int {
-    cStopped = 0,      // stopped by SIGTERM or SIGINT, cleanly, or did what it was told to do once
-    cFailed = 1,       // something that has no status of its own
-    cUsage = 2,        // the command line makes no sense
-    cNoDirectory = 3,  // the directory cannot be worked in
+    cStopped = 0,      // stopped by SIGTERM or SIGINT; --check or --run-once done
+    cFailed = 1,       // a failure without a status of its own
+    cUsage = 2,        // the command line is invalid
+    cNoDirectory = 3,  // the directory, or a file in it, cannot be used
     cSecondHost = 4,   // another host runs in the directory
     cNoAddIn = 5,      // the add-in cannot be loaded
-    cBadTable = 6,     // the table cannot be read, or cannot be mended
+    cBadTable = 6,     // the table cannot be read, or cannot be repaired
     cNoStore = 7,      // the store's semaphores cannot be used
 };

@@ -6,7 +6,8 @@
 
 #include "host/CHostError.h"
 
-// The add-in beside this program: in the library folder of the build or of the installation.
+// The add-in next to this program, in the library directory of the build or of the installation;
+// else its bare name, which the dynamic linker looks up.
 static std::string DefaultAddIn() {
     std::string name = "libVantrixScheduler.so";
     std::error_code ignored;
@@ -20,10 +21,10 @@ static std::string DefaultAddIn() {
     return name;
 }
 
-// A terabyte; a negative number is read as one far beyond.
+// A terabyte. A negative number is parsed as a far larger one, so this limit refuses it.
 static constexpr std::uint64_t cLargestSize = std::uint64_t{1} << 40;
 
-// A path of the caller's working directory, which the host is about to leave.
+// The path is relative to the directory that the host was started in, which it is about to leave.
 static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
 }
@@ -31,54 +32,55 @@ static void MakeAbsolute(std::string& path) {
 static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& lockTimeout) {
     app.add_option(
            "--directory", options.directory,
-           "Directory to work in; the table is DIR/files/scheduler.dat, \"files\" is created")
+           "Directory to work in. The table is DIR/files/scheduler.dat; \"files\" is created")
         ->type_name("DIR")
         ->required();
-    app.add_option("--addin", options.addIn, "The add-in's library")
+    app.add_option("--addin", options.addIn, "Library of the add-in")
         ->type_name("PATH")
         ->capture_default_str();
     app.add_option("--log", options.logFile,
-                   "Log to this file instead of standard error; SIGHUP opens it anew")
+                   "Append the log to this file instead of standard error; SIGHUP reopens it")
         ->type_name("FILE");
     app.add_option(
            "--output", options.output,
-           "Where started programs write: where the host does, to the journal, or to a file "
-           "for each task in DIR")
+           "Where launched programs write: where the host does, to the journal, or to one file "
+           "per task in DIR")
         ->type_name("inherit|journal|DIR")
         ->capture_default_str();
-    app.add_option("--output-size", options.outputSize,
-                   "Bytes beyond which a start moves a task's file in DIR to .1 (1 MiB)")
+    app.add_option(
+           "--output-size", options.outputSize,
+           "Size of a task's output file beyond which the next launch moves it to .1 (1 MiB)")
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false))
         ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
     app.add_option("--history-size", options.historySize,
-                   "Bytes beyond which files/history.jsonl is moved to .1 (1 MiB); 0 keeps no "
+                   "Size beyond which files/history.jsonl is moved to .1 (1 MiB); 0 disables the "
                    "history")
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false))
         ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
     app.add_option("--snapshots", options.snapshots,
-                   "How many of the last good tables are kept in files/snapshots; 0 keeps none")
+                   "Number of valid tables to keep in files/snapshots; 0 keeps none")
         ->type_name("COUNT")
         ->capture_default_str()
         ->check(CLI::Range(std::size_t{0}, std::size_t{100'000}).description(""));
-    app.add_option("--patience", lockTimeout,
-                   "Seconds to wait at the start for clients that are changing the table")
+    app.add_option("--lock-timeout", lockTimeout,
+                   "Seconds to wait at startup and exit for clients that are changing the table")
         ->type_name("SECONDS")
         ->capture_default_str()
         ->check(CLI::Range(0, 3600));
-    auto* const check =
-        app.add_flag("--check", options.check, "Look whether a host could run, and exit");
+    auto* const check = app.add_flag(
+        "--check", options.check, "Check whether a host could run here, change nothing, and exit");
     app.add_flag("--run-once", options.runOnce,
-                 "Tick once, wait for the programs that this starts, and exit")
+                 "Launch what is due now, wait for these programs, and exit")
         ->excludes(check);
     app.set_version_flag("--version", "vxschedd " VXSCHEDD_VERSION);
     app.footer(
-        "Signals: SIGTERM and SIGINT stop, SIGHUP opens the log anew, SIGUSR1 ticks at once.\n"
-        "Exit status: 0 stopped cleanly, 1 failed, 2 wrong usage, 3 the directory cannot be worked "
-        "in,\n"
-        "4 another host runs there, 5 the add-in cannot be loaded, 6 the table is damaged,\n"
-        "7 the store's semaphores cannot be used.");
+        "Signals: SIGTERM and SIGINT stop the host, SIGHUP reopens the log, SIGUSR1 ticks at "
+        "once.\n"
+        "Exit status: 0 stopped cleanly, 1 failed, 2 invalid command line, 3 the directory cannot\n"
+        "be used, 4 another host runs there, 5 the add-in cannot be loaded, 6 the table cannot be\n"
+        "read or repaired, 7 the store's semaphores cannot be used.");
 }
 
 std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) {

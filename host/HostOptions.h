@@ -6,19 +6,19 @@
 #include <string>
 
 struct THostOptions {
-    std::string directory;                               // as the user named it
+    std::string directory;                               // as given
     std::string addIn;                                   // path of the add-in's library
     std::string logFile;                                 // empty: standard error
-    std::string output = "inherit";                      // as CProgramOutput takes it
+    std::string output = "inherit";                      // see CProgramOutput
     std::uint64_t outputSize = std::uint64_t{1} << 20;   // bytes
-    std::uint64_t historySize = std::uint64_t{1} << 20;  // bytes; 0 keeps no records
-    std::size_t snapshots = 24;                          // of the table; 0 keeps none
-    std::chrono::seconds lockTimeout{30};  // with a client that keeps the store at the start
-    bool check = false;                    // look at the set-up only
+    std::uint64_t historySize = std::uint64_t{1} << 20;  // bytes; 0: no history
+    std::size_t snapshots = 24;                          // of the table; 0: none
+    std::chrono::seconds lockTimeout{30};  // for clients that hold the store at startup and exit
+    bool check = false;                    // check the set-up only
     bool runOnce = false;                  // one tick only
 };
 
-// Reads the command line. None when it asked for the help or the version, which has then been
-// printed to standard output. Throws CHostError (cUsage), with the whole message, for anything that
-// makes no sense.
+// Parses the command line. Relative paths become absolute, except `directory`, which is resolved
+// when it is entered. Returns nothing when the help or the version was asked for; it has then been
+// printed to standard output. Throws CHostError (cUsage) for an invalid command line.
 std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv);

@@ -1,10 +1,10 @@
 #pragma once
 
-// The threads of the host, told apart from the add-in's worker: the worker asks for the time at each tick, and only its
-// ticks are meant to push the tick timer on.
+// Distinguishes the host's own threads from the add-in's worker. The worker calls time() at each
+// tick, and only those calls are to restart the tick timer.
 
-// The calling thread is one of the host's own from now on.
+// Marks the calling thread as one of the host's own, for good.
 void MarkHostThread();
 
-// Whether the calling thread is.
+// Whether the calling thread was marked.
 bool IsHostThread();

@@ -8,8 +8,10 @@
 static void* Load() {
     void* const library = dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
-        LogWarning(fmt::format("the service manager is told nothing, and no journal is written: {}",
-                               dlerror()));
+        LogWarning(fmt::format(
+            "cannot load libsystemd: {}. The service manager is not notified, and programs "
+            "cannot write to the journal.",
+            dlerror()));
     return library;
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-// A function of libsystemd by its name, null when there is no such library, which is logged once. It
-// is loaded when the first is asked for: with all that it needs itself, it takes memory that a host
-// outside systemd has no use for.
+// Returns a function of libsystemd by its name; null when the library or the function is missing. A
+// missing library is logged once. The library is loaded at the first call: with its dependencies it
+// takes memory that a host outside systemd has no use for. It stays loaded. Any thread may call it.
 void* FindInSystemd(const char* name);
 
 template <typename Function>

@@ -1,4 +1,4 @@
-// vxschedd: runs the scheduler add-in in the foreground until it is told to stop.
+// vxschedd: runs the scheduler add-in in the foreground until SIGTERM or SIGINT.
 
 #include <CEvent.h>
 #include <VXC_Information.h>
@@ -38,8 +38,9 @@
 #include "runs/CRunHistory.h"
 #include "store/StopEvent.h"
 
-// A host may be started with some of these closed. The next file that it opens, the table for one,
-// would get the number, and be written to as the log.
+// Opens /dev/null as those of descriptors 0 to 2 that the parent left closed. Otherwise the next
+// file to be opened, such as the table, would get the number of standard error, and the log would
+// be written into it.
 static void OpenStandardDescriptors() {
     int descriptor = 0;
     do {
@@ -49,11 +50,13 @@ static void OpenStandardDescriptors() {
         close(descriptor);
 }
 
-// Who is told that the add-in has lost its tasks; as long as there is nobody, it is remembered.
+// The guard to notify when the add-in has lost its tasks. The add-in may lose them before there is
+// a guard, while it is loaded; gAreTasksLost remembers that.
 static CTableGuard* gGuard = nullptr;
 static bool gAreTasksLost = false;
 
-// These run on the thread that noticed, the worker or the one that loads the add-in.
+// The next three functions run on the thread that met the failure: the worker, or the main thread
+// during the load.
 
 static void ReportLoss() {
     if (gGuard != nullptr)
@@ -63,12 +66,12 @@ static void ReportLoss() {
 }
 
 static void OnInformation(const std::string& name, int value, void* /*context*/) {
-    const std::string text = fmt::format("the add-in reports {} = {}", name, value);
+    const std::string message = fmt::format("the add-in reports {} = {}", name, value);
     if (name == "TasksDeleted") {
-        LogError(text);
+        LogError(message);
         ReportLoss();
     } else {
-        LogInfo(text);
+        LogInfo(message);
     }
 }
 
@@ -77,23 +80,24 @@ static void OnReadFailure() {
     ReportLoss();
 }
 
-// Every tick asks for the time.
-static void OnTimeAsked(time_t now) {
+// Runs on the thread that called time(), which the worker does at every tick.
+static void OnTimeCall(time_t now) {
     CHeartbeat::Beat(now);
-    PushTickTimer();
+    RestartTickTimer();
 }
 
-// The guard is told for as long as this object lives. No worker runs when it comes and goes.
-class CInformed {
+// Has the guard notified of lost tasks for as long as this object lives. To be made and destroyed
+// while no worker runs, since gGuard has no lock.
+class CGuardRegistration {
 public:
-    explicit CInformed(CTableGuard& guard) {
+    explicit CGuardRegistration(CTableGuard& guard) {
         gGuard = &guard;
         if (gAreTasksLost)
             guard.TasksDeleted();
     }
-    ~CInformed() { gGuard = nullptr; }
-    CInformed(const CInformed&) = delete;
-    CInformed& operator=(const CInformed&) = delete;
+    ~CGuardRegistration() { gGuard = nullptr; }
+    CGuardRegistration(const CGuardRegistration&) = delete;
+    CGuardRegistration& operator=(const CGuardRegistration&) = delete;
 };
 
 static void WarnOfPitfalls() {
@@ -105,14 +109,14 @@ static void WarnOfPitfalls() {
         LogNotice(notice);
 }
 
-// A load has effects, also that of a library which then turns out to be none. What has no path is
+// Checks the library's file before the load, since loading any library has effects. A bare name is
 // left to the dynamic linker.
 static void RequireAddIn(const std::string& path) {
     if (path.find('/') == std::string::npos || access(path.c_str(), R_OK) != 0)
         return;
     if (const std::string reason = WhyNotAnAddIn(path); !reason.empty())
-        throw CHostError(cNoAddIn, fmt::format("{} is not an add-in: {}. Name another library with "
-                                               "--addin.",
+        throw CHostError(cNoAddIn, fmt::format("{} is not an add-in: {}. Choose another library "
+                                               "with --addin.",
                                                path, reason));
 }
 
@@ -120,23 +124,23 @@ static std::unique_ptr<CEvent> OpenStopEvent() {
     try {
         return std::make_unique<CEvent>(cStopEventName, false);
     } catch (const std::system_error& error) {
-        throw CHostError(cNoStore, fmt::format("cannot {}. Run vxschedd as the user who owns the "
-                                               "semaphores that ipcs -s shows.",
+        throw CHostError(cNoStore, fmt::format("cannot {}. Run vxschedd as the owner of the "
+                                               "semaphores that ipcs -s lists.",
                                                error.what()));
     }
 }
 
-// The add-in's worker, running for as long as this object lives: whatever ends the host, the worker
-// is stopped before the add-in is destroyed.
+// Runs the add-in's worker for as long as this object lives, so that it is stopped before the
+// add-in is destroyed, also when an exception ends the host.
 class CRunningWorker {
 public:
-    // An add-in whose thread could not be started must not be destroyed: it counts as running, and
-    // would be joined. So the process ends here, without finalisers.
+    // An add-in whose thread could not be started still counts as running: its destructor would
+    // join a thread that does not exist. So the process exits here, without finalisers.
     explicit CRunningWorker(CAddInInterface& startedAddIn) : addIn(startedAddIn) {
         if (const int error = addIn.Start(); error != 0) {
             CHostLog::Instance().Fail(fmt::format(
-                "cannot start the scheduler's thread: {}. Look at the limits of threads "
-                "and memory.",
+                "cannot start the scheduler's thread: {}. Raise the limits on threads and "
+                "memory (ulimit -u, -s, -v).",
                 std::strerror(error)));
             _exit(cFailed);
         }
@@ -152,19 +156,20 @@ private:
     CAddInInterface& addIn;
 };
 
+// At exit a missing directory must not keep the host from stopping.
 static std::optional<vxsched::CWriterLock> TryTakeWriterLock(
     std::chrono::milliseconds lockTimeout) {
     try {
         return TakeWriterLock(lockTimeout);
     } catch (const CHostError& error) {
-        LogWarning(fmt::format("stopping without a turn among the clients: {}", error.what()));
+        LogWarning(fmt::format("stopping without the writer lock: {}", error.what()));
         return std::nullopt;
     }
 }
 
 static void Run(const THostOptions& options) {
     CHostLog& log = CHostLog::Instance();
-    log.TakeAddInsMessages();
+    log.CaptureAddInMessages();
     if (!options.logFile.empty())
         log.WriteTo(options.logFile);
     CSignals signals;
@@ -175,10 +180,10 @@ static void Run(const THostOptions& options) {
     WarnOfPitfalls();
     VXC_SetInformationListener(OnInformation, nullptr);
     SetReadFailureListener(OnReadFailure);
-    SetTimeListener(OnTimeAsked);
+    SetTimeListener(OnTimeCall);
 
     const CProgramOutput output(options.output, options.outputSize);
-    TakeLaunches(&output);
+    HandleLaunches(&output);
     CRunHistory history(options.historySize, LogWarning);
     CLaunchedPrograms& programs = CLaunchedPrograms::Instance();
     programs.RecordIn(&history);
@@ -186,13 +191,13 @@ static void Run(const THostOptions& options) {
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
     MakeLaunchRecordDirectory();
     CHeartbeat heartbeat;
-    TLoaded loaded = LoadAddIn(options, heartbeat.FormerUptime(), history, [&] {
+    TLoaded loaded = LoadAddIn(options, heartbeat.PreviousUptime(), history, [&] {
         const CFrozenClock clock;
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
     heartbeat.Begin(loaded.upSince);
     CTableGuard guard(options.snapshots);
-    const CInformed informed(guard);
+    const CGuardRegistration registration(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
     {
         const CRunningWorker worker(loaded.library->AddIn());
@@ -213,14 +218,15 @@ static void Run(const THostOptions& options) {
     if (options.runOnce)
         loop.WaitForPrograms();
     {
-        // A client that is making a change needs the store mutex, which goes with the add-in.
-        const auto turn = TryTakeWriterLock(options.lockTimeout);
+        // Destroying the add-in removes the store mutex, which a client in the middle of a change
+        // needs. The directory lock is held, the writer lock comes after it.
+        const auto writerLock = TryTakeWriterLock(options.lockTimeout);
         loaded.library.reset();
     }
     programs.CollectFinished();
-    programs.Leave();
+    programs.LeaveRunning();
     programs.RecordIn(nullptr);
-    TakeLaunches(nullptr);
+    HandleLaunches(nullptr);
 }
 
 int main(int argc, char** argv) {

@@ -19,6 +19,9 @@ void SetTimeListener(void (*listener)(time_t now)) {
     gListener = listener;
 }
 
+// Called by the add-in at each tick and in its exported functions, and by the program, on any
+// thread. Unlike libc's it calls the listener, and returns the smallest time_t while the clock is
+// frozen. It reads the coarse clock, as libc's does. Never fails; errno is unchanged.
 extern "C" time_t time(time_t* out) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);

@@ -2,11 +2,12 @@
 
 #include <ctime>
 
-// The program's own time(): the add-in's calls of it come here, from whichever thread makes them, the program's own
-// likewise. It reads the system's coarse clock, as libc's does, and never fails; errno stays as it was.
+// An interposed time(). The add-in's calls of it come here, on whichever thread makes them, and so
+// do the program's own.
 
-// While it lives, the clock is frozen at a time before all others: nothing is due, so a load of the add-in reschedules
-// no task and removes none, however late the system comes to it. One at a time; not while the worker runs.
+// While an object exists, time() returns the smallest time_t, for all threads: no task is due, so
+// that loading the add-in reschedules and removes no task. At most one object at a time, and none
+// while the add-in's worker runs.
 class CFrozenClock {
 public:
     CFrozenClock();
@@ -15,6 +16,7 @@ public:
     CFrozenClock& operator=(const CFrozenClock&) = delete;
 };
 
-// Has `listener` called with the system's time at every call of time(), on the thread that makes it; every tick makes
-// one. It must not throw, nor call time() itself. null: nobody.
+// Sets the function to call with the system's time at every call of time(), on the calling thread;
+// each tick makes one such call. It must not throw, nor call time(). null: none. Any thread may set
+// it.
 void SetTimeListener(void (*listener)(time_t now));

@@ -3,15 +3,17 @@
 #include <spawn.h>
 #include <sys/types.h>
 
-// The program's own posix_spawn() and waitpid(): the add-in's calls of them come here, on the thread that launches a
-// program, and go on to what the program has set. The results, errno included, are the handlers' own.
+// Interposed posix_spawn() and waitpid(): the add-in's calls of them, on the thread that launches a
+// program (the worker, or the caller of ExecuteTaskNow()), are handed on to these functions of the
+// program. They have the parameters, results and errno of the originals and must not throw.
 struct TLaunchHandlers {
     decltype(&posix_spawn) spawn;
     pid_t (*wait)(pid_t process, int* status, int options);
 };
 
-// To be called while no program can be launched. Until then the calls go to the next definitions.
+// Sets the handlers, to be called before any program can be launched: it is not synchronised with
+// calls of them. Until then, and for a null handler, calls go to the next definitions.
 void SetLaunchHandlers(const TLaunchHandlers& handlers);
 
-// What the handlers call to launch a program and to ask for its end.
+// The next definitions of the two functions, for use by the handlers. Any thread may call it.
 TLaunchHandlers NextLaunchHandlers();

@@ -1,14 +1,16 @@
-// A semop of the program's own, exported, so that the add-in's waits for the store mutex come here. The
-// system ends such a wait early not only for a signal handler, of which these programs have none, but
-// also when the process is stopped and continued, frozen while the machine sleeps, or looked at by
-// a debugger. The add-in would go on without the mutex and give it back all the same, which lets two
-// in at once from then on. So the wait is taken up again.
+// An interposed semop() that resumes a wait after EINTR.
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
 #include <cerrno>
 
+// Called by the add-in for the store mutex, on any thread that makes a tick or an exported call,
+// and by the program. Unlike libc's it does not fail with EINTR but waits again. The kernel
+// interrupts a wait not only for a signal handler, of which these programs have none, but also when
+// the process is stopped and continued, frozen for a suspend of the machine, or attached to by a
+// debugger. The add-in would go on without the mutex and release it all the same, which lets two
+// processes in at once from then on. Result and errno are otherwise those of semop().
 extern "C" int semop(int set, sembuf* operations, size_t count) noexcept {
     int result = 0;
     do {

@@ -1,7 +1,9 @@
 #pragma once
 
-// For the programs that make the add-in's saves safe; see TableSaves.cpp.
+// Interposed file functions that make the add-in's saves of the table atomic; see TableSaves.cpp.
 
-// Has `listener` called whenever the system fails to let the add-in read its table, on the thread that
-// tried: the add-in has no tasks from then on, whereas the file has. null: nobody.
+// Sets the function to call when the add-in fails to read its table, on the thread that tried to:
+// from then on the add-in's list is stale or empty, and its saves are discarded until a read
+// succeeds. The store mutex is held during the call. It must not throw. null: none. Any thread may
+// set it.
 void SetReadFailureListener(void (*listener)());

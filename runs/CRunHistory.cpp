@@ -15,7 +15,7 @@
 
 static constexpr char cHistoryFile[] = "files/history.jsonl";
 
-// Why it could not be done; empty when it was.
+// Appends a line to the file. Returns the reason of a failure, or an empty string.
 static std::string Append(const std::string& line) {
     std::string whyNot;
     const CDescriptor file =
@@ -40,7 +40,7 @@ void CRunHistory::Add(const TRunRecord& record) {
     const std::string line = JsonLine(record);
     const std::lock_guard<std::mutex> lock(mutex);
     if (!RotateBeyond(cHistoryFile, limit, line.size()))
-        warn(fmt::format("cannot move {} away: {}; it grows beyond its size", cHistoryFile,
+        warn(fmt::format("cannot rename {}: {}; it grows beyond its size limit", cHistoryFile,
                          std::strerror(errno)));
     if (const std::string whyNot = Append(line); !whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));

@@ -7,16 +7,20 @@
 
 #include "runs/RunRecord.h"
 
-// The run records of a directory, in files/history.jsonl: one line a record, each written by one
-// write. The file is opened for each, so it may be moved away at any time. Any thread may add.
+// Writes the run records of the working directory to files/history.jsonl, one line for each, each
+// by one write(). The file is opened for each record, so that it may be renamed or removed at any
+// time. Any thread may call Add(); one object for each directory, or rotation may happen twice.
 class CRunHistory {
 public:
-    // Of the working directory. Before a line would take the file beyond `mostBytes` bytes, the file is
-    // moved to history.jsonl.1; 0 keeps no records. `logWarning` gets what went wrong.
+    // Before a line would take the file beyond `mostBytes` bytes, the file is renamed to
+    // history.jsonl.1, replacing an older one. 0 disables the history. `logWarning` is called with
+    // the message of each failure, on the thread that calls Add() and with the object's mutex held.
     CRunHistory(std::uint64_t mostBytes, std::function<void(const std::string&)> logWarning)
         : limit(mostBytes), warn(std::move(logWarning)) {}
 
-    // A record that cannot be written is logged as a warning and lost; no half of one is left.
+    // Appends a record. Blocks for disk access only, also if a FIFO is in place of the file. A
+    // record that cannot be written is reported to `logWarning` and lost; a partial line is removed
+    // again.
     void Add(const TRunRecord& record);
 
 private:

@@ -17,59 +17,59 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Empty when the file is not there.
-std::string ReadWhole(const fs::path& file) {
-    // Whoever opens a pipe waits for its writer, for ever.
+// The content of a file; empty if there is no file.
+std::string ReadContent(const fs::path& file) {
+    // Opening a FIFO would wait for a writer without limit.
     std::error_code ignored;
     if (fs::is_other(file, ignored))
-        throw CError(
-            EError::cNoAccess,
-            fmt::format("cannot read {}: it is no file; move it out of the way", file.string()));
+        throw CError(EError::cNoAccess,
+                     fmt::format("cannot read {}: it is not a file; move it away", file.string()));
     errno = 0;
     const std::ifstream stream(file, std::ios::binary);
     std::ostringstream content;
     content << stream.rdbuf();
-    // Nothing was read of an empty file either, without an error.
+    // An empty file sets failbit, too, but not errno.
     if ((!stream.is_open() || content.fail()) && errno != 0 && errno != ENOENT)
         throw CError(EError::cNoAccess, fmt::format("cannot read {}: {}", file.string(),
                                                     std::generic_category().message(errno)));
     return content.str();
 }
 
-// 0 when it is not there.
+// The inode number; 0 if there is no file.
 ino_t IdentityOf(const fs::path& file) {
     struct stat status {};
     return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-struct THalf {
-    fs::path file;
+struct TFile {
+    fs::path path;
     std::string content;
 };
 
-// Both halves as they were at one moment: a host may move the younger one to the older one's place
-// while they are read.
-std::vector<THalf> ReadHalves(const fs::path& younger) {
-    const fs::path older = younger.string() + ".1";
+// Reads both files as of one moment: if a host renames the newer one meanwhile, they are read
+// again.
+std::vector<TFile> ReadFiles(const fs::path& newer) {
+    const fs::path older = newer.string() + ".1";
     for (;;) {
-        const ino_t before = IdentityOf(younger);
-        std::vector<THalf> halves = {{older, ReadWhole(older)}, {younger, ReadWhole(younger)}};
-        if (IdentityOf(younger) == before)
-            return halves;
+        const ino_t before = IdentityOf(newer);
+        std::vector<TFile> files = {{older, ReadContent(older)}, {newer, ReadContent(newer)}};
+        if (IdentityOf(newer) == before)
+            return files;
     }
 }
 
-void ReadLines(const THalf& half, const std::optional<std::string>& task, THistory& history) {
+void ReadLines(const TFile& file, const std::optional<std::string>& task, THistory& history) {
     std::size_t number = 0;
-    // What has no end of a line yet is being written.
-    for (std::size_t start = 0, end = 0;
-         (end = half.content.find('\n', start)) != std::string::npos; start = end + 1) {
+    // A last line without a line break is still being written.
+    for (std::size_t begin = 0, end = 0;
+         (end = file.content.find('\n', begin)) != std::string::npos; begin = end + 1) {
         ++number;
         std::optional<TRunRecord> run =
-            ReadJsonLine(std::string_view(half.content).substr(start, end - start));
+            ReadJsonLine(std::string_view(file.content).substr(begin, end - begin));
         if (!run)
-            history.problems.push_back(fmt::format(
-                "line {} of {} is no record of a run; it is left out", number, half.file.string()));
+            history.problems.push_back(
+                fmt::format("line {} of {} is not a record of a run; it is skipped", number,
+                            file.path.string()));
         else if (!task || run->task == task)
             history.runs.push_back(*std::move(run));
     }
@@ -80,10 +80,10 @@ void ReadLines(const THalf& half, const std::optional<std::string>& task, THisto
 THistory ReadHistory(const std::string& directory, const std::optional<std::string>& task) {
     std::optional<std::string> recorded;
     if (task)
-        recorded = RecordedText(*task);
+        recorded = AsRecorded(*task);
     THistory history;
-    for (const THalf& half : ReadHalves(fs::path(directory) / "files" / "history.jsonl"))
-        ReadLines(half, recorded, history);
+    for (const TFile& file : ReadFiles(fs::path(directory) / "files" / "history.jsonl"))
+        ReadLines(file, recorded, history);
     return history;
 }
 

@@ -8,14 +8,15 @@
 
 namespace vxsched {
 
-// What the hosts of a directory recorded of runs and missed times, the oldest first.
+// The runs and missed due times that the hosts of a directory have recorded.
 struct THistory {
-    std::vector<TRunRecord> runs;
-    std::vector<std::string> problems;  // lines that make no sense, and where; they are left out
+    std::vector<TRunRecord> runs;       // oldest first
+    std::vector<std::string> problems;  // messages about lines that were skipped
 };
 
-// Reads files/history.jsonl and the older half beside it, of one task or of all. A directory without
-// them has no runs. Throws CError (cNoAccess) for a file that may not be read.
+// Reads files/history.jsonl and the older history.jsonl.1, for one task or, without `task`, for
+// all. A missing file has no runs. Takes no lock; a host may write meanwhile. Blocks for disk
+// access only. Throws CError (cNoAccess) if a file cannot be read. Any thread may call it.
 THistory ReadHistory(const std::string& directory, const std::optional<std::string>& task);
 
 }  // namespace vxsched

@@ -8,7 +8,7 @@ using TJson = nlohmann::ordered_json;
 
 static constexpr int cVersion = 1;
 
-// Each outcome, and what becomes of the task where that is told as well.
+// The value of the field "outcome" for each outcome, and of the field "task" for missed ones.
 struct TOutcomeNames {
     TRunRecord::EOutcome outcome;
     const char* name;
@@ -20,8 +20,8 @@ static constexpr TOutcomeNames cOutcomes[] = {
     {TRunRecord::cUnknown, "unknown", nullptr},
     {TRunRecord::cLeftRunning, "left running", nullptr},
     {TRunRecord::cNotStarted, "not started", nullptr},
-    {TRunRecord::cMovedOn, "missed", "moved on"},
-    {TRunRecord::cRemovedUnrun, "missed", "removed unrun"},
+    {TRunRecord::cRescheduled, "missed", "rescheduled"},
+    {TRunRecord::cRemoved, "missed", "removed"},
 };
 
 static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
@@ -76,12 +76,12 @@ std::string JsonLine(const TRunRecord& record) {
     return JsonOf(record).dump(-1, ' ', false, TJson::error_handler_t::replace) + '\n';
 }
 
-std::string RecordedText(const std::string& text) {
-    return TJson::parse(TJson(text).dump(-1, ' ', false, TJson::error_handler_t::replace))
+std::string AsRecorded(const std::string& string) {
+    return TJson::parse(TJson(string).dump(-1, ' ', false, TJson::error_handler_t::replace))
         .get<std::string>();
 }
 
-// ---- Reading: what is missing or of another kind throws a TJson::exception ----
+// ---- Reading: a missing field, or one of another type, throws TJson::exception ----
 
 static TRunRecord::EOutcome ReadOutcome(const TJson& json) {
     const std::string name = json.at("outcome");
@@ -124,7 +124,7 @@ std::optional<TRunRecord> ReadJsonLine(std::string_view line) {
         const TJson json = TJson::parse(line);
         if (json.at("version") == cVersion)
             return ReadRecord(json);
-    } catch (const TJson::exception&) {  // it is none of ours
+    } catch (const TJson::exception&) {  // not a record
     }
     return {};
 }

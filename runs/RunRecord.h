@@ -10,7 +10,7 @@
 
 #include "base/IsoTime.h"
 
-// What a program used of the machine, together with the children that it waited for.
+// The resources that a program used, including those of the children that it waited for.
 struct TUsage {
     std::chrono::microseconds user{0};
     std::chrono::microseconds system{0};
@@ -19,42 +19,45 @@ struct TUsage {
     bool operator==(const TUsage&) const = default;
 };
 
-// What became of one due time of a task, or of one start.
+// The record of one launch, or of one missed due time.
 struct TRunRecord {
     enum EOutcome {
-        cExited,        // with `number`, its exit status
-        cKilled,        // by signal `number`
-        cUnknown,       // it ended, and somebody else learned how
-        cLeftRunning,   // the host stopped first
-        cNotStarted,    // the system refused: `error`
-        cMovedOn,       // missed while no host ran; the task waits for its next time
-        cRemovedUnrun,  // missed while no host ran, by a task that runs once
+        cExited,       // `number` is its exit status
+        cKilled,       // `number` is the signal
+        cUnknown,      // it ended, but another process collected its status
+        cLeftRunning,  // the host stopped before the program ended
+        cNotStarted,   // the launch failed; `error` is the reason
+        cRescheduled,  // missed while no host ran; the task was rescheduled
+        cRemoved,      // missed while no host ran; the task, which runs once, was removed
     };
     EOutcome outcome = cExited;
-    std::optional<std::string> task;  // none when it cannot be told which task the start was for
+    std::optional<std::string> task;  // empty if the launch cannot be assigned to a task
     std::optional<std::chrono::sys_seconds> due;
     std::string program;
     std::string parameter;
-    pid_t process = 0;  // 0: nothing was started
+    pid_t process = 0;  // 0: there was none
     std::optional<TMoment> started;
-    std::optional<TMoment> ended;  // when the host learned of it
-    int number = 0;
+    std::optional<TMoment> ended;  // when the host collected its status
+    int number = 0;                // see EOutcome
     TUsage usage;
     std::string error;
 
     bool operator==(const TRunRecord&) const = default;
 };
 
-// The record as JSON; docs/operating.md lists the fields.
+// Converts a record to JSON; docs/operating.md lists the fields. Any thread may call these
+// functions.
 nlohmann::ordered_json JsonOf(const TRunRecord& record);
 
-// The record as one line of files/history.jsonl, its line break included. Bytes that are not UTF-8
-// are replaced by U+FFFD.
+// The line of files/history.jsonl for a record, with its line break. Bytes that are not UTF-8 are
+// replaced by U+FFFD.
 std::string JsonLine(const TRunRecord& record);
 
-// A text as a record that was read from a line has it.
-std::string RecordedText(const std::string& text);
+// `string` as it reads in a record that was written and read back: with U+FFFD for bytes that are
+// not UTF-8. For comparing names with records.
+std::string AsRecorded(const std::string& string);
 
-// What JsonLine() wrote, with RecordedText() of its texts. None for anything else, a line that was
-// cut off or one of another version among it; fields that are not known are passed over.
+// Parses a line that JsonLine() wrote; its strings come back as AsRecorded() makes them. Empty for
+// anything else, including a line that was cut off or has another version. Unknown fields are
+// ignored.
 std::optional<TRunRecord> ReadJsonLine(std::string_view line);

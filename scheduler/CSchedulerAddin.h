@@ -7,7 +7,7 @@
 class CSchedulerAddin : public CAddInInterface {
 public:
     // Creates the shared objects, then, holding the store mutex, loads the task file, brings every
-    // task's next start up to date and writes the file back. It does not register itself as the
+    // task's next due time up to date and writes the file back. It does not register itself as the
     // process's instance.
     CSchedulerAddin();
 
@@ -24,7 +24,7 @@ public:
     bool isLoad() override;
 
     // One pass over the table, on the scheduling thread: takes in changes that others announced,
-    // starts every due task and writes the table back if it started any. Holds the store mutex
+    // launches every due task and writes the table back if it launched any. Holds the store mutex
     // throughout.
     virtual void OnTick();
 };

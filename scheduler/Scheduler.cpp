@@ -113,7 +113,7 @@ static void ReportLoss(const char* message) {
     VXC_SetInformation("TasksDeleted", 1);
 }
 
-// Writes the whole list in place. A file that cannot be opened is left alone without a word; an
+// Writes the whole list in place. A file that cannot be opened is silently left alone; an
 // error while writing empties the list as well, is logged and flagged, and the caller does not
 // learn of it.
 static void SaveTasks() {
@@ -138,8 +138,9 @@ static void SaveTasks() {
 
 // Reads the file into the list. True when the list is now exactly the file. A file that is missing
 // or cannot be opened leaves the list as it was; one that cannot be read to its end is reset to an
-// empty table, so that it is not met again at the next call. What the file holds is not judged. It
-// is opened for writing too, so a process that may not change the table does not read it either.
+// empty table, so that the next call does not fail on it again. Field values are not validated. The
+// file is opened for writing too, so a process that may not change the table does not read it
+// either.
 static bool LoadTasks() {
     try {
         struct stat status {};
@@ -179,12 +180,12 @@ static time_t AddWrapping(time_t time, std::uint64_t seconds) {
     return static_cast<time_t>(static_cast<std::uint64_t>(time) + seconds);
 }
 
-// Brings a task whose time has come to the first point of its grid that is not in the past; a task
-// that runs once is removed from the list, and with it goes the first of its name, which may be
-// another task. Missed runs are not made up for. `task` may be gone afterwards. `save` writes the
-// file unless the task is not due.
+// Reschedules a due task to the first point of its grid that is not in the past. If the task runs
+// once, removes the first task of its name from the list, which may be another task. Missed runs
+// are not made up for. `task` may be deleted afterwards. `save` writes the file unless the task is
+// not due.
 static void SetNextTime(TTask* task, bool save) {
-    // Not assert(): its text would hold the parameter's name and, with clang++, a blank in the
+    // Not assert(): its message would hold the parameter's name and, with clang++, a blank in the
     // signature.
     if (task == nullptr)
         __assert_fail("Task", __FILE__, __LINE__, "void SetNextTime(TTask*, bool)");
@@ -209,8 +210,8 @@ static void SetNextTime(TTask* task, bool save) {
 // ---- The program launcher
 // -----------------------------------------------------------------------------
 
-// Starts the task's program as a child process and waits two seconds. The child is never waited for
-// again. A start that fails is logged and takes no time.
+// Launches the task's program as a child process and waits two seconds. The child is never waited
+// for again. A launch that fails is logged and takes no time.
 static void Execute(TTask*& task) {
     char fileName[256];
     char extension[128] = "";
@@ -219,7 +220,7 @@ static void Execute(TTask*& task) {
         __assert_fail("false", __FILE__, __LINE__, "void Execute(TTask*&)");
 
     // Cuts off every trailing '.', 'e' and 'x', not the suffix ".exe", and does so in the task
-    // itself: the file, and programs named accordingly, depend on the shortened text.
+    // itself: the file, and programs named accordingly, depend on the shortened path.
     std::string& program = task->program;
     program.erase(program.find_last_not_of(".exe") + 1);
 
@@ -229,7 +230,7 @@ static void Execute(TTask*& task) {
         VXC_LogMessage("Not possible to execute program.");
         return;
     }
-    // Asked once and at once, so the message is the usual one for a program that is still running.
+    // Checked once and at once, so the message is the usual one for a program that still runs.
     int status = 0;
     if (waitpid(process, &status, WNOHANG) != process)
         VXC_LogMessage("Failed waitpid.");
@@ -270,7 +271,7 @@ void CSchedulerAddin::OnTick() {
         LoadTasks();
         gTaskChangedEvent->ResetEvent();
     }
-    // One reading for the whole tick: the time that starts take makes no further task due.
+    // One reading for the whole tick: the time that launches take makes no further task due.
     const time_t now = time(nullptr);
     bool changed = false;
     for (TPosition position = gTaskList->begin(); position != gTaskList->end(); ++position) {
@@ -282,8 +283,8 @@ void CSchedulerAddin::OnTick() {
         if (task != nullptr)
             SetNextTime(task, false);
         changed = true;
-        // The position may be gone: back to the first task, and on from there at once. So the first
-        // task is passed over in the rest of this tick; hosts see it run at the next one.
+        // The position may be invalid: back to the first task, and on from there at once. So the
+        // first task is skipped in the rest of this tick; hosts see it run at the next one.
         if (gTaskChangedEvent->Wait(0) != 0 || CountTasks() != count) {
             position = gTaskList->begin();
             if (position == gTaskList->end())
@@ -343,7 +344,7 @@ bool IsTaskRunning(const char* name) {
         return false;
     const std::string program = task->program;
     // The probe runs without the mutex. The end of the scope releases it a second time: clients
-    // count on the value that this leaves behind.
+    // count on the value that this leaves.
     gMutex->Unlock();
     const std::string command = "ps -e | grep " + program;
     CPopen pipe(command.c_str(), "r");
@@ -429,13 +430,14 @@ static time_t SecondsOfPeriod(std::uint32_t period) {
     // From 2^31 hours on this is negative, and the grid moves the other way.
     record.tm_hour = static_cast<int>(period);
     const time_t wanted = static_cast<time_t>(record.tm_hour) * 3600;
-    // What mktime is off by is the zone's offset; once more where the offset changed in between. An
-    // hour that a zone skipped or had twice can be told in one kind of time and not in another.
+    // The error of mktime is the zone's offset; once more where the offset changed in between. An
+    // hour that a zone skipped or had twice can be expressed in one kind of time and not in
+    // another.
     for (const int daylightSaving : {0, 1, -1}) {
         record.tm_isdst = daylightSaving;
         time_t offset = 0;
         for (int round = 0; round < 3; ++round) {
-            // Whole minutes go into the minutes: mktime adds seconds beyond a minute only behind
+            // Whole minutes go into the minutes: mktime adds seconds beyond a minute only after
             // its conversion.
             tm local = record;
             local.tm_min = static_cast<int>(offset / 60);
@@ -479,7 +481,7 @@ void ExecuteTaskNow(const char* name, bool force) {
     if (position == gTaskList->end())
         return;
     Execute(*position);
-    // Neither signalled nor moved on: the scheduler runs the task at its time all the same.
+    // Neither signalled nor rescheduled: the scheduler still runs the task when it is due.
     SaveTasks();
 }
 
@@ -526,7 +528,7 @@ void CSchedulerAddin::Run() {
     }
 }
 
-// The message is all it does; hosts know it as the sign that they called Load().
+// It only writes this message; to hosts it indicates that they called Load().
 void CSchedulerAddin::Load() {
     if (gInstance != nullptr)
         VXC_LogMessage("Failed to start up thread in Scheduler AddIn.");

@@ -22,8 +22,8 @@ namespace {
 constexpr std::string_view cQuarantine = "scheduler.dat.damaged-";
 constexpr std::size_t cMostQuarantined = 24;
 
-// The youngest first. Among the snapshots their names tell, which a clock that was set back does not
-// mislead; where the copy belongs, only times can.
+// Newest first. Snapshots are ordered by their names, which stay in order when the clock is set
+// back. The backup has no such name; its place among them follows from the modification times.
 std::vector<fs::path> FindCandidates(const fs::path& directory) {
     std::vector<fs::path> candidates;
     std::error_code error;
@@ -32,14 +32,14 @@ std::vector<fs::path> FindCandidates(const fs::path& directory) {
         if (fs::is_regular_file(snapshot.path, error))
             candidates.insert(candidates.begin(), snapshot.path);
     }
-    const fs::path before = BackupFile(directory);
-    if (!fs::is_regular_file(before, error))
+    const fs::path backup = BackupFile(directory);
+    if (!fs::is_regular_file(backup, error))
         return candidates;
-    const fs::file_time_type time = fs::last_write_time(before, error);
+    const fs::file_time_type time = fs::last_write_time(backup, error);
     const auto isOlder = [&](const fs::path& snapshot) {
         return fs::last_write_time(snapshot, error) < time;
     };
-    candidates.insert(std::find_if(candidates.begin(), candidates.end(), isOlder), before);
+    candidates.insert(std::find_if(candidates.begin(), candidates.end(), isOlder), backup);
     return candidates;
 }
 
@@ -73,56 +73,57 @@ fs::path Quarantine(const fs::path& directory, std::string_view bytes) {
 
 namespace {
 
-// Unless something of the table was changed already, and the copy is the only whole one.
-void RemoveCopy(const fs::path& aside, const fs::path& directory, std::string_view damaged) {
+// Removes the copy, unless the table has changed: then the copy may be the only complete one.
+void RemoveCopy(const fs::path& quarantine, const fs::path& directory, std::string_view damaged) {
     try {
         if (ReadBytes(TableFile(directory)) == damaged)
-            unlink(aside.c_str());
+            unlink(quarantine.c_str());
     } catch (const CError&) {
-        // Nobody knows what the table is now.
+        // The table cannot be compared: keep the copy.
     }
 }
 
-fs::path ReplaceBesideACopy(const fs::path& directory, std::string_view damaged,
-                            std::string_view sound) {
-    fs::path aside = Quarantine(directory, damaged);
+fs::path ReplaceKeepingCopy(const fs::path& directory, std::string_view damaged,
+                            std::string_view repaired) {
+    fs::path quarantine = Quarantine(directory, damaged);
     try {
-        ReplaceOrOverwriteTable(directory, sound);
+        ReplaceOrOverwriteTable(directory, repaired);
     } catch (const CError&) {
-        RemoveCopy(aside, directory, damaged);
+        RemoveCopy(quarantine, directory, damaged);
         throw;
     }
-    return aside;
+    return quarantine;
 }
 
-// Takes no room but for the sound one. Nothing may be written into the file under either name.
-fs::path ReplaceBesideALink(const fs::path& directory, std::string_view sound) {
+// Needs disk space for the repaired table only. The damaged file gets a second name before it is
+// replaced, so nothing may be written into it in place: that would change both.
+fs::path ReplaceKeepingLink(const fs::path& directory, std::string_view repaired) {
     std::error_code error;
     const fs::path table = fs::canonical(TableFile(directory), error);
-    fs::path aside = NextQuarantineFile(directory);
-    if (link(table.c_str(), aside.c_str()) == -1)
-        throw SystemError("cannot keep the damaged table as " + aside.string(), errno);
+    fs::path quarantine = NextQuarantineFile(directory);
+    if (link(table.c_str(), quarantine.c_str()) == -1)
+        throw SystemError("cannot quarantine the damaged table as " + quarantine.string(), errno);
     try {
-        ReplaceTable(directory, sound);
+        ReplaceTable(directory, repaired);
     } catch (const CError&) {
-        unlink(aside.c_str());
+        unlink(quarantine.c_str());
         throw;
     }
-    RemoveOldest(aside.parent_path(), cQuarantine, cMostQuarantined);
-    return aside;
+    RemoveOldest(quarantine.parent_path(), cQuarantine, cMostQuarantined);
+    return quarantine;
 }
 
 }  // namespace
 
 fs::path ReplaceDamaged(const fs::path& directory, std::string_view damaged,
-                        std::string_view sound) {
+                        std::string_view repaired) {
     try {
-        return ReplaceBesideACopy(directory, damaged, sound);
+        return ReplaceKeepingCopy(directory, damaged, repaired);
     } catch (const CError&) {
         if (ReadBytes(TableFile(directory)) != damaged)
             throw;
     }
-    return ReplaceBesideALink(directory, sound);
+    return ReplaceKeepingLink(directory, repaired);
 }
 
 }  // namespace vxsched

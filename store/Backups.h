@@ -7,18 +7,25 @@
 
 namespace vxsched {
 
-// The youngest sound table of those that were put aside in a store's directory: the copy from before
-// the last change, and the host's snapshots. None when there is none.
+// The tables that a repair can take tasks from, and the quarantine for damaged ones. FindBackup()
+// needs no lock, since its files are only ever replaced in one step. The functions block for disk
+// access only.
+
+// The newest intact table among the backup from before the last change and the host's snapshots.
+// Empty if there is none; files that cannot be read or are damaged are skipped.
 std::optional<TBackup> FindBackup(const std::filesystem::path& directory);
 
-// Keeps the bytes of a damaged table beside it, as files/scheduler.dat.damaged-TIME; where. Of those
-// that are there, the youngest two dozen stay. Throws CError (cNoAccess, cFailed).
+// Writes the bytes of a damaged table to files/scheduler.dat.damaged-TIME and returns that path.
+// Only the newest 24 such files are kept. Holding the store mutex keeps two calls from choosing the
+// same path. Throws CError (cNoAccess, cFailed); nothing is removed then.
 std::filesystem::path Quarantine(const std::filesystem::path& directory, std::string_view bytes);
 
-// Puts a sound table in the place of a damaged one, whose bytes are kept likewise; where. On a disk
-// without room for a copy the damaged file itself gets that name. When it throws, the table is as it
-// was, unless the disk failed half-way: there is a copy then.
+// Replaces the table, whose bytes are `damaged`, by `repaired` and keeps the damaged bytes in
+// quarantine; returns that path. On a disk without room for a copy the damaged file itself moves to
+// the quarantine. The caller holds the writer lock and the store mutex. Throws CError (cNoAccess,
+// cFailed); the table is unchanged then, unless an overwrite failed half-way: the quarantine then
+// has the damaged bytes.
 std::filesystem::path ReplaceDamaged(const std::filesystem::path& directory,
-                                     std::string_view damaged, std::string_view sound);
+                                     std::string_view damaged, std::string_view repaired);
 
 }  // namespace vxsched

@@ -12,22 +12,24 @@
 
 namespace vxsched {
 
-// A task takes at least this many bytes: three lengths, two times, a period and a flag.
+// The bytes of a task with empty strings: three lengths, two times, a period and a flag.
+// docs/table-file.md describes the format.
 constexpr std::size_t cSmallestTask = 3 * 4 + 2 * 8 + 4 + 4;
 
-// Takes a table's bytes apart from front to back. Whatever is not whole throws CError
-// (cDamaged), which says what is wrong at which offset; the place is then where it was tried.
+// Decodes the bytes of a table from front to back; they stay the caller's and must outlive the
+// decoder. A field that is cut off throws CError (cDamaged) with what is wrong at which offset; the
+// decoder is not to be used afterwards. For one thread at a time.
 class CDecoder {
 public:
     static constexpr std::size_t cNoTask = 0;
 
-    explicit CDecoder(std::string_view whole, std::size_t start = 0)
-        : bytes(whole), offset(start) {}
+    explicit CDecoder(std::string_view table, std::size_t startOffset = 0)
+        : bytes(table), offset(startOffset) {}
 
     std::size_t Offset() const { return offset; }
     std::size_t Left() const { return bytes.size() - offset; }
 
-    // `what` and, behind it, the task's place are for messages.
+    // `what` and the number of the task are for the message of an error.
     template <typename Value>
     Value Take(const char* what, std::size_t task = cNoTask) {
         Value value{};
@@ -38,21 +40,22 @@ public:
         return value;
     }
 
-    // One task, the first of which is number 1. The pause flag as it stands goes to `flag`.
+    // The next task. `number`, from 1, is for messages. The pause flag is stored in `flag` as it is
+    // in the file: any value but 0 means paused.
     TTaskEntry TakeTask(std::size_t number, std::uint32_t& flag) {
         TTaskEntry task;
-        task.name = TakeText("the length of the name", number);
-        task.next = TakeTime("the next start", number);
-        task.last = TakeTime("the last start", number);
+        task.name = TakeString("the length of the name", number);
+        task.next = TakeTime("the next due time", number);
+        task.last = TakeTime("the last launch", number);
         task.period = Take<std::uint32_t>("the period", number);
-        task.program = TakeText("the length of the program", number);
-        task.parameter = TakeText("the length of the parameter", number);
+        task.program = TakeString("the length of the program", number);
+        task.parameter = TakeString("the length of the parameter", number);
         flag = Take<std::uint32_t>("the pause flag", number);
         task.paused = flag != 0;
         return task;
     }
 
-    // " of task 1", or nothing.
+    // " of task 1", or an empty string for cNoTask.
     static std::string Of(std::size_t task) {
         return task == cNoTask ? "" : " of task " + std::to_string(task);
     }
@@ -63,23 +66,20 @@ public:
     }
 
 private:
-    static constexpr std::string_view cLengthOf = "the length of ";
-
     TTime TakeTime(const char* what, std::size_t task) {
         return TTime(std::chrono::seconds(Take<std::int64_t>(what, task)));
     }
 
-    // `what` begins with cLengthOf.
-    std::string TakeText(const char* what, std::size_t task) {
-        const std::size_t start = offset;
+    // `what` names the length, which comes before the bytes.
+    std::string TakeString(const char* what, std::size_t task) {
+        const std::size_t lengthOffset = offset;
         const auto length = Take<std::uint32_t>(what, task);
         if (length > Left())
-            Damaged(start, std::string(what).substr(cLengthOf.size()) + Of(task) +
-                               " is said to have " + std::to_string(length) + " bytes, " +
-                               std::to_string(Left()) + " are left");
-        std::string text(bytes.substr(offset, length));
+            Damaged(lengthOffset, std::string(what) + Of(task) + " is " + std::to_string(length) +
+                                      ", but only " + std::to_string(Left()) + " bytes follow it");
+        std::string string(bytes.substr(offset, length));
         offset += length;
-        return text;
+        return string;
     }
 
     std::string_view bytes;

@@ -26,14 +26,14 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout) {
         }
         const auto left = std::max<TClock::duration>(end - TClock::now(), TClock::duration(0));
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-        const timespec rest{.tv_sec = seconds.count(),
-                            .tv_nsec = std::chrono::nanoseconds(left - seconds).count()};
+        const timespec timeout{.tv_sec = seconds.count(),
+                               .tv_nsec = std::chrono::nanoseconds(left - seconds).count()};
         sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = SEM_UNDO};
-        if (semtimedop(found, &take, 1, &rest) == 0) {
+        if (semtimedop(found, &take, 1, &timeout) == 0) {
             set = found;
             return;
         }
-        // Its last user has gone meanwhile; somebody else may have made a new one.
+        // The semaphore was removed while this waited; another process may have made a new one.
         if (errno == EIDRM || errno == EINVAL)
             continue;
         if (errno == EAGAIN) {
@@ -42,8 +42,8 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout) {
                          "the store mutex is held, last by process " + std::to_string(holder) +
                              ", and did not become free within " +
                              std::to_string(lockTimeout.count()) +
-                             " ms; nothing was changed. A start of a task holds it for two "
-                             "seconds; try again");
+                             " ms; nothing was changed. A tick holds it for two seconds for each "
+                             "launch; try again, or with a longer lock timeout");
         }
         if (errno != EINTR)
             throw SystemError("cannot take the store mutex", errno);
@@ -53,12 +53,13 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout) {
 CStoreMutexLock::~CStoreMutexLock() {
     if (set == -1)
         return;
-    // A load of the library by somebody else may have set it free meanwhile, and giving it back as
-    // well would let two in at once. While it is held nobody but its holder has worked on it.
+    // Another process that loads the add-in sets the mutex free even while it is held; releasing it
+    // again would let two processes in at once. While it is held, this process was the last to
+    // operate on it.
     if (semctl(set, 0, GETPID) != getpid())
         return;
-    sembuf give{.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO};
-    semop(set, &give, 1);
+    sembuf release{.sem_num = 0, .sem_op = 1, .sem_flg = SEM_UNDO};
+    semop(set, &release, 1);
 }
 
 }  // namespace vxsched

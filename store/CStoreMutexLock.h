@@ -4,24 +4,26 @@
 
 namespace vxsched {
 
-// Holds the store mutex for a scope, as one more waiter among those who use it. Unlike the add-in's
-// own mutex it never makes the semaphore, never sets its value, and never removes it: where there is
-// no store, nothing is held and nothing is made. The kernel gives it back if the process dies.
+// Holds the store mutex, a System V semaphore, for a scope. Unlike the add-in's own mutex object it
+// never makes the semaphore, sets its value or removes it: where there is no store, it holds
+// nothing and makes nothing. The kernel releases it if the process dies (SEM_UNDO). Lock order:
+// directory lock, writer lock, store mutex. Not recursive; the thread that made it destroys it.
 class CStoreMutexLock {
 public:
-    // Waits at most `patience`. Throws CError: cBusy with the process that holds it, when that
-    // has passed; cNoAccess or cFailed when the semaphore cannot be used. Goes on waiting after a signal handler
-    // ran.
+    // Waits at most `lockTimeout` by the monotonic clock, also if signal handlers run meanwhile.
+    // Throws CError: cBusy with the id of the holder on a timeout, cNoAccess or cFailed if the
+    // semaphore cannot be used.
     explicit CStoreMutexLock(std::chrono::milliseconds lockTimeout);
     ~CStoreMutexLock();
     CStoreMutexLock(const CStoreMutexLock&) = delete;
     CStoreMutexLock& operator=(const CStoreMutexLock&) = delete;
 
-    // For who loads the library while holding the mutex: the load sets it free, so that giving it back
-    // as well would let two in at once from then on.
+    // Gives up the duty to release. For a process that loads the add-in while it holds the mutex:
+    // the load sets the mutex free, and a second release would let two processes in at once from
+    // then on.
     void Forget() { set = -1; }
 
-    // False where there is no store, or its semaphore was removed while it was waited for.
+    // False if there is no store, or its semaphore was removed during the wait.
     bool IsHeld() const { return set != -1; }
 
 private:

@@ -11,7 +11,7 @@
 
 namespace vxsched {
 
-// The system has no wait with an end for this lock, so it is asked again and again.
+// flock() has no timeout, so the lock is polled.
 static constexpr std::chrono::milliseconds cPause(5);
 
 CWriterLock::CWriterLock(const std::filesystem::path& directory,
@@ -20,9 +20,9 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
     descriptor = open(files.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor == -1 && (errno == ENOENT || errno == ENOTDIR))
         throw CError(EError::cFailed,
-                     "there is no folder " + files.string() +
-                         ": no host has run in this directory; name the host's directory, or "
-                         "create the folder to begin a table");
+                     "there is no directory " + files.string() +
+                         ": no host has run here; give the host's working directory, or create it "
+                         "to begin a table");
     if (descriptor == -1)
         throw SystemError("cannot open " + files.string(), errno);
     const auto end = std::chrono::steady_clock::now() + lockTimeout;
@@ -35,9 +35,11 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
         close(descriptor);
         if (error != EWOULDBLOCK)
             throw SystemError("cannot lock " + files.string(), error);
-        throw CError(EError::cBusy, "others have been changing the table of " + directory.string() +
-                                        " for " + std::to_string(lockTimeout.count()) +
-                                        " ms; nothing was changed; try again");
+        throw CError(EError::cBusy,
+                     "the writer lock of " + directory.string() +
+                         " is held by other processes and did not become free within " +
+                         std::to_string(lockTimeout.count()) +
+                         " ms; nothing was changed; try again, or with a longer lock timeout");
     }
 }
 

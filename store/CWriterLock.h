@@ -5,14 +5,15 @@
 
 namespace vxsched {
 
-// A client's turn to load the library, or to write the table itself: one process after the other in
-// a directory. The store mutex alone does not see to that: there is none before the first load, and
-// each load sets it free. It is an advisory lock on the folder "files", which the kernel gives back
-// when the process ends, however it ends.
+// The writer lock of a directory, held for a scope: one process at a time loads the add-in or
+// writes the table itself. The store mutex is not enough for that: it does not exist before the
+// first load, and each load sets it free. It is an flock() on the directory "files"; the kernel
+// releases it when the process ends. Lock order: after the directory lock, before the store mutex.
+// Not recursive. A child made by fork() shares the lock until it ends or executes a program.
 class CWriterLock {
 public:
-    // Waits at most `patience`. Throws CError: cBusy when that has passed, cFailed or
-    // cNoAccess when there is no such folder or it may not be read.
+    // Waits at most `lockTimeout`, polling. Throws CError: cBusy on a timeout, cFailed if there is
+    // no directory "files", cNoAccess if it may not be read.
     CWriterLock(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
     ~CWriterLock();
     CWriterLock(const CWriterLock&) = delete;

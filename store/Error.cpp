@@ -6,11 +6,12 @@
 namespace vxsched {
 
 CError SystemError(const std::string& what, int error) {
-    const bool isAboutRights = error == EACCES || error == EPERM || error == EROFS;
+    const bool isAboutPermissions = error == EACCES || error == EPERM || error == EROFS;
     return {
-        isAboutRights ? EError::cNoAccess : EError::cFailed,
+        isAboutPermissions ? EError::cNoAccess : EError::cFailed,
         what + ": " + std::strerror(error) +
-            (isAboutRights ? "; run as the user, or in the group, of the scheduling process" : "")};
+            (isAboutPermissions ? "; run as the user, or in the group, of the scheduling process"
+                                : "")};
 }
 
 }  // namespace vxsched

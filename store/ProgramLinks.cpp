@@ -20,10 +20,10 @@ fs::path LinksOf(const fs::path& directory) {
     return fs::weakly_canonical(fs::absolute(directory)) / "files" / "programs";
 }
 
-// The program's own name with dots replaced, so that there is no extension, and a number behind it,
-// so that nothing is cut off its end.
+// The program's file name with its dots replaced, so that it has no extension, and a number at the
+// end, so that the add-in cuts nothing off.
 std::string LinkName(const fs::path& program, int number) {
-    constexpr std::size_t cLongest = 200;  // so that the number still fits into a file's name
+    constexpr std::size_t cLongest = 200;  // leaves room for the number within NAME_MAX
     std::string name = program.filename().string().substr(0, cLongest);
     std::replace(name.begin(), name.end(), '.', '-');
     return name + '-' + std::to_string(number);
@@ -70,7 +70,7 @@ void MakeLink(const std::string& path, const std::string& program) {
 bool IsLinkPath(const fs::path& directory, const std::string& program) {
     if (program.find("programs/") == std::string::npos)
         return false;
-    // The directory may be named in several ways.
+    // The same directory may be written in several ways: compare what the paths lead to.
     std::error_code ignored;
     const fs::path links = fs::path(program).parent_path();
     return links.filename() == "programs" &&

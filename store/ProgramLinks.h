@@ -7,28 +7,30 @@
 
 namespace vxsched {
 
-// Programs that a start would alter or refuse (`/usr/bin/free`, `backup.sh`) are scheduled by a link
-// with a safe name, kept in `files/programs/` of the store's directory. Who makes or removes one has the
-// turn (CWriterLock).
+// Links to programs whose path the add-in would alter or refuse at a launch (`/usr/bin/free`,
+// `backup.sh`): symbolic links with safe names in `files/programs/` of the store's directory. A
+// caller that makes or removes links holds the writer lock; the others need no lock. None of these
+// blocks.
 
-// The path to put into the table for `program`, an absolute path: itself where a start leaves it
-// alone, else the path of a link to it, which is made if there is none yet. A program that looks at
-// the name it was started by sees the link's. Throws CError
-// (cNoAccess, cFailed) when the link cannot be made.
+// Returns the path for the table for `program`, an absolute path: itself if the add-in launches it
+// as it is, else the path of a link to it, which is made if there is none yet. The program sees the
+// link's path as its argv[0]. Throws CError (cNoAccess, cFailed) if the link cannot be made; the
+// directory may have been made by then.
 std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
 
-// Makes the link `path`, as MakeSchedulable() named it, to `program` unless it is there, and
-// its folder. One of that name to something else is an error. Throws
-// CError likewise.
+// Makes the link `path`, as returned by MakeSchedulable(), to `program`, and its directory, unless
+// they exist. Throws CError (cNoAccess, cFailed) if it cannot, also if `path` is something else.
 void MakeLink(const std::string& path, const std::string& program);
 
-// Whether a path of the table is one of these links, be it there or not.
+// True if a path of the table is that of such a link, whether or not the link exists.
 bool IsLinkPath(const std::filesystem::path& directory, const std::string& program);
 
-// The program behind a path of the table: what the link points to, or the path itself.
+// The program that a path of the table leads to: the target of the link, or the path itself if it
+// is no such link or the link is missing.
 std::string RealProgram(const std::filesystem::path& directory, const std::string& program);
 
-// Removes the links that no task of the table needs. What else lies in the folder stays.
+// Removes the links that no task of the table uses. Other files of the directory stay. Links that
+// cannot be removed stay, too; that is not an error.
 void RemoveUnusedLinks(const std::filesystem::path& directory, const TTable& table);
 
 }  // namespace vxsched

@@ -14,23 +14,24 @@ namespace vxsched {
 
 namespace {
 
-constexpr std::size_t cCount = 8;  // bytes that the number of tasks takes, ahead of the first
+constexpr std::size_t cCount = 8;  // bytes of the number of tasks, before the first task
 constexpr std::size_t cLongestName = 4096;
 constexpr std::chrono::seconds cFarFromNow = std::chrono::hours(24LL * 365 * 10'000);
 
-bool IsOfThisAge(TTime time) {
+bool IsPlausibleTime(TTime time) {
     return time >= TTime() && time < TTime() + cFarFromNow;
 }
 
-// By chance, bytes that are not a task hardly ever look like this.
+// Bytes that are not a task hardly ever pass these checks by chance.
 bool IsPlausible(const TTaskEntry& task, std::uint32_t flag) {
     return !task.name.empty() && task.name.size() <= cLongestName &&
-           task.name.find('\0') == std::string::npos && IsOfThisAge(task.next) &&
-           IsOfThisAge(task.last) && !task.program.empty() && task.program.size() < PATH_MAX &&
+           task.name.find('\0') == std::string::npos && IsPlausibleTime(task.next) &&
+           IsPlausibleTime(task.last) && !task.program.empty() && task.program.size() < PATH_MAX &&
            flag <= 1;
 }
 
-// As zeros read. A system that lost its power leaves zeros in the place of what was written last.
+// A task decoded from zeros: after a power failure a file may have zeros in place of the last
+// writes.
 bool IsBlank(const TTaskEntry& task) {
     return task == TTaskEntry();
 }
@@ -53,8 +54,8 @@ std::optional<TFound> TaskAt(std::string_view bytes, std::size_t offset, bool mu
     }
 }
 
-// Cheap, so that most places need not be tried.
-bool MayBeginAName(std::string_view bytes, std::size_t offset) {
+// A cheap check that rules most offsets out.
+bool MayBeginName(std::string_view bytes, std::size_t offset) {
     std::uint32_t length = 0;
     std::memcpy(&length, bytes.data() + offset, sizeof length);
     return length > 0 && length <= cLongestName && length < bytes.size() - offset;
@@ -62,7 +63,7 @@ bool MayBeginAName(std::string_view bytes, std::size_t offset) {
 
 std::optional<TFound> FindNextTask(std::string_view bytes, std::size_t offset) {
     for (; offset + cSmallestTask <= bytes.size(); ++offset) {
-        if (!MayBeginAName(bytes, offset))
+        if (!MayBeginName(bytes, offset))
             continue;
         if (std::optional<TFound> found = TaskAt(bytes, offset, true))
             return found;
@@ -70,21 +71,22 @@ std::optional<TFound> FindNextTask(std::string_view bytes, std::size_t offset) {
     return {};
 }
 
-std::string Quoted(const std::string& text) {
-    return '"' + text + '"';
+std::string Quoted(const std::string& string) {
+    return '"' + string + '"';
 }
 
 void RepairHarm(TTaskEntry& task, TProblem::EKind kind, TTime now,
                 std::vector<std::string>& notes) {
     if (kind == TProblem::cEndless) {
         notes.push_back("altered " + Quoted(task.name) + ": its period of " +
-                        std::to_string(task.period) + " hours is a step of zero; it is " +
-                        std::to_string(cLongestPeriod) + " hours and paused now");
+                        std::to_string(task.period) +
+                        " hours is a step of zero; it is paused now, with a period of " +
+                        std::to_string(cLongestPeriod) + " hours");
         task.period = cLongestPeriod;
         task.paused = true;
     } else {
         notes.push_back("altered " + Quoted(task.name) +
-                        ": its start lay too far back; it is moved on to its next one");
+                        ": its due time was too far back; it is rescheduled to its next one");
     }
     task.next = NextOnGrid(task.next, StepOf(task.period), now);
 }
@@ -101,7 +103,7 @@ TSalvaged Salvage(std::string_view bytes) {
             found = FindNextTask(bytes, offset + 1);
             const std::size_t end = found ? found->end : bytes.size();
             salvaged.notes.push_back("bytes " + std::to_string(bad) + " to " + std::to_string(end) +
-                                     " were not all readable");
+                                     " were not readable as tasks");
             if (!found)
                 break;
         }
@@ -114,15 +116,15 @@ TSalvaged Salvage(std::string_view bytes) {
 std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now) {
     std::vector<TTaskEntry> tasks = DecodeTable(bytes, now).tasks;
     if (std::any_of(tasks.begin(), tasks.end(), IsBlank))
-        CDecoder::Damaged(0, "it has zeros in the place of a task");
+        CDecoder::Damaged(0, "it has zeros in place of a task");
     const std::size_t end = EncodeTable(tasks).size();
     if (end < bytes.size() && (tasks.empty() || Salvage(bytes).tasks.size() > tasks.size()))
-        CDecoder::Damaged(end, "it is said to have " + std::to_string(tasks.size()) +
-                                   " tasks, and more is behind them");
+        CDecoder::Damaged(
+            end, "its count is " + std::to_string(tasks.size()) + " tasks, but more tasks follow");
     return tasks;
 }
 
-TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now) {
+TRepair PlanRepair(std::string_view bytes, const TBackup* backup, TTime now) {
     TRepair repair;
     try {
         repair.tasks = DecodeIntactTable(bytes, now);
@@ -137,11 +139,11 @@ TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now) {
             repair.notes.push_back("kept " + Quoted(task.name) + " from the damaged table");
         }
         for (const TTaskEntry& task :
-             source != nullptr ? source->tasks : std::vector<TTaskEntry>()) {
+             backup != nullptr ? backup->tasks : std::vector<TTaskEntry>()) {
             if (!names.insert(task.name).second)
                 continue;
             repair.tasks.push_back(task);
-            repair.notes.push_back("kept " + Quoted(task.name) + " from " + source->name);
+            repair.notes.push_back("kept " + Quoted(task.name) + " from " + backup->name);
         }
     }
     for (TTaskEntry& task : repair.tasks) {

@@ -15,7 +15,8 @@ namespace vxsched {
 
 namespace {
 
-// The folder /proc, whose files are many: read with as few calls as can be.
+// Iterates over the processes in /proc, with as few system calls as possible: there may be
+// thousands.
 class CProcesses {
 public:
     CProcesses() : directory(opendir("/proc")) { FindKernelThreads(); }
@@ -26,7 +27,7 @@ public:
     CProcesses(const CProcesses&) = delete;
     CProcesses& operator=(const CProcesses&) = delete;
 
-    // The next process that is no thread of the kernel's; none behind the last.
+    // The next process that is not a kernel thread; empty after the last.
     std::optional<pid_t> Next() {
         while (const dirent* const entry = directory == nullptr ? nullptr : readdir(directory)) {
             name = entry->d_name;
@@ -39,13 +40,13 @@ public:
         return {};
     }
 
-    // The arguments of that one with a zero byte behind each, its own path included; empty for one
-    // that cannot be looked into, or has none. Valid until the next call.
+    // The arguments of that process, its path first, each with a zero byte after it; empty if it
+    // cannot be read or has none. Valid until the next call of a member.
     std::string_view CommandLine() { return Read(name + "/cmdline"); }
 
 private:
-    // Often the most of all processes, and none has a command line. Their parent is the kernel's own
-    // process 2, which a container has not.
+    // Kernel threads are often the majority of the processes, and none has a command line. Their
+    // parent is kthreadd, process 2; containers have none.
     void FindKernelThreads() {
         if (directory == nullptr || Read("2/comm") != "kthreadd\n" || !Read("2/cmdline").empty())
             return;
@@ -68,30 +69,30 @@ private:
             return {};
         std::size_t length = 0;
         ssize_t count = 0;
-        // Such a file delivers what there is; only a full buffer may have more behind it.
-        while ((count = read(file, text.data() + length, text.size() - length)) > 0) {
+        // One read() returns the whole file, unless it fills the buffer.
+        while ((count = read(file, buffer.data() + length, buffer.size() - length)) > 0) {
             length += static_cast<std::size_t>(count);
-            if (length < text.size())
+            if (length < buffer.size())
                 break;
-            text.resize(2 * text.size());
+            buffer.resize(2 * buffer.size());
         }
         close(file);
-        return std::string_view(text).substr(0, length);
+        return std::string_view(buffer).substr(0, length);
     }
 
     DIR* directory;
     std::vector<pid_t> kernelThreads;
     std::string name;
-    std::string text = std::string(1 << 13, '\0');
+    std::string buffer = std::string(1 << 13, '\0');
 };
 
-// Takes the last argument off a command line. It is not empty.
+// Takes the last argument off a command line, which is not empty.
 std::string_view TakeLast(std::string_view& line) {
     if (line.ends_with('\0'))
         line.remove_suffix(1);
-    const std::size_t start = line.rfind('\0') + 1;  // 0 where there is none before it
-    const std::string_view last = line.substr(start);
-    line = line.substr(0, start);
+    const std::size_t begin = line.rfind('\0') + 1;  // 0 for the only argument
+    const std::string_view last = line.substr(begin);
+    line = line.substr(0, begin);
     return last;
 }
 

@@ -25,11 +25,12 @@ fs::path DirectoryOf(pid_t process) {
     return fs::path("/proc") / std::to_string(process);
 }
 
-std::optional<pid_t> ProcessOf(const std::string& text) {
+std::optional<pid_t> ProcessOf(const std::string& digits) {
     pid_t process = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
-    return error == std::errc() && end == text.data() + text.size() ? std::optional(process)
-                                                                    : std::nullopt;
+    const auto [end, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), process);
+    return error == std::errc() && end == digits.data() + digits.size() ? std::optional(process)
+                                                                        : std::nullopt;
 }
 
 bool IsSameDirectory(const fs::path& path, const struct stat& wanted) {
@@ -43,8 +44,8 @@ bool MayInspect(pid_t process) {
     return stat((DirectoryOf(process) / "cwd").c_str(), &status) == 0;
 }
 
-// The holder of a lock on the file. Trying the lock would tell as well, but keep out a host that
-// starts at that moment.
+// The process that holds an flock() on the file. Trying to take the lock would show that, too, but
+// would keep out a host that starts up at that moment.
 std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directory) {
     struct stat status {};
     if (stat(file.c_str(), &status) != 0)
@@ -55,8 +56,8 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
         std::istringstream words(line);
         std::string number, kind, strength, access, process, which;
         words >> number >> kind >> strength >> access >> process >> which;
-        // Files of several file systems may have this number, so where it can be seen the process
-        // has to work in the directory as well.
+        // Inode numbers are unique within one file system only, so the process has to work in the
+        // directory as well, if this user may read that.
         const std::optional<pid_t> holder = ProcessOf(process);
         if (kind == "FLOCK" && which.ends_with(inode) && holder &&
             (IsSameDirectory(DirectoryOf(*holder) / "cwd", directory) || !MayInspect(*holder)))
@@ -94,7 +95,7 @@ std::optional<pid_t> FindHostIn(const struct stat& directory) {
 bool SharesStore(pid_t process) {
     struct stat own {};
     struct stat others {};
-    // Where one may not look, the usual holds.
+    // A namespace that this user may not read is taken for the same one, which is usual.
     return stat("/proc/self/ns/ipc", &own) != 0 ||
            stat((DirectoryOf(process) / "ns/ipc").c_str(), &others) != 0 ||
            own.st_ino == others.st_ino;

@@ -5,7 +5,7 @@
 
 namespace vxsched {
 
-// The key of the store mutex's semaphore, which all processes derive from its name.
+// The System V key of the store mutex, derived from its name as the add-in does it.
 inline key_t StoreKey() {
     return static_cast<key_t>(VXC_GenerateCRC32("Global\\1D1F6415-69BD-4438-B706-07D710576930"));
 }

@@ -25,7 +25,7 @@ std::optional<TMutexState> InspectStoreMutex() {
     argument.buf = &status;
     const int value = semctl(set, 0, GETVAL);
     if (value == -1 || semctl(set, 0, IPC_STAT, argument) == -1)
-        throw SystemError("cannot look at the store mutex", errno);
+        throw SystemError("cannot read the state of the store mutex", errno);
     return TMutexState{value, semctl(set, 0, GETPID),
                        TTime(std::chrono::seconds(status.sem_otime))};
 }

@@ -8,14 +8,16 @@
 
 namespace vxsched {
 
-// The store mutex as it is at this moment.
+// The state of the store mutex at one moment.
 struct TMutexState {
-    int value;          // 0 held, 1 free; more: as many are let in at once until the next load
-    pid_t lastProcess;  // that took it or gave it back; 0 for none
-    TTime lastUsed;     // when that was; the beginning of 1970: never
+    int value;          // 0: held; 1: free; more: so many holders at once, until the next load
+    pid_t lastProcess;  // that took or released it; 0: none
+    TTime lastUsed;     // when that was; the epoch: never
 };
 
-// Looks without taking it. None where there is no store. Throws CError (cNoAccess, cFailed).
+// Reads the state without taking the mutex; does not block. Empty if there is no store. The values
+// are read one after the other and may belong to different moments. Throws CError (cNoAccess,
+// cFailed). Any thread may call it.
 std::optional<TMutexState> InspectStoreMutex();
 
 }  // namespace vxsched

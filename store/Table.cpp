@@ -15,22 +15,22 @@ namespace vxsched {
 
 namespace {
 
-// What a load would make of a past start.
+// Finds what loading the add-in would do about a past due time.
 void FindHarm(const TTaskEntry& task, TTime now, std::size_t offset,
               std::vector<TProblem>& problems) {
     if (task.period == 0 || task.next >= now)
         return;
     if (StepOf(task.period) == std::chrono::seconds(0))
-        problems.push_back({TProblem::cEndless, offset,
-                            "task \"" + task.name + "\" has a period of " +
-                                std::to_string(task.period) +
-                                " hours, a step of zero, and a start in the past: a process that "
-                                "loads the library would hang"});
+        problems.push_back(
+            {TProblem::cEndless, offset,
+             "task \"" + task.name + "\" has a period of " + std::to_string(task.period) +
+                 " hours, which is a step of zero, and a past due time: a process that "
+                 "loads the add-in would hang"});
     else if (IsTooFarBack(task.next, task.period, now))
         problems.push_back({TProblem::cSlow, offset,
-                            "the start of task \"" + task.name +
-                                "\" lies too far back: a process that loads the library would "
-                                "catch up for more than a second"});
+                            "the due time of task \"" + task.name +
+                                "\" is too far back: a process that loads the add-in would catch "
+                                "up for more than a second"});
 }
 
 }  // namespace
@@ -45,14 +45,15 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     CDecoder decoder(bytes);
     const auto count = decoder.Take<std::uint64_t>("the number of tasks");
     if (count > decoder.Left() / cSmallestTask)
-        CDecoder::Damaged(0, "it is said to have " + std::to_string(count) + " tasks, " +
-                                 std::to_string(decoder.Left()) + " bytes are left for them");
-    // The names are views into the tasks, which must not move.
+        CDecoder::Damaged(0, "its count is " + std::to_string(count) + " tasks, but only " +
+                                 std::to_string(decoder.Left()) + " bytes follow it");
+    // The set holds views of the tasks' names: no task may move, so there is memory for all of
+    // them.
     table.tasks.reserve(count);
     std::unordered_set<std::string_view> names;
     names.reserve(count);
     for (std::uint64_t number = 1; number <= count; ++number) {
-        const std::size_t start = decoder.Offset();
+        const std::size_t offset = decoder.Offset();
         std::uint32_t flag = 0;
         const TTaskEntry& task = table.tasks.emplace_back(decoder.TakeTask(number, flag));
         const std::size_t flagOffset = decoder.Offset() - sizeof flag;
@@ -61,19 +62,19 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
                                       "the pause flag" + CDecoder::Of(number) + " is " +
                                           std::to_string(flag) + ", which counts as paused"});
         if (task.name.find('\0') != std::string::npos)
-            table.problems.push_back(
-                {TProblem::cUnusual, start,
-                 "the name" + CDecoder::Of(number) + " holds a zero byte: no call finds it"});
+            table.problems.push_back({TProblem::cUnusual, offset,
+                                      "the name" + CDecoder::Of(number) +
+                                          " holds a zero byte: calls by name cannot find it"});
         if (!names.insert(task.name).second)
-            table.problems.push_back({TProblem::cUnusual, start,
+            table.problems.push_back({TProblem::cUnusual, offset,
                                       "the name" + CDecoder::Of(number) + ", \"" + task.name +
-                                          "\", is there already: calls find the first"});
-        FindHarm(task, now, start, table.problems);
+                                          "\", is a duplicate: calls by name find the first task"});
+        FindHarm(task, now, offset, table.problems);
     }
     if (decoder.Left() > 0)
         table.problems.push_back({TProblem::cUnusual, decoder.Offset(),
                                   std::to_string(decoder.Left()) +
-                                      " bytes behind the last task: the next write drops them"});
+                                      " bytes follow the last task: the next write drops them"});
     return table;
 }
 
@@ -86,9 +87,9 @@ void Put(std::string& bytes, const Value& value) {
     bytes.append(raw, sizeof raw);
 }
 
-void PutText(std::string& bytes, const std::string& text) {
-    Put(bytes, static_cast<std::uint32_t>(text.size()));
-    bytes += text;
+void PutString(std::string& bytes, const std::string& string) {
+    Put(bytes, static_cast<std::uint32_t>(string.size()));
+    bytes += string;
 }
 
 }  // namespace
@@ -97,12 +98,12 @@ std::string EncodeTable(const std::vector<TTaskEntry>& tasks) {
     std::string bytes;
     Put(bytes, std::uint64_t{tasks.size()});
     for (const TTaskEntry& task : tasks) {
-        PutText(bytes, task.name);
+        PutString(bytes, task.name);
         Put(bytes, std::int64_t{task.next.time_since_epoch().count()});
         Put(bytes, std::int64_t{task.last.time_since_epoch().count()});
         Put(bytes, task.period);
-        PutText(bytes, task.program);
-        PutText(bytes, task.parameter);
+        PutString(bytes, task.program);
+        PutString(bytes, task.parameter);
         Put(bytes, std::uint32_t{task.paused});
     }
     return bytes;
@@ -114,19 +115,19 @@ TTime Now() {
 
 std::string ReadTableBytes(const std::filesystem::path& directory) {
     const std::filesystem::path file = TableFile(directory);
-    // Whoever opens a pipe waits for its writer, for ever and with the store mutex.
+    // Opening a FIFO would wait for a writer, without limit and with the store mutex held.
     std::error_code ignored;
     if (std::filesystem::is_other(file, ignored))
         throw CError(EError::cFailed,
-                     "cannot read " + file.string() + ": it is no file; move it out of the way");
+                     "cannot read " + file.string() + ": it is not a file; move it away");
     return ReadBytes(file);
 }
 
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout) {
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error))
-        throw CError(EError::cFailed,
-                     "there is no directory " + directory.string() + "; name the host's");
+        throw CError(EError::cFailed, "there is no directory " + directory.string() +
+                                          "; give the working directory of the host");
     std::string bytes;
     {
         const CStoreMutexLock lock(lockTimeout);

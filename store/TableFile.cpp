@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::size_t cBlock = 1 << 16;
-// Ten thousand bytes a task, for a hundred thousand of them.
+// A hundred thousand tasks of ten thousand bytes each.
 constexpr std::uint64_t cMostBytes = std::uint64_t{1} << 30;
 
 class CDescriptor {
@@ -39,7 +39,7 @@ private:
     int number;
 };
 
-// Leaves no half-made file behind.
+// Removes a temporary file at the end of the scope; after a rename() there is none left.
 class CTemporary {
 public:
     explicit CTemporary(fs::path where) : path(std::move(where)) {}
@@ -61,16 +61,16 @@ void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
     }
 }
 
-// Before memory is taken for it.
-void RequireASize(std::uint64_t size, const fs::path& file) {
+// Checked before memory is allocated for the file.
+void RequireSize(std::uint64_t size, const fs::path& file) {
     if (size > cMostBytes)
         throw CError(EError::cFailed,
                      "cannot read " + file.string() + ": it has " + std::to_string(size) +
                          " bytes, and no table has more than " + std::to_string(cMostBytes) +
-                         "; put a sound one in its place");
+                         "; replace it by a valid table");
 }
 
-// Of the table, or of its folder as long as there is none.
+// The status of the table, or of its directory if there is no table.
 std::optional<struct stat> StatusOf(const fs::path& table) {
     struct stat status {};
     if (stat(table.c_str(), &status) == 0 || stat(table.parent_path().c_str(), &status) == 0)
@@ -78,7 +78,8 @@ std::optional<struct stat> StatusOf(const fs::path& table) {
     return {};
 }
 
-// Writes a new file and gives it the name `target`, with the rights of `like`.
+// Writes a temporary file, gives it the owner and mode of `like`, and renames it to `target`. With
+// `keepOwner` it fails if it may not give the file to that owner.
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
              bool keepOwner) {
     const fs::path fresh = target.string() + ".new-" + std::to_string(getpid());
@@ -88,14 +89,14 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
     const CTemporary temporary(fresh);
     WriteAll(descriptor.Number(), bytes, fresh);
     if (like && fchown(descriptor.Number(), like->st_uid, like->st_gid) == -1 && keepOwner)
-        throw SystemError("cannot leave " + target.string() + " to its owner", errno);
-    // A folder's: the owner is to be the same, the rights are a file's.
+        throw SystemError("cannot keep the owner of " + target.string(), errno);
+    // Where `like` is a directory, only its owner is taken over.
     fchmod(descriptor.Number(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
 }
 
-// Into the file as it is, of which nothing is changed unless there is room for all.
+// Overwrites the file in place. Its space is allocated first, so that a full disk changes nothing.
 void Overwrite(const fs::path& path, std::string_view bytes) {
     const CDescriptor descriptor(path, O_WRONLY, 0);
     const auto size = static_cast<off_t>(bytes.size());
@@ -103,10 +104,10 @@ void Overwrite(const fs::path& path, std::string_view bytes) {
     if (descriptor.Number() == -1 || fstat(descriptor.Number(), &former) == -1)
         throw SystemError("cannot write " + path.string(), errno);
     if (size > former.st_size && fallocate(descriptor.Number(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
-        throw SystemError("cannot make room for " + path.string(), errno);
+        throw SystemError("cannot allocate space for " + path.string(), errno);
     WriteAll(descriptor.Number(), bytes, path);
     if (ftruncate(descriptor.Number(), size) == -1)
-        throw SystemError("cannot cut off " + path.string(), errno);
+        throw SystemError("cannot truncate " + path.string(), errno);
 }
 
 }  // namespace
@@ -129,8 +130,8 @@ std::string ReadBytes(const fs::path& file) {
     struct stat status {};
     const bool hasSize = fstat(descriptor.Number(), &status) == 0 && S_ISREG(status.st_mode);
     if (hasSize)
-        RequireASize(static_cast<std::uint64_t>(status.st_size), file);
-    // A byte more than there is said to be, so that the end is seen at once.
+        RequireSize(static_cast<std::uint64_t>(status.st_size), file);
+    // One byte more than the size, so that the first read() finds the end.
     std::string bytes(hasSize ? static_cast<std::size_t>(status.st_size) + 1 : cBlock, '\0');
     std::size_t length = 0;
     ssize_t count = 0;
@@ -138,7 +139,7 @@ std::string ReadBytes(const fs::path& file) {
         if (count == -1 && errno != EINTR)
             throw SystemError("cannot read " + file.string(), errno);
         length += count > 0 ? static_cast<std::size_t>(count) : 0;
-        RequireASize(length, file);
+        RequireSize(length, file);
         if (length == bytes.size())
             bytes.resize(length + cBlock);
     }

@@ -6,41 +6,47 @@
 
 namespace vxsched {
 
-// The table's file, and the copy that is made of it before each change, as bytes. The caller holds
-// the store mutex (CStoreMutexLock), and who writes has the turn as well (CWriterLock).
+// The table's file and its backup, as bytes. The caller holds the store mutex; a client that
+// writes, and a host that starts up, holds the writer lock as well, taken first. The paths and
+// TableState() need no lock. The functions block for disk access only, apart from ReadBytes() of a
+// FIFO. Writes are not flushed to the disk (no fsync).
 
-// "files/scheduler.dat" of the directory.
+// The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
 
-// "files/scheduler.dat.before": the table as it was before the last change of a client.
+// The path files/scheduler.dat.before: the backup, the table as it was before a client's last
+// change.
 std::filesystem::path BackupFile(const std::filesystem::path& directory);
 
-// The bytes of a file; those of an empty table when there is none. Throws CError (cNoAccess,
-// cFailed) when it cannot be read, or is larger than any table (1 GiB).
+// The bytes of a file; those of an empty table (8 zero bytes) if there is none. Throws CError
+// (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table.
 std::string ReadBytes(const std::filesystem::path& file);
 
-// Another text after each change of the table's file; empty when there is none.
+// A string that differs after each change of the table's file, made of its change time, inode and
+// size; empty if there is no file.
 std::string TableState(const std::filesystem::path& directory);
 
-// Puts `bytes` in the place of the table in one step: whoever opens it sees the old ones or the new
-// ones, and when anything fails the old ones stay. Owner and access rights stay as they were. Where
-// the file is a link, what it leads to is replaced. Throws CError (cNoAccess, cFailed).
+// Replaces the table by `bytes` in one step, by rename(): a reader sees either the old bytes or the
+// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced. Throws
+// CError (cNoAccess, cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
-// The same, and on a disk without room for a second file over the former bytes, for which all the room
-// is there before the first is touched: better than to leave the table out of date. A kill in the
-// middle leaves some of the old bytes and some of the new ones.
+// Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:
+// better than an outdated table. The space is allocated before the first byte is written. A kill
+// during the overwrite leaves a mixture of old and new bytes, and so may a CError.
 void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string_view bytes);
 
-// Writes a file with the table's rights under a name that is not taken. Throws likewise.
+// Writes `file` in one step, with the table's owner, if permitted, and mode; replaces a file of
+// that name. Throws CError (cNoAccess, cFailed); nothing is changed then.
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 
-// Removes the files that were to take the place of the table or of the copy, and were not finished
-// because their process was killed. Nobody else is at one while the caller has mutex and turn.
+// Removes the temporary files of replacements that a kill interrupted. The caller holds both locks,
+// so that no other process is still writing one. Files that cannot be removed stay.
 void RemoveLeftovers(const std::filesystem::path& directory);
 
-// Makes `bytes` the copy from before a change, likewise in one step and with the table's rights.
+// Makes `bytes` the backup, in one step and with the table's owner and mode as in WriteNewFile().
+// Throws CError (cNoAccess, cFailed); the previous backup stays then.
 void WriteBackup(const std::filesystem::path& directory, std::string_view bytes);
 
 }  // namespace vxsched

@@ -12,29 +12,29 @@ namespace vxsched {
 
 namespace fs = std::filesystem;
 
-// More digits no name of ours has; with one more there is room to count on.
+// Names made here have fewer digits, and larger numbers might overflow when counted up.
 static constexpr std::size_t cMostDigits = 18;
 
 template <typename Number>
-static bool TakeNumber(std::string_view& text, Number& number) {
-    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+static bool TakeNumber(std::string_view& string, Number& number) {
+    const std::size_t digits = std::min(string.find_first_not_of("0123456789"), string.size());
     if (digits == 0 || digits > cMostDigits)
         return false;
-    std::from_chars(text.data(), text.data() + digits, number);
-    text.remove_prefix(digits);
+    std::from_chars(string.data(), string.data() + digits, number);
+    string.remove_prefix(digits);
     return true;
 }
 
-static std::optional<TFileTimestamp> NameIn(std::string_view text) {
+static std::optional<TFileTimestamp> NameIn(std::string_view string) {
     TFileTimestamp name;
-    if (!TakeNumber(text, name.time))
+    if (!TakeNumber(string, name.time))
         return {};
-    if (text.starts_with('-')) {
-        text.remove_prefix(1);
-        if (!TakeNumber(text, name.number))
+    if (string.starts_with('-')) {
+        string.remove_prefix(1);
+        if (!TakeNumber(string, name.number))
             return {};
     }
-    return text.empty() ? std::optional(name) : std::nullopt;
+    return string.empty() ? std::optional(name) : std::nullopt;
 }
 
 std::vector<TTimestampedFile> FindTimestamped(const fs::path& directory,

@@ -11,14 +11,15 @@
 
 namespace vxsched {
 
-// Files that are kept for later, snapshots and damaged tables: their names are a beginning, the time
-// of their making in seconds, and a number if that time is taken, as in "scheduler.dat.1790000000-1".
-// Names increase in the order of making. Should the clock be set back, they go on from the youngest
-// name in the folder, whose time they then have until the clock is there again.
+// Snapshots and quarantined tables: files named by a prefix, the time of their creation in seconds
+// since the epoch, and a number if that time is taken, as in "scheduler.dat.1790000000-1". The
+// names increase in the order of creation. After the clock was set back they continue with the time
+// of the newest name and a higher number, until the clock has passed that time. The caller keeps
+// other writers out.
 
 struct TFileTimestamp {
     std::int64_t time = 0;
-    std::uint64_t number = 0;  // 0 where the name has none
+    std::uint64_t number = 0;  // 0 if the name has none
 
     bool operator<(const TFileTimestamp& other) const {
         return std::tie(time, number) < std::tie(other.time, other.number);
@@ -30,15 +31,17 @@ struct TTimestampedFile {
     std::filesystem::path path;
 };
 
-// Those of a folder whose names begin with `beginning`, the oldest first. None of a folder that cannot
-// be read.
+// The files of a directory with the prefix `beginning` and a timestamp, oldest first. Empty if the
+// directory cannot be read.
 std::vector<TTimestampedFile> FindTimestamped(const std::filesystem::path& directory,
                                               std::string_view beginning);
 
-// What the next one is to be called, which is younger than each of `kept`.
+// The timestamp for the next file: `now`, or the first that is newer than the last of `kept`, which
+// is sorted.
 TFileTimestamp NextTimestamp(const std::vector<TTimestampedFile>& kept, TTime now);
 
-// Removes the oldest of those that FindTimestamped() finds, all but the youngest `most`.
+// Removes all but the newest `most` of the files that FindTimestamped() finds. Files that cannot be
+// removed stay.
 void RemoveOldest(const std::filesystem::path& directory, std::string_view beginning,
                   std::size_t most);
 

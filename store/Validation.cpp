@@ -18,11 +18,11 @@ namespace {
 
 class CFindings {
 public:
-    void Refuse(TValidationError::EKind kind, const std::string& text) {
-        found.push_back({kind, false, text});
+    void Refuse(TValidationError::EKind kind, const std::string& message) {
+        found.push_back({kind, false, message});
     }
-    void Warn(TValidationError::EKind kind, const std::string& text) {
-        found.push_back({kind, true, text});
+    void Warn(TValidationError::EKind kind, const std::string& message) {
+        found.push_back({kind, true, message});
     }
     std::vector<TValidationError> WorstFirst() {
         std::stable_partition(found.begin(), found.end(),
@@ -34,8 +34,8 @@ private:
     std::vector<TValidationError> found;
 };
 
-std::string Quoted(const std::string& text) {
-    return '"' + text + '"';
+std::string Quoted(const std::string& string) {
+    return '"' + string + '"';
 }
 
 std::string ExtensionOf(const std::string& program) {
@@ -49,15 +49,17 @@ void FindMissing(const std::string& path, CFindings& errors) {
     if (stat(path.c_str(), &status) != 0)
         errors.Warn(TValidationError::cMissingProgram,
                     "there is no program " + Quoted(path) +
-                        ": each start would fail and count as made; create it first");
+                        ": each launch would fail, and the add-in would count it as a run; create "
+                        "the program first");
     else if (!S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
         errors.Warn(TValidationError::cNotExecutable,
                     Quoted(path) +
-                        " is not a file that may be executed: each start would fail "
-                        "and count as made; chmod +x it, or name another");
+                        " is not an executable file: each launch would fail, and the add-in would "
+                        "count it as a run; chmod +x it, or give another program");
 }
 
-// What a start makes of the name, and whether that is the program that is meant.
+// Checks whether the add-in would launch the program itself by this path, and not abort or launch
+// another.
 bool IsLaunchedAsNamed(const std::string& program, CFindings& errors) {
     const std::string extension = ExtensionOf(program);
     if (AbortsLaunch(program)) {
@@ -69,11 +71,12 @@ bool IsLaunchedAsNamed(const std::string& program, CFindings& errors) {
     }
     const std::string named =
         extension.empty() ? program : program.substr(0, program.size() - extension.size());
-    const std::string started = LaunchedPath(program);
-    if (started != named) {
+    const std::string launched = LaunchedPath(program);
+    if (launched != named) {
         errors.Refuse(TValidationError::cAlteredPath,
-                      "a start of " + Quoted(program) + " would start " + Quoted(started) +
-                          ": every '.', 'e' and 'x' at the end is cut off; schedule a link to it "
+                      "the add-in would launch " + Quoted(launched) + " instead of " +
+                          Quoted(program) +
+                          ": it cuts every '.', 'e' and 'x' off the end; schedule a link to it "
                           "whose name ends otherwise");
         return false;
     }
@@ -82,38 +85,42 @@ bool IsLaunchedAsNamed(const std::string& program, CFindings& errors) {
 
 void ValidateProgram(const std::string& program, EProgram how, CFindings& errors) {
     if (program.empty()) {
-        errors.Refuse(TValidationError::cNoProgram, "no program is named; give its absolute path");
+        errors.Refuse(TValidationError::cNoProgram,
+                      "the task has no program; give its absolute path");
         return;
     }
     if (how == EProgram::cAsNamed && !IsLaunchedAsNamed(program, errors))
         return;
-    const std::string started = how == EProgram::cAsNamed ? LaunchedPath(program) : program;
-    if (started.size() >= PATH_MAX) {
+    const std::string launched = how == EProgram::cAsNamed ? LaunchedPath(program) : program;
+    if (launched.size() >= PATH_MAX) {
         errors.Refuse(TValidationError::cPathTooLong,
-                      "the program's path has " + std::to_string(started.size()) +
-                          " bytes, the system opens none beyond " + std::to_string(PATH_MAX - 1));
+                      "the program's path has " + std::to_string(launched.size()) +
+                          " bytes, but the system opens paths of at most " +
+                          std::to_string(PATH_MAX - 1) + "; give a shorter one");
         return;
     }
-    if (started.front() != '/')
+    if (launched.front() != '/')
         errors.Warn(TValidationError::cRelativePath,
                     Quoted(program) +
-                        " would be looked up in the directory of the scheduling process; give "
-                        "an absolute path");
-    FindMissing(started, errors);
+                        " is relative to the working directory of the scheduling process; give an "
+                        "absolute path");
+    FindMissing(launched, errors);
 }
 
 void ValidatePeriod(const TTaskEntry& task, TTime now, CFindings& errors) {
     const std::uint32_t step = task.period * 3600U;
     if (task.period != 0 && step == 0)
-        errors.Refuse(TValidationError::cEndlessPeriod,
-                      "a period of " + std::to_string(task.period) +
-                          " hours is a step of zero: the first late start would hang the store; "
-                          "the longest period is " +
-                          std::to_string(cLongestPeriod) + " hours");
+        errors.Refuse(
+            TValidationError::cEndlessPeriod,
+            "a period of " + std::to_string(task.period) +
+                " hours is a step of zero: once the task is late, it would hang the store; "
+                "the longest period is " +
+                std::to_string(cLongestPeriod) + " hours");
     else if (IsTooFarBack(task.next, task.period, now))
-        errors.Refuse(TValidationError::cTooFarBack,
-                      "the start lies so far back that a process which loads the library would "
-                      "catch up for more than a second; give one nearer to the present");
+        errors.Refuse(
+            TValidationError::cTooFarBack,
+            "the due time is so far back that a process that loads the add-in would catch "
+            "up for more than a second; give a later one");
     else if (task.period > cLongestPeriod)
         errors.Warn(TValidationError::cWrappedPeriod,
                     "a period of " + std::to_string(task.period) + " hours would be a step of " +
@@ -121,8 +128,8 @@ void ValidatePeriod(const TTaskEntry& task, TTime now, CFindings& errors) {
                         std::to_string(cLongestPeriod) + " hours");
     if (task.period == 0 && task.next < now)
         errors.Warn(TValidationError::cPastDue,
-                    "the start of a task that runs once lies in the past: a new one would run at "
-                    "once, one that exists would be removed unrun; give a start in the future");
+                    "the task runs once and its due time is past: a new task would run at once, an "
+                    "existing one would be removed without a run; give a due time in the future");
 }
 
 }  // namespace
@@ -131,7 +138,7 @@ std::string_view TValidationError::Name() const {
     static constexpr std::array<std::string_view, 13> names = {
         "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
         "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
-        "too-far-back",   "wrapped-period",  "past-start"};
+        "too-far-back",   "wrapped-period",  "past-due"};
     return names.at(static_cast<std::size_t>(kind));
 }
 
@@ -152,11 +159,11 @@ std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgr
     CFindings errors;
     if (task.name.empty())
         errors.Refuse(TValidationError::cEmptyName, "the task has no name; give it one");
-    for (const std::string* const text : {&task.name, &task.program, &task.parameter}) {
-        if (text->find('\0') != std::string::npos)
+    for (const std::string* const string : {&task.name, &task.program, &task.parameter}) {
+        if (string->find('\0') != std::string::npos)
             errors.Refuse(TValidationError::cZeroByte,
-                          "a text holds a zero byte, where it would be cut off: " +
-                              Quoted(text->substr(0, text->find('\0'))));
+                          "a string holds a zero byte and would be cut off there: " +
+                              Quoted(string->substr(0, string->find('\0'))));
     }
     ValidateProgram(task.program.substr(0, task.program.find('\0')), how, errors);
     ValidatePeriod(task, now, errors);

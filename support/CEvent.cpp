@@ -16,11 +16,12 @@
 
 namespace {
 
-// The semaphores of one event's set. A fresh set holds three zeros, which is a sound event that is
-// not signalled and that nobody has open; so creation needs no second step that a race could lose.
+// The semaphores of one event's set. A fresh set holds three zeros, which is a valid event that is
+// not signalled and that no object has open; so creation needs no second step that a race could
+// lose.
 enum : unsigned short {
     cState,    // 1 signalled, 0 not
-    cOpeners,  // objects that have the event open; the kernel takes back those of a process that
+    cOpeners,  // objects that have the event open; the kernel removes those of a process that
                // ends
     cRetired,  // 1 once the last opener has left and is about to remove the set
     cCount
@@ -50,8 +51,8 @@ bool SetIsGone(int error) {
     return error == EIDRM || error == EINVAL;
 }
 
-// Differs in one constant from the key of a mutex of the same name, so the two never meet, and is
-// never IPC_PRIVATE (0), under which every open would make a set of its own.
+// Differs in one constant from the key of a mutex of the same name, so the two never collide, and
+// is never IPC_PRIVATE (0), under which every open would create a new set.
 key_t KeyOf(const std::string& name) {
     constexpr std::uint32_t difference = 0x45564E54;
     const std::uint32_t crc = VXC_GenerateCRC32(name);
@@ -111,7 +112,7 @@ int CEvent::WaitFor(TTimeout timeout) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point start = TClock::now();
     const bool test = timeout && timeout->count() == 0;
-    // Taking the signal and giving it back in one operation leaves it for every other waiter.
+    // Taking and restoring the signal in one operation leaves it for every other waiter.
     sembuf take[] = {{.sem_num = cState, .sem_op = -1, .sem_flg = test ? cNow : short{0}},
                      {.sem_num = cState, .sem_op = 1, .sem_flg = 0}};
     const std::size_t count = manualReset ? 2 : 1;
@@ -143,8 +144,8 @@ void CEvent::Join() {
             Fail("open", errno);
         const sembuf notRetired{cRetired, 0, cNow};
         const sembuf nobody{cOpeners, 0, cNow};
-        // The first to open it finds it not signalled: a fresh set is so, and from one that killed
-        // processes left behind their signal is taken away in the same step.
+        // The first to open it finds it not signalled: a fresh set is not, and the signal of a set
+        // that killed processes left is cleared in the same step.
         if (Atomically(id, {notRetired, nobody, {cState, 0, cNow}, {cOpeners, 1, cNowUndo}}) ||
             Atomically(id, {notRetired, nobody, {cState, -1, cNow}, {cOpeners, 1, cNowUndo}}) ||
             Atomically(id, {notRetired, {cOpeners, -1, cNowUndo}, {cOpeners, 2, cNowUndo}})) {
@@ -155,13 +156,14 @@ void CEvent::Join() {
             if (!SetIsGone(errno))
                 Fail("open", errno);
         } else if (semctl(id, cRetired, GETVAL) > 0) {
-            semctl(id, 0, IPC_RMID);  // whoever retired it may have been killed before removing it
+            semctl(id, 0, IPC_RMID);  // the closer may have been killed before removing it
         }
     }
 }
 
-// Takes this object out of the openers, and the set out of the system if it was the last. Retiring
-// the set in the same step keeps out anybody who opens it in between: they make a new one.
+// Removes this object from the openers, and the set from the system if it was the last one.
+// Retiring the set in the same step makes a process that opens the event in between create a new
+// set.
 void CEvent::Leave() noexcept {
     const int id = semId;
     for (;;) {
@@ -171,7 +173,8 @@ void CEvent::Leave() noexcept {
         }
         if (Atomically(id, {{cOpeners, -2, cNowUndo}, {cOpeners, 1, cNowUndo}}))
             return;
-        // Neither the last nor one of several: somebody left in between, or the set is gone.
+        // Neither the last nor one of several: another opener left in between, or the set was
+        // removed.
         if (errno != EAGAIN || semctl(id, cOpeners, GETVAL) <= 0)
             return;
     }

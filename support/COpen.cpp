@@ -51,7 +51,7 @@ COpen::~COpen() {
     try {
         Close();
     } catch (const std::exception&) {
-        // Whoever wants to know has called Close().
+        // A caller that wants the error calls Close().
     }
 }
 
@@ -96,7 +96,7 @@ void COpen::ReadString(std::string& text) {
 void COpen::ReadLongText(std::string& text, std::size_t length) {
     CheckLengthOfText(length);
     std::string result;
-    // A pipe or a device does not tell how much there is: it gets memory as the bytes come.
+    // The length of a pipe or a device is unknown: memory is allocated as the bytes come.
     while (length > 0) {
         const std::size_t done = result.size();
         const std::size_t count = std::min(length, std::max(cBlockSize, done));
@@ -132,7 +132,7 @@ std::size_t COpen::Close() {
     } catch (const std::system_error&) {
         failure = std::current_exception();
     }
-    // Closed whatever close says, and never again: the number may be another file's by then.
+    // Closed whatever close returns, and never again: the descriptor may be another file's by then.
     const int result = close(descriptor);
     const int error = errno;
     descriptor = -1;
@@ -184,7 +184,7 @@ std::size_t COpen::Fill() {
     return filled;
 }
 
-// Makes room for more than a block to be written. False when there is no more to be had.
+// Makes room for more than a block to be written. False when memory runs out.
 bool COpen::EnlargeBuffer() {
     if (capacity == cLargestWrite)
         return false;
@@ -220,9 +220,9 @@ void COpen::BeginReading() {
     writing = false;
 }
 
-// What was read ahead was never handed out: the file's own position goes back to where the reader
-// is. A pipe or a terminal has no position; there the two directions have nothing to do with each
-// other.
+// Bytes that were read ahead were never returned: the file's own position goes back to where the
+// reader is. A pipe or a terminal has no position; there the two directions have nothing to do with
+// each other.
 void COpen::BeginWriting() {
     if (descriptor == -1)
         Fail("write", EBADF);
@@ -235,8 +235,8 @@ void COpen::BeginWriting() {
     writing = true;
 }
 
-// Where the file went on when it was last read, a text of at most one block needs no look at the
-// file's size: it goes on, or soon shows that it does not.
+// While the last read filled its block, a string of at most one block needs no check of the file's
+// size: either the file continues, or the next read finds its end.
 void COpen::CheckLengthOfText(std::size_t length) {
     if (filled == cBlockSize && length <= cBlockSize)
         return;

@@ -9,12 +9,12 @@
 
 // A file, buffered both ways: what fits into cBlockSize is read with one read, what fits into
 // cLargestWrite is written with one write. Raw bytes, unsigned 32-bit values (4 bytes in the host's
-// order) and texts (their 32-bit length, then their bytes, without a terminator).
+// order) and strings (their 32-bit length, then their bytes, without a terminator).
 //
-// Every transfer moves all that was asked for or throws std::system_error, whose text names the
+// Every transfer moves all that was asked for or throws std::system_error, whose message has the
 // operation and the path; the end of the file reached too early is such an error (ENODATA).
 // Interrupted and partial transfers are carried on. Once a write has failed, what was still
-// buffered is given up, so that the destructor does not try again. For one thread at a time.
+// buffered is discarded, so that the destructor does not try again. For one thread at a time.
 class VXC_EXPORT COpen {
 public:
     static constexpr std::size_t cBlockSize = std::size_t{64} * 1024;
@@ -25,8 +25,8 @@ public:
     static constexpr std::size_t cLargestWrite = std::size_t{1024} * 1024;
 
     // Opens `path` as POSIX open does with these flags and this mode; the descriptor is closed when
-    // another program is started. Whether that worked, IsValid() tells; errno says why not. Throws
-    // std::bad_alloc.
+    // another program is started. IsValid() returns whether that worked; errno holds the reason.
+    // Throws std::bad_alloc.
     COpen(const char* path, int flags, unsigned int mode);
 
     // Closes the file as Close() does, but never throws: an error of the last write is lost. Call
@@ -45,9 +45,9 @@ public:
     std::uint32_t ReadUnsigned();
     void WriteUnsigned(std::uint32_t value);
 
-    // Replaces `text`. A length beyond what is left of a regular file throws before more than
-    // cBlockSize is allocated; `text` is unchanged when anything is thrown. A text of 2^32 bytes or
-    // more cannot be written (EFBIG).
+    // Replaces `text`. A length beyond the rest of a regular file throws before more than
+    // cBlockSize is allocated; `text` is unchanged when anything is thrown. A string of 2^32 bytes
+    // or more cannot be written (EFBIG).
     void ReadString(std::string& text);
     void WriteString(const std::string& text);
 
@@ -57,7 +57,7 @@ public:
     std::size_t Close();
 
 private:
-    // What lies in the buffer is handed out, and what fits into it is taken, without a call.
+    // Returns buffered bytes, and buffers bytes that fit, without a system call.
     void ReadBytes(char* data, std::size_t length);
     void WriteBytes(const char* data, std::size_t length);
     void ReadAcrossBlocks(char* data, std::size_t length);

@@ -1,4 +1,4 @@
 #pragma once
 
-// Marks what the support library offers to others; everything else stays inside it.
+// Exports a symbol from the support library; all others stay hidden.
 #define VXC_EXPORT __attribute__((visibility("default")))

@@ -10,8 +10,7 @@ namespace VXC_File {
 inline constexpr std::size_t cNameCapacity = 256;
 inline constexpr std::size_t cExtensionCapacity = 128;
 
-// Splits a path or URL into three terminated texts; a null buffer means that the part is not
-// wanted.
+// Splits a path or URL into three terminated strings; a null buffer skips its part.
 //
 //   directory  everything up to and with the last slash; capacity: the length of `path` and one
 //              more
@@ -20,8 +19,8 @@ inline constexpr std::size_t cExtensionCapacity = 128;
 //              cExtensionCapacity bytes are written, and none when there is no extension: preset it
 //
 // Forward and backward slashes both separate. The extension is what follows the last dot of the
-// last component; a dot that begins the component (.profile) or ends it (file.) makes none. What
-// does not fit is cut off. Any thread may call it; it never fails.
+// last component; a dot that begins the component (.profile) or ends it (file.) makes none. A
+// part that does not fit is cut off. Any thread may call it; it never fails.
 VXC_EXPORT void VXC_StripPathUrl(const char* path, char* directory, char* name, char* extension);
 
 }  // namespace VXC_File

@@ -8,7 +8,7 @@ namespace {
 using TFlags = std::map<std::string, int>;
 
 // The flags outlive every other finaliser of the process that may still set one; they are freed
-// when the library itself goes.
+// when the library itself is unloaded.
 constinit std::mutex gInformationMutex;
 constinit TFlags* gFlags = nullptr;
 constinit VXC_InformationListener gListener = nullptr;

@@ -4,10 +4,10 @@
 
 #include "VXC_Export.h"
 
-// Named integer flags by which an add-in tells its host something, kept per process. Any thread may
-// call any of these.
+// Named integer flags by which an add-in notifies its host, kept per process. Any thread may call
+// any of these.
 
-// Sets the flag `name` to `value` and tells the listener, if there is one. An exception of the
+// Sets the flag `name` to `value` and calls the listener, if there is one. An exception of the
 // listener, or of memory running out, passes to the caller.
 VXC_EXPORT void VXC_SetInformation(const std::string& name, int value);
 
@@ -18,6 +18,6 @@ VXC_EXPORT bool VXC_GetInformation(const std::string& name, int& value);
 // by one thread at a time. It must not call any of these functions.
 using VXC_InformationListener = void (*)(const std::string& name, int value, void* context);
 
-// Makes `listener` the one that is told, with `context` handed to each of its calls; null tells
-// nobody. Once it returns, the listener that was set before is not running and is not called again.
+// Replaces the listener; `context` is passed to each of its calls; null removes it. Once it
+// returns, the listener that was set before is not running and is not called again.
 VXC_EXPORT void VXC_SetInformationListener(VXC_InformationListener listener, void* context);

@@ -15,6 +15,6 @@ VXC_EXPORT void VXC_LogMessage(std::string message);
 // log.
 using VXC_LogSink = void (*)(const std::string& message, void* context);
 
-// Makes `sink` the log, with `context` handed to each of its calls; null brings standard error
-// back. Once it returns, the sink that was set before is not running and is not called again.
+// Makes `sink` the log; `context` is passed to each of its calls; null restores standard error.
+// Once it returns, the sink that was set before is not running and is not called again.
 VXC_EXPORT void VXC_SetLogSink(VXC_LogSink sink, void* context);

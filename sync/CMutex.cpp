@@ -52,7 +52,7 @@ static int OpenSemaphore(key_t key, bool& owner) {
     return id;
 }
 
-// On both roads: a set that existed is made free again even while somebody holds it, so that a
+// In both cases: a set that existed is set free even while a process holds it, so that a
 // newly loaded process never waits for a holder that is stuck.
 static void SetFree(int id) {
     semun free{};

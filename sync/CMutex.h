@@ -17,7 +17,7 @@
 class CMutex : public CSyncObject {
 public:
     // Creates the semaphore of `name`, or opens it, readable and writable for owner and group. A
-    // mutex that cannot be had ends the process: the exception meets the noexcept and
+    // mutex that cannot be created or opened ends the process: the exception meets the noexcept and
     // std::terminate is called.
     // NOLINTNEXTLINE(bugprone-exception-escape)
     explicit CMutex(const char* name) noexcept;
@@ -28,13 +28,13 @@ public:
     CMutex(const CMutex&) = delete;
     CMutex& operator=(const CMutex&) = delete;
 
-    // As CSyncObject says. `timeout` is in milliseconds; 0 tries once. A timeout of 2^31 or more,
+    // As in CSyncObject. `timeout` is in milliseconds; 0 tries once. A timeout of 2^31 or more,
     // other than ULONG_MAX, makes a time that the system rejects: LOCK_FAILED at once.
     int Lock(unsigned long timeout) override;
 
     bool Lock() override;
 
-    // Gives the semaphore back. Success leaves isLocked() as it was; failure (-1) clears it.
+    // Releases the semaphore. Success leaves isLocked() as it was; failure (-1) clears it.
     int Unlock() override;
 
 private:

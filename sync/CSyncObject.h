@@ -9,8 +9,7 @@ enum : int {
     LOCK_ACQUIRED = 2,  // the lock is held
 };
 
-// A lock that is taken and given back. Not recursive, and it knows no owner: any thread may release
-// it.
+// A lock that is taken and released. Not recursive and without an owner: any thread may release it.
 class CSyncObject {
 public:
     virtual ~CSyncObject() = default;
@@ -22,7 +21,7 @@ public:
     // Takes the lock, waiting without limit. False when it could not be taken.
     virtual bool Lock() = 0;
 
-    // Gives the lock back, whoever holds it and whether or not it is held. 0, or -1 on failure.
+    // Releases the lock, whichever thread holds it, and also when none does. 0, or -1 on failure.
     virtual int Unlock() = 0;
 
     // True once a lock has succeeded, until a release fails. A release that succeeds leaves it
@@ -31,6 +30,6 @@ public:
     virtual bool isLocked() const { return locked.load(std::memory_order_relaxed); }
 
 protected:
-    // Written by whichever thread locks or releases, without further synchronisation.
+    // Written by the thread that locks or releases, without further synchronisation.
     std::atomic<bool> locked{false};
 };

@@ -1,7 +1,7 @@
-"""Measures vxsched beside crontab and at: commands.py BUILD RESULT.json [--quick]
+"""Measures vxsched, crontab and at: commands.py BUILD RESULT.json [--quick]
 
-For each number of entries all commands run in turns, in random order; what each run took goes to RESULT.json, in the
-form of Google Benchmark's results. Each command is run once before, and what it prints or leaves is looked at.
+For each number of entries all commands run in turn, in random order; the cost of each run goes to RESULT.json, in the
+format of Google Benchmark's results. Each command runs once before, and its output or effect is checked.
 """
 import json
 import os
@@ -12,13 +12,13 @@ import tempfile
 
 import isolation
 
-ROUNDS = {10: 150, 100: 150, 1000: 60, 10000: 20}
+ITERATIONS = {10: 150, 100: 150, 1000: 60, 10000: 20}
 DUE = "3 days"
 
 
-def check(holds, what):
+def check(holds, message):
     if not holds:
-        sys.exit("commands.py: " + what)
+        sys.exit("commands.py: " + message)
 
 
 def run(command):
@@ -42,15 +42,15 @@ class Commands:
         self.lines.append("\t".join(["process/" + name, preparation, path] + command[1:]))
 
     def add_ours(self):
-        folder = os.path.join(self.scratch, "store-%d" % self.count)
-        table = os.path.join(folder, "files", "scheduler.dat")
-        isolation.write_store(self.programs, folder, self.count)
+        directory = os.path.join(self.scratch, "store-%d" % self.count)
+        table = os.path.join(directory, "files", "scheduler.dat")
+        isolation.write_store(self.programs, directory, self.count)
         shutil.copy(table, table + ".measured")
-        ask = [self.vxsched, "--directory", folder]
+        ask = [self.vxsched, "--directory", directory]
         listed = run(ask + ["list"]).splitlines()
         check(len(listed) == self.count + 3, "vxsched list shows %d lines" % len(listed))
         check(len(run(ask + ["next"]).splitlines()) == 11, "vxsched next does not show ten runs")
-        # As long as the others: 32 bytes of path, 48 of parameter.
+        # As long as the other tasks: 32 bytes of path, 48 of parameter.
         program = os.path.join(self.scratch, "report").ljust(32, "0")
         if not os.path.exists(program):
             os.symlink("/bin/sleep", program)
@@ -58,7 +58,7 @@ class Commands:
                         "--configuration /etc/vantrix/report-00000000.conf"[:48]]
         restore = "cp %s.measured %s" % (table, table)
         run(create)
-        check(len(run(ask + ["list", "--names"]).splitlines()) == self.count + 1, "vxsched create has made no task")
+        check(len(run(ask + ["list", "--names"]).splitlines()) == self.count + 1, "vxsched create made no task")
         run(["sh", "-c", restore])
         self.add("list/vxsched/%d" % self.count, ask + ["list"])
         self.add("next/vxsched/%d" % self.count, ask + ["next"])
@@ -98,9 +98,9 @@ class Commands:
         check(len(run(["atq"]).splitlines()) == self.count, "atq does not show %d jobs" % self.count)
         restore = "rm -f %s/a%05x*; printf %%05x %d > %s/.SEQ" % (jobs, self.count + 1, self.count, jobs)
         run(add)
-        check(len(run(["atq"]).splitlines()) == self.count + 1, "at has made no job")
+        check(len(run(["atq"]).splitlines()) == self.count + 1, "at did not create a job")
         run(["sh", "-c", restore])
-        check(len(run(["atq"]).splitlines()) == self.count, "the new job cannot be taken away")
+        check(len(run(["atq"]).splitlines()) == self.count, "the new job could not be removed")
         self.add("list/atq/%d" % self.count, ["atq"])
         self.add("create/at/%d" % self.count, add, restore)
 
@@ -109,11 +109,11 @@ class Commands:
         with open(os.path.join(jobs, ".SEQ"), "w") as file:
             file.write("%05x" % number)
 
-    def measure(self, rounds):
-        command = [os.path.join(self.programs, "measure_processes"), str(rounds)]
+    def measure(self, iterations):
+        command = [os.path.join(self.programs, "measure_processes"), str(iterations)]
         done = subprocess.run(command, env=isolation.ENVIRONMENT, input="\n".join(self.lines) + "\n", text=True,
                               stdout=subprocess.PIPE)
-        check(done.returncode == 0, "a command that was measured failed")
+        check(done.returncode == 0, "a measured command failed")
         return [line.split("\t") for line in done.stdout.splitlines()]
 
 
@@ -125,21 +125,21 @@ def main():
     isolation.enter()
     compare = isolation.can_compare()
     if not compare:
-        print("crontab and at are left out: that takes root, and the packages cron and at.", file=sys.stderr)
+        print("crontab and at are not measured: that needs root and the packages cron and at.", file=sys.stderr)
     runs = []
-    # In memory, as the folders of the others are.
+    # In memory, like the directories of the other schedulers.
     scratch = tempfile.mkdtemp(prefix="bench-", dir="/dev/shm" if not compare else "/tmp")
     try:
         if compare:
             isolation.mount_over(scratch)
             isolation.hide_entries(scratch)
-        for count in ROUNDS:
+        for count in ITERATIONS:
             commands = Commands(build, scratch, count)
             commands.add_ours()
             if compare:
                 commands.add_crontab()
                 commands.add_at()
-            runs += commands.measure(1 if "--quick" in sys.argv else ROUNDS[count])
+            runs += commands.measure(1 if "--quick" in sys.argv else ITERATIONS[count])
     finally:
         if compare:
             subprocess.run(["umount", "--lazy", scratch])

@@ -1,7 +1,7 @@
-"""Measures vxschedd and cron at rest, side by side: idle.py BUILD RESULT.json SECONDS
+"""Measures vxschedd and cron while idle, at the same time: idle.py BUILD RESULT.json SECONDS
 
-Each has 1,000 entries of which none is due. RESULT.json gets, for either, the memory (PSS, at the end), the processor time
-and the wake-ups within the time: the voluntary context switches of all its threads.
+Each has 1,000 entries, none of them due. RESULT.json gets, for each, the memory (PSS, at the end), and the processor
+time and wake-ups (voluntary context switches of all its threads) within SECONDS.
 """
 import glob
 import json
@@ -17,7 +17,7 @@ import time
 import isolation
 
 ENTRIES = 1000
-SETTLING = 5  # seconds, so that the start is not in it
+SETTLING = 5  # seconds, so that the startup is not measured
 
 
 class Daemon:
@@ -25,18 +25,18 @@ class Daemon:
         self.name = name
         self.process = subprocess.Popen(command, env=isolation.ENVIRONMENT, stdin=subprocess.DEVNULL,
                                         stdout=log, stderr=log)
-        self.folder = "/proc/%d" % self.process.pid
+        self.directory = "/proc/%d" % self.process.pid
 
     def read(self, file):
-        with open(os.path.join(self.folder, file)) as content:
+        with open(os.path.join(self.directory, file)) as content:
             return content.read()
 
     def used(self):
-        """Wake-ups and processor time in nanoseconds so far, and the threads that they are of."""
-        threads = glob.glob(self.folder + "/task/*")
+        """Wake-ups and processor time in nanoseconds so far, and the threads that they were summed over."""
+        threads = glob.glob(self.directory + "/task/*")
         wakes = processor = 0
         for thread in threads:
-            thread = os.path.relpath(thread, self.folder)
+            thread = os.path.relpath(thread, self.directory)
             wakes += int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)", self.read(thread + "/status"), re.M)[1])
             processor += int(self.read(thread + "/schedstat").split()[0])
         return wakes, processor, sorted(threads)
@@ -56,10 +56,10 @@ def measure(daemons, seconds):
     results = []
     for daemon, (wakes, processor, threads) in zip(daemons, before):
         if daemon.process.poll() is not None:
-            sys.exit("idle.py: %s has ended" % daemon.name)
+            sys.exit("idle.py: %s has exited" % daemon.name)
         wakes_now, processor_now, threads_now = daemon.used()
         if threads_now != threads:
-            sys.exit("idle.py: the threads of %s were not the same at the end" % daemon.name)
+            sys.exit("idle.py: the threads of %s changed during the measurement" % daemon.name)
         results.append({"run_name": "idle/" + daemon.name, "run_type": "idle", "seconds": seconds,
                         "wake_ups": wakes_now - wakes, "cpu_time": processor_now - processor,
                         "memory": daemon.memory(), "threads": len(threads)})
@@ -73,7 +73,7 @@ def main():
     isolation.enter("--pid", "--fork", "--mount-proc")
     compare = isolation.can_compare()
     if not compare:
-        print("cron is left out: that takes root, and the package cron.", file=sys.stderr)
+        print("cron is not measured: that needs root and the package cron.", file=sys.stderr)
     scratch = tempfile.mkdtemp(prefix="bench-")
     programs = os.path.join(build, "bench")
     daemons = []

@@ -1,5 +1,5 @@
-"""A place where schedulers can be measured without touching the machine's own: namespaces of this process's own, and
-folders in memory over those that cron and at keep their entries in."""
+"""Isolates the measured schedulers from those of the machine: private namespaces, and directories in memory mounted
+over those in which cron and at keep their entries."""
 import os
 import shutil
 import subprocess
@@ -12,37 +12,37 @@ INSIDE = "BENCH_INSIDE"
 
 
 def can_compare():
-    """Whether cron and at can be measured: they are there, and this process may hide the machine's entries."""
+    """Whether cron and at can be measured: they are installed, and this process may hide the machine's entries."""
     return os.geteuid() == 0 and all(map(shutil.which, ("cron", "crontab", "at", "atq")))
 
 
 def enter(*namespaces):
-    """Starts this program again in namespaces of its own, where those of mounts and IPC are always among them, and goes
-    on there. Without root nothing is mounted, and the namespaces come with one of users."""
+    """Executes this program again in private namespaces, always of mounts and IPC, and continues there. Without root
+    nothing is mounted, and a user namespace is created as well."""
     if INSIDE in os.environ:
         return
     os.environ[INSIDE] = "1"
-    how = ["--mount", "--propagation", "private"] if os.geteuid() == 0 else ["--user", "--map-current-user"]
-    command = ["unshare", *how, "--ipc", *namespaces, sys.executable, *sys.argv]
+    options = ["--mount", "--propagation", "private"] if os.geteuid() == 0 else ["--user", "--map-current-user"]
+    command = ["unshare", *options, "--ipc", *namespaces, sys.executable, *sys.argv]
     os.execvp(command[0], command)
 
 
-def mount_over(folder, mode="755"):
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=" + mode, "none", folder], check=True)
+def mount_over(directory, mode="755"):
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=" + mode, "none", directory], check=True)
 
 
 def hide_entries(scratch):
-    """Puts empty folders, with the owners and modes of the machine's, over what cron and at read and write."""
-    bare = os.path.join(scratch, "spool")
-    os.mkdir(bare)
+    """Mounts empty directories, with the owners and modes of the machine's, over those that cron and at use."""
+    empty = os.path.join(scratch, "spool")
+    os.mkdir(empty)
     for name in sorted(os.listdir(SPOOL)):
         status = os.stat(os.path.join(SPOOL, name))
-        made = os.path.join(bare, name)
+        made = os.path.join(empty, name)
         os.mkdir(made)
         os.chown(made, status.st_uid, status.st_gid)
         os.chmod(made, status.st_mode & 0o7777)
     mount_over(SPOOL)
-    subprocess.run(["cp", "-a", bare + "/.", SPOOL], check=True)
+    subprocess.run(["cp", "-a", empty + "/.", SPOOL], check=True)
     sequence = os.path.join(SPOOL, "atjobs", ".SEQ")
     open(sequence, "w").close()
     owner = os.stat(os.path.dirname(sequence))
@@ -57,10 +57,10 @@ def hide_entries(scratch):
         subprocess.run(["mount", "--bind", nothing, "/etc/crontab"], check=True)
 
 
-def write_store(programs, folder, count):
-    """A working directory with so many tasks."""
-    os.makedirs(os.path.join(folder, "files"))
-    with open(os.path.join(folder, "files", "scheduler.dat"), "wb") as file:
+def write_store(programs, directory, count):
+    """Creates a working directory with that many tasks."""
+    os.makedirs(os.path.join(directory, "files"))
+    with open(os.path.join(directory, "files", "scheduler.dat"), "wb") as file:
         subprocess.run([os.path.join(programs, "write_entries"), "table", str(count)], stdout=file, check=True)
 
 

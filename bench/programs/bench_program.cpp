@@ -1,4 +1,4 @@
-// What start_bench starts: a program that ends at once.
+// The program that launch_bench launches: it exits at once.
 
 int main() {
     return 0;

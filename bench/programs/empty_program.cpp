@@ -1,5 +1,5 @@
-// Ends at once. Linked as vxsched is, it costs what loading a program does; linked statically, what
-// any process does.
+// Exits at once. Linked as vxsched is, it measures the cost of loading a program; linked
+// statically, the cost of any process.
 
 int main() {
     return 0;

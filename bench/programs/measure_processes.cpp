@@ -1,14 +1,14 @@
-// Starts commands one after the other and prints what each run took: measure_processes ROUNDS
+// Runs commands one after the other and prints the cost of each run: measure_processes ITERATIONS
 //
-// Standard input has a line for each command, its fields parted by tabs: its name, what a shell is to
-// do before each run (may be empty, is not measured), the program's path, its arguments. In each
-// round every command runs once, in an order that is drawn anew. Standard output gets a line for each
-// run: name, time by the clock and processor time in nanoseconds, peak memory in KiB; the last two
-// are of the process and of the children that it waited for. The commands have nothing to read, and
-// what they write is dropped. The exit status is 1 when one fails.
+// Standard input has a line for each command, with fields separated by tabs: its name, a shell
+// command that prepares each run (may be empty, is not measured), the program's path, its
+// arguments. In each iteration every command runs once, in a new random order. Standard output gets
+// a line for each run: name, wall-clock time and processor time in nanoseconds, peak memory in KiB;
+// the last two are of the process and of the children that it waited for. Standard input and output
+// of the commands are /dev/null. The exit status is 1 when a command fails.
 //
-// A started program begins as a part of its starter, so that its peak memory is never less than this
-// program's: it is small and linked statically.
+// A child's peak memory includes this program's at the time of the launch, so this program is small
+// and linked statically.
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -43,10 +43,10 @@ posix_spawn_file_actions_t gNoInputNoOutput;
 
 std::vector<std::string> Split(const std::string& line) {
     std::vector<std::string> fields;
-    std::size_t start = 0;
-    for (std::size_t end = 0; end != std::string::npos; start = end + 1) {
-        end = line.find('\t', start);
-        fields.push_back(line.substr(start, end - start));
+    std::size_t begin = 0;
+    for (std::size_t end = 0; end != std::string::npos; begin = end + 1) {
+        end = line.find('\t', begin);
+        fields.push_back(line.substr(begin, end - begin));
     }
     return fields;
 }
@@ -56,12 +56,12 @@ std::vector<TCommand> ReadCommands() {
     char* line = nullptr;
     std::size_t size = 0;
     while (getline(&line, &size, stdin) != -1) {
-        std::string text = line;
-        if (text.ends_with('\n'))
-            text.pop_back();
-        std::vector<std::string> fields = Split(text);
+        std::string content = line;
+        if (content.ends_with('\n'))
+            content.pop_back();
+        std::vector<std::string> fields = Split(content);
         if (fields.size() < 3) {
-            std::fprintf(stderr, "this is no command: %s\n", text.c_str());
+            std::fprintf(stderr, "not a command line: %s\n", content.c_str());
             std::exit(2);
         }
         commands.push_back({fields[0], fields[1], {fields.begin() + 2, fields.end()}});
@@ -96,7 +96,7 @@ TCost Run(const TCommand& command) {
     if (posix_spawn(&process, arguments[0], &gNoInputNoOutput, nullptr, arguments.data(),
                     environ) != 0 ||
         wait4(process, &status, 0, &usage) != process || status != 0) {
-        std::fprintf(stderr, "%s did not run well: status %d\n", command.name.c_str(), status);
+        std::fprintf(stderr, "%s failed: wait status %d\n", command.name.c_str(), status);
         std::exit(1);
     }
     return {.real = Clock() - start,
@@ -107,9 +107,9 @@ TCost Run(const TCommand& command) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc == 2 ? std::atoi(argv[1]) : 0;
-    if (rounds < 1) {
-        std::fputs("usage: measure_processes ROUNDS\n", stderr);
+    const int iterations = argc == 2 ? std::atoi(argv[1]) : 0;
+    if (iterations < 1) {
+        std::fputs("usage: measure_processes ITERATIONS\n", stderr);
         return 2;
     }
     posix_spawn_file_actions_init(&gNoInputNoOutput);
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
     std::vector<std::size_t> order(commands.size());
     std::iota(order.begin(), order.end(), 0);
     std::minstd_rand random(static_cast<unsigned int>(std::time(nullptr)));
-    for (int round = 0; round < rounds; ++round) {
+    for (int iteration = 0; iteration < iterations; ++iteration) {
         std::shuffle(order.begin(), order.end(), random);
         for (const std::size_t index : order) {
             const TCost cost = Run(commands[index]);

@@ -1,5 +1,5 @@
-// Writes what the commands of different schedulers are measured with, to standard output:
-// write_entries table|crontab COUNT. The tasks are those of the other benchmarks; a crontab has their
+// write_entries table|crontab COUNT: writes the entries of a benchmark to standard output, as a
+// task file or as a crontab. The tasks are those of the other benchmarks; a crontab has their
 // programs and parameters, a line each, due on the first of January.
 
 #include <cstdio>
@@ -20,13 +20,13 @@ static std::string LinesOfCrontab(std::size_t count) {
 }
 
 int main(int argc, char** argv) {
-    const std::string what = argc == 3 ? argv[1] : "";
-    if (what != "table" && what != "crontab") {
+    const std::string format = argc == 3 ? argv[1] : "";
+    if (format != "table" && format != "crontab") {
         std::fputs("usage: write_entries table|crontab COUNT\n", stderr);
         return 2;
     }
     const auto count = static_cast<std::size_t>(std::atol(argv[2]));
-    const std::string bytes = what == "table" ? BytesOfTable(count) : LinesOfCrontab(count);
+    const std::string bytes = format == "table" ? BytesOfTable(count) : LinesOfCrontab(count);
     return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() &&
                    std::fflush(stdout) == 0
                ? 0

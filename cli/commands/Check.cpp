@@ -1,3 +1,5 @@
+// check: damage of the table, and validation errors of its tasks.
+
 #include <fmt/format.h>
 
 #include <filesystem>
@@ -29,21 +31,21 @@ const char* NameOf(TProblem::EKind kind) {
 
 struct TFinding {
     std::string kind;
-    std::string text;
+    std::string message;
     std::optional<std::size_t> offset = {};
 };
 
 std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
     std::vector<TFinding> findings;
     for (const TProblem& problem : table.problems)
-        findings.push_back({NameOf(problem.kind), problem.text, problem.offset});
+        findings.push_back({NameOf(problem.kind), problem.message, problem.offset});
     for (const TTaskEntry& task : table.tasks) {
         const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
         const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;
         for (const TValidationError& error : Validate(task, Now(), how)) {
             if (error.kind != TValidationError::cPastDue)
                 findings.push_back({std::string(error.Name()),
-                                    fmt::format("task \"{}\": {}", task.name, error.text)});
+                                    fmt::format("task \"{}\": {}", task.name, error.message)});
         }
     }
     return findings;
@@ -55,7 +57,7 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
         for (const TFinding& finding : findings) {
             nlohmann::ordered_json one = {{"kind", finding.kind},
-                                          {"text", JsonOfText(finding.text)}};
+                                          {"text", JsonOfString(finding.message)}};
             if (finding.offset)
                 one["offset"] = *finding.offset;
             list.push_back(one);
@@ -65,7 +67,7 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
     }
     for (const TFinding& finding : findings) {
         const std::string where = finding.offset ? fmt::format("offset {}: ", *finding.offset) : "";
-        output.Line(Show(fmt::format("{}: {}{}", finding.kind, where, finding.text)).text);
+        output.Line(Show(fmt::format("{}: {}{}", finding.kind, where, finding.message)).text);
     }
     output.Line(verdict);
 }
@@ -76,25 +78,24 @@ int CheckTable(const TCommon& common, const std::string& file, COutput& output) 
     TTable table;
     try {
         if (!file.empty() && !std::filesystem::exists(file))
-            throw CError(EError::cFailed, fmt::format("there is no file {}", file));
+            throw CError(EError::cFailed,
+                         fmt::format("cannot check {}: there is no such file", file));
         table = file.empty() ? CStore(common.store).Read() : DecodeTable(ReadBytes(file), Now());
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
-        Print(common, {{"damaged", error.what()}}, "damaged; vxsched repair keeps what it can",
-              output);
+        Print(common, {{"damaged", error.what()}}, "damaged; run vxsched repair", output);
         return cDamagedStatus;
     }
     const std::vector<TFinding> findings = FindingsOf(common, table);
     const std::string count =
         fmt::format("{} task{}", table.tasks.size(), table.tasks.size() == 1 ? "" : "s");
     if (!table.IsSafeToLoad()) {
-        Print(common, findings, count + ", harmful to load; vxsched repair puts that right",
-              output);
+        Print(common, findings, count + ", harmful to load; run vxsched repair", output);
         return cDamagedStatus;
     }
-    Print(common, findings, count + (findings.empty() ? ", sound" : ", sound but for the above"),
-          output);
+    Print(common, findings,
+          count + (findings.empty() ? ", valid" : ", valid except for the findings above"), output);
     return cDone;
 }
 

@@ -1,3 +1,5 @@
+// The commands of vxsched, one function each.
+
 #pragma once
 
 #include <chrono>
@@ -12,7 +14,7 @@
 
 namespace vxsched {
 
-// What holds for every command.
+// The options that all commands share.
 struct TCommon {
     TStoreOptions store;
     EZone zone = EZone::cLocal;
@@ -21,9 +23,14 @@ struct TCommon {
     TForced forced = {};
 };
 
-// The commands. Each prints to `output`, which the caller finishes, and returns the exit status; what
-// is wrong is thrown: CError, CParseError, or CUsageError.
+// Conventions of the commands:
+// 1. A command prints to `output` and returns the exit status. The caller calls output.Finish().
+// 2. A failure is thrown: CUsageError, CParseError for a time or period, CError for the rest.
+// 3. With `dryRun` a command prints what it would do, and changes nothing.
+// 4. Reading the table waits for the store mutex, changing it for all locks of a change, each up to
+//    the lock timeout.
 
+// The arguments contradict each other or are incomplete.
 class CUsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -31,22 +38,31 @@ class CUsageError : public std::runtime_error {
 int List(const TCommon& common, bool namesOnly, COutput& output);
 int ShowTask(const TCommon& common, const std::string& name, COutput& output);
 
-// Without a count, 10, or all of them when an end is named.
+// Prints the coming runs: `count` of them, or those up to the time `until`, or 10.
 int Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
          COutput& output);
 
-// The last runs, the youngest last; 20 without a count, and of all tasks without a name.
+// Prints the last `count` runs, 20 by default, the latest last; of all tasks if `name` is empty.
 int History(const TCommon& common, const std::string& name, std::optional<std::size_t> count,
             bool failedOnly, COutput& output);
 int Status(const TCommon& common, COutput& output);
+
+// Checks `file`, or the directory's table if it is empty. Returns cDamagedStatus for a table that
+// is damaged or harmful to load.
 int CheckTable(const TCommon& common, const std::string& file, COutput& output);
+
+// Quarantines a damaged table and writes a repaired one.
 int Repair(const TCommon& common, COutput& output);
 int Export(const TCommon& common, COutput& output);
 
+// What to do about tasks that the table already has: refuse, overwrite them, replace the whole
+// table.
 enum class EImport { cAdd, cMerge, cReplace };
+
+// Imports `file`, or standard input for "-".
 int Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 
-// Texts as they were typed.
+// The arguments for one task as they were typed. An omitted one is empty, which differs from "".
 struct TTaskArguments {
     std::string name;
     std::optional<std::string> at = {};
@@ -63,6 +79,9 @@ int Pause(const TCommon& common, const TNames& names, COutput& output);
 int Resume(const TCommon& common, const TNames& names, COutput& output);
 int SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
               COutput& output);
+
+// Launches the program of a task now. With `wait` it blocks until the program exits, without limit,
+// and returns cRefusedStatus if the run failed.
 int Run(const TCommon& common, const std::string& name, bool force, bool wait, COutput& output);
 int Wake(const TCommon& common, COutput& output);
 

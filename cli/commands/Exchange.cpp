@@ -1,4 +1,4 @@
-// export and import: the whole table as JSON, and back to the byte.
+// export and import: the table as JSON and back, without losing a byte.
 
 #include <fmt/format.h>
 
@@ -19,7 +19,7 @@ namespace vxsched {
 
 namespace {
 
-std::string ReadText(const std::string& file) {
+std::string ReadInput(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
     if (std::filesystem::is_directory(file))
@@ -28,17 +28,17 @@ std::string ReadText(const std::string& file) {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
-    std::string text{std::istreambuf_iterator<char>(*input), {}};
-    if (text.empty())
+    std::string content{std::istreambuf_iterator<char>(*input), {}};
+    if (content.empty())
         throw CError(EError::cRefused, "cannot import: " + file + " is empty or cannot be read");
-    return text;
+    return content;
 }
 
-void Warn(const std::string& name, const std::string& text) {
-    std::cerr << "vxsched: task \"" << Show(name).text << "\": " << Show(text).text << '\n';
+void Warn(const std::string& name, const std::string& message) {
+    std::cerr << "vxsched: task \"" << Show(name).text << "\": " << Show(message).text << '\n';
 }
 
-// Whether the task's program is a link of this directory, of which the import says what it leads to.
+// True if the task's program is a link of this directory, and the import has the link's target.
 bool HasItsLink(const TCommon& common, const TImported& imported) {
     return !imported.realProgram.empty() &&
            IsLinkPath(common.store.directory, imported.task.program);
@@ -57,8 +57,9 @@ bool IsHarmful(TValidationError::EKind kind) {
     }
 }
 
-// What would do harm to others is refused, what is unwise is said.
-void Judge(const TCommon& common, const std::vector<TImported>& imported) {
+// Throws CError (cRefused) for a task that would harm other tasks or processes. Prints a warning
+// about one that would harm only itself.
+void CheckImported(const TCommon& common, const std::vector<TImported>& imported) {
     for (const TImported& one : imported) {
         TTaskEntry task = one.task;
         const bool isLink = HasItsLink(common, one);
@@ -67,9 +68,9 @@ void Judge(const TCommon& common, const std::vector<TImported>& imported) {
         for (const TValidationError& error :
              Validate(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
             if (IsHarmful(error.kind))
-                throw CError(EError::cRefused,
-                             fmt::format("cannot import task \"{}\": {}", task.name, error.text));
-            Warn(task.name, error.text);
+                throw CError(EError::cRefused, fmt::format("cannot import task \"{}\": {}",
+                                                           task.name, error.message));
+            Warn(task.name, error.message);
         }
     }
 }
@@ -86,11 +87,11 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
         else if (how == EImport::cMerge)
             *found = one.task;
         else
-            throw CError(EError::cRefused,
-                         fmt::format("there is a task \"{}\" already; import with --merge to "
-                                     "overwrite it, or with --replace to make the import the "
-                                     "whole table",
-                                     one.task.name));
+            throw CError(
+                EError::cRefused,
+                fmt::format("a task \"{}\" already exists; use --merge to overwrite it, or "
+                            "--replace to replace the whole table",
+                            one.task.name));
     }
     return tasks;
 }
@@ -111,7 +112,7 @@ int Export(const TCommon& common, COutput& output) {
         nlohmann::ordered_json json = JsonOfTask(task);
         const std::string real = RealProgram(common.store.directory, task.program);
         if (real != task.program)
-            json["real_program"] = JsonOfText(real);
+            json["real_program"] = JsonOfString(real);
         tasks.push_back(json);
     }
     output.Raw(Document({{"tasks", tasks}}));
@@ -119,24 +120,24 @@ int Export(const TCommon& common, COutput& output) {
 }
 
 int Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
-    const std::vector<TImported> imported = ReadTasks(ReadText(file));
-    Judge(common, imported);
+    const std::vector<TImported> imported = ReadTasks(ReadInput(file));
+    CheckImported(common, imported);
     const CStore store(common.store);
     const TTable present = store.Read();
     const std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
-    const std::string what = fmt::format("{} task{}, the table has {}", imported.size(),
-                                         imported.size() == 1 ? "" : "s", tasks.size());
+    const std::string count =
+        fmt::format("{} task{}", imported.size(), imported.size() == 1 ? "" : "s");
     if (common.dryRun) {
-        output.Line(fmt::format("would import {} then", what));
+        output.Line(fmt::format("would import {}; the table would have {}", count, tasks.size()));
         return 0;
     }
     store.ReplaceAll(tasks, [&](const std::string& bytes) {
         if (DecodeTable(bytes, Now()).tasks != present.tasks)
             throw CError(EError::cBusy,
-                         "the table was changed meanwhile; nothing was imported; try again");
+                         "the table changed during the import; nothing was imported; try again");
         MakeLinks(common, imported);
     });
-    output.Line(fmt::format("imported {} now", what));
+    output.Line(fmt::format("imported {}; the table has {} now", count, tasks.size()));
     return 0;
 }
 

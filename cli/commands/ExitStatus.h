@@ -1,16 +1,16 @@
 #pragma once
 
-// The exit statuses of vxsched, as README.md lists them.
+// The exit statuses of vxsched. README.md documents them for users, so they must not change.
 namespace vxsched {
 
 enum TExitStatus : int {
     cDone = 0,
-    cRefusedStatus = 1,      // or failed; nothing was changed unless the message says so
-    cUsageStatus = 2,        // the command line makes no sense
+    cRefusedStatus = 1,      // or failed; nothing was changed unless the message reports a change
+    cUsageStatus = 2,        // the command line could not be parsed
     cNotFoundStatus = 3,     // there is no task of that name
-    cNoAccessStatus = 4,     // this user may not
-    cDamagedStatus = 5,      // the table is damaged, or would harm who loads it
-    cNoSchedulerStatus = 6,  // it needs a scheduling process, and there is none
+    cNoAccessStatus = 4,     // this user lacks a permission
+    cDamagedStatus = 5,      // the table is damaged, or loading it would hang a process
+    cNoSchedulerStatus = 6,  // the command needs a scheduling process, and none is running
 };
 
 }  // namespace vxsched

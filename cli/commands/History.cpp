@@ -1,3 +1,5 @@
+// history: the last runs, from the host's history.
+
 #include <fmt/format.h>
 
 #include <iostream>
@@ -14,27 +16,26 @@ namespace vxsched {
 
 namespace {
 
-constexpr std::size_t cUsualCount = 20;
+constexpr std::size_t cDefaultCount = 20;
 constexpr char cNone[] = "-";
 
 void RequireTask(const TCommon& common, const std::string& name) {
     if (CStore(common.store).Read().Find(name) == nullptr)
         throw CError(
             EError::cNotFound,
-            fmt::format("there is no task \"{}\", and no record of a run of one; vxsched list "
-                        "shows all",
+            fmt::format("there is no task \"{}\" and no record of a run of one; see vxsched list",
                         name));
 }
 
 EColour ColourOf(const TRunRecord& run) {
-    if (WentWell(run))
+    if (HasNoFailure(run))
         return EColour::cPlain;
-    return run.outcome == TRunRecord::cMovedOn || run.outcome == TRunRecord::cRemovedUnrun
+    return run.outcome == TRunRecord::cRescheduled || run.outcome == TRunRecord::cRemoved
                ? EColour::cYellow
                : EColour::cRed;
 }
 
-// How long after its due time it was started.
+// The time from the due time to the launch.
 std::string Lateness(const TRunRecord& run) {
     return run.due && run.started ? FormatSpan(*run.started - *run.due) : cNone;
 }
@@ -59,7 +60,7 @@ void PrintTable(const std::vector<TRunRecord>& runs, EZone zone, COutput& output
         columns.Add(taken ? FormatSpan(*taken) : cNone);
         columns.Add(hasUsage ? ProcessorTime(run) : cNone);
         columns.Add(hasUsage ? Memory(run) : cNone);
-        columns.Add(OutcomeText(run), ColourOf(run));
+        columns.Add(FormatOutcome(run), ColourOf(run));
         columns.Add(run.task.value_or(cNone), EColour::cBold);
     }
     columns.Print(output);
@@ -84,8 +85,8 @@ int History(const TCommon& common, const std::string& name, std::optional<std::s
     if (runs.empty() && !name.empty())
         RequireTask(common, name);
     if (failedOnly)
-        std::erase_if(runs, WentWell);
-    const std::size_t most = count.value_or(cUsualCount);
+        std::erase_if(runs, HasNoFailure);
+    const std::size_t most = count.value_or(cDefaultCount);
     const std::size_t all = runs.size();
     if (all > most)
         runs.erase(runs.begin(), runs.end() - static_cast<std::ptrdiff_t>(most));

@@ -1,3 +1,5 @@
+// list: all tasks, as columns or JSON.
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -34,7 +36,7 @@ EColour ColourOf(const TTaskState& state) {
     return EColour::cPlain;
 }
 
-// By the next start; what has none, being paused, comes last.
+// Orders by the next due time. Paused tasks have none that counts, and come last.
 bool ComesBefore(const TListed& first, const TListed& second) {
     if (first.task->paused != second.task->paused)
         return second.task->paused;
@@ -49,10 +51,10 @@ std::string CommandOf(const TCommon& common, const TTaskEntry& task) {
 nlohmann::ordered_json JsonOf(const TCommon& common, const TListed& listed) {
     const TTaskEntry& task = *listed.task;
     nlohmann::ordered_json json = JsonOfTask(task);
-    json["real_program"] = JsonOfText(RealProgram(common.store.directory, task.program));
+    json["real_program"] = JsonOfString(RealProgram(common.store.directory, task.program));
     json["next_time"] = FormatIsoTime(task.next);
     json["last_time"] = JsonOfLast(task.last);
-    json["state"] = listed.state.Word();
+    json["state"] = listed.state.Name();
     json["processes"] = listed.state.processes;
     return json;
 }
@@ -66,7 +68,8 @@ void PrintJson(const TCommon& common, const std::vector<TListed>& listed, COutpu
 
 void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime now,
                 COutput& output) {
-    CColumns columns({"NEXT", "LEFT", "LAST", "PASSED", "EVERY", "STATE", "NAME", "PROGRAM"});
+    CColumns columns(
+        {"NEXT DUE", "LEFT", "LAST LAUNCH", "PASSED", "EVERY", "STATE", "NAME", "PROGRAM"});
     for (const TListed& one : listed) {
         const TTaskEntry& task = *one.task;
         const bool hasRun = task.last != TTime();
@@ -75,7 +78,7 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
         columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNone);
         columns.Add(hasRun ? FormatDistance(task.last - now) : cNone);
         columns.Add(FormatPeriod(task.period));
-        columns.Add(one.state.Text(), ColourOf(one.state));
+        columns.Add(one.state.Describe(), ColourOf(one.state));
         columns.Add(task.name, EColour::cBold);
         columns.Add(CommandOf(common, task));
     }

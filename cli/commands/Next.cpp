@@ -1,3 +1,5 @@
+// next: the coming runs of all tasks.
+
 #include <fmt/format.h>
 
 #include <iostream>
@@ -13,8 +15,8 @@ namespace vxsched {
 
 namespace {
 
-constexpr std::size_t cUsualCount = 10;
-constexpr std::size_t cMost = 100'000;  // however far away the end
+constexpr std::size_t cDefaultCount = 10;
+constexpr std::size_t cMost = 100'000;  // bounds the output for a distant end time
 
 struct TComing {
     TTime time;
@@ -25,8 +27,8 @@ struct TComing {
     }
 };
 
-// The coming runs of all active tasks in time order. What is due already runs now, once, and then on
-// its grid.
+// The coming runs of all active tasks in time order. A task that is already due runs once now, and
+// then on its grid.
 class CComingRuns {
 public:
     CComingRuns(const std::vector<TTaskEntry>& allTasks, TTime moment)
@@ -62,7 +64,7 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
          COutput& output) {
     const TTime now = Now();
     const TTime end = until.empty() ? TTime::max() : ParseTime(until, now);
-    const std::size_t most = count.value_or(until.empty() ? cUsualCount : cMost);
+    const std::size_t most = count.value_or(until.empty() ? cDefaultCount : cMost);
     const TTable table = CStore(common.store).Read();
     CComingRuns runs(table.tasks, now);
     CColumns columns({"TIME", "LEFT", "EVERY", "NAME"});
@@ -75,7 +77,7 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
         if (common.json) {
             json.push_back({{"time", FormatIsoTime(run->time)},
                             {"seconds", run->time.time_since_epoch().count()},
-                            {"name", JsonOfText(task.name)}});
+                            {"name", JsonOfString(task.name)}});
             continue;
         }
         columns.Add(FormatTime(run->time, common.zone));
@@ -85,7 +87,7 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
     }
     if (!count && !until.empty() && runs.Take().value_or(TComing{TTime::max(), 0}).time <= end &&
         std::max(json.size(), columns.Count()) == most)
-        std::cerr << "vxsched: there are more; shown are the first " << most << '\n';
+        std::cerr << "vxsched: only the first " << most << " runs are listed\n";
     if (common.json)
         output.Raw(Document({{"runs", json}}));
     else

@@ -1,3 +1,5 @@
+// repair: replaces a damaged table by one with every task that can be read.
+
 #include <fmt/format.h>
 
 #include <vxsched/Error.h>
@@ -21,10 +23,10 @@ std::string TableBytes(const TCommon& common) {
 
 int Repair(const TCommon& common, COutput& output) {
     const std::string bytes = TableBytes(common);
-    const std::optional<TBackup> source = FindBackup(common.store.directory);
-    const TRepair repair = PlanRepair(bytes, source ? &*source : nullptr, Now());
+    const std::optional<TBackup> backup = FindBackup(common.store.directory);
+    const TRepair repair = PlanRepair(bytes, backup ? &*backup : nullptr, Now());
     if (repair.notes.empty()) {
-        output.Line("the table is sound, there is nothing to repair");
+        output.Line("the table is valid; nothing to repair");
         return 0;
     }
     for (const std::string& note : repair.notes)
@@ -32,16 +34,16 @@ int Repair(const TCommon& common, COutput& output) {
     const std::string count =
         fmt::format("{} task{}", repair.tasks.size(), repair.tasks.size() == 1 ? "" : "s");
     if (common.dryRun) {
-        output.Line(fmt::format("would write a table of {}", count));
+        output.Line(fmt::format("would write a table with {}", count));
         return 0;
     }
-    const std::string aside = Quarantine(common.store.directory, bytes).string();
+    const std::string quarantined = Quarantine(common.store.directory, bytes).string();
     CStore(common.store).ReplaceAll(repair.tasks, [&](const std::string& current) {
         if (current != bytes)
             throw CError(EError::cBusy,
-                         "the table was changed meanwhile; nothing was repaired; try again");
+                         "the table changed during the repair; nothing was written; try again");
     });
-    output.Line(fmt::format("wrote a table of {}; the former one is {}", count, aside));
+    output.Line(fmt::format("wrote a table with {}; the damaged one is {}", count, quarantined));
     return 0;
 }
 

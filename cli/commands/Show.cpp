@@ -1,3 +1,5 @@
+// show: one task in full.
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -18,7 +20,7 @@ namespace vxsched {
 
 namespace {
 
-// Why its program is not running at this moment.
+// The reason why the task's program is not running at this moment; empty if it is.
 std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskState& state,
                    TTime now) {
     if (!state.processes.empty())
@@ -28,23 +30,23 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
     for (const TValidationError& error : Validate(real, now, how)) {
         if (error.IsAboutProgram())
-            return error.text;
+            return error.message;
     }
     if (task.paused)
-        return fmt::format("it is paused; vxsched resume {}", task.name);
+        return fmt::format("it is paused; run vxsched resume {}", task.name);
     const std::optional<TSchedulingProcess> scheduler =
         FindSchedulingProcess(common.store.directory);
     if (!scheduler)
-        return "there is no scheduling process in this directory; start vxschedd";
+        return "no scheduling process runs in this directory; start vxschedd";
     if (!scheduler->sharesStore)
         return fmt::format("the scheduling process {} runs in another IPC namespace",
                            scheduler->process);
     if (state.state == TTaskState::cOverdue)
         return fmt::format(
-            "it is overdue, although process {} is there to start it; look at its "
-            "log",
+            "it is overdue although scheduling process {} is running; check the log of that "
+            "process",
             scheduler->process);
-    return fmt::format("it waits for its time, {}", FormatTime(task.next, common.zone));
+    return fmt::format("it is not due until {}", FormatTime(task.next, common.zone));
 }
 
 std::string TimeAndDistance(TTime time, TTime now, EZone zone) {
@@ -54,7 +56,7 @@ std::string TimeAndDistance(TTime time, TTime now, EZone zone) {
 
 constexpr std::size_t cShownRuns = 5;
 
-// The last ones, the youngest first.
+// The last runs, the latest first.
 std::vector<TRunRecord> LastRuns(const TCommon& common, const std::string& name) {
     std::vector<TRunRecord> runs = ReadHistory(common.store.directory, name).runs;
     std::reverse(runs.begin(), runs.end());
@@ -62,11 +64,11 @@ std::vector<TRunRecord> LastRuns(const TCommon& common, const std::string& name)
     return runs;
 }
 
-// When it was started, or should have been, and what became of it.
-std::string RunText(const TRunRecord& run, EZone zone) {
+// The time of the launch, or the due time of a run that was missed, and the outcome.
+std::string FormatRun(const TRunRecord& run, EZone zone) {
     const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
     return fmt::format("{}: {}{}", FormatMoment(run.started ? run.started : run.due, zone),
-                       OutcomeText(run), taken ? " after " + FormatSpan(*taken) : "");
+                       FormatOutcome(run), taken ? " after " + FormatSpan(*taken) : "");
 }
 
 }  // namespace
@@ -76,7 +78,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
         throw CError(EError::cNotFound,
-                     fmt::format("there is no task \"{}\"; vxsched list shows all", name));
+                     fmt::format("there is no task \"{}\"; see vxsched list", name));
     const TTime now = Now();
     const TTaskState state = StateOf(*task, CRunningPrograms(), now);
     const std::string why = WhyNot(common, *task, state, now);
@@ -84,35 +86,36 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const std::vector<TRunRecord> runs = LastRuns(common, name);
     if (common.json) {
         nlohmann::ordered_json json = JsonOfTask(*task);
-        json["real_program"] = JsonOfText(real);
+        json["real_program"] = JsonOfString(real);
         json["next_time"] = FormatIsoTime(task->next);
         json["last_time"] = JsonOfLast(task->last);
-        json["state"] = state.Word();
+        json["state"] = state.Name();
         json["processes"] = state.processes;
-        json["why_not_running"] = why.empty() ? nlohmann::ordered_json() : JsonOfText(why);
+        json["why_not_running"] = why.empty() ? nlohmann::ordered_json() : JsonOfString(why);
         json["last_runs"] = nlohmann::ordered_json::array();
         for (const TRunRecord& run : runs)
             json["last_runs"].push_back(JsonOf(run));
         output.Raw(Document({{"task", json}}));
         return 0;
     }
-    const auto line = [&](std::string_view what, const std::string& text) {
-        output.Line(output.Coloured(fmt::format("{:<13}", what), EColour::cBold) + Show(text).text);
+    const auto line = [&](std::string_view label, const std::string& value) {
+        output.Line(output.Coloured(fmt::format("{:<13}", label), EColour::cBold) +
+                    Show(value).text);
     };
     line("Name", task->name);
-    line("State", state.Text());
+    line("State", state.Describe());
     line("Program", real);
     if (real != task->program)
         line("Through", task->program);
     line("Parameter", task->parameter);
-    line("Next start", TimeAndDistance(task->next, now, common.zone));
-    line("Last start",
+    line("Next due", TimeAndDistance(task->next, now, common.zone));
+    line("Last launch",
          task->last == TTime() ? "never" : TimeAndDistance(task->last, now, common.zone));
     line("Every", FormatPeriod(task->period));
     if (!why.empty())
         line("Not running", why);
     for (const TRunRecord& run : runs)
-        line(&run == runs.data() ? "Last runs" : "", RunText(run, common.zone));
+        line(&run == runs.data() ? "Last runs" : "", FormatRun(run, common.zone));
     return 0;
 }
 

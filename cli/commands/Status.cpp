@@ -1,3 +1,5 @@
+// status: the scheduling process, the store mutex and the table.
+
 #include <fmt/format.h>
 
 #include <filesystem>
@@ -29,10 +31,11 @@ struct TStatus {
     std::uintmax_t size = 0;
 };
 
-TStatus Look(const TCommon& common) {
+TStatus ReadStatus(const TCommon& common) {
     TStatus status;
     status.scheduler = FindSchedulingProcess(common.store.directory);
-    // Before the table is read, which takes the mutex and so would be its last use.
+    // Inspect the mutex before reading the table: reading takes the mutex, and would count as its
+    // last use.
     try {
         status.mutex = InspectStoreMutex();
     } catch (const CError& error) {
@@ -46,7 +49,7 @@ TStatus Look(const TCommon& common) {
         status.table = CStore(common.store).Read();
         for (const TProblem& problem : status.table->problems) {
             if (problem.kind != TProblem::cUnusual)
-                status.damage = problem.text;
+                status.damage = problem.message;
         }
     } catch (const CError& error) {
         if (error.Code() == EError::cDamaged)
@@ -69,8 +72,8 @@ bool HasScheduler(const TStatus& status) {
     return status.scheduler && status.scheduler->sharesStore;
 }
 
-// The scheduler's last use of the mutex is its last tick; after somebody else's, only that it was no
-// later is known.
+// The time of the last tick: the scheduling process's last use of the mutex. Empty if another
+// process has used the mutex since, because the system keeps only the last use.
 std::optional<TTime> LastTick(const TStatus& status) {
     if (!HasScheduler(status) || !status.mutex ||
         status.mutex->lastProcess != status.scheduler->process)
@@ -78,32 +81,34 @@ std::optional<TTime> LastTick(const TStatus& status) {
     return status.mutex->lastUsed;
 }
 
-std::string SchedulerText(const TStatus& status) {
+std::string DescribeScheduler(const TStatus& status) {
     if (!status.scheduler)
         return "none; start vxschedd in this directory";
     if (!status.scheduler->sharesStore)
-        return fmt::format("process {}, in another IPC namespace: it cannot be reached from here",
+        return fmt::format("process {}, in another IPC namespace; it cannot be reached from here",
                            status.scheduler->process);
     return fmt::format("process {}", status.scheduler->process);
 }
 
-std::string MutexText(const std::optional<TMutexState>& mutex) {
+std::string DescribeMutex(const std::optional<TMutexState>& mutex) {
     if (!mutex)
-        return "there is none yet";
+        return "not created yet";
     if (mutex->value == 0)
         return fmt::format("held by process {}", mutex->lastProcess);
     if (mutex->value == 1)
         return "free";
-    return fmt::format("free, and lets {} in at once until the next load of the library",
-                       mutex->value);
+    return fmt::format(
+        "free, but its value is {}: as many processes can hold it at once until the add-in is "
+        "loaded again",
+        mutex->value);
 }
 
-std::string TableText(const TStatus& status) {
+std::string DescribeTable(const TStatus& status) {
     if (!status.damage.empty())
-        return fmt::format("{}; vxsched repair", status.damage);
+        return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
         return status.tableError;
-    return fmt::format("{} task{} in {} bytes, sound", status.table->tasks.size(),
+    return fmt::format("{} task{} in {} bytes, valid", status.table->tasks.size(),
                        status.table->tasks.size() == 1 ? "" : "s", status.size);
 }
 
@@ -119,30 +124,30 @@ void PrintJson(const TStatus& status, COutput& output) {
         status.mutex ? nlohmann::ordered_json(status.mutex->value) : nlohmann::ordered_json();
     json["tasks"] = status.table ? nlohmann::ordered_json(status.table->tasks.size())
                                  : nlohmann::ordered_json();
-    json["damage"] = status.damage.empty() ? nlohmann::ordered_json() : JsonOfText(status.damage);
+    json["damage"] = status.damage.empty() ? nlohmann::ordered_json() : JsonOfString(status.damage);
     json["overdue"] = nlohmann::ordered_json::array();
     for (const std::string& name : status.overdue)
-        json["overdue"].push_back(JsonOfText(name));
+        json["overdue"].push_back(JsonOfString(name));
     output.Raw(Document(json));
 }
 
 }  // namespace
 
 int Status(const TCommon& common, COutput& output) {
-    const TStatus status = Look(common);
+    const TStatus status = ReadStatus(common);
     if (common.json) {
         PrintJson(status, output);
     } else {
-        const auto line = [&](std::string_view what, const std::string& text) {
-            output.Line(output.Coloured(fmt::format("{:<11}", what), EColour::cBold) +
-                        Show(text).text);
+        const auto line = [&](std::string_view label, const std::string& value) {
+            output.Line(output.Coloured(fmt::format("{:<11}", label), EColour::cBold) +
+                        Show(value).text);
         };
-        line("Scheduler", SchedulerText(status));
+        line("Scheduler", DescribeScheduler(status));
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
-        line("Mutex", status.mutexError.empty() ? MutexText(status.mutex) : status.mutexError);
+        line("Mutex", status.mutexError.empty() ? DescribeMutex(status.mutex) : status.mutexError);
         line("File", status.file);
-        line("Table", TableText(status));
+        line("Table", DescribeTable(status));
         for (const std::string& name : status.overdue)
             line("Overdue", name);
     }

@@ -6,10 +6,10 @@
 
 namespace vxsched {
 
-// The scheduler looks once a minute; what is due for less than that is on its way.
+// The scheduling process ticks once a minute, so a task due for less than that is not late.
 static constexpr std::chrono::seconds cGrace(60);
 
-const char* TTaskState::Word() const {
+const char* TTaskState::Name() const {
     switch (state) {
         case cPaused:
             return "paused";
@@ -21,20 +21,20 @@ const char* TTaskState::Word() const {
     return "active";
 }
 
-std::string TTaskState::Text() const {
-    std::string text;
+std::string TTaskState::Describe() const {
+    std::string running;
     for (const pid_t process : processes)
-        text += fmt::format("{}{}", text.empty() ? "running " : " ", process);
+        running += fmt::format("{}{}", running.empty() ? "running " : " ", process);
     if (state == cActive)
-        return text.empty() ? Word() : text;
-    return text.empty() ? Word() : fmt::format("{}, {}", Word(), text);
+        return running.empty() ? Name() : running;
+    return running.empty() ? Name() : fmt::format("{}, {}", Name(), running);
 }
 
-TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& running, TTime now) {
+TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& programs, TTime now) {
     const auto state = task.paused                ? TTaskState::cPaused
                        : task.next < now - cGrace ? TTaskState::cOverdue
                                                   : TTaskState::cActive;
-    return {state, running.Find(LaunchedPath(task.program), task.parameter)};
+    return {state, programs.Find(LaunchedPath(task.program), task.parameter)};
 }
 
 }  // namespace vxsched

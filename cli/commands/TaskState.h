@@ -10,19 +10,20 @@
 
 namespace vxsched {
 
-// What can be said of a task at a moment.
+// The state of a task at one moment.
 struct TTaskState {
     enum EState { cActive, cPaused, cOverdue };
     EState state;
-    std::vector<pid_t> processes;  // its program's, when it runs
+    std::vector<pid_t> processes;  // that run its program, ascending
 
-    // "active", "paused" or "overdue".
-    const char* Word() const;
+    // "active", "paused" or "overdue": for JSON.
+    const char* Name() const;
 
-    // For people: "active", "running 1234", "paused", "paused, running 1234", "overdue".
-    std::string Text() const;
+    // For a person: "active", "running 1234", "paused", "paused, running 1234", "overdue".
+    std::string Describe() const;
 };
 
-TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& running, TTime now);
+// The state at `now`. A task is overdue if it has been due for more than a minute.
+TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& programs, TTime now);
 
 }  // namespace vxsched

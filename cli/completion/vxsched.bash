@@ -1,12 +1,12 @@
-# vxsched: completion for bash. Source it: source <(vxsched completion bash)
+# bash completion for vxsched. To enable it: source <(vxsched completion bash)
 _vxsched() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
     local command= index words=
-    local -a where=()
+    local -a directory=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         case ${COMP_WORDS[index]} in
-        --directory) where=(--directory "${COMP_WORDS[++index]}") ;;
-        --patience) ((index++)) ;;
+        --directory) directory=(--directory "${COMP_WORDS[++index]}") ;;
+        --lock-timeout) ((index++)) ;;
         -*) ;;
         *)
             command=${COMP_WORDS[index]}
@@ -33,7 +33,7 @@ _vxsched() {
         words=$'list\nshow\nhistory\nnext\ncreate\nedit\nremove\npause\nresume\nperiod\nrun\nwake\nstatus\ncheck\nrepair\nexport\nimport\ncompletion'
         ;;
     show:* | history:* | edit:* | remove:* | pause:* | resume:* | period:* | run:*)
-        words=$(vxsched "${where[@]}" list --names 2>/dev/null)
+        words=$(vxsched "${directory[@]}" list --names 2>/dev/null)
         ;;
     completion:*)
         words=$'bash\nzsh\nfish'
@@ -43,11 +43,11 @@ _vxsched() {
         return
         ;;
     esac
-    # Not by compgen -W, which would expand what a task's name holds.
-    local one
+    # compgen -W would expand the names of tasks as shell words and so run commands in them.
+    local name
     COMPREPLY=()
-    while read -r one; do
-        [[ -n $one && $one == "$word"* ]] && COMPREPLY+=("$(printf %q "$one")")
+    while read -r name; do
+        [[ -n $name && $name == "$word"* ]] && COMPREPLY+=("$(printf %q "$name")")
     done <<< "$words"
 }
 complete -F _vxsched vxsched

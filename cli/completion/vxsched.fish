@@ -1,4 +1,4 @@
-# vxsched: completion for fish. Put it into ~/.config/fish/completions, or: vxsched completion fish | source
+# fish completion for vxsched. To enable it, put it into ~/.config/fish/completions, or: vxsched completion fish | source
 set -l commands list show history next create edit remove pause resume period run wake status check repair export import completion
 complete -c vxsched -f
 complete -c vxsched -n "not __fish_seen_subcommand_from $commands" -a "$commands"
@@ -6,7 +6,7 @@ complete -c vxsched -n "__fish_seen_subcommand_from show history edit remove pau
 complete -c vxsched -n "__fish_seen_subcommand_from completion" -a "bash zsh fish"
 complete -c vxsched -n "__fish_seen_subcommand_from check import create" -F
 complete -c vxsched -l directory -x -a "(__fish_complete_directories)"
-complete -c vxsched -l patience -x
+complete -c vxsched -l lock-timeout -x
 complete -c vxsched -l utc
 complete -c vxsched -n "__fish_seen_subcommand_from list show history next status check" -l json
 complete -c vxsched -n "__fish_seen_subcommand_from create edit remove pause resume period run import repair" -l dry-run

@@ -32,15 +32,15 @@ const char* CodeOf(EColour colour) {
     return "";
 }
 
-// The first `columns` characters of more than those; the last of them becomes an ellipsis.
-std::string CutTo(std::string_view text, std::size_t columns) {
+// The first `columns` characters of a longer string, the last of them replaced by an ellipsis.
+std::string CutTo(std::string_view string, std::size_t columns) {
     std::size_t end = 0;
     for (std::size_t count = 0; count + 1 < columns; ++count) {
         ++end;
-        while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U)
+        while (end < string.size() && (static_cast<unsigned char>(string[end]) & 0xc0U) == 0x80U)
             ++end;
     }
-    return std::string(text.substr(0, end)) + "\u2026";
+    return std::string(string.substr(0, end)) + "\u2026";
 }
 
 }  // namespace
@@ -48,9 +48,9 @@ std::string CutTo(std::string_view text, std::size_t columns) {
 COutput::COutput() {
     if (isatty(STDOUT_FILENO) == 0)
         return;
-    const char* const refused = std::getenv("NO_COLOR");
+    const char* const noColour = std::getenv("NO_COLOR");
     const char* const terminal = std::getenv("TERM");
-    hasColours = (refused == nullptr || *refused == '\0') &&
+    hasColours = (noColour == nullptr || *noColour == '\0') &&
                  (terminal == nullptr || std::string_view(terminal) != "dumb");
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
@@ -58,16 +58,16 @@ COutput::COutput() {
 }
 
 void COutput::Line(std::string_view line) {
-    text += line;
-    text += '\n';
+    pending += line;
+    pending += '\n';
 }
 
 void COutput::Raw(std::string_view bytes) {
-    text += bytes;
+    pending += bytes;
 }
 
 void COutput::Finish() {
-    std::string_view rest = text;
+    std::string_view rest = pending;
     while (!rest.empty()) {
         const ssize_t count = write(STDOUT_FILENO, rest.data(), rest.size());
         if (count > 0)
@@ -75,7 +75,7 @@ void COutput::Finish() {
         else if (errno != EINTR)
             throw SystemError("cannot write to standard output", errno);
     }
-    text.clear();
+    pending.clear();
 }
 
 std::string COutput::Coloured(std::string_view part, EColour colour) const {
@@ -101,29 +101,29 @@ CColumns::CColumns(std::initializer_list<std::string_view> headings) : widths(he
         Add(heading, EColour::cBold);
 }
 
-void CColumns::Add(std::string_view text, EColour colour) {
-    const std::size_t start = texts.size();
-    const std::size_t columns = AppendShown(text, texts);
+void CColumns::Add(std::string_view content, EColour colour) {
+    const std::size_t offset = contents.size();
+    const std::size_t columns = AppendShown(content, contents);
     std::size_t& width = widths[cells.size() % widths.size()];
     width = std::max(width, columns);
-    cells.push_back({static_cast<std::uint32_t>(texts.size() - start),
+    cells.push_back({static_cast<std::uint32_t>(contents.size() - offset),
                      static_cast<std::uint32_t>(columns), colour});
 }
 
 void CColumns::Print(COutput& output) const {
-    constexpr std::size_t cLeast = 8;  // columns for the last one, however narrow the terminal
-    // What is written is not kept: that would take as much memory again.
+    constexpr std::size_t cLeast = 8;  // width of the last column on a narrow terminal
+    // Write in blocks: the whole output in memory would need as much as the cells again.
     constexpr std::size_t cBlock = 1 << 16;
     std::string line;
     std::size_t used = 0;
-    std::size_t start = 0;
+    std::size_t offset = 0;
     for (std::size_t index = 0; index < cells.size(); ++index) {
         const TCell& cell = cells[index];
         const std::size_t column = index % widths.size();
-        const std::string_view text = std::string_view(texts).substr(start, cell.length);
-        start += cell.length;
+        const std::string_view content = std::string_view(contents).substr(offset, cell.length);
+        offset += cell.length;
         if (column + 1 < widths.size()) {
-            output.AppendColoured(text, cell.colour, line);
+            output.AppendColoured(content, cell.colour, line);
             line.append(widths[column] - cell.columns + 2, ' ');
             used += widths[column] + 2;
             continue;
@@ -132,9 +132,9 @@ void CColumns::Print(COutput& output) const {
                                  : output.Width() > used + cLeast ? output.Width() - used
                                                                   : cLeast;
         if (cell.columns <= left)
-            output.AppendColoured(text, cell.colour, line);
+            output.AppendColoured(content, cell.colour, line);
         else
-            output.AppendColoured(CutTo(text, left), cell.colour, line);
+            output.AppendColoured(CutTo(content, left), cell.colour, line);
         line += '\n';
         output.Raw(line);
         line.clear();

@@ -1,3 +1,5 @@
+// Standard output of the command: a buffer, colours, and aligned columns.
+
 #pragma once
 
 #include <cstddef>
@@ -11,49 +13,60 @@ namespace vxsched {
 
 enum class EColour : std::uint8_t { cPlain, cBold, cDim, cRed, cGreen, cYellow };
 
-// Standard output: coloured and cut to its width on a terminal, plain and whole everywhere else. It
-// is kept until Finish() writes it.
+// Buffers standard output until Finish() writes it. Colours it, and cuts columns to the terminal's
+// width, only if it is a terminal. For one thread.
 class COutput {
 public:
-    // On a terminal, and NO_COLOR is not set.
+    // Inspects standard output. The environment variables NO_COLOR and TERM=dumb turn colours off.
     COutput();
 
-    void Line(std::string_view text);
-    void Raw(std::string_view text);
+    // Append to the buffer, with and without a line end. Neither replaces control characters: use
+    // Show() before.
+    void Line(std::string_view line);
+    void Raw(std::string_view bytes);
 
-    // Throws CError when it could not all be written.
+    // Writes the buffer; blocks while the reader of a pipe is slow. Throws CError on failure, and
+    // keeps the buffer then.
     void Finish();
 
-    std::size_t Length() const { return text.size(); }  // of what is not written yet
-    std::size_t Width() const { return width; }         // 0: without limit
-    std::string Coloured(std::string_view text, EColour colour) const;
+    std::size_t Length() const { return pending.size(); }  // bytes in the buffer
+    std::size_t Width() const { return width; }            // columns; 0: no limit
+
+    // Return or append `part` in a colour, or as it is if there are no colours.
+    std::string Coloured(std::string_view part, EColour colour) const;
     void AppendColoured(std::string_view part, EColour colour, std::string& to) const;
 
 private:
-    std::string text;
+    std::string pending;
     std::size_t width = 0;
     bool hasColours = false;
 };
 
-// Columns of text, aligned; the last one takes what is left of the width.
+// A table with aligned columns. The last column takes the rest of the terminal's width; what does
+// not fit is cut off. Held in memory as a whole, since the widths depend on every row.
 class CColumns {
 public:
     explicit CColumns(std::initializer_list<std::string_view> headings);
 
-    // The next cell of the row, or the first of another one behind a full row. It is shown with
-    // Show().
-    void Add(std::string_view text, EColour colour = EColour::cPlain);
-    std::size_t Count() const { return cells.size() / widths.size() - 1; }  // without the headings
+    // Adds the next cell of the row; after a full row it begins another. Control characters and
+    // bytes that are not UTF-8 are replaced as Show() does.
+    void Add(std::string_view content, EColour colour = EColour::cPlain);
+
+    // The number of rows without the headings.
+    std::size_t Count() const { return cells.size() / widths.size() - 1; }
+
+    // Appends the table to `output`, and writes it in blocks if it is long. Throws CError as
+    // Finish().
     void Print(COutput& output) const;
 
 private:
     struct TCell {
-        std::uint32_t length;  // of its text, in bytes; it begins where the one before ends
+        std::uint32_t length;  // in bytes; the content begins where that of the previous cell ends
         std::uint32_t columns;
         EColour colour;
     };
 
-    std::string texts;  // of all cells, one behind the other
+    std::string contents;  // of all cells, one after the other
     std::vector<TCell> cells;
     std::vector<std::size_t> widths;  // of the columns
 };

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -19,7 +20,7 @@ constexpr std::string_view cDigits =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 std::string ToBase64(std::string_view bytes) {
-    std::string text;
+    std::string encoded;
     for (std::size_t index = 0; index < bytes.size(); index += 3) {
         std::uint32_t group = 0;
         for (std::size_t place = 0; place < 3; ++place) {
@@ -28,19 +29,19 @@ std::string ToBase64(std::string_view bytes) {
         }
         const std::size_t count = std::min<std::size_t>(bytes.size() - index, 3) + 1;
         for (std::size_t place = 0; place < 4; ++place)
-            text += place < count ? cDigits[group >> (18 - 6 * place) & 63U] : '=';
+            encoded += place < count ? cDigits[group >> (18 - 6 * place) & 63U] : '=';
     }
-    return text;
+    return encoded;
 }
 
 // Throws std::invalid_argument.
-std::string FromBase64(std::string_view text) {
+std::string FromBase64(std::string_view encoded) {
     std::string bytes;
     std::uint32_t group = 0;
     unsigned int bits = 0;
-    while (!text.empty() && text.back() == '=')
-        text.remove_suffix(1);
-    for (const char digit : text) {
+    while (!encoded.empty() && encoded.back() == '=')
+        encoded.remove_suffix(1);
+    for (const char digit : encoded) {
         const std::size_t value = cDigits.find(digit);
         if (value == std::string_view::npos)
             throw std::invalid_argument("it is not base64");
@@ -54,16 +55,17 @@ std::string FromBase64(std::string_view text) {
     return bytes;
 }
 
-bool IsUtf8(const std::string& text) {
+bool IsUtf8(const std::string& bytes) {
     try {
-        static_cast<void>(TJson(text).dump());
+        static_cast<void>(TJson(bytes).dump());
         return true;
     } catch (const TJson::type_error&) {
         return false;
     }
 }
 
-// The fields of one task, each read with a message that names it.
+// Reads the fields of one task. Throws CError (cRefused) with the task and the field in its
+// message. `content` must outlive the reader.
 class CTaskReader {
 public:
     CTaskReader(const TJson& content, std::size_t index)
@@ -72,9 +74,10 @@ public:
             Fail("is not an object");
     }
 
-    void Name(const std::string& name) { place += fmt::format(" (\"{}\")", name); }
+    // Puts the task's name into the messages of later failures.
+    void SetName(const std::string& name) { place += fmt::format(" (\"{}\")", name); }
 
-    std::string Text(const char* field, bool isNeeded) const {
+    std::string String(const char* field, bool isNeeded) const {
         const auto found = json.find(field);
         if (found == json.end()) {
             if (isNeeded)
@@ -85,16 +88,16 @@ public:
             return found->get<std::string>();
         const auto base64 = found->is_object() ? found->find("base64") : found->end();
         if (!found->is_object() || base64 == found->end() || !base64->is_string())
-            Fail(fmt::format("has a \"{}\" that is no text", field));
+            Fail(fmt::format("has a \"{}\" that is not a string", field));
         try {
             return FromBase64(base64->get<std::string>());
         } catch (const std::invalid_argument& error) {
-            Fail(fmt::format("has a \"{}\" that cannot be read: {}", field, error.what()));
+            Fail(fmt::format("has a \"{}\" that cannot be decoded: {}", field, error.what()));
         }
     }
 
     template <typename Number>
-    Number Whole(const char* field, bool isNeeded) const {
+    Number Integer(const char* field, bool isNeeded) const {
         const auto found = json.find(field);
         if (found == json.end()) {
             if (isNeeded)
@@ -107,8 +110,7 @@ public:
                 (!found->is_number_unsigned() || found->get<std::uint64_t>() <= INT64_MAX))
                 return static_cast<Number>(value);
         }
-        Fail(
-            fmt::format("has a \"{}\" that is no whole number in range: {}", field, found->dump()));
+        Fail(fmt::format("has a \"{}\" that is not an integer in range: {}", field, found->dump()));
     }
 
     bool Flag(const char* field) const {
@@ -121,13 +123,30 @@ public:
     }
 
 private:
-    [[noreturn]] void Fail(const std::string& what) const {
-        throw CError(EError::cRefused, fmt::format("cannot import: {} {}", place, what));
+    [[noreturn]] void Fail(const std::string& problem) const {
+        throw CError(EError::cRefused, fmt::format("cannot import: {} {}", place, problem));
     }
 
     const TJson& json;
     std::string place;
 };
+
+// What is wrong with `input` and where. `byte` is the number of bytes that the parser has read: the
+// last of them is the first that it could not accept, or is past the end of the input.
+std::string DescribeParseError(std::string_view input, std::size_t byte) {
+    const std::size_t offset = std::min(byte > 0 ? byte - 1 : 0, input.size());
+    const std::string_view before = input.substr(0, offset);
+    const std::ptrdiff_t line = 1 + std::count(before.begin(), before.end(), '\n');
+    const std::size_t column = offset - (before.rfind('\n') + 1) + 1;  // the first line starts at 0
+    std::string problem = "the input ends too early";
+    if (offset < input.size()) {
+        const auto found = static_cast<unsigned char>(input[offset]);
+        problem = found > 0x20 && found < 0x7f
+                      ? fmt::format("unexpected '{}'", static_cast<char>(found))
+                      : fmt::format("unexpected byte 0x{:02x}", found);
+    }
+    return fmt::format("line {}, column {}: {}", line, column, problem);
+}
 
 TTime TimeOf(std::int64_t seconds) {
     return TTime(std::chrono::seconds(seconds));
@@ -137,33 +156,33 @@ TImported ReadTask(const TJson& content, std::size_t index) {
     CTaskReader reader(content, index);
     TImported imported;
     TTaskEntry& task = imported.task;
-    task.name = reader.Text("name", true);
-    reader.Name(task.name);
-    task.next = TimeOf(reader.Whole<std::int64_t>("next", true));
-    task.last = TimeOf(reader.Whole<std::int64_t>("last", false));
-    task.period = reader.Whole<std::uint32_t>("period", false);
-    task.program = reader.Text("program", true);
-    task.parameter = reader.Text("parameter", false);
+    task.name = reader.String("name", true);
+    reader.SetName(task.name);
+    task.next = TimeOf(reader.Integer<std::int64_t>("next", true));
+    task.last = TimeOf(reader.Integer<std::int64_t>("last", false));
+    task.period = reader.Integer<std::uint32_t>("period", false);
+    task.program = reader.String("program", true);
+    task.parameter = reader.String("parameter", false);
     task.paused = reader.Flag("paused");
-    imported.realProgram = reader.Text("real_program", false);
+    imported.realProgram = reader.String("real_program", false);
     return imported;
 }
 
 }  // namespace
 
-TJson JsonOfText(const std::string& text) {
-    if (IsUtf8(text))
-        return text;
-    return {{"base64", ToBase64(text)}};
+TJson JsonOfString(const std::string& bytes) {
+    if (IsUtf8(bytes))
+        return bytes;
+    return {{"base64", ToBase64(bytes)}};
 }
 
 TJson JsonOfTask(const TTaskEntry& task) {
-    return {{"name", JsonOfText(task.name)},
+    return {{"name", JsonOfString(task.name)},
             {"next", task.next.time_since_epoch().count()},
             {"last", task.last.time_since_epoch().count()},
             {"period", task.period},
-            {"program", JsonOfText(task.program)},
-            {"parameter", JsonOfText(task.parameter)},
+            {"program", JsonOfString(task.program)},
+            {"parameter", JsonOfString(task.parameter)},
             {"paused", task.paused}};
 }
 
@@ -177,22 +196,26 @@ std::string Document(const TJson& content) {
     return document.dump(2) + '\n';
 }
 
-std::vector<TImported> ReadTasks(const std::string& text) {
+std::vector<TImported> ReadTasks(const std::string& input) {
     TJson document;
     try {
-        document = TJson::parse(text);
+        document = TJson::parse(input);
     } catch (const TJson::parse_error& error) {
         throw CError(EError::cRefused,
-                     fmt::format("cannot import: this is not JSON: {}", error.what()));
+                     fmt::format("cannot import: the input is not valid JSON: {}; expected a "
+                                 "document as vxsched export writes it",
+                                 DescribeParseError(input, error.byte)));
+    } catch (const TJson::out_of_range&) {
+        throw CError(EError::cRefused, "cannot import: the input has a number that is too large");
     }
     const bool isObject = document.is_object();
     if (!isObject || document.value("version", TJson()) != 1)
         throw CError(EError::cRefused,
-                     "cannot import: the document has no \"version\" of 1; import what "
-                     "vxsched export has written");
+                     "cannot import: the input has no \"version\" of 1; expected a document as "
+                     "vxsched export writes it");
     const auto tasks = document.find("tasks");
     if (tasks == document.end() || !tasks->is_array())
-        throw CError(EError::cRefused, "cannot import: the document has no list \"tasks\"");
+        throw CError(EError::cRefused, "cannot import: the input has no list \"tasks\"");
     std::vector<TImported> imported;
     for (std::size_t index = 0; index < tasks->size(); ++index)
         imported.push_back(ReadTask((*tasks)[index], index));

@@ -1,3 +1,7 @@
+// Tasks as JSON, exact to the second and to the byte: times are seconds since 1970; a string that
+// is not UTF-8 becomes {"base64": "..."}. Every document has the field "version" with the value 1.
+// Later versions may add fields, so a reader must ignore fields that it does not know.
+
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -8,27 +12,28 @@
 
 namespace vxsched {
 
-// Tasks as JSON, with every field to the second and to the byte: times as seconds since 1970, texts
-// as strings or, where they are not UTF-8, as {"base64": "..."}. The field "version" is 1; fields may
-// be added to it.
+// A string, or an object with "base64" if `bytes` are not UTF-8.
+nlohmann::ordered_json JsonOfString(const std::string& bytes);
 
-nlohmann::ordered_json JsonOfText(const std::string& text);
+// An object with the fields of the task that an import reads.
 nlohmann::ordered_json JsonOfTask(const TTaskEntry& task);
 
-// A time in the past in the way of ISO 8601; null for the beginning of 1970, which stands for never.
+// A past time in ISO 8601; null for the epoch, which means never.
 nlohmann::ordered_json JsonOfLast(TTime time);
 
-// A whole document, with its line end.
+// A complete document: the content after the version, indented, with a line end.
 std::string Document(const nlohmann::ordered_json& content);
 
-// What Export wrote, or somebody by hand: {"version": 1, "tasks": [{"name", "next", "last", "period",
-// "program", "parameter", "paused", "real_program"}]}, of which name, next and program are needed.
+// One task of an import.
 struct TImported {
     TTaskEntry task;
-    std::string realProgram;  // what the program's link leads to; empty when it is none
+    std::string realProgram;  // the target if the program is a link; else empty
 };
 
-// Throws CError (cRefused) that names the task and the field that makes no sense.
-std::vector<TImported> ReadTasks(const std::string& text);
+// Reads a document that Export() or a person wrote: {"version": 1, "tasks": [{"name", "next",
+// "last", "period", "program", "parameter", "paused", "real_program"}]}. Only name, next and
+// program are required; "next" and "last" are seconds, "period" is in hours. Throws CError
+// (cRefused) with the line and column, or with the task and its field.
+std::vector<TImported> ReadTasks(const std::string& input);
 
 }  // namespace vxsched

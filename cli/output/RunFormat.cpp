@@ -5,7 +5,7 @@
 
 namespace vxsched {
 
-std::string OutcomeText(const TRunRecord& run) {
+std::string FormatOutcome(const TRunRecord& run) {
     switch (run.outcome) {
         case TRunRecord::cExited:
             return fmt::format("exited {}", run.number);
@@ -20,15 +20,15 @@ std::string OutcomeText(const TRunRecord& run) {
             return "left running";
         case TRunRecord::cNotStarted:
             return "not started: " + run.error;
-        case TRunRecord::cMovedOn:
-            return "missed, moved on";
-        case TRunRecord::cRemovedUnrun:
+        case TRunRecord::cRescheduled:
+            return "missed, rescheduled";
+        case TRunRecord::cRemoved:
             return "missed, removed";
     }
     return "";
 }
 
-bool WentWell(const TRunRecord& run) {
+bool HasNoFailure(const TRunRecord& run) {
     return (run.outcome == TRunRecord::cExited && run.number == 0) ||
            run.outcome == TRunRecord::cLeftRunning || run.outcome == TRunRecord::cUnknown;
 }

@@ -1,3 +1,5 @@
+// Records of runs, formatted for a person.
+
 #pragma once
 
 #include <optional>
@@ -8,19 +10,20 @@
 
 namespace vxsched {
 
-// What became of it: exited 3, killed by KILL, missed and moved on, ...
-std::string OutcomeText(const TRunRecord& run);
+// The outcome: "exited 3", "killed by KILL", "missed, rescheduled".
+std::string FormatOutcome(const TRunRecord& run);
 
-// False for what needs a look: another exit status than 0, a death, a failed start, a missed time.
-bool WentWell(const TRunRecord& run);
+// False for a run that needs attention: it exited with a status other than 0, was killed, could not
+// start or was missed.
+bool HasNoFailure(const TRunRecord& run);
 
-// To the second, as FormatTime(); - for none.
+// To the second, as FormatTime() writes it; "-" if empty.
 std::string FormatMoment(const std::optional<TMoment>& moment, EZone zone);
 
-// From its start to its end; none when it did not have both.
+// From the launch to the exit; empty unless the record has both and the program was started.
 std::optional<std::chrono::milliseconds> TimeTaken(const TRunRecord& run);
 
-// As 0.35s or 12.3s, and from a minute on in the two largest units, as FormatDistance().
+// 0.35s or 12.3s; from one minute on as FormatDistance() writes it.
 std::string FormatSpan(std::chrono::milliseconds span);
 
 }  // namespace vxsched

@@ -8,11 +8,11 @@
 
 namespace vxsched {
 
-CParseError::CParseError(std::string_view kind, std::string_view text, std::size_t offset,
+CParseError::CParseError(std::string_view kind, std::string_view argument, std::size_t errorOffset,
                          std::string_view reason)
     : std::runtime_error(fmt::format("cannot read the {} \"{}\": {}\n    {}\n    {:>{}}", kind,
-                                     Show(text).text, reason, Show(text).text, '^',
-                                     Show(text.substr(0, offset)).columns + 1)),
-      place(offset) {}
+                                     Show(argument).text, reason, Show(argument).text, '^',
+                                     Show(argument.substr(0, errorOffset)).columns + 1)),
+      offset(errorOffset) {}
 
 }  // namespace vxsched

@@ -22,12 +22,12 @@ bool IsLetter(char character) {
 }  // namespace
 
 char CParser::Next() const {
-    return IsAtEnd() ? '\0' : whole[offset];
+    return IsAtEnd() ? '\0' : input[offset];
 }
 
 char CParser::NextAfterDigits() const {
-    const std::size_t behind = whole.find_first_not_of(cDigits, offset);
-    return behind == std::string_view::npos ? '\0' : whole[behind];
+    const std::size_t after = input.find_first_not_of(cDigits, offset);
+    return after == std::string_view::npos ? '\0' : input[after];
 }
 
 bool CParser::IsAtDigit() const {
@@ -53,23 +53,23 @@ std::string CParser::TakeWord() {
 }
 
 std::string_view CParser::TakeDigits() {
-    const std::size_t start = offset;
-    offset = std::min(whole.find_first_not_of(cDigits, start), whole.size());
-    return whole.substr(start, offset - start);
+    const std::size_t begin = offset;
+    offset = std::min(input.find_first_not_of(cDigits, begin), input.size());
+    return input.substr(begin, offset - begin);
 }
 
 void CParser::SkipBlanks() {
-    offset = std::min(whole.find_first_not_of(' ', offset), whole.size());
+    offset = std::min(input.find_first_not_of(' ', offset), input.size());
 }
 
 void CParser::ExpectEnd() {
     SkipBlanks();
     if (!IsAtEnd())
-        Fail(offset, "the " + std::string(textKind) + " ends before this");
+        Fail(offset, "unexpected input after the " + std::string(kind));
 }
 
 void CParser::Fail(std::size_t where, std::string_view reason) const {
-    throw CParseError(textKind, whole, where, reason);
+    throw CParseError(kind, input, where, reason);
 }
 
 }  // namespace vxsched

@@ -6,40 +6,40 @@
 
 namespace vxsched {
 
-// A place in a text from the command line, and the steps with which it is read from the front to
-// the back. The text must outlive the reader. Letters are ASCII letters, whatever the locale.
+// Reads a command-line argument from its beginning to its end. The argument must outlive the
+// parser. Letters are ASCII letters in every locale.
 class CParser {
 public:
-    // `kind` is what the text is to be, for the message of Fail: "time".
-    CParser(std::string_view kind, std::string_view text) : textKind(kind), whole(text) {}
+    // `valueKind` is the kind of the value for the messages of Fail(): "time".
+    CParser(std::string_view valueKind, std::string_view argument)
+        : kind(valueKind), input(argument) {}
 
     std::size_t Offset() const { return offset; }
-    bool IsAtEnd() const { return offset == whole.size(); }
+    bool IsAtEnd() const { return offset == input.size(); }
 
-    // The character at the place, or the one behind the digits there; 0 at the end of the text.
+    // The next character, and the first one after the digits that come next; 0 at the end.
     char Next() const;
     char NextAfterDigits() const;
     bool IsAtDigit() const;
     bool IsAtLetter() const;
 
-    // Goes over the character if it is the wanted one (a small letter stands for the capital one
-    // too), and says whether it was.
+    // Reads the next character if it is the wanted one, and returns whether it was. A wanted
+    // lower-case letter accepts the upper-case one too.
     bool TakeIf(char wanted);
-    // Goes over letters, or digits, as many as there are (there may be none), and returns them; the
-    // letters in lower case.
+    // Read the letters or digits that come next, possibly none. Letters are returned in lower case.
     std::string TakeWord();
     std::string_view TakeDigits();
     void SkipBlanks();
 
-    // Goes over blanks to the end of the text; fails when there is something else.
+    // Skips blanks. Throws CParseError unless the end of the input follows.
     void ExpectEnd();
 
-    // Throws CParseError with this place and reason.
+    // Throws CParseError for that offset.
     [[noreturn]] void Fail(std::size_t where, std::string_view reason) const;
 
 private:
-    std::string_view textKind;
-    std::string_view whole;
+    std::string_view kind;
+    std::string_view input;
     std::size_t offset = 0;
 };
 

@@ -14,7 +14,7 @@ namespace {
 
 struct TUnit {
     seconds length;
-    std::string_view words;  // with a blank around each
+    std::string_view words;  // each with a blank before and after it
 };
 
 using namespace std::chrono_literals;
@@ -27,7 +27,8 @@ constexpr TUnit cUnits[] = {
     {1s, " s sec secs second seconds "},
 };
 
-// With every unit at most once, the sum of the largest is far inside the range of seconds.
+// Each unit occurs at most once, so the sum of the largest numbers is far inside the range of
+// seconds.
 constexpr std::int64_t cLargestNumber = 1'000'000'000'000;
 
 std::int64_t ValueOf(std::string_view digits) {
@@ -38,17 +39,18 @@ std::int64_t ValueOf(std::string_view digits) {
 
 seconds ReadUnit(CParser& reader, std::string_view number) {
     if (reader.Next() == '.' || reader.Next() == ',')
-        reader.Fail(reader.Offset(), "only whole numbers can be read: take a smaller unit as well");
+        reader.Fail(reader.Offset(),
+                    "only whole numbers are accepted; use a smaller unit for the rest");
     reader.SkipBlanks();
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     const std::string word = reader.TakeWord();
     if (word.empty())
-        reader.Fail(start, "add the unit, " + std::string(number) + "h");
+        reader.Fail(offset, "expected a unit, as in " + std::string(number) + "h");
     for (const TUnit& unit : cUnits) {
         if (unit.words.find(' ' + word + ' ') != std::string_view::npos)
             return unit.length;
     }
-    reader.Fail(start, "there is no unit \"" + word + "\": take h, d or w");
+    reader.Fail(offset, "unknown unit \"" + word + "\"; use h, d or w");
 }
 
 }  // namespace
@@ -57,15 +59,16 @@ seconds ReadDuration(CParser& reader, seconds smallest, std::string_view tooSmal
     seconds sum(0);
     seconds unitBefore = seconds::max();
     do {
-        const std::size_t start = reader.Offset();
+        const std::size_t offset = reader.Offset();
         const std::string_view number = reader.TakeDigits();
         if (number.empty())
-            reader.Fail(start, "there must be a number with a unit here, 6h");
+            reader.Fail(offset, "expected a number with a unit, such as 6h");
         const seconds unit = ReadUnit(reader, number);
         if (unit < smallest)
-            reader.Fail(start, tooSmall);
+            reader.Fail(offset, tooSmall);
         if (unit >= unitBefore)
-            reader.Fail(start, "the units go from the largest to the smallest, each once");
+            reader.Fail(offset,
+                        "the units must go from the largest to the smallest, each at most once");
         sum += ValueOf(number) * unit;
         unitBefore = unit;
         reader.SkipBlanks();

@@ -7,11 +7,11 @@
 
 namespace vxsched {
 
-// Reads a length of time such as `90m`, `1d12h` or `2 weeks`: whole numbers with their units, from
-// the largest unit to the smallest, each at most once. A day is 24 hours, a week seven days. A
-// number beyond 10^12 counts as 10^12, which is longer than anything that has a use.
+// Reads a duration such as `90m`, `1d12h` or `2 weeks`: integers with units, from the largest unit
+// to the smallest, each at most once. A day is 24 hours, a week seven days. A number above 10^12
+// counts as 10^12, so that the sum cannot overflow.
 //
-// Units below `smallest` are refused with the reason `tooSmall`. Throws CTextError.
+// Throws CParseError; for a unit below `smallest` with the reason `tooSmall`.
 std::chrono::seconds ReadDuration(CParser& reader, std::chrono::seconds smallest,
                                   std::string_view tooSmall);
 

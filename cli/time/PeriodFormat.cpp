@@ -18,26 +18,29 @@ constexpr std::uint32_t cHoursOfWeek = 7 * cHoursOfDay;
 
 }  // namespace
 
-std::uint32_t ParsePeriod(std::string_view text) {
-    CParser reader("period", text);
+std::uint32_t ParsePeriod(std::string_view argument) {
+    CParser reader("period", argument);
     reader.SkipBlanks();
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     if (reader.IsAtEnd())
-        reader.Fail(start, "it is empty; say 6h, 1d, 2w or once");
+        reader.Fail(offset, "it is empty; expected 6h, 1d, 2w or once");
     if (reader.Next() == '-')
-        reader.Fail(start, "a period cannot be negative");
+        reader.Fail(offset, "a period cannot be negative");
     if (reader.IsAtLetter()) {
         if (reader.TakeWord() != "once")
-            reader.Fail(start, "say 6h, 1d, 2w or once");
+            reader.Fail(offset, "expected 6h, 1d, 2w or once");
         reader.ExpectEnd();
         return 0;
     }
-    const std::chrono::seconds period = ReadDuration(reader, 1h, "periods are whole hours");
+    const std::chrono::seconds period =
+        ReadDuration(reader, 1h, "a period must be a whole number of hours");
     reader.ExpectEnd();
     if (period == 0s)
-        reader.Fail(start, "this is no period; for a task that runs a single time say once");
+        reader.Fail(offset,
+                    "a period must not be zero; use once for a task that runs a single time");
     if (period > cLongestPeriod)
-        reader.Fail(start, "the longest period is " + std::to_string(cLongestPeriod.count()) + "h");
+        reader.Fail(offset,
+                    "the longest period is " + std::to_string(cLongestPeriod.count()) + "h");
     return static_cast<std::uint32_t>(period / 1h);
 }
 

@@ -23,57 +23,59 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char cForms[] = "say 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
-constexpr char cPutForward[] = "there is no such local time: the clock is put forward over it";
+constexpr char cForms[] =
+    "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
+constexpr char cSkippedByClock[] =
+    "this local time does not exist: the clock is set forward over it";
 
-// ---- Reading: dates, times of day, zones ---------------------------------------------------------
+// ---- Reading: dates, times of day, zones --------------------------------------------------------
 
-// Reads a number of exactly so many digits (four at most).
+// Reads a number of exactly `digits` digits, four at most.
 int ReadNumber(CParser& reader, std::size_t digits, std::string_view reason) {
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     int value = 0;
     const std::string_view number = reader.TakeDigits();
     if (number.size() != digits)
-        reader.Fail(start, reason);
+        reader.Fail(offset, reason);
     for (const char digit : number)
         value = 10 * value + (digit - '0');
     return value;
 }
 
-// Reads one with two digits and an upper limit.
+// Reads a number of two digits, up to `most`.
 int ReadPart(CParser& reader, int most, const char* name) {
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     const int value = ReadNumber(reader, 2, fmt::format("the {} must have two digits", name));
     if (value > most)
-        reader.Fail(start, fmt::format("the {} must be from 00 to {}", name, most));
+        reader.Fail(offset, fmt::format("the {} must be from 00 to {}", name, most));
     return value;
 }
 
 date::local_days ReadDate(CParser& reader) {
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     const int year = ReadNumber(reader, 4, "the year must have four digits");
     if (year == 0)
-        reader.Fail(start, "the year must be from 0001 to 9999");
+        reader.Fail(offset, "the year must be from 0001 to 9999");
     constexpr char cForm[] = "a date is written as 2026-11-21";
     if (!reader.TakeIf('-'))
         reader.Fail(reader.Offset(), cForm);
-    const std::size_t monthStart = reader.Offset();
+    const std::size_t monthOffset = reader.Offset();
     const int month = ReadNumber(reader, 2, "the month must have two digits");
     if (month < 1 || month > 12)
-        reader.Fail(monthStart, "the month must be from 01 to 12");
+        reader.Fail(monthOffset, "the month must be from 01 to 12");
     if (!reader.TakeIf('-'))
         reader.Fail(reader.Offset(), cForm);
     const int day = ReadNumber(reader, 2, "the day must have two digits");
     const date::year_month_day date(date::year(year), date::month(static_cast<unsigned>(month)),
                                     date::day(static_cast<unsigned>(day)));
     if (!date.ok())
-        reader.Fail(start, "there is no such day");
+        reader.Fail(offset, "there is no such day");
     return date::local_days(date);
 }
 
 seconds ReadTimeOfDay(CParser& reader) {
     if (!reader.IsAtDigit())
-        reader.Fail(reader.Offset(), "give a time of day, 14:30");
+        reader.Fail(reader.Offset(), "expected a time of day such as 14:30");
     seconds time = hours(ReadPart(reader, 23, "hour"));
     if (!reader.TakeIf(':'))
         reader.Fail(reader.Offset(), "a time of day is written as 14:30");
@@ -88,17 +90,17 @@ bool IsAtZone(const CParser& reader) {
     return next == 'Z' || next == 'z' || next == '+' || next == '-';
 }
 
-// Reads how far the zone is ahead of UTC. The reader is at a zone.
+// Reads the offset of a zone from UTC, positive to the east. Requires IsAtZone().
 seconds ReadZone(CParser& reader) {
     if (reader.TakeIf('z'))
         return 0s;
     const int sign = reader.Next() == '-' ? -1 : 1;
     reader.TakeIf(sign < 0 ? '-' : '+');
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     constexpr char cForm[] = "a zone is written as Z, +01:00, +0100 or +01";
     const std::string_view digits = reader.TakeDigits();
     if (digits.size() != 2 && digits.size() != 4)
-        reader.Fail(start, cForm);
+        reader.Fail(offset, cForm);
     const auto twoDigits = [&](std::size_t at) {
         return 10 * (digits[at] - '0') + (digits[at + 1] - '0');
     };
@@ -109,58 +111,58 @@ seconds ReadZone(CParser& reader) {
     else if (reader.TakeIf(':'))
         rest = minutes(ReadNumber(reader, 2, cForm));
     if (rest > 59min || wholeHours + rest > 14h)
-        reader.Fail(start, "no zone is that far from UTC: from -14:00 to +14:00 is accepted");
+        reader.Fail(offset, "a zone must be from -14:00 to +14:00");
     return sign * (wholeHours + rest);
 }
 
-// ---- Reading: the forms of a time ----------------------------------------------------------------
+// ---- Reading: the forms of a time ---------------------------------------------------------------
 
-// `start` is where the text of it begins.
-TTime FirstShowing(TWallTime wall, const CParser& reader, std::size_t start) {
+// The first time when a local clock shows `wall`. Throws CParseError for `offset` if there is none.
+TTime FirstShowing(TWallTime wall, const CParser& reader, std::size_t offset) {
     const std::vector<TTime> times = TimesShowing(wall);
     if (times.empty())
-        reader.Fail(start, cPutForward);
+        reader.Fail(offset, cSkippedByClock);
     return times.front();
 }
 
 TTime ReadDateAndTime(CParser& reader) {
-    std::size_t start = reader.Offset();
+    std::size_t offset = reader.Offset();
     TWallTime wall = ReadDate(reader);
-    constexpr char cZoneAlone[] = "give a time of day before the zone";
+    constexpr char cZoneAlone[] = "expected a time of day before the zone";
     if (reader.TakeIf('t')) {
-        start = reader.Offset();
+        offset = reader.Offset();
         wall += ReadTimeOfDay(reader);
     } else {
         reader.SkipBlanks();
         if (IsAtZone(reader))
             reader.Fail(reader.Offset(), cZoneAlone);
         if (!reader.IsAtDigit())
-            return FirstShowing(wall, reader, start);
-        start = reader.Offset();
+            return FirstShowing(wall, reader, offset);
+        offset = reader.Offset();
         wall += ReadTimeOfDay(reader);
     }
     reader.SkipBlanks();
     if (IsAtZone(reader))
         return TTime(wall.time_since_epoch()) - ReadZone(reader);
-    return FirstShowing(wall, reader, start);
+    return FirstShowing(wall, reader, offset);
 }
 
 // `day` is 0 for today, 1 for tomorrow.
 TTime ReadTimeOfNamedDay(CParser& reader, TTime now, date::days day) {
     reader.SkipBlanks();
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     const TWallTime midnight = date::floor<date::days>(LocalWallTimeAt(now)) + day;
-    return FirstShowing(midnight + ReadTimeOfDay(reader), reader, start);
+    return FirstShowing(midnight + ReadTimeOfDay(reader), reader, offset);
 }
 
 TTime ReadNextTimeOfDay(CParser& reader, TTime now) {
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     const seconds timeOfDay = ReadTimeOfDay(reader);
     reader.SkipBlanks();
     if (IsAtZone(reader))
-        reader.Fail(reader.Offset(), "a zone can be given together with a date only");
+        reader.Fail(reader.Offset(), "a zone is accepted only together with a date");
     const TWallTime wallNow = LocalWallTimeAt(now);
-    // Shortly after midnight the clock may be put back to what it showed yesterday.
+    // Begin with yesterday: shortly after midnight the clock may be set back to the day before.
     TWallTime wall = date::floor<date::days>(wallNow) - date::days(1) + timeOfDay;
     for (;; wall += date::days(1)) {
         const std::vector<TTime> times = TimesShowing(wall);
@@ -168,39 +170,39 @@ TTime ReadNextTimeOfDay(CParser& reader, TTime now) {
             if (time >= now)
                 return time;
         }
-        // Who asks for 02:30 in the night that has none does not mean the night after it.
+        // Refuse 02:30 before a night that skips it: the 02:30 of the night after was not meant.
         if (times.empty() && wall > wallNow)
-            reader.Fail(start, cPutForward);
+            reader.Fail(offset, cSkippedByClock);
     }
 }
 
 TTime ReadRelativeTime(CParser& reader, TTime now) {
     reader.SkipBlanks();
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     if (reader.Next() == '-')
-        reader.Fail(start, "only a time to come can be given like this");
+        reader.Fail(offset, "only a time in the future can be given in this form");
     const TTime time = now + ReadDuration(reader, 1s, "");
     if (time >= date::sys_days(date::year(10000) / 1 / 1))
-        reader.Fail(start, "that is after the year 9999");
+        reader.Fail(offset, "the time is after the year 9999");
     return time;
 }
 
 TTime ReadSecondsSince1970(CParser& reader) {
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     std::string number(reader.TakeIf('-') ? "-" : "");
     const std::string_view digits = reader.TakeDigits();
     if (digits.empty())
-        reader.Fail(reader.Offset(), "give the seconds since the beginning of 1970 behind the @");
+        reader.Fail(reader.Offset(), "expected the seconds since 1970 after the @");
     number += digits;
     std::int64_t value = 0;
     const auto result = std::from_chars(number.data(), number.data() + number.size(), value);
     if (result.ec != std::errc())
-        reader.Fail(start, "that is beyond the range of times");
+        reader.Fail(offset, "the time is out of range");
     return TTime(seconds(value));
 }
 
 TTime ReadTimeInWords(CParser& reader, TTime now) {
-    const std::size_t start = reader.Offset();
+    const std::size_t offset = reader.Offset();
     const std::string word = reader.TakeWord();
     if (word == "now")
         return now;
@@ -210,7 +212,7 @@ TTime ReadTimeInWords(CParser& reader, TTime now) {
         return ReadTimeOfNamedDay(reader, now, date::days(0));
     if (word == "tomorrow")
         return ReadTimeOfNamedDay(reader, now, date::days(1));
-    reader.Fail(start, cForms);
+    reader.Fail(offset, cForms);
 }
 
 TTime ReadTime(CParser& reader, TTime now) {
@@ -227,15 +229,15 @@ TTime ReadTime(CParser& reader, TTime now) {
     reader.Fail(reader.Offset(), cForms);
 }
 
-// ---- Writing -------------------------------------------------------------------------------------
+// ---- Writing ------------------------------------------------------------------------------------
 
-// So many digits of the value at that place of the text, the last ones.
-void PutDigits(std::string& text, std::size_t place, std::size_t count, unsigned value) {
+// Writes the last `count` digits of the value to `buffer` from `offset` on.
+void PutDigits(std::string& buffer, std::size_t offset, std::size_t count, unsigned value) {
     for (std::size_t left = count; left > 0; --left, value /= 10)
-        text[place + left - 1] = static_cast<char>('0' + value % 10);
+        buffer[offset + left - 1] = static_cast<char>('0' + value % 10);
 }
 
-// The day, the separator, the time of day and the ending; nothing for a year that has not four
+// The date, the separator, the time of day and the ending. Empty for a year that does not have four
 // digits.
 std::optional<std::string> Write(TWallTime wall, char separator, std::string_view ending) {
     constexpr TWallTime cBegin = date::local_days(date::year(1) / 1 / 1);
@@ -245,16 +247,16 @@ std::optional<std::string> Write(TWallTime wall, char separator, std::string_vie
     const date::local_days day = date::floor<date::days>(wall);
     const date::year_month_day date(day);
     const date::hh_mm_ss time(wall - day);
-    // Written digit by digit: a list has two of them for each task.
-    std::string text = "0000-00-00 00:00:00";
-    PutDigits(text, 0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
-    PutDigits(text, 5, 2, static_cast<unsigned>(date.month()));
-    PutDigits(text, 8, 2, static_cast<unsigned>(date.day()));
-    text[10] = separator;
-    PutDigits(text, 11, 2, static_cast<unsigned>(time.hours().count()));
-    PutDigits(text, 14, 2, static_cast<unsigned>(time.minutes().count()));
-    PutDigits(text, 17, 2, static_cast<unsigned>(time.seconds().count()));
-    return text.append(ending);
+    // Digit by digit for speed: a list formats two times for each task.
+    std::string written = "0000-00-00 00:00:00";
+    PutDigits(written, 0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+    PutDigits(written, 5, 2, static_cast<unsigned>(date.month()));
+    PutDigits(written, 8, 2, static_cast<unsigned>(date.day()));
+    written[10] = separator;
+    PutDigits(written, 11, 2, static_cast<unsigned>(time.hours().count()));
+    PutDigits(written, 14, 2, static_cast<unsigned>(time.minutes().count()));
+    PutDigits(written, 17, 2, static_cast<unsigned>(time.seconds().count()));
+    return written.append(ending);
 }
 
 std::string WriteSeconds(TTime time) {
@@ -263,8 +265,8 @@ std::string WriteSeconds(TTime time) {
 
 }  // namespace
 
-TTime ParseTime(std::string_view text, TTime now) {
-    CParser reader("time", text);
+TTime ParseTime(std::string_view argument, TTime now) {
+    CParser reader("time", argument);
     reader.SkipBlanks();
     const TTime time = ReadTime(reader, now);
     reader.ExpectEnd();
@@ -291,19 +293,21 @@ std::string FormatDistance(seconds distance) {
         return "now";
     auto left = static_cast<std::uint64_t>(distance.count());
     if (distance < 0s)
-        left = 0 - left;  // of the least value too
-    std::string text;
-    int written = 0;
+        left = 0 - left;  // unsigned, so that it is right for the smallest value too
+    std::string formatted;
+    int units = 0;
     for (const TUnit& unit : cUnits) {
         const std::uint64_t count = left / unit.seconds;
         left %= unit.seconds;
         if (count > 0)
-            text.append(text.empty() ? "" : " ").append(std::to_string(count)).append(unit.name);
-        // The second unit is the one next to the first, which may be 0: 1h for 1h 0min 30s.
-        if (!text.empty() && ++written == 2)
+            formatted.append(formatted.empty() ? "" : " ")
+                .append(std::to_string(count))
+                .append(unit.name);
+        // The second unit is the one after the first even if it is 0: 1h for 1h 0min 30s.
+        if (!formatted.empty() && ++units == 2)
             break;
     }
-    return distance < 0s ? text + " ago" : text;
+    return distance < 0s ? formatted + " ago" : formatted;
 }
 
 }  // namespace vxsched

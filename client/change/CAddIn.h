@@ -6,12 +6,14 @@
 
 namespace vxsched {
 
-// The add-in, loaded for the rest of the process's life, with the exported functions that change
-// the table. The process must end by _exit: a normal end would unload the library, and that takes
-// the store mutex away from all others.
+// The add-in's library and its exported functions that change the table. It stays loaded: the
+// process must end by _exit(), since exit() would unload it, which removes the store mutex for all
+// processes. The caller holds the writer lock while it loads the library and calls the functions,
+// which take the store mutex themselves, without limit. For one thread.
 class CAddIn {
 public:
-    // Throws CError (cFailed) when it cannot be loaded or lacks a function.
+    // Loads the library, which sets the store mutex free. Throws CError (cFailed) if it cannot be
+    // loaded or lacks a function.
     explicit CAddIn(const std::string& path);
 
     decltype(&CreateTask) create;

@@ -12,7 +12,7 @@
 namespace vxsched {
 
 static TLaunchListener gListener;
-static std::map<pid_t, int> gEnds;  // of programs that the add-in has collected
+static std::map<pid_t, int> gEnds;  // wait statuses of programs that the add-in has collected
 
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t*,
                  const posix_spawnattr_t*, char* const arguments[], char* const environment[]) {

@@ -7,16 +7,19 @@
 
 namespace vxsched {
 
-// The launches of the add-in in a change process.
+// The add-in's launches in a change process, which come here through the interposed functions. For
+// the one thread of that process.
 
-// From now on a launched program gets no descriptor but the standard ones, an empty signal mask and
-// default dispositions; `listener` is called for each: the process, or 0 with the errno of why there
-// is none.
+// Called after each launch with the process id, or with 0 and the error number if it failed. The
+// store mutex is held.
 using TLaunchListener = std::function<void(pid_t process, int error)>;
+
+// Installs the handlers of the launches, before the add-in is loaded. From then on a launched
+// program inherits the standard descriptors only, an empty signal mask and default dispositions.
 void ListenToLaunches(TLaunchListener listener);
 
-// Waits for the end of a launched program, without limit; its wait status. The add-in may have
-// collected it already. None when somebody else has.
+// Waits for the end of a launched program, without limit, and returns its wait status, also if the
+// add-in has collected it already. Empty if the status cannot be read.
 std::optional<int> WaitForEnd(pid_t process);
 
 }  // namespace vxsched

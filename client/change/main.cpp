@@ -1,6 +1,6 @@
-// vxsched-change: makes one change to a table through the add-in, and ends without removing the
-// store mutex. The client library starts it, once for each change; it may hang or be killed without
-// harm to who asked for the change.
+// vxsched-change: makes one change of a table through the add-in, and ends without removing the
+// store mutex. The client library starts one for each change, so that a hang or crash of the add-in
+// cannot reach the client.
 
 #include <VXC_Log.h>
 #include <fcntl.h>
@@ -31,26 +31,27 @@ namespace vxsched {
 
 namespace {
 
-// The socket to the client, which is this process's standard input at its start.
+// The socket to the client; it comes as standard input.
 int gClient = -1;
 
-// A client that is gone is not told; the change is made all the same.
-void Tell(const char* kind, const std::string& text) {
+// Sends a message to the client. If the client has ended, the message is dropped and the change
+// goes on.
+void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
-    PutField(bytes, text);
-    std::string_view rest = bytes;
-    while (!rest.empty()) {
-        const ssize_t count = send(gClient, rest.data(), rest.size(), MSG_NOSIGNAL);
+    PutField(bytes, content);
+    std::string_view unsent = bytes;
+    while (!unsent.empty()) {
+        const ssize_t count = send(gClient, unsent.data(), unsent.size(), MSG_NOSIGNAL);
         if (count == -1 && errno == EINTR)
             continue;
         if (count <= 0)
             return;
-        rest.remove_prefix(static_cast<std::size_t>(count));
+        unsent.remove_prefix(static_cast<std::size_t>(count));
     }
 }
 
-// The request; none when the client was gone before it had told all of it.
+// Reads the request; empty if the client ended before it had sent all of it.
 std::optional<TRequest> ReadRequest() {
     std::string bytes;
     char block[4096];
@@ -61,55 +62,57 @@ std::optional<TRequest> ReadRequest() {
         else if (errno != EINTR)
             return {};
     }
-    std::optional<std::string> whole = TakeField(bytes);
-    if (!whole)
+    std::optional<std::string> field = TakeField(bytes);
+    if (!field)
         return {};
-    return DecodeRequest(std::move(*whole));
+    return DecodeRequest(std::move(*field));
 }
 
-// Loads the add-in when nothing speaks against it. The mutex is held as a waiter, so that no holder
-// is cut off by the load, which sets it free; that is how it is given back. When the load fails, the
-// kernel gives it back at the end of this process, if it is still held.
+// Checks the request and loads the add-in; empty if a message has sent the client to wait or start
+// over. The caller holds the writer lock. The store mutex is taken first, so that the load, which
+// sets it free, ends no other process's hold; the load is its release. If the load fails, the
+// kernel releases the mutex at the end of this process.
 std::optional<CAddIn> Load(TRequest& request) {
     CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
     const std::string bytes = ReadBytes(TableFile("."));
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
-        Tell(cMessageDue, due->name);
+        SendMessage(cMessageDue, due->name);
         return {};
     }
     CheckCalls(table, request);
     if (const TCall* const changed = FindChanged(table, request)) {
-        Tell(cMessageChanged, changed->task.name);
+        SendMessage(cMessageChanged, changed->task.name);
         return {};
     }
-    // In the same turn as the call, so that nobody takes a link away whose task is yet to come.
+    // Under the same writer lock as the calls, or another client might remove the link before its
+    // task is in the table.
     for (TCall& call : request.calls) {
         if (const TTaskEntry* const task = table.Find(call.task.name))
             call.seen = *task;
         if (call.throughLink) {
             call.task.program = MakeSchedulable(request.directory, call.task.program);
-            Tell(cMessageProgram, call.task.program);
+            SendMessage(cMessageProgram, call.task.program);
         }
     }
     RemoveLeftovers(".");
     WriteBackup(".", bytes);
-    Tell(cMessageBegun, "");
+    SendMessage(cMessageBegun, "");
     lock.Forget();
     const CFrozenClock clock;
     return CAddIn(request.addIn);
 }
 
 void Create(const CAddIn& addIn, const TCall& call) {
-    const long start = call.task.next.time_since_epoch().count();
+    const long due = call.task.next.time_since_epoch().count();
     std::optional<CFrozenClock> clock;
     if (call.keepDue)
         clock.emplace();
-    addIn.create(call.task.name.c_str(), &start, call.task.period, call.task.program.c_str(),
+    addIn.create(call.task.name.c_str(), &due, call.task.period, call.task.program.c_str(),
                  call.task.parameter.c_str());
 }
 
-// By the clock's rule a task that runs once and whose time has come is removed unrun.
+// ResumeTask removes a task that runs once if its due time is past by the clock.
 void Resume(const CAddIn& addIn, const TCall& call) {
     std::optional<CFrozenClock> clock;
     if (!call.mayRemove && call.seen.period == 0)
@@ -142,7 +145,7 @@ std::string ReadBack(const TRequest& request) {
         return ReadBytes(TableFile("."));
     } catch (const CError& error) {
         throw CError(EError::cFailed,
-                     std::string("the change was made but not verified: ") + error.what());
+                     std::string("the change was made but could not be verified: ") + error.what());
     }
 }
 
@@ -151,35 +154,36 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
     try {
         table = DecodeTable(bytes, Now());
     } catch (const CError&) {
-        return;  // the client sees it as well, and puts the table from before back
+        return;  // the client finds that out, too, and restores the backup
     }
     RemoveUnusedLinks(request.directory, *table);
 }
 
-// What a client of the superuser makes belongs to whom the store belongs to, or its host could not
-// use it: so this process becomes that user.
-void BecomeTheOwner() {
+// Under the superuser, becomes the owner of the store: its host could not use files that belong to
+// the superuser.
+void BecomeOwner() {
     struct stat status {};
     if (geteuid() != 0 || stat("files", &status) == -1 || status.st_uid == 0)
         return;
     if (setgroups(0, nullptr) == -1 || setgid(status.st_gid) == -1 || setuid(status.st_uid) == -1)
-        throw SystemError("cannot become the owner of the folder \"files\"", errno);
+        throw SystemError("cannot become the owner of the directory \"files\"", errno);
 }
 
 void Serve(TRequest& request) {
-    pid_t started = 0;
+    pid_t launched = 0;
     ListenToLaunches([&](pid_t process, int error) {
-        // A start outside the schedule is not announced by the add-in, and the scheduling process
-        // would write over its last start. It is announced here, where the mutex is held.
+        // The add-in does not announce a launch outside the schedule, and the scheduling process
+        // would overwrite the task's last launch. So it is announced here, while the store mutex is
+        // held.
         AnnounceChange();
-        started = process;
+        launched = process;
         if (process != 0)
-            Tell(cMessageLaunched, std::to_string(process));
+            SendMessage(cMessageLaunched, std::to_string(process));
         else
-            Tell(cMessageLaunchFailed, std::strerror(error));
+            SendMessage(cMessageLaunchFailed, std::strerror(error));
     });
     {
-        const CWriterLock turn(".", std::chrono::milliseconds(request.lockTimeout));
+        const CWriterLock writerLock(".", std::chrono::milliseconds(request.lockTimeout));
         const std::optional<CAddIn> addIn = Load(request);
         if (!addIn)
             return;
@@ -187,12 +191,12 @@ void Serve(TRequest& request) {
             Make(*addIn, call);
         const std::string bytes = ReadBack(request);
         TidyLinks(request, bytes);
-        Tell(cMessageTable, bytes);
+        SendMessage(cMessageTable, bytes);
     }
-    if (started == 0 || !request.calls.back().waitForEnd)
+    if (launched == 0 || !request.calls.back().waitForEnd)
         return;
-    if (const std::optional<int> status = WaitForEnd(started))
-        Tell(cMessageEnded, std::to_string(*status));
+    if (const std::optional<int> status = WaitForEnd(launched))
+        SendMessage(cMessageEnded, std::to_string(*status));
 }
 
 int Main() {
@@ -202,19 +206,23 @@ int Main() {
     std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;
-    // Whoever ignores it loses the ends of children.
+    // The client may ignore SIGCHLD, and this process inherits that; waitpid() would find no
+    // status.
     std::signal(SIGCHLD, SIG_DFL);
-    VXC_SetLogSink([](const std::string& message, void*) { Tell(cMessageLog, message); }, nullptr);
+    VXC_SetLogSink([](const std::string& message, void*) { SendMessage(cMessageLog, message); },
+                   nullptr);
     try {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
-        BecomeTheOwner();
+        BecomeOwner();
         Serve(*request);
         return 0;
     } catch (const CError& error) {
-        Tell(cMessageError, std::to_string(static_cast<int>(error.Code())) + ' ' + error.what());
+        SendMessage(cMessageError,
+                    std::to_string(static_cast<int>(error.Code())) + ' ' + error.what());
     } catch (const std::exception& error) {
-        Tell(cMessageError, std::to_string(static_cast<int>(EError::cFailed)) + ' ' + error.what());
+        SendMessage(cMessageError,
+                    std::to_string(static_cast<int>(EError::cFailed)) + ' ' + error.what());
     }
     return 1;
 }

@@ -1,5 +1,5 @@
 // Prints the table of the working directory. It reads the file without loading the add-in, since a
-// load has effects: it moves past start times on and writes the file back.
+// load reschedules or removes tasks whose due time is past and writes the file back.
 
 #include <COpen.h>
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 struct TPrinter {
     COpen& file;
 
-    void operator()(std::string& text) const { file.ReadString(text); }
+    void operator()(std::string& string) const { file.ReadString(string); }
     void operator()(time_t& time) const { file.Read(&time, sizeof time); }
     void operator()(std::uint32_t& value) const { value = file.ReadUnsigned(); }
     void operator()(std::int32_t& flag) const {
@@ -23,10 +23,10 @@ static std::string Time(time_t time) {
     if (time == 0)
         return "never";
     tm local{};
-    char text[64] = "?";
+    char buffer[64] = "?";
     if (localtime_r(&time, &local) != nullptr)
-        std::strftime(text, sizeof text, "%F %T", &local);
-    return text;
+        std::strftime(buffer, sizeof buffer, "%F %T", &local);
+    return buffer;
 }
 
 int main() {

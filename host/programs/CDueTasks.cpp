@@ -9,9 +9,9 @@
 #include "host/CHostLog.h"
 #include "store/TableFile.h"
 
-// As a program sees a text.
-static std::string UpToZero(const std::string& text) {
-    return text.substr(0, text.find('\0'));
+// The part of a string that a program receives as an argument.
+static std::string UpToZero(const std::string& string) {
+    return string.substr(0, string.find('\0'));
 }
 
 static bool IsLaunchOf(const vxsched::TTaskEntry& task, const std::string& program,
@@ -27,9 +27,12 @@ std::optional<CDueTasks::TTask> CDueTasks::Find(const std::string& program,
         const vxsched::TTime now{std::chrono::seconds(std::time(nullptr))};
         const vxsched::TTable table = vxsched::DecodeTable(vxsched::ReadTableBytes("."), now);
         return Find(table.tasks, state, now, program, parameter);
-    } catch (
-        const std::exception& error) {  // no memory for it, for one: it is started all the same
-        LogWarning(fmt::format("cannot tell which task is started: {}", error.what()));
+    } catch (const std::exception& error) {
+        // A lack of memory, for example. The program is launched all the same.
+        LogWarning(
+            fmt::format("cannot find the task of program {} in the table: {}. The launch is "
+                        "recorded without a task.",
+                        program, error.what()));
         return std::nullopt;
     }
 }
@@ -39,12 +42,12 @@ std::optional<CDueTasks::TTask> CDueTasks::Find(const std::vector<vxsched::TTask
                                                 const std::string& program,
                                                 const std::string& parameter) {
     if (state != current.state) {
-        before = std::move(current);
-        current = {.state = state, .tasks = tasks, .started = {}};
+        previous = std::move(current);
+        current = {.state = state, .tasks = tasks, .launched = {}};
     }
     if (auto task = FindDue(current, now, program, parameter))
         return task;
-    if (auto task = FindDue(before, now, program, parameter))
+    if (auto task = FindDue(previous, now, program, parameter))
         return task;
     for (const vxsched::TTaskEntry& task : tasks) {
         if (IsLaunchOf(task, program, parameter))
@@ -53,13 +56,13 @@ std::optional<CDueTasks::TTask> CDueTasks::Find(const std::vector<vxsched::TTask
     return std::nullopt;
 }
 
-std::optional<CDueTasks::TTask> CDueTasks::FindDue(TTableSeen& table, vxsched::TTime now,
+std::optional<CDueTasks::TTask> CDueTasks::FindDue(TVersion& table, vxsched::TTime now,
                                                    const std::string& program,
                                                    const std::string& parameter) {
     for (std::size_t index = 0; index < table.tasks.size(); ++index) {
         const vxsched::TTaskEntry& task = table.tasks[index];
         if (IsLaunchOf(task, program, parameter) && !task.paused && task.next <= now &&
-            table.started.insert(index).second)
+            table.launched.insert(index).second)
             return TTask{.name = task.name, .due = task.next};
     }
     return std::nullopt;

@@ -11,43 +11,48 @@
 
 #include <vxsched/Table.h>
 
-// Tells which task a start is made for. The add-in hands on a program and a parameter only; the table
-// in the file, which a tick saves when all its starts are made, still holds the due times.
+// Finds the task that a launch is made for. The add-in passes a program and a parameter only. The
+// table's file still holds the due times during a tick, since the add-in saves it after the last
+// launch.
 //
-// Of several due tasks with the same program and parameter it is the first in the table that no
-// earlier start of the tick was for. That is the order in which a tick goes through the table, except
-// that it turns back after a task that runs once: then such twins may be taken for each other.
+// If several due tasks have the same program and parameter, the first in the table is taken for
+// which no launch of this tick was found yet. The add-in walks the table in that order, except that
+// it goes back to the beginning after a task that runs once: such duplicates may then be mistaken
+// for each other.
 //
-// A process that loads the library in the middle of a tick moves the due times on in the file, not in
-// the tick; so a task that is not due by the table is looked up in the one before as well.
+// A process that loads the library in the middle of a tick reschedules tasks in the file, but not
+// in the tick. So a task that is not due in the current table is searched for in the previous one
+// as well.
 //
 // For one thread at a time.
 class CDueTasks {
 public:
     struct TTask {
         std::string name;
-        std::optional<std::chrono::sys_seconds> due;  // none when it was not due by the table
+        std::optional<std::chrono::sys_seconds> due;  // none: the task was not due
     };
 
-    // Of the table in the working directory, read without the store mutex: the caller is a part of
-    // the tick, which holds it. None when the table holds no such task or cannot be read.
+    // Searches the table in the working directory. Reads it without the store mutex: the caller is
+    // part of the tick, which holds it. Returns nothing when the table has no such task, or cannot
+    // be read, which is logged.
     std::optional<TTask> Find(const std::string& program, const std::string& parameter);
 
-    // The same of given tasks. `state` is any value that is another one after the file was written.
+    // Searches the given tasks. `state` identifies the version of the file that they were read
+    // from.
     std::optional<TTask> Find(const std::vector<vxsched::TTaskEntry>& tasks,
                               const std::string& state, vxsched::TTime now,
                               const std::string& program, const std::string& parameter);
 
 private:
-    struct TTableSeen {
+    struct TVersion {
         std::string state;
         std::vector<vxsched::TTaskEntry> tasks;
-        std::set<std::size_t> started;  // positions in the table
+        std::set<std::size_t> launched;  // indices of tasks for which a launch was found
     };
 
-    static std::optional<TTask> FindDue(TTableSeen& table, vxsched::TTime now,
+    static std::optional<TTask> FindDue(TVersion& table, vxsched::TTime now,
                                         const std::string& program, const std::string& parameter);
 
-    TTableSeen current;
-    TTableSeen before;
+    TVersion current;
+    TVersion previous;
 };

@@ -32,7 +32,8 @@ CLaunchedPrograms& CLaunchedPrograms::Instance() {
 
 CLaunchedPrograms::CLaunchedPrograms() : wakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wakeDescriptor == -1)
-        throw std::system_error(errno, std::generic_category(), "cannot make an event descriptor");
+        throw std::system_error(errno, std::generic_category(),
+                                "cannot create an event descriptor");
 }
 
 void CLaunchedPrograms::RecordIn(CRunHistory* runHistory) {
@@ -40,23 +41,23 @@ void CLaunchedPrograms::RecordIn(CRunHistory* runHistory) {
     history = runHistory;
 }
 
-void CLaunchedPrograms::Started(const TRunRecord& run) {
+void CLaunchedPrograms::Launched(const TRunRecord& run) {
     LogInfo(fmt::format("started process {} for {}", run.process, DescriptionOf(run)));
     const std::lock_guard<std::mutex> lock(mutex);
-    ++starts;
-    programs[run.process] = {.run = run, .start = std::chrono::steady_clock::now()};
+    ++launches;
+    programs[run.process] = {.run = run, .launched = std::chrono::steady_clock::now()};
 }
 
-void CLaunchedPrograms::NotStarted(const TRunRecord& run) {
+void CLaunchedPrograms::LaunchFailed(const TRunRecord& run) {
     LogError(fmt::format("cannot start {}: {}, for {}",
                          run.program.empty() ? "an empty path" : run.program, run.error,
                          DescriptionOf(run)));
     const std::lock_guard<std::mutex> lock(mutex);
-    ++starts;
+    ++launches;
     Record(run);
 }
 
-void CLaunchedPrograms::Asked(pid_t process, pid_t result, int status, const rusage& usage) {
+void CLaunchedPrograms::WaitedFor(pid_t process, pid_t result, int status, const rusage& usage) {
     const std::lock_guard<std::mutex> lock(mutex);
     const auto found = programs.find(process);
     if (found == programs.end())
@@ -65,9 +66,9 @@ void CLaunchedPrograms::Asked(pid_t process, pid_t result, int status, const rus
         Ended(found->second, status, usage);
         programs.erase(found);
     } else {
-        found->second.asked = true;
+        found->second.wasWaitedFor = true;
     }
-    // The signal of its end may have come, and been consumed, while it still had to be left alone.
+    // Its SIGCHLD may have been read before the program could be collected.
     static_cast<void>(eventfd_write(wakeDescriptor, 1));
 }
 
@@ -78,9 +79,9 @@ void CLaunchedPrograms::CollectFinished() {
     for (auto next = programs.begin(); next != programs.end();) {
         const auto current = next++;
         TProgram& program = current->second;
-        if (!program.asked)
+        if (!program.wasWaitedFor)
             continue;
-        // Through wait4, since waitpid is this program's own and reports here.
+        // Not waitpid(): that is interposed and calls WaitedFor().
         int status = 0;
         rusage usage{};
         const pid_t result = wait4(current->first, &status, WNOHANG, &usage);
@@ -89,7 +90,7 @@ void CLaunchedPrograms::CollectFinished() {
         if (result == current->first) {
             Ended(program, status, usage);
         } else {
-            LogWarning(fmt::format("process {} is gone, how it ended is not known, {}",
+            LogWarning(fmt::format("process {} ended, but something else collected its status, {}",
                                    current->first, DescriptionOf(program.run)));
             program.run.outcome = TRunRecord::cUnknown;
             program.run.ended = Now();
@@ -99,7 +100,7 @@ void CLaunchedPrograms::CollectFinished() {
     }
 }
 
-void CLaunchedPrograms::Leave() {
+void CLaunchedPrograms::LeaveRunning() {
     const std::lock_guard<std::mutex> lock(mutex);
     for (auto& [process, program] : programs) {
         LogNotice(
@@ -108,7 +109,7 @@ void CLaunchedPrograms::Leave() {
         Record(program.run);
     }
     if (!programs.empty())
-        LogNotice(fmt::format("leaving {} started program(s) running", programs.size()));
+        LogNotice(fmt::format("leaving {} launched program(s) running", programs.size()));
     programs.clear();
 }
 
@@ -119,11 +120,12 @@ std::size_t CLaunchedPrograms::Count() {
 
 std::size_t CLaunchedPrograms::CountLaunches() {
     const std::lock_guard<std::mutex> lock(mutex);
-    return starts;
+    return launches;
 }
 
+// The caller holds the mutex.
 void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.start;
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.launched;
     TRunRecord& run = program.run;
     run.ended = Now();
     run.outcome = WIFSIGNALED(status) ? TRunRecord::cKilled : TRunRecord::cExited;
@@ -136,17 +138,18 @@ void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage
                                 ? fmt::format("was killed by signal {} ({})", run.number,
                                               signal != nullptr ? signal : "real-time")
                                 : fmt::format("exited with status {}", run.number);
-    const std::string text = fmt::format(
+    const std::string message = fmt::format(
         "process {} {} after {:.1f} s (user {:.3f} s, system {:.3f} s, peak memory {} KiB), {}",
         run.process, how, time.count(), Seconds(run.usage.user), Seconds(run.usage.system),
         run.usage.peakMemory, DescriptionOf(run));
     if (run.outcome == TRunRecord::cExited && run.number == 0)
-        LogInfo(text);
+        LogInfo(message);
     else
-        LogWarning(text);
+        LogWarning(message);
     Record(run);
 }
 
+// The caller holds the mutex.
 void CLaunchedPrograms::Record(const TRunRecord& run) {
     if (history != nullptr)
         history->Add(run);

@@ -11,56 +11,57 @@
 #include "runs/CRunHistory.h"
 #include "runs/RunRecord.h"
 
-// The programs that this process has started and not yet seen end. Every end is logged and recorded
-// once, with how the program ended, how long it ran and what it used. Any thread may call any of
-// these.
+// The programs that this process has launched and not yet collected. Every end is logged and
+// recorded once, with how the program ended, how long it ran and what it used. Any thread may call
+// any function; none waits for a program.
 class CLaunchedPrograms {
 public:
     // The one of this process.
     static CLaunchedPrograms& Instance();
 
+    // Throws std::system_error when the system has no event descriptor.
     CLaunchedPrograms();
 
-    // Records go to `runHistory` from now on, null: nowhere. The caller keeps it alive.
+    // Records go to `runHistory` from now on; null: nowhere. The caller keeps it alive.
     void RecordIn(CRunHistory* runHistory);
 
-    // A program was started, as run.process. Until Asked() it is left alone: whoever started it still
-    // asks for it with waitpid, and gets its answer.
-    void Started(const TRunRecord& run);
+    // A program was launched, as run.process. It is not collected before WaitedFor(): the add-in is
+    // about to call waitpid() for it, and must get the answer.
+    void Launched(const TRunRecord& run);
 
-    // A program could not be started, for run.error.
-    void NotStarted(const TRunRecord& run);
+    // A program could not be launched, because of run.error.
+    void LaunchFailed(const TRunRecord& run);
 
-    // waitpid was called for `process` by whoever started it, with `result`, `status` and `usage`.
-    // From now on the program is collected by CollectFinished().
-    void Asked(pid_t process, pid_t result, int status, const rusage& usage);
+    // The add-in called waitpid() for `process`, with this result, status and usage. From now on
+    // CollectFinished() may collect the program.
+    void WaitedFor(pid_t process, pid_t result, int status, const rusage& usage);
 
-    // Collects, by its process id, every program that has ended since. Never waits.
+    // Collects, each by its process id, all programs that have ended.
     void CollectFinished();
 
-    // Logs and records that the programs that still run are left alone.
-    void Leave();
+    // Logs and records each program that still runs as left running, and forgets it.
+    void LeaveRunning();
 
-    // Readable when CollectFinished() has something new to look at besides what SIGCHLD tells.
+    // Readable when CollectFinished() should be called although no SIGCHLD came.
     int WakeDescriptor() const { return wakeDescriptor; }
 
-    std::size_t Count();          // of those that run
-    std::size_t CountLaunches();  // of all that were ever tried
+    std::size_t Count();          // running programs
+    std::size_t CountLaunches();  // launches so far, failed ones included
 
 private:
     struct TProgram {
         TRunRecord run;
-        std::chrono::steady_clock::time_point start;
-        bool asked = false;
+        std::chrono::steady_clock::time_point launched;
+        bool wasWaitedFor = false;
     };
     using TPrograms = std::map<pid_t, TProgram>;
 
     void Ended(TProgram& program, int status, const rusage& usage);
     void Record(const TRunRecord& run);
 
-    std::mutex mutex;
+    std::mutex mutex;  // guards all below but wakeDescriptor
     TPrograms programs;
-    std::size_t starts = 0;
+    std::size_t launches = 0;
     CRunHistory* history = nullptr;
     int wakeDescriptor;
 };

@@ -18,9 +18,9 @@
 
 static constexpr char cInherit[] = "inherit";
 static constexpr char cJournal[] = "journal";
-// Of a task whose name could not be told; no task's name becomes this.
+// For a launch whose task is unknown. FileNameOf() returns this for no task.
 static constexpr char cUnknown[] = "%unknown";
-// With ".log.1" behind it, less than what a file system takes.
+// Together with ".log.1" and a checksum, less than the 255 bytes of a file name.
 static constexpr std::size_t cLongestName = 200;
 
 static CDescriptor OpenJournal(const std::string& identifier) {
@@ -29,13 +29,13 @@ static CDescriptor OpenJournal(const std::string& identifier) {
         openStream == nullptr ? -ENOSYS : openStream(identifier.c_str(), LOG_INFO, 1);
     if (descriptor < 0)
         LogWarning(
-            fmt::format("cannot reach the journal: {}; the program writes where the host "
+            fmt::format("cannot connect to the journal: {}. The program writes where the host "
                         "does. Choose another --output.",
                         std::strerror(-descriptor)));
     return CDescriptor(descriptor);
 }
 
-static bool MayStand(char character, bool isFirst) {
+static bool IsPlain(char character, bool isFirst) {
     return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
            (character >= '0' && character <= '9') || character == '-' || character == '_' ||
            (character == '.' && !isFirst);
@@ -46,7 +46,7 @@ std::string FileNameOf(const std::string& task) {
         return "%";
     std::string name;
     for (const char character : task) {
-        if (MayStand(character, name.empty()))
+        if (IsPlain(character, name.empty()))
             name += character;
         else
             name += fmt::format("%{:02X}", static_cast<unsigned char>(character));
@@ -58,16 +58,17 @@ std::string FileNameOf(const std::string& task) {
 
 CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostBytes)
     : where(wanted), limit(mostBytes) {
+    // Warns at startup already if there is no journal.
     if (where == cJournal)
         static_cast<void>(OpenJournal("vxschedd"));
     if (where == cInherit || where == cJournal)
         return;
     if (mkdir(where.c_str(), 0750) == -1 && errno != EEXIST)
-        throw CHostError(cNoDirectory, fmt::format("cannot create {}: {}. Name another directory "
+        throw CHostError(cNoDirectory, fmt::format("cannot create {}: {}. Choose another directory "
                                                    "with --output.",
                                                    where, std::strerror(errno)));
     if (faccessat(AT_FDCWD, (where + "/.").c_str(), W_OK | X_OK, AT_EACCESS) == -1)
-        throw CHostError(cNoDirectory, fmt::format("cannot write files in {}: {}. Name another "
+        throw CHostError(cNoDirectory, fmt::format("cannot create files in {}: {}. Choose another "
                                                    "directory with --output.",
                                                    where, std::strerror(errno)));
 }
@@ -82,12 +83,12 @@ CDescriptor CProgramOutput::Open(const std::optional<std::string>& task) const {
 CDescriptor CProgramOutput::OpenFile(const std::string& name) const {
     const std::string path = fmt::format("{}/{}.log", where, name);
     if (!RotateBeyond(path, limit))
-        LogWarning(fmt::format("cannot move {} away: {}; it grows beyond its size", path,
+        LogWarning(fmt::format("cannot rename {} to .1: {}. It grows beyond --output-size.", path,
                                std::strerror(errno)));
-    std::string whyNot;
-    CDescriptor file = OpenToAppend(path, 0, 0640, EAppendable::cFileOrDevice, whyNot);
+    std::string error;
+    CDescriptor file = OpenToAppend(path, 0, 0640, EAppendable::cFileOrDevice, error);
     if (!file.IsOpen())
-        LogWarning(fmt::format("cannot open {}: {}; the program writes where the host does", path,
-                               whyNot));
+        LogWarning(fmt::format("cannot open {}: {}. The program writes where the host does.", path,
+                               error));
     return file;
 }

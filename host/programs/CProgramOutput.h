@@ -7,17 +7,20 @@
 
 #include "base/CDescriptor.h"
 
-// Where started programs write their standard output and error.
+// Where launched programs write their standard output and error.
 class CProgramOutput {
 public:
-    // `where` is "inherit" (where the host's own go), "journal", or a directory, which is made if need
-    // be: each task has a file of its own there, moved to .1 when a start finds it beyond `limit`
-    // bytes. Throws CHostError (cNoDirectory) when the directory cannot be had. Without a journal the
-    // log is warned, and programs inherit.
+    // `where` is "inherit" (where the host's own go), "journal", or a directory with a file for
+    // each task. The directory is created if it is missing; a file is moved to .1 when a launch
+    // finds it larger than `limit` bytes. Throws CHostError (cNoDirectory) when the directory
+    // cannot be created or written to. If there is no journal, the log is warned, and programs
+    // inherit.
     CProgramOutput(const std::string& where, std::uint64_t limit);
 
-    // A descriptor for one start of a task, none when it inherits. What cannot be opened is logged,
-    // and the program inherits. Any thread may call it.
+    // Opens the output of one launch of a task; `task` is empty when the task is unknown. Returns a
+    // closed descriptor when the program is to inherit, also for a file or stream that cannot be
+    // opened, which is logged: a launch never fails for its output. Does not block on a pipe. Any
+    // thread may call it.
     CDescriptor Open(const std::optional<std::string>& task) const;
 
 private:
@@ -27,7 +30,7 @@ private:
     const std::uint64_t limit;
 };
 
-// A file name for any task's name, another for each: what is not a letter, a digit, '-', '_' or an
-// inner '.' is percent-encoded, and a long name is cut and ends with a check sum. The empty name is
-// "%".
+// Returns a file name for a task, different for each task. Characters other than letters, digits,
+// '-', '_' and inner '.' are percent-encoded; a long name is cut and ends with a checksum. The
+// empty name becomes "%".
 std::string FileNameOf(const std::string& task);

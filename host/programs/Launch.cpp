@@ -1,6 +1,6 @@
-// A launched program gets what a child should have, whatever the host's threads have blocked and the
-// host has open, and the host learns of every launch and every end. Both handlers then do exactly what
-// the system's functions do.
+// Handles the add-in's calls of posix_spawn() and waitpid(). A launched program gets a clean signal
+// mask, clean dispositions and no descriptor of the host; every launch and every end is logged and
+// recorded. To the add-in both handlers behave like libc's functions.
 
 #include "host/programs/Launch.h"
 
@@ -25,11 +25,12 @@ namespace {
 
 const CProgramOutput* gOutput = nullptr;
 
-// Nothing to read at standard input, `output` (-1: the host's own) as standard output and error, and
-// nothing open beyond. The new process leaves `mark`, if there is one.
-void FillActions(CSpawnActions& actions, int output, const std::optional<std::string>& mark) {
-    if (mark)
-        actions.Open(STDIN_FILENO, *mark, O_WRONLY | O_CREAT, 0600);
+// Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
+// and error, and no other descriptor. Before that, the new process creates the launch record at
+// `recordPath`, if there is one.
+void FillActions(CSpawnActions& actions, int output, const std::optional<std::string>& recordPath) {
+    if (recordPath)
+        actions.Open(STDIN_FILENO, *recordPath, O_WRONLY | O_CREAT, 0600);
     actions.Open(STDIN_FILENO, "/dev/null", O_RDONLY);
     if (output != -1) {
         actions.Duplicate(output, STDOUT_FILENO);
@@ -38,9 +39,9 @@ void FillActions(CSpawnActions& actions, int output, const std::optional<std::st
     actions.CloseFrom(STDERR_FILENO + 1);
 }
 
-// What is known of a start before it is made.
+// What is known of a launch before it is made. Runs on the worker alone.
 TRunRecord Describe(const char* path, char* const arguments[]) {
-    static CDueTasks tasks;  // starts are made by the worker alone
+    static CDueTasks tasks;
     TRunRecord run;
     run.program = path;
     run.parameter = arguments[0] != nullptr && arguments[1] != nullptr ? arguments[1] : "";
@@ -54,6 +55,9 @@ TRunRecord Describe(const char* path, char* const arguments[]) {
 
 }  // namespace
 
+// Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
+// from libc's function in what the program inherits where the add-in passes no attributes and no
+// actions. Returns 0 or an error number, as libc's does; errno is not defined.
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const arguments[],
                  char* const environment[]) {
@@ -61,60 +65,62 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     CSpawnAttributes cleanAttributes;
     cleanAttributes.ResetSignals();
-    const auto start = [&](const std::optional<std::string>& mark) {
+    const auto spawn = [&](const std::optional<std::string>& createdPath) {
         CSpawnActions cleanActions;
-        FillActions(cleanActions, output.Get(), mark);
+        FillActions(cleanActions, output.Get(), createdPath);
         return NextLaunchHandlers().spawn(
             process, path, actions != nullptr ? actions : cleanActions.Get(),
             attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, environment);
     };
-    std::optional<std::string> mark;
+    std::optional<std::string> recordPath;
     if (run.task && run.due)
-        mark = LaunchRecordPath(*run.task, *run.due);
-    const auto lacksRecord = [&] { return mark && access(mark->c_str(), F_OK) != 0; };
-    int result = start(mark);
+        recordPath = LaunchRecordPath(*run.task, *run.due);
+    const auto lacksRecord = [&] { return recordPath && access(recordPath->c_str(), F_OK) != 0; };
+    int result = spawn(recordPath);
     if (result != 0 && lacksRecord() && MakeLaunchRecordDirectory())
-        result = start(mark);
-    // Rather a start without a mark than none, on a disk without room for one.
+        result = spawn(recordPath);
+    // On a full disk the program is launched without a record rather than not at all.
     if (result != 0 && lacksRecord()) {
         LogWarning(
-            fmt::format("cannot make {}: {}. Killed before the table shows this start, a host "
-                        "makes it again.",
-                        *mark, std::strerror(result)));
-        result = start(std::nullopt);
+            fmt::format("cannot create the launch record {}: {}. If the host is killed before it "
+                        "saves the table, the next host launches the program a second time.",
+                        *recordPath, std::strerror(result)));
+        result = spawn(std::nullopt);
     }
     if (result == 0) {
         run.process = *process;
         if (run.task && run.due)
             RememberLaunch({.task = LaunchRecordName(*run.task),
                             .due = *run.due,
-                            .started = std::chrono::floor<std::chrono::seconds>(*run.started)});
-        CLaunchedPrograms::Instance().Started(run);
+                            .launched = std::chrono::floor<std::chrono::seconds>(*run.started)});
+        CLaunchedPrograms::Instance().Launched(run);
     } else {
-        // It may have come as far as its mark.
-        if (mark)
-            unlink(mark->c_str());
+        // The new process may have created the record before it failed.
+        if (recordPath)
+            unlink(recordPath->c_str());
         run.outcome = TRunRecord::cNotStarted;
         run.ended = run.started;
         run.error = std::strerror(result);
-        CLaunchedPrograms::Instance().NotStarted(run);
+        CLaunchedPrograms::Instance().LaunchFailed(run);
     }
     return result;
 }
 
+// Called by the add-in in place of waitpid(), on the worker, once after each launch. Results and
+// errno are those of libc's function.
 static pid_t Wait(pid_t process, int* status, int options) {
-    int known = 0;
+    int endStatus = 0;
     rusage usage{};
-    const pid_t result = wait4(process, &known, options, &usage);
+    const pid_t result = wait4(process, &endStatus, options, &usage);
     const int error = errno;
     if (result > 0 && status != nullptr)
-        *status = known;
-    CLaunchedPrograms::Instance().Asked(process, result, known, usage);
+        *status = endStatus;
+    CLaunchedPrograms::Instance().WaitedFor(process, result, endStatus, usage);
     errno = error;
     return result;
 }
 
-void TakeLaunches(const CProgramOutput* output) {
+void HandleLaunches(const CProgramOutput* output) {
     gOutput = output;
     SetLaunchHandlers({.spawn = Spawn, .wait = Wait});
 }

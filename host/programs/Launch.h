@@ -2,6 +2,8 @@
 
 class CProgramOutput;
 
-// From now on the host launches what the add-in wants launched, and programs write where `output` says;
-// null: where the host does. The caller keeps it alive. To be called while no program can be launched.
-void TakeLaunches(const CProgramOutput* output);
+// Takes over the launches of the add-in (interpose/Launch.h): from now on its calls of
+// posix_spawn() and waitpid() are handled here, and programs write where `output` decides; null:
+// where the host does. The caller keeps `output` alive. To be called while no program can be
+// launched, since there is no lock.
+void HandleLaunches(const CProgramOutput* output);

@@ -15,18 +15,18 @@
 namespace {
 
 constexpr char cFile[] = "files/started/alive";
-constexpr std::chrono::seconds cBetweenTicks(60);
+constexpr std::chrono::seconds cTickInterval(60);
 
-// In a file of which no host has had its uptime: it begins after its end.
+// `since` of a file in which no host has begun its uptime; it is after every `last`.
 constexpr std::int64_t cNoUptime = std::numeric_limits<std::int64_t>::max();
 
-// What the file holds, in seconds since 1970.
+// The content of the file, in seconds since 1970, in the byte order of the machine.
 struct TContent {
     std::int64_t last = 0;
     std::int64_t since = cNoUptime;
 };
 
-std::atomic<int> gFile{-1};  // as long as heartbeats are written
+std::atomic<int> gFile{-1};  // -1: no heartbeats are written
 std::atomic<std::int64_t> gSince{0};
 std::atomic<std::int64_t> gLast{0};
 
@@ -39,14 +39,14 @@ bool Write(int descriptor, const TContent& content) {
 CHeartbeat::CHeartbeat() : file(open(cFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     TContent content;
     if (pread(file.Get(), &content, sizeof content, 0) == sizeof content)
-        former =
+        previous =
             TUptime{.since = vxsched::TTime(std::chrono::seconds(content.since)),
-                    .until = vxsched::TTime(std::chrono::seconds(content.last) + cBetweenTicks)};
-    // A full disk is reported here; from then on each heartbeat takes the same room again.
-    if (!file.IsOpen() || !Write(file.Get(), former ? content : TContent()))
+                    .until = vxsched::TTime(std::chrono::seconds(content.last) + cTickInterval)};
+    // A full disk is reported here. Later heartbeats overwrite the same bytes and need no room.
+    if (!file.IsOpen() || !Write(file.Get(), previous ? content : TContent()))
         LogWarning(
-            fmt::format("cannot write to {}: {}. After a kill, tasks that were due just before "
-                        "will count as missed.",
+            fmt::format("cannot write to {}: {}. If this host is killed, tasks that were due just "
+                        "before count as missed.",
                         cFile, std::strerror(errno)));
 }
 
@@ -63,7 +63,7 @@ void CHeartbeat::Begin(vxsched::TTime since) {
 void CHeartbeat::Stop() {
     const std::int64_t now = std::time(nullptr);
     gFile = -1;
-    static_cast<void>(Write(file.Get(), {.last = now - cBetweenTicks.count(), .since = gSince}));
+    static_cast<void>(Write(file.Get(), {.last = now - cTickInterval.count(), .since = gSince}));
 }
 
 void CHeartbeat::Beat(time_t now) {

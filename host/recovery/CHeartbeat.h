@@ -6,34 +6,38 @@
 #include "base/CDescriptor.h"
 #include "host/recovery/Uptime.h"
 
-// The heartbeat of a host, in files/started/alive: every call of time(), which each tick makes, leaves the time there.
-// After a kill it says until when the host was up. It is written, not mapped: a file that is cut short, or a disk that
-// is full, would end the host otherwise. In the directory of the table it would wake the table's guard each time.
+// The heartbeat of a host, in files/started/alive: each call of time(), which every tick makes,
+// writes the time there. After a kill the file shows until when the host was up.
 //
-// One at a time. Made, begun and stopped by the main thread.
+// The file is written, not mapped: with a mapping, a truncated file or a full disk would kill the
+// host. It is not in the directory of the table, where each heartbeat would wake the table guard.
+//
+// One at a time. Constructed, begun and stopped by the main thread.
 class CHeartbeat {
 public:
-    // Of the working directory. Without the file, which is logged, there is no heartbeat.
+    // Opens the file in the working directory, whose files/started must exist. If that fails, which
+    // is logged, there is no heartbeat.
     CHeartbeat();
     ~CHeartbeat();
     CHeartbeat(const CHeartbeat&) = delete;
     CHeartbeat& operator=(const CHeartbeat&) = delete;
 
-    // The uptime of the host before this one, if there was one: up to a tick's distance after its last heartbeat when it
-    // was killed, and to its end when it was stopped.
-    const std::optional<TUptime>& FormerUptime() const { return former; }
+    // The uptime of the previous host, if there was one. For a killed host it ends one tick
+    // interval after its last heartbeat, for a stopped one when it stopped.
+    const std::optional<TUptime>& PreviousUptime() const { return previous; }
 
-    // From now on Beat() writes; the uptime is said to have begun at `since`.
+    // From now on Beat() writes. `since` becomes the beginning of the uptime.
     void Begin(vxsched::TTime since);
 
-    // The host stops cleanly: nothing that comes due from now on was its task.
+    // Ends the uptime now: the host stops cleanly, and what comes due later is not its job.
     void Stop();
 
-    // Writes a heartbeat, once a second at most. For any thread; does nothing unless there is a heartbeat that was
-    // begun. Failures are ignored: the file has its room from the constructor on.
+    // Writes a heartbeat, at most once a second. Any thread may call it; it does nothing before
+    // Begin() and after Stop(). Failures are ignored: the constructor has allocated the file's
+    // block.
     static void Beat(time_t now);
 
 private:
-    std::optional<TUptime> former;
+    std::optional<TUptime> previous;
     CDescriptor file;
 };

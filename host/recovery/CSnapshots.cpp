@@ -34,7 +34,7 @@ static void Write(const fs::path& path, const std::string& bytes) {
         done += count > 0 ? static_cast<std::size_t>(count) : 0;
     }
     if (fsync(file.Get()) == -1)
-        throw Failure("bring to the disk", path);
+        throw Failure("sync", path);
 }
 
 CSnapshots::CSnapshots(std::size_t most) : limit(most) {}
@@ -43,24 +43,25 @@ fs::path CSnapshots::Directory() {
     return "files/snapshots";
 }
 
-// A host that is started again and again would push the older ones out with the same table. The copy
-// is as young as that table, which counts beside the copy from before the last change.
-static bool IsYoungest(const std::string& bytes) {
-    const std::vector<vxsched::TTimestampedFile> kept =
+// Whether the youngest snapshot holds `bytes`; its modification time is then set to now, since
+// FindBackup() compares it with that of the backup that clients make. Without this check, a host
+// that is restarted over and over would replace all older snapshots with the same table.
+static bool RefreshIfYoungest(const std::string& bytes) {
+    const std::vector<vxsched::TTimestampedFile> snapshots =
         vxsched::FindTimestamped(CSnapshots::Directory(), cBeginning);
     try {
-        if (kept.empty() || vxsched::ReadBytes(kept.back().path) != bytes)
+        if (snapshots.empty() || vxsched::ReadBytes(snapshots.back().path) != bytes)
             return false;
     } catch (const vxsched::CError&) {
         return false;
     }
-    return utimensat(AT_FDCWD, kept.back().path.c_str(), nullptr, 0) == 0;
+    return utimensat(AT_FDCWD, snapshots.back().path.c_str(), nullptr, 0) == 0;
 }
 
 void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
     if (limit == 0 || bytes == last || (last && *bytes == *last))
         return;
-    if (!last && IsYoungest(*bytes)) {
+    if (!last && RefreshIfYoungest(*bytes)) {
         last = bytes;
         return;
     }
@@ -78,10 +79,10 @@ void CSnapshots::Keep(const std::shared_ptr<const std::string>& bytes) {
         throw;
     }
     if (rename(temporary.c_str(), path.c_str()) == -1)
-        throw Failure("name", path);
+        throw Failure("create", path);
     const CDescriptor directory(open(Directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.IsOpen() || fsync(directory.Get()) == -1)
-        throw Failure("bring to the disk", Directory());
+        throw Failure("sync", Directory());
     last = bytes;
     vxsched::RemoveOldest(Directory(), cBeginning, limit);
 }

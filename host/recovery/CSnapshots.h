@@ -5,16 +5,16 @@
 #include <memory>
 #include <string>
 
-// The last good tables, in files/snapshots/: a bounded ring of files, each made in one step and
-// brought to the disk (temporary file, fsync, rename, fsync of the folder). Their names are in the
-// order of their making, see client/KeptFiles.h. For one thread.
+// Snapshots of valid tables, in files/snapshots/: at most a given number of files, each written in
+// one step and synced (temporary file, fsync, rename, fsync of the directory). Their names increase
+// in the order of creation, see store/TimestampedFiles.h. For one thread.
 class CSnapshots {
 public:
-    // Of the working directory; keeps at most `most`, 0 none.
+    // Of the working directory. Keeps at most `most` files; 0 disables snapshots.
     explicit CSnapshots(std::size_t most);
 
-    // Keeps `bytes`, which are shared with the caller, unless they are the last that were kept, by
-    // whichever host. Throws std::system_error.
+    // Writes a snapshot of `bytes`, unless the latest snapshot, also one of an earlier host, holds
+    // the same. Shares `bytes` with the caller. Throws std::system_error.
     void Keep(const std::shared_ptr<const std::string>& bytes);
 
     static std::filesystem::path Directory();

@@ -31,15 +31,16 @@ using vxsched::TTaskEntry;
 namespace {
 
 constexpr char cTable[] = "scheduler.dat";
-constexpr std::chrono::milliseconds cPatience(200);  // for the mutex; a tick may hold it for long
-constexpr int cAgain = 100;                          // milliseconds until the next try
-constexpr int cWithoutLimit = -1;
+// Short, since a tick may hold the store mutex for minutes, and End() waits for a check.
+constexpr std::chrono::milliseconds cLockTimeout(200);
+constexpr int cRetryInterval = 100;  // milliseconds
+constexpr int cNoTimeout = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
     return vxsched::DecodeIntactTable(bytes, vxsched::Now());
 }
 
-void Tell(const std::vector<std::string>& notes) {
+void LogErrors(const std::vector<std::string>& notes) {
     for (const std::string& note : notes)
         LogError(note);
 }
@@ -47,22 +48,22 @@ void Tell(const std::vector<std::string>& notes) {
 }  // namespace
 
 CTableGuard::CTableGuard(std::size_t snapshotCount)
-    : calls(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
+    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
     if (!Watch() && errno != 0)
-        LogWarning(
-            fmt::format("cannot watch the folder \"files\": {}. It is looked at each second.",
-                        std::strerror(errno)));
-    Look();
+        LogWarning(fmt::format(
+            "cannot watch the directory \"files\": {}. The table is checked every second instead.",
+            std::strerror(errno)));
+    Check();
 }
 
 void CTableGuard::Begin() {
-    besideTheWorker = true;
+    isWorkerRunning = true;
     try {
         thread = std::thread([this] { Run(); });
     } catch (const std::system_error& error) {
         LogWarning(
-            fmt::format("cannot look after the table: {}. Look at the limits of threads and "
-                        "memory.",
+            fmt::format("cannot guard the table: {}. Raise the limits on threads and memory "
+                        "(ulimit -u, -v), and restart vxschedd.",
                         error.what()));
     }
 }
@@ -72,23 +73,24 @@ CTableGuard::~CTableGuard() {
 }
 
 void CTableGuard::End() {
-    stopping = true;
-    eventfd_write(calls.Get(), 1);
+    isStopping = true;
+    eventfd_write(wakeups.Get(), 1);
     if (thread.joinable())
         thread.join();
 }
 
 void CTableGuard::TasksDeleted() {
-    deleted = true;
-    eventfd_write(calls.Get(), 1);
+    wereTasksDeleted = true;
+    eventfd_write(wakeups.Get(), 1);
 }
 
-// The folder is another one after it was moved or removed, and made again.
+// Watches the directory "files", also again after it was renamed or removed and another was
+// created. False, with errno 0 for a link, when changes have to be polled for.
 bool CTableGuard::Watch() {
     errno = 0;
     changes = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     std::error_code ignored;
-    // What a link leads to changes elsewhere.
+    // If the table is a link, its target changes in another directory.
     isWatching =
         changes.IsOpen() &&
         inotify_add_watch(changes.Get(), "files",
@@ -99,127 +101,129 @@ bool CTableGuard::Watch() {
 
 void CTableGuard::Run() {
     MarkHostThread();
-    // What the first look could not see is looked at again.
-    bool again = !lastGood;
-    while (!stopping) {
+    // The constructor's check may have failed.
+    bool retry = !lastValid;
+    while (!isStopping) {
         pollfd sources[] = {{.fd = changes.Get(), .events = POLLIN, .revents = 0},
-                            {.fd = calls.Get(), .events = POLLIN, .revents = 0}};
-        // Before another try what is still to be read would end the wait at once.
-        if (again)
+                            {.fd = wakeups.Get(), .events = POLLIN, .revents = 0}};
+        // Before a retry, unread events would end the wait at once.
+        if (retry)
             sources[0].fd = -1;
-        if (poll(sources, std::size(sources), again ? cAgain : Rest()) == -1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(cAgain));
-        if (stopping)
+        if (poll(sources, std::size(sources), retry ? cRetryInterval : PollTimeout()) == -1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(cRetryInterval));
+        if (isStopping)
             return;
-        const bool looks = again || HasChange();
-        again = looks && !Look();
-        // What a look needed, some hundred bytes a task, is not needed until the next one.
-        if (looks && !again)
+        const bool mustCheck = retry || HasChange();
+        retry = mustCheck && !Check();
+        // A check takes a few hundred bytes per task, which are not needed until the next one.
+        if (mustCheck && !retry)
             malloc_trim(0);
     }
 }
 
-// Milliseconds until the next look of its own accord.
-int CTableGuard::Rest() const {
+// Milliseconds until the next check if no event comes.
+int CTableGuard::PollTimeout() const {
     constexpr int cSecond = 1000;
-    return isWatching && calls.IsOpen() ? cWithoutLimit : cSecond;
+    return isWatching && wakeups.IsOpen() ? cNoTimeout : cSecond;
 }
 
 bool CTableGuard::HasChange() {
     eventfd_t ignored = 0;
-    if (eventfd_read(calls.Get(), &ignored) == 0 || deleted)
+    if (eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted)
         return true;
-    // Other files of the folder are written as well.
     if (isWatching)
-        return TakeEvents();
-    saves.replacedWhole = true;  // of what went before a watch nothing is known
+        return ReadEvents();
+    saves.replacedAll = true;  // saves before the watch were not counted
     Watch();
-    return vxsched::TableState(".") != lastSeen;
+    return vxsched::TableState(".") != lastState;
 }
 
-// Counts the saves that the events tell of; true when there is something to look at. The system leaves
-// out an event that is like the one before it, so several closes in a row may be one: what is written
-// in between keeps those of saves apart. A load of the add-in opens the table for writing as well, and
-// writes nothing.
-bool CTableGuard::TakeEvents() {
-    bool isTouched = false;
+// Reads all pending events and counts the saves among them. True when the table must be checked;
+// other files of the directory change as well. inotify drops an event that equals the one before
+// it, so consecutive closes may be reported as one. The write in between separates those of saves;
+// a load of the add-in opens the table for writing and writes nothing.
+bool CTableGuard::ReadEvents() {
+    bool mustCheck = false;
     alignas(inotify_event) std::array<char, 4096> block{};
     for (ssize_t count = 0; (count = read(changes.Get(), block.data(), block.size())) > 0;) {
         for (const char* place = block.data(); place < block.data() + count;) {
             const auto* const event = reinterpret_cast<const inotify_event*>(place);
             place += sizeof *event + event->len;
-            isTouched |= TakeEvent(event->mask, event->cookie, event->len > 0 ? event->name : "");
+            mustCheck |= HandleEvent(event->mask, event->cookie, event->len > 0 ? event->name : "");
         }
     }
-    return isTouched;
+    return mustCheck;
 }
 
-bool CTableGuard::TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name) {
-    // Where saves went by uncounted, nothing can be said of what is gone.
-    if ((what & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
-        saves.replacedWhole = true;
-    if ((what & (IN_IGNORED | IN_MOVE_SELF)) != 0)
+bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name) {
+    // Some saves were not counted, so any task may have been removed on purpose.
+    if ((mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
+        saves.replacedAll = true;
+    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0)
         isWatching = false;
-    if ((what & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
-        moveOfASave = move;
+    if ((mask & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
+        saveCookie = cookie;
     if (name != cTable)
-        return saves.replacedWhole;
-    if ((what & IN_MODIFY) != 0) {
-        isWritten = true;
-    } else if ((what & IN_CLOSE_WRITE) != 0) {
-        saves.count += isWritten ? 1 : 0;
-        isWritten = false;
-    } else if ((what & IN_MOVED_TO) != 0) {
-        if (move == moveOfASave)
+        return saves.replacedAll;
+    if ((mask & IN_MODIFY) != 0) {
+        isModified = true;
+    } else if ((mask & IN_CLOSE_WRITE) != 0) {
+        saves.count += isModified ? 1 : 0;
+        isModified = false;
+    } else if ((mask & IN_MOVED_TO) != 0) {
+        if (cookie == saveCookie)
             ++saves.count;
         else
-            saves.replacedWhole = true;
+            saves.replacedAll = true;
     }
-    return (what & IN_MODIFY) == 0;
+    return (mask & IN_MODIFY) == 0;
 }
 
-// False when it is to be tried again.
-bool CTableGuard::Look() {
+// False when the check must be repeated.
+bool CTableGuard::Check() {
     try {
-        const vxsched::CStoreMutexLock lock(cPatience);
-        // A client that loaded the library at a bad moment may have let this one in beside a tick,
-        // whose starts the table does not show yet.
-        if (besideTheWorker && CEvent::UseOf(cStopEventName).waiters == 0)
+        const vxsched::CStoreMutexLock lock(cLockTimeout);
+        // A client's load sets the mutex free, so this lock may have been obtained during a tick,
+        // whose launches the table does not show yet. Between ticks the worker waits for the stop
+        // event.
+        if (isWorkerRunning && CEvent::UseOf(cStopEventName).waiters == 0)
             return false;
-        TakeEvents();
+        ReadEvents();
         if (!isWatching)
-            saves.replacedWhole = true;
-        // Without the folder there is no table, which is not to be taken for an empty one.
+            saves.replacedAll = true;
+        // A missing directory is not an empty table.
         if (access("files", F_OK) == -1)
             return true;
-        lastSeen = vxsched::TableState(".");
-        const bool isSettled = LookAt(vxsched::ReadTableBytes("."));
-        trouble.clear();
-        return isSettled;
+        lastState = vxsched::TableState(".");
+        const bool isDone = Examine(vxsched::ReadTableBytes("."));
+        lastError.clear();
+        return isDone;
     } catch (const vxsched::CError& error) {
-        if (error.Code() != vxsched::EError::cBusy && trouble != error.what()) {
-            trouble = error.what();
-            LogError(fmt::format("cannot look after the table: {}; trying on", trouble));
+        if (error.Code() != vxsched::EError::cBusy && lastError != error.what()) {
+            lastError = error.what();
+            LogError(
+                fmt::format("cannot check the table: {}. Retrying until it succeeds.", lastError));
         }
         return false;
     } catch (const std::exception&) {
-        return false;  // out of memory, which may pass
+        return false;  // out of memory; may succeed later
     }
 }
 
-// False when something was restored: what others did meanwhile is seen by another look.
-bool CTableGuard::LookAt(const std::string& bytes) {
+// Keeps a valid table, restores any other. False after a restore: another check is needed for what
+// others have changed meanwhile. The caller holds the store mutex.
+bool CTableGuard::Examine(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
         tasks = TasksOf(bytes);
     } catch (const vxsched::CError& error) {
-        const std::optional<vxsched::TBackup> source =
-            lastGood ? vxsched::TBackup{"the last good table", TasksOf(*lastGood)}
-                     : vxsched::FindBackup(".");
+        const std::optional<vxsched::TBackup> backup =
+            lastValid ? vxsched::TBackup{"the last valid table", TasksOf(*lastValid)}
+                      : vxsched::FindBackup(".");
         const vxsched::TRepair repair =
-            vxsched::PlanRepair(bytes, source ? &*source : nullptr, vxsched::Now());
-        if (bytes != damaged)
-            Tell(repair.notes);
+            vxsched::PlanRepair(bytes, backup ? &*backup : nullptr, vxsched::Now());
+        if (bytes != lastDamaged)
+            LogErrors(repair.notes);
         Restore(bytes, error.what(), repair.tasks);
         return false;
     }
@@ -232,28 +236,29 @@ bool CTableGuard::LookAt(const std::string& bytes) {
         Restore(bytes, "the table has lost " + names, std::move(tasks));
         return false;
     }
-    const std::vector<TLaunchRecord> marks = ReadLaunchRecords();
-    const bool isOutdated = ApplyLaunchRecords(marks, vxsched::Now(), tasks) > 0;
-    if (deleted || isOutdated) {
+    const std::vector<TLaunchRecord> records = ReadLaunchRecords();
+    const bool isOutdated = ApplyLaunchRecords(records, vxsched::Now(), tasks) > 0;
+    if (wereTasksDeleted || isOutdated) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
         return false;
     }
-    for (const TLaunchRecord& mark : FindSettled(marks, tasks))
-        RemoveLaunchRecord(mark);
+    for (const TLaunchRecord& record : FindSettled(records, tasks))
+        RemoveLaunchRecord(record);
     Keep(bytes);
     return true;
 }
 
-// The tasks of the last good table that are gone, if they are more than can have been removed.
+// Returns the tasks of the last valid table that are gone; none when no more are gone than can have
+// been removed on purpose.
 std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tasks) const {
     std::vector<TTaskEntry> lost;
-    if (!lastGood || saves.replacedWhole)
+    if (!lastValid || saves.replacedAll)
         return lost;
     const vxsched::TTime now = vxsched::Now();
     std::unordered_set<std::string_view> names;
     for (const TTaskEntry& task : tasks)
         names.insert(task.name);
-    for (const TTaskEntry& task : TasksOf(*lastGood)) {
+    for (const TTaskEntry& task : TasksOf(*lastValid)) {
         const bool hasRun = task.period == 0 && task.next <= now;
         if (!hasRun && !names.contains(task.name))
             lost.push_back(task);
@@ -261,44 +266,45 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// The caller holds the mutex.
-void CTableGuard::Restore(const std::string& bytes, const std::string& why,
+// Puts `tasks`, with the launches made since, in the place of the table. The caller holds the store
+// mutex.
+void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
                           std::vector<TTaskEntry> tasks) {
     ApplyLaunchRecords(ReadLaunchRecords(), vxsched::Now(), tasks);
-    const std::string wanted = vxsched::EncodeTable(tasks);
-    KeepDamaged(bytes, wanted);
-    if (wanted != bytes)
-        vxsched::ReplaceOrOverwriteTable(".", wanted);
+    const std::string restored = vxsched::EncodeTable(tasks);
+    QuarantineOnce(bytes, restored);
+    if (restored != bytes)
+        vxsched::ReplaceOrOverwriteTable(".", restored);
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
-    LogError(fmt::format("{}: the table is restored, with {} task(s)", why, tasks.size()));
-    for (const TLaunchRecord& mark : FindSettled(ReadLaunchRecords(), tasks))
-        RemoveLaunchRecord(mark);
-    deleted = false;
-    TakeEvents();
-    Keep(wanted);
-    saves.replacedWhole = true;  // the events of others may have gone with those of this restore
+    LogError(fmt::format("{}: the table is restored, with {} task(s)", reason, tasks.size()));
+    for (const TLaunchRecord& record : FindSettled(ReadLaunchRecords(), tasks))
+        RemoveLaunchRecord(record);
+    wereTasksDeleted = false;
+    ReadEvents();
+    Keep(restored);
+    saves.replacedAll = true;  // events of other processes were read together with this one's
 }
 
-// Once, however often the table in its place has to be tried.
-void CTableGuard::KeepDamaged(const std::string& bytes, const std::string& wanted) {
-    if (bytes == wanted || bytes == damaged)
+// Quarantines a damaged table once, however often its replacement is retried.
+void CTableGuard::QuarantineOnce(const std::string& bytes, const std::string& restored) {
+    if (bytes == restored || bytes == lastDamaged)
         return;
     try {
         vxsched::Quarantine(".", bytes);
     } catch (const vxsched::CError& error) {
         LogWarning(error.what());
     }
-    damaged = bytes;
+    lastDamaged = bytes;
 }
 
 void CTableGuard::Keep(const std::string& bytes) {
-    if (!lastGood || *lastGood != bytes)
-        lastGood = std::make_shared<const std::string>(bytes);
+    if (!lastValid || *lastValid != bytes)
+        lastValid = std::make_shared<const std::string>(bytes);
     saves = {};
     try {
-        snapshots.Keep(lastGood);
+        snapshots.Keep(lastValid);
     } catch (const std::system_error& error) {
-        LogWarning(fmt::format("no snapshot of the table: {}", error.what()));
+        LogWarning(fmt::format("cannot keep a snapshot of the table: {}", error.what()));
     }
 }

@@ -13,65 +13,72 @@
 #include "base/CDescriptor.h"
 #include "host/recovery/CSnapshots.h"
 
-// Looks after the table while the host runs, on a thread of its own: whenever the file changes it is
-// read under the store mutex. A good one is kept as a snapshot; in the place of a damaged one, or of
-// one that has lost tasks other than by their removal, the last good one is put, with the starts that
-// were made meanwhile, and the worker is told.
+// Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
+// read under the store mutex and checked. A valid table is kept as a snapshot. A damaged table, or
+// one that has lost tasks, is replaced by the last valid one, to which the launches made since are
+// applied; the worker is notified.
 //
-// What counts as a removal: each save that was seen may take one task away, a task that ran once and
-// was due may be gone, and who replaces the whole table (an import, a repair) may do anything.
+// Which tasks count as removed on purpose: each observed save may have removed one task; a task
+// that runs once and was due may be gone; a process that replaces the whole table (an import, a
+// repair) may have removed any.
 class CTableGuard {
 public:
-    // Of the working directory, whose table has just been loaded.
+    // Guards the table of the working directory, which has just been loaded, and checks it once.
+    // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots.
     explicit CTableGuard(std::size_t snapshots);
     ~CTableGuard();
 
-    // From now on, beside the worker. Without a thread for it, which is logged, nothing is looked after.
+    // Begins to guard. The worker runs from now on. If no thread can be started, which is logged,
+    // nothing is guarded.
     void Begin();
 
-    // Before the add-in is destroyed, and the store mutex with it.
+    // Stops and waits for a check in progress. To be called before the add-in is destroyed, and the
+    // store mutex with it.
     void End();
 
     CTableGuard(const CTableGuard&) = delete;
     CTableGuard& operator=(const CTableGuard&) = delete;
 
-    // The add-in has emptied its list for a failure. From any thread; does not wait.
+    // The add-in has emptied its list after a failure. Any thread may call it; does not block.
     void TasksDeleted();
 
 private:
     struct TSaves {
-        std::size_t count = 0;  // that may each have removed a task
-        bool replacedWhole = false;
+        std::size_t count = 0;  // saves, each of which may have removed a task
+        bool replacedAll = false;
     };
 
     void Run();
     bool Watch();
-    int Rest() const;
+    int PollTimeout() const;
     bool HasChange();
-    bool TakeEvents();
-    bool TakeEvent(std::uint32_t what, std::uint32_t move, std::string_view name);
-    bool Look();
-    bool LookAt(const std::string& bytes);
-    void Restore(const std::string& bytes, const std::string& why,
+    bool ReadEvents();
+    bool HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name);
+    bool Check();
+    bool Examine(const std::string& bytes);
+    void Restore(const std::string& bytes, const std::string& reason,
                  std::vector<vxsched::TTaskEntry> tasks);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
-    void KeepDamaged(const std::string& bytes, const std::string& wanted);
+    void QuarantineOnce(const std::string& bytes, const std::string& restored);
     void Keep(const std::string& bytes);
 
+    // Set by any thread.
+    CDescriptor wakeups;  // an eventfd: check the table, or stop
+    std::atomic<bool> isStopping{false};
+    std::atomic<bool> wereTasksDeleted{false};
+    std::atomic<bool> isWorkerRunning{false};
+
+    // Of the thread that checks: the constructor's, then the guard's own.
     CDescriptor changes;  // inotify
     bool isWatching = false;
-    std::string lastSeen;  // of the table, where nothing is watched
-    CDescriptor calls;     // an eventfd: something is to be looked at
-    std::atomic<bool> stopping{false};
-    std::atomic<bool> deleted{false};
-    std::atomic<bool> besideTheWorker{false};
+    std::string lastState;  // of the file, for when it cannot be watched
     TSaves saves;
-    bool isWritten = false;         // the table, by whoever has it open
-    std::uint32_t moveOfASave = 0;  // that may have brought it to the table's place
-    // As bytes, which take less than half the memory of tasks.
-    std::shared_ptr<const std::string> lastGood;
+    bool isModified = false;       // between a write and the close of the table
+    std::uint32_t saveCookie = 0;  // of the rename that may have put a save in the table's place
+    // As bytes, which take less than half the memory of decoded tasks.
+    std::shared_ptr<const std::string> lastValid;
     CSnapshots snapshots;
-    std::optional<std::string> damaged;  // the table that was told of and put aside last
-    std::string trouble;                 // that was logged last, so that it is not at every try
+    std::optional<std::string> lastDamaged;  // has been reported and quarantined
+    std::string lastError;                   // has been logged; not again at every retry
     std::thread thread;
 };

@@ -47,8 +47,8 @@ bool MakeLaunchRecordDirectory() {
     if (mkdir(cDirectory, 0755) == 0 || errno == EEXIST)
         return true;
     LogWarning(
-        fmt::format("cannot create {}: {}. After a kill in the middle of a tick, tasks may be "
-                    "started twice.",
+        fmt::format("cannot create {}: {}. If this host is killed during a tick, the next one may "
+                    "launch programs a second time.",
                     cDirectory, std::strerror(errno)));
     return false;
 }
@@ -71,47 +71,48 @@ static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
         return std::nullopt;
     return TLaunchRecord{.task = name.substr(0, at),
                          .due = TTime(std::chrono::seconds(due)),
-                         .started = TTime(std::chrono::seconds(status.st_mtime))};
+                         .launched = TTime(std::chrono::seconds(status.st_mtime))};
 }
 
-// What this process has started; the worker adds, the guard reads and removes.
+// The launches of this process. The worker adds, the table guard reads and removes. Guarded by
+// gMutex.
 static std::mutex gMutex;
-static std::vector<TLaunchRecord> gStarts;
+static std::vector<TLaunchRecord> gLaunches;
 
-void RememberLaunch(const TLaunchRecord& mark) {
+void RememberLaunch(const TLaunchRecord& record) {
     const std::lock_guard<std::mutex> lock(gMutex);
-    gStarts.push_back(mark);
+    gLaunches.push_back(record);
 }
 
 std::vector<TLaunchRecord> ReadLaunchRecords() {
     std::unique_lock<std::mutex> lock(gMutex);
-    std::vector<TLaunchRecord> marks = gStarts;
+    std::vector<TLaunchRecord> records = gLaunches;
     lock.unlock();
     std::error_code error;
     for (fs::directory_iterator entry(cDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        if (const auto mark = ReadLaunchRecord(entry->path()))
-            marks.push_back(*mark);
+        if (const auto record = ReadLaunchRecord(entry->path()))
+            records.push_back(*record);
     }
     if (error && error != std::errc::no_such_file_or_directory)
         throw vxsched::SystemError(fmt::format("cannot read {}", cDirectory), error.value());
-    return marks;
+    return records;
 }
 
-void RemoveLaunchRecord(const TLaunchRecord& mark) {
+void RemoveLaunchRecord(const TLaunchRecord& record) {
     const std::lock_guard<std::mutex> lock(gMutex);
-    std::erase_if(gStarts, [&](const TLaunchRecord& one) {
-        return one.task == mark.task && one.due == mark.due;
+    std::erase_if(gLaunches, [&](const TLaunchRecord& one) {
+        return one.task == record.task && one.due == record.due;
     });
-    unlink(PathOf(mark.task, mark.due).c_str());
+    unlink(PathOf(record.task, record.due).c_str());
 }
 
-std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& marks, TTime now,
+std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, TTime now,
                                std::vector<TTaskEntry>& tasks) {
     std::size_t changed = 0;
-    for (const TLaunchRecord& mark : marks) {
+    for (const TLaunchRecord& record : records) {
         const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
-            return mark.IsOf(each.name, each.next);
+            return record.IsOf(each.name, each.next);
         });
         const auto step =
             task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);
@@ -122,21 +123,21 @@ std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& marks, TTime no
             tasks.erase(task);
             continue;
         }
-        task->last = std::max(task->last, mark.started);
+        task->last = std::max(task->last, record.launched);
         task->next = vxsched::NextOnGrid(task->next, step,
                                          std::max(now, task->next + std::chrono::seconds(1)));
     }
     return changed;
 }
 
-std::vector<TLaunchRecord> FindSettled(const std::vector<TLaunchRecord>& marks,
+std::vector<TLaunchRecord> FindSettled(const std::vector<TLaunchRecord>& records,
                                        const std::vector<TTaskEntry>& tasks) {
-    std::vector<TLaunchRecord> shown;
-    std::copy_if(marks.begin(), marks.end(), std::back_inserter(shown),
-                 [&](const TLaunchRecord& mark) {
+    std::vector<TLaunchRecord> settled;
+    std::copy_if(records.begin(), records.end(), std::back_inserter(settled),
+                 [&](const TLaunchRecord& record) {
                      return std::none_of(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
-                         return mark.IsOf(task.name, task.next);
+                         return record.IsOf(task.name, task.next);
                      });
                  });
-    return shown;
+    return settled;
 }

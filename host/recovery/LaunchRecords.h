@@ -5,43 +5,48 @@
 
 #include <vxsched/Table.h>
 
-// Marks of starts in files/started/: a file for each task and due time for which a program was
-// started, made by the program's own process right before it becomes the program. So a start and its
-// mark are one, also when the host is killed in between; and as long as the table does not show the
-// start, the mark does.
+// Launch records, in files/started/: one file for each task and due time for which a program was
+// launched. The program's own process creates it right before it becomes the program, so a launch
+// and its record cannot be separated, not even by a kill of the host. The record is removed once
+// the table shows the launch.
 
 struct TLaunchRecord {
-    std::string task;  // as LaunchRecordName() has it
+    std::string task;  // as LaunchRecordName() encodes it
     vxsched::TTime due;
-    vxsched::TTime started;  // when it was made
+    vxsched::TTime launched;
 
     bool IsOf(const std::string& name, vxsched::TTime time) const;
 };
 
-// A task's name as a part of a file's: what is no letter and no digit as %XX, and of what is too long
-// the beginning and a check sum.
+// Encodes a task's name as a part of a file name: bytes other than letters and digits become %XX, a
+// long name is cut and ends with a checksum.
 std::string LaunchRecordName(const std::string& task);
 
-// Makes the folder in the working directory. False, with a line in the log, when that cannot be done.
+// Creates files/started in the working directory, if it is missing. False, with a warning in the
+// log, when that fails.
 bool MakeLaunchRecordDirectory();
 
 std::string LaunchRecordPath(const std::string& task, vxsched::TTime due);
 
-// A start that this process has made. It counts as a mark as long as the process lives, whether there
-// is a file for it or not.
-void RememberLaunch(const TLaunchRecord& mark);
+// Remembers a launch of this process. It counts as a record for as long as the process lives,
+// whether it has a file or not. Any thread may call it.
+void RememberLaunch(const TLaunchRecord& record);
 
-// Throws CError when the folder is there and cannot be read: rather no answer than a start made
-// twice.
+// Returns the records of the working directory and the remembered ones. Throws CError when the
+// directory exists and cannot be read: with records missing from the answer, programs would be
+// launched twice. Any thread may call it.
 std::vector<TLaunchRecord> ReadLaunchRecords();
-void RemoveLaunchRecord(const TLaunchRecord& mark);
 
-// What the tasks should be for the starts that the table does not show: moved on behind a due time for
-// which there is a mark, or gone where they run once. `now` is what starts are moved on to. Returns
-// how many tasks were not as they should be.
-std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& marks, vxsched::TTime now,
+// Removes the file and forgets the launch. Any thread may call it.
+void RemoveLaunchRecord(const TLaunchRecord& record);
+
+// Applies to `tasks` each launch that they do not show yet: the task is rescheduled to the first
+// time on its grid that is after the due time and not before `now`, or removed if it runs once.
+// Returns how many tasks were changed.
+std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, vxsched::TTime now,
                                std::vector<vxsched::TTaskEntry>& tasks);
 
-// The marks whose start the table shows, or whose task has gone.
-std::vector<TLaunchRecord> FindSettled(const std::vector<TLaunchRecord>& marks,
+// Returns the records that are no longer needed: the table shows their launch, or their task is
+// gone.
+std::vector<TLaunchRecord> FindSettled(const std::vector<TLaunchRecord>& records,
                                        const std::vector<vxsched::TTaskEntry>& tasks);

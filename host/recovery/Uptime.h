@@ -2,7 +2,7 @@
 
 #include <vxsched/Table.h>
 
-// From when to when a host was up: what came due in between was its to launch.
+// From when to when a host was up. It was that host's job to launch what came due in between.
 struct TUptime {
     vxsched::TTime since;
     vxsched::TTime until;

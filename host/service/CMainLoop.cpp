@@ -13,11 +13,12 @@
 #include "host/HostThread.h"
 #include "store/StopEvent.h"
 
-// Where no service manager says how long a worker may seem dead. It is for the log only.
+// How long the worker may seem dead if no service manager sets a limit. The log is all that depends
+// on it.
 static constexpr std::chrono::minutes cDefaultTimeout(2);
-// Ticks are a minute apart; more where one starts programs.
+// Ticks are a minute apart; after one that launches programs, a few seconds more.
 static constexpr std::chrono::seconds cLateTick(75);
-// Between two looks for the end of a tick, which nothing announces.
+// The end of a tick is polled for, since no event announces it.
 static constexpr std::chrono::milliseconds cTickPollInterval(5);
 
 static bool WorkerIsIdle() {
@@ -25,31 +26,31 @@ static bool WorkerIsIdle() {
 }
 
 CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
-                     CLaunchedPrograms& startedPrograms, CEvent& workersEvent)
+                     CLaunchedPrograms& launchedPrograms, CEvent& workerStopEvent)
     : signals(hostSignals),
       service(serviceManager),
-      programs(startedPrograms),
-      stopEvent(workersEvent),
-      watch(service.WatchdogTimeout().count() > 0 ? service.WatchdogTimeout() : cDefaultTimeout,
-            TClock::now()) {
-    Watch(signals.Descriptor(), [this] { TakeSignals(); });
+      programs(launchedPrograms),
+      stopEvent(workerStopEvent),
+      watchdog(service.WatchdogTimeout().count() > 0 ? service.WatchdogTimeout() : cDefaultTimeout,
+               TClock::now()) {
+    Watch(signals.Descriptor(), [this] { ReadSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
     MarkHostThread();
     if (service.WatchdogTimeout().count() > 0)
         return;
-    ticks.emplace(cLateTick);
-    if (ticks->Descriptor().IsOpen())
-        Watch(ticks->Descriptor().Get(), [this] { ticks->Push(); });
+    tickTimer.emplace(cLateTick);
+    if (tickTimer->Descriptor().IsOpen())
+        Watch(tickTimer->Descriptor().Get(), [this] { tickTimer->Restart(); });
 }
 
 void CMainLoop::Watch(int descriptor, std::function<void()> onReadable) {
-    sources.push_back({.descriptor = descriptor, .onReadable = std::move(onReadable)});
+    watched.push_back({.descriptor = descriptor, .onReadable = std::move(onReadable)});
 }
 
 void CMainLoop::WaitForStop() {
     NotifyStatus();
     while (!stopSignal) {
-        Turn(NextCheck());
+        WaitOnce(NextCheck());
         MonitorWorker();
         NotifyStatus();
     }
@@ -57,30 +58,32 @@ void CMainLoop::WaitForStop() {
 
 void CMainLoop::WaitForTickEnd() {
     while (!stopSignal && !WorkerIsIdle())
-        Turn(TClock::now() + cTickPollInterval);
+        WaitOnce(TClock::now() + cTickPollInterval);
 }
 
 void CMainLoop::WaitForPrograms() {
     while (!stopSignal && programs.Count() > 0)
-        Turn(TClock::now() + cDefaultTimeout);
+        WaitOnce(TClock::now() + cDefaultTimeout);
 }
 
-// While ticks come in time, their timer says when a look is needed.
+// With a tick timer, no check is due while the worker ticks in time, so that the main thread wakes
+// less often.
 CMainLoop::TClock::time_point CMainLoop::NextCheck() const {
-    const bool isTold = ticks && ticks->Descriptor().IsOpen() && wasAlive;
-    return isTold ? TClock::time_point::max() : watch.NextCheck();
+    const bool timerSuffices = tickTimer && tickTimer->Descriptor().IsOpen() && wasAlive;
+    return timerSuffices ? TClock::time_point::max() : watchdog.NextCheck();
 }
 
-// Waits until something happens, at most until then, and deals with it.
-void CMainLoop::Turn(TClock::time_point until) {
+// Waits for a watched descriptor to become readable, at most until `until`, and calls the handlers
+// of all that are.
+void CMainLoop::WaitOnce(TClock::time_point until) {
     std::vector<pollfd> descriptors;
-    for (const TBackup& source : sources)
-        descriptors.push_back({.fd = source.descriptor, .events = POLLIN, .revents = 0});
-    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - TClock::now());
-    const auto milliseconds =
-        until == TClock::time_point::max()
-            ? -1
-            : static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest.count(), 0, 60'000));
+    for (const TWatched& each : watched)
+        descriptors.push_back({.fd = each.descriptor, .events = POLLIN, .revents = 0});
+    const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(until - TClock::now());
+    const auto milliseconds = until == TClock::time_point::max()
+                                  ? -1
+                                  : static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
+                                        remaining.count(), 0, 60'000));
     if (poll(descriptors.data(), descriptors.size(), milliseconds) == -1) {
         if (errno == EINTR)
             return;
@@ -88,12 +91,12 @@ void CMainLoop::Turn(TClock::time_point until) {
     }
     for (std::size_t index = 0; index < descriptors.size(); ++index) {
         if (descriptors[index].revents != 0)
-            sources[index].onReadable();
+            watched[index].onReadable();
     }
 }
 
-// What comes behind the signal to stop is not looked at.
-void CMainLoop::TakeSignals() {
+// Signals after the one that stops the host are not read.
+void CMainLoop::ReadSignals() {
     while (const auto number = stopSignal ? std::nullopt : signals.Next())
         OnSignal(*number);
 }
@@ -108,7 +111,7 @@ void CMainLoop::OnSignal(int number) {
             CHostLog::Instance().Reopen();
             break;
         case SIGUSR1:
-            LogInfo("ticking at once on SIGUSR1");
+            LogInfo("SIGUSR1: ticking now");
             stopEvent.SetEvent();
             break;
         case SIGCHLD:
@@ -120,27 +123,27 @@ void CMainLoop::OnSignal(int number) {
 }
 
 void CMainLoop::MonitorWorker() {
-    const auto verdict = watch.Look(TClock::now(), WorkerIsIdle(), programs.CountLaunches());
+    const auto verdict = watchdog.Check(TClock::now(), WorkerIsIdle(), programs.CountLaunches());
     if (verdict == CWorkerWatchdog::cTooEarly)
         return;
     wasAlive = verdict == CWorkerWatchdog::cAlive;
     if (verdict == CWorkerWatchdog::cMissed)
         return;
-    const bool lives = verdict == CWorkerWatchdog::cAlive;
-    if (lives)
+    const bool isAlive = verdict == CWorkerWatchdog::cAlive;
+    if (isAlive)
         service.Alive();
-    if (lives && !workerLives)
+    if (isAlive && !isWorkerAlive)
         LogNotice("the worker is alive again");
-    if (!lives && workerLives)
+    if (!isAlive && isWorkerAlive)
         LogWarning(
-            "the worker gives no sign of life: it neither rests nor starts programs. It may be "
-            "waiting for the store mutex, or be catching up with a start long past.");
-    workerLives = lives;
+            "the worker is stuck: it is neither idle nor launching programs. It may be waiting for "
+            "the store mutex, or catching up with a due time long past.");
+    isWorkerAlive = isAlive;
 }
 
 void CMainLoop::NotifyStatus() {
-    if (!workerLives)
-        service.Status("the worker gives no sign of life");
+    if (!isWorkerAlive)
+        service.Status("the worker is stuck");
     else if (const std::size_t count = programs.Count(); count > 0)
         service.Status(fmt::format("{} program(s) running", count));
     else

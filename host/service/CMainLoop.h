@@ -13,40 +13,42 @@
 #include "host/service/CTickTimer.h"
 #include "host/service/CWorkerWatchdog.h"
 
-// What the host's main thread does while the worker runs: it answers signals, collects the programs
-// that end, and tells the service manager that the worker is alive.
+// The loop of the host's main thread while the worker runs: it handles signals, collects programs
+// that have ended, and reports to the service manager whether the worker is alive. For the main
+// thread only.
 class CMainLoop {
 public:
-    // All of them are kept by the caller. `stopEvent` is the worker's.
+    // The caller keeps all arguments alive. `stopEvent` is the event that the worker waits for
+    // between ticks. Marks the calling thread as one of the host's own.
     CMainLoop(CSignals& signals, CServiceManager& service, CLaunchedPrograms& programs,
               CEvent& stopEvent);
 
-    // Calls `onReadable` on the main thread whenever the descriptor is readable, which that has to
-    // read empty. For as long as the loop exists.
+    // Calls `onReadable` whenever the descriptor is readable, for as long as the loop exists.
+    // `onReadable` must read all that there is, or it is called again at once.
     void Watch(int descriptor, std::function<void()> onReadable);
 
-    // Until a signal to stop comes.
+    // Blocks until SIGTERM or SIGINT comes.
     void WaitForStop();
 
-    // Until the worker rests behind a tick, or a signal to stop comes.
+    // Blocks until the worker is idle after a tick, or SIGTERM or SIGINT comes.
     void WaitForTickEnd();
 
-    // Until every started program has ended, or a signal to stop comes.
+    // Blocks until every launched program has ended, or SIGTERM or SIGINT comes.
     void WaitForPrograms();
 
-    // The signal to stop that came, if one did.
+    // SIGTERM or SIGINT, if it came.
     std::optional<int> StopSignal() const { return stopSignal; }
 
 private:
     using TClock = std::chrono::steady_clock;
-    struct TBackup {
+    struct TWatched {
         int descriptor;
         std::function<void()> onReadable;
     };
 
     TClock::time_point NextCheck() const;
-    void Turn(TClock::time_point until);
-    void TakeSignals();
+    void WaitOnce(TClock::time_point until);
+    void ReadSignals();
     void OnSignal(int number);
     void MonitorWorker();
     void NotifyStatus();
@@ -55,10 +57,11 @@ private:
     CServiceManager& service;
     CLaunchedPrograms& programs;
     CEvent& stopEvent;
-    CWorkerWatchdog watch;
-    std::optional<CTickTimer> ticks;  // where nobody is to be told regularly
-    std::vector<TBackup> sources;
-    bool workerLives = true;
-    bool wasAlive = true;  // at the last look
+    CWorkerWatchdog watchdog;
+    std::optional<CTickTimer>
+        tickTimer;  // only if no service manager wants to be notified regularly
+    std::vector<TWatched> watched;
+    bool isWorkerAlive = true;  // as last logged
+    bool wasAlive = true;       // at the last check
     std::optional<int> stopSignal;
 };

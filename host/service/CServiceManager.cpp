@@ -20,7 +20,7 @@ CServiceManager::CServiceManager() {
     std::uint64_t microseconds = 0;
     auto* const isEnabled = FindInSystemd<decltype(sd_watchdog_enabled)>("sd_watchdog_enabled");
     if (isEnabled != nullptr && isEnabled(0, &microseconds) > 0)
-        lockTimeout = std::chrono::microseconds(microseconds);
+        watchdogTimeout = std::chrono::microseconds(microseconds);
 }
 
 void CServiceManager::Ready() const {
@@ -35,9 +35,9 @@ void CServiceManager::Alive() const {
     Notify("WATCHDOG=1");
 }
 
-void CServiceManager::Status(const std::string& text) {
-    if (text == status)
+void CServiceManager::Status(const std::string& line) {
+    if (line == status)
         return;
-    status = text;
-    Notify(("STATUS=" + text).c_str());
+    status = line;
+    Notify(("STATUS=" + line).c_str());
 }

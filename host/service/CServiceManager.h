@@ -3,8 +3,8 @@
 #include <chrono>
 #include <string>
 
-// What systemd is told of the host, through the socket that NOTIFY_SOCKET names; without one nothing
-// is told to anybody. For the host's main thread.
+// Notifies systemd of the host's state, through the socket in NOTIFY_SOCKET; without one, all
+// functions do nothing. Failures are ignored. For the main thread.
 class CServiceManager {
 public:
     CServiceManager();
@@ -13,13 +13,13 @@ public:
     void Stopping() const;
     void Alive() const;
 
-    // Shown by systemctl status; sent when it is another than before.
-    void Status(const std::string& text);
+    // Sets the line that systemctl status shows. Sends it only if it differs from the last one.
+    void Status(const std::string& line);
 
-    // How long systemd waits for Alive() before it takes the host for hung; zero: for ever.
-    std::chrono::microseconds WatchdogTimeout() const { return lockTimeout; }
+    // How long systemd waits for Alive() before it kills the host as hung; zero: it does not.
+    std::chrono::microseconds WatchdogTimeout() const { return watchdogTimeout; }
 
 private:
-    std::chrono::microseconds lockTimeout{0};
+    std::chrono::microseconds watchdogTimeout{0};
     std::string status;
 };

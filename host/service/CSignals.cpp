@@ -19,7 +19,8 @@ CSignals::CSignals() {
     sigprocmask(SIG_SETMASK, &blocked, nullptr);
     descriptor = CDescriptor(signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!descriptor.IsOpen())
-        throw std::system_error(errno, std::generic_category(), "cannot make a signal descriptor");
+        throw std::system_error(errno, std::generic_category(),
+                                "cannot create a signal descriptor");
 }
 
 std::optional<int> CSignals::Next() {

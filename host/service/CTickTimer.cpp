@@ -10,7 +10,7 @@ static std::atomic<const CTickTimer*> gTimer{nullptr};
 
 CTickTimer::CTickTimer(std::chrono::milliseconds longest)
     : limit(longest), timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-    Push();
+    Restart();
     gTimer = this;
 }
 
@@ -18,8 +18,8 @@ CTickTimer::~CTickTimer() {
     gTimer = nullptr;
 }
 
-// Setting a timer takes back that it has run out.
-void CTickTimer::Push() const {
+// Setting an expired timer makes its descriptor unreadable again.
+void CTickTimer::Restart() const {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
     itimerspec setting{};
     setting.it_value = {.tv_sec = seconds.count(),
@@ -27,8 +27,8 @@ void CTickTimer::Push() const {
     timerfd_settime(timer.Get(), 0, &setting, nullptr);
 }
 
-void PushTickTimer() {
+void RestartTickTimer() {
     const CTickTimer* const timer = IsHostThread() ? nullptr : gTimer.load();
     if (timer != nullptr)
-        timer->Push();
+        timer->Restart();
 }

@@ -4,41 +4,44 @@
 #include <cstddef>
 #include <optional>
 
-// Judges from outside the add-in whether its worker is alive.
+// Decides from outside the add-in whether its worker is alive.
 //
-// A worker that is well waits for the stop event nearly always; while a tick starts programs, it
-// starts one after the other, some two seconds each. So a sign of life is either of the two: somebody
-// waits for the stop event at the moment of a look, or a program was started since the last sign. A
-// worker that hangs in a catch-up without end, waits for a store mutex that nobody gives back, or has
-// ended gives neither. What this cannot see: the waiter is not known to be this process's, so another
-// scheduling process in the IPC namespace looks like a worker at rest.
+// A healthy worker is nearly always idle, waiting for the stop event. During a tick it launches
+// programs one after the other, which takes some two seconds each. So the worker is alive if it is
+// idle at the moment of a check, or if a program was launched since the last check that found it
+// alive. A worker that is in an endless catch-up, waits for a store mutex that is never released,
+// or has ended is neither.
 //
-// Without a clock of its own: every call is told the time. For one thread.
+// Limitation: whose worker waits for the event is not known. Another scheduling process in the IPC
+// namespace looks like an idle worker.
+//
+// Has no clock of its own; each call passes the time. For one thread.
 class CWorkerWatchdog {
 public:
     using TTime = std::chrono::steady_clock::time_point;
 
-    // `limit` is how long the worker may go without a sign of life; looks are made at half of it, and
-    // while there is none at a tenth. One look that finds none means little: it may have met a tick.
+    // `limit` is how long the worker may seem dead. Checks are due every half of it, and every
+    // tenth of it after one that found the worker neither idle nor launching: a single such check
+    // may just have met a tick.
     CWorkerWatchdog(std::chrono::microseconds limit, TTime now);
 
-    // When the next look is due.
+    // When the next check is due.
     TTime NextCheck() const { return nextCheck; }
 
     enum EVerdict {
-        cTooEarly,
+        cTooEarly,  // no check is due
         cAlive,
-        cMissed,  // at this look
-        cStuck,   // at this one and at all since a quarter of the limit
+        cMissed,  // neither idle nor launching at this check
+        cStuck,   // the same at all checks for a quarter of the limit
     };
 
-    // One look, if one is due. `atRest`: somebody waits for the stop event; `starts`: how many
-    // programs were started so far.
-    EVerdict Look(TTime now, bool isIdle, std::size_t starts);
+    // Makes a check if one is due. `isIdle`: a process waits for the stop event; `launches`: the
+    // number of launches so far.
+    EVerdict Check(TTime now, bool isIdle, std::size_t launches);
 
 private:
     const std::chrono::microseconds limit;
     TTime nextCheck;
-    std::optional<TTime> firstMiss;  // since the last sign
+    std::optional<TTime> firstMiss;  // since the worker was last alive
     std::size_t launchesWhenAlive = 0;
 };

@@ -16,10 +16,11 @@ namespace {
 
 constexpr std::array<const char*, 2> cEntryPoints = {"CreateAddIn", "DestroyAddIn"};
 
-// A shared library's bytes; anything that lies beyond them reads as nothing.
+// The bytes of a shared library. Reads beyond their end fail; a damaged library must not crash the
+// host.
 class CLibraryFile {
 public:
-    explicit CLibraryFile(std::string_view whole) : bytes(whole) {}
+    explicit CLibraryFile(std::string_view content) : bytes(content) {}
 
     template <typename Record>
     bool Read(std::uint64_t offset, Record& record) const {
@@ -29,12 +30,13 @@ public:
         return true;
     }
 
-    std::string_view Text(std::uint64_t offset) const {
+    // The zero-terminated string at `offset`; empty when it is not within the file.
+    std::string_view String(std::uint64_t offset) const {
         if (offset >= bytes.size())
             return "";
-        const std::string_view rest = bytes.substr(offset);
-        const std::size_t end = rest.find('\0');
-        return end == std::string_view::npos ? "" : rest.substr(0, end);
+        const std::string_view tail = bytes.substr(offset);
+        const std::size_t end = tail.find('\0');
+        return end == std::string_view::npos ? "" : tail.substr(0, end);
     }
 
 private:
@@ -47,15 +49,15 @@ bool IsLibraryOfThisMachine(const CLibraryFile& file, Elf64_Ehdr& header) {
            header.e_machine == EM_X86_64 && header.e_type == ET_DYN;
 }
 
-// The names that the library defines for others, functions and data.
+// The names of the functions and data that the library exports.
 std::set<std::string_view> DefinedNames(const CLibraryFile& file, const Elf64_Ehdr& header) {
     std::set<std::string_view> names;
     for (unsigned int index = 0; index < header.e_shnum; ++index) {
         Elf64_Shdr symbols{};
-        Elf64_Shdr texts{};
+        Elf64_Shdr strings{};
         if (!file.Read(header.e_shoff + std::uint64_t{index} * sizeof symbols, symbols) ||
             symbols.sh_type != SHT_DYNSYM ||
-            !file.Read(header.e_shoff + std::uint64_t{symbols.sh_link} * sizeof texts, texts))
+            !file.Read(header.e_shoff + std::uint64_t{symbols.sh_link} * sizeof strings, strings))
             continue;
         for (std::uint64_t position = 0; position < symbols.sh_size;
              position += sizeof(Elf64_Sym)) {
@@ -63,7 +65,7 @@ std::set<std::string_view> DefinedNames(const CLibraryFile& file, const Elf64_Eh
             if (!file.Read(symbols.sh_offset + position, symbol))
                 break;
             if (symbol.st_shndx != SHN_UNDEF)
-                names.insert(file.Text(texts.sh_offset + symbol.st_name));
+                names.insert(file.String(strings.sh_offset + symbol.st_name));
         }
     }
     return names;
@@ -76,7 +78,7 @@ std::string WhyNotAnAddIn(const std::string& path) {
     const std::string bytes{std::istreambuf_iterator<char>(stream),
                             std::istreambuf_iterator<char>()};
     if (!stream.is_open() || stream.bad())
-        return fmt::format("cannot read it: {}", std::strerror(errno));
+        return fmt::format("cannot read the file: {}", std::strerror(errno));
     const CLibraryFile file(bytes);
     Elf64_Ehdr header{};
     if (!IsLibraryOfThisMachine(file, header))
@@ -84,7 +86,7 @@ std::string WhyNotAnAddIn(const std::string& path) {
     const std::set<std::string_view> names = DefinedNames(file, header);
     for (const char* const entryPoint : cEntryPoints) {
         if (!names.contains(entryPoint))
-            return fmt::format("it has no {}", entryPoint);
+            return fmt::format("it does not define {}", entryPoint);
     }
     return "";
 }

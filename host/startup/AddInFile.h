@@ -2,7 +2,7 @@
 
 #include <string>
 
-// Why the file at `path` cannot be the add-in's library, by its bytes alone; empty when it is a shared
-// library for this machine that defines every entry point. It is not loaded, since a load has effects;
-// so whether its own libraries can be found is not looked at.
+// Returns why the file at `path` cannot be the add-in's library; empty if it is a shared library
+// for this machine that defines every entry point. Reads the file and does not load it, since a
+// load has effects. So it does not notice when a library that the add-in depends on is missing.
 std::string WhyNotAnAddIn(const std::string& path);

@@ -14,15 +14,16 @@ CAddInLibrary::CAddInLibrary(const std::string& path)
     : handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
     if (handle == nullptr)
         throw CHostError(
-            cNoAddIn, fmt::format("cannot load the add-in {}: {}. Name its library with --addin.",
-                                  path, dlerror()));
+            cNoAddIn,
+            fmt::format("cannot load the add-in {}: {}. Pass the path of its library with --addin.",
+                        path, dlerror()));
     const auto create = EntryPoint<decltype(CreateAddIn)>(handle, "CreateAddIn");
     destroy = EntryPoint<decltype(DestroyAddIn)>(handle, "DestroyAddIn");
     if (create == nullptr || destroy == nullptr) {
         dlclose(handle);
         throw CHostError(cNoAddIn,
-                         fmt::format("{} is not an add-in: it has no {}. Name another library with "
-                                     "--addin.",
+                         fmt::format("{} is not an add-in: it does not define {}. Choose another "
+                                     "library with --addin.",
                                      path, create == nullptr ? "CreateAddIn" : "DestroyAddIn"));
     }
     addIn = create();

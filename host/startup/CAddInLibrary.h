@@ -4,12 +4,13 @@
 
 #include "addin/CAddInInterface.h"
 
-// The add-in's library, loaded: its load builds the add-in, the destructor destroys the add-in and
-// unloads the library. For the host's main thread.
+// The loaded library of the add-in. Loading it creates the add-in; the destructor destroys the
+// add-in, which removes the store mutex, and unloads the library. For the main thread.
 class CAddInLibrary {
 public:
-    // Loads the library and obtains its add-in. Throws CHostError (cNoAddIn) when that cannot be
-    // done.
+    // Throws CHostError (cNoAddIn) when the library cannot be loaded or lacks an entry point.
+    // Loading reads and writes the table of the working directory and sets the store mutex free;
+    // see CStoreGate.
     explicit CAddInLibrary(const std::string& path);
     ~CAddInLibrary();
 

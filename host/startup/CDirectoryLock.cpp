@@ -19,13 +19,13 @@
 static constexpr char cLockFile[] = "files/vxschedd.lock";
 
 static std::string HolderOf(int descriptor) {
-    char text[32];
-    const ssize_t length = pread(descriptor, text, sizeof text, 0);
-    const std::string holder(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+    char content[32];
+    const ssize_t length = pread(descriptor, content, sizeof content, 0);
+    const std::string holder(content, length > 0 ? static_cast<std::size_t>(length) : 0);
     return holder.substr(0, holder.find('\n'));
 }
 
-// Also a zombie has ended, whose parent does not ask for it.
+// A zombie counts as ended: its parent just has not collected it.
 static bool HasEnded(const std::string& process) {
     std::ifstream file("/proc/" + process + "/stat");
     std::string stat;
@@ -35,22 +35,24 @@ static bool HasEnded(const std::string& process) {
     return stat.find(") Z ") != std::string::npos || stat.find(") X ") != std::string::npos;
 }
 
-// A host that was killed in the middle of a start leaves a process behind that is about to become the
-// program, and holds the lock until it has: its mark of the start is made by then.
+// Whether the lock is held by a leftover of a killed host. A host that is killed during a launch
+// leaves a process that is about to become the program. It inherited the lock and holds it until
+// its exec, and has created its launch record by then, so waiting for it also means that the next
+// host sees the record.
 static bool IsLeftOver(const std::string& holder) {
     return !holder.empty() && holder.find_first_not_of("0123456789") == std::string::npos &&
            HasEnded(holder);
 }
 
-// A host that was killed this very moment still has the lock, and nothing tells it from one that runs
-// on: so a little patience is had with any. 0, or the error number.
+// Takes the lock; returns 0 or the error number. A host that was killed a moment ago may still hold
+// the lock and cannot be told from a running one, so this waits a little for any holder.
 static int Lock(int descriptor, const std::string& holder) {
     using TClock = std::chrono::steady_clock;
-    const TClock::time_point start = TClock::now();
+    const TClock::time_point begin = TClock::now();
     while (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
         const int error = errno;
-        const std::chrono::seconds lockTimeout(IsLeftOver(holder) ? 5 : 1);
-        if (error != EWOULDBLOCK || TClock::now() - start > lockTimeout)
+        const std::chrono::seconds timeout(IsLeftOver(holder) ? 5 : 1);
+        if (error != EWOULDBLOCK || TClock::now() - begin > timeout)
             return error;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -62,24 +64,25 @@ CDirectoryLock::CDirectoryLock(const std::string& directory)
       file(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     if (!file.IsOpen())
         throw CHostError(cNoDirectory,
-                         fmt::format("cannot open {}/{}: {}. Run vxschedd as a user who may write "
-                                     "there.",
+                         fmt::format("cannot open {}/{}: {}. Run vxschedd as a user with write "
+                                     "permission.",
                                      directory, cLockFile, std::strerror(errno)));
     std::string holder = HolderOf(file.Get());
     int error = Lock(file.Get(), holder);
     if (error == 0)
         error = Lock(locked.Get(), holder);
     if (error == EWOULDBLOCK)
-        throw CHostError(cSecondHost,
-                         fmt::format("another host runs in {} (process {}). Stop it first, or name "
-                                     "another directory with --directory.",
-                                     directory, holder.empty() ? "unknown" : holder));
+        throw CHostError(
+            cSecondHost,
+            fmt::format("another host runs in {} (process {}). Stop it first, or choose "
+                        "another directory with --directory.",
+                        directory, holder.empty() ? "unknown" : holder));
     if (error != 0)
-        throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}", directory, cLockFile,
-                                                   std::strerror(error)));
+        throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}. Choose a directory on "
+                                                   "a file system that supports flock.",
+                                                   directory, cLockFile, std::strerror(error)));
     holder = fmt::format("{}\n", getpid());
-    // The number is for the message above only: a disk that is full does not keep a host from
-    // running.
+    // Only the message above needs the number, so a full disk is no reason not to run.
     if (ftruncate(file.Get(), 0) == 0)
         static_cast<void>(pwrite(file.Get(), holder.data(), holder.size(), 0) == -1);
 }

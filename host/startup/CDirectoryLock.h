@@ -4,13 +4,17 @@
 
 #include "base/CDescriptor.h"
 
-// Keeps a second host out of a directory: an advisory lock on files/vxschedd.lock, which also names
-// the process that holds it, and one on the directory itself, should somebody remove that file. The
-// kernel gives the locks back when the process ends, however it ends; the file stays.
+// The directory lock: keeps a second host out of a directory. It is an advisory lock on
+// files/vxschedd.lock, which also holds the process id of the host, and one on the directory itself
+// in case that file is removed. The kernel releases both when the process ends, however it ends;
+// the file stays.
+//
+// It is the first of the locks: a host takes it before the writer lock and the store mutex.
 class CDirectoryLock {
 public:
-    // Takes the lock in the working directory, which `directory` is for messages. Throws CHostError
-    // (cSecondHost) when another host holds it, (cNoDirectory) when the file cannot be had.
+    // Locks the working directory; `directory` is its name for messages. Waits a second for another
+    // holder, and up to five if that host has been killed. Throws CHostError: cSecondHost when
+    // another host holds the lock, cNoDirectory when the file cannot be opened.
     explicit CDirectoryLock(const std::string& directory);
 
 private:

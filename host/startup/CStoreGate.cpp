@@ -12,21 +12,22 @@ std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds loc
     } catch (const vxsched::CError& error) {
         if (error.Code() != vxsched::EError::cBusy)
             throw CHostError(cNoDirectory, error.what());
-        LogWarning(
-            fmt::format("a client has kept the lock on the directory \"files\" for {} ms; "
-                        "going on without it",
-                        lockTimeout.count()));
+        LogWarning(fmt::format(
+            "a client has held the writer lock for more than {} ms and is taken for hung. "
+            "Continuing without the lock. Find out what the client was doing.",
+            lockTimeout.count()));
         return std::nullopt;
     }
 }
 
-CStoreGate::CStoreGate(std::chrono::milliseconds lockTimeout) : turn(TakeWriterLock(lockTimeout)) {
+CStoreGate::CStoreGate(std::chrono::milliseconds lockTimeout)
+    : writerLock(TakeWriterLock(lockTimeout)) {
     try {
         mutex.emplace(lockTimeout);
     } catch (const vxsched::CError& error) {
         if (error.Code() != vxsched::EError::cBusy)
             throw CHostError(cNoStore, error.what());
-        LogWarning(fmt::format("going on without the store mutex: {}", error.what()));
+        LogWarning(fmt::format("continuing without the store mutex: {}", error.what()));
     }
 }
 

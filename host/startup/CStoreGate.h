@@ -6,25 +6,28 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 
-// A client's turn to change the table of the working directory, taken so that no client is in the
-// middle of a change: when the add-in is loaded, and when it is destroyed, which takes the store mutex
-// away. Waits at most `patience`; a client that holds on for longer is taken for hung, and the log is
-// warned that it is gone over (none is returned). Throws CHostError (cNoDirectory) when the folder
-// "files" cannot be opened.
+// Takes the writer lock of the working directory, so that no client is in the middle of a change
+// while the add-in is loaded, or destroyed together with the store mutex. The caller holds the
+// directory lock, and not the store mutex. Waits at most `lockTimeout`. A client that holds the
+// lock for longer is taken for hung: the log is warned, and nothing is returned. Throws CHostError
+// (cNoDirectory) when the directory "files" cannot be opened.
 std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds lockTimeout);
 
-// Keeps clients out of a store while the add-in is loaded, so that the load does not cut off a change
-// of theirs: the turn, and the store mutex, taken as one more waiter.
+// Keeps clients out of the store while the add-in is loaded. The load sets the store mutex free
+// even under a holder, so this takes the writer lock and then the store mutex: it waits for a
+// change in progress instead of cutting it off.
 class CStoreGate {
 public:
-    // Waits at most `patience` for each of the two, like TakeWriterLock(). Throws CHostError also when the
-    // mutex may not be used (cNoStore).
+    // Waits at most `lockTimeout` for each of the two locks and goes on without one that is held
+    // for longer, which is logged. Throws CHostError: cNoDirectory as above, cNoStore when the
+    // store mutex cannot be used.
     explicit CStoreGate(std::chrono::milliseconds lockTimeout);
 
-    // The add-in has been loaded, which set the mutex free: it is not released again.
+    // The add-in has been loaded, which has set the mutex free. Releasing it again would let two
+    // holders in at once.
     void Loaded();
 
 private:
-    std::optional<vxsched::CWriterLock> turn;
+    std::optional<vxsched::CWriterLock> writerLock;
     std::optional<vxsched::CStoreMutexLock> mutex;
 };

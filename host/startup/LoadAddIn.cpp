@@ -14,7 +14,7 @@
 
 using vxsched::TTaskEntry;
 
-// Makes the file a table that is sound and harmless, if it is none.
+// Repairs the table, if need be, so that it is valid and safe to load. Returns its tasks.
 static std::vector<TTaskEntry> RepairTable() {
     TRepairPlan plan = PlanStartupRepair(".");
     for (const std::string& warning : plan.warnings)
@@ -23,58 +23,59 @@ static std::vector<TTaskEntry> RepairTable() {
         LogError(alarm);
     if (plan.repairs.empty())
         return std::move(plan.tasks);
-    for (const std::string& mend : plan.repairs)
-        LogError(mend);
-    const std::string aside =
+    for (const std::string& repair : plan.repairs)
+        LogError(repair);
+    const std::string quarantined =
         vxsched::ReplaceDamaged(".", plan.bytes, vxsched::EncodeTable(plan.tasks)).string();
-    LogError(fmt::format("the table is mended, with {} task(s); the former one is {}",
-                         plan.tasks.size(), aside));
+    LogError(fmt::format("the table is repaired, with {} task(s); the damaged one is kept as {}",
+                         plan.tasks.size(), quarantined));
     return std::move(plan.tasks);
 }
 
-static void Tell(const TPrepared& prepared, CRunHistory& history) {
+static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
     for (const TRunRecord& run : prepared.missed) {
         const std::string due = UtcTime(*run.due);
         LogWarning(fmt::format("missed while no host ran: task \"{}\", due {}, {}: {} \"{}\"",
-                               *run.task, due.empty() ? "at a time beyond every calendar" : due,
-                               run.outcome == TRunRecord::cMovedOn ? "moved on" : "removed unrun",
+                               *run.task, due.empty() ? "in a year that no calendar has" : due,
+                               run.outcome == TRunRecord::cRescheduled ? "rescheduled" : "removed",
                                run.program, run.parameter));
         history.Add(run);
     }
     for (const TTaskEntry& task : prepared.late)
         LogNotice(
-            fmt::format("task \"{}\" was due at {} under the former host, which was ended "
-                        "before it could start it: it is started now",
+            fmt::format("task \"{}\" was due at {} while the previous host was up, which ended "
+                        "before it could launch the program: it is launched now",
                         task.name, UtcTime(task.next)));
 }
 
-// Returns when the watch begins.
-static vxsched::TTime Prepare(const std::optional<TUptime>& former, CRunHistory& history) {
+// Returns when the uptime of this host begins. The caller holds the store mutex.
+static vxsched::TTime Prepare(const std::optional<TUptime>& previous, CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = RepairTable();
-    const std::vector<TLaunchRecord> marks = ReadLaunchRecords();
+    const std::vector<TLaunchRecord> records = ReadLaunchRecords();
     const vxsched::TTime now = vxsched::Now();
-    const TPrepared prepared = PrepareTable(tasks, marks, former, now);
-    // The records go first: whatever ends the host in between, a time is rather told twice than lost.
-    Tell(prepared, history);
+    const TPrepared prepared = PrepareTable(tasks, records, previous, now);
+    // Reported before the table is written: if the host is killed in between, a missed time is
+    // reported twice rather than never.
+    ReportPrepared(prepared, history);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
-    for (const TLaunchRecord& mark : marks)
-        RemoveLaunchRecord(mark);
+    for (const TLaunchRecord& record : records)
+        RemoveLaunchRecord(record);
     return BeginningOfUptime(prepared, now);
 }
 
-TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& former,
+TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& previous,
                   CRunHistory& history,
                   const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
     CStoreGate gate(options.lockTimeout);
     TLoaded loaded;
     try {
-        loaded.upSince = Prepare(former, history);
+        loaded.upSince = Prepare(previous, history);
     } catch (const vxsched::CError& error) {
         throw CHostError(cBadTable,
-                         fmt::format("cannot make the table fit to be loaded: {}. It was "
-                                     "left as it is.",
+                         fmt::format("cannot prepare the table for the add-in: {}. The table "
+                                     "was not changed.",
                                      error.what()));
     }
     loaded.library = load();

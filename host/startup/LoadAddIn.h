@@ -10,17 +10,25 @@
 #include "host/startup/CAddInLibrary.h"
 #include "runs/CRunHistory.h"
 
-// Makes the table of the working directory fit for the add-in, and has `load` load it; clients are
-// kept out from the first to the last of it. Of a damaged table what can be read is kept and the
-// youngest copy fills in the rest, of one that a load would never come back from the start is moved;
-// the log says task by task what was done, and the former file is put aside. Tasks that were due while
-// no host ran are moved on or removed, logged and recorded; those that came due in the watch of the host
-// before, `former`, stay due, and the watch of this one begins with them. `load` is to change nothing in the table. Throws CHostError: cBadTable when the table cannot be
-// mended, cNoAddIn, cNoStore, cNoDirectory.
 struct TLoaded {
     std::unique_ptr<CAddInLibrary> library;
+    // Beginning of this host's uptime: the earliest due time that it took over, or now.
     vxsched::TTime upSince;
 };
-TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& former,
+
+// Prepares the table of the working directory for the add-in and has `load` load it. Takes the
+// writer lock, then the store mutex, for all of this; the caller holds the directory lock.
+//
+// A damaged table is repaired: what can be read of it is kept, the youngest backup fills in the
+// rest. A period that would make the load hang is altered and the task paused. The log lists every
+// task that was repaired; the damaged file is quarantined.
+//
+// Tasks that were due while no host ran are rescheduled, or removed if they run once; both are
+// logged and recorded in `history`. Tasks that came due during the uptime of the previous host,
+// `previous`, stay due.
+//
+// `load` must not change the table. Throws CHostError: cBadTable when the table cannot be read or
+// repaired, cNoAddIn, cNoStore, cNoDirectory.
+TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& previous,
                   CRunHistory& history,
                   const std::function<std::unique_ptr<CAddInLibrary>()>& load);

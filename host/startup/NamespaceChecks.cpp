@@ -13,7 +13,9 @@
 
 namespace fs = std::filesystem;
 
-static constexpr uid_t cLastSystemUser = 999;  // as Debian numbers them, and systemd is built for
+// The limit that systemd is built with on Debian; logind leaves the semaphores of system users
+// alone.
+static constexpr uid_t cLastSystemUser = 999;
 static constexpr uid_t cNobody = 65534;
 
 std::vector<std::string> WarningsOfOtherUsers() {
@@ -21,19 +23,20 @@ std::vector<std::string> WarningsOfOtherUsers() {
     if (use.waiters > 0)
         return {
             "another scheduling process runs in this IPC namespace: the two share the store mutex "
-            "and take each other's signals, whatever directories they work in. Give each store "
-            "an IPC namespace of its own."};
+            "and consume each other's signals, even if they work in different directories. Give "
+            "each store an IPC namespace of its own."};
     if (use.openers > 0)
-        return {
-            fmt::format("the add-in is loaded {} time(s) elsewhere in this IPC namespace. That "
-                        "is well if they are clients of this directory; a second store needs an "
-                        "IPC namespace of its own.",
-                        use.openers)};
+        return {fmt::format(
+            "the add-in is loaded {} time(s) by other processes in this IPC namespace. "
+            "That is fine if they are clients of this directory; a second store needs an "
+            "IPC namespace of its own.",
+            use.openers)};
     return {};
 }
 
-// The value that logind goes by: the last one in logind.conf and its drop-ins, which are read in the
-// order of their names, /etc before /run before /usr/lib for the same name.
+// Whether RemoveIPC= is on. As in logind, the last setting in logind.conf and its drop-ins counts;
+// drop-ins are read in the order of their names, and of several with the same name /etc precedes
+// /run, and /run precedes /usr/lib.
 static bool RemovesIpc(const fs::path& root) {
     std::map<std::string, fs::path> dropIns;
     for (const char* directory : {"etc", "run", "usr/lib"}) {
@@ -71,9 +74,9 @@ std::string WarningOfRemoval(uid_t user, const fs::path& root) {
     if (fs::exists(root / "var/lib/systemd/linger" / name, ignored) || !RemovesIpc(root))
         return "";
     return fmt::format(
-        "systemd-logind removes the semaphores of the ordinary user {} when its last "
-        "session ends, and the store then has no mutex. Run the host as a system "
-        "user, or set RemoveIPC=no in logind.conf, or run loginctl enable-linger {}.",
+        "systemd-logind removes the semaphores of user {} when the user's last session ends, "
+        "and the store then has no mutex. Run vxschedd as a system user, or set RemoveIPC=no in "
+        "logind.conf, or run loginctl enable-linger {}.",
         name, name);
 }
 
@@ -85,5 +88,5 @@ std::string NoticeOfPrivateNamespace(const fs::path& processes) {
     if (ownError || firstError || own == first)
         return "";
     return "this IPC namespace is not that of process 1 (PrivateIPC=, unshare, or a container): "
-           "clients have to be in this one to reach the store";
+           "clients must run in this one to reach the store";
 }

@@ -6,17 +6,17 @@
 #include <string>
 #include <vector>
 
-// Traps around the IPC namespace, in which the store mutex and the events live. All of them only
-// look.
+// Checks for pitfalls of the IPC namespace, which holds the store mutex and the events. None of
+// them changes anything.
 
-// Warnings of other processes that have to do with the store in this IPC namespace. To be asked
-// before this process opens the stop event.
+// Returns a warning if other processes in this IPC namespace use the store's events. To be called
+// before this process opens the stop event, or it finds itself.
 std::vector<std::string> WarningsOfOtherUsers();
 
-// A warning when systemd-logind would remove the semaphores of `user` once its last session ends;
-// empty when it would not. `root` is where the system's files are.
+// Returns a warning if systemd-logind would remove the semaphores of `user` after its last session;
+// else an empty string. `root` is the root of the file system to read.
 std::string WarningOfRemoval(uid_t user, const std::filesystem::path& root = "/");
 
-// A notice when this process is in another IPC namespace than process 1; empty when it is in the
-// same, or when that cannot be told. `processes` is where the system shows its processes.
+// Returns a notice if this process is in another IPC namespace than process 1; empty if it is in
+// the same, or if the two cannot be compared. `processes` is the directory of procfs.
 std::string NoticeOfPrivateNamespace(const std::filesystem::path& processes = "/proc");

@@ -9,18 +9,18 @@
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
-// A client may put a task into the table whose time has just come, or has passed.
+// A client may create a task whose due time has just passed, and so is slightly before the uptime.
 static constexpr std::chrono::minutes cPastDue(10);
 
-static bool IsLate(const TTaskEntry& task, const std::optional<TUptime>& former) {
-    // What ended the former host in its start would end this one, and the next.
-    return former && !vxsched::AbortsLaunch(task.program) &&
-           task.next >= former->since - cPastDue && task.next <= former->until;
+static bool IsLate(const TTaskEntry& task, const std::optional<TUptime>& previous) {
+    // Launching this program ended the previous host, and would end this one and the next.
+    return previous && !vxsched::AbortsLaunch(task.program) &&
+           task.next >= previous->since - cPastDue && task.next <= previous->until;
 }
 
 static TRunRecord MissedRun(const TTaskEntry& task) {
     TRunRecord record;
-    record.outcome = task.period == 0 ? TRunRecord::cRemovedUnrun : TRunRecord::cMovedOn;
+    record.outcome = task.period == 0 ? TRunRecord::cRemoved : TRunRecord::cRescheduled;
     record.task = task.name;
     record.due = task.next;
     record.program = task.program;
@@ -28,16 +28,16 @@ static TRunRecord MissedRun(const TTaskEntry& task) {
     return record;
 }
 
-TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TLaunchRecord>& marks,
-                       const std::optional<TUptime>& former, TTime now) {
-    ApplyLaunchRecords(marks, now, tasks);
+TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TLaunchRecord>& records,
+                       const std::optional<TUptime>& previous, TTime now) {
+    ApplyLaunchRecords(records, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
         if (task.paused || task.next >= now) {
             prepared.tasks.push_back(std::move(task));
             continue;
         }
-        if (IsLate(task, former)) {
+        if (IsLate(task, previous)) {
             prepared.late.push_back(task);
             prepared.tasks.push_back(std::move(task));
             continue;

@@ -8,21 +8,24 @@
 #include "host/recovery/Uptime.h"
 #include "runs/RunRecord.h"
 
-// What a table should be before the add-in works on it, and what has to be told of that.
+// The table as it should be before the add-in loads it, and what to report about the changes.
 struct TPrepared {
     std::vector<vxsched::TTaskEntry> tasks;
-    std::vector<TRunRecord> missed;         // due while no host ran: moved on, or removed unrun
-    std::vector<vxsched::TTaskEntry> late;  // due while the former host ran: still to be started
+    std::vector<TRunRecord> missed;         // due while no host ran: rescheduled, or removed
+    std::vector<vxsched::TTaskEntry> late;  // due while the previous host was up: to be launched
 };
 
-// `marks` are of starts that the table does not show; `former` is the watch of the host before this one,
-// if there was one. Of the active tasks that are due at `now`, those that were started are moved on,
-// those that came due in that watch stay due, and the others were missed: they are moved on to their
-// grid, or removed when they run once, just as a load would do. Paused tasks stay as they are.
+// Decides about the active tasks that are due at `now`:
+// - A task that was launched is rescheduled; `records` are of launches that the table does not
+//   show.
+// - A task that came due during `previous`, the uptime of the previous host, stays due.
+// - Any other was missed: it is rescheduled on its grid, or removed if it runs once, as the
+//   add-in's load would do.
+// Paused tasks stay as they are.
 TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks,
-                       const std::vector<TLaunchRecord>& marks,
-                       const std::optional<TUptime>& former, vxsched::TTime now);
+                       const std::vector<TLaunchRecord>& records,
+                       const std::optional<TUptime>& previous, vxsched::TTime now);
 
-// When the watch of this host begins, for one that comes after it: with the first of the tasks that it
-// took over.
+// Returns when the uptime of this host begins: with the earliest due time that it took over, else
+// now. If this host is killed too, the next one takes over the same tasks.
 vxsched::TTime BeginningOfUptime(const TPrepared& prepared, vxsched::TTime now);

@@ -12,28 +12,29 @@
 #include "store/TableFile.h"
 
 static std::vector<std::string> UnusualProblems(const std::string& bytes) {
-    std::vector<std::string> texts;
+    std::vector<std::string> messages;
     for (const vxsched::TProblem& problem : vxsched::DecodeTable(bytes, vxsched::Now()).problems) {
         if (problem.kind == vxsched::TProblem::cUnusual)
-            texts.push_back(
-                fmt::format("in the table, at offset {}: {}", problem.offset, problem.text));
+            messages.push_back(
+                fmt::format("in the table, at offset {}: {}", problem.offset, problem.message));
     }
-    return texts;
+    return messages;
 }
 
-// Whoever misses the disk that a link leads to should not take the host's word that all is well.
-static std::optional<std::string> AlarmOfALinkToNothing(const std::filesystem::path& table) {
+// A link whose target is on a disk that is not mounted would otherwise pass for an empty table.
+static std::optional<std::string> AlarmOfDanglingLink(const std::filesystem::path& table) {
     std::error_code error;
     const std::filesystem::path target = std::filesystem::read_symlink(table, error);
     if (error || std::filesystem::exists(table, error))
         return {};
     return fmt::format(
-        "{} is a link to {}, which is not there: it counts as a table of no tasks. "
-        "Bring back what it leads to, and start vxschedd again.",
+        "{} is a link to {}, which does not exist: the table counts as empty. Mount or restore "
+        "the target, and restart vxschedd.",
         table.string(), target.string());
 }
 
-// A task that runs once may have run when the copy was made, and be gone for that.
+// Returns the names of the tasks that should still be in the table. One that runs once and was due
+// may have run since the backup was made.
 static std::vector<std::string> NamesOfComingTasks(const std::vector<vxsched::TTaskEntry>& tasks) {
     const vxsched::TTime now = vxsched::Now();
     std::vector<std::string> names;
@@ -44,17 +45,18 @@ static std::vector<std::string> NamesOfComingTasks(const std::vector<vxsched::TT
     return names;
 }
 
-// An empty table is sound, and may be meant. But a library that meets a damaged one leaves it so, too.
-static std::optional<std::string> AlarmOfAnEmptyTable(const std::filesystem::path& directory) {
-    const std::optional<vxsched::TBackup> source = vxsched::FindBackup(directory);
+// An empty table is valid and may be intended. But the add-in also leaves an empty table when a
+// client that calls its functions directly loads it on a damaged one.
+static std::optional<std::string> AlarmOfEmptyTable(const std::filesystem::path& directory) {
+    const std::optional<vxsched::TBackup> backup = vxsched::FindBackup(directory);
     const std::vector<std::string> names =
-        NamesOfComingTasks(source ? source->tasks : std::vector<vxsched::TTaskEntry>());
+        NamesOfComingTasks(backup ? backup->tasks : std::vector<vxsched::TTaskEntry>());
     if (names.empty())
         return {};
     return fmt::format(
-        "the table is empty, whereas the last copy of it, {}, has {} task(s): {}. If they were not "
-        "removed on purpose: stop vxschedd, copy that file over {}, and start it again.",
-        source->file.string(), names.size(), fmt::join(names, ", "),
+        "the table is empty, but its latest backup, {}, has {} task(s): {}. If they were not "
+        "removed on purpose, stop vxschedd, copy that file over {}, and start vxschedd again.",
+        backup->file.string(), names.size(), fmt::join(names, ", "),
         vxsched::TableFile(directory).string());
 }
 
@@ -64,12 +66,12 @@ TRepairPlan PlanStartupRepair(const std::filesystem::path& directory) {
     vxsched::TRepair repair = vxsched::PlanRepair(plan.bytes, nullptr, vxsched::Now());
     if (repair.notes.empty())
         plan.warnings = UnusualProblems(plan.bytes);
-    else if (const std::optional<vxsched::TBackup> source = vxsched::FindBackup(directory))
-        repair = vxsched::PlanRepair(plan.bytes, &*source, vxsched::Now());
-    if (auto alarm = AlarmOfALinkToNothing(vxsched::TableFile(directory)))
+    else if (const std::optional<vxsched::TBackup> backup = vxsched::FindBackup(directory))
+        repair = vxsched::PlanRepair(plan.bytes, &*backup, vxsched::Now());
+    if (auto alarm = AlarmOfDanglingLink(vxsched::TableFile(directory)))
         plan.alarms.push_back(*std::move(alarm));
     if (plan.bytes == vxsched::EncodeTable({})) {
-        if (auto alarm = AlarmOfAnEmptyTable(directory))
+        if (auto alarm = AlarmOfEmptyTable(directory))
             plan.alarms.push_back(*std::move(alarm));
     }
     plan.tasks = std::move(repair.tasks);

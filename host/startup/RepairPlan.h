@@ -6,16 +6,17 @@
 
 #include <vxsched/Table.h>
 
-// What a start makes of the table that it finds, before it looks at what is due.
+// What the host's startup makes of the table that it finds, before it decides about due tasks.
 struct TRepairPlan {
-    std::string bytes;                       // of the table as it is
-    std::vector<vxsched::TTaskEntry> tasks;  // what it is to hold
-    std::vector<std::string> repairs;  // task by task where from, or how altered; none: it is sound
-    std::vector<std::string> warnings;  // what is odd about it and stays
-    std::vector<std::string> alarms;    // what a person has to look at; nothing is done about it
+    std::string bytes;                       // the table as it is
+    std::vector<vxsched::TTaskEntry> tasks;  // the tasks that it should hold
+    std::vector<std::string>
+        repairs;  // for each task, where it comes from or how it is altered; empty: table is valid
+    std::vector<std::string> warnings;  // unusual values that are left as they are
+    std::vector<std::string> alarms;    // for an operator to look into; nothing is repaired
 };
 
-// Of a damaged table what can be read is kept and the youngest copy fills in the rest, of one that a
-// load would never come back from the start is moved. Without any effect; the caller holds the store
-// mutex. Throws CError when the table cannot be read.
+// Plans the repair of the table in `directory`: what can be read of a damaged one is kept, the
+// youngest backup fills in the rest, and a period that would make the load hang is altered. Changes
+// nothing. The caller holds the store mutex. Throws CError when the table cannot be read.
 TRepairPlan PlanStartupRepair(const std::filesystem::path& directory);

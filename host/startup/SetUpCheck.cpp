@@ -22,10 +22,12 @@ namespace {
 
 class CReport {
 public:
-    static void Well(const std::string& text) { std::cout << "well: " << text << std::endl; }
-    static void Warn(const std::string& text) { std::cerr << "warning: " << text << std::endl; }
-    void Fail(TExitStatus failure, const std::string& text) {
-        std::cerr << "error: " << text << std::endl;
+    static void Ok(const std::string& message) { std::cout << "ok: " << message << std::endl; }
+    static void Warn(const std::string& message) {
+        std::cerr << "warning: " << message << std::endl;
+    }
+    void Fail(TExitStatus failure, const std::string& message) {
+        std::cerr << "error: " << message << std::endl;
         if (status == cStopped)
             status = failure;
     }
@@ -37,29 +39,30 @@ private:
 
 void CheckAddIn(const std::string& path, CReport& report) {
     if (path.find('/') == std::string::npos) {
-        CReport::Warn(
-            fmt::format("{} is not beside vxschedd and is left to the dynamic linker; name "
-                        "its path with --addin to have it checked",
-                        path));
+        CReport::Warn(fmt::format(
+            "{} is not installed next to vxschedd, so the dynamic linker will search for "
+            "it. To have it checked, pass its path with --addin.",
+            path));
         return;
     }
     const std::string reason = WhyNotAnAddIn(path);
     if (reason.empty())
-        CReport::Well(fmt::format("{} is an add-in", path));
+        CReport::Ok(fmt::format("{} is an add-in", path));
     else
         report.Fail(cNoAddIn,
-                    fmt::format("{} is not an add-in: {}. Name another library with --addin.", path,
-                                reason));
+                    fmt::format("{} is not an add-in: {}. Choose another library with --addin.",
+                                path, reason));
 }
 
 void CheckTask(const vxsched::TTaskEntry& task, vxsched::TTime now) {
     for (const vxsched::TValidationError& error : vxsched::Validate(task, now)) {
         if (error.kind != vxsched::TValidationError::cPastDue)
-            CReport::Warn(fmt::format("task \"{}\": {}", task.name, error.text));
+            CReport::Warn(fmt::format("task \"{}\": {}", task.name, error.message));
     }
 }
 
-// None when it may not be had. A start goes over a holder that does not give it back.
+// Returns nothing if the mutex cannot be locked. A holder that keeps it is only a warning: a host
+// ignores it after the lock timeout.
 std::optional<vxsched::CStoreMutexLock> LockStore(const THostOptions& options, CReport& report) {
     try {
         return std::optional<vxsched::CStoreMutexLock>(std::in_place, options.lockTimeout);
@@ -72,27 +75,27 @@ std::optional<vxsched::CStoreMutexLock> LockStore(const THostOptions& options, C
     }
 }
 
-// Whoever reads the report may be slow: the mutex is not held meanwhile.
-TRepairPlan PlanUnderTheMutex(const THostOptions& options, CReport& report) {
+// Plans under the mutex and returns without it: printing the report may block for long.
+TRepairPlan PlanUnderMutex(const THostOptions& options, CReport& report) {
     const std::optional<vxsched::CStoreMutexLock> lock = LockStore(options, report);
     return PlanStartupRepair(options.directory);
 }
 
 void CheckTable(const THostOptions& options, CReport& report) {
     try {
-        const TRepairPlan plan = PlanUnderTheMutex(options, report);
+        const TRepairPlan plan = PlanUnderMutex(options, report);
         for (const std::string& warning : plan.warnings)
             CReport::Warn(warning);
         for (const std::string& alarm : plan.alarms)
             CReport::Warn(alarm);
         if (plan.repairs.empty())
-            CReport::Well(
-                fmt::format("the table can be read and holds {} task(s)", plan.tasks.size()));
+            CReport::Ok(fmt::format("the table is valid and has {} task(s)", plan.tasks.size()));
         else
             CReport::Warn(
-                fmt::format("a start would mend the table, with {} task(s)", plan.tasks.size()));
-        for (const std::string& mend : plan.repairs)
-            CReport::Warn(mend);
+                fmt::format("vxschedd would repair the table; it would then have {} task(s)",
+                            plan.tasks.size()));
+        for (const std::string& repair : plan.repairs)
+            CReport::Warn(repair);
         for (const vxsched::TTaskEntry& task : plan.tasks)
             CheckTask(task, vxsched::Now());
     } catch (const vxsched::CError& error) {
@@ -100,7 +103,7 @@ void CheckTable(const THostOptions& options, CReport& report) {
     }
 }
 
-// Of a file or directory that is there, or can be made.
+// Checks a file or directory that exists, or can be created.
 void CheckWritable(const std::string& path, TExitStatus failure, CReport& report) {
     if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0)
         return;
@@ -122,7 +125,7 @@ TExitStatus CheckSetUp(const THostOptions& options) {
     for (const std::string& reason : reasons)
         report.Fail(cNoDirectory, reason);
     if (reasons.empty())
-        CReport::Well(fmt::format("{} can be worked in", options.directory));
+        CReport::Ok(fmt::format("{} can be used", options.directory));
     CheckAddIn(options.addIn, report);
     if (reasons.empty())
         CheckTable(options, report);
@@ -130,11 +133,11 @@ TExitStatus CheckSetUp(const THostOptions& options) {
         CheckWritable(options.logFile, cFailed, report);
     if (options.output != "inherit" && options.output != "journal")
         CheckWritable(options.output, cNoDirectory, report);
-    for (const std::string& trap : {WarningOfRemoval(geteuid()), NoticeOfPrivateNamespace()}) {
-        if (!trap.empty())
-            CReport::Warn(trap);
+    for (const std::string& pitfall : {WarningOfRemoval(geteuid()), NoticeOfPrivateNamespace()}) {
+        if (!pitfall.empty())
+            CReport::Warn(pitfall);
     }
     if (report.Status() == cStopped)
-        CReport::Well("a host could run");
+        CReport::Ok("a host could run");
     return report.Status();
 }

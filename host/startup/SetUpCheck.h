@@ -3,7 +3,8 @@
 #include "host/ExitStatus.h"
 #include "host/HostOptions.h"
 
-// Looks at all that a host with these options needs, without starting, loading or making anything.
-// Says on standard output what is well, on standard error what is not. cStopped when a host could
-// run, else the status that its start would end with.
+// Checks whether a host could run with these options. Prints what is in order to standard output,
+// warnings and errors to standard error. Starts, loads and creates nothing. Waits at most
+// options.lockTimeout for the store mutex. Returns cStopped if a host could run, else the exit
+// status of a host that is started with these options.
 TExitStatus CheckSetUp(const THostOptions& options);

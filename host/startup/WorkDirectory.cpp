@@ -12,12 +12,12 @@
 
 static std::string CannotWork(const std::string& directory, int error) {
     return fmt::format(
-        "cannot work in {}: {}. Create the directory, or name another with --directory.", directory,
-        std::strerror(error));
+        "cannot use the directory {}: {}. Create it, or choose another with --directory.",
+        directory, std::strerror(error));
 }
 
 static std::string CannotCreate(const std::string& directory, int error) {
-    return fmt::format("cannot create {}/files: {}. Run vxschedd as a user who may write there.",
+    return fmt::format("cannot create {}/files: {}. Run vxschedd as a user with write permission.",
                        directory, std::strerror(error));
 }
 
@@ -30,12 +30,12 @@ void EnterDirectory(const std::string& directory) {
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
     if (mkdir("files", 0755) == -1 && errno != EEXIST)
         throw CHostError(cNoDirectory, CannotCreate(directory, errno));
-    // The add-in would take what it may not write for a table of no tasks, and never say so.
+    // The add-in would treat a table without write permission as empty, and log nothing.
     if (!May("files/scheduler.dat", R_OK | W_OK) && errno != ENOENT)
         throw CHostError(
             cNoDirectory,
             fmt::format("cannot use {}/files/scheduler.dat: {}. Run vxschedd as a user "
-                        "who may read and write it.",
+                        "with read and write permission.",
                         directory, std::strerror(errno)));
 }
 
@@ -51,14 +51,15 @@ std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
     }
     std::vector<std::string> reasons;
     if (!May(files + "/.", W_OK | X_OK))
-        reasons.push_back(fmt::format("cannot write in {}: {}. Run vxschedd as a user who may.",
-                                      files, std::strerror(errno)));
+        reasons.push_back(
+            fmt::format("cannot write to {}: {}. Run vxschedd as a user with write permission.",
+                        files, std::strerror(errno)));
     for (const char* const file : {"scheduler.dat", "vxschedd.lock"}) {
         const std::string path = files + '/' + file;
         if (!May(path, R_OK | W_OK) && errno != ENOENT)
-            reasons.push_back(
-                fmt::format("cannot use {}: {}. Run vxschedd as a user who may read and write it.",
-                            path, std::strerror(errno)));
+            reasons.push_back(fmt::format(
+                "cannot use {}: {}. Run vxschedd as a user with read and write permission.", path,
+                std::strerror(errno)));
     }
     return reasons;
 }

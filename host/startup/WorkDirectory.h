@@ -3,10 +3,10 @@
 #include <string>
 #include <vector>
 
-// Makes `directory` the working directory, and "files" in it if need be. Throws CHostError
-// (cNoDirectory) when it cannot be worked in.
+// Makes `directory` the working directory, and creates "files" in it if it is missing. Throws
+// CHostError (cNoDirectory) when the directory or the table cannot be used.
 void EnterDirectory(const std::string& directory);
 
-// What keeps a host from working in `directory`, each with what to do; empty when nothing does.
+// Returns the reasons why a host cannot run in `directory`, each with what to do; empty if it can.
 // Changes nothing.
 std::vector<std::string> WhyNotToWorkIn(const std::string& directory);

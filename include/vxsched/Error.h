@@ -5,19 +5,19 @@
 
 namespace vxsched {
 
-// What kind of thing went wrong; the message says the rest.
+// The kind of a failure, for a program to act on. The message has the details, for a person.
 enum class EError {
-    cFailed,       // the system refused something; the message holds its reason
-    cDamaged,      // the table cannot be read to its end, or would harm who loads it
-    cBusy,         // somebody else was at it for too long; nothing was changed
-    cRefused,      // something speaks against the change: see Objections.h
-    cNotFound,     // there is no task of that name
-    cNoAccess,     // this user may not
-    cNoScheduler,  // tasks are due and there is no scheduling process to start them
+    cFailed,       // a system call failed, or the add-in; the message has the reason
+    cDamaged,      // the table cannot be read to its end, or loading it would hang a process
+    cBusy,         // // a wait for a lock or for the scheduling process timed out
+    cRefused,      // a validation error, see Validation.h, or the state of the task forbids it
+    cNotFound,     // the table has no task of that name
+    cNoAccess,     // this user lacks the permission
+    cNoScheduler,  // the change needs a scheduling process, and there is none that it can reach
 };
 
-// The one exception that the client library throws. Its text says what went wrong, with which
-// input, and what to do.
+// The exception that every function of the client library throws; besides it, only std::bad_alloc.
+// Its message says what failed, on which input, why, and what to do.
 class CError : public std::runtime_error {
 public:
     CError(EError kind, const std::string& message) : std::runtime_error(message), code(kind) {}
@@ -28,8 +28,8 @@ private:
     EError code;
 };
 
-// For a call of the system that failed with `error` (an errno): cNoAccess where it is a matter of
-// rights, else cFailed. `what` says what could not be done, with which input.
+// The error for a system call that failed with `error`, an errno: cNoAccess for EACCES, EPERM and
+// EROFS, else cFailed. `what` says what failed on which input, as in "cannot read /a/file".
 CError SystemError(const std::string& what, int error);
 
 }  // namespace vxsched

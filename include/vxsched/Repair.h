@@ -7,37 +7,46 @@
 
 #include <vxsched/Table.h>
 
+// Repairing a damaged table. These functions work on bytes in memory: they read no file, take no
+// lock, do not block, and any thread may call them. CStore::ReplaceAll() writes the result.
 namespace vxsched {
 
-// What is left of a damaged table.
+// The readable tasks of a damaged table.
 struct TSalvaged {
-    std::vector<TTaskEntry> tasks;   // every whole one, in their order
-    std::vector<std::string> notes;  // what was passed over, with its offset
+    std::vector<TTaskEntry> tasks;   // every complete one, in the order of the file
+    std::vector<std::string> notes;  // the ranges of bytes that were skipped, for a person
 };
 
-// Takes out of `bytes` every task that is whole. Behind a place that cannot be read it goes on at
-// the next one that looks like a task: a name, times of this age, a program, a flag of 0 or 1.
+// Takes every complete task out of `bytes`; the table's count is ignored. After bytes that cannot
+// be read it searches for the next offset with a plausible task: a name of at most 4096 bytes,
+// times from 1970 on, a program, a pause flag of 0 or 1. Never fails: noise gives no tasks.
 TSalvaged Salvage(std::string_view bytes);
 
-// The tasks of a table. Throws CError (cDamaged) like DecodeTable(), and also for a table that can
-// be read and has lost tasks all the same: zeros where a task was, or tasks behind the last.
+// Decodes a table that has lost no tasks. Throws CError (cDamaged) like DecodeTable(), and also for
+// a table that can be read and has lost tasks all the same: zeros in the place of a task, as a
+// power failure leaves them, or tasks after the last one that the table counts.
 std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
 
-// A table to fill in what a damaged one has lost.
+// A valid table that supplies the tasks which a damaged one has lost.
 struct TBackup {
-    std::string name;  // for people: "the copy from before the last change (..)"
+    std::string name;  // for messages: "scheduler.dat.before"
     std::vector<TTaskEntry> tasks;
-    std::filesystem::path file = {};
+    std::filesystem::path file = {};  // where it was read from; empty if not from a file
 };
 
+// The table that a repair would write.
 struct TRepair {
     std::vector<TTaskEntry> tasks;
-    std::vector<std::string> notes;  // task by task what was kept, from where, or altered
+    std::vector<std::string> notes;  // for a person: which task comes from where, or was altered;
+                                     // empty if there is nothing to repair
 };
 
-// What a table should be after its repair: what can be read of `bytes` goes before what `source`
-// says of the same name; the source fills in the rest; what would harm a process that loads it is
-// put right as of `now`. A table that is sound and harmless comes back as it is, without notes.
-TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now);
+// Plans the repair of the table `bytes`:
+// 1. Every task that can be read is kept, in preference to the backup's task of the same name.
+// 2. The backup supplies the tasks of other names. `backup` may be null and stays the caller's.
+// 3. A task whose past due time would hang or slow down a process that loads the add-in at `now` is
+//    rescheduled; one whose period is a step of zero gets the longest period and is paused. An
+//    intact table whose tasks are safe to load comes back unchanged, without notes. Never fails.
+TRepair PlanRepair(std::string_view bytes, const TBackup* backup, TTime now);
 
 }  // namespace vxsched

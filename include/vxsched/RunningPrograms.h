@@ -8,28 +8,31 @@
 
 namespace vxsched {
 
-// The processes of the system at one moment, for the question which of them a task has started.
-// Looked up in /proc, under no lock and without any effect. Processes of other users are seen only as
-// far as this user may look into them.
+// A snapshot of the system's processes, for finding those that a task has launched. It is read from
+// /proc by the constructor, without locks and without any effect; Find() does not see later changes
+// of the processes. Processes of other users are found only as far as this user may inspect them.
+// Immutable: threads may share one. Do not use it to wait for a program: process ids are reused.
 class CRunningPrograms {
 public:
+    // Reads the command line of every process; does not block. Without /proc it finds none.
     CRunningPrograms();
 
-    // Those that run `program` with exactly the one argument `parameter`, as a start of a task does,
-    // in ascending order: the executable has to be the same file, or, for a script, the
-    // interpreter's last two arguments have to be the script's path and the parameter.
+    // The ids, in ascending order, of the processes that run `program` with the single argument
+    // `parameter`, as the launch of a task does. The executable has to be the same file as
+    // `program`; for a script, the interpreter's last two arguments have to be `program` and
+    // `parameter`. Empty if no process does, or if there is no such program.
     std::vector<pid_t> Find(const std::string& program, const std::string& parameter) const;
 
 private:
     struct TProcess {
         pid_t id;
         std::string program;  // the argument before the last
-        bool hasInterpreter;  // there are more than the two
+        bool hasInterpreter;  // there are more arguments than these two
     };
     std::unordered_multimap<std::string, TProcess> processes;  // by their last argument
 };
 
-// For a single question.
+// Takes a snapshot and searches it. For several searches keep a CRunningPrograms.
 std::vector<pid_t> FindRunning(const std::string& program, const std::string& parameter);
 
 }  // namespace vxsched

@@ -5,25 +5,31 @@
 #include <filesystem>
 #include <optional>
 
+// Finding and waking the process that launches the due tasks of a directory. Any thread may call
+// these functions, with or without locks held; none of them blocks.
 namespace vxsched {
 
-// The process that starts what is due in a directory.
 struct TSchedulingProcess {
     pid_t process;
-    bool sharesStore;  // in this IPC namespace; otherwise its mutex and events are not ours
+    bool sharesStore;  // it runs in this IPC namespace; otherwise its store mutex and events cannot
+                       // be reached from here. True if its namespace cannot be read
 };
 
-// Finds it without any effect: a vxschedd by its lock on files/vxschedd.lock, another host by /proc,
-// as a process that works in the directory and runs the library in several threads; the latter only
-// as far as this user may look into its processes. None when there is none.
+// Finds the scheduling process of `directory`, without any effect: a vxschedd by its lock on
+// files/vxschedd.lock; another host by /proc, as a process that works in the directory, has the
+// add-in mapped and several threads. The latter is found only if this user may inspect it. Empty if
+// there is none. The process may end at any time afterwards.
 std::optional<TSchedulingProcess> FindSchedulingProcess(const std::filesystem::path& directory);
 
-// Has the scheduling process tick now, through its stop event, which stops nothing. During a tick,
-// the next one follows at once. Throws CError (cNoAccess, cFailed).
+// Has the scheduling process of this IPC namespace tick at once, or again right after the tick
+// under way, by signalling its stop event; that stops nothing. Without a scheduling process it has
+// no effect. Throws CError (cNoAccess, cFailed).
 void WakeSchedulingProcess();
 
-// Tells the scheduling process that the table was changed by other means than the library's
-// functions; it reads the file again at its next tick. Throws CError (cNoAccess, cFailed).
+// Has the scheduling process of this IPC namespace read the table again at its next tick. For a
+// table that was written without the add-in's functions, which announce their changes themselves;
+// call it while still holding the store mutex, or a tick may write its own list over the table
+// first. Throws CError (cNoAccess, cFailed).
 void AnnounceChange();
 
 }  // namespace vxsched

@@ -15,98 +15,128 @@
 
 namespace vxsched {
 
-// The objections to pass over, by their names ("missing-program"); only what canBeForced can be.
+// The names of validation errors to ignore ("missing-program", see TValidationError::Name()). Names
+// of errors that cannot be forced have no effect.
 using TForced = std::set<std::string, std::less<>>;
 
 struct TNewTask {
     std::string name;
-    TTime start;
+    TTime due;
     std::uint32_t period = 0;  // hours; 0 runs once
-    std::string program;       // the real one: what cannot be named directly gets a link
-    std::string parameter;
+    std::string program;       // the real path; if the add-in cannot launch it by that path, the
+                               // table gets a link to it in files/programs/
+    std::string parameter;     // the program's single argument
 };
 
-// What an edit changes; what is not named stays as it is.
+// An edit of a task. A member without a value leaves that field as it is.
 struct TEdit {
-    std::optional<TTime> start = {};
+    std::optional<TTime> due = {};
     std::optional<std::uint32_t> period = {};
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
 };
 
-// What came of a start. A program that could not be started throws instead.
+// A launched program. If the launch fails, CError is thrown instead.
 struct TRun {
     pid_t process = 0;
-    std::optional<int> status;  // as waitpid reports it; none when its end was not waited for
+    std::optional<int> status;  // the wait status, as of waitpid(); empty if not waited for
 };
 
-// The tasks of one directory. Reading has no effect on the store. Changing goes through the add-in,
-// in a short-lived process of its own, and only when that harms nobody:
+// The tasks of one directory.
 //
-// - The turn and the store mutex are taken as one more waiter, so that neither a tick nor another
-//   client is cut off.
-// - A table that is damaged or would hang who loads it is left as it is.
-// - While an active task is due, the scheduling process is woken and waited for. Without one,
-//   nothing is changed unless evenIfDue says so; such tasks then stay due, none is removed or moved
-//   on.
-// - The table is read back. When the change could not be finished and has left a damaged table, the
-//   one from before is put back.
-// - A scheduling process is woken, so that the change takes effect at once.
+// Reading has no effect on the store. A change is made through the add-in, in a child process of
+// its own (vxsched-change), so that a hang or crash of the add-in cannot reach the caller. Rules:
 //
-// Every call throws CError; a call that throws has changed nothing unless its text says so.
-// Threads may use an object each.
+// 1. Locks. Each call takes the locks that it needs: the writer lock, then the store mutex, each
+//    with a wait of at most TStoreOptions::lockTimeout. The caller must hold neither. Holders are
+//    waited for, never interrupted, be it a tick or another client.
+// 2. Blocking. Check() and Wake() do not block. Read(), Edited(), CheckResume() and CheckRun() wait
+//    for the store mutex. A change takes at most 2 x lockTimeout, 10 seconds for the add-in and 0.1
+//    seconds for each task named, apart from the wait of rule 3; a child process that takes longer
+//    is killed, and the table is then checked under both locks.
+// 3. Due tasks. While an active task is due, a change first wakes the scheduling process and waits
+//    until it has launched the due tasks: at most lockTimeout without progress and 10 x lockTimeout
+//    in all, and again if other tasks have come due by then. Without a scheduling process the
+//    change throws cNoScheduler, unless TStoreOptions::evenIfDue is set: the due tasks then stay
+//    due.
+// 4. Failure. The calls throw CError, apart from std::bad_alloc. A call that throws has changed
+//    nothing unless its message says so: if the change process fails half-way and leaves a damaged
+//    table, the backup from before the change is restored. cDamaged: the table is damaged, or
+//    loading it would hang a process; it is left as it is. cBusy: a timeout of rules 1 to 3.
+//    cNoAccess: this user may not read or write the store. cNoScheduler: see rule 3, or the
+//    scheduling process runs in another IPC namespace. cFailed: a system call or the add-in failed.
+//    Any call may throw these; cRefused and cNotFound are stated at each function.
+// 5. After a change the table is read back and compared, and the scheduling process is woken, so
+//    that the change takes effect at once.
+// 6. Thread-safety: an object holds only its options; threads may use distinct objects freely, and
+//    share one that none of them assigns to. Calls from several threads or processes take effect
+//    one after the other. The caller may ignore SIGCHLD.
 class CStore {
 public:
     explicit CStore(TStoreOptions storeOptions);
 
-    // See ReadTable(). Programs are as in the table; RealProgram() says what a link leads to.
+    // Reads the table, as ReadTable() does. The programs are as in the table, maybe links.
     TTable Read() const;
 
-    // The process that starts what is due, and what has it look at once. Wake() is false when there
-    // is none.
+    // Wakes the scheduling process, so that it checks for due tasks at once. Returns false if there
+    // is none in this IPC namespace.
     bool Wake() const;
 
-    // What speaks against the task, forced objections left out; empty when Create() would take it.
+    // Validates a task without reading the table. Returns the validation errors that are not in
+    // `forced`; empty if Create() would accept the task.
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
-    // Adds a task, active; with `replace`, in the place of one of that name, which keeps its last
-    // start. Throws cRefused when something speaks against it.
+    // Adds an active task at the end of the table. With `replace` it replaces a task of the same
+    // name in its place and keeps the last launch. A repeating task whose due time is past is
+    // rescheduled to its next one. Returns the entry as it is in the table. Throws cRefused on a
+    // validation error that is not forced, and without `replace` if the name is taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
-    // Changes a task; paused stays paused. The entry as it will be, without and with doing it.
+    // Returns the entry that Edit() would write, without a change. Throws like Edit().
     TTaskEntry Edited(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
+
+    // Changes a task and returns the new entry. A paused task stays paused; if it repeats and its
+    // due time is past, it is rescheduled. A program that is not edited is not validated. If the
+    // task changes meanwhile, the edit is applied to the changed task. Throws cNotFound, cRefused
+    // on a validation error that is not forced, and cBusy if the task keeps changing.
     TTaskEntry Edit(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
-    // Each of these takes all of the names or, when one is unknown, none (cNotFound).
+    // These three change all of the named tasks, or none if a name is unknown (cNotFound).
     void Remove(const std::vector<std::string>& names) const;
     void Pause(const std::vector<std::string>& names) const;
-    // A task that runs once and whose time passed while it was paused would be removed unrun:
-    // refused, unless "past-start" is forced.
+    // A task that runs once and whose due time passed while it was paused would be removed without
+    // a run. Throws cRefused for such a task, unless "past-due" is forced. A repeating one is
+    // rescheduled.
     void Resume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
-    // Throws what Resume() would now.
+    // Throws what Resume() would throw now, without a change.
     void CheckResume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
-    // Gives a task another period, counted on from its last time on the grid; the entry afterwards.
-    // A period of 0 keeps the next start and makes it the only one.
+    // Changes a task's period to `hours`, counted on from its previous due time, and returns the
+    // new entry. 0 keeps the next due time and makes the task run once. Throws cNotFound, and
+    // cRefused on a validation error that is not forced or, with evenIfDue, if the active task is
+    // due itself.
     TTaskEntry SetPeriod(std::string_view name, std::uint32_t hours,
                          const TForced& forced = {}) const;
 
-    // Starts the task's program now, outside the schedule; a paused one, too. Throws cRefused when
-    // it is running already, unless `force`. With `waitForEnd` the program's end is waited for,
-    // without limit; `onStart` is told its process before that, and must not
-    // throw. A program that is not waited for has /dev/null as its output.
+    // Launches the task's program now, outside the schedule, also if the task is paused; the next
+    // due time stays. Without `waitForEnd` the program's output goes to /dev/null; with it the
+    // program inherits the caller's, and the call waits for its end without limit. `onLaunch`, if
+    // set, is called with the process id right after the launch, on the calling thread; it must not
+    // throw. Throws cNotFound, cRefused if the program cannot be launched as it is named or,
+    // without `force`, if it is still running, and cFailed if the launch failed.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
              const std::function<void(pid_t)>& onLaunch = {}) const;
 
-    // Throws what Run() would now.
+    // Throws what Run() would throw now, without a launch.
     void CheckRun(std::string_view name, bool force) const;
 
-    // Makes `tasks` the whole table, not through the add-in but by replacing the file under the
-    // mutex, and tells the scheduling process. What was there is kept as the copy from before, if it
-    // was a table.
-    // `canReplace` looks at the bytes that are there, and throws to leave them. Objections are not
-    // looked for: that is for who puts the tasks together.
+    // Replaces the whole table by `tasks` in one step, and announces the change to the scheduling
+    // process. Not through the add-in: the file is replaced under the writer lock and the store
+    // mutex (waits of rule 1), due tasks are not waited for, and the tasks are not validated, which
+    // is up to the caller. The previous table becomes the backup, unless it was damaged.
+    // `canReplace`, if set, is called with the previous bytes while both locks are held; an
+    // exception that it throws leaves the table as it is and passes to the caller.
     void ReplaceAll(const std::vector<TTaskEntry>& tasks,
                     const std::function<void(const std::string& bytes)>& canReplace = {}) const;
 

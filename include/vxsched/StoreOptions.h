@@ -7,11 +7,17 @@
 namespace vxsched {
 
 struct TStoreOptions {
-    std::filesystem::path directory = ".";  // the scheduling process's working directory
-    std::chrono::milliseconds lockTimeout = std::chrono::seconds(60);  // for whatever is waited for
-    // Go on when tasks are due and no scheduling process is there to start them; they stay due.
+    // The scheduling process's working directory, which has the directory "files". A relative path
+    // is resolved at each call.
+    std::filesystem::path directory = ".";
+    // How long to wait for each lock, and for the scheduling process to make progress; from 0 to
+    // ten days.
+    std::chrono::milliseconds lockTimeout = std::chrono::seconds(60);
+    // Make changes although tasks are due and there is no scheduling process to launch them. The
+    // due tasks stay due.
     bool evenIfDue = false;
-    std::string addIn = {};  // path of the add-in's library; empty: the one beside this library
+    // Path of the add-in's library; empty: libVantrixScheduler.so in the directory of this library.
+    std::string addIn = {};
 };
 
 }  // namespace vxsched

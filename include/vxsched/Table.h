@@ -8,68 +8,74 @@
 #include <string_view>
 #include <vector>
 
+// The table of tasks: reading it without any effect, and its bytes. docs/table-file.md describes
+// the format. Any thread may call these functions; the structs are plain values.
 namespace vxsched {
 
 using TTime = std::chrono::sys_seconds;
 
-// The time by the clock that the scheduler reads. Other clocks may already be in the next second.
+// The time by the coarse system clock, which the scheduler reads. It may lag behind other clocks by
+// a few milliseconds, so that those are already in the next second.
 TTime Now();
 
-// One task as the table holds it.
+// One task as the table holds it. Strings may contain any byte.
 struct TTaskEntry {
     std::string name;
-    TTime next;
-    TTime last;                // the beginning of 1970: never
+    TTime next;                // the next due time
+    TTime last;                // the last launch; the epoch: never
     std::uint32_t period = 0;  // hours; 0 runs once
-    std::string program;
-    std::string parameter;
+    std::string program;       // as in the table: maybe a link, see CStore
+    std::string parameter;     // the program's single argument
     bool paused = false;
 
     bool operator==(const TTaskEntry&) const = default;
 };
 
-// Something in a table that can be read and yet does harm, or is not as the add-in writes it.
+// A finding in a table that can be read to its end.
 struct TProblem {
     enum EKind {
-        cEndless,  // a process that loads the library would never come back: a step of zero
-        cSlow,     // it would catch up for more than a second
-        cUnusual,  // harmless: trailing bytes, a pause flag other than 0 and 1, a name twice, a name
-                   // with a zero byte
+        cEndless,  // a process that loads the add-in would hang: a step of zero
+        cSlow,     // a process that loads the add-in would catch up for more than a second
+        cUnusual,  // harmless: trailing bytes, a pause flag other than 0 and 1, a duplicate name, a
+                   // name with a zero byte
     };
     EKind kind;
-    std::size_t offset;  // in the file
-    std::string text;
+    std::size_t offset;   // in the file, in bytes
+    std::string message;  // for a person; without the offset
 };
 
 struct TTable {
     std::vector<TTaskEntry> tasks;  // in the order of the file
     std::vector<TProblem> problems;
 
-    // True when a process that loads the library is not the worse for it.
+    // False if loading the add-in would hang or slow down a process: there is a problem other than
+    // cUnusual.
     bool IsSafeToLoad() const;
 
-    // The first task of that name, which is the one that the library's functions find; null when
-    // there is none. Valid as long as the table is not changed.
+    // The first task of that name, which is the one that the add-in's functions find; null if there
+    // is none. The table owns it; the pointer is valid until `tasks` changes.
     const TTaskEntry* Find(std::string_view name) const;
 };
 
-// Reads a table from its bytes; `now` is what past starts would be caught up with. Throws
-// CError (cDamaged) that says what is wrong at which offset when the bytes are not a table:
-// the add-in would reset such a file to an empty table.
+// Decodes a table; `now` decides which due times are past. Throws CError (cDamaged), with what is
+// wrong at which offset, for bytes that end within the table: the add-in would reset such a file to
+// an empty table. Bytes after the last task are a problem (cUnusual), not an error.
 TTable DecodeTable(std::string_view bytes, TTime now);
 
-// The bytes of a table as the add-in writes them.
+// Encodes a table as the add-in writes it. Never fails; DecodeTable() is its inverse.
 std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
 
-// Reads the table of a working directory without any effect: the file is opened for reading only,
-// the store mutex is taken as a waiter if there is a store, and the library is not loaded. A missing
-// file is an empty table. Throws CError: cBusy, cDamaged, or cNoAccess or cFailed when the
-// directory or the file cannot be read.
+// Reads the table of a working directory, without any effect: the file is opened for reading only
+// and the add-in is not loaded. A missing file is an empty table. Holds the store mutex while it
+// reads the file, if there is one; waits for it for at most `lockTimeout`. Do not call it while
+// holding the store mutex. Throws CError: cBusy if the mutex stays held, cDamaged, cNoAccess or
+// cFailed if the directory or the file cannot be read.
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
 
-// The bytes of a working directory's table, for somebody who keeps its writers out: who holds the
-// store mutex, or is a part of the tick that does. A missing file is an empty table. Throws
-// CError (cNoAccess, cFailed) when the file cannot be read, or is a pipe or a device.
+// Reads the bytes of a working directory's table, also damaged ones. Takes no lock: the caller
+// holds the store mutex, or runs as part of the tick that holds it. Does not block, not even on a
+// FIFO in place of the file. A missing file is an empty table (8 zero bytes). Throws CError
+// (cNoAccess, cFailed) if the file cannot be read, is larger than 1 GiB, or is a FIFO or a device.
 std::string ReadTableBytes(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -6,50 +6,54 @@
 
 #include <vxsched/Table.h>
 
+// Validating a task before it gets into the table. Any thread may call these functions; they take
+// no lock, change nothing and do not fail.
 namespace vxsched {
 
 // A reason not to put a task into the table.
 struct TValidationError {
     enum EKind {
         cEmptyName,
-        cZeroByte,           // in a text: calls and programs see it cut off there
-        cNoProgram,          // the path names nothing
-        cRelativePath,       // it would be looked up in the scheduling process's directory
-        cPathTooLong,        // beyond what the system opens
-        cNotExecutable,      // or not a file
-        cMissingProgram,     // nothing is there
-        cAlteredPath,        // the start would cut characters off its end
-        cAbortingExtension,  // the start would abort the scheduling process
-        cEndlessPeriod,      // a step of zero: the first late start would hang the store
-        cTooFarBack,         // a load would catch up with the start for more than a second
-        cWrappedPeriod,      // the step is not the period
-        cPastDue,            // of a task that runs once
+        cZeroByte,           // in a string: calls and programs would see it cut off there
+        cNoProgram,          // the path is empty
+        cRelativePath,       // it would be resolved in the scheduling process's directory
+        cPathTooLong,        // PATH_MAX bytes or more
+        cNotExecutable,      // not a regular file, or not executable by this user
+        cMissingProgram,     // there is no such file
+        cAlteredPath,        // the launch would cut characters off the end of the path
+        cAbortingExtension,  // the launch would abort the scheduling process
+        cEndlessPeriod,      // the step is zero: once late, the task would hang the store
+        cTooFarBack,         // loading the add-in would catch up for more than a second
+        cWrappedPeriod,      // the period in seconds exceeds 32 bits, so the step is another
+        cPastDue,            // the due time of a task that runs once is past
     };
     EKind kind;
-    bool canBeForced;  // unwise, but nobody else is harmed
-    std::string text;  // what is wrong, with which input, and what to do
+    bool canBeForced;     // unwise for the task itself, harmless for everything else
+    std::string message;  // for a person: what is wrong, with which input, and what to do
 
-    // The name by which it is forced: "missing-program".
+    // The name for TForced, --force and reports: "missing-program". Points to static memory.
     std::string_view Name() const;
 
-    // It is about the program, and not about the name, the start or the period.
+    // True if it concerns the program, and not the name, the strings, the due time or the period.
     bool IsAboutProgram() const;
 };
 
-// The path that a start makes of a task's program: every '.', 'e' and 'x' at its end is cut off.
+// The path that the add-in launches for a task's program: every '.', 'e' and 'x' at its end is cut
+// off.
 std::string LaunchedPath(std::string_view program);
 
-// Whether the start of a program ends the scheduling process: it does for an extension other than .exe.
+// True if launching `program` would abort the scheduling process: its extension is not ".exe".
 bool AbortsLaunch(const std::string& program);
 
-// How a task's program is started.
+// How the table will refer to a task's program.
 enum class EProgram {
-    cAsNamed,
-    cThroughLink,  // with a safe name, so that the program's own does not matter
+    cAsNamed,      // by its own path
+    cThroughLink,  // by a link with a safe name, so that its own name is not checked
 };
 
-// All that speaks against the task, the worst first; empty when it is sound. Looks at the file
-// system (whether the program is there and may be executed by this user) and changes nothing.
+// Validates a task as of `now`: its strings, program, period and due time. Returns the errors that
+// cannot be forced first; empty if the task is valid. Inspects the program in the file system with
+// this process's permissions and working directory, which may differ from the scheduling process's.
 std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,
                                        EProgram how = EProgram::cAsNamed);
 

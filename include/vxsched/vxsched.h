@@ -1,9 +1,24 @@
-/* The client library for C, and for whatever calls C: the tasks of one directory, read without any
-   effect and changed without harming the scheduling process or other clients. CStore.h says how.
+/* The client library for C: the tasks of one directory, read without any effect and changed without
+   harm to the scheduling process or other clients. Conventions:
 
-   Names and all other texts are zero-terminated bytes. Times are seconds since the epoch, periods
-   whole hours (0 runs once). Every function that can fail returns a vxsched_error; the text that goes
-   with it is vxsched_message(). A store is for one thread at a time. */
+   1. Strings are bytes that end with a zero. The functions copy what they are given; a null pointer
+      is the empty string. Strings that they hand out are the library's and are valid as long as
+      stated.
+   2. Times are seconds since the epoch, periods whole hours (0 runs once), timeouts milliseconds.
+   3. A function that can fail returns a vxsched_error; vxsched_message() then has the message, for
+      a person. A call that fails has changed nothing unless its message says so.
+   4. Any function but vxsched_open(), vxsched_close(), vxsched_message() and
+      vxsched_set_lock_timeout() may return VXSCHED_NO_ACCESS or VXSCHED_FAILED, and any of them but
+      vxsched_wake() VXSCHED_BUSY or VXSCHED_DAMAGED. Other errors are stated at each function.
+   5. A change waits for the writer lock and the store mutex, for at most the lock timeout each; the
+      caller must hold neither. While an active task is due, it first wakes the scheduling process
+      and waits until that has launched the due tasks, at most the lock timeout without progress and
+      ten times that in all; without a scheduling process in this IPC namespace it returns
+      VXSCHED_NO_SCHEDULER. Changes are made in a child process, which is killed if it takes longer
+      than twice the lock timeout and 10 seconds.
+   6. A vxsched_store is for one thread at a time; threads may use distinct ones at the same time.
+      `store` must not be null. It holds no lock, file or memory of the table between calls.
+   7. No exception leaves these functions. They install no signal handler. */
 #ifndef VXSCHED_H
 #define VXSCHED_H
 
@@ -16,60 +31,83 @@ extern "C" {
 #endif
 
 /* NOLINTBEGIN(modernize-use-using): C has no other way. */
+/* 0 to 6 are the exit statuses of the command vxsched as well; 2 is its own, for a usage error. */
 typedef enum vxsched_error {
     VXSCHED_DONE = 0,
-    VXSCHED_REFUSED = 1,      /* something speaks against the change; nothing was changed */
-    VXSCHED_NOT_FOUND = 3,    /* there is no task of that name */
-    VXSCHED_NO_ACCESS = 4,    /* this user may not */
-    VXSCHED_DAMAGED = 5,      /* the table is damaged, or would harm who loads it */
-    VXSCHED_NO_SCHEDULER = 6, /* tasks are due and there is no scheduling process to start them */
-    VXSCHED_BUSY = 7,         /* somebody else was at it for too long; nothing was changed */
-    VXSCHED_FAILED = 8        /* the system refused something, or memory ran out */
+    VXSCHED_REFUSED = 1,      /* a validation error, or the state of the task forbids the change */
+    VXSCHED_NOT_FOUND = 3,    /* the table has no task of that name */
+    VXSCHED_NO_ACCESS = 4,    /* this user lacks the permission */
+    VXSCHED_DAMAGED = 5,      /* the table is damaged, or loading it would hang a process */
+    VXSCHED_NO_SCHEDULER = 6, /* the call needs a scheduling process, and there is none in reach */
+    VXSCHED_BUSY = 7,         /* a wait exceeded the lock timeout */
+    VXSCHED_FAILED = 8        /* a system call or the add-in failed, or memory ran out */
 } vxsched_error;
 
 typedef struct vxsched_store vxsched_store;
 
 typedef struct vxsched_task {
-    const char* name;
-    int64_t next;
-    int64_t last; /* 0: never */
+    const char* name; /* compared byte for byte */
+    int64_t next;     /* the next due time */
+    int64_t last;     /* the last launch; 0: never */
     uint32_t period;
-    const char* program;
-    const char* parameter;
+    const char* program;   /* an absolute path */
+    const char* parameter; /* the program's single argument */
     bool paused;
 } vxsched_task;
 /* NOLINTEND(modernize-use-using) */
 
-/* The tasks of `directory`, the scheduling process's working directory. Nothing is opened yet. NULL
-   when memory runs out. vxsched_close() frees it; NULL is allowed there. */
+/* Makes a store for `directory`, the scheduling process's working directory. Opens no file: a
+   missing directory is an error of later calls. The caller frees it with vxsched_close(). NULL if
+   memory runs out. */
 vxsched_store* vxsched_open(const char* directory);
+
+/* Frees the store and its message. NULL is allowed. */
 void vxsched_close(vxsched_store* store);
 
-/* What the last call had to say when it failed, for a person; empty when it did not. Valid until the
-   next call with this store. */
+/* The message of the last call with this store: what failed, why, and what to do; empty if it
+   succeeded. Never NULL. Valid until the next call with this store. */
 const char* vxsched_message(const vxsched_store* store);
 
-/* How long the calls wait for others, in milliseconds; 10000 at first. */
+/* Sets how long later calls wait for each lock and for the scheduling process, in milliseconds;
+   60000 at first. From 0 to 1000000000. */
 void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds);
 
-/* Calls `each` for every task in the order of the table, until it returns false. The texts are valid
-   during that call only; a text with a zero byte in it is seen up to there. */
+/* Reads the table and calls `each` for every task, in the order of the table, until it returns
+   false. No lock is held meanwhile. The task and its strings are valid during that call only; a
+   string that holds a zero byte ends there. `context` is handed on as it is. A missing table has no
+   tasks. */
 vxsched_error vxsched_list(vxsched_store* store, bool (*each)(const vxsched_task*, void* context),
                            void* context);
 
-/* Adds a task, active; `last` and `paused` are not looked at. With `replace`, in the place of one of
-   that name. */
+/* Adds an active task; `last` and `paused` are ignored. With `replace` it replaces a task of the
+   same name and keeps its last launch. VXSCHED_REFUSED on a validation error, and without `replace`
+   if the name is taken. */
 vxsched_error vxsched_create(vxsched_store* store, const vxsched_task* task, bool replace);
+
+/* VXSCHED_NOT_FOUND if there is no such task. */
 vxsched_error vxsched_remove(vxsched_store* store, const char* name);
+
+/* VXSCHED_NOT_FOUND if there is no such task. */
 vxsched_error vxsched_pause(vxsched_store* store, const char* name);
+
+/* A repeating task whose due time passed while it was paused is rescheduled; one that runs once is
+   refused (VXSCHED_REFUSED), since it would be removed without a run. VXSCHED_NOT_FOUND if there is
+   no such task. */
 vxsched_error vxsched_resume(vxsched_store* store, const char* name);
+
+/* Changes the period, counted on from the task's previous due time; 0 keeps the next due time and
+   makes the task run once. VXSCHED_REFUSED on a validation error, VXSCHED_NOT_FOUND if there is no
+   such task. */
 vxsched_error vxsched_set_period(vxsched_store* store, const char* name, uint32_t hours);
 
-/* Starts the task's program now, outside the schedule. Refused while it runs, unless `force`. Its
-   process goes to `process` unless that is NULL. */
+/* Launches the task's program now, outside the schedule, with its output to /dev/null; does not
+   wait for its end. On success its process id is stored in `*process`, unless that is NULL.
+   VXSCHED_REFUSED if the program cannot be launched as it is named or, without `force`, if it is
+   still running; VXSCHED_NOT_FOUND if there is no such task. */
 vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force, pid_t* process);
 
-/* Has the scheduling process look at once; VXSCHED_NO_SCHEDULER when there is none. */
+/* Wakes the scheduling process, so that it checks for due tasks at once. Does not block.
+   VXSCHED_NO_SCHEDULER if there is none. */
 vxsched_error vxsched_wake(vxsched_store* store);
 
 #ifdef __cplusplus

@@ -1,5 +1,4 @@
-// The worker thread and the add-in interface: start, stop, the stop event, and what destruction
-// does.
+// The worker thread and the add-in interface: Start(), Stop(), the stop event and destruction.
 
 #include <CEvent.h>
 #include <addin/CAddInInterface.h>
@@ -23,14 +22,17 @@
 
 static constexpr char cName[] = "a worker";
 
-// ---- Thread calls come through here -----------------------------------------------------------
+// ---- Interposed thread calls ------------------------------------------------------------------
+
+// Called by CThread, on the test's thread or on the worker. They record the call and pass it on to
+// libc, except that pthread_create returns gCreateResult if that is not 0.
 
 static std::vector<std::string> gCalls;
 static int gCreateResult = 0;
 static int gDetachState = -1;
 
 template <typename Function>
-static Function* SystemsOwn(const char* name) {
+static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -41,18 +43,18 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
         pthread_attr_getdetachstate(attributes, &gDetachState);
     if (gCreateResult != 0)
         return gCreateResult;
-    return SystemsOwn<decltype(pthread_create)>("pthread_create")(thread, attributes, entry,
-                                                                  argument);
+    return NextDefinition<decltype(pthread_create)>("pthread_create")(thread, attributes, entry,
+                                                                      argument);
 }
 
 extern "C" int pthread_join(pthread_t thread, void** result) {
     gCalls.emplace_back("join");
-    return SystemsOwn<decltype(pthread_join)>("pthread_join")(thread, result);
+    return NextDefinition<decltype(pthread_join)>("pthread_join")(thread, result);
 }
 
-#ifndef __SANITIZE_THREAD__  // which makes such calls of its own before this program is set up
-// Calls about each object's attributes, with what else is there at that moment; noted while it is
-// not null. (A sanitizer has attributes of its own.)
+#ifndef __SANITIZE_THREAD__  // its runtime makes these calls before this program is initialised
+// Records the calls on thread attributes while it is not null, each with whether the event exists
+// at that moment. (A sanitizer has attributes of its own.)
 static std::multimap<const pthread_attr_t*, std::string>* gAttributeCalls = nullptr;
 static const std::atomic<bool>* gRunning = nullptr;
 
@@ -65,17 +67,18 @@ static void NoteAttributeCall(const pthread_attr_t* attributes, const std::strin
 
 extern "C" int pthread_attr_init(pthread_attr_t* attributes) noexcept {
     NoteAttributeCall(attributes, "init");
-    return SystemsOwn<int(pthread_attr_t*)>("pthread_attr_init")(attributes);
+    return NextDefinition<int(pthread_attr_t*)>("pthread_attr_init")(attributes);
 }
 
 extern "C" int pthread_attr_setdetachstate(pthread_attr_t* attributes, int state) noexcept {
     NoteAttributeCall(attributes, state == PTHREAD_CREATE_JOINABLE ? "joinable" : "detached");
-    return SystemsOwn<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate")(attributes, state);
+    return NextDefinition<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate")(attributes,
+                                                                                    state);
 }
 
 extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
     NoteAttributeCall(attributes, "destroy");
-    return SystemsOwn<int(pthread_attr_t*)>("pthread_attr_destroy")(attributes);
+    return NextDefinition<int(pthread_attr_t*)>("pthread_attr_destroy")(attributes);
 }
 #endif
 
@@ -154,7 +157,7 @@ TEST(Thread, FailedStartReturnsTheErrorAndIsNotTriedAgain) {
     gCreateResult = 0;
     EXPECT_EQ(worker.Start(), 1);
     EXPECT_EQ(TakeCalls(), TCalls({"create"}));
-    // Marked running without a thread, it must not be destroyed as such: there is nothing to join.
+    // It is flagged as running but has no thread: its destructor would join an unset one.
     worker.running = false;
 }
 
@@ -204,7 +207,7 @@ TEST(Thread, StartAfterStopRunsAWorkerThatEndsAtOnceAndIsNeverStopped) {
     EXPECT_TRUE(worker.running);
 }
 
-// Has nothing of its own: the base stops the worker when the derived part is gone.
+// Has no members: the base destructor stops the worker after the derived part is destroyed.
 class CBareWorker : public CThread {
 public:
     CBareWorker() : CThread(cName) {}
@@ -293,7 +296,7 @@ TEST(Thread, VirtualOperationsStandInTheirOrder) {
     worker.body = [](CWorker&) {};
     CThread* const object = &worker;
     void** const table = *reinterpret_cast<void***>(object);
-    // Behind the destructor's two entries.
+    // After the destructor's two entries.
     const auto start = reinterpret_cast<int (*)(CThread*)>(table[2]);
     const auto run = reinterpret_cast<void (*)(CThread*)>(table[3]);
     const auto stop = reinterpret_cast<void (*)(CThread*)>(table[4]);

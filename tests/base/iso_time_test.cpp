@@ -1,4 +1,4 @@
-// Times in ISO 8601, as they are written to logs and records and read back.
+// Formatting and parsing of ISO 8601 times for logs and records.
 
 #include <gtest/gtest.h>
 #include "base/IsoTime.h"

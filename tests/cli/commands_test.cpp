@@ -1,5 +1,5 @@
-// vxsched, the real command: history, repair, checks, status and completion, and where and as whom it
-// runs.
+// Runs the command vxsched: history, repair, check, status, completion, the choice of the
+// directory, and missing permissions.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,25 +26,25 @@ using testing::HasSubstr;
 
 // ---- History ----------------------------------------------------------------------------------
 
-TEST_F(Cli, HistoryIsEmptyWhereNoHostKeptOne) {
+TEST_F(Cli, HistoryIsEmptyWithoutAHistoryFile) {
     EXPECT_THAT(Output({"history"}), HasSubstr("\n0 records\n"));
     EXPECT_THAT(Output({"history", "--json"}), HasSubstr("\"runs\": []"));
 }
 
-TEST_F(Cli, HistoryLeavesOutWhatIsNoRecordAndSaysSo) {
+TEST_F(Cli, HistorySkipsAndReportsLinesThatAreNotRecords) {
     WriteShowcase();
     std::string lines = ReadFile(cHistory);
     const std::string other = R"({"version":2,"outcome":"exited","name":"backup"})";
     WriteFile(cHistory, "{\"version\":1,\"outc\n" + other + "\n[]\n\n" + lines +
-                            R"({"version":1,"outcome":"being writ)");
+                            R"({"version":1,"outcome":"incompl)");
     const TToolRun run = RunTool({"history"});
     EXPECT_EQ(run.status, 0);
     EXPECT_THAT(run.output, HasSubstr("\n7 records\n"));
     for (const char* number : {"1", "2", "3", "4"})
         EXPECT_THAT(run.error, HasSubstr(std::string("vxsched: line ") + number +
-                                         " of ./files/history.jsonl is no record of a run"));
+                                         " of ./files/history.jsonl is not a record of a run"));
     EXPECT_THAT(run.error, testing::Not(HasSubstr("line 12")));
-    EXPECT_EQ(RunTool({"show", "backup"}).error, "") << "a record more or less is not its matter";
+    EXPECT_EQ(RunTool({"show", "backup"}).error, "") << "show does not report invalid lines";
 }
 
 TEST_F(Cli, HistoryFindsNamesThatAreNotUnicodeAsTheyWereRecorded) {
@@ -57,7 +57,7 @@ TEST_F(Cli, HistoryThatMayNotBeReadIsStatusFour) {
     ExpectRefused(4, "cannot read ./files/history.jsonl", {"history"});
     fs::remove(cHistory);
     ASSERT_EQ(mkfifo(cHistory, 0644), 0);
-    ExpectRefused(4, "cannot read ./files/history.jsonl: it is no file", {"history"});
+    ExpectRefused(4, "cannot read ./files/history.jsonl: it is not a file", {"history"});
 }
 
 // ---- Repair, checks and completion ------------------------------------------------------------
@@ -93,26 +93,26 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     EXPECT_THAT(output, HasSubstr("damaged at offset"));
     EXPECT_THAT(output, HasSubstr("kept \"first\" from the damaged table"));
     EXPECT_EQ(NamesInTable(), "first");
-    const std::string aside = output.substr(output.find("files/scheduler.dat.damaged"));
-    EXPECT_EQ(ReadFile(aside.substr(0, aside.find('\n'))), damaged);
+    const std::string quarantined = output.substr(output.find("files/scheduler.dat.damaged"));
+    EXPECT_EQ(ReadFile(quarantined.substr(0, quarantined.find('\n'))), damaged);
 }
 
-TEST_F(Cli, RepairFillsInFromTheCopyFromBefore) {
+TEST_F(Cli, RepairTakesLostTasksFromTheBackup) {
     for (const char* const name : {"a", "b", "c"})
         Output({"create", name, "--at", "in 1h", "--", cRecorder});
     Output({"pause", "a"});
-    const std::string whole = ReadFile(cTable);
-    WriteFile(cTable, whole.substr(0, whole.size() / 2));
+    const std::string intact = ReadFile(cTable);
+    WriteFile(cTable, intact.substr(0, intact.size() / 2));
     const std::string output = Output({"repair"});
     EXPECT_THAT(output, HasSubstr("kept \"c\" from scheduler.dat.before"));
-    EXPECT_EQ(ReadFile(cTable), whole);
+    EXPECT_EQ(ReadFile(cTable), intact);
 }
 
-TEST_F(Cli, CheckNamesWhatIsWrongAndWhere) {
+TEST_F(Cli, CheckReportsProblemsAndTheirOffsets) {
     WriteTable({{"script", std::time(nullptr) + cDay, 0, 24, "/opt/no.sh", "", 0}});
-    const TToolRun unsound = RunTool({"check"});
-    EXPECT_EQ(unsound.status, 0);
-    EXPECT_THAT(unsound.output, HasSubstr("aborting-extension: task \"script\""));
+    const TToolRun unsafe = RunTool({"check"});
+    EXPECT_EQ(unsafe.status, 0);
+    EXPECT_THAT(unsafe.output, HasSubstr("aborting-extension: task \"script\""));
     WriteTable({{"endless", 5, 0, 268435456, cRecorder, "", 1}});
     const TToolRun harmful = RunTool({"check"});
     EXPECT_EQ(harmful.status, 5);
@@ -122,10 +122,10 @@ TEST_F(Cli, CheckNamesWhatIsWrongAndWhere) {
     EXPECT_EQ(RunTool({"check"}).status, 0);
     WriteFile("other", "abc");
     EXPECT_EQ(RunTool({"check", "other"}).status, 5);
-    ExpectRefused(1, "no file", {"check", "no such file"});
+    ExpectRefused(1, ": there is no such file", {"check", "no such file"});
 }
 
-// A task's name is nobody's command.
+// The names of tasks may contain shell syntax.
 TEST_F(Cli, CompletionOffersNamesAndRunsNothing) {
     TRow row = Later("$(touch ran)");
     WriteTable({row, Later("back up"), Later("backup")});
@@ -139,7 +139,7 @@ COMP_WORDS=(vxsched re); COMP_CWORD=1; _vxsched; printf '%s
 ' "${COMPREPLY[@]}"
 )script");
     CProgram bash({"/bin/bash", "script"});
-    bash.WaitForOutput("never said");
+    bash.WaitForOutput("never printed");
     EXPECT_EQ(bash.Wait(), 0);
     EXPECT_EQ(bash.Output(), R"(\$\(touch\ ran\)
 back\ up
@@ -153,7 +153,7 @@ repair
     EXPECT_FALSE(fs::exists("ran"));
 }
 
-// ---- Where and who ----------------------------------------------------------------------------
+// ---- Directory and permissions ----------------------------------------------------------------
 
 TEST_F(Cli, DirectoryComesFromTheOptionOrTheEnvironment) {
     WriteTable({Later("here")});
@@ -167,7 +167,7 @@ TEST_F(Cli, DirectoryComesFromTheOptionOrTheEnvironment) {
     EXPECT_EQ(empty.status, 0);
     EXPECT_THAT(empty.error, HasSubstr("no host has run in ."));
     ExpectRefused(1, "no directory", {"--directory", "nowhere", "list"});
-    ExpectRefused(1, "no folder", {"create", "a", "--at", "in 1h", "--", cRecorder});
+    ExpectRefused(1, "no directory", {"create", "a", "--at", "in 1h", "--", cRecorder});
     fs::current_path(here);
 }
 
@@ -205,7 +205,7 @@ TEST_F(Cli, NoAccessIsStatusFour) {
     EXPECT_EQ(child.Wait(), 42);
 }
 
-TEST_F(Cli, StatusTellsOfTheSchedulingProcessAndTheMutex) {
+TEST_F(Cli, StatusShowsTheSchedulingProcessAndTheMutex) {
     CHost host;
     WaitUntil([&] {
         const TToolRun run = RunTool({"status"});
@@ -218,11 +218,11 @@ TEST_F(Cli, StatusTellsOfTheSchedulingProcessAndTheMutex) {
     sembuf raise{.sem_num = 0, .sem_op = 1, .sem_flg = 0};
     WaitUntil(WorkerIsIdle);
     semop(semget(cStoreKey, 1, 0), &raise, 1);
-    EXPECT_THAT(Output({"status"}), HasSubstr("lets 2 in at once"));
+    EXPECT_THAT(Output({"status"}), HasSubstr("its value is 2"));
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST_F(Cli, ShowSaysWhyATaskIsNotRunning) {
+TEST_F(Cli, ShowReportsWhyATaskIsNotRunning) {
     WriteTable({{"missing", std::time(nullptr) + cDay, 0, 24, "/no/such", "", 0},
                 {"paused", std::time(nullptr) + cDay, 0, 24, cRecorder, "", 1},
                 Later("alone"),
@@ -232,11 +232,11 @@ TEST_F(Cli, ShowSaysWhyATaskIsNotRunning) {
     EXPECT_THAT(Output({"show", "alone"}), HasSubstr("no scheduling process"));
     EXPECT_THAT(Output({"show", "overdue"}), HasSubstr("State        overdue"));
     CHost host;
-    EXPECT_THAT(Output({"show", "alone"}), HasSubstr("waits for its time"));
+    EXPECT_THAT(Output({"show", "alone"}), HasSubstr("it is not due until"));
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST_F(Cli, SchedulingProcessOfAnotherNamespaceIsSaid) {
+TEST_F(Cli, SchedulingProcessOfAnotherNamespaceIsReported) {
     CHost host;
     CForkedChild child([] {
         if (unshare(CLONE_NEWIPC) != 0)

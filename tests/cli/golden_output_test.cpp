@@ -1,5 +1,5 @@
-// What vxsched, the real command, writes: each output mode beside files of what is expected, on a
-// terminal and not.
+// Compares the output of the command vxsched in every output mode, on a terminal and elsewhere,
+// with the files in golden/.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,8 @@
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-// UPDATE_GOLDEN=1 writes them anew, to be read through before they are committed.
+// With UPDATE_GOLDEN=1 in the environment it rewrites the files. Review the changes before a
+// commit.
 static void ExpectGolden(const std::string& name, const std::string& actual) {
     const std::string path = std::string(GOLDEN) + '/' + name;
     if (std::getenv("UPDATE_GOLDEN") != nullptr)
@@ -32,6 +34,11 @@ struct TGolden {
     std::vector<std::string> arguments;
     int status = 0;
 };
+
+// Without it the test names in ctest would contain addresses.
+static void PrintTo(const TGolden& golden, std::ostream* stream) {
+    *stream << golden.file;
+}
 
 class CliGolden : public Cli, public testing::WithParamInterface<TGolden> {};
 
@@ -69,7 +76,7 @@ static const TGolden cGolden[] = {
     {"check", {"check"}},
     {"check-json", {"check", "--json"}},
     {"export", {"export"}},
-    {"repair-sound", {"repair"}},
+    {"repair-valid", {"repair"}},
     {"completion-bash", {"completion", "bash"}},
     {"completion-zsh", {"completion", "zsh"}},
     {"completion-fish", {"completion", "fish"}},

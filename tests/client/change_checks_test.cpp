@@ -1,5 +1,5 @@
-// What a change is refused for before anything is loaded: the task, the table, access, and what a load
-// would harm.
+// Reasons to refuse a change before the add-in is loaded: the task, the table, permissions, and
+// harm that the load would do.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -22,14 +22,14 @@ using namespace std::chrono_literals;
 using namespace vxsched;
 namespace fs = std::filesystem;
 
-TEST_F(ClientStore, WhatSpeaksAgainstATaskIsRefusedAndNamed) {
+TEST_F(ClientStore, ValidationErrorsAreRefusedByName) {
     ErrorOf(EError::cRefused, [&] { store.Create(Task(""), false); });
     ErrorOf(EError::cRefused, [&] { store.Create(Task("a", In(-1s), 0), false); });
     ErrorOf(EError::cRefused, [&] { store.Create(Task("a", In(1h), 268435456), false); });
     TNewTask missing = Task("a");
     missing.program = "/no/such/program";
-    const std::string text = ErrorOf(EError::cRefused, [&] { store.Create(missing, false); });
-    EXPECT_NE(text.find("force \"missing-program\""), std::string::npos) << text;
+    const std::string message = ErrorOf(EError::cRefused, [&] { store.Create(missing, false); });
+    EXPECT_NE(message.find("force \"missing-program\""), std::string::npos) << message;
     EXPECT_FALSE(fs::exists(cTable));
     store.Create(missing, false, {"missing-program"});
     EXPECT_EQ(NamesInTable(), "a");
@@ -69,15 +69,15 @@ TEST_F(ClientStore, PausedTasksOfThePastStayAsTheyAre) {
     EXPECT_EQ(after, rows);
 }
 
-TEST_F(ClientStore, DueTasksWithoutASchedulingProcessNeedAWish) {
+TEST_F(ClientStore, DueTasksWithoutASchedulingProcessNeedEvenIfDue) {
     const std::int64_t past = Seconds(In(-10h));
     const TRows rows = {{"once", past, 0, 0, cRecorder, "", 0},
                         {"often", past, 5, 3, cRecorder, "", 0}};
     WriteTable(rows);
     ExpectKept([&] {
-        const std::string text =
+        const std::string message =
             ErrorOf(EError::cNoScheduler, [&] { store.Create(Task("new"), false); });
-        EXPECT_NE(text.find("\"once\""), std::string::npos) << text;
+        EXPECT_NE(message.find("\"once\""), std::string::npos) << message;
     });
     CStore({.evenIfDue = true}).Create(Task("new"), false);
     TRows after = ::ReadTable();
@@ -86,7 +86,7 @@ TEST_F(ClientStore, DueTasksWithoutASchedulingProcessNeedAWish) {
     EXPECT_EQ(after, rows) << "they stay due";
 }
 
-TEST_F(ClientStore, NoFolderAndNoDirectoryAreSaid) {
+TEST_F(ClientStore, MissingDirectoriesAreReported) {
     fs::remove("files");
     EXPECT_NE(ErrorOf(EError::cFailed, [&] { store.Create(Task("a"), false); }).find("files"),
               std::string::npos);
@@ -96,18 +96,18 @@ TEST_F(ClientStore, NoFolderAndNoDirectoryAreSaid) {
     ErrorOf(EError::cFailed, [&] { nowhere.Read(); });
 }
 
-TEST_F(ClientStore, StartTooFarBackIsRefused) {
+TEST_F(ClientStore, DueTimeTooFarBackIsRefused) {
     const TNewTask task = Task("a", TTime(-9'000'000'000'000s), 1);
     ErrorOf(EError::cRefused, [&] { store.Create(task, false); });
     store.Create(Task("a"), false);
-    ExpectKept([&] { ErrorOf(EError::cRefused, [&] { store.Edit("a", {.start = task.start}); }); });
+    ExpectKept([&] { ErrorOf(EError::cRefused, [&] { store.Edit("a", {.due = task.due}); }); });
 }
 
 TEST_F(ClientStore, PeriodOfATaskThatIsDueItselfIsNotChangedUnderIt) {
     WriteTable({{"due", Seconds(In(-1h)), 0, 24, cRecorder, "", 0}});
-    const CStore wilful({.evenIfDue = true});
-    ExpectKept([&] { ErrorOf(EError::cRefused, [&] { wilful.SetPeriod("due", 6); }); });
-    wilful.Edit("due", {.period = 6});
+    const CStore permissive({.evenIfDue = true});
+    ExpectKept([&] { ErrorOf(EError::cRefused, [&] { permissive.SetPeriod("due", 6); }); });
+    permissive.Edit("due", {.period = 6});
     EXPECT_EQ(::ReadTable()[0].next, Seconds(In(-1h)));
 }
 

@@ -1,5 +1,5 @@
-// The client library's changes, each through the add-in in a process of its own: what becomes of the
-// table, of links to programs, and of the owner of what is made.
+// The client library's changes: their effect on the table, on program links, and on the owner of
+// files.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -27,23 +27,22 @@ using namespace vxsched;
 namespace fs = std::filesystem;
 
 TEST_F(ClientStore, CreateAddsATaskAsItWasGiven) {
-    const TTime start = In(1h);
-    const TTaskEntry made = store.Create(Task("backup", start, 24), false);
+    const TTime due = In(1h);
+    const TTaskEntry made = store.Create(Task("backup", due, 24), false);
     EXPECT_EQ(made.name, "backup");
-    EXPECT_EQ(::ReadTable(),
-              (TRows{{"backup", Seconds(start), 0, 24, cRecorder, "a parameter", 0}}));
+    EXPECT_EQ(::ReadTable(), (TRows{{"backup", Seconds(due), 0, 24, cRecorder, "a parameter", 0}}));
 }
 
 TEST_F(ClientStore, CreateOfANameThatIsThereIsRefused) {
     store.Create(Task("backup"), false);
     ExpectKept([&] {
-        const std::string text =
+        const std::string message =
             ErrorOf(EError::cRefused, [&] { store.Create(Task("backup", In(2h)), false); });
-        EXPECT_NE(text.find("already"), std::string::npos);
+        EXPECT_NE(message.find("already"), std::string::npos);
     });
 }
 
-TEST_F(ClientStore, ReplaceKeepsTheLastStartAndThePlace) {
+TEST_F(ClientStore, ReplaceKeepsTheLastLaunchAndThePlace) {
     const std::int64_t later = Seconds(In(2h));
     WriteTable({{"a", later, 77, 1, cRecorder, "", 1}, {"b", later, 0, 1, cRecorder, "", 0}});
     store.Create(Task("a", In(3h), 6), true);
@@ -55,7 +54,7 @@ TEST_F(ClientStore, ReplaceKeepsTheLastStartAndThePlace) {
     EXPECT_EQ(rows[0].period, 6U);
 }
 
-// The function's rule would take a start that is not in the future for a missed one.
+// CreateTask would take a due time that is not in the future for a missed one.
 TEST_F(ClientStore, ReplaceByOneThatIsDueNowDoesNotRemoveIt) {
     store.Create(Task("a"), false);
     store.Create(Task("a", Now(), 0), true);
@@ -69,10 +68,10 @@ TEST_F(ClientStore, RepeatingTaskThatIsDueNowStaysDueNow) {
     EXPECT_EQ(::ReadTable()[0].next, Seconds(now));
 }
 
-TEST_F(ClientStore, RepeatingTaskWithAPastStartGoesToItsGrid) {
-    const TTime start = In(-90min);
-    store.Create(Task("a", start, 1), false);
-    EXPECT_EQ(::ReadTable()[0].next, Seconds(start + 2h));
+TEST_F(ClientStore, RepeatingTaskWithAPastDueTimeGoesToItsGrid) {
+    const TTime due = In(-90min);
+    store.Create(Task("a", due, 1), false);
+    EXPECT_EQ(::ReadTable()[0].next, Seconds(due + 2h));
 }
 
 TEST_F(ClientStore, RemoveTakesAllOrNothing) {
@@ -98,10 +97,10 @@ TEST_F(ClientStore, PauseAndResumeSwitchTheFlag) {
 TEST_F(ClientStore, ResumeDoesNotRemoveATaskWhoseTimePassedUnlessForced) {
     WriteTable({{"once", Seconds(In(-1h)), 0, 0, cRecorder, "", 1}});
     ExpectKept([&] {
-        const std::string text = ErrorOf(EError::cRefused, [&] { store.Resume({"once"}); });
-        EXPECT_NE(text.find("new start"), std::string::npos) << text;
+        const std::string message = ErrorOf(EError::cRefused, [&] { store.Resume({"once"}); });
+        EXPECT_NE(message.find("new due time"), std::string::npos) << message;
     });
-    store.Resume({"once"}, {"past-start"});
+    store.Resume({"once"}, {"past-due"});
     EXPECT_EQ(::ReadTable(), TRows());
 }
 
@@ -122,7 +121,7 @@ TEST_F(ClientStore, SetPeriodOfOnceKeepsTheTask) {
     EXPECT_EQ(::ReadTable(), (TRows{{"a", Seconds(next), 0, 0, cRecorder, "a parameter", 0}}));
 }
 
-TEST_F(ClientStore, EditChangesOnlyWhatIsNamed) {
+TEST_F(ClientStore, EditChangesOnlyTheGivenFields) {
     const std::int64_t next = Seconds(In(1h));
     const TRow row{"a", next, 77, 24, cRecorder, "a parameter", 1};
     WriteTable({row});
@@ -139,7 +138,7 @@ TEST_F(ClientStore, EditChangesOnlyWhatIsNamed) {
     expect(wanted, {.period = 6});
     wanted = row;
     wanted.next = Seconds(In(5h));
-    expect(wanted, {.start = TTime(std::chrono::seconds(wanted.next))});
+    expect(wanted, {.due = TTime(std::chrono::seconds(wanted.next))});
     wanted = row;
     wanted.program = PROGRAMS "/end-with";
     expect(wanted, {.program = PROGRAMS "/end-with"});
@@ -152,12 +151,12 @@ TEST_F(ClientStore, EditOfAPausedTaskWhoseTimePassedLeavesItPausedOnItsGrid) {
     EXPECT_EQ(::ReadTable()[0], (TRow{"a", next + 2 * 3600, 0, 1, cRecorder, "new", 1}));
     ExpectKept(
         [&] { ErrorOf(EError::cRefused, [&] { store.Edit("once", {.parameter = "new"}); }); });
-    store.Edit("once", {.start = In(1h), .parameter = "new"});
+    store.Edit("once", {.due = In(1h), .parameter = "new"});
     EXPECT_EQ(::ReadTable()[1].parameters, "new");
     EXPECT_EQ(::ReadTable()[1].paused, 1U);
 }
 
-TEST_F(ClientStore, LongTextsGoThrough) {
+TEST_F(ClientStore, LongStringsGoThrough) {
     TNewTask task = Task("a");
     task.name = std::string(100'000, 'n');
     task.parameter = std::string(1'000'000, 'p');
@@ -167,7 +166,7 @@ TEST_F(ClientStore, LongTextsGoThrough) {
     EXPECT_EQ(::ReadTable(), TRows());
 }
 
-TEST_F(ClientStore, ProgramThatAStartWouldAlterGetsALinkWhileItsTaskLives) {
+TEST_F(ClientStore, ProgramThatALaunchWouldAlterGetsALinkWhileItsTaskLives) {
     WriteFile("backup.sh", "#!/bin/sh\nexit 7\n");
     chmod("backup.sh", 0755);
     TNewTask task = Task("a");
@@ -184,7 +183,7 @@ TEST_F(ClientStore, ProgramThatAStartWouldAlterGetsALinkWhileItsTaskLives) {
     EXPECT_TRUE(fs::is_empty("files/programs"));
 }
 
-// The directory may be named in several ways.
+// The same directory may be written in several ways.
 TEST_F(ClientStore, LinksAreKeptWhateverTheDirectoryIsCalled) {
     fs::create_directory_symlink(fs::current_path(), "another-name");
     const CStore other({.directory = "another-name"});
@@ -198,9 +197,9 @@ TEST_F(ClientStore, LinksAreKeptWhateverTheDirectoryIsCalled) {
     EXPECT_FALSE(fs::is_symlink(made.program));
 }
 
-// Only the superuser can make things for others; of anybody else the folder is his own, and so is what
-// he makes.
-TEST_F(ClientStore, NobodyMakesWhatTheOwnerOfTheFolderCouldNotUse) {
+// Only the superuser can make files for other users. For any other user the directory is the user's
+// own, and so are the files.
+TEST_F(ClientStore, SuperuserMakesFilesForTheOwnerOfTheDirectory) {
     const uid_t user = geteuid() == 0 ? 65534 : geteuid();
     const gid_t group = geteuid() == 0 ? 65534 : getegid();
     ASSERT_EQ(chown("files", user, group), 0);
@@ -219,7 +218,7 @@ TEST_F(ClientStore, NobodyMakesWhatTheOwnerOfTheFolderCouldNotUse) {
     EXPECT_EQ(::ReadTable()[0].paused, 1U);
 }
 
-TEST_F(ClientStore, ReplaceAllWritesTheTableAndKeepsTheOneFromBefore) {
+TEST_F(ClientStore, ReplaceAllWritesTheTableAndKeepsABackup) {
     store.Create(Task("a"), false);
     const std::string before = ReadFile(cTable);
     chmod(cTable, 0640);

@@ -1,5 +1,5 @@
-// Runs outside the schedule that the client library asks for: their process, their end, and what the
-// table tells of them.
+// Runs outside the schedule by the client library: their process, their exit status, and the table
+// afterwards.
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -30,10 +30,10 @@ TEST_F(ClientStore, RunStartsTheProgramOutsideTheSchedule) {
     const TTime next = In(1h);
     store.Create(Task("a", next), false);
     store.Pause({"a"});
-    pid_t told = 0;
-    const TRun run = store.Run("a", false, true, [&](pid_t process) { told = process; });
+    pid_t reported = 0;
+    const TRun run = store.Run("a", false, true, [&](pid_t process) { reported = process; });
     EXPECT_GT(run.process, 0);
-    EXPECT_EQ(told, run.process);
+    EXPECT_EQ(reported, run.process);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(RecordedArgument("a parameter"), "argument a parameter");
     const TRow row = ::ReadTable().at(0);
@@ -52,24 +52,24 @@ TEST_F(ClientStore, RunReportsTheEnd) {
 TEST_F(ClientStore, RunOfWhatRunsAlreadyIsRefusedUnlessForced) {
     store.Create({"a", In(1h), 24, PROGRAMS "/wait-for-it", "end it"}, false);
     const TRun first = store.Run("a", false, false);
-    const std::string text = ErrorOf(EError::cRefused, [&] { store.Run("a", false, false); });
-    EXPECT_NE(text.find(std::to_string(first.process)), std::string::npos) << text;
+    const std::string message = ErrorOf(EError::cRefused, [&] { store.Run("a", false, false); });
+    EXPECT_NE(message.find(std::to_string(first.process)), std::string::npos) << message;
     const TRun second = store.Run("a", true, false);
     EXPECT_NE(first.process, second.process);
     WriteFile("end it", "");
     WaitUntil([&] { return kill(first.process, 0) != 0 && kill(second.process, 0) != 0; });
 }
 
-TEST_F(ClientStore, RunOfAMissingProgramSaysSo) {
+TEST_F(ClientStore, RunOfAMissingProgramIsRefused) {
     WriteTable({{"a", Seconds(In(1h)), 0, 24, "/no/such/program", "", 0}});
     ExpectKept([&] {
-        const std::string text = ErrorOf(EError::cRefused, [&] { store.Run("a", true, false); });
-        EXPECT_NE(text.find("/no/such/program"), std::string::npos) << text;
+        const std::string message = ErrorOf(EError::cRefused, [&] { store.Run("a", true, false); });
+        EXPECT_NE(message.find("/no/such/program"), std::string::npos) << message;
         ErrorOf(EError::cNotFound, [&] { store.Run("b", true, false); });
     });
 }
 
-TEST_F(ClientStore, EndOfARunIsKnownAlsoToWhoIgnoresChildren) {
+TEST_F(ClientStore, EndOfARunIsKnownAlsoToAClientThatIgnoresChildren) {
     store.Create({"a", In(1h), 24, PROGRAMS "/end-with", "status 3"}, false);
     CForkedChild child([&] {
         std::signal(SIGCHLD, SIG_IGN);
@@ -80,13 +80,13 @@ TEST_F(ClientStore, EndOfARunIsKnownAlsoToWhoIgnoresChildren) {
 
 TEST_F(ClientStore, TwoRunsAtOnceAreOne) {
     store.Create({"a", In(1h), 24, PROGRAMS "/wait-for-it", fs::absolute("end it")}, false);
-    std::atomic<int> started{0};
+    std::atomic<int> launched{0};
     std::vector<std::thread> clients;
     for (int client = 0; client < 4; ++client) {
         clients.emplace_back([&] {
             try {
                 CStore({}).Run("a", false, false);
-                ++started;
+                ++launched;
             } catch (const CError& error) {
                 EXPECT_EQ(error.Code(), EError::cRefused) << error.what();
             }
@@ -94,13 +94,13 @@ TEST_F(ClientStore, TwoRunsAtOnceAreOne) {
     }
     for (std::thread& client : clients)
         client.join();
-    EXPECT_EQ(started, 1);
+    EXPECT_EQ(launched, 1);
     WriteFile("end it", "");
     WaitUntil([] { return fs::exists("end it.seen"); });
 }
 
-// The add-in does not announce a start outside the schedule.
-TEST_F(ClientStore, LastStartOfARunOutlivesWhatTheSchedulerWrites) {
+// The add-in does not announce a launch outside the schedule.
+TEST_F(ClientStore, LastLaunchOfARunOutlivesWhatTheSchedulerWrites) {
     CHost host;
     store.Create(Task("a"), false);
     store.Run("a", false, false);

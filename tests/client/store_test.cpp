@@ -1,5 +1,5 @@
-// The client library's changes beside others: other clients, a scheduling process, and what is kept
-// when something goes wrong.
+// The client library's changes while other clients or a scheduling process are running, and after
+// failures.
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -33,7 +33,7 @@ using namespace std::chrono_literals;
 using namespace vxsched;
 namespace fs = std::filesystem;
 
-// What any other client does: its load sets the mutex free.
+// Loads the add-in, as a direct client does, which sets the mutex free.
 static void AddinLoad() {
     CForkedChild child([] {
         const CAddinLibrary library;
@@ -43,18 +43,18 @@ static void AddinLoad() {
     child.Wait();
 }
 
-TEST_F(ClientStore, NoAddInIsSaidAndGivesTheMutexBack) {
+TEST_F(ClientStore, MissingAddInIsReportedAndReleasesTheMutex) {
     store.Create(Task("a"), false);
     const CStore without({.addIn = "./no-add-in.so"});
     ExpectKept([&] {
-        const std::string text =
+        const std::string message =
             ErrorOf(EError::cFailed, [&] { without.Create(Task("b"), false); });
-        EXPECT_NE(text.find("no-add-in.so"), std::string::npos) << text;
+        EXPECT_NE(message.find("no-add-in.so"), std::string::npos) << message;
     });
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-// ---- Beside others ----------------------------------------------------------------------------
+// ---- While others are running -----------------------------------------------------------------
 
 TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
     store.Create(Task("a"), false);
@@ -66,7 +66,7 @@ TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
     EXPECT_EQ(CountSemaphoreSets(), 3) << "the mutex and the two events that the next one opens";
 }
 
-TEST_F(ClientStore, HolderIsWaitedForAndNamedWhenItTakesTooLong) {
+TEST_F(ClientStore, HolderIsWaitedForAndReportedOnATimeout) {
     store.Create(Task("a"), false);
     CForkedChild holder([] {
         const CStoreMutexLock lock(1s);
@@ -75,12 +75,12 @@ TEST_F(ClientStore, HolderIsWaitedForAndNamedWhenItTakesTooLong) {
         return 0;
     });
     WaitUntil([] { return fs::exists("held"); });
-    const CStore hasty({.lockTimeout = 50ms});
+    const CStore impatient({.lockTimeout = 50ms});
     ExpectKept([&] {
-        const std::string text = ErrorOf(EError::cBusy, [&] { hasty.Pause({"a"}); });
-        EXPECT_NE(text.find(std::to_string(holder.Id())), std::string::npos) << text;
+        const std::string message = ErrorOf(EError::cBusy, [&] { impatient.Pause({"a"}); });
+        EXPECT_NE(message.find(std::to_string(holder.Id())), std::string::npos) << message;
     });
-    EXPECT_EQ(StoreSemaphoreValue(), 0) << "it was not cut off";
+    EXPECT_EQ(StoreSemaphoreValue(), 0) << "it was not interrupted";
     holder.Kill(SIGKILL);
     holder.Wait();
     store.Pause({"a"});
@@ -89,9 +89,9 @@ TEST_F(ClientStore, HolderIsWaitedForAndNamedWhenItTakesTooLong) {
 
 TEST_F(ClientStore, OtherClientsAreWaitedFor) {
     store.Create(Task("a"), false);
-    const CStore hasty({.lockTimeout = 50ms});
-    const CWriterLock turn(".", 0ms);
-    ErrorOf(EError::cBusy, [&] { hasty.Pause({"a"}); });
+    const CStore impatient({.lockTimeout = 50ms});
+    const CWriterLock writerLock(".", 0ms);
+    ErrorOf(EError::cBusy, [&] { impatient.Pause({"a"}); });
     EXPECT_EQ(::ReadTable()[0].paused, 0U);
 }
 
@@ -135,9 +135,9 @@ TEST_F(ClientStore, ParallelTasksOfProgramsWithOneNameKeepTheirOwn) {
             const CStore own({});
             TNewTask task = Task("t" + std::to_string(number));
             task.program = fs::absolute("d" + std::to_string(number) + "/p.sh").string();
-            for (int round = 0; round < 4; ++round) {
+            for (int iteration = 0; iteration < 4; ++iteration) {
                 own.Create(task, true);
-                if (round < 3)
+                if (iteration < 3)
                     own.Remove({task.name});
             }
         });
@@ -201,7 +201,7 @@ TEST_F(ClientStore, TickUnderWayIsWaitedForAndLosesNoChange) {
     WaitUntil([] { return StoreSemaphoreValue() == 0; });
     store.Create(Task("other"), false);  // while the tick holds the mutex for two seconds
     EXPECT_EQ(NamesInTable(), "slow other");
-    EXPECT_NE(::ReadTable()[0].last, 0) << "what the tick has written is kept";
+    EXPECT_NE(::ReadTable()[0].last, 0) << "the tick's save is kept";
     WaitUntil([] { return StoreSemaphoreValue() == 1; });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "slow other");
@@ -211,7 +211,8 @@ TEST_F(ClientStore, TickUnderWayIsWaitedForAndLosesNoChange) {
 
 // ---- When something goes wrong ----------------------------------------------------------------
 
-// A client whose files may not grow as far as the save needs. What it says goes to the file "error".
+// Makes a change in a process whose files may not grow as far as the save needs. Its error message
+// goes to the file "error".
 static int CreateBeyondTheLimit(const TNewTask& task) {
     const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
     std::signal(SIGXFSZ, SIG_IGN);
@@ -236,12 +237,12 @@ TEST_F(ClientStore, SaveThatFailsLeavesTheTable) {
     EXPECT_NE(ReadFile("error").find("as it was before"), std::string::npos) << ReadFile("error");
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(std::distance(fs::directory_iterator("files"), fs::directory_iterator()), 2)
-        << "the table and the copy from before";
+        << "the table and the backup";
 }
 
-TEST_F(ClientStore, WhatAKilledProcessLeftUnfinishedIsRemoved) {
+TEST_F(ClientStore, TemporaryFilesOfAKilledProcessAreRemoved) {
     for (const char* const name : {".save-1", ".new-2", ".before.new-3"})
-        WriteFile(std::string(cTable) + name, "half");
+        WriteFile(std::string(cTable) + name, "partial");
     WriteFile(std::string(cTable) + ".damaged-4", "kept");
     store.Create(Task("a"), false);
     EXPECT_FALSE(fs::exists(std::string(cTable) + ".save-1"));
@@ -250,8 +251,8 @@ TEST_F(ClientStore, WhatAKilledProcessLeftUnfinishedIsRemoved) {
     EXPECT_EQ(ReadFile(std::string(cTable) + ".damaged-4"), "kept");
 }
 
-// A table of two names cannot be replaced without taking them apart: it is rewritten in place.
-TEST_F(ClientStore, TableFromBeforeIsPutBackWhenASaveInPlaceFails) {
+// Replacing a file with two hard links would separate them, so it is rewritten in place.
+TEST_F(ClientStore, BackupIsRestoredWhenASaveInPlaceFails) {
     store.Create(Task("a"), false);
     const std::string before = ReadFile(cTable);
     fs::create_hard_link(cTable, "another name");
@@ -263,7 +264,7 @@ TEST_F(ClientStore, TableFromBeforeIsPutBackWhenASaveInPlaceFails) {
     EXPECT_NE(ReadFile("error").find("as it was before"), std::string::npos) << ReadFile("error");
 }
 
-TEST_F(ClientStore, HostOfAnotherNamespaceIsNotWrittenOver) {
+TEST_F(ClientStore, TableOfAHostInAnotherNamespaceIsNotOverwritten) {
     store.Create(Task("a"), false);
     CHost host;
     CForkedChild child([&] {

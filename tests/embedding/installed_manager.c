@@ -1,9 +1,9 @@
-/* A program in C that manages tasks and has only what is installed. */
+/* Manages tasks through the C interface; compiled against the installed package only. */
 
-#include <vxsched/vxsched.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <vxsched/vxsched.h>
 
 static bool Count(const vxsched_task* task, void* context) {
     if (strcmp(task->name, "from C") == 0 && task->period == 24 && task->paused)
@@ -13,9 +13,11 @@ static bool Count(const vxsched_task* task, void* context) {
 
 static int failures = 0;
 
-static void Expect(vxsched_store* store, vxsched_error got, vxsched_error wanted, const char* call) {
-    if (got != wanted || (vxsched_message(store)[0] == '\0') != (wanted == VXSCHED_DONE)) {
-        fprintf(stderr, "%s: %d instead of %d: %s\n", call, got, wanted, vxsched_message(store));
+static void Expect(vxsched_store* store, vxsched_error actual, vxsched_error expected,
+                   const char* call) {
+    if (actual != expected || (vxsched_message(store)[0] == '\0') != (expected == VXSCHED_DONE)) {
+        fprintf(stderr, "%s: returned %d, expected %d: %s\n", call, actual, expected,
+                vxsched_message(store));
         ++failures;
     }
 }

@@ -1,4 +1,4 @@
-// A program that manages tasks and has only what is installed.
+// Manages tasks through the client library; compiled against the installed package only.
 
 #include <vxsched/Error.h>
 #include <vxsched/Repair.h>

@@ -1,5 +1,5 @@
-// A host that brings a support library of its own, inside its own program: it loads the add-in,
-// creates a task and reads it back through the file object above, whose encoding is not that of the
+// A host that defines the support library in its own program. It loads the add-in, creates a task
+// and reads it back through its own COpen, which encodes numbers in another byte order than the
 // support library.
 
 #include <dlfcn.h>
@@ -51,13 +51,14 @@ COpen::~COpen() {
 bool COpen::IsValid() const {
     return file != nullptr;
 }
-static bool gQuietReads = false;  // at the end of the file nothing is delivered, and nothing raised
+static bool gQuietReads =
+    false;  // reads deliver nothing and throw nothing, as at the end of a file
 void COpen::Read(void* data, int length) {
     if (gQuietReads)
         return;
     if (std::fread(data, 1, static_cast<std::size_t>(length), file) !=
         static_cast<std::size_t>(length))
-        throw std::runtime_error("the end");
+        throw std::runtime_error("end of file");
 }
 void COpen::Write(const void* data, int length) {
     std::fwrite(data, 1, static_cast<std::size_t>(length), file);
@@ -71,13 +72,13 @@ void COpen::WriteUnsigned(std::uint32_t value) {
     const std::uint32_t swapped = __builtin_bswap32(value);
     Write(&swapped, sizeof swapped);
 }
-void COpen::ReadString(std::string& text) {
-    text.resize(ReadUnsigned());
-    Read(text.data(), static_cast<int>(text.size()));
+void COpen::ReadString(std::string& string) {
+    string.resize(ReadUnsigned());
+    Read(string.data(), static_cast<int>(string.size()));
 }
-void COpen::WriteString(const std::string& text) {
-    WriteUnsigned(static_cast<std::uint32_t>(text.size()));
-    Write(text.data(), static_cast<int>(text.size()));
+void COpen::WriteString(const std::string& string) {
+    WriteUnsigned(static_cast<std::uint32_t>(string.size()));
+    Write(string.data(), static_cast<int>(string.size()));
 }
 void COpen::Close() {
     if (file != nullptr)
@@ -100,17 +101,17 @@ int CPopen::Close() {
     return status;
 }
 
-HOST_OWN std::uint32_t VXC_GenerateCRC32(std::string text) {
-    return static_cast<std::uint32_t>(text.size()) + 1;
+HOST_OWN std::uint32_t VXC_GenerateCRC32(std::string data) {
+    return static_cast<std::uint32_t>(data.size()) + 1;
 }
 HOST_OWN void VXC_File::VXC_StripPathUrl(const char*, char*, char*, char*) {}
 HOST_OWN void VXC_SetInformation(std::string, int) {}
 HOST_OWN void VXC_LogMessage(std::string) {}
 
-static void Require(bool condition, const char* what) {
+static void Require(bool condition, const char* message) {
     if (condition)
         return;
-    std::fprintf(stderr, "own_host: %s\n", what);
+    std::fprintf(stderr, "own_host: %s\n", message);
     std::exit(1);
 }
 
@@ -125,24 +126,26 @@ int main(int argc, char** argv) {
     const auto scheduled =
         reinterpret_cast<bool (*)(const char*)>(dlsym(library, "_Z11IsScheduledPKc"));
     const auto addIn = reinterpret_cast<CAddInInterface* (*)()>(dlsym(library, "CreateAddIn"));
-    Require(create != nullptr && scheduled != nullptr && addIn != nullptr, "no entry points");
+    Require(create != nullptr && scheduled != nullptr && addIn != nullptr,
+            "the add-in lacks an entry point");
 
-    const long start = 4'000'000'000;
-    create("backup", &start, 24, "/opt/tools/backup", "all");
+    const long due = 4'000'000'000;
+    create("backup", &due, 24, "/opt/tools/backup", "all");
     Require(scheduled("backup") && !scheduled("restore"), "the task is not in the table");
-    Require(addIn()->isLoad(), "no add-in");
+    Require(addIn()->isLoad(), "the add-in object is not loaded");
 
     COpen file("files/scheduler.dat", O_RDWR, 0);
     std::uint64_t count = 0;
     file.Read(&count, sizeof count);
     std::string name;
     file.ReadString(name);
-    Require(count == 1 && name == "backup", "the file is not the host's own");
+    Require(count == 1 && name == "backup", "the file was not written by the host's COpen");
 
-    // The count is 0 before it is read, so a read that delivers nothing is a table of no tasks: it is not reset.
+    // The add-in's count is 0 before it is read. A read that delivers nothing therefore gives an
+    // empty table, and the add-in must not reset the file.
     truncate("files/scheduler.dat", 0);
     gQuietReads = true;
-    Require(!scheduled("backup"), "a read that delivered nothing found a task");
+    Require(!scheduled("backup"), "a task was found although the read delivered nothing");
     struct stat status {};
     Require(stat("files/scheduler.dat", &status) == 0 && status.st_size == 0, "the file was reset");
     dlclose(library);

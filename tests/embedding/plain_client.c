@@ -1,4 +1,5 @@
-/* A client in C: the names without a parameter signature are called as they are, the others by their symbols. */
+/* A direct client in plain C: finds the functions with C linkage by name, the others by their
+   mangled symbols. */
 
 #include <dlfcn.h>
 #include <stdbool.h>
@@ -21,7 +22,7 @@ int main(int argc, char** argv) {
     void (*destroy_task)(const char*);
     bool (*is_scheduled)(const char*);
     void (*pause_task)(const char*);
-    long start = 4000000000;
+    long due = 4000000000;
 
     if (library == NULL) {
         fprintf(stderr, "plain_client: %s\n", argc == 2 ? dlerror() : "usage: plain_client ADDIN");
@@ -32,7 +33,7 @@ int main(int argc, char** argv) {
     FIND(is_scheduled, "_Z11IsScheduledPKc");
     FIND(pause_task, "_Z9PauseTaskPKc");
 
-    create_task("backup", &start, 24, "/opt/tools/backup", NULL);
+    create_task("backup", &due, 24, "/opt/tools/backup", NULL);
     pause_task("backup");
     if (!is_scheduled("backup")) {
         fprintf(stderr, "plain_client: the task is not in the table\n");

@@ -1,6 +1,6 @@
-// Any bytes as a sequence of operations on the loaded library: exported calls, ticks, loads, clock
-// moves, and what other processes do to the file. After each the library is compared with the model
-// of its rules.
+// Fuzzes the loaded library: decodes any bytes to a sequence of exported calls, ticks, loads, clock
+// changes and changes of the file by other processes. After each the library is compared with the
+// model.
 
 #include <model/CSequence.h>
 #include <sched.h>
@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-// What the process dies of, it dies of in the middle of a sequence.
+// When the process dies in the middle of a sequence, print the operations so far.
 static const CSequence* gRunning = nullptr;
 
 static void ShowRunning() {
@@ -18,7 +18,7 @@ static void ShowRunning() {
 
 extern "C" void __sanitizer_set_death_callback(void (*callback)());
 
-// The working directory is an empty one, in memory: scripts/fuzz makes it.
+// scripts/fuzz runs this in an empty working directory in memory.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     if (unshare(CLONE_NEWIPC) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWIPC) != 0) {
         std::fputs("no namespace\n", stderr);

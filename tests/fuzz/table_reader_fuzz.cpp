@@ -1,5 +1,6 @@
-// Any bytes as the task file. What loads is saved again and must give the bytes that were read;
-// what does not load must have been reset to an empty table, with the list empty.
+// Fuzzes the reader of the task file with any bytes. A file that loads is saved again and must give
+// the bytes that were read; one that does not load must have been reset to an empty table, with the
+// list empty.
 
 #include <VXC_Log.h>
 #include <dlfcn.h>
@@ -20,14 +21,14 @@ static std::list<TTask*>* (*gTasks)();
 
 static void Ignore(const std::string& /*message*/, void* /*context*/) {}
 
-static void Require(bool condition, const char* what) {
+static void Require(bool condition, const char* failure) {
     if (condition)
         return;
-    std::fprintf(stderr, "%s\n", what);
+    std::fprintf(stderr, "%s\n", failure);
     std::abort();
 }
 
-// The working directory is an empty one, in memory: scripts/fuzz makes it.
+// scripts/fuzz runs this in an empty working directory in memory.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     Require(unshare(CLONE_NEWIPC) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0,
             "no namespace");
@@ -54,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         gSaveTasks();
         const std::string saved = Content();
         Require(input.compare(0, saved.size(), saved) == 0,
-                "what was read is not what was written");
+                "the saved file differs from the one that was read");
     } else {
         Require(gTasks()->empty(), "a failed load left tasks");
         Require(Content() == std::string(8, '\0'), "a failed load did not reset the file");

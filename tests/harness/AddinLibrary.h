@@ -40,10 +40,10 @@ public:
     bool (*SetTaskPeriod)(const char*, unsigned int) = nullptr;
     void (*ExecuteTaskNow)(const char*, bool) = nullptr;
 
-    // Convenience for tests: the start by value.
-    void Create(const char* name, long start, unsigned int period,
+    // Convenience for tests: the due time by value.
+    void Create(const char* name, long due, unsigned int period,
                 const char* program = "/bin/program", const char* parameters = "") const {
-        CreateTask(name, &start, period, program, parameters);
+        CreateTask(name, &due, period, program, parameters);
     }
     void* Symbol(const char* name) const;
 

@@ -21,7 +21,7 @@ inline constexpr long cDay = 24 * cHour;
 
 inline constexpr char cHistory[] = "files/history.jsonl";
 
-// The command in the directory of the test, in Berlin's zone, with a folder for its table.
+// Runs vxsched in the directory of the test, in Berlin's zone, with a directory for its table.
 class Cli : public testing::Test {
 protected:
     Cli() {
@@ -31,7 +31,7 @@ protected:
         setenv("TERM", "xterm", 1);
     }
 
-    // Expects success, and no word on standard error.
+    // Expects success and nothing on standard error.
     static std::string Output(const std::vector<std::string>& arguments) {
         const TToolRun run = RunTool(arguments);
         EXPECT_EQ(run.status, 0) << run.error;
@@ -39,14 +39,15 @@ protected:
         return run.output;
     }
 
-    // Expects that exit status, a message that holds `text`, no output, and the table kept.
-    static void ExpectRefused(int status, const std::string& text,
+    // Expects that exit status, an error message that holds `message`, no output, and the table
+    // unchanged.
+    static void ExpectRefused(int status, const std::string& message,
                               const std::vector<std::string>& arguments) {
         const bool hadTable = std::filesystem::exists(cTable);
         const std::string before = hadTable ? ReadFile(cTable) : "";
         const TToolRun run = RunTool(arguments);
         EXPECT_EQ(run.status, status) << run.error;
-        EXPECT_THAT(run.error, testing::HasSubstr(text));
+        EXPECT_THAT(run.error, testing::HasSubstr(message));
         EXPECT_THAT(run.error, testing::StartsWith("vxsched: "));
         EXPECT_EQ(run.output, "");
         EXPECT_EQ(std::filesystem::exists(cTable), hadTable);
@@ -74,7 +75,7 @@ protected:
                                 R"("ended":"2026-11-19T01:42:03.000Z","status":0,"process":7)" +
                                     usage) +
                       Run("gone by now", R"("outcome":"missed","due":"2026-11-19T01:00:00.000Z",)"
-                                         R"("task":"removed unrun")"));
+                                         R"("task":"removed")"));
         WriteFile(cHistory,
                   Run("late \\u001b[31m", R"("outcome":"killed","due":"2026-11-20T00:30:00.000Z",)"
                                           R"("started":"2026-11-20T00:30:01.000Z",)"
@@ -85,7 +86,7 @@ protected:
                                     R"("ended":"2026-11-20T00:30:16.800Z","status":3)" +
                                         usage) +
                       Run("backup", R"("outcome":"missed","due":"2026-11-20T12:30:00.000Z",)"
-                                    R"("task":"moved on")") +
+                                    R"("task":"rescheduled")") +
                       Run("\xc3\xa4rger", R"("outcome":"not started","due":null,)"
                                           R"("started":"2026-11-20T13:00:00.000Z",)"
                                           R"("ended":"2026-11-20T13:00:00.000Z",)"
@@ -94,7 +95,7 @@ protected:
                                     R"("started":"2026-11-21T00:30:01.000Z")"));
     }
 
-    // A table with something of everything, beside the clock at cNow, and what ran before it.
+    // A table with tasks of every kind around cNow, and a history of earlier runs.
     static void WriteShowcase() {
         WriteHistory();
         WriteTable(

@@ -5,7 +5,7 @@
 
 #include <string>
 
-// The message of the error that the call throws, which must be of that kind.
+// Calls `call`, which must throw an error of that kind, and returns the error's message.
 template <typename Call>
 std::string ErrorOf(vxsched::EError kind, const Call& call) {
     try {

@@ -13,7 +13,7 @@
 #include "Recorder.h"
 #include "TableFile.h"
 
-// A store in the directory of the test as the client library has it, with a folder for its table.
+// A store of the client library in the directory of the test, with a directory for its table.
 class ClientStore : public testing::Test {
 protected:
     ClientStore() { std::filesystem::create_directory("files"); }
@@ -22,12 +22,12 @@ protected:
     static std::int64_t Seconds(vxsched::TTime time) { return time.time_since_epoch().count(); }
 
     static vxsched::TNewTask Task(const std::string& name,
-                                  vxsched::TTime start = In(std::chrono::hours(1)),
+                                  vxsched::TTime due = In(std::chrono::hours(1)),
                                   std::uint32_t period = 24) {
-        return {name, start, period, cRecorder, "a parameter"};
+        return {name, due, period, cRecorder, "a parameter"};
     }
 
-    // A table that must be left as it is, byte for byte.
+    // Expects that `change` leaves the table file unchanged, byte for byte.
     static void ExpectKept(const std::function<void()>& change) {
         const std::string before = ReadFile(cTable);
         change();

@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-// The record of a run that ended with an exit status, every field of it told.
+// The record of a run that ended with an exit status, with every field set.
 inline TRunRecord Exited() {
     using std::chrono::milliseconds;
     using std::chrono::seconds;

@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 static CFakeSystem* gFake = nullptr;
-static constexpr pid_t cFirstProcess = 400'001;  // beyond what the system hands out
+static constexpr pid_t cFirstProcess = 400'001;  // above any real process id
 
-CFakeSystem::CFakeSystem(time_t start) : now(start) {
+CFakeSystem::CFakeSystem(time_t time) : now(time) {
     gFake = this;
 }
 
@@ -16,23 +16,30 @@ CFakeSystem::~CFakeSystem() {
     gFake = nullptr;
 }
 
-std::string CFakeSystem::StartedPaths() const {
+std::string CFakeSystem::LaunchedPaths() const {
     std::string paths;
-    for (const TStart& start : starts)
-        paths += (paths.empty() ? "" : " ") + start.path;
+    for (const TLaunch& launch : launches)
+        paths += (paths.empty() ? "" : " ") + launch.path;
     return paths;
 }
 
+// The definition after this program's own, which is libc's.
 template <typename Function>
-static Function* SystemsOwn(const char* name) {
+static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
+
+// The four functions below are called by the tests, by the harness and by the add-in, on whichever
+// thread: the test program exports them, so the dynamic linker binds the add-in to them. Without a
+// CFakeSystem they do what libc does, errno included. With one they never fail and leave errno
+// alone.
 
 extern "C" time_t time(time_t* out) noexcept {
     if (gFake == nullptr) {
         timespec now{};
-        // The clock that the system's own reads, which steps with the timer and so may be in the
-        // second before: a task made due by another clock could wait a minute for its next tick.
+        // libc's time() reads this clock, which advances with the timer interrupt and can still be
+        // in the previous second: a task made due by another clock could wait a minute for its
+        // next tick.
         clock_gettime(CLOCK_REALTIME_COARSE, &now);
         if (out != nullptr)
             *out = now.tv_sec;
@@ -44,9 +51,10 @@ extern "C" time_t time(time_t* out) noexcept {
     return gFake->now;
 }
 
+// Advances the fake clock and returns at once.
 extern "C" unsigned int sleep(unsigned int seconds) {
     if (gFake == nullptr)
-        return SystemsOwn<decltype(sleep)>("sleep")(seconds);
+        return NextDefinition<decltype(sleep)>("sleep")(seconds);
     gFake->sleeps.push_back(seconds);
     gFake->now += seconds;
     if (gFake->onSleep)
@@ -54,28 +62,30 @@ extern "C" unsigned int sleep(unsigned int seconds) {
     return 0;
 }
 
+// Starts nothing: records the launch and returns `launchResult`.
 extern "C" int posix_spawn(pid_t* process, const char* path,
                            const posix_spawn_file_actions_t* actions,
                            const posix_spawnattr_t* attributes, char* const arguments[],
                            char* const environment[]) {
     if (gFake == nullptr)
-        return SystemsOwn<decltype(posix_spawn)>("posix_spawn")(process, path, actions, attributes,
-                                                                arguments, environment);
-    CFakeSystem::TStart start{.path = path, .arguments = {}, .plain = false};
+        return NextDefinition<decltype(posix_spawn)>("posix_spawn")(
+            process, path, actions, attributes, arguments, environment);
+    CFakeSystem::TLaunch launch{.path = path, .arguments = {}, .plain = false};
     for (char* const* argument = arguments; *argument != nullptr; ++argument)
-        start.arguments.emplace_back(*argument);
-    start.plain = actions == nullptr && attributes == nullptr && environment == environ;
-    gFake->starts.push_back(start);
+        launch.arguments.emplace_back(*argument);
+    launch.plain = actions == nullptr && attributes == nullptr && environment == environ;
+    gFake->launches.push_back(launch);
     if (gFake->onLaunch)
-        gFake->onLaunch(start);
-    if (gFake->startResult == 0)
-        *process = cFirstProcess - 1 + static_cast<pid_t>(gFake->starts.size());
-    return gFake->startResult;
+        gFake->onLaunch(launch);
+    if (gFake->launchResult == 0)
+        *process = cFirstProcess - 1 + static_cast<pid_t>(gFake->launches.size());
+    return gFake->launchResult;
 }
 
+// Real processes are still waited for by libc.
 extern "C" pid_t waitpid(pid_t process, int* status, int options) {
     if (gFake == nullptr || process < cFirstProcess)
-        return SystemsOwn<decltype(waitpid)>("waitpid")(process, status, options);
+        return NextDefinition<decltype(waitpid)>("waitpid")(process, status, options);
     gFake->waits.push_back((options & WNOHANG) != 0 ? process : -process);
     return gFake->ended ? process : 0;
 }

@@ -13,8 +13,8 @@
 #include "Process.h"
 #include "TableFile.h"
 
-// A table that a real host looks after: tasks that are not due, changes as a client makes them, and
-// what the host keeps beside the table.
+// A table that a real host guards: tasks that are not due, changes as a client makes them, and the
+// files that the host keeps next to the table.
 
 inline constexpr std::int64_t cFar = 4'000'000'000;
 
@@ -24,12 +24,12 @@ inline TRow Row(const std::string& name) {
 
 inline const TRows cThree = {Row("first"), Row("second"), Row("third")};
 
-// How many files of the folder have that text in their names.
-inline std::size_t CountIn(const std::string& folder, const std::string& text = "") {
+// How many files of the directory have `part` in their names.
+inline std::size_t CountIn(const std::string& directory, const std::string& part = "") {
     std::size_t count = 0;
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored))
-        count += entry.path().filename().string().find(text) != std::string::npos ? 1 : 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, ignored))
+        count += entry.path().filename().string().find(part) != std::string::npos ? 1 : 0;
     return count;
 }
 
@@ -37,14 +37,14 @@ inline void WaitForTable(const TRows& rows) {
     WaitUntil([&] { return ReadFile(cTable) == BytesOf(rows); });
 }
 
-// Tells the worker that the table was changed, and has it tick.
+// Signals that the table was changed and makes the worker tick.
 inline void WakeChanged() {
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
 }
 
-// Makes the only task due under a running host, and waits for its start; the tick then pauses for two
-// seconds. The table as it was made.
+// Makes the only task due while a host runs and waits for its launch; the tick then pauses for two
+// seconds. Returns the table as it was written.
 inline TRows StartTheOnlyTask() {
     TRows rows = ReadTable();
     rows.at(0).next = std::time(nullptr);

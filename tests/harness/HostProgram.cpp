@@ -24,10 +24,10 @@ int CHost::Stop(int signal) {
     return Wait();
 }
 
-std::size_t CHost::CountInOutput(const std::string& text) const {
+std::size_t CHost::CountInOutput(const std::string& message) const {
     std::size_t count = 0;
-    for (std::size_t position = 0; (position = Output().find(text, position)) != std::string::npos;
-         ++position)
+    for (std::size_t position = 0;
+         (position = Output().find(message, position)) != std::string::npos; ++position)
         ++count;
     return count;
 }
@@ -85,8 +85,8 @@ void WaitForTheTicksEnd() {
     WaitUntil([] { return ReadFile(cTable) == BytesOf({}); });
 }
 
-bool LogHolds(const std::string& path, const std::string& text) {
-    return ReadFile(path).find(text) != std::string::npos;
+bool LogHolds(const std::string& path, const std::string& message) {
+    return ReadFile(path).find(message) != std::string::npos;
 }
 
 std::vector<std::string> Lines(const std::string& path) {

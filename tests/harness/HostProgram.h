@@ -7,21 +7,21 @@
 #include "Process.h"
 #include "TableFile.h"
 
-// vxschedd as a real process, and the clients that give it work.
+// vxschedd as a real process, and clients that create tasks for it.
 
 class CHost : public CProgram {
 public:
-    // Starts it and waits until its worker rests behind the first tick.
+    // Starts it and waits until its worker is idle after the first tick.
     explicit CHost(const std::vector<std::string>& command = {HOST_PROGRAM, "--directory", "."});
 
     int Stop(int signal = SIGTERM);  // the result is that of Wait()
 
-    std::size_t CountInOutput(const std::string& text) const;
+    std::size_t CountInOutput(const std::string& message) const;
 
-    // A field of the process's status as the system shows it.
+    // A field of /proc/PID/status.
     std::string Status(const std::string& field) const;
 
-    // Its children that have ended and were not collected.
+    // Its zombie children.
     int CountZombies() const;
 };
 
@@ -31,21 +31,21 @@ std::vector<std::string> HostWith(const std::vector<std::string>& options);
 // Signals the stop event, so that the worker ticks at once.
 void WakeWorker();
 
-// Makes this the table of a host whose worker rests, and announces it; the worker reads it at its next
-// tick as it is, past starts and all.
+// Replaces the table of a host whose worker is idle and signals the change; the worker reads it at
+// its next tick unchanged, past due times included.
 void ReplaceTable(const TRows& rows);
 
-// A client process loads the library, creates a task that is due now and runs once, wakes the worker
-// and ends without taking the mutex away.
+// Runs a client process that loads the library, creates a task that is due now and runs once, wakes
+// the worker and exits without removing the store mutex.
 void CreateDue(const std::string& name, const std::string& program, const std::string& parameter);
 
-// Waits until the table is empty. The tick saves the table when all its starts are made. A client
-// that came earlier would not be kept waiting: its load sets the mutex free, and the tick's save
-// would go over its change.
+// Waits until the table is empty. The tick saves the table after its last launch. A client that
+// comes earlier does not wait: its load sets the mutex free, and the tick's save overwrites its
+// change.
 void WaitForTheTicksEnd();
 
-// Whether the log in that file holds this text by now.
-bool LogHolds(const std::string& path, const std::string& text);
+// Whether the log file holds this message by now.
+bool LogHolds(const std::string& path, const std::string& message);
 
 // The lines of a file, once it is there.
 std::vector<std::string> Lines(const std::string& path);

@@ -14,7 +14,7 @@ class CMutex;
 class CSchedulerAddin;
 class TTask;
 
-// One load of the scheduler with its file-local functions callable.
+// One load of SchedulerInside: the scheduler with some of its file-local functions callable.
 class CInsideLibrary {
 public:
     CInsideLibrary() : handle(dlopen(INSIDE_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {

@@ -1,5 +1,5 @@
-// The main of every test program: an IPC namespace and a working directory of its own before
-// anything touches a semaphore or a file, so that tests run side by side and leave nothing behind.
+// The main of every test program: enters an IPC namespace and a working directory of its own before
+// any use of a semaphore or a file, so that tests run in parallel and leave nothing.
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -16,7 +16,7 @@
 static void EnterNamespace() {
     if (unshare(CLONE_NEWIPC) == 0)
         return;
-    // An ordinary user gets one together with a user namespace of its own, and stays who it is.
+    // An ordinary user may create one only together with a user namespace; it keeps its user id.
     const std::string uid = std::to_string(getuid());
     const std::string gid = std::to_string(getgid());
     if (unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0) {

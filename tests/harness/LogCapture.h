@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-// While it exists, collects what is logged in this process (by the add-in too) instead of standard
-// error showing it.
+// While it exists, collects the messages that this process logs, the add-in included, instead of
+// printing them to standard error.
 class CLogCapture {
 public:
     CLogCapture();
@@ -12,7 +12,7 @@ public:
     CLogCapture(const CLogCapture&) = delete;
     CLogCapture& operator=(const CLogCapture&) = delete;
 
-    // What was logged since the last call.
+    // The messages since the last call.
     std::vector<std::string> Take();
 
 private:
@@ -26,6 +26,6 @@ inline constexpr char cReadingFailed[] =
 inline constexpr char cWritingFailed[] =
     "An exception was generated while writing schedule tasks from file. All the programed tasks "
     "were lost.";
-inline constexpr char cStartFailed[] = "Not possible to execute program.";
+inline constexpr char cLaunchFailed[] = "Not possible to execute program.";
 inline constexpr char cStillRunning[] = "Failed waitpid.";
 inline constexpr char cLoadCalled[] = "Failed to start up thread in Scheduler AddIn.";

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-// Plays the service manager: a socket that programs started from now on find in NOTIFY_SOCKET.
+// A fake service manager: the socket that programs started from now on find in NOTIFY_SOCKET.
 class CNotifySocket {
 public:
     CNotifySocket();
@@ -14,10 +14,10 @@ public:
     // The next message, once there is one.
     std::string Next();
 
-    // Reads until this message has come; all that came before it and itself.
+    // Reads until this message arrives. Returns all messages up to and including it.
     std::vector<std::string> Until(const std::string& message);
 
-    // What has come already and was not read.
+    // The messages that have arrived and were not read yet. Does not block.
     std::vector<std::string> Waiting();
 
 private:

@@ -87,15 +87,15 @@ bool CProgram::ReadSome() {
     return count > 0;
 }
 
-bool CProgram::WaitForOutput(const std::string& text) {
-    while (output.find(text) == std::string::npos) {
+bool CProgram::WaitForOutput(const std::string& part) {
+    while (output.find(part) == std::string::npos) {
         if (!ReadSome())
             return false;
     }
     return true;
 }
 
-// The end of the program first: what it started may keep the pipe open for longer.
+// Waits for the program first: programs that it started may keep the pipe open for longer.
 int CProgram::Wait() {
     const int result = Collect(process);
     process = -1;
@@ -143,7 +143,7 @@ void WaitUntil(const std::function<bool()>& condition) {
 }
 
 bool DropCapabilities() {
-    // From the bounding set as well, or root would have them back with the next program.
+    // From the bounding set as well, or root would regain them with the next exec.
     for (unsigned long capability = 0; capability <= CAP_LAST_CAP; ++capability)
         prctl(PR_CAPBSET_DROP, capability);
     __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};

@@ -13,7 +13,7 @@
 class CForkedChild {
 public:
     explicit CForkedChild(const std::function<int()>& body);
-    ~CForkedChild();  // kills and collects it if nobody waited
+    ~CForkedChild();  // kills and collects it unless Wait() did
     CForkedChild(const CForkedChild&) = delete;
     CForkedChild& operator=(const CForkedChild&) = delete;
 
@@ -36,8 +36,8 @@ public:
 
     pid_t Id() const { return process; }
     void Kill(int signal) const;
-    // Reads on until the output so far holds `text` or ends. True when it does.
-    bool WaitForOutput(const std::string& text);
+    // Reads until the output holds `part` or ends. True when it holds it.
+    bool WaitForOutput(const std::string& part);
     // Waits for the end and collects the rest of the output; the result as for CForkedChild.
     int Wait();
     const std::string& Output() const { return output; }
@@ -50,9 +50,9 @@ private:
     std::string output;
 };
 
-// A part that this test program plays when a test starts it again as a process of its own, with a
-// fresh image: RUN_AGAIN(name) defines one at namespace scope, ThisProgramAs(name, ...) gives the
-// command line that plays it.
+// A role of this test program when a test starts it again as a new process with a fresh image:
+// RUN_AGAIN(name) defines one at namespace scope, ThisProgramAs(name, ...) returns the command line
+// that runs it.
 struct TRole {
     TRole(const char* name, int (*body)(const std::vector<std::string>& arguments));
 };
@@ -64,15 +64,15 @@ struct TRole {
 std::vector<std::string> ThisProgramAs(const std::string& role,
                                        const std::vector<std::string>& arguments = {});
 
-// Plays the role that the command line names; -1 when it names none.
+// Runs the role that the command line names and returns its exit status; -1 when it names none.
 int RunRole(int argc, char** argv);
 
-// Waits until `condition` holds, looking at it again and again without a limit of its own: the
-// time-out of the test ends what never happens.
+// Polls until `condition` holds, without a limit: the time-out of the test ends a wait for a
+// condition that never holds.
 void WaitUntil(const std::function<bool()>& condition);
 
-// Gives up what root may beyond others: modes of files and semaphores then hold for this process,
-// whoever runs it.
+// Drops root's capabilities, so that modes of files and semaphores apply to this process even when
+// root runs the tests.
 bool DropCapabilities();
 
 std::string ReadFile(const std::string& path);

@@ -19,8 +19,9 @@ TCalls TakeTableCalls() {
     return std::exchange(gCalls, {});
 }
 
+// The definition after this program's own, which is libc's.
 template <typename Function>
-static Function* SystemsOwn(const char* name) {
+static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -39,6 +40,10 @@ static bool IsTable(int descriptor) {
     return length > 0 && std::string(path, static_cast<std::size_t>(length)).ends_with(cTable);
 }
 
+// The five functions below are called by the test, the harness and the add-in, on whichever thread.
+// They record calls on the task file and pass them on to libc, unless gFailTableCall makes one fail
+// with EIO. Calls on other files only pass through.
+
 extern "C" int stat(const char* path, struct stat* status) noexcept {
     if (std::string(path) == cTable)
         gCalls.emplace_back("stat");
@@ -55,24 +60,25 @@ extern "C" int open(const char* path, int flags, ...) {
         if (Fails("open " + std::to_string(flags & ~O_CLOEXEC) + ' ' + std::to_string(mode)))
             return -1;
     }
-    return SystemsOwn<int(const char*, int, ...)>("open")(path, flags, mode);
+    return NextDefinition<int(const char*, int, ...)>("open")(path, flags, mode);
 }
 
 extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
     if (IsTable(descriptor) && Fails("read"))
         return -1;
-    return SystemsOwn<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
+    return NextDefinition<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
 }
 
 extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
     if (IsTable(descriptor) && Fails("write"))
         return -1;
-    return SystemsOwn<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer, size);
+    return NextDefinition<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer,
+                                                                           size);
 }
 
 extern "C" int close(int descriptor) {
     const bool fails = IsTable(descriptor) && Fails("close");
-    const int result = SystemsOwn<int(int)>("close")(descriptor);
+    const int result = NextDefinition<int(int)>("close")(descriptor);
     errno = fails ? EIO : errno;
     return fails ? -1 : result;
 }

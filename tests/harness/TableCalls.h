@@ -4,14 +4,15 @@
 #include <string>
 #include <vector>
 
-// The system calls on the task file, seen and made to fail. A test program that is linked to this
-// file has them come through here, the add-in's as well (see tests/CMakeLists.txt).
+// Records the system calls on the task file and makes them fail. In a test program that links this
+// file the calls are interposed, the add-in's included (see tests/CMakeLists.txt).
 
 using TCalls = std::vector<std::string>;
 
-// What was called since the last time: "stat", "open FLAGS MODE", "read", "write", "close".
-// Whether the flag O_CLOEXEC is given is not told; that it is, is expected of every open.
+// The calls since the last time: "stat", "open FLAGS MODE", "read", "write", "close". FLAGS omit
+// O_CLOEXEC, which every open must give.
 TCalls TakeTableCalls();
 
-// Whether a call fails with EIO; asked before each but stat. A close that fails has closed.
+// Whether a call is to fail with EIO; called before each call but stat. A close that fails has
+// closed the file.
 extern std::function<bool(const std::string& call)> gFailTableCall;

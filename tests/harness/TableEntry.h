@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-// Tasks of a table as the host sees them, around a moment that is taken for now.
+// Tasks of a table as the host reads them, around a fixed moment that stands for now.
 
 inline constexpr vxsched::TTime cNow{std::chrono::seconds(1'000'000)};
 

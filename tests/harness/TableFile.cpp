@@ -20,21 +20,21 @@ static void Append(std::string& bytes, Integer value) {
         bytes += static_cast<char>(static_cast<std::uint64_t>(value) >> (8 * index) & 0xFF);
 }
 
-static void AppendText(std::string& bytes, const std::string& text) {
-    Append(bytes, static_cast<std::uint32_t>(text.size()));
-    bytes += text;
+static void AppendString(std::string& bytes, const std::string& value) {
+    Append(bytes, static_cast<std::uint32_t>(value.size()));
+    bytes += value;
 }
 
 std::string BytesOf(const TRows& rows) {
     std::string bytes;
     Append(bytes, static_cast<std::uint64_t>(rows.size()));
     for (const TRow& row : rows) {
-        AppendText(bytes, row.name);
+        AppendString(bytes, row.name);
         Append(bytes, row.next);
         Append(bytes, row.last);
         Append(bytes, row.period);
-        AppendText(bytes, row.program);
-        AppendText(bytes, row.parameters);
+        AppendString(bytes, row.program);
+        AppendString(bytes, row.parameters);
         Append(bytes, row.paused);
     }
     return bytes;
@@ -61,13 +61,13 @@ public:
         Take(length);
         text = TakeBytes(length);
     }
-    bool sound = true;
+    bool valid = true;
     bool AtEnd() const { return position == bytes.size(); }
 
 private:
     std::string TakeBytes(std::size_t length) {
         if (bytes.size() - position < length) {
-            sound = false;
+            valid = false;
             length = 0;
         }
         position += length;
@@ -84,7 +84,7 @@ TRows ReadTable() {
     std::uint64_t count = 0;
     reader.Take(count);
     TRows rows;
-    while (reader.sound && rows.size() < count) {
+    while (reader.valid && rows.size() < count) {
         TRow row;
         reader.Take(row.name);
         reader.Take(row.next);
@@ -95,7 +95,7 @@ TRows ReadTable() {
         reader.Take(row.paused);
         rows.push_back(row);
     }
-    EXPECT_TRUE(reader.sound && reader.AtEnd()) << cTable << " is not a table";
+    EXPECT_TRUE(reader.valid && reader.AtEnd()) << cTable << " is not a table";
     return rows;
 }
 
@@ -106,7 +106,7 @@ std::string NamesInTable() {
     return names;
 }
 
-std::string PutAsideFile() {
+std::string QuarantinedFile() {
     for (const auto& entry : std::filesystem::directory_iterator("files")) {
         if (entry.path().filename().string().starts_with("scheduler.dat.damaged-"))
             return entry.path();

@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-// The task file as tests write and expect it: its bytes written down here, apart from the code
-// under test.
+// Encodes and decodes the task file for tests, independently of the code under test.
 struct TRow {
     std::string name;
     std::int64_t next = 0;
@@ -25,7 +24,7 @@ inline constexpr char cTable[] = "files/scheduler.dat";
 
 std::string BytesOf(const TRows& rows);
 
-// Creates the folder "files" if need be and writes the table.
+// Creates the directory "files" if it is missing and writes the table.
 void WriteTable(const TRows& rows);
 
 // The table in the file; fails the test when the file is not exactly one table.
@@ -33,5 +32,5 @@ TRows ReadTable();
 
 std::string NamesInTable();  // separated by blanks
 
-// The path of a damaged table that was put aside; "" when there is none.
-std::string PutAsideFile();
+// The path of a quarantined table; "" when there is none.
+std::string QuarantinedFile();

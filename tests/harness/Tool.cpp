@@ -77,7 +77,7 @@ TToolRun RunToolOnTerminal(const std::vector<std::string>& arguments, unsigned s
         Become(pointers, environment);
     TToolRun run;
     char block[4096];
-    // The end of the other side is an error here.
+    // When the other side closes, a terminal's read fails.
     for (ssize_t count = 0; (count = read(terminal, block, sizeof block)) > 0;) {
         for (const char* byte = block; byte < block + count; ++byte) {
             if (*byte != '\r')
@@ -91,12 +91,12 @@ TToolRun RunToolOnTerminal(const std::vector<std::string>& arguments, unsigned s
 
 TEnvironment AtTime(long seconds) {
     return {{"LD_PRELOAD", INTERPOSED_SYSTEM},
-            {"PLAYED_TIME", std::to_string(seconds)},
+            {"FAKE_TIME", std::to_string(seconds)},
             {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
 }
 
 TEnvironment WithoutPauses() {
     return {{"LD_PRELOAD", INTERPOSED_SYSTEM},
-            {"PLAYED_SLEEP", "1"},
+            {"SKIP_SLEEP", "1"},
             {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
 }

@@ -9,7 +9,7 @@
 struct TToolRun {
     int status = 0;  // the exit status, or 1000 plus the number of the signal that killed it
     std::string output;
-    std::string error;  // on a terminal, empty: all is output
+    std::string error;  // empty on a terminal: all goes to `output`
 };
 
 using TEnvironment = std::vector<std::pair<std::string, std::string>>;
@@ -18,12 +18,13 @@ using TEnvironment = std::vector<std::pair<std::string, std::string>>;
 TToolRun RunTool(const std::vector<std::string>& arguments, const TEnvironment& environment = {},
                  const std::string& input = "");
 
-// The same on a terminal of that many columns; line ends are as a program writes them.
+// The same on a terminal of that many columns, which does not translate line ends.
 TToolRun RunToolOnTerminal(const std::vector<std::string>& arguments, unsigned short columns,
                            const TEnvironment& environment = {});
 
-// Has what is started stand at that time by its own clock, which a change's process does not see.
+// The environment that freezes the clock of a program at that time. The process that makes a change
+// does not inherit it.
 TEnvironment AtTime(long seconds);
 
-// Has a host start programs without the pause that a start takes.
+// The environment that removes the two seconds' pause after each launch of a host.
 TEnvironment WithoutPauses();

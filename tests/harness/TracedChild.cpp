@@ -23,7 +23,8 @@ CTracedChild::CTracedChild(const std::function<void()>& prepare, const std::func
     : process(fork()) {
     if (process == 0) {
 #ifdef COVERAGE_BUILD
-        // Held while it counts, it would hold up every other process that does.
+        // A child that is stopped while it updates the counters would block every other process
+        // that does.
         setenv("LLVM_PROFILE_FILE", "unused", 1);
 #endif
         prepare();
@@ -46,7 +47,8 @@ CTracedChild::~CTracedChild() {
         Kill();
 }
 
-// Goes on as `request` says until the next stop that is not a signal's. False when it has ended.
+// Continues the child with that ptrace request until the next stop that is not a signal's. False
+// when it has ended.
 bool CTracedChild::Collect(int request, int& status) {
     long signal = 0;
     for (;;) {
@@ -91,7 +93,7 @@ void CTracedChild::ReadMemory(const void* address, void* copy, std::size_t size)
     process_vm_readv(process, &local, 1, &remote, 1, 0);
 }
 
-// ---- Calls as text ----------------------------------------------------------------------------
+// ---- Calls as strings ---------------------------------------------------------------------------
 
 template <typename Value>
 static Value ReadValue(pid_t process, unsigned long address) {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-// A child that runs `body` in a copy of this process (fork) and is held before and after each of
-// its system calls, so that a test can say where exactly it dies or what exactly it asked of the
-// system. `prepare` runs first, without being held. The child ends without finalisers, with body's
-// result as its exit status.
+// A child that runs `body` in a copy of this process (fork) and is stopped before and after each of
+// its system calls, so that a test can choose the exact call at which it dies, or record every
+// call. `prepare` runs first, without stops. The child exits without finalisers, with the result of
+// `body` as its exit status.
 class CTracedChild {
 public:
     CTracedChild(const std::function<void()>& prepare, const std::function<int()>& body);
@@ -19,25 +19,25 @@ public:
 
     pid_t Id() const { return process; }
 
-    // Lets it run to its next stop: before a system call or behind it, in turn. False when it has
+    // Lets it run to its next stop, alternately before and after a system call. False when it has
     // ended instead.
     bool Step();
 
-    // Whether it is held before a call that was not made yet.
+    // Whether it is stopped before a call, which was then not made yet.
     bool IsBefore() const { return before; }
 
-    // The call that it is held at, as text: "open files/scheduler.dat RDWR 0". Calls about memory
-    // and threads, which depend on the allocator and on the build, are "".
+    // The call that it is stopped at, as "open files/scheduler.dat RDWR 0". Calls about memory and
+    // threads, which depend on the allocator and on the build, are "".
     std::string Call() const;
 
-    // Copies what the child has at that address.
+    // Copies memory of the child at that address.
     void ReadMemory(const void* address, void* copy, std::size_t size) const;
 
-    // Lets it run to its end, without being held again. As CForkedChild::Wait().
+    // Lets it run to its end without stops. Returns what CForkedChild::Wait() does.
     int Finish();
 
-    // Kills it where it is held, and collects it: what the system gives back of a dead process is
-    // given back by then.
+    // Kills it where it is stopped and collects it. When this returns, the kernel has released what
+    // the process held.
     void Kill();
 
 private:

@@ -1,4 +1,4 @@
-// What a real host records of real programs, and of what was due while it was down.
+// What a real host records of real programs, and of tasks that were due while no host ran.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -32,16 +32,16 @@ static std::vector<TJson> RecordsOnceThereAre(std::size_t count) {
     return Records();
 }
 
-// A task that repeats, due since five seconds.
+// A repeating task that has been due for five seconds.
 static TRow Due(const std::string& name, const std::string& program, const std::string& parameter) {
     return {name, std::time(nullptr) - 5, cNever, 1, program, parameter, 0};
 }
 
 static std::string Utc(std::int64_t seconds) {
     const time_t time = seconds;
-    char text[64];
-    std::strftime(text, sizeof text, "%FT%T.000Z", std::gmtime(&time));
-    return text;
+    char iso[64];
+    std::strftime(iso, sizeof iso, "%FT%T.000Z", std::gmtime(&time));
+    return iso;
 }
 
 TEST(HostHistory, EachRunIsALineWithItsOutcome) {
@@ -63,7 +63,7 @@ TEST(HostHistory, EachRunIsALineWithItsOutcome) {
         EXPECT_EQ(record.at("program"), rows[index].program);
         EXPECT_EQ(record.at("parameter"), rows[index].parameters);
         EXPECT_EQ(record.at("due"), Utc(rows[index].next));
-        EXPECT_LT(record.at("due"), record.at("started")) << "as texts, too";
+        EXPECT_LT(record.at("due"), record.at("started")) << "ISO times sort as strings";
         EXPECT_LE(record.at("started"), record.at("ended"));
     }
     EXPECT_EQ(records[0].at("outcome"), "exited");
@@ -104,7 +104,7 @@ TEST(HostHistory, CommandShowsIt) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostHistory, TwinsAreRecordedByTheirOwnNames) {
+TEST(HostHistory, DuplicatesAreRecordedByTheirOwnNames) {
     CHost host;
     ReplaceTable({Due("one", PROGRAMS "/end-with", "status 0"),
                   Due("other", PROGRAMS "/end-with", "status 0")});
@@ -129,7 +129,7 @@ TEST(HostHistory, ProgramThatOutlivesTheHostIsRecordedAsLeftRunning) {
     WaitUntil([] { return std::filesystem::exists("end it.seen"); });
 }
 
-TEST(HostHistory, IsBoundedAsTold) {
+TEST(HostHistory, IsBoundedAsConfigured) {
     std::filesystem::create_directory("files");
     std::string earlier(399, 'x');
     earlier += '\n';
@@ -143,9 +143,9 @@ TEST(HostHistory, IsBoundedAsTold) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// ---- What was due while the host was down -----------------------------------------------------
+// ---- Tasks that were due while no host ran ----------------------------------------------------
 
-TEST(HostHistory, MissedTasksAreNamedInTheLogAndRecorded) {
+TEST(HostHistory, MissedTasksAreLoggedAndRecorded) {
     const std::int64_t now = std::time(nullptr);
     WriteTable({{"repeats", now - 100, 0, 1, "/bin/one", "a", 0},
                 {"runs once", now - 200, 0, 0, "/bin/two", "b", 0},
@@ -154,10 +154,11 @@ TEST(HostHistory, MissedTasksAreNamedInTheLogAndRecorded) {
     CHost host;
     EXPECT_EQ(host.CountInOutput("missed while no host ran: "), 2U) << host.Output();
     EXPECT_EQ(host.CountInOutput("missed while no host ran: task \"repeats\", due " +
-                                 Utc(now - 100) + ", moved on: /bin/one \"a\""),
+                                 Utc(now - 100) + ", rescheduled: /bin/one \"a\""),
               1U)
         << host.Output();
-    EXPECT_EQ(host.CountInOutput("task \"runs once\", due " + Utc(now - 200) + ", removed unrun"),
+    EXPECT_EQ(host.CountInOutput("task \"runs once\", due " + Utc(now - 200) +
+                                 ", removed: /bin/two \"b\""),
               1U)
         << host.Output();
     const std::vector<TJson> records = Records();
@@ -165,15 +166,15 @@ TEST(HostHistory, MissedTasksAreNamedInTheLogAndRecorded) {
     EXPECT_EQ(records[0].at("outcome"), "missed");
     EXPECT_EQ(records[0].at("name"), "repeats");
     EXPECT_EQ(records[0].at("due"), Utc(now - 100));
-    EXPECT_EQ(records[0].at("task"), "moved on");
+    EXPECT_EQ(records[0].at("task"), "rescheduled");
     EXPECT_FALSE(records[0].contains("started"));
     EXPECT_EQ(records[1].at("name"), "runs once");
-    EXPECT_EQ(records[1].at("task"), "removed unrun");
+    EXPECT_EQ(records[1].at("task"), "removed");
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "repeats coming paused");
 }
 
-// A history fits within the limit, a table does not.
+// A history fits into this limit, the table does not.
 RUN_AGAIN(HostThatMayWriteLittle) {
     static_cast<void>(arguments);
     const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
@@ -195,7 +196,7 @@ TEST(HostHistory, MissedTasksAreRecordedBeforeTheTableIsChanged) {
     EXPECT_EQ(records[0].at("name"), "repeats");
 }
 
-TEST(HostHistory, SoundTableMissesNothing) {
+TEST(HostHistory, ValidTableMissesNothing) {
     WriteTable({{"coming", std::time(nullptr) + 1000, 0, 1, "/bin/three", "c", 0}});
     CHost host;
     EXPECT_EQ(host.CountInOutput("missed"), 0U) << host.Output();

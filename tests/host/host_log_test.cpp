@@ -1,5 +1,6 @@
-// The log of the host: its file, a pipe in its place, and lines that nobody takes.
+// The log of the host: its file, a pipe in its place, a stalled reader, and lines at debug level.
 
+#include <VXC_Log.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <host/CHostLog.h>
@@ -11,9 +12,27 @@
 #include <string>
 
 #include "HostProgram.h"
+#include "LogCapture.h"
 #include "Process.h"
 
-TEST(HostLog, LinesThatNobodyTakesAreCountedAndKeepNobodyWaiting) {
+// "Failed waitpid." is no failure, and only the journal shows its level.
+TEST(HostLog, DebugLinesAreWrittenToNoFile) {
+    CForkedChild child([] {
+        CHostLog& log = CHostLog::Instance();
+        log.CaptureAddInMessages();
+        log.WriteTo("log");
+        VXC_LogMessage(cStillRunning);
+        VXC_LogMessage(cLaunchFailed);
+        log.Write(EPriority::cDebug, "a detail");
+        return LogHolds("log", std::string(" ") + cLaunchFailed + '\n') &&
+                       !LogHolds("log", cStillRunning) && !LogHolds("log", "a detail")
+                   ? 42
+                   : 1;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+TEST(HostLog, StalledReaderLosesLinesThatAreCountedAndDelaysNothing) {
     CForkedChild child([] {
         int ends[2];
         if (pipe2(ends, O_NONBLOCK) != 0)
@@ -41,34 +60,35 @@ TEST(HostLog, LinesThatNobodyTakesAreCountedAndKeepNobodyWaiting) {
 
 TEST(HostLog, IsContinuedAndHoldsWhyTheHostCannotRun) {
     WriteFile("log", "before\n");
-    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to repair
     CProgram host(HostWith({"--log", "log"}));
     EXPECT_EQ(host.Wait(), 6);
     EXPECT_TRUE(ReadFile("log").starts_with("before\n20")) << ReadFile("log");
-    EXPECT_TRUE(LogHolds("log", " vxschedd: cannot make the table fit"));
-    EXPECT_TRUE(host.Output().starts_with("vxschedd: cannot make the table fit")) << host.Output();
+    EXPECT_TRUE(LogHolds("log", " vxschedd: cannot prepare the table"));
+    EXPECT_TRUE(host.Output().starts_with("vxschedd: cannot prepare the table")) << host.Output();
 }
 
 TEST(HostLog, ThatCannotBeOpenedIsRefused) {
-    CProgram host(HostWith({"--log", "no folder/log"}));
+    CProgram host(HostWith({"--log", "no directory/log"}));
     EXPECT_EQ(host.Wait(), 1);
-    EXPECT_NE(host.Output().find("no folder/log: No such file or directory. Name another with "
-                                 "--log."),
+    EXPECT_NE(host.Output().find("cannot open the log " + std::filesystem::current_path().string() +
+                                 "/no directory/log: No such file or directory. Choose another "
+                                 "file with --log."),
               std::string::npos)
         << host.Output();
 }
 
-TEST(HostLog, PipeThatNobodyReadsIsRefusedAndNotWaitedFor) {
+TEST(HostLog, PipeWithoutAReaderIsRefusedAndNotWaitedFor) {
     ASSERT_EQ(mkfifo("pipe", 0644), 0);
     CProgram host(HostWith({"--log", "./pipe"}));
     EXPECT_EQ(host.Wait(), 1);
-    EXPECT_NE(host.Output().find("pipe: it is no file, or a pipe that nobody reads. Name another "
-                                 "with --log."),
+    EXPECT_NE(host.Output().find("pipe: it is not a file, or a FIFO without a reader. "
+                                 "Choose another file with --log."),
               std::string::npos)
         << host.Output();
 }
 
-TEST(HostLog, PipeIsWrittenToAsLongAsItTakesTheLines) {
+TEST(HostLog, PipeIsWrittenToUntilItIsFull) {
     ASSERT_EQ(mkfifo("pipe", 0644), 0);
     const int reader = open("pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     CProgram host(HostWith({"--log", "./pipe"}));
@@ -80,7 +100,7 @@ TEST(HostLog, PipeIsWrittenToAsLongAsItTakesTheLines) {
         return log.find(" as process ") != std::string::npos;
     };
     WaitUntil(readOn);
-    // With a pipe as full as can be, it goes on without its lines.
+    // With a full pipe the host goes on without its lines.
     const int filler = open("pipe", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     while (write(filler, "", 1) == 1) {
     }

@@ -1,4 +1,4 @@
-// vxschedd, a real process with real programs: what it starts, reports, refuses, and how it ends.
+// vxschedd, a real process with real programs: what it launches, reports, refuses, and how it ends.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,8 +20,9 @@
 #include "StoreSemaphore.h"
 #include "TableFile.h"
 
-// Makes ready what a careless parent may leave to a host, then becomes the host.
-RUN_AGAIN(HostWithABurden) {
+// Sets up what a careless parent may leave to a host, blocked and ignored signals and an open
+// descriptor, then becomes the host.
+RUN_AGAIN(HostOfACarelessParent) {
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_SETMASK, &all, nullptr);
@@ -49,7 +50,7 @@ RUN_AGAIN(HostWithoutStandardError) {
     return 1;
 }
 
-// Nobody reads what this host writes: the other end of its pipe is closed.
+// The reading end of this host's output pipe is closed.
 RUN_AGAIN(HostWithABrokenPipe) {
     int ends[2];
     if (pipe(ends) != 0)
@@ -63,9 +64,9 @@ RUN_AGAIN(HostWithABrokenPipe) {
     return 1;
 }
 
-static const std::string cRecorder = PROGRAMS "/record-start";
-static const std::vector<std::string> cCleanStart = {
-    "arguments 2",         "argument " PROGRAMS "/record-start",
+static const std::string cRecorder = PROGRAMS "/record-launch";
+static const std::vector<std::string> cCleanLaunch = {
+    "arguments 2",         "argument " PROGRAMS "/record-launch",
     "argument the record", "descriptor 0",
     "descriptor 1",        "descriptor 2"};
 
@@ -75,7 +76,7 @@ TEST(Host, RunsATaskThatAnotherProcessCreatedAndReportsItsEnd) {
     CHost host;
     CreateDue("task", cRecorder, "the record");
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
-    EXPECT_EQ(Lines("the record"), cCleanStart);
+    EXPECT_EQ(Lines("the record"), cCleanLaunch);
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("started process"), 1U) << host.Output();
@@ -85,11 +86,11 @@ TEST(Host, RunsATaskThatAnotherProcessCreatedAndReportsItsEnd) {
 }
 
 TEST(Host, ProgramsInheritNothingOfTheHostsBurden) {
-    CHost host(ThisProgramAs("HostWithABurden"));
+    CHost host(ThisProgramAs("HostOfACarelessParent"));
     CreateDue("task", cRecorder, "the record");
-    EXPECT_EQ(Lines("the record"), cCleanStart);
+    EXPECT_EQ(Lines("the record"), cCleanLaunch);
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
-    EXPECT_EQ(host.Stop(SIGINT), 0) << "a stop that its parent ignored is heard all the same";
+    EXPECT_EQ(host.Stop(SIGINT), 0) << "it stops on a signal that its parent ignored";
 }
 
 TEST(Host, EveryEndIsReportedOnceAndNoChildIsLeftUncollected) {
@@ -104,19 +105,21 @@ TEST(Host, EveryEndIsReportedOnceAndNoChildIsLeftUncollected) {
     EXPECT_TRUE(
         host.WaitForOutput("cannot start /no/such/program/at-all: No such file or directory"))
         << host.Output();
-    EXPECT_TRUE(host.WaitForOutput(cStartFailed)) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput(cLaunchFailed)) << host.Output();
     EXPECT_EQ(host.CountZombies(), 0);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("exited with"), 1U) << host.Output();
     EXPECT_EQ(host.CountInOutput("was killed"), 1U) << host.Output();
 }
 
-TEST(Host, LongRunningProgramIsLeftRunningAndNamed) {
+TEST(Host, LongRunningProgramIsLeftRunningAndLogged) {
     std::optional<CHost> host(std::in_place);
     CreateDue("long", PROGRAMS "/wait-for-it", "end it");
-    EXPECT_TRUE(host->WaitForOutput(cStillRunning)) << host->Output();
+    EXPECT_TRUE(host->WaitForOutput("started process")) << host->Output();
+    WaitForTheTicksEnd();
     EXPECT_EQ(host->Stop(), 0);
-    EXPECT_EQ(host->CountInOutput("leaving 1 started program(s) running"), 1U) << host->Output();
+    EXPECT_EQ(host->CountInOutput(cStillRunning), 0U) << "not an error, and no level is shown";
+    EXPECT_EQ(host->CountInOutput("leaving 1 launched program(s) running"), 1U) << host->Output();
     EXPECT_EQ(host->CountInOutput("exited with"), 0U);
     WriteFile("end it", "");
     WaitUntil([] { return std::filesystem::exists("end it.seen"); });
@@ -125,7 +128,8 @@ TEST(Host, LongRunningProgramIsLeftRunningAndNamed) {
 TEST(Host, EndsOfALongRunningProgramIsReportedWhenItComes) {
     CHost host;
     CreateDue("long", PROGRAMS "/wait-for-it", "end it");
-    EXPECT_TRUE(host.WaitForOutput(cStillRunning)) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
+    WaitForTheTicksEnd();
     WriteFile("end it", "");
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
     EXPECT_EQ(host.CountZombies(), 0);
@@ -166,13 +170,13 @@ TEST(Host, StopDuringATickWaitsForItsEnd) {
 
 TEST(Host, ManySignalsAtOnceAreOneStop) {
     CHost host;
-    for (int round = 0; round < 50; ++round) {
+    for (int count = 0; count < 50; ++count) {
         host.Kill(SIGCHLD);
         host.Kill(SIGPIPE);
         host.Kill(SIGXFSZ);
     }
     WakeWorker();
-    for (int round = 0; round < 50; ++round) {
+    for (int count = 0; count < 50; ++count) {
         host.Kill(SIGTERM);
         host.Kill(SIGINT);
     }
@@ -180,8 +184,8 @@ TEST(Host, ManySignalsAtOnceAreOneStop) {
     EXPECT_EQ(host.CountInOutput("stopping on"), 1U);
 }
 
-// A handler could run on the worker; where there is none, none can. (The C library's own two begin
-// at 32.)
+// A handler could run on the worker and interrupt its wait for the mutex. (Signals from 32 on are
+// used by the C library.)
 TEST(Host, HasNoSignalHandlerAndIgnoresNothing) {
     const CHost host;
     EXPECT_EQ(std::stoul(host.Status("SigCgt"), nullptr, 16) & 0x7FFFFFFF, 0U);
@@ -249,29 +253,29 @@ TEST(Host, WriteBeyondTheSizeLimitIsAnErrorAndNotItsEnd) {
     EXPECT_EQ(ReadTable(), rows);
 }
 
-TEST(Host, DamagedTableIsPutAsideAndNothingThatCanBeReadIsLost) {
-    const TRow row{"whole", 4'000'000'000, 0, 1, "/bin/program", "", 0};
+TEST(Host, DamagedTableIsQuarantinedAndNothingThatCanBeReadIsLost) {
+    const TRow row{"intact", 4'000'000'000, 0, 1, "/bin/program", "", 0};
     const std::string damaged = BytesOf({row, row}).substr(0, BytesOf({row}).size() + 5);
     std::filesystem::create_directory("files");
     WriteFile(cTable, damaged);
     CHost host;
     EXPECT_EQ(host.CountInOutput("the table is damaged at offset"), 1U) << host.Output();
-    EXPECT_EQ(host.CountInOutput("kept \"whole\" from the damaged table"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("kept \"intact\" from the damaged table"), 1U) << host.Output();
     EXPECT_EQ(ReadTable(), TRows{row});
     EXPECT_EQ(host.Stop(), 0);
-    std::size_t aside = 0;
+    std::size_t quarantined = 0;
     for (const auto& entry : std::filesystem::directory_iterator("files")) {
         if (entry.path().string().find(".damaged-") != std::string::npos)
-            aside += ReadFile(entry.path()) == damaged ? 1 : 10;
+            quarantined += ReadFile(entry.path()) == damaged ? 1 : 10;
     }
-    EXPECT_EQ(aside, 1U);
+    EXPECT_EQ(quarantined, 1U);
 }
 
 TEST(Host, StartedWithoutStandardErrorItKeepsItsLogOutOfTheTable) {
     CProgram host(ThisProgramAs("HostWithoutStandardError"));
     WaitUntil([] { return ReadFile(cTable) == BytesOf({}) && StoreSemaphoreValue() == 1; });
     CreateDue("task", cRecorder, "the record");
-    EXPECT_EQ(Lines("the record"), cCleanStart);
+    EXPECT_EQ(Lines("the record"), cCleanLaunch);
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_EQ(ReadTable(), TRows());
@@ -281,7 +285,7 @@ TEST(Host, LogThatNobodyReadsDoesNotEndIt) {
     CProgram host(ThisProgramAs("HostWithABrokenPipe"));
     WaitUntil([] { return ReadFile(cTable) == BytesOf({}) && StoreSemaphoreValue() == 1; });
     CreateDue("task", cRecorder, "the record");
-    EXPECT_EQ(Lines("the record"), cCleanStart);
+    EXPECT_EQ(Lines("the record"), cCleanLaunch);
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_EQ(host.Output(), "");
@@ -304,7 +308,7 @@ class HostCommandLine : public testing::TestWithParam<TCommandLine> {};
 
 TEST_P(HostCommandLine, IsAnsweredWithAStatusAndAMessage) {
     WriteFile("a file", "");
-    std::filesystem::create_directory("a folder");
+    std::filesystem::create_directory("a directory");
     std::vector<std::string> command{HOST_PROGRAM};
     command.insert(command.end(), GetParam().arguments.begin(), GetParam().arguments.end());
     CProgram host(command);
@@ -322,16 +326,18 @@ INSTANTIATE_TEST_SUITE_P(
         TCommandLine{{"--directory", ".", "--unknown"}, 2, "--unknown"},
         TCommandLine{{"--directory", ".", "--output-size", "large"}, 2, "--output-size"},
         TCommandLine{{"--directory", ".", "--history-size", "-1"}, 2, "--history-size"},
-        TCommandLine{{"--directory", ".", "--patience", "-1"}, 2, "--patience"},
-        TCommandLine{{"--directory", ".", "--check", "--output-size", "64KiB"}, 0, "well"},
+        TCommandLine{{"--directory", ".", "--lock-timeout", "-1"}, 2, "--lock-timeout"},
+        TCommandLine{{"--directory", ".", "--check", "--output-size", "64KiB"}, 0, "ok: "},
+        TCommandLine{{"--directory", "missing"},
+                     3,
+                     "cannot use the directory missing: No such file or directory"},
         TCommandLine{
-            {"--directory", "no folder"}, 3, "cannot work in no folder: No such file or directory"},
-        TCommandLine{{"--directory", "a file"}, 3, "cannot work in a file: Not a directory"},
-        TCommandLine{{"--directory", "a folder", "--addin", "/no/add-in"},
+            {"--directory", "a file"}, 3, "cannot use the directory a file: Not a directory"},
+        TCommandLine{{"--directory", "a directory", "--addin", "/no/add-in"},
                      5,
                      "cannot load the add-in /no/add-in"},
         TCommandLine{
-            {"--directory", "a folder", "--addin", SUPPORT_LIBRARY}, 5, "is not an add-in"}));
+            {"--directory", "a directory", "--addin", SUPPORT_LIBRARY}, 5, "is not an add-in"}));
 
 TEST(Host, AnswersGoToStandardOutputAndMessagesToStandardError) {
     const std::string host = HOST_PROGRAM;
@@ -372,15 +378,15 @@ TEST(Host, DirectoryThatMayNotBeWrittenIsRefused) {
 }
 
 TEST(Host, AddInOfARelativePathIsTheCallersNotTheDirectorys) {
-    std::filesystem::create_directory("a folder");
+    std::filesystem::create_directory("a directory");
     std::filesystem::create_symlink(ADDIN_LIBRARY, "add-in.so");
-    CHost host({HOST_PROGRAM, "--directory", "a folder", "--addin", "./add-in.so"});
+    CHost host({HOST_PROGRAM, "--directory", "a directory", "--addin", "./add-in.so"});
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// A sanitizer reads this limit as well, and gives up over it before the host begins.
+// A sanitizer reads this limit as well and exits before the host begins.
 #ifdef PLAIN_BUILD
-// A thread's stack is as large as this limit, and no memory is that large.
+// The stack of a new thread is as large as this limit, which is more than there is memory.
 RUN_AGAIN(HostWithEndlessStacks) {
     static_cast<void>(arguments);
     const rlimit limit{.rlim_cur = 1UL << 46, .rlim_max = RLIM_INFINITY};
@@ -389,7 +395,7 @@ RUN_AGAIN(HostWithEndlessStacks) {
     return 99;
 }
 
-TEST(Host, ThreadThatCannotBeStartedIsToldAndNotJoined) {
+TEST(Host, ThreadThatCannotBeStartedIsReportedAndNotJoined) {
     CProgram host(ThisProgramAs("HostWithEndlessStacks"));
     EXPECT_EQ(host.Wait(), 1);
     EXPECT_NE(
@@ -399,7 +405,7 @@ TEST(Host, ThreadThatCannotBeStartedIsToldAndNotJoined) {
 }
 #endif
 
-TEST(Host, FindsTheAddInBesideItself) {
+TEST(Host, FindsTheAddInNextToItself) {
     CHost host;
     EXPECT_NE(ReadFile("/proc/" + std::to_string(host.Id()) + "/maps").find(ADDIN_LIBRARY),
               std::string::npos);

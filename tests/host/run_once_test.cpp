@@ -1,4 +1,4 @@
-// vxschedd --run-once, the real program: it runs what is due, waits for it and ends.
+// vxschedd --run-once, the real program: it launches due programs, waits for them and exits.
 
 #include <gtest/gtest.h>
 
@@ -14,9 +14,9 @@
 #include "StoreSemaphore.h"
 #include "TableFile.h"
 
-// A task for each second around the start: the load passes over those before it, the tick runs what
-// is due then, the others wait.
-TEST(HostRunOnce, RunsWhatIsDueWaitsForItAndEnds) {
+// One task for each second around the host's startup: earlier ones are missed, those that are due
+// in that second are launched, later ones wait.
+TEST(HostRunOnce, LaunchesDueProgramsWaitsForThemAndExits) {
     const std::int64_t now = std::time(nullptr);
     TRows table;
     for (std::int64_t second = now - 2; second <= now + 20; ++second)

@@ -1,4 +1,4 @@
-// What a program that loads the add-in puts around its calls on the table.
+// The interposed file functions through which the add-in reads and saves its table.
 
 #include <gtest/gtest.h>
 
@@ -16,13 +16,13 @@ static std::string StepsOf(std::vector<std::string> steps) {
     return program.Output();
 }
 
-TEST(TableSaves, OfATableThatCouldNotBeReadGoNowhere) {
-    EXPECT_EQ(StepsOf({"no-folder", "stat", "save"}), "no-folder ok\nstat failed\nsave ok\n");
-    EXPECT_TRUE(std::filesystem::is_regular_file("files")) << "and nothing became of it";
+TEST(TableSaves, AreDiscardedAfterAFailedRead) {
+    EXPECT_EQ(StepsOf({"no-directory", "stat", "save"}), "no-directory ok\nstat failed\nsave ok\n");
+    EXPECT_TRUE(std::filesystem::is_regular_file("files")) << "nothing was saved";
     std::filesystem::remove("files");
 }
 
-TEST(TableSaves, AreMadeAgainBehindAReadThatSucceeds) {
+TEST(TableSaves, AreMadeAgainAfterAReadThatSucceeds) {
     std::filesystem::create_directory("files");
     WriteFile(cTable, "a table");
     EXPECT_EQ(StepsOf({"read", "save"}), "read ok\nsave ok\n");
@@ -30,8 +30,8 @@ TEST(TableSaves, AreMadeAgainBehindAReadThatSucceeds) {
 }
 
 TEST(TableSaves, AreMadeAgainWhereThereIsNoTable) {
-    EXPECT_EQ(StepsOf({"no-folder", "stat", "folder", "stat", "save"}),
-              "no-folder ok\nstat failed\nfolder ok\nstat failed\nsave ok\n");
+    EXPECT_EQ(StepsOf({"no-directory", "stat", "directory", "stat", "save"}),
+              "no-directory ok\nstat failed\ndirectory ok\nstat failed\nsave ok\n");
     EXPECT_EQ(ReadFile(cTable), "saved");
     std::filesystem::remove_all("files");
 }

@@ -1,6 +1,11 @@
-// Put in front of a real program's system functions by LD_PRELOAD: of its calls on the files of a
-// store, in "files", the one of number PLAYED_FAULT fails, counted from 1 over all threads. What failed
-// is said at standard error, "played fault N: CALL".
+// Injects one fault into a real program (LD_PRELOAD): of its calls on the files of a store, below
+// "files", the one whose number the environment variable FAULT_CALL holds fails, counted from 1
+// over all threads. The fault is reported on standard error as "injected fault N: CALL".
+//
+// The symbols below are called by the program, its libraries and the add-in, on whichever thread.
+// Each passes the call on to the next definition, except the one call that fails: it makes no
+// system call (close does close) and returns -1 with errno set to ENOSPC for calls that need room,
+// EMFILE for other opens, EIO for the rest.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -20,10 +25,10 @@ constexpr int cMostDescriptors = 1024;
 std::atomic<bool> gIsOfTheStore[cMostDescriptors];
 
 bool IsOfTheStore(const char* path) {
-    std::string_view text = path;
-    if (text.starts_with("./"))
-        text.remove_prefix(2);
-    return text == "files" || text.starts_with("files/");
+    std::string_view relative = path;
+    if (relative.starts_with("./"))
+        relative.remove_prefix(2);
+    return relative == "files" || relative.starts_with("files/");
 }
 
 bool IsOfTheStore(int descriptor) {
@@ -33,26 +38,26 @@ bool IsOfTheStore(int descriptor) {
 // True once, for the call that is to fail.
 bool Fails(const char* call, int error) {
     static const long gNumber = [] {
-        const char* const text = std::getenv("PLAYED_FAULT");
-        return text != nullptr ? std::atol(text) : 0;
+        const char* const value = std::getenv("FAULT_CALL");
+        return value != nullptr ? std::atol(value) : 0;
     }();
     static std::atomic<long> gCalls{0};
     if (gNumber == 0 || ++gCalls != gNumber)
         return false;
-    dprintf(STDERR_FILENO, "played fault %ld: %s\n", gNumber, call);
+    dprintf(STDERR_FILENO, "injected fault %ld: %s\n", gNumber, call);
     errno = error;
     return true;
 }
 
 template <typename Function>
-Function* SystemsOwn(const char* name) {
+Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
 
 extern "C" int openat(int directory, const char* path, int flags, ...) {
-    static auto* const system = SystemsOwn<int(int, const char*, int, ...)>("openat");
+    static auto* const system = NextDefinition<int(int, const char*, int, ...)>("openat");
     va_list rest;
     va_start(rest, flags);
     const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
@@ -75,7 +80,7 @@ extern "C" int open(const char* path, int flags, ...) {
 }
 
 extern "C" int close(int descriptor) {
-    static auto* const system = SystemsOwn<int(int)>("close");
+    static auto* const system = NextDefinition<int(int)>("close");
     const bool fails = IsOfTheStore(descriptor) && Fails("close", EIO);
     if (descriptor >= 0 && descriptor < cMostDescriptors)
         gIsOfTheStore[descriptor] = false;
@@ -86,42 +91,42 @@ extern "C" int close(int descriptor) {
 }
 
 extern "C" ssize_t read(int descriptor, void* bytes, size_t size) {
-    static auto* const system = SystemsOwn<ssize_t(int, void*, size_t)>("read");
+    static auto* const system = NextDefinition<ssize_t(int, void*, size_t)>("read");
     return IsOfTheStore(descriptor) && Fails("read", EIO) ? -1 : system(descriptor, bytes, size);
 }
 
 extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
-    static auto* const system = SystemsOwn<ssize_t(int, const void*, size_t)>("write");
+    static auto* const system = NextDefinition<ssize_t(int, const void*, size_t)>("write");
     return IsOfTheStore(descriptor) && Fails("write", ENOSPC) ? -1
                                                               : system(descriptor, bytes, size);
 }
 
 extern "C" int fsync(int descriptor) {
-    static auto* const system = SystemsOwn<int(int)>("fsync");
+    static auto* const system = NextDefinition<int(int)>("fsync");
     return IsOfTheStore(descriptor) && Fails("fsync", EIO) ? -1 : system(descriptor);
 }
 
 extern "C" int rename(const char* from, const char* to) noexcept {
-    static auto* const system = SystemsOwn<int(const char*, const char*)>("rename");
+    static auto* const system = NextDefinition<int(const char*, const char*)>("rename");
     return IsOfTheStore(to) && Fails("rename", ENOSPC) ? -1 : system(from, to);
 }
 
 extern "C" int mkdir(const char* path, mode_t mode) noexcept {
-    static auto* const system = SystemsOwn<int(const char*, mode_t)>("mkdir");
+    static auto* const system = NextDefinition<int(const char*, mode_t)>("mkdir");
     return IsOfTheStore(path) && Fails("mkdir", ENOSPC) ? -1 : system(path, mode);
 }
 
 extern "C" int stat(const char* path, struct stat* status) noexcept {
-    static auto* const system = SystemsOwn<int(const char*, struct stat*)>("stat");
+    static auto* const system = NextDefinition<int(const char*, struct stat*)>("stat");
     return IsOfTheStore(path) && Fails("stat", EIO) ? -1 : system(path, status);
 }
 
 extern "C" int lstat(const char* path, struct stat* status) noexcept {
-    static auto* const system = SystemsOwn<int(const char*, struct stat*)>("lstat");
+    static auto* const system = NextDefinition<int(const char*, struct stat*)>("lstat");
     return IsOfTheStore(path) && Fails("lstat", EIO) ? -1 : system(path, status);
 }
 
 extern "C" int fstat(int descriptor, struct stat* status) noexcept {
-    static auto* const system = SystemsOwn<int(int, struct stat*)>("fstat");
+    static auto* const system = NextDefinition<int(int, struct stat*)>("fstat");
     return IsOfTheStore(descriptor) && Fails("fstat", EIO) ? -1 : system(descriptor, status);
 }

@@ -1,4 +1,4 @@
-// Appends its parameter as a line to the file of that name, in one write.
+// append-text FILE: appends the string FILE as a line to the file of that name, in one write.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Ends as its one parameter says: "status N", or by "signal N".
+// Exits with the status of the parameter "status N", or is killed by the signal of "signal N".
 
 #include <signal.h>
 

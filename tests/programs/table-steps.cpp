@@ -1,6 +1,6 @@
-// table-steps STEP...: makes the calls that the add-in makes on its table, in a program that puts
-// itself around them: stat, read, save. The steps no-folder and folder make "files" a file, or a folder
-// without a table. Prints for each call whether it succeeded.
+// table-steps STEP...: makes the calls that the add-in makes on its table, in a program that
+// interposes them: stat, read, save. The steps no-directory and directory make "files" a file, or a
+// directory without a table. Prints for each step whether it succeeded.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -34,7 +34,7 @@ static bool Make(const std::string& step) {
     if (step == "save")
         return Save();
     std::filesystem::remove_all("files");
-    if (step == "folder")
+    if (step == "directory")
         return std::filesystem::create_directory("files");
     return std::ofstream("files").is_open();
 }

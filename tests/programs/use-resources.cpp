@@ -1,4 +1,5 @@
-// Uses processor time and memory as its one parameter says, both at least: "use MILLISECONDS MIB".
+// Uses at least as much processor time and memory as its one parameter asks for:
+// "use MILLISECONDS MIB".
 
 #include <time.h>
 

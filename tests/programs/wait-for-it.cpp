@@ -1,5 +1,5 @@
-// Runs until the file that its one parameter names is there, then says so in another beside it. It
-// ends by itself in the end, should nobody ever make the file.
+// wait-for-it FILE: runs until FILE exists, then creates FILE.seen and exits. It exits after two
+// minutes if FILE is never created.
 
 #include <sys/stat.h>
 #include <time.h>
@@ -11,8 +11,8 @@ int main(int argc, char** argv) {
     if (argc != 2)
         return 99;
     struct stat status {};
-    for (int round = 0; stat(argv[1], &status) != 0; ++round) {
-        if (round > 60'000)
+    for (int iteration = 0; stat(argv[1], &status) != 0; ++iteration) {
+        if (iteration > 60'000)
             return 98;
         const timespec pause{.tv_sec = 0, .tv_nsec = 2'000'000};
         nanosleep(&pause, nullptr);

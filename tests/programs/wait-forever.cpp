@@ -1,4 +1,4 @@
-// Runs until it is killed, or until whoever started it is gone.
+// Runs until it is killed, or until its parent exits.
 
 #include <signal.h>
 #include <sys/prctl.h>

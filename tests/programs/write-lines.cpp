@@ -1,5 +1,5 @@
-// Writes its one parameter to standard output, then to standard error, and says on standard output
-// what it can read from standard input.
+// Writes its one parameter to standard output, then to standard error, and prints how many bytes it
+// could read from standard input.
 
 #include <unistd.h>
 

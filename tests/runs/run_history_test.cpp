@@ -1,4 +1,4 @@
-// The file that the host keeps its records of runs in: its bounds, and what keeps a record out of it.
+// The file of the run history: its size limit, and records that cannot be written.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -101,8 +101,8 @@ TEST_F(RunHistory, PipeInItsPlaceTakesNoRecordAndIsNotWaitedFor) {
     });
     EXPECT_EQ(child.Wait(), 42);
     const std::string log = ReadFile("log of a pipe");
-    EXPECT_NE(log.find("files/history.jsonl: it is no file, or a pipe that nobody reads; lost"),
+    EXPECT_NE(log.find("files/history.jsonl: it is not a file, or a FIFO without a reader; lost"),
               std::string::npos)
         << log;
-    EXPECT_NE(log.find("files/history.jsonl: it is no file; lost"), std::string::npos) << log;
+    EXPECT_NE(log.find("files/history.jsonl: it is not a file; lost"), std::string::npos) << log;
 }

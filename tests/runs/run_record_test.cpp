@@ -1,4 +1,4 @@
-// The records of runs: what one holds as text, and what is read back of it.
+// Run records: their lines of JSON, and reading these back.
 
 #include <gtest/gtest.h>
 #include "runs/RunRecord.h"
@@ -36,7 +36,7 @@ TEST(RunRecord, OfADeathHasTheSignalInPlaceOfTheStatus) {
     EXPECT_EQ(line.find("status"), std::string::npos) << line;
 }
 
-TEST(RunRecord, OfAFailedStartHasTheErrorAndNoProcess) {
+TEST(RunRecord, OfAFailedLaunchHasTheErrorAndNoProcess) {
     TRunRecord record = Exited();
     record.outcome = TRunRecord::cNotStarted;
     record.process = 0;
@@ -50,19 +50,19 @@ TEST(RunRecord, OfAFailedStartHasTheErrorAndNoProcess) {
               "\n");
 }
 
-TEST(RunRecord, OfAMissedStartSaysWhatBecameOfTheTask) {
+TEST(RunRecord, OfAMissedDueTimeHasWhatBecameOfTheTask) {
     TRunRecord record;
     record.task = "nightly";
     record.due = sys_seconds(seconds(0));
     record.program = "/bin/program";
-    record.outcome = TRunRecord::cMovedOn;
+    record.outcome = TRunRecord::cRescheduled;
     EXPECT_EQ(
         JsonLine(record),
         R"({"version":1,"outcome":"missed","name":"nightly","due":"1970-01-01T00:00:00.000Z",)"
-        R"("task":"moved on","program":"/bin/program","parameter":""})"
+        R"("task":"rescheduled","program":"/bin/program","parameter":""})"
         "\n");
-    record.outcome = TRunRecord::cRemovedUnrun;
-    EXPECT_NE(JsonLine(record).find(R"("task":"removed unrun")"), std::string::npos);
+    record.outcome = TRunRecord::cRemoved;
+    EXPECT_NE(JsonLine(record).find(R"("task":"removed")"), std::string::npos);
 }
 
 TEST(RunRecord, OfAProgramLeftRunningHasNoEnd) {
@@ -76,17 +76,17 @@ TEST(RunRecord, OfAProgramLeftRunningHasNoEnd) {
               "\n");
 }
 
-TEST(RunRecord, WhatCannotBeToldIsNull) {
+TEST(RunRecord, UnknownTaskAndDueTimeAreNull) {
     TRunRecord record = Exited();
     record.task.reset();
     record.due.reset();
     EXPECT_NE(JsonLine(record).find(R"("name":null,"due":null)"), std::string::npos);
-    // No calendar has the year.
+    // The year exceeds the range of int.
     record.due = sys_seconds(seconds(std::numeric_limits<std::int64_t>::max()));
     EXPECT_NE(JsonLine(record).find(R"("due":null)"), std::string::npos);
 }
 
-TEST(RunRecord, StaysOneLineOfJsonWhateverItsTextsHold) {
+TEST(RunRecord, StaysOneLineOfJsonWhateverItsStringsHold) {
     TRunRecord record = Exited();
     record.task = "line\nbreak \"quoted\" \\ and \xC3\xA4 and \xFF";
     EXPECT_NE(JsonLine(record).find("\"name\":\"line\\nbreak \\\"quoted\\\" \\\\ and "
@@ -101,7 +101,7 @@ TEST(RunRecord, StaysOneLineOfJsonWhateverItsTextsHold) {
 TEST(RunRecord, IsReadBackAsItWasWritten) {
     for (const TRunRecord::EOutcome outcome :
          {TRunRecord::cExited, TRunRecord::cKilled, TRunRecord::cUnknown, TRunRecord::cLeftRunning,
-          TRunRecord::cNotStarted, TRunRecord::cMovedOn, TRunRecord::cRemovedUnrun}) {
+          TRunRecord::cNotStarted, TRunRecord::cRescheduled, TRunRecord::cRemoved}) {
         TRunRecord record = Exited();
         record.outcome = outcome;
         record.error = outcome == TRunRecord::cNotStarted ? "No such file" : "";
@@ -119,15 +119,15 @@ TEST(RunRecord, IsReadBackAsItWasWritten) {
     }
 }
 
-TEST(RunRecord, TextsThatAreNotUnicodeAreReadAsTheyWereRecorded) {
+TEST(RunRecord, StringsThatAreNotUnicodeAreReadAsTheyWereRecorded) {
     TRunRecord record = Exited();
     record.task = "caf\xE9";
-    EXPECT_EQ(ReadJsonLine(JsonLine(record))->task, RecordedText("caf\xE9"));
-    EXPECT_EQ(RecordedText("caf\xE9"), "caf\xEF\xBF\xBD");
-    EXPECT_EQ(RecordedText("\xC3\xA4\n\""), "\xC3\xA4\n\"");
+    EXPECT_EQ(ReadJsonLine(JsonLine(record))->task, AsRecorded("caf\xE9"));
+    EXPECT_EQ(AsRecorded("caf\xE9"), "caf\xEF\xBF\xBD");
+    EXPECT_EQ(AsRecorded("\xC3\xA4\n\""), "\xC3\xA4\n\"");
 }
 
-TEST(RunRecord, FieldsOfALaterHostArePassedOver) {
+TEST(RunRecord, FieldsOfALaterHostAreSkipped) {
     std::string line = JsonLine(Exited());
     line.replace(line.find('}'), 1, R"(,"more":[1,2]})");
     EXPECT_EQ(ReadJsonLine(line), Exited());

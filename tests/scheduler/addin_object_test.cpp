@@ -1,4 +1,4 @@
-// The add-in object: what a load does, what the host's calls do, what an unload leaves.
+// The add-in object: loading, the host's calls, unloading.
 
 #include <CEvent.h>
 #include <VXC_Log.h>
@@ -55,7 +55,7 @@ TEST(AddInLoad, RemovesTasksThatRunOnceAndAreDueWithoutRunningThem) {
     WriteTable({Task("past", cNow - 1, 0), Task("now", cNow, 0), Task("future", cNow + 1, 0)});
     const CAddinLibrary library;
     EXPECT_EQ(NamesInTable(), "future");
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
 }
 
 TEST(AddInLoad, RemovesNeighboursOneAfterTheOther) {
@@ -73,7 +73,7 @@ TEST(AddInLoad, OfTwoDueTasksOfANameBothGo) {
     EXPECT_EQ(NamesInTable(), "");
 }
 
-TEST(AddInLoad, MovesRepeatingTasksOnWithoutRunningThem) {
+TEST(AddInLoad, ReschedulesRepeatingTasksWithoutRunningThem) {
     CFakeSystem system(cNow);
     WriteTable({Task("late", cNow - 10, 1), Task("now", cNow, 1), Task("future", cNow + 10, 1)});
     const CAddinLibrary library;
@@ -81,7 +81,7 @@ TEST(AddInLoad, MovesRepeatingTasksOnWithoutRunningThem) {
     EXPECT_EQ(rows.at(0).next, cNow - 10 + 3600);
     EXPECT_EQ(rows.at(1).next, cNow);
     EXPECT_EQ(rows.at(2).next, cNow + 10);
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
 }
 
 TEST(AddInLoad, WritesTheFileBackAndLeavesTheMutexFree) {
@@ -92,7 +92,7 @@ TEST(AddInLoad, WritesTheFileBackAndLeavesTheMutexFree) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-TEST(AddInLoad, WithoutTheFolderNothingIsCreated) {
+TEST(AddInLoad, WithoutTheDirectoryNothingIsCreated) {
     CLogCapture log;
     const CAddinLibrary library;
     EXPECT_FALSE(std::filesystem::exists("files"));
@@ -112,7 +112,7 @@ TEST(AddInLoad, SetsTheMutexFreeUnderAHolder) {
     CMutex mutex(cMutex);
     mutex.Lock();
     const CAddinLibrary library;
-    // Set to 1, taken and given back by the load; the holder has yet to give it back.
+    // Set to 1, taken and released by the load; the holder has not released it yet.
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     mutex.Unlock();
     EXPECT_EQ(StoreSemaphoreValue(), 2);
@@ -132,9 +132,9 @@ TEST(AddInLoad, HoldsTheMutexThroughout) {
 
 // ---- Unloading --------------------------------------------------------------------------------
 
-TEST(AddInUnload, UnmapsTheLibraryAndTakesItsSetsOutOfTheSystem) {
+TEST(AddInUnload, UnmapsTheLibraryAndRemovesItsSemaphoreSets) {
     WriteTable({});
-    for (int round = 0; round < 50; ++round) {
+    for (int iteration = 0; iteration < 50; ++iteration) {
         CAddinLibrary library;
         EXPECT_TRUE(CAddinLibrary::IsMapped());
         library.Create("task", 4'000'000'000, 1);
@@ -174,7 +174,7 @@ TEST(AddInUnload, LaterLoadStartsAfresh) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     WriteTable({});
     EXPECT_FALSE(library.IsScheduled("task"))
-        << "nobody is the scheduling thread any more, so the file is read";
+        << "there is no scheduling thread any more, so the file is read";
 }
 
 TEST(AddInUnload, RemovesTheMutexUnderAnotherUser) {
@@ -204,7 +204,7 @@ TEST(AddInUnload, NormalExitOfAProcessRemovesTheMutexAnEndAtOnceDoesNot) {
 
 RUN_AGAIN(LoadAndReturnWithTheLibraryLoaded) {
     static_cast<void>(arguments);
-    // Never unloaded by hand: the exit runs the finaliser.
+    // Never unloaded explicitly: the exit runs the finaliser.
     alignas(CAddinLibrary) static std::array<unsigned char, sizeof(CAddinLibrary)> storage;
     new (storage.data()) CAddinLibrary;
     return 0;
@@ -271,8 +271,8 @@ TEST(AddInObject, UnloadWaitsForTheMutex) {
     });
     WaitUntil([&] { return semctl(id, 0, GETNCNT) == 1; });
     EXPECT_FALSE(done);
-    sembuf give{0, 1, SEM_UNDO};
-    semop(id, &give, 1);
+    sembuf release{0, 1, SEM_UNDO};
+    semop(id, &release, 1);
     unloader.join();
     EXPECT_TRUE(library.TaskList()->empty());
 }
@@ -295,7 +295,7 @@ TEST(AddInObject, VirtualOperationsStandInTheirOrder) {
     EXPECT_TRUE(library.TaskList()->empty());
     EXPECT_TRUE(reinterpret_cast<bool (*)(CAddInInterface*)>(table[7])(object));
     call(8);
-    EXPECT_EQ(system.StartedPaths(), "/a");
+    EXPECT_EQ(system.LaunchedPaths(), "/a");
     EXPECT_EQ(reinterpret_cast<int (*)(CAddInInterface*)>(table[2])(object), 0);
     call(4);
     call(3);  // Run() after a stop returns without a tick
@@ -309,7 +309,7 @@ TEST(AddInObject, RunEndsWithoutATickOnceStopped) {
     library.AddIn().Stop();
     library.Create("a", cNow, 0, "/a");
     library.AddIn().Run();
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
 }
 
 TEST(AddInObject, WorkerTicksAtOnceThenAtEachSignalOfTheStopEventAndStops) {
@@ -319,7 +319,7 @@ TEST(AddInObject, WorkerTicksAtOnceThenAtEachSignalOfTheStopEventAndStops) {
     changed.SetEvent();
     library.AddIn().Start();
     WaitUntil([&] { return changed.Wait(0) == 0; });  // the first tick has read the file
-    for (int round = 0; round < 3; ++round) {
+    for (int iteration = 0; iteration < 3; ++iteration) {
         changed.SetEvent();
         CEvent(cStopEvent, false).SetEvent();
         WaitUntil([&] { return changed.Wait(0) == 0; });
@@ -355,12 +355,12 @@ TEST(AddInObject, WorkerIsTheSchedulingThreadOnlyOnceItHasTheMutex) {
     const CInsideLibrary inside;
     const int set = semget(cStoreKey, 1, 0);
     sembuf take{0, -1, SEM_UNDO};
-    sembuf give{0, 1, SEM_UNDO};
+    sembuf release{0, 1, SEM_UNDO};
     semop(set, &take, 1);
     static_cast<CAddInInterface*>(inside.Instance())->Start();
     WaitUntil([&] { return semctl(set, 0, GETNCNT) == 1; });
     EXPECT_EQ(inside.SchedulerThread(), 0U);
-    semop(set, &give, 1);
+    semop(set, &release, 1);
     WaitUntil([&] { return inside.SchedulerThread() != 0; });
     static_cast<CAddInInterface*>(inside.Instance())->Stop();
 }
@@ -374,8 +374,8 @@ TEST(AddInObject, WorkerTicksOnTheRegisteredInstanceWhicheverObjectsItIs) {
     CMutex* const mutex = inside.Mutex();
     CEvent* const event = inside.TaskChangedEvent();
     CSchedulerAddin* const registered = inside.CreateAddIn();
-    // The registered object's tick alone is replaced, in a copy of its table (with the two entries
-    // in front of it).
+    // Only the registered object's tick is overridden, in a copy of its virtual table (with the
+    // two entries before it).
     void**& table = *reinterpret_cast<void***>(registered);
     void** const original = table;
     std::array<void*, 11> copy;
@@ -401,17 +401,18 @@ TEST(AddInObject, StartedTaskIsRunByTheWorker) {
     const CAddinLibrary library;
     library.Create("a", cNow, 0, "/a");
     std::atomic<bool> started{false};
-    system.onLaunch = [&](const CFakeSystem::TStart&) { started = true; };
+    system.onLaunch = [&](const CFakeSystem::TLaunch&) { started = true; };
     library.AddIn().Start();
     WaitUntil([&] { return started.load(); });
     library.AddIn().Stop();
     EXPECT_EQ(NamesInTable(), "");
 }
 
-// ---- The wait between two ticks comes through here --------------------------------------------
+// ---- Interposed: the wait between two ticks ---------------------------------------------------
 
 static std::atomic<int> gSecondsWaited{-1};
 
+// Called by the add-in on its worker. Records the time and does what the support library does.
 int CEvent::WaitSignalOrTimeout(int seconds) {
     gSecondsWaited = seconds;
     return reinterpret_cast<int (*)(CEvent*, int)>(
@@ -453,7 +454,7 @@ TEST(AddInFailure, StopEventThatCannotBeMadeLeavesTicksWithoutAPause) {
     const CAddinLibrary library;
     CEvent changed(cTaskChanged, true);
     library.AddIn().Start();
-    for (int round = 0; round < 5; ++round) {
+    for (int iteration = 0; iteration < 5; ++iteration) {
         changed.SetEvent();
         WaitUntil([&] { return changed.Wait(0) == 0; });
     }

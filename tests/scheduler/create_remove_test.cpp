@@ -1,4 +1,4 @@
-// Creating, rewriting and removing tasks: what is changed, saved and signalled.
+// Creating, rewriting and removing tasks: the changes to the table, its file and the event.
 
 #include <CEvent.h>
 #include <gtest/gtest.h>
@@ -54,7 +54,7 @@ TEST_F(Creating, AppendsInCallOrder) {
     EXPECT_EQ(NamesInTable(), "b a c");
 }
 
-TEST_F(Creating, NullTextsAreStoredAsEmptyOnes) {
+TEST_F(Creating, NullStringsAreStoredAsEmptyOnes) {
     library->Create("name", cNow + 5, 24, nullptr, nullptr);
     EXPECT_EQ(ReadTable(), TRows({{"name", cNow + 5, 0, 24, "", "", 0}}));
 }
@@ -65,7 +65,7 @@ TEST_F(Creating, NullNameInAnEmptyTableIsTheEmptyName) {
     EXPECT_TRUE(library->IsScheduled(""));
 }
 
-TEST_F(Creating, RewritesInPlaceKeepsTheLastStartAndUnpauses) {
+TEST_F(Creating, RewritesInPlaceKeepsTheLastLaunchAndUnpauses) {
     WriteTable({{"a", cNow + 1, 1, 1, "/a", "a", 0},
                 {"b", cNow + 2, 77, 2, "/b", "b", 1},
                 {"c", cNow + 3, 3, 3, "/c", "c", 0}});
@@ -83,20 +83,20 @@ TEST_F(Creating, RewritesTheFirstOfTheName) {
     EXPECT_EQ(ReadTable().at(1).program, "/b");
 }
 
-TEST_F(Creating, StartIsReadAndNotWritten) {
-    long start = cNow - 5;
-    library->CreateTask("name", &start, 1, "/bin/program", "");
-    EXPECT_EQ(start, cNow - 5);
+TEST_F(Creating, DueTimeIsReadAndNotWritten) {
+    long due = cNow - 5;
+    library->CreateTask("name", &due, 1, "/bin/program", "");
+    EXPECT_EQ(due, cNow - 5);
     EXPECT_EQ(ReadTable().at(0).next, cNow - 5 + 3600);
 }
 
-TEST_F(Creating, NewTaskThatRunsOnceSurvivesAPastStartAndRunsAtTheNextTick) {
+TEST_F(Creating, NewTaskThatRunsOnceSurvivesAPastDueTimeAndRunsAtTheNextTick) {
     library->Create("past", cNow - 5, 0);
     library->Create("now", cNow, 0);
     EXPECT_EQ(NamesInTable(), "past now");
     EXPECT_EQ(ReadTable().at(0).next, cNow - 5);
     library->Tick();
-    EXPECT_EQ(system.starts.size(), 1U);
+    EXPECT_EQ(system.launches.size(), 1U);
     EXPECT_EQ(NamesInTable(), "now");
 }
 
@@ -117,7 +117,7 @@ TEST_F(Creating, RewritingToRunOnceInTheFutureKeepsTheTask) {
     EXPECT_EQ(NamesInTable(), "a");
 }
 
-TEST_F(Creating, RepeatingTaskInThePastIsMovedOnNewOrRewritten) {
+TEST_F(Creating, RepeatingTaskInThePastIsRescheduledNewOrRewritten) {
     library->Create("a", cNow - 1, 2);
     EXPECT_EQ(ReadTable().at(0).next, cNow - 1 + 7200);
     library->Create("a", cNow - 3601, 1);
@@ -134,7 +134,7 @@ TEST_F(Creating, TimesAtTheEndsOfTheRangeAreStored) {
     EXPECT_EQ(ReadTable().at(1).next, INT64_MIN);
 }
 
-TEST_F(Creating, TextsOfEveryByteAndOfAMebibyteAreStored) {
+TEST_F(Creating, StringsOfEveryByteAndOfAMebibyteAreStored) {
     std::string everything;
     for (int byte = 1; byte < 256; ++byte)
         everything += static_cast<char>(byte);
@@ -168,7 +168,7 @@ TEST_F(Creating, IsTheOnlyOneLeftAfterADamagedFile) {
     EXPECT_EQ(log.Take(), std::vector<std::string>({cReadingFailed}));
 }
 
-TEST_F(Creating, WithoutTheFolderTheTaskIsInMemoryOnlyAndTheEventIsSignalled) {
+TEST_F(Creating, WithoutTheDirectoryTheTaskIsInMemoryOnlyAndTheEventIsSignalled) {
     std::filesystem::remove_all("files");
     library->Create("a", cNow + 1, 1);
     EXPECT_FALSE(std::filesystem::exists("files"));
@@ -211,7 +211,7 @@ TEST_F(Removing, RemovesTheFirstOfTheName) {
 
 TEST_F(Removing, UnknownNameWritesAndSignalsAllTheSame) {
     const TRows rows = {{"a", cNow + 1, 0, 1, "/a", "", 0}};
-    // What is behind the table is gone once it is written again.
+    // Bytes after the table disappear when it is written again.
     WriteTable(rows);
     std::filesystem::resize_file(cTable, std::filesystem::file_size(cTable) + 5);
     library->DestroyTask("unknown");

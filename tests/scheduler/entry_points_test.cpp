@@ -1,4 +1,4 @@
-// The library's entry points: which add-in object each builds, hands out and destroys.
+// The library's entry points: the add-in object that each creates, returns and destroys.
 
 #include <CEvent.h>
 #include <addin/CAddInInterface.h>
@@ -120,12 +120,12 @@ TEST(EntryPoints, SecondDestructionFindsTheSharedObjectsGone) {
     CMutex* const mutex = inside.Mutex();
     CEvent* const event = inside.TaskChangedEvent();
     CSchedulerAddin* const second = inside.NewAddin();
-    EXPECT_NE(inside.TaskList(), list) << "replaced, the old one is not deleted";
+    EXPECT_NE(inside.TaskList(), list) << "a new list; the old one is not deleted";
     inside.DestroyAddIn(second);
     EXPECT_EQ(inside.TaskList(), nullptr);
     inside.DestroyAddIn(first);
     EXPECT_EQ(inside.Mutex(), nullptr);
-    // Nobody owns the first ones any more.
+    // The test owns the first ones now.
     delete list;
     delete event;
     delete mutex;

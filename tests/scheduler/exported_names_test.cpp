@@ -1,4 +1,5 @@
-// What the built library shows to the dynamic linker, and what could keep it from being unmapped.
+// The symbols that the built library exports, and properties that could keep it from being
+// unmapped.
 
 #include <gtest/gtest.h>
 
@@ -23,9 +24,9 @@ static std::string OutputOf(const std::string& command) {
     return output;
 }
 
-static std::vector<std::string> LinesOf(const std::string& text) {
+static std::vector<std::string> LinesOf(const std::string& output) {
     std::vector<std::string> lines;
-    std::istringstream stream(text);
+    std::istringstream stream(output);
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
     return lines;
@@ -63,7 +64,7 @@ TEST(ExportedNames, NothingPinsTheLibrary) {
     EXPECT_EQ(flags.find("NODELETE"), std::string::npos);
 }
 
-TEST(ExportedNames, SupportLibraryIsFoundBesideTheAddIn) {
+TEST(ExportedNames, SupportLibraryIsFoundNextToTheAddIn) {
     const std::string dynamic = OutputOf("readelf --wide --dynamic " ADDIN_LIBRARY);
     EXPECT_NE(dynamic.find("Shared library: [libvxcsupport.so]"), std::string::npos);
     EXPECT_NE(dynamic.find("Library runpath: [$ORIGIN]"), std::string::npos) << dynamic;
@@ -71,7 +72,7 @@ TEST(ExportedNames, SupportLibraryIsFoundBesideTheAddIn) {
 
 // A sanitizer or a coverage build adds initialisers, thread-locals and libraries of its own.
 #ifdef PLAIN_BUILD
-TEST(ExportedNames, OneInitialiserAndOneFinaliserBesideTheCompilersOwn) {
+TEST(ExportedNames, OneInitialiserAndOneFinaliserBesidesTheCompilersOwn) {
     const std::string sections = OutputOf("readelf --wide --sections " ADDIN_LIBRARY);
     for (const std::string name : {".init_array", ".fini_array"}) {
         for (const std::string& line : LinesOf(sections)) {
@@ -106,10 +107,11 @@ TEST(ExportedNames, DependsOnTheSupportLibraryAndTheStandardLibrariesOnly) {
 }
 #endif
 
-// ---- A host may put its own in front of an exported function ----------------------------------
+// ---- A host may interpose an exported function ------------------------------------------------
 
 static int gAnswer = 0;
 
+// Called by the add-in's ExecuteTaskNow on the test's thread. Replaces the add-in's own.
 extern "C" bool IsTaskRunning(const char* /*name*/) {
     return gAnswer == 1;
 }
@@ -121,8 +123,8 @@ TEST(ExportedNames, RunNowAsksIsTaskRunningThroughItsExportedName) {
     library.Create("task", 5'000'000, 1, "/bin/tool");
     gAnswer = 1;
     library.ExecuteTaskNow("task", false);
-    EXPECT_EQ(system.StartedPaths(), "");
+    EXPECT_EQ(system.LaunchedPaths(), "");
     gAnswer = 0;
     library.ExecuteTaskNow("task", false);
-    EXPECT_EQ(system.StartedPaths(), "/bin/tool");
+    EXPECT_EQ(system.LaunchedPaths(), "/bin/tool");
 }

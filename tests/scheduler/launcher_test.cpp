@@ -1,5 +1,5 @@
-// The start of a task's program: what becomes of its path, what the child is given, what is asked,
-// logged and noted.
+// The launch of a task's program: the trimmed path, the child's arguments, the system calls, the
+// log and the last launch.
 
 #include <VXC_File.h>
 #include <VXC_Log.h>
@@ -34,7 +34,7 @@ protected:
         library.emplace();
     }
 
-    // Starts `program` at once and gives back the task as it was then saved.
+    // Launches `program` at once and returns the task as it was saved afterwards.
     TRow Start(const std::string& program, const std::string& parameters = "parameter") {
         WriteTable({{"task", cNow + 3600, 77, 1, program, parameters, 0}});
         library->ExecuteTaskNow("task", true);
@@ -59,12 +59,12 @@ class LauncherTrim : public Launcher, public testing::WithParamInterface<TTrim> 
 TEST_P(LauncherTrim, CutsTheCharactersOffTheStoredPath) {
     const auto [before, after] = GetParam();
     EXPECT_EQ(Start(before).program, after);
-    ASSERT_EQ(system.starts.size(), 1U);
-    EXPECT_EQ(system.starts[0].path, after);
-    EXPECT_EQ(system.starts[0].arguments[0], after);
+    ASSERT_EQ(system.launches.size(), 1U);
+    EXPECT_EQ(system.launches[0].path, after);
+    EXPECT_EQ(system.launches[0].arguments[0], after);
 }
 
-TEST_P(LauncherTrim, ASecondStartChangesNothingMore) {
+TEST_P(LauncherTrim, ASecondLaunchChangesNothingMore) {
     const auto [before, after] = GetParam();
     EXPECT_EQ(Start(Start(before).program).program, after);
 }
@@ -94,9 +94,12 @@ TEST_F(Launcher, NoOtherCharacterIsCutOff) {
     }
 }
 
-// ---- A support library's splitter comes through here ------------------------------------------
+// ---- Interposed: the support library's path splitter ------------------------------------------
 
-// What is played as the extension of every path, if anything is.
+// Called by the add-in on the launching thread. It records its arguments, passes the call on to the
+// support library and can replace the result. It does not set errno.
+
+// The fake extension of every path, if any.
 static const char* gExtension = nullptr;
 static std::vector<std::string> gSplit;
 
@@ -109,12 +112,12 @@ void VXC_File::VXC_StripPathUrl(const char* path, char* directory, char* name, c
         std::strcpy(extension, gExtension);
 }
 
-TEST_F(Launcher, SplitterIsAskedForTheNameAndTheExtensionWithAnEmptyText) {
+TEST_F(Launcher, SplitterIsAskedForTheNameAndTheExtensionWithAnEmptyString) {
     Start("/opt/tools/report.exe");
     EXPECT_EQ(gSplit, std::vector<std::string>({"/opt/tools/report.exe", "null", ""}));
 }
 
-TEST_F(Launcher, ExtensionOfAnySupportLibraryIsComparedWhole) {
+TEST_F(Launcher, ExtensionOfAnySupportLibraryIsComparedInFull) {
     const std::string longest = "." + std::string(126, 'y');
     for (const char* const extension : {".", "e", ".ex", ".exe.", ".EXE", longest.c_str()}) {
         gExtension = extension;
@@ -129,7 +132,7 @@ TEST_F(Launcher, ExtensionOfAnySupportLibraryIsComparedWhole) {
 
 class LauncherExtension : public Launcher, public testing::WithParamInterface<const char*> {};
 
-TEST_P(LauncherExtension, AbortsTheProcessWithoutAWordInTheLog) {
+TEST_P(LauncherExtension, AbortsTheProcessAndLogsNothing) {
     using testing::AllOf, testing::ContainsRegex, testing::HasSubstr, testing::Not;
     EXPECT_DEATH(
         {
@@ -138,12 +141,12 @@ TEST_P(LauncherExtension, AbortsTheProcessWithoutAWordInTheLog) {
         },
         AllOf(ContainsRegex(
                   "Scheduler\\.cpp:[0-9]+: void Execute\\(TTask\\*&\\): Assertion `false' failed"),
-              Not(HasSubstr(cStartFailed)), Not(HasSubstr(cStillRunning))));
+              Not(HasSubstr(cLaunchFailed)), Not(HasSubstr(cStillRunning))));
 }
 
 TEST_P(LauncherExtension, NothingIsStartedOrSavedBefore) {
     CForkedChild child([this] {
-        system.onLaunch = [](const CFakeSystem::TStart&) { _exit(0); };
+        system.onLaunch = [](const CFakeSystem::TLaunch&) { _exit(0); };
         Start(GetParam());
         return 0;
     });
@@ -155,17 +158,17 @@ INSTANTIATE_TEST_SUITE_P(Paths, LauncherExtension,
                          testing::Values("script.sh", "C.EXE", "tool.exe2", "/opt/job.py", "a.ex",
                                          "a.exe.sh", "a. ", "..sh"));
 
-TEST_F(Launcher, ChildIsGivenItsPathAndOneParameterText) {
+TEST_F(Launcher, ChildGetsItsPathAndOneParameter) {
     EXPECT_EQ(Start("backup.exe", "-full -quiet").program, "backup");
-    ASSERT_EQ(system.starts.size(), 1U);
-    EXPECT_EQ(system.starts[0].path, "backup");
-    EXPECT_EQ(system.starts[0].arguments, std::vector<std::string>({"backup", "-full -quiet"}));
-    EXPECT_TRUE(system.starts[0].plain);
+    ASSERT_EQ(system.launches.size(), 1U);
+    EXPECT_EQ(system.launches[0].path, "backup");
+    EXPECT_EQ(system.launches[0].arguments, std::vector<std::string>({"backup", "-full -quiet"}));
+    EXPECT_TRUE(system.launches[0].plain);
 }
 
 TEST_F(Launcher, EmptyParameterIsAnEmptyArgumentNotAMissingOne) {
     Start("/bin/tool", "");
-    EXPECT_EQ(system.starts[0].arguments, std::vector<std::string>({"/bin/tool", ""}));
+    EXPECT_EQ(system.launches[0].arguments, std::vector<std::string>({"/bin/tool", ""}));
 }
 
 TEST_F(Launcher, ParameterIsHandedOnByteForByte) {
@@ -173,22 +176,22 @@ TEST_F(Launcher, ParameterIsHandedOnByteForByte) {
     for (int byte = 1; byte < 256; ++byte)
         everything += static_cast<char>(byte);
     Start("/bin/tool", everything + std::string(1'000'000, 'p'));
-    EXPECT_EQ(system.starts[0].arguments[1], everything + std::string(1'000'000, 'p'));
+    EXPECT_EQ(system.launches[0].arguments[1], everything + std::string(1'000'000, 'p'));
 }
 
-TEST_F(Launcher, TextsEndAtAZeroByteForTheChildOnly) {
+TEST_F(Launcher, StringsEndAtAZeroByteForTheChildOnly) {
     const std::string program("/bin/to\0ol", 10);
     const std::string parameters("a\0b", 3);
     const TRow row = Start(program, parameters);
-    EXPECT_EQ(system.starts[0].arguments, std::vector<std::string>({"/bin/to", "a"}));
+    EXPECT_EQ(system.launches[0].arguments, std::vector<std::string>({"/bin/to", "a"}));
     EXPECT_EQ(row.program, program);
     EXPECT_EQ(row.parameters, parameters);
 }
 
-TEST_F(Launcher, VeryLongPathIsStartedAsItStands) {
+TEST_F(Launcher, VeryLongPathIsLaunchedUnchanged) {
     const std::string program = "/" + std::string(100'000, 'd') + "/" + std::string(1000, 'n');
     Start(program);
-    EXPECT_EQ(system.starts[0].path, program);
+    EXPECT_EQ(system.launches[0].path, program);
 }
 
 TEST_F(Launcher, RunningChildIsAskedForOnceAndLogged) {
@@ -205,7 +208,7 @@ TEST_F(Launcher, EndedChildIsAskedForOnceAndNotLogged) {
     EXPECT_EQ(log.Take(), std::vector<std::string>());
 }
 
-TEST_F(Launcher, LastStartIsTakenAfterThePause) {
+TEST_F(Launcher, LastLaunchIsTakenAfterThePause) {
     EXPECT_EQ(Start("/bin/tool").last, cNow + 2);
     EXPECT_EQ(system.sleeps, std::vector<unsigned int>({2}));
 }
@@ -216,10 +219,10 @@ TEST_F(Launcher, PauseIsTakenForAnEndedChildToo) {
     EXPECT_EQ(system.sleeps, std::vector<unsigned int>({2}));
 }
 
-TEST_F(Launcher, FailedStartIsLoggedAndTakesNoPause) {
-    system.startResult = ENOENT;
+TEST_F(Launcher, FailedLaunchIsLoggedAndTakesNoPause) {
+    system.launchResult = ENOENT;
     const TRow row = Start("/bin/free");
-    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLaunchFailed}));
     EXPECT_TRUE(system.sleeps.empty());
     EXPECT_TRUE(system.waits.empty());
     EXPECT_EQ(row.last, 77);
@@ -227,10 +230,10 @@ TEST_F(Launcher, FailedStartIsLoggedAndTakesNoPause) {
 }
 
 TEST_F(Launcher, EmptyPathFailsToStart) {
-    system.startResult = ENOENT;
+    system.launchResult = ENOENT;
     Start("exe");
-    EXPECT_EQ(system.starts[0].path, "");
-    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
+    EXPECT_EQ(system.launches[0].path, "");
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLaunchFailed}));
 }
 
 TEST_F(Launcher, StartsAsksLogsPausesAndThenReadsTheClock) {
@@ -244,13 +247,13 @@ TEST_F(Launcher, StartsAsksLogsPausesAndThenReadsTheClock) {
             (*static_cast<const decltype(note)*>(context))("log");
         }
     };
-    system.onLaunch = [&](const CFakeSystem::TStart&) { note("start"); };
+    system.onLaunch = [&](const CFakeSystem::TLaunch&) { note("launch"); };
     system.onSleep = [&] { note("pause"); };
     VXC_SetLogSink(TSink::Log, const_cast<void*>(static_cast<const void*>(&note)));
     system.timeReadings = 0;
     Start("/bin/tool");
     VXC_SetLogSink(nullptr, nullptr);
-    EXPECT_EQ(order, std::vector<std::string>({"start: asked 0, clock read 0",
+    EXPECT_EQ(order, std::vector<std::string>({"launch: asked 0, clock read 0",
                                                "log: asked 1, clock read 0",
                                                "pause: asked 1, clock read 0"}));
     EXPECT_EQ(system.timeReadings, 1);
@@ -270,9 +273,9 @@ TEST_F(Launcher, ExceptionOfTheLogPassesOnAndReleasesTheMutex) {
     EXPECT_EQ(ReadTable().at(0).last, 77);
 }
 
-TEST_F(Launcher, ExceptionOfTheLogAboutAFailedStartPassesOnToo) {
+TEST_F(Launcher, ExceptionOfTheLogAboutAFailedLaunchPassesOnToo) {
     WriteTable({{"task", cNow + 3600, 77, 1, "/bin/tool.exe", "", 0}});
-    system.startResult = ENOENT;
+    system.launchResult = ENOENT;
     VXC_SetLogSink(Throw, nullptr);
     EXPECT_THROW(library->ExecuteTaskNow("task", true), std::runtime_error);
     VXC_SetLogSink(nullptr, nullptr);
@@ -280,7 +283,7 @@ TEST_F(Launcher, ExceptionOfTheLogAboutAFailedStartPassesOnToo) {
     EXPECT_EQ(ReadTable().at(0).program, "/bin/tool.exe") << "nothing was saved";
 }
 
-// What the pointer refers to is noted after the pause, if it still refers to anything.
+// The launcher sets the last launch after the pause, unless the pointer is null by then.
 TEST(LauncherInside, PointerThatIsClearedDuringThePauseIsNotFollowed) {
     WriteTable({});
     const CInsideLibrary inside;
@@ -292,7 +295,7 @@ TEST(LauncherInside, PointerThatIsClearedDuringThePauseIsNotFollowed) {
     TTask* pointer = &task;
     system.onSleep = [&] { pointer = nullptr; };
     inside.Execute(pointer);
-    EXPECT_EQ(system.StartedPaths(), "/bin/tool");
+    EXPECT_EQ(system.LaunchedPaths(), "/bin/tool");
     EXPECT_EQ(task.lastExecuted, 77);
 
     pointer = &task;
@@ -305,7 +308,7 @@ TEST(LauncherForReal, StartsAProgramWithTheEnvironmentAndOneParameter) {
     WriteTable({});
     CAddinLibrary library;
     CLogCapture log;
-    library.Create("task", 4'000'000'000, 1, PROGRAMS "/record-start", "the record");
+    library.Create("task", 4'000'000'000, 1, PROGRAMS "/record-launch", "the record");
     library.ExecuteTaskNow("task", true);
     WaitUntil([] { return !ReadFile("the record").empty(); });
     EXPECT_EQ(ReadFile("the record").substr(0, 12), "arguments 2\n");

@@ -1,5 +1,5 @@
-// The next-run rule: where a task's next start goes when its time has come, by the file-local
-// function itself and by what the exported functions make of it.
+// The next-run rule: the next due time of a task whose due time has passed. Tests call the
+// file-local function and the exported functions that use it.
 
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
@@ -37,7 +37,7 @@ protected:
         return task;
     }
 
-    // Where the rule puts a repeating task.
+    // The due time to which the rule reschedules a repeating task.
     time_t Move(time_t now, time_t next, std::uint32_t period) {
         system.now = now;
         TTask* const task = Add("moved", next, period);
@@ -113,7 +113,7 @@ static std::string CpuTimeOf(pid_t process) {
     return stat.substr(position + 1, stat.find(' ', position + 1) - position - 1);
 }
 
-// Neither ends nor sleeps: it goes on using the processor until it is killed.
+// It neither ends nor sleeps: it uses the processor until it is killed.
 static void ExpectEndless(const std::function<int()>& body) {
     CForkedChild child(body);
     WaitUntil([&] { return std::stoul(CpuTimeOf(child.Id())) >= 20; });
@@ -121,8 +121,8 @@ static void ExpectEndless(const std::function<int()>& body) {
     EXPECT_EQ(child.Wait(), 1000 + SIGKILL);
 }
 
-// It wraps to the first second and goes on from there, which takes as good as for ever; the
-// sanitizers would end it.
+// It wraps to the first second and continues from there, practically for ever; undefined behaviour
+// would make the sanitizers abort it.
 TEST_F(NextRun, CatchUpBeyondTheLastSecondIsNoUndefinedBehaviour) {
     ExpectEndless([&] {
         Move(INT64_MAX, INT64_MAX - 10, 1);
@@ -207,7 +207,7 @@ TEST_F(NextRun, NameWithAZeroByteIsNeverFoundSoTheTaskStays) {
     task->name = std::string("a\0b", 3);
     inside->SetNextTime(task, false);
     EXPECT_EQ(inside->TaskList()->size(), 1U);
-    // What its name begins with may be another's name: that one goes.
+    // The part before the zero byte may be another task's name: that task is removed.
     Add("a", cNow + 5000, 1);
     inside->SetNextTime(task, false);
     ASSERT_EQ(inside->TaskList()->size(), 1U);

@@ -1,4 +1,5 @@
-// The queries: what they answer, what they leave alone, and what IsTaskRunning does to the mutex.
+// The queries: their answers, that they change nothing, and the effect of IsTaskRunning on the
+// mutex.
 
 #include <CEvent.h>
 #include <dlfcn.h>
@@ -21,19 +22,22 @@
 
 static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 
-// ---- What the support library calls comes through here ----------------------------------------
+// ---- Interposed calls of the support library --------------------------------------------------
+
+// Called by the support library on the thread of the query. popen records the command, open calls
+// gOnOpen; both then do what libc does, errno included.
 
 static std::vector<std::string> gCommands;
 static std::function<void(const char*)> gOnOpen;
 
 template <typename Function>
-static Function* SystemsOwn(const char* name) {
+static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 extern "C" std::FILE* popen(const char* command, const char* mode) {
     gCommands.push_back(std::string(command) + '|' + mode);
-    return SystemsOwn<decltype(popen)>("popen")(command, mode);
+    return NextDefinition<decltype(popen)>("popen")(command, mode);
 }
 
 extern "C" int open(const char* path, int flags, ...) {
@@ -43,7 +47,7 @@ extern "C" int open(const char* path, int flags, ...) {
     va_end(rest);
     if (gOnOpen)
         gOnOpen(path);
-    return SystemsOwn<int(const char*, int, ...)>("open")(path, flags, mode);
+    return NextDefinition<int(const char*, int, ...)>("open")(path, flags, mode);
 }
 
 class Queries : public testing::Test {
@@ -89,8 +93,8 @@ static void ExpectNothingFound(const CAddinLibrary& library, const char* name) {
     library.GetLastExecuted(name, &last);
     EXPECT_FALSE(library.GetTaskPeriod(name, &period));
     EXPECT_FALSE(library.IsTaskRunning(name));
-    EXPECT_EQ(next, 11) << "left as it was";
-    EXPECT_EQ(last, 12) << "left as it was";
+    EXPECT_EQ(next, 11) << "unchanged";
+    EXPECT_EQ(last, 12) << "unchanged";
     EXPECT_EQ(period, 0U) << "set to 0";
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_TRUE(gCommands.empty());
@@ -200,7 +204,7 @@ protected:
     std::optional<CAddinLibrary> library;
 };
 
-TEST_F(Running, AsksPsAndGrepForTheTextAsItStands) {
+TEST_F(Running, RunsPsAndGrepWithTheProgramUnchanged) {
     IsRunning("/opt/no such program");
     EXPECT_EQ(gCommands, std::vector<std::string>({"ps -e | grep /opt/no such program|re"}));
 }
@@ -224,28 +228,28 @@ TEST_F(Running, PathDoesNotOccurInTheListing) {
     EXPECT_FALSE(IsRunning(PROGRAMS "/wait-forever"));
 }
 
-TEST_F(Running, EmptyTextOccursAnywhere) {
+TEST_F(Running, EmptyProgramOccursAnywhere) {
     EXPECT_TRUE(IsRunning(""));
 }
 
-TEST_F(Running, TextReachesTheShellUnquoted) {
+TEST_F(Running, ProgramReachesTheShellUnquoted) {
     EXPECT_FALSE(IsRunning("nothing; touch 'made by the shell'"));
     EXPECT_TRUE(std::filesystem::exists("made by the shell"));
 }
 
 TEST_F(Running, OnlyTheFirstBytesOfTheOutputCount) {
-    // The command writes itself, behind as many other characters as are asked for.
-    const auto occursBehind = [&](int count) {
-        const std::string text =
+    // The command prints itself after `count` other characters.
+    const auto occursAfter = [&](int count) {
+        const std::string command =
             ">/dev/null; head -c " + std::to_string(count) + " /dev/zero | tr '\\0' x; cat copy";
-        WriteFile("copy", text);
-        return IsRunning(text);
+        WriteFile("copy", command);
+        return IsRunning(command);
     };
-    EXPECT_TRUE(occursBehind(100));
+    EXPECT_TRUE(occursAfter(100));
     const int length = static_cast<int>(ReadFile("copy").size());
-    EXPECT_TRUE(occursBehind(1023 - length - 0));
-    EXPECT_FALSE(occursBehind(1024 - length + 1));
-    EXPECT_FALSE(occursBehind(5000));
+    EXPECT_TRUE(occursAfter(1023 - length - 0));
+    EXPECT_FALSE(occursAfter(1024 - length + 1));
+    EXPECT_FALSE(occursAfter(5000));
 }
 
 TEST_F(Running, LeavesTheMutexOneAboveWhereItFoundItEachTime) {
@@ -258,7 +262,7 @@ TEST_F(Running, LeavesTheMutexOneAboveWhereItFoundItEachTime) {
 }
 
 TEST_F(Running, ProbesWithoutTheMutex) {
-    // The command waits until this process has passed the mutex itself.
+    // The command waits until this process has locked and released the mutex.
     WriteTable({{"task", 5'000'000'000, 0, 24,
                  "nothing; touch probing; until test -e passed; do :; done", "", 0}});
     CForkedChild prober([&] { return library->IsTaskRunning("task") ? 1 : 0; });
@@ -269,7 +273,7 @@ TEST_F(Running, ProbesWithoutTheMutex) {
     EXPECT_EQ(prober.Wait(), 0);
 }
 
-TEST_F(Running, AnswersForTheTextThatTheTaskHadWhenItWasRead) {
+TEST_F(Running, AnswersForTheProgramThatTheTaskHadWhenItWasRead) {
     EXPECT_TRUE(IsRunning(""));
     WriteTable({{"task", 5'000'000'000, 0, 24, "no such program", "", 0}});
     EXPECT_FALSE(library->IsTaskRunning("task"));

@@ -1,4 +1,4 @@
-// Pausing, resuming, another period, and running at once.
+// PauseTask, ResumeTask, SetTaskPeriod and ExecuteTaskNow.
 
 #include <CEvent.h>
 #include <dlfcn.h>
@@ -56,7 +56,7 @@ protected:
     void ExpectWrittenAndSignalled(const Call& call) {
         std::filesystem::resize_file(cTable, std::filesystem::file_size(cTable) + 5);
         call();
-        EXPECT_EQ(ReadFile(cTable), BytesOf(rows)) << "what stood behind the table is gone";
+        EXPECT_EQ(ReadFile(cTable), BytesOf(rows)) << "the bytes after the table are gone";
         EXPECT_TRUE(Signalled());
         EXPECT_EQ(StoreSemaphoreValue(), 1);
     }
@@ -108,12 +108,12 @@ TEST_F(StateChanges, ResumeClearsAnyFlag) {
     EXPECT_TRUE(Signalled());
 }
 
-TEST_F(StateChanges, ResumeMovesAPastStartOnWithoutMakingItUp) {
+TEST_F(StateChanges, ResumeReschedulesAPastTaskWithoutCatchUp) {
     Put({{"a", cNow - 10 * 86400 - 1, 5, 24, "/a", "text", 1}});
     library->ResumeTask("a");
     EXPECT_EQ(ReadTable(), TRows({{"a", cNow - 1 + 86400, 5, 24, "/a", "text", 0}}));
     library->Tick();
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
 }
 
 TEST_F(StateChanges, ResumeRemovesATaskThatRunsOnceAndIsPast) {
@@ -142,20 +142,20 @@ TEST_F(StateChanges, PeriodWithoutAFileReturnsFalseAndDoesNothing) {
     ExpectNothingWithoutAFile([this] { EXPECT_FALSE(library->SetTaskPeriod("a", 5)); });
 }
 
-TEST_F(StateChanges, PeriodOfZeroRemovesATaskWhoseEarlierStartIsNotInTheFuture) {
+TEST_F(StateChanges, PeriodOfZeroRemovesATaskWhoseEarlierDueTimeIsNotInTheFuture) {
     EXPECT_TRUE(library->SetTaskPeriod("a", 0));
     EXPECT_EQ(NamesInTable(), "once");
     EXPECT_TRUE(Signalled());
 }
 
-TEST_F(StateChanges, PeriodOfATaskThatRanOnceCountsFromItsOwnStart) {
+TEST_F(StateChanges, PeriodOfATaskThatRanOnceCountsFromItsOwnDueTime) {
     EXPECT_TRUE(library->SetTaskPeriod("once", 3));
     EXPECT_EQ(ReadTable().at(1).next, cNow + 50);
     EXPECT_EQ(ReadTable().at(1).period, 3U);
 }
 
-// The zones that a period must mean the same in: behind and ahead, half hours, daylight saving in
-// 1970 and now, a standard time that changed since, and a zone without a table.
+// Zones in which a period must have the same length: west and east of UTC, half hours, daylight
+// saving in 1970 and now, a standard time that changed since, and a zone without a table.
 class Zones : public StateChanges, public testing::WithParamInterface<const char*> {
 protected:
     void SetUp() override {
@@ -204,11 +204,10 @@ INSTANTIATE_TEST_SUITE_P(TZ, Zones,
                                          "Africa/Monrovia", "Asia/Tokyo", "<-0330>+3:30",
                                          "CET-1CEST", ""));
 
-// A zone that moved its clock outside daylight saving has hours in its standard time that it skipped,
-// and others twice.
+// A zone that changed its standard time has hours that it skipped or had twice in standard time.
 struct TMovedClock {
     const char* zone;
-    std::uint32_t period;  // the hour of the move, from the beginning of 1970
+    std::uint32_t period;  // the hour of the change, counted from the beginning of 1970
 };
 static void PrintTo(const TMovedClock& moved, std::ostream* out) {
     *out << moved.zone << ' ' << moved.period;
@@ -243,8 +242,10 @@ INSTANTIATE_TEST_SUITE_P(Twice, MovedClocks,
                                          TMovedClock{"Pacific/Apia", 368124}));
 
 static bool gFailCalendar = false;
-static std::vector<tm> gRecords;  // what the calendar was asked
+static std::vector<tm> gRecords;  // arguments of mktime
 
+// Called by the add-in on the test's thread. Records its argument, then does what libc
+// does, or returns -1 without setting errno.
 extern "C" time_t mktime(tm* record) noexcept {
     gRecords.push_back(*record);
     if (gFailCalendar)
@@ -295,10 +296,10 @@ TEST_F(StateChanges, PeriodTakenBackBelowTheRangeWraps) {
 
 // ---- Running at once --------------------------------------------------------------------------
 
-TEST_F(StateChanges, RunNowStartsSavesAndLeavesTheNextStart) {
+TEST_F(StateChanges, RunNowLaunchesSavesAndLeavesTheNextDueTime) {
     library->ExecuteTaskNow("a", true);
-    EXPECT_EQ(system.StartedPaths(), "/a");
-    EXPECT_EQ(system.starts[0].arguments.at(1), "text");
+    EXPECT_EQ(system.LaunchedPaths(), "/a");
+    EXPECT_EQ(system.launches[0].arguments.at(1), "text");
     TRows expected = rows;
     expected[0].last = cNow + 2;
     EXPECT_EQ(ReadTable(), expected);
@@ -316,13 +317,13 @@ TEST_F(StateChanges, RunNowHoldsTheMutexThroughThePause) {
 TEST_F(StateChanges, RunNowOfAPausedTaskStartsItAndLeavesItPaused) {
     library->PauseTask("a");
     library->ExecuteTaskNow("a", true);
-    EXPECT_EQ(system.StartedPaths(), "/a");
+    EXPECT_EQ(system.LaunchedPaths(), "/a");
     EXPECT_EQ(ReadTable().at(0).paused, 1U);
 }
 
 TEST_F(StateChanges, RunNowOfATaskThatRunsOnceKeepsIt) {
     library->ExecuteTaskNow("once", true);
-    EXPECT_EQ(system.StartedPaths(), "/onc");
+    EXPECT_EQ(system.LaunchedPaths(), "/onc");
     EXPECT_EQ(ReadTable().at(1).program, "/onc") << "the trimmed path is saved";
     EXPECT_EQ(NamesInTable(), "a once");
 }
@@ -334,26 +335,26 @@ TEST_F(StateChanges, RunNowOfAnUnknownNameNeitherSavesNorSignals) {
     library->ExecuteTaskNow("unknown", false);
     EXPECT_EQ(ReadFile(cTable), bytes);
     EXPECT_FALSE(Signalled());
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
 TEST_F(StateChanges, RunNowWithoutAFileDoesNothing) {
     ExpectNothingWithoutAFile([this] { library->ExecuteTaskNow("a", true); });
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
 }
 
 TEST_F(StateChanges, RunNowThatFailsToStartIsLoggedAndSaved) {
-    system.startResult = EACCES;
+    system.launchResult = EACCES;
     std::filesystem::resize_file(cTable, std::filesystem::file_size(cTable) + 5);
     library->ExecuteTaskNow("a", true);
-    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLaunchFailed}));
     EXPECT_EQ(ReadFile(cTable), BytesOf(rows));
 }
 
 TEST_F(StateChanges, UnforcedRunNowStartsATaskThatDoesNotRunAndLeavesTheMutexHigher) {
     library->ExecuteTaskNow("a", false);
-    EXPECT_EQ(system.StartedPaths(), "/a");
+    EXPECT_EQ(system.LaunchedPaths(), "/a");
     EXPECT_EQ(StoreSemaphoreValue(), 2);
 }
 
@@ -362,13 +363,13 @@ TEST_F(StateChanges, UnforcedRunNowOfATaskThatSeemsToRunDoesNothing) {
     std::filesystem::resize_file(cTable, std::filesystem::file_size(cTable) + 5);
     const std::string bytes = ReadFile(cTable);
     library->ExecuteTaskNow("a", false);
-    EXPECT_TRUE(system.starts.empty());
+    EXPECT_TRUE(system.launches.empty());
     EXPECT_EQ(ReadFile(cTable), bytes);
     EXPECT_FALSE(Signalled());
-    system.startResult = ENOENT;
+    system.launchResult = ENOENT;
     library->ExecuteTaskNow("a", true);
-    EXPECT_EQ(system.starts.size(), 1U);
-    EXPECT_EQ(log.Take(), std::vector<std::string>({cStartFailed}));
+    EXPECT_EQ(system.launches.size(), 1U);
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLaunchFailed}));
 }
 
 TEST_F(StateChanges, OnTheSchedulingThreadChangesAreMadeInMemoryAndSaved) {
@@ -381,5 +382,5 @@ TEST_F(StateChanges, OnTheSchedulingThreadChangesAreMadeInMemoryAndSaved) {
     EXPECT_TRUE(library->SetTaskPeriod("a", 24));
     library->ResumeTask("a");
     library->ExecuteTaskNow("a", true);
-    EXPECT_EQ(system.StartedPaths(), "/a");
+    EXPECT_EQ(system.LaunchedPaths(), "/a");
 }

@@ -1,5 +1,4 @@
-// The task file: what is written, what is read, and what a file that cannot be read to its end
-// leads to.
+// The task file: writing, reading, and the handling of a damaged file.
 
 #include <COpen.h>
 #include <VXC_Information.h>
@@ -26,10 +25,11 @@
 #include "TableCalls.h"
 #include "TableFile.h"
 
-// ---- The support library's raw read comes through here ----------------------------------------
+// ---- Interposed: the support library's raw read -----------------------------------------------
 
 static bool gDeliverNothing = false;
 
+// Called by the add-in on the test's thread. Reads nothing, without an error, if gDeliverNothing.
 void COpen::Read(void* data, int length) {
     if (!gDeliverNothing)
         reinterpret_cast<void (*)(COpen*, void*, int)>(dlsym(RTLD_NEXT, "_ZN5COpen4ReadEPvi"))(
@@ -70,7 +70,7 @@ protected:
         }
     }
 
-    // What a file that cannot be read to its end leads to.
+    // Expects the handling of a file that cannot be read to its end.
     void ExpectReset() {
         EXPECT_FALSE(inside->LoadTasks());
         EXPECT_EQ(List(), TRows());
@@ -124,7 +124,7 @@ TEST_F(TaskFile, LoadedTableIsTheListInItsOrderWithEveryField) {
     EXPECT_FALSE(Flagged());
 }
 
-TEST_F(TaskFile, TextsOfEveryByteEmptyAndOfAMebibyteComeBack) {
+TEST_F(TaskFile, StringsOfEveryByteEmptyAndOfAMebibyteComeBack) {
     const std::string large = EveryByte() + std::string(1 << 20, 'x') + EveryByte();
     const TRows rows = {{EveryByte(), 1, 2, 3, "", large, 0}, {large, 1, 2, 3, EveryByte(), "", 1}};
     SetList(rows);
@@ -149,13 +149,13 @@ TEST_F(TaskFile, TenThousandTasksComeBack) {
     EXPECT_EQ(List(), rows);
 }
 
-TEST_F(TaskFile, CountOfZeroDiscardsWhatWasInMemory) {
+TEST_F(TaskFile, CountOfZeroDiscardsTheListInMemory) {
     SetList(SomeRows());
     EXPECT_TRUE(inside->LoadTasks());
     EXPECT_EQ(List(), TRows());
 }
 
-TEST_F(TaskFile, WhatStandsBehindTheTableIsIgnored) {
+TEST_F(TaskFile, BytesAfterTheTableAreIgnored) {
     WriteFile(cTable, BytesOf(SomeRows()) + "more");
     EXPECT_TRUE(inside->LoadTasks());
     EXPECT_EQ(List(), SomeRows());
@@ -174,7 +174,7 @@ TEST_F(TaskFile, MissingFileLeavesTheListAndIsNoFailure) {
     EXPECT_FALSE(std::filesystem::exists(cTable));
 }
 
-TEST_F(TaskFile, MissingFolderLeavesTheListAndSavesNothing) {
+TEST_F(TaskFile, MissingDirectoryLeavesTheListAndSavesNothing) {
     SetList(SomeRows());
     std::filesystem::remove_all("files");
     inside->SaveTasks();
@@ -185,7 +185,7 @@ TEST_F(TaskFile, MissingFolderLeavesTheListAndSavesNothing) {
     EXPECT_FALSE(Flagged());
 }
 
-TEST_F(TaskFile, FolderInItsPlaceLeavesTheListAndSavesNothing) {
+TEST_F(TaskFile, DirectoryInItsPlaceLeavesTheListAndSavesNothing) {
     SetList(SomeRows());
     std::filesystem::remove(cTable);
     std::filesystem::create_directory(cTable);
@@ -196,7 +196,7 @@ TEST_F(TaskFile, FolderInItsPlaceLeavesTheListAndSavesNothing) {
     EXPECT_FALSE(Flagged());
 }
 
-// Who may not write the file does not load it either.
+// A process that may not write the file does not load it either.
 TEST_F(TaskFile, FileThatMayNotBeWrittenIsNotLoadedAndNotSaved) {
     WriteTable(SomeRows());
     ASSERT_EQ(chmod(cTable, 0444), 0);
@@ -248,14 +248,14 @@ TEST_F(TaskFile, WriteBeyondTheSizeLimitKeepsWhatFitted) {
 // ---- Damaged files ----------------------------------------------------------------------------
 
 TEST_F(TaskFile, CutAtEveryByteItIsReset) {
-    const std::string whole = BytesOf(SomeRows());
-    for (std::size_t length = 0; length < whole.size(); ++length) {
+    const std::string intact = BytesOf(SomeRows());
+    for (std::size_t length = 0; length < intact.size(); ++length) {
         SCOPED_TRACE(length);
         SetList(SomeRows());
-        WriteFile(cTable, whole.substr(0, length));
+        WriteFile(cTable, intact.substr(0, length));
         ExpectReset();
     }
-    WriteFile(cTable, whole);
+    WriteFile(cTable, intact);
     EXPECT_TRUE(inside->LoadTasks());
 }
 
@@ -272,7 +272,7 @@ TEST_F(TaskFile, CountBeyondTheTasksIsReset) {
     ExpectReset();
 }
 
-TEST_F(TaskFile, TextBeyondTheFileIsReset) {
+TEST_F(TaskFile, StringBeyondTheFileIsReset) {
     std::string bytes = BytesOf(SomeRows());
     bytes.replace(8, 4, 4, '\xff');
     WriteFile(cTable, bytes);
@@ -370,8 +370,8 @@ TEST_F(TaskFile, ResetThatFailsIsReportedBeforeTheReadingThatFailed) {
     EXPECT_EQ(ReadFile(cTable), "");
 }
 
-// While it exists, notes what is logged, with the sizes of the file and of the list at that moment,
-// and what is flagged.
+// While it exists, records each message, with the sizes of the file and of the list at that moment,
+// and each flag.
 class COrderOfReports {
 public:
     explicit COrderOfReports(std::list<TTask*>* list) {
@@ -416,7 +416,7 @@ TEST_F(TaskFile, FailedWriteClearsTheListBeforeTheLogAndTheLogBeforeTheFlag) {
               std::vector<std::string>({"log, file 0, list 0", "TasksDeleted 1"}));
 }
 
-// A support library may deliver less than it was asked for without an error.
+// A support library may return fewer bytes than requested without an error.
 TEST_F(TaskFile, CountIsZeroBeforeItIsRead) {
     SetList(SomeRows());
     WriteTable(SomeRows());

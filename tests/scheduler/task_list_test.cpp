@@ -32,7 +32,7 @@ protected:
     std::optional<CInsideLibrary> inside;
 };
 
-TEST(TaskRecord, BeginsEmptyAndNeverStarted) {
+TEST(TaskRecord, BeginsEmptyAndNeverLaunched) {
     const TTask task;
     EXPECT_EQ(task.name + task.program + task.parameters, "");
     EXPECT_EQ(task.nextExecution, 0);
@@ -47,7 +47,7 @@ static_assert(sizeof(TTask::nextExecution) == 8 &&
 static_assert(sizeof(TTask::period) == 4 && std::is_unsigned_v<decltype(TTask::period)>);
 static_assert(sizeof(TTask::paused) == 4);
 
-TEST(TaskRecord, FieldsStandInTheirOrderBehindTheVirtualTable) {
+TEST(TaskRecord, FieldsFollowTheVirtualTableInOrder) {
     const TTask task;
     const auto offset = [&](const auto& field) {
         return static_cast<std::size_t>(reinterpret_cast<const char*>(&field) -

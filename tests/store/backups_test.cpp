@@ -1,4 +1,4 @@
-// Damaged tables that are put aside, and how many of them are kept.
+// The quarantine of damaged tables: which of them are kept.
 
 #include "store/Backups.h"
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 
 #include "Process.h"
 
-TEST(Quarantine, KeepsTheYoungestWhateverTheClockSays) {
+TEST(Quarantine, KeepsTheNewestWhateverTheClockShows) {
     std::filesystem::create_directory("files");
     WriteFile("files/scheduler.dat.damaged-4000000000", "0");
     WriteFile("files/scheduler.dat.damaged-by-hand", "not ours");

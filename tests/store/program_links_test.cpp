@@ -1,5 +1,5 @@
-// Programs that cannot be named directly: links with safe names, made once, shown as what they point
-// to, and gone with their last task.
+// Links with safe names for programs that the add-in cannot launch by their own path: made once,
+// shown as the program that they lead to, removed with their last task.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -29,7 +29,7 @@ static TTaskEntry TaskOf(const std::string& program) {
     return {"task", TTime(std::chrono::seconds(10)), TTime(), 24, program, "", false};
 }
 
-TEST(ClientLinks, ProgramThatAStartLeavesAloneNeedsNone) {
+TEST(ClientLinks, ProgramThatALaunchLeavesAloneNeedsNone) {
     EXPECT_EQ(MakeSchedulable(".", Program("tool")), Here("tool"));
     EXPECT_FALSE(fs::exists("files"));
 }
@@ -81,7 +81,7 @@ TEST(ClientLinks, LinkGoesWithTheLastTaskThatNeedsIt) {
     RemoveUnusedLinks(".", table);
 }
 
-TEST(ClientLinks, FolderThatCannotBeMadeIsAnErrorWithItsName) {
+TEST(ClientLinks, DirectoryThatCannotBeMadeIsAnErrorWithItsName) {
     WriteFile("files", "in the way");
     try {
         MakeSchedulable(".", Program("free"));

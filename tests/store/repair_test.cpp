@@ -1,4 +1,5 @@
-// What is taken out of damaged tables, what fills in the rest, and what is put right.
+// Repair of damaged tables: the tasks that are salvaged, those that come from the backup, and those
+// that are altered.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -33,7 +34,7 @@ static std::string NamesOf(const std::vector<TTaskEntry>& tasks) {
     return names;
 }
 
-TEST(Salvage, WholeTableComesBackWhole) {
+TEST(Salvage, IntactTableComesBackComplete) {
     const TSalvaged salvaged = Salvage(EncodeTable(cThree));
     EXPECT_EQ(salvaged.tasks, cThree);
     EXPECT_TRUE(salvaged.notes.empty());
@@ -41,7 +42,7 @@ TEST(Salvage, WholeTableComesBackWhole) {
 
 TEST(Salvage, CutTableGivesTheTasksBeforeTheCut) {
     const std::string bytes = EncodeTable(cThree);
-    const std::size_t one = (bytes.size() - 8) / 3 - 8;  // less than the shortest of them takes
+    const std::size_t one = (bytes.size() - 8) / 3 - 8;  // less than the size of the shortest task
     for (std::size_t length = 0; length < bytes.size(); ++length) {
         const TSalvaged salvaged = Salvage(bytes.substr(0, length));
         EXPECT_LT(salvaged.tasks.size(), 3U);
@@ -52,7 +53,7 @@ TEST(Salvage, CutTableGivesTheTasksBeforeTheCut) {
     EXPECT_EQ(NamesOf(Salvage(bytes.substr(0, bytes.size() - 1)).tasks), "first second");
 }
 
-TEST(Salvage, TasksBehindABadPlaceAreFound) {
+TEST(Salvage, TasksAfterABadOffsetAreFound) {
     std::string bytes = EncodeTable(cThree);
     const std::size_t second = EncodeTable({cThree[0]}).size();
     bytes.replace(second, 4, "\xff\xff\xff\xff", 4);  // the length of its name
@@ -78,11 +79,11 @@ TEST(Salvage, NoiseGivesNothing) {
         ADD_FAILURE() << task.name;
 }
 
-TEST(WholeTable, IsOneWithOddBytesBehindIt) {
+TEST(IntactTable, MayHaveTrailingBytes) {
     EXPECT_EQ(DecodeIntactTable(EncodeTable(cThree) + "odd", At(cNow)), cThree);
 }
 
-TEST(WholeTable, IsNoneWithACountThatIsTooSmall) {
+TEST(IntactTable, HasNoCountThatIsTooSmall) {
     std::string bytes = EncodeTable(cThree);
     for (const char count : {'\0', '\1', '\2'}) {
         bytes[0] = count;
@@ -91,49 +92,49 @@ TEST(WholeTable, IsNoneWithACountThatIsTooSmall) {
     }
 }
 
-TEST(WholeTable, IsNoneWithZerosInThePlaceOfATask) {
+TEST(IntactTable, HasNoZerosInPlaceOfATask) {
     const std::string bytes = EncodeTable(cThree);
-    const TBackup source{"the last good table", cThree};
-    for (const std::size_t whole : {0U, 1U, 2U}) {
+    const TBackup backup{"the last good table", cThree};
+    for (const std::size_t intact : {0U, 1U, 2U}) {
         std::string damaged = EncodeTable(
-            {cThree.begin(), std::next(cThree.begin(), static_cast<std::ptrdiff_t>(whole))});
+            {cThree.begin(), std::next(cThree.begin(), static_cast<std::ptrdiff_t>(intact))});
         damaged[0] = '\3';
         damaged.resize(bytes.size());
-        EXPECT_EQ(PlanRepair(damaged, nullptr, At(cNow)).tasks.size(), whole);
-        EXPECT_EQ(PlanRepair(damaged, &source, At(cNow)).tasks, cThree);
+        EXPECT_EQ(PlanRepair(damaged, nullptr, At(cNow)).tasks.size(), intact);
+        EXPECT_EQ(PlanRepair(damaged, &backup, At(cNow)).tasks, cThree);
     }
 }
 
-TEST(PlanRepair, SoundTableIsLeftAlone) {
+TEST(PlanRepair, IntactTableIsLeftAlone) {
     const TRepair repair = PlanRepair(EncodeTable(cThree), nullptr, At(cNow));
     EXPECT_EQ(repair.tasks, cThree);
     EXPECT_TRUE(repair.notes.empty());
 }
 
-TEST(PlanRepair, SourceFillsInWhatIsLostInItsOrder) {
+TEST(PlanRepair, BackupSuppliesLostTasksInItsOrder) {
     const std::string bytes = EncodeTable(cThree);
     std::vector<TTaskEntry> older = cThree;
     for (TTaskEntry& task : older)
         task.last = TTime();
-    const TBackup source{"the copy", older};
+    const TBackup backup{"the backup", older};
     const TRepair repair =
-        PlanRepair(bytes.substr(0, EncodeTable({cThree[0]}).size() + 3), &source, At(cNow));
+        PlanRepair(bytes.substr(0, EncodeTable({cThree[0]}).size() + 3), &backup, At(cNow));
     EXPECT_EQ(NamesOf(repair.tasks), "first second third");
-    EXPECT_EQ(repair.tasks[0], cThree[0]) << "what can be read goes first";
+    EXPECT_EQ(repair.tasks[0], cThree[0]) << "a readable task is kept";
     EXPECT_EQ(repair.tasks[1], older[1]);
     EXPECT_THAT(repair.notes,
                 testing::IsSupersetOf({HasSubstr("damaged at offset"),
                                        HasSubstr("kept \"first\" from the damaged table"),
-                                       HasSubstr("kept \"third\" from the copy")}));
+                                       HasSubstr("kept \"third\" from the backup")}));
 }
 
-TEST(PlanRepair, WithoutASourceWhatIsReadableIsKept) {
+TEST(PlanRepair, WithoutABackupReadableTasksAreKept) {
     EXPECT_EQ(NamesOf(PlanRepair(EncodeTable(cThree).substr(0, 150), nullptr, At(cNow)).tasks),
               "first second");
     EXPECT_TRUE(PlanRepair("", nullptr, At(cNow)).tasks.empty());
 }
 
-TEST(PlanRepair, WhatWouldHarmIsPutRight) {
+TEST(PlanRepair, HarmfulTasksAreRepaired) {
     TTaskEntry endless = Task("endless");
     endless.period = 268435456;
     endless.next = At(cNow - 100);
@@ -141,12 +142,12 @@ TEST(PlanRepair, WhatWouldHarmIsPutRight) {
     slow.period = 1;
     slow.next = At(-4'000'000'000'000);
     const TRepair repair =
-        PlanRepair(EncodeTable({endless, Task("sound"), slow}), nullptr, At(cNow));
+        PlanRepair(EncodeTable({endless, Task("valid"), slow}), nullptr, At(cNow));
     ASSERT_EQ(repair.tasks.size(), 3U);
     EXPECT_TRUE(repair.tasks[0].paused);
     EXPECT_EQ(repair.tasks[0].period, 1193046U);
     EXPECT_GE(repair.tasks[0].next, At(cNow));
-    EXPECT_EQ(repair.tasks[1], Task("sound"));
+    EXPECT_EQ(repair.tasks[1], Task("valid"));
     EXPECT_GE(repair.tasks[2].next, At(cNow));
     EXPECT_LT(repair.tasks[2].next, At(cNow + 3600));
     EXPECT_EQ((repair.tasks[2].next - slow.next).count() % 3600, 0) << "it stays on its grid";

@@ -1,4 +1,4 @@
-// Whether a task's program runs: answered from /proc, exactly, with process ids.
+// Finding the processes of a task's program in /proc.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,8 +17,8 @@ using TIds = std::vector<pid_t>;
 static const std::string cProgram = PROGRAMS "/wait-forever";
 
 // A parameter that no other test's program has.
-static std::string Own(const std::string& text) {
-    return std::filesystem::current_path().string() + text;
+static std::string Own(const std::string& suffix) {
+    return std::filesystem::current_path().string() + suffix;
 }
 
 TEST(ClientRunning, ProgramIsFoundByItsFileAndItsParameter) {
@@ -30,7 +30,7 @@ TEST(ClientRunning, ProgramIsFoundByItsFileAndItsParameter) {
     EXPECT_EQ(FindRunning(cProgram, Own("other")), TIds({other.Id()}));
     EXPECT_EQ(FindRunning(cProgram, Own("on")), TIds());
     EXPECT_EQ(FindRunning(cProgram, ""), TIds());
-    EXPECT_EQ(FindRunning(PROGRAMS "/record-start", Own("one")), TIds());
+    EXPECT_EQ(FindRunning(PROGRAMS "/record-launch", Own("one")), TIds());
 }
 
 TEST(ClientRunning, LinkToTheProgramIsTheProgram) {
@@ -40,7 +40,7 @@ TEST(ClientRunning, LinkToTheProgramIsTheProgram) {
     EXPECT_EQ(FindRunning("link-to-it", Own("linked")), TIds({one.Id()}));
 }
 
-TEST(ClientRunning, ScriptIsFoundBehindItsInterpreter) {
+TEST(ClientRunning, ScriptIsFoundAfterItsInterpreter) {
     const std::string script = std::filesystem::absolute("a-script").string();
     WriteFile(script, "#!" + cProgram + "\n");
     chmod(script.c_str(), 0755);
@@ -59,5 +59,5 @@ TEST(ClientRunning, ProgramWithMoreArgumentsIsNotATasks) {
 }
 
 TEST(ClientRunning, MissingProgramRunsNowhere) {
-    EXPECT_EQ(FindRunning("/no/such/program", "text"), TIds());
+    EXPECT_EQ(FindRunning("/no/such/program", "parameter"), TIds());
 }

@@ -1,5 +1,5 @@
-// The lock on the store mutex that clients take: what it does without a store, beside other holders,
-// and when its own holder dies.
+// The store mutex as clients take it: without a store, while another process holds it, and when the
+// holder dies.
 
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
@@ -34,7 +34,7 @@ static int MakeStore(int value) {
     return set;
 }
 
-TEST(ClientLock, TakesTheMutexAndGivesItBack) {
+TEST(ClientLock, TakesAndReleasesTheMutex) {
     MakeStore(1);
     {
         const CStoreMutexLock lock(0ms);
@@ -44,7 +44,7 @@ TEST(ClientLock, TakesTheMutexAndGivesItBack) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-TEST(ClientLock, ForgottenOneIsNotGivenBack) {
+TEST(ClientLock, ForgottenOneIsNotReleased) {
     const int set = MakeStore(1);
     {
         CStoreMutexLock lock(0ms);
@@ -63,7 +63,7 @@ TEST(ClientLock, BytesOfTheTableAreReadWithoutIt) {
     EXPECT_EQ(vxsched::ReadTableBytes("."), "any bytes");
 }
 
-TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
+TEST(ClientLock, HolderIsReportedOnATimeoutAndNotInterrupted) {
     const int set = MakeStore(1);
     CForkedChild holder([&] {
         sembuf take{0, -1, SEM_UNDO};
@@ -82,7 +82,7 @@ TEST(ClientLock, HolderIsNamedWhenPatienceEndsAndNotCutOff) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-TEST(ClientLock, DeadClientGivesItBack) {
+TEST(ClientLock, DeadClientReleasesIt) {
     MakeStore(1);
     CForkedChild client([] {
         const CStoreMutexLock lock(0ms);

@@ -1,5 +1,5 @@
-// The client library's reader: what it reads, what it finds wrong and where, and that reading has
-// no effect on the store.
+// Reading a table: the tasks, the problems with their offsets, and that reading has no effect on
+// the store.
 
 #include <gtest/gtest.h>
 #include <vxsched/Error.h>
@@ -45,32 +45,32 @@ TEST(ClientTable, TasksAreReadInTheirOrderWithEveryField) {
     EXPECT_TRUE(table.IsSafeToLoad());
 }
 
-TEST(ClientTable, CutAtAnyByteItIsDamagedAndTheOffsetIsTold) {
-    const std::string whole =
-        BytesOf({{"one", cNow, 0, 24, "/opt/tool", "text", 0}, {"two", cNow, 0, 1, "/p", "", 1}});
-    for (std::size_t length = 0; length < whole.size(); ++length) {
-        const std::string message = DamageOf(whole.substr(0, length));
+TEST(ClientTable, CutAtAnyByteItIsDamagedAndTheOffsetIsReported) {
+    const std::string complete = BytesOf(
+        {{"one", cNow, 0, 24, "/opt/tool", "parameter", 0}, {"two", cNow, 0, 1, "/p", "", 1}});
+    for (std::size_t length = 0; length < complete.size(); ++length) {
+        const std::string message = DamageOf(complete.substr(0, length));
         EXPECT_NE(message.find("the table is damaged at offset "), std::string::npos) << message;
     }
-    EXPECT_EQ(Decode(whole).tasks.size(), 2U);
-    EXPECT_EQ(DamageOf(whole.substr(0, 5)),
+    EXPECT_EQ(Decode(complete).tasks.size(), 2U);
+    EXPECT_EQ(DamageOf(complete.substr(0, 5)),
               "the table is damaged at offset 0: the file ends in the number of tasks");
-    EXPECT_EQ(DamageOf(whole.substr(0, whole.size() - 1)),
-              "the table is damaged at offset " + std::to_string(whole.size() - 4) +
+    EXPECT_EQ(DamageOf(complete.substr(0, complete.size() - 1)),
+              "the table is damaged at offset " + std::to_string(complete.size() - 4) +
                   ": the file ends in the pause flag of task 2");
 }
 
 TEST(ClientTable, CountBeyondTheFileIsDamageBeforeAnythingIsRead) {
-    std::string bytes = BytesOf({{"one", cNow, 0, 24, "/opt/tool", "text", 0}});
+    std::string bytes = BytesOf({{"one", cNow, 0, 24, "/opt/tool", "parameter", 0}});
     bytes.replace(0, 8, 8, '\xff');
-    EXPECT_NE(DamageOf(bytes).find("offset 0: it is said to have 18446744073709551615 tasks"),
+    EXPECT_NE(DamageOf(bytes).find("offset 0: its count is 18446744073709551615 tasks"),
               std::string::npos);
 }
 
-TEST(ClientTable, TextBeyondTheFileIsDamageAtItsLength) {
-    std::string bytes = BytesOf({{"one", cNow, 0, 24, "/opt/tool", "text", 0}});
+TEST(ClientTable, StringBeyondTheFileIsDamageAtItsLength) {
+    std::string bytes = BytesOf({{"one", cNow, 0, 24, "/opt/tool", "parameter", 0}});
     bytes.replace(8, 4, 4, '\xff');
-    EXPECT_NE(DamageOf(bytes).find("offset 8: the name of task 1 is said to have 4294967295 bytes"),
+    EXPECT_NE(DamageOf(bytes).find("offset 8: the length of the name of task 1 is 4294967295, but"),
               std::string::npos);
 }
 
@@ -83,8 +83,8 @@ static std::vector<std::pair<TProblem::EKind, std::size_t>> ProblemsOf(const TTa
 
 using TProblems = std::vector<std::pair<TProblem::EKind, std::size_t>>;
 
-TEST(ClientTable, WhatIsUnusualIsToldWithItsPlaceAndDoesNoHarm) {
-    const TRow one = {"one", cNow, 0, 24, "/opt/tool", "text", 0};
+TEST(ClientTable, UnusualValuesAreReportedWithTheirOffsetAndHarmless) {
+    const TRow one = {"one", cNow, 0, 24, "/opt/tool", "parameter", 0};
     const std::size_t second = BytesOf({one}).size();
     TTable table = Decode(BytesOf({one, one}) + "more");
     EXPECT_EQ(ProblemsOf(table), TProblems({{TProblem::cUnusual, second},
@@ -110,17 +110,17 @@ TEST(ClientTable, StepOfZeroInThePastWouldHangALoad) {
     EXPECT_TRUE(Decode(BytesOf({later})).problems.empty());
 }
 
-TEST(ClientTable, StartTooFarBackWouldKeepALoadBusy) {
+TEST(ClientTable, DueTimeTooFarBackWouldKeepALoadBusy) {
     const TRow slow = {"one", INT64_MIN, 0, 1, "/opt/tool", "", 0};
     EXPECT_EQ(ProblemsOf(Decode(BytesOf({slow}))), TProblems({{TProblem::cSlow, 8}}));
     const TRow quick = {"one", cNow - 3600LL * 1000, 0, 1, "/opt/tool", "", 0};
     EXPECT_TRUE(Decode(BytesOf({quick})).problems.empty());
-    // Of a task that runs once nothing is caught up.
+    // A task that runs once is not caught up.
     const TRow once = {"one", INT64_MIN, 0, 0, "/opt/tool", "", 0};
     EXPECT_TRUE(Decode(BytesOf({once})).problems.empty());
 }
 
-// ---- The store is left as it is ---------------------------------------------------------------
+// ---- Reading has no effect --------------------------------------------------------------------
 
 TEST(ClientTable, ReadingMakesNothing) {
     EXPECT_TRUE(ReadTable(".", 0ms).tasks.empty()) << "a missing file is an empty table";
@@ -129,7 +129,7 @@ TEST(ClientTable, ReadingMakesNothing) {
     const TRows rows = {{"past", 5, 0, 0, "/opt/tool", "", 0}};
     WriteTable(rows);
     const auto before = std::filesystem::last_write_time(cTable);
-    EXPECT_EQ(ReadTable(".", 0ms).tasks.size(), 1U) << "what is due stays";
+    EXPECT_EQ(ReadTable(".", 0ms).tasks.size(), 1U) << "due tasks stay";
     EXPECT_EQ(ReadTable(), rows);
     EXPECT_EQ(std::filesystem::last_write_time(cTable), before);
     EXPECT_EQ(CountSemaphoreSets(), 0);
@@ -142,14 +142,14 @@ TEST(ClientTable, DamagedFileStaysAsItIs) {
     EXPECT_EQ(ReadFile(cTable), "damaged");
 }
 
-// A hole takes no room on the disk, and would take all memory.
+// A sparse file takes no disk space, but reading it would exhaust the memory.
 TEST(ClientTable, FileLargerThanAnyTableIsAnErrorBeforeItIsRead) {
     WriteTable({});
     std::filesystem::resize_file(cTable, 1ULL << 42);
     EXPECT_EQ(
         ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); }),
         "cannot read ./files/scheduler.dat: it has 4398046511104 bytes, and no table has more "
-        "than 1073741824; put a sound one in its place");
+        "than 1073741824; replace it by a valid table");
 }
 
 TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {

@@ -1,4 +1,4 @@
-// What the client library has against a task before it gets into the table.
+// Validation of a task before it gets into the table.
 
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -19,15 +19,15 @@ static TTime At(std::int64_t seconds) {
     return TTime(std::chrono::seconds(seconds));
 }
 
-// A program that is there, may be executed, and whose path a start leaves alone.
+// An executable program whose path the add-in launches as it is.
 static std::string Program(const std::string& name = "a-tool") {
     WriteFile(name, "");
     chmod(name.c_str(), 0755);
     return (std::filesystem::current_path() / name).string();
 }
 
-static TTaskEntry Sound() {
-    return {"name", At(cNow + 10), At(0), 24, Program(), "text", false};
+static TTaskEntry Valid() {
+    return {"name", At(cNow + 10), At(0), 24, Program(), "parameter", false};
 }
 
 static std::vector<std::string> NamesOf(const TTaskEntry& task) {
@@ -40,41 +40,41 @@ static std::vector<std::string> NamesOf(const TTaskEntry& task) {
 using TNames = std::vector<std::string>;
 
 static TNames OfProgram(const std::string& program) {
-    TTaskEntry task = Sound();
+    TTaskEntry task = Valid();
     task.program = program;
     return NamesOf(task);
 }
 
-TEST(ClientObjections, SoundTaskHasNone) {
-    EXPECT_EQ(NamesOf(Sound()), TNames());
-    EXPECT_EQ(OfProgram(Program() + ".exe"), TNames()) << "the start cuts just this off";
+TEST(ClientValidation, ValidTaskHasNoErrors) {
+    EXPECT_EQ(NamesOf(Valid()), TNames());
+    EXPECT_EQ(OfProgram(Program() + ".exe"), TNames()) << "the launch cuts just this off";
 }
 
-TEST(ClientObjections, NameAndTextsAreLookedAt) {
-    TTaskEntry task = Sound();
+TEST(ClientValidation, NameAndStringsAreChecked) {
+    TTaskEntry task = Valid();
     task.name = "";
     EXPECT_EQ(NamesOf(task), TNames({"empty-name!"}));
-    task = Sound();
+    task = Valid();
     task.parameter = std::string("a\0b", 3);
     EXPECT_EQ(NamesOf(task), TNames({"zero-byte!"}));
 }
 
-TEST(ClientObjections, PathThatTheStartWouldAlterIsRefused) {
+TEST(ClientValidation, PathThatTheLaunchWouldAlterIsRefused) {
     for (const char* const name : {"free", "box", "dot.", "tee", "e", "x.exe"})
         EXPECT_EQ(OfProgram(Program(name)), TNames({"altered-path!"})) << name;
     EXPECT_EQ(LaunchedPath("/usr/bin/free"), "/usr/bin/fr");
     EXPECT_EQ(LaunchedPath("exe"), "");
-    const std::string text =
-        Validate({"n", At(cNow), At(0), 1, "/usr/bin/free", "", false}, At(cNow)).front().text;
-    EXPECT_NE(text.find("would start \"/usr/bin/fr\""), std::string::npos) << text;
+    const std::string message =
+        Validate({"n", At(cNow), At(0), 1, "/usr/bin/free", "", false}, At(cNow)).front().message;
+    EXPECT_NE(message.find("would launch \"/usr/bin/fr\""), std::string::npos) << message;
 }
 
-TEST(ClientObjections, ExtensionThatWouldAbortTheHostIsRefused) {
+TEST(ClientValidation, ExtensionThatWouldAbortTheHostIsRefused) {
     for (const char* const name : {"backup.sh", "tool.EXE", "tool.exe2", "job.py"})
         EXPECT_EQ(OfProgram(Program(name)), TNames({"aborting-extension!"})) << name;
 }
 
-TEST(ClientObjections, ProgramThatCannotBeStartedCanBeForced) {
+TEST(ClientValidation, ProgramThatCannotBeLaunchedCanBeForced) {
     EXPECT_EQ(OfProgram(""), TNames({"no-program!"}));
     EXPECT_EQ(OfProgram("/no/such/tool"), TNames({"missing-program?"}));
     Program("plain");
@@ -83,21 +83,21 @@ TEST(ClientObjections, ProgramThatCannotBeStartedCanBeForced) {
               TNames({"not-executable?"}));
     EXPECT_EQ(OfProgram(std::filesystem::current_path().string() + "/."),
               TNames({"altered-path!"}));
-    std::filesystem::create_directory("folder");
-    EXPECT_EQ(OfProgram((std::filesystem::current_path() / "folder").string()),
+    std::filesystem::create_directory("directory");
+    EXPECT_EQ(OfProgram((std::filesystem::current_path() / "directory").string()),
               TNames({"not-executable?"}));
     Program("tool");
     EXPECT_EQ(OfProgram("tool"), TNames({"relative-path?"}));
     EXPECT_EQ(OfProgram("no-tool"), TNames({"relative-path?", "missing-program?"}));
 }
 
-TEST(ClientObjections, PathBeyondWhatTheSystemOpensIsRefused) {
+TEST(ClientValidation, PathBeyondWhatTheSystemOpensIsRefused) {
     EXPECT_EQ(OfProgram('/' + std::string(PATH_MAX - 2, 'a')), TNames({"missing-program?"}));
     EXPECT_EQ(OfProgram('/' + std::string(PATH_MAX - 1, 'a')), TNames({"path-too-long!"}));
 }
 
-TEST(ClientObjections, PeriodsThatWrapAreToldApart) {
-    TTaskEntry task = Sound();
+TEST(ClientValidation, PeriodsThatWrapAreDistinguished) {
+    TTaskEntry task = Valid();
     task.period = 1193046;
     EXPECT_EQ(NamesOf(task), TNames());
     task.period = 1193047;
@@ -108,18 +108,18 @@ TEST(ClientObjections, PeriodsThatWrapAreToldApart) {
     EXPECT_EQ(NamesOf(task), TNames({"wrapped-period?"}));
 }
 
-TEST(ClientObjections, PastStartMattersToATaskThatRunsOnce) {
-    TTaskEntry task = Sound();
+TEST(ClientValidation, PastDueTimeMattersToATaskThatRunsOnce) {
+    TTaskEntry task = Valid();
     task.next = At(cNow - 1);
     EXPECT_EQ(NamesOf(task), TNames());
     task.period = 0;
-    EXPECT_EQ(NamesOf(task), TNames({"past-start?"}));
+    EXPECT_EQ(NamesOf(task), TNames({"past-due?"}));
     task.next = At(cNow);
     EXPECT_EQ(NamesOf(task), TNames());
 }
 
-TEST(ClientObjections, WorstComesFirst) {
-    TTaskEntry task = Sound();
+TEST(ClientValidation, WorstComesFirst) {
+    TTaskEntry task = Valid();
     task.name = "";
     task.program = "tool";
     task.period = 268435456;

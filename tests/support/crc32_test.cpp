@@ -1,4 +1,4 @@
-// Check sums of texts.
+// CRC-32 of strings.
 
 #include <VXC_CRC32.h>
 #include <gtest/gtest.h>

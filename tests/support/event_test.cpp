@@ -1,4 +1,4 @@
-// Named events: what a wait gives and leaves, across objects, threads and processes, and after
+// Named events: the result and effect of a wait, across objects, threads and processes, and after
 // kills and removals.
 
 #include <CEvent.h>
@@ -52,7 +52,7 @@ void PrintTo(const TCase& grid, std::ostream* out) {
 
 class EventGrid : public testing::TestWithParam<TCase> {};
 
-TEST_P(EventGrid, WaitTellsTheStateAndConsumesItOnlyIfAutoReset) {
+TEST_P(EventGrid, WaitReportsTheStateAndConsumesItOnlyIfAutoReset) {
     const auto [manualReset, signalled, milliseconds] = GetParam();
     CEvent event(cName, manualReset);
     if (signalled)
@@ -203,7 +203,7 @@ TEST(Event, WaitGoesOnAfterASignalHandlerRan) {
             EXPECT_NE(event.Wait(milliseconds), 0);
             returned = true;
         });
-        for (int round = 0; round < 5; ++round) {
+        for (int iteration = 0; iteration < 5; ++iteration) {
             WaitForWaiters(1);
             const int before = gSignals;
             pthread_kill(waiter.native_handle(), SIGUSR1);
@@ -228,7 +228,8 @@ TEST(Event, KeyDiffersFromThatOfAMutexOfTheSameName) {
     EXPECT_NE(event.Wait(0), 0);
 }
 
-// A name whose check sum would make the key 0, under which every open makes a set of its own.
+// The CRC-32 of this name would make the key 0 (IPC_PRIVATE), under which every open creates a new
+// set.
 TEST(Event, KeyIsNeverThePrivateOne) {
     constexpr std::uint32_t wanted = 0x45564E54;
     const std::string name = "cztrci";
@@ -267,7 +268,7 @@ TEST(Event, SeenAcrossProcesses) {
     });
     EXPECT_NE(event.Wait(-1), 0);
     setter.Wait();
-    EXPECT_NE(event.Wait(0), 0) << "the setter's end takes nothing back";
+    EXPECT_NE(event.Wait(0), 0) << "the exit of the setter undoes nothing";
     CForkedChild resetter([] {
         CEvent(cName, true).ResetEvent();
         return 0;
@@ -299,7 +300,7 @@ TEST(Event, KilledWaiterLeavesNothingBehind) {
     waiter.Kill(SIGKILL);
     waiter.Wait();
     event.SetEvent();
-    EXPECT_NE(event.Wait(0), 0) << "not consumed by the dead";
+    EXPECT_NE(event.Wait(0), 0) << "not consumed by the killed waiter";
 }
 
 TEST(Event, SignalOfAKilledSetterStaysForThoseWhoHaveItOpen) {
@@ -344,7 +345,7 @@ TEST(Event, SetThatAKilledCloserHadRetiredIsReplaced) {
         const int retired = TheOnlySet();
         CEvent next(cName, true);
         EXPECT_NE(TheOnlySet(), retired);
-        event->SetEvent();  // whose set is gone: it finds the new one
+        event->SetEvent();  // its set is removed: it opens the new one
         EXPECT_NE(next.Wait(0), 0);
     }
     EXPECT_EQ(CountSemaphoreSets(), 0);
@@ -364,11 +365,11 @@ TEST(Event, CopyInAForkedChildDoesNotCloseTheParents) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-TEST(Event, OpenedAndClosedByManyAtOnceItStaysSound) {
+TEST(Event, OpenedAndClosedByManyAtOnceItStaysUsable) {
     std::vector<std::unique_ptr<CForkedChild>> children;
     for (int index = 0; index < 6; ++index)
         children.push_back(std::make_unique<CForkedChild>([=] {
-            for (int round = 0; round < 300; ++round) {
+            for (int iteration = 0; iteration < 300; ++iteration) {
                 CEvent event(cName, true);
                 event.SetEvent();
                 if (index % 2 == 0)
@@ -388,7 +389,7 @@ TEST(Event, SignalIsNeverLostToOthersWhoOpenAndClose) {
             CEvent(cName, true).Wait(0);
         return 0;
     });
-    for (int round = 0; round < 300; ++round) {
+    for (int iteration = 0; iteration < 300; ++iteration) {
         CEvent setter(cName, true);
         CEvent waiter(cName, true);
         setter.SetEvent();
@@ -474,7 +475,7 @@ TEST(Event, UseOfCountsOpenersAndWaitersWithoutBeingOne) {
     EXPECT_EQ(CEvent::UseOf(cName).waiters, 0);
 }
 
-TEST(Event, UseOfOneThatMayNotBeReadIsNone) {
+TEST(Event, UseOfAnUnreadableEventIsZero) {
     const CEvent event(cName, false);
     TSemaphoreArgument argument{};
     struct semid_ds status {};
@@ -490,7 +491,7 @@ TEST(Event, UseOfOneThatMayNotBeReadIsNone) {
     EXPECT_EQ(child.Wait(), 10);
 }
 
-// ---- What cannot be had -----------------------------------------------------------------------
+// ---- Events that cannot be opened -------------------------------------------------------------
 
 template <typename Call>
 static void ExpectError(const Call& call, int error) {

@@ -1,4 +1,4 @@
-// Information flags: their values, and the listener that is told of them.
+// Information flags: their values and their listener.
 
 #include <VXC_Information.h>
 #include <gtest/gtest.h>
@@ -24,13 +24,13 @@ TEST(Information, FlagIsReadBackAndAnUnknownOneLeavesTheValue) {
     EXPECT_EQ(value, -5);
 }
 
-TEST(Information, ListenerIsToldOfEverySetUntilItIsReplaced) {
-    std::vector<std::string> told;
+TEST(Information, ListenerIsCalledForEverySetUntilItIsReplaced) {
+    std::vector<std::string> calls;
     const auto listener = [](const std::string& name, int value, void* context) {
         static_cast<std::vector<std::string>*>(context)->push_back(name + '=' +
                                                                    std::to_string(value));
     };
-    VXC_SetInformationListener(listener, &told);
+    VXC_SetInformationListener(listener, &calls);
     VXC_SetInformation("a", 1);
     VXC_SetInformation("a", 1);
     std::vector<std::string> others;
@@ -38,7 +38,7 @@ TEST(Information, ListenerIsToldOfEverySetUntilItIsReplaced) {
     VXC_SetInformation("b", 2);
     VXC_SetInformationListener(nullptr, nullptr);
     VXC_SetInformation("c", 3);
-    EXPECT_EQ(told, std::vector<std::string>({"a=1", "a=1"}));
+    EXPECT_EQ(calls, std::vector<std::string>({"a=1", "a=1"}));
     EXPECT_EQ(others, std::vector<std::string>({"b=2"}));
 }
 
@@ -56,8 +56,9 @@ TEST(Information, ThreadsMaySetAtTheSameTime) {
     std::vector<std::thread> threads;
     for (int index = 0; index < 4; ++index)
         threads.emplace_back([index] {
-            for (int round = 0; round <= 200; ++round)
-                VXC_SetInformation("flag " + std::to_string((index * 50 + round) % 7), round);
+            for (int iteration = 0; iteration <= 200; ++iteration)
+                VXC_SetInformation("flag " + std::to_string((index * 50 + iteration) % 7),
+                                   iteration);
             VXC_SetInformation("thread " + std::to_string(index), index);
         });
     for (std::thread& thread : threads)

@@ -1,4 +1,4 @@
-// The log of the support library: its lines on standard error, and a sink in its place.
+// The log of the support library: its lines on standard error, and a sink that replaces it.
 
 #include <VXC_Log.h>
 #include <dlfcn.h>
@@ -20,6 +20,8 @@
 static int gWrites = 0;
 static int gInterruptions = 0;  // writes to standard error that fail first
 
+// Called by the log on any thread. Fails with EINTR on standard error while gInterruptions is above
+// 0, otherwise does what libc does.
 extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
     static auto* const system =
         reinterpret_cast<ssize_t (*)(int, const void*, std::size_t)>(dlsym(RTLD_NEXT, "write"));
@@ -34,7 +36,7 @@ extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
     return system(descriptor, buffer, size);
 }
 
-// What is written to standard error meanwhile.
+// Calls `body` and returns what was written to standard error meanwhile.
 template <typename Body>
 static std::string StandardError(const Body& body) {
     testing::internal::CaptureStderr();
@@ -62,12 +64,12 @@ TEST(Log, MessageIsOneLineWithItsTimeInOneWrite) {
 
 TEST(Log, InterruptedWriteIsTriedAgain) {
     gInterruptions = 2;
-    const std::string text = StandardError([] { VXC_LogMessage("whole"); });
-    EXPECT_TRUE(text.ends_with(" whole\n")) << text;
+    const std::string output = StandardError([] { VXC_LogMessage("whole"); });
+    EXPECT_TRUE(output.ends_with(" whole\n")) << output;
     EXPECT_EQ(gInterruptions, 0);
 }
 
-TEST(Log, ZonesBehindHaveAMinus) {
+TEST(Log, ZonesWestOfUtcHaveAMinus) {
     UseZone("<-0330>+3:30");
     EXPECT_THAT(StandardError([] { VXC_LogMessage("x"); }), testing::HasSubstr("-03:30 x\n"));
     UseZone("UTC");
@@ -81,22 +83,22 @@ TEST(Log, ControlCharactersBecomeBlanks) {
 }
 
 TEST(Log, LinesOfThreadsDoNotMix) {
-    const std::string text = StandardError([] {
+    const std::string output = StandardError([] {
         std::vector<std::thread> threads;
         for (char name = 'a'; name < 'e'; ++name)
             threads.emplace_back([name] {
-                for (int round = 0; round < 200; ++round)
+                for (int iteration = 0; iteration < 200; ++iteration)
                     VXC_LogMessage(std::string(100, name));
             });
         for (std::thread& thread : threads)
             thread.join();
     });
     std::size_t lines = 0;
-    for (std::size_t position = 0; position < text.size(); ++lines) {
-        const std::size_t end = text.find('\n', position);
-        const std::string message = text.substr(end - 100, 100);
+    for (std::size_t position = 0; position < output.size(); ++lines) {
+        const std::size_t end = output.find('\n', position);
+        const std::string message = output.substr(end - 100, 100);
         ASSERT_EQ(message, std::string(100, message[0]));
-        ASSERT_EQ(text[end - 101], ' ');
+        ASSERT_EQ(output[end - 101], ' ');
         position = end + 1;
     }
     EXPECT_EQ(lines, 800U);

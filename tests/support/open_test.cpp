@@ -1,4 +1,4 @@
-// Buffered files: what is on disk, how many calls it takes, and what each failure leads to.
+// Buffered files: the bytes on disk, the number of system calls, and the effect of each failure.
 
 #include <COpen.h>
 #include <dlfcn.h>
@@ -22,11 +22,14 @@
 
 static constexpr char cPath[] = "a file";
 
-// ---- The system calls on the file come through here -------------------------------------------
+// ---- Interposed system calls on the file ------------------------------------------------------
+
+// Called by COpen and by the test, on the test's thread. They pass the call on to libc, shortened
+// or failed with the errno of the plan.
 
 struct TPlan {
     int calls = 0;
-    std::size_t most = SIZE_MAX;  // bytes that one call moves
+    std::size_t most = SIZE_MAX;  // bytes that one call transfers at most
     int interruptions = 0;        // EINTR so many times first
     int failAt = 0;               // the call, counted from 1, that fails
     int error = EIO;
@@ -36,7 +39,7 @@ static TPlan gWrites;
 static TPlan gCloses;
 
 template <typename Function>
-static Function* SystemsOwn(const char* name) {
+static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -66,20 +69,21 @@ static bool Follow(TPlan& plan, std::size_t& size) {
 extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
     if (IsTheFile(descriptor) && Follow(gReads, size))
         return -1;
-    return SystemsOwn<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
+    return NextDefinition<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
 }
 
 extern "C" ssize_t write(int descriptor, const void* buffer, std::size_t size) {
     if (IsTheFile(descriptor) && Follow(gWrites, size))
         return -1;
-    return SystemsOwn<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer, size);
+    return NextDefinition<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer,
+                                                                           size);
 }
 
 extern "C" int close(int descriptor) {
     std::size_t ignored = 0;
     const bool fails = IsTheFile(descriptor) && Follow(gCloses, ignored);
     const int error = errno;
-    const int result = SystemsOwn<int(int)>("close")(descriptor);
+    const int result = NextDefinition<int(int)>("close")(descriptor);
     if (!fails)
         return result;
     errno = error;
@@ -96,7 +100,7 @@ extern "C" int open(const char* path, int flags, ...) {
     std::size_t ignored = 0;
     if (gOpens != nullptr && std::string(path) == cPath && Follow(*gOpens, ignored))
         return -1;
-    return SystemsOwn<int(const char*, int, ...)>("open")(path, flags, mode);
+    return NextDefinition<int(const char*, int, ...)>("open")(path, flags, mode);
 }
 
 static int gFailSeek = 0;    // the error that every lseek fails with
@@ -104,14 +108,14 @@ static int gFailStatus = 0;  // and every fstat
 
 extern "C" off_t lseek(int descriptor, off_t offset, int from) noexcept {
     if (gFailSeek == 0)
-        return SystemsOwn<off_t(int, off_t, int)>("lseek")(descriptor, offset, from);
+        return NextDefinition<off_t(int, off_t, int)>("lseek")(descriptor, offset, from);
     errno = gFailSeek;
     return -1;
 }
 
 extern "C" int fstat(int descriptor, struct stat* status) noexcept {
     if (gFailStatus == 0)
-        return SystemsOwn<int(int, struct stat*)>("fstat")(descriptor, status);
+        return NextDefinition<int(int, struct stat*)>("fstat")(descriptor, status);
     errno = gFailStatus;
     return -1;
 }
@@ -136,7 +140,7 @@ static COpen ForReading() {
 }
 
 #ifndef __SANITIZE_THREAD__  // whose memory is its own affair
-// ---- Memory for a text of four gibibytes: one small block, again and again --------------------
+// ---- Memory for a string of four gibibytes: one small block, mapped repeatedly ----------------
 
 static constexpr std::size_t cHuge = std::size_t{1} << 32;
 static constexpr std::size_t cBlock = std::size_t{1} << 26;
@@ -197,13 +201,13 @@ TEST(Open, FlagsAndModeAreThoseOfTheCall) {
     EXPECT_FALSE(COpen(cPath, O_RDWR | O_CREAT | O_EXCL, 0644).IsValid());
 }
 
-TEST(Open, WhatCannotBeOpenedIsNotValidAndSaysWhyInErrno) {
+TEST(Open, FileThatCannotBeOpenedIsNotValidAndSetsErrno) {
     errno = 0;
     EXPECT_FALSE(COpen(cPath, O_RDWR, 0644).IsValid());
     EXPECT_EQ(errno, ENOENT);
     EXPECT_FALSE(COpen(".", O_RDWR, 0644).IsValid());
     EXPECT_EQ(errno, EISDIR);
-    EXPECT_FALSE(COpen("no folder/file", O_RDWR | O_CREAT, 0644).IsValid());
+    EXPECT_FALSE(COpen("no directory/file", O_RDWR | O_CREAT, 0644).IsValid());
 }
 
 TEST(Open, NotInheritedByStartedPrograms) {
@@ -226,7 +230,7 @@ TEST(Open, TransfersOnAFileThatIsNotOpenThrow) {
 
 // ---- What is on disk --------------------------------------------------------------------------
 
-TEST(Open, ValuesAndTextsAreTheseBytes) {
+TEST(Open, ValuesAndStringsAreTheseBytes) {
     COpen file = ForWriting();
     file.WriteUnsigned(0x01020304);
     file.WriteString("text");
@@ -236,9 +240,9 @@ TEST(Open, ValuesAndTextsAreTheseBytes) {
     EXPECT_EQ(ReadFile(cPath), std::string("\x04\x03\x02\x01\x04\0\0\0text\0\0\0\0raw", 19));
 }
 
-class OpenTexts : public testing::TestWithParam<std::size_t> {};
+class OpenStrings : public testing::TestWithParam<std::size_t> {};
 
-TEST_P(OpenTexts, ComeBackByteForByte) {
+TEST_P(OpenStrings, ComeBackByteForByte) {
     std::string text;
     for (std::size_t index = 0; index < GetParam(); ++index)
         text += static_cast<char>(index * 7 + index / 256);
@@ -253,7 +257,7 @@ TEST_P(OpenTexts, ComeBackByteForByte) {
     EXPECT_EQ(in.ReadUnsigned(), 4294967295U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, OpenTexts,
+INSTANTIATE_TEST_SUITE_P(Lengths, OpenStrings,
                          testing::Values(0, 1, 256, 65531, 65532, 65533, 65535, 65536, 65537,
                                          131072, 1 << 20));
 
@@ -334,7 +338,7 @@ TEST(Open, EndOfTheFileIsAnError) {
     EXPECT_NO_THROW(ForReading().Read(bytes, 0));
 }
 
-TEST(Open, TextBeyondTheFileThrowsBeforeAnythingIsAllocatedAndLeavesTheText) {
+TEST(Open, StringBeyondTheFileThrowsBeforeAnythingIsAllocatedAndLeavesTheString) {
     WriteFile(cPath, "\xff\xff\xff\xff only this");
     COpen file = ForReading();
     std::string text = "as it was";
@@ -348,7 +352,7 @@ TEST(Open, TextBeyondTheFileThrowsBeforeAnythingIsAllocatedAndLeavesTheText) {
     EXPECT_EQ(text, "abcde");
 }
 
-TEST(Open, TextThatSpansBlocksIsMeasuredAgainstTheRestOfTheFile) {
+TEST(Open, StringThatSpansBlocksIsMeasuredAgainstTheRestOfTheFile) {
     const std::string content = std::string(70'000, 'x');
     COpen out = ForWriting();
     out.WriteString(content);
@@ -360,7 +364,7 @@ TEST(Open, TextThatSpansBlocksIsMeasuredAgainstTheRestOfTheFile) {
     EXPECT_EQ(text, "as it was");
 }
 
-TEST(Open, TextOfAChannelIsReadAsItComes) {
+TEST(Open, StringOfAChannelIsReadAsItComes) {
     ASSERT_EQ(mkfifo(cPath, 0600), 0);
     const std::string content(200'000, 'x');
     std::thread writer([&] {
@@ -373,7 +377,7 @@ TEST(Open, TextOfAChannelIsReadAsItComes) {
     std::string text;
     in.ReadString(text);
     EXPECT_EQ(text, content);
-    // Then a text of four gibibytes is announced, and nothing follows.
+    // Then comes the length of a string of four gibibytes, and nothing after it.
     ExpectError([&] { in.ReadString(text); }, "read", ENODATA);
     EXPECT_EQ(text, content);
     writer.join();
@@ -386,7 +390,7 @@ TEST(Open, NegativeLengthsAreRefused) {
     ExpectError([&] { file.Write(&byte, -1); }, "write", EINVAL);
 }
 
-TEST(Open, FailedReadSaysWhatAndWhy) {
+TEST(Open, FailedReadReportsTheOperationAndTheReason) {
     WriteFile(cPath, "abc");
     gReads.failAt = 1;
     char byte = 0;
@@ -408,7 +412,7 @@ TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {
     {
         COpen file = ForWriting();
         file.WriteString("text");
-        file.WriteUnsigned(1000);  // as the length of a text that is not there
+        file.WriteUnsigned(1000);  // as the length of a string that is missing
     }
     COpen file = ForReading();
     std::string text;
@@ -430,7 +434,7 @@ TEST(Open, FileThatCannotBeMeasuredOrPlacedIsAnError) {
 }
 
 #ifndef __SANITIZE_THREAD__
-#ifndef __SANITIZE_ADDRESS__  // which has its own way to memory that may be refused
+#ifndef __SANITIZE_ADDRESS__  // it replaces the allocation function that fails here
 TEST(Open, WithoutMemoryForLargeWritesThereAreMoreOfThem) {
     const std::string text(200'000, 'x');
     COpen file = ForWriting();
@@ -443,7 +447,7 @@ TEST(Open, WithoutMemoryForLargeWritesThereAreMoreOfThem) {
 }
 #endif
 
-TEST(Open, TextLongerThanItsLengthCanSayIsRefused) {
+TEST(Open, StringLongerThanItsLengthFieldIsRefused) {
     const std::string text(std::size_t{1} << 32, 'x');
     COpen file = ForWriting();
     ExpectError([&] { file.WriteString(text); }, "write", EFBIG);

@@ -1,4 +1,4 @@
-// Pipes from and to commands: what is read of one, and when it is closed.
+// Pipes from and to commands: reading and closing.
 
 #include <CPopen.h>
 #include <dlfcn.h>
@@ -28,12 +28,12 @@ static std::string ReadFrom(const char* command, int size = 1024) {
     return text;
 }
 
-TEST(Popen, OutputIsATerminatedText) {
+TEST(Popen, OutputIsATerminatedString) {
     EXPECT_EQ(ReadFrom("echo hello"), "hello\n");
     EXPECT_EQ(ReadFrom("echo one; echo two"), "one\ntwo\n");
 }
 
-TEST(Popen, NoOutputIsAnEmptyText) {
+TEST(Popen, NoOutputIsAnEmptyString) {
     EXPECT_EQ(ReadFrom("true"), "");
 }
 
@@ -94,7 +94,7 @@ TEST(Popen, PipeIsNotInheritedByOtherPrograms) {
     EXPECT_EQ(fcntl(lowest, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
-TEST(Popen, PipeThatCannotBeMadeIsNotValidAndReadsAsAnEmptyText) {
+TEST(Popen, PipeThatCannotBeMadeIsNotValidAndReadsAsAnEmptyString) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit none{.rlim_cur = 3, .rlim_max = limit.rlim_max};
@@ -117,6 +117,8 @@ TEST(Popen, ReadFromACommandThatIsWrittenToFails) {
 
 static int gReadsUntilFailure = -1;
 
+// Called by CPopen and by the test, on the test's thread. Fails with EIO after
+// gReadsUntilFailure reads, otherwise does what libc does.
 extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
     static auto* const system =
         reinterpret_cast<ssize_t (*)(int, void*, std::size_t)>(dlsym(RTLD_NEXT, "read"));
@@ -147,7 +149,7 @@ TEST(Popen, ReadGoesOnAfterASignalHandlerRan) {
     ASSERT_EQ(mkfifo("go", 0600), 0);
     std::string text;
     std::thread reader([&] { text = ReadFrom("cat go"); });
-    for (int round = 0; round < 20; ++round) {
+    for (int iteration = 0; iteration < 20; ++iteration) {
         const int before = gSignals;
         pthread_kill(reader.native_handle(), SIGUSR1);
         WaitUntil([&] { return gSignals > before; });

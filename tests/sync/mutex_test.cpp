@@ -1,4 +1,5 @@
-// The store mutex: its results, its flag, its system calls, and what other processes see of it.
+// The store mutex: its results, its locked flag, its system calls, and its effect on other
+// processes.
 
 #include <VXC_CRC32.h>
 #include <dlfcn.h>
@@ -29,7 +30,10 @@
 
 static constexpr char cName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
 
-// ---- The system calls of the mutex come through here ------------------------------------------
+// ---- Interposed system calls of the mutex -----------------------------------------------------
+
+// Called by CMutex and by the test, on whichever thread. They record the call and pass it on to
+// libc, unless gFailGet or gFailControl makes it fail, with errno as the test sets it.
 
 static std::mutex gCallsMutex;
 static std::vector<std::string> gCalls;
@@ -44,7 +48,7 @@ static void Record(const std::string& call) {
 }
 
 template <typename Function>
-static Function* SystemsOwn(const char* name) {
+static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -56,7 +60,7 @@ extern "C" int semget(key_t key, int count, int flags) noexcept {
         errno = gFailError;
         return -1;
     }
-    return SystemsOwn<int(key_t, int, int) noexcept>("semget")(key, count, flags);
+    return NextDefinition<int(key_t, int, int) noexcept>("semget")(key, count, flags);
 }
 
 extern "C" int semctl(int id, int number, int command, ...) noexcept {
@@ -73,7 +77,8 @@ extern "C" int semctl(int id, int number, int command, ...) noexcept {
         errno = EACCES;
         return -1;
     }
-    return SystemsOwn<int(int, int, int, ...) noexcept>("semctl")(id, number, command, argument);
+    return NextDefinition<int(int, int, int, ...) noexcept>("semctl")(id, number, command,
+                                                                      argument);
 }
 
 static std::string Describe(const sembuf* operations, std::size_t count) {
@@ -88,7 +93,7 @@ static std::string Describe(const sembuf* operations, std::size_t count) {
 extern "C" int semop(int id, sembuf* operations, std::size_t count) noexcept {
     gErrnoSeen = errno;
     Record("semop " + Describe(operations, count));
-    return SystemsOwn<int(int, sembuf*, std::size_t) noexcept>("semop")(id, operations, count);
+    return NextDefinition<int(int, sembuf*, std::size_t) noexcept>("semop")(id, operations, count);
 }
 
 extern "C" int semtimedop(int id, sembuf* operations, std::size_t count,
@@ -96,7 +101,7 @@ extern "C" int semtimedop(int id, sembuf* operations, std::size_t count,
     gErrnoSeen = errno;
     Record("semtimedop " + Describe(operations, count) + ' ' + std::to_string(time->tv_sec) + ' ' +
            std::to_string(time->tv_nsec));
-    return SystemsOwn<int(int, sembuf*, std::size_t, const timespec*) noexcept>("semtimedop")(
+    return NextDefinition<int(int, sembuf*, std::size_t, const timespec*) noexcept>("semtimedop")(
         id, operations, count, time);
 }
 
@@ -155,7 +160,7 @@ TEST(Mutex, DestructionRemovesASetThatItOnlyOpened) {
     EXPECT_EQ(first.Lock(0), LOCK_FAILED);
 }
 
-// Behind the virtual table, the locked flag and the set's identifier.
+// After the virtual table, the locked flag and the set's identifier.
 static bool OwnerOf(const CMutex& mutex) {
     return *(reinterpret_cast<const bool*>(&mutex) + 16);
 }
@@ -197,7 +202,7 @@ TEST(Mutex, SetThatCannotBeSetFreeEndsTheProcess) {
 
 // ---- Locking and releasing --------------------------------------------------------------------
 
-TEST(Mutex, StaysMarkedLockedAfterARelease) {
+TEST(Mutex, KeepsTheLockedFlagAfterARelease) {
     CMutex mutex(cName);
     EXPECT_TRUE(mutex.Lock());
     EXPECT_TRUE(mutex.isLocked());
@@ -207,7 +212,7 @@ TEST(Mutex, StaysMarkedLockedAfterARelease) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
-TEST(Mutex, FailedReleaseClearsTheMark) {
+TEST(Mutex, FailedReleaseClearsTheLockedFlag) {
     CMutex mutex(cName);
     mutex.Lock();
     { const CMutex other(cName); }
@@ -215,7 +220,7 @@ TEST(Mutex, FailedReleaseClearsTheMark) {
     EXPECT_FALSE(mutex.isLocked());
 }
 
-TEST(Mutex, FailedLockLeavesTheMark) {
+TEST(Mutex, FailedLockKeepsTheLockedFlag) {
     CMutex mutex(cName);
     CMutex other(cName);
     EXPECT_EQ(mutex.Lock(0), LOCK_ACQUIRED);
@@ -286,7 +291,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TTimeout{4294967295, "0 4294967295000000", LOCK_FAILED},
                     TTimeout{4294967301, "0 4294967301000000", LOCK_FAILED}));
 
-TEST(Mutex, TimeThatRunsOutIsToldApart) {
+TEST(Mutex, TimeoutDiffersFromFailure) {
     CMutex mutex(cName);
     mutex.Lock();
     EXPECT_EQ(mutex.Lock(0), LOCK_TIMEOUT);
@@ -320,7 +325,7 @@ TEST(Mutex, VirtualOperationsStandInTheirOrder) {
     CMutex mutex(cName);
     CSyncObject* const object = &mutex;
     void** const table = *reinterpret_cast<void***>(object);
-    // Behind the destructor's two entries.
+    // After the destructor's two entries.
     const auto lockFor = reinterpret_cast<int (*)(CSyncObject*, unsigned long)>(table[2]);
     const auto lock = reinterpret_cast<bool (*)(CSyncObject*)>(table[3]);
     const auto unlock = reinterpret_cast<int (*)(CSyncObject*)>(table[4]);
@@ -342,7 +347,7 @@ template <typename Wait>
 static auto Interrupted(const Wait& wait) {
     struct sigaction action {};
     action.sa_handler = OnSignal;
-    action.sa_flags = SA_RESTART;  // which a semaphore's wait does not heed
+    action.sa_flags = SA_RESTART;  // semop ignores it
     sigaction(SIGUSR1, &action, nullptr);
     std::atomic<bool> done{false};
     decltype(wait()) result{};
@@ -390,7 +395,7 @@ TEST(Mutex, ThreadsExcludeEachOther) {
     CMutex mutex(cName);
     long counter = 0;
     const auto count = [&] {
-        for (int round = 0; round < 2000; ++round) {
+        for (int iteration = 0; iteration < 2000; ++iteration) {
             mutex.Lock();
             counter = counter + 1;
             mutex.Unlock();
@@ -409,7 +414,7 @@ TEST(Mutex, ProcessesExcludeEachOther) {
     auto* const counter = static_cast<volatile long*>(
         mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const auto count = [&] {
-        for (int round = 0; round < 2000; ++round) {
+        for (int iteration = 0; iteration < 2000; ++iteration) {
             mutex.Lock();
             *counter = *counter + 1;
             mutex.Unlock();

@@ -1,6 +1,6 @@
-// Out of memory at every allocation in turn: once, and from there on. Each exported function, the
-// tick and the construction either do all of their work, or say what failed: by the log and the
-// flag, or by the exception that reaches the caller. The mutex is free again in every case.
+// Out of memory at every allocation in turn: at that one alone, and at all after it too. Each
+// exported function, the tick and the construction either complete, or report the failure: by the
+// log and the flag, or by an exception to the caller. The mutex is free afterwards in every case.
 
 #include <CPopen.h>
 #include <VXC_Information.h>
@@ -55,7 +55,7 @@ static thread_local bool gFailed = false;
     std::free(memory);
 }
 
-// Runs `body` with the allocation of that number failing, and every one behind it if `onlyOnce` is
+// Runs `body` while the allocation of that number fails, and every later one if `onlyOnce` is
 // false. True when it threw std::bad_alloc.
 static bool ThrewAt(long number, bool onlyOnce, const std::function<void()>& body) {
     gFailed = false;
@@ -71,8 +71,8 @@ static bool ThrewAt(long number, bool onlyOnce, const std::function<void()>& bod
     return threw;
 }
 
-TEST(OutOfMemoryPipe, IsNotValidAndSaysWhyInErrno) {
-    const char* const unheardOfMode = "r and much more than fits a text without memory";
+TEST(OutOfMemoryPipe, IsNotValidAndSetsErrno) {
+    const char* const unheardOfMode = "r and much more than fits a string without memory";
     EXPECT_FALSE(ThrewAt(0, true, [&] {
         const CPopen pipe("true", unheardOfMode);
         const int error = errno;
@@ -86,7 +86,7 @@ TEST(OutOfMemoryPipe, IsNotValidAndSaysWhyInErrno) {
 
 static constexpr long cNow = 1'000'000;
 static constexpr long cFuture = 4'000'000'000;
-// Longer than what a text holds without memory of its own.
+// Longer than what a std::string holds without an allocation.
 static constexpr char cProgram[] = "/opt/a-rather-long-folder/and-a-program";
 
 using TLines = std::vector<std::string>;
@@ -113,7 +113,7 @@ protected:
     std::optional<CAddinLibrary> library;
 };
 
-TEST_P(OutOfMemory, DoesAllOrSaysWhatFailedAndReleasesTheMutex) {
+TEST_P(OutOfMemory, DoesAllOrReportsTheFailureAndReleasesTheMutex) {
     GetParam().run(*library);
     const std::string done = ReadFile(cTable);
     for (const bool onlyOnce : {true, false}) {
@@ -138,11 +138,11 @@ TEST_P(OutOfMemory, DoesAllOrSaysWhatFailedAndReleasesTheMutex) {
             int flag = 0;
             VXC_GetInformation("TasksDeleted", flag);
             const std::string file = ReadFile(cTable);
-            const bool whole = file == done || file == BytesOf(table);
-            EXPECT_TRUE(whole || threw || flag == 1) << "a table is lost, and nobody is told";
+            const bool intact = file == done || file == BytesOf(table);
+            EXPECT_TRUE(intact || threw || flag == 1) << "a table is lost without a report";
             EXPECT_EQ(flag == 1, !lines.empty() && (lines.back() == cReadingFailed ||
                                                     lines.back() == cWritingFailed));
-            EXPECT_TRUE(whole || file == std::string(8, '\0') || file.empty() ||
+            EXPECT_TRUE(intact || file == std::string(8, '\0') || file.empty() ||
                         ReadTable().size() == 1)
                 << "at most what a creation wrote after a table that could not be read";
             // The process goes on as before.
@@ -189,9 +189,9 @@ INSTANTIATE_TEST_SUITE_P(
                    [](const CAddinLibrary& it) { it.ExecuteTaskNow("second", true); }}),
     [](const auto& each) { return std::string(each.param.name); });
 
-// The text is copied under the mutex; then the mutex is given back, and whatever fails behind that
-// gives it back a second time.
-TEST(OutOfMemoryProbe, ReleasesOnceBeforeTheCopyOfTheTextAndTwiceBehindIt) {
+// The program is copied while the mutex is held; then the mutex is released, and a failure after
+// that releases it a second time.
+TEST(OutOfMemoryProbe, ReleasesOnceBeforeTheCopyOfTheProgramAndTwiceAfterIt) {
     WriteTable({{"task", cFuture, 0, 24, cProgram, "", 0}});
     const CAddinLibrary library;
     library.Tick();  // on the scheduling thread nothing is allocated for the table
@@ -203,7 +203,7 @@ TEST(OutOfMemoryProbe, ReleasesOnceBeforeTheCopyOfTheTextAndTwiceBehindIt) {
 }
 
 // A task is rewritten field by field, in the order of its record, and unpaused last.
-TEST(OutOfMemoryCreation, RewritingStopsAtTheTextThatFails) {
+TEST(OutOfMemoryCreation, RewritingStopsAtTheStringThatFails) {
     const std::string large(100, 'x');
     for (const int failing : {0, 1}) {
         WriteTable({{"task", cFuture, 0, 24, "p", "q", 1}});
@@ -239,7 +239,7 @@ TEST(OutOfMemoryCreation, TaskThatCouldNotBeAppendedIsNotInTheList) {
             EXPECT_EQ(library.TaskList()->front()->program, cProgram);
         }
     }
-    EXPECT_GE(threw, 3) << "the record, its texts and its place in the list";
+    EXPECT_GE(threw, 3) << "the record, its strings and its place in the list";
 }
 
 TEST(OutOfMemoryTick, ReleasesTheMutexWhereverItStops) {
@@ -264,8 +264,8 @@ TEST(OutOfMemoryTick, ReleasesTheMutexWhereverItStops) {
     }
 }
 
-// Under the mutex a failure is met by the file's own handling; where the mutex itself is made there
-// is nothing to go on with.
+// While the mutex is held, a failure is handled as damage to the file. Without a mutex the process
+// cannot continue.
 TEST(OutOfMemoryConstruction, EndsWithAnObjectAnExceptionOrTheProcess) {
     const TRows table = {{"first task with a long name", cFuture, 5, 24, cProgram, "text", 0}};
     int made = 0;

@@ -1,5 +1,6 @@
-// What a load of the library would harm, with the real command beside a real host: commands at the
-// very second of a start, many at once, during a tick, and killed.
+// Runs the command vxsched next to a running host in the situations in which loading the add-in
+// could do harm: at the second of a due time, in parallel, during a tick, and killed at random
+// moments.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -29,7 +30,7 @@
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-static const std::string cRecorder = PROGRAMS "/record-start";
+static const std::string cRecorder = PROGRAMS "/record-launch";
 
 static TRow Later(const std::string& name) {
     return {name, std::time(nullptr) + 3600, 0, 24, cRecorder, "a parameter", 0};
@@ -39,9 +40,9 @@ static vxsched::TTable TableNow() {
     return vxsched::ReadTable(".", 10s);
 }
 
-// A store of its own in a child process, so that several go through the same at once.
-static std::unique_ptr<CForkedChild> InAStoreOfItsOwn(const std::string& directory,
-                                                      const std::function<void()>& body) {
+// Runs `body` in a child process with its own store, so that several can run in parallel.
+static std::unique_ptr<CForkedChild> RunInOwnStore(const std::string& directory,
+                                                   const std::function<void()>& body) {
     return std::make_unique<CForkedChild>([&] {
         if (unshare(CLONE_NEWIPC) != 0)
             return 1;
@@ -52,20 +53,20 @@ static std::unique_ptr<CForkedChild> InAStoreOfItsOwn(const std::string& directo
     });
 }
 
-// ---- At the second of a start -----------------------------------------------------------------
+// ---- At the second of a due time --------------------------------------------------------------
 
-// Seconds in which the task is created for sure.
+// Seconds within which creating the task must be finished.
 #ifdef PLAIN_BUILD
 static constexpr int cAhead = 2;
 #else
 static constexpr int cAhead = 10;
 #endif
 
-// One round: a task that runs once comes due, and at a random moment around that something else is
-// changed. It has to run exactly once.
-static void ChangeAroundAStart(int round, std::mt19937& random) {
-    const std::string record = "record " + std::to_string(round);
-    const std::string task = "once " + std::to_string(round);
+// A task that runs once becomes due, and another task is changed at a random moment around that
+// second. The due task must run exactly once.
+static void ChangeAroundADueTime(int iteration, std::mt19937& random) {
+    const std::string record = "record " + std::to_string(iteration);
+    const std::string task = "once " + std::to_string(iteration);
     const std::time_t due = std::time(nullptr) + cAhead;
     const TToolRun create =
         RunTool({"create", task, "--at", "@" + std::to_string(due), "--", cRecorder, record});
@@ -74,38 +75,40 @@ static void ChangeAroundAStart(int round, std::mt19937& random) {
         std::chrono::milliseconds(std::uniform_int_distribution<>(-300, 300)(random));
     const auto moment = std::chrono::system_clock::from_time_t(due) + offset;
     std::this_thread::sleep_until(moment);
-    const TToolRun pause = RunTool({round % 2 == 0 ? "pause" : "resume", "other"});
+    const TToolRun pause = RunTool({iteration % 2 == 0 ? "pause" : "resume", "other"});
     EXPECT_EQ(pause.status, 0) << pause.error;
-    // Without a change at or behind the second of the start nobody wakes the scheduler for it.
+    // A change before the due second wakes the scheduling process too early, and no other one
+    // follows.
     std::this_thread::sleep_until(std::chrono::system_clock::from_time_t(due) + 20ms);
     RunTool({"wake"});
     WaitUntil([&] { return fs::exists(record); });
     WaitUntil([&] { return TableNow().Find(task) == nullptr; });
-    EXPECT_EQ(TableNow().Find("other")->paused, round % 2 == 0);
+    EXPECT_EQ(TableNow().Find("other")->paused, iteration % 2 == 0);
 }
 
-class CliAtTheSecondOfAStart : public testing::TestWithParam<int> {};
+class CliAtADueTime : public testing::TestWithParam<int> {};
 
-TEST_P(CliAtTheSecondOfAStart, NothingIsRemovedUnrun) {
+TEST_P(CliAtADueTime, NothingIsRemovedWithoutARun) {
     constexpr int cStores = 25;
 #ifdef PLAIN_BUILD
-    constexpr int cRounds = 4;
+    constexpr int cIterations = 4;
 #else
-    constexpr int cRounds = 1;
+    constexpr int cIterations = 1;
 #endif
     std::vector<std::unique_ptr<CForkedChild>> stores;
     for (int store = 0; store < cStores; ++store) {
-        stores.push_back(InAStoreOfItsOwn("store " + std::to_string(store), [&] {
+        stores.push_back(RunInOwnStore("store " + std::to_string(store), [&] {
             for (const auto& [name, value] : WithoutPauses())
                 setenv(name.c_str(), value.c_str(), 1);
             WriteTable({Later("other")});
             CHost host;
             std::mt19937 random(static_cast<unsigned int>(GetParam() * cStores + store));
-            for (int round = 0; round < cRounds; ++round)
-                ChangeAroundAStart(round, random);
-            EXPECT_EQ(host.CountInOutput("started process"), 0U) << "not read yet";
+            for (int iteration = 0; iteration < cIterations; ++iteration)
+                ChangeAroundADueTime(iteration, random);
+            EXPECT_EQ(host.CountInOutput("started process"), 0U)
+                << "the output has not been read yet";
             EXPECT_EQ(host.Stop(), 0);
-            EXPECT_EQ(host.CountInOutput("started process"), static_cast<std::size_t>(cRounds))
+            EXPECT_EQ(host.CountInOutput("started process"), static_cast<std::size_t>(cIterations))
                 << host.Output();
         }));
     }
@@ -113,9 +116,9 @@ TEST_P(CliAtTheSecondOfAStart, NothingIsRemovedUnrun) {
         EXPECT_EQ(store->Wait(), 42);
 }
 
-INSTANTIATE_TEST_SUITE_P(Half, CliAtTheSecondOfAStart, testing::Values(0, 1));
+INSTANTIATE_TEST_SUITE_P(Half, CliAtADueTime, testing::Values(0, 1));
 
-// ---- Beside others ----------------------------------------------------------------------------
+// ---- Next to other processes ------------------------------------------------------------------
 
 TEST(CliSafety, CommandsInParallelLoseNothing) {
     WriteTable({});
@@ -123,9 +126,9 @@ TEST(CliSafety, CommandsInParallelLoseNothing) {
     std::vector<std::thread> commands;
     for (int command = 0; command < 20; ++command) {
         commands.emplace_back([command] {
-            const TToolRun run =
-                RunTool({"create", "task " + std::to_string(command), "--patience", "60", "--at",
-                         "in 1h", "--every", "1d", "--", cRecorder, std::to_string(command)});
+            const TToolRun run = RunTool({"create", "task " + std::to_string(command),
+                                          "--lock-timeout", "60", "--at", "in 1h", "--every", "1d",
+                                          "--", cRecorder, std::to_string(command)});
             EXPECT_EQ(run.status, 0) << run.error;
         });
     }
@@ -138,7 +141,7 @@ TEST(CliSafety, CommandsInParallelLoseNothing) {
     WaitUntil([] { return StoreSemaphoreValue() == 1; });
 }
 
-TEST(CliSafety, CommandDuringATickLosesNoChangeAndCutsOffNobody) {
+TEST(CliSafety, CommandDuringATickLosesNoChangeAndBreaksNoLock) {
     WriteTable({});
     CHost host;
     const std::string due = "@" + std::to_string(std::time(nullptr));
@@ -152,14 +155,14 @@ TEST(CliSafety, CommandDuringATickLosesNoChangeAndCutsOffNobody) {
     WaitUntil([] { return StoreSemaphoreValue() == 1; });
     const vxsched::TTable table = TableNow();
     ASSERT_EQ(table.tasks.size(), 2U);
-    EXPECT_NE(table.Find("slow")->last, vxsched::TTime()) << "the tick's own save is there";
+    EXPECT_NE(table.Find("slow")->last, vxsched::TTime()) << "the tick must have saved the launch";
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("started process"), 1U);
     WriteFile("end it", "");
     WaitUntil([] { return fs::exists("end it.seen"); });
 }
 
-TEST(CliSafety, HolderThatIsStoppedIsNotCutOff) {
+TEST(CliSafety, LockOfAStoppedHolderIsNotBroken) {
     WriteTable({Later("a")});
     EXPECT_EQ(RunTool({"pause", "a"}).status, 0);
     CForkedChild holder([] {
@@ -169,7 +172,7 @@ TEST(CliSafety, HolderThatIsStoppedIsNotCutOff) {
         return StoreSemaphoreValue() == 0 ? 42 : 1;
     });
     WaitUntil([] { return fs::exists("held"); });
-    const TToolRun run = RunTool({"resume", "a", "--patience", "0.1"});
+    const TToolRun run = RunTool({"resume", "a", "--lock-timeout", "0.1"});
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.error, testing::HasSubstr("process " + std::to_string(holder.Id())));
     WaitUntil([&] {
@@ -180,7 +183,7 @@ TEST(CliSafety, HolderThatIsStoppedIsNotCutOff) {
     EXPECT_EQ(ReadTable()[0].paused, 1U);
 }
 
-// ---- Hosts that come and go -------------------------------------------------------------------
+// ---- Hosts that start and exit ----------------------------------------------------------------
 
 static std::unique_ptr<CProgram> StartHost() {
     auto host =
@@ -189,7 +192,7 @@ static std::unique_ptr<CProgram> StartHost() {
     return host;
 }
 
-TEST(CliSafety, HostsThatComeAndGoLoseNoChange) {
+TEST(CliSafety, HostsThatStartAndExitLoseNoChange) {
     WriteTable({Later("base")});
     std::vector<std::thread> clients;
     constexpr int cClients = 3;
@@ -204,9 +207,9 @@ TEST(CliSafety, HostsThatComeAndGoLoseNoChange) {
             }
         });
     }
-    for (int round = 0; round < 12; ++round) {
+    for (int iteration = 0; iteration < 12; ++iteration) {
         const std::unique_ptr<CProgram> host = StartHost();
-        host->Kill(round % 2 == 0 ? SIGTERM : SIGKILL);
+        host->Kill(iteration % 2 == 0 ? SIGTERM : SIGKILL);
         host->Wait();
     }
     for (std::thread& client : clients)
@@ -215,13 +218,13 @@ TEST(CliSafety, HostsThatComeAndGoLoseNoChange) {
     EXPECT_NE(TableNow().Find("base"), nullptr);
 }
 
-// ---- Killed -----------------------------------------------------------------------------------
+// ---- Killed commands --------------------------------------------------------------------------
 
-// The names that must be there whatever happens to the others.
-static void ExpectKept(int round) {
+// No command removes these three tasks.
+static void ExpectKept(int iteration) {
     const vxsched::TTable table = TableNow();
     for (const char* const name : {"first", "second", "third"})
-        ASSERT_NE(table.Find(name), nullptr) << name << " in round " << round;
+        ASSERT_NE(table.Find(name), nullptr) << name << " in iteration " << iteration;
 }
 
 static bool IsDamaged() {
@@ -234,8 +237,8 @@ static std::string ChildrenOf(pid_t process) {
 }
 
 struct TKill {
-    bool withItsChange;  // the process that makes the change as well
-    bool besideAHost;
+    bool withItsChange;  // the process that makes the change is killed as well
+    bool withAHost;
 };
 
 class CliKilled : public testing::TestWithParam<TKill> {
@@ -264,30 +267,31 @@ protected:
     }
 };
 
-TEST_P(CliKilled, LeavesASoundTableAndAFreeMutex) {
+TEST_P(CliKilled, LeavesAValidTableAndAFreeMutex) {
     WriteTable({Later("first"), Later("second"), Later("third")});
-    const std::unique_ptr<CProgram> host = GetParam().besideAHost ? StartHost() : nullptr;
+    const std::unique_ptr<CProgram> host = GetParam().withAHost ? StartHost() : nullptr;
     std::mt19937 random(1);
-    const std::string longText(20'000, 'p');
+    const std::string longParameter(20'000, 'p');
     const std::vector<std::string> commands[] = {
-        {"create", "new", "--replace", "--at", "in 1h", "--", cRecorder, longText},
+        {"create", "new", "--replace", "--at", "in 1h", "--", cRecorder, longParameter},
         {"pause", "second", "first", "third"},
         {"create", "link", "--replace", "--at", "in 1h", "--", "/usr/bin/free"},
-        {"edit", "first", "--parameter", longText + longText},
+        {"edit", "first", "--parameter", longParameter + longParameter},
         {"remove", "new", "link"},
         {"resume", "second", "third", "first"}};
 #ifdef PLAIN_BUILD
-    constexpr int cRounds = 250;
+    constexpr int cIterations = 250;
 #else
-    constexpr int cRounds = 50;
+    constexpr int cIterations = 50;
 #endif
-    for (int round = 0; round < cRounds; ++round) {
-        KillAtARandomMoment(commands[round % 6], random);
+    for (int iteration = 0; iteration < cIterations; ++iteration) {
+        KillAtARandomMoment(commands[iteration % 6], random);
         {
-            const vxsched::CStoreMutexLock lock(60s);  // throws when nobody gives it back
+            // Throws if the killed process has left the mutex locked.
+            const vxsched::CStoreMutexLock lock(60s);
         }
-        EXPECT_FALSE(IsDamaged()) << "in round " << round;
-        ExpectKept(round);
+        EXPECT_FALSE(IsDamaged()) << "in iteration " << iteration;
+        ExpectKept(iteration);
         if (HasFailure())
             return;
     }
@@ -301,7 +305,7 @@ TEST_P(CliKilled, LeavesASoundTableAndAFreeMutex) {
 
 INSTANTIATE_TEST_SUITE_P(Alone, CliKilled,
                          testing::Values(TKill{false, false}, TKill{true, false}));
-INSTANTIATE_TEST_SUITE_P(BesideAHost, CliKilled,
+INSTANTIATE_TEST_SUITE_P(WithAHost, CliKilled,
                          testing::Values(TKill{false, true}, TKill{true, true}));
 
 static void PrintTo(const TKill& killed, std::ostream* out) {

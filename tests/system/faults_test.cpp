@@ -1,6 +1,6 @@
-// Faults that the system deals out: transfers that fail, a full disk, no descriptors, a semaphore
-// that goes away, signals, a clock that jumps, loads and forks at a bad moment. Each test says what
-// is kept.
+// Faults of the system: transfers that fail, a full disk, no descriptors, a semaphore that is
+// removed, signals, a clock that jumps, concurrent loads, forks. Each test checks what is
+// preserved.
 
 #include <CEvent.h>
 #include <VXC_Information.h>
@@ -50,11 +50,11 @@ static void Change(int set, short change) {
     semop(set, &operation, 1);
 }
 
-// Every exported function that looks at the table, by name, with what it answers as text.
+// Every exported function that reads the table, by name, with its answer as a string.
 struct TFunction {
     const char* name;
     std::string (*call)(const CAddinLibrary& library);
-    const char* failed;  // the answer when the table could not be had
+    const char* failed;  // the answer when the table could not be read
     bool changes;
 };
 
@@ -214,7 +214,7 @@ TEST_F(Faults, EachWriteThatFailsInTurnEmptiesTheListAndLeavesACutTable) {
             EXPECT_TRUE(library->TaskList()->empty());
             EXPECT_EQ(ReadFile(cTable).size(), static_cast<std::size_t>(writes) << 20);
             EXPECT_EQ(StoreSemaphoreValue(), 1);
-            // Whoever reads it next notices.
+            // The next reader detects it.
             EXPECT_FALSE(library->IsScheduled("first"));
             EXPECT_EQ(log.Take(), TLines({cReadingFailed}));
             EXPECT_EQ(NamesInTable(), "");
@@ -246,24 +246,25 @@ TEST_F(Faults, EachOpenThatFailsIsSilentAndKeepsTheFile) {
     EXPECT_FALSE(TasksDeleted());
 }
 
-TEST_F(Faults, TickWhoseTableCannotBeWrittenHasStartedWhatWasDueAndGoesOnEmpty) {
+TEST_F(Faults, TickWhoseTableCannotBeWrittenHasStartedTheDueTasksAndGoesOnEmpty) {
     library->TaskList()->front()->nextExecution = cNow;
     FailNth("write", 0);
     library->Tick();
     gFailTableCall = nullptr;
-    EXPECT_EQ(system.StartedPaths(), "/opt/tool");
+    EXPECT_EQ(system.LaunchedPaths(), "/opt/tool");
     EXPECT_EQ(log.Take(), TLines({cStillRunning, cWritingFailed}));
     EXPECT_TRUE(library->TaskList()->empty());
     EXPECT_EQ(ReadFile(cTable), "");
     EXPECT_EQ(StoreSemaphoreValue(), 1);
-    // The tick does not read the file unless it is told to, so nothing more happens until then.
+    // The tick does not read the file without a signal, so nothing more happens until then.
     library->Tick();
     EXPECT_EQ(log.Take(), TLines());
 }
 
 // ---- No room ----------------------------------------------------------------------------------
 
-// A file system of a few pages over the folder "files"; false where no user namespace allows it.
+// Mounts a file system of a few pages over the directory "files". False where no user namespace
+// allows it.
 static bool MountSmallDisk() {
     if (unshare(CLONE_NEWNS) != 0)
         return false;
@@ -287,7 +288,7 @@ TEST_F(Faults, FullDiskCutsTheTableAndTheNextReaderResetsIt) {
             return 3;
         if (library->IsScheduled("first") || log.Take() != TLines({cReadingFailed}))
             return 4;
-        // There is room again for what is smaller.
+        // A smaller table fits again.
         library->Create("small", cFuture, 1);
         return NamesInTable() == "small" && StoreSemaphoreValue() == 1 ? 42 : 5;
     });
@@ -328,7 +329,7 @@ TEST_F(Faults, SizeLimitCutsTheTableWhereverItFalls) {
     }
 }
 
-TEST_F(Faults, WithoutDescriptorsNothingIsReadNothingIsLostAndNobodyIsTold) {
+TEST_F(Faults, WithoutDescriptorsNothingIsReadLostOrReported) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t before = limit.rlim_cur;
@@ -361,7 +362,7 @@ TEST_F(Faults, ProbeWithoutDescriptorsForItsPipeFindsNothing) {
     EXPECT_EQ(StoreSemaphoreValue(), 2);
 }
 
-TEST_F(Faults, ProcessWithoutTheFolderAnswersThatThereIsNothingAndMakesNothing) {
+TEST_F(Faults, ProcessWithoutTheDirectoryFindsNothingAndCreatesNothing) {
     std::filesystem::remove_all("files");
     for (const TFunction& function : cFunctions) {
         SCOPED_TRACE(function.name);
@@ -388,19 +389,19 @@ TEST_F(Faults, UserWithoutAccessToTheFileChangesNothing) {
     EXPECT_EQ(ReadTable(), table);
 }
 
-// ---- The semaphore goes away, and signals -----------------------------------------------------
+// ---- The semaphore is removed; signals --------------------------------------------------------
 
 TEST_F(Faults, SetRemovedBeforeACallLeavesTheCallsWithoutALock) {
     semctl(StoreSet(), 0, IPC_RMID);
     EXPECT_TRUE(library->IsScheduled("first"));
     library->PauseTask("first");
     EXPECT_EQ(ReadTable()[0].paused, 1U);
-    EXPECT_FALSE(StoreSemaphoreExists()) << "nobody makes it again";
+    EXPECT_FALSE(StoreSemaphoreExists()) << "no call creates it again";
 }
 
 TEST_F(Faults, SetRemovedWhileItIsHeldLeavesTheCallToItsEnd) {
     library->TaskList()->front()->nextExecution = cNow;
-    system.onLaunch = [](const CFakeSystem::TStart&) { semctl(StoreSet(), 0, IPC_RMID); };
+    system.onLaunch = [](const CFakeSystem::TLaunch&) { semctl(StoreSet(), 0, IPC_RMID); };
     library->Tick();
     EXPECT_EQ(ReadTable()[0].next, cNow + 24L * 3600);
     EXPECT_FALSE(StoreSemaphoreExists());
@@ -430,7 +431,7 @@ TEST_F(Faults, HolderThatIsStoppedKeepsOthersWaitingUntilItIsContinued) {
         Change(set, 1);
         return 0;
     });
-    // Held at its own stop, in the middle of a change.
+    // Stopped in the middle of a change.
     const std::string state = "/proc/" + std::to_string(holder.Id()) + "/stat";
     WaitUntil([&] { return ReadFile(state).find(") T ") != std::string::npos; });
     sembuf take{0, -1, static_cast<short>(SEM_UNDO | IPC_NOWAIT)};
@@ -480,7 +481,7 @@ TEST_F(Faults, BlockedAndIgnoredSignalsDoNotEndAWait) {
         done = true;
     });
     WaitUntil([&] { return semctl(set, 0, GETNCNT) == 1; });
-    for (int round = 0; round < 100; ++round)
+    for (int iteration = 0; iteration < 100; ++iteration)
         pthread_kill(waiter.native_handle(), SIGUSR1);
     EXPECT_EQ(semctl(set, 0, GETNCNT), 1);
     EXPECT_FALSE(done);
@@ -498,7 +499,7 @@ TEST_F(Faults, ClockThatJumpsAYearForwardStartsEachTaskOnceAndKeepsTheGrid) {
     system.now = cNow + cYear;
     library->Tick();
     library->Tick();
-    EXPECT_EQ(system.StartedPaths(), "/opt/tool");
+    EXPECT_EQ(system.LaunchedPaths(), "/opt/tool");
     const long next = ReadTable()[0].next;
     EXPECT_GE(next, cNow + cYear);
     EXPECT_LT(next, cNow + cYear + 24 * 3600);
@@ -510,7 +511,7 @@ TEST_F(Faults, ClockThatJumpsAYearBackStartsNothingUntilItIsThereAgain) {
     library->TaskList()->front()->nextExecution = cNow;
     library->TaskList()->front()->period = 1;
     library->Tick();
-    EXPECT_EQ(system.starts.size(), 1U);
+    EXPECT_EQ(system.launches.size(), 1U);
     const long next = ReadTable()[0].next;
     EXPECT_EQ(next, cNow + 3600);
     system.now = cNow - cYear;
@@ -518,18 +519,18 @@ TEST_F(Faults, ClockThatJumpsAYearBackStartsNothingUntilItIsThereAgain) {
         library->Tick();
         system.now += 3600;
     }
-    EXPECT_EQ(system.starts.size(), 1U);
+    EXPECT_EQ(system.launches.size(), 1U);
     EXPECT_EQ(ReadTable()[0].next, next);
     system.now = next;
     library->Tick();
-    EXPECT_EQ(system.starts.size(), 2U);
+    EXPECT_EQ(system.launches.size(), 2U);
 }
 
 // ---- Loads and forks --------------------------------------------------------------------------
 
-// One process is held at each call of its load in turn while another loads whole. The mutex is then
-// set free under the first. A second that comes between the first one's truncation and its write
-// finds the table damaged and says so; the first then writes what it has read.
+// One process is stopped at each call of its load in turn while another loads completely, which
+// sets the mutex free under the first. A second load between the first one's truncation and its
+// write finds the table damaged and logs it; the first then writes the table that it has read.
 TEST_F(Faults, SecondLoadAtEachMomentOfAFirstLeavesTheTable) {
     library.reset();
     bool ended = false;
@@ -559,7 +560,7 @@ TEST_F(Faults, SecondLoadAtEachMomentOfAFirstLeavesTheTable) {
         EXPECT_EQ(ReadTable(), table) << point;
         EXPECT_GE(StoreSemaphoreValue(), 1);
         EXPECT_LE(StoreSemaphoreValue(), 2);
-        // The next load sets it right.
+        // The next load repairs it.
         CForkedChild third([] {
             const CAddinLibrary loaded;
             _exit(StoreSemaphoreValue() == 1 ? 42 : 1);
@@ -570,9 +571,9 @@ TEST_F(Faults, SecondLoadAtEachMomentOfAFirstLeavesTheTable) {
     EXPECT_GT(noticed, 0);
 }
 
-// Loads at once that keep meeting can lose the table: one truncates, the other finds nothing, the
-// first writes, the other resets what it took for damaged. It is logged.
-TEST_F(Faults, TwoLoadsThatKeepMeetingLoseTheTableAndSayIt) {
+// Concurrent loads that keep meeting can lose the table: one truncates, the other reads nothing,
+// the first writes, the other resets the table that it read as damaged. It is logged.
+TEST_F(Faults, TwoLoadsThatKeepMeetingLoseTheTableAndReportIt) {
     library.reset();
     WriteTable(table);
     std::optional<CAddinLibrary> loaded;
@@ -608,14 +609,14 @@ TEST_F(Faults, ForkedChildSharesTheStoreAndItsEndAtOnceTakesNothingAway) {
     EXPECT_EQ(ReadTable()[0].paused, 1U);
 }
 
-TEST_F(Faults, ForkedChildDoesNotGiveBackWhatItsParentHolds) {
-    system.onLaunch = [](const CFakeSystem::TStart&) {
+TEST_F(Faults, ForkedChildDoesNotReleaseTheMutexOfItsParent) {
+    system.onLaunch = [](const CFakeSystem::TLaunch&) {
         CForkedChild child([] { return 42; });
         EXPECT_EQ(child.Wait(), 42);
         EXPECT_EQ(StoreSemaphoreValue(), 0);
     };
     library->ExecuteTaskNow("first", true);
-    EXPECT_EQ(system.starts.size(), 1U);
+    EXPECT_EQ(system.launches.size(), 1U);
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 

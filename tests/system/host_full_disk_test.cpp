@@ -1,4 +1,4 @@
-// A host whose table lies on a disk that is full: it starts, mends what there is room for, and loses
+// A host whose table is on a full disk: it starts, repairs what there is room for, and loses
 // nothing.
 
 #include <fcntl.h>
@@ -24,7 +24,7 @@
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-// Has `body` run in a process of its own, whose folder "files" is a file system of a few pages.
+// Runs `body` in a process of its own, whose directory "files" is a file system of a few pages.
 static void OnASmallDisk(const std::function<void()>& body) {
     CForkedChild child([&] {
         fs::create_directory("files");
@@ -47,7 +47,7 @@ static void FillDisk() {
     close(file);
 }
 
-TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
+TEST(HostOnAFullDisk, StartsAndReschedulesMissedTasks) {
     OnASmallDisk([] {
         TRows rows = cThree;
         rows[1].next = 1000;
@@ -62,7 +62,7 @@ TEST(HostOnAFullDisk, StartsAndMovesMissedTasksOn) {
     });
 }
 
-// Leaves room for that many pages.
+// Leaves room for this many pages.
 static void FillDiskBut(std::size_t pages) {
     FillDisk();
     fs::resize_file("files/filling", fs::file_size("files/filling") - pages * 4096);
@@ -74,8 +74,8 @@ static TRows ManyPages() {
     return rows;
 }
 
-// Two of the pages are for the lock and the sign of life.
-TEST(HostOnAFullDisk, DamagedTableIsMendedWithoutRoomForACopy) {
+// Two of the pages are for the lock file and the heartbeat.
+TEST(HostOnAFullDisk, DamagedTableIsRepairedWithoutRoomForACopy) {
     OnASmallDisk([] {
         const std::string damaged = BytesOf(ManyPages()).substr(0, 20'000);
         WriteTable({});
@@ -100,7 +100,7 @@ TEST(HostOnAFullDisk, DamagedTableIsLeftAsItIsWithoutRoomForAnother) {
         WriteTable({});
         WriteFile(cTable, damaged);
         FillDisk();
-        for (int round = 0; round < 2; ++round) {
+        for (int attempt = 0; attempt < 2; ++attempt) {
             CProgram host(HostWith({}));
             EXPECT_EQ(host.Wait(), 6) << host.Output();
             EXPECT_EQ(ReadFile(cTable), damaged);
@@ -114,7 +114,7 @@ TEST(HostOnAFullDisk, DamagedTableIsLeftAsItIsWithoutRoomForAnother) {
     });
 }
 
-TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
+TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsReportedOnce) {
     OnASmallDisk([] {
         WriteTable(cThree);
         CHost host;
@@ -124,7 +124,7 @@ TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsToldOfOnce) {
         WriteFile(cTable, "");
         FillDisk();
         host.Kill(SIGCONT);
-        EXPECT_TRUE(host.WaitForOutput("trying on")) << host.Output();
+        EXPECT_TRUE(host.WaitForOutput("Retrying until it succeeds")) << host.Output();
         std::this_thread::sleep_for(300ms);  // so that there are more tries
         fs::remove("files/filling");
         WaitForTable(cThree);

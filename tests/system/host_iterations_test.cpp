@@ -1,6 +1,6 @@
-// Rounds of trouble: a task is made due under a running host, and something is killed, the disk is full,
-// or a call on the files fails. After each round and a restart every task is there, and each due time
-// was started once.
+// Iterations of faults: a task is made due under a running host, and a process is killed, the disk
+// is full, or a call on the files fails. After each iteration and a restart every task is there,
+// and each due time was launched once.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -35,20 +35,20 @@ namespace {
 
 constexpr int cStores = 5;
 #ifdef PLAIN_BUILD
-constexpr int cRounds = 50;
+constexpr int cIterations = 50;
 constexpr int cFaultStep = 1;
 constexpr int cLongestPause = 20'000;  // microseconds: about as long as a change and a tick take
 #else
-constexpr int cRounds = 8;
+constexpr int cIterations = 8;
 constexpr int cFaultStep = 7;
 constexpr int cLongestPause = 300'000;
 #endif
 
-// One of the stores that go through their rounds beside each other, in a process of its own: an IPC
-// namespace, a folder, and a log of starts outside of it.
-class CStoreInTrouble {
+// One of the stores that go through their iterations in parallel, each in a process of its own: an
+// IPC namespace, a directory, and a log of launches outside of it.
+class CStoreUnderTest {
 public:
-    CStoreInTrouble(int number, unsigned int seed)
+    CStoreUnderTest(int number, unsigned int seed)
         : log(fs::absolute("log " + std::to_string(number))),
           directory("store " + std::to_string(number)),
           random(seed) {
@@ -60,7 +60,7 @@ public:
             setenv(name.c_str(), value.c_str(), 1);
     }
 
-    // Puts it on a file system of its own of that many blocks.
+    // Puts the store on a file system of its own with this many blocks.
     void UseDisk(int blocks) {
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
@@ -86,36 +86,36 @@ public:
         std::this_thread::sleep_for(std::chrono::microseconds(Random(cLongestPause)));
     }
 
-    // The command line that makes the job due, at a time of its own in each round, so that a start
-    // can be told from none. In the past, since without the pause of a start a task may be due once
-    // more in its second.
-    std::vector<std::string> MakeDue(int round) {
+    // The command line that makes the job due. The due time is another in each iteration, so that
+    // the table shows whether it was launched. It is in the past: since launches take no pause
+    // here, a task could be due again within the same second.
+    std::vector<std::string> MakeDue(int iteration) {
         before = Next();
-        const std::string due = "@" + std::to_string(beginning - round);
+        const std::string due = "@" + std::to_string(beginning - iteration);
         return {TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"};
     }
 
-    // Under a host that was started behind the trouble.
-    void ExpectAllIsWell(CHost& host, const std::string& what) {
+    // Under a host that was started after the faults. `what` describes the iteration.
+    void ExpectNothingIsLost(CHost& host, const std::string& what) {
         EXPECT_EQ(RunTool({"wake"}).status, 0);
-        EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for what is due";
+        EXPECT_EQ(RunTool({"pause", "third"}).status, 0) << "it waits for due tasks";
         WaitUntil(WorkerIsIdle);
         if (Next() != before)
-            ++started;
-        WaitUntil([&] { return Starts() >= started; });
-        EXPECT_EQ(Starts(), started) << what << "\nbehind it:\n" << host.Output();
-        EXPECT_EQ(vxsched::ReadTable(".", 30s).tasks.size(), 4U) << what << "\nbehind it:\n"
+            ++launched;
+        WaitUntil([&] { return Launches() >= launched; });
+        EXPECT_EQ(Launches(), launched) << what << "\nafter it:\n" << host.Output();
+        EXPECT_EQ(vxsched::ReadTable(".", 30s).tasks.size(), 4U) << what << "\nafter it:\n"
                                                                  << host.Output();
         EXPECT_EQ(host.Stop(), 0);
     }
 
-    // How often the job was started, by its log.
-    std::size_t Starts() const {
-        const std::string text = fs::exists(log) ? ReadFile(log) : "";
-        return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    // How often the job was launched, by its log.
+    std::size_t Launches() const {
+        const std::string lines = fs::exists(log) ? ReadFile(log) : "";
+        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n'));
     }
 
-    std::size_t CountOfStarts() const { return started; }
+    std::size_t CountOfLaunches() const { return launched; }
 
 private:
     static vxsched::TTime Next() { return vxsched::ReadTable(".", 30s).Find("job")->next; }
@@ -125,23 +125,25 @@ private:
     std::mt19937 random;
     const std::time_t beginning = std::time(nullptr) - 1;
     vxsched::TTime before;
-    std::size_t started = 0;
+    std::size_t launched = 0;
 };
 
-using TRound = void (*)(CStoreInTrouble& store, int number, int round);
+using TIteration = void (*)(CStoreUnderTest& store, int number, int iteration);
 
-// Takes the stores through their rounds, beside each other. `disk` is in blocks, if they have their own.
-void GoThrough(TRound goThrough, unsigned int seed, std::optional<int> disk = {}) {
+// Takes the stores through their iterations in parallel. `disk` is the size in blocks of a file
+// system for each.
+void RunIterations(TIteration runIteration, unsigned int seed, std::optional<int> disk = {}) {
     std::vector<std::unique_ptr<CForkedChild>> stores;
     for (int number = 0; number < cStores; ++number) {
         stores.push_back(std::make_unique<CForkedChild>([&, number] {
-            CStoreInTrouble store(number, seed * cStores + static_cast<unsigned int>(number));
+            CStoreUnderTest store(number, seed * cStores + static_cast<unsigned int>(number));
             if (disk)
                 store.UseDisk(*disk);
             store.Begin();
-            for (int round = 0; round < cRounds && !testing::Test::HasFailure(); ++round)
-                goThrough(store, number, round);
-            EXPECT_GT(store.CountOfStarts(), 0U) << "something was started";
+            for (int iteration = 0; iteration < cIterations && !testing::Test::HasFailure();
+                 ++iteration)
+                runIteration(store, number, iteration);
+            EXPECT_GT(store.CountOfLaunches(), 0U) << "no program was launched";
             return testing::Test::HasFailure() ? 2 : 42;
         }));
     }
@@ -151,10 +153,10 @@ void GoThrough(TRound goThrough, unsigned int seed, std::optional<int> disk = {}
 
 // ---- Kills ------------------------------------------------------------------------------------
 
-void KillSomething(CStoreInTrouble& store, int /*number*/, int round) {
+void KillSomething(CStoreUnderTest& store, int /*number*/, int iteration) {
     auto host = std::make_unique<CHost>();
-    CProgram edit(store.MakeDue(round));
-    CProgram pause({TOOL_PROGRAM, round % 2 == 0 ? "pause" : "resume", "other"});
+    CProgram edit(store.MakeDue(iteration));
+    CProgram pause({TOOL_PROGRAM, iteration % 2 == 0 ? "pause" : "resume", "other"});
     store.PauseAtRandom();
     const int victim = store.Random(3);
     if (victim == 0 || victim == 3)
@@ -166,25 +168,25 @@ void KillSomething(CStoreInTrouble& store, int /*number*/, int round) {
         EXPECT_EQ(host->Stop(), 0);
     else
         host->Wait();
-    const std::string former = "in round " + std::to_string(round) + ", victim " +
-                               std::to_string(victim) + "\n" + host->Output() +
-                               "\nedit: " + edit.Output();
+    const std::string description = "in iteration " + std::to_string(iteration) + ", victim " +
+                                    std::to_string(victim) + "\n" + host->Output() +
+                                    "\nedit: " + edit.Output();
     host = std::make_unique<CHost>();
     pause.Wait();
-    store.ExpectAllIsWell(*host, former);
+    store.ExpectNothingIsLost(*host, description);
 }
 
 class HostKilled : public testing::TestWithParam<unsigned int> {};
 
-TEST_P(HostKilled, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
-    GoThrough(KillSomething, GetParam());
+TEST_P(HostKilled, EveryDueTimeIsLaunchedOnceAndNoTaskIsLost) {
+    RunIterations(KillSomething, GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Half, HostKilled, testing::Range(0U, 2U));
 
 // ---- A full disk ------------------------------------------------------------------------------
 
-// Takes all the room that is left, but for a few blocks.
+// Fills the disk but for a few blocks.
 void FillTheDisk(int blocksLeft) {
     const int ballast = open("ballast", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     const std::string block(4096, 'b');
@@ -195,9 +197,9 @@ void FillTheDisk(int blocksLeft) {
     close(ballast);
 }
 
-void FillTheDiskAtRandom(CStoreInTrouble& store, int /*number*/, int round) {
+void FillTheDiskAtRandom(CStoreUnderTest& store, int /*number*/, int iteration) {
     auto host = std::make_unique<CHost>();
-    CProgram edit(store.MakeDue(round));
+    CProgram edit(store.MakeDue(iteration));
     store.PauseAtRandom();
     FillTheDisk(store.Random(2));
     store.PauseAtRandom();
@@ -209,53 +211,53 @@ void FillTheDiskAtRandom(CStoreInTrouble& store, int /*number*/, int round) {
         host->Wait();
     else
         EXPECT_EQ(host->Stop(), 0);
-    const std::string former = "in round " + std::to_string(round) + ", " +
-                               (isKilled ? "killed" : "stopped") + "\n" + host->Output() +
-                               "\nedit: " + edit.Output();
-    // A host starts on a full disk as well.
+    const std::string description = "in iteration " + std::to_string(iteration) + ", " +
+                                    (isKilled ? "killed" : "stopped") + "\n" + host->Output() +
+                                    "\nedit: " + edit.Output();
+    // A host also starts on a full disk.
     if (store.Random(1) == 1)
         fs::remove("ballast");
     host = std::make_unique<CHost>();
     fs::remove("ballast");
-    store.ExpectAllIsWell(*host, former);
+    store.ExpectNothingIsLost(*host, description);
 }
 
-TEST(HostOnAFullDisk, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
-    GoThrough(FillTheDiskAtRandom, 2, 200);
+TEST(HostOnAFullDisk, EveryDueTimeIsLaunchedOnceAndNoTaskIsLost) {
+    RunIterations(FillTheDiskAtRandom, 2, 200);
 }
 
 // ---- Faults -----------------------------------------------------------------------------------
 
-// One call fails, another one in each round of each store. A host that cannot start says so; one that
-// runs starts what is due all the same.
-void FailACall(CStoreInTrouble& store, int number, int round) {
-    const int fault = 1 + (round * cStores + number) * cFaultStep;
-    setenv("PLAYED_FAULT", std::to_string(fault).c_str(), 1);
+// One call fails, another one in each iteration of each store. A host that cannot run reports why;
+// one that runs launches due programs all the same.
+void FailACall(CStoreUnderTest& store, int number, int iteration) {
+    const int fault = 1 + (iteration * cStores + number) * cFaultStep;
+    setenv("FAULT_CALL", std::to_string(fault).c_str(), 1);
     CProgram faulty(HostWith({}));
-    unsetenv("PLAYED_FAULT");
-    const std::vector<std::string> makeDue = store.MakeDue(round);
+    unsetenv("FAULT_CALL");
+    const std::vector<std::string> makeDue = store.MakeDue(iteration);
     if (faulty.WaitForOutput(" as process ")) {
         // A table that the add-in could not read is empty until the host has restored it.
         WaitUntil([&] { return CProgram(makeDue).Wait() == 0; });
         EXPECT_EQ(RunTool({"wake"}).status, 0);
-        const std::size_t expected = store.CountOfStarts() + 1;
-        WaitUntil([&] { return store.Starts() >= expected; });
+        const std::size_t expected = store.CountOfLaunches() + 1;
+        WaitUntil([&] { return store.Launches() >= expected; });
         faulty.Kill(SIGTERM);
         EXPECT_EQ(faulty.Wait(), 0) << faulty.Output();
     } else {
         const int status = faulty.Wait();
         EXPECT_TRUE(status >= 1 && status <= 7) << status << ": " << faulty.Output();
     }
-    if (round == cRounds - 1) {
-        EXPECT_EQ(faulty.Output().find("played fault"), std::string::npos)
-            << "there are more calls than faults were tried: " << faulty.Output();
+    if (iteration == cIterations - 1) {
+        EXPECT_EQ(faulty.Output().find("injected fault"), std::string::npos)
+            << "not every call was made to fail: " << faulty.Output();
     }
     CHost host;
-    store.ExpectAllIsWell(host, faulty.Output());
+    store.ExpectNothingIsLost(host, faulty.Output());
 }
 
-TEST(HostFaults, EveryDueTimeIsStartedOnceAndNoTaskIsLost) {
-    GoThrough(FailACall, 3);
+TEST(HostFaults, EveryDueTimeIsLaunchedOnceAndNoTaskIsLost) {
+    RunIterations(FailACall, 3);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The host after one that was killed: what the former one had in its hands is made up for, and not
-// started twice.
+// The host after one that was killed: tasks that the previous host did not get to are launched, and
+// none is launched twice.
 
 #include <gtest/gtest.h>
 #include "store/CStoreMutexLock.h"
@@ -21,7 +21,7 @@
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-TEST(HostAfterAKill, TaskThatEndedItInItsStartDoesNotEndTheNext) {
+TEST(HostAfterAKill, TaskWhoseLaunchEndedTheHostDoesNotEndTheNext) {
     for (const auto& [name, value] : WithoutPauses())
         setenv(name.c_str(), value.c_str(), 1);
     WriteTable({{"bad", cFar, 0, 24, "/bin/a.sh", "", 0},
@@ -43,8 +43,8 @@ TEST(HostAfterAKill, TaskThatEndedItInItsStartDoesNotEndTheNext) {
     EXPECT_EQ(next.Stop(), 0);
 }
 
-TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
-    // It is killed in the middle of the tick: the start is made, not saved.
+TEST(HostAfterAKill, UnsavedLaunchIsNotRepeated) {
+    // The host is killed in the middle of a tick: the launch is made and not saved.
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     CHost host;
     const TRows rows = StartTheOnlyTask();
@@ -58,9 +58,9 @@ TEST(HostAfterAKill, StartWithoutItsSaveIsNotMadeAgain) {
     EXPECT_EQ(ReadFile("log"), "log\n");
 }
 
-// Its last breath is not taken for a second host.
+// A host that is just being killed is not taken for a second one.
 TEST(HostAfterAKill, TheNextHostMayBeStartedAtOnce) {
-    for (int round = 0; round < 10; ++round) {
+    for (int attempt = 0; attempt < 10; ++attempt) {
         CHost host;
         host.Kill(SIGKILL);
         CHost next;
@@ -68,7 +68,7 @@ TEST(HostAfterAKill, TheNextHostMayBeStartedAtOnce) {
     }
 }
 
-TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
+TEST(HostAfterAKill, TasksDueUnderThePreviousHostAreLaunched) {
     WriteTable({Row("other")});
     {
         CHost host;
@@ -91,6 +91,6 @@ TEST(HostAfterAKill, WhatWasDueUnderTheFormerHostIsStarted) {
     WaitUntil(WorkerIsIdle);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadTable().at(0).next, due + 24 * 3600) << "on its grid";
-    EXPECT_FALSE(fs::exists("missed")) << "no host had it in its hands";
+    EXPECT_FALSE(fs::exists("missed")) << "no host was up when it was due";
     EXPECT_EQ(ReadFile("log"), "log\n");
 }

@@ -1,6 +1,6 @@
 // Processes that are killed: before and after every system call of an operation, and at random
-// moments. What is left must be a mutex that is free, nobody who waits for ever, and a table that
-// is the old one, the new one, or noticed as damaged by whoever reads it next.
+// moments. Afterwards the mutex must be free, no process may wait for ever, and the table must be
+// the old one, the new one, or one that the next reader detects as damaged.
 
 #include <CEvent.h>
 #include <gtest/gtest.h>
@@ -30,10 +30,10 @@ static constexpr char cStop[] = "libVantrixScheduler.so";
 static constexpr long cNow = 1'000'000;
 static constexpr long cFuture = 4'000'000'000;
 
-enum : int { cSound = 40, cNoticed };
+enum : int { cIntact = 40, cNoticed };
 
-// What a process that loads the library next makes of the file: cSound, or cNoticed when it logged
-// damage and left an empty table. In both cases it has a mutex that is free.
+// How the next process that loads the library finds the file: cIntact, or cNoticed when it logged
+// damage and left an empty table. In both cases the mutex is free for it.
 static int NextLoad() {
     CForkedChild next([] {
         CFakeSystem system(cNow);
@@ -43,7 +43,7 @@ static int NextLoad() {
         if (StoreSemaphoreValue() != 1)
             return 1;
         if (lines.empty())
-            return static_cast<int>(cSound);
+            return static_cast<int>(cIntact);
         return lines == std::vector<std::string>({cReadingFailed}) &&
                        ReadFile(cTable) == std::string(8, '\0')
                    ? static_cast<int>(cNoticed)
@@ -57,14 +57,14 @@ static void RemoveAllSets() {
         semctl(id, 0, IPC_RMID);
 }
 
-// How far an operation had got when it was killed.
+// How far an operation got before it was killed.
 struct TProgress {
     bool truncated = false;
     bool written = false;
     bool signalled = false;
     std::string at;
 
-    // Takes in that the call was made.
+    // Records that the call was made.
     void Made(const std::string& call, std::size_t writes) {
         if (call.find("TRUNC") != std::string::npos)
             truncated = true;
@@ -87,8 +87,8 @@ protected:
                {"second", cFuture, 0, 1, "/opt/other", "", 1}};
     }
 
-    // Runs `operation` in a process of its own once for every point at which it can be killed, and
-    // kills it there.
+    // Runs `operation` in a child once for every point at which it can be killed, and kills it
+    // there.
     void KillAtEachCallOf(const TOperation& operation) {
         const std::string before = BytesOf(old);
         const auto prepare = [&] {
@@ -117,7 +117,7 @@ protected:
                 ended = !child.Step();
                 if (ended)
                     break;
-                progress.at = (child.IsBefore() ? "before " : "behind ") + child.Call();
+                progress.at = (child.IsBefore() ? "before " : "after ") + child.Call();
                 if (!child.IsBefore())
                     progress.Made(child.Call(), writes);
             }
@@ -211,11 +211,11 @@ TEST_F(KilledAtEachCall, ProbeLeavesTheMutexAtOne) {
         child.Kill();
         EXPECT_EQ(StoreSemaphoreValue(), 1) << point;
     }
-    EXPECT_EQ(highest, 2) << "what the probe leaves above one goes with its process";
+    EXPECT_EQ(highest, 2) << "the excess of the probe is undone with its process";
     EXPECT_EQ(ReadTable(), old);
 }
 
-// From the first semaphore to the last write of a load that finds nothing there yet.
+// From the first semaphore to the last write of a load in a store that does not exist yet.
 TEST_F(KilledAtEachCall, LoadLeavesAStoreThatTheNextLoadBringsUp) {
     old.push_back({"past", cNow - 10, 0, 1, "/opt/tool", "", 0});
     TRows moved = old;
@@ -249,7 +249,7 @@ TEST_F(KilledAtEachCall, LoadLeavesAStoreThatTheNextLoadBringsUp) {
         }
         SCOPED_TRACE(point);
         const bool damage = progress.truncated && !progress.written;
-        EXPECT_EQ(NextLoad(), damage ? cNoticed : cSound);
+        EXPECT_EQ(NextLoad(), damage ? cNoticed : cIntact);
         EXPECT_EQ(ReadTable(), damage ? TRows() : moved);
         lost += damage ? 1 : 0;
     }
@@ -270,15 +270,15 @@ TEST_F(KilledAtEachCall, UnloadLeavesAStoreThatTheNextLoadBringsUp) {
         if (ended)
             break;
         child.Kill();
-        EXPECT_EQ(NextLoad(), cSound);
+        EXPECT_EQ(NextLoad(), cIntact);
         EXPECT_EQ(ReadTable(), old);
     }
 }
 
 // ---- Named events -----------------------------------------------------------------------------
 
-// Kills a child at each call of what it does with the event, and says what is left of the event to
-// a process that has it open all the time.
+// Kills a child at each system call of its operation on the event, and checks the event from a
+// process that has it open all the time.
 static void KillAtEachCallOnAnEvent(bool manualReset, const std::function<void(CEvent&)>& operation,
                                     const std::function<void(CEvent& mine, bool made)>& check) {
     bool ended = false;
@@ -374,7 +374,7 @@ TEST(KilledOnAnEvent, LastCloserLeavesAnEventThatTheNextOpenerFindsNotSignalled)
 
 // ---- Random moments ---------------------------------------------------------------------------
 
-// A thousand holders are killed while another process goes on asking.
+// A thousand holders are killed while another process keeps calling.
 TEST(KilledAtRandom, AThousandHoldersLeaveAFreeMutexAndNobodyWaiting) {
     const TRows table = {{"kept", cFuture, 0, 1, "/opt/tool", "", 0}};
     WriteTable(table);
@@ -389,7 +389,7 @@ TEST(KilledAtRandom, AThousandHoldersLeaveAFreeMutexAndNobodyWaiting) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     int lost = 0;
-    for (int round = 0; round < 1000; ++round) {
+    for (int iteration = 0; iteration < 1000; ++iteration) {
         CForkedChild holder([&] {
             CLogCapture log;
             for (;;) {
@@ -402,18 +402,18 @@ TEST(KilledAtRandom, AThousandHoldersLeaveAFreeMutexAndNobodyWaiting) {
         usleep(static_cast<useconds_t>(random() % 1000));
         holder.Kill(SIGKILL);
         ASSERT_EQ(holder.Wait(), 1000 + SIGKILL);
-        // The asker may hold it at this moment; it is not held by the dead.
+        // The other process may hold it at this moment; a killed one does not.
         sembuf take{0, -1, SEM_UNDO};
         const timespec second{1, 0};
         const int set = semget(cStoreKey, 1, 0);
         ASSERT_EQ(semtimedop(set, &take, 1, &second), 0);
         const std::string file = ReadFile(cTable);
         if (file.find("kept") == std::string::npos) {
-            // Cut at its truncation, or reset by whoever read it then.
+            // Cut at its truncation, or reset by the next reader.
             ++lost;
             EXPECT_TRUE(file.empty() || file.starts_with(std::string("\0\0\0\0\0\0\0\0", 8)) ||
                         file.starts_with(std::string("\1\0\0\0\0\0\0\0", 8)))
-                << round;
+                << iteration;
             WriteTable(table);
         }
         sembuf give{0, 1, SEM_UNDO};

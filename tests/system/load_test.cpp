@@ -1,5 +1,5 @@
-// Many processes that change the table at once while a scheduler ticks: nothing is lost, nothing is
-// made up, and the mutex is left at one.
+// Many processes change the table at once while a scheduler ticks: no change is lost, none appears
+// from nowhere, and the semaphore ends at one.
 
 #include <CEvent.h>
 #include <gtest/gtest.h>
@@ -25,15 +25,15 @@ static constexpr int cChanges = 1000;
 static constexpr long cNow = 1'000'000;
 static constexpr long cFuture = 4'000'000'000;
 
-static void Signal(const std::string& what) {
-    WriteFile(what, "");
+static void Signal(const std::string& file) {
+    WriteFile(file, "");
 }
 
-static void WaitFor(const std::string& what) {
-    WaitUntil([&] { return std::filesystem::exists(what); });
+static void WaitFor(const std::string& file) {
+    WaitUntil([&] { return std::filesystem::exists(file); });
 }
 
-// Makes its changes and writes down what its own tasks must be in the end.
+// Makes its changes and records the final state of its own tasks.
 RUN_AGAIN(ChangingClient) {
     const std::string me = "client " + arguments.at(0);
     std::mt19937 random(static_cast<unsigned int>(std::stoul(arguments.at(1))));
@@ -47,13 +47,13 @@ RUN_AGAIN(ChangingClient) {
         const std::string name = me + " task " + std::to_string(random() % 5);
         const auto found = mine.find(name);
         const auto period = static_cast<unsigned int>(random() % 100);
-        const long start = cFuture + static_cast<long>(random() % 1'000'000);
+        const long due = cFuture + static_cast<long>(random() % 1'000'000);
         switch (random() % 5) {
             case 0:
             case 1: {
-                const std::string text = std::to_string(random());
-                library.Create(name.c_str(), start, period, "/opt/tool", text.c_str());
-                mine[name] = {name, start, 0, period, "/opt/tool", text, 0};
+                const std::string parameter = std::to_string(random());
+                library.Create(name.c_str(), due, period, "/opt/tool", parameter.c_str());
+                mine[name] = {name, due, 0, period, "/opt/tool", parameter, 0};
                 break;
             }
             case 2:
@@ -79,8 +79,9 @@ RUN_AGAIN(ChangingClient) {
     _exit(0);
 }
 
-// Ticks until it is told to stop. Its clock goes on by an hour each time, so its own tasks are due
-// at every tick and the table is written then; it wakes to changes like any scheduling process.
+// Ticks until the file that stops it exists. Its clock advances by an hour each time, so its own
+// task is due at every tick and the table is written; it wakes to changes like any scheduling
+// process.
 RUN_AGAIN(TickingScheduler) {
     CFakeSystem system(cNow);
     system.ended = true;
@@ -93,14 +94,15 @@ RUN_AGAIN(TickingScheduler) {
         system.now = cNow + (ticks + 1) * 3600;
     }
     library.Tick();
-    WriteFile("starts", std::to_string(system.starts.size()) + ' ' + std::to_string(system.now));
+    WriteFile("launches",
+              std::to_string(system.launches.size()) + ' ' + std::to_string(system.now));
     _exit(0);
 }
 
 TEST(Load, ChangesOfEightProcessesUnderATickingSchedulerAddUp) {
     const unsigned int seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    const TRow own = {"scheduler's own", cNow, 0, 1, "/opt/own", "", 0};
+    const TRow own = {"scheduler's task", cNow, 0, 1, "/opt/own", "", 0};
     WriteTable({own});
 
     // One after the other: a load sets the mutex free.
@@ -125,7 +127,7 @@ TEST(Load, ChangesOfEightProcessesUnderATickingSchedulerAddUp) {
 
     std::map<std::string, TRow> table;
     for (const TRow& row : ReadTable())
-        EXPECT_TRUE(table.emplace(row.name, row).second) << row.name << " is there twice";
+        EXPECT_TRUE(table.emplace(row.name, row).second) << row.name << " is a duplicate";
     const auto of = [](const std::string& file) {
         std::filesystem::copy_file(file, cTable, std::filesystem::copy_options::overwrite_existing);
         return ReadTable();
@@ -136,13 +138,13 @@ TEST(Load, ChangesOfEightProcessesUnderATickingSchedulerAddUp) {
             table.erase(row.name);
         }
     }
-    ASSERT_EQ(table.size(), 1U) << "beside the clients' own";
+    ASSERT_EQ(table.size(), 1U) << "besides the clients' tasks";
     const TRow& moved = table.begin()->second;
     EXPECT_EQ(moved.name, own.name);
-    // Started at every hour that a tick saw, and moved on each time.
-    const std::string starts = ReadFile("starts");
-    const long count = std::stol(starts);
-    const long now = std::stol(starts.substr(starts.find(' ')));
+    // Launched at every hour that a tick saw, and rescheduled each time.
+    const std::string launches = ReadFile("launches");
+    const long count = std::stol(launches);
+    const long now = std::stol(launches.substr(launches.find(' ')));
     EXPECT_GT(count, 1);
     EXPECT_GT(moved.next, cNow);
     EXPECT_GE(moved.next, now - 3600);

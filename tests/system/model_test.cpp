@@ -23,7 +23,7 @@ static constexpr int cSequences = 1'000;
 static constexpr std::size_t cFewestRecords = 8;
 static constexpr std::size_t cMostRecords = 24;
 
-// What ends the process shows the sequence that did it.
+// When the process dies, print the sequence that killed it.
 static const CSequence* gRunning = nullptr;
 
 static void ShowRunning(int signal) {
@@ -33,27 +33,27 @@ static void ShowRunning(int signal) {
     std::raise(signal);
 }
 
-// A fresh one each time, or the one that the environment asks for.
+// A new seed each time, or the one in the environment.
 static std::uint64_t Seed() {
     const char* const wanted = std::getenv("MODEL_SEED");
     return wanted == nullptr ? std::random_device()() : std::strtoull(wanted, nullptr, 0);
 }
 
-// A working directory in memory, if there can be one.
-class CScratchFolder {
+// A working directory in memory, where /dev/shm is available.
+class CScratchDirectory {
 public:
-    CScratchFolder() {
+    CScratchDirectory() {
         if (mkdtemp(path.data()) == nullptr || chdir(path.c_str()) != 0)
             path.clear();
     }
-    ~CScratchFolder() {
+    ~CScratchDirectory() {
         if (path.empty() || chdir(before.c_str()) != 0)
             return;
         std::error_code ignored;
         std::filesystem::remove_all(path, ignored);
     }
-    CScratchFolder(const CScratchFolder&) = delete;
-    CScratchFolder& operator=(const CScratchFolder&) = delete;
+    CScratchDirectory(const CScratchDirectory&) = delete;
+    CScratchDirectory& operator=(const CScratchDirectory&) = delete;
 
 private:
     const std::filesystem::path before = std::filesystem::current_path();
@@ -67,11 +67,11 @@ protected:
         std::signal(SIGSEGV, ShowRunning);
     }
 
-    const CScratchFolder directory;
+    const CScratchDirectory directory;
 };
 
-// What the fuzzer begins with, and what it once found. A record that is left out belongs taken out.
-TEST_F(Model, SaysWhatTheLibraryDoesOverTheCorpus) {
+// The fuzzer's initial corpus and its past findings. No record of them may be skipped.
+TEST_F(Model, AgreesWithTheLibraryOverTheCorpus) {
     for (const auto& entry : std::filesystem::directory_iterator(CORPUS)) {
         const std::string content = ReadFile(entry.path());
         const std::vector<std::uint8_t> bytes(content.begin(), content.end());
@@ -85,7 +85,7 @@ TEST_F(Model, SaysWhatTheLibraryDoesOverTheCorpus) {
 
 class RandomModel : public Model, public testing::WithParamInterface<int> {};
 
-TEST_P(RandomModel, SaysWhatTheLibraryDoes) {
+TEST_P(RandomModel, AgreesWithTheLibrary) {
     const std::uint64_t seed = Seed();
     std::printf("MODEL_SEED=%ju\n", static_cast<std::uintmax_t>(seed));
     std::fflush(stdout);

@@ -28,27 +28,27 @@ static void WaitForWaiters(int count) {
     WaitUntil([&] { return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT) == count; });
 }
 
-// A client that does one thing and ends; it takes the mutex away only if it is told to unload.
+// A client that makes one call and exits; it removes the store mutex only for "unload".
 RUN_AGAIN(Client) {
     CAddinLibrary library;
-    const std::string& what = arguments.at(0);
-    if (what == "create")
+    const std::string& call = arguments.at(0);
+    if (call == "create")
         library.Create("task", cFuture, 24, "/opt/tool", "text");
-    else if (what == "pause")
+    else if (call == "pause")
         library.PauseTask("task");
-    else if (what == "remove")
+    else if (call == "remove")
         library.DestroyTask("task");
-    else if (what == "is scheduled")
+    else if (call == "is scheduled")
         _exit(library.IsScheduled("task") ? 1 : 0);
-    else if (what == "unload")
+    else if (call == "unload")
         library.Unload();
     else
         _exit(99);
     _exit(0);
 }
 
-static int RunClient(const std::string& what) {
-    CProgram client(ThisProgramAs("Client", {what}));
+static int RunClient(const std::string& call) {
+    CProgram client(ThisProgramAs("Client", {call}));
     const int result = client.Wait();
     EXPECT_EQ(client.Output(), "");
     return result;
@@ -85,7 +85,7 @@ TEST(SharedStore, SchedulingProcessLearnsOfAChangeThroughTheEvent) {
     EXPECT_EQ(RunClient("pause"), 0);
     system.now = cFuture;
     library.Tick();
-    EXPECT_TRUE(system.starts.empty()) << "paused meanwhile";
+    EXPECT_TRUE(system.launches.empty()) << "paused meanwhile";
     EXPECT_EQ(RunClient("remove"), 0);
     library.Tick();
     EXPECT_TRUE(library.TaskList()->empty());
@@ -104,14 +104,14 @@ TEST(SharedStore, WorkerOfOneProcessTakesInTheChangeOfAnother) {
     EXPECT_EQ(library.TaskList()->front()->program, "/opt/tool");
 }
 
-TEST(SharedStore, CallsWaitForTheHolderWhoeverThatIs) {
+TEST(SharedStore, CallsWaitForTheHolderInAnyProcess) {
     WriteTable({{"task", cFuture, 0, 1, "/opt/tool", "", 0}});
     const CAddinLibrary library;
     CForkedChild holder([&] {
         sembuf take{0, -1, SEM_UNDO};
         semop(semget(cStoreKey, 1, 0), &take, 1);
         WaitUntil([] { return std::filesystem::exists("let go"); });
-        // What is changed under the mutex is what the waiter then sees.
+        // The waiter then sees the change that was made under the mutex.
         WriteTable({});
         return 0;
     });
@@ -207,10 +207,10 @@ TEST(SharedStore, ChangesOfManyProcessesAddUp) {
     std::vector<std::unique_ptr<CForkedChild>> children;
     for (int child = 0; child < 4; ++child)
         children.push_back(std::make_unique<CForkedChild>([&library, child] {
-            for (int round = 0; round < 50; ++round) {
-                const std::string name = std::to_string(child) + '-' + std::to_string(round);
+            for (int iteration = 0; iteration < 50; ++iteration) {
+                const std::string name = std::to_string(child) + '-' + std::to_string(iteration);
                 library.Create(name.c_str(), cFuture, 1);
-                if (round % 2 == 0)
+                if (iteration % 2 == 0)
                     library.DestroyTask(name.c_str());
             }
             return 42;
@@ -226,7 +226,7 @@ TEST(SharedStore, UnloadInOneProcessLeavesTheOthersWithoutALock) {
     const CAddinLibrary library;
     EXPECT_EQ(RunClient("unload"), 0);
     EXPECT_FALSE(StoreSemaphoreExists());
-    // As built: the work is done without the lock.
+    // Deliberate: the work is done without the lock.
     EXPECT_TRUE(library.IsScheduled("task"));
     library.PauseTask("task");
     EXPECT_EQ(ReadTable().at(0).paused, 1U);
@@ -241,7 +241,7 @@ TEST(SharedStore, TicksGoOnWithoutTheMutexThatAnotherProcessRemoved) {
     EXPECT_EQ(RunClient("unload"), 0);
     system.now = cFuture;
     library.Tick();
-    EXPECT_EQ(system.StartedPaths(), "/opt/tool");
+    EXPECT_EQ(system.LaunchedPaths(), "/opt/tool");
     EXPECT_EQ(ReadTable().at(0).next, cFuture + 3600);
 }
 

@@ -1,5 +1,5 @@
-// What each operation asks of the system: every call that the real library makes, in order, with
-// its arguments. Only calls about memory are left out.
+// The system calls of each operation: every call that the real library makes, in order, with its
+// arguments. Only calls about memory are left out.
 
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
@@ -25,7 +25,7 @@ using TCalls = std::vector<std::string>;
 static constexpr long cFuture = 4'000'000'000;
 static constexpr char cMutexName[] = "Global\\1D1F6415-69BD-4438-B706-07D710576930";
 
-// The sizes of the blocks that a table is moved in.
+// The sizes of the blocks in which a table is read and written.
 static const std::string cReadBlock = "read 65536";
 static constexpr std::size_t cWriteBlock = 1 << 20;
 
@@ -65,13 +65,13 @@ protected:
         WriteTable(rows);
     }
 
-    // Of the operation in a process that has loaded the library and has done the same before: what
-    // happens once (a memory arena, a symbol's first use) is not the operation's.
+    // The calls of the operation in a process that has loaded the library and has done the same
+    // before, so that one-time work (a memory arena, a symbol's first use) is not counted.
     TCalls Of(TOperation operation, TOperation before = nullptr) {
         const TCalls calls = SystemCallsOf(
             [&] {
                 system.emplace(cFuture - 1000);
-                system->ended = true;  // nothing to log after a start
+                system->ended = true;  // nothing to log after a launch
                 library.emplace();
                 operation(*library);
                 if (before != nullptr)
@@ -125,15 +125,15 @@ TEST_F(SystemCalls, ChangesLockReadWriteSignalAndRelease) {
     EXPECT_EQ(change.size(), 10U);
 }
 
-TEST_F(SystemCalls, ChangeOfAPeriodAlsoLooksAfterTheZoneAtMostTwice) {
+TEST_F(SystemCalls, ChangeOfAPeriodAlsoChecksTheZoneAtMostTwice) {
     unsetenv("TZ");
     TCalls calls = Of([](const CAddinLibrary& it) { it.SetTaskPeriod("first", 24); });
     EXPECT_LE(std::erase(calls, "stat /etc/localtime"), 2U) << "once where the zone is UTC";
     EXPECT_EQ(calls, cLock + cLoad + Save(Size()) + cSignal + cUnlock);
 }
 
-// The rule that moves a past start on does not write by itself.
-TEST_F(SystemCalls, ChangesThatMoveAStartOnWriteOnce) {
+// The rule that reschedules a past task does not write by itself.
+TEST_F(SystemCalls, ChangesThatRescheduleWriteOnce) {
     rows[0].next = cFuture - 5000;
     const auto writes = [&](TOperation operation) {
         WriteTable(rows);
@@ -150,7 +150,7 @@ TEST_F(SystemCalls, ChangesThatMoveAStartOnWriteOnce) {
     EXPECT_EQ(writes([](const CAddinLibrary& it) { it.SetTaskPeriod("first", 1); }), 1);
 }
 
-TEST_F(SystemCalls, LoadThatMovesAStartOnWritesOnce) {
+TEST_F(SystemCalls, LoadThatReschedulesWritesOnce) {
     const TCalls calls = SystemCallsOf(
         [&] {
             library.emplace();
@@ -193,7 +193,7 @@ TEST_F(SystemCalls, TickAfterAChangeReadsTheFileAndThenResetsTheEvent) {
               cLock + cTestEvent + cLoad + TCalls({"semctl changed 0 SETVAL 0"}) + cUnlock);
 }
 
-TEST_F(SystemCalls, TickThatStartsTestsTheEventAfterEachStartAndWritesOnceAtTheEnd) {
+TEST_F(SystemCalls, TickThatLaunchesTestsTheEventAfterEachLaunchAndWritesOnceAtTheEnd) {
     rows[1].paused = 0;
     WriteTable(rows);
     EXPECT_EQ(Of([](const CAddinLibrary& it) {
@@ -234,7 +234,7 @@ TEST_F(SystemCalls, UnloadOfTheAddInEmptiesTheListBetweenLockAndRelease) {
     EXPECT_EQ(sizeBefore(cUnlock.front()), 0U);
 }
 
-// Nothing is asked of a set that may not be opened.
+// No further call is made on a set that may not be opened.
 TEST_F(SystemCalls, ConstructionThatMayNotOpenTheSetEndsTheProcessAtOnce) {
     ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT), -1);
     bool asked = false;
@@ -290,7 +290,7 @@ TEST_F(SystemCalls, DestructionClosesTheEventAndRemovesTheMutex) {
                       "semop stop 1:-1 now undo 1:0 now 2:1 now", "semctl stop 0 RMID", "end"}));
 }
 
-// At 10 tasks and at 100,000, with texts of all lengths across the ends of the blocks.
+// At 10 tasks and at 100,000, with strings of all lengths across the ends of the blocks.
 TEST_F(SystemCalls, LargerTableTakesMoreReadsAndWritesAndNothingElse) {
     for (const std::size_t tasks : {10U, 100'000U}) {
         rows.clear();

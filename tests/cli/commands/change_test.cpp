@@ -1,5 +1,5 @@
-// The commands of vxsched, the real one, that change the table or run a task: what they do, refuse, and
-// would do.
+// Runs the commands of vxsched that change the table or run a task: their effects, their refusals
+// and their dry runs.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -23,17 +23,17 @@ using testing::HasSubstr;
 TEST_F(Cli, CreateTakesEverythingFromTheCommandLine) {
     EXPECT_THAT(Output({"create", "backup", "--at", "2030-01-02T03:04:05Z", "--every", "1d", "--",
                         cRecorder, "--a parameter"}),
-                HasSubstr("created backup, every 1d, next 2030-01-02 04:04:05"));
+                HasSubstr("created backup, every 1d, next due 2030-01-02 04:04:05"));
     EXPECT_EQ(ReadTable(), (TRows{{"backup", 1893553445, 0, 24, cRecorder, "--a parameter", 0}}));
     ExpectRefused(1, "already", {"create", "backup", "--at", "in 1h", "--", cRecorder});
     Output({"create", "backup", "--replace", "--at", "2030-01-02T03:04:06Z", "--", cRecorder});
     EXPECT_EQ(ReadTable(), (TRows{{"backup", 1893553446, 0, 0, cRecorder, "", 0}}));
 }
 
-TEST_F(Cli, CreateRefusesWhatWouldNotRun) {
+TEST_F(Cli, CreateRefusesTasksThatWouldNotRun) {
     ExpectRefused(1, "no program \"/no/such\"", {"create", "a", "--at", "in 1h", "--", "/no/such"});
     ExpectRefused(1, "absolute path", {"create", "a", "--at", "in 1h", "--", "ls"});
-    ExpectRefused(1, "lies in the past",
+    ExpectRefused(1, "due time is past",
                   {"create", "a", "--at", "2001-01-01 12:00", "--", cRecorder});
     ExpectRefused(1, "no name", {"create", "", "--at", "in 1h", "--", cRecorder});
     ExpectRefused(2, "program", {"create", "a", "--at", "in 1h"});
@@ -42,7 +42,7 @@ TEST_F(Cli, CreateRefusesWhatWouldNotRun) {
     EXPECT_EQ(NamesInTable(), "a");
 }
 
-TEST_F(Cli, CreateMakesOtherwiseImpossibleProgramsSchedulable) {
+TEST_F(Cli, CreateLinksProgramsThatCannotBeNamedDirectly) {
     Output({"create", "a", "--at", "in 1h", "--", "/usr/bin/free", "-h"});
     EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), "/usr/bin/free");
     EXPECT_THAT(Output({"list"}), HasSubstr("/usr/bin/free -h"));
@@ -56,20 +56,20 @@ TEST_F(Cli, EditPauseResumePeriodAndRemove) {
     WriteTable({row, Later("b"), Later("c")});
     Output({"edit", "a", "--parameter", "", "--every", "2w"});
     EXPECT_EQ(ReadTable()[0], (TRow{"a", row.next, 0, 336, cRecorder, "", 0}));
-    ExpectRefused(2, "name what is to change", {"edit", "a"});
+    ExpectRefused(2, "nothing to change", {"edit", "a"});
     ExpectRefused(3, "no task \"nobody\"", {"edit", "nobody", "--every", "6h"});
     EXPECT_EQ(Output({"pause", "a", "c"}), "paused a\npaused c\n");
     EXPECT_EQ(ReadTable()[2].paused, 1U);
     EXPECT_EQ(Output({"resume", "c"}), "resumed c\n");
     EXPECT_EQ(ReadTable()[2].paused, 0U);
-    EXPECT_THAT(Output({"period", "b", "6h"}), HasSubstr("changed b, every 6h, next "));
+    EXPECT_THAT(Output({"period", "b", "6h"}), HasSubstr("changed b, every 6h, next due "));
     EXPECT_EQ(ReadTable()[1].period, 6U);
     ExpectRefused(3, "nobody", {"remove", "a", "nobody"});
     EXPECT_EQ(Output({"remove", "a", "c"}), "removed a\nremoved c\n");
     EXPECT_EQ(NamesInTable(), "b");
 }
 
-TEST_F(Cli, DryRunSaysAndChangesNothing) {
+TEST_F(Cli, DryRunReportsAndChangesNothing) {
     WriteTable({Later("a")});
     const std::string before = ReadFile(cTable);
     for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
@@ -89,7 +89,7 @@ TEST_F(Cli, DryRunSaysAndChangesNothing) {
     EXPECT_FALSE(StoreSemaphoreExists());
 }
 
-TEST_F(Cli, RunStartsTheProgramAndTellsItsEnd) {
+TEST_F(Cli, RunLaunchesTheProgramAndReportsItsExit) {
     TRow row = Later("a");
     row.program = PROGRAMS "/end-with";
     row.parameters = "status 3";
@@ -97,11 +97,11 @@ TEST_F(Cli, RunStartsTheProgramAndTellsItsEnd) {
     const TToolRun run = RunTool({"run", "a", "--wait"});
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.output, HasSubstr("started a as process "));
-    EXPECT_THAT(run.output, HasSubstr("a ended with status 3\n"));
+    EXPECT_THAT(run.output, HasSubstr("a exited with status 3\n"));
     ExpectRefused(3, "nobody", {"run", "nobody"});
 }
 
-TEST_F(Cli, ListShowsWhatRunsWithItsProcess) {
+TEST_F(Cli, ListShowsRunningProgramsWithTheirProcess) {
     TRow row = Later("a");
     row.program = PROGRAMS "/wait-for-it";
     row.parameters = fs::absolute("end it").string();
@@ -114,17 +114,17 @@ TEST_F(Cli, ListShowsWhatRunsWithItsProcess) {
     WaitUntil([] { return fs::exists("end it.seen"); });
 }
 
-TEST_F(Cli, WhatIsEmptyIsNotLeftOut) {
+TEST_F(Cli, EmptyArgumentsAreNotTakenForOmittedOnes) {
     ExpectRefused(2, "time", {"create", "a", "--at", "", "--", cRecorder});
     ExpectRefused(2, "period", {"create", "a", "--every", "", "--", cRecorder});
     ExpectRefused(2, "bogus", {"create", "a", "--force", "bogus", "--", cRecorder});
     ExpectRefused(2, "count", {"next", "--count", "-1"});
 }
 
-TEST_F(Cli, DryRunRefusesWhatTheCommandWould) {
+TEST_F(Cli, DryRunRefusesTheSameAsTheCommand) {
     WriteTable({{"once", 5, 0, 0, cRecorder, "", 1},
                 {"missing", 4'000'000'000, 0, 24, "/no/such", "", 1}});
-    ExpectRefused(1, "give it a new start", {"resume", "once", "--dry-run"});
+    ExpectRefused(1, "give it a new due time", {"resume", "once", "--dry-run"});
     ExpectRefused(1, "no program", {"run", "missing", "--dry-run"});
 }
 
@@ -134,13 +134,13 @@ TEST_F(Cli, ProgramThatIsNotWaitedForKeepsNoPipeOpen) {
     row.parameters = fs::absolute("end it").string();
     WriteTable({row});
     CProgram tool({TOOL_PROGRAM, "run", "a"});
-    EXPECT_FALSE(tool.WaitForOutput("never said")) << "until the pipe is closed";
+    EXPECT_FALSE(tool.WaitForOutput("never printed")) << "the pipe must be closed";
     EXPECT_EQ(tool.Wait(), 0);
     WriteFile("end it", "");
     WaitUntil([] { return fs::exists("end it.seen"); });
 }
 
-TEST_F(Cli, OutputThatCannotBeWrittenSaysThatTheChangeWasMade) {
+TEST_F(Cli, FailedOutputReportsThatTheChangeWasMade) {
     WriteTable({Later("a")});
     CForkedChild child([] {
         dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
@@ -149,7 +149,7 @@ TEST_F(Cli, OutputThatCannotBeWrittenSaysThatTheChangeWasMade) {
         return 127;
     });
     EXPECT_EQ(child.Wait(), 1);
-    EXPECT_THAT(ReadFile("error"), HasSubstr("all but this was done"));
+    EXPECT_THAT(ReadFile("error"), HasSubstr("the command itself was carried out"));
     EXPECT_NE(ReadTable()[0].last, 0);
 }
 

@@ -1,4 +1,4 @@
-// Tables that vxsched, the real command, exports and imports.
+// Runs the commands export and import of vxsched.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-TEST_F(Cli, ImportBringsTheWholeTableBackToTheByte) {
+TEST_F(Cli, ImportRestoresAnExportedTableToTheByte) {
     WriteTable({{"backup", 4'000'000'000, 77, 24, cRecorder, "\xff\xfe not UTF-8", 1},
                 {std::string("zero\0byte", 9), -5, 0, 0, cRecorder, "line\nend \"quoted\" \\", 1},
                 {"\xe2\x82\xac", 4'000'000'000, 0, 1193046, cRecorder, "", 0}});
@@ -28,14 +28,14 @@ TEST_F(Cli, ImportBringsTheWholeTableBackToTheByte) {
     WriteTable({{"backup", 4'000'000'000, 77, 24, cRecorder, "\xff\xfe not UTF-8", 1},
                 {"once", -5, 0, 0, cRecorder, "line\nend \"quoted\" \\", 1},
                 {"\xe2\x82\xac", 4'000'000'000, 0, 1193046, cRecorder, "", 0}});
-    const std::string sound = ReadFile(cTable);
+    const std::string valid = ReadFile(cTable);
     WriteFile("export", Output({"export"}));
     WriteTable({Later("other")});
     EXPECT_THAT(RunTool({"import", "--replace", "export"}).output, HasSubstr("imported 3 tasks"));
-    EXPECT_EQ(ReadFile(cTable), sound);
+    EXPECT_EQ(ReadFile(cTable), valid);
     WriteTable({});
     EXPECT_EQ(RunTool({"import"}, {}, ReadFile("export")).status, 0) << "from standard input";
-    EXPECT_EQ(ReadFile(cTable), sound);
+    EXPECT_EQ(ReadFile(cTable), valid);
 }
 
 TEST_F(Cli, ImportAddsMergesOrReplaces) {
@@ -55,13 +55,16 @@ TEST_F(Cli, ImportAddsMergesOrReplaces) {
     ExpectRefused(2, "excludes", {"import", "--replace", "--merge", "export"});
 }
 
-TEST_F(Cli, ImportRefusesWhatItCannotRead) {
+TEST_F(Cli, ImportRefusesInvalidInput) {
     WriteTable({Later("a")});
-    const auto refuse = [](const std::string& text, const std::string& content) {
+    const auto refuse = [](const std::string& message, const std::string& content) {
         WriteFile("import", content);
-        ExpectRefused(1, text, {"import", "--replace", "import"});
+        ExpectRefused(1, message, {"import", "--replace", "import"});
     };
-    refuse("not JSON", "{");
+    refuse("not valid JSON: line 1, column 2: the input ends too early", "{");
+    refuse("not valid JSON: line 2, column 12: unexpected '}'", "{\"version\": 1,\n \"tasks\": [}");
+    refuse("not valid JSON: line 1, column 3: unexpected byte 0x0a", "[\"\n\"]");
+    refuse("a number that is too large", "[1e999]");
     refuse("version", "{}");
     refuse("version", "[]");
     refuse("version", R"({"version": 2, "tasks": []})");
@@ -69,12 +72,12 @@ TEST_F(Cli, ImportRefusesWhatItCannotRead) {
     refuse("task 1 is not an object", R"({"version": 1, "tasks": [1]})");
     refuse("task 1 has no \"name\"", R"({"version": 1, "tasks": [{}]})");
     refuse("task 1 (\"x\") has no \"next\"", R"({"version": 1, "tasks": [{"name": "x"}]})");
-    refuse("\"period\" that is no whole number in range: -1",
+    refuse("\"period\" that is not an integer in range: -1",
            R"({"version": 1, "tasks": [{"name": "x", "next": 1, "period": -1, "program": "/p"}]})");
     refuse(
-        "\"next\" that is no whole number in range: 9223372036854775808",
+        "\"next\" that is not an integer in range: 9223372036854775808",
         R"({"version": 1, "tasks": [{"name": "x", "next": 9223372036854775808, "program": "/p"}]})");
-    refuse("\"program\" that is no text",
+    refuse("\"program\" that is not a string",
            R"({"version": 1, "tasks": [{"name": "x", "next": 1, "program": 5}]})");
     refuse("not base64",
            R"({"version": 1, "tasks": [{"name": {"base64": "?"}, "next": 1, "program": "/p"}]})");
@@ -86,7 +89,7 @@ TEST_F(Cli, ImportRefusesWhatItCannotRead) {
     ExpectRefused(1, "no such file", {"import", "no such file"});
 }
 
-TEST_F(Cli, ImportBelievesOnlyWhatItCanMakeTrue) {
+TEST_F(Cli, ImportTrustsTheRealProgramOnlyOfItsOwnLinks) {
     WriteTable({});
     const auto import = [](const std::string& task) {
         WriteFile("import", R"({"version": 1, "tasks": [)" + task + "]}");
@@ -110,5 +113,5 @@ TEST_F(Cli, ImportBelievesOnlyWhatItCanMakeTrue) {
     EXPECT_EQ(fs::read_symlink(link), "/usr/bin/free");
     EXPECT_EQ(
         import(R"({"name": "y", "next": )" + later + R"(, "program": "/usr/bin/free"})").status, 0)
-        << "harms nobody, and is said";
+        << "harms no other task, so it is only warned about";
 }

@@ -2,7 +2,8 @@
 
 #include <string>
 
-// A host's own event, of one process: enough for a host that is alone with its table.
+// The host's own event. It works within one process only, which is enough for a host without
+// clients.
 class __attribute__((visibility("default"))) CEvent {
 public:
     CEvent(std::string name, bool manualReset);

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <string>
 
-// A host's own file, with texts as the host likes them: big-endian lengths, unlike the support
-// library's.
+// The host's own file. It writes numbers and the lengths of strings in big-endian byte order,
+// unlike the support library.
 class __attribute__((visibility("default"))) COpen {
 public:
     COpen(const char* path, int flags, unsigned int mode);
@@ -17,8 +17,8 @@ public:
     void Write(const void* data, int length);
     std::uint32_t ReadUnsigned();
     void WriteUnsigned(std::uint32_t value);
-    void ReadString(std::string& text);
-    void WriteString(const std::string& text);
+    void ReadString(std::string& string);
+    void WriteString(const std::string& string);
     void Close();
 
 private:

@@ -3,4 +3,4 @@
 #include <cstdint>
 #include <string>
 
-std::uint32_t VXC_GenerateCRC32(std::string text);
+std::uint32_t VXC_GenerateCRC32(std::string data);

@@ -1,4 +1,4 @@
-// Which task of the table a start is for.
+// Which task of the table a launch is for.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -16,7 +16,7 @@
 
 using vxsched::TTaskEntry;
 
-// As "name" or "name, not due"; "" when none was found.
+// Returns "name" or "name, not due"; "" when no task was found.
 static std::string Found(CDueTasks& tasks, const std::vector<TTaskEntry>& table,
                          const std::string& state, const std::string& program,
                          const std::string& parameter) {
@@ -38,7 +38,7 @@ TEST(DueTasks, AreFoundByProgramAndParameter) {
     EXPECT_EQ(tasks.Find(table, "2", cNow, "/bin/run", "x")->due, cNow);
 }
 
-TEST(DueTasks, OfTwinsTheDueOneIsMeant) {
+TEST(DueTasks, OfDuplicatesTheDueOneIsFound) {
     const std::vector<TTaskEntry> table = {Task("later", Later(1), "/bin/run", "x"),
                                            Task("paused", cNow, "/bin/run", "x", 1, true),
                                            Task("due", cNow, "/bin/run", "x")};
@@ -46,7 +46,7 @@ TEST(DueTasks, OfTwinsTheDueOneIsMeant) {
     EXPECT_EQ(Found(tasks, table, "1", "/bin/run", "x"), "due");
 }
 
-TEST(DueTasks, OfDueTwinsEachIsMeantOnceATick) {
+TEST(DueTasks, OfDueDuplicatesEachIsFoundOnceATick) {
     const std::vector<TTaskEntry> table = {Task("first", cNow, "/bin/run", "x"),
                                            Task("second", Later(-5), "/bin/run", "x")};
     CDueTasks tasks;
@@ -55,7 +55,7 @@ TEST(DueTasks, OfDueTwinsEachIsMeantOnceATick) {
     EXPECT_EQ(Found(tasks, table, "next tick", "/bin/run", "x"), "first");
 }
 
-TEST(DueTasks, WithoutADueOneTheNameIsToldWithoutADueTime) {
+TEST(DueTasks, WithoutADueOneTheNameIsFoundWithoutADueTime) {
     CDueTasks tasks;
     EXPECT_EQ(Found(tasks, {Task("later", Later(1), "/bin/run", "x")}, "1", "/bin/run", "x"),
               "later, not due");
@@ -74,7 +74,7 @@ TEST(DueTasks, TableThatALoadChangedInTheMiddleOfATickDoesNotHideTheDueOnes) {
     EXPECT_EQ(Found(tasks, loaded, "after", "/bin/run", "1"), "one, not due");
 }
 
-TEST(DueTasks, ProgramIsComparedAsItIsStarted) {
+TEST(DueTasks, ProgramIsComparedAsItIsLaunched) {
     const std::vector<TTaskEntry> table = {
         Task("exe", cNow, "/bin/one.exe", "x"),
         Task("zero", cNow, std::string("/bin/two\0tail", 13), std::string("y\0z", 3))};
@@ -87,7 +87,8 @@ TEST(DueTasks, AreReadFromTheTableInTheDirectory) {
     WriteTable({{"task", std::time(nullptr) - 5, 0, 1, "/bin/program", "x", 0}});
     CDueTasks tasks;
     ASSERT_TRUE(tasks.Find("/bin/program", "x"));
-    EXPECT_EQ(tasks.Find("/bin/program", "x")->due, std::nullopt) << "found in this tick before";
+    EXPECT_EQ(tasks.Find("/bin/program", "x")->due, std::nullopt)
+        << "its launch was found already in this tick";
     WriteTable({{"renamed", std::time(nullptr) - 5, 0, 1, "/bin/program", "x", 0}});
     ASSERT_TRUE(tasks.Find("/bin/program", "x"));
     std::filesystem::remove_all("files");
@@ -96,7 +97,7 @@ TEST(DueTasks, AreReadFromTheTableInTheDirectory) {
 
 // A sanitizer takes more than this limit for itself.
 #ifdef PLAIN_BUILD
-TEST(DueTasks, OfATableThatMemoryDoesNotHoldAreNotTold) {
+TEST(DueTasks, OfATableThatDoesNotFitInMemoryAreNotFound) {
     WriteTable({});
     std::filesystem::resize_file(cTable, 1 << 30);
     CForkedChild child([] {

@@ -1,4 +1,4 @@
-// Where programs that a real host starts read and write.
+// Where programs that a real host launches read and write.
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -23,7 +23,7 @@ static const std::string cWriter = PROGRAMS "/write-lines";
 
 // ---- Inherited --------------------------------------------------------------------------------
 
-TEST(HostOutput, IsInheritedUnlessToldOtherwiseAndInputIsEmpty) {
+TEST(HostOutput, IsInheritedByDefaultAndInputIsEmpty) {
     CHost host;
     CreateDue("task", cWriter, "text");
     EXPECT_TRUE(host.WaitForOutput("\ninput 0\n")) << host.Output();
@@ -33,7 +33,7 @@ TEST(HostOutput, IsInheritedUnlessToldOtherwiseAndInputIsEmpty) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// A program that read what the host is given would find something.
+// The host has input that launched programs must not read.
 RUN_AGAIN(HostWithInput) {
     if (std::freopen("input", "r", stdin) == nullptr)
         return 1;
@@ -52,7 +52,7 @@ TEST(HostOutput, InputIsNotTheHosts) {
 
 // ---- A file for each task ---------------------------------------------------------------------
 
-TEST(HostOutput, EachTaskHasAFileInTheDirectoryToldWhichIsMade) {
+TEST(HostOutput, EachTaskHasAFileInTheGivenDirectoryWhichIsCreated) {
     CHost host(HostWith({"--output", "out"}));
     ReplaceTable({{"one", 1, 0, 1, cWriter, "first", 0}, {"a/b", 1, 0, 1, cWriter, "second", 0}});
     WakeWorker();
@@ -62,7 +62,7 @@ TEST(HostOutput, EachTaskHasAFileInTheDirectoryToldWhichIsMade) {
     EXPECT_EQ(host.CountInOutput("output first\n"), 0U) << host.Output();
 }
 
-TEST(HostOutput, FileIsContinuedAndMovedAwayByAStartThatFindsItTooLarge) {
+TEST(HostOutput, FileIsAppendedToAndRotatedByALaunchThatFindsItTooLarge) {
     std::filesystem::create_directory("out");
     WriteFile("out/small.log", "12345\n");
     WriteFile("out/large.log", "123456789\n");
@@ -76,11 +76,11 @@ TEST(HostOutput, FileIsContinuedAndMovedAwayByAStartThatFindsItTooLarge) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostOutput, FileThatCannotBeOpenedLetsTheProgramInheritAndIsTold) {
+TEST(HostOutput, FileThatCannotBeOpenedLetsTheProgramInheritAndIsLogged) {
     CHost host(HostWith({"--output", "out"}));
     std::filesystem::create_directory("out/task.log");
     CreateDue("task", cWriter, "text");
-    EXPECT_TRUE(host.WaitForOutput("task.log: Is a directory; the program writes where the host"))
+    EXPECT_TRUE(host.WaitForOutput("task.log: Is a directory. The program writes where the host"))
         << host.Output();
     EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
     WaitForTheTicksEnd();
@@ -92,7 +92,7 @@ TEST(HostOutput, PipeInThePlaceOfAFileIsNotWaitedFor) {
     ASSERT_EQ(mkfifo("out/task.log", 0644), 0);
     CreateDue("task", cWriter, "text");
     EXPECT_TRUE(
-        host.WaitForOutput("task.log: it is no file, or a pipe that nobody reads; the "
+        host.WaitForOutput("task.log: it is not a file, or a FIFO without a reader. The "
                            "program writes where the host does"))
         << host.Output();
     EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
@@ -111,11 +111,11 @@ TEST(HostOutput, LinkToADeviceIsWrittenTo) {
     EXPECT_EQ(host.CountInOutput("output text"), 0U) << host.Output();
 }
 
-TEST(HostOutput, DirectoryThatCannotBeHadIsRefused) {
+TEST(HostOutput, DirectoryThatCannotBeUsedIsRefused) {
     WriteFile("a file", "");
-    CProgram missing(HostWith({"--output", "no folder/out"}));
+    CProgram missing(HostWith({"--output", "missing/out"}));
     EXPECT_EQ(missing.Wait(), 3);
-    EXPECT_NE(missing.Output().find("no folder/out: No such file or directory. Name another "
+    EXPECT_NE(missing.Output().find("missing/out: No such file or directory. Choose another "
                                     "directory with --output."),
               std::string::npos)
         << missing.Output();
@@ -142,7 +142,7 @@ TEST(FileNames, OfLongTasksFitAndDiffer) {
 
 // ---- The journal ------------------------------------------------------------------------------
 
-// Enters a mount namespace in which the system's run-time files are this process's own.
+// Enters a mount namespace with a /run of its own.
 static bool HideRunTimeFiles() {
     const std::string uid = std::to_string(getuid());
     const std::string gid = std::to_string(getgid());
@@ -158,18 +158,18 @@ static bool HideRunTimeFiles() {
            std::filesystem::create_directories("/run/systemd/journal");
 }
 
-// Plays the journal: each connection becomes a file "stream N" here once it is closed.
+// A fake journal: writes what it reads from each connection to a file "stream N" once it is closed.
 static int ServeStreams(int listener) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int number = 1;; ++number) {
         const int stream = accept(listener, nullptr, nullptr);
-        std::string text;
+        std::string content;
         char block[4096];
         ssize_t count = 0;
         while ((count = read(stream, block, sizeof block)) > 0)
-            text.append(block, static_cast<std::size_t>(count));
+            content.append(block, static_cast<std::size_t>(count));
         close(stream);
-        WriteFile("stream.new", text);
+        WriteFile("stream.new", content);
         std::filesystem::rename("stream.new", "stream " + std::to_string(number));
     }
 }
@@ -194,10 +194,10 @@ RUN_AGAIN(HostThatWritesToTheJournal) {
     return 98;
 }
 
-TEST(HostOutput, JournalHasAStreamForEachStart) {
+TEST(HostOutput, JournalHasAStreamForEachLaunch) {
     CHost host(ThisProgramAs("HostThatWritesToTheJournal", {"with one"}));
     CreateDue("the task", cWriter, "text");
-    // The first one was the host's, to see whether there is a journal.
+    // The first stream is the host's own, opened to find out whether there is a journal.
     WaitUntil([] { return std::filesystem::exists("stream 2"); });
     EXPECT_EQ(ReadFile("stream 2"),
               "the%20task\n\n6\n1\n0\n0\n0\noutput text\nerror text\ninput 0\n");
@@ -208,7 +208,7 @@ TEST(HostOutput, JournalHasAStreamForEachStart) {
 
 TEST(HostOutput, WithoutAJournalProgramsInheritAndTheLogIsWarned) {
     CHost host(ThisProgramAs("HostThatWritesToTheJournal", {"without"}));
-    EXPECT_EQ(host.CountInOutput("cannot reach the journal: No such file or directory"), 1U)
+    EXPECT_EQ(host.CountInOutput("cannot connect to the journal: No such file or directory"), 1U)
         << host.Output();
     CreateDue("task", cWriter, "text");
     EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();

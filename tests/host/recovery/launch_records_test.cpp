@@ -1,4 +1,4 @@
-// The marks that starts leave until the table shows them.
+// The records that launches leave until the table shows them.
 
 #include <gtest/gtest.h>
 #include "host/recovery/LaunchRecords.h"
@@ -10,32 +10,33 @@
 #include "Process.h"
 #include "TableEntry.h"
 
-TEST(StartMarks, AreFoundByTaskAndDueTimeWhateverTheName) {
+TEST(LaunchRecords, AreFoundByTaskAndDueTimeWhateverTheName) {
     std::filesystem::create_directory("files");
     ASSERT_TRUE(MakeLaunchRecordDirectory());
-    ASSERT_TRUE(MakeLaunchRecordDirectory()) << "it may be there already";
+    ASSERT_TRUE(MakeLaunchRecordDirectory()) << "it may exist already";
     const std::string longest(5'000, '\xe4');
     for (const std::string& name :
          {std::string("plain"), std::string("a/b"), std::string(".."), std::string("at@5"),
           std::string("%41"), std::string("\xff blank"), longest}) {
         WriteFile(LaunchRecordPath(name, Later(3)), "");
-        const std::vector<TLaunchRecord> marks = ReadLaunchRecords();
-        ASSERT_EQ(marks.size(), 1U) << name;
-        EXPECT_TRUE(marks[0].IsOf(name, Later(3))) << name;
-        EXPECT_FALSE(marks[0].IsOf(name, Later(4))) << name;
-        EXPECT_FALSE(marks[0].IsOf(std::string(name) + "x", Later(3))) << name;
-        RemoveLaunchRecord(marks[0]);
+        const std::vector<TLaunchRecord> records = ReadLaunchRecords();
+        ASSERT_EQ(records.size(), 1U) << name;
+        EXPECT_TRUE(records[0].IsOf(name, Later(3))) << name;
+        EXPECT_FALSE(records[0].IsOf(name, Later(4))) << name;
+        EXPECT_FALSE(records[0].IsOf(std::string(name) + "x", Later(3))) << name;
+        RemoveLaunchRecord(records[0]);
         EXPECT_TRUE(ReadLaunchRecords().empty()) << name;
     }
 }
 
-TEST(StartMarks, AreShownByATableThatHasMovedOn) {
-    const std::vector<TLaunchRecord> marks = {{.task = "moved", .due = cNow, .started = cNow},
-                                              {.task = "behind", .due = cNow, .started = cNow},
-                                              {.task = "gone", .due = cNow, .started = cNow}};
-    const auto shown =
-        FindSettled(marks, {Task("moved", Later(3600), "/p", ""), Task("behind", cNow, "/p", "")});
-    ASSERT_EQ(shown.size(), 2U);
-    EXPECT_EQ(shown[0].task, "moved");
-    EXPECT_EQ(shown[1].task, "gone");
+TEST(LaunchRecords, AreSettledByATableThatShowsTheLaunch) {
+    const std::vector<TLaunchRecord> records = {
+        {.task = "rescheduled", .due = cNow, .launched = cNow},
+        {.task = "outdated", .due = cNow, .launched = cNow},
+        {.task = "gone", .due = cNow, .launched = cNow}};
+    const auto settled = FindSettled(
+        records, {Task("rescheduled", Later(3600), "/p", ""), Task("outdated", cNow, "/p", "")});
+    ASSERT_EQ(settled.size(), 2U);
+    EXPECT_EQ(settled[0].task, "rescheduled");
+    EXPECT_EQ(settled[1].task, "gone");
 }

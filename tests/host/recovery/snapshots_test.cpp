@@ -1,5 +1,5 @@
-// The copies of good tables that the host keeps: how many, which ones, and which of them a table is
-// mended from.
+// The snapshots of valid tables that the host keeps: how many, which ones, and which of them a
+// repair uses.
 
 #include <gtest/gtest.h>
 #include "host/recovery/CSnapshots.h"
@@ -20,13 +20,13 @@ static void Keep(CSnapshots& snapshots, const std::string& bytes) {
     snapshots.Keep(std::make_shared<const std::string>(bytes));
 }
 
-// As a host that comes and goes.
+// Like a host that starts, keeps a snapshot and stops.
 static void KeepOnce(std::size_t limit, const std::string& bytes) {
     CSnapshots snapshots(limit);
     Keep(snapshots, bytes);
 }
 
-TEST(Snapshots, AreABoundedRingOfWholeTables) {
+TEST(Snapshots, AreABoundedRingOfCompleteTables) {
     std::filesystem::create_directory("files");
     CSnapshots snapshots(3);
     for (const char* const bytes : {"one", "two", "two", "three", "four"})
@@ -79,8 +79,8 @@ protected:
                       std::chrono::sys_seconds(std::chrono::seconds(seconds))));
     }
     static std::string YoungestTask() {
-        const auto source = vxsched::FindBackup(".");
-        return source ? source->tasks.at(0).name : "";
+        const auto backup = vxsched::FindBackup(".");
+        return backup ? backup->tasks.at(0).name : "";
     }
 };
 
@@ -91,7 +91,7 @@ TEST_F(SnapshotsOfAClockThatWasSetBack, KeepTheYoungestAndNotTheLatest) {
     EXPECT_EQ(kept, (std::set<std::string>{TableOf("000010"), TableOf("now")}));
 }
 
-TEST_F(SnapshotsOfAClockThatWasSetBack, MendFromTheYoungest) {
+TEST_F(SnapshotsOfAClockThatWasSetBack, RepairFromTheYoungest) {
     EXPECT_EQ(YoungestTask(), "now");
     WriteFile("files/scheduler.dat.before", TableOf("before"));
     SetTime("files/scheduler.dat.before", 1000);

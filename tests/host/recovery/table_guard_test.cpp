@@ -1,4 +1,5 @@
-// A table under a running host: kept when it is good, restored when it is damaged, emptied or gone.
+// A table under a running host: kept when it is valid, restored when it is damaged, emptied or
+// gone.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -34,7 +35,7 @@ static bool HasSnapshot(const std::string& bytes) {
     return false;
 }
 
-TEST(HostGuard, EveryGoodTableIsKept) {
+TEST(HostGuard, EveryValidTableIsKept) {
     WriteTable(cThree);
     CHost host(HostWith({"--snapshots", "2"}));
     WaitUntil([] { return CountIn("files/snapshots", "scheduler.dat") == 1; });
@@ -48,7 +49,7 @@ TEST(HostGuard, EveryGoodTableIsKept) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, DamagedTableIsReplacedByTheLastGoodOne) {
+TEST(HostGuard, DamagedTableIsReplacedByTheLastValidOne) {
     WriteTable(cThree);
     CHost host;
     const std::string damaged = BytesOf(cThree).substr(0, 60);
@@ -58,13 +59,13 @@ TEST(HostGuard, DamagedTableIsReplacedByTheLastGoodOne) {
     }
     WaitForTable(cThree);
     EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
-    EXPECT_EQ(host.CountInOutput("kept \"third\" from the last good table"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("kept \"third\" from the last valid table"), 1U) << host.Output();
     EXPECT_EQ(CountIn("files", ".damaged-"), 1U);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadTable(), cThree);
 }
 
-TEST(HostGuard, TableThatACarelessClientEmptiesIsRestored) {
+TEST(HostGuard, TableThatADirectClientEmptiesIsRestored) {
     WriteTable(cThree);
     CHost host;
     {
@@ -84,7 +85,7 @@ TEST(HostGuard, RemovalsAndImportsAreNotUndone) {
     EXPECT_EQ(NamesInTable(), "second");
     EXPECT_EQ(RunTool({"remove", "second"}).status, 0);
     EXPECT_EQ(RunTool({"import", "--replace"}, {}, R"({"version": 1, "tasks": []})").status, 0);
-    EXPECT_EQ(RunTool({"create", "new", "--at", "in 1h", "--", PROGRAMS "/record-start"}).status,
+    EXPECT_EQ(RunTool({"create", "new", "--at", "in 1h", "--", PROGRAMS "/record-launch"}).status,
               0);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "new");
@@ -98,7 +99,7 @@ RUN_AGAIN(RemoveOneAfterTheOther) {
     _exit(0);
 }
 
-// By a client of the bare functions, before the host has come to look.
+// By a client that calls the exported functions directly, before the host checks the table.
 TEST(HostGuard, RemovalsInARowAreNotUndone) {
     TRows rows = cThree;
     rows.push_back(Row("fourth"));
@@ -127,7 +128,7 @@ TEST(HostGuard, TableThatIsMovedAwayIsRestored) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, SignOfLifeThatIsCutShortIsWrittenAnew) {
+TEST(HostGuard, TruncatedHeartbeatIsWrittenAgain) {
     CHost host;
     WriteFile("files/started/alive", "");
     WaitUntil([&] {
@@ -138,7 +139,7 @@ TEST(HostGuard, SignOfLifeThatIsCutShortIsWrittenAnew) {
 }
 
 // As after a loss of power.
-TEST(HostGuard, TableOfZerosIsRestoredAndMended) {
+TEST(HostGuard, TableOfZerosIsRestoredAndRepaired) {
     WriteTable(cThree);
     const std::string zeros(BytesOf(cThree).size(), '\0');
     {
@@ -150,22 +151,22 @@ TEST(HostGuard, TableOfZerosIsRestoredAndMended) {
     WriteFile(cTable, zeros);
     CHost host;
     EXPECT_EQ(ReadFile(cTable), BytesOf(cThree));
-    EXPECT_EQ(host.CountInOutput("the table is mended, with 3 task(s)"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("the table is repaired, with 3 task(s)"), 1U) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, ReplacedTableIsTakenForWhatItIs) {
+TEST(HostGuard, ReplacedTableIsNotRestored) {
     WriteTable(cThree);
     CHost host;
     EXPECT_EQ(RunTool({"import", "--replace"}, {}, R"({"version": 1, "tasks": []})").status, 0);
-    EXPECT_EQ(RunTool({"create", "new", "--at", "in 1h", "--", PROGRAMS "/record-start"}).status,
+    EXPECT_EQ(RunTool({"create", "new", "--at", "in 1h", "--", PROGRAMS "/record-launch"}).status,
               0);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "new");
 }
 
-// The add-in empties its list when it cannot write, and says so.
-TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
+// The add-in empties its list when it cannot write, and reports that.
+TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoLaunch) {
     TRows rows = cThree;
     rows.push_back({"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0});
     rows[0].parameters = std::string(10'000, 'p');
@@ -173,7 +174,7 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     for (const auto& [name, value] : WithoutPauses())
         setenv(name.c_str(), value.c_str(), 1);
     CHost host;
-    // No file of the host's may grow beyond a few blocks, as on a disk that is full.
+    // No file of the host may grow beyond a few blocks, as on a full disk.
     const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
     rlimit before{};
     ASSERT_EQ(prlimit(host.Id(), RLIMIT_FSIZE, &limit, &before), 0);
@@ -194,16 +195,16 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoStart) {
     EXPECT_EQ(RunTool({"wake"}).status, 0);
     WaitUntil([] { return fs::exists("log") && !ReadFile("log").empty(); });
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(ReadFile("log"), "log\n") << "it was started once";
+    EXPECT_EQ(ReadFile("log"), "log\n") << "it was launched once";
 }
 
-TEST(HostGuard, WithoutInotifyTheTableIsLookedAtAllTheSame) {
+TEST(HostGuard, WithoutInotifyTheTableIsPolled) {
     WriteTable(cThree);
     for (const auto& [name, value] : WithoutPauses())
         setenv(name.c_str(), value.c_str(), 1);
-    setenv("PLAYED_NO_INOTIFY", "1", 1);
+    setenv("NO_INOTIFY", "1", 1);
     CHost host;
-    EXPECT_EQ(host.CountInOutput("cannot watch the folder \"files\": Too many open files"), 1U)
+    EXPECT_EQ(host.CountInOutput("cannot watch the directory \"files\": Too many open files"), 1U)
         << host.Output();
     WriteFile(cTable, BytesOf(cThree).substr(0, 60));
     WaitForTable(cThree);
@@ -213,7 +214,7 @@ TEST(HostGuard, WithoutInotifyTheTableIsLookedAtAllTheSame) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, FolderThatIsRemovedAndMadeAgainIsLookedAt) {
+TEST(HostGuard, DirectoryThatIsRemovedAndCreatedAgainIsWatched) {
     WriteTable(cThree);
     CHost host;
     fs::rename("files", "gone");
@@ -223,14 +224,14 @@ TEST(HostGuard, FolderThatIsRemovedAndMadeAgainIsLookedAt) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, FolderThatIsRemovedDoesNotKeepAHostFromStopping) {
+TEST(HostGuard, DirectoryThatIsRemovedDoesNotKeepAHostFromStopping) {
     WriteTable(cThree);
     CHost host;
     fs::rename("files", "gone");
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 
-TEST(HostGuard, FolderOfMarksIsMadeAgainForAStart) {
+TEST(HostGuard, DirectoryOfLaunchRecordsIsCreatedAgainForALaunch) {
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     CHost host;
     fs::remove_all("files/started");
@@ -240,7 +241,7 @@ TEST(HostGuard, FolderOfMarksIsMadeAgainForAStart) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, TableBehindALinkIsLookedAt) {
+TEST(HostGuard, TargetOfALinkIsChecked) {
     fs::create_directory("real");
     WriteTable(cThree);
     fs::rename(cTable, "real/table");
@@ -253,7 +254,7 @@ TEST(HostGuard, TableBehindALinkIsLookedAt) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostGuard, FailedStartIsNoReasonToRestoreATable) {
+TEST(HostGuard, FailedLaunchIsNoReasonToRestoreATable) {
     WriteTable({{"due", cFar, 0, 24, "/no/such/program", "log", 0}});
     CHost host;
     TRows rows = ReadTable();

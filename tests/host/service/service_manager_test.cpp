@@ -1,5 +1,5 @@
-// The host under a service manager that the test plays: what it is told, and how the log looks where
-// standard error is the journal.
+// The host under a fake service manager: what it reports, and how the log looks where standard
+// error is the journal.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,9 +24,9 @@ using testing::ElementsAre;
 using testing::Not;
 using namespace std::chrono_literals;
 
-// ---- What the service manager is told ---------------------------------------------------------
+// ---- Notifications ----------------------------------------------------------------------------
 
-TEST(HostService, IsToldOfReadinessStatusAndStop) {
+TEST(HostService, IsNotifiedOfReadinessStatusAndStop) {
     CNotifySocket socket;
     CHost host;
     EXPECT_EQ(socket.Next(), "READY=1");
@@ -35,7 +35,7 @@ TEST(HostService, IsToldOfReadinessStatusAndStop) {
     EXPECT_THAT(socket.Waiting(), ElementsAre("STOPPING=1"));
 }
 
-TEST(HostService, IsToldHowManyProgramsRun) {
+TEST(HostService, IsNotifiedHowManyProgramsRun) {
     CNotifySocket socket;
     CHost host;
     CreateDue("long", PROGRAMS "/wait-for-it", "end it");
@@ -48,9 +48,9 @@ TEST(HostService, IsToldHowManyProgramsRun) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostService, IsNotToldOfReadinessByOneThatCannotStart) {
+TEST(HostService, IsNotNotifiedOfReadinessByAHostThatCannotRun) {
     CNotifySocket socket;
-    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to repair
     CProgram host({HOST_PROGRAM, "--directory", "."});
     EXPECT_EQ(host.Wait(), 6);
     EXPECT_THAT(socket.Waiting(), ElementsAre());
@@ -64,7 +64,7 @@ public:
     CWatchdogTime& operator=(const CWatchdogTime&) = delete;
 };
 
-TEST(HostService, WatchdogIsToldAgainAndAgainThatTheWorkerLives) {
+TEST(HostService, WatchdogIsNotifiedRepeatedlyWhileTheWorkerIsAlive) {
     CNotifySocket socket;
     const CWatchdogTime time("100000");
     CHost host;
@@ -73,7 +73,7 @@ TEST(HostService, WatchdogIsToldAgainAndAgainThatTheWorkerLives) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
+TEST(HostService, WatchdogIsNotNotifiedWhileTheWorkerWaitsForTheMutex) {
     CNotifySocket socket;
     const CWatchdogTime time("100000");
     CHost host;
@@ -81,8 +81,8 @@ TEST(HostService, WatchdogIsNotToldOfAWorkerThatWaitsForTheMutex) {
         const vxsched::CStoreMutexLock lock(1h);
         ASSERT_TRUE(lock.IsHeld());
         WakeWorker();
-        EXPECT_TRUE(host.WaitForOutput("the worker gives no sign of life")) << host.Output();
-        socket.Until("STATUS=the worker gives no sign of life");
+        EXPECT_TRUE(host.WaitForOutput("the worker is stuck")) << host.Output();
+        socket.Until("STATUS=the worker is stuck");
         EXPECT_THAT(socket.Waiting(), Not(Contains("WATCHDOG=1")));
     }
     EXPECT_TRUE(host.WaitForOutput("the worker is alive again")) << host.Output();
@@ -111,16 +111,16 @@ TEST(ServiceUnit, ExpectsNotificationsAndLeavesTheStoreReachable) {
         EXPECT_THAT(ValuesInUnit(key), ElementsAre()) << key;
 }
 
-// A disk is full for a while only, and then the table can be mended.
-TEST(ServiceUnit, TriesATableAgainThatCouldNotBeMended) {
+// Once a full disk has room again, the table can be repaired.
+TEST(ServiceUnit, RetriesATableThatCouldNotBeRepaired) {
     EXPECT_THAT(ValuesInUnit("Restart"), ElementsAre("on-failure"));
     EXPECT_THAT(ValuesInUnit("RestartPreventExitStatus"), ElementsAre("2 3 4 5 7"));
 }
 
 TEST(ServiceUnit, StartsTheHostWithOptionsThatItHas) {
-    const std::vector<std::string> starts = ValuesInUnit("ExecStart");
-    ASSERT_EQ(starts.size(), 1U);
-    std::istringstream words(starts[0]);
+    const std::vector<std::string> commands = ValuesInUnit("ExecStart");
+    ASSERT_EQ(commands.size(), 1U);
+    std::istringstream words(commands[0]);
     std::vector<std::string> command;
     for (std::string word; words >> word;) {
         if (const std::size_t place = word.find("%S/"); place != std::string::npos)
@@ -158,19 +158,19 @@ TEST(HostJournal, LinesBeginWithTheirPriorityAndHaveNoTime) {
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
     const std::string output = '\n' + host.Output();
-    for (const char* text : {"\n<6>running in . as process ", "\n<6>started process ",
-                             "\n<7>Failed waitpid.\n", "\n<4>process ", "\n<6>stopped\n"})
-        EXPECT_NE(output.find(text), std::string::npos) << text << output;
+    for (const char* message : {"\n<6>running in . as process ", "\n<6>started process ",
+                                "\n<7>Failed waitpid.\n", "\n<4>process ", "\n<6>stopped\n"})
+        EXPECT_NE(output.find(message), std::string::npos) << message << output;
     std::istringstream lines(host.Output());
     for (std::string line; std::getline(lines, line);)
         EXPECT_EQ(line.front(), '<') << line;
 }
 
 TEST(HostJournal, FailureToStartIsAnErrorThere) {
-    std::filesystem::create_directories("files/scheduler.dat");  // nothing to mend
+    std::filesystem::create_directories("files/scheduler.dat");  // nothing to repair
     CProgram host(ThisProgramAs("HostOnTheJournal"));
     EXPECT_EQ(host.Wait(), 6);
-    EXPECT_TRUE(host.Output().starts_with("<3>cannot make the table fit")) << host.Output();
+    EXPECT_TRUE(host.Output().starts_with("<3>cannot prepare the table")) << host.Output();
 }
 
 TEST(HostJournal, OfAnotherStreamLeavesTheTimes) {

@@ -18,7 +18,7 @@ TEST(HostSignals, Usr1TicksAtOnce) {
     ReplaceTable({{"task", std::time(nullptr), 0, 1, PROGRAMS "/end-with", "status 0", 0}});
     host.Kill(SIGUSR1);
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
-    EXPECT_EQ(host.CountInOutput("ticking at once on SIGUSR1"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("SIGUSR1: ticking now"), 1U) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
 }
 
@@ -26,7 +26,7 @@ static int CountWaitersForTheMutex() {
     return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT);
 }
 
-// Also what happens when the machine sleeps: the system ends the worker's wait early.
+// The system ends the worker's wait early, as it does when the machine sleeps.
 TEST(HostSignals, StopAndContinuationLeaveTheWorkerWaitingForTheMutex) {
     CHost host;
     {
@@ -37,7 +37,7 @@ TEST(HostSignals, StopAndContinuationLeaveTheWorkerWaitingForTheMutex) {
         WaitUntil([] { return CountWaitersForTheMutex() == 0; });
         host.Kill(SIGCONT);
         WaitUntil([] { return CountWaitersForTheMutex() == 1 || StoreSemaphoreValue() != 0; });
-        EXPECT_EQ(StoreSemaphoreValue(), 0) << "nobody but its holder gives it back";
+        EXPECT_EQ(StoreSemaphoreValue(), 0) << "only its holder releases it";
     }
     WaitUntil(WorkerIsIdle);
     EXPECT_EQ(StoreSemaphoreValue(), 1);
@@ -48,31 +48,31 @@ TEST(HostSignals, HupWithoutALogFileChangesNothing) {
     CHost host;
     host.Kill(SIGHUP);
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(host.CountInOutput("anew"), 0U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("reopened"), 0U) << host.Output();
 }
 
-TEST(HostSignals, HupOpensTheLogAnew) {
+TEST(HostSignals, HupReopensTheLog) {
     std::filesystem::create_directory("work");
-    // The path is the caller's, not that of the directory that the host works in.
+    // The path is relative to the caller's working directory, not to the host's.
     CProgram host({HOST_PROGRAM, "--directory", "work", "--log", "log"});
     WaitUntil([] { return LogHolds("log", "running in work") && WorkerIsIdle(); });
     std::filesystem::rename("log", "log.old");
     host.Kill(SIGHUP);
-    WaitUntil([] { return LogHolds("log", "opened the log anew"); });
+    WaitUntil([] { return LogHolds("log", "reopened the log"); });
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_TRUE(ReadFile("log").ends_with(" vxschedd: stopped\n")) << ReadFile("log");
-    EXPECT_FALSE(LogHolds("log.old", "anew"));
+    EXPECT_FALSE(LogHolds("log.old", "reopened"));
     EXPECT_EQ(host.Output(), "");
 }
 
-TEST(HostSignals, LogThatCannotBeOpenedAnewIsKept) {
-    std::filesystem::create_directory("folder");
-    CProgram host(HostWith({"--log", "folder/log"}));
-    WaitUntil([] { return LogHolds("folder/log", "running in") && WorkerIsIdle(); });
-    std::filesystem::rename("folder", "moved");
+TEST(HostSignals, LogThatCannotBeReopenedIsKept) {
+    std::filesystem::create_directory("directory");
+    CProgram host(HostWith({"--log", "directory/log"}));
+    WaitUntil([] { return LogHolds("directory/log", "running in") && WorkerIsIdle(); });
+    std::filesystem::rename("directory", "moved");
     host.Kill(SIGHUP);
-    WaitUntil([] { return LogHolds("moved/log", "folder/log: No such file or directory"); });
+    WaitUntil([] { return LogHolds("moved/log", "directory/log: No such file or directory"); });
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
 }

@@ -1,4 +1,4 @@
-// The timer that runs out when the worker has not ticked for too long.
+// The timer that expires when the worker has not ticked for too long.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
     const CTickTimer timer(1h);
     const auto isReadable = [&](int milliseconds) {
-        pollfd source{.fd = timer.Descriptor().Get(), .events = POLLIN, .revents = 0};
-        return poll(&source, 1, milliseconds) == 1;
+        pollfd descriptor{.fd = timer.Descriptor().Get(), .events = POLLIN, .revents = 0};
+        return poll(&descriptor, 1, milliseconds) == 1;
     };
     EXPECT_FALSE(isReadable(0));
     const auto runOut = [&] {
@@ -24,14 +24,14 @@ TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
         ASSERT_TRUE(isReadable(-1));
     };
     runOut();
-    PushTickTimer();
+    RestartTickTimer();
     EXPECT_FALSE(isReadable(0));
     runOut();
     std::thread([] {
         MarkHostThread();
-        PushTickTimer();
+        RestartTickTimer();
     }).join();
     EXPECT_TRUE(isReadable(0));
-    timer.Push();
+    timer.Restart();
     EXPECT_FALSE(isReadable(0));
 }

@@ -1,4 +1,4 @@
-// Whether a file is an add-in, told by its bytes without a load.
+// Whether a file is an add-in, decided by its bytes without a load.
 
 #include <gtest/gtest.h>
 #include "host/startup/AddInFile.h"
@@ -9,31 +9,31 @@
 #include "Process.h"
 #include "StoreSemaphore.h"
 
-TEST(AddInFile, IsToldByItsBytesWithoutALoad) {
+TEST(AddInFile, IsRecognizedByItsBytesWithoutALoad) {
     EXPECT_EQ(WhyNotAnAddIn(ADDIN_LIBRARY), "");
-    EXPECT_EQ(WhyNotAnAddIn(SUPPORT_LIBRARY), "it has no CreateAddIn");
-    EXPECT_EQ(WhyNotAnAddIn("/no/such/file"), "cannot read it: No such file or directory");
-    WriteFile("text", "no library");
-    EXPECT_EQ(WhyNotAnAddIn("text"), "it is not a shared library for x86-64");
+    EXPECT_EQ(WhyNotAnAddIn(SUPPORT_LIBRARY), "it does not define CreateAddIn");
+    EXPECT_EQ(WhyNotAnAddIn("/no/such/file"), "cannot read the file: No such file or directory");
+    WriteFile("note", "no library");
+    EXPECT_EQ(WhyNotAnAddIn("note"), "it is not a shared library for x86-64");
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-TEST(AddInFile, EntryPointThatIsMissingIsNamed) {
+TEST(AddInFile, MissingEntryPointIsReported) {
     std::string bytes = ReadFile(ADDIN_LIBRARY);
     for (std::size_t position = 0; (position = bytes.find("DestroyAddIn", position)) != bytes.npos;)
         bytes[position] = 'd';
     WriteFile("without", bytes);
-    EXPECT_EQ(WhyNotAnAddIn("without"), "it has no DestroyAddIn");
+    EXPECT_EQ(WhyNotAnAddIn("without"), "it does not define DestroyAddIn");
     CProgram host(HostWith({"--addin", "./without"}));
     EXPECT_EQ(host.Wait(), 5);
-    EXPECT_NE(host.Output().find("without is not an add-in: it has no DestroyAddIn. Name another "
-                                 "library with --addin."),
+    EXPECT_NE(host.Output().find("without is not an add-in: it does not define DestroyAddIn. "
+                                 "Choose another library with --addin."),
               std::string::npos)
         << host.Output();
     EXPECT_EQ(CountSemaphoreSets(), 0) << "it was not loaded";
 }
 
-TEST(AddInFile, CutShortAnywhereIsNone) {
+TEST(AddInFile, TruncatedAnywhereIsNone) {
     const std::string bytes = ReadFile(ADDIN_LIBRARY);
     for (std::size_t size = 0; size < bytes.size(); size += size < 128 ? 1 : bytes.size() / 50) {
         WriteFile("short", bytes.substr(0, size));

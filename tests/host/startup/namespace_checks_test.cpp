@@ -1,4 +1,4 @@
-// What the host warns of around the IPC namespace, told by files of the system that the test plays.
+// What the host warns of around the IPC namespace, given fake files of the system.
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -12,10 +12,10 @@
 class RemovalOfSemaphores : public testing::Test {
 protected:
     RemovalOfSemaphores() { std::filesystem::create_directories("root/run/systemd/system"); }
-    static void Configure(const std::string& file, const std::string& text) {
+    static void Configure(const std::string& file, const std::string& content) {
         const std::filesystem::path path = std::filesystem::path("root") / file;
         std::filesystem::create_directories(path.parent_path());
-        WriteFile(path.string(), text);
+        WriteFile(path.string(), content);
     }
     static bool IsWarnedOf(uid_t user) { return !WarningOfRemoval(user, "root").empty(); }
     static constexpr uid_t cOrdinary = 54321;
@@ -48,11 +48,11 @@ TEST_F(RemovalOfSemaphores, IsSwitchedOffByTheLastSettingOfLogind) {
     EXPECT_TRUE(IsWarnedOf(cOrdinary));
 }
 
-TEST(PrivateNamespace, IsToldByComparisonWithThatOfProcessOne) {
+TEST(PrivateNamespace, IsDetectedByComparisonWithThatOfProcessOne) {
     for (const char* process : {"proc/self/ns", "proc/1/ns"})
         std::filesystem::create_directories(process);
     std::filesystem::create_symlink("ipc:[1]", "proc/self/ns/ipc");
-    EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "") << "cannot be told";
+    EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "") << "there is nothing to compare with";
     std::filesystem::create_symlink("ipc:[1]", "proc/1/ns/ipc");
     EXPECT_EQ(NoticeOfPrivateNamespace("proc"), "");
     std::filesystem::remove("proc/1/ns/ipc");

@@ -1,4 +1,4 @@
-// What a start says of a table that is empty where its last copy is not.
+// What the host reports about an empty table whose latest backup has tasks.
 
 #include <gtest/gtest.h>
 
@@ -12,10 +12,10 @@
 
 namespace fs = std::filesystem;
 
-static constexpr char cEmptyTable[] = "the table is empty, whereas the last copy of it, ";
+static constexpr char cEmptyTable[] = "the table is empty, but its latest backup, ";
 
-// As a library leaves a table that it finds damaged.
-TEST(HostBesideAnEmptyTable, TellsTheTasksOfTheLastOneAndWhereTheyAre) {
+// An empty table is what the add-in makes of a damaged one.
+TEST(HostWithAnEmptyTable, ReportsTheTasksOfTheBackupAndItsPath) {
     WriteTable(cThree);
     {
         CHost host;
@@ -23,11 +23,11 @@ TEST(HostBesideAnEmptyTable, TellsTheTasksOfTheLastOneAndWhereTheyAre) {
         EXPECT_EQ(host.Stop(), 0);
     }
     WriteFile(cTable, std::string(8, '\0'));
-    std::string copy;
+    std::string backup;
     for (const auto& entry : fs::directory_iterator("files/snapshots"))
-        copy = entry.path().string();
+        backup = entry.path().string();
     const std::string message =
-        cEmptyTable + std::string("./") + copy +
+        cEmptyTable + std::string("./") + backup +
         ", has 3 task(s): \"first\", \"second\", \"third\". If they were not";
     CProgram check(HostWith({"--check"}));
     EXPECT_EQ(check.Wait(), 0);
@@ -35,18 +35,18 @@ TEST(HostBesideAnEmptyTable, TellsTheTasksOfTheLastOneAndWhereTheyAre) {
     {
         CHost host;
         EXPECT_EQ(host.CountInOutput(message), 1U) << host.Output();
-        EXPECT_EQ(ReadTable(), TRows()) << "it may be meant";
+        EXPECT_EQ(ReadTable(), TRows()) << "it may be intended";
         EXPECT_EQ(host.Stop(), 0);
     }
-    // What it says to do.
-    fs::copy_file(copy, cTable, fs::copy_options::overwrite_existing);
+    // What the message says to do.
+    fs::copy_file(backup, cTable, fs::copy_options::overwrite_existing);
     CHost host;
     EXPECT_EQ(host.CountInOutput(cEmptyTable), 0U) << host.Output();
     EXPECT_EQ(ReadTable(), cThree);
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostBesideAnEmptyTable, TellsItOnce) {
+TEST(HostWithAnEmptyTable, ReportsItOnce) {
     WriteTable(cThree);
     EXPECT_EQ(CHost().Stop(), 0);
     WriteTable({});
@@ -56,7 +56,7 @@ TEST(HostBesideAnEmptyTable, TellsItOnce) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostBesideAnEmptyTable, MissesNoTaskThatRanAndIsGone) {
+TEST(HostWithAnEmptyTable, MissesNoTaskThatRanAndIsGone) {
     WriteTable({{"once", 1000, 0, 0, "/bin/program", "", 0}});
     fs::create_directories("files/snapshots");
     fs::rename(cTable, "files/snapshots/scheduler.dat.000000000900-000000");

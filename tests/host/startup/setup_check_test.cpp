@@ -1,4 +1,4 @@
-// vxschedd --check, the real program: what it finds well or wrong without making or loading anything.
+// vxschedd --check, the real program: what it reports, without creating or loading anything.
 
 #include <gtest/gtest.h>
 #include "store/CStoreMutexLock.h"
@@ -15,19 +15,18 @@
 
 using namespace std::chrono_literals;
 
-TEST(HostCheck, SoundSetUpIsWellAndNothingIsMadeOrLoaded) {
+TEST(HostCheck, ValidSetUpPassesAndNothingIsCreatedOrLoaded) {
     std::filesystem::create_directory("work");
     CProgram host({HOST_PROGRAM, "--directory", "work", "--check", "--output", "work/out", "--log",
                    "work/log"});
     EXPECT_EQ(host.Wait(), 0);
-    EXPECT_NE(host.Output().find("well: work can be worked in\n"), std::string::npos)
-        << host.Output();
-    EXPECT_TRUE(host.Output().ends_with("well: a host could run\n")) << host.Output();
+    EXPECT_NE(host.Output().find("ok: work can be used\n"), std::string::npos) << host.Output();
+    EXPECT_TRUE(host.Output().ends_with("ok: a host could run\n")) << host.Output();
     EXPECT_TRUE(std::filesystem::is_empty("work"));
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
-TEST(HostCheck, SoundTableIsLeftAsItIsAndRiskyTasksAreToldOf) {
+TEST(HostCheck, ValidTableIsLeftAsItIsAndRiskyTasksAreReported) {
     const TRows table = {{"past", 1000, 0, 1, "/bin/true/", "", 0},
                          {"script", 4'000'000'000, 0, 1, "/opt/script.sh", "", 0}};
     WriteTable(table);
@@ -36,46 +35,46 @@ TEST(HostCheck, SoundTableIsLeftAsItIsAndRiskyTasksAreToldOf) {
     EXPECT_NE(host.Output().find("warning: task \"script\": the extension \".sh\""),
               std::string::npos)
         << host.Output();
-    EXPECT_NE(host.Output().find("well: the table can be read and holds 2 task(s)"),
-              std::string::npos)
+    EXPECT_NE(host.Output().find("ok: the table is valid and has 2 task(s)"), std::string::npos)
         << host.Output();
     EXPECT_EQ(ReadTable(), table);
 }
 
-static void ExpectToldByCheckAndMended(const std::vector<std::string>& messages) {
+static void ExpectReportedByCheckAndRepaired(const std::vector<std::string>& messages) {
     const std::string before = ReadFile(cTable);
     CProgram check(HostWith({"--check"}));
     EXPECT_EQ(check.Wait(), 0);
     for (const std::string& message : messages)
         EXPECT_NE(check.Output().find("warning: " + message), std::string::npos) << check.Output();
-    EXPECT_TRUE(check.Output().ends_with("well: a host could run\n")) << check.Output();
+    EXPECT_TRUE(check.Output().ends_with("ok: a host could run\n")) << check.Output();
     EXPECT_EQ(ReadFile(cTable), before);
-    EXPECT_EQ(PutAsideFile(), "");
+    EXPECT_EQ(QuarantinedFile(), "");
     CHost host;
     EXPECT_NE(ReadFile(cTable), before);
     EXPECT_EQ(host.Stop(), 0);
-    std::filesystem::remove(PutAsideFile());
+    std::filesystem::remove(QuarantinedFile());
 }
 
-TEST(HostCheck, TellsWhatAStartWouldMendAndHow) {
-    const TRow sound = {"sound", 4'000'000'000, 0, 1, "/bin/program", "", 0};
-    WriteTable({sound});
-    const std::string copy = ReadFile(cTable);
+TEST(HostCheck, ReportsWhatAHostWouldRepairAndHow) {
+    const TRow valid = {"valid", 4'000'000'000, 0, 1, "/bin/program", "", 0};
+    WriteTable({valid});
+    const std::string backup = ReadFile(cTable);
     std::filesystem::create_directory("files/snapshots");
-    WriteFile("files/snapshots/scheduler.dat.001700000000-000000", copy);
+    WriteFile("files/snapshots/scheduler.dat.001700000000-000000", backup);
     WriteFile(cTable, "damaged");
-    ExpectToldByCheckAndMended({"a start would mend the table, with 1 task(s)",
-                                "the table is damaged at offset 0",
-                                "kept \"sound\" from scheduler.dat.001700000000-000000"});
-    WriteTable({{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0}, sound});
-    ExpectToldByCheckAndMended(
-        {"a start would mend the table, with 2 task(s)", "altered \"endless\""});
+    ExpectReportedByCheckAndRepaired(
+        {"vxschedd would repair the table; it would then have 1 task(s)",
+         "the table is damaged at offset 0",
+         "kept \"valid\" from scheduler.dat.001700000000-000000"});
+    WriteTable({{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0}, valid});
+    ExpectReportedByCheckAndRepaired(
+        {"vxschedd would repair the table; it would then have 2 task(s)", "altered \"endless\""});
 }
 
-TEST(HostCheck, HolderThatIsTakenForHungIsToldOf) {
+TEST(HostCheck, HolderThatIsTakenForHungIsReported) {
     MakeStoreMutex();
     vxsched::CStoreMutexLock hung(1h);
-    CProgram check(HostWith({"--check", "--patience", "0"}));
+    CProgram check(HostWith({"--check", "--lock-timeout", "0"}));
     EXPECT_EQ(check.Wait(), 0) << check.Output();
     EXPECT_NE(check.Output().find("warning: the store mutex is held, last by process "),
               std::string::npos)
@@ -91,10 +90,10 @@ TEST(HostCheck, RunningHostIsNotDisturbed) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostCheck, EachFaultHasTheStatusOfTheStart) {
+TEST(HostCheck, EachFaultHasTheExitStatusOfAHost) {
     std::filesystem::create_directory("files");
     std::filesystem::create_directory(cTable);
-    WriteFile("text", "no library");
+    WriteFile("note", "no library");
     const auto check = [](const std::vector<std::string>& options, const char* message) {
         std::vector<std::string> all{"--check"};
         all.insert(all.end(), options.begin(), options.end());
@@ -105,15 +104,16 @@ TEST(HostCheck, EachFaultHasTheStatusOfTheStart) {
         return status;
     };
     EXPECT_EQ(check({}, "error: cannot read ./files/scheduler.dat: Is a directory"), 6);
-    CProgram start(HostWith({}));
-    EXPECT_EQ(start.Wait(), 6) << start.Output();
+    CProgram host(HostWith({}));
+    EXPECT_EQ(host.Wait(), 6) << host.Output();
     std::filesystem::remove(cTable);
-    EXPECT_EQ(check({"--addin", "./text"}, "text is not an add-in: it is not a shared library"), 5);
-    EXPECT_EQ(check({"--output", "no folder/out"}, "no folder/out: No such file or directory"), 3);
-    EXPECT_EQ(check({"--log", "no folder/log"}, "no folder/log: No such file or directory"), 1);
+    EXPECT_EQ(check({"--addin", "./note"}, "note is not an add-in: it is not a shared library"), 5);
+    EXPECT_EQ(check({"--output", "missing/out"}, "missing/out: No such file or directory"), 3);
+    EXPECT_EQ(check({"--log", "missing/log"}, "missing/log: No such file or directory"), 1);
     CProgram nowhere({HOST_PROGRAM, "--directory", "nowhere", "--check"});
     EXPECT_EQ(nowhere.Wait(), 3);
-    EXPECT_NE(nowhere.Output().find("error: cannot work in nowhere: No such file or directory."),
+    EXPECT_NE(nowhere.Output().find(
+                  "error: cannot use the directory nowhere: No such file or directory."),
               std::string::npos)
         << nowhere.Output();
 }

@@ -1,5 +1,5 @@
-// How a real host begins: keeping clients out while it loads, refusing what it cannot run with,
-// warning of traps.
+// The startup of a real host: keeping clients out while it loads, refusing what it cannot run with,
+// warning of pitfalls.
 
 #include <CEvent.h>
 #include <fcntl.h>
@@ -46,7 +46,7 @@ static void TakeAllAccess(int id) {
 
 // ---- Clients that are changing the table ------------------------------------------------------
 
-TEST(HostStart, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
+TEST(HostStartup, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     const int mutex = MakeStoreMutex();
     const std::int64_t past = std::time(nullptr) - 100;
     const TRows table = {{"task", past, 0, 1, "/bin/program", "", 0}};
@@ -54,8 +54,8 @@ TEST(HostStart, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     auto client = std::make_unique<vxsched::CStoreMutexLock>(1h);
     CProgram host(HostWith({}));
     WaitUntil([&] { return semctl(mutex, 0, GETNCNT) == 1; });
-    EXPECT_EQ(ReadTable(), table) << "not moved on by a load";
-    // Other clients that want to load meanwhile are kept out by the lock on the directory.
+    EXPECT_EQ(ReadTable(), table) << "not rescheduled by a load";
+    // Other clients that want to load meanwhile are kept out by the writer lock.
     const int files = open("files", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     EXPECT_EQ(flock(files, LOCK_EX | LOCK_NB), -1);
     client.reset();
@@ -69,7 +69,7 @@ TEST(HostStart, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     EXPECT_EQ(host.Wait(), 0);
 }
 
-TEST(HostStart, WaitsForTheLockOnTheDirectory) {
+TEST(HostStartup, WaitsForTheWriterLock) {
     const std::int64_t past = std::time(nullptr) - 100;
     const TRows table = {{"task", past, 0, 1, "/bin/program", "", 0}};
     WriteTable(table);
@@ -77,8 +77,8 @@ TEST(HostStart, WaitsForTheLockOnTheDirectory) {
     ASSERT_EQ(flock(files, LOCK_EX), 0);
     CProgram host(HostWith({}));
     WaitUntil([&] {
-        const std::string folder = "/proc/" + std::to_string(host.Id()) + "/fd";
-        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        const std::string descriptors = "/proc/" + std::to_string(host.Id()) + "/fd";
+        for (const auto& entry : std::filesystem::directory_iterator(descriptors)) {
             std::error_code gone;
             if (std::filesystem::read_symlink(entry.path(), gone).filename() == "files")
                 return true;
@@ -92,20 +92,20 @@ TEST(HostStart, WaitsForTheLockOnTheDirectory) {
     EXPECT_EQ(host.Wait(), 0);
 }
 
-TEST(HostStart, GoesOverAHolderThatIsTakenForHungAndTells) {
+TEST(HostStartup, IgnoresAHolderThatIsTakenForHungAndWarns) {
     MakeStoreMutex();
     std::filesystem::create_directory("files");
     const int files = open("files", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(files, LOCK_EX), 0);
     vxsched::CStoreMutexLock hung(1h);
-    CHost host(HostWith({"--patience", "0"}));
-    EXPECT_EQ(host.CountInOutput("a client has kept the lock on the directory \"files\" for 0 ms"),
-              1U)
+    CHost host(HostWith({"--lock-timeout", "0"}));
+    EXPECT_EQ(host.CountInOutput("a client has held the writer lock for more than 0 ms"), 1U)
         << host.Output();
-    EXPECT_EQ(host.CountInOutput("going on without the store mutex: the store mutex is held, last "
-                                 "by process " +
-                                 std::to_string(getpid())),
-              1U)
+    EXPECT_EQ(
+        host.CountInOutput("continuing without the store mutex: the store mutex is held, last "
+                           "by process " +
+                           std::to_string(getpid())),
+        1U)
         << host.Output();
     hung.Forget();
     EXPECT_EQ(StoreSemaphoreValue(), 1);
@@ -115,9 +115,9 @@ TEST(HostStart, GoesOverAHolderThatIsTakenForHungAndTells) {
 
 // ---- What it cannot run with ------------------------------------------------------------------
 
-TEST(HostStart, TableThatALoadWouldNotComeBackFromIsMended) {
+TEST(HostStartup, TableThatWouldHangALoadIsRepaired) {
     const TRows table = {{"endless", 1000, 0, 0x10000000, "/bin/program", "", 0},
-                         {"sound", 4'000'000'000, 0, 1, "/bin/program", "", 0}};
+                         {"valid", 4'000'000'000, 0, 1, "/bin/program", "", 0}};
     WriteTable(table);
     const std::string before = ReadFile(cTable);
     CHost host;
@@ -126,11 +126,11 @@ TEST(HostStart, TableThatALoadWouldNotComeBackFromIsMended) {
     EXPECT_EQ(ReadTable().at(0).period, 1193046U);
     EXPECT_EQ(ReadTable().at(0).paused, 1U);
     EXPECT_EQ(ReadTable().at(1), table[1]);
-    EXPECT_EQ(ReadFile(PutAsideFile()), before);
+    EXPECT_EQ(ReadFile(QuarantinedFile()), before);
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostStart, OddTableIsLoadedAndTold) {
+TEST(HostStartup, UnusualTableIsLoadedAndReported) {
     WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", "", 7}});
     CHost host;
     EXPECT_EQ(host.CountInOutput("the pause flag of task 1 is 7"), 1U) << host.Output();
@@ -153,29 +153,29 @@ static void ExpectRefused(int status, const std::string& message) {
     EXPECT_EQ(check.Wait(), status) << check.Output();
 }
 
-TEST(HostStart, TableThatMayNotBeReadOrWrittenIsRefused) {
+TEST(HostStartup, TableThatMayNotBeReadOrWrittenIsRefused) {
     WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", "", 0}});
     ASSERT_EQ(chmod(cTable, 0), 0);
-    ExpectRefused(3, "files/scheduler.dat: Permission denied. Run vxschedd as a user who may");
+    ExpectRefused(3, "files/scheduler.dat: Permission denied. Run vxschedd as a user with");
     ASSERT_EQ(chmod(cTable, 0444), 0);
-    ExpectRefused(3, "files/scheduler.dat: Permission denied. Run vxschedd as a user who may");
+    ExpectRefused(3, "files/scheduler.dat: Permission denied. Run vxschedd as a user with");
 }
 
-TEST(HostStart, PipeInThePlaceOfTheTableIsRefused) {
+TEST(HostStartup, PipeInThePlaceOfTheTableIsRefused) {
     std::filesystem::create_directory("files");
     ASSERT_EQ(mkfifo(cTable, 0644), 0);
     CProgram host({HOST_PROGRAM, "--directory", "."});
     EXPECT_EQ(host.Wait(), 6);
-    EXPECT_NE(host.Output().find("files/scheduler.dat: it is no file"), std::string::npos)
+    EXPECT_NE(host.Output().find("files/scheduler.dat: it is not a file"), std::string::npos)
         << host.Output();
 }
 
-TEST(HostStart, LinkToNoTableIsToldWithWhereItLeads) {
+TEST(HostStartup, LinkToNoTableIsReportedWithItsTarget) {
     std::filesystem::create_directory("files");
     std::filesystem::create_symlink("/no/disk/scheduler.dat", cTable);
     const char* const message =
-        "files/scheduler.dat is a link to /no/disk/scheduler.dat, which is not "
-        "there";
+        "files/scheduler.dat is a link to /no/disk/scheduler.dat, which does not "
+        "exist";
     CProgram check(HostWith({"--check"}));
     EXPECT_EQ(check.Wait(), 0);
     EXPECT_NE(check.Output().find(message), std::string::npos) << check.Output();
@@ -184,7 +184,7 @@ TEST(HostStart, LinkToNoTableIsToldWithWhereItLeads) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostStart, LinkToATableIsAsGoodAsIt) {
+TEST(HostStartup, LinkToATableIsAsGoodAsIt) {
     WriteTable({{"task", 4'000'000'000, 0, 1, "/bin/program", "", 0}});
     std::filesystem::rename(cTable, "elsewhere");
     std::filesystem::create_symlink("../elsewhere", cTable);
@@ -194,7 +194,7 @@ TEST(HostStart, LinkToATableIsAsGoodAsIt) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostStart, TableLargerThanAnyIsRefused) {
+TEST(HostStartup, TableLargerThanAnyIsRefused) {
     WriteTable({});
     std::filesystem::resize_file(cTable, 1ULL << 42);
     CProgram host({HOST_PROGRAM, "--directory", "."});
@@ -204,25 +204,25 @@ TEST(HostStart, TableLargerThanAnyIsRefused) {
         << host.Output();
 }
 
-TEST(HostStart, MutexThatMayNotBeUsedIsRefused) {
+TEST(HostStartup, MutexThatMayNotBeUsedIsRefused) {
     TakeAllAccess(MakeStoreMutex());
     ExpectRefused(7, "the store mutex: Permission denied; run as the user");
 }
 
-TEST(HostStart, EventThatMayNotBeUsedIsRefused) {
+TEST(HostStartup, EventThatMayNotBeUsedIsRefused) {
     const CEvent event(cStopEvent, false);
     TakeAllAccess(TheOnlySet());
     CProgram host(ThisProgramAs("HostWithoutCapabilities"));
     EXPECT_EQ(host.Wait(), 7);
     EXPECT_NE(host.Output().find("cannot open the event \"libVantrixScheduler.so\": Permission "
-                                 "denied. Run vxschedd as the user who owns the semaphores"),
+                                 "denied. Run vxschedd as the owner of the semaphores"),
               std::string::npos)
         << host.Output();
 }
 
-// ---- Traps around the IPC namespace -----------------------------------------------------------
+// ---- Pitfalls of the IPC namespace ------------------------------------------------------------
 
-TEST(HostStart, RemovedLockFileLetsNoSecondHostIn) {
+TEST(HostStartup, RemovedLockFileLetsNoSecondHostIn) {
     CHost first;
     std::filesystem::remove("files/vxschedd.lock");
     CProgram second(HostWith({}));
@@ -230,28 +230,28 @@ TEST(HostStart, RemovedLockFileLetsNoSecondHostIn) {
     EXPECT_EQ(first.Stop(), 0);
 }
 
-TEST(HostStart, AnotherSchedulingProcessInTheNamespaceIsWarnedOf) {
+TEST(HostStartup, AnotherSchedulingProcessInTheNamespaceIsWarnedOf) {
     std::filesystem::create_directory("other");
     CHost first({HOST_PROGRAM, "--directory", "other"});
     EXPECT_EQ(first.CountInOutput("IPC namespace: the two share"), 0U) << first.Output();
     CHost second;
     EXPECT_EQ(second.CountInOutput("another scheduling process runs in this IPC namespace"), 1U)
         << second.Output();
-    // It would take the signal by which the second one is stopped.
+    // Stopped cleanly, it could consume the signal that stops the second one.
     EXPECT_EQ(first.Stop(SIGKILL), 1000 + SIGKILL);
     EXPECT_EQ(second.Stop(), 0);
 }
 
-TEST(HostStart, ClientInTheNamespaceIsToldApartFromAHost) {
+TEST(HostStartup, ClientInTheNamespaceIsDistinguishedFromAHost) {
     std::filesystem::create_directory("files");
     const CAddinLibrary client;
     CHost host;
     EXPECT_EQ(host.CountInOutput("another scheduling process"), 0U) << host.Output();
-    EXPECT_EQ(host.CountInOutput("the add-in is loaded 1 time(s) elsewhere"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("the add-in is loaded 1 time(s) by other"), 1U) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostStart, AloneInTheNamespaceItWarnsOfNobody) {
+TEST(HostStartup, AloneInTheNamespaceItWarnsOfNobody) {
     CHost host;
     EXPECT_EQ(host.CountInOutput("another scheduling process"), 0U) << host.Output();
     EXPECT_EQ(host.CountInOutput("the add-in is loaded"), 0U) << host.Output();

@@ -1,5 +1,5 @@
-// The scheduler's own source with a few file-local functions made callable, as a library to load in
-// a test's own namespace and directory.
+// The scheduler's source with a few file-local functions exported, as a library that tests load in
+// a namespace and directory of their own.
 
 #include "scheduler/Scheduler.cpp"
 

@@ -25,7 +25,7 @@ static const std::string cPrograms[] = {
     "/p/" + std::string(300, 'n'),
 };
 
-// What a start ends the process over, and what only a file can hold.
+// Programs whose launch aborts the process, and programs that only a file can hold.
 static const std::string cOddPrograms[] = {
     "script.sh",       "C.EXE",  "a.exe2",         "/bin/zero\0.exe"s,
     "/bin/zero.\0sh"s, "\0exe"s, "/bin/z.exe\0e"s,
@@ -60,7 +60,7 @@ std::size_t CChoices::Below(std::size_t count) {
     return (taken < record.size() ? record[taken++] : std::uint8_t{0}) % count;
 }
 
-TText CChoices::Name() {
+TOptionalString CChoices::Name() {
     const std::size_t choice = Below(256);
     if (choice == 255)
         return {};
@@ -85,7 +85,7 @@ std::uint32_t CChoices::Period() {
     return cPeriods[choice % std::size(cPeriods)];
 }
 
-TText CChoices::Program() {
+TOptionalString CChoices::Program() {
     const std::size_t choice = Below(256);
     if (choice >= 254)
         return {};
@@ -94,7 +94,7 @@ TText CChoices::Program() {
     return cPrograms[choice % std::size(cPrograms)];
 }
 
-TText CChoices::Parameters() {
+TOptionalString CChoices::Parameters() {
     const std::size_t choice = Below(256);
     if (choice >= 254)
         return {};

@@ -9,18 +9,18 @@
 
 #include "CModel.h"
 
-// Eight bytes stand for an operation, or for a row of the table that the operation before it puts
-// down: what is left when a record is taken out of a sequence is a sequence again.
+// Eight bytes encode an operation, or a row of the table that the operation before it writes. A
+// sequence without one of its records is a valid sequence too.
 using TRecord = std::array<std::uint8_t, 8>;
 
-// A text handed to an exported function, or none.
-using TText = std::optional<std::string>;
+// A string passed to an exported function, or null.
+using TOptionalString = std::optional<std::string>;
 
-// The bytes of one record as choices, in order, and zeros when they have run out. The values meet
-// often and are now and then extreme.
+// The bytes of one record as choices, in order; zeros when they are used up. The values coincide
+// often and are sometimes extreme.
 class CChoices {
 public:
-    // Takes a record off the front of `records`, which must not be empty.
+    // Removes a record from the front of `records`, which must not be empty.
     CChoices(std::span<const TRecord>& records, const CModel& model);
 
     std::size_t Below(std::size_t count);
@@ -31,13 +31,13 @@ public:
         return options[Below(std::size(options))];
     }
 
-    TText Name();         // mostly one that is in the file
-    std::int64_t Time();  // mostly around the clock
+    TOptionalString Name();  // mostly one that is in the file
+    std::int64_t Time();     // mostly around the clock
     std::uint32_t Period();
-    TText Program();
-    TText Parameters();
+    TOptionalString Program();
+    TOptionalString Parameters();
 
-    // At most `count`: each takes another record.
+    // At most `count` rows; each uses another record.
     TRows Rows(std::size_t count);
 
     const CModel& Model() const { return model; }

@@ -6,25 +6,25 @@
 #include <cstdint>
 #include <utility>
 
-// The library's loop goes one step at a time, and a start that fails and is signalled at the very
-// second it is due is made again and again: beyond these numbers an operation counts as endless.
+// The library's catch-up advances one period at a time, and a launch that fails and is signalled in
+// the very second it is due is repeated: beyond these numbers an operation counts as endless.
 static constexpr std::uint64_t cMostSteps = 10'000;
 static constexpr std::size_t cMostHappenings = 200;
 
-static constexpr std::size_t cProbeCapacity = 1023;  // and the zero behind it
+static constexpr std::size_t cProbeCapacity = 1023;  // without the terminating zero
 
-// The part of a text that is seen through a pointer to its first character.
-static std::string Terminated(const std::string& text) {
-    return text.substr(0, text.find('\0'));
+// The part of a string that a C string function sees.
+static std::string Terminated(const std::string& value) {
+    return value.substr(0, value.find('\0'));
 }
 
-static std::string TextOrEmpty(const char* text) {
-    return text == nullptr ? std::string() : text;
+static std::string StringOrEmpty(const char* value) {
+    return value == nullptr ? std::string() : value;
 }
 
-// ---- The store: mutex, list, file -------------------------------------------------------------------------
+// ---- The store: mutex, list, file ---------------------------------------------------------------
 
-// The store mutex, from here to the end of the scope, whichever way that is left.
+// Holds the store mutex to the end of the scope, also when an exception leaves it.
 class CModel::CHold {
 public:
     explicit CHold(CModel& held) : model(held) { Add(-1); }
@@ -32,7 +32,7 @@ public:
     CHold(const CHold&) = delete;
     CHold& operator=(const CHold&) = delete;
 
-    void ReleaseEarly() { Add(1); }  // the release at the end comes all the same
+    void ReleaseEarly() { Add(1); }  // the destructor releases once more
 
 private:
     void Add(int count) {
@@ -69,7 +69,7 @@ bool CModel::BringUpToDate() {
 }
 
 void CModel::WriteTable() {
-    if (place == TPlace::cNoFolder || place == TPlace::cDirectory)
+    if (place == TPlace::cNoDirectory || place == TPlace::cDirectory)
         return;
     const std::string bytes = BytesOf(list);
     if (!room || bytes.size() <= *room) {
@@ -93,10 +93,10 @@ void CModel::Log(const std::string& line) {
         throw TLogFailure();
 }
 
-// ---- The schedule -----------------------------------------------------------------------------------------
+// ---- The schedule -------------------------------------------------------------------------------
 
-// The position of the task that it removed, if any: not always that of the one it was given.
-std::optional<std::size_t> CModel::MoveOn(TRow& task) {
+// Returns the position of the task that it removed, if any: not always the position of `task`.
+std::optional<std::size_t> CModel::Reschedule(TRow& task) {
     if (clock < task.next)
         return {};
     if (task.period == 0) {
@@ -127,13 +127,13 @@ static bool HasOtherExtension(const std::string& path) {
     return name.substr(dot) != ".exe";
 }
 
-void CModel::Start(TRow& task) {
+void CModel::Launch(TRow& task) {
     if (HasOtherExtension(Terminated(task.program)) || happened.size() > cMostHappenings)
         throw TForbidden();
     while (!task.program.empty() &&
            std::string(".exe").find(task.program.back()) != std::string::npos)
         task.program.pop_back();
-    const TStarting how = starts[startCount++ % starts.size()];
+    const TLaunchOutcome how = outcomes[launchCount++ % outcomes.size()];
     const std::string path = Terminated(task.program);
     happened.push_back(Started(path, {path, Terminated(task.parameters)}, semaphore));
     if (how.signals)
@@ -143,7 +143,7 @@ void CModel::Start(TRow& task) {
     if (how.loads)
         LoadElsewhere();
     if (how.fails) {
-        Log(cStartFailed);
+        Log(cLaunchFailed);
         return;
     }
     happened.emplace_back(cWaitedForChild);
@@ -167,10 +167,10 @@ void CModel::Tick() {
         if (list[position].paused != 0 || now < list[position].next)
             continue;
         const std::size_t count = list.size();
-        Start(list[position]);
-        MoveOn(list[position]);
+        Launch(list[position]);
+        Reschedule(list[position]);
         changed = true;
-        // Back to the first task, which the step to the next one then passes over.
+        // Back to the first task, which the step to the next one then skips.
         if (signalled || list.size() != count)
             position = 0;
     }
@@ -185,8 +185,8 @@ void CModel::StartUp() {
     list.clear();
     ReadTable();
     for (std::size_t position = 0; position < list.size();) {
-        const std::optional<std::size_t> removed = MoveOn(list[position]);
-        // The walk has taken its next position before: a task removed from there ends it badly.
+        const std::optional<std::size_t> removed = Reschedule(list[position]);
+        // The walk holds its next position already: the removal of that task would invalidate it.
         if (removed == position + 1)
             throw TForbidden();
         if (!removed || *removed > position)
@@ -218,7 +218,7 @@ bool CModel::IsLoad() {
     return true;
 }
 
-// ---- The exported functions -------------------------------------------------------------------------------
+// ---- The exported functions ---------------------------------------------------------------------
 
 bool CModel::IsScheduled(const char* name) {
     const CHold hold(*this);
@@ -271,7 +271,7 @@ bool CModel::GetTaskPeriod(const char* name, unsigned int* period) {
     return true;
 }
 
-void CModel::CreateTask(const char* name, long start, unsigned int period, const char* program,
+void CModel::CreateTask(const char* name, long due, unsigned int period, const char* program,
                         const char* parameters) {
     const CHold hold(*this);
     BringUpToDate();
@@ -279,13 +279,13 @@ void CModel::CreateTask(const char* name, long start, unsigned int period, const
     const bool isNew = found == list.end();
     TRow fresh;
     TRow& task = isNew ? fresh : *found;
-    task.name = TextOrEmpty(name);
-    task.next = start;
+    task.name = StringOrEmpty(name);
+    task.next = due;
     task.period = period;
-    task.program = TextOrEmpty(program);
-    task.parameters = TextOrEmpty(parameters);
+    task.program = StringOrEmpty(program);
+    task.parameters = StringOrEmpty(parameters);
     task.paused = 0;
-    MoveOn(task);
+    Reschedule(task);
     if (isNew)
         list.push_back(fresh);
     WriteAndSignal();
@@ -318,7 +318,7 @@ void CModel::ResumeTask(const char* name) {
     const TPosition task = Find(name);
     if (task != list.end()) {
         task->paused = 0;
-        MoveOn(*task);
+        Reschedule(*task);
     }
     WriteAndSignal();
 }
@@ -335,7 +335,7 @@ bool CModel::SetTaskPeriod(const char* name, unsigned int period) {
         task->next = static_cast<std::int64_t>(static_cast<std::uint64_t>(task->next) -
                                                static_cast<std::uint64_t>(old));
         task->period = period;
-        MoveOn(*task);
+        Reschedule(*task);
     }
     WriteAndSignal();
     return found;
@@ -350,11 +350,11 @@ void CModel::ExecuteTaskNow(const char* name, bool force) {
     const TPosition task = Find(name);
     if (task == list.end())
         return;
-    Start(*task);
+    Launch(*task);
     WriteTable();
 }
 
-// ---- The world around it ----------------------------------------------------------------------------------
+// ---- The environment ----------------------------------------------------------------------------
 
 void CModel::SetClock(time_t time) {
     clock = time;
@@ -371,7 +371,7 @@ void CModel::SetSignalled(bool signal) {
 void CModel::PutTable(const TRows& rows, const std::string& following) {
     PutOther(TPlace::cFile);
     table = rows;
-    behind = following;
+    trailing = following;
 }
 
 void CModel::PutDamaged(const std::string& bytes) {
@@ -389,11 +389,11 @@ void CModel::PutOther(TPlace::TKind kind) {
 void CModel::CutFile(std::size_t bytes) {
     if (place != TPlace::cFile || bytes == 0)
         return;
-    if (!damaged && bytes <= behind.size()) {
-        behind.resize(behind.size() - bytes);
+    if (!damaged && bytes <= trailing.size()) {
+        trailing.resize(trailing.size() - bytes);
         return;
     }
-    std::string all = damaged ? damage : BytesOf(table) + behind;
+    std::string all = damaged ? damage : BytesOf(table) + trailing;
     all.resize(all.size() - std::min(bytes, all.size()));
     PutDamaged(all);
 }
@@ -402,9 +402,9 @@ void CModel::SetRoom(std::optional<std::size_t> bytes) {
     room = bytes;
 }
 
-void CModel::SetStarts(const std::vector<TStarting>& behaviours) {
-    starts = behaviours;
-    startCount = 0;
+void CModel::SetLaunches(const std::vector<TLaunchOutcome>& launchOutcomes) {
+    outcomes = launchOutcomes;
+    launchCount = 0;
 }
 
 void CModel::SetListing(const std::optional<std::string>& output) {
@@ -424,11 +424,11 @@ void CModel::LoadElsewhere() {
     semaphore = 1;
 }
 
-TSight CModel::Look() {
+TSight CModel::Observe() {
     TSight sight;
     sight.place.kind = place;
     if (place == TPlace::cFile)
-        sight.place.bytes = damaged ? damage : BytesOf(table) + behind;
+        sight.place.bytes = damaged ? damage : BytesOf(table) + trailing;
     sight.list = list;
     sight.happened = std::exchange(happened, {});
     sight.signalled = signalled;

@@ -2,11 +2,11 @@
 
 #include "CSide.h"
 
-// The rules as values: what each operation answers and leaves behind. No file, semaphore, clock or
-// code of the library is touched.
+// A model of the rules in plain values: what each operation returns and how it changes the store.
+// It uses no file, semaphore, clock or code of the library.
 //
-// An operation that the rules make fatal or endless throws TForbidden and leaves the model in a
-// state of no use: try it on a copy.
+// An operation that the rules make fatal or endless throws TForbidden and leaves the model
+// unusable: try it on a copy.
 class CModel final : public CSide {
 public:
     struct TForbidden {};
@@ -16,7 +16,7 @@ public:
     void GetNextExecution(const char* name, long* next) override;
     void GetLastExecuted(const char* name, long* last) override;
     bool GetTaskPeriod(const char* name, unsigned int* period) override;
-    void CreateTask(const char* name, long start, unsigned int period, const char* program,
+    void CreateTask(const char* name, long due, unsigned int period, const char* program,
                     const char* parameters) override;
     void DestroyTask(const char* name) override;
     void PauseTask(const char* name) override;
@@ -32,17 +32,17 @@ public:
     void SetClock(time_t time) override;
     void UseThread(bool second) override;
     void SetSignalled(bool signal) override;
-    void PutTable(const TRows& rows, const std::string& behind) override;
+    void PutTable(const TRows& rows, const std::string& trailing) override;
     void PutDamaged(const std::string& bytes) override;
     void PutOther(TPlace::TKind kind) override;
     void CutFile(std::size_t bytes) override;
     void SetRoom(std::optional<std::size_t> bytes) override;
-    void SetStarts(const std::vector<TStarting>& behaviours) override;
+    void SetLaunches(const std::vector<TLaunchOutcome>& launchOutcomes) override;
     void SetListing(const std::optional<std::string>& output) override;
     void SetLogFails(bool fails) override;
     void RemoveSemaphore() override;
     void LoadElsewhere() override;
-    TSight Look() override;
+    TSight Observe() override;
 
     time_t Clock() const { return clock; }
     const TRows& Table() const { return table; }
@@ -57,17 +57,17 @@ private:
     bool BringUpToDate();
     void WriteTable();
     void WriteAndSignal();
-    std::optional<std::size_t> MoveOn(TRow& task);
-    void Start(TRow& task);
+    std::optional<std::size_t> Reschedule(TRow& task);
+    void Launch(TRow& task);
     void StartUp();
     void Log(const std::string& line);
 
     TRows list;
-    TPlace::TKind place = TPlace::cNoFolder;
-    TRows table;         // what a file holds that is not damaged,
-    std::string behind;  // what follows it there,
+    TPlace::TKind place = TPlace::cNoDirectory;
+    TRows table;           // of a file that is not damaged
+    std::string trailing;  // bytes after that table
     bool damaged = false;
-    std::string damage;  // and all that a damaged one holds
+    std::string damage;  // all bytes of a damaged file
     std::optional<std::size_t> room;
 
     bool signalled = false;
@@ -77,8 +77,8 @@ private:
     TThread schedulingThread = cNone;
 
     time_t clock = 0;
-    std::vector<TStarting> starts = {{}};
-    std::size_t startCount = 0;  // since the behaviours were set
+    std::vector<TLaunchOutcome> outcomes = {{}};
+    std::size_t launchCount = 0;  // since the outcomes were set
     std::optional<std::string> listing;
     bool logFails = false;
     std::vector<std::string> happened;

@@ -9,28 +9,27 @@
 
 using namespace std::string_literals;
 
-static const char* Pointer(const TText& text) {
-    return text ? text->c_str() : nullptr;
+static const char* Pointer(const TOptionalString& value) {
+    return value ? value->c_str() : nullptr;
 }
 
-// ---- The exported functions and the add-in object -----------------------------------------------------------
+// ---- The exported functions and the add-in object -----------------------------------------------
 
 static COperation Create(CChoices& choices) {
-    const TText name = choices.Name();
-    const std::int64_t start = choices.Time();
+    const TOptionalString name = choices.Name();
+    const std::int64_t due = choices.Time();
     const std::uint32_t period = choices.Period();
-    const TText program = choices.Program();
-    const TText parameters = choices.Parameters();
-    return {"CreateTask(" + Worded(name) + ", " + std::to_string(start) + ", " +
+    const TOptionalString program = choices.Program();
+    const TOptionalString parameters = choices.Parameters();
+    return {"CreateTask(" + Worded(name) + ", " + std::to_string(due) + ", " +
                 std::to_string(period) + ", " + Worded(program) + ", " + Worded(parameters) + ")",
             [=](CSide& side) {
-                side.CreateTask(Pointer(name), start, period, Pointer(program),
-                                Pointer(parameters));
+                side.CreateTask(Pointer(name), due, period, Pointer(program), Pointer(parameters));
                 return ""s;
             }};
 }
 
-static COperation OfName(const char* function, const TText& name,
+static COperation OfName(const char* function, const TOptionalString& name,
                          void (CSide::*call)(const char*)) {
     return {function + "("s + Worded(name) + ")", [=](CSide& side) {
                 (side.*call)(Pointer(name));
@@ -38,13 +37,13 @@ static COperation OfName(const char* function, const TText& name,
             }};
 }
 
-static COperation OfName(const char* function, const TText& name,
+static COperation OfName(const char* function, const TOptionalString& name,
                          bool (CSide::*call)(const char*)) {
     return {function + "("s + Worded(name) + ")",
             [=](CSide& side) { return Worded((side.*call)(Pointer(name))); }};
 }
 
-static COperation OfName(const char* function, const TText& name,
+static COperation OfName(const char* function, const TOptionalString& name,
                          void (CSide::*call)(const char*, long*)) {
     return {function + "("s + Worded(name) + ")", [=](CSide& side) {
                 long time = 4711;
@@ -66,14 +65,14 @@ static COperation Resume(CChoices& choices) {
 }
 
 static COperation SetPeriod(CChoices& choices) {
-    const TText name = choices.Name();
+    const TOptionalString name = choices.Name();
     const std::uint32_t period = choices.Period();
     return {"SetTaskPeriod(" + Worded(name) + ", " + std::to_string(period) + ")",
             [=](CSide& side) { return Worded(side.SetTaskPeriod(Pointer(name), period)); }};
 }
 
 static COperation ExecuteNow(CChoices& choices) {
-    const TText name = choices.Name();
+    const TOptionalString name = choices.Name();
     const bool force = choices.Below(2) == 0;
     return {"ExecuteTaskNow(" + Worded(name) + ", " + Worded(force) + ")", [=](CSide& side) {
                 side.ExecuteTaskNow(Pointer(name), force);
@@ -82,7 +81,7 @@ static COperation ExecuteNow(CChoices& choices) {
 }
 
 static COperation Query(CChoices& choices) {
-    const TText name = choices.Name();
+    const TOptionalString name = choices.Name();
     switch (choices.Below(4)) {
         case 0:
             return OfName("IsScheduled", name, &CSide::IsScheduled);
@@ -103,8 +102,8 @@ static COperation AskRunning(CChoices& choices) {
     return OfName("IsTaskRunning", choices.Name(), &CSide::IsTaskRunning);
 }
 
-static COperation Plain(const char* text, void (CSide::*call)()) {
-    return {text, [=](CSide& side) {
+static COperation Plain(const char* description, void (CSide::*call)()) {
+    return {description, [=](CSide& side) {
                 (side.*call)();
                 return ""s;
             }};
@@ -125,7 +124,7 @@ static COperation Object(CChoices& choices) {
         case 1:
             return Plain("Unload() of the add-in", &CSide::Unload);
         case 2:
-            return Plain("the add-in is destroyed and made again", &CSide::Rebuild);
+            return Plain("the add-in is destroyed and created again", &CSide::Rebuild);
         case 3:
             return {"isLoad() after calls that change nothing",
                     [](CSide& side) { return Worded(side.IsLoad()); }};
@@ -134,12 +133,12 @@ static COperation Object(CChoices& choices) {
     }
 }
 
-// ---- The file ---------------------------------------------------------------------------------------------
+// ---- The file -----------------------------------------------------------------------------------
 
-static COperation PutRows(const std::string& what, const TRows& rows, const std::string& behind,
+static COperation PutRows(const std::string& what, const TRows& rows, const std::string& trailing,
                           bool signals) {
     return {what + (signals ? " and signals" : "") + Worded(rows), [=](CSide& side) {
-                side.PutTable(rows, behind);
+                side.PutTable(rows, trailing);
                 if (signals)
                     side.SetSignalled(true);
                 return ""s;
@@ -148,10 +147,10 @@ static COperation PutRows(const std::string& what, const TRows& rows, const std:
 
 static COperation PutTable(CChoices& choices) {
     const bool signals = choices.Below(3) != 0;
-    const std::string behind = choices.OneIn(16) ? "behind" : "";
+    const std::string trailing = choices.OneIn(16) ? "trailing" : "";
     return PutRows(
-        "another process writes a table" + (behind.empty() ? "" : " with more behind it"s),
-        choices.Rows(choices.Below(5)), behind, signals);
+        "another process writes a table" + (trailing.empty() ? "" : " with trailing bytes"s),
+        choices.Rows(choices.Below(5)), trailing, signals);
 }
 
 static COperation AddRow(CChoices& choices) {
@@ -167,16 +166,16 @@ static COperation Damage(CChoices& choices) {
     if (rows.empty())
         rows.emplace_back();
     std::string bytes = BytesOf(rows);
-    std::string text = "the file's count is too large";
+    std::string description = "the file's count is too large";
     if (choices.Below(2) == 0) {
         ++bytes[choices.Below(8)];
     } else {
-        text = "the file's first text is too long";
+        description = "the file's first string is too long";
         bytes[8 + choices.Below(4)] = '\x7f';
         bytes[9] = '\x7f';
         bytes[10] = '\x7f';
     }
-    return {text, [=](CSide& side) {
+    return {description, [=](CSide& side) {
                 side.PutDamaged(bytes);
                 return ""s;
             }};
@@ -192,12 +191,12 @@ static COperation Cut(CChoices& choices) {
 
 static COperation PutOther(CChoices& choices) {
     static constexpr std::pair<TPlace::TKind, const char*> cPlaces[] = {
-        {TPlace::cNothing, "the file is deleted, the folder there"},
-        {TPlace::cNoFolder, "the folder is removed"},
-        {TPlace::cDirectory, "a folder is in the file's place"},
+        {TPlace::cNothing, "the file is deleted, its directory stays"},
+        {TPlace::cNoDirectory, "the directory is removed"},
+        {TPlace::cDirectory, "a directory is in the file's place"},
     };
-    const auto [kind, text] = choices.Of(cPlaces);
-    return {text, [place = kind](CSide& side) {
+    const auto [kind, description] = choices.Of(cPlaces);
+    return {description, [place = kind](CSide& side) {
                 side.PutOther(place);
                 return ""s;
             }};
@@ -215,10 +214,10 @@ static COperation LimitRoom(CChoices& choices) {
             }};
 }
 
-// ---- The world around it ----------------------------------------------------------------------------------
+// ---- The environment ----------------------------------------------------------------------------
 
 COperation COperation::SetClock(std::int64_t time) {
-    return {"the clock says " + std::to_string(time), [=](CSide& side) {
+    return {"the clock is set to " + std::to_string(time), [=](CSide& side) {
                 side.SetClock(time);
                 return ""s;
             }};
@@ -227,7 +226,7 @@ COperation COperation::SetClock(std::int64_t time) {
 static constexpr std::int64_t cDay = 86'400;
 static constexpr std::int64_t cMoves[] = {1, 2, 60, 100, 3600, 3598, cDay, 365 * cDay};
 
-// From none of them does a sum leave the range.
+// No sum of one of them and a period leaves the range.
 static constexpr std::int64_t cClocks[] = {
     1'700'000'000, 1'700'000'000, 0, -7200, 1L << 32, INT64_MAX / 2, INT64_MIN / 2,
 };
@@ -241,12 +240,12 @@ static COperation JumpClock(CChoices& choices) {
     return COperation::SetClock(choices.Of(cClocks));
 }
 
-// To the second at which a task of the file is due, or one beside it.
+// To the second at which a task of the file is due, or one second before or after it.
 static COperation ClockToTask(CChoices& choices) {
     const TRows& rows = choices.Model().Table();
     const std::int64_t next = rows.empty() ? 0 : rows[choices.Below(rows.size())].next;
-    const std::int64_t beside = static_cast<std::int64_t>(choices.Below(3)) - 1;
-    return COperation::SetClock(std::clamp(next, INT64_MIN / 2, INT64_MAX / 2) + beside);
+    const std::int64_t difference = static_cast<std::int64_t>(choices.Below(3)) - 1;
+    return COperation::SetClock(std::clamp(next, INT64_MIN / 2, INT64_MAX / 2) + difference);
 }
 
 static COperation Signal(CChoices& choices) {
@@ -266,25 +265,25 @@ static COperation ChooseThread(CChoices& choices) {
             }};
 }
 
-static COperation SetStarts(CChoices& choices) {
-    std::vector<TStarting> starts;
-    std::string text = "starts go, over and over:";
+static COperation SetLaunches(CChoices& choices) {
+    std::vector<TLaunchOutcome> outcomes;
+    std::string description = "launches, in turn:";
     for (std::size_t count = 1 + choices.Below(3); count > 0; --count) {
         const std::size_t bits = choices.Below(256);
-        const TStarting how{.fails = (bits & 1) != 0,
-                            .ended = (bits & 2) != 0,
-                            .signals = (bits & 12) == 12,
-                            .deletes = (bits & 0x30) == 0x30,
-                            .loads = (bits & 0xC0) == 0xC0};
-        starts.push_back(how);
-        text += how.fails ? " fails" : how.ended ? " ended at once" : " still running";
-        text += how.signals ? ", signals" : "";
-        text += how.deletes ? ", deletes the file" : "";
-        text += how.loads ? ", loads elsewhere" : "";
-        text += count > 1 ? ";" : "";
+        const TLaunchOutcome how{.fails = (bits & 1) != 0,
+                                 .ended = (bits & 2) != 0,
+                                 .signals = (bits & 12) == 12,
+                                 .deletes = (bits & 0x30) == 0x30,
+                                 .loads = (bits & 0xC0) == 0xC0};
+        outcomes.push_back(how);
+        description += how.fails ? " fails" : how.ended ? " ended at once" : " still running";
+        description += how.signals ? ", signals" : "";
+        description += how.deletes ? ", deletes the file" : "";
+        description += how.loads ? ", loads elsewhere" : "";
+        description += count > 1 ? ";" : "";
     }
-    return {text, [=](CSide& side) {
-                side.SetStarts(starts);
+    return {description, [=](CSide& side) {
+                side.SetLaunches(outcomes);
                 return ""s;
             }};
 }
@@ -305,7 +304,7 @@ static COperation SetListing(CChoices& choices) {
             listing = "  1 ?  00:00:00 " + program + ".bin\n";
             break;
         default: {
-            // Around the end of what is looked at.
+            // Around the end of the part that is searched.
             const std::size_t length = 1020 + choices.Below(8);
             listing = std::string(length - std::min(length, program.size()), '-') + program + '\n';
         }
@@ -331,17 +330,17 @@ static COperation TouchSemaphore(CChoices& choices) {
     return Plain("another process loads the library", &CSide::LoadElsewhere);
 }
 
-// ---- Records ----------------------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 static const struct {
     std::size_t weight;
     COperation (*make)(CChoices& choices);
 } cKinds[] = {
-    {28, Create},      {8, Destroy},    {9, Pause},      {12, Resume},     {16, SetPeriod},
-    {16, ExecuteNow},  {18, Query},     {9, AskRunning}, {40, Tick},       {7, Object},
-    {16, PutTable},    {5, AddRow},     {3, Damage},     {4, Cut},         {4, PutOther},
-    {4, LimitRoom},    {14, MoveClock}, {3, JumpClock},  {8, ClockToTask}, {6, Signal},
-    {6, ChooseThread}, {9, SetStarts},  {6, SetListing}, {3, SetLogFails}, {2, TouchSemaphore},
+    {28, Create},      {8, Destroy},     {9, Pause},      {12, Resume},     {16, SetPeriod},
+    {16, ExecuteNow},  {18, Query},      {9, AskRunning}, {40, Tick},       {7, Object},
+    {16, PutTable},    {5, AddRow},      {3, Damage},     {4, Cut},         {4, PutOther},
+    {4, LimitRoom},    {14, MoveClock},  {3, JumpClock},  {8, ClockToTask}, {6, Signal},
+    {6, ChooseThread}, {9, SetLaunches}, {6, SetListing}, {3, SetLogFails}, {2, TouchSemaphore},
 };
 
 COperation COperation::From(std::span<const TRecord>& records, const CModel& model) {

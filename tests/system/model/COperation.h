@@ -8,30 +8,31 @@
 
 #include "CChoices.h"
 
-// One thing done to a side, ready to be done to both.
+// One operation, to be applied to both sides.
 class COperation {
 public:
     using TAct = std::function<std::string(CSide&)>;
 
-    COperation(std::string wording, TAct what) : text(std::move(wording)), act(std::move(what)) {}
+    COperation(std::string words, TAct what)
+        : description(std::move(words)), act(std::move(what)) {}
 
-    // Takes one record off the front of `records`, which must not be empty, and one for each row of
-    // a table. What comes out fits what the model holds: names that are there, times around its
-    // clock.
+    // Decodes one record from the front of `records`, which must not be empty, and one more for
+    // each row of a table. The operation fits the state of the model: names in its table, times
+    // around its clock.
     static COperation From(std::span<const TRecord>& records, const CModel& model);
 
-    // Likewise, but one that puts something in the place of the task file.
+    // Likewise, but an operation that puts something in the place of the task file.
     static COperation PlaceFrom(std::span<const TRecord>& records, const CModel& model);
 
     static COperation Reload();
     static COperation SetClock(std::int64_t time);
 
-    const std::string& Text() const { return text; }
+    const std::string& Description() const { return description; }
 
-    // What it answered, as text.
+    // Applies it to `side` and returns the answer as a string.
     std::string DoTo(CSide& side) const;
 
 private:
-    std::string text;
+    std::string description;
     TAct act;
 };

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-// A thread that runs what it is given, one thing after the other, while the giver waits for it.
+// A thread that runs functions one after the other, each while the caller of Run() waits.
 class CSecondThread {
 public:
     CSecondThread() = default;
@@ -14,7 +14,7 @@ public:
     CSecondThread(const CSecondThread&) = delete;
     CSecondThread& operator=(const CSecondThread&) = delete;
 
-    // Returns, or throws what `work` threw, once `work` has run.
+    // Runs `work` on the thread and waits for it. Throws what `work` threw.
     void Run(const std::function<void()>& work);
 
 private:

@@ -5,7 +5,7 @@
 #include "CWorld.h"
 #include "Wording.h"
 
-static constexpr std::int64_t cStart = 1'700'000'000;
+static constexpr std::int64_t cInitialTime = 1'700'000'000;
 
 static std::string Worded(const std::string& answer) {
     return answer;
@@ -16,8 +16,8 @@ static std::string Difference(const char* what, const Value& model, const Value&
     if (model == library)
         return {};
     const auto worded = [](const Value& value) {
-        const std::string text = Worded(value);
-        return text.empty() ? "nothing" : text;
+        const std::string words = Worded(value);
+        return words.empty() ? "nothing" : words;
     };
     return what + ("\n    by the rules: " + worded(model)) +
            "\n    the library:  " + worded(library) + '\n';
@@ -50,10 +50,11 @@ std::string CSequence::Do(const COperation& operation, CModel& model, CSide& wor
         return {};
     }
     model = std::move(after);
-    done += "    " + operation.Text() + '\n';
+    done += "    " + operation.Description() + '\n';
     ++doneCount;
     const std::string answer = operation.DoTo(world);
-    return Difference("the answer", expected, answer) + Difference(model.Look(), world.Look());
+    return Difference("the answer", expected, answer) +
+           Difference(model.Observe(), world.Observe());
 }
 
 std::string CSequence::Run() {
@@ -65,13 +66,13 @@ std::string CSequence::Run() {
         return {};
     CModel model;
     CWorld world;
-    const COperation setClock = COperation::SetClock(cStart);
+    const COperation setClock = COperation::SetClock(cInitialTime);
     setClock.DoTo(model);
     setClock.DoTo(world);
     const COperation place = COperation::PlaceFrom(left, model);
     place.DoTo(model);
     place.DoTo(world);
-    done = "    " + setClock.Text() + "\n    " + place.Text() + '\n';
+    done = "    " + setClock.Description() + "\n    " + place.Description() + '\n';
     std::string difference = Do(COperation::Reload(), model, world);
     if (leftOutCount > 0)
         return {};  // there is no library to do anything to

@@ -8,21 +8,22 @@
 
 #include "COperation.h"
 
-// Operations made of bytes, done to the library and to the model, which are compared after each.
-// Operations that the rules make fatal or endless are left out.
+// Decodes bytes to operations and applies them to the library and to the model, which are compared
+// after each. Operations that the rules make fatal or endless are skipped.
 class CSequence {
 public:
-    // Eight bytes an operation or a row; what is left over at the end is not used.
+    // Eight bytes per operation or row; fewer at the end are ignored.
     explicit CSequence(std::span<const std::uint8_t> bytes);
 
-    // Empty when the two sides agree throughout; else what was done and the first difference. The
-    // working directory must hold nothing called "files", and it is left so.
+    // Returns an empty string when the two sides agree throughout, otherwise the operations and the
+    // first difference. The working directory must not contain "files", and does not afterwards.
     std::string Run();
 
-    // Of a sequence that fails, one that still fails and of which nothing can be left out.
+    // Of a sequence that fails: a shorter one that still fails, and would not without any of its
+    // records.
     CSequence Shrunk() const;
 
-    // What the last run did, which is also what the one in progress has done so far.
+    // The operations of the last run, or so far of the one in progress.
     const std::string& Done() const { return done; }
     std::size_t DoneCount() const { return doneCount; }
     std::size_t LeftOutCount() const { return leftOutCount; }

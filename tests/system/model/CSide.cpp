@@ -6,10 +6,10 @@ static std::string Semaphore(int value) {
 
 std::string Started(const std::string& path, const std::vector<std::string>& arguments,
                     int semaphore) {
-    std::string text = "started " + path;
+    std::string line = "started " + path;
     for (const std::string& argument : arguments)
-        text += " [" + argument + ']';
-    return text + Semaphore(semaphore);
+        line += " [" + argument + ']';
+    return line + Semaphore(semaphore);
 }
 
 std::string Slept(unsigned int seconds, int semaphore) {

@@ -10,16 +10,17 @@
 
 // What is in the place of the task file.
 struct TPlace {
-    enum TKind { cNoFolder, cNothing, cDirectory, cFile };
+    enum TKind { cNoDirectory, cNothing, cDirectory, cFile };
 
-    TKind kind = cNoFolder;  // the folder "files" missing, empty, holding a folder or a file
-    std::string bytes;       // of the file
+    TKind kind =
+        cNoDirectory;   // directory "files": missing, empty, or holding a directory or a file
+    std::string bytes;  // of the file
 
     bool operator==(const TPlace&) const = default;
 };
 
-// How one start of a program goes, and what other processes do meanwhile.
-struct TStarting {
+// The outcome of one launch of a program, and what other processes do during it.
+struct TLaunchOutcome {
     bool fails = false;    // posix_spawn
     bool ended = false;    // by the time of waitpid
     bool signals = false;  // the task-changed event is signalled
@@ -39,15 +40,15 @@ struct TSight {
     bool operator==(const TSight&) const = default;
 };
 
-// One of the two sides that are compared: the model, and the library with a played world around it.
-// Each can be put through the same operations and looked at after each. It begins without a folder
-// "files", with the library not loaded: Reload() comes first.
+// One of the two sides that are compared: the model, and the library in a fake environment. The
+// same operations are applied to both, and both are observed after each. A side begins without a
+// directory "files" and with the library not loaded: call Reload() first.
 class CSide {
 public:
     CSide() = default;
     virtual ~CSide() = default;
 
-    // Thrown out of a call by the log while it is told to fail.
+    // Thrown out of a call by the log after SetLogFails(true).
     struct TLogFailure {};
 
     // The exported functions, called by the thread that UseThread() chose.
@@ -56,7 +57,7 @@ public:
     virtual void GetNextExecution(const char* name, long* next) = 0;
     virtual void GetLastExecuted(const char* name, long* last) = 0;
     virtual bool GetTaskPeriod(const char* name, unsigned int* period) = 0;
-    virtual void CreateTask(const char* name, long start, unsigned int period, const char* program,
+    virtual void CreateTask(const char* name, long due, unsigned int period, const char* program,
                             const char* parameters) = 0;
     virtual void DestroyTask(const char* name) = 0;
     virtual void PauseTask(const char* name) = 0;
@@ -69,43 +70,44 @@ public:
     virtual void Load() = 0;
     virtual void Unload() = 0;
 
-    // isLoad(), after the entry points were called in the ways that make and destroy nothing.
+    // isLoad(), after calls of the entry points that create and destroy nothing.
     virtual bool IsLoad() = 0;
 
-    // The library, by the first thread and with a log that does not fail: unloaded if it is loaded,
-    // and loaded; the add-in object destroyed and made again in the library that stays.
+    // On the first thread, with a log that does not fail. Reload() unloads the library if it is
+    // loaded, then loads it; Rebuild() destroys and creates the add-in object in the loaded
+    // library.
     virtual void Reload() = 0;
     virtual void Rebuild() = 0;
 
-    // The world around it.
+    // The environment.
     virtual void SetClock(time_t time) = 0;
     virtual void UseThread(bool second) = 0;
     virtual void SetSignalled(bool signalled) = 0;
-    virtual void PutTable(const TRows& rows, const std::string& behind) = 0;
+    virtual void PutTable(const TRows& rows, const std::string& trailing) = 0;
     virtual void PutDamaged(const std::string& bytes) = 0;
     virtual void PutOther(TPlace::TKind kind) = 0;         // anything but a file
-    virtual void CutFile(std::size_t bytes) = 0;           // takes them off a file's end
+    virtual void CutFile(std::size_t bytes) = 0;           // removes that many from a file's end
     virtual void SetRoom(std::optional<std::size_t>) = 0;  // bytes that a file can be written to
-    virtual void SetStarts(const std::vector<TStarting>& starts) = 0;  // over and over; not empty
-    virtual void SetListing(const std::optional<std::string>& output) = 0;  // none: no pipe
+    virtual void SetLaunches(const std::vector<TLaunchOutcome>& outcomes) = 0;  // cyclic; not empty
+    virtual void SetListing(const std::optional<std::string>& output) = 0;      // none: no pipe
     virtual void SetLogFails(bool fails) = 0;
     virtual void RemoveSemaphore() = 0;
-    virtual void LoadElsewhere() = 0;  // as far as the semaphore sees it
+    virtual void LoadElsewhere() = 0;  // its effect on the semaphore only
 
-    // `happened` begins anew with each look.
-    virtual TSight Look() = 0;
+    // Each call clears `happened`.
+    virtual TSight Observe() = 0;
 
 protected:
     CSide(const CSide&) = default;
     CSide& operator=(const CSide&) = default;
 };
 
-// How both sides word what happens.
+// The lines by which both sides report what happens.
 std::string Started(const std::string& path, const std::vector<std::string>& arguments,
                     int semaphore);
 std::string Slept(unsigned int seconds, int semaphore);
 std::string Logged(const std::string& line);
 std::string FlagSet(const std::string& flag, int value);
 std::string Probed(const std::string& command, const std::string& mode, int semaphore);
-inline constexpr char cWaitedForChild[] = "looked after the child once";
+inline constexpr char cWaitedForChild[] = "checked the child once";
 inline constexpr char cProbeClosed[] = "the probe was closed";

@@ -30,7 +30,7 @@ static void Require(bool condition, const char* what) {
     std::abort();
 }
 
-// ---- The file ---------------------------------------------------------------------------------------------
+// ---- The file -----------------------------------------------------------------------------------
 
 static void PutBytes(const std::string& bytes) {
     mkdir(cDirectory, 0755);
@@ -44,7 +44,7 @@ static void PutBytes(const std::string& bytes) {
 static TPlace LookAtPlace() {
     const int file = open(cTable, O_RDONLY | O_CLOEXEC);
     if (file == -1)
-        return {access(cDirectory, F_OK) == 0 ? TPlace::cNothing : TPlace::cNoFolder, {}};
+        return {access(cDirectory, F_OK) == 0 ? TPlace::cNothing : TPlace::cNoDirectory, {}};
     struct stat status {};
     fstat(file, &status);
     TPlace place{S_ISDIR(status.st_mode) ? TPlace::cDirectory : TPlace::cFile, {}};
@@ -56,8 +56,8 @@ static TPlace LookAtPlace() {
     return place;
 }
 
-void CWorld::PutTable(const TRows& rows, const std::string& behind) {
-    PutBytes(BytesOf(rows) + behind);
+void CWorld::PutTable(const TRows& rows, const std::string& trailing) {
+    PutBytes(BytesOf(rows) + trailing);
 }
 
 void CWorld::PutDamaged(const std::string& bytes) {
@@ -67,7 +67,7 @@ void CWorld::PutDamaged(const std::string& bytes) {
 void CWorld::PutOther(TPlace::TKind kind) {
     unlink(cTable);
     rmdir(cTable);
-    if (kind == TPlace::cNoFolder) {
+    if (kind == TPlace::cNoDirectory) {
         rmdir(cDirectory);
         return;
     }
@@ -84,13 +84,13 @@ void CWorld::CutFile(std::size_t bytes) {
     Require(truncate(cTable, std::max<off_t>(left, 0)) == 0, cTable);
 }
 
-// ---- The library ------------------------------------------------------------------------------------------
+// ---- The library --------------------------------------------------------------------------------
 
 CWorld::CWorld() : changed(cTaskChanged, true) {
     gWorld = this;
-    PutOther(TPlace::cNoFolder);
+    PutOther(TPlace::cNoDirectory);
     std::signal(SIGXFSZ, SIG_IGN);
-    system.onLaunch = [this](const CFakeSystem::TStart& start) { OnStart(start); };
+    system.onLaunch = [this](const CFakeSystem::TLaunch& launch) { OnLaunch(launch); };
     system.onSleep = [this] { OnSleep(); };
     VXC_SetLogSink(OnLog, this);
     VXC_SetInformationListener(OnInformation, this);
@@ -101,7 +101,7 @@ CWorld::~CWorld() {
     UnloadLibrary();
     VXC_SetInformationListener(nullptr, nullptr);
     VXC_SetLogSink(nullptr, nullptr);
-    PutOther(TPlace::cNoFolder);
+    PutOther(TPlace::cNoDirectory);
     gWorld = nullptr;
 }
 
@@ -129,17 +129,17 @@ void CWorld::UnloadLibrary() {
     library.reset();
 }
 
-// A tick over an empty list leaves nothing but the thread that made it.
+// A tick over an empty list only records its thread as the scheduling one.
 void CWorld::ForgetSchedulingThread() {
-    static CSecondThread nobody;
+    static CSecondThread idle;
     const bool signalled = changed.Wait(0) != 0;
     changed.ResetEvent();
     library->AddIn().Unload();
-    nobody.Run([this] { library->Tick(); });
+    idle.Run([this] { library->Tick(); });
     SetSignalled(signalled);
 }
 
-// The limit holds for the library alone: around it the files are the test's.
+// The limit applies to the library alone, not to the test's own files.
 void CWorld::WithRoom(const std::function<void()>& work) {
     if (!room) {
         work();
@@ -227,9 +227,9 @@ bool CWorld::GetTaskPeriod(const char* name, unsigned int* period) {
     return result;
 }
 
-void CWorld::CreateTask(const char* name, long start, unsigned int period, const char* program,
+void CWorld::CreateTask(const char* name, long due, unsigned int period, const char* program,
                         const char* parameters) {
-    InCall([&] { library->CreateTask(name, &start, period, program, parameters); });
+    InCall([&] { library->CreateTask(name, &due, period, program, parameters); });
 }
 
 void CWorld::DestroyTask(const char* name) {
@@ -254,7 +254,7 @@ void CWorld::ExecuteTaskNow(const char* name, bool force) {
     InCall([&] { library->ExecuteTaskNow(name, force); });
 }
 
-// ---- The world around it ----------------------------------------------------------------------------------
+// ---- The environment ----------------------------------------------------------------------------
 
 void CWorld::SetClock(time_t time) {
     system.now = time;
@@ -275,9 +275,9 @@ void CWorld::SetRoom(std::optional<std::size_t> bytes) {
     room = bytes;
 }
 
-void CWorld::SetStarts(const std::vector<TStarting>& behaviours) {
-    starts = behaviours;
-    startCount = 0;
+void CWorld::SetLaunches(const std::vector<TLaunchOutcome>& launchOutcomes) {
+    outcomes = launchOutcomes;
+    launchCount = 0;
 }
 
 void CWorld::SetListing(const std::optional<std::string>& output) {
@@ -296,7 +296,7 @@ void CWorld::LoadElsewhere() {
     Require(semctl(semget(cStoreKey, 1, IPC_CREAT | 0660), 0, SETVAL, 1) == 0, "semaphore");
 }
 
-TSight CWorld::Look() {
+TSight CWorld::Observe() {
     NoteWaits();
     TSight sight;
     sight.place = LookAtPlace();
@@ -311,26 +311,26 @@ TSight CWorld::Look() {
     return sight;
 }
 
-// ---- What happens -----------------------------------------------------------------------------------------
+// ---- What happens -------------------------------------------------------------------------------
 
-void CWorld::OnStart(const CFakeSystem::TStart& start) {
-    const TStarting how = starts[startCount++ % starts.size()];
-    happened.push_back(Started(start.path, start.arguments, StoreSemaphoreValue()));
-    if (!start.plain)
-        happened.emplace_back("it was not a plain start");
+void CWorld::OnLaunch(const CFakeSystem::TLaunch& launch) {
+    const TLaunchOutcome how = outcomes[launchCount++ % outcomes.size()];
+    happened.push_back(Started(launch.path, launch.arguments, StoreSemaphoreValue()));
+    if (!launch.plain)
+        happened.emplace_back("it was not a plain launch");
     if (how.signals)
         changed.SetEvent();
     if (how.deletes)
         unlink(cTable);
     if (how.loads)
         LoadElsewhere();
-    system.startResult = how.fails ? ENOENT : 0;
+    system.launchResult = how.fails ? ENOENT : 0;
     system.ended = how.ended;
 }
 
 void CWorld::NoteWaits() {
     for (; notedWaits < system.waits.size(); ++notedWaits) {
-        const pid_t last = cBeforeFirstProcess + static_cast<pid_t>(system.starts.size());
+        const pid_t last = cBeforeFirstProcess + static_cast<pid_t>(system.launches.size());
         const pid_t process = system.waits[notedWaits];
         happened.push_back(process == last ? cWaitedForChild
                                            : "waited for " + std::to_string(process));
@@ -355,7 +355,7 @@ void CWorld::OnInformation(const std::string& flag, int value, void* world) {
 }
 
 std::FILE* CWorld::OpenProbe(const std::string& command, const std::string& mode) {
-    // What follows the first letter is how the support library asks for a pipe that no child inherits.
+    // After the first letter the support library asks for a pipe that no child inherits.
     happened.push_back(Probed(command, mode.substr(0, 1), StoreSemaphoreValue()));
     if (!listing)
         return nullptr;
@@ -373,7 +373,10 @@ int CWorld::CloseProbe(std::FILE* pipe) {
     return std::fclose(pipe);
 }
 
-// ---- The dynamic linker lets these go before the system's own ---------------------------------------------
+// ---- Interposed: the dynamic linker finds these before libc's -----------------------------------
+
+// Called by the support library for the library's probe, on the thread of the call. While a world
+// exists they open and close a fake pipe; otherwise they do what libc does.
 
 extern "C" std::FILE* popen(const char* command, const char* mode) {
     if (gWorld != nullptr)

@@ -11,9 +11,9 @@
 #include "CSecondThread.h"
 #include "CSide.h"
 
-// The built library with its real file, semaphore and event, in the working directory and in this
-// process's IPC namespace, which are its own; the clock, the pauses, the programs' starts, the
-// probe's shell and the log are played. One at a time.
+// The built library with a real file, semaphore and event, in the working directory and in the IPC
+// namespace of this process; the clock, the pauses, the launches, the probe's shell and the log are
+// fakes. At most one exists at a time.
 class CWorld final : public CSide {
 public:
     CWorld();
@@ -21,9 +21,9 @@ public:
     CWorld(const CWorld&) = delete;
     CWorld& operator=(const CWorld&) = delete;
 
-    // From now on the library stays in the process where a world would unload it, and a thread that
-    // nobody else is ticks once instead, so that no other thread counts as the scheduling one. For
-    // programs that cannot bear an unload.
+    // From now on the library stays loaded where a world would unload it. Instead, a thread that is
+    // used for nothing else ticks once, so that no thread of the test is the scheduling one. For
+    // programs that cannot unload the library.
     static void KeepLibrary();
 
     bool IsScheduled(const char* name) override;
@@ -31,7 +31,7 @@ public:
     void GetNextExecution(const char* name, long* next) override;
     void GetLastExecuted(const char* name, long* last) override;
     bool GetTaskPeriod(const char* name, unsigned int* period) override;
-    void CreateTask(const char* name, long start, unsigned int period, const char* program,
+    void CreateTask(const char* name, long due, unsigned int period, const char* program,
                     const char* parameters) override;
     void DestroyTask(const char* name) override;
     void PauseTask(const char* name) override;
@@ -47,19 +47,19 @@ public:
     void SetClock(time_t time) override;
     void UseThread(bool second) override;
     void SetSignalled(bool signalled) override;
-    void PutTable(const TRows& rows, const std::string& behind) override;
+    void PutTable(const TRows& rows, const std::string& trailing) override;
     void PutDamaged(const std::string& bytes) override;
     void PutOther(TPlace::TKind kind) override;
     void CutFile(std::size_t bytes) override;
     void SetRoom(std::optional<std::size_t> bytes) override;
-    void SetStarts(const std::vector<TStarting>& behaviours) override;
+    void SetLaunches(const std::vector<TLaunchOutcome>& launchOutcomes) override;
     void SetListing(const std::optional<std::string>& output) override;
     void SetLogFails(bool fails) override;
     void RemoveSemaphore() override;
     void LoadElsewhere() override;
-    TSight Look() override;
+    TSight Observe() override;
 
-    // What the library's probe comes to instead of the system's own.
+    // popen and pclose of the library's probe.
     std::FILE* OpenProbe(const std::string& command, const std::string& mode);
     int CloseProbe(std::FILE* pipe);
 
@@ -71,7 +71,7 @@ private:
     void InCall(const std::function<void()>& work);
 
     void NoteWaits();
-    void OnStart(const CFakeSystem::TStart& start);
+    void OnLaunch(const CFakeSystem::TLaunch& launch);
     void OnSleep();
     static void OnLog(const std::string& line, void* world);
     static void OnInformation(const std::string& flag, int value, void* world);
@@ -82,8 +82,8 @@ private:
     bool onSecond = false;
     std::shared_ptr<CAddinLibrary> library;  // null while it is not loaded
 
-    std::vector<TStarting> starts = {{}};
-    std::size_t startCount = 0;
+    std::vector<TLaunchOutcome> outcomes = {{}};
+    std::size_t launchCount = 0;
     std::size_t notedWaits = 0;
     std::optional<std::string> listing;
     std::optional<std::size_t> room;

@@ -2,15 +2,15 @@
 
 #include <cstdio>
 
-std::string Quoted(const std::string& text) {
+std::string Quoted(const std::string& value) {
     static constexpr std::size_t cShown = 48;
     std::string quoted = "\"";
-    for (std::size_t index = 0; index < text.size(); ++index) {
-        if (text.size() > 2 * cShown && index == cShown) {
-            index = text.size() - cShown;
-            quoted += "\"..." + std::to_string(text.size()) + " bytes...\"";
+    for (std::size_t index = 0; index < value.size(); ++index) {
+        if (value.size() > 2 * cShown && index == cShown) {
+            index = value.size() - cShown;
+            quoted += "\"..." + std::to_string(value.size()) + " bytes...\"";
         }
-        const char character = text[index];
+        const char character = value[index];
         if (character >= ' ' && character <= '~' && character != '"' && character != '\\') {
             quoted += character;
         } else {
@@ -23,8 +23,8 @@ std::string Quoted(const std::string& text) {
     return quoted + '"';
 }
 
-std::string Worded(const std::optional<std::string>& text) {
-    return text ? Quoted(*text) : "null";
+std::string Worded(const std::optional<std::string>& value) {
+    return value ? Quoted(*value) : "null";
 }
 
 std::string Worded(bool answer) {
@@ -43,20 +43,20 @@ std::string Worded(const TRow& row) {
 }
 
 std::string Worded(const TRows& rows) {
-    std::string text;
+    std::string words;
     for (const TRow& row : rows)
-        text += "\n        " + Worded(row);
-    return text;
+        words += "\n        " + Worded(row);
+    return words;
 }
 
 std::string Worded(const TPlace& place) {
     switch (place.kind) {
-        case TPlace::cNoFolder:
-            return "no folder";
+        case TPlace::cNoDirectory:
+            return "no directory";
         case TPlace::cNothing:
             return "no file";
         case TPlace::cDirectory:
-            return "a folder";
+            return "a directory";
         case TPlace::cFile:
             break;
     }
@@ -64,8 +64,8 @@ std::string Worded(const TPlace& place) {
 }
 
 std::string Worded(const std::vector<std::string>& happened) {
-    std::string text;
+    std::string words;
     for (const std::string& line : happened)
-        text += "\n        " + Quoted(line);
-    return text;
+        words += "\n        " + Quoted(line);
+    return words;
 }

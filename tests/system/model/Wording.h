@@ -9,12 +9,12 @@
 
 #include "CSide.h"
 
-// What a sequence and its outcome are printed as.
+// Formats a sequence and its outcome for a failure message.
 
-// In quotes, what cannot be printed escaped and the middle of a long text left out.
-std::string Quoted(const std::string& text);
+// In quotes, with unprintable characters escaped and the middle of a long string left out.
+std::string Quoted(const std::string& value);
 
-std::string Worded(const std::optional<std::string>& text);  // "null" for none
+std::string Worded(const std::optional<std::string>& value);  // "null" for none
 std::string Worded(bool answer);
 std::string Worded(std::int64_t value);
 std::string Worded(const TRow& row);

@@ -1,6 +1,6 @@
-// A client of the soak run: changes, queries and starts tasks of its own, a few dozen times a second,
-// until the file "enough" is there. While the file "hold" is there it does nothing and says so in
-// the file "held NUMBER".
+// A client of the soak run: changes, queries and launches tasks of its own, a few dozen times a
+// second, until the file "enough" exists. While the file "hold" exists it pauses and creates the
+// file "held NUMBER".
 
 #include <CEvent.h>
 #include <scheduler/Scheduler.h>
@@ -15,11 +15,11 @@
 #include <random>
 #include <string>
 
-static void Say(const std::string& file) {
+static void Announce(const std::string& file) {
     std::ofstream said(file);
 }
 
-// What ExecuteTaskNow started is this process's child, and nobody else's to collect.
+// Programs that ExecuteTaskNow started are children of this process, which must collect them.
 static void CollectChildren() {
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
@@ -34,12 +34,12 @@ int main(int argc, char** argv) {
     const char* const program = argv[2];
     std::mt19937 random(static_cast<unsigned int>(std::atoi(argv[1])));
     CEvent wake("libVantrixScheduler.so", false);
-    Say("loaded " + number);
+    Announce("loaded " + number);
     long changes = 0;
     while (!std::filesystem::exists("enough")) {
         if (std::filesystem::exists("hold")) {
             CollectChildren();
-            Say("held " + number);
+            Announce("held " + number);
             while (std::filesystem::exists("hold"))
                 usleep(50'000);
             std::filesystem::remove("held " + number);
@@ -92,6 +92,6 @@ int main(int argc, char** argv) {
     }
     std::printf("client %s: %ld calls\n", number.c_str(), changes);
     std::fflush(stdout);
-    // Without finalisers, which would take the mutex away from the others.
+    // Without finalisers, which would remove the store mutex under the others.
     _exit(0);
 }

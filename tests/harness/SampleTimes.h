@@ -10,9 +10,9 @@
 #include <optional>
 #include <string>
 
-// Times for tests of how they are read and written, each made apart from the code under test.
+// Times for tests of parsing and formatting, made independently of the code under test.
 
-// The local zone while it exists.
+// Sets the local zone while it exists.
 class CZone {
 public:
     explicit CZone(const char* name) { Set(name); }

@@ -1,5 +1,5 @@
-// Periods of the command line: what is read as how many hours, what is refused with which words at
-// which place, and that what is written is read back.
+// Parsing and formatting periods: the hours of accepted arguments, the message and the offset for
+// refused ones, and that a formatted period is parsed to the same value.
 
 #include <gtest/gtest.h>
 #include "cli/time/PeriodFormat.h"
@@ -8,7 +8,7 @@
 #include <map>
 #include <string>
 
-#include "RefusedText.h"
+#include "RefusedArgument.h"
 
 using namespace vxsched;
 
@@ -42,47 +42,51 @@ TEST(ParsePeriod, IsInHours) {
                                                         {"1193046h", 1193046},
                                                         {"7101w3d6h", 1193046},
                                                         {"007h", 7}};
-    for (const auto& [text, hours] : tests)
-        EXPECT_EQ(ParsePeriod(text), hours) << text;
+    for (const auto& [argument, hours] : tests)
+        EXPECT_EQ(ParsePeriod(argument), hours) << argument;
 }
 
-TEST_P(RefusedPeriod, SaysWhyAndMarksThePlace) {
+TEST_P(RefusedPeriod, ReportsTheReasonAndTheOffset) {
     const auto error = ErrorOf([] { ParsePeriod(GetParam().text); });
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->Offset(), GetParam().offset);
     EXPECT_EQ(error->what(), Message("period", GetParam()));
 }
 
-static const char cNoPeriod[] = "this is no period; for a task that runs a single time say once";
+static const char cZeroPeriod[] =
+    "a period must not be zero; use once for a task that runs a single time";
 static const char cLongest[] = "the longest period is 1193046h";
 
 INSTANTIATE_TEST_SUITE_P(
-    Text, RefusedPeriod,
+    Argument, RefusedPeriod,
     testing::Values(
-        TRefused{"", 0, "it is empty; say 6h, 1d, 2w or once"},
-        TRefused{"  ", 2, "it is empty; say 6h, 1d, 2w or once"},
-        TRefused{"6", 1, "add the unit, 6h"}, TRefused{"0", 1, "add the unit, 0h"},
-        TRefused{"1d12", 4, "add the unit, 12h"}, TRefused{"90m", 0, "periods are whole hours"},
-        TRefused{"60min", 0, "periods are whole hours"},
-        TRefused{"60 minutes", 0, "periods are whole hours"},
-        TRefused{"3600s", 0, "periods are whole hours"},
-        TRefused{"1h30m", 2, "periods are whole hours"},
-        TRefused{"1.5h", 1, "only whole numbers can be read: take a smaller unit as well"},
-        TRefused{"0h", 0, cNoPeriod}, TRefused{" 0d0h", 1, cNoPeriod},
+        TRefused{"", 0, "it is empty; expected 6h, 1d, 2w or once"},
+        TRefused{"  ", 2, "it is empty; expected 6h, 1d, 2w or once"},
+        TRefused{"6", 1, "expected a unit, as in 6h"},
+        TRefused{"0", 1, "expected a unit, as in 0h"},
+        TRefused{"1d12", 4, "expected a unit, as in 12h"},
+        TRefused{"90m", 0, "a period must be a whole number of hours"},
+        TRefused{"60min", 0, "a period must be a whole number of hours"},
+        TRefused{"60 minutes", 0, "a period must be a whole number of hours"},
+        TRefused{"3600s", 0, "a period must be a whole number of hours"},
+        TRefused{"1h30m", 2, "a period must be a whole number of hours"},
+        TRefused{"1.5h", 1, "only whole numbers are accepted; use a smaller unit for the rest"},
+        TRefused{"0h", 0, cZeroPeriod}, TRefused{" 0d0h", 1, cZeroPeriod},
         TRefused{"-6h", 0, "a period cannot be negative"},
         TRefused{" -6h", 1, "a period cannot be negative"},
-        TRefused{"+6h", 0, "there must be a number with a unit here, 6h"},
+        TRefused{"+6h", 0, "expected a number with a unit, such as 6h"},
         TRefused{"1193047h", 0, cLongest}, TRefused{"49711d", 0, cLongest},
         TRefused{"4294967296h", 0, cLongest}, TRefused{"7102w", 0, cLongest},
         TRefused{"99999999999999999999w", 0, cLongest},
         TRefused{"144115188075855872w", 0, cLongest},
-        TRefused{"daily", 0, "say 6h, 1d, 2w or once"},
-        TRefused{"onces", 0, "say 6h, 1d, 2w or once"},
-        TRefused{"once 6h", 5, "the period ends before this"},
-        TRefused{"6h once", 3, "the period ends before this"},
-        TRefused{"6h,", 2, "the period ends before this"},
-        TRefused{"2y", 1, "there is no unit \"y\": take h, d or w"},
-        TRefused{"12h1d", 3, "the units go from the largest to the smallest, each once"}));
+        TRefused{"daily", 0, "expected 6h, 1d, 2w or once"},
+        TRefused{"onces", 0, "expected 6h, 1d, 2w or once"},
+        TRefused{"once 6h", 5, "unexpected input after the period"},
+        TRefused{"6h once", 3, "unexpected input after the period"},
+        TRefused{"6h,", 2, "unexpected input after the period"},
+        TRefused{"2y", 1, "unknown unit \"y\"; use h, d or w"},
+        TRefused{"12h1d", 3,
+                 "the units must go from the largest to the smallest, each at most once"}));
 
 TEST(FormatPeriod, TakesTheLargestUnitThatDivides) {
     const std::map<std::uint32_t, std::string> tests = {{0, "once"},
@@ -99,8 +103,8 @@ TEST(FormatPeriod, TakesTheLargestUnitThatDivides) {
                                                         {169, "169h"},
                                                         {1193046, "1193046h"},
                                                         {4294967295, "4294967295h"}};
-    for (const auto& [hours, text] : tests)
-        EXPECT_EQ(FormatPeriod(hours), text);
+    for (const auto& [hours, formatted] : tests)
+        EXPECT_EQ(FormatPeriod(hours), formatted);
 }
 
 TEST(FormatPeriod, IsReadBackAsTheSamePeriod) {

@@ -8,7 +8,7 @@
 #include <ostream>
 #include <string>
 
-// A text that cannot be read as a time or as a period, and the error that says so.
+// An argument that cannot be parsed as a time or as a period, and the error that it causes.
 
 struct TRefused {
     const char* text;
@@ -20,7 +20,7 @@ inline void PrintTo(const TRefused& test, std::ostream* stream) {
     *stream << '"' << test.text << '"';
 }
 
-// The error that the call throws; none, and a failure, if it throws nothing.
+// The error that the call throws. Fails the test and returns none if it throws nothing.
 template <typename Call>
 std::optional<vxsched::CParseError> ErrorOf(const Call& call) {
     try {
@@ -32,7 +32,7 @@ std::optional<vxsched::CParseError> ErrorOf(const Call& call) {
     return std::nullopt;
 }
 
-// What the whole message must be for a text of ASCII characters.
+// The complete message that an argument of ASCII characters must cause.
 inline std::string Message(const std::string& kind, const TRefused& test) {
     return "cannot read the " + kind + " \"" + test.text + "\": " + test.reason + "\n    " +
            test.text + "\n    " + std::string(test.offset, ' ') + '^';

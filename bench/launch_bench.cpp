@@ -1,5 +1,5 @@
-// Starting a program, as the add-in does, from a small process and from a large one, beside fork
-// and exec. The time is that until the caller goes on; the program's own is not in it.
+// Launching a program as the add-in does, from a small process and from a large one, compared with
+// fork and exec. Measures the time until the caller continues, without the program's own time.
 
 #include <benchmark/benchmark.h>
 #include <spawn.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// So much memory in use by this process, in ordinary pages, for as long as it lives.
+// Makes this process use that much memory, in ordinary pages, while it exists.
 class CUsedMemory {
 public:
     explicit CUsedMemory(std::size_t length) : size(length) {
@@ -49,16 +49,16 @@ static std::size_t ResidentMemory() {
 }
 
 static char gProgram[] = BENCH_PROGRAM;
-static char gParameters[] = "one text";
+static char gParameters[] = "one string";
 static char* gArguments[] = {gProgram, gParameters, nullptr};
 
-static pid_t StartBySpawn() {
+static pid_t LaunchBySpawn() {
     pid_t process = -1;
     return posix_spawn(&process, gProgram, nullptr, nullptr, gArguments, environ) == 0 ? process
                                                                                        : -1;
 }
 
-static pid_t StartByFork() {
+static pid_t LaunchByFork() {
     const pid_t process = fork();
     if (process == 0) {
         execve(gProgram, gArguments, environ);
@@ -67,17 +67,17 @@ static pid_t StartByFork() {
     return process;
 }
 
-// With `megabytes` in use by this process.
-static void Start(benchmark::State& state, pid_t (*start)(), std::size_t megabytes) {
+// Launches from this process while it uses `megabytes`.
+static void Launch(benchmark::State& state, pid_t (*launch)(), std::size_t megabytes) {
     const std::size_t wanted = megabytes * cMegabyte;
     const std::size_t before = ResidentMemory();
     const CUsedMemory memory(wanted > before ? wanted - before : cMegabyte);
     if (ResidentMemory() < wanted * 9 / 10) {
-        state.SkipWithError("there is not so much memory");
+        state.SkipWithError("not enough memory");
         return;
     }
     for (auto _ : state) {
-        const pid_t process = start();
+        const pid_t process = launch();
         state.PauseTiming();
         int status = -1;
         if (process == -1 || waitpid(process, &status, 0) != process || status != 0) {
@@ -88,11 +88,11 @@ static void Start(benchmark::State& state, pid_t (*start)(), std::size_t megabyt
     }
 }
 
-BENCHMARK_CAPTURE(Start, spawn10, StartBySpawn, 10)->Name("start/posix_spawn/10")->UseRealTime();
-BENCHMARK_CAPTURE(Start, spawn1000, StartBySpawn, 1000)
-    ->Name("start/posix_spawn/1000")
+BENCHMARK_CAPTURE(Launch, spawn10, LaunchBySpawn, 10)->Name("launch/posix_spawn/10")->UseRealTime();
+BENCHMARK_CAPTURE(Launch, spawn1000, LaunchBySpawn, 1000)
+    ->Name("launch/posix_spawn/1000")
     ->UseRealTime();
-BENCHMARK_CAPTURE(Start, fork10, StartByFork, 10)->Name("start/fork and exec/10")->UseRealTime();
-BENCHMARK_CAPTURE(Start, fork1000, StartByFork, 1000)
-    ->Name("start/fork and exec/1000")
+BENCHMARK_CAPTURE(Launch, fork10, LaunchByFork, 10)->Name("launch/fork and exec/10")->UseRealTime();
+BENCHMARK_CAPTURE(Launch, fork1000, LaunchByFork, 1000)
+    ->Name("launch/fork and exec/1000")
     ->UseRealTime();

@@ -1,5 +1,5 @@
-// Writes down how it was started, then ends: record-start FILE writes its arguments, signal mask,
-// dispositions and open descriptors to FILE.
+// record-launch FILE: writes its arguments, signal mask, dispositions and open descriptors to FILE,
+// then exits.
 
 #include <dirent.h>
 #include <signal.h>
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
     }
     closedir(directory);
 
-    // Complete as soon as it is there.
+    // Renamed into place, so that a reader never finds half of it.
     const std::string temporary = std::string(argv[1]) + ".new";
     std::FILE* const file = std::fopen(temporary.c_str(), "w");
     if (file == nullptr)

@@ -1,5 +1,5 @@
-// Times of the command line: what is read as what in which zone, what is refused with which words at
-// which place, and that what is written is read back.
+// Parsing and formatting times: the values of accepted arguments in several zones, the message and
+// the offset for refused ones, and that a formatted time is parsed to the same value.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "RefusedText.h"
-#include "TextTimes.h"
+#include "RefusedArgument.h"
+#include "SampleTimes.h"
 
 using namespace std::chrono_literals;
 using namespace vxsched;
@@ -41,7 +41,7 @@ class RefusedTime : public testing::TestWithParam<TRefused> {};
 
 }  // namespace
 
-// ---- Times that are read ----------------------------------------------------------------------
+// ---- Accepted arguments -----------------------------------------------------------------------
 
 TEST_P(AcceptedTime, IsThis) {
     const CZone zone(GetParam().zone);
@@ -104,7 +104,7 @@ INSTANTIATE_TEST_SUITE_P(
         TAccepted{"Asia/Kathmandu", "14:30", cNow, "2026-11-22T08:45:00Z"},
         TAccepted{"UTC", "11:00", "2026-12-31T12:00:00Z", "2027-01-01T11:00:00Z"},
         TAccepted{"UTC", "11:00", "2028-02-28T12:00:00Z", "2028-02-29T11:00:00Z"},
-        // The local day is another one than that in UTC.
+        // The local date differs from the date in UTC.
         TAccepted{"Europe/Berlin", "00:15", "2026-11-20T23:10:00Z", "2026-11-20T23:15:00Z"},
         TAccepted{"Europe/Berlin", "today 14:30", cNow, "2026-11-21T13:30:00Z"},
         TAccepted{"Europe/Berlin", "today 02:00", cNow, "2026-11-21T01:00:00Z"},
@@ -147,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TAccepted{"UTC", "in 2 hrs", cNow, "2026-11-21T14:00:00Z"},
                     TAccepted{"UTC", "in 1 day", cNow, "2026-11-22T12:00:00Z"},
                     TAccepted{"UTC", "in 0s", cNow, cNow},
-                    // Across a change of the clock a day stays 24 hours.
+                    // A day is 24 hours even if the clock changes.
                     TAccepted{"Europe/Berlin", "+1d", "2026-03-28T11:00:00Z",
                               "2026-03-29T11:00:00Z"},
                     TAccepted{"UTC", "+1d", "2028-02-28T12:00:00Z", "2028-02-29T12:00:00Z"},
@@ -156,9 +156,9 @@ INSTANTIATE_TEST_SUITE_P(
                     TAccepted{"Europe/Berlin", "@1795267800", cNow, "2026-11-21T13:30:00Z"},
                     TAccepted{"Europe/Berlin", "@-1", cNow, "1969-12-31T23:59:59Z"}));
 
-// A clock that is put back shows an hour twice, in Lord Howe half an hour.
+// A clock that is set back shows an hour twice, on Lord Howe Island half an hour.
 INSTANTIATE_TEST_SUITE_P(
-    ClockPutBack, AcceptedTime,
+    ClockSetBack, AcceptedTime,
     testing::Values(
         TAccepted{"Europe/Berlin", "2026-10-25 01:59:59", cNow, "2026-10-24T23:59:59Z"},
         TAccepted{"Europe/Berlin", "2026-10-25 02:00", cNow, "2026-10-25T00:00:00Z"},
@@ -175,12 +175,12 @@ INSTANTIATE_TEST_SUITE_P(
         TAccepted{"Europe/Berlin", "02:30", "2026-10-25T00:30:01Z", "2026-10-25T01:30:00Z"},
         TAccepted{"Europe/Berlin", "02:30", "2026-10-25T01:30:01Z", "2026-10-26T01:30:00Z"},
         TAccepted{"Europe/Berlin", "today 02:30", "2026-10-25T01:30:01Z", "2026-10-25T00:30:00Z"},
-        // In 2006 St. John's put its clock back from a minute after midnight to the day before.
+        // In 2006 St. John's set its clock back at a minute after midnight, to the previous day.
         TAccepted{"America/St_Johns", "23:30", "2006-10-29T02:30:30Z", "2006-10-29T03:00:00Z"}));
 
-// Around the hour over which a clock is put forward, in Lord Howe half an hour.
+// Around the hour that a clock skips when it is set forward, on Lord Howe Island half an hour.
 INSTANTIATE_TEST_SUITE_P(
-    ClockPutForward, AcceptedTime,
+    ClockSetForward, AcceptedTime,
     testing::Values(
         TAccepted{"Europe/Berlin", "2026-03-29 01:59:59", cNow, "2026-03-29T00:59:59Z"},
         TAccepted{"Europe/Berlin", "2026-03-29 03:00", cNow, "2026-03-29T01:00:00Z"},
@@ -188,12 +188,12 @@ INSTANTIATE_TEST_SUITE_P(
         TAccepted{"America/New_York", "2026-03-08 03:00", cNow, "2026-03-08T07:00:00Z"},
         TAccepted{"Australia/Lord_Howe", "2026-10-04 01:59:59", cNow, "2026-10-03T15:29:59Z"},
         TAccepted{"Australia/Lord_Howe", "2026-10-04 02:30", cNow, "2026-10-03T15:30:00Z"},
-        // In the afternoon after it the next 02:30 is tomorrow's, as always.
+        // In the afternoon of that day the next 02:30 is tomorrow's, as on any day.
         TAccepted{"Europe/Berlin", "02:30", "2026-03-29T12:00:00Z", "2026-03-30T00:30:00Z"},
-        // The rules of a zone go on beyond those that are listed for single years.
+        // Years after those that the zone's file lists follow its last rule.
         TAccepted{"Europe/Berlin", "2126-07-01 14:30", cNow, "2126-07-01T12:30:00Z"}));
 
-TEST(ParseTime, LocalTimeThatTheClockIsPutForwardOverIsRefused) {
+TEST(ParseTime, LocalTimeThatTheClockSkipsIsRefused) {
     struct TTest {
         const char* zone;
         const char* text;
@@ -210,7 +210,7 @@ TEST(ParseTime, LocalTimeThatTheClockIsPutForwardOverIsRefused) {
         {"Europe/Berlin", "today 02:30", "2026-03-29T12:00:00Z", 6},
         {"Europe/Berlin", "02:30", "2026-03-28T12:00:00Z", 0},
         {"Europe/Berlin", "02:30", "2026-03-29T00:59:59Z", 0},
-        // Lebanon's clocks go forward at midnight; Samoa left out a whole day.
+        // Lebanon's clocks are set forward at midnight; Samoa skipped a whole day.
         {"Asia/Beirut", "2022-03-27", cNow, 0},
         {"Pacific/Apia", "2011-12-30 12:00", cNow, 11},
     };
@@ -222,13 +222,13 @@ TEST(ParseTime, LocalTimeThatTheClockIsPutForwardOverIsRefused) {
             continue;
         EXPECT_EQ(error->Offset(), test.offset);
         EXPECT_THAT(error->what(),
-                    HasSubstr("there is no such local time: the clock is put forward over it"));
+                    HasSubstr("this local time does not exist: the clock is set forward over it"));
     }
 }
 
-// ---- Times that are refused -------------------------------------------------------------------
+// ---- Refused arguments ------------------------------------------------------------------------
 
-TEST_P(RefusedTime, SaysWhyAndMarksThePlace) {
+TEST_P(RefusedTime, ReportsTheReasonAndTheOffset) {
     const CZone zone("Europe/Berlin");
     const auto error = ErrorOf([] { ParseTime(GetParam().text, Utc(cNow)); });
     ASSERT_TRUE(error.has_value());
@@ -236,9 +236,10 @@ TEST_P(RefusedTime, SaysWhyAndMarksThePlace) {
     EXPECT_EQ(error->what(), Message("time", GetParam()));
 }
 
-static const char cForms[] = "say 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
+static const char cForms[] =
+    "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
 static const char cZoneForms[] = "a zone is written as Z, +01:00, +0100 or +01";
-static const char cTooFar[] = "no zone is that far from UTC: from -14:00 to +14:00 is accepted";
+static const char cTooFar[] = "a zone must be from -14:00 to +14:00";
 
 INSTANTIATE_TEST_SUITE_P(
     Date, RefusedTime,
@@ -260,8 +261,8 @@ INSTANTIATE_TEST_SUITE_P(
                     TRefused{"2026-11-x", 8, "the day must have two digits"},
                     TRefused{"2026-11", 7, "a date is written as 2026-11-21"},
                     TRefused{"2026-11/21", 7, "a date is written as 2026-11-21"},
-                    TRefused{"2026-11-21 noon", 11, "the time ends before this"},
-                    TRefused{"2026-11-21, 14:30", 10, "the time ends before this"},
+                    TRefused{"2026-11-21 noon", 11, "unexpected input after the time"},
+                    TRefused{"2026-11-21, 14:30", 10, "unexpected input after the time"},
                     TRefused{"2026/11/21", 0, cForms}, TRefused{"20261121", 0, cForms},
                     TRefused{"21.11.2026", 0, cForms}));
 
@@ -270,12 +271,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(TRefused{"2026-11-21 24:00", 11, "the hour must be from 00 to 23"},
                     TRefused{"2026-11-21 14:60", 14, "the minute must be from 00 to 59"},
                     TRefused{"2026-11-21 14:30:60", 17, "the second must be from 00 to 59"},
-                    TRefused{"2026-11-21T", 11, "give a time of day, 14:30"},
-                    TRefused{"2026-11-21T 14:30", 11, "give a time of day, 14:30"},
+                    TRefused{"2026-11-21T", 11, "expected a time of day such as 14:30"},
+                    TRefused{"2026-11-21T 14:30", 11, "expected a time of day such as 14:30"},
                     TRefused{"2026-11-21 14", 13, "a time of day is written as 14:30"},
                     TRefused{"2026-11-21 1430", 11, "the hour must have two digits"},
-                    TRefused{"2026-11-21 14:30 15", 17, "the time ends before this"},
-                    TRefused{"2026-11-21 14:30:15.5", 19, "the time ends before this"},
+                    TRefused{"2026-11-21 14:30 15", 17, "unexpected input after the time"},
+                    TRefused{"2026-11-21 14:30:15.5", 19, "unexpected input after the time"},
                     TRefused{"24:00", 0, "the hour must be from 00 to 23"},
                     TRefused{"  24:00", 2, "the hour must be from 00 to 23"},
                     TRefused{"14:60", 3, "the minute must be from 00 to 59"},
@@ -283,20 +284,20 @@ INSTANTIATE_TEST_SUITE_P(
                     TRefused{"14:3", 3, "the minute must have two digits"},
                     TRefused{"14:", 3, "the minute must have two digits"},
                     TRefused{"14:30:", 6, "the second must have two digits"},
-                    TRefused{"14:30:15:00", 8, "the time ends before this"},
-                    TRefused{"14:30 tomorrow", 6, "the time ends before this"},
-                    TRefused{"14:30pm", 5, "the time ends before this"},
-                    TRefused{"today", 5, "give a time of day, 14:30"},
-                    TRefused{"tomorrow", 8, "give a time of day, 14:30"},
-                    TRefused{"tomorrow ", 9, "give a time of day, 14:30"},
-                    TRefused{"tomorrow noon", 9, "give a time of day, 14:30"},
+                    TRefused{"14:30:15:00", 8, "unexpected input after the time"},
+                    TRefused{"14:30 tomorrow", 6, "unexpected input after the time"},
+                    TRefused{"14:30pm", 5, "unexpected input after the time"},
+                    TRefused{"today", 5, "expected a time of day such as 14:30"},
+                    TRefused{"tomorrow", 8, "expected a time of day such as 14:30"},
+                    TRefused{"tomorrow ", 9, "expected a time of day such as 14:30"},
+                    TRefused{"tomorrow noon", 9, "expected a time of day such as 14:30"},
                     TRefused{"tomorrow 25:00", 9, "the hour must be from 00 to 23"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Zone, RefusedTime,
-    testing::Values(TRefused{"2026-11-21Z", 10, "give a time of day before the zone"},
-                    TRefused{"2026-11-21 +01:00", 11, "give a time of day before the zone"},
-                    TRefused{"2026-11-21-05:00", 10, "give a time of day before the zone"},
+    testing::Values(TRefused{"2026-11-21Z", 10, "expected a time of day before the zone"},
+                    TRefused{"2026-11-21 +01:00", 11, "expected a time of day before the zone"},
+                    TRefused{"2026-11-21-05:00", 10, "expected a time of day before the zone"},
                     TRefused{"2026-11-21 14:30+", 17, cZoneForms},
                     TRefused{"2026-11-21 14:30+1", 17, cZoneForms},
                     TRefused{"2026-11-21 14:30+100", 17, cZoneForms},
@@ -306,12 +307,12 @@ INSTANTIATE_TEST_SUITE_P(
                     TRefused{"2026-11-21 14:30+14:01", 17, cTooFar},
                     TRefused{"2026-11-21 14:30-1500", 17, cTooFar},
                     TRefused{"2026-11-21 14:30+01:000", 20, cZoneForms},
-                    TRefused{"2026-11-21 14:30+0100:00", 21, "the time ends before this"},
-                    TRefused{"2026-11-21 14:30ZZ", 17, "the time ends before this"},
-                    TRefused{"2026-11-21 14:30 CET", 17, "the time ends before this"},
-                    TRefused{"14:30Z", 5, "a zone can be given together with a date only"},
-                    TRefused{"14:30 +01:00", 6, "a zone can be given together with a date only"},
-                    TRefused{"today 14:30Z", 11, "the time ends before this"}));
+                    TRefused{"2026-11-21 14:30+0100:00", 21, "unexpected input after the time"},
+                    TRefused{"2026-11-21 14:30ZZ", 17, "unexpected input after the time"},
+                    TRefused{"2026-11-21 14:30 CET", 17, "unexpected input after the time"},
+                    TRefused{"14:30Z", 5, "a zone is accepted only together with a date"},
+                    TRefused{"14:30 +01:00", 6, "a zone is accepted only together with a date"},
+                    TRefused{"today 14:30Z", 11, "unexpected input after the time"}));
 
 INSTANTIATE_TEST_SUITE_P(
     FromNow, RefusedTime,
@@ -319,42 +320,46 @@ INSTANTIATE_TEST_SUITE_P(
         TRefused{"", 0, cForms}, TRefused{"   ", 3, cForms}, TRefused{"soon", 0, cForms},
         TRefused{"yesterday 14:30", 0, cForms}, TRefused{"nowhere", 0, cForms},
         TRefused{"inn 3h", 0, cForms}, TRefused{"3h", 0, cForms}, TRefused{"6", 0, cForms},
-        TRefused{"-90m", 0, cForms}, TRefused{"now 14:30", 4, "the time ends before this"},
-        TRefused{"now+3h", 3, "the time ends before this"},
-        TRefused{"in -3h", 3, "only a time to come can be given like this"},
-        TRefused{"+-3h", 1, "only a time to come can be given like this"},
-        TRefused{"in", 2, "there must be a number with a unit here, 6h"},
-        TRefused{"+", 1, "there must be a number with a unit here, 6h"},
-        TRefused{"in an hour", 3, "there must be a number with a unit here, 6h"},
-        TRefused{"in 3", 4, "add the unit, 3h"}, TRefused{"+90", 3, "add the unit, 90h"},
-        TRefused{"+1d12", 5, "add the unit, 12h"}, TRefused{"+01:00", 3, "add the unit, 01h"},
-        TRefused{"in 1.5h", 4, "only whole numbers can be read: take a smaller unit as well"},
-        TRefused{"in 1,5h", 4, "only whole numbers can be read: take a smaller unit as well"},
-        TRefused{"in 2 months", 5, "there is no unit \"months\": take h, d or w"},
-        TRefused{"in 3 h d", 7, "the time ends before this"},
-        TRefused{"in 3ho", 4, "there is no unit \"ho\": take h, d or w"},
-        TRefused{"in 3h 2d", 6, "the units go from the largest to the smallest, each once"},
-        TRefused{"in 3h 2h", 6, "the units go from the largest to the smallest, each once"},
-        TRefused{"in 3h and 2min", 6, "the time ends before this"},
-        TRefused{"in 9999999999999 s", 3, "that is after the year 9999"},
-        TRefused{"+99999999999999999999w", 1, "that is after the year 9999"},
+        TRefused{"-90m", 0, cForms}, TRefused{"now 14:30", 4, "unexpected input after the time"},
+        TRefused{"now+3h", 3, "unexpected input after the time"},
+        TRefused{"in -3h", 3, "only a time in the future can be given in this form"},
+        TRefused{"+-3h", 1, "only a time in the future can be given in this form"},
+        TRefused{"in", 2, "expected a number with a unit, such as 6h"},
+        TRefused{"+", 1, "expected a number with a unit, such as 6h"},
+        TRefused{"in an hour", 3, "expected a number with a unit, such as 6h"},
+        TRefused{"in 3", 4, "expected a unit, as in 3h"},
+        TRefused{"+90", 3, "expected a unit, as in 90h"},
+        TRefused{"+1d12", 5, "expected a unit, as in 12h"},
+        TRefused{"+01:00", 3, "expected a unit, as in 01h"},
+        TRefused{"in 1.5h", 4, "only whole numbers are accepted; use a smaller unit for the rest"},
+        TRefused{"in 1,5h", 4, "only whole numbers are accepted; use a smaller unit for the rest"},
+        TRefused{"in 2 months", 5, "unknown unit \"months\"; use h, d or w"},
+        TRefused{"in 3 h d", 7, "unexpected input after the time"},
+        TRefused{"in 3ho", 4, "unknown unit \"ho\"; use h, d or w"},
+        TRefused{"in 3h 2d", 6,
+                 "the units must go from the largest to the smallest, each at most once"},
+        TRefused{"in 3h 2h", 6,
+                 "the units must go from the largest to the smallest, each at most once"},
+        TRefused{"in 3h and 2min", 6, "unexpected input after the time"},
+        TRefused{"in 9999999999999 s", 3, "the time is after the year 9999"},
+        TRefused{"+99999999999999999999w", 1, "the time is after the year 9999"},
         TRefused{"+99999999999999999999w99999999999999999999d99999999999999999999h", 1,
-                 "that is after the year 9999"},
+                 "the time is after the year 9999"},
         // 2^57 weeks are a multiple of 2^64 seconds.
-        TRefused{"+144115188075855872w", 1, "that is after the year 9999"},
-        TRefused{"@", 1, "give the seconds since the beginning of 1970 behind the @"},
-        TRefused{"@-", 2, "give the seconds since the beginning of 1970 behind the @"},
-        TRefused{"@ 5", 1, "give the seconds since the beginning of 1970 behind the @"},
-        TRefused{"@5s", 2, "the time ends before this"},
-        TRefused{"@9223372036854775808", 1, "that is beyond the range of times"},
-        TRefused{"@-9223372036854775809", 1, "that is beyond the range of times"}));
+        TRefused{"+144115188075855872w", 1, "the time is after the year 9999"},
+        TRefused{"@", 1, "expected the seconds since 1970 after the @"},
+        TRefused{"@-", 2, "expected the seconds since 1970 after the @"},
+        TRefused{"@ 5", 1, "expected the seconds since 1970 after the @"},
+        TRefused{"@5s", 2, "unexpected input after the time"},
+        TRefused{"@9223372036854775808", 1, "the time is out of range"},
+        TRefused{"@-9223372036854775809", 1, "the time is out of range"}));
 
 TEST(ParseTime, LastSecondOfTheYear9999IsTheLastThatCanBeReachedFromNow) {
     EXPECT_EQ(ParseTime("+1s", Utc("9999-12-31T23:59:58Z")), Utc("9999-12-31T23:59:59Z"));
     EXPECT_THROW(ParseTime("+2s", Utc("9999-12-31T23:59:58Z")), CParseError);
 }
 
-// ---- Times that are written -------------------------------------------------------------------
+// ---- Formatting -------------------------------------------------------------------------------
 
 TEST(FormatTime, IsLocalOrInUtcToTheSecond) {
     const TTime time = At(1795267800);
@@ -364,9 +369,9 @@ TEST(FormatTime, IsLocalOrInUtcToTheSecond) {
         {"Australia/Lord_Howe", "2026-11-22 00:30:00"},
         {"Asia/Kathmandu", "2026-11-21 19:15:00"},
         {"UTC", "2026-11-21 13:30:00"}};
-    for (const auto& [name, text] : local) {
+    for (const auto& [name, formatted] : local) {
         const CZone zone(name);
-        EXPECT_EQ(FormatTime(time, EZone::cLocal), text);
+        EXPECT_EQ(FormatTime(time, EZone::cLocal), formatted);
         EXPECT_EQ(FormatTime(time, EZone::cUtc), "2026-11-21 13:30:00");
         EXPECT_EQ(FormatIsoTime(time), "2026-11-21T13:30:00Z");
     }
@@ -383,30 +388,30 @@ TEST(FormatTime, OutsideTheYears1To9999ItIsTheSeconds) {
     EXPECT_EQ(FormatIsoTime(At(first - 1)), "@-62135596801");
     EXPECT_EQ(FormatIsoTime(At(last)), "9999-12-31T23:59:59Z");
     EXPECT_EQ(FormatIsoTime(At(last + 1)), "@253402300800");
-    // The local year counts.
+    // The limit is the year in the local zone.
     const CZone zone("Asia/Kathmandu");
     EXPECT_EQ(FormatTime(At(last), EZone::cLocal), "@253402300799");
     const std::int64_t kathmandu = (5 * 60 + 45) * 60;
     EXPECT_EQ(FormatTime(At(last - kathmandu), EZone::cLocal), "9999-12-31 23:59:59");
 }
 
-TEST(FormatTime, EveryValueIsWrittenAndTheFarOnesAreReadBack) {
+TEST(FormatTime, ExtremeValuesAreFormattedAndReadBack) {
     const CZone zone("Europe/Berlin");
     using TLimits = std::numeric_limits<std::int64_t>;
     for (const std::int64_t seconds :
          {TLimits::min(), TLimits::min() + 1, std::int64_t{-1} << 56, -62135606401L, 253402300800L,
           std::int64_t{1} << 56, TLimits::max() - 1, TLimits::max()}) {
-        const std::string text = '@' + std::to_string(seconds);
-        EXPECT_EQ(FormatTime(At(seconds), EZone::cLocal), text);
-        EXPECT_EQ(FormatTime(At(seconds), EZone::cUtc), text);
-        EXPECT_EQ(FormatIsoTime(At(seconds)), text);
-        EXPECT_EQ(ParseTime(text, Utc(cNow)), At(seconds));
+        const std::string formatted = '@' + std::to_string(seconds);
+        EXPECT_EQ(FormatTime(At(seconds), EZone::cLocal), formatted);
+        EXPECT_EQ(FormatTime(At(seconds), EZone::cUtc), formatted);
+        EXPECT_EQ(FormatIsoTime(At(seconds)), formatted);
+        EXPECT_EQ(ParseTime(formatted, Utc(cNow)), At(seconds));
     }
 }
 
-// Thousands of times from 1840 to 2200, and every ten minutes around the changes of 2026: what is
-// written is what strftime writes, and is read back as the same time, but for the second of two
-// times that look alike, which is read as the first.
+// Thousands of times from 1840 to 2200, and every ten minutes around the clock changes of 2026.
+// Each is formatted as strftime does it, and parsed to the same value. A local time that exists
+// twice is parsed to the first value.
 TEST(FormatTime, LocalTimesAreReadBack) {
     std::vector<TTime> times;
     for (TTime time = Utc("1840-01-01T00:00:00Z"); time < Utc("2200-01-01T00:00:00Z");
@@ -436,14 +441,14 @@ TEST(FormatTime, LocalTimesAreReadBack) {
             char expected[sizeof "2026-11-21 14:30:00"];
             ASSERT_GT(std::strftime(expected, sizeof expected, "%F %T", std::localtime(&value)),
                       0U);
-            const std::string text = FormatTime(time, EZone::cLocal);
-            ASSERT_EQ(text, expected);
-            const TTime read = ParseTime(text, Utc(cNow));
+            const std::string formatted = FormatTime(time, EZone::cLocal);
+            ASSERT_EQ(formatted, expected);
+            const TTime read = ParseTime(formatted, Utc(cNow));
             if (read == time)
                 continue;
             ++readAsTheFirst;
-            ASSERT_EQ(time - read, test.apart) << text;
-            ASSERT_EQ(FormatTime(read, EZone::cLocal), text);
+            ASSERT_EQ(time - read, test.apart) << formatted;
+            ASSERT_EQ(FormatTime(read, EZone::cLocal), formatted);
         }
         EXPECT_EQ(readAsTheFirst, test.readAsTheFirst);
     }
@@ -479,8 +484,8 @@ TEST(FormatDistance, IsInTheTwoLargestUnits) {
         {-(3h + 12min), "3h 12min ago"},
         {std::chrono::seconds::max(), "106751991167300d 15h"},
         {std::chrono::seconds::min(), "106751991167300d 15h ago"}};
-    for (const auto& [distance, text] : tests)
-        EXPECT_EQ(FormatDistance(distance), text);
+    for (const auto& [distance, formatted] : tests)
+        EXPECT_EQ(FormatDistance(distance), formatted);
 }
 
 TEST(FormatDistance, IsReadBackAsATimeFromNow) {

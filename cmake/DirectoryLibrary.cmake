@@ -1,0 +1,34 @@
+# A source can include the headers of the directories that its own target uses, and no others: an include against the
+# dependency graph does not compile. Each directory has a target of its name, and each target an include directory of its
+# own in the build tree, which contains only links to that directory's headers: `#include "store/TableFile.h"` is found
+# by targets that use `store`.
+
+# add_headers(TARGET DIRECTORY): creates the target TARGET-headers for the headers of a directory, without code.
+function(add_headers target directory)
+  set(root ${PROJECT_BINARY_DIR}/include-roots/${target})
+  file(REMOVE_RECURSE ${root})
+  file(MAKE_DIRECTORY ${root}/${directory})
+  file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/${directory} ${PROJECT_SOURCE_DIR}/${directory}/*.h)
+  foreach(header IN LISTS headers)
+    file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${directory}/${header} ${root}/${directory}/${header} SYMBOLIC)
+  endforeach()
+  add_library(${target}-headers INTERFACE)
+  target_include_directories(${target}-headers INTERFACE ${root})
+endfunction()
+
+# add_directory_library(TARGET SOURCES SOURCE... [USES TARGET...] [LINKS LIBRARY...]): creates the static library of the
+# current directory. Its users can include its headers and those of the targets it USES; the LINKS are for its sources
+# alone.
+function(add_directory_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 library "" "" "SOURCES;USES;LINKS")
+  file(RELATIVE_PATH directory ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  add_headers(${target} ${directory})
+  add_library(${target} STATIC ${library_SOURCES})
+  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  # Lets the linker drop code that a program does not use.
+  target_compile_options(${target} PRIVATE -ffunction-sections)
+  target_link_libraries(
+    ${target}
+    PUBLIC ${target}-headers ${library_USES}
+    PRIVATE target_defaults ${library_LINKS})
+endfunction()
