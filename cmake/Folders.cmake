@@ -23,11 +23,10 @@ function(add_folder target)
   file(RELATIVE_PATH directory ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
   add_headers(${target} ${directory})
   add_library(${target} STATIC ${folder_SOURCES})
-  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   # Code that a program does not use is left out of it by the linker.
   target_compile_options(${target} PRIVATE -ffunction-sections)
   target_link_libraries(
     ${target}
     PUBLIC ${target}-headers ${folder_USES}
-    PRIVATE target_defaults ${folder_LINKS})
+    PRIVATE product_defaults ${folder_LINKS})
 endfunction()

@@ -1,5 +1,7 @@
 #include "interpose/Clock.h"
 
+#include "interpose/NextDefinition.h"
+
 #include <atomic>
 #include <cerrno>
 #include <limits>
@@ -19,7 +21,7 @@ void SetTimeListener(void (*listener)(time_t now)) {
     gListener = listener;
 }
 
-extern "C" time_t time(time_t* out) noexcept {
+INTERPOSED time_t time(time_t* out) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
     if (const auto listener = gListener.load(std::memory_order_relaxed)) {

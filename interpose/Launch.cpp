@@ -16,7 +16,7 @@ TLaunchHandlers NextLaunchHandlers() {
     return next;
 }
 
-extern "C" int posix_spawn(pid_t* process, const char* path,
+INTERPOSED int posix_spawn(pid_t* process, const char* path,
                            const posix_spawn_file_actions_t* actions,
                            const posix_spawnattr_t* attributes, char* const arguments[],
                            char* const environment[]) {
@@ -24,7 +24,7 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     return spawn(process, path, actions, attributes, arguments, environment);
 }
 
-extern "C" pid_t waitpid(pid_t process, int* status, int options) {
+INTERPOSED pid_t waitpid(pid_t process, int* status, int options) {
     const auto wait = gHandlers.wait != nullptr ? gHandlers.wait : NextLaunchHandlers().wait;
     return wait(process, status, options);
 }

@@ -9,7 +9,9 @@
 
 #include <cerrno>
 
-extern "C" int semop(int set, sembuf* operations, size_t count) noexcept {
+#include "interpose/NextDefinition.h"
+
+INTERPOSED int semop(int set, sembuf* operations, size_t count) noexcept {
     int result = 0;
     do {
         result = semtimedop(set, operations, count, nullptr);

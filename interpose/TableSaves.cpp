@@ -115,7 +115,7 @@ void SetReadFailureListener(void (*listener)()) {
     gReadFailureListener = listener;
 }
 
-extern "C" int open(const char* path, int flags, ...) {
+INTERPOSED int open(const char* path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
     const bool hasMode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
@@ -136,7 +136,7 @@ extern "C" int open(const char* path, int flags, ...) {
     return OpenSystems(path, flags, mode);
 }
 
-extern "C" int stat(const char* path, struct stat* status) noexcept {
+INTERPOSED int stat(const char* path, struct stat* status) noexcept {
     static auto* const system = NextDefinition<int(const char*, struct stat*)>("stat");
     const int result = system(path, status);
     if (result == -1 && std::strcmp(path, cTable) == 0) {
@@ -148,7 +148,7 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
     return result;
 }
 
-extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
+INTERPOSED ssize_t read(int descriptor, void* bytes, size_t count) {
     static auto* const system = NextDefinition<ssize_t(int, void*, size_t)>("read");
     const ssize_t result = system(descriptor, bytes, count);
     if (result == -1 && errno != EINTR && descriptor != -1 && descriptor == gReading)
@@ -156,7 +156,7 @@ extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
     return result;
 }
 
-extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
+INTERPOSED ssize_t write(int descriptor, const void* bytes, size_t count) {
     static auto* const system = NextDefinition<ssize_t(int, const void*, size_t)>("write");
     const ssize_t written = system(descriptor, bytes, count);
     if (written == -1 && errno != EINTR && descriptor == gDescriptor)
@@ -164,7 +164,7 @@ extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
     return written;
 }
 
-extern "C" int close(int descriptor) {
+INTERPOSED int close(int descriptor) {
     if (descriptor != -1 && descriptor == gReading) {
         gReading = -1;
         const int result = CloseSystems(descriptor);

@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <string>
 
+#include <vxsched/Public.h>
+
 namespace vxsched {
 
 // What kind of thing went wrong; the message says the rest.
@@ -18,7 +20,7 @@ enum class EError {
 
 // The one exception that the client library throws. Its text says what went wrong, with which
 // input, and what to do.
-class CError : public std::runtime_error {
+class VXSCHED_PUBLIC CError : public std::runtime_error {
 public:
     CError(EError kind, const std::string& message) : std::runtime_error(message), code(kind) {}
 
@@ -30,6 +32,6 @@ private:
 
 // For a call of the system that failed with `error` (an errno): cNoAccess where it is a matter of
 // rights, else cFailed. `what` says what could not be done, with which input.
-CError SystemError(const std::string& what, int error);
+VXSCHED_PUBLIC CError SystemError(const std::string& what, int error);
 
 }  // namespace vxsched

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
 #include <vxsched/Table.h>
 
 namespace vxsched {
@@ -17,11 +18,11 @@ struct TSalvaged {
 
 // Takes out of `bytes` every task that is whole. Behind a place that cannot be read it goes on at
 // the next one that looks like a task: a name, times of this age, a program, a flag of 0 or 1.
-TSalvaged Salvage(std::string_view bytes);
+VXSCHED_PUBLIC TSalvaged Salvage(std::string_view bytes);
 
 // The tasks of a table. Throws CError (cDamaged) like DecodeTable(), and also for a table that can
 // be read and has lost tasks all the same: zeros where a task was, or tasks behind the last.
-std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
+VXSCHED_PUBLIC std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
 
 // A table to fill in what a damaged one has lost.
 struct TBackup {
@@ -38,6 +39,6 @@ struct TRepair {
 // What a table should be after its repair: what can be read of `bytes` goes before what `source`
 // says of the same name; the source fills in the rest; what would harm a process that loads it is
 // put right as of `now`. A table that is sound and harmless comes back as it is, without notes.
-TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now);
+VXSCHED_PUBLIC TRepair PlanRepair(std::string_view bytes, const TBackup* source, TTime now);
 
 }  // namespace vxsched

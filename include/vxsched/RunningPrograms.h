@@ -6,12 +6,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include <vxsched/Public.h>
+
 namespace vxsched {
 
 // The processes of the system at one moment, for the question which of them a task has started.
 // Looked up in /proc, under no lock and without any effect. Processes of other users are seen only as
 // far as this user may look into them.
-class CRunningPrograms {
+class VXSCHED_PUBLIC CRunningPrograms {
 public:
     CRunningPrograms();
 
@@ -30,6 +32,7 @@ private:
 };
 
 // For a single question.
-std::vector<pid_t> FindRunning(const std::string& program, const std::string& parameter);
+VXSCHED_PUBLIC std::vector<pid_t> FindRunning(const std::string& program,
+                                              const std::string& parameter);
 
 }  // namespace vxsched

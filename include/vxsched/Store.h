@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
 #include <vxsched/StoreOptions.h>
 #include <vxsched/Table.h>
 #include <vxsched/Validation.h>
@@ -55,7 +56,7 @@ struct TRun {
 //
 // Every call throws CError; a call that throws has changed nothing unless its text says so.
 // Threads may use an object each.
-class CStore {
+class VXSCHED_PUBLIC CStore {
 public:
     explicit CStore(TStoreOptions storeOptions);
 

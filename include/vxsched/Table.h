@@ -8,12 +8,14 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
+
 namespace vxsched {
 
 using TTime = std::chrono::sys_seconds;
 
 // The time by the clock that the scheduler reads. Other clocks may already be in the next second.
-TTime Now();
+VXSCHED_PUBLIC TTime Now();
 
 // One task as the table holds it.
 struct TTaskEntry {
@@ -41,7 +43,7 @@ struct TProblem {
     std::string text;
 };
 
-struct TTable {
+struct VXSCHED_PUBLIC TTable {
     std::vector<TTaskEntry> tasks;  // in the order of the file
     std::vector<TProblem> problems;
 
@@ -56,20 +58,21 @@ struct TTable {
 // Reads a table from its bytes; `now` is what past starts would be caught up with. Throws
 // CError (cDamaged) that says what is wrong at which offset when the bytes are not a table:
 // the add-in would reset such a file to an empty table.
-TTable DecodeTable(std::string_view bytes, TTime now);
+VXSCHED_PUBLIC TTable DecodeTable(std::string_view bytes, TTime now);
 
 // The bytes of a table as the add-in writes them.
-std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
+VXSCHED_PUBLIC std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
 
 // Reads the table of a working directory without any effect: the file is opened for reading only,
 // the store mutex is taken as a waiter if there is a store, and the library is not loaded. A missing
 // file is an empty table. Throws CError: cBusy, cDamaged, or cNoAccess or cFailed when the
 // directory or the file cannot be read.
-TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
+VXSCHED_PUBLIC TTable ReadTable(const std::filesystem::path& directory,
+                                std::chrono::milliseconds lockTimeout);
 
 // The bytes of a working directory's table, for somebody who keeps its writers out: who holds the
 // store mutex, or is a part of the tick that does. A missing file is an empty table. Throws
 // CError (cNoAccess, cFailed) when the file cannot be read, or is a pipe or a device.
-std::string ReadTableBytes(const std::filesystem::path& directory);
+VXSCHED_PUBLIC std::string ReadTableBytes(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -4,12 +4,13 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
 #include <vxsched/Table.h>
 
 namespace vxsched {
 
 // A reason not to put a task into the table.
-struct TValidationError {
+struct VXSCHED_PUBLIC TValidationError {
     enum EKind {
         cEmptyName,
         cZeroByte,           // in a text: calls and programs see it cut off there
@@ -37,10 +38,10 @@ struct TValidationError {
 };
 
 // The path that a start makes of a task's program: every '.', 'e' and 'x' at its end is cut off.
-std::string LaunchedPath(std::string_view program);
+VXSCHED_PUBLIC std::string LaunchedPath(std::string_view program);
 
 // Whether the start of a program ends the scheduling process: it does for an extension other than .exe.
-bool AbortsLaunch(const std::string& program);
+VXSCHED_PUBLIC bool AbortsLaunch(const std::string& program);
 
 // How a task's program is started.
 enum class EProgram {
@@ -50,7 +51,7 @@ enum class EProgram {
 
 // All that speaks against the task, the worst first; empty when it is sound. Looks at the file
 // system (whether the program is there and may be executed by this user) and changes nothing.
-std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,
-                                       EProgram how = EProgram::cAsNamed);
+VXSCHED_PUBLIC std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,
+                                                      EProgram how = EProgram::cAsNamed);
 
 }  // namespace vxsched

@@ -11,6 +11,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <vxsched/Public.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -42,35 +44,39 @@ typedef struct vxsched_task {
 
 /* The tasks of `directory`, the scheduling process's working directory. Nothing is opened yet. NULL
    when memory runs out. vxsched_close() frees it; NULL is allowed there. */
-vxsched_store* vxsched_open(const char* directory);
-void vxsched_close(vxsched_store* store);
+VXSCHED_PUBLIC vxsched_store* vxsched_open(const char* directory);
+VXSCHED_PUBLIC void vxsched_close(vxsched_store* store);
 
 /* What the last call had to say when it failed, for a person; empty when it did not. Valid until the
    next call with this store. */
-const char* vxsched_message(const vxsched_store* store);
+VXSCHED_PUBLIC const char* vxsched_message(const vxsched_store* store);
 
 /* How long the calls wait for others, in milliseconds; 10000 at first. */
-void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds);
+VXSCHED_PUBLIC void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds);
 
 /* Calls `each` for every task in the order of the table, until it returns false. The texts are valid
    during that call only; a text with a zero byte in it is seen up to there. */
-vxsched_error vxsched_list(vxsched_store* store, bool (*each)(const vxsched_task*, void* context),
-                           void* context);
+VXSCHED_PUBLIC vxsched_error vxsched_list(vxsched_store* store,
+                                          bool (*each)(const vxsched_task*, void* context),
+                                          void* context);
 
 /* Adds a task, active; `last` and `paused` are not looked at. With `replace`, in the place of one of
    that name. */
-vxsched_error vxsched_create(vxsched_store* store, const vxsched_task* task, bool replace);
-vxsched_error vxsched_remove(vxsched_store* store, const char* name);
-vxsched_error vxsched_pause(vxsched_store* store, const char* name);
-vxsched_error vxsched_resume(vxsched_store* store, const char* name);
-vxsched_error vxsched_set_period(vxsched_store* store, const char* name, uint32_t hours);
+VXSCHED_PUBLIC vxsched_error vxsched_create(vxsched_store* store, const vxsched_task* task,
+                                            bool replace);
+VXSCHED_PUBLIC vxsched_error vxsched_remove(vxsched_store* store, const char* name);
+VXSCHED_PUBLIC vxsched_error vxsched_pause(vxsched_store* store, const char* name);
+VXSCHED_PUBLIC vxsched_error vxsched_resume(vxsched_store* store, const char* name);
+VXSCHED_PUBLIC vxsched_error vxsched_set_period(vxsched_store* store, const char* name,
+                                                uint32_t hours);
 
 /* Starts the task's program now, outside the schedule. Refused while it runs, unless `force`. Its
    process goes to `process` unless that is NULL. */
-vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force, pid_t* process);
+VXSCHED_PUBLIC vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force,
+                                         pid_t* process);
 
 /* Has the scheduling process look at once; VXSCHED_NO_SCHEDULER when there is none. */
-vxsched_error vxsched_wake(vxsched_store* store);
+VXSCHED_PUBLIC vxsched_error vxsched_wake(vxsched_store* store);
 
 #ifdef __cplusplus
 }
