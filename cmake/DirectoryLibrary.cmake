@@ -24,11 +24,10 @@ function(add_directory_library target)
   file(RELATIVE_PATH directory ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
   add_headers(${target} ${directory})
   add_library(${target} STATIC ${library_SOURCES})
-  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   # Lets the linker drop code that a program does not use.
   target_compile_options(${target} PRIVATE -ffunction-sections)
   target_link_libraries(
     ${target}
     PUBLIC ${target}-headers ${library_USES}
-    PRIVATE target_defaults ${library_LINKS})
+    PRIVATE product_defaults ${library_LINKS})
 endfunction()

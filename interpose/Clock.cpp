@@ -1,5 +1,7 @@
 #include "interpose/Clock.h"
 
+#include "interpose/NextDefinition.h"
+
 #include <atomic>
 #include <cerrno>
 #include <limits>
@@ -22,7 +24,7 @@ void SetTimeListener(void (*listener)(time_t now)) {
 // Called by the add-in at each tick and in its exported functions, and by the program, on any
 // thread. Unlike libc's it calls the listener, and returns the smallest time_t while the clock is
 // frozen. It reads the coarse clock, as libc's does. Never fails; errno is unchanged.
-extern "C" time_t time(time_t* out) noexcept {
+INTERPOSED time_t time(time_t* out) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
     if (const auto listener = gListener.load(std::memory_order_relaxed)) {

@@ -19,7 +19,7 @@ TLaunchHandlers NextLaunchHandlers() {
 // Called by the add-in to launch a program, on the launching thread, and by the program. Unlike
 // libc's it calls the handler, if one is set. Like libc's it returns an error number; errno is
 // unspecified.
-extern "C" int posix_spawn(pid_t* process, const char* path,
+INTERPOSED int posix_spawn(pid_t* process, const char* path,
                            const posix_spawn_file_actions_t* actions,
                            const posix_spawnattr_t* attributes, char* const arguments[],
                            char* const environment[]) {
@@ -29,7 +29,7 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
 
 // Called by the add-in once after each launch, on the same thread, and by the program. Unlike
 // libc's it calls the handler, if one is set. Result and errno are the handler's.
-extern "C" pid_t waitpid(pid_t process, int* status, int options) {
+INTERPOSED pid_t waitpid(pid_t process, int* status, int options) {
     const auto wait = gHandlers.wait != nullptr ? gHandlers.wait : NextLaunchHandlers().wait;
     return wait(process, status, options);
 }

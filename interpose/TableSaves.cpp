@@ -124,7 +124,7 @@ void SetReadFailureListener(void (*listener)()) {
 // temporary file or, after a failed read, /dev/null; if no temporary file can be made, the table
 // itself. Opening it to read notes whether that succeeds. Fails only as the next open() does; errno
 // is its own.
-extern "C" int open(const char* path, int flags, ...) {
+INTERPOSED int open(const char* path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
     const bool hasMode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
@@ -147,7 +147,7 @@ extern "C" int open(const char* path, int flags, ...) {
 
 // Called by the add-in before it reads the table, and by the program. Result and errno are those of
 // the next stat(). A failure for the table's path other than ENOENT counts as a failed read.
-extern "C" int stat(const char* path, struct stat* status) noexcept {
+INTERPOSED int stat(const char* path, struct stat* status) noexcept {
     static auto* const next = NextDefinition<int(const char*, struct stat*)>("stat");
     const int result = next(path, status);
     if (result == -1 && std::strcmp(path, cTable) == 0) {
@@ -161,7 +161,7 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
 
 // Called by the add-in and the program. Result and errno are those of the next read(). A failure on
 // the table other than EINTR counts as a failed read.
-extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
+INTERPOSED ssize_t read(int descriptor, void* bytes, size_t count) {
     static auto* const next = NextDefinition<ssize_t(int, void*, size_t)>("read");
     const ssize_t result = next(descriptor, bytes, count);
     if (result == -1 && errno != EINTR && descriptor != -1 && descriptor == gReading)
@@ -171,7 +171,7 @@ extern "C" ssize_t read(int descriptor, void* bytes, size_t count) {
 
 // Called by the add-in and the program. Result and errno are those of the next write(). A failure
 // on the temporary file other than EINTR makes close() discard it.
-extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
+INTERPOSED ssize_t write(int descriptor, const void* bytes, size_t count) {
     static auto* const next = NextDefinition<ssize_t(int, const void*, size_t)>("write");
     const ssize_t written = next(descriptor, bytes, count);
     if (written == -1 && errno != EINTR && descriptor == gDescriptor)
@@ -183,7 +183,7 @@ extern "C" ssize_t write(int descriptor, const void* bytes, size_t count) {
 // closed then. For a temporary file it also renames it to the table, or removes it if a write
 // failed or an exception ended the save; if the rename fails, it returns -1 with its errno, and the
 // old table stays.
-extern "C" int close(int descriptor) {
+INTERPOSED int close(int descriptor) {
     if (descriptor != -1 && descriptor == gReading) {
         gReading = -1;
         const int result = NextClose(descriptor);

@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <string>
 
+#include <vxsched/Public.h>
+
 namespace vxsched {
 
 // The kind of a failure, for a program to act on. The message has the details, for a person.
@@ -18,7 +20,7 @@ enum class EError {
 
 // The exception that every function of the client library throws; besides it, only std::bad_alloc.
 // Its message says what failed, on which input, why, and what to do.
-class CError : public std::runtime_error {
+class VXSCHED_PUBLIC CError : public std::runtime_error {
 public:
     CError(EError kind, const std::string& message) : std::runtime_error(message), code(kind) {}
 
@@ -30,6 +32,6 @@ private:
 
 // The error for a system call that failed with `error`, an errno: cNoAccess for EACCES, EPERM and
 // EROFS, else cFailed. `what` says what failed on which input, as in "cannot read /a/file".
-CError SystemError(const std::string& what, int error);
+VXSCHED_PUBLIC CError SystemError(const std::string& what, int error);
 
 }  // namespace vxsched

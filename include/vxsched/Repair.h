@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
 #include <vxsched/Table.h>
 
 // Repairing a damaged table. These functions work on bytes in memory: they read no file, take no
@@ -20,12 +21,12 @@ struct TSalvaged {
 // Takes every complete task out of `bytes`; the table's count is ignored. After bytes that cannot
 // be read it searches for the next offset with a plausible task: a name of at most 4096 bytes,
 // times from 1970 on, a program, a pause flag of 0 or 1. Never fails: noise gives no tasks.
-TSalvaged Salvage(std::string_view bytes);
+VXSCHED_PUBLIC TSalvaged Salvage(std::string_view bytes);
 
 // Decodes a table that has lost no tasks. Throws CError (cDamaged) like DecodeTable(), and also for
 // a table that can be read and has lost tasks all the same: zeros in the place of a task, as a
 // power failure leaves them, or tasks after the last one that the table counts.
-std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
+VXSCHED_PUBLIC std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
 
 // A valid table that supplies the tasks which a damaged one has lost.
 struct TBackup {
@@ -47,6 +48,6 @@ struct TRepair {
 // 3. A task whose past due time would hang or slow down a process that loads the add-in at `now` is
 //    rescheduled; one whose period is a step of zero gets the longest period and is paused. An
 //    intact table whose tasks are safe to load comes back unchanged, without notes. Never fails.
-TRepair PlanRepair(std::string_view bytes, const TBackup* backup, TTime now);
+VXSCHED_PUBLIC TRepair PlanRepair(std::string_view bytes, const TBackup* backup, TTime now);
 
 }  // namespace vxsched

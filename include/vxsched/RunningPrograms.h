@@ -6,13 +6,15 @@
 #include <unordered_map>
 #include <vector>
 
+#include <vxsched/Public.h>
+
 namespace vxsched {
 
 // A snapshot of the system's processes, for finding those that a task has launched. It is read from
 // /proc by the constructor, without locks and without any effect; Find() does not see later changes
 // of the processes. Processes of other users are found only as far as this user may inspect them.
 // Immutable: threads may share one. Do not use it to wait for a program: process ids are reused.
-class CRunningPrograms {
+class VXSCHED_PUBLIC CRunningPrograms {
 public:
     // Reads the command line of every process; does not block. Without /proc it finds none.
     CRunningPrograms();
@@ -33,6 +35,7 @@ private:
 };
 
 // Takes a snapshot and searches it. For several searches keep a CRunningPrograms.
-std::vector<pid_t> FindRunning(const std::string& program, const std::string& parameter);
+VXSCHED_PUBLIC std::vector<pid_t> FindRunning(const std::string& program,
+                                              const std::string& parameter);
 
 }  // namespace vxsched

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <optional>
 
+#include <vxsched/Public.h>
+
 // Finding and waking the process that launches the due tasks of a directory. Any thread may call
 // these functions, with or without locks held; none of them blocks.
 namespace vxsched {
@@ -19,17 +21,18 @@ struct TSchedulingProcess {
 // files/vxschedd.lock; another host by /proc, as a process that works in the directory, has the
 // add-in mapped and several threads. The latter is found only if this user may inspect it. Empty if
 // there is none. The process may end at any time afterwards.
-std::optional<TSchedulingProcess> FindSchedulingProcess(const std::filesystem::path& directory);
+VXSCHED_PUBLIC std::optional<TSchedulingProcess> FindSchedulingProcess(
+    const std::filesystem::path& directory);
 
 // Has the scheduling process of this IPC namespace tick at once, or again right after the tick
 // under way, by signalling its stop event; that stops nothing. Without a scheduling process it has
 // no effect. Throws CError (cNoAccess, cFailed).
-void WakeSchedulingProcess();
+VXSCHED_PUBLIC void WakeSchedulingProcess();
 
 // Has the scheduling process of this IPC namespace read the table again at its next tick. For a
 // table that was written without the add-in's functions, which announce their changes themselves;
 // call it while still holding the store mutex, or a tick may write its own list over the table
 // first. Throws CError (cNoAccess, cFailed).
-void AnnounceChange();
+VXSCHED_PUBLIC void AnnounceChange();
 
 }  // namespace vxsched

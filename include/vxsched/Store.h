@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
 #include <vxsched/StoreOptions.h>
 #include <vxsched/Table.h>
 #include <vxsched/Validation.h>
@@ -71,7 +72,7 @@ struct TRun {
 // 6. Thread-safety: an object holds only its options; threads may use distinct objects freely, and
 //    share one that none of them assigns to. Calls from several threads or processes take effect
 //    one after the other. The caller may ignore SIGCHLD.
-class CStore {
+class VXSCHED_PUBLIC CStore {
 public:
     explicit CStore(TStoreOptions storeOptions);
 

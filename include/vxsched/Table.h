@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
+
 // The table of tasks: reading it without any effect, and its bytes. docs/table-file.md describes
 // the format. Any thread may call these functions; the structs are plain values.
 namespace vxsched {
@@ -16,7 +18,7 @@ using TTime = std::chrono::sys_seconds;
 
 // The time by the coarse system clock, which the scheduler reads. It may lag behind other clocks by
 // a few milliseconds, so that those are already in the next second.
-TTime Now();
+VXSCHED_PUBLIC TTime Now();
 
 // One task as the table holds it. Strings may contain any byte.
 struct TTaskEntry {
@@ -44,7 +46,7 @@ struct TProblem {
     std::string message;  // for a person; without the offset
 };
 
-struct TTable {
+struct VXSCHED_PUBLIC TTable {
     std::vector<TTaskEntry> tasks;  // in the order of the file
     std::vector<TProblem> problems;
 
@@ -60,22 +62,23 @@ struct TTable {
 // Decodes a table; `now` decides which due times are past. Throws CError (cDamaged), with what is
 // wrong at which offset, for bytes that end within the table: the add-in would reset such a file to
 // an empty table. Bytes after the last task are a problem (cUnusual), not an error.
-TTable DecodeTable(std::string_view bytes, TTime now);
+VXSCHED_PUBLIC TTable DecodeTable(std::string_view bytes, TTime now);
 
 // Encodes a table as the add-in writes it. Never fails; DecodeTable() is its inverse.
-std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
+VXSCHED_PUBLIC std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
 
 // Reads the table of a working directory, without any effect: the file is opened for reading only
 // and the add-in is not loaded. A missing file is an empty table. Holds the store mutex while it
 // reads the file, if there is one; waits for it for at most `lockTimeout`. Do not call it while
 // holding the store mutex. Throws CError: cBusy if the mutex stays held, cDamaged, cNoAccess or
 // cFailed if the directory or the file cannot be read.
-TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
+VXSCHED_PUBLIC TTable ReadTable(const std::filesystem::path& directory,
+                                std::chrono::milliseconds lockTimeout);
 
 // Reads the bytes of a working directory's table, also damaged ones. Takes no lock: the caller
 // holds the store mutex, or runs as part of the tick that holds it. Does not block, not even on a
 // FIFO in place of the file. A missing file is an empty table (8 zero bytes). Throws CError
 // (cNoAccess, cFailed) if the file cannot be read, is larger than 1 GiB, or is a FIFO or a device.
-std::string ReadTableBytes(const std::filesystem::path& directory);
+VXSCHED_PUBLIC std::string ReadTableBytes(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include <vxsched/Public.h>
 #include <vxsched/Table.h>
 
 // Validating a task before it gets into the table. Any thread may call these functions; they take
@@ -11,7 +12,7 @@
 namespace vxsched {
 
 // A reason not to put a task into the table.
-struct TValidationError {
+struct VXSCHED_PUBLIC TValidationError {
     enum EKind {
         cEmptyName,
         cZeroByte,           // in a string: calls and programs would see it cut off there
@@ -40,10 +41,10 @@ struct TValidationError {
 
 // The path that the add-in launches for a task's program: every '.', 'e' and 'x' at its end is cut
 // off.
-std::string LaunchedPath(std::string_view program);
+VXSCHED_PUBLIC std::string LaunchedPath(std::string_view program);
 
 // True if launching `program` would abort the scheduling process: its extension is not ".exe".
-bool AbortsLaunch(const std::string& program);
+VXSCHED_PUBLIC bool AbortsLaunch(const std::string& program);
 
 // How the table will refer to a task's program.
 enum class EProgram {
@@ -54,7 +55,7 @@ enum class EProgram {
 // Validates a task as of `now`: its strings, program, period and due time. Returns the errors that
 // cannot be forced first; empty if the task is valid. Inspects the program in the file system with
 // this process's permissions and working directory, which may differ from the scheduling process's.
-std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,
-                                       EProgram how = EProgram::cAsNamed);
+VXSCHED_PUBLIC std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,
+                                                      EProgram how = EProgram::cAsNamed);
 
 }  // namespace vxsched

@@ -26,6 +26,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <vxsched/Public.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -59,56 +61,60 @@ typedef struct vxsched_task {
 /* Makes a store for `directory`, the scheduling process's working directory. Opens no file: a
    missing directory is an error of later calls. The caller frees it with vxsched_close(). NULL if
    memory runs out. */
-vxsched_store* vxsched_open(const char* directory);
+VXSCHED_PUBLIC vxsched_store* vxsched_open(const char* directory);
 
 /* Frees the store and its message. NULL is allowed. */
-void vxsched_close(vxsched_store* store);
+VXSCHED_PUBLIC void vxsched_close(vxsched_store* store);
 
 /* The message of the last call with this store: what failed, why, and what to do; empty if it
    succeeded. Never NULL. Valid until the next call with this store. */
-const char* vxsched_message(const vxsched_store* store);
+VXSCHED_PUBLIC const char* vxsched_message(const vxsched_store* store);
 
 /* Sets how long later calls wait for each lock and for the scheduling process, in milliseconds;
    60000 at first. From 0 to 1000000000. */
-void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds);
+VXSCHED_PUBLIC void vxsched_set_lock_timeout(vxsched_store* store, int64_t milliseconds);
 
 /* Reads the table and calls `each` for every task, in the order of the table, until it returns
    false. No lock is held meanwhile. The task and its strings are valid during that call only; a
    string that holds a zero byte ends there. `context` is handed on as it is. A missing table has no
    tasks. */
-vxsched_error vxsched_list(vxsched_store* store, bool (*each)(const vxsched_task*, void* context),
-                           void* context);
+VXSCHED_PUBLIC vxsched_error vxsched_list(vxsched_store* store,
+                                          bool (*each)(const vxsched_task*, void* context),
+                                          void* context);
 
 /* Adds an active task; `last` and `paused` are ignored. With `replace` it replaces a task of the
    same name and keeps its last launch. VXSCHED_REFUSED on a validation error, and without `replace`
    if the name is taken. */
-vxsched_error vxsched_create(vxsched_store* store, const vxsched_task* task, bool replace);
+VXSCHED_PUBLIC vxsched_error vxsched_create(vxsched_store* store, const vxsched_task* task,
+                                            bool replace);
 
 /* VXSCHED_NOT_FOUND if there is no such task. */
-vxsched_error vxsched_remove(vxsched_store* store, const char* name);
+VXSCHED_PUBLIC vxsched_error vxsched_remove(vxsched_store* store, const char* name);
 
 /* VXSCHED_NOT_FOUND if there is no such task. */
-vxsched_error vxsched_pause(vxsched_store* store, const char* name);
+VXSCHED_PUBLIC vxsched_error vxsched_pause(vxsched_store* store, const char* name);
 
 /* A repeating task whose due time passed while it was paused is rescheduled; one that runs once is
    refused (VXSCHED_REFUSED), since it would be removed without a run. VXSCHED_NOT_FOUND if there is
    no such task. */
-vxsched_error vxsched_resume(vxsched_store* store, const char* name);
+VXSCHED_PUBLIC vxsched_error vxsched_resume(vxsched_store* store, const char* name);
 
 /* Changes the period, counted on from the task's previous due time; 0 keeps the next due time and
    makes the task run once. VXSCHED_REFUSED on a validation error, VXSCHED_NOT_FOUND if there is no
    such task. */
-vxsched_error vxsched_set_period(vxsched_store* store, const char* name, uint32_t hours);
+VXSCHED_PUBLIC vxsched_error vxsched_set_period(vxsched_store* store, const char* name,
+                                                uint32_t hours);
 
 /* Launches the task's program now, outside the schedule, with its output to /dev/null; does not
    wait for its end. On success its process id is stored in `*process`, unless that is NULL.
    VXSCHED_REFUSED if the program cannot be launched as it is named or, without `force`, if it is
    still running; VXSCHED_NOT_FOUND if there is no such task. */
-vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force, pid_t* process);
+VXSCHED_PUBLIC vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force,
+                                         pid_t* process);
 
 /* Wakes the scheduling process, so that it checks for due tasks at once. Does not block.
    VXSCHED_NO_SCHEDULER if there is none. */
-vxsched_error vxsched_wake(vxsched_store* store);
+VXSCHED_PUBLIC vxsched_error vxsched_wake(vxsched_store* store);
 
 #ifdef __cplusplus
 }
