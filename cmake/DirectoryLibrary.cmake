@@ -16,11 +16,12 @@ function(add_headers target directory)
   target_include_directories(${target}-headers INTERFACE ${root})
 endfunction()
 
-# add_directory_library(TARGET SOURCES SOURCE... [USES TARGET...] [LINKS LIBRARY...]): creates the static library of the
-# current directory. Its users can include its headers and those of the targets it USES; the LINKS are for its sources
-# alone.
+# add_directory_library(TARGET SOURCES SOURCE... [USES TARGET...] [LINKS LIBRARY...] [PRECOMPILED TARGET]): creates the
+# static library of the current directory. Its users can include its headers and those of the targets it USES; the LINKS
+# are for its sources alone. The headers that are slow to compile are read precompiled: those of base, or of the target
+# PRECOMPILED, or of its own.
 function(add_directory_library target)
-  cmake_parse_arguments(PARSE_ARGV 1 library "" "" "SOURCES;USES;LINKS")
+  cmake_parse_arguments(PARSE_ARGV 1 library "" "PRECOMPILED" "SOURCES;USES;LINKS")
   file(RELATIVE_PATH directory ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
   add_headers(${target} ${directory})
   add_library(${target} STATIC ${library_SOURCES})
@@ -30,4 +31,10 @@ function(add_directory_library target)
     ${target}
     PUBLIC ${target}-headers ${library_USES}
     PRIVATE product_defaults ${library_LINKS})
+  if(NOT library_PRECOMPILED)
+    set(library_PRECOMPILED base)
+  endif()
+  if(NOT library_PRECOMPILED STREQUAL target)
+    target_precompile_headers(${target} REUSE_FROM ${library_PRECOMPILED})
+  endif()
 endfunction()
