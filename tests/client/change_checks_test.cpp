@@ -104,11 +104,12 @@ TEST_F(ClientStore, DueTimeTooFarBackIsRefused) {
 }
 
 TEST_F(ClientStore, PeriodOfATaskThatIsDueItselfIsNotChangedUnderIt) {
-    WriteTable({{"due", Seconds(In(-1h)), 0, 24, cRecorder, "", 0}});
+    const std::int64_t due = Seconds(In(-1h));
+    WriteTable({{"due", due, 0, 24, cRecorder, "", 0}});
     const CStore permissive({.evenIfDue = true});
     ExpectKept([&] { ErrorOf(EError::cRefused, [&] { permissive.SetPeriod("due", 6); }); });
     permissive.Edit("due", {.period = 6});
-    EXPECT_EQ(::ReadTable()[0].next, Seconds(In(-1h)));
+    EXPECT_EQ(::ReadTable()[0].next, due);
 }
 
 TEST_F(ClientStore, TableThatMayNotBeWrittenIsNoAccess) {

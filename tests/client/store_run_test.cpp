@@ -57,7 +57,7 @@ TEST_F(ClientStore, RunOfWhatRunsAlreadyIsRefusedUnlessForced) {
     const TRun second = store.Run("a", true, false);
     EXPECT_NE(first.process, second.process);
     WriteFile("end it", "");
-    WaitUntil([&] { return kill(first.process, 0) != 0 && kill(second.process, 0) != 0; });
+    WaitUntil([&] { return HasEnded(first.process) && HasEnded(second.process); });
 }
 
 TEST_F(ClientStore, RunOfAMissingProgramIsRefused) {

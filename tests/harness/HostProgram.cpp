@@ -43,10 +43,14 @@ std::string CHost::Status(const std::string& field) const {
 
 int CHost::CountZombies() const {
     int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        if (entry.path().filename().string().find_first_not_of("0123456789") != std::string::npos)
+    // Processes come and go while the directory is read.
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry("/proc", error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
             continue;
-        const std::string stat = ReadFile(entry.path().string() + "/stat");
+        const std::string stat = ReadFile("/proc/" + name + "/stat");
         if (stat.find(") Z " + std::to_string(Id()) + ' ') != std::string::npos)
             ++count;
     }

@@ -151,6 +151,11 @@ bool DropCapabilities() {
     return syscall(SYS_capset, &header, none) == 0;
 }
 
+bool HasEnded(pid_t process) {
+    const std::string stat = ReadFile("/proc/" + std::to_string(process) + "/stat");
+    return stat.empty() || stat.find(") Z ") != std::string::npos;
+}
+
 std::string ReadFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};

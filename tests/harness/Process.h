@@ -71,6 +71,10 @@ int RunRole(int argc, char** argv);
 // condition that never holds.
 void WaitUntil(const std::function<bool()>& condition);
 
+// True when a process is gone or a zombie. Nobody may be there to collect a child that has lost its
+// parent.
+bool HasEnded(pid_t process);
+
 // Drops root's capabilities, so that modes of files and semaphores apply to this process even when
 // root runs the tests.
 bool DropCapabilities();

@@ -95,8 +95,8 @@ TEST(ExportedNames, NoThreadLocals) {
 }
 
 TEST(ExportedNames, DependsOnTheSupportLibraryAndTheStandardLibrariesOnly) {
-    const std::vector<std::string> allowed = {"libvxcsupport.so.0", "libstdc++.so.6", "libgcc_s.so.1",
-                                              "libc.so.6", "libm.so.6"};
+    const std::vector<std::string> allowed = {"libvxcsupport.so.0", "libstdc++.so.6",
+                                              "libgcc_s.so.1", "libc.so.6", "libm.so.6"};
     for (const std::string& line : LinesOf(OutputOf("readelf --wide --dynamic " ADDIN_LIBRARY))) {
         const std::size_t name = line.find("Shared library: [");
         if (line.find("(NEEDED)") == std::string::npos)

@@ -68,8 +68,8 @@ static void ChangeAroundADueTime(int iteration, std::mt19937& random) {
     const std::string record = "record " + std::to_string(iteration);
     const std::string task = "once " + std::to_string(iteration);
     const std::time_t due = std::time(nullptr) + cAhead;
-    const TToolRun create =
-        RunTool({"create", task, "--at", "@" + std::to_string(due), "--", cRecorder, record});
+    const TToolRun create = RunTool({"create", task, "--at", "@" + std::to_string(due), "--force",
+                                     "past-due", "--", cRecorder, record});
     ASSERT_EQ(create.status, 0) << create.error;
     const auto offset =
         std::chrono::milliseconds(std::uniform_int_distribution<>(-300, 300)(random));
