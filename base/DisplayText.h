@@ -1,3 +1,5 @@
+// Strings made safe for a terminal. Any thread may call these functions.
+
 #pragma once
 
 #include <cstddef>
@@ -6,17 +8,16 @@
 
 namespace vxsched {
 
-// A string made safe for a terminal.
 struct TShown {
-    std::string text;
+    std::string string;       // safe to print
     std::size_t columns = 0;  // each character counts as one column
 };
 
 // Replaces each control character and each byte that is not UTF-8 by U+FFFD, so that no string can
 // send control sequences to the terminal.
-TShown Show(std::string_view text);
+TShown Show(std::string_view string);
 
 // Like Show(), but appends the result to `to`. Returns the columns that were added.
-std::size_t AppendShown(std::string_view text, std::string& to);
+std::size_t AppendShown(std::string_view string, std::string& to);
 
 }  // namespace vxsched

@@ -1,15 +1,19 @@
 // The command vxsched: parses the command line, runs the command, and maps errors to exit statuses.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <string_view>
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/ExitStatus.h"
 #include "cli/time/PeriodFormat.h"
+#include "store/TableFile.h"
 
 namespace vxsched {
 
@@ -33,13 +37,31 @@ int StatusOf(EError error) {
     return cRefusedStatus;
 }
 
+// CLI::Range would print its bounds with six decimals, and accept NaN.
+std::string CheckLockTimeout(const std::string& argument) {
+    char* end = nullptr;
+    const double seconds = std::strtod(argument.c_str(), &end);
+    if (!argument.empty() && end == argument.c_str() + argument.size() && seconds >= 0 &&
+        seconds <= 86400)
+        return "";
+    return "expected a number of seconds from 0 to 86400, not \"" + argument + '"';
+}
+
+// `what`, in the plural for several arguments, and the arguments: unknown options "-a", "-b".
+std::string Listed(const std::string& what, const std::vector<std::string>& arguments) {
+    std::string listed = what + (arguments.size() == 1 ? " " : "s ");
+    for (const std::string& argument : arguments)
+        listed += (&argument == &arguments.front() ? "\"" : ", \"") + argument + '"';
+    return listed;
+}
+
 // The options of every command and their values, and the command that was chosen.
 class CCommandLine {
 public:
     CCommandLine();
 
     // Parses the arguments, runs the command, and returns the exit status. Throws CLI::ParseError,
-    // and whatever the command throws.
+    // CParseError for a time that was not quoted, and the exceptions of the command.
     int Run(int argc, const char* const* argv);
 
     // Prints the help or the version and returns the exit status.
@@ -47,13 +69,11 @@ public:
         return app.exit(request, std::cout, std::cerr);
     }
 
-    // The message for a command line that could not be parsed.
-    std::string MessageFor(const CLI::ParseError& error) const {
-        const std::vector<std::string> unknown = app.remaining();
-        if (app.get_subcommands().empty() && !unknown.empty())
-            return "unknown command \"" + unknown.front() + '"';
-        return error.what();
-    }
+    // The message for a command line that could not be parsed: the reason, and which help to read.
+    std::string MessageFor(const CLI::ParseError& error) const;
+
+    // The message for an error of the client library.
+    std::string MessageFor(const CError& error) const;
 
 private:
     using TCommand = std::function<int()>;
@@ -72,12 +92,16 @@ private:
     void AddDryRun(CLI::App& command);
     void AddForce(CLI::App& command);
     void AddName(CLI::App& command);
+    void Parse(int argc, const char* const* argv);
+    std::string ReasonOf(const CLI::ParseError& error) const;
+    std::string ReasonOfUnexpected(const std::vector<std::string>& unexpected) const;
     void WarnIfNoHostHasRun() const;
 
     CLI::App app{"Shows and changes the scheduled tasks of a directory.", "vxsched"};
     COutput output;
     TCommon common;
     TCommand chosen;
+    std::vector<std::string> beforeSeparator;  // the arguments before --
 
     std::string directory = ".";
     double lockTimeout = 60;  // seconds
@@ -102,6 +126,7 @@ private:
 CCommandLine::CCommandLine() {
     app.require_subcommand(1);
     app.fallthrough();
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.set_version_flag("--version", "vxsched " VXSCHED_VERSION);
     app.add_option("--directory", directory,
                    "Working directory of the scheduling process; the table is "
@@ -111,7 +136,7 @@ CCommandLine::CCommandLine() {
         ->capture_default_str();
     app.add_option("--lock-timeout", lockTimeout,
                    "How long to wait for each lock and for the scheduling process, in seconds")
-        ->check(CLI::Range(0.0, 86400.0).description(""))
+        ->check(CheckLockTimeout)
         ->type_name("SECONDS")
         ->capture_default_str();
     app.add_flag("--utc", utc, "Print times in UTC");
@@ -128,6 +153,7 @@ CCommandLine::CCommandLine() {
 void CCommandLine::Add(const char* name, const char* description, TCommand command,
                        TOptions options) {
     CLI::App* const added = app.add_subcommand(name, description);
+    added->group("Commands");
     added->callback([this, command = std::move(command)] { chosen = command; });
     added->preparse_callback(
         [added, options = std::move(options)](std::size_t /*left*/) { options(*added); });
@@ -158,7 +184,8 @@ void CCommandLine::AddQueries() {
         [this, addJson](CLI::App& next) {
             addJson(next);
             next.add_option("--count", count, "Number of runs; 10 unless --until is given")
-                ->check(CLI::Range(1, 1'000'000).description(""));
+                ->check(CLI::Range(1, 1'000'000).description(""))
+                ->type_name("NUMBER");
             next.add_option("--until", until, "List runs up to this time")->type_name("TIME");
         });
     Add(
@@ -166,9 +193,11 @@ void CCommandLine::AddQueries() {
         [this] { return History(common, task.name, count, failedOnly, output); },
         [this, addJson](CLI::App& history) {
             addJson(history);
-            history.add_option("name", task.name, "The task; it may have been removed since");
+            history.add_option("name", task.name, "The task; it may have been removed since")
+                ->type_name("NAME");
             history.add_option("--count", count, "Number of runs; default 20")
-                ->check(CLI::Range(1, 1'000'000).description(""));
+                ->check(CLI::Range(1, 1'000'000).description(""))
+                ->type_name("NUMBER");
             history.add_flag("--failed", failedOnly,
                              "List only runs that failed (status other than 0), were killed, could "
                              "not start or were missed");
@@ -181,7 +210,8 @@ void CCommandLine::AddQueries() {
         [this] { return CheckTable(common, file, output); },
         [this, addJson](CLI::App& check) {
             addJson(check);
-            check.add_option("file", file, "File to check instead of the directory's table");
+            check.add_option("file", file, "File to check instead of the directory's table")
+                ->type_name("FILE");
         });
 }
 
@@ -206,7 +236,7 @@ void CCommandLine::AddForce(CLI::App& command) {
 }
 
 void CCommandLine::AddName(CLI::App& command) {
-    command.add_option("name", task.name, "The task")->required();
+    command.add_option("name", task.name, "The task")->type_name("NAME")->required();
 }
 
 void CCommandLine::AddForNames(const char* name, const char* description,
@@ -215,7 +245,7 @@ void CCommandLine::AddForNames(const char* name, const char* description,
     Add(
         name, description, [this, command] { return command(common, names, output); },
         [this, isForcible](CLI::App& added) {
-            added.add_option("names", names, "The tasks")->required();
+            added.add_option("name", names, "The tasks")->type_name("NAME")->required();
             AddDryRun(added);
             if (isForcible)
                 AddForce(added);
@@ -234,9 +264,12 @@ void CCommandLine::AddChanges() {
             create
                 .add_option("program", task.program,
                             "Absolute path of the program; write -- before it and its parameter")
+                ->type_name("PROGRAM")
                 ->required();
-            create.add_option("parameter", task.parameter,
-                              "The single argument that the program is launched with");
+            create
+                .add_option("parameter", task.parameter,
+                            "The single argument that the program is launched with")
+                ->type_name("PARAMETER");
             AddDryRun(create);
             AddForce(create);
         });
@@ -244,12 +277,13 @@ void CCommandLine::AddChanges() {
         "edit", "Change the given fields of a task", [this] { return Edit(common, task, output); },
         [this](CLI::App& edit) {
             AddName(edit);
-            edit.add_option("--at", task.at, "Next due time")->type_name("TIME");
+            edit.add_option("--at", task.at, "Next due time; a past one is due now")
+                ->type_name("TIME");
             edit.add_option("--every", task.every, "Period")->type_name("PERIOD");
             edit.add_option("--program", task.program, "Absolute path of the program")
                 ->type_name("PATH");
             edit.add_option("--parameter", task.parameter, "Argument of the program")
-                ->type_name("TEXT");
+                ->type_name("PARAMETER");
             AddDryRun(edit);
             AddForce(edit);
         });
@@ -261,7 +295,7 @@ void CCommandLine::AddChanges() {
         [this] { return SetPeriod(common, task.name, period, output); },
         [this](CLI::App& added) {
             AddName(added);
-            added.add_option("period", period, "6h, 1d, 2w, once")->required();
+            added.add_option("period", period, "6h, 1d, 2w, once")->type_name("PERIOD")->required();
             AddDryRun(added);
             AddForce(added);
         });
@@ -299,7 +333,8 @@ void CCommandLine::AddMaintenance() {
                           output);
         },
         [this, addDryRun](CLI::App& import) {
-            import.add_option("file", file, "Exported file; standard input if omitted or -");
+            import.add_option("file", file, "Exported file; standard input if omitted or -")
+                ->type_name("FILE");
             CLI::Option* const whole =
                 import.add_flag("--replace", replace, "Replace the whole table");
             import.add_flag("--merge", merge, "Overwrite tasks that have the same name")
@@ -310,9 +345,10 @@ void CCommandLine::AddMaintenance() {
         "completion", "Print the completion script for a shell",
         [this] { return PrintCompletion(shell, output); },
         [this](CLI::App& completion) {
-            completion.add_option("shell", shell, "The shell")
+            completion.add_option("shell", shell, "bash, zsh or fish")
+                ->type_name("SHELL")
                 ->required()
-                ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+                ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));
         });
 }
 
@@ -325,8 +361,94 @@ void CCommandLine::WarnIfNoHostHasRun() const {
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
 
+void CCommandLine::Parse(int argc, const char* const* argv) {
+    const char* const* const end = argv + argc;
+    const char* const* const begin = argv + std::min(argc, 1);
+    beforeSeparator.assign(begin, std::find(begin, end, std::string_view("--")));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ExtrasError&) {
+        // The rest of a time that was not quoted is left over. Report the time: its message has the
+        // remedy.
+        if (task.at)
+            ParseTime(*task.at, Now());
+        if (!until.empty())
+            ParseTime(until, Now());
+        throw;
+    }
+}
+
+std::string CCommandLine::MessageFor(const CLI::ParseError& error) const {
+    const std::string reason = ReasonOf(error);
+    // "--directory: ..." is about an option that only the general help describes.
+    const bool isGeneral = app.get_subcommands().empty() ||
+                           app.get_option_no_throw(reason.substr(0, reason.find(':'))) != nullptr;
+    return reason + ". See vxsched " +
+           (isGeneral ? "" : app.get_subcommands().front()->get_name() + ' ') + "--help.";
+}
+
+std::string CCommandLine::ReasonOf(const CLI::ParseError& error) const {
+    std::vector<std::string> unexpected = app.remaining();
+    std::erase(unexpected, "--");
+    const bool hasCommand = !app.get_subcommands().empty();
+    // Without a command the parser reports that one is required, although it was only mistyped.
+    if (!unexpected.empty() &&
+        (!hasCommand || dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr))
+        return ReasonOfUnexpected(unexpected);
+    if (!hasCommand && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
+        return "a command is required";
+    return error.what();
+}
+
+std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& unexpected) const {
+    std::vector<std::string> options;
+    std::vector<std::string> arguments;
+    for (const std::string& one : unexpected) {
+        const bool isOption =
+            one.size() > 1 && one.starts_with('-') &&
+            std::find(beforeSeparator.begin(), beforeSeparator.end(), one) != beforeSeparator.end();
+        (isOption ? options : arguments).push_back(one);
+    }
+    const CLI::App* const command =
+        app.get_subcommands().empty() ? nullptr : app.get_subcommands().front();
+    if (command == nullptr && !arguments.empty())
+        return "unknown command \"" + arguments.front() + '"';
+    const bool isCreate = command != nullptr && command->get_name() == "create";
+    std::string reason;
+    if (!options.empty()) {
+        reason = Listed("unknown option", options);
+        if (isCreate && task.program)
+            reason += "; write -- before the program to pass options to it";
+    }
+    if (arguments.empty())
+        return reason;
+    reason += (reason.empty() ? "" : "; ") + Listed("unexpected argument", arguments);
+    if (isCreate) {
+        std::string parameter = task.parameter.value_or("");
+        for (const std::string& argument : arguments)
+            parameter += ' ' + argument;
+        return reason + "; a program gets a single argument, so quote it: \"" + parameter + '"';
+    }
+    const auto takesValue = [](const CLI::Option* option) {
+        return option->get_expected_max() > 0;
+    };
+    return reason +
+           (command->get_options(takesValue).empty() ? "" : "; quote an argument of several words");
+}
+
+// Adds the file and the remedy to the message for a damaged table: the library leaves both to its
+// callers, which may not be this command.
+std::string CCommandLine::MessageFor(const CError& error) const {
+    const std::string message = error.what();
+    if (error.Code() != EError::cDamaged)
+        return message;
+    const bool hasRemedy = message.find("repair the table") != std::string::npos;
+    return TableFile(directory).string() + ": " + message +
+           (hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
+}
+
 int CCommandLine::Run(int argc, const char* const* argv) {
-    app.parse(argc, argv);
+    Parse(argc, argv);
     common.store.directory = directory;
     common.store.lockTimeout =
         std::chrono::milliseconds(static_cast<std::int64_t>(lockTimeout * 1000));
@@ -344,13 +466,15 @@ int CCommandLine::Run(int argc, const char* const* argv) {
     return status;
 }
 
-// Prints the message, which may have several lines; Show() would replace their line ends.
+// Prints the message. If it has several lines, the others are indented so that they begin below the
+// first one. Each line is passed to Show() alone, which would replace the line ends.
 int Fail(const std::string& message, int status) {
+    const std::string prefix = "vxsched: ";
     std::string shown;
     for (std::size_t offset = 0; offset <= message.size();) {
         const std::size_t end = std::min(message.find('\n', offset), message.size());
-        shown +=
-            (shown.empty() ? "vxsched: " : "\n") + Show(message.substr(offset, end - offset)).text;
+        shown += (shown.empty() ? prefix : '\n' + std::string(prefix.size(), ' ')) +
+                 Show(message.substr(offset, end - offset)).string;
         offset = end + 1;
     }
     std::cerr << shown << '\n';
@@ -364,13 +488,13 @@ int Main(int argc, const char* const* argv) {
     } catch (const CLI::Success& request) {
         return line.PrintRequested(request);
     } catch (const CLI::ParseError& error) {
-        return Fail(line.MessageFor(error) + ". See vxsched --help.", cUsageStatus);
+        return Fail(line.MessageFor(error), cUsageStatus);
     } catch (const CParseError& error) {
         return Fail(error.what(), cUsageStatus);
     } catch (const CUsageError& error) {
         return Fail(error.what(), cUsageStatus);
     } catch (const CError& error) {
-        return Fail(error.what(), StatusOf(error.Code()));
+        return Fail(line.MessageFor(error), StatusOf(error.Code()));
     } catch (const std::exception& error) {
         return Fail(error.what(), cRefusedStatus);
     }

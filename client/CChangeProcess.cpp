@@ -73,7 +73,7 @@ void CChangeProcess::Send(const std::string& bytes) const {
     }
 }
 
-std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> lockTimeout) {
+std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> limit) {
     for (;;) {
         std::string left = received;
         const std::optional<std::string> kind = TakeField(left);
@@ -82,11 +82,10 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
             return TMessage{*kind, std::move(*content)};
         }
         pollfd input{.fd = socket, .events = POLLIN, .revents = 0};
-        const int ready =
-            poll(&input, 1, lockTimeout ? static_cast<int>(lockTimeout->count()) : -1);
+        const int ready = poll(&input, 1, limit ? static_cast<int>(limit->count()) : -1);
         if (ready == 0)
-            throw CError(EError::cBusy, "the change was not finished within " +
-                                            std::to_string(lockTimeout->count()) + " ms");
+            throw CError(EError::cBusy, "the change process sent no message for " +
+                                            std::to_string(limit->count()) + " ms");
         std::array<char, 1 << 16> block{};
         const ssize_t count = ready == -1 ? -1 : read(socket, block.data(), block.size());
         if (count > 0)

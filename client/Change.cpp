@@ -121,17 +121,20 @@ TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
     std::string hung;
     CChangeProcess process(RequestOf(options, calls));
     try {
-        const milliseconds lockTimeout = 2 * options.lockTimeout + cWork + calls.size() * cCall;
+        // Between two messages the process waits for both locks, or loads the add-in, makes all of
+        // the calls and waits for the store mutex again.
+        const milliseconds limit = 2 * options.lockTimeout + cWork + calls.size() * cCall;
         // Once the table is read back, only the end of a launched program is awaited, without
         // limit.
         while (const std::optional<TMessage> message =
-                   process.Next(attempt.isRead ? std::nullopt : std::optional(lockTimeout)))
+                   process.Next(attempt.isRead ? std::nullopt : std::optional(limit)))
             Take(*message, onLaunch, attempt);
     } catch (const CError& error) {
         hung = error.what();
         process.Kill();
     }
     const std::string end = process.WaitForEnd();
+    // Before cMessageBegun the process has not written the table, so that needs no check.
     if (attempt.error && (!attempt.isBegun || attempt.error->Code() != EError::cFailed))
         return attempt;
     if (attempt.error)
@@ -187,8 +190,10 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     }
     throw CError(EError::cBusy,
                  "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +
-                     " has not launched it within " + std::to_string(options.lockTimeout.count()) +
-                     " ms; nothing was changed; check the host's log");
+                     " has not launched the due tasks within the lock timeout of " +
+                     std::to_string(options.lockTimeout.count()) +
+                     " ms since its last progress, or " + std::to_string(cMostTimeouts) +
+                     " times that in all; nothing was changed; check the host's log");
 }
 
 }  // namespace

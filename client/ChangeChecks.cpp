@@ -9,15 +9,12 @@
 #include <vxsched/Error.h>
 #include <vxsched/RunningPrograms.h>
 #include <vxsched/Validation.h>
+#include "base/Quoted.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
 
 namespace {
-
-std::string Quoted(const std::string& string) {
-    return '"' + string + '"';
-}
 
 bool IsDue(const TTaskEntry& task) {
     return task.next <= Now() + cAboutToBeDue;

@@ -45,17 +45,29 @@ struct TMessage {
     std::string kind;
     std::string content;
 };
-inline constexpr char cMessageDue[] = "due";  // not done: the due task to wait for
-inline constexpr char cMessageChanged[] =
-    "changed";  // not done: the task that differs from TCall::seen
-inline constexpr char cMessageError[] = "error";      // an EError as a number, a blank, the message
-inline constexpr char cMessageBegun[] = "begun";      // from here on the change has effects
-inline constexpr char cMessageProgram[] = "program";  // cCreate: the program as in the table
-inline constexpr char cMessageLog[] = "log";          // a log message of the add-in
-inline constexpr char cMessageLaunched[] = "started";          // cExecute: the process id
-inline constexpr char cMessageLaunchFailed[] = "not started";  // cExecute: the reason
-inline constexpr char cMessageTable[] = "table";  // all calls are made: the bytes of the table
-inline constexpr char cMessageEnded[] = "ended";  // cExecute: the wait status
+
+// The kinds of messages, with their content:
+
+// Not done: the due task to wait for.
+inline constexpr char cMessageDue[] = "due";
+// Not done: the task that differs from TCall::seen.
+inline constexpr char cMessageChanged[] = "changed";
+// An EError as a number, a blank, the message.
+inline constexpr char cMessageError[] = "error";
+// Empty: from here on the change has effects.
+inline constexpr char cMessageBegun[] = "begun";
+// cCreate: the program as in the table.
+inline constexpr char cMessageProgram[] = "program";
+// A log message of the add-in.
+inline constexpr char cMessageLog[] = "log";
+// cExecute: the process id.
+inline constexpr char cMessageLaunched[] = "launched";
+// cExecute: the reason.
+inline constexpr char cMessageLaunchFailed[] = "launch failed";
+// All calls are made: the bytes of the table.
+inline constexpr char cMessageTable[] = "table";
+// cExecute: the wait status.
+inline constexpr char cMessageEnded[] = "ended";
 
 // The calls are not made while an active task is due within this time: it might come due during
 // them.

@@ -4,6 +4,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/Quoted.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "store/CStoreMutexLock.h"
@@ -17,10 +18,6 @@ namespace {
 
 // How often an edit is applied again to a task that changes meanwhile.
 constexpr int cTries = 20;
-
-std::string Quoted(std::string_view string) {
-    return '"' + std::string(string) + '"';
-}
 
 TCall CallOf(TCall::EFunction function, TTaskEntry task) {
     TCall call{};
@@ -195,10 +192,12 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     TTaskEntry entry = After(seen, edit, forced);
     TCall create = CallOf(TCall::cCreate, entry);
     create.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
+    // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
     create.keepDue = true;
     create.mustBeAsSeen = true;
     create.seen = seen;
     std::vector<TCall> calls = {create};
+    // CreateTask makes an active task, also in place of a paused one.
     if (entry.paused)
         calls.push_back(CallOf(TCall::cPause, entry));
     const TTime since = Now();
@@ -266,6 +265,8 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
 
 static TCall RunCall(const TTaskEntry& task, bool force) {
     std::vector<TValidationError> errors = Validate(task, Now(), EProgram::cAsNamed);
+    // The due time and the period do not matter to a run outside the schedule. A relative path is
+    // resolved in the store's directory, where the change process works like the host.
     Drop(errors, [](const TValidationError& error) {
         return !error.IsAboutProgram() || error.kind == TValidationError::cRelativePath;
     });
@@ -298,6 +299,8 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
                         const std::function<void(const std::string&)>& canReplace) const {
     RequireSharedStore(options);
     {
+        // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps
+        // other processes from loading the add-in, which would set the mutex free.
         const CWriterLock writerLock(options.directory, options.lockTimeout);
         const CStoreMutexLock mutexLock(options.lockTimeout);
         const std::string bytes = ReadBytes(TableFile(options.directory));
@@ -306,6 +309,7 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         if (IsTable(bytes))
             WriteBackup(options.directory, bytes);
         ReplaceTable(options.directory, EncodeTable(tasks));
+        // Before the mutex is released, or a tick may save its old list over the new table.
         AnnounceChange();
     }
     Wake();

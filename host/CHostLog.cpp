@@ -100,7 +100,6 @@ void CHostLog::Fail(const std::string& message) {
     WriteLine(STDERR_FILENO, isJournal ? PriorityPrefix(EPriority::cError) : cHostPrefix, message);
 }
 
-// The caller holds the mutex.
 void CHostLog::WriteLine(int descriptor, const std::string& prefix, const std::string& message) {
     std::string line = prefix + message;
     std::replace_if(

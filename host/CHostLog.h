@@ -46,6 +46,8 @@ private:
     CHostLog();
     static void Sink(const std::string& message, void* context);
     void WriteMessage(EPriority priority, const char* origin, const std::string& message);
+
+    // The caller holds `mutex`.
     void WriteLine(int descriptor, const std::string& prefix, const std::string& message);
     bool WriteAll(int descriptor, const std::string& line);
 

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+// The options of vxschedd, as its help lists them, with their defaults.
 struct THostOptions {
     std::string directory;                               // as given
     std::string addIn;                                   // path of the add-in's library

@@ -2,8 +2,8 @@
 
 #include <dlfcn.h>
 
-// Marks a function that the program defines in front of libc's. It has to be visible: all else is
-// compiled hidden, and the add-in's calls would not find it.
+// Marks a function that symbol lookup finds in the program before libc's. It has to be visible: all
+// else is compiled hidden, and the add-in's calls would not find it.
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
 // The next definition of a function after this program's own, in the order of symbol lookup:

@@ -26,5 +26,7 @@ public:
 private:
     const std::uint64_t limit;
     const std::function<void(const std::string&)> warn;
+    // Held while one record is written: the file that Add() has found small enough, or has rotated,
+    // must be the one that it appends to.
     std::mutex mutex;
 };

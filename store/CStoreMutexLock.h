@@ -18,9 +18,9 @@ public:
     CStoreMutexLock(const CStoreMutexLock&) = delete;
     CStoreMutexLock& operator=(const CStoreMutexLock&) = delete;
 
-    // Gives up the duty to release. For a process that loads the add-in while it holds the mutex:
-    // the load sets the mutex free, and a second release would let two processes in at once from
-    // then on.
+    // The destructor no longer releases the mutex. For a process that loads the add-in while it
+    // holds the mutex: the load sets the mutex free, and a second release would let two processes
+    // in at once from then on.
     void Forget() { set = -1; }
 
     // False if there is no store, or its semaphore was removed during the wait.

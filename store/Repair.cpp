@@ -7,6 +7,7 @@
 #include <optional>
 #include <unordered_set>
 
+#include "base/Quoted.h"
 #include "store/CDecoder.h"
 #include "store/Grid.h"
 
@@ -69,10 +70,6 @@ std::optional<TFound> FindNextTask(std::string_view bytes, std::size_t offset) {
             return found;
     }
     return {};
-}
-
-std::string Quoted(const std::string& string) {
-    return '"' + string + '"';
 }
 
 void RepairHarm(TTaskEntry& task, TProblem::EKind kind, TTime now,

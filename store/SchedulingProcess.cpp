@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
+#include "store/StopEvent.h"
 
 namespace vxsched {
 
@@ -18,7 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char cLibrary[] = "libVantrixScheduler.so";
+constexpr char cLibraryFile[] = "libVantrixScheduler.so";  // as its path ends in /proc/PID/maps
 constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 
 fs::path DirectoryOf(pid_t process) {
@@ -69,7 +70,7 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
 bool MapsAddIn(pid_t process) {
     std::ifstream maps(DirectoryOf(process) / "maps");
     for (std::string line; std::getline(maps, line);) {
-        if (line.ends_with(cLibrary))
+        if (line.ends_with(cLibraryFile))
             return true;
     }
     return false;
@@ -125,7 +126,7 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
 }
 
 void WakeSchedulingProcess() {
-    Signal(cLibrary, false);
+    Signal(cStopEventName, false);
 }
 
 void AnnounceChange() {

@@ -113,16 +113,6 @@ TTime Now() {
     return TTime(std::chrono::seconds(std::time(nullptr)));
 }
 
-std::string ReadTableBytes(const std::filesystem::path& directory) {
-    const std::filesystem::path file = TableFile(directory);
-    // Opening a FIFO would wait for a writer, without limit and with the store mutex held.
-    std::error_code ignored;
-    if (std::filesystem::is_other(file, ignored))
-        throw CError(EError::cFailed,
-                     "cannot read " + file.string() + ": it is not a file; move it away");
-    return ReadBytes(file);
-}
-
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout) {
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error))
@@ -130,6 +120,8 @@ TTable ReadTable(const std::filesystem::path& directory, std::chrono::millisecon
                                           "; give the working directory of the host");
     std::string bytes;
     {
+        // The store mutex alone: a reader need not wait for a change of several calls, which holds
+        // the writer lock throughout. Lock order: directory lock, writer lock, store mutex.
         const CStoreMutexLock lock(lockTimeout);
         bytes = ReadTableBytes(directory);
     }

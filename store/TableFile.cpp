@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
+#include "base/CDescriptor.h"
 
 namespace vxsched {
 
@@ -21,23 +22,6 @@ namespace {
 constexpr std::size_t cBlock = 1 << 16;
 // A hundred thousand tasks of ten thousand bytes each.
 constexpr std::uint64_t cMostBytes = std::uint64_t{1} << 30;
-
-class CDescriptor {
-public:
-    CDescriptor(const fs::path& path, int flags, mode_t mode)
-        : number(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
-    ~CDescriptor() {
-        if (number != -1)
-            close(number);
-    }
-    CDescriptor(const CDescriptor&) = delete;
-    CDescriptor& operator=(const CDescriptor&) = delete;
-
-    int Number() const { return number; }
-
-private:
-    int number;
-};
 
 // Removes a temporary file at the end of the scope; after a rename() there is none left.
 class CTemporary {
@@ -83,30 +67,31 @@ std::optional<struct stat> StatusOf(const fs::path& table) {
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
              bool keepOwner) {
     const fs::path fresh = target.string() + ".new-" + std::to_string(getpid());
-    const CDescriptor descriptor(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-    if (descriptor.Number() == -1)
+    const CDescriptor descriptor(
+        open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!descriptor.IsOpen())
         throw SystemError("cannot write " + fresh.string(), errno);
     const CTemporary temporary(fresh);
-    WriteAll(descriptor.Number(), bytes, fresh);
-    if (like && fchown(descriptor.Number(), like->st_uid, like->st_gid) == -1 && keepOwner)
+    WriteAll(descriptor.Get(), bytes, fresh);
+    if (like && fchown(descriptor.Get(), like->st_uid, like->st_gid) == -1 && keepOwner)
         throw SystemError("cannot keep the owner of " + target.string(), errno);
     // Where `like` is a directory, only its owner is taken over.
-    fchmod(descriptor.Number(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
+    fchmod(descriptor.Get(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
 }
 
 // Overwrites the file in place. Its space is allocated first, so that a full disk changes nothing.
 void Overwrite(const fs::path& path, std::string_view bytes) {
-    const CDescriptor descriptor(path, O_WRONLY, 0);
+    const CDescriptor descriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     const auto size = static_cast<off_t>(bytes.size());
     struct stat former {};
-    if (descriptor.Number() == -1 || fstat(descriptor.Number(), &former) == -1)
+    if (!descriptor.IsOpen() || fstat(descriptor.Get(), &former) == -1)
         throw SystemError("cannot write " + path.string(), errno);
-    if (size > former.st_size && fallocate(descriptor.Number(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
+    if (size > former.st_size && fallocate(descriptor.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
         throw SystemError("cannot allocate space for " + path.string(), errno);
-    WriteAll(descriptor.Number(), bytes, path);
-    if (ftruncate(descriptor.Number(), size) == -1)
+    WriteAll(descriptor.Get(), bytes, path);
+    if (ftruncate(descriptor.Get(), size) == -1)
         throw SystemError("cannot truncate " + path.string(), errno);
 }
 
@@ -121,21 +106,21 @@ fs::path BackupFile(const fs::path& directory) {
 }
 
 std::string ReadBytes(const fs::path& file) {
-    const CDescriptor descriptor(file, O_RDONLY, 0);
-    if (descriptor.Number() == -1) {
+    const CDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!descriptor.IsOpen()) {
         if (errno == ENOENT)
             return std::string(8, '\0');
         throw SystemError("cannot read " + file.string(), errno);
     }
     struct stat status {};
-    const bool hasSize = fstat(descriptor.Number(), &status) == 0 && S_ISREG(status.st_mode);
+    const bool hasSize = fstat(descriptor.Get(), &status) == 0 && S_ISREG(status.st_mode);
     if (hasSize)
         RequireSize(static_cast<std::uint64_t>(status.st_size), file);
     // One byte more than the size, so that the first read() finds the end.
     std::string bytes(hasSize ? static_cast<std::size_t>(status.st_size) + 1 : cBlock, '\0');
     std::size_t length = 0;
     ssize_t count = 0;
-    while ((count = read(descriptor.Number(), bytes.data() + length, bytes.size() - length)) != 0) {
+    while ((count = read(descriptor.Get(), bytes.data() + length, bytes.size() - length)) != 0) {
         if (count == -1 && errno != EINTR)
             throw SystemError("cannot read " + file.string(), errno);
         length += count > 0 ? static_cast<std::size_t>(count) : 0;
@@ -145,6 +130,16 @@ std::string ReadBytes(const fs::path& file) {
     }
     bytes.resize(length);
     return bytes;
+}
+
+std::string ReadTableBytes(const fs::path& directory) {
+    const fs::path file = TableFile(directory);
+    // Opening a FIFO would wait for a writer, without limit and with the store mutex held.
+    std::error_code ignored;
+    if (fs::is_other(file, ignored))
+        throw CError(EError::cFailed,
+                     "cannot read " + file.string() + ": it is not a file; move it away");
+    return ReadBytes(file);
 }
 
 std::string TableState(const fs::path& directory) {

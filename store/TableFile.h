@@ -22,6 +22,12 @@ std::filesystem::path BackupFile(const std::filesystem::path& directory);
 // (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table.
 std::string ReadBytes(const std::filesystem::path& file);
 
+// Reads the bytes of a directory's table, also damaged ones. Takes no lock: the caller holds the
+// store mutex, or runs as part of the tick that holds it. Does not block, not even on a FIFO in
+// place of the file. A missing file is an empty table (8 zero bytes). Throws CError (cNoAccess,
+// cFailed) if the file cannot be read, is larger than 1 GiB, or is a FIFO or a device.
+std::string ReadTableBytes(const std::filesystem::path& directory);
+
 // A string that differs after each change of the table's file, made of its change time, inode and
 // size; empty if there is no file.
 std::string TableState(const std::filesystem::path& directory);

@@ -10,13 +10,15 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "base/Quoted.h"
 #include "store/Grid.h"
 
 namespace vxsched {
 
 namespace {
 
-class CFindings {
+// Collects the errors of one task. Refuse() adds one that cannot be forced, Warn() one that can.
+class CValidationErrors {
 public:
     void Refuse(TValidationError::EKind kind, const std::string& message) {
         found.push_back({kind, false, message});
@@ -34,17 +36,13 @@ private:
     std::vector<TValidationError> found;
 };
 
-std::string Quoted(const std::string& string) {
-    return '"' + string + '"';
-}
-
 std::string ExtensionOf(const std::string& program) {
     char extension[VXC_File::cExtensionCapacity] = "";
     VXC_File::VXC_StripPathUrl(program.c_str(), nullptr, nullptr, extension);
     return extension;
 }
 
-void FindMissing(const std::string& path, CFindings& errors) {
+void FindMissing(const std::string& path, CValidationErrors& errors) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
         errors.Warn(TValidationError::cMissingProgram,
@@ -60,7 +58,7 @@ void FindMissing(const std::string& path, CFindings& errors) {
 
 // Checks whether the add-in would launch the program itself by this path, and not abort or launch
 // another.
-bool IsLaunchedAsNamed(const std::string& program, CFindings& errors) {
+bool IsLaunchedAsNamed(const std::string& program, CValidationErrors& errors) {
     const std::string extension = ExtensionOf(program);
     if (AbortsLaunch(program)) {
         errors.Refuse(TValidationError::cAbortingExtension,
@@ -83,7 +81,7 @@ bool IsLaunchedAsNamed(const std::string& program, CFindings& errors) {
     return true;
 }
 
-void ValidateProgram(const std::string& program, EProgram how, CFindings& errors) {
+void ValidateProgram(const std::string& program, EProgram how, CValidationErrors& errors) {
     if (program.empty()) {
         errors.Refuse(TValidationError::cNoProgram,
                       "the task has no program; give its absolute path");
@@ -107,7 +105,7 @@ void ValidateProgram(const std::string& program, EProgram how, CFindings& errors
     FindMissing(launched, errors);
 }
 
-void ValidatePeriod(const TTaskEntry& task, TTime now, CFindings& errors) {
+void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors) {
     const std::uint32_t step = task.period * 3600U;
     if (task.period != 0 && step == 0)
         errors.Refuse(
@@ -156,7 +154,7 @@ bool AbortsLaunch(const std::string& program) {
 }
 
 std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgram how) {
-    CFindings errors;
+    CValidationErrors errors;
     if (task.name.empty())
         errors.Refuse(TValidationError::cEmptyName, "the task has no name; give it one");
     for (const std::string* const string : {&task.name, &task.program, &task.parameter}) {

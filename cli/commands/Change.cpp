@@ -31,7 +31,7 @@ std::string Describe(const TCommon& common, const TTaskEntry& task) {
 }
 
 void PrintLine(COutput& output, const std::string& line) {
-    output.Line(Show(line).text);
+    output.Line(Show(line).string);
 }
 
 // Throws CError (cNotFound) for an unknown name, as the change itself would.

@@ -43,6 +43,7 @@ std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
         const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
         const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;
         for (const TValidationError& error : Validate(task, Now(), how)) {
+            // A past due time is no defect of the table: the next tick launches or reschedules it.
             if (error.kind != TValidationError::cPastDue)
                 findings.push_back({std::string(error.Name()),
                                     fmt::format("task \"{}\": {}", task.name, error.message)});
@@ -57,7 +58,7 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
         for (const TFinding& finding : findings) {
             nlohmann::ordered_json one = {{"kind", finding.kind},
-                                          {"text", JsonOfString(finding.message)}};
+                                          {"message", JsonOfString(finding.message)}};
             if (finding.offset)
                 one["offset"] = *finding.offset;
             list.push_back(one);
@@ -67,7 +68,7 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
     }
     for (const TFinding& finding : findings) {
         const std::string where = finding.offset ? fmt::format("offset {}: ", *finding.offset) : "";
-        output.Line(Show(fmt::format("{}: {}{}", finding.kind, where, finding.message)).text);
+        output.Line(Show(fmt::format("{}: {}{}", finding.kind, where, finding.message)).string);
     }
     output.Line(verdict);
 }
@@ -75,6 +76,8 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
 }  // namespace
 
 int CheckTable(const TCommon& common, const std::string& file, COutput& output) {
+    // vxsched repair works on the directory's table only, so it is no remedy for a file.
+    const std::string remedy = file.empty() ? "; run vxsched repair" : "";
     TTable table;
     try {
         if (!file.empty() && !std::filesystem::exists(file))
@@ -84,14 +87,14 @@ int CheckTable(const TCommon& common, const std::string& file, COutput& output) 
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
-        Print(common, {{"damaged", error.what()}}, "damaged; run vxsched repair", output);
+        Print(common, {{"damaged", error.what()}}, "damaged" + remedy, output);
         return cDamagedStatus;
     }
     const std::vector<TFinding> findings = FindingsOf(common, table);
     const std::string count =
         fmt::format("{} task{}", table.tasks.size(), table.tasks.size() == 1 ? "" : "s");
     if (!table.IsSafeToLoad()) {
-        Print(common, findings, count + ", harmful to load; run vxsched repair", output);
+        Print(common, findings, count + ", harmful to load" + remedy, output);
         return cDamagedStatus;
     }
     Print(common, findings,

@@ -35,7 +35,7 @@ std::string ReadInput(const std::string& file) {
 }
 
 void Warn(const std::string& name, const std::string& message) {
-    std::cerr << "vxsched: task \"" << Show(name).text << "\": " << Show(message).text << '\n';
+    std::cerr << "vxsched: task \"" << Show(name).string << "\": " << Show(message).string << '\n';
 }
 
 // True if the task's program is a link of this directory, and the import has the link's target.
@@ -44,6 +44,8 @@ bool HasItsLink(const TCommon& common, const TImported& imported) {
            IsLinkPath(common.store.directory, imported.task.program);
 }
 
+// True for an error that would abort or hang each process that loads the add-in, or that no command
+// could correct afterwards: such a name cannot be typed.
 bool IsHarmful(TValidationError::EKind kind) {
     switch (kind) {
         case TValidationError::cAbortingExtension:
@@ -131,6 +133,8 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
         output.Line(fmt::format("would import {}; the table would have {}", count, tasks.size()));
         return 0;
     }
+    // Called with the writer lock and the store mutex held. The tasks were joined without a lock:
+    // a change since then would be lost.
     store.ReplaceAll(tasks, [&](const std::string& bytes) {
         if (DecodeTable(bytes, Now()).tasks != present.tasks)
             throw CError(EError::cBusy,

@@ -80,7 +80,7 @@ int History(const TCommon& common, const std::string& name, std::optional<std::s
     THistory history =
         ReadHistory(common.store.directory, name.empty() ? std::nullopt : std::optional(name));
     for (const std::string& problem : history.problems)
-        std::cerr << "vxsched: " << Show(problem).text << '\n';
+        std::cerr << "vxsched: " << Show(problem).string << '\n';
     std::vector<TRunRecord>& runs = history.runs;
     if (runs.empty() && !name.empty())
         RequireTask(common, name);

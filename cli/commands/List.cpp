@@ -91,6 +91,7 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
 
 int List(const TCommon& common, bool namesOnly, COutput& output) {
     const TTable table = CStore(common.store).Read();
+    // For completion scripts, which need the exact bytes and no state.
     if (namesOnly) {
         for (const TTaskEntry& task : table.tasks)
             output.Line(task.name);

@@ -85,6 +85,7 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
         columns.Add(FormatPeriod(task.period));
         columns.Add(task.name);
     }
+    // The limit was this command's choice, so the user must learn of it.
     if (!count && !until.empty() && runs.Take().value_or(TComing{TTime::max(), 0}).time <= end &&
         std::max(json.size(), columns.Count()) == most)
         std::cerr << "vxsched: only the first " << most << " runs are listed\n";

@@ -23,25 +23,32 @@ std::string TableBytes(const TCommon& common) {
 
 int Repair(const TCommon& common, COutput& output) {
     const std::string bytes = TableBytes(common);
-    const std::optional<TBackup> backup = FindBackup(common.store.directory);
+    std::optional<TBackup> backup = FindBackup(common.store.directory);
+    // The notes end with this name. The path shows that a snapshot is not next to the table.
+    if (backup)
+        backup->name = backup->file.lexically_relative(common.store.directory).string();
     const TRepair repair = PlanRepair(bytes, backup ? &*backup : nullptr, Now());
     if (repair.notes.empty()) {
         output.Line("the table is valid; nothing to repair");
         return 0;
     }
     for (const std::string& note : repair.notes)
-        output.Line(Show(note).text);
+        output.Line(Show(note).string);
     const std::string count =
         fmt::format("{} task{}", repair.tasks.size(), repair.tasks.size() == 1 ? "" : "s");
     if (common.dryRun) {
         output.Line(fmt::format("would write a table with {}", count));
         return 0;
     }
-    const std::string quarantined = Quarantine(common.store.directory, bytes).string();
+    std::string quarantined;
+    // ReplaceAll() calls the function with the writer lock and the store mutex held, so the table
+    // cannot change between the comparison and the replacement, and a repair that is refused leaves
+    // no quarantine file. Planning takes no lock, since it may take long.
     CStore(common.store).ReplaceAll(repair.tasks, [&](const std::string& current) {
         if (current != bytes)
             throw CError(EError::cBusy,
                          "the table changed during the repair; nothing was written; try again");
+        quarantined = Quarantine(common.store.directory, bytes).string();
     });
     output.Line(fmt::format("wrote a table with {}; the damaged one is {}", count, quarantined));
     return 0;

@@ -64,6 +64,28 @@ std::vector<TRunRecord> LastRuns(const TCommon& common, const std::string& name)
     return runs;
 }
 
+bool HasRun(const TRunRecord& run) {
+    return run.outcome != TRunRecord::cNotStarted && run.outcome != TRunRecord::cRescheduled &&
+           run.outcome != TRunRecord::cRemoved;
+}
+
+// The error for a name that the table does not have. A task that runs once is removed when it is
+// launched, so the history may still have the name.
+CError NoTask(const TCommon& common, const std::string& name) {
+    std::string advice = "see vxsched list";
+    try {
+        const std::vector<TRunRecord> runs = LastRuns(common, name);
+        if (!runs.empty())
+            advice = fmt::format(
+                "{}: see vxsched history {}",
+                std::any_of(runs.begin(), runs.end(), HasRun) ? "it has run" : "it did not run",
+                name);
+    } catch (const CError&) {
+        // The history cannot be read; there is no such task all the same.
+    }
+    return {EError::cNotFound, fmt::format("there is no task \"{}\"; {}", name, advice)};
+}
+
 // The time of the launch, or the due time of a run that was missed, and the outcome.
 std::string FormatRun(const TRunRecord& run, EZone zone) {
     const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
@@ -77,8 +99,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const TTable table = CStore(common.store).Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw CError(EError::cNotFound,
-                     fmt::format("there is no task \"{}\"; see vxsched list", name));
+        throw NoTask(common, name);
     const TTime now = Now();
     const TTaskState state = StateOf(*task, CRunningPrograms(), now);
     const std::string why = WhyNot(common, *task, state, now);
@@ -100,7 +121,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     }
     const auto line = [&](std::string_view label, const std::string& value) {
         output.Line(output.Coloured(fmt::format("{:<13}", label), EColour::cBold) +
-                    Show(value).text);
+                    Show(value).string);
     };
     line("Name", task->name);
     line("State", state.Describe());

@@ -140,7 +140,7 @@ int Status(const TCommon& common, COutput& output) {
     } else {
         const auto line = [&](std::string_view label, const std::string& value) {
             output.Line(output.Coloured(fmt::format("{:<11}", label), EColour::cBold) +
-                        Show(value).text);
+                        Show(value).string);
         };
         line("Scheduler", DescribeScheduler(status));
         if (const std::optional<TTime> tick = LastTick(status))

@@ -1,3 +1,5 @@
+// The state of a task, as list, show and status print it.
+
 #pragma once
 
 #include <sys/types.h>

@@ -46,6 +46,7 @@ std::string CutTo(std::string_view string, std::size_t columns) {
 }  // namespace
 
 COutput::COutput() {
+    // Another program reads it then, which must get every column as a whole and no colours.
     if (isatty(STDOUT_FILENO) == 0)
         return;
     const char* const noColour = std::getenv("NO_COLOR");

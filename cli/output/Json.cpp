@@ -55,6 +55,7 @@ std::string FromBase64(std::string_view encoded) {
     return bytes;
 }
 
+// JSON holds Unicode only. The JSON library checks a string when it writes it, not before.
 bool IsUtf8(const std::string& bytes) {
     try {
         static_cast<void>(TJson(bytes).dump());

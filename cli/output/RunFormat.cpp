@@ -28,6 +28,8 @@ std::string FormatOutcome(const TRunRecord& run) {
     return "";
 }
 
+// An outcome that the host could not learn is not counted as a failure: the program may have
+// succeeded.
 bool HasNoFailure(const TRunRecord& run) {
     return (run.outcome == TRunRecord::cExited && run.number == 0) ||
            run.outcome == TRunRecord::cLeftRunning || run.outcome == TRunRecord::cUnknown;

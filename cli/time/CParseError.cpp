@@ -11,7 +11,7 @@ namespace vxsched {
 CParseError::CParseError(std::string_view kind, std::string_view argument, std::size_t errorOffset,
                          std::string_view reason)
     : std::runtime_error(fmt::format("cannot read the {} \"{}\": {}\n    {}\n    {:>{}}", kind,
-                                     Show(argument).text, reason, Show(argument).text, '^',
+                                     Show(argument).string, reason, Show(argument).string, '^',
                                      Show(argument.substr(0, errorOffset)).columns + 1)),
       offset(errorOffset) {}
 

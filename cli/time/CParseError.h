@@ -1,3 +1,5 @@
+// The error for a time or period that cannot be parsed.
+
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,5 @@
+// Reads an argument character by character, for the parsers of times and periods.
+
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,5 @@
+// Durations as a person types them: the part that times and periods have in common.
+
 #pragma once
 
 #include <chrono>

@@ -1,3 +1,5 @@
+// Periods: parses what a person types, formats what a person reads.
+
 #pragma once
 
 #include <cstdint>

@@ -201,17 +201,33 @@ TTime ReadSecondsSince1970(CParser& reader) {
     return TTime(seconds(value));
 }
 
+// Throws CParseError if the argument ends after its first word. It does if a time of several words
+// was not quoted: the shell passes each word as an argument of its own.
+void RequireSecondWord(CParser& reader, const char* expected, const char* example) {
+    reader.SkipBlanks();
+    if (reader.IsAtEnd())
+        reader.Fail(
+            reader.Offset(),
+            fmt::format("expected {}; quote a time of several words: \"{}\"", expected, example));
+}
+
 TTime ReadTimeInWords(CParser& reader, TTime now) {
     const std::size_t offset = reader.Offset();
     const std::string word = reader.TakeWord();
     if (word == "now")
         return now;
-    if (word == "in")
+    if (word == "in") {
+        RequireSecondWord(reader, "a number with a unit, such as 6h", "in 3h");
         return ReadRelativeTime(reader, now);
-    if (word == "today")
+    }
+    if (word == "today") {
+        RequireSecondWord(reader, "a time of day such as 14:30", "today 14:30");
         return ReadTimeOfNamedDay(reader, now, date::days(0));
-    if (word == "tomorrow")
+    }
+    if (word == "tomorrow") {
+        RequireSecondWord(reader, "a time of day such as 14:30", "tomorrow 14:30");
         return ReadTimeOfNamedDay(reader, now, date::days(1));
+    }
     reader.Fail(offset, cForms);
 }
 

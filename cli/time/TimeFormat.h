@@ -1,3 +1,5 @@
+// Times and distances of time: parses what a person types, formats what a person reads.
+
 #pragma once
 
 #include <chrono>

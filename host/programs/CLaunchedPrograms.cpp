@@ -123,7 +123,6 @@ std::size_t CLaunchedPrograms::CountLaunches() {
     return launches;
 }
 
-// The caller holds the mutex.
 void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.launched;
     TRunRecord& run = program.run;
@@ -149,7 +148,6 @@ void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage
     Record(run);
 }
 
-// The caller holds the mutex.
 void CLaunchedPrograms::Record(const TRunRecord& run) {
     if (history != nullptr)
         history->Add(run);

@@ -56,6 +56,7 @@ private:
     };
     using TPrograms = std::map<pid_t, TProgram>;
 
+    // The caller holds `mutex`.
     void Ended(TProgram& program, int status, const rusage& usage);
     void Record(const TRunRecord& run);
 

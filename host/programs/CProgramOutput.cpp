@@ -18,7 +18,7 @@
 
 static constexpr char cInherit[] = "inherit";
 static constexpr char cJournal[] = "journal";
-// For a launch whose task is unknown. FileNameOf() returns this for no task.
+// For a launch whose task is unknown. No task's name is encoded as this.
 static constexpr char cUnknown[] = "%unknown";
 // Together with ".log.1" and a checksum, less than the 255 bytes of a file name.
 static constexpr std::size_t cLongestName = 200;
@@ -80,8 +80,8 @@ CDescriptor CProgramOutput::Open(const std::optional<std::string>& task) const {
     return where == cJournal ? OpenJournal(name) : OpenFile(name);
 }
 
-CDescriptor CProgramOutput::OpenFile(const std::string& name) const {
-    const std::string path = fmt::format("{}/{}.log", where, name);
+CDescriptor CProgramOutput::OpenFile(const std::string& fileName) const {
+    const std::string path = fmt::format("{}/{}.log", where, fileName);
     if (!RotateBeyond(path, limit))
         LogWarning(fmt::format("cannot rename {} to .1: {}. It grows beyond --output-size.", path,
                                std::strerror(errno)));

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,7 +23,8 @@ public:
     CDescriptor Open(const std::optional<std::string>& task) const;
 
 private:
-    CDescriptor OpenFile(const std::string& task) const;
+    // `fileName` is the encoded name of the task, without the directory and ".log".
+    CDescriptor OpenFile(const std::string& fileName) const;
 
     const std::string where;
     const std::uint64_t limit;

@@ -9,6 +9,10 @@
 // The heartbeat of a host, in files/started/alive: each call of time(), which every tick makes,
 // writes the time there. After a kill the file shows until when the host was up.
 //
+// The content is 16 bytes: last, since (int64 each, seconds since 1970, in the machine's byte
+// order). A clean stop writes last = stop - 60 s, so that the uptime, which ends 60 s after `last`,
+// ends at the stop. Before the first uptime `since` is the largest int64.
+//
 // The file is written, not mapped: with a mapping, a truncated file or a full disk would kill the
 // host. It is not in the directory of the table, where each heartbeat would wake the table guard.
 //

@@ -104,12 +104,12 @@ void CTableGuard::Run() {
     // The constructor's check may have failed.
     bool retry = !lastValid;
     while (!isStopping) {
-        pollfd sources[] = {{.fd = changes.Get(), .events = POLLIN, .revents = 0},
-                            {.fd = wakeups.Get(), .events = POLLIN, .revents = 0}};
+        pollfd descriptors[] = {{.fd = changes.Get(), .events = POLLIN, .revents = 0},
+                                {.fd = wakeups.Get(), .events = POLLIN, .revents = 0}};
         // Before a retry, unread events would end the wait at once.
         if (retry)
-            sources[0].fd = -1;
-        if (poll(sources, std::size(sources), retry ? cRetryInterval : PollTimeout()) == -1)
+            descriptors[0].fd = -1;
+        if (poll(descriptors, std::size(descriptors), retry ? cRetryInterval : PollTimeout()) == -1)
             std::this_thread::sleep_for(std::chrono::milliseconds(cRetryInterval));
         if (isStopping)
             return;
@@ -182,6 +182,8 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
 // False when the check must be repeated.
 bool CTableGuard::Check() {
     try {
+        // Lock order: the host holds the directory lock; the writer lock is skipped, since a client
+        // may hold it for many seconds; locks inside the process come after the store mutex.
         const vxsched::CStoreMutexLock lock(cLockTimeout);
         // A client's load sets the mutex free, so this lock may have been obtained during a tick,
         // whose launches the table does not show yet. Between ticks the worker waits for the stop
@@ -211,7 +213,7 @@ bool CTableGuard::Check() {
 }
 
 // Keeps a valid table, restores any other. False after a restore: another check is needed for what
-// others have changed meanwhile. The caller holds the store mutex.
+// others have changed meanwhile.
 bool CTableGuard::Examine(const std::string& bytes) {
     std::vector<TTaskEntry> tasks;
     try {
@@ -266,8 +268,7 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// Puts `tasks`, with the launches made since, in the place of the table. The caller holds the store
-// mutex.
+// Puts `tasks`, with the launches made since, in the place of the table.
 void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
                           std::vector<TTaskEntry> tasks) {
     ApplyLaunchRecords(ReadLaunchRecords(), vxsched::Now(), tasks);

@@ -9,6 +9,9 @@
 // launched. The program's own process creates it right before it becomes the program, so a launch
 // and its record cannot be separated, not even by a kill of the host. The record is removed once
 // the table shows the launch.
+//
+// A record's name is NAME@DUE: the task's name as LaunchRecordName() encodes it, and the due time
+// in seconds since 1970. The file is empty; its modification time is the launch time.
 
 struct TLaunchRecord {
     std::string task;  // as LaunchRecordName() encodes it

@@ -36,6 +36,7 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
     Watch(signals.Descriptor(), [this] { ReadSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
     MarkHostThread();
+    // For the service manager's watchdog the worker is checked at fixed intervals anyway.
     if (service.WatchdogTimeout().count() > 0)
         return;
     tickTimer.emplace(cLateTick);
@@ -127,6 +128,7 @@ void CMainLoop::MonitorWorker() {
     if (verdict == CWorkerWatchdog::cTooEarly)
         return;
     wasAlive = verdict == CWorkerWatchdog::cAlive;
+    // A single check of a busy worker may just have met a tick.
     if (verdict == CWorkerWatchdog::cMissed)
         return;
     const bool isAlive = verdict == CWorkerWatchdog::cAlive;

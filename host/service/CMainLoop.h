@@ -58,8 +58,8 @@ private:
     CLaunchedPrograms& programs;
     CEvent& stopEvent;
     CWorkerWatchdog watchdog;
-    std::optional<CTickTimer>
-        tickTimer;  // only if no service manager wants to be notified regularly
+    // Only if no service manager wants to be notified regularly.
+    std::optional<CTickTimer> tickTimer;
     std::vector<TWatched> watched;
     bool isWorkerAlive = true;  // as last logged
     bool wasAlive = true;       // at the last check

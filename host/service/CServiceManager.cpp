@@ -8,6 +8,7 @@
 #include "host/SystemdLibrary.h"
 
 static void Notify(const char* state) {
+    // Without this check, libsystemd would be loaded only to find out the same.
     if (std::getenv("NOTIFY_SOCKET") == nullptr)
         return;
     if (auto* const notify = FindInSystemd<decltype(sd_notify)>("sd_notify"))
@@ -19,6 +20,7 @@ CServiceManager::CServiceManager() {
         return;
     std::uint64_t microseconds = 0;
     auto* const isEnabled = FindInSystemd<decltype(sd_watchdog_enabled)>("sd_watchdog_enabled");
+    // It also compares WATCHDOG_PID: the variables may be meant for a parent process.
     if (isEnabled != nullptr && isEnabled(0, &microseconds) > 0)
         watchdogTimeout = std::chrono::microseconds(microseconds);
 }

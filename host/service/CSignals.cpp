@@ -7,6 +7,8 @@
 #include <system_error>
 
 CSignals::CSignals() {
+    // The parent may have had signals ignored, which survives exec; an ignored SIGCHLD would lose
+    // the exit statuses of launched programs.
     for (int number = 1; number < NSIG; ++number)
         std::signal(number, SIG_DFL);
     sigset_t wanted;
@@ -16,6 +18,7 @@ CSignals::CSignals() {
     sigset_t blocked = wanted;
     for (const int number : {SIGPIPE, SIGXFSZ})
         sigaddset(&blocked, number);
+    // Replaces the inherited mask, in which the parent may have blocked other signals.
     sigprocmask(SIG_SETMASK, &blocked, nullptr);
     descriptor = CDescriptor(signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!descriptor.IsOpen())

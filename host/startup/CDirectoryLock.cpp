@@ -45,7 +45,7 @@ static bool IsLeftOver(const std::string& holder) {
 }
 
 // Takes the lock; returns 0 or the error number. A host that was killed a moment ago may still hold
-// the lock and cannot be told from a running one, so this waits a little for any holder.
+// the lock and cannot be distinguished from a running one, so this waits a little for any holder.
 static int Lock(int descriptor, const std::string& holder) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point begin = TClock::now();

@@ -14,13 +14,14 @@
 
 using vxsched::TTaskEntry;
 
-// Repairs the table, if need be, so that it is valid and safe to load. Returns its tasks.
+// Repairs the table, if need be, so that it is valid and safe to load. Returns its tasks. The
+// caller holds the writer lock and the store mutex, unless CStoreGate ignores a hung holder.
 static std::vector<TTaskEntry> RepairTable() {
     TRepairPlan plan = PlanStartupRepair(".");
-    for (const std::string& warning : plan.warnings)
-        LogWarning(warning);
-    for (const std::string& alarm : plan.alarms)
-        LogError(alarm);
+    for (const std::string& value : plan.unusualValues)
+        LogWarning(value);
+    for (const std::string& loss : plan.possibleLosses)
+        LogError(loss);
     if (plan.repairs.empty())
         return std::move(plan.tasks);
     for (const std::string& repair : plan.repairs)
@@ -48,7 +49,7 @@ static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
                         task.name, UtcTime(task.next)));
 }
 
-// Returns when the uptime of this host begins. The caller holds the store mutex.
+// Returns when the uptime of this host begins. Locks: as for RepairTable().
 static vxsched::TTime Prepare(const std::optional<TUptime>& previous, CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = RepairTable();

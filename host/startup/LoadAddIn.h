@@ -10,6 +10,7 @@
 #include "host/startup/CAddInLibrary.h"
 #include "runs/CRunHistory.h"
 
+// A loaded add-in, whose worker does not run yet.
 struct TLoaded {
     std::unique_ptr<CAddInLibrary> library;
     // Beginning of this host's uptime: the earliest due time that it took over, or now.

@@ -10,12 +10,12 @@ using vxsched::TTaskEntry;
 using vxsched::TTime;
 
 // A client may create a task whose due time has just passed, and so is slightly before the uptime.
-static constexpr std::chrono::minutes cPastDue(10);
+static constexpr std::chrono::minutes cCreationAllowance(10);
 
 static bool IsLate(const TTaskEntry& task, const std::optional<TUptime>& previous) {
     // Launching this program ended the previous host, and would end this one and the next.
     return previous && !vxsched::AbortsLaunch(task.program) &&
-           task.next >= previous->since - cPastDue && task.next <= previous->until;
+           task.next >= previous->since - cCreationAllowance && task.next <= previous->until;
 }
 
 static TRunRecord MissedRun(const TTaskEntry& task) {

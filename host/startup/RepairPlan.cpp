@@ -22,7 +22,7 @@ static std::vector<std::string> UnusualProblems(const std::string& bytes) {
 }
 
 // A link whose target is on a disk that is not mounted would otherwise pass for an empty table.
-static std::optional<std::string> AlarmOfDanglingLink(const std::filesystem::path& table) {
+static std::optional<std::string> LossThroughDanglingLink(const std::filesystem::path& table) {
     std::error_code error;
     const std::filesystem::path target = std::filesystem::read_symlink(table, error);
     if (error || std::filesystem::exists(table, error))
@@ -47,7 +47,7 @@ static std::vector<std::string> NamesOfComingTasks(const std::vector<vxsched::TT
 
 // An empty table is valid and may be intended. But the add-in also leaves an empty table when a
 // client that calls its functions directly loads it on a damaged one.
-static std::optional<std::string> AlarmOfEmptyTable(const std::filesystem::path& directory) {
+static std::optional<std::string> LossThroughEmptyTable(const std::filesystem::path& directory) {
     const std::optional<vxsched::TBackup> backup = vxsched::FindBackup(directory);
     const std::vector<std::string> names =
         NamesOfComingTasks(backup ? backup->tasks : std::vector<vxsched::TTaskEntry>());
@@ -65,14 +65,14 @@ TRepairPlan PlanStartupRepair(const std::filesystem::path& directory) {
     plan.bytes = vxsched::ReadTableBytes(directory);
     vxsched::TRepair repair = vxsched::PlanRepair(plan.bytes, nullptr, vxsched::Now());
     if (repair.notes.empty())
-        plan.warnings = UnusualProblems(plan.bytes);
+        plan.unusualValues = UnusualProblems(plan.bytes);
     else if (const std::optional<vxsched::TBackup> backup = vxsched::FindBackup(directory))
         repair = vxsched::PlanRepair(plan.bytes, &*backup, vxsched::Now());
-    if (auto alarm = AlarmOfDanglingLink(vxsched::TableFile(directory)))
-        plan.alarms.push_back(*std::move(alarm));
+    if (auto loss = LossThroughDanglingLink(vxsched::TableFile(directory)))
+        plan.possibleLosses.push_back(*std::move(loss));
     if (plan.bytes == vxsched::EncodeTable({})) {
-        if (auto alarm = AlarmOfEmptyTable(directory))
-            plan.alarms.push_back(*std::move(alarm));
+        if (auto loss = LossThroughEmptyTable(directory))
+            plan.possibleLosses.push_back(*std::move(loss));
     }
     plan.tasks = std::move(repair.tasks);
     plan.repairs = std::move(repair.notes);

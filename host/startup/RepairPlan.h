@@ -10,10 +10,14 @@
 struct TRepairPlan {
     std::string bytes;                       // the table as it is
     std::vector<vxsched::TTaskEntry> tasks;  // the tasks that it should hold
-    std::vector<std::string>
-        repairs;  // for each task, where it comes from or how it is altered; empty: table is valid
-    std::vector<std::string> warnings;  // unusual values that are left as they are
-    std::vector<std::string> alarms;    // for an operator to look into; nothing is repaired
+    // Messages. Empty if the table is valid; else for each task, where it comes from or how it is
+    // altered.
+    std::vector<std::string> repairs;
+    // Messages about harmless values, which are left as they are.
+    std::vector<std::string> unusualValues;
+    // Messages that a valid table may have lost its tasks; for an operator to check, since nothing
+    // is repaired.
+    std::vector<std::string> possibleLosses;
 };
 
 // Plans the repair of the table in `directory`: what can be read of a damaged one is kept, the

@@ -61,8 +61,9 @@ void CheckTask(const vxsched::TTaskEntry& task, vxsched::TTime now) {
     }
 }
 
-// Returns nothing if the mutex cannot be locked. A holder that keeps it is only a warning: a host
-// ignores it after the lock timeout.
+// Takes only the store mutex, after the directory lock and the writer lock in the lock order: the
+// table is read, not written. Returns nothing if the mutex cannot be locked. A holder that keeps it
+// is only a warning: a host ignores it after the lock timeout.
 std::optional<vxsched::CStoreMutexLock> LockStore(const THostOptions& options, CReport& report) {
     try {
         return std::optional<vxsched::CStoreMutexLock>(std::in_place, options.lockTimeout);
@@ -84,10 +85,10 @@ TRepairPlan PlanUnderMutex(const THostOptions& options, CReport& report) {
 void CheckTable(const THostOptions& options, CReport& report) {
     try {
         const TRepairPlan plan = PlanUnderMutex(options, report);
-        for (const std::string& warning : plan.warnings)
-            CReport::Warn(warning);
-        for (const std::string& alarm : plan.alarms)
-            CReport::Warn(alarm);
+        for (const std::string& value : plan.unusualValues)
+            CReport::Warn(value);
+        for (const std::string& loss : plan.possibleLosses)
+            CReport::Warn(loss);
         if (plan.repairs.empty())
             CReport::Ok(fmt::format("the table is valid and has {} task(s)", plan.tasks.size()));
         else

@@ -11,7 +11,7 @@ namespace vxsched {
 enum class EError {
     cFailed,       // a system call failed, or the add-in; the message has the reason
     cDamaged,      // the table cannot be read to its end, or loading it would hang a process
-    cBusy,         // // a wait for a lock or for the scheduling process timed out
+    cBusy,         // a wait for a lock or for the scheduling process timed out
     cRefused,      // a validation error, see Validation.h, or the state of the task forbids it
     cNotFound,     // the table has no task of that name
     cNoAccess,     // this user lacks the permission
@@ -19,7 +19,7 @@ enum class EError {
 };
 
 // The exception that every function of the client library throws; besides it, only std::bad_alloc.
-// Its message says what failed, on which input, why, and what to do.
+// Its message states what failed, on which input, why, and what to do.
 class VXSCHED_PUBLIC CError : public std::runtime_error {
 public:
     CError(EError kind, const std::string& message) : std::runtime_error(message), code(kind) {}
@@ -31,7 +31,7 @@ private:
 };
 
 // The error for a system call that failed with `error`, an errno: cNoAccess for EACCES, EPERM and
-// EROFS, else cFailed. `what` says what failed on which input, as in "cannot read /a/file".
+// EROFS, else cFailed. `what` states what failed on which input, as in "cannot read /a/file".
 VXSCHED_PUBLIC CError SystemError(const std::string& what, int error);
 
 }  // namespace vxsched

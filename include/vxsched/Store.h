@@ -50,20 +50,20 @@ struct TRun {
 //
 // 1. Locks. Each call takes the locks that it needs: the writer lock, then the store mutex, each
 //    with a wait of at most TStoreOptions::lockTimeout. The caller must hold neither. Holders are
-//    waited for, never interrupted, be it a tick or another client.
+//    waited for, never interrupted, whether a tick or another client.
 // 2. Blocking. Check() and Wake() do not block. Read(), Edited(), CheckResume() and CheckRun() wait
-//    for the store mutex. A change takes at most 2 x lockTimeout, 10 seconds for the add-in and 0.1
-//    seconds for each task named, apart from the wait of rule 3; a child process that takes longer
-//    is killed, and the table is then checked under both locks.
+//    for the store mutex. A change also has the wait of rule 3, and is made in a child process. The
+//    child process is killed when it sends no message for 2 x the lock timeout + 10 s + 0.1 s for
+//    each call of the add-in's functions. The table is then checked under both locks.
 // 3. Due tasks. While an active task is due, a change first wakes the scheduling process and waits
 //    until it has launched the due tasks: at most lockTimeout without progress and 10 x lockTimeout
 //    in all, and again if other tasks have come due by then. Without a scheduling process the
 //    change throws cNoScheduler, unless TStoreOptions::evenIfDue is set: the due tasks then stay
 //    due.
 // 4. Failure. The calls throw CError, apart from std::bad_alloc. A call that throws has changed
-//    nothing unless its message says so: if the change process fails half-way and leaves a damaged
-//    table, the backup from before the change is restored. cDamaged: the table is damaged, or
-//    loading it would hang a process; it is left as it is. cBusy: a timeout of rules 1 to 3.
+//    nothing unless its message states otherwise: if the change process fails half-way and leaves a
+//    damaged table, the backup from before the change is restored. cDamaged: the table is damaged,
+//    or loading it would hang a process; it is left as it is. cBusy: a timeout of rules 1 to 3.
 //    cNoAccess: this user may not read or write the store. cNoScheduler: see rule 3, or the
 //    scheduling process runs in another IPC namespace. cFailed: a system call or the add-in failed.
 //    Any call may throw these; cRefused and cNotFound are stated at each function.
@@ -96,10 +96,11 @@ public:
     // Returns the entry that Edit() would write, without a change. Throws like Edit().
     TTaskEntry Edited(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
-    // Changes a task and returns the new entry. A paused task stays paused; if it repeats and its
-    // due time is past, it is rescheduled. A program that is not edited is not validated. If the
-    // task changes meanwhile, the edit is applied to the changed task. Throws cNotFound, cRefused
-    // on a validation error that is not forced, and cBusy if the task keeps changing.
+    // Changes a task and returns the new entry. A paused task stays paused, and if it repeats and
+    // its due time is past, it is rescheduled. An active task with a past due time is due: its
+    // program runs at once. A program that is not edited is not validated. If the task changes
+    // meanwhile, the edit is applied to the changed task. Throws cNotFound, cRefused on a
+    // validation error that is not forced, and cBusy if the task keeps changing.
     TTaskEntry Edit(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
     // These three change all of the named tasks, or none if a name is unknown (cNotFound).

@@ -1,5 +1,8 @@
 #pragma once
 
+// Which store a CStore works on, and how long it waits. A plain value without checks: a missing
+// directory or library is an error of the calls that use it.
+
 #include <chrono>
 #include <filesystem>
 #include <string>

@@ -69,16 +69,10 @@ VXSCHED_PUBLIC std::string EncodeTable(const std::vector<TTaskEntry>& tasks);
 
 // Reads the table of a working directory, without any effect: the file is opened for reading only
 // and the add-in is not loaded. A missing file is an empty table. Holds the store mutex while it
-// reads the file, if there is one; waits for it for at most `lockTimeout`. Do not call it while
-// holding the store mutex. Throws CError: cBusy if the mutex stays held, cDamaged, cNoAccess or
-// cFailed if the directory or the file cannot be read.
+// reads the file, if there is one; waits for it for at most `lockTimeout`. Do not call it in the
+// callback of CStore::ReplaceAll(), which runs with that mutex held. Throws CError: cBusy if the
+// mutex stays held, cDamaged, cNoAccess or cFailed if the directory or the file cannot be read.
 VXSCHED_PUBLIC TTable ReadTable(const std::filesystem::path& directory,
                                 std::chrono::milliseconds lockTimeout);
-
-// Reads the bytes of a working directory's table, also damaged ones. Takes no lock: the caller
-// holds the store mutex, or runs as part of the tick that holds it. Does not block, not even on a
-// FIFO in place of the file. A missing file is an empty table (8 zero bytes). Throws CError
-// (cNoAccess, cFailed) if the file cannot be read, is larger than 1 GiB, or is a FIFO or a device.
-VXSCHED_PUBLIC std::string ReadTableBytes(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -6,7 +6,7 @@
       stated.
    2. Times are seconds since the epoch, periods whole hours (0 runs once), timeouts milliseconds.
    3. A function that can fail returns a vxsched_error; vxsched_message() then has the message, for
-      a person. A call that fails has changed nothing unless its message says so.
+      a person. A call that fails has changed nothing unless its message states otherwise.
    4. Any function but vxsched_open(), vxsched_close(), vxsched_message() and
       vxsched_set_lock_timeout() may return VXSCHED_NO_ACCESS or VXSCHED_FAILED, and any of them but
       vxsched_wake() VXSCHED_BUSY or VXSCHED_DAMAGED. Other errors are stated at each function.
@@ -14,8 +14,9 @@
       caller must hold neither. While an active task is due, it first wakes the scheduling process
       and waits until that has launched the due tasks, at most the lock timeout without progress and
       ten times that in all; without a scheduling process in this IPC namespace it returns
-      VXSCHED_NO_SCHEDULER. Changes are made in a child process, which is killed if it takes longer
-      than twice the lock timeout and 10 seconds.
+      VXSCHED_NO_SCHEDULER. A change is made in a child process. The child process is killed when
+      it sends no message for 2 x the lock timeout + 10 s + 0.1 s for each call of the add-in's
+      functions.
    6. A vxsched_store is for one thread at a time; threads may use distinct ones at the same time.
       `store` must not be null. It holds no lock, file or memory of the table between calls.
    7. No exception leaves these functions. They install no signal handler. */

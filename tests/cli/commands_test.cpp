@@ -88,7 +88,16 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
         const TToolRun run = RunTool(command);
         EXPECT_EQ(run.status, command.front() == "repair" ? 0 : 5) << command.front() << run.error;
         EXPECT_EQ(ReadFile(cTable), damaged) << command.front();
+        if (!run.error.empty()) {
+            EXPECT_THAT(run.error,
+                        testing::StartsWith("vxsched: ./files/scheduler.dat: the table is damaged"))
+                << command.front();
+            EXPECT_THAT(run.error, testing::EndsWith("; run vxsched check for details, "
+                                                     "vxsched repair to repair it\n"))
+                << command.front();
+        }
     }
+    EXPECT_THAT(RunTool({"list"}).error, HasSubstr("; run vxsched check"));
     const std::string output = Output({"repair"});
     EXPECT_THAT(output, HasSubstr("damaged at offset"));
     EXPECT_THAT(output, HasSubstr("kept \"first\" from the damaged table"));
@@ -104,8 +113,28 @@ TEST_F(Cli, RepairTakesLostTasksFromTheBackup) {
     const std::string intact = ReadFile(cTable);
     WriteFile(cTable, intact.substr(0, intact.size() / 2));
     const std::string output = Output({"repair"});
-    EXPECT_THAT(output, HasSubstr("kept \"c\" from scheduler.dat.before"));
+    EXPECT_THAT(output, HasSubstr("kept \"c\" from files/scheduler.dat.before\n"));
     EXPECT_EQ(ReadFile(cTable), intact);
+}
+
+TEST_F(Cli, RepairReportsTheSnapshotByItsPathBelowTheDirectory) {
+    const std::string intact = BytesOf({Later("a"), Later("b")});
+    fs::create_directory("files/snapshots");
+    WriteFile("files/snapshots/scheduler.dat.001700000000-000000", intact);
+    WriteFile(cTable, intact.substr(0, BytesOf({Later("a")}).size() + 20));
+    EXPECT_THAT(Output({"repair"}),
+                HasSubstr("kept \"b\" from "
+                          "files/snapshots/scheduler.dat.001700000000-000000\n"));
+    EXPECT_EQ(NamesInTable(), "a b");
+}
+
+TEST_F(Cli, ChangeOfAHarmfulTableReportsTheFileAndOneRemedy) {
+    WriteTable({{"endless", 5, 0, 268435456, cRecorder, "", 1}});
+    const TToolRun run = RunTool({"pause", "endless"});
+    EXPECT_EQ(run.status, 5);
+    EXPECT_THAT(run.error, testing::StartsWith("vxsched: ./files/scheduler.dat: "));
+    EXPECT_THAT(run.error, HasSubstr("repair the table first"));
+    EXPECT_THAT(run.error, testing::Not(HasSubstr("to repair it")));
 }
 
 TEST_F(Cli, CheckReportsProblemsAndTheirOffsets) {
@@ -117,11 +146,15 @@ TEST_F(Cli, CheckReportsProblemsAndTheirOffsets) {
     const TToolRun harmful = RunTool({"check"});
     EXPECT_EQ(harmful.status, 5);
     EXPECT_THAT(harmful.output, HasSubstr("endless: offset 8:"));
-    EXPECT_THAT(harmful.output, HasSubstr("harmful to load"));
+    EXPECT_THAT(harmful.output, testing::EndsWith("harmful to load; run vxsched repair\n"));
+    EXPECT_THAT(RunTool({"check", cTable}).output, testing::EndsWith("harmful to load\n"))
+        << "vxsched repair would not repair a file that is named";
     Output({"repair"});
     EXPECT_EQ(RunTool({"check"}).status, 0);
     WriteFile("other", "abc");
-    EXPECT_EQ(RunTool({"check", "other"}).status, 5);
+    const TToolRun other = RunTool({"check", "other"});
+    EXPECT_EQ(other.status, 5);
+    EXPECT_THAT(other.output, testing::EndsWith("\ndamaged\n"));
     ExpectRefused(1, ": there is no such file", {"check", "no such file"});
 }
 
@@ -234,6 +267,17 @@ TEST_F(Cli, ShowReportsWhyATaskIsNotRunning) {
     CHost host;
     EXPECT_THAT(Output({"show", "alone"}), HasSubstr("it is not due until"));
     EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST_F(Cli, ShowOfARemovedTaskPointsToItsHistory) {
+    WriteShowcase();
+    ExpectRefused(3, "no task \"gone by now\"; it did not run: see vxsched history gone by now\n",
+                  {"show", "gone by now"});
+    WriteFile(cHistory, Run("once", R"("outcome":"exited","due":null,"status":0)"));
+    ExpectRefused(3, "no task \"once\"; it has run: see vxsched history once\n", {"show", "once"});
+    fs::remove(cHistory);
+    fs::create_directory(cHistory);
+    ExpectRefused(3, "no task \"once\"; see vxsched list\n", {"show", "once"});
 }
 
 TEST_F(Cli, SchedulingProcessOfAnotherNamespaceIsReported) {

@@ -70,6 +70,14 @@ def main():
         if len(built) < 8 or len(shipped) < 6:
             problems.append("files are missing")
 
+    # The programs and libraries of the tests are not shipped, but are run from any directory as well.
+    others = [path for path in elf_files(build) if not path.endswith(".o") and path not in built]
+    for path in others:
+        for entry in re.findall(r"RUNPATH\).*\[(.*)\]", read("readelf", "-dW", path)):
+            if not all(directory.startswith("$ORIGIN") for directory in entry.split(":")):
+                problems.append("%s searches %r for libraries" % (os.path.relpath(path, build), entry))
+    print("%d ELF files of tests and benchmarks read" % len(others))
+
     compiled = 0
     for entry in json.load(open(os.path.join(build, "compile_commands.json"))):
         if os.path.relpath(entry["file"], source).startswith(tuple(PRODUCT)):
@@ -98,7 +106,9 @@ def main():
     names = {re.sub(r"\[abi:\w+\]|\(.*", "", re.sub(r"^(typeinfo|typeinfo name|vtable) for ", "", name))
              for name in exported}
     for name in names:
-        if not name.startswith(("vxsched::", "vxsched_")) or not re.search(r"\b%s\b" % name.split("::")[-1], declared):
+        parts = name.removeprefix("vxsched::").removeprefix("~").split("::")
+        if not name.startswith(("vxsched::", "vxsched_")) or \
+                not all(re.search(r"\b%s\b" % part.lstrip("~"), declared) for part in parts):
             problems.append("libvxsched-client.so exports %s, which no public header declares" % name)
     marked = re.findall(r"^(?:class |struct )?VXSCHED_PUBLIC [^;{]*?\b(\w+)(?:\(| \{| :)", declared, re.MULTILINE)
     if len(marked) < 25:
@@ -106,6 +116,16 @@ def main():
     for name in marked:
         if not any(name in exported.split("::") for exported in names):
             problems.append("libvxsched-client.so does not export %s" % name)
+
+    # So does the support library.
+    declared = "".join(open(os.path.join(source, "support", name)).read()
+                       for name in os.listdir(os.path.join(source, "support")) if name.endswith(".h"))
+    library = os.path.join(build, "lib", "libvxcsupport.so")
+    for line in read("nm", "-DC", "--defined-only", library).splitlines():
+        name = re.sub(r"\[abi:\w+\]|\(.*", "", re.sub(r"^(typeinfo name|typeinfo|vtable) for ", "",
+                                                      line.split(maxsplit=2)[2]))
+        if not all(re.search(r"\b%s\b" % part.lstrip("~"), declared) for part in name.split("::")):
+            problems.append("libvxcsupport.so exports %s, which no header of it declares" % name)
 
     for problem in problems:
         print(problem, file=sys.stderr)

@@ -2,23 +2,28 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <host/CHostLog.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "base/CDescriptor.h"
-#include "runs/CRunHistory.h"
-#include "runs/RunRecord.h"
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "ExitedRun.h"
 #include "Process.h"
+#include "base/CDescriptor.h"
+#include "runs/CRunHistory.h"
+#include "runs/RunRecord.h"
 
 static constexpr char cHistory[] = "files/history.jsonl";
 static constexpr char cOlder[] = "files/history.jsonl.1";
+
+// Appends a warning to the file "log".
+static void Warn(const std::string& message) {
+    std::ofstream("log", std::ios::app) << message << '\n';
+}
 
 class RunHistory : public testing::Test {
 protected:
@@ -26,6 +31,7 @@ protected:
         std::filesystem::create_directory("files");
         std::filesystem::remove(cHistory);
         std::filesystem::remove(cOlder);
+        std::filesystem::remove("log");
     }
     static std::string NumberedLine(int number) { return JsonLine(Numbered(number)); }
     static TRunRecord Numbered(int number) {
@@ -36,7 +42,7 @@ protected:
 };
 
 TEST_F(RunHistory, KeepsALineARecordInTheirOrder) {
-    CRunHistory history(1 << 20, LogWarning);
+    CRunHistory history(1 << 20, Warn);
     history.Add(Numbered(1));
     history.Add(Numbered(2));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + NumberedLine(2));
@@ -44,7 +50,7 @@ TEST_F(RunHistory, KeepsALineARecordInTheirOrder) {
 }
 
 TEST_F(RunHistory, IsMovedAwayBeforeItWouldOutgrowItsSize) {
-    CRunHistory history(2 * NumberedLine(1).size(), LogWarning);
+    CRunHistory history(2 * NumberedLine(1).size(), Warn);
     for (int number = 1; number <= 5; ++number)
         history.Add(Numbered(number));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(5));
@@ -52,7 +58,7 @@ TEST_F(RunHistory, IsMovedAwayBeforeItWouldOutgrowItsSize) {
 }
 
 TEST_F(RunHistory, RecordLargerThanTheSizeIsKeptAlone) {
-    CRunHistory history(10, LogWarning);
+    CRunHistory history(10, Warn);
     history.Add(Numbered(1));
     history.Add(Numbered(2));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(2));
@@ -60,13 +66,13 @@ TEST_F(RunHistory, RecordLargerThanTheSizeIsKeptAlone) {
 }
 
 TEST_F(RunHistory, SizeOfZeroKeepsNone) {
-    CRunHistory history(0, LogWarning);
+    CRunHistory history(0, Warn);
     history.Add(Numbered(1));
     EXPECT_FALSE(std::filesystem::exists(cHistory));
 }
 
 TEST_F(RunHistory, MovedAwayItBeginsAnew) {
-    CRunHistory history(1 << 20, LogWarning);
+    CRunHistory history(1 << 20, Warn);
     history.Add(Numbered(1));
     std::filesystem::rename(cHistory, "files/saved");
     history.Add(Numbered(2));
@@ -74,14 +80,13 @@ TEST_F(RunHistory, MovedAwayItBeginsAnew) {
 }
 
 TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
-    CRunHistory history(1 << 20, LogWarning);
+    CRunHistory history(1 << 20, Warn);
     history.Add(Numbered(1));
     CForkedChild child([] {
-        CHostLog::Instance().WriteTo("log");
         std::signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{.rlim_cur = NumberedLine(1).size() + 10, .rlim_max = RLIM_INFINITY};
         setrlimit(RLIMIT_FSIZE, &limit);
-        CRunHistory(1 << 20, LogWarning).Add(Numbered(2));
+        CRunHistory(1 << 20, Warn).Add(Numbered(2));
         return 0;
     });
     EXPECT_EQ(child.Wait(), 0);
@@ -92,15 +97,14 @@ TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
 TEST_F(RunHistory, PipeInItsPlaceTakesNoRecordAndIsNotWaitedFor) {
     ASSERT_EQ(mkfifo(cHistory, 0644), 0);
     CForkedChild child([] {
-        CHostLog::Instance().WriteTo("log of a pipe");
-        CRunHistory(1 << 20, LogWarning).Add(Numbered(1));
+        CRunHistory(1 << 20, Warn).Add(Numbered(1));
         const CDescriptor reader(open(cHistory, O_RDONLY | O_NONBLOCK));
-        CRunHistory(1 << 20, LogWarning).Add(Numbered(2));
+        CRunHistory(1 << 20, Warn).Add(Numbered(2));
         char byte = 0;
         return read(reader.Get(), &byte, 1) == 1 ? 1 : 42;
     });
     EXPECT_EQ(child.Wait(), 42);
-    const std::string log = ReadFile("log of a pipe");
+    const std::string log = ReadFile("log");
     EXPECT_NE(log.find("files/history.jsonl: it is not a file, or a FIFO without a reader; lost"),
               std::string::npos)
         << log;

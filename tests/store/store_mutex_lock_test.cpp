@@ -8,6 +8,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
+#include "store/TableFile.h"
 
 #include <chrono>
 #include <csignal>

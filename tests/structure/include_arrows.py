@@ -41,6 +41,11 @@ ARROWS = {
     "cli/commands": CLI_OUTPUT | {"cli/output", "client"},
 }
 
+# Headers without a directory of their own in an include: the support library's, and <vxsched/...>. They are seen by the
+# directories named here and by all that have an arrow to one of these, but for the host's own directory.
+LIBRARIES = {"support": ({"sync", "addin", "scheduler", "store", "host"}, "support/CEvent.h", "CEvent.h"),
+             "include": ({"store"}, "include/vxsched/Table.h", "vxsched/Table.h")}
+
 
 def main():
     source, build = (os.path.realpath(argument) for argument in sys.argv[1:])
@@ -73,6 +78,13 @@ def main():
     pairs = [(directory, other) for directory in commands for other in ARROWS if headers[other]]
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         problems += filter(None, pool.map(check, pairs))
+
+    for library, (users, path, header) in LIBRARIES.items():
+        assert os.path.exists(os.path.join(source, path)), path
+        for directory in commands:
+            wanted = directory in users or bool(ARROWS[directory] & (users - {"host"}))
+            if is_found(directory, header) != wanted:
+                problems.append("%s %s include <%s>" % (directory, "cannot" if wanted else "can", header))
 
     # What is found without an arrow: a path that climbs out of its directory.
     for directory in ARROWS:

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
+#include "store/CWriterLock.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -181,6 +182,16 @@ TEST(CliSafety, LockOfAStoppedHolderIsNotBroken) {
     });
     EXPECT_EQ(holder.Wait(), 42);
     EXPECT_EQ(ReadTable()[0].paused, 1U);
+}
+
+TEST(CliSafety, RefusedRepairLeavesNoQuarantineFile) {
+    WriteTable({Later("a")});
+    WriteFile(cTable, "damaged");
+    const vxsched::CWriterLock lock(".", 10s);
+    const TToolRun run = RunTool({"repair", "--lock-timeout", "0.1"});
+    EXPECT_EQ(run.status, 1) << run.error;
+    EXPECT_EQ(QuarantinedFile(), "");
+    EXPECT_EQ(ReadFile(cTable), "damaged");
 }
 
 // ---- Hosts that start and exit ----------------------------------------------------------------

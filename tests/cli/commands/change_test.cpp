@@ -121,6 +121,41 @@ TEST_F(Cli, EmptyArgumentsAreNotTakenForOmittedOnes) {
     ExpectRefused(2, "count", {"next", "--count", "-1"});
 }
 
+TEST_F(Cli, TimeThatIsNotQuotedIsReportedAsSuch) {
+    WriteTable({Later("a")});
+    const std::string quote = "quote a time of several words";
+    ExpectRefused(2, quote, {"edit", "a", "--at", "in", "3h"});
+    ExpectRefused(2, quote, {"create", "b", "--at", "in", "3h", "--", cRecorder});
+    ExpectRefused(2, quote, {"create", "b", "--at", "in", "3h", "--", cRecorder, "parameter"});
+    ExpectRefused(2, quote, {"next", "--until", "tomorrow", "14:30"});
+    ExpectRefused(2, "unexpected argument \"14:30\"; quote an argument of several words",
+                  {"edit", "a", "--at", "2026-11-21", "14:30"});
+}
+
+TEST_F(Cli, UnknownOptionsAreThoseBeforeTheSeparator) {
+    ExpectRefused(2,
+                  "unexpected argument \"-b\"; a program gets a single argument, so quote it: "
+                  "\"a -b\". See vxsched create --help.\n",
+                  {"create", "x", "--", cRecorder, "a", "-b"});
+    ExpectRefused(2, "unknown option \"--bogus\". See vxsched --help.\n", {"--bogus"});
+    ExpectRefused(2, "unexpected argument \"extra\". See vxsched list --help.\n",
+                  {"list", "extra"});
+}
+
+TEST_F(Cli, LockTimeoutMustBeANumberOfSeconds) {
+    for (const char* const bad : {"abc", "", "-1", "86401", "nan", "1s"})
+        ExpectRefused(2, "expected a number of seconds from 0 to 86400",
+                      {"list", "--lock-timeout", bad});
+    ExpectRefused(2, "expected a number of seconds", {"--lock-timeout", "abc"});
+    Output({"list", "--lock-timeout", "0.5"});
+}
+
+TEST_F(Cli, LinesOfAMessageAreIndentedBelowTheFirst) {
+    const TToolRun run = RunTool({"create", "", "--at", "in 1h", "--", "/no/such"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.error, testing::ContainsRegex("^vxsched: [^\n]*\n         [^ \n][^\n]*\n$"));
+}
+
 TEST_F(Cli, DryRunRefusesTheSameAsTheCommand) {
     WriteTable({{"once", 5, 0, 0, cRecorder, "", 1},
                 {"missing", 4'000'000'000, 0, 24, "/no/such", "", 1}});

@@ -239,6 +239,13 @@ TEST_P(RefusedTime, ReportsTheReasonAndTheOffset) {
 static const char cForms[] =
     "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
 static const char cZoneForms[] = "a zone is written as Z, +01:00, +0100 or +01";
+// Unquoted, "in 3h" reaches the command as two arguments, and the first is taken for the time.
+static const char cInAlone[] =
+    "expected a number with a unit, such as 6h; quote a time of several words: \"in 3h\"";
+static const char cTodayAlone[] =
+    "expected a time of day such as 14:30; quote a time of several words: \"today 14:30\"";
+static const char cTomorrowAlone[] =
+    "expected a time of day such as 14:30; quote a time of several words: \"tomorrow 14:30\"";
 static const char cTooFar[] = "a zone must be from -14:00 to +14:00";
 
 INSTANTIATE_TEST_SUITE_P(
@@ -287,9 +294,8 @@ INSTANTIATE_TEST_SUITE_P(
                     TRefused{"14:30:15:00", 8, "unexpected input after the time"},
                     TRefused{"14:30 tomorrow", 6, "unexpected input after the time"},
                     TRefused{"14:30pm", 5, "unexpected input after the time"},
-                    TRefused{"today", 5, "expected a time of day such as 14:30"},
-                    TRefused{"tomorrow", 8, "expected a time of day such as 14:30"},
-                    TRefused{"tomorrow ", 9, "expected a time of day such as 14:30"},
+                    TRefused{"today", 5, cTodayAlone}, TRefused{"tomorrow", 8, cTomorrowAlone},
+                    TRefused{"tomorrow ", 9, cTomorrowAlone},
                     TRefused{"tomorrow noon", 9, "expected a time of day such as 14:30"},
                     TRefused{"tomorrow 25:00", 9, "the hour must be from 00 to 23"}));
 
@@ -324,7 +330,7 @@ INSTANTIATE_TEST_SUITE_P(
         TRefused{"now+3h", 3, "unexpected input after the time"},
         TRefused{"in -3h", 3, "only a time in the future can be given in this form"},
         TRefused{"+-3h", 1, "only a time in the future can be given in this form"},
-        TRefused{"in", 2, "expected a number with a unit, such as 6h"},
+        TRefused{"in", 2, cInAlone}, TRefused{"In  ", 4, cInAlone},
         TRefused{"+", 1, "expected a number with a unit, such as 6h"},
         TRefused{"in an hour", 3, "expected a number with a unit, such as 6h"},
         TRefused{"in 3", 4, "expected a unit, as in 3h"},
