@@ -34,9 +34,10 @@
 #include "host/startup/StartupMemory.h"
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
-#include "interpose/TableSaves.h"
+#include "interpose/FileStatus.h"
 #include "runs/CRunHistory.h"
 #include "store/StopEvent.h"
+#include "store/TableSaves.h"
 
 // Opens /dev/null as those of descriptors 0 to 2 that the parent left closed. Otherwise the next
 // file to be opened, such as the table, would get the number of standard error, and the log would
@@ -109,15 +110,13 @@ static void WarnOfPitfalls() {
         LogNotice(notice);
 }
 
-// Checks the library's file before the load, since loading any library has effects. A bare name is
-// left to the dynamic linker.
+// Checks the library before the load, since loading any library has effects. A file that cannot be
+// read is left to the dynamic linker.
 static void RequireAddIn(const std::string& path) {
-    if (path.find('/') == std::string::npos || access(path.c_str(), R_OK) != 0)
+    if (path.find('/') != std::string::npos && access(path.c_str(), R_OK) != 0)
         return;
-    if (const std::string reason = WhyNotAnAddIn(path); !reason.empty())
-        throw CHostError(cNoAddIn, fmt::format("{} is not an add-in: {}. Choose another library "
-                                               "with --addin.",
-                                               path, reason));
+    if (const std::string message = WhyAddInIsRefused(path); !message.empty())
+        throw CHostError(cNoAddIn, message);
 }
 
 static std::unique_ptr<CEvent> OpenStopEvent() {
@@ -179,7 +178,9 @@ static void Run(const THostOptions& options) {
     RequireAddIn(options.addIn);
     WarnOfPitfalls();
     VXC_SetInformationListener(OnInformation, nullptr);
-    SetReadFailureListener(OnReadFailure);
+    vxsched::SaveTableInOneStep();
+    SetFileStatusListener(vxsched::NoteFileStatus);
+    vxsched::SetReadFailureListener(OnReadFailure);
     SetTimeListener(OnTimeCall);
 
     const CProgramOutput output(options.output, options.outputSize);

@@ -5,12 +5,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <new>
 #include <system_error>
 #include <utility>
+
+#include "VXC_FileHook.h"
+
+static constinit std::atomic<const VXC_FileHook*> gFileHook{nullptr};
+
+void VXC_SetFileHook(const VXC_FileHook* hook) {
+    gFileHook = hook;
+}
 
 // A time is eight bytes: two instructions instead of a call.
 static inline void Copy(char* to, const char* from, std::size_t length) {
@@ -41,9 +51,15 @@ inline void COpen::WriteBytes(const char* data, std::size_t length) {
 }
 
 COpen::COpen(const char* openedPath, int flags, unsigned int mode)
-    : path(openedPath), buffer(new char[cBlockSize]) {
+    : path(openedPath), exceptions(std::uncaught_exceptions()), buffer(new char[cBlockSize]) {
+    flags |= O_CLOEXEC;
+    hook = gFileHook;
     do {
-        descriptor = open(openedPath, flags | O_CLOEXEC, mode);
+        descriptor = hook != nullptr ? hook->open(openedPath, flags, mode) : cVXC_OpenAsUsual;
+        if (descriptor == cVXC_OpenAsUsual) {
+            hook = nullptr;
+            descriptor = open(openedPath, flags, mode);
+        }
     } while (descriptor == -1 && errno == EINTR);
 }
 
@@ -133,7 +149,8 @@ std::size_t COpen::Close() {
         failure = std::current_exception();
     }
     // Closed whatever close returns, and never again: the descriptor may be another file's by then.
-    const int result = close(descriptor);
+    const bool isComplete = !hasFailed && std::uncaught_exceptions() <= exceptions;
+    const int result = hook != nullptr ? hook->close(descriptor, isComplete) : close(descriptor);
     const int error = errno;
     descriptor = -1;
     writing = false;
@@ -179,7 +196,7 @@ std::size_t COpen::Fill() {
         count = read(descriptor, buffer.get(), cBlockSize);
     } while (count == -1 && errno == EINTR);
     if (count == -1)
-        Fail("read", errno);
+        FailToRead("read", errno);
     filled = static_cast<std::size_t>(count);
     return filled;
 }
@@ -243,16 +260,24 @@ void COpen::CheckLengthOfText(std::size_t length) {
     const std::size_t ahead = filled - position;
     struct stat status {};
     if (fstat(descriptor, &status) == -1)
-        Fail("stat", errno);
+        FailToRead("stat", errno);
     if (!S_ISREG(status.st_mode))
         return;
     const off_t offset = lseek(descriptor, 0, SEEK_CUR);
     if (offset == -1)
-        Fail("seek", errno);
+        FailToRead("seek", errno);
     if (static_cast<off_t>(length - ahead) > status.st_size - offset)
         Fail("read", ENODATA);
 }
 
-void COpen::Fail(const char* operation, int error) const {
+// For what the file's bytes are not to blame for, unlike an end that comes too early.
+void COpen::FailToRead(const char* operation, int error) {
+    if (hook != nullptr)
+        hook->readFailed(error);
+    Fail(operation, error);
+}
+
+void COpen::Fail(const char* operation, int error) {
+    hasFailed = true;
     throw std::system_error(error, std::generic_category(), std::string(operation) + ' ' + path);
 }

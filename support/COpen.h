@@ -7,6 +7,8 @@
 
 #include "VXC_Export.h"
 
+struct VXC_FileHook;
+
 // A file, buffered both ways: what fits into cBlockSize is read with one read, what fits into
 // cLargestWrite is written with one write. Raw bytes, unsigned 32-bit values (4 bytes in the host's
 // order) and strings (their 32-bit length, then their bytes, without a terminator).
@@ -26,7 +28,7 @@ public:
 
     // Opens `path` as POSIX open does with these flags and this mode; the descriptor is closed when
     // another program is started. IsValid() returns whether that worked; errno holds the reason.
-    // Throws std::bad_alloc.
+    // Throws std::bad_alloc. A program may have it open another file: VXC_FileHook.h.
     COpen(const char* path, int flags, unsigned int mode);
 
     // Closes the file as Close() does, but never throws: an error of the last write is lost. Call
@@ -70,14 +72,18 @@ private:
     void BeginReading();
     void BeginWriting();
     void CheckLengthOfText(std::size_t length);
-    [[noreturn]] void Fail(const char* operation, int error) const;
+    [[noreturn]] void FailToRead(const char* operation, int error);
+    [[noreturn]] void Fail(const char* operation, int error);
 
     std::string path;
     int descriptor = -1;
-    bool writing = false;      // which of the two the buffer is used for
-    std::size_t position = 0;  // of the next byte to hand out of what was read ahead
-    std::size_t filled = 0;    // bytes that were read ahead
-    std::size_t waiting = 0;   // bytes to be written
+    const VXC_FileHook* hook = nullptr;  // that opened the file, if one did
+    int exceptions;                      // that were on their way when the file was opened
+    bool hasFailed = false;              // some operation on the file
+    bool writing = false;                // which of the two the buffer is used for
+    std::size_t position = 0;            // of the next byte to hand out of what was read ahead
+    std::size_t filled = 0;              // bytes that were read ahead
+    std::size_t waiting = 0;             // bytes to be written
     std::size_t capacity = cBlockSize;
     std::unique_ptr<char[]> buffer;  // of that capacity
 };

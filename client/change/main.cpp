@@ -22,10 +22,12 @@
 #include "client/change/CAddIn.h"
 #include "client/change/Launches.h"
 #include "interpose/Clock.h"
+#include "interpose/FileStatus.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
+#include "store/TableSaves.h"
 
 namespace vxsched {
 
@@ -169,6 +171,16 @@ void BecomeOwner() {
         throw SystemError("cannot become the owner of the directory \"files\"", errno);
 }
 
+void RequireSavesInOneStep(const std::string& addIn) {
+    if (const std::string reason = WhySavesAreNotInOneStep(addIn); !reason.empty())
+        throw CError(
+            EError::cFailed,
+            "the add-in " + addIn +
+                " is refused, since a save that is interrupted would lose tasks: " + reason +
+                ". Run the client without another support library (LD_PRELOAD), or with "
+                "another add-in");
+}
+
 void Serve(TRequest& request) {
     pid_t launched = 0;
     ListenToLaunches([&](pid_t process, int error) {
@@ -215,6 +227,9 @@ int Main() {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
         BecomeOwner();
+        RequireSavesInOneStep(request->addIn);
+        SaveTableInOneStep();
+        SetFileStatusListener(NoteFileStatus);
         Serve(*request);
         return 0;
     } catch (const CError& error) {

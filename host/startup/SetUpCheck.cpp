@@ -45,13 +45,11 @@ void CheckAddIn(const std::string& path, CReport& report) {
             path));
         return;
     }
-    const std::string reason = WhyNotAnAddIn(path);
-    if (reason.empty())
+    const std::string message = WhyAddInIsRefused(path);
+    if (message.empty())
         CReport::Ok(fmt::format("{} is an add-in", path));
     else
-        report.Fail(cNoAddIn,
-                    fmt::format("{} is not an add-in: {}. Choose another library with --addin.",
-                                path, reason));
+        report.Fail(cNoAddIn, message);
 }
 
 void CheckTask(const vxsched::TTaskEntry& task, vxsched::TTime now) {

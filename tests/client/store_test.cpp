@@ -1,6 +1,7 @@
 // The client library's changes while other clients or a scheduling process are running, and after
 // failures.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -286,4 +287,20 @@ TEST_F(ClientStore, ReplacedTableIsTakenUpByTheSchedulingProcess) {
     EXPECT_EQ(RecordedArgument("replaced"), "argument replaced");
     WaitUntil([&] { return store.Read().tasks.at(0).last != TTime(); });
     EXPECT_EQ(host.Stop(), 0);
+}
+
+// An interrupted save of such an add-in would leave a partial table.
+TEST_F(ClientStore, AddInWhoseSavesAreNotInOneStepIsRefusedBeforeTheLoad) {
+    store.Create(Task("a"), false);
+    const auto expectRefused = [](const CStore& refused, const char* reason) {
+        ExpectKept([&] {
+            EXPECT_THAT(ErrorOf(EError::cFailed, [&] { refused.Pause({"a"}); }),
+                        testing::HasSubstr(reason));
+        });
+    };
+    const CStore other({.addIn = OWN_SUPPORT_ADDIN});
+    expectRefused(other, "it does not leave COpen to libvxcsupport");
+    setenv("LD_PRELOAD", OWN_SUPPORT, 1);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    expectRefused(store, "with the COpen of " OWN_SUPPORT " instead of");
 }

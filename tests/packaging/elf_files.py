@@ -22,6 +22,13 @@ def read(tool, *arguments):
     return subprocess.run([tool, *arguments], check=True, stdout=subprocess.PIPE, text=True).stdout
 
 
+def plain_name(symbol):
+    """The function of libc that a symbol is another name of: stat for stat64 and __xstat64, read for __read_chk."""
+    for _ in range(2):
+        symbol = re.sub(r"^__(x(?=l?f?stat))?|64(_2)?$|_2$|_chk$", "", symbol)
+    return symbol
+
+
 def elf_files(*directories):
     for directory in directories:
         for parent, _, names in os.walk(directory):
@@ -94,7 +101,7 @@ def main():
     for name in ("libVantrixScheduler.so", "libvxcsupport.so"):
         for symbol in re.findall(r"U (\S+?)(?:@|$)", read("nm", "-D", "--undefined-only",
                                                           os.path.join(build, "lib", name)), re.MULTILINE):
-            plain = re.sub(r"^__|64(_2)?$|_2$|_chk$", "", re.sub(r"^__|64(_2)?$|_2$|_chk$", "", symbol))
+            plain = plain_name(symbol)
             if plain != symbol and plain in interposed:
                 problems.append("%s calls %s, which no interposed %s sees" % (name, symbol, plain))
 

@@ -1,27 +1,40 @@
-// table-steps STEP...: makes the calls that the add-in makes on its table, in a program that
-// interposes them: stat, read, save. The steps no-directory and directory make "files" a file, or a
-// directory without a table. Prints for each step whether it succeeded.
+// table-steps STEP...: does with its table what the add-in does, in a program that makes the saves
+// in one step: stat, read, save. The steps no-directory and directory make "files" a file, or a
+// directory without a table; link makes the table a link to "target". The step partial begins a
+// save that an exception ends. Prints for each step whether it succeeded.
 
+#include <COpen.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
+
+#include "interpose/FileStatus.h"
+#include "store/TableSaves.h"
 
 static constexpr char cTable[] = "files/scheduler.dat";
 
 static bool Read() {
-    const int table = open(cTable, O_RDWR);
+    COpen table(cTable, O_RDWR, 0644);
     char byte = 0;
-    return table != -1 && read(table, &byte, 1) == 1 && close(table) == 0;
+    table.Read(&byte, 1);
+    table.Close();
+    return true;
 }
 
-static bool Save() {
-    const int table = open(cTable, O_RDWR | O_CREAT | O_TRUNC, 0644);
-    return table != -1 && write(table, "saved", 5) == 5 && close(table) == 0;
+static bool Save(bool isPartial) {
+    COpen table(cTable, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (!table.IsValid())
+        return false;
+    table.Write("saved", 5);
+    if (isPartial)
+        throw std::runtime_error("the save ends early");
+    table.Close();
+    return true;
 }
 
 static bool Make(const std::string& step) {
@@ -31,16 +44,29 @@ static bool Make(const std::string& step) {
     }
     if (step == "read")
         return Read();
-    if (step == "save")
-        return Save();
+    if (step == "save" || step == "partial")
+        return Save(step == "partial");
     std::filesystem::remove_all("files");
-    if (step == "directory")
-        return std::filesystem::create_directory("files");
-    return std::ofstream("files").is_open();
+    if (step == "no-directory")
+        return std::ofstream("files").is_open();
+    std::filesystem::create_directory("files");
+    if (step == "link")
+        std::filesystem::create_symlink("../target", cTable);
+    return true;
+}
+
+static bool Try(const std::string& step) {
+    try {
+        return Make(step);
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 int main(int argc, char** argv) {
+    vxsched::SaveTableInOneStep();
+    SetFileStatusListener(vxsched::NoteFileStatus);
     for (int index = 1; index < argc; ++index)
-        std::printf("%s %s\n", argv[index], Make(argv[index]) ? "ok" : "failed");
+        std::printf("%s %s\n", argv[index], Try(argv[index]) ? "ok" : "failed");
     return 0;
 }

@@ -1,9 +1,12 @@
 // Whether a file is an add-in, decided by its bytes without a load.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include "host/startup/AddInFile.h"
 
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "HostProgram.h"
 #include "Process.h"
@@ -39,4 +42,37 @@ TEST(AddInFile, TruncatedAnywhereIsNone) {
         WriteFile("short", bytes.substr(0, size));
         EXPECT_NE(WhyNotAnAddIn("short"), "") << size;
     }
+}
+
+// A host in this directory, with the support library of another maker in its process.
+static std::vector<std::string> HostWithOwnSupport(const std::string& option) {
+    std::vector<std::string> command = HostWith({option});
+    command.insert(command.begin(), {"/usr/bin/env", "LD_PRELOAD=" OWN_SUPPORT,
+                                     "ASAN_OPTIONS=verify_asan_link_order=0"});
+    return command;
+}
+
+static void ExpectRefused(const std::vector<std::string>& command, const std::string& reason) {
+    CProgram host(command);
+    EXPECT_EQ(host.Wait(), 5) << host.Output();
+    EXPECT_THAT(host.Output(), testing::HasSubstr("is refused, since a save that is interrupted "
+                                                  "would lose tasks: " +
+                                                  reason));
+    EXPECT_EQ(CountSemaphoreSets(), 0) << "it was not loaded";
+    EXPECT_EQ(ReadFile(cTable), "not read");
+}
+
+TEST(AddInFile, BoundToAnotherSupportLibraryIsRefused) {
+    std::filesystem::create_directory("files");
+    WriteFile(cTable, "not read");
+    for (const char* const option : {"--run-once", "--check"})
+        ExpectRefused(HostWithOwnSupport(option),
+                      "it opens its files with the COpen of " OWN_SUPPORT " instead of that of ");
+}
+
+TEST(AddInFile, WithASupportLibraryOfItsOwnIsRefused) {
+    std::filesystem::create_directory("files");
+    WriteFile(cTable, "not read");
+    ExpectRefused(HostWith({"--addin", OWN_SUPPORT_ADDIN}),
+                  "it does not leave COpen to libvxcsupport");
 }
