@@ -578,7 +578,10 @@ void SharedLibraryDestructor() {
 // The library's one load-time initialiser. Every process that loads the library builds the add-in
 // with it, and an exception of the construction passes on to the loader.
 [[gnu::constructor]] static void OnLibraryLoad() {
-    const std::ios_base::Init streams;  // the standard streams, before anything may use them
+    // The standard streams, before anything may use them. Static, because the destructor flushes
+    // what a host in C has buffered: it runs at the unload, after the finaliser below, or at the
+    // exit, and not at each load. At namespace scope it would be a second initialiser.
+    static const std::ios_base::Init streams;
     SharedLibraryConstructor();
 }
 

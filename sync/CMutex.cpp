@@ -82,8 +82,9 @@ int CMutex::Lock(unsigned long timeout) {
         if (semop(semId, &take, 1) == -1)
             return LOCK_FAILED;
     } else {
-        // The seconds come from the low 32 bits alone, the nanoseconds from the whole timeout: what
-        // does not fit becomes a time that the system rejects, not a shorter wait.
+        // The seconds come from the low 32 bits alone, the nanoseconds from the whole timeout, modulo
+        // 2^64: of what does not fit, most becomes a time that the system rejects, and the rest a
+        // shorter wait.
         const long seconds = static_cast<std::int32_t>(static_cast<std::uint32_t>(timeout)) / 1000;
         const unsigned long rest = timeout - static_cast<unsigned long>(seconds) * 1000;
         const timespec time{.tv_sec = seconds, .tv_nsec = static_cast<long>(rest * 1'000'000)};

@@ -28,8 +28,9 @@ public:
     CMutex(const CMutex&) = delete;
     CMutex& operator=(const CMutex&) = delete;
 
-    // As in CSyncObject. `timeout` is in milliseconds; 0 tries once. A timeout of 2^31 or more,
-    // other than ULONG_MAX, makes a time that the system rejects: LOCK_FAILED at once.
+    // As in CSyncObject. `timeout` is in milliseconds; 0 tries once. Do not pass 2^31 or more, other
+    // than ULONG_MAX: most such timeouts make a time that the system rejects (LOCK_FAILED at once),
+    // but some wrap to a shorter wait (2^58 tries once).
     int Lock(unsigned long timeout) override;
 
     bool Lock() override;

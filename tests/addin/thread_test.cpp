@@ -25,15 +25,21 @@ static constexpr char cName[] = "a worker";
 // ---- Interposed thread calls ------------------------------------------------------------------
 
 // Called by CThread, on the test's thread or on the worker. They record the call and pass it on to
-// libc, except that pthread_create returns gCreateResult if that is not 0.
+// libc, except that pthread_create only returns gCreateResult if that is not 0. The others return
+// gOtherResult if that is not 0, after libc did what was asked.
 
 static std::vector<std::string> gCalls;
 static int gCreateResult = 0;
+static std::atomic<int> gOtherResult{0};
 static int gDetachState = -1;
 
 template <typename Function>
 static Function* NextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+static int Result(int result) {
+    return gOtherResult != 0 ? gOtherResult.load() : result;
 }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
@@ -49,7 +55,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 extern "C" int pthread_join(pthread_t thread, void** result) {
     gCalls.emplace_back("join");
-    return NextDefinition<decltype(pthread_join)>("pthread_join")(thread, result);
+    return Result(NextDefinition<decltype(pthread_join)>("pthread_join")(thread, result));
 }
 
 #ifndef __SANITIZE_THREAD__  // its runtime makes these calls before this program is initialised
@@ -67,20 +73,32 @@ static void NoteAttributeCall(const pthread_attr_t* attributes, const std::strin
 
 extern "C" int pthread_attr_init(pthread_attr_t* attributes) noexcept {
     NoteAttributeCall(attributes, "init");
-    return NextDefinition<int(pthread_attr_t*)>("pthread_attr_init")(attributes);
+    return Result(NextDefinition<int(pthread_attr_t*)>("pthread_attr_init")(attributes));
 }
 
 extern "C" int pthread_attr_setdetachstate(pthread_attr_t* attributes, int state) noexcept {
     NoteAttributeCall(attributes, state == PTHREAD_CREATE_JOINABLE ? "joinable" : "detached");
-    return NextDefinition<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate")(attributes,
-                                                                                    state);
+    return Result(NextDefinition<int(pthread_attr_t*, int)>("pthread_attr_setdetachstate")(
+        attributes, state));
 }
 
 extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
     NoteAttributeCall(attributes, "destroy");
-    return NextDefinition<int(pthread_attr_t*)>("pthread_attr_destroy")(attributes);
+    return Result(NextDefinition<int(pthread_attr_t*)>("pthread_attr_destroy")(attributes));
 }
 #endif
+
+// The constructor of CEvent, called by CThread and by the tests. It throws something that is not a
+// std::exception if gThrowFromEvent, and is the support library's otherwise.
+static bool gThrowFromEvent = false;
+
+#define CONSTRUCTOR_OF_EVENT "_ZN6CEventC1ENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb"
+void ConstructEvent(CEvent* event, std::string name, bool flag) __asm__(CONSTRUCTOR_OF_EVENT);
+void ConstructEvent(CEvent* event, std::string name, bool flag) {
+    if (gThrowFromEvent)
+        throw 42;
+    NextDefinition<decltype(ConstructEvent)>(CONSTRUCTOR_OF_EVENT)(event, std::move(name), flag);
+}
 
 // ---- A worker ---------------------------------------------------------------------------------
 
@@ -274,6 +292,44 @@ TEST(Thread, DestructionAfterStopDoesNotStopAgain) {
     EXPECT_EQ(other.Wait(0), 0);
 }
 
+TEST(Thread, StopOfOneNeverStartedJoinsWhateverItsThreadHolds) {
+    CWorker worker;
+    pthread_t other{};
+    ASSERT_EQ(pthread_create(
+                  &other, nullptr, [](void*) -> void* { return nullptr; }, nullptr),
+              0);
+    TakeCalls();
+    worker.thread = other;  // the construction leaves it unset
+    worker.Stop();
+    EXPECT_EQ(TakeCalls(), TCalls({"join"}));
+    EXPECT_TRUE(worker.stopRequested);
+    EXPECT_NE(worker.stopEvent->Wait(0), 0);
+}
+
+TEST(Thread, WorkerReturnsNull) {
+    CWorker worker;
+    worker.body = [](CWorker&) {};
+    worker.Start();
+    void* result = &worker;
+    pthread_join(worker.thread, &result);
+    EXPECT_EQ(result, nullptr);
+    worker.running = false;  // it is joined already
+}
+
+TEST(Thread, ResultsOfJoinAndAttributesAreNotChecked) {
+    gOtherResult = EINVAL;
+    {
+        CWorker worker;
+        EXPECT_EQ(worker.Start(), 0);
+        WaitUntil([&] { return worker.runs == 1; });
+        worker.Stop();
+        EXPECT_FALSE(worker.running);
+    }
+    gOtherResult = 0;
+    EXPECT_EQ(TakeCalls(), TCalls({"create", "join"}));
+    EXPECT_EQ(CountSemaphoreSets(), 0);
+}
+
 // ---- Without a stop event ---------------------------------------------------------------------
 
 TEST(Thread, EventThatCannotBeMadeLeavesNullAndIsNotReported) {
@@ -287,6 +343,11 @@ TEST(Thread, EventThatCannotBeMadeLeavesNullAndIsNotReported) {
     EXPECT_EQ(worker.Start(), 0);
     worker.Stop();
     EXPECT_FALSE(worker.running);
+}
+
+TEST(Thread, OtherExceptionsOfTheEventPassToTheCaller) {
+    gThrowFromEvent = true;
+    EXPECT_THROW(CWorker(), int);
 }
 
 // ---- The order of the virtual operations ------------------------------------------------------

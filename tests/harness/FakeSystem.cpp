@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 static CFakeSystem* gFake = nullptr;
 static constexpr pid_t cFirstProcess = 400'001;  // above any real process id
 
@@ -31,8 +33,8 @@ static Function* NextDefinition(const char* name) {
 
 // The four functions below are called by the tests, by the harness and by the add-in, on whichever
 // thread: the test program exports them, so the dynamic linker binds the add-in to them. Without a
-// CFakeSystem they do what libc does, errno included. With one they never fail and leave errno
-// alone.
+// CFakeSystem they do what libc does, errno included. With one they leave errno alone, and only
+// waitpid fails if the test asks for it.
 
 extern "C" time_t time(time_t* out) noexcept {
     if (gFake == nullptr) {
@@ -87,5 +89,9 @@ extern "C" pid_t waitpid(pid_t process, int* status, int options) {
     if (gFake == nullptr || process < cFirstProcess)
         return NextDefinition<decltype(waitpid)>("waitpid")(process, status, options);
     gFake->waits.push_back((options & WNOHANG) != 0 ? process : -process);
+    if (gFake->waitError != 0) {
+        errno = gFake->waitError;
+        return -1;
+    }
     return gFake->ended ? process : 0;
 }

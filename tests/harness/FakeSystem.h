@@ -30,6 +30,7 @@ public:
     std::vector<pid_t> waits;          // the process of every waitpid
     int launchResult = 0;  // of posix_spawn; 0 hands out the process ids 400001, 400002, ...
     bool ended = false;    // waitpid returns the child's id (ended), or 0 (still running)
+    int waitError = 0;     // if not 0, waitpid fails with this errno instead
     int timeReadings = 0;  // calls of time()
     std::function<void(const TLaunch&)> onLaunch;
     std::function<void()> onSleep;

@@ -130,6 +130,41 @@ TEST(AddInLoad, HoldsTheMutexThroughout) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+TEST(AddInLoad, NeitherTheLoadNorCreateAddInStartsTheWorker) {
+    WriteTable({});
+    const auto threads = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    };
+    const auto before = threads();
+    const CAddinLibrary library;
+    EXPECT_EQ(threads(), before);
+    library.CreateAddIn();
+    EXPECT_EQ(threads(), before);
+    library.DestroyAddIn(library.CreateAddIn());
+    library.CreateAddIn();
+    EXPECT_EQ(threads(), before);
+    library.AddIn().Start();
+    EXPECT_GT(threads(), before);  // a sanitizer may start one of its own with it
+    library.AddIn().Stop();
+}
+
+// ---- Loading in a host that does not set the standard streams up itself ------------------------
+
+TEST(AddInLoad, SetsTheStandardStreamsUpBeforeItBuildsTheAddIn) {
+    WriteTable({});
+    WriteFile(cTable, "damaged");
+    CProgram host({PROGRAMS "/load-add-in", "print", ADDIN_LIBRARY});
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(host.Output(), cReadingFailed + std::string("\nafter the load\nafter the unload\n"));
+}
+
+TEST(AddInLoad, FlushesNothingThatTheHostHasBuffered) {
+    WriteTable({});
+    CProgram host({PROGRAMS "/load-add-in", "keep-line", ADDIN_LIBRARY});
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+    EXPECT_EQ(ReadFile("output"), "a line without its end");
+}
+
 // ---- Unloading --------------------------------------------------------------------------------
 
 TEST(AddInUnload, UnmapsTheLibraryAndRemovesItsSemaphoreSets) {
@@ -256,6 +291,27 @@ TEST(AddInObject, UnloadEmptiesTheListAndNotTheFile) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_TRUE(library.AddIn().isLoad());
     EXPECT_TRUE(library.IsScheduled("a")) << "the next call reads the file";
+}
+
+TEST(AddInObject, UnloadLeavesTheWorkerAndTheSharedObjects) {
+    WriteTable({Task("a", 4'000'000'000, 1)});
+    const CInsideLibrary inside;
+    CAddInInterface* const addIn = inside.Instance();
+    auto* const list = inside.TaskList();
+    CMutex* const mutex = inside.Mutex();
+    CEvent* const event = inside.TaskChangedEvent();
+    addIn->Start();
+    addIn->Unload();
+    EXPECT_EQ(inside.Instance(), addIn);
+    EXPECT_EQ(inside.TaskList(), list);
+    EXPECT_EQ(inside.Mutex(), mutex);
+    EXPECT_EQ(inside.TaskChangedEvent(), event);
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    event->SetEvent();
+    CEvent(cStopEvent, false).SetEvent();
+    WaitUntil([&] { return event->Wait(0) == 0; });  // the worker has ticked
+    addIn->Stop();
+    EXPECT_EQ(list->size(), 1U) << "its tick has read the file";
 }
 
 TEST(AddInObject, UnloadWaitsForTheMutex) {
@@ -428,6 +484,22 @@ TEST(AddInObject, WorkerWaitsSixtyBetweenTwoTicks) {
     EXPECT_EQ(gSecondsWaited, 60);
 }
 
+TEST(AddInObject, ExceptionOnTheWorkerEndsTheProcess) {
+    WriteTable({});
+    EXPECT_DEATH(
+        {
+            CFakeSystem system(cNow);
+            const CAddinLibrary library;
+            library.Create("a", cNow, 0, "/a");
+            VXC_SetLogSink([](const std::string&, void*) { throw std::runtime_error("log"); },
+                           nullptr);
+            library.AddIn().Start();
+            for (;;)
+                pause();
+        },
+        "terminate called after throwing an instance of 'std::runtime_error'");
+}
+
 // ---- Failures of the construction -------------------------------------------------------------
 
 TEST(AddInFailure, TaskChangedEventThatCannotBeMadePassesToTheCaller) {
@@ -446,6 +518,25 @@ TEST(AddInFailure, TaskChangedEventThatCannotBeMadePassesToTheCaller) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     delete inside.TaskList();
     delete inside.Mutex();
+}
+
+TEST(AddInFailure, ExceptionOfTheLoadReachesTheCallerOfTheLoader) {
+    WriteTable({});
+    TakeTheKeyOfEvent(cTaskChanged);
+    CProgram host({PROGRAMS "/load-add-in", "catch-through-pointer", ADDIN_LIBRARY});
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_TRUE(host.Output().starts_with("caught open the event \"Global\\schTaskChanged-"))
+        << host.Output();
+}
+
+// dlopen is declared to throw nothing, so the compiler drops a handler around a direct call.
+TEST(AddInFailure, ExceptionOfTheLoadEndsAProcessThatCallsDlopenDirectly) {
+    WriteTable({});
+    TakeTheKeyOfEvent(cTaskChanged);
+    CProgram host({PROGRAMS "/load-add-in", "catch", ADDIN_LIBRARY});
+    EXPECT_EQ(host.Wait(), 1000 + SIGABRT);
+    EXPECT_NE(host.Output().find("terminate called after throwing"), std::string::npos)
+        << host.Output();
 }
 
 TEST(AddInFailure, StopEventThatCannotBeMadeLeavesTicksWithoutAPause) {

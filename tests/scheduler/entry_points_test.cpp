@@ -2,12 +2,16 @@
 
 #include <CEvent.h>
 #include <addin/CAddInInterface.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <scheduler/CSchedulerAddin.h>
 #include <scheduler/Scheduler.h>
 #include <sync/CMutex.h>
 
 #include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "AddinLibrary.h"
 #include "FakeSystem.h"
@@ -129,4 +133,55 @@ TEST(EntryPoints, SecondDestructionFindsTheSharedObjectsGone) {
     delete list;
     delete event;
     delete mutex;
+}
+
+TEST(EntryPoints, SecondObjectReplacesTheSharedObjectsAndDeletesNoneOfTheFirsts) {
+    WriteTable({Task("a", 4'000'000'000, 1)});
+    const CInsideLibrary inside;
+    auto* const list = inside.TaskList();
+    CMutex* const mutex = inside.Mutex();
+    CEvent* const event = inside.TaskChangedEvent();
+    CSchedulerAddin* const second = inside.NewAddin();
+    EXPECT_NE(inside.TaskList(), list);
+    EXPECT_NE(inside.Mutex(), mutex);
+    EXPECT_NE(inside.TaskChangedEvent(), event);
+    ASSERT_EQ(list->size(), 1U);
+    EXPECT_EQ(list->front()->name, "a");
+    EXPECT_TRUE(mutex->Lock());
+    EXPECT_EQ(inside.Mutex()->Lock(0), LOCK_TIMEOUT) << "the two are one mutex";
+    EXPECT_EQ(mutex->Unlock(), 0);
+    event->SetEvent();
+    EXPECT_NE(inside.TaskChangedEvent()->Wait(0), 0) << "the two are one event";
+    inside.DestroyAddIn(second);
+    // The test owns the first ones now.
+    delete list->front();
+    delete list;
+    delete event;
+    delete mutex;
+}
+
+// ---- Interposed: the names that the support library gets ---------------------------------------
+
+static std::vector<std::string> gNames;
+
+template <typename Function>
+static Function* NextDefinition(const char* symbol) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
+}
+
+// The constructor of CEvent, called by the add-in and by the test. It records its arguments.
+#define CONSTRUCTOR_OF_EVENT "_ZN6CEventC1ENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb"
+void ConstructEvent(CEvent* event, std::string name, bool flag) __asm__(CONSTRUCTOR_OF_EVENT);
+void ConstructEvent(CEvent* event, std::string name, bool flag) {
+    gNames.push_back("event " + name + (flag ? ", manual-reset" : ", auto-reset"));
+    NextDefinition<decltype(ConstructEvent)>(CONSTRUCTOR_OF_EVENT)(event, std::move(name), flag);
+}
+
+TEST(EntryPoints, EventsHaveTheseNames) {
+    WriteTable({});
+    const CAddinLibrary library;
+    EXPECT_EQ(gNames,
+              std::vector<std::string>(
+                  {"event libVantrixScheduler.so, auto-reset",
+                   "event Global\\schTaskChanged-69BD-4438-B706-07D710576930, manual-reset"}));
 }

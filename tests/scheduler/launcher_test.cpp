@@ -4,6 +4,7 @@
 #include <VXC_File.h>
 #include <VXC_Log.h>
 #include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <scheduler/Scheduler.h>
 #include <unistd.h>
@@ -11,7 +12,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -208,6 +211,13 @@ TEST_F(Launcher, EndedChildIsAskedForOnceAndNotLogged) {
     EXPECT_EQ(log.Take(), std::vector<std::string>());
 }
 
+TEST_F(Launcher, ChildThatCannotBeWaitedForIsLoggedLikeOneThatRuns) {
+    system.waitError = ECHILD;
+    EXPECT_EQ(Start("/bin/tool").last, cNow + 2);
+    EXPECT_EQ(system.waits, std::vector<pid_t>({400'001}));
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cStillRunning}));
+}
+
 TEST_F(Launcher, LastLaunchIsTakenAfterThePause) {
     EXPECT_EQ(Start("/bin/tool").last, cNow + 2);
     EXPECT_EQ(system.sleeps, std::vector<unsigned int>({2}));
@@ -314,4 +324,17 @@ TEST(LauncherForReal, StartsAProgramWithTheEnvironmentAndOneParameter) {
     EXPECT_EQ(ReadFile("the record").substr(0, 12), "arguments 2\n");
     EXPECT_NE(ReadFile("the record").find("argument the record\n"), std::string::npos);
     EXPECT_GT(ReadTable().at(0).last, 0);
+}
+
+TEST(LauncherForReal, PathWithoutADirectoryIsNotSearchedForButRelativeToTheWorkingDirectory) {
+    WriteTable({});
+    CAddinLibrary library;
+    CLogCapture log;
+    ASSERT_EQ(setenv("PATH", PROGRAMS, 1), 0);
+    library.Create("task", 4'000'000'000, 1, "record-launch", "the record");
+    library.ExecuteTaskNow("task", true);
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cLaunchFailed}));
+    std::filesystem::create_symlink(PROGRAMS "/record-launch", "record-launch");
+    library.ExecuteTaskNow("task", true);
+    WaitUntil([] { return !ReadFile("the record").empty(); });
 }

@@ -2,6 +2,7 @@
 // mutex.
 
 #include <CEvent.h>
+#include <CPopen.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,9 +10,13 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "AddinLibrary.h"
 #include "FakeSystem.h"
@@ -48,6 +53,18 @@ extern "C" int open(const char* path, int flags, ...) {
     if (gOnOpen)
         gOnOpen(path);
     return NextDefinition<int(const char*, int, ...)>("open")(path, flags, mode);
+}
+
+// Called by IsTaskRunning. If gProbe is set, it is given each size and returns what is put into the
+// buffer and the count that is returned; without it the support library reads.
+static std::function<std::pair<std::string, int>(int)> gProbe;
+
+int CPopen::Read(void* buffer, int size) {
+    if (!gProbe)
+        return NextDefinition<int(CPopen*, void*, int)>("_ZN6CPopen4ReadEPvi")(this, buffer, size);
+    const auto [text, count] = gProbe(size);
+    std::memcpy(buffer, text.c_str(), text.size() + 1);
+    return count;
 }
 
 class Queries : public testing::Test {
@@ -250,6 +267,22 @@ TEST_F(Running, OnlyTheFirstBytesOfTheOutputCount) {
     EXPECT_TRUE(occursAfter(1023 - length - 0));
     EXPECT_FALSE(occursAfter(1024 - length + 1));
     EXPECT_FALSE(occursAfter(5000));
+}
+
+TEST_F(Running, ReadsOnceIntoABufferOf1024BytesAndIgnoresTheCount) {
+    std::vector<int> sizes;
+    for (const int count : {-1, 0, 5}) {
+        for (const char* const text : {"the tool runs", "tool", "too", ""}) {
+            gProbe = [&](int size) {
+                sizes.push_back(size);
+                return std::pair(text, count);
+            };
+            EXPECT_EQ(IsRunning("tool"), std::string(text).find("tool") != std::string::npos)
+                << text << ' ' << count;
+        }
+    }
+    gProbe = nullptr;
+    EXPECT_EQ(sizes, std::vector<int>(12, 1024));
 }
 
 TEST_F(Running, LeavesTheMutexOneAboveWhereItFoundItEachTime) {

@@ -328,6 +328,30 @@ TEST_F(TaskFile, FileThatCannotBeOpenedIsLeftAlone) {
     EXPECT_FALSE(Flagged());
 }
 
+TEST_F(TaskFile, ExceptionAtTheOpeningIsAFailedRead) {
+    SetList(SomeRows());
+    WriteTable(SomeRows());
+    gFailTableCall = [](const std::string& call) -> bool {
+        if (call == "open 2 420")
+            throw std::runtime_error("open");
+        return false;
+    };
+    ExpectReset();
+    gFailTableCall = nullptr;
+}
+
+TEST_F(TaskFile, ExceptionAtTheOpeningIsAFailedWrite) {
+    SetList(SomeRows());
+    WriteTable(SomeRows());
+    gFailTableCall = [](const std::string& /*call*/) -> bool { throw std::runtime_error("open"); };
+    inside->SaveTasks();
+    gFailTableCall = nullptr;
+    EXPECT_EQ(List(), TRows());
+    EXPECT_EQ(log.Take(), std::vector<std::string>({cWritingFailed}));
+    EXPECT_TRUE(Flagged());
+    EXPECT_EQ(ReadFile(cTable), BytesOf(SomeRows())) << "it was not opened";
+}
+
 TEST_F(TaskFile, ReadThatFailsIsADamagedFile) {
     WriteTable(SomeRows());
     gFailTableCall = [](const std::string& call) { return call == "read"; };

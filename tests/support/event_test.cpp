@@ -3,6 +3,7 @@
 
 #include <CEvent.h>
 #include <VXC_CRC32.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sync/CMutex.h>
@@ -11,9 +12,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <csignal>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -36,6 +40,39 @@ static void RemoveTheOnlySet() {
 
 static void WaitForWaiters(int count) {
     WaitUntil([&] { return semctl(TheOnlySet(), 0, GETNCNT) == count; });
+}
+
+// ---- Interposed: the clock and the wait --------------------------------------------------------
+
+// Called by CEvent. While gWaits is not null, the monotonic clock is that of the test, and a wait is
+// only recorded, in nanoseconds; it then takes 200 ms and is interrupted by a signal handler, or runs
+// out if it was shorter.
+static std::vector<long>* gWaits = nullptr;
+static long gClock = 0;
+
+template <typename Function>
+static Function* NextDefinition(const char* symbol) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    if (gWaits == nullptr || clock != CLOCK_MONOTONIC)
+        return NextDefinition<int(clockid_t, timespec*)>("clock_gettime")(clock, time);
+    *time = {.tv_sec = gClock / 1'000'000'000, .tv_nsec = gClock % 1'000'000'000};
+    return 0;
+}
+
+extern "C" int semtimedop(int id, sembuf* operations, std::size_t count,
+                          const timespec* time) noexcept {
+    if (gWaits == nullptr)
+        return NextDefinition<int(int, sembuf*, std::size_t, const timespec*)>("semtimedop")(
+            id, operations, count, time);
+    constexpr long beforeSignal = 200'000'000;
+    const long wait = time->tv_sec * 1'000'000'000 + time->tv_nsec;
+    gWaits->push_back(wait);
+    gClock += std::min(wait, beforeSignal);
+    errno = wait <= beforeSignal ? EAGAIN : EINTR;
+    return -1;
 }
 
 // ---- The grid ---------------------------------------------------------------------------------
@@ -189,6 +226,31 @@ TEST(Event, OneSignalLetsEveryManualResetWaiterPassEvenIfResetAtOnce) {
 static std::atomic<int> gSignals{0};
 static void OnSignal(int /*number*/) {
     ++gSignals;
+}
+
+static constexpr long cMillisecond = 1'000'000;
+
+TEST(Event, WaitsMillisecondsAndKeepsItsEndAfterASignal) {
+    CEvent event(cName, true);
+    std::vector<long> waits;
+    gWaits = &waits;
+    const int result = event.Wait(500);
+    gWaits = nullptr;
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(waits,
+              std::vector<long>({500 * cMillisecond, 300 * cMillisecond, 100 * cMillisecond}));
+}
+
+TEST(Event, WaitSignalOrTimeoutWaitsSeconds) {
+    CEvent event(cName, false);
+    std::vector<long> waits;
+    gWaits = &waits;
+    const int result = event.WaitSignalOrTimeout(60);
+    gWaits = nullptr;
+    EXPECT_EQ(result, 0);
+    ASSERT_EQ(waits.size(), 300U);
+    EXPECT_EQ(waits.front(), 60'000 * cMillisecond);
+    EXPECT_EQ(waits.back(), 200 * cMillisecond);
 }
 
 TEST(Event, WaitGoesOnAfterASignalHandlerRan) {

@@ -289,13 +289,28 @@ INSTANTIATE_TEST_SUITE_P(
                     TTimeout{2147483647, "2147483 647000000", LOCK_ACQUIRED},
                     TTimeout{2147483648, "-2147483 4294966648000000", LOCK_FAILED},
                     TTimeout{4294967295, "0 4294967295000000", LOCK_FAILED},
-                    TTimeout{4294967301, "0 4294967301000000", LOCK_FAILED}));
+                    TTimeout{4294967301, "0 4294967301000000", LOCK_FAILED},
+                    TTimeout{1UL << 58, "0 0", LOCK_ACQUIRED},
+                    TTimeout{(1UL << 58) + 1500, "1 500000000", LOCK_ACQUIRED}));
 
 TEST(Mutex, TimeoutDiffersFromFailure) {
     CMutex mutex(cName);
     mutex.Lock();
     EXPECT_EQ(mutex.Lock(0), LOCK_TIMEOUT);
     EXPECT_EQ(mutex.Lock(1), LOCK_TIMEOUT);
+}
+
+TEST(Mutex, IsNotRecursiveAndAnyThreadReleasesIt) {
+    CMutex mutex(cName);
+    std::thread locker([&] {
+        mutex.Lock();
+        mutex.Lock();
+    });
+    const int id = semget(cStoreKey, 1, 0);
+    WaitUntil([&] { return semctl(id, 0, GETNCNT) == 1; });
+    EXPECT_EQ(mutex.Unlock(), 0);
+    locker.join();
+    EXPECT_EQ(StoreSemaphoreValue(), 0);
 }
 
 class CRecordingMutex : public CMutex {

@@ -16,6 +16,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "AddinLibrary.h"
@@ -31,6 +32,7 @@ static constexpr long cNone = -1;
 static thread_local long gUntilFailure = cNone;  // allocations that still succeed
 static thread_local bool gOnlyOnce = false;
 static thread_local bool gFailed = false;
+static thread_local long gHeld = 0;  // allocations that were not freed
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
     if (gUntilFailure != cNone) {
@@ -42,16 +44,20 @@ static thread_local bool gFailed = false;
         }
         --gUntilFailure;
     }
-    if (void* const memory = std::malloc(size))
+    if (void* const memory = std::malloc(size)) {
+        ++gHeld;
         return memory;
+    }
     throw std::bad_alloc();
 }
 
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
+    gHeld -= memory != nullptr ? 1 : 0;
     std::free(memory);
 }
 
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    gHeld -= memory != nullptr ? 1 : 0;
     std::free(memory);
 }
 
@@ -304,4 +310,25 @@ TEST(OutOfMemoryConstruction, EndsWithAnObjectAnExceptionOrTheProcess) {
     EXPECT_GT(made, 0);
     EXPECT_GT(threw, 0);
     EXPECT_GT(died, 0) << "the mutex's name could not be copied";
+}
+
+// A construction that fails frees the object with all that it owns: what remains are the list and
+// the mutex, which belong to the process.
+TEST(FailedConstruction, FreesTheObject) {
+    WriteTable({});
+    const CAddinLibrary library;
+    library.DestroyAddIn(library.CreateAddIn());
+    TakeTheKeyOfEvent("Global\\schTaskChanged-69BD-4438-B706-07D710576930");
+    const long before = gHeld;
+    bool threw = false;
+    try {
+        library.CreateAddIn();
+    } catch (const std::system_error&) {
+        threw = true;
+    }
+    EXPECT_TRUE(threw);
+    EXPECT_EQ(gHeld, before + 2);
+    EXPECT_NE(library.TaskList(), nullptr);
+    delete library.TaskList();
+    EXPECT_EQ(gHeld, before + 1);
 }
