@@ -14,7 +14,8 @@
 
 namespace {
 
-constexpr std::array<const char*, 2> cEntryPoints = {"CreateAddIn", "DestroyAddIn"};
+// What the host looks up in the loaded library.
+constexpr std::array<const char*, 3> cSymbols = {"CreateAddIn", "DestroyAddIn", "gTaskList"};
 
 // The bytes of a shared library. Reads beyond their end fail; a damaged library must not crash the
 // host.
@@ -84,9 +85,9 @@ std::string WhyNotAnAddIn(const std::string& path) {
     if (!IsLibraryOfThisMachine(file, header))
         return "it is not a shared library for x86-64";
     const std::set<std::string_view> names = DefinedNames(file, header);
-    for (const char* const entryPoint : cEntryPoints) {
-        if (!names.contains(entryPoint))
-            return fmt::format("it does not define {}", entryPoint);
+    for (const char* const symbol : cSymbols) {
+        if (!names.contains(symbol))
+            return fmt::format("it does not define {}", symbol);
     }
     return "";
 }
