@@ -184,7 +184,6 @@ static void Run(const THostOptions& options) {
     SetTimeListener(OnTimeCall);
 
     const CProgramOutput output(options.output, options.outputSize);
-    HandleLaunches(&output);
     CRunHistory history(options.historySize, LogWarning);
     CLaunchedPrograms& programs = CLaunchedPrograms::Instance();
     programs.RecordIn(&history);
@@ -196,6 +195,8 @@ static void Run(const THostOptions& options) {
         const CFrozenClock clock;
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
+    // The load launches nothing.
+    HandleLaunches(loaded.library->Tasks(), &output);
     heartbeat.Begin(loaded.upSince);
     CTableGuard guard(options.snapshots);
     const CGuardRegistration registration(guard);
@@ -222,12 +223,12 @@ static void Run(const THostOptions& options) {
         // Destroying the add-in removes the store mutex, which a client in the middle of a change
         // needs. The directory lock is held, the writer lock comes after it.
         const auto writerLock = TryTakeWriterLock(options.lockTimeout);
+        StopHandlingLaunches();
         loaded.library.reset();
     }
     programs.CollectFinished();
     programs.LeaveRunning();
     programs.RecordIn(nullptr);
-    HandleLaunches(nullptr);
 }
 
 int main(int argc, char** argv) {

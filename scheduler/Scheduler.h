@@ -50,8 +50,9 @@ extern "C" {
 
 // This process's list of tasks, in the order of the file; it owns them. Null while there is no
 // add-in object. It is as old as this process's last call, and every call may delete what it points
-// to: read it only while no other thread of the process is in a call, and not at all where the
-// scheduler's worker runs. Never write.
+// to: read it only while no other thread of the process is in a call. Where the scheduler's
+// worker runs, read it on the worker only, during a launch: its arguments are the strings of the
+// launched task in this list. Never write.
 VANTRIX_SCHEDULER_EXPORT extern std::list<TTask*>* gTaskList;
 
 // Adds a task at the end of the table, or rewrites the task of that name in its place;

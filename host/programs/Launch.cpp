@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <scheduler/Scheduler.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,14 +16,16 @@
 
 #include "base/Spawn.h"
 #include "host/CHostLog.h"
-#include "host/programs/CDueTasks.h"
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/CProgramOutput.h"
+#include "host/programs/LaunchedTask.h"
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
 
 namespace {
 
+// Set while no worker runs, read on the worker.
+const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
 
 // Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
@@ -39,15 +42,28 @@ void FillActions(CSpawnActions& actions, int output, const std::optional<std::st
     actions.CloseFrom(STDERR_FILENO + 1);
 }
 
-// What is known of a launch before it is made. Runs on the worker alone.
-TRunRecord Describe(const char* path, char* const arguments[]) {
-    static CDueTasks tasks;
+// The task that is being launched; null if it is unknown. The worker reads its own list, during its
+// tick, which holds the store mutex: nothing changes the list meanwhile.
+const TTask* FindTask(const char* path, char* const arguments[]) {
+    const char* const parameters = arguments[0] != nullptr ? arguments[1] : nullptr;
+    if (const TTask* const task = FindLaunchedTask(**gTasks, path, parameters))
+        return task;
+    LogWarning(
+        fmt::format("program {} belongs to no task of the add-in's list. It is launched, and "
+                    "recorded without a task.",
+                    path));
+    return nullptr;
+}
+
+// What is known of a launch before it is made; `task` may be null. The tick reschedules a task
+// after its launch, so the task's next execution is still the due time.
+TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]) {
     TRunRecord run;
     run.program = path;
     run.parameter = arguments[0] != nullptr && arguments[1] != nullptr ? arguments[1] : "";
-    if (const auto task = tasks.Find(run.program, run.parameter)) {
+    if (task != nullptr) {
         run.task = task->name;
-        run.due = task->due;
+        run.due = vxsched::TTime(std::chrono::seconds(task->nextExecution));
     }
     run.started = Now();
     return run;
@@ -61,7 +77,8 @@ TRunRecord Describe(const char* path, char* const arguments[]) {
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const arguments[],
                  char* const environment[]) {
-    TRunRecord run = Describe(path, arguments);
+    const TTask* const task = FindTask(path, arguments);
+    TRunRecord run = Describe(task, path, arguments);
     const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     CSpawnAttributes cleanAttributes;
     cleanAttributes.ResetSignals();
@@ -120,7 +137,14 @@ static pid_t Wait(pid_t process, int* status, int options) {
     return result;
 }
 
-void HandleLaunches(const CProgramOutput* output) {
+void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output) {
+    gTasks = tasks;
     gOutput = output;
     SetLaunchHandlers({.spawn = Spawn, .wait = Wait});
+}
+
+void StopHandlingLaunches() {
+    SetLaunchHandlers({.spawn = nullptr, .wait = nullptr});
+    gTasks = nullptr;
+    gOutput = nullptr;
 }

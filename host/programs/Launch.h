@@ -1,9 +1,16 @@
 #pragma once
 
+#include <list>
+
 class CProgramOutput;
+class TTask;
 
 // Takes over the launches of the add-in (interpose/Launch.h): from now on its calls of
-// posix_spawn() and waitpid() are handled here, and programs write where `output` decides; null:
-// where the host does. The caller keeps `output` alive. To be called while no program can be
-// launched, since there is no lock.
-void HandleLaunches(const CProgramOutput* output);
+// posix_spawn() and waitpid() are handled here. `tasks` is the add-in's exported `gTaskList`, in
+// which each launch finds its task. Programs write where `output` decides; null: where the host
+// does. The caller keeps both alive for as long as the worker runs. To be called while no program
+// can be launched, since there is no lock.
+void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output);
+
+// Gives posix_spawn() and waitpid() back to libc, under the same condition.
+void StopHandlingLaunches();

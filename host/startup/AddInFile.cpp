@@ -10,7 +10,8 @@
 #include "base/DynamicSymbols.h"
 #include "store/TableSaves.h"
 
-static constexpr std::array<const char*, 2> cEntryPoints = {"CreateAddIn", "DestroyAddIn"};
+// What the host looks up in the loaded library.
+static constexpr std::array<const char*, 3> cSymbols = {"CreateAddIn", "DestroyAddIn", "gTaskList"};
 
 std::string WhyNotAnAddIn(const std::string& path) {
     std::optional<TDynamicSymbols> symbols;
@@ -21,9 +22,9 @@ std::string WhyNotAnAddIn(const std::string& path) {
     }
     if (!symbols)
         return "it is not a shared library for x86-64";
-    for (const char* const entryPoint : cEntryPoints) {
-        if (!symbols->defined.contains(entryPoint))
-            return fmt::format("it does not define {}", entryPoint);
+    for (const char* const symbol : cSymbols) {
+        if (!symbols->defined.contains(symbol))
+            return fmt::format("it does not define {}", symbol);
     }
     return "";
 }

@@ -5,9 +5,9 @@
 
 #include "host/CHostError.h"
 
-template <typename Function>
-static Function* EntryPoint(void* handle, const char* name) {
-    return reinterpret_cast<Function*>(dlsym(handle, name));
+template <typename Symbol>
+static Symbol* Find(void* handle, const char* name) {
+    return reinterpret_cast<Symbol*>(dlsym(handle, name));
 }
 
 CAddInLibrary::CAddInLibrary(const std::string& path)
@@ -17,14 +17,18 @@ CAddInLibrary::CAddInLibrary(const std::string& path)
             cNoAddIn,
             fmt::format("cannot load the add-in {}: {}. Pass the path of its library with --addin.",
                         path, dlerror()));
-    const auto create = EntryPoint<decltype(CreateAddIn)>(handle, "CreateAddIn");
-    destroy = EntryPoint<decltype(DestroyAddIn)>(handle, "DestroyAddIn");
-    if (create == nullptr || destroy == nullptr) {
+    const auto create = Find<decltype(CreateAddIn)>(handle, "CreateAddIn");
+    destroy = Find<decltype(DestroyAddIn)>(handle, "DestroyAddIn");
+    tasks = Find<std::list<TTask*>* const>(handle, "gTaskList");
+    if (create == nullptr || destroy == nullptr || tasks == nullptr) {
         dlclose(handle);
         throw CHostError(cNoAddIn,
                          fmt::format("{} is not an add-in: it does not define {}. Choose another "
                                      "library with --addin.",
-                                     path, create == nullptr ? "CreateAddIn" : "DestroyAddIn"));
+                                     path,
+                                     create == nullptr    ? "CreateAddIn"
+                                     : destroy == nullptr ? "DestroyAddIn"
+                                                          : "gTaskList"));
     }
     addIn = create();
 }

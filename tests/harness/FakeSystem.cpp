@@ -72,9 +72,11 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     if (gFake == nullptr)
         return NextDefinition<decltype(posix_spawn)>("posix_spawn")(
             process, path, actions, attributes, arguments, environment);
-    CFakeSystem::TLaunch launch{.path = path, .arguments = {}, .plain = false};
-    for (char* const* argument = arguments; *argument != nullptr; ++argument)
+    CFakeSystem::TLaunch launch{.path = path, .arguments = {}, .passed = {}, .plain = false};
+    for (char* const* argument = arguments; *argument != nullptr; ++argument) {
         launch.arguments.emplace_back(*argument);
+        launch.passed.push_back(*argument);
+    }
     launch.plain = actions == nullptr && attributes == nullptr && environment == environ;
     gFake->launches.push_back(launch);
     if (gFake->onLaunch)

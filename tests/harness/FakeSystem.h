@@ -16,6 +16,7 @@ public:
     struct TLaunch {
         std::string path;
         std::vector<std::string> arguments;
+        std::vector<const char*> passed;  // where the arguments are, during the launch
         bool plain = false;  // no file actions, no attributes, the environment of this process
     };
 

@@ -1,6 +1,7 @@
 // What a real host records of real programs, and of tasks that were due while no host ran.
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,7 +10,12 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "AddinLibrary.h"
 #include "HostProgram.h"
 #include "StoreSemaphore.h"
 #include "Tool.h"
@@ -42,6 +48,11 @@ static std::string Utc(std::int64_t seconds) {
     char iso[64];
     std::strftime(iso, sizeof iso, "%FT%T.000Z", std::gmtime(&time));
     return iso;
+}
+
+RUN_AGAIN(LoadTheAddIn) {
+    const CAddinLibrary library;
+    _exit(0);
 }
 
 TEST(HostHistory, EachRunIsALineWithItsOutcome) {
@@ -112,6 +123,90 @@ TEST(HostHistory, DuplicatesAreRecordedByTheirOwnNames) {
     const std::vector<TJson> records = RecordsOnceThereAre(2);
     EXPECT_EQ(records.at(0).at("name"), "one");
     EXPECT_EQ(records.at(1).at("name"), "other");
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// Collects the names of the launch records that are created from now on, also of those that are
+// removed again.
+class CCreatedRecords {
+public:
+    CCreatedRecords() : descriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+        inotify_add_watch(descriptor, "files/started", IN_CREATE);
+    }
+    ~CCreatedRecords() { close(descriptor); }
+    CCreatedRecords(const CCreatedRecords&) = delete;
+    CCreatedRecords& operator=(const CCreatedRecords&) = delete;
+
+    std::multiset<std::string> Names() const {
+        std::multiset<std::string> names;
+        alignas(inotify_event) char bytes[8192];
+        const ssize_t count = read(descriptor, bytes, sizeof bytes);
+        for (ssize_t position = 0; position < count;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(bytes + position);
+            if (const std::string name = event->name; name.find('@') != name.npos)
+                names.insert(name);
+            position += static_cast<ssize_t>(sizeof *event + event->len);
+        }
+        return names;
+    }
+
+private:
+    int descriptor;
+};
+
+// After the launch of a task that runs once a tick skips the next task, which the next tick
+// launches. So duplicates are not launched in the order of the table.
+TEST(HostHistory, DuplicatesOfATaskThatRunsOnceAreLaunchedAndRecordedOnceEach) {
+    CHost host;
+    const CCreatedRecords created;
+    TRows rows = {Due("once", PROGRAMS "/end-with", "status 0"),
+                  Due("second", PROGRAMS "/end-with", "status 0"),
+                  Due("third", PROGRAMS "/end-with", "status 0")};
+    rows[0].period = 0;
+    rows[1].next -= 1;
+    rows[2].next -= 2;
+    std::multiset<std::pair<std::string, std::string>> wanted;
+    std::multiset<std::string> wantedRecords;
+    for (const TRow& row : rows) {
+        wanted.emplace(row.name, Utc(row.next));
+        wantedRecords.insert(row.name + '@' + std::to_string(row.next));
+    }
+    ReplaceTable(rows);
+    WakeWorker();
+    WaitUntil([&] {
+        const TRows table = ReadTable();
+        return table.size() == 2 && table[1].next > rows[1].next + 1800;
+    });
+    WaitUntil(WorkerIsIdle);
+    WakeWorker();
+    WaitUntil([&] { return ReadTable().at(0).next > rows[1].next + 1800; });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("started process"), 3U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("the table is restored"), 0U) << host.Output();
+    std::multiset<std::pair<std::string, std::string>> recorded;
+    for (const TJson& record : Records())
+        recorded.emplace(record.at("name"), record.at("due"));
+    EXPECT_EQ(recorded, wanted);
+    EXPECT_EQ(created.Names(), wantedRecords);
+}
+
+// The load reschedules the tasks in the file and not in the tick.
+TEST(HostHistory, LoadOfADirectClientDuringATickHidesNoTask) {
+    CHost host;
+    const TRows rows = {Due("one", PROGRAMS "/end-with", "status 0"),
+                        Due("other", PROGRAMS "/end-with", "status 1"),
+                        Due("duplicate", PROGRAMS "/end-with", "status 0")};
+    ReplaceTable(rows);
+    WakeWorker();
+    EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
+    CProgram client(ThisProgramAs("LoadTheAddIn"));
+    EXPECT_EQ(client.Wait(), 0) << client.Output();
+    const std::vector<TJson> records = RecordsOnceThereAre(3);
+    ASSERT_EQ(records.size(), 3U);
+    for (std::size_t index = 0; index < 3; ++index) {
+        EXPECT_EQ(records[index].at("name"), rows[index].name);
+        EXPECT_EQ(records[index].at("due"), Utc(rows[index].next));
+    }
     EXPECT_EQ(host.Stop(), 0);
 }
 

@@ -169,6 +169,20 @@ TEST_F(Launcher, ChildGetsItsPathAndOneParameter) {
     EXPECT_TRUE(system.launches[0].plain);
 }
 
+// Hosts know by it which task is launched, also among duplicates.
+TEST_F(Launcher, ArgumentsAreTheStringsOfTheTaskInTheList) {
+    int launches = 0;
+    system.onLaunch = [&](const CFakeSystem::TLaunch& launch) {
+        const TTask& task = *library->TaskList()->front();
+        EXPECT_EQ(launch.passed,
+                  std::vector<const char*>({task.program.data(), task.parameters.data()}));
+        ++launches;
+    };
+    Start("backup.exe", "-full -quiet");
+    Start("/a/path/that/is/not/within/the/string", "");
+    EXPECT_EQ(launches, 2);
+}
+
 TEST_F(Launcher, EmptyParameterIsAnEmptyArgumentNotAMissingOne) {
     Start("/bin/tool", "");
     EXPECT_EQ(system.launches[0].arguments, std::vector<std::string>({"/bin/tool", ""}));

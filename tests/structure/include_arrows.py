@@ -33,7 +33,7 @@ ARROWS = {
     "client/change": CLIENT | {"client", "interpose", "scheduler"},
     "host": HOST,  # all but main.cpp, which brings everything together
     "host/recovery": RECOVERY,
-    "host/programs": RECOVERY | {"host/recovery", "interpose", "runs"},
+    "host/programs": RECOVERY | {"host/recovery", "interpose", "runs", "scheduler"},
     "host/startup": RECOVERY | {"host/recovery", "runs", "addin"},
     "host/service": RECOVERY | {"host/recovery", "host/programs", "interpose", "runs"},
     "cli/time": CLI_TIME,

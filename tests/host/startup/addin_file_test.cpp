@@ -36,6 +36,14 @@ TEST(AddInFile, MissingEntryPointIsReported) {
     EXPECT_EQ(CountSemaphoreSets(), 0) << "it was not loaded";
 }
 
+TEST(AddInFile, MissingListOfTasksIsReported) {
+    std::string bytes = ReadFile(ADDIN_LIBRARY);
+    for (std::size_t position = 0; (position = bytes.find("gTaskList", position)) != bytes.npos;)
+        bytes[position] = 'G';
+    WriteFile("without", bytes);
+    EXPECT_EQ(WhyNotAnAddIn("without"), "it does not define gTaskList");
+}
+
 TEST(AddInFile, TruncatedAnywhereIsNone) {
     const std::string bytes = ReadFile(ADDIN_LIBRARY);
     for (std::size_t size = 0; size < bytes.size(); size += size < 128 ? 1 : bytes.size() / 50) {
