@@ -8,10 +8,12 @@
 
 #include "base/Spawn.h"
 #include "interpose/Launch.h"
+#include "store/CLaunchEnvironment.h"
 
 namespace vxsched {
 
 static TLaunchListener gListener;
+static std::string gTask;
 static std::map<pid_t, int> gEnds;  // wait statuses of programs that the add-in has collected
 
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t*,
@@ -20,8 +22,11 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     attributes.ResetSignals();
     CSpawnActions actions;
     actions.CloseFrom(STDERR_FILENO + 1);
-    const int error = NextLaunchHandlers().spawn(process, path, actions.Get(), attributes.Get(),
-                                                 arguments, environment);
+    const auto spawnWith = [&](char* const variables[]) {
+        return NextLaunchHandlers().spawn(process, path, actions.Get(), attributes.Get(), arguments,
+                                          variables);
+    };
+    const int error = SpawnForTask(environment, gTask.c_str(), std::nullopt, spawnWith);
     gListener(error == 0 ? *process : 0, error);
     return error;
 }
@@ -40,6 +45,10 @@ static pid_t Wait(pid_t process, int* status, int options) {
 void ListenToLaunches(TLaunchListener listener) {
     gListener = std::move(listener);
     SetLaunchHandlers({.spawn = Spawn, .wait = Wait});
+}
+
+void SetLaunchedTask(const std::string& name) {
+    gTask = name;
 }
 
 std::optional<int> WaitForEnd(pid_t process) {

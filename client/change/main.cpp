@@ -137,6 +137,7 @@ void Make(const CAddIn& addIn, const TCall& call) {
             addIn.setPeriod(name, call.task.period);
             return;
         case TCall::cExecute:
+            SetLaunchedTask(call.task.name);
             return addIn.executeNow(name, true);
     }
 }

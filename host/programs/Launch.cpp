@@ -1,6 +1,7 @@
 // Handles the add-in's calls of posix_spawn() and waitpid(). A launched program gets a clean signal
-// mask, clean dispositions and no descriptor of the host; every launch and every end is logged and
-// recorded. To the add-in both handlers behave like libc's functions.
+// mask, clean dispositions, no descriptor of the host, and its task's name and due time; every
+// launch and every end is logged and recorded. To the add-in both handlers behave like libc's
+// functions.
 
 #include "host/programs/Launch.h"
 
@@ -21,6 +22,7 @@
 #include "host/programs/LaunchedTask.h"
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
+#include "store/CLaunchEnvironment.h"
 
 namespace {
 
@@ -73,7 +75,8 @@ TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]
 
 // Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
 // from libc's function in what the program inherits where the add-in passes no attributes and no
-// actions. Returns 0 or an error number, as libc's does; errno is not defined.
+// actions, and adds the task's name and due time to the environment. Returns 0 or an error number,
+// as libc's does; errno is not defined.
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const arguments[],
                  char* const environment[]) {
@@ -85,9 +88,13 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     const auto spawn = [&](const std::optional<std::string>& createdPath) {
         CSpawnActions cleanActions;
         FillActions(cleanActions, output.Get(), createdPath);
-        return NextLaunchHandlers().spawn(
-            process, path, actions != nullptr ? actions : cleanActions.Get(),
-            attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, environment);
+        const auto spawnWith = [&](char* const variables[]) {
+            return NextLaunchHandlers().spawn(
+                process, path, actions != nullptr ? actions : cleanActions.Get(),
+                attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, variables);
+        };
+        return vxsched::SpawnForTask(environment, task != nullptr ? task->name.c_str() : nullptr,
+                                     run.due, spawnWith);
     };
     std::optional<std::string> recordPath;
     if (run.task && run.due)

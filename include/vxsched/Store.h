@@ -123,10 +123,11 @@ public:
 
     // Launches the task's program now, outside the schedule, also if the task is paused; the next
     // due time stays. Without `waitForEnd` the program's output goes to /dev/null; with it the
-    // program inherits the caller's, and the call waits for its end without limit. `onLaunch`, if
-    // set, is called with the process id right after the launch, on the calling thread; it must not
-    // throw. Throws cNotFound, cRefused if the program cannot be launched as it is named or,
-    // without `force`, if it is still running, and cFailed if the launch failed.
+    // program inherits the caller's, and the call waits for its end without limit. The program has
+    // the caller's environment, with the task's name as VXSCHED_TASK and without VXSCHED_DUE.
+    // `onLaunch`, if set, is called with the process id right after the launch, on the calling
+    // thread; it must not throw. Throws cNotFound, cRefused if the program cannot be launched as it
+    // is named or, without `force`, if it is still running, and cFailed if the launch failed.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
              const std::function<void(pid_t)>& onLaunch = {}) const;
 

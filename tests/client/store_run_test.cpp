@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -40,6 +41,14 @@ TEST_F(ClientStore, RunStartsTheProgramOutsideTheSchedule) {
     EXPECT_EQ(row.next, Seconds(next));
     EXPECT_GE(row.last, Seconds(In(-10s)));
     EXPECT_EQ(row.paused, 1U);
+}
+
+TEST_F(ClientStore, RunGivesTheProgramTheTasksNameAndNoDueTime) {
+    setenv("VXSCHED_TASK", "another", 1);
+    setenv("VXSCHED_DUE", "1", 1);
+    store.Create({"a", In(1h), 24, PROGRAMS "/record-environment", "variables"}, false);
+    store.Run("a", false, true);
+    EXPECT_EQ(ReadFile("variables"), "VXSCHED_TASK=a\n");
 }
 
 TEST_F(ClientStore, RunReportsTheEnd) {
