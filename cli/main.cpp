@@ -439,7 +439,7 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
 // Adds the file and the remedy to the message for a damaged table: the library leaves both to its
 // callers, which may not be this command.
 std::string CCommandLine::MessageFor(const CError& error) const {
-    const std::string message = error.what();
+    std::string message = error.what();
     if (error.Code() != EError::cDamaged)
         return message;
     const bool hasRemedy = message.find("repair the table") != std::string::npos;

@@ -197,6 +197,10 @@ bool CTableGuard::Check() {
         if (access("files", F_OK) == -1)
             return true;
         lastState = vxsched::TableState(".");
+        // Nor is a directory that was created again and has no table yet: the last valid one is
+        // still what a damaged table that appears there is repaired from.
+        if (lastState.empty() && saves.replacedAll && lastValid)
+            return true;
         const bool isDone = Examine(vxsched::ReadTableBytes("."));
         lastError.clear();
         return isDone;

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include "AddinLibrary.h"
 #include "GuardedTable.h"
@@ -219,6 +220,18 @@ TEST(HostGuard, DirectoryThatIsRemovedAndCreatedAgainIsWatched) {
     CHost host;
     fs::rename("files", "gone");
     WriteTable(cThree);
+    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    WaitForTable(cThree);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// The guard checks the new directory while it has no table yet.
+TEST(HostGuard, DirectoryThatIsCreatedAgainWithoutATableIsNoEmptyTable) {
+    WriteTable(cThree);
+    CHost host;
+    fs::rename("files", "gone");
+    fs::create_directory("files");
+    std::this_thread::sleep_for(1500ms);
     WriteFile(cTable, BytesOf(cThree).substr(0, 60));
     WaitForTable(cThree);
     EXPECT_EQ(host.Stop(), 0);
