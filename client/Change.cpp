@@ -49,7 +49,7 @@ CError ErrorOf(const std::string& message) {
 // store mutex. Returns the state of the table, for a message.
 std::string Recover(const TStoreOptions& options) {
     const CWriterLock writerLock(options.directory, options.lockTimeout);
-    const CStoreMutexLock mutexLock(options.lockTimeout);
+    const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
     try {
         DecodeTable(ReadBytes(TableFile(options.directory)), Now());
         return "the table is valid";

@@ -302,7 +302,7 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps
         // other processes from loading the add-in, which would set the mutex free.
         const CWriterLock writerLock(options.directory, options.lockTimeout);
-        const CStoreMutexLock mutexLock(options.lockTimeout);
+        const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
         const std::string bytes = ReadBytes(TableFile(options.directory));
         if (canReplace)
             canReplace(bytes);

@@ -4,8 +4,11 @@
 #include <VXC_Information.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <memory>
@@ -35,8 +38,10 @@
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
+#include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
 #include "store/StopEvent.h"
+#include "store/StoreMutexSet.h"
 #include "store/TableSaves.h"
 
 // Opens /dev/null as those of descriptors 0 to 2 that the parent left closed. Otherwise the next
@@ -79,6 +84,42 @@ static void OnInformation(const std::string& name, int value, void* /*context*/)
 static void OnReadFailure() {
     LogError(fmt::format("the add-in could not read its table: {}", std::strerror(errno)));
     ReportLoss();
+}
+
+// The set of the store mutex that this host made after another process had removed the former one;
+// -1 if there is none.
+static std::atomic<int> gMadeSet{-1};
+
+// The next two functions run on the thread that locks: the worker, or the main thread.
+
+static int ReplaceStoreMutex(int removed) noexcept {
+    static std::atomic<int> lastRemoved{-1};
+    try {
+        const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
+        if (set.isMade)
+            gMadeSet = set.id;
+        if (lastRemoved.exchange(removed) != removed)
+            LogWarning(fmt::format(
+                "the store mutex was removed, as by a process that loads the add-in itself and "
+                "exits normally: going on with {}. Have such processes end by _exit().",
+                set.isMade ? "a new one" : "the one that another process has made since"));
+        return set.id;
+    } catch (const std::exception& error) {
+        if (lastRemoved.exchange(removed) != removed)
+            LogError(fmt::format("the store mutex was removed and is missing: {}", error.what()));
+        return -1;
+    }
+}
+
+static void OnWaitForStoreMutex() noexcept {
+    if (gGuard != nullptr)
+        gGuard->WatchMutex();
+}
+
+// The add-in's destruction has removed the set that it made itself.
+static void RemoveMadeStoreMutex() {
+    if (gMadeSet != -1)
+        semctl(gMadeSet, 0, IPC_RMID);
 }
 
 // Runs on the thread that called time(), which the worker does at every tick.
@@ -193,6 +234,7 @@ static void Run(const THostOptions& options) {
     CHeartbeat heartbeat;
     TLoaded loaded = LoadAddIn(options, heartbeat.PreviousUptime(), history, [&] {
         const CFrozenClock clock;
+        FollowNextLockedSet({ReplaceStoreMutex, OnWaitForStoreMutex});
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
     // The load launches nothing.
@@ -225,6 +267,7 @@ static void Run(const THostOptions& options) {
         const auto writerLock = TryTakeWriterLock(options.lockTimeout);
         StopHandlingLaunches();
         loaded.library.reset();
+        RemoveMadeStoreMutex();
     }
     programs.CollectFinished();
     programs.LeaveRunning();

@@ -2,18 +2,28 @@
 
 #include <chrono>
 
+#include "store/CWriterLock.h"
+
 namespace vxsched {
 
 // Holds the store mutex, a System V semaphore, for a scope. Unlike the add-in's own mutex object it
-// never makes the semaphore, sets its value or removes it: where there is no store, it holds
-// nothing and makes nothing. The kernel releases it if the process dies (SEM_UNDO). Lock order:
-// directory lock, writer lock, store mutex. Not recursive; the thread that made it destroys it.
+// never interrupts a holder and never removes the semaphore. The kernel releases it if the process
+// dies (SEM_UNDO). Lock order: directory lock, writer lock, store mutex. Not recursive; the thread
+// that made it destroys it.
 class CStoreMutexLock {
 public:
-    // Waits at most `lockTimeout` by the monotonic clock, also if signal handlers run meanwhile.
-    // Throws CError: cBusy with the id of the holder on a timeout, cNoAccess or cFailed if the
-    // semaphore cannot be used.
-    explicit CStoreMutexLock(std::chrono::milliseconds lockTimeout);
+    // For a reader: where there is no store, it holds nothing and makes nothing. Waits at most
+    // `lockTimeout` by the monotonic clock, also if signal handlers run meanwhile. Throws CError:
+    // cBusy with the id of the holder on a timeout, cNoAccess or cFailed if the semaphore cannot be
+    // used.
+    explicit CStoreMutexLock(std::chrono::milliseconds lockTimeout)
+        : CStoreMutexLock(lockTimeout, nullptr) {}
+
+    // For a change, whose thread holds the writer lock: makes the semaphore where there is none, so
+    // that the mutex is held in any case, and sets a wedged one free while it waits (CMutexHealer).
+    // Otherwise as above.
+    CStoreMutexLock(std::chrono::milliseconds lockTimeout, const CWriterLock& writerLock)
+        : CStoreMutexLock(lockTimeout, &writerLock) {}
     ~CStoreMutexLock();
     CStoreMutexLock(const CStoreMutexLock&) = delete;
     CStoreMutexLock& operator=(const CStoreMutexLock&) = delete;
@@ -23,10 +33,12 @@ public:
     // in at once from then on.
     void Forget() { set = -1; }
 
-    // False if there is no store, or its semaphore was removed during the wait.
+    // False for a reader if there is no store, or its semaphore was removed during the wait.
     bool IsHeld() const { return set != -1; }
 
 private:
+    CStoreMutexLock(std::chrono::milliseconds lockTimeout, const CWriterLock* writerLock);
+
     int set = -1;
 };
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -45,6 +46,13 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
 
 CWriterLock::~CWriterLock() {
     close(descriptor);
+}
+
+TSetOwner CWriterLock::Owner() const {
+    struct stat status {};
+    if (fstat(descriptor, &status) == -1)
+        throw SystemError("cannot read the owner of the directory \"files\"", errno);
+    return {status.st_uid, status.st_gid};
 }
 
 }  // namespace vxsched

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <filesystem>
 
+#include "store/StoreMutexSet.h"
+
 namespace vxsched {
 
 // The writer lock of a directory, held for a scope: one process at a time loads the add-in or
@@ -18,6 +20,9 @@ public:
     ~CWriterLock();
     CWriterLock(const CWriterLock&) = delete;
     CWriterLock& operator=(const CWriterLock&) = delete;
+
+    // The owner of the store: that of the directory "files".
+    TSetOwner Owner() const;
 
 private:
     int descriptor;

@@ -20,7 +20,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char cLibraryFile[] = "libVantrixScheduler.so";  // as its path ends in /proc/PID/maps
-constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 
 fs::path DirectoryOf(pid_t process) {
     return fs::path("/proc") / std::to_string(process);
@@ -130,7 +129,7 @@ void WakeSchedulingProcess() {
 }
 
 void AnnounceChange() {
-    Signal(cTaskChanged, true);
+    Signal(cTaskChangedEventName, true);
 }
 
 }  // namespace vxsched

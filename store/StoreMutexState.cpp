@@ -26,8 +26,8 @@ std::optional<TMutexState> InspectStoreMutex() {
     const int value = semctl(set, 0, GETVAL);
     if (value == -1 || semctl(set, 0, IPC_STAT, argument) == -1)
         throw SystemError("cannot read the state of the store mutex", errno);
-    return TMutexState{value, semctl(set, 0, GETPID),
-                       TTime(std::chrono::seconds(status.sem_otime))};
+    return TMutexState{value, semctl(set, 0, GETPID), TTime(std::chrono::seconds(status.sem_otime)),
+                       set};
 }
 
 }  // namespace vxsched

@@ -92,7 +92,8 @@ CEvent::TUse CEvent::UseOf(const std::string& name) {
     if (id == -1)
         return {};
     return {.openers = std::max(0, semctl(id, cOpeners, GETVAL)),
-            .waiters = std::max(0, semctl(id, cState, GETNCNT))};
+            .waiters = std::max(0, semctl(id, cState, GETNCNT)),
+            .set = id};
 }
 
 void CEvent::SetState(int state) {

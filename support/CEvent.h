@@ -55,6 +55,7 @@ public:
     struct TUse {
         int openers = 0;  // objects that have it open
         int waiters = 0;  // threads that wait for it
+        int set = -1;     // its semaphores; -1: the event does not exist
     };
 
     // Counts the users without opening, creating or changing anything. An event that does not

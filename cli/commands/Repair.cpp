@@ -1,18 +1,60 @@
-// repair: replaces a damaged table by one with every task that can be read.
+// repair: sets a wedged store mutex free and replaces a damaged table by one with every task that
+// can be read.
 
 #include <fmt/format.h>
+
+#include <chrono>
+#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/Repair.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "store/Backups.h"
+#include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
+#include "store/CWriterLock.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
 
 namespace {
+
+using TClock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds cPause(100);
+
+// Sets the store mutex free if it is wedged. Takes the writer lock, and waits until the mutex was
+// observed for long enough or is free, at most for the lock timeout.
+void HealMutex(const TCommon& common, COutput& output) {
+    CMutexHealer healer;
+    if (healer.Observe() == CMutexHealer::cFree)
+        return;
+    const CWriterLock writerLock(common.store.directory, common.store.lockTimeout);
+    const TClock::time_point end = TClock::now() + common.store.lockTimeout;
+    std::string why = "it is in use";
+    while (TClock::now() < end) {
+        const CMutexHealer::EUse use = healer.Observe();
+        if (use == CMutexHealer::cFree)
+            return;
+        if (use == CMutexHealer::cUnchanged) {
+            const CMutexHealer::TResult result = healer.Heal(writerLock);
+            if (result.isHealed)
+                return output.Line(DescribeHealed(result));
+            // A value above 1 keeps nobody waiting.
+            if (result.holder && result.value > 1)
+                return output.Line("the store mutex lets " + std::to_string(result.value) +
+                                   " processes in at once and is left so: " +
+                                   Show(Describe(*result.holder)).string);
+            if (result.holder)
+                why = Describe(*result.holder);
+        }
+        std::this_thread::sleep_for(cPause);
+    }
+    throw CError(EError::cBusy, "the store mutex is held and did not become free within " +
+                                    std::to_string(common.store.lockTimeout.count()) +
+                                    " ms; nothing was changed: " + why);
+}
 
 std::string TableBytes(const TCommon& common) {
     const CStoreMutexLock lock(common.store.lockTimeout);
@@ -22,6 +64,8 @@ std::string TableBytes(const TCommon& common) {
 }  // namespace
 
 int Repair(const TCommon& common, COutput& output) {
+    if (!common.dryRun)
+        HealMutex(common, output);
     const std::string bytes = TableBytes(common);
     std::optional<TBackup> backup = FindBackup(common.store.directory);
     // The notes end with this name. The path shows that a snapshot is not next to the table.

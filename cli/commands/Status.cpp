@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
@@ -12,6 +14,8 @@
 #include "cli/commands/ExitStatus.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
+#include "store/CMutexHealer.h"
+#include "store/MutexHolders.h"
 #include "store/StoreMutexState.h"
 #include "store/TableFile.h"
 
@@ -23,6 +27,8 @@ struct TStatus {
     std::optional<TSchedulingProcess> scheduler;
     std::optional<TMutexState> mutex;
     std::string mutexError;
+    bool isMutexWedged = false;
+    std::optional<TPossibleHolder> holder;  // of a mutex whose last user has ended
     std::optional<TTable> table;
     std::string damage;
     std::string tableError;
@@ -31,6 +37,31 @@ struct TStatus {
     std::uintmax_t size = 0;
 };
 
+// Examines a held mutex, unless its last user holds it. Otherwise waits until the state was the same
+// for a while or changes.
+void FindHolder(TStatus& status) {
+    constexpr std::chrono::milliseconds cPause(100);
+    const auto mayBeLast = [&](const std::optional<TPossibleHolder>& holder) {
+        return holder && holder->process == status.mutex->lastProcess &&
+               holder->reason == TPossibleHolder::cMayHold;
+    };
+    if (!status.mutex || status.mutex->value != 0 || mayBeLast(FindPossibleHolder(*status.mutex)))
+        return;
+    CMutexHealer healer;
+    const auto end = std::chrono::steady_clock::now() + 2 * CMutexHealer::cUnchangedTime;
+    while (healer.Observe() == CMutexHealer::cInUse && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(cPause);
+    if (healer.Observe() == CMutexHealer::cInUse)
+        return;
+    status.mutex = InspectStoreMutex();
+    if (!status.mutex || status.mutex->value != 0)
+        return;
+    const std::optional<TPossibleHolder> holder = FindPossibleHolder(*status.mutex);
+    status.isMutexWedged = !holder && InspectStoreMutex() == status.mutex;
+    if (!mayBeLast(holder))
+        status.holder = holder;
+}
+
 TStatus ReadStatus(const TCommon& common) {
     TStatus status;
     status.scheduler = FindSchedulingProcess(common.store.directory);
@@ -38,6 +69,7 @@ TStatus ReadStatus(const TCommon& common) {
     // last use.
     try {
         status.mutex = InspectStoreMutex();
+        FindHolder(status);
     } catch (const CError& error) {
         status.mutexError = error.what();
     }
@@ -45,8 +77,11 @@ TStatus ReadStatus(const TCommon& common) {
     std::error_code ignored;
     if (const auto size = std::filesystem::file_size(status.file, ignored); !ignored)
         status.size = size;
+    TStoreOptions store = common.store;
+    if (status.isMutexWedged)
+        store.lockTimeout = std::chrono::milliseconds(0);
     try {
-        status.table = CStore(common.store).Read();
+        status.table = CStore(store).Read();
         for (const TProblem& problem : status.table->problems) {
             if (problem.kind != TProblem::cUnusual)
                 status.damage = problem.message;
@@ -90,16 +125,21 @@ std::string DescribeScheduler(const TStatus& status) {
     return fmt::format("process {}", status.scheduler->process);
 }
 
-std::string DescribeMutex(const std::optional<TMutexState>& mutex) {
+std::string DescribeMutex(const TStatus& status) {
+    const std::optional<TMutexState>& mutex = status.mutex;
     if (!mutex)
         return "not created yet";
+    if (status.isMutexWedged)
+        return "held by no process, and cannot be taken; run vxsched repair";
+    if (status.holder)
+        return fmt::format("held, last by process {}; {}", mutex->lastProcess,
+                           Describe(*status.holder));
     if (mutex->value == 0)
         return fmt::format("held by process {}", mutex->lastProcess);
     if (mutex->value == 1)
         return "free";
     return fmt::format(
-        "free, but its value is {}: as many processes can hold it at once until the add-in is "
-        "loaded again",
+        "free, but its value is {}: as many processes can hold it at once; run vxsched repair",
         mutex->value);
 }
 
@@ -145,7 +185,7 @@ int Status(const TCommon& common, COutput& output) {
         line("Scheduler", DescribeScheduler(status));
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
-        line("Mutex", status.mutexError.empty() ? DescribeMutex(status.mutex) : status.mutexError);
+        line("Mutex", status.mutexError.empty() ? DescribeMutex(status) : status.mutexError);
         line("File", status.file);
         line("Table", DescribeTable(status));
         for (const std::string& name : status.overdue)

@@ -23,9 +23,12 @@
 #include "client/change/Launches.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
+#include "interpose/SemaphoreWait.h"
+#include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ProgramLinks.h"
+#include "store/StoreMutexSet.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
 
@@ -70,12 +73,40 @@ std::optional<TRequest> ReadRequest() {
     return DecodeRequest(std::move(*field));
 }
 
+// The writer lock under which the add-in locks the store mutex.
+const CWriterLock* gWriterLock = nullptr;
+
+int ReplaceStoreMutex(int /*removed*/) noexcept {
+    try {
+        return OpenOrMakeStoreMutex().id;
+    } catch (const CError&) {
+        return -1;
+    }
+}
+
+void HealStoreMutex() noexcept {
+    static CMutexHealer healer;
+    try {
+        if (healer.Observe() == CMutexHealer::cUnchanged)
+            healer.Heal(*gWriterLock);
+    } catch (const CError&) {
+        // The add-in goes on waiting; the client ends this process after its time limit.
+    }
+}
+
+// Has the add-in's calls lock the store mutex also if another process removes it meanwhile, and
+// sets it free if it is wedged meanwhile. To be called before the load.
+void KeepLocking(const CWriterLock& writerLock) {
+    gWriterLock = &writerLock;
+    FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
+}
+
 // Checks the request and loads the add-in; empty if a message has sent the client to wait or start
 // over. The caller holds the writer lock. The store mutex is taken first, so that the load, which
 // sets it free, ends no other process's hold; the load is its release. If the load fails, the
 // kernel releases the mutex at the end of this process.
-std::optional<CAddIn> Load(TRequest& request) {
-    CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
+std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
+    CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
     const std::string bytes = ReadBytes(TableFile("."));
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
@@ -101,6 +132,7 @@ std::optional<CAddIn> Load(TRequest& request) {
     WriteBackup(".", bytes);
     SendMessage(cMessageBegun, "");
     lock.Forget();
+    KeepLocking(writerLock);
     const CFrozenClock clock;
     return CAddIn(request.addIn);
 }
@@ -142,9 +174,9 @@ void Make(const CAddIn& addIn, const TCall& call) {
     }
 }
 
-std::string ReadBack(const TRequest& request) {
+std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
     try {
-        const CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
+        const CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
         return ReadBytes(TableFile("."));
     } catch (const CError& error) {
         throw CError(EError::cFailed,
@@ -197,12 +229,12 @@ void Serve(TRequest& request) {
     });
     {
         const CWriterLock writerLock(".", std::chrono::milliseconds(request.lockTimeout));
-        const std::optional<CAddIn> addIn = Load(request);
+        const std::optional<CAddIn> addIn = Load(request, writerLock);
         if (!addIn)
             return;
         for (const TCall& call : request.calls)
             Make(*addIn, call);
-        const std::string bytes = ReadBack(request);
+        const std::string bytes = ReadBack(request, writerLock);
         TidyLinks(request, bytes);
         SendMessage(cMessageTable, bytes);
     }

@@ -84,6 +84,11 @@ void CTableGuard::TasksDeleted() {
     eventfd_write(wakeups.Get(), 1);
 }
 
+void CTableGuard::WatchMutex() {
+    mustWatchMutex = true;
+    eventfd_write(wakeups.Get(), 1);
+}
+
 // Watches the directory "files", also again after it was renamed or removed and another was
 // created. False, with errno 0 for a link, when changes have to be polled for.
 bool CTableGuard::Watch() {
@@ -109,12 +114,16 @@ void CTableGuard::Run() {
         // Before a retry, unread events would end the wait at once.
         if (retry)
             descriptors[0].fd = -1;
-        if (poll(descriptors, std::size(descriptors), retry ? cRetryInterval : PollTimeout()) == -1)
+        const int timeout = mutexWatch.LimitTimeout(retry ? cRetryInterval : PollTimeout());
+        if (poll(descriptors, std::size(descriptors), timeout) == -1)
             std::this_thread::sleep_for(std::chrono::milliseconds(cRetryInterval));
         if (isStopping)
             return;
         const bool mustCheck = retry || HasChange();
         retry = mustCheck && !Check();
+        if (mustWatchMutex.exchange(false))
+            mutexWatch.Begin();
+        mutexWatch.LookIfDue();
         // A check takes a few hundred bytes per task, which are not needed until the next one.
         if (mustCheck && !retry)
             malloc_trim(0);
@@ -129,7 +138,8 @@ int CTableGuard::PollTimeout() const {
 
 bool CTableGuard::HasChange() {
     eventfd_t ignored = 0;
-    if (eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted)
+    eventfd_read(wakeups.Get(), &ignored);
+    if (wereTasksDeleted)
         return true;
     if (isWatching)
         return ReadEvents();
@@ -165,6 +175,7 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
         saveCookie = cookie;
     if (name != cTable)
         return saves.replacedAll;
+    mutexWatch.Begin();
     if ((mask & IN_MODIFY) != 0) {
         isModified = true;
     } else if ((mask & IN_CLOSE_WRITE) != 0) {

@@ -11,6 +11,7 @@
 
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
+#include "host/recovery/CMutexWatch.h"
 #include "host/recovery/CSnapshots.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
@@ -42,6 +43,10 @@ public:
     // The add-in has emptied its list after a failure. Any thread may call it; does not block.
     void TasksDeleted();
 
+    // Has the store mutex watched, see CMutexWatch: a thread of this process waits for it. Any
+    // thread may call it; does not block.
+    void WatchMutex();
+
 private:
     struct TSaves {
         std::size_t count = 0;  // saves, each of which may have removed a task
@@ -71,6 +76,7 @@ private:
     std::atomic<bool> isStopping{false};
     std::atomic<bool> wereTasksDeleted{false};
     std::atomic<bool> isWorkerRunning{false};
+    std::atomic<bool> mustWatchMutex{false};
 
     // Of the thread that checks: the constructor's, then the guard's own.
     CDescriptor changes;  // inotify
@@ -82,6 +88,7 @@ private:
     // As bytes, which take less than half the memory of decoded tasks.
     std::shared_ptr<const std::string> lastValid;
     CSnapshots snapshots;
+    CMutexWatch mutexWatch;
     std::optional<std::string> lastDamaged;  // has been reported and quarantined
     std::string lastError;                   // has been logged; not again at every retry
     std::thread thread;

@@ -5,6 +5,7 @@
 #include <vxsched/Error.h>
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
+#include "store/StoreMutexState.h"
 
 std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds lockTimeout) {
     try {
@@ -23,7 +24,11 @@ std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds loc
 CStoreGate::CStoreGate(std::chrono::milliseconds lockTimeout)
     : writerLock(TakeWriterLock(lockTimeout)) {
     try {
-        mutex.emplace(lockTimeout);
+        // The load makes the set; a host that cannot load leaves none behind.
+        if (writerLock && vxsched::InspectStoreMutex())
+            mutex.emplace(lockTimeout, *writerLock);
+        else
+            mutex.emplace(lockTimeout);
     } catch (const vxsched::CError& error) {
         if (error.Code() != vxsched::EError::cBusy)
             throw CHostError(cNoStore, error.what());

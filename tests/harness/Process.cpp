@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -46,6 +48,23 @@ int CForkedChild::Wait() {
     const int result = Collect(process);
     process = -1;
     return result;
+}
+
+int RunInPidNamespace(const std::function<int()>& body) {
+    constexpr int cNotPermitted = 125;
+    CForkedChild outer([&] {
+        if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0)
+            return cNotPermitted;
+        CForkedChild first([&] {
+            if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                mount("proc", "/proc", "proc", 0, nullptr) != 0)
+                return cNotPermitted;
+            return body();
+        });
+        return first.Wait();
+    });
+    const int result = outer.Wait();
+    return result == cNotPermitted ? -1 : result;
 }
 
 CProgram::CProgram(const std::vector<std::string>& arguments) {

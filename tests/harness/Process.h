@@ -26,6 +26,11 @@ private:
     pid_t process;
 };
 
+// Runs `body` in a child that is process 1 of a PID namespace of its own, with a /proc that shows
+// that namespace: every process there may be inspected. Returns body's result as CForkedChild does,
+// or -1 where the system does not permit it.
+int RunInPidNamespace(const std::function<int()>& body);
+
 // A real program with its standard output and error in a pipe.
 class CProgram {
 public:

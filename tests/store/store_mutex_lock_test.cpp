@@ -56,6 +56,39 @@ TEST(ClientLock, ForgottenOneIsNotReleased) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+TEST(ClientLock, LoadOfAnotherProcessMeanwhileIsTheRelease) {
+    const int set = MakeStore(1);
+    {
+        const CStoreMutexLock lock(0ms);
+        semctl(set, 0, SETVAL, 1);
+    }
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+// The holder before the load releases the mutex while this process holds it, and ends after that.
+TEST(ClientLock, ReleaseOfAFormerHolderMeanwhileIsNotTakenForALoad) {
+    const int set = MakeStore(1);
+    CForkedChild former([&] {
+        sembuf take{0, -1, SEM_UNDO};
+        sembuf release{0, 1, SEM_UNDO};
+        semop(set, &take, 1);
+        WaitUntil([] { return std::filesystem::exists("release"); });
+        semop(set, &release, 1);
+        WaitUntil([] { return std::filesystem::exists("end"); });
+        return 0;
+    });
+    WaitUntil([] { return StoreSemaphoreValue() == 0; });
+    semctl(set, 0, SETVAL, 1);
+    {
+        const CStoreMutexLock lock(0ms);
+        WriteFile("release", "");
+        WaitUntil([] { return StoreSemaphoreValue() == 1; });
+    }
+    WriteFile("end", "");
+    former.Wait();
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
 TEST(ClientLock, BytesOfTheTableAreReadWithoutIt) {
     MakeStore(0);
     EXPECT_EQ(vxsched::ReadTableBytes("."), std::string(8, '\0'));

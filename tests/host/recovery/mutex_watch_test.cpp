@@ -1,0 +1,180 @@
+// The store mutex while a real host runs: a wedged one is set free, any other is left alone.
+
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "GuardedTable.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "Tool.h"
+#include "WedgedMutex.h"
+
+namespace fs = std::filesystem;
+
+static constexpr char cSetFree[] = "it is set free";
+
+// What a load of the add-in does to the table's file, as far as the host can see.
+static void OpenTheTable() {
+    WriteTable(ReadTable());
+}
+
+TEST(HostMutexWatch, MutexThatIsWedgedAfterALoadIsSetFreeAndLogged) {
+    Inspectable([] {
+        WriteTable(cThree);
+        CHost host;
+        Wedge();
+        OpenTheTable();
+        EXPECT_TRUE(host.WaitForOutput(cSetFree)) << host.Output();
+        WaitUntil([] { return StoreSemaphoreValue() == 1; });
+        WakeWorker();
+        WaitUntil(WorkerIsIdle);
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(host.CountInOutput(cSetFree), 1U) << host.Output();
+        EXPECT_EQ(ReadTable(), cThree);
+    });
+}
+
+TEST(HostMutexWatch, MutexThatTheWorkerWaitsForIsSetFree) {
+    Inspectable([] {
+        WriteTable(cThree);
+        CHost host;
+        Wedge();
+        WakeWorker();
+        EXPECT_TRUE(host.WaitForOutput(cSetFree)) << host.Output();
+        WaitUntil(WorkerIsIdle);
+        EXPECT_EQ(StoreSemaphoreValue(), 1);
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+TEST(HostMutexWatch, MutexThatLetsSeveralInIsSetToLetInOne) {
+    Inspectable([] {
+        WriteTable(cThree);
+        CHost host;
+        Change(semget(cStoreKey, 1, 0), 2, 0);
+        OpenTheTable();
+        EXPECT_TRUE(host.WaitForOutput("let 3 processes in at once")) << host.Output();
+        EXPECT_EQ(StoreSemaphoreValue(), 1);
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_FALSE(StoreSemaphoreExists());
+    });
+}
+
+TEST(HostMutexWatch, ProcessThatMayHoldItIsLoggedOnceAndItsEndHealsIt) {
+    Inspectable([] {
+        WriteTable(cThree);
+        CHost host;
+        {
+            const CProgram other(LoadAndSleep());
+            WaitUntil([] { return fs::exists("ready"); });
+            Wedge();
+            WakeWorker();
+            EXPECT_TRUE(host.WaitForOutput("the store mutex is not released: process " +
+                                           std::to_string(other.Id())))
+                << host.Output();
+            // Three more looks.
+            std::this_thread::sleep_for(std::chrono::seconds(3));
+            EXPECT_EQ(StoreSemaphoreValue(), 0);
+        }
+        EXPECT_TRUE(host.WaitForOutput(cSetFree)) << host.Output();
+        WaitUntil(WorkerIsIdle);
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(host.CountInOutput("the store mutex is not released"), 1U) << host.Output();
+    });
+}
+
+TEST(HostMutexWatch, LongTickIsNoWedge) {
+    Inspectable([] {
+        TRows rows;
+        for (const char* name : {"a", "b", "c"})
+            rows.push_back({name, cFar, 0, 24, PROGRAMS "/append-text", name, 0});
+        WriteTable(rows);
+        CHost host;
+        for (auto& row : rows)
+            row.next = std::time(nullptr);
+        ReplaceTable(rows);
+        WakeWorker();
+        WaitUntil([] { return fs::exists("c"); });
+        WaitUntil(WorkerIsIdle);
+        // The guard's check takes the mutex as well.
+        WaitUntil([] { return StoreSemaphoreValue() == 1; });
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(host.CountInOutput("store mutex"), 0U) << host.Output();
+    });
+}
+
+// ---- With vxsched -------------------------------------------------------------------------------
+
+TEST(WedgedMutex, IsSetFreeByAChangeThatWaitsForIt) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Wedge();
+        const TToolRun run = RunTool({"pause", "first"});
+        EXPECT_EQ(run.status, 0) << run.error;
+        EXPECT_EQ(ReadTable().at(0).paused, 1U);
+        EXPECT_EQ(StoreSemaphoreValue(), 1);
+    });
+}
+
+TEST(WedgedMutex, IsSetFreeByAChangeWhileAHostRuns) {
+    Inspectable([] {
+        WriteTable(cThree);
+        CHost host;
+        Wedge();
+        const TToolRun run = RunTool({"pause", "first"});
+        EXPECT_EQ(run.status, 0) << run.error;
+        EXPECT_EQ(ReadTable().at(0).paused, 1U);
+        WaitUntil(WorkerIsIdle);
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+TEST(WedgedMutex, IsSetFreeByARepair) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Wedge();
+        const TToolRun run = RunTool({"repair"});
+        EXPECT_EQ(run.status, 0) << run.error;
+        EXPECT_NE(run.output.find(cSetFree), std::string::npos) << run.output;
+        EXPECT_NE(run.output.find("nothing to repair"), std::string::npos) << run.output;
+        EXPECT_EQ(StoreSemaphoreValue(), 1);
+    });
+}
+
+TEST(WedgedMutex, OfWhichAProcessMayBeTheHolderIsReportedByARepair) {
+    Inspectable([] {
+        WriteTable(cThree);
+        MakeStoreMutex();
+        const CProgram other(LoadAndSleep());
+        WaitUntil([] { return fs::exists("ready"); });
+        Wedge();
+        const TToolRun run = RunTool({"--lock-timeout", "4", "repair"});
+        EXPECT_NE(run.status, 0);
+        EXPECT_NE(run.error.find("process " + std::to_string(other.Id())), std::string::npos)
+            << run.error;
+        EXPECT_EQ(StoreSemaphoreValue(), 0);
+    });
+}
+
+TEST(WedgedMutex, IsReportedByStatusWithTheRemedyAndLeftAlone) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Wedge();
+        EXPECT_NE(RunTool({"status"})
+                      .output.find("held by no process, and cannot be taken; run vxsched repair"),
+                  std::string::npos);
+        EXPECT_EQ(StoreSemaphoreValue(), 0);
+        const CProgram other(LoadAndSleep());
+        WaitUntil([] { return fs::exists("ready"); });
+        Wedge();
+        const std::string output = RunTool({"--lock-timeout", "0", "status"}).output;
+        EXPECT_NE(output.find("process " + std::to_string(other.Id())), std::string::npos)
+            << output;
+        EXPECT_EQ(StoreSemaphoreValue(), 0);
+    });
+}
