@@ -167,9 +167,10 @@ public:
 
 private:
     void Report(pid_t process, const TStat& stat, TPossibleHolder::EReason reason) {
-        if (!found || found->reason == TPossibleHolder::cUnreadable)
-            if (!found || reason != TPossibleHolder::cUnreadable)
-                found = TPossibleHolder{process, stat.name, reason};
+        const bool isBetter = !found || (found->reason == TPossibleHolder::cUnreadable &&
+                                         reason != TPossibleHolder::cUnreadable);
+        if (isBetter)
+            found = TPossibleHolder{process, stat.name, reason};
     }
 
     bool IsInThisNamespace(const fs::path& directory) const {
@@ -188,8 +189,11 @@ private:
         if (!stat || IsKernelThread(*stat) || !IsInThisNamespace(directory))
             return;
         const TContent maps = Read(directory / "maps");
-        if (IsForbidden(maps.error))
-            return HasEnded(*stat) ? void() : Report(process, *stat, TPossibleHolder::cUnreadable);
+        if (IsForbidden(maps.error)) {
+            if (!HasEnded(*stat))
+                Report(process, *stat, TPossibleHolder::cUnreadable);
+            return;
+        }
         EUser user = UserOf(maps.bytes);
         // A process that is ending has no memory any more, but its operations may not be undone
         // yet. Nor does it matter what program was the last to operate on the mutex.

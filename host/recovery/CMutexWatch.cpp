@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 #include <vxsched/Error.h>
 #include "host/CHostLog.h"
@@ -66,8 +67,9 @@ bool CMutexWatch::Heal() {
     if (!result.holder || result.isUsual)
         return true;
     const std::string reason = vxsched::Describe(*result.holder);
-    // A value above 1 keeps nobody waiting.
-    if (result.value == 0 && reason != lastReason)
+    // A process that just ran at one look is not worth a line. A value above 1 keeps nobody waiting.
+    const bool isLasting = reason == std::exchange(previousReason, reason);
+    if (result.value == 0 && isLasting && reason != lastReason)
         LogWarning(fmt::format("the store mutex is not released: {}", lastReason = reason));
     return result.value == 0;
 }

@@ -32,5 +32,6 @@ private:
 
     vxsched::CMutexHealer healer;
     std::optional<TClock::time_point> next;  // none: it rests
+    std::string previousReason;              // at the look before
     std::string lastReason;                  // has been logged; not again at every look
 };
