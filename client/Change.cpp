@@ -51,7 +51,7 @@ std::string Recover(const TStoreOptions& options) {
     const CWriterLock writerLock(options.directory, options.lockTimeout);
     const CStoreMutexLock mutexLock(options.lockTimeout);
     try {
-        DecodeTable(ReadBytes(TableFile(options.directory)), Now());
+        DecodeTable(ReadTableBytes(options.directory), Now());
         return "the table is valid";
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)

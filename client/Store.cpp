@@ -303,7 +303,7 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         // other processes from loading the add-in, which would set the mutex free.
         const CWriterLock writerLock(options.directory, options.lockTimeout);
         const CStoreMutexLock mutexLock(options.lockTimeout);
-        const std::string bytes = ReadBytes(TableFile(options.directory));
+        const std::string bytes = ReadTableBytes(options.directory);
         if (canReplace)
             canReplace(bytes);
         if (IsTable(bytes))

@@ -76,7 +76,7 @@ namespace {
 // Removes the copy, unless the table has changed: then the copy may be the only complete one.
 void RemoveCopy(const fs::path& quarantine, const fs::path& directory, std::string_view damaged) {
     try {
-        if (ReadBytes(TableFile(directory)) == damaged)
+        if (ReadTableBytes(directory) == damaged)
             unlink(quarantine.c_str());
     } catch (const CError&) {
         // The table cannot be compared: keep the copy.
@@ -120,7 +120,7 @@ fs::path ReplaceDamaged(const fs::path& directory, std::string_view damaged,
     try {
         return ReplaceKeepingCopy(directory, damaged, repaired);
     } catch (const CError&) {
-        if (ReadBytes(TableFile(directory)) != damaged)
+        if (ReadTableBytes(directory) != damaged)
             throw;
     }
     return ReplaceKeepingLink(directory, repaired);

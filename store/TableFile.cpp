@@ -12,6 +12,7 @@
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
+#include "base/RegularFile.h"
 
 namespace vxsched {
 
@@ -19,7 +20,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t cBlock = 1 << 16;
 // A hundred thousand tasks of ten thousand bytes each.
 constexpr std::uint64_t cMostBytes = std::uint64_t{1} << 30;
 
@@ -43,15 +43,6 @@ void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
         else if (errno != EINTR)
             throw SystemError("cannot write " + path.string(), errno);
     }
-}
-
-// Checked before memory is allocated for the file.
-void RequireSize(std::uint64_t size, const fs::path& file) {
-    if (size > cMostBytes)
-        throw CError(EError::cFailed,
-                     "cannot read " + file.string() + ": it has " + std::to_string(size) +
-                         " bytes, and no table has more than " + std::to_string(cMostBytes) +
-                         "; replace it by a valid table");
 }
 
 // The status of the table, or of its directory if there is no table.
@@ -83,7 +74,7 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
 
 // Overwrites the file in place. Its space is allocated first, so that a full disk changes nothing.
 void Overwrite(const fs::path& path, std::string_view bytes) {
-    const CDescriptor descriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    const CDescriptor descriptor = OpenRegularFile(path.c_str(), O_WRONLY);
     const auto size = static_cast<off_t>(bytes.size());
     struct stat former {};
     if (!descriptor.IsOpen() || fstat(descriptor.Get(), &former) == -1)
@@ -106,40 +97,26 @@ fs::path BackupFile(const fs::path& directory) {
 }
 
 std::string ReadBytes(const fs::path& file) {
-    const CDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!descriptor.IsOpen()) {
-        if (errno == ENOENT)
-            return std::string(8, '\0');
-        throw SystemError("cannot read " + file.string(), errno);
-    }
-    struct stat status {};
-    const bool hasSize = fstat(descriptor.Get(), &status) == 0 && S_ISREG(status.st_mode);
-    if (hasSize)
-        RequireSize(static_cast<std::uint64_t>(status.st_size), file);
-    // One byte more than the size, so that the first read() finds the end.
-    std::string bytes(hasSize ? static_cast<std::size_t>(status.st_size) + 1 : cBlock, '\0');
-    std::size_t length = 0;
-    ssize_t count = 0;
-    while ((count = read(descriptor.Get(), bytes.data() + length, bytes.size() - length)) != 0) {
-        if (count == -1 && errno != EINTR)
-            throw SystemError("cannot read " + file.string(), errno);
-        length += count > 0 ? static_cast<std::size_t>(count) : 0;
-        RequireSize(length, file);
-        if (length == bytes.size())
-            bytes.resize(length + cBlock);
-    }
-    bytes.resize(length);
-    return bytes;
+    std::string bytes;
+    if (ReadRegularFile(file.string(), cMostBytes, bytes))
+        return bytes;
+    const int error = errno;
+    if (error == ENOENT)
+        return std::string(8, '\0');
+    const std::string failure = "cannot read " + file.string();
+    if (error == cNotAFile)
+        throw CError(EError::cFailed, failure + ": it is not a file; put one in its place");
+    std::error_code ignored;
+    if (error == EFBIG)
+        throw CError(EError::cFailed,
+                     failure + ": it has " + std::to_string(fs::file_size(file, ignored)) +
+                         " bytes, and no table has more than " + std::to_string(cMostBytes) +
+                         "; replace it by a valid table");
+    throw SystemError(failure, error);
 }
 
 std::string ReadTableBytes(const fs::path& directory) {
-    const fs::path file = TableFile(directory);
-    // Opening a FIFO would wait for a writer, without limit and with the store mutex held.
-    std::error_code ignored;
-    if (fs::is_other(file, ignored))
-        throw CError(EError::cFailed,
-                     "cannot read " + file.string() + ": it is not a file; move it away");
-    return ReadBytes(file);
+    return ReadBytes(TableFile(directory));
 }
 
 std::string TableState(const fs::path& directory) {

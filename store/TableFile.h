@@ -8,8 +8,8 @@ namespace vxsched {
 
 // The table's file and its backup, as bytes. The caller holds the store mutex; a client that
 // writes, and a host that starts up, holds the writer lock as well, taken first. The paths and
-// TableState() need no lock. The functions block for disk access only, apart from ReadBytes() of a
-// FIFO. Writes are not flushed to the disk (no fsync).
+// TableState() need no lock. The functions block for disk access only, whatever is in place of the
+// table: what is no regular file is refused. Writes are not flushed to the disk (no fsync).
 
 // The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
@@ -18,14 +18,14 @@ std::filesystem::path TableFile(const std::filesystem::path& directory);
 // change.
 std::filesystem::path BackupFile(const std::filesystem::path& directory);
 
-// The bytes of a file; those of an empty table (8 zero bytes) if there is none. Throws CError
-// (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table.
+// Reads the bytes of a table's file, also damaged ones: the only reader of a table without the
+// add-in. A missing file, also one that a link leads to, is an empty table (8 zero bytes). Throws
+// CError (cNoAccess, cFailed) if the file cannot be read, is larger than 1 GiB, more than any
+// table, or is a directory, a FIFO, a socket or a device.
 std::string ReadBytes(const std::filesystem::path& file);
 
-// Reads the bytes of a directory's table, also damaged ones. Takes no lock: the caller holds the
-// store mutex, or runs as part of the tick that holds it. Does not block, not even on a FIFO in
-// place of the file. A missing file is an empty table (8 zero bytes). Throws CError (cNoAccess,
-// cFailed) if the file cannot be read, is larger than 1 GiB, or is a FIFO or a device.
+// ReadBytes() of a directory's table. Takes no lock: the caller holds the store mutex, or runs as
+// part of the tick that holds it.
 std::string ReadTableBytes(const std::filesystem::path& directory);
 
 // A string that differs after each change of the table's file, made of its change time, inode and

@@ -6,7 +6,7 @@
 // reader sees the old table or the new one.
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
-// succeeds.
+// succeeds. A FIFO or a device in place of the table is such a failure.
 
 #include "store/TableSaves.h"
 
@@ -26,6 +26,7 @@
 #include <system_error>
 
 #include "base/DynamicSymbols.h"
+#include "base/RegularFile.h"
 
 namespace vxsched {
 
@@ -99,6 +100,12 @@ int OpenTemporary(int flags, mode_t mode) {
     return -1;
 }
 
+// Opens the table itself. A FIFO or a device in its place is refused: the add-in would wait for its
+// other end, or lose its tasks in it, with the store mutex held.
+int OpenTable(int flags, mode_t mode) {
+    return OpenRegularFile(cTable, flags, mode).Release();
+}
+
 int OpenToSave(int flags, mode_t mode) {
     if (gHasReadFailed)
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -106,14 +113,14 @@ int OpenToSave(int flags, mode_t mode) {
         return cVXC_OpenAsUsual;
     const int descriptor = OpenTemporary(flags, mode);
     if (descriptor == -1)
-        return cVXC_OpenAsUsual;
+        return OpenTable(flags, mode);
     gTemporary = descriptor;
     return descriptor;
 }
 
 // A missing table is not a failed read: there is nothing to lose.
 int OpenToRead(int flags, mode_t mode) {
-    const int descriptor = open(cTable, flags, mode);
+    const int descriptor = OpenTable(flags, mode);
     if (descriptor == -1 && errno == EINTR)
         return descriptor;  // COpen tries again
     if (descriptor == -1 && errno != ENOENT)
@@ -145,6 +152,8 @@ int CloseSave(int descriptor, bool isComplete) {
     return result;
 }
 
+// If the close of a table that was rewritten in place fails, the add-in empties its list: that must
+// not be saved either.
 int CloseFile(int descriptor, bool isComplete) {
     if (descriptor == gTemporary)
         return CloseSave(descriptor, isComplete);

@@ -16,7 +16,7 @@ namespace {
 
 std::string TableBytes(const TCommon& common) {
     const CStoreMutexLock lock(common.store.lockTimeout);
-    return ReadBytes(TableFile(common.store.directory));
+    return ReadTableBytes(common.store.directory);
 }
 
 }  // namespace

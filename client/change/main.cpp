@@ -76,7 +76,7 @@ std::optional<TRequest> ReadRequest() {
 // kernel releases the mutex at the end of this process.
 std::optional<CAddIn> Load(TRequest& request) {
     CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
-    const std::string bytes = ReadBytes(TableFile("."));
+    const std::string bytes = ReadTableBytes(".");
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
         SendMessage(cMessageDue, due->name);
@@ -145,7 +145,7 @@ void Make(const CAddIn& addIn, const TCall& call) {
 std::string ReadBack(const TRequest& request) {
     try {
         const CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
-        return ReadBytes(TableFile("."));
+        return ReadTableBytes(".");
     } catch (const CError& error) {
         throw CError(EError::cFailed,
                      std::string("the change was made but could not be verified: ") + error.what());

@@ -106,6 +106,55 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     EXPECT_EQ(ReadFile(quarantined.substr(0, quarantined.find('\n'))), damaged);
 }
 
+// Each command that uses the table, with the exit status of a system call that failed. `first` is a
+// name of a task.
+static const std::vector<std::vector<std::string>> cTableCommands = {
+    {"list"},
+    {"show", "first"},
+    {"next"},
+    {"check"},
+    {"check", cTable},
+    {"export"},
+    {"create", "a", "--at", "in 1h", "--", cRecorder},
+    {"edit", "first", "--every", "6h"},
+    {"remove", "first"},
+    {"pause", "first"},
+    {"resume", "first"},
+    {"period", "first", "6h"},
+    {"run", "first", "--force"},
+    {"import", "--replace", "import"},
+    {"repair", "--dry-run"},
+    {"repair"}};
+
+static void ExpectCommandsToRefuseTheTable(const std::string& reason) {
+    WriteFile("import", R"({"version": 1, "tasks": []})");
+    for (const std::vector<std::string>& command : cTableCommands) {
+        const TToolRun run = RunTool(command);
+        EXPECT_EQ(run.status, 1) << command.front();
+        EXPECT_THAT(run.error, HasSubstr("files/scheduler.dat: " + reason)) << command.front();
+        EXPECT_EQ(run.output, "") << command.front();
+    }
+    EXPECT_THAT(RunTool({"status"}).output, HasSubstr("files/scheduler.dat: " + reason));
+    EXPECT_FALSE(fs::exists("files/scheduler.dat.before"));
+}
+
+// A command that waited for the other end would keep the store mutex.
+TEST_F(Cli, PipeInPlaceOfTheTableIsRefusedByEveryCommand) {
+    ASSERT_EQ(mkfifo(cTable, 0644), 0);
+    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+    EXPECT_TRUE(fs::is_fifo(cTable));
+}
+
+TEST_F(Cli, DeviceInPlaceOfTheTableIsRefusedByEveryCommand) {
+    fs::create_symlink("/dev/zero", cTable);
+    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+}
+
+TEST_F(Cli, DirectoryInPlaceOfTheTableIsRefusedByEveryCommand) {
+    fs::create_directory(cTable);
+    ExpectCommandsToRefuseTheTable("Is a directory");
+}
+
 TEST_F(Cli, RepairTakesLostTasksFromTheBackup) {
     for (const char* const name : {"a", "b", "c"})
         Output({"create", name, "--at", "in 1h", "--", cRecorder});

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
@@ -53,6 +54,13 @@ TEST_F(ClientStore, MissingAddInIsReportedAndReleasesTheMutex) {
         EXPECT_NE(message.find("no-add-in.so"), std::string::npos) << message;
     });
     EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST_F(ClientStore, NoTableReplacesAPipe) {
+    ASSERT_EQ(mkfifo(cTable, 0644), 0);
+    ErrorOf(EError::cFailed, [&] { store.ReplaceAll({}); });
+    EXPECT_TRUE(fs::is_fifo(cTable));
+    EXPECT_FALSE(fs::exists("files/scheduler.dat.before"));
 }
 
 // ---- While others are running -----------------------------------------------------------------

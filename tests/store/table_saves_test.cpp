@@ -83,3 +83,19 @@ TEST(TableSaves, OfATableWithTwoHardLinksAreMadeInPlace) {
     EXPECT_EQ(StepsOf({"save"}), "save ok\n");
     EXPECT_EQ(ReadFile("another name"), "saved");
 }
+
+// A read or a save would wait for its other end without limit, with the store mutex held.
+TEST(TableSaves, PipeInPlaceOfTheTableIsNeitherReadNorWritten) {
+    EXPECT_EQ(StepsOf({"pipe", "stat", "read", "save"}),
+              "pipe ok\nstat ok\nread failed\nsave ok\n");
+    EXPECT_TRUE(std::filesystem::is_fifo(cTable));
+    std::filesystem::remove_all("files");
+    EXPECT_EQ(StepsOf({"pipe", "save"}), "pipe ok\nsave failed\n");
+    EXPECT_TRUE(std::filesystem::is_fifo(cTable));
+}
+
+TEST(TableSaves, AreMadeAgainAfterAPipeWasMovedAway) {
+    EXPECT_EQ(StepsOf({"pipe", "read", "directory", "stat", "save"}),
+              "pipe ok\nread failed\ndirectory ok\nstat failed\nsave ok\n");
+    EXPECT_EQ(ReadFile(cTable), "saved");
+}

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
@@ -195,6 +196,31 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoLaunch) {
     WaitUntil(WorkerIsIdle);
     EXPECT_EQ(RunTool({"wake"}).status, 0);
     WaitUntil([] { return fs::exists("log") && !ReadFile("log").empty(); });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n") << "it was launched once";
+}
+
+// The table is larger than what a pipe holds: a save into it would never end.
+TEST(HostGuard, TickDoesNotSaveIntoAPipe) {
+    TRows rows = {{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("large")};
+    rows[1].parameters = std::string(200'000, 'p');
+    WriteTable(rows);
+    CHost host;
+    const TRows due = StartTheOnlyTask();
+    fs::create_hard_link(cTable, "former");
+    ASSERT_EQ(mkfifo("pipe", 0644), 0);
+    fs::rename("pipe", cTable);
+    EXPECT_TRUE(
+        host.WaitForOutput("cannot check the table: cannot read ./files/scheduler.dat: it "
+                           "is not a file"))
+        << host.Output();
+    WaitUntil(WorkerIsIdle);
+    EXPECT_TRUE(fs::is_fifo(cTable));
+    fs::rename("former", cTable);
+    WaitUntil([&] { return vxsched::ReadTable(".", 10s).Find("due")->last != vxsched::TTime(); });
+    const TRows after = ReadTable();
+    EXPECT_EQ(after.at(0).next, due.at(0).next + 24 * 3600);
+    EXPECT_EQ(after.at(1), rows[1]);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadFile("log"), "log\n") << "it was launched once";
 }
