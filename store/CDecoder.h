@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
+#include "store/EntryFields.h"
 
 namespace vxsched {
 
@@ -44,13 +45,7 @@ public:
     // in the file: any value but 0 means paused.
     TTaskEntry TakeTask(std::size_t number, std::uint32_t& flag) {
         TTaskEntry task;
-        task.name = TakeString("the length of the name", number);
-        task.next = TakeTime("the next due time", number);
-        task.last = TakeTime("the last launch", number);
-        task.period = Take<std::uint32_t>("the period", number);
-        task.program = TakeString("the length of the program", number);
-        task.parameter = TakeString("the length of the parameter", number);
-        flag = Take<std::uint32_t>("the pause flag", number);
+        TransferFields(task, flag, TFieldTaker{*this, number});
         task.paused = flag != 0;
         return task;
     }
@@ -66,9 +61,21 @@ public:
     }
 
 private:
-    TTime TakeTime(const char* what, std::size_t task) {
-        return TTime(std::chrono::seconds(Take<std::int64_t>(what, task)));
-    }
+    // Takes a field as its type demands.
+    struct TFieldTaker {
+        CDecoder& decoder;
+        std::size_t task;
+
+        void operator()(const TField<std::string>& field) const {
+            field.value = decoder.TakeString(field.what, task);
+        }
+        void operator()(const TField<TTime>& field) const {
+            field.value = TTime(std::chrono::seconds(decoder.Take<std::int64_t>(field.what, task)));
+        }
+        void operator()(const TField<std::uint32_t>& field) const {
+            field.value = decoder.Take<std::uint32_t>(field.what, task);
+        }
+    };
 
     // `what` names the length, which comes before the bytes.
     std::string TakeString(const char* what, std::size_t task) {

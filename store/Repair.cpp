@@ -55,7 +55,7 @@ std::optional<TFound> TaskAt(std::string_view bytes, std::size_t offset, bool mu
     }
 }
 
-// A cheap check that rules most offsets out.
+// A cheap check that rules most offsets out: a task begins with the length of its name.
 bool MayBeginName(std::string_view bytes, std::size_t offset) {
     std::uint32_t length = 0;
     std::memcpy(&length, bytes.data() + offset, sizeof length);

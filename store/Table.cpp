@@ -8,6 +8,7 @@
 #include <vxsched/Error.h>
 #include "store/CDecoder.h"
 #include "store/CStoreMutexLock.h"
+#include "store/EntryFields.h"
 #include "store/Grid.h"
 #include "store/TableFile.h"
 
@@ -87,10 +88,19 @@ void Put(std::string& bytes, const Value& value) {
     bytes.append(raw, sizeof raw);
 }
 
-void PutString(std::string& bytes, const std::string& string) {
-    Put(bytes, static_cast<std::uint32_t>(string.size()));
-    bytes += string;
-}
+// Appends a field as its type demands.
+struct TFieldPutter {
+    std::string& bytes;
+
+    void operator()(const TField<const std::string>& field) const {
+        Put(bytes, static_cast<std::uint32_t>(field.value.size()));
+        bytes += field.value;
+    }
+    void operator()(const TField<const TTime>& field) const {
+        Put(bytes, std::int64_t{field.value.time_since_epoch().count()});
+    }
+    void operator()(const TField<const std::uint32_t>& field) const { Put(bytes, field.value); }
+};
 
 }  // namespace
 
@@ -98,13 +108,8 @@ std::string EncodeTable(const std::vector<TTaskEntry>& tasks) {
     std::string bytes;
     Put(bytes, std::uint64_t{tasks.size()});
     for (const TTaskEntry& task : tasks) {
-        PutString(bytes, task.name);
-        Put(bytes, std::int64_t{task.next.time_since_epoch().count()});
-        Put(bytes, std::int64_t{task.last.time_since_epoch().count()});
-        Put(bytes, task.period);
-        PutString(bytes, task.program);
-        PutString(bytes, task.parameter);
-        Put(bytes, std::uint32_t{task.paused});
+        const std::uint32_t flag = task.paused ? 1 : 0;
+        TransferFields(task, flag, TFieldPutter{bytes});
     }
     return bytes;
 }

@@ -25,7 +25,7 @@ ARROWS = {
     "addin": set(),
     "scheduler": {"sync", "addin"},
     "base": set(),
-    "store": STORE,
+    "store": STORE | {"scheduler"},
     "runs": RUNS,
     "calendar": STORE | {"store"},
     "interpose": {"base"},
