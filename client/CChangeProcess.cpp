@@ -13,6 +13,7 @@
 
 #include <vxsched/Error.h>
 #include "base/Spawn.h"
+#include "base/WriteAll.h"
 #include "client/Fields.h"
 #include "client/LibraryDirectory.h"
 
@@ -45,7 +46,8 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     }
     std::string bytes;
     PutField(bytes, Encode(request));
-    Send(bytes);
+    // If the process has ended, Next() reports that.
+    SendAll(socket, bytes);
     shutdown(socket, SHUT_WR);
 }
 
@@ -59,18 +61,6 @@ CChangeProcess::~CChangeProcess() {
 
 void CChangeProcess::Kill() const {
     kill(process, SIGKILL);
-}
-
-void CChangeProcess::Send(const std::string& bytes) const {
-    std::string_view unsent = bytes;
-    while (!unsent.empty()) {
-        const ssize_t count = send(socket, unsent.data(), unsent.size(), MSG_NOSIGNAL);
-        if (count == -1 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return;  // it has ended; the next read() reports that
-        unsent.remove_prefix(static_cast<std::size_t>(count));
-    }
 }
 
 std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> limit) {

@@ -34,8 +34,6 @@ public:
     std::string WaitForEnd();
 
 private:
-    void Send(const std::string& bytes) const;
-
     int socket = -1;
     pid_t process = -1;
     std::string received;

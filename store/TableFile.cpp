@@ -13,6 +13,7 @@
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
 #include "base/RegularFile.h"
+#include "base/WriteAll.h"
 
 namespace vxsched {
 
@@ -35,14 +36,9 @@ private:
     const fs::path path;
 };
 
-void WriteAll(int descriptor, std::string_view bytes, const fs::path& path) {
-    while (!bytes.empty()) {
-        const ssize_t count = write(descriptor, bytes.data(), bytes.size());
-        if (count > 0)
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        else if (errno != EINTR)
-            throw SystemError("cannot write " + path.string(), errno);
-    }
+void Write(int descriptor, std::string_view bytes, const fs::path& path) {
+    if (!WriteAll(descriptor, bytes))
+        throw SystemError("cannot write " + path.string(), errno);
 }
 
 // The status of the table, or of its directory if there is no table.
@@ -63,7 +59,7 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
     if (!descriptor.IsOpen())
         throw SystemError("cannot write " + fresh.string(), errno);
     const CTemporary temporary(fresh);
-    WriteAll(descriptor.Get(), bytes, fresh);
+    Write(descriptor.Get(), bytes, fresh);
     if (like && fchown(descriptor.Get(), like->st_uid, like->st_gid) == -1 && keepOwner)
         throw SystemError("cannot keep the owner of " + target.string(), errno);
     // Where `like` is a directory, only its owner is taken over.
@@ -81,7 +77,7 @@ void Overwrite(const fs::path& path, std::string_view bytes) {
         throw SystemError("cannot write " + path.string(), errno);
     if (size > former.st_size && fallocate(descriptor.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
         throw SystemError("cannot allocate space for " + path.string(), errno);
-    WriteAll(descriptor.Get(), bytes, path);
+    Write(descriptor.Get(), bytes, path);
     if (ftruncate(descriptor.Get(), size) == -1)
         throw SystemError("cannot truncate " + path.string(), errno);
 }

@@ -5,7 +5,6 @@
 #include <VXC_Log.h>
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
 #include "client/Request.h"
@@ -42,15 +42,7 @@ void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
     PutField(bytes, content);
-    std::string_view unsent = bytes;
-    while (!unsent.empty()) {
-        const ssize_t count = send(gClient, unsent.data(), unsent.size(), MSG_NOSIGNAL);
-        if (count == -1 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return;
-        unsent.remove_prefix(static_cast<std::size_t>(count));
-    }
+    SendAll(gClient, bytes);
 }
 
 // Reads the request; empty if the client ended before it had sent all of it.

@@ -12,6 +12,7 @@
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
+#include "base/WriteAll.h"
 #include "store/TableFile.h"
 #include "store/TimestampedFiles.h"
 
@@ -27,12 +28,8 @@ static void Write(const fs::path& path, const std::string& bytes) {
     const CDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!file.IsOpen())
         throw Failure("create", path);
-    for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t count = write(file.Get(), bytes.data() + done, bytes.size() - done);
-        if (count == -1 && errno != EINTR)
-            throw Failure("write", path);
-        done += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
+    if (!WriteAll(file.Get(), bytes))
+        throw Failure("write", path);
     if (fsync(file.Get()) == -1)
         throw Failure("sync", path);
 }
