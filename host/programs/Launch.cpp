@@ -17,6 +17,7 @@
 
 #include "base/Spawn.h"
 #include "host/CHostLog.h"
+#include "host/TaskFileName.h"
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/LaunchedTask.h"
@@ -114,7 +115,7 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     if (result == 0) {
         run.process = *process;
         if (run.task && run.due)
-            RememberLaunch({.task = LaunchRecordName(*run.task),
+            RememberLaunch({.task = FileNameOf(*run.task),
                             .due = *run.due,
                             .launched = std::chrono::floor<std::chrono::seconds>(*run.started)});
         CLaunchedPrograms::Instance().Launched(run);

@@ -1,6 +1,5 @@
 #include "host/recovery/LaunchRecords.h"
 
-#include <VXC_CRC32.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 
 #include <vxsched/Error.h>
 #include "host/CHostLog.h"
+#include "host/TaskFileName.h"
 #include "store/Grid.h"
 
 namespace fs = std::filesystem;
@@ -24,23 +24,9 @@ using vxsched::TTaskEntry;
 using vxsched::TTime;
 
 static constexpr char cDirectory[] = "files/started";
-static constexpr std::size_t cLongestName = 200;
-
-std::string LaunchRecordName(const std::string& task) {
-    std::string name;
-    for (const char byte : task) {
-        const auto value = static_cast<unsigned char>(byte);
-        const bool isPlain = (value >= '0' && value <= '9') || (value >= 'a' && value <= 'z') ||
-                             (value >= 'A' && value <= 'Z');
-        name += isPlain ? std::string(1, byte) : fmt::format("%{:02x}", value);
-    }
-    if (name.size() > cLongestName)
-        name = fmt::format("{}%{:08x}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
-    return name;
-}
 
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
-    return due == time && task == LaunchRecordName(name);
+    return due == time && task == FileNameOf(name);
 }
 
 bool MakeLaunchRecordDirectory() {
@@ -58,7 +44,7 @@ static std::string PathOf(const std::string& name, TTime due) {
 }
 
 std::string LaunchRecordPath(const std::string& task, TTime due) {
-    return PathOf(LaunchRecordName(task), due);
+    return PathOf(FileNameOf(task), due);
 }
 
 static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
