@@ -14,6 +14,7 @@
 #include "client/LibraryDirectory.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
+#include "store/Layout.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -34,7 +35,7 @@ constexpr int cMostTimeouts = 10;
 TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls) {
     std::error_code error;
     return {std::filesystem::absolute(options.directory, error).string(),
-            options.addIn.empty() ? LibraryDirectory() + "/libVantrixScheduler.so"
+            options.addIn.empty() ? LibraryDirectory() + '/' + cAddInFile
                                   : std::filesystem::absolute(options.addIn, error).string(),
             options.lockTimeout.count(), options.evenIfDue, calls};
 }

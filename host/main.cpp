@@ -36,7 +36,7 @@
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
 #include "runs/CRunHistory.h"
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 #include "store/TableSaves.h"
 
 // Opens /dev/null as those of descriptors 0 to 2 that the parent left closed. Otherwise the next
@@ -121,7 +121,7 @@ static void RequireAddIn(const std::string& path) {
 
 static std::unique_ptr<CEvent> OpenStopEvent() {
     try {
-        return std::make_unique<CEvent>(cStopEventName, false);
+        return std::make_unique<CEvent>(vxsched::cStopEventName, false);
     } catch (const std::system_error& error) {
         throw CHostError(cNoStore, fmt::format("cannot {}. Run vxschedd as the owner of the "
                                                "semaphores that ipcs -s lists.",

@@ -11,6 +11,7 @@
 
 #include <vxsched/Error.h>
 #include "base/RegularFile.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
@@ -81,7 +82,7 @@ THistory ReadHistory(const std::string& directory, const std::optional<std::stri
     if (task)
         recorded = AsRecorded(*task);
     THistory history;
-    for (const TFile& file : ReadFiles(fs::path(directory) / "files" / "history.jsonl"))
+    for (const TFile& file : ReadFiles(fs::path(directory) / cHistoryFile))
         ReadLines(file, recorded, history);
     return history;
 }

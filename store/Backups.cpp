@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <vxsched/Error.h>
+#include "store/Layout.h"
 #include "store/TableFile.h"
 #include "store/TimestampedFiles.h"
 
@@ -19,7 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::string_view cQuarantine = "scheduler.dat.damaged-";
+constexpr std::string_view cQuarantine = cQuarantinePrefix;
 constexpr std::size_t cMostQuarantined = 24;
 
 // Newest first. Snapshots are ordered by their names, which stay in order when the clock is set
@@ -28,7 +29,7 @@ std::vector<fs::path> FindCandidates(const fs::path& directory) {
     std::vector<fs::path> candidates;
     std::error_code error;
     for (const TTimestampedFile& snapshot :
-         FindTimestamped(directory / "files" / "snapshots", "scheduler.dat.")) {
+         FindTimestamped(directory / cSnapshotDirectory, cSnapshotPrefix)) {
         if (fs::is_regular_file(snapshot.path, error))
             candidates.insert(candidates.begin(), snapshot.path);
     }
@@ -44,7 +45,7 @@ std::vector<fs::path> FindCandidates(const fs::path& directory) {
 }
 
 fs::path NextQuarantineFile(const fs::path& directory) {
-    const fs::path files = directory / "files";
+    const fs::path files = directory / cFilesDirectory;
     const TFileTimestamp name = NextTimestamp(FindTimestamped(files, cQuarantine), Now());
     return files / (std::string(cQuarantine) + std::to_string(name.time) +
                     (name.number > 0 ? '-' + std::to_string(name.number) : ""));

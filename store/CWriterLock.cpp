@@ -8,6 +8,7 @@
 #include <thread>
 
 #include <vxsched/Error.h>
+#include "store/Layout.h"
 
 namespace vxsched {
 
@@ -16,7 +17,7 @@ static constexpr std::chrono::milliseconds cPause(5);
 
 CWriterLock::CWriterLock(const std::filesystem::path& directory,
                          std::chrono::milliseconds lockTimeout) {
-    const std::filesystem::path files = directory / "files";
+    const std::filesystem::path files = directory / cFilesDirectory;
     descriptor = open(files.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor == -1 && (errno == ENOENT || errno == ENOTDIR))
         throw CError(EError::cFailed,

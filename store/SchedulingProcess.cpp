@@ -11,16 +11,13 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr char cLibraryFile[] = "libVantrixScheduler.so";  // as its path ends in /proc/PID/maps
-constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07D710576930";
 
 fs::path DirectoryOf(pid_t process) {
     return fs::path("/proc") / std::to_string(process);
@@ -70,7 +67,7 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
 bool MapsAddIn(pid_t process) {
     std::ifstream maps(DirectoryOf(process) / "maps");
     for (std::string line; std::getline(maps, line);) {
-        if (line.ends_with(cLibraryFile))
+        if (line.ends_with(cAddInFile))
             return true;
     }
     return false;
@@ -117,7 +114,7 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
     struct stat status {};
     if (stat(directory.c_str(), &status) != 0)
         return {};
-    std::optional<pid_t> process = LockHolder(directory / "files" / "vxschedd.lock", status);
+    std::optional<pid_t> process = LockHolder(directory / cLockFile, status);
     if (!process)
         process = FindHostIn(status);
     if (!process)
@@ -130,7 +127,7 @@ void WakeSchedulingProcess() {
 }
 
 void AnnounceChange() {
-    Signal(cTaskChanged, true);
+    Signal(cTaskChangedEventName, true);
 }
 
 }  // namespace vxsched

@@ -14,6 +14,7 @@
 #include "base/CDescriptor.h"
 #include "base/RegularFile.h"
 #include "base/WriteAll.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
@@ -53,7 +54,7 @@ std::optional<struct stat> StatusOf(const fs::path& table) {
 // `keepOwner` it fails if it may not give the file to that owner.
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
              bool keepOwner) {
-    const fs::path fresh = target.string() + ".new-" + std::to_string(getpid());
+    const fs::path fresh = target.string() + cReplacementSuffix + std::to_string(getpid());
     const CDescriptor descriptor(
         open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!descriptor.IsOpen())
@@ -85,11 +86,11 @@ void Overwrite(const fs::path& path, std::string_view bytes) {
 }  // namespace
 
 fs::path TableFile(const fs::path& directory) {
-    return directory / "files" / "scheduler.dat";
+    return directory / cTableFile;
 }
 
 fs::path BackupFile(const fs::path& directory) {
-    return directory / "files" / "scheduler.dat.before";
+    return directory / cBackupFile;
 }
 
 std::string ReadBytes(const fs::path& file) {
@@ -144,11 +145,11 @@ void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& 
 
 void RemoveLeftovers(const fs::path& directory) {
     std::error_code error;
-    for (fs::directory_iterator entry(directory / "files", error);
+    for (fs::directory_iterator entry(directory / cFilesDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const std::string name = entry->path().filename().string();
-        if (name.starts_with("scheduler.dat") &&
-            (name.find(".new-") != std::string::npos || name.find(".save-") != std::string::npos))
+        if (name.starts_with(cTableName) && (name.find(cReplacementSuffix) != std::string::npos ||
+                                             name.find(cSaveSuffix) != std::string::npos))
             unlink(entry->path().c_str());
     }
 }

@@ -27,16 +27,18 @@
 
 #include "base/DynamicSymbols.h"
 #include "base/RegularFile.h"
+#include "scheduler/TaskFields.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
 namespace {
 
-// The add-in's spelling of the path; the program itself uses others.
-constexpr char cTable[] = "files/scheduler.dat";
+// The hook gets the path as the add-in spells it.
+static_assert(std::string_view(cTableFile) == cTaskFile);
 
 bool IsTable(const char* path) {
-    return std::strcmp(path, cTable) == 0;
+    return std::strcmp(path, cTableFile) == 0;
 }
 
 // The temporary file of the save in progress. There is at most one, since the store mutex is held
@@ -58,7 +60,8 @@ void ReadFailed(int error) {
 class CTemporaryPath {
 public:
     CTemporaryPath() {
-        std::snprintf(path, sizeof path, "%s.save-%d", cTable, static_cast<int>(getpid()));
+        std::snprintf(path, sizeof path, "%s%s%d", cTableFile, cSaveSuffix,
+                      static_cast<int>(getpid()));
     }
     operator const char*() const { return path; }
 
@@ -77,7 +80,7 @@ int Close(int descriptor) {
 // replace the link.
 bool CopyPermissions(int descriptor, mode_t mode) {
     struct stat status {};
-    if (lstat(cTable, &status) == -1)
+    if (lstat(cTableFile, &status) == -1)
         return errno == ENOENT && fchmod(descriptor, mode & 0777) == 0;
     return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
            fchown(descriptor, status.st_uid, status.st_gid) == 0 &&
@@ -87,7 +90,7 @@ bool CopyPermissions(int descriptor, mode_t mode) {
 // Opens the temporary file; -1 if the table has to be rewritten in place.
 int OpenTemporary(int flags, mode_t mode) {
     // A table that this process may not write must not be replaced either.
-    if (access(cTable, W_OK) == -1 && errno != ENOENT)
+    if (access(cTableFile, W_OK) == -1 && errno != ENOENT)
         return -1;
     const CTemporaryPath path;
     const int descriptor = open(path, flags | O_CREAT | O_NOFOLLOW, mode);
@@ -103,7 +106,7 @@ int OpenTemporary(int flags, mode_t mode) {
 // Opens the table itself. A FIFO or a device in its place is refused: the add-in would wait for its
 // other end, or lose its tasks in it, with the store mutex held.
 int OpenTable(int flags, mode_t mode) {
-    return OpenRegularFile(cTable, flags, mode).Release();
+    return OpenRegularFile(cTableFile, flags, mode).Release();
 }
 
 int OpenToSave(int flags, mode_t mode) {
@@ -143,7 +146,7 @@ int CloseSave(int descriptor, bool isComplete) {
     const CTemporaryPath path;
     int result = Close(descriptor);
     if (result == 0 && isComplete)
-        result = rename(path, cTable);
+        result = rename(path, cTableFile);
     if (result != 0 || !isComplete) {
         const int error = errno;
         unlink(path);

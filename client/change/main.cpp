@@ -15,6 +15,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/Quoted.h"
 #include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
@@ -25,6 +26,7 @@
 #include "interpose/FileStatus.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
+#include "store/Layout.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
@@ -158,10 +160,11 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
 // the superuser.
 void BecomeOwner() {
     struct stat status {};
-    if (geteuid() != 0 || stat("files", &status) == -1 || status.st_uid == 0)
+    if (geteuid() != 0 || stat(cFilesDirectory, &status) == -1 || status.st_uid == 0)
         return;
     if (setgroups(0, nullptr) == -1 || setgid(status.st_gid) == -1 || setuid(status.st_uid) == -1)
-        throw SystemError("cannot become the owner of the directory \"files\"", errno);
+        throw SystemError("cannot become the owner of the directory " + Quoted(cFilesDirectory),
+                          errno);
 }
 
 void RequireSavesInOneStep(const std::string& addIn) {

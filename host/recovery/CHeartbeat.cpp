@@ -11,10 +11,10 @@
 #include <limits>
 
 #include "host/CHostLog.h"
+#include "store/Layout.h"
 
 namespace {
 
-constexpr char cFile[] = "files/started/alive";
 constexpr std::chrono::seconds cTickInterval(60);
 
 // `since` of a file in which no host has begun its uptime; it is after every `last`.
@@ -36,7 +36,7 @@ bool Write(int descriptor, const TContent& content) {
 
 }  // namespace
 
-CHeartbeat::CHeartbeat() : file(open(cFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+CHeartbeat::CHeartbeat() : file(open(vxsched::cHeartbeatFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     TContent content;
     if (pread(file.Get(), &content, sizeof content, 0) == sizeof content)
         previous =
@@ -47,7 +47,7 @@ CHeartbeat::CHeartbeat() : file(open(cFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644))
         LogWarning(
             fmt::format("cannot write to {}: {}. If this host is killed, tasks that were due just "
                         "before count as missed.",
-                        cFile, std::strerror(errno)));
+                        vxsched::cHeartbeatFile, std::strerror(errno)));
 }
 
 CHeartbeat::~CHeartbeat() {

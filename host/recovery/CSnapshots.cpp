@@ -13,12 +13,13 @@
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
 #include "base/WriteAll.h"
+#include "store/Layout.h"
 #include "store/TableFile.h"
 #include "store/TimestampedFiles.h"
 
 namespace fs = std::filesystem;
 
-static constexpr std::string_view cBeginning = "scheduler.dat.";
+static constexpr std::string_view cBeginning = vxsched::cSnapshotPrefix;
 
 static std::system_error Failure(const char* what, const fs::path& path) {
     return {errno, std::generic_category(), fmt::format("cannot {} {}", what, path.string())};
@@ -37,7 +38,7 @@ static void Write(const fs::path& path, const std::string& bytes) {
 CSnapshots::CSnapshots(std::size_t most) : limit(most) {}
 
 fs::path CSnapshots::Directory() {
-    return "files/snapshots";
+    return vxsched::cSnapshotDirectory;
 }
 
 // Whether the youngest snapshot holds `bytes`; its modification time is then set to now, since

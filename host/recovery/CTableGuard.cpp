@@ -23,14 +23,13 @@
 #include "host/recovery/LaunchRecords.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 #include "store/TableFile.h"
 
 using vxsched::TTaskEntry;
 
 namespace {
 
-constexpr char cTable[] = "scheduler.dat";
 // Short, since a tick may hold the store mutex for minutes, and End() waits for a check.
 constexpr std::chrono::milliseconds cLockTimeout(200);
 constexpr int cRetryInterval = 100;  // milliseconds
@@ -51,8 +50,8 @@ CTableGuard::CTableGuard(std::size_t snapshotCount)
     : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
-            "cannot watch the directory \"files\": {}. The table is checked every second instead.",
-            std::strerror(errno)));
+            "cannot watch the directory \"{}\": {}. The table is checked every second instead.",
+            vxsched::cFilesDirectory, std::strerror(errno)));
     Check();
 }
 
@@ -93,7 +92,7 @@ bool CTableGuard::Watch() {
     // If the table is a link, its target changes in another directory.
     isWatching =
         changes.IsOpen() &&
-        inotify_add_watch(changes.Get(), "files",
+        inotify_add_watch(changes.Get(), vxsched::cFilesDirectory,
                           IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_MOVE_SELF) != -1 &&
         !std::filesystem::is_symlink(vxsched::TableFile("."), ignored);
     return isWatching;
@@ -161,9 +160,9 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
         saves.replacedAll = true;
     if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0)
         isWatching = false;
-    if ((mask & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
+    if ((mask & IN_MOVED_FROM) != 0 && name.find(vxsched::cSaveSuffix) != std::string_view::npos)
         saveCookie = cookie;
-    if (name != cTable)
+    if (name != vxsched::cTableName)
         return saves.replacedAll;
     if ((mask & IN_MODIFY) != 0) {
         isModified = true;
@@ -188,13 +187,13 @@ bool CTableGuard::Check() {
         // A client's load sets the mutex free, so this lock may have been obtained during a tick,
         // whose launches the table does not show yet. Between ticks the worker waits for the stop
         // event.
-        if (isWorkerRunning && CEvent::UseOf(cStopEventName).waiters == 0)
+        if (isWorkerRunning && CEvent::UseOf(vxsched::cStopEventName).waiters == 0)
             return false;
         ReadEvents();
         if (!isWatching)
             saves.replacedAll = true;
         // A missing directory is not an empty table.
-        if (access("files", F_OK) == -1)
+        if (access(vxsched::cFilesDirectory, F_OK) == -1)
             return true;
         lastState = vxsched::TableState(".");
         // Nor is a directory that was created again and has no table yet: the last valid one is

@@ -17,30 +17,30 @@
 #include "host/CHostLog.h"
 #include "host/TaskFileName.h"
 #include "store/Grid.h"
+#include "store/Layout.h"
 
 namespace fs = std::filesystem;
 
+using vxsched::cLaunchRecordDirectory;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
-
-static constexpr char cDirectory[] = "files/started";
 
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
     return due == time && task == FileNameOf(name);
 }
 
 bool MakeLaunchRecordDirectory() {
-    if (mkdir(cDirectory, 0755) == 0 || errno == EEXIST)
+    if (mkdir(cLaunchRecordDirectory, 0755) == 0 || errno == EEXIST)
         return true;
     LogWarning(
         fmt::format("cannot create {}: {}. If this host is killed during a tick, the next one may "
                     "launch programs a second time.",
-                    cDirectory, std::strerror(errno)));
+                    cLaunchRecordDirectory, std::strerror(errno)));
     return false;
 }
 
 static std::string PathOf(const std::string& name, TTime due) {
-    return fmt::format("{}/{}@{}", cDirectory, name, due.time_since_epoch().count());
+    return fmt::format("{}/{}@{}", cLaunchRecordDirectory, name, due.time_since_epoch().count());
 }
 
 std::string LaunchRecordPath(const std::string& task, TTime due) {
@@ -75,13 +75,14 @@ std::vector<TLaunchRecord> ReadLaunchRecords() {
     std::vector<TLaunchRecord> records = gLaunches;
     lock.unlock();
     std::error_code error;
-    for (fs::directory_iterator entry(cDirectory, error);
+    for (fs::directory_iterator entry(cLaunchRecordDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
         if (const auto record = ReadLaunchRecord(entry->path()))
             records.push_back(*record);
     }
     if (error && error != std::errc::no_such_file_or_directory)
-        throw vxsched::SystemError(fmt::format("cannot read {}", cDirectory), error.value());
+        throw vxsched::SystemError(fmt::format("cannot read {}", cLaunchRecordDirectory),
+                                   error.value());
     return records;
 }
 

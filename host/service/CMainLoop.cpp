@@ -11,7 +11,7 @@
 
 #include "host/CHostLog.h"
 #include "host/HostThread.h"
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 
 // How long the worker may seem dead if no service manager sets a limit. The log is all that depends
 // on it.
@@ -22,7 +22,7 @@ static constexpr std::chrono::seconds cLateTick(75);
 static constexpr std::chrono::milliseconds cTickPollInterval(5);
 
 static bool WorkerIsIdle() {
-    return CEvent::UseOf(cStopEventName).waiters > 0;
+    return CEvent::UseOf(vxsched::cStopEventName).waiters > 0;
 }
 
 CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,

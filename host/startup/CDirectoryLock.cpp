@@ -15,8 +15,9 @@
 #include <thread>
 
 #include "host/CHostError.h"
+#include "store/Layout.h"
 
-static constexpr char cLockFile[] = "files/vxschedd.lock";
+using vxsched::cLockFile;
 
 static std::string HolderOf(int descriptor) {
     char content[32];

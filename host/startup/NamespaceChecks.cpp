@@ -9,7 +9,7 @@
 #include <map>
 #include <system_error>
 
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 
 namespace fs = std::filesystem;
 
@@ -19,7 +19,7 @@ static constexpr uid_t cLastSystemUser = 999;
 static constexpr uid_t cNobody = 65534;
 
 std::vector<std::string> WarningsOfOtherUsers() {
-    const CEvent::TUse use = CEvent::UseOf(cStopEventName);
+    const CEvent::TUse use = CEvent::UseOf(vxsched::cStopEventName);
     if (use.waiters > 0)
         return {
             "another scheduling process runs in this IPC namespace: the two share the store mutex "
