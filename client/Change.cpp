@@ -1,10 +1,6 @@
 #include "client/Change.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <system_error>
 
 #include <vxsched/Error.h>
@@ -12,6 +8,7 @@
 #include "base/CDeadline.h"
 #include "client/CChangeProcess.h"
 #include "client/LibraryDirectory.h"
+#include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/TableFile.h"
@@ -57,10 +54,7 @@ std::string Recover(const TStoreOptions& options) {
         if (error.Code() != EError::cDamaged)
             throw;
     }
-    const std::filesystem::path backup = BackupFile(options.directory);
-    DecodeTable(ReadBytes(backup), Now());
-    if (rename(backup.c_str(), TableFile(options.directory).c_str()) == -1)
-        throw SystemError("cannot restore the backup " + backup.string(), errno);
+    RestoreBeforeChange(options.directory);
     AnnounceChange();
     return "the table was damaged and is restored as it was before";
 }
