@@ -197,8 +197,16 @@ void KeepBeforeChange(const fs::path& directory, std::string_view bytes) {
 
 void RestoreBeforeChange(const fs::path& directory) {
     const fs::path before = BeforeChange(directory);
-    DecodeTable(ReadBytes(before), Now());
-    if (rename(before.c_str(), TableFile(directory).c_str()) == -1)
+    std::error_code ignored;
+    const bool isLink = fs::is_symlink(TableFile(directory), ignored);
+    if (!fs::exists(before, ignored))
+        throw SystemError("cannot restore the backup " + before.string(), ENOENT);
+    const std::string bytes = ReadBytes(before);
+    DecodeTable(bytes, Now());
+    // A rename would replace the link, and leave its target damaged.
+    if (isLink)
+        ReplaceOrOverwriteTable(directory, bytes);
+    else if (rename(before.c_str(), TableFile(directory).c_str()) == -1)
         throw SystemError("cannot restore the backup " + before.string(), errno);
 }
 

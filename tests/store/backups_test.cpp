@@ -249,6 +249,22 @@ TEST_F(BeforeChange, IsRestored) {
     EXPECT_EQ(ReadFile(cTable), TableOf("before"));
 }
 
+TEST_F(BeforeChange, IsRestoredThroughALink) {
+    KeepBeforeChange(".", TableOf("before"));
+    WriteFile("files/elsewhere", "damaged");
+    fs::create_symlink("elsewhere", cTable);
+    RestoreBeforeChange(".");
+    EXPECT_EQ(ReadFile("files/elsewhere"), TableOf("before"));
+    EXPECT_TRUE(fs::is_symlink(cTable));
+}
+
+TEST_F(BeforeChange, IsNotRestoredThroughALinkIfItIsMissing) {
+    WriteFile("files/elsewhere", "damaged");
+    fs::create_symlink("elsewhere", cTable);
+    ErrorOf(EError::cFailed, [] { RestoreBeforeChange("."); });
+    EXPECT_EQ(ReadFile("files/elsewhere"), "damaged");
+}
+
 TEST_F(BeforeChange, IsNotRestoredIfItIsDamagedOrMissing) {
     WriteFile(cTable, "damaged");
     ErrorOf(EError::cFailed, [] { RestoreBeforeChange("."); });
