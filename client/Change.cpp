@@ -1,17 +1,14 @@
 #include "client/Change.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <system_error>
-#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/CDeadline.h"
 #include "client/CChangeProcess.h"
 #include "client/LibraryDirectory.h"
+#include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
@@ -58,10 +55,7 @@ std::string Recover(const TStoreOptions& options) {
         if (error.Code() != EError::cDamaged)
             throw;
     }
-    const std::filesystem::path backup = BackupFile(options.directory);
-    DecodeTable(ReadBytes(backup), Now());
-    if (rename(backup.c_str(), TableFile(options.directory).c_str()) == -1)
-        throw SystemError("cannot restore the backup " + backup.string(), errno);
+    RestoreBeforeChange(options.directory);
     AnnounceChange();
     return "the table was damaged and is restored as it was before";
 }
@@ -161,11 +155,11 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
                 "\" is due and there is no scheduling process to launch it; start a "
                 "scheduling process, or allow changes while tasks are due (--even-if-due), "
                 "which leaves it due");
-    const auto start = std::chrono::steady_clock::now();
-    auto end = start + options.lockTimeout;
-    auto lastSeen = start;
+    const CDeadline total(cMostTimeouts * options.lockTimeout);
+    CDeadline progress(options.lockTimeout);
+    CDeadline restart(cRestartLimit);
     std::vector<TTaskEntry> seen;
-    while (std::chrono::steady_clock::now() < end) {
+    while (!total.HasPassed() && !progress.HasPassed()) {
         const TTable table = ReadTable(options.directory, options.lockTimeout);
         const auto isDueBy = [&](TTime time) {
             return std::any_of(table.tasks.begin(), table.tasks.end(),
@@ -174,8 +168,8 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
         if (!isDueBy(Now() + cAboutToBeDue))
             return;
         if (FindSchedulingProcess(options.directory))
-            lastSeen = std::chrono::steady_clock::now();
-        else if (std::chrono::steady_clock::now() - lastSeen > cRestartLimit)
+            restart = CDeadline(cRestartLimit);
+        else if (restart.HasPassed())
             throw CError(EError::cNoScheduler,
                          "task \"" + due +
                              "\" is due and the scheduling process has ended meanwhile; start it "
@@ -184,10 +178,9 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
             WakeSchedulingProcess();
         // A tick takes two seconds for each launch: any change of the table counts as progress.
         if (table.tasks != seen)
-            end = std::min(start + cMostTimeouts * options.lockTimeout,
-                           std::chrono::steady_clock::now() + options.lockTimeout);
+            progress = CDeadline(options.lockTimeout);
         seen = table.tasks;
-        std::this_thread::sleep_for(cPause);
+        progress.Pause(cPause);
     }
     throw CError(EError::cBusy,
                  "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +

@@ -7,6 +7,7 @@
 #include "base/Quoted.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
+#include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Grid.h"
@@ -307,7 +308,7 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         if (canReplace)
             canReplace(bytes);
         if (IsTable(bytes))
-            WriteBackup(options.directory, bytes);
+            KeepBeforeChange(options.directory, bytes);
         ReplaceTable(options.directory, EncodeTable(tasks));
         // Before the mutex is released, or a tick may save its old list over the new table.
         AnnounceChange();

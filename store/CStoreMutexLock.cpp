@@ -4,19 +4,17 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <string>
 
 #include <vxsched/Error.h>
+#include "base/CDeadline.h"
 #include "store/StoreKey.h"
 
 namespace vxsched {
 
 CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout) {
-    using TClock = std::chrono::steady_clock;
-    const TClock::time_point end = TClock::now() + lockTimeout;
+    const CDeadline deadline(lockTimeout);
     for (;;) {
         const int found = semget(StoreKey(), 1, 0);
         if (found == -1) {
@@ -24,10 +22,7 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout) {
                 return;
             throw SystemError("cannot open the store mutex", errno);
         }
-        const auto left = std::max<TClock::duration>(end - TClock::now(), TClock::duration(0));
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-        const timespec timeout{.tv_sec = seconds.count(),
-                               .tv_nsec = std::chrono::nanoseconds(left - seconds).count()};
+        const timespec timeout = deadline.TimeLeft();
         sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = SEM_UNDO};
         if (semtimedop(found, &take, 1, &timeout) == 0) {
             set = found;

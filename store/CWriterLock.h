@@ -3,6 +3,8 @@
 #include <chrono>
 #include <filesystem>
 
+#include "base/CDescriptor.h"
+
 namespace vxsched {
 
 // The writer lock of a directory, held for a scope: one process at a time loads the add-in or
@@ -15,12 +17,11 @@ public:
     // Waits at most `lockTimeout`, polling. Throws CError: cBusy on a timeout, cFailed if there is
     // no directory "files", cNoAccess if it may not be read.
     CWriterLock(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
-    ~CWriterLock();
     CWriterLock(const CWriterLock&) = delete;
     CWriterLock& operator=(const CWriterLock&) = delete;
 
 private:
-    int descriptor;
+    CDescriptor descriptor;
 };
 
 }  // namespace vxsched

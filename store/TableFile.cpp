@@ -50,10 +50,18 @@ std::optional<struct stat> StatusOf(const fs::path& table) {
     return {};
 }
 
+void Sync(int descriptor, const fs::path& path) {
+    if (fsync(descriptor) == -1)
+        throw SystemError("cannot sync " + path.string(), errno);
+}
+
+enum class EReplace { cKeepOwner, cSync, cAsPermitted };
+
 // Writes a temporary file, gives it the owner and mode of `like`, and renames it to `target`. With
-// `keepOwner` it fails if it may not give the file to that owner.
+// cKeepOwner it fails if it may not give the file to that owner; with cSync it flushes the file
+// before the rename and the directory afterwards.
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
-             bool keepOwner) {
+             EReplace how) {
     const fs::path fresh = target.string() + cReplacementSuffix + std::to_string(getpid());
     const CDescriptor descriptor(
         open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -61,12 +69,19 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
         throw SystemError("cannot write " + fresh.string(), errno);
     const CTemporary temporary(fresh);
     Write(descriptor.Get(), bytes, fresh);
-    if (like && fchown(descriptor.Get(), like->st_uid, like->st_gid) == -1 && keepOwner)
+    if (like && fchown(descriptor.Get(), like->st_uid, like->st_gid) == -1 &&
+        how == EReplace::cKeepOwner)
         throw SystemError("cannot keep the owner of " + target.string(), errno);
     // Where `like` is a directory, only its owner is taken over.
     fchmod(descriptor.Get(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
+    if (how == EReplace::cSync)
+        Sync(descriptor.Get(), fresh);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
+    if (how == EReplace::cSync)
+        Sync(CDescriptor(open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+                 .Get(),
+             target.parent_path());
 }
 
 // Overwrites the file in place. Its space is allocated first, so that a full disk changes nothing.
@@ -87,10 +102,6 @@ void Overwrite(const fs::path& path, std::string_view bytes) {
 
 fs::path TableFile(const fs::path& directory) {
     return directory / cTableFile;
-}
-
-fs::path BackupFile(const fs::path& directory) {
-    return directory / cBackupFile;
 }
 
 std::string ReadBytes(const fs::path& file) {
@@ -128,7 +139,7 @@ void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     std::error_code ignored;
     const fs::path file = TableFile(directory);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
-    Replace(target, bytes, StatusOf(target), true);
+    Replace(target, bytes, StatusOf(target), EReplace::cKeepOwner);
 }
 
 void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) {
@@ -140,22 +151,25 @@ void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) 
 }
 
 void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
-    Replace(file, bytes, StatusOf(TableFile(directory)), false);
+    Replace(file, bytes, StatusOf(TableFile(directory)), EReplace::cAsPermitted);
+}
+
+void WriteSyncedFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
+    Replace(file, bytes, StatusOf(TableFile(directory)), EReplace::cSync);
 }
 
 void RemoveLeftovers(const fs::path& directory) {
-    std::error_code error;
-    for (fs::directory_iterator entry(directory / cFilesDirectory, error);
-         !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (name.starts_with(cTableName) && (name.find(cReplacementSuffix) != std::string::npos ||
-                                             name.find(cSaveSuffix) != std::string::npos))
-            unlink(entry->path().c_str());
+    for (const char* const place : {cFilesDirectory, cSnapshotDirectory}) {
+        std::error_code error;
+        for (fs::directory_iterator entry(directory / place, error);
+             !error && entry != fs::directory_iterator(); entry.increment(error)) {
+            const std::string name = entry->path().filename().string();
+            if (name.starts_with(cTableName) &&
+                (name.find(cReplacementSuffix) != std::string::npos ||
+                 name.find(cSaveSuffix) != std::string::npos))
+                unlink(entry->path().c_str());
+        }
     }
-}
-
-void WriteBackup(const fs::path& directory, std::string_view bytes) {
-    Replace(BackupFile(directory), bytes, StatusOf(TableFile(directory)), false);
 }
 
 }  // namespace vxsched

@@ -6,17 +6,14 @@
 
 namespace vxsched {
 
-// The table's file and its backup, as bytes. The caller holds the store mutex; a client that
+// The table's file, as bytes, and how files next to it are written. The caller holds the store mutex; a client that
 // writes, and a host that starts up, holds the writer lock as well, taken first. The paths and
 // TableState() need no lock. The functions block for disk access only, whatever is in place of the
-// table: what is no regular file is refused. Writes are not flushed to the disk (no fsync).
+// table: what is no regular file is refused. Only WriteSyncedFile() flushes what it writes
+// to the disk (fsync).
 
 // The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
-
-// The path files/scheduler.dat.before: the backup, the table as it was before a client's last
-// change.
-std::filesystem::path BackupFile(const std::filesystem::path& directory);
 
 // Reads the bytes of a table's file, also damaged ones: the only reader of a table without the
 // add-in. A missing file, also one that a link leads to, is an empty table (8 zero bytes). Throws
@@ -47,12 +44,14 @@ void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 
-// Removes the temporary files of replacements that a kill interrupted. The caller holds both locks,
+// Like WriteNewFile(), but the file is complete on the disk before it gets its name, and the name
+// is there when this returns. Throws CError also if the name could not be flushed; the file is
+// there then.
+void WriteSyncedFile(const std::filesystem::path& file, std::string_view bytes,
+                     const std::filesystem::path& directory);
+
+// Removes the temporary files, of the table and of its backups, that a kill has left. The caller holds both locks,
 // so that no other process is still writing one. Files that cannot be removed stay.
 void RemoveLeftovers(const std::filesystem::path& directory);
-
-// Makes `bytes` the backup, in one step and with the table's owner and mode as in WriteNewFile().
-// Throws CError (cNoAccess, cFailed); the previous backup stays then.
-void WriteBackup(const std::filesystem::path& directory, std::string_view bytes);
 
 }  // namespace vxsched

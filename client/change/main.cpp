@@ -24,6 +24,7 @@
 #include "client/change/Launches.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
+#include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
@@ -92,7 +93,7 @@ std::optional<CAddIn> Load(TRequest& request) {
         }
     }
     RemoveLeftovers(".");
-    WriteBackup(".", bytes);
+    KeepBeforeChange(".", bytes);
     SendMessage(cMessageBegun, "");
     lock.Forget();
     const CFrozenClock clock;

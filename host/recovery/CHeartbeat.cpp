@@ -38,7 +38,8 @@ bool Write(int descriptor, const TContent& content) {
 
 CHeartbeat::CHeartbeat() : file(open(vxsched::cHeartbeatFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
     TContent content;
-    if (pread(file.Get(), &content, sizeof content, 0) == sizeof content)
+    // Without a file, pread() would replace the errno of open(), which is reported below.
+    if (file.IsOpen() && pread(file.Get(), &content, sizeof content, 0) == sizeof content)
         previous =
             TUptime{.since = vxsched::TTime(std::chrono::seconds(content.since)),
                     .until = vxsched::TTime(std::chrono::seconds(content.last) + cTickInterval)};

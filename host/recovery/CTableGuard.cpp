@@ -46,8 +46,8 @@ void LogErrors(const std::vector<std::string>& notes) {
 
 }  // namespace
 
-CTableGuard::CTableGuard(std::size_t snapshotCount)
-    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
+CTableGuard::CTableGuard(std::size_t snapshots)
+    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), mostSnapshots(snapshots) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
             "cannot watch the directory \"{}\": {}. The table is checked every second instead.",
@@ -303,12 +303,11 @@ void CTableGuard::QuarantineOnce(const std::string& bytes, const std::string& re
 }
 
 void CTableGuard::Keep(const std::string& bytes) {
-    if (!lastValid || *lastValid != bytes)
-        lastValid = std::make_shared<const std::string>(bytes);
+    lastValid = bytes;
     saves = {};
     try {
-        snapshots.Keep(lastValid);
-    } catch (const std::system_error& error) {
+        vxsched::KeepSnapshot(".", bytes, mostSnapshots);
+    } catch (const vxsched::CError& error) {
         LogWarning(fmt::format("cannot keep a snapshot of the table: {}", error.what()));
     }
 }

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,7 +10,6 @@
 
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
-#include "host/recovery/CSnapshots.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
 // read under the store mutex and checked. A valid table is kept as a snapshot. A damaged table, or
@@ -24,7 +22,7 @@
 class CTableGuard {
 public:
     // Guards the table of the working directory, which has just been loaded, and checks it once.
-    // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots.
+    // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots; 0 disables them.
     explicit CTableGuard(std::size_t snapshots);
     ~CTableGuard();
 
@@ -80,8 +78,8 @@ private:
     bool isModified = false;       // between a write and the close of the table
     std::uint32_t saveCookie = 0;  // of the rename that may have put a save in the table's place
     // As bytes, which take less than half the memory of decoded tasks.
-    std::shared_ptr<const std::string> lastValid;
-    CSnapshots snapshots;
+    std::optional<std::string> lastValid;
+    const std::size_t mostSnapshots;
     std::optional<std::string> lastDamaged;  // has been reported and quarantined
     std::string lastError;                   // has been logged; not again at every retry
     std::thread thread;

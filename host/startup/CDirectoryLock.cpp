@@ -12,8 +12,8 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <thread>
 
+#include "base/CDeadline.h"
 #include "host/CHostError.h"
 #include "store/Layout.h"
 
@@ -48,14 +48,12 @@ static bool IsLeftOver(const std::string& holder) {
 // Takes the lock; returns 0 or the error number. A host that was killed a moment ago may still hold
 // the lock and cannot be distinguished from a running one, so this waits a little for any holder.
 static int Lock(int descriptor, const std::string& holder) {
-    using TClock = std::chrono::steady_clock;
-    const TClock::time_point begin = TClock::now();
+    const CDeadline forAnyHolder(std::chrono::seconds(1));
+    const CDeadline forLeftOver(std::chrono::seconds(5));
     while (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
         const int error = errno;
-        const std::chrono::seconds timeout(IsLeftOver(holder) ? 5 : 1);
-        if (error != EWOULDBLOCK || TClock::now() - begin > timeout)
+        if (error != EWOULDBLOCK || !(IsLeftOver(holder) ? forLeftOver : forAnyHolder).Pause())
             return error;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return 0;
 }
