@@ -102,9 +102,7 @@ public:
 };
 
 static void WarnOfPitfalls() {
-    for (const std::string& warning : WarningsOfOtherUsers())
-        LogWarning(warning);
-    if (const std::string warning = WarningOfRemoval(geteuid()); !warning.empty())
+    if (const std::string warning = WarningOfOtherUsers(); !warning.empty())
         LogWarning(warning);
     if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())
         LogNotice(notice);
