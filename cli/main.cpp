@@ -11,7 +11,6 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/TableFile.h"
 
@@ -19,7 +18,7 @@ namespace vxsched {
 
 namespace {
 
-int StatusOf(EError error) {
+TExitStatus StatusOf(EError error) {
     switch (error) {
         case EError::cNotFound:
             return cNotFoundStatus;
@@ -62,7 +61,7 @@ public:
 
     // Parses the arguments, runs the command, and returns the exit status. Throws CLI::ParseError,
     // CParseError for a time that was not quoted, and the exceptions of the command.
-    int Run(int argc, const char* const* argv);
+    TExitStatus Run(int argc, const char* const* argv);
 
     // Prints the help or the version and returns the exit status.
     int PrintRequested(const CLI::Success& request) const {
@@ -76,7 +75,7 @@ public:
     std::string MessageFor(const CError& error) const;
 
 private:
-    using TCommand = std::function<int()>;
+    using TCommand = std::function<TExitStatus()>;
 
     // Adds a command's options and arguments to it.
     using TOptions = std::function<void(CLI::App&)>;
@@ -85,7 +84,8 @@ private:
     // options of all commands would take a quarter of a short command's time.
     void Add(const char* name, const char* description, TCommand command, TOptions options);
     void AddForNames(const char* name, const char* description,
-                     int (*command)(const TCommon&, const TNames&, COutput&), bool isForcible);
+                     TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
+                     bool isForcible);
     void AddQueries();
     void AddChanges();
     void AddMaintenance();
@@ -240,7 +240,7 @@ void CCommandLine::AddName(CLI::App& command) {
 }
 
 void CCommandLine::AddForNames(const char* name, const char* description,
-                               int (*command)(const TCommon&, const TNames&, COutput&),
+                               TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
                                bool isForcible) {
     Add(
         name, description, [this, command] { return command(common, names, output); },
@@ -447,7 +447,7 @@ std::string CCommandLine::MessageFor(const CError& error) const {
            (hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
 }
 
-int CCommandLine::Run(int argc, const char* const* argv) {
+TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     Parse(argc, argv);
     common.store.directory = directory;
     common.store.lockTimeout =
@@ -456,7 +456,7 @@ int CCommandLine::Run(int argc, const char* const* argv) {
     common.forced = TForced(forced.begin(), forced.end());
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
-    const int status = chosen();
+    const TExitStatus status = chosen();
     try {
         output.Finish();
     } catch (const CError& error) {
@@ -468,7 +468,7 @@ int CCommandLine::Run(int argc, const char* const* argv) {
 
 // Prints the message. If it has several lines, the others are indented so that they begin below the
 // first one. Each line is passed to Show() alone, which would replace the line ends.
-int Fail(const std::string& message, int status) {
+TExitStatus Fail(const std::string& message, TExitStatus status) {
     const std::string prefix = "vxsched: ";
     std::string shown;
     for (std::size_t offset = 0; offset <= message.size();) {

@@ -9,7 +9,6 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/ProgramLinks.h"
 
@@ -45,8 +44,8 @@ void RequireTasks(const CStore& store, const TNames& names) {
 }
 
 template <typename Change>
-int ChangeNames(const TCommon& common, const TNames& names, const char* done, const char* would,
-                COutput& output, const Change& change) {
+TExitStatus ChangeNames(const TCommon& common, const TNames& names, const char* done,
+                        const char* would, COutput& output, const Change& change) {
     const CStore store(common.store);
     if (common.dryRun)
         RequireTasks(store, names);
@@ -59,7 +58,8 @@ int ChangeNames(const TCommon& common, const TNames& names, const char* done, co
 
 }  // namespace
 
-int Create(const TCommon& common, const TTaskArguments& arguments, bool replace, COutput& output) {
+TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
+                   COutput& output) {
     const TTime now = Now();
     const TNewTask task{arguments.name, ParseTime(arguments.at.value_or("now"), now),
                         ParsePeriod(arguments.every.value_or("once")),
@@ -81,7 +81,7 @@ int Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
     return cDone;
 }
 
-int Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output) {
+TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output) {
     TEdit edit;
     if (arguments.at)
         edit.due = ParseTime(*arguments.at, Now());
@@ -101,25 +101,25 @@ int Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output
     return cDone;
 }
 
-int Remove(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output) {
     return ChangeNames(common, names, "removed", "would remove", output,
                        [&](const CStore& store) { store.Remove(names); });
 }
 
-int Pause(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
     return ChangeNames(common, names, "paused", "would pause", output,
                        [&](const CStore& store) { store.Pause(names); });
 }
 
-int Resume(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
     if (common.dryRun)
         CStore(common.store).CheckResume(names, common.forced);
     return ChangeNames(common, names, "resumed", "would resume", output,
                        [&](const CStore& store) { store.Resume(names, common.forced); });
 }
 
-int SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
-              COutput& output) {
+TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
+                      COutput& output) {
     const std::uint32_t hours = ParsePeriod(every);
     const CStore store(common.store);
     TEdit edit;
@@ -133,7 +133,8 @@ int SetPeriod(const TCommon& common, const std::string& name, const std::string&
     return cDone;
 }
 
-int Run(const TCommon& common, const std::string& name, bool force, bool wait, COutput& output) {
+TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
+                COutput& output) {
     const CStore store(common.store);
     if (common.dryRun) {
         store.CheckRun(name, force);
@@ -160,7 +161,7 @@ int Run(const TCommon& common, const std::string& name, bool force, bool wait, C
     return WEXITSTATUS(*run.status) == 0 ? cDone : cRefusedStatus;
 }
 
-int Wake(const TCommon& common, COutput& output) {
+TExitStatus Wake(const TCommon& common, COutput& output) {
     const CStore store(common.store);
     if (!store.Wake())
         throw CError(EError::cNoScheduler,

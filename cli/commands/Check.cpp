@@ -8,7 +8,6 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/output/Json.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
@@ -75,7 +74,7 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
 
 }  // namespace
 
-int CheckTable(const TCommon& common, const std::string& file, COutput& output) {
+TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& output) {
     // vxsched repair works on the directory's table only, so it is no remedy for a file.
     const std::string remedy = file.empty() ? "; run vxsched repair" : "";
     TTable table;

@@ -107,7 +107,7 @@ void MakeLinks(const TCommon& common, const std::vector<TImported>& imported) {
 
 }  // namespace
 
-int Export(const TCommon& common, COutput& output) {
+TExitStatus Export(const TCommon& common, COutput& output) {
     const TTable table = CStore(common.store).Read();
     nlohmann::ordered_json tasks = nlohmann::ordered_json::array();
     for (const TTaskEntry& task : table.tasks) {
@@ -118,10 +118,10 @@ int Export(const TCommon& common, COutput& output) {
         tasks.push_back(json);
     }
     output.Raw(Document({{"tasks", tasks}}));
-    return 0;
+    return cDone;
 }
 
-int Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
+TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
     const std::vector<TImported> imported = ReadTasks(ReadInput(file));
     CheckImported(common, imported);
     const CStore store(common.store);
@@ -131,7 +131,7 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
         fmt::format("{} task{}", imported.size(), imported.size() == 1 ? "" : "s");
     if (common.dryRun) {
         output.Line(fmt::format("would import {}; the table would have {}", count, tasks.size()));
-        return 0;
+        return cDone;
     }
     // Called with the writer lock and the store mutex held. The tasks were joined without a lock:
     // a change since then would be lost.
@@ -142,7 +142,7 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
         MakeLinks(common, imported);
     });
     output.Line(fmt::format("imported {}; the table has {} now", count, tasks.size()));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

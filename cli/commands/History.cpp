@@ -75,8 +75,8 @@ void PrintJson(const std::vector<TRunRecord>& runs, COutput& output) {
 
 }  // namespace
 
-int History(const TCommon& common, const std::string& name, std::optional<std::size_t> count,
-            bool failedOnly, COutput& output) {
+TExitStatus History(const TCommon& common, const std::string& name,
+                    std::optional<std::size_t> count, bool failedOnly, COutput& output) {
     THistory history =
         ReadHistory(common.store.directory, name.empty() ? std::nullopt : std::optional(name));
     for (const std::string& problem : history.problems)
@@ -92,14 +92,14 @@ int History(const TCommon& common, const std::string& name, std::optional<std::s
         runs.erase(runs.begin(), runs.end() - static_cast<std::ptrdiff_t>(most));
     if (common.json) {
         PrintJson(runs, output);
-        return 0;
+        return cDone;
     }
     PrintTable(runs, common.zone, output);
     output.Line("");
     output.Line(runs.size() < all
                     ? fmt::format("the last {} of {} records; --count shows more", runs.size(), all)
                     : fmt::format("{} record{}", all, all == 1 ? "" : "s"));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

@@ -89,13 +89,13 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
 
 }  // namespace
 
-int List(const TCommon& common, bool namesOnly, COutput& output) {
+TExitStatus List(const TCommon& common, bool namesOnly, COutput& output) {
     const TTable table = CStore(common.store).Read();
     // For completion scripts, which need the exact bytes and no state.
     if (namesOnly) {
         for (const TTaskEntry& task : table.tasks)
             output.Line(task.name);
-        return 0;
+        return cDone;
     }
     const TTime now = Now();
     const CRunningPrograms running;
@@ -108,7 +108,7 @@ int List(const TCommon& common, bool namesOnly, COutput& output) {
         PrintJson(common, listed, output);
     else
         PrintTable(common, listed, now, output);
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

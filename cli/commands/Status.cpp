@@ -9,7 +9,6 @@
 #include <vxsched/SchedulingProcess.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
 #include "store/StoreMutexState.h"
@@ -133,7 +132,7 @@ void PrintJson(const TStatus& status, COutput& output) {
 
 }  // namespace
 
-int Status(const TCommon& common, COutput& output) {
+TExitStatus Status(const TCommon& common, COutput& output) {
     const TStatus status = ReadStatus(common);
     if (common.json) {
         PrintJson(status, output);
