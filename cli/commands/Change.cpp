@@ -10,6 +10,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/time/PeriodFormat.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -38,8 +39,7 @@ void RequireTasks(const CStore& store, const TNames& names) {
     const TTable table = store.Read();
     for (const std::string& name : names) {
         if (table.Find(name) == nullptr)
-            throw CError(EError::cNotFound,
-                         fmt::format("there is no task \"{}\"; see vxsched list", name));
+            throw MakeError(EError::cNotFound, "there is no task \"{}\"; see vxsched list", name);
     }
 }
 
@@ -69,10 +69,9 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool 
         for (const TValidationError& error : store.Check(task, common.forced))
             throw CError(EError::cRefused, error.message);
         if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
-            throw CError(
-                EError::cRefused,
-                fmt::format("a task \"{}\" already exists; add --replace, or choose another name",
-                            task.name));
+            throw MakeError(EError::cRefused,
+                            "a task \"{}\" already exists; add --replace, or choose another name",
+                            task.name);
         PrintLine(output, "would create " + Describe(common, {task.name, task.due, TTime(),
                                                               task.period, "", "", false}));
         return cDone;
@@ -164,9 +163,9 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
 TExitStatus Wake(const TCommon& common, COutput& output) {
     const CStore store(common.store);
     if (!store.Wake())
-        throw CError(EError::cNoScheduler,
-                     fmt::format("no scheduling process runs in {}; start vxschedd there",
-                                 common.store.directory.string()));
+        throw MakeError(EError::cNoScheduler,
+                        "no scheduling process runs in {}; start vxschedd there",
+                        common.store.directory.string());
     output.Line("woke the scheduling process");
     return cDone;
 }

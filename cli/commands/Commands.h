@@ -2,10 +2,13 @@
 
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <vxsched/Store.h>
@@ -30,6 +33,11 @@ struct TCommon {
 // 3. With `dryRun` a command prints what it would do, and changes nothing.
 // 4. Reading the table waits for the store mutex, changing it for all locks of a change, each up to
 //    the lock timeout.
+
+// A number of things: "1 task", "3 tasks".
+inline std::string CountOf(std::size_t count, std::string_view thing) {
+    return fmt::format("{} {}{}", count, thing, count == 1 ? "" : "s");
+}
 
 // The arguments contradict each other or are incomplete.
 class CUsageError : public std::runtime_error {

@@ -12,6 +12,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 
@@ -23,14 +24,14 @@ std::string ReadInput(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
     if (std::filesystem::is_directory(file))
-        throw CError(EError::cRefused, "cannot import: " + file + " is a directory");
+        throw MakeError(EError::cRefused, "cannot import: {} is a directory", file);
     if (file != "-") {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
     std::string content{std::istreambuf_iterator<char>(*input), {}};
     if (content.empty())
-        throw CError(EError::cRefused, "cannot import: " + file + " is empty or cannot be read");
+        throw MakeError(EError::cRefused, "cannot import: {} is empty or cannot be read", file);
     return content;
 }
 
@@ -70,8 +71,8 @@ void CheckImported(const TCommon& common, const std::vector<TImported>& imported
         for (const TValidationError& error :
              Validate(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
             if (IsHarmful(error.kind))
-                throw CError(EError::cRefused, fmt::format("cannot import task \"{}\": {}",
-                                                           task.name, error.message));
+                throw MakeError(EError::cRefused, "cannot import task \"{}\": {}", task.name,
+                                error.message);
             Warn(task.name, error.message);
         }
     }
@@ -89,11 +90,10 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
         else if (how == EImport::cMerge)
             *found = one.task;
         else
-            throw CError(
-                EError::cRefused,
-                fmt::format("a task \"{}\" already exists; use --merge to overwrite it, or "
+            throw MakeError(EError::cRefused,
+                            "a task \"{}\" already exists; use --merge to overwrite it, or "
                             "--replace to replace the whole table",
-                            one.task.name));
+                            one.task.name);
     }
     return tasks;
 }
@@ -127,8 +127,7 @@ TExitStatus Import(const TCommon& common, const std::string& file, EImport how, 
     const CStore store(common.store);
     const TTable present = store.Read();
     const std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
-    const std::string count =
-        fmt::format("{} task{}", imported.size(), imported.size() == 1 ? "" : "s");
+    const std::string count = CountOf(imported.size(), "task");
     if (common.dryRun) {
         output.Line(fmt::format("would import {}; the table would have {}", count, tasks.size()));
         return cDone;

@@ -11,6 +11,7 @@
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
 #include "runs/HistoryReader.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -21,10 +22,9 @@ constexpr char cNone[] = "-";
 
 void RequireTask(const TCommon& common, const std::string& name) {
     if (CStore(common.store).Read().Find(name) == nullptr)
-        throw CError(
-            EError::cNotFound,
-            fmt::format("there is no task \"{}\" and no record of a run of one; see vxsched list",
-                        name));
+        throw MakeError(EError::cNotFound,
+                        "there is no task \"{}\" and no record of a run of one; see vxsched list",
+                        name);
 }
 
 EColour ColourOf(const TRunRecord& run) {
@@ -98,7 +98,7 @@ TExitStatus History(const TCommon& common, const std::string& name,
     output.Line("");
     output.Line(runs.size() < all
                     ? fmt::format("the last {} of {} records; --count shows more", runs.size(), all)
-                    : fmt::format("{} record{}", all, all == 1 ? "" : "s"));
+                    : CountOf(all, "record"));
     return cDone;
 }
 

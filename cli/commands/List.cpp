@@ -1,7 +1,5 @@
 // list: all tasks, as columns or JSON.
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -84,7 +82,7 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
     }
     columns.Print(output);
     output.Line("");
-    output.Line(fmt::format("{} task{}", listed.size(), listed.size() == 1 ? "" : "s"));
+    output.Line(CountOf(listed.size(), "task"));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // next: the coming runs of all tasks.
 
-#include <fmt/format.h>
-
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <queue>

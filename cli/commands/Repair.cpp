@@ -34,8 +34,7 @@ TExitStatus Repair(const TCommon& common, COutput& output) {
     }
     for (const std::string& note : repair.notes)
         output.Line(Show(note).string);
-    const std::string count =
-        fmt::format("{} task{}", repair.tasks.size(), repair.tasks.size() == 1 ? "" : "s");
+    const std::string count = CountOf(repair.tasks.size(), "task");
     if (common.dryRun) {
         output.Line(fmt::format("would write a table with {}", count));
         return cDone;

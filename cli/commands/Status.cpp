@@ -107,8 +107,8 @@ std::string DescribeTable(const TStatus& status) {
         return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
         return status.tableError;
-    return fmt::format("{} task{} in {} bytes, valid", status.table->tasks.size(),
-                       status.table->tasks.size() == 1 ? "" : "s", status.size);
+    return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
+                       status.size);
 }
 
 void PrintJson(const TStatus& status, COutput& output) {
