@@ -1,6 +1,7 @@
 #include "client/CChangeProcess.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -16,6 +17,7 @@
 #include "base/WriteAll.h"
 #include "client/Fields.h"
 #include "client/LibraryDirectory.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -74,8 +76,8 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
         pollfd input{.fd = socket, .events = POLLIN, .revents = 0};
         const int ready = poll(&input, 1, limit ? static_cast<int>(limit->count()) : -1);
         if (ready == 0)
-            throw CError(EError::cBusy, "the change process sent no message for " +
-                                            std::to_string(limit->count()) + " ms");
+            throw MakeError(EError::cBusy, "the change process sent no message for {} ms",
+                            limit->count());
         std::array<char, 1 << 16> block{};
         const ssize_t count = ready == -1 ? -1 : read(socket, block.data(), block.size());
         if (count > 0)
@@ -91,8 +93,8 @@ std::string CChangeProcess::WaitForEnd() {
     }
     process = -1;
     if (WIFSIGNALED(status))
-        return std::string("was killed by SIG") + sigabbrev_np(WTERMSIG(status));
-    return "exited with status " + std::to_string(WEXITSTATUS(status));
+        return fmt::format("was killed by SIG{}", sigabbrev_np(WTERMSIG(status)));
+    return fmt::format("exited with status {}", WEXITSTATUS(status));
 }
 
 }  // namespace vxsched

@@ -1,5 +1,7 @@
 #include "client/Change.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <system_error>
 
@@ -12,6 +14,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
+#include "store/MakeError.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -68,7 +71,7 @@ std::string Recover(const TStoreOptions& options) {
     try {
         message += "; " + Recover(options);
     } catch (const CError& error) {
-        message += "; the table could not be checked afterwards: " + std::string(error.what());
+        message += fmt::format("; the table could not be checked afterwards: {}", error.what());
     }
     throw CError(EError::cFailed, message);
 }
@@ -140,21 +143,16 @@ TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
     return attempt;
 }
 
-bool IsDueBy(const TTaskEntry& task, TTime time) {
-    return !task.paused && task.next <= time;
-}
-
 // Wakes the scheduling process until it has launched and rescheduled every due task. Throws CError
 // (cNoScheduler, cBusy).
 void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (!scheduler)
-        throw CError(
-            EError::cNoScheduler,
-            "task \"" + due +
-                "\" is due and there is no scheduling process to launch it; start a "
-                "scheduling process, or allow changes while tasks are due (--even-if-due), "
-                "which leaves it due");
+        throw MakeError(EError::cNoScheduler,
+                        "task \"{}\" is due and there is no scheduling process to launch it; start "
+                        "a scheduling process, or allow changes while tasks are due "
+                        "(--even-if-due), which leaves it due",
+                        due);
     const CDeadline total(cMostTimeouts * options.lockTimeout);
     CDeadline progress(options.lockTimeout);
     CDeadline restart(cRestartLimit);
@@ -162,18 +160,19 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     while (!total.HasPassed() && !progress.HasPassed()) {
         const TTable table = ReadTable(options.directory, options.lockTimeout);
         const auto isDueBy = [&](TTime time) {
-            return std::any_of(table.tasks.begin(), table.tasks.end(),
-                               [&](const TTaskEntry& task) { return IsDueBy(task, time); });
+            return std::any_of(table.tasks.begin(), table.tasks.end(), [&](const TTaskEntry& task) {
+                return !task.paused && task.next <= time;
+            });
         };
         if (!isDueBy(Now() + cAboutToBeDue))
             return;
         if (FindSchedulingProcess(options.directory))
             restart = CDeadline(cRestartLimit);
         else if (restart.HasPassed())
-            throw CError(EError::cNoScheduler,
-                         "task \"" + due +
-                             "\" is due and the scheduling process has ended meanwhile; start it "
-                             "again, or allow changes while tasks are due (--even-if-due)");
+            throw MakeError(EError::cNoScheduler,
+                            "task \"{}\" is due and the scheduling process has ended meanwhile; "
+                            "start it again, or allow changes while tasks are due (--even-if-due)",
+                            due);
         if (isDueBy(Now()))
             WakeSchedulingProcess();
         // A tick takes two seconds for each launch: any change of the table counts as progress.
@@ -182,12 +181,11 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
         seen = table.tasks;
         progress.Pause(cPause);
     }
-    throw CError(EError::cBusy,
-                 "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +
-                     " has not launched the due tasks within the lock timeout of " +
-                     std::to_string(options.lockTimeout.count()) +
-                     " ms since its last progress, or " + std::to_string(cMostTimeouts) +
-                     " times that in all; nothing was changed; check the host's log");
+    throw MakeError(EError::cBusy,
+                    "task \"{}\" is due and process {} has not launched the due tasks within the "
+                    "lock timeout of {} ms since its last progress, or {} times that in all; "
+                    "nothing was changed; check the host's log",
+                    due, scheduler->process, options.lockTimeout.count(), cMostTimeouts);
 }
 
 }  // namespace
@@ -195,10 +193,10 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
 void RequireSharedStore(const TStoreOptions& options) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (scheduler && !scheduler->sharesStore)
-        throw CError(EError::cNoScheduler,
-                     "the scheduling process " + std::to_string(scheduler->process) +
-                         " runs in another IPC namespace: it would not notice a change and would "
-                         "overwrite it; run this in the same namespace");
+        throw MakeError(EError::cNoScheduler,
+                        "the scheduling process {} runs in another IPC namespace: it would not "
+                        "notice a change and would overwrite it; run this in the same namespace",
+                        scheduler->process);
 }
 
 TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,

@@ -1,16 +1,16 @@
 #include <vxsched/Store.h>
 
-#include <algorithm>
+#include <fmt/format.h>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
-#include "base/Quoted.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Grid.h"
+#include "store/MakeError.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -44,20 +44,15 @@ void RefuseFor(const std::vector<TValidationError>& errors) {
     for (const TValidationError& error : errors) {
         message += (message.empty() ? "" : "\n") + error.message;
         if (error.canBeForced)
-            message += " (or force " + Quoted(error.Name()) + ')';
+            message += fmt::format(" (or force \"{}\")", error.Name());
     }
     throw CError(EError::cRefused, message);
-}
-
-void Drop(std::vector<TValidationError>& errors,
-          const std::function<bool(const TValidationError&)>& isIgnored) {
-    errors.erase(std::remove_if(errors.begin(), errors.end(), isIgnored), errors.end());
 }
 
 std::vector<TValidationError> FindUnforced(const TTaskEntry& task, EProgram how,
                                            const TForced& forced) {
     std::vector<TValidationError> errors = Validate(task, Now(), how);
-    Drop(errors, [&](const TValidationError& error) {
+    std::erase_if(errors, [&](const TValidationError& error) {
         return error.canBeForced && forced.contains(error.Name());
     });
     return errors;
@@ -100,11 +95,12 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
 }
 
 [[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
-    std::string message = "the change of " + Quoted(name);
-    message += outcome.log.empty()
-                   ? " was made but is not in the table; check the table, another process may be "
-                     "changing it"
-                   : " could not be saved, the table is as it was before; check for a full disk";
+    std::string message = fmt::format(
+        "the change of \"{}\" {}", name,
+        outcome.log.empty()
+            ? "was made but is not in the table; check the table, another process may be "
+              "changing it"
+            : "could not be saved, the table is as it was before; check for a full disk");
     for (const std::string& line : outcome.log)
         message += "; the add-in logged: " + line;
     throw CError(EError::cFailed, message);
@@ -123,7 +119,7 @@ TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     std::vector<TValidationError> errors =
         FindUnforced(entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
-    Drop(errors, [&](const TValidationError& error) {
+    std::erase_if(errors, [&](const TValidationError& error) {
         return (!edit.program && error.IsAboutProgram()) ||
                (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
@@ -268,7 +264,7 @@ static TCall RunCall(const TTaskEntry& task, bool force) {
     std::vector<TValidationError> errors = Validate(task, Now(), EProgram::cAsNamed);
     // The due time and the period do not matter to a run outside the schedule. A relative path is
     // resolved in the store's directory, where the change process works like the host.
-    Drop(errors, [](const TValidationError& error) {
+    std::erase_if(errors, [](const TValidationError& error) {
         return !error.IsAboutProgram() || error.kind == TValidationError::cRelativePath;
     });
     RefuseFor(errors);
@@ -288,11 +284,12 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
     call.waitForEnd = waitForEnd;
     const TOutcome outcome = MakeChange(options, {call}, onLaunch);
     if (outcome.process == 0)
-        throw CError(EError::cFailed, "cannot launch " + Quoted(call.task.program) + ": " +
-                                          outcome.launchError + "; check the program");
+        throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
+                        call.task.program, outcome.launchError);
     if (waitForEnd && !outcome.status)
-        throw CError(EError::cFailed, "process " + std::to_string(outcome.process) +
-                                          " was launched, but its exit status could not be read");
+        throw MakeError(EError::cFailed,
+                        "process {} was launched, but its exit status could not be read",
+                        outcome.process);
     return {outcome.process, outcome.status};
 }
 
@@ -320,8 +317,8 @@ TTaskEntry CStore::Get(std::string_view name) const {
     const TTable table = Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw CError(EError::cNotFound,
-                     "there is no task " + Quoted(name) + "; names are compared byte for byte");
+        throw MakeError(EError::cNotFound,
+                        "there is no task \"{}\"; names are compared byte for byte", name);
     return *task;
 }
 

@@ -4,6 +4,7 @@
 #include <VXC_Information.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -31,7 +32,6 @@
 #include "host/startup/LoadAddIn.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/SetUpCheck.h"
-#include "host/startup/StartupMemory.h"
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
@@ -102,9 +102,7 @@ public:
 };
 
 static void WarnOfPitfalls() {
-    for (const std::string& warning : WarningsOfOtherUsers())
-        LogWarning(warning);
-    if (const std::string warning = WarningOfRemoval(geteuid()); !warning.empty())
+    if (const std::string warning = WarningOfOtherUsers(); !warning.empty())
         LogWarning(warning);
     if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())
         LogNotice(notice);
@@ -206,7 +204,7 @@ static void Run(const THostOptions& options) {
         guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
-        ReleaseStartupMemory();
+        malloc_trim(0);  // the startup has decoded the table several times
         if (options.runOnce)
             loop.WaitForTickEnd();
         else

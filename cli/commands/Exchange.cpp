@@ -12,6 +12,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 
@@ -23,14 +24,14 @@ std::string ReadInput(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
     if (std::filesystem::is_directory(file))
-        throw CError(EError::cRefused, "cannot import: " + file + " is a directory");
+        throw MakeError(EError::cRefused, "cannot import: {} is a directory", file);
     if (file != "-") {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
     std::string content{std::istreambuf_iterator<char>(*input), {}};
     if (content.empty())
-        throw CError(EError::cRefused, "cannot import: " + file + " is empty or cannot be read");
+        throw MakeError(EError::cRefused, "cannot import: {} is empty or cannot be read", file);
     return content;
 }
 
@@ -70,8 +71,8 @@ void CheckImported(const TCommon& common, const std::vector<TImported>& imported
         for (const TValidationError& error :
              Validate(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
             if (IsHarmful(error.kind))
-                throw CError(EError::cRefused, fmt::format("cannot import task \"{}\": {}",
-                                                           task.name, error.message));
+                throw MakeError(EError::cRefused, "cannot import task \"{}\": {}", task.name,
+                                error.message);
             Warn(task.name, error.message);
         }
     }
@@ -89,11 +90,10 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
         else if (how == EImport::cMerge)
             *found = one.task;
         else
-            throw CError(
-                EError::cRefused,
-                fmt::format("a task \"{}\" already exists; use --merge to overwrite it, or "
+            throw MakeError(EError::cRefused,
+                            "a task \"{}\" already exists; use --merge to overwrite it, or "
                             "--replace to replace the whole table",
-                            one.task.name));
+                            one.task.name);
     }
     return tasks;
 }
@@ -107,7 +107,7 @@ void MakeLinks(const TCommon& common, const std::vector<TImported>& imported) {
 
 }  // namespace
 
-int Export(const TCommon& common, COutput& output) {
+TExitStatus Export(const TCommon& common, COutput& output) {
     const TTable table = CStore(common.store).Read();
     nlohmann::ordered_json tasks = nlohmann::ordered_json::array();
     for (const TTaskEntry& task : table.tasks) {
@@ -118,20 +118,19 @@ int Export(const TCommon& common, COutput& output) {
         tasks.push_back(json);
     }
     output.Raw(Document({{"tasks", tasks}}));
-    return 0;
+    return cDone;
 }
 
-int Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
+TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
     const std::vector<TImported> imported = ReadTasks(ReadInput(file));
     CheckImported(common, imported);
     const CStore store(common.store);
     const TTable present = store.Read();
     const std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
-    const std::string count =
-        fmt::format("{} task{}", imported.size(), imported.size() == 1 ? "" : "s");
+    const std::string count = CountOf(imported.size(), "task");
     if (common.dryRun) {
         output.Line(fmt::format("would import {}; the table would have {}", count, tasks.size()));
-        return 0;
+        return cDone;
     }
     // Called with the writer lock and the store mutex held. The tasks were joined without a lock:
     // a change since then would be lost.
@@ -142,7 +141,7 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
         MakeLinks(common, imported);
     });
     output.Line(fmt::format("imported {}; the table has {} now", count, tasks.size()));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

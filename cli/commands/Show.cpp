@@ -95,7 +95,7 @@ std::string FormatRun(const TRunRecord& run, EZone zone) {
 
 }  // namespace
 
-int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
+TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const TTable table = CStore(common.store).Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
@@ -117,7 +117,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         for (const TRunRecord& run : runs)
             json["last_runs"].push_back(JsonOf(run));
         output.Raw(Document({{"task", json}}));
-        return 0;
+        return cDone;
     }
     const auto line = [&](std::string_view label, const std::string& value) {
         output.Line(output.Coloured(fmt::format("{:<13}", label), EColour::cBold) +
@@ -137,7 +137,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         line("Not running", why);
     for (const TRunRecord& run : runs)
         line(&run == runs.data() ? "Last runs" : "", FormatRun(run, common.zone));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

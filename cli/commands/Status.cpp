@@ -9,7 +9,6 @@
 #include <vxsched/SchedulingProcess.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
 #include "store/StoreMutexState.h"
@@ -108,8 +107,8 @@ std::string DescribeTable(const TStatus& status) {
         return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
         return status.tableError;
-    return fmt::format("{} task{} in {} bytes, valid", status.table->tasks.size(),
-                       status.table->tasks.size() == 1 ? "" : "s", status.size);
+    return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
+                       status.size);
 }
 
 void PrintJson(const TStatus& status, COutput& output) {
@@ -133,7 +132,7 @@ void PrintJson(const TStatus& status, COutput& output) {
 
 }  // namespace
 
-int Status(const TCommon& common, COutput& output) {
+TExitStatus Status(const TCommon& common, COutput& output) {
     const TStatus status = ReadStatus(common);
     if (common.json) {
         PrintJson(status, output);

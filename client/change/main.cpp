@@ -4,6 +4,7 @@
 
 #include <VXC_Log.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +29,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
@@ -142,8 +144,8 @@ std::string ReadBack(const TRequest& request) {
         const CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
         return ReadTableBytes(".");
     } catch (const CError& error) {
-        throw CError(EError::cFailed,
-                     std::string("the change was made but could not be verified: ") + error.what());
+        throw MakeError(EError::cFailed, "the change was made but could not be verified: {}",
+                        error.what());
     }
 }
 
@@ -170,12 +172,11 @@ void BecomeOwner() {
 
 void RequireSavesInOneStep(const std::string& addIn) {
     if (const std::string reason = WhySavesAreNotInOneStep(addIn); !reason.empty())
-        throw CError(
+        throw MakeError(
             EError::cFailed,
-            "the add-in " + addIn +
-                " is refused, since a save that is interrupted would lose tasks: " + reason +
-                ". Run the client without another support library (LD_PRELOAD), or with "
-                "another add-in");
+            "the add-in {} is refused, since a save that is interrupted would lose tasks: {}. Run "
+            "the client without another support library (LD_PRELOAD), or with another add-in",
+            addIn, reason);
 }
 
 void Serve(TRequest& request) {
@@ -231,10 +232,10 @@ int Main() {
         return 0;
     } catch (const CError& error) {
         SendMessage(cMessageError,
-                    std::to_string(static_cast<int>(error.Code())) + ' ' + error.what());
+                    fmt::format("{} {}", static_cast<int>(error.Code()), error.what()));
     } catch (const std::exception& error) {
         SendMessage(cMessageError,
-                    std::to_string(static_cast<int>(EError::cFailed)) + ' ' + error.what());
+                    fmt::format("{} {}", static_cast<int>(EError::cFailed), error.what()));
     }
     return 1;
 }

@@ -68,7 +68,7 @@ TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]
         run.task = task->name;
         run.due = vxsched::TTime(std::chrono::seconds(task->nextExecution));
     }
-    run.started = Now();
+    run.started = CurrentMoment();
     return run;
 }
 

@@ -99,7 +99,7 @@ bool CTableGuard::Watch() {
 }
 
 void CTableGuard::Run() {
-    MarkHostThread();
+    gIsHostThread = true;
     // The constructor's check may have failed.
     bool retry = !lastValid;
     while (!isStopping) {

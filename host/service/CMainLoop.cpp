@@ -35,7 +35,7 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
                TClock::now()) {
     Watch(signals.Descriptor(), [this] { ReadSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
-    MarkHostThread();
+    gIsHostThread = true;
     // For the service manager's watchdog the worker is checked at fixed intervals anyway.
     if (service.WatchdogTimeout().count() > 0)
         return;

@@ -132,10 +132,8 @@ TExitStatus CheckSetUp(const THostOptions& options) {
         CheckWritable(options.logFile, cFailed, report);
     if (options.output != "inherit" && options.output != "journal")
         CheckWritable(options.output, cNoDirectory, report);
-    for (const std::string& pitfall : {WarningOfRemoval(geteuid()), NoticeOfPrivateNamespace()}) {
-        if (!pitfall.empty())
-            CReport::Warn(pitfall);
-    }
+    if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())
+        CReport::Warn(notice);
     if (report.Status() == cStopped)
         CReport::Ok("a host could run");
     return report.Status();
