@@ -112,15 +112,19 @@ std::string ReadBytes(const fs::path& file) {
             return std::string(8, '\0');
         throw SystemError("cannot read " + file.string(), errno);
     }
+    return ReadBytes(descriptor.Get(), file);
+}
+
+std::string ReadBytes(int descriptor, const fs::path& file) {
     struct stat status {};
-    const bool hasSize = fstat(descriptor.Get(), &status) == 0 && S_ISREG(status.st_mode);
+    const bool hasSize = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
     if (hasSize)
         RequireSize(static_cast<std::uint64_t>(status.st_size), file);
     // One byte more than the size, so that the first read() finds the end.
     std::string bytes(hasSize ? static_cast<std::size_t>(status.st_size) + 1 : cBlock, '\0');
     std::size_t length = 0;
     ssize_t count = 0;
-    while ((count = read(descriptor.Get(), bytes.data() + length, bytes.size() - length)) != 0) {
+    while ((count = read(descriptor, bytes.data() + length, bytes.size() - length)) != 0) {
         if (count == -1 && errno != EINTR)
             throw SystemError("cannot read " + file.string(), errno);
         length += count > 0 ? static_cast<std::size_t>(count) : 0;

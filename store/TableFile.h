@@ -22,6 +22,9 @@ std::filesystem::path BackupFile(const std::filesystem::path& directory);
 // (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table.
 std::string ReadBytes(const std::filesystem::path& file);
 
+// The same for a file that is open for reading, from where it stands; `file` is for messages.
+std::string ReadBytes(int descriptor, const std::filesystem::path& file);
+
 // Reads the bytes of a directory's table, also damaged ones. Takes no lock: the caller holds the
 // store mutex, or runs as part of the tick that holds it. Does not block, not even on a FIFO in
 // place of the file. A missing file is an empty table (8 zero bytes). Throws CError (cNoAccess,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
 #include "host/recovery/CSnapshots.h"
+#include "store/CTableLease.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
 // read under the store mutex and checked. A valid table is kept as a snapshot. A damaged table, or
@@ -57,12 +59,13 @@ private:
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
 
     // Check() takes the store mutex and not the writer lock. It alone calls Examine, Restore,
-    // QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
+    // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
     // checks (the constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
                  std::vector<vxsched::TTaskEntry> tasks);
+    bool MayReplace(const vxsched::CTableLease& lease, const std::string& bytes);
     void QuarantineOnce(const std::string& bytes, const std::string& restored);
     void Keep(const std::string& bytes);
 
@@ -79,6 +82,12 @@ private:
     TSaves saves;
     bool isModified = false;       // between a write and the close of the table
     std::uint32_t saveCookie = 0;  // of the rename that may have put a save in the table's place
+    // Of a file that may have to be restored and that somebody has open, or for which no lease is
+    // granted: its state, and since when it has been that.
+    struct {
+        std::string state;
+        std::chrono::steady_clock::time_point since;
+    } unchanged;
     // As bytes, which take less than half the memory of decoded tasks.
     std::shared_ptr<const std::string> lastValid;
     CSnapshots snapshots;
