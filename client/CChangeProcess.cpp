@@ -46,7 +46,6 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     std::string bytes;
     PutField(bytes, Encode(request));
     Send(bytes);
-    shutdown(socket, SHUT_WR);
 }
 
 CChangeProcess::~CChangeProcess() {

@@ -10,6 +10,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/ExitStatus.h"
+#include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/ProgramLinks.h"
 
@@ -148,6 +149,8 @@ int Run(const TCommon& common, const std::string& name, bool force, bool wait, C
             // The launch must not be abandoned for this. COutput keeps the line, and the last
             // Finish() of the command reports the error.
         }
+        if (wait)
+            CInterruption::WaitsFor(process);
     });
     if (!run.status)
         return cDone;

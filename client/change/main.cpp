@@ -5,8 +5,10 @@
 #include <VXC_Log.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,6 +28,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ProgramLinks.h"
+#include "store/StopEvent.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
 
@@ -36,8 +39,11 @@ namespace {
 // The socket to the client; it comes as standard input.
 int gClient = -1;
 
-// Sends a message to the client. If the client has ended, the message is dropped and the change
-// goes on.
+// How long the client may leave a message unread or unanswered, in milliseconds.
+constexpr int cClientLimit = 5'000;
+
+// Sends a message to the client. If the client has ended, or is stopped and has left earlier
+// messages unread, this message and later ones are dropped, and the change goes on.
 void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
@@ -47,8 +53,11 @@ void SendMessage(const char* kind, const std::string& content) {
         const ssize_t count = send(gClient, unsent.data(), unsent.size(), MSG_NOSIGNAL);
         if (count == -1 && errno == EINTR)
             continue;
-        if (count <= 0)
+        if (count <= 0) {
+            // Half a message may have been sent, after which no other makes sense.
+            shutdown(gClient, SHUT_WR);
             return;
+        }
         unsent.remove_prefix(static_cast<std::size_t>(count));
     }
 }
@@ -56,18 +65,33 @@ void SendMessage(const char* kind, const std::string& content) {
 // Reads the request; empty if the client ended before it had sent all of it.
 std::optional<TRequest> ReadRequest() {
     std::string bytes;
+    std::optional<std::string> field;
     char block[4096];
-    ssize_t count = 0;
-    while ((count = read(gClient, block, sizeof block)) != 0) {
+    while (!(field = TakeField(bytes))) {
+        const ssize_t count = read(gClient, block, sizeof block);
         if (count > 0)
             bytes.append(block, static_cast<std::size_t>(count));
-        else if (errno != EINTR)
+        else if (count == 0 || errno != EINTR)
             return {};
     }
-    std::optional<std::string> field = TakeField(bytes);
-    if (!field)
-        return {};
     return DecodeRequest(std::move(*field));
+}
+
+// Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
+// if it does not answer: a client that is stopped must not keep the locks from everybody else.
+bool MayBegin() {
+    SendMessage(cMessageReady, "");
+    pollfd answer{.fd = gClient, .events = POLLIN, .revents = 0};
+    int ready = 0;
+    do {
+        ready = poll(&answer, 1, cClientLimit);
+    } while (ready == -1 && errno == EINTR);
+    if (ready == 0)
+        throw CError(EError::cBusy,
+                     "the client was stopped while its change was prepared; nothing was changed; "
+                     "try again");
+    char go = 0;
+    return read(gClient, &go, 1) == 1;
 }
 
 // Checks the request and loads the add-in; empty if a message has sent the client to wait or start
@@ -76,6 +100,12 @@ std::optional<TRequest> ReadRequest() {
 // kernel releases the mutex at the end of this process.
 std::optional<CAddIn> Load(TRequest& request) {
     CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
+    // A direct client's load during a tick sets the mutex free. What this process saved then, the
+    // end of the tick would overwrite.
+    if (request.hasScheduler && !IsWorkerIdle()) {
+        SendMessage(cMessageTick, "");
+        return {};
+    }
     const std::string bytes = ReadBytes(TableFile("."));
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
@@ -87,6 +117,8 @@ std::optional<CAddIn> Load(TRequest& request) {
         SendMessage(cMessageChanged, changed->task.name);
         return {};
     }
+    if (!MayBegin())
+        return {};
     // Under the same writer lock as the calls, or another client might remove the link before its
     // task is in the table.
     for (TCall& call : request.calls) {
@@ -195,6 +227,7 @@ void Serve(TRequest& request) {
         else
             SendMessage(cMessageLaunchFailed, std::strerror(error));
     });
+    std::string bytes;
     {
         const CWriterLock writerLock(".", std::chrono::milliseconds(request.lockTimeout));
         const std::optional<CAddIn> addIn = Load(request);
@@ -202,10 +235,11 @@ void Serve(TRequest& request) {
             return;
         for (const TCall& call : request.calls)
             Make(*addIn, call);
-        const std::string bytes = ReadBack(request);
+        bytes = ReadBack(request);
         TidyLinks(request, bytes);
-        SendMessage(cMessageTable, bytes);
     }
+    // Without the locks, since a table of many tasks takes as long as the client to read it.
+    SendMessage(cMessageTable, bytes);
     if (launched == 0 || !request.calls.back().waitForEnd)
         return;
     if (const std::optional<int> status = WaitForEnd(launched))
@@ -216,6 +250,8 @@ int Main() {
     gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
+    const timeval limit{.tv_sec = cClientLimit / 1000, .tv_usec = 0};
+    setsockopt(gClient, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;

@@ -1,6 +1,5 @@
 #include "host/recovery/CTableGuard.h"
 
-#include <CEvent.h>
 #include <fmt/format.h>
 #include <malloc.h>
 #include <poll.h>
@@ -186,10 +185,8 @@ bool CTableGuard::Check() {
         // Lock order: the host holds the directory lock; the writer lock is skipped, since a client
         // may hold it for many seconds; locks inside the process come after the store mutex.
         const vxsched::CStoreMutexLock lock(cLockTimeout);
-        // A client's load sets the mutex free, so this lock may have been obtained during a tick,
-        // whose launches the table does not show yet. Between ticks the worker waits for the stop
-        // event.
-        if (isWorkerRunning && CEvent::UseOf(cStopEventName).waiters == 0)
+        // A tick may be under way all the same, whose launches the table does not show yet.
+        if (isWorkerRunning && !IsWorkerIdle())
             return false;
         ReadEvents();
         if (!isWatching)

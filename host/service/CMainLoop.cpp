@@ -21,10 +21,6 @@ static constexpr std::chrono::seconds cLateTick(75);
 // The end of a tick is polled for, since no event announces it.
 static constexpr std::chrono::milliseconds cTickPollInterval(5);
 
-static bool WorkerIsIdle() {
-    return CEvent::UseOf(cStopEventName).waiters > 0;
-}
-
 CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
                      CLaunchedPrograms& launchedPrograms, CEvent& workerStopEvent)
     : signals(hostSignals),
@@ -58,7 +54,7 @@ void CMainLoop::WaitForStop() {
 }
 
 void CMainLoop::WaitForTickEnd() {
-    while (!stopSignal && !WorkerIsIdle())
+    while (!stopSignal && !IsWorkerIdle())
         WaitOnce(TClock::now() + cTickPollInterval);
 }
 
@@ -124,7 +120,7 @@ void CMainLoop::OnSignal(int number) {
 }
 
 void CMainLoop::MonitorWorker() {
-    const auto verdict = watchdog.Check(TClock::now(), WorkerIsIdle(), programs.CountLaunches());
+    const auto verdict = watchdog.Check(TClock::now(), IsWorkerIdle(), programs.CountLaunches());
     if (verdict == CWorkerWatchdog::cTooEarly)
         return;
     wasAlive = verdict == CWorkerWatchdog::cAlive;
