@@ -16,7 +16,8 @@
 inline constexpr int cNotAFile = ENOTSUP;
 
 // Opens a regular file, close-on-exec; follows links unless `flags` say otherwise. `flags` and
-// `mode` are those of open(). Never waits for the other end of a FIFO. On failure returns a closed
+// `mode` are those of open(). Never waits for the other end of a FIFO,
+// only for a lease that another process holds. On failure returns a closed
 // descriptor, with errno: that of open(), EISDIR for a directory, cNotAFile for anything else that
 // is no file.
 CDescriptor OpenRegularFile(const char* path, int flags, mode_t mode = 0);
@@ -25,3 +26,6 @@ CDescriptor OpenRegularFile(const char* path, int flags, mode_t mode = 0);
 // errno as of OpenRegularFile() and read(), or EFBIG if it has more than `most` bytes, which is
 // found out before memory is allocated for them; `bytes` is unspecified then.
 bool ReadRegularFile(const std::string& path, std::uint64_t most, std::string& bytes);
+
+// The same for a regular file that is open for reading, from where it stands.
+bool ReadRegularFile(int descriptor, std::uint64_t most, std::string& bytes);

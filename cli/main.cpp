@@ -13,6 +13,7 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/MakeError.h"
 #include "store/TableFile.h"
@@ -31,6 +32,8 @@ TExitStatus StatusOf(EError error) {
             return cDamagedStatus;
         case EError::cNoScheduler:
             return cNoSchedulerStatus;
+        case EError::cUnknown:
+            return cUnknownStatus;
         case EError::cFailed:
         case EError::cBusy:
         case EError::cRefused:
@@ -145,7 +148,7 @@ CCommandLine::CCommandLine() {
         "Times: 2026-11-21 14:30 (local; append Z or +01:00 for another zone), 14:30,\n"
         "tomorrow 02:00, now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
         "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task, 4 no access,\n"
-        "5 damaged table, 6 no scheduling process.");
+        "5 damaged table, 6 no scheduling process, 9 cut short, result unknown.");
     AddQueries();
     AddChanges();
     AddMaintenance();
@@ -456,6 +459,8 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     common.forced = TForced(forced.begin(), forced.end());
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
+    common.store.onBegin = CInterruption::ChangeBegins;
+    const CInterruption interruption;
     const TExitStatus status = chosen();
     try {
         output.Finish();

@@ -50,7 +50,6 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     PutField(bytes, Encode(request));
     // If the process has ended, Next() reports that.
     SendAll(socket, bytes);
-    shutdown(socket, SHUT_WR);
 }
 
 CChangeProcess::~CChangeProcess() {
@@ -59,6 +58,10 @@ CChangeProcess::~CChangeProcess() {
         Kill();
         WaitForEnd();
     }
+}
+
+void CChangeProcess::Go() const {
+    SendAll(socket, "g");
 }
 
 void CChangeProcess::Kill() const {

@@ -94,16 +94,21 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
            (found->next == wanted.next || hasRun || wanted.next < since);
 }
 
-[[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
-    std::string message = fmt::format(
-        "the change of \"{}\" {}", name,
-        outcome.log.empty()
-            ? "was made but is not in the table; check the table, another process may be "
-              "changing it"
-            : "could not be saved, the table is as it was before; check for a full disk");
-    for (const std::string& line : outcome.log)
-        message += "; the add-in logged: " + line;
-    throw CError(EError::cFailed, message);
+// The name of a task that is to be in the table and is not as it should be.
+std::optional<std::string> MissingUnless(bool isThere, std::string_view name) {
+    return isThere ? std::nullopt : std::optional(std::string(name));
+}
+
+// Finds the first of the calls' tasks that is not in the table as `isChanged` wants it; null stands
+// for a task that is not there.
+template <typename IsChanged>
+std::optional<std::string> FindUnchanged(const TOutcome& outcome, const std::vector<TCall>& calls,
+                                         const IsChanged& isChanged) {
+    for (const TCall& call : calls) {
+        if (!isChanged(outcome.table.Find(call.task.name), call))
+            return call.task.name;
+    }
+    return {};
 }
 
 // The entry after an edit. Throws CError (cRefused) on a validation error.
@@ -160,10 +165,11 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     // rescheduled.
     const TTime since = Now();
     call.keepDue = task.period == 0 || task.due >= since;
-    const TOutcome outcome = MakeChange(options, {call});
-    entry.program = ProgramOf(entry, outcome);
-    if (!IsThere(outcome.table, entry, since))
-        NotThere(task.name, outcome);
+    const TOutcome outcome = MakeChange(
+        options, {{call}, [&](const TOutcome& made) {
+                      entry.program = ProgramOf(entry, made);
+                      return MissingUnless(IsThere(made.table, entry, since), entry.name);
+                  }});
     const TTaskEntry* const made = outcome.table.Find(task.name);
     return made != nullptr ? *made : entry;
 }
@@ -198,28 +204,27 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     if (entry.paused)
         calls.push_back(CallOf(TCall::cPause, entry));
     const TTime since = Now();
-    const TOutcome outcome = MakeChange(options, calls);
-    entry.program = ProgramOf(entry, outcome);
-    if (!IsThere(outcome.table, entry, since))
-        NotThere(entry.name, outcome);
+    MakeChange(options, {calls, [&](const TOutcome& made) {
+                             entry.program = ProgramOf(entry, made);
+                             return MissingUnless(IsThere(made.table, entry, since), entry.name);
+                         }});
     return entry;
 }
 
 void CStore::Remove(const std::vector<std::string>& names) const {
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cDestroy, names));
-    for (const std::string& name : names) {
-        if (outcome.table.Find(name) != nullptr)
-            NotThere(name, outcome);
-    }
+    const std::vector<TCall> calls = CallsOf(TCall::cDestroy, names);
+    const auto isGone = [](const TTaskEntry* task, const TCall&) { return task == nullptr; };
+    MakeChange(options,
+               {calls, [&](const TOutcome& made) { return FindUnchanged(made, calls, isGone); }});
 }
 
 void CStore::Pause(const std::vector<std::string>& names) const {
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cPause, names));
-    for (const std::string& name : names) {
-        const TTaskEntry* const task = outcome.table.Find(name);
-        if (task == nullptr || !task->paused)
-            NotThere(name, outcome);
-    }
+    const std::vector<TCall> calls = CallsOf(TCall::cPause, names);
+    const auto isPaused = [](const TTaskEntry* task, const TCall&) {
+        return task != nullptr && task->paused;
+    };
+    MakeChange(options,
+               {calls, [&](const TOutcome& made) { return FindUnchanged(made, calls, isPaused); }});
 }
 
 static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
@@ -237,12 +242,12 @@ void CStore::CheckResume(const std::vector<std::string>& names, const TForced& f
 
 void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
     const std::vector<TCall> calls = ResumeCalls(names, forced);
-    const TOutcome outcome = MakeChange(options, calls);
-    for (const TCall& call : calls) {
-        const TTaskEntry* const task = outcome.table.Find(call.task.name);
-        if (task == nullptr ? !call.mayRemove : task->paused)
-            NotThere(call.task.name, outcome);
-    }
+    const auto isResumed = [](const TTaskEntry* task, const TCall& call) {
+        return task == nullptr ? call.mayRemove : !task->paused;
+    };
+    MakeChange(options, {calls, [&](const TOutcome& made) {
+                             return FindUnchanged(made, calls, isResumed);
+                         }});
 }
 
 TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
@@ -253,11 +258,14 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
     // SetTaskPeriod would take a task that now runs once for a missed one and remove it.
     if (hours == 0)
         return Edit(name, edit, forced);
-    const TOutcome outcome = MakeChange(options, {CallOf(TCall::cSetPeriod, entry)});
-    const TTaskEntry* const task = outcome.table.Find(name);
-    if (task == nullptr || task->period != hours)
-        NotThere(name, outcome);
-    return *task;
+    const std::vector<TCall> calls = {CallOf(TCall::cSetPeriod, entry)};
+    const auto hasPeriod = [&](const TTaskEntry* task, const TCall&) {
+        return task != nullptr && task->period == hours;
+    };
+    const TOutcome outcome = MakeChange(options, {calls, [&](const TOutcome& made) {
+                                                      return FindUnchanged(made, calls, hasPeriod);
+                                                  }});
+    return *outcome.table.Find(name);
 }
 
 static TCall RunCall(const TTaskEntry& task, bool force) {
@@ -282,7 +290,13 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
                  const std::function<void(pid_t)>& onLaunch) const {
     TCall call = RunCall(Get(name), force);
     call.waitForEnd = waitForEnd;
-    const TOutcome outcome = MakeChange(options, {call}, onLaunch);
+    const auto isAttempted = [](const TOutcome& made) {
+        return made.process != 0 || !made.launchError.empty();
+    };
+    const TOutcome outcome = MakeChange(
+        options, {{call},
+                  [&](const TOutcome& made) { return MissingUnless(isAttempted(made), name); },
+                  onLaunch});
     if (outcome.process == 0)
         throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
                         call.task.program, outcome.launchError);
@@ -304,6 +318,8 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         const std::string bytes = ReadTableBytes(options.directory);
         if (canReplace)
             canReplace(bytes);
+        if (options.onBegin)
+            options.onBegin();
         if (IsTable(bytes))
             KeepBeforeChange(options.directory, bytes);
         ReplaceTable(options.directory, EncodeTable(tasks));

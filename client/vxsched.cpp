@@ -29,6 +29,8 @@ vxsched_error CodeOf(vxsched::EError error) {
             return VXSCHED_NO_SCHEDULER;
         case vxsched::EError::cBusy:
             return VXSCHED_BUSY;
+        case vxsched::EError::cUnknown:
+            return VXSCHED_UNKNOWN;
         case vxsched::EError::cFailed:
             break;
     }

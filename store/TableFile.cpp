@@ -15,6 +15,7 @@
 #include "base/RegularFile.h"
 #include "base/WriteAll.h"
 #include "store/Layout.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -105,22 +106,28 @@ fs::path TableFile(const fs::path& directory) {
 }
 
 std::string ReadBytes(const fs::path& file) {
-    std::string bytes;
-    if (ReadRegularFile(file.string(), cMostBytes, bytes))
-        return bytes;
-    const int error = errno;
-    if (error == ENOENT)
+    const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_RDONLY);
+    if (descriptor.IsOpen())
+        return ReadBytes(descriptor.Get(), file);
+    if (errno == ENOENT)
         return std::string(8, '\0');
-    const std::string failure = "cannot read " + file.string();
-    if (error == cNotAFile)
-        throw CError(EError::cFailed, failure + ": it is not a file; put one in its place");
+    if (errno == cNotAFile)
+        throw MakeError(EError::cFailed, "cannot read {}: it is not a file; put one in its place",
+                        file.string());
+    throw SystemError("cannot read " + file.string(), errno);
+}
+
+std::string ReadBytes(int descriptor, const fs::path& file) {
+    std::string bytes;
+    if (ReadRegularFile(descriptor, cMostBytes, bytes))
+        return bytes;
+    if (errno != EFBIG)
+        throw SystemError("cannot read " + file.string(), errno);
     std::error_code ignored;
-    if (error == EFBIG)
-        throw CError(EError::cFailed,
-                     failure + ": it has " + std::to_string(fs::file_size(file, ignored)) +
-                         " bytes, and no table has more than " + std::to_string(cMostBytes) +
-                         "; replace it by a valid table");
-    throw SystemError(failure, error);
+    throw MakeError(EError::cFailed,
+                    "cannot read {}: it has {} bytes, and no table has more than {}; replace it by "
+                    "a valid table",
+                    file.string(), fs::file_size(file, ignored), cMostBytes);
 }
 
 std::string ReadTableBytes(const fs::path& directory) {

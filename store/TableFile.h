@@ -21,6 +21,9 @@ std::filesystem::path TableFile(const std::filesystem::path& directory);
 // table, or is a directory, a FIFO, a socket or a device.
 std::string ReadBytes(const std::filesystem::path& file);
 
+// The same for a file that is open for reading, from where it stands; `file` is for messages.
+std::string ReadBytes(int descriptor, const std::filesystem::path& file);
+
 // ReadBytes() of a directory's table. Takes no lock: the caller holds the store mutex, or runs as
 // part of the tick that holds it.
 std::string ReadTableBytes(const std::filesystem::path& directory);

@@ -9,6 +9,7 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -148,6 +149,8 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
             // The launch must not be abandoned for this. COutput keeps the line, and the last
             // Finish() of the command reports the error.
         }
+        if (wait)
+            CInterruption::WaitsFor(process);
     });
     if (!run.status)
         return cDone;

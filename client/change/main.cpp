@@ -6,7 +6,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,6 +36,7 @@
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
+#include "store/WorkerState.h"
 
 namespace vxsched {
 
@@ -41,30 +45,50 @@ namespace {
 // The socket to the client; it comes as standard input.
 int gClient = -1;
 
-// Sends a message to the client. If the client has ended, the message is dropped and the change
-// goes on.
+// How long the client may leave a message unread or unanswered, in milliseconds.
+constexpr int cClientLimit = 5'000;
+
+// Sends a message to the client. If the client has ended, or is stopped and has left earlier
+// messages unread, this message and later ones are dropped, and the change goes on.
 void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
     PutField(bytes, content);
-    SendAll(gClient, bytes);
+    // Half a message may have been sent, after which no other makes sense.
+    if (!SendAll(gClient, bytes))
+        shutdown(gClient, SHUT_WR);
 }
 
 // Reads the request; empty if the client ended before it had sent all of it.
 std::optional<TRequest> ReadRequest() {
     std::string bytes;
+    std::optional<std::string> field;
     char block[4096];
-    ssize_t count = 0;
-    while ((count = read(gClient, block, sizeof block)) != 0) {
+    while (!(field = TakeField(bytes))) {
+        const ssize_t count = read(gClient, block, sizeof block);
         if (count > 0)
             bytes.append(block, static_cast<std::size_t>(count));
-        else if (errno != EINTR)
+        else if (count == 0 || errno != EINTR)
             return {};
     }
-    std::optional<std::string> field = TakeField(bytes);
-    if (!field)
-        return {};
     return DecodeRequest(std::move(*field));
+}
+
+// Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
+// if it does not answer: a client that is stopped must not keep the locks from everybody else.
+bool MayBegin() {
+    SendMessage(cMessageReady, "");
+    pollfd answer{.fd = gClient, .events = POLLIN, .revents = 0};
+    int ready = 0;
+    do {
+        ready = poll(&answer, 1, cClientLimit);
+    } while (ready == -1 && errno == EINTR);
+    if (ready == 0)
+        throw CError(EError::cBusy,
+                     "the client was stopped while its change was prepared; nothing was changed; "
+                     "try again");
+    char go = 0;
+    return read(gClient, &go, 1) == 1;
 }
 
 // Checks the request and loads the add-in; empty if a message has sent the client to wait or start
@@ -73,6 +97,12 @@ std::optional<TRequest> ReadRequest() {
 // kernel releases the mutex at the end of this process.
 std::optional<CAddIn> Load(TRequest& request) {
     CStoreMutexLock lock{std::chrono::milliseconds(request.lockTimeout)};
+    // A direct client's load during a tick sets the mutex free. What this process saved then, the
+    // end of the tick would overwrite.
+    if (request.hasScheduler && !IsWorkerIdle()) {
+        SendMessage(cMessageTick, "");
+        return {};
+    }
     const std::string bytes = ReadTableBytes(".");
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
@@ -84,6 +114,8 @@ std::optional<CAddIn> Load(TRequest& request) {
         SendMessage(cMessageChanged, changed->task.name);
         return {};
     }
+    if (!MayBegin())
+        return {};
     // Under the same writer lock as the calls, or another client might remove the link before its
     // task is in the table.
     for (TCall& call : request.calls) {
@@ -192,6 +224,7 @@ void Serve(TRequest& request) {
         else
             SendMessage(cMessageLaunchFailed, std::strerror(error));
     });
+    std::string bytes;
     {
         const CWriterLock writerLock(".", std::chrono::milliseconds(request.lockTimeout));
         const std::optional<CAddIn> addIn = Load(request);
@@ -199,10 +232,11 @@ void Serve(TRequest& request) {
             return;
         for (const TCall& call : request.calls)
             Make(*addIn, call);
-        const std::string bytes = ReadBack(request);
+        bytes = ReadBack(request);
         TidyLinks(request, bytes);
-        SendMessage(cMessageTable, bytes);
     }
+    // Without the locks, since a table of many tasks takes as long as the client to read it.
+    SendMessage(cMessageTable, bytes);
     if (launched == 0 || !request.calls.back().waitForEnd)
         return;
     if (const std::optional<int> status = WaitForEnd(launched))
@@ -213,6 +247,8 @@ int Main() {
     gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
+    const timeval limit{.tv_sec = cClientLimit / 1000, .tv_usec = 0};
+    setsockopt(gClient, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;

@@ -1,6 +1,5 @@
 #include "host/recovery/CTableGuard.h"
 
-#include <CEvent.h>
 #include <fmt/format.h>
 #include <malloc.h>
 #include <poll.h>
@@ -25,6 +24,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/Layout.h"
 #include "store/TableFile.h"
+#include "store/WorkerState.h"
 
 using vxsched::TTaskEntry;
 
@@ -32,6 +32,7 @@ namespace {
 
 // Short, since a tick may hold the store mutex for minutes, and End() waits for a check.
 constexpr std::chrono::milliseconds cLockTimeout(200);
+constexpr std::chrono::seconds cLongerThanAnySave(10);
 constexpr int cRetryInterval = 100;  // milliseconds
 constexpr int cNoTimeout = -1;
 
@@ -184,10 +185,8 @@ bool CTableGuard::Check() {
         // Lock order: the host holds the directory lock; the writer lock is skipped, since a client
         // may hold it for many seconds; locks inside the process come after the store mutex.
         const vxsched::CStoreMutexLock lock(cLockTimeout);
-        // A client's load sets the mutex free, so this lock may have been obtained during a tick,
-        // whose launches the table does not show yet. Between ticks the worker waits for the stop
-        // event.
-        if (isWorkerRunning && CEvent::UseOf(vxsched::cStopEventName).waiters == 0)
+        // A tick may be under way all the same, whose launches the table does not show yet.
+        if (isWorkerRunning && !vxsched::IsWorkerIdle())
             return false;
         ReadEvents();
         if (!isWatching)
@@ -271,13 +270,22 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// Puts `tasks`, with the launches made since, in the place of the table.
+// Puts `tasks`, with the launches made since, in the place of the table, unless a save may be in
+// progress or is done by now. The caller repeats the check in any case.
 void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
                           std::vector<TTaskEntry> tasks) {
+    const vxsched::CTableLease lease(vxsched::TableFile("."));
+    if (!MayReplace(lease, bytes))
+        return;
     ApplyLaunchRecords(ReadLaunchRecords(), vxsched::Now(), tasks);
     const std::string restored = vxsched::EncodeTable(tasks);
     QuarantineOnce(bytes, restored);
-    if (restored != bytes)
+    // First of all a snapshot: if the host is killed while it overwrites the table, the next one
+    // finds every task there.
+    Keep(restored);
+    if (restored != bytes && lease.State() == vxsched::CTableLease::cHeld)
+        lease.Overwrite(restored);
+    else if (restored != bytes)
         vxsched::ReplaceOrOverwriteTable(".", restored);
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
@@ -286,8 +294,37 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
         RemoveLaunchRecord(record);
     wereTasksDeleted = false;
     ReadEvents();
-    Keep(restored);
-    saves.replacedAll = true;  // events of other processes were read together with this one's
+    saves = {};
+    // Without the lease, events of other processes were read together with this one's.
+    saves.replacedAll = lease.State() != vxsched::CTableLease::cHeld;
+}
+
+// Whether nobody is about to write the table, of which `bytes` were read. The store mutex does not
+// tell: a client's load sets it free, and the bytes may be those of a save that has only begun.
+bool CTableGuard::MayReplace(const vxsched::CTableLease& lease, const std::string& bytes) {
+    switch (lease.State()) {
+        case vxsched::CTableLease::cMissing:
+            return true;
+        case vxsched::CTableLease::cHeld:
+            return lease.Read() == bytes;
+        case vxsched::CTableLease::cWritten:
+            return false;
+        case vxsched::CTableLease::cUnknown:
+            break;
+    }
+    const std::string state = vxsched::TableState(".");
+    const auto now = std::chrono::steady_clock::now();
+    if (unchanged.state != state)
+        unchanged = {state, now};
+    if (now - unchanged.since < cLongerThanAnySave)
+        return false;
+    LogWarning(fmt::format(
+        "cannot make sure that nobody is writing the table: another user owns it, its file system "
+        "has no leases, or somebody keeps it open. It has not changed for {} s, so that is "
+        "assumed.",
+        cLongerThanAnySave.count()));
+    unchanged = {};
+    return true;
 }
 
 // Quarantines a damaged table once, however often its replacement is retried.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
+#include "store/CTableLease.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
 // read under the store mutex and checked. A valid table is kept as a snapshot. A damaged table, or
@@ -55,12 +57,13 @@ private:
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
 
     // Check() takes the store mutex and not the writer lock. It alone calls Examine, Restore,
-    // QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
+    // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
     // checks (the constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
                  std::vector<vxsched::TTaskEntry> tasks);
+    bool MayReplace(const vxsched::CTableLease& lease, const std::string& bytes);
     void QuarantineOnce(const std::string& bytes, const std::string& restored);
     void Keep(const std::string& bytes);
 
@@ -77,6 +80,12 @@ private:
     TSaves saves;
     bool isModified = false;       // between a write and the close of the table
     std::uint32_t saveCookie = 0;  // of the rename that may have put a save in the table's place
+    // Of a file that may have to be restored and that somebody has open, or for which no lease is
+    // granted: its state, and since when it has been that.
+    struct {
+        std::string state;
+        std::chrono::steady_clock::time_point since;
+    } unchanged;
     // As bytes, which take less than half the memory of decoded tasks.
     std::optional<std::string> lastValid;
     const std::size_t mostSnapshots;

@@ -11,7 +11,7 @@
 
 #include "host/CHostLog.h"
 #include "host/HostThread.h"
-#include "store/Layout.h"
+#include "store/WorkerState.h"
 
 // How long the worker may seem dead if no service manager sets a limit. The log is all that depends
 // on it.
@@ -20,10 +20,6 @@ static constexpr std::chrono::minutes cDefaultTimeout(2);
 static constexpr std::chrono::seconds cLateTick(75);
 // The end of a tick is polled for, since no event announces it.
 static constexpr std::chrono::milliseconds cTickPollInterval(5);
-
-static bool WorkerIsIdle() {
-    return CEvent::UseOf(vxsched::cStopEventName).waiters > 0;
-}
 
 CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
                      CLaunchedPrograms& launchedPrograms, CEvent& workerStopEvent)
@@ -58,7 +54,7 @@ void CMainLoop::WaitForStop() {
 }
 
 void CMainLoop::WaitForTickEnd() {
-    while (!stopSignal && !WorkerIsIdle())
+    while (!stopSignal && !vxsched::IsWorkerIdle())
         WaitOnce(TClock::now() + cTickPollInterval);
 }
 
@@ -124,7 +120,7 @@ void CMainLoop::OnSignal(int number) {
 }
 
 void CMainLoop::MonitorWorker() {
-    const auto verdict = watchdog.Check(TClock::now(), WorkerIsIdle(), programs.CountLaunches());
+    const auto verdict = watchdog.Check(TClock::now(), vxsched::IsWorkerIdle(), programs.CountLaunches());
     if (verdict == CWorkerWatchdog::cTooEarly)
         return;
     wasAlive = verdict == CWorkerWatchdog::cAlive;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -78,6 +79,29 @@ TEST(HostGuard, TableThatADirectClientEmptiesIsRestored) {
     EXPECT_TRUE(host.WaitForOutput("the table has lost \"first\", \"second\", \"third\""))
         << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+}
+
+// A direct client's load sets the mutex free, so the guard may look in the middle of a save.
+TEST(HostGuard, SaveThatHasOnlyBegunIsNoDamage) {
+    WriteTable(cThree);
+    CHost host;
+    TRows four = cThree;
+    four.push_back(Row("fourth"));
+    {
+        std::ofstream save(cTable, std::ios::binary | std::ios::trunc);
+        save << BytesOf(four).substr(0, 60) << std::flush;
+        // Whoever else closes the file makes the guard check the table.
+        for (int look = 0; look < 10; ++look) {
+            std::ofstream(cTable, std::ios::app).flush();
+            std::this_thread::sleep_for(50ms);
+        }
+        save << BytesOf(four).substr(60);
+    }
+    WaitUntil([&] { return HasSnapshot(BytesOf(four)); });
+    EXPECT_EQ(ReadTable(), four);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+    EXPECT_EQ(CountIn("files", ".damaged-"), 0U);
 }
 
 TEST(HostGuard, RemovalsAndImportsAreNotUndone) {
