@@ -184,7 +184,7 @@ std::optional<TBackup> FindBackup(const fs::path& directory) {
             continue;
         try {
             return TBackup{file.path.filename().string(),
-                           DecodeIntactTable(ReadBytes(file.path), Now()), file.path};
+                           DecodeTable(ReadBytes(file.path), Now()).tasks, file.path};
         } catch (const CError&) {
             continue;
         }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <type_traits>
 
 #include <vxsched/Table.h>
@@ -16,24 +15,25 @@ struct TField {
     const char* what;  // for messages; of a string it describes the length, which comes first
 };
 
-// The fields of a TTaskEntry under the names of the add-in's TTask, whose order in the file
-// ForEachField() defines. `Entry` may be const.
+// The fields of a TTaskEntry, or of a TTaskView, under the names of the add-in's TTask, whose order
+// in the file ForEachField() defines. `Entry` may be const.
 template <typename Entry>
 struct TEntryFields {
+    using TString = decltype(Entry::name);
     template <typename Value>
     using TLike = TField<std::conditional_t<std::is_const_v<Entry>, const Value, Value>>;
 
-    TLike<std::string> name;
+    TLike<TString> name;
     TLike<TTime> nextExecution;
     TLike<TTime> lastExecuted;
     TLike<std::uint32_t> period;
-    TLike<std::string> program;
-    TLike<std::string> parameters;
+    TLike<TString> program;
+    TLike<TString> parameters;
     TLike<std::uint32_t> paused;
 };
 
 // Passes the fields of a task to `transfer` one by one, in the order of the file: a TField of
-// std::string, TTime or std::uint32_t. `flag` takes the place of TTaskEntry::paused, since the file
+// its kind of string, TTime or std::uint32_t. `flag` takes the place of TTaskEntry::paused, since the file
 // may hold any number.
 template <typename Entry, typename Flag, typename Transfer>
 void TransferFields(Entry& task, Flag& flag, const Transfer& transfer) {

@@ -37,7 +37,7 @@ constexpr int cRetryInterval = 100;  // milliseconds
 constexpr int cNoTimeout = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
-    return vxsched::DecodeIntactTable(bytes, vxsched::Now());
+    return vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
 }
 
 void LogErrors(const std::vector<std::string>& notes) {

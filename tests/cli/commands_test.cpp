@@ -62,6 +62,17 @@ TEST_F(Cli, HistoryThatMayNotBeReadIsStatusFour) {
 
 // ---- Repair, checks and completion ------------------------------------------------------------
 
+// The next write would drop the tasks that are not counted.
+TEST_F(Cli, TableWithMoreTasksThanItsCountIsDamagedForEveryone) {
+    std::string bytes = BytesOf({Later("first"), Later("second"), Later("third")});
+    bytes[0] = 1;
+    WriteFile(cTable, bytes);
+    ExpectRefused(5, "its count is 1 tasks, but more tasks follow", {"pause", "first"});
+    EXPECT_EQ(RunTool({"check"}).status, 5);
+    EXPECT_THAT(Output({"repair"}), HasSubstr("wrote a table with 3 tasks"));
+    EXPECT_EQ(NamesInTable(), "first second third");
+}
+
 TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     const std::string damaged =
         BytesOf({Later("first"), Later("second")}).substr(0, BytesOf({Later("first")}).size() + 20);
