@@ -1,7 +1,9 @@
 #include <vxsched/Validation.h>
 
 #include <VXC_File.h>
+#include <fcntl.h>
 #include <limits.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,18 +44,28 @@ std::string ExtensionOf(const std::string& program) {
     return extension;
 }
 
+// The user as whom this thread accesses files, if that is not its own (COwnerAccess).
+std::string OtherUser() {
+    const auto user = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));  // changes nothing
+    return user == geteuid() ? "" : " for user " + std::to_string(user) + ", who owns the store";
+}
+
 void FindMissing(const std::string& path, CValidationErrors& errors) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0)
+    const int error = stat(path.c_str(), &status) == 0 ? 0 : errno;
+    if (error != 0 && error != EACCES)
         errors.Warn(TValidationError::cMissingProgram,
                     "there is no program " + Quoted(path) +
                         ": each launch would fail, and the add-in would count it as a run; create "
                         "the program first");
-    else if (!S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
+    else if (error != 0 || !S_ISREG(status.st_mode) ||
+             faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0)
         errors.Warn(TValidationError::cNotExecutable,
-                    Quoted(path) +
-                        " is not an executable file: each launch would fail, and the add-in would "
-                        "count it as a run; chmod +x it, or give another program");
+                    Quoted(path) + " is not an executable file" + OtherUser() +
+                        (error != 0 ? ", since a directory of its path may not be searched" : "") +
+                        ": each launch would fail, and the add-in would count it as a run; " +
+                        (error != 0 ? "permit the search" : "chmod +x it") +
+                        ", or give another program");
 }
 
 // Checks whether the add-in would launch the program itself by this path, and not abort or launch

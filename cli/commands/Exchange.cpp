@@ -12,6 +12,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
+#include "store/COwnerAccess.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 
@@ -62,6 +63,7 @@ bool IsHarmful(TValidationError::EKind kind) {
 // Throws CError (cRefused) for a task that would harm other tasks or processes. Prints a warning
 // about one that would harm only itself.
 void CheckImported(const TCommon& common, const std::vector<TImported>& imported) {
+    const COwnerAccess ownerAccess(common.store.directory);
     for (const TImported& one : imported) {
         TTaskEntry task = one.task;
         const bool isLink = HasItsLink(common, one);

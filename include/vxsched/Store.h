@@ -84,7 +84,8 @@ public:
     bool Wake() const;
 
     // Validates a task without reading the table. Returns the validation errors that are not in
-    // `forced`; empty if Create() would accept the task.
+    // `forced`; empty if Create() would accept the task. Under the superuser the program is checked
+    // with the permissions of the owner of `files/`, as whom the scheduling process launches it.
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
     // Adds an active task at the end of the table. With `replace` it replaces a task of the same

@@ -19,7 +19,7 @@ struct VXSCHED_PUBLIC TValidationError {
         cNoProgram,          // the path is empty
         cRelativePath,       // it would be resolved in the scheduling process's directory
         cPathTooLong,        // PATH_MAX bytes or more
-        cNotExecutable,      // not a regular file, or not executable by this user
+        cNotExecutable,      // not a regular file, or not within reach or executable for this user
         cMissingProgram,     // there is no such file
         cAlteredPath,        // the launch would cut characters off the end of the path
         cAbortingExtension,  // the launch would abort the scheduling process
