@@ -7,6 +7,7 @@
 #include <iostream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
@@ -45,6 +46,28 @@ bool HasItsLink(const TCommon& common, const TImported& imported) {
            IsLinkPath(common.store.directory, imported.task.program);
 }
 
+// True if the task's program is a link of another store, whose place a link of this one takes.
+bool NeedsOwnLink(const TCommon& common, const TImported& imported) {
+    return imported.realProgram.starts_with('/') &&
+           IsLinkPathOfAnotherStore(common.store.directory, imported.task.program);
+}
+
+// Finds the real programs of links of other stores whose export does not have them. A link that
+// cannot be resolved is only warned about: its task harms no other.
+void ResolveLinks(const TCommon& common, std::vector<TImported>& imported) {
+    for (TImported& one : imported) {
+        const std::string& program = one.task.program;
+        if (!IsLinkPathOfAnotherStore(common.store.directory, program) || NeedsOwnLink(common, one))
+            continue;
+        std::error_code error;
+        one.realProgram = std::filesystem::read_symlink(program, error).string();
+        if (!NeedsOwnLink(common, one) && !std::filesystem::exists(program, error))
+            Warn(one.task.name, fmt::format("its program \"{}\" is a link of another store, which "
+                                            "cannot be resolved; edit the task's program",
+                                            program));
+    }
+}
+
 // True for an error that would abort or hang each process that loads the add-in, or that no command
 // could correct afterwards: such a name cannot be typed.
 bool IsHarmful(TValidationError::EKind kind) {
@@ -66,7 +89,7 @@ void CheckImported(const TCommon& common, const std::vector<TImported>& imported
     const COwnerAccess ownerAccess(common.store.directory);
     for (const TImported& one : imported) {
         TTaskEntry task = one.task;
-        const bool isLink = HasItsLink(common, one);
+        const bool isLink = HasItsLink(common, one) || NeedsOwnLink(common, one);
         if (isLink)
             task.program = one.realProgram;
         for (const TValidationError& error :
@@ -100,10 +123,14 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
     return tasks;
 }
 
-void MakeLinks(const TCommon& common, const std::vector<TImported>& imported) {
-    for (const TImported& one : imported) {
+// Makes the links that the imported tasks refer to, and has tasks with links of other stores refer
+// to links of this one. The caller holds the writer lock.
+void MakeLinks(const TCommon& common, std::vector<TImported>& imported) {
+    for (TImported& one : imported) {
         if (HasItsLink(common, one))
             MakeLink(one.task.program, one.realProgram);
+        else if (NeedsOwnLink(common, one))
+            one.task.program = MakeSchedulable(common.store.directory, one.realProgram);
     }
 }
 
@@ -124,11 +151,12 @@ int Export(const TCommon& common, COutput& output) {
 }
 
 int Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
-    const std::vector<TImported> imported = ReadTasks(ReadInput(file));
+    std::vector<TImported> imported = ReadTasks(ReadInput(file));
+    ResolveLinks(common, imported);
     CheckImported(common, imported);
     const CStore store(common.store);
     const TTable present = store.Read();
-    const std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
+    std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
     const std::string count =
         fmt::format("{} task{}", imported.size(), imported.size() == 1 ? "" : "s");
     if (common.dryRun) {
@@ -142,6 +170,7 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
             throw CError(EError::cBusy,
                          "the table changed during the import; nothing was imported; try again");
         MakeLinks(common, imported);
+        tasks = Joined(present.tasks, imported, how);
     });
     output.Line(fmt::format("imported {}; the table has {} now", count, tasks.size()));
     return 0;

@@ -139,8 +139,9 @@ public:
     // process. Not through the add-in: the file is replaced under the writer lock and the store
     // mutex (waits of rule 1), due tasks are not waited for, and the tasks are not validated, which
     // is up to the caller. The previous table becomes the backup, unless it was damaged.
-    // `canReplace`, if set, is called with the previous bytes while both locks are held; an
-    // exception that it throws leaves the table as it is and passes to the caller.
+    // `canReplace`, if set, is called with the previous bytes while both locks are held, and before
+    // `tasks` is read, which it may still change; an exception that it throws leaves the table as
+    // it is and passes to the caller.
     void ReplaceAll(const std::vector<TTaskEntry>& tasks,
                     const std::function<void(const std::string& bytes)>& canReplace = {}) const;
 
