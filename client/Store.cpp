@@ -129,6 +129,7 @@ TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
     // Fields that the edit leaves alone are no reason to refuse it.
     Drop(errors, [&](const TValidationError& error) {
         return (!edit.program && error.IsAboutProgram()) ||
+               (!edit.parameter && error.kind == TValidationError::cParameterTooLong) ||
                (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
     });
@@ -274,7 +275,8 @@ static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool for
     // The due time and the period do not matter to a run outside the schedule. A relative path is
     // resolved in the store's directory, where the change process works like the host.
     Drop(errors, [](const TValidationError& error) {
-        return !error.IsAboutProgram() || error.kind == TValidationError::cRelativePath;
+        return (!error.IsAboutProgram() && error.kind != TValidationError::cParameterTooLong) ||
+               error.kind == TValidationError::cRelativePath;
     });
     RefuseFor(errors);
     TCall call = CallOf(TCall::cExecute, task);

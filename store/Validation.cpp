@@ -19,6 +19,10 @@ namespace vxsched {
 
 namespace {
 
+// Of an argument of a program, with its terminating zero byte: the kernel's MAX_ARG_STRLEN, which
+// no header for programs defines.
+constexpr std::size_t cLongestArgument = std::size_t{1} << 17;
+
 // Collects the errors of one task. Refuse() adds one that cannot be forced, Warn() one that can.
 class CValidationErrors {
 public:
@@ -145,10 +149,10 @@ void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors
 }  // namespace
 
 std::string_view TValidationError::Name() const {
-    static constexpr std::array<std::string_view, 13> names = {
+    static constexpr std::array<std::string_view, 14> names = {
         "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
         "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
-        "too-far-back",   "wrapped-period",  "past-due"};
+        "too-far-back",   "wrapped-period",  "past-due",     "parameter-too-long"};
     return names.at(static_cast<std::size_t>(kind));
 }
 
@@ -175,6 +179,12 @@ std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgr
                           "a string holds a zero byte and would be cut off there: " +
                               Quoted(string->substr(0, string->find('\0'))));
     }
+    if (task.parameter.size() >= cLongestArgument)
+        errors.Refuse(TValidationError::cParameterTooLong,
+                      "the parameter has " + std::to_string(task.parameter.size()) +
+                          " bytes, but the system passes at most " +
+                          std::to_string(cLongestArgument - 1) +
+                          " to a program; give a shorter one, or the path of a file that has it");
     ValidateProgram(task.program.substr(0, task.program.find('\0')), how, errors);
     ValidatePeriod(task, now, errors);
     return errors.WorstFirst();

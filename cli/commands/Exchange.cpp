@@ -68,8 +68,8 @@ void ResolveLinks(const TCommon& common, std::vector<TImported>& imported) {
     }
 }
 
-// True for an error that would abort or hang each process that loads the add-in, or that no command
-// could correct afterwards: such a name cannot be typed.
+// True for an error that would abort or hang each process that loads the add-in, that no command
+// could correct afterwards, since such a name cannot be typed, or with which no launch can succeed.
 bool IsHarmful(TValidationError::EKind kind) {
     switch (kind) {
         case TValidationError::cAbortingExtension:
@@ -77,6 +77,8 @@ bool IsHarmful(TValidationError::EKind kind) {
         case TValidationError::cTooFarBack:
         case TValidationError::cEmptyName:
         case TValidationError::cZeroByte:
+        case TValidationError::cPathTooLong:
+        case TValidationError::cParameterTooLong:
             return true;
         default:
             return false;

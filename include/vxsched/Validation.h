@@ -27,6 +27,7 @@ struct VXSCHED_PUBLIC TValidationError {
         cTooFarBack,         // loading the add-in would catch up for more than a second
         cWrappedPeriod,      // the period in seconds exceeds 32 bits, so the step is another
         cPastDue,            // the due time of a task that runs once is past
+        cParameterTooLong,   // 128 KiB or more: the system passes no such argument to a program
     };
     EKind kind;
     bool canBeForced;     // unwise for the task itself, harmless for everything else

@@ -158,8 +158,8 @@ TEST_F(ClientStore, EditOfAPausedTaskWhoseTimePassedLeavesItPausedOnItsGrid) {
 
 TEST_F(ClientStore, LongStringsGoThrough) {
     TNewTask task = Task("a");
-    task.name = std::string(100'000, 'n');
-    task.parameter = std::string(1'000'000, 'p');
+    task.name = std::string(1'000'000, 'n');
+    task.parameter = std::string(131'071, 'p');
     store.Create(task, false);
     EXPECT_EQ(::ReadTable()[0].parameters, task.parameter);
     store.Remove({task.name});
@@ -216,6 +216,24 @@ TEST_F(ClientStore, SuperuserMakesFilesForTheOwnerOfTheDirectory) {
     });
     EXPECT_EQ(owner.Wait(), 42);
     EXPECT_EQ(::ReadTable()[0].paused, 1U);
+}
+
+TEST_F(ClientStore, ParameterThatNoLaunchCanPassIsRefused) {
+    TNewTask task = Task("a");
+    task.parameter = std::string(131'072, 'x');
+    ErrorOf(EError::cRefused, [&] { store.Create(task, false); });
+    task.parameter.pop_back();
+    store.Create(task, false);
+    TEdit edit;
+    edit.parameter = task.parameter + 'x';
+    ErrorOf(EError::cRefused, [&] { store.Edit("a", edit); });
+    // A table that came from elsewhere.
+    std::vector<TTaskEntry> tasks = store.Read().tasks;
+    tasks[0].parameter += 'x';
+    store.ReplaceAll(tasks);
+    ErrorOf(EError::cRefused, [&] { store.Run("a", false, false); });
+    store.Edit("a", {.period = 6});
+    EXPECT_EQ(store.Read().tasks[0].period, 6U) << "a field that the edit leaves alone";
 }
 
 // The error of a task with that program, in a store of another user's; "" if it has none.

@@ -121,6 +121,23 @@ static std::vector<std::string> DirectoriesOfLinks() {
     return directories;
 }
 
+TEST_F(Cli, ImportRefusesWhatNoLaunchCanPass) {
+    WriteTable({});
+    const auto import = [](const std::string& program, const std::string& parameter) {
+        const std::string later = std::to_string(std::time(nullptr) + cDay);
+        WriteFile("import", R"({"version": 1, "tasks": [{"name": "x", "next": )" + later +
+                                R"(, "program": ")" + program + R"(", "parameter": ")" + parameter +
+                                "\"}]}");
+        return RunTool({"import", "--replace", "import"});
+    };
+    const TToolRun tooLong = import(cRecorder, std::string(131'072, 'a'));
+    EXPECT_EQ(tooLong.status, 1);
+    EXPECT_THAT(tooLong.error, HasSubstr("the parameter has 131072 bytes"));
+    EXPECT_EQ(import('/' + std::string(4096, 'a'), "").status, 1);
+    EXPECT_EQ(NamesInTable(), "");
+    EXPECT_EQ(import(cRecorder, std::string(131'071, 'a')).status, 0);
+}
+
 TEST_F(Cli, ImportMakesTheLinksOfAnotherStoreItsOwn) {
     ExportFromAnotherStore();
     const std::vector<std::string> programs = {fs::absolute("other/free").string(),
