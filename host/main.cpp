@@ -28,6 +28,7 @@
 #include "host/startup/CAddInLibrary.h"
 #include "host/startup/CDirectoryLock.h"
 #include "host/startup/CStoreGate.h"
+#include "host/startup/Descriptors.h"
 #include "host/startup/LoadAddIn.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/SetUpCheck.h"
@@ -171,6 +172,7 @@ static void Run(const THostOptions& options) {
     log.CaptureAddInMessages();
     if (!options.logFile.empty())
         log.WriteTo(options.logFile);
+    ReserveDescriptors();
     CSignals signals;
     CServiceManager service;
     EnterDirectory(options.directory);

@@ -44,6 +44,37 @@ static void TakeAllAccess(int id) {
     ASSERT_EQ(semctl(id, 0, IPC_SET, argument), 0);
 }
 
+// ---- Descriptors --------------------------------------------------------------------------------
+
+// The command line of a host that inherits this limit on its descriptors.
+static std::vector<std::string> HostWithLimit(const std::string& limit,
+                                              const std::vector<std::string>& options) {
+    std::vector<std::string> command = HostWith(options);
+    command.insert(command.begin(),
+                   {"/bin/sh", "-c", "ulimit " + limit + R"( && exec "$@")", "sh"});
+    return command;
+}
+
+TEST(HostStartup, DescriptorsForItsRecordsAreReserved) {
+    WriteTable({{"task", std::time(nullptr), 0, 0, PROGRAMS "/append-text", "launched", 0}});
+    CProgram host(HostWithLimit("-S -n 10", {"--run-once", "--output", "out"}));
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(host.Output().find("Too many open files"), std::string::npos) << host.Output();
+    EXPECT_EQ(Lines("files/history.jsonl").size(), 1U);
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+TEST(HostStartup, TooFewDescriptorsAreRefused) {
+    for (const char* const option : {"--run-once", "--check"}) {
+        CProgram host(HostWithLimit("-n 20", {option}));
+        EXPECT_EQ(host.Wait(), 1);
+        EXPECT_NE(host.Output().find("the hard limit on open files is 20, and this process needs "),
+                  std::string::npos)
+            << host.Output();
+    }
+    EXPECT_FALSE(std::filesystem::exists("files"));
+}
+
 // ---- Clients that are changing the table ------------------------------------------------------
 
 TEST(HostStartup, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
