@@ -15,6 +15,7 @@
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
 #include "host/programs/CLaunchedPrograms.h"
+#include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/Launch.h"
 #include "host/recovery/CHeartbeat.h"
@@ -199,6 +200,7 @@ static void Run(const THostOptions& options) {
     });
     // The load launches nothing.
     HandleLaunches(loaded.library->Tasks(), &output);
+    COwedLaunches::Instance().TakeOver();
     heartbeat.Begin(loaded.upSince);
     CTableGuard guard(options.snapshots);
     const CGuardRegistration registration(guard);
@@ -228,6 +230,8 @@ static void Run(const THostOptions& options) {
         StopHandlingLaunches();
         loaded.library.reset();
     }
+    if (const std::size_t count = COwedLaunches::Instance().Count(); count > 0)
+        LogWarning(fmt::format("{} launch(es) are still owed: the next host makes them", count));
     programs.CollectFinished();
     programs.LeaveRunning();
     programs.RecordIn(nullptr);
