@@ -54,6 +54,16 @@ void RequireSize(std::uint64_t size, const fs::path& file) {
                          "; replace it by a valid table");
 }
 
+void RequireTarget(const fs::path& path) {
+    if (!IsLinkToNothing(path))
+        return;
+    std::error_code ignored;
+    throw CError(EError::cFailed, path.string() + " is unavailable: it is a link to " +
+                                      fs::read_symlink(path, ignored).string() +
+                                      ", which does not exist; mount or restore the target, or "
+                                      "remove the link");
+}
+
 // The status of the table, or of its directory if there is no table.
 std::optional<struct stat> StatusOf(const fs::path& table) {
     struct stat status {};
@@ -105,12 +115,20 @@ fs::path BackupFile(const fs::path& directory) {
     return directory / "files" / "scheduler.dat.before";
 }
 
+bool IsLinkToNothing(const fs::path& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
+           access(path.c_str(), F_OK) == -1 && errno == ENOENT;
+}
+
 std::string ReadBytes(const fs::path& file) {
     const CDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!descriptor.IsOpen()) {
-        if (errno == ENOENT)
-            return std::string(8, '\0');
-        throw SystemError("cannot read " + file.string(), errno);
+        if (errno != ENOENT)
+            throw SystemError("cannot read " + file.string(), errno);
+        RequireTarget(file.parent_path());
+        RequireTarget(file);
+        return std::string(8, '\0');
     }
     struct stat status {};
     const bool hasSize = fstat(descriptor.Get(), &status) == 0 && S_ISREG(status.st_mode);
@@ -153,6 +171,7 @@ std::string TableState(const fs::path& directory) {
 void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     std::error_code ignored;
     const fs::path file = TableFile(directory);
+    RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
     Replace(target, bytes, StatusOf(target), true);
 }

@@ -18,8 +18,13 @@ std::filesystem::path TableFile(const std::filesystem::path& directory);
 // change.
 std::filesystem::path BackupFile(const std::filesystem::path& directory);
 
+// True if `path` is a symbolic link to nothing, as when the disk of its target is not mounted. What
+// it leads to is then out of reach, and not missing.
+bool IsLinkToNothing(const std::filesystem::path& path);
+
 // The bytes of a file; those of an empty table (8 zero bytes) if there is none. Throws CError
-// (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table.
+// (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table, and
+// (cFailed) if the file or its directory is a link to nothing.
 std::string ReadBytes(const std::filesystem::path& file);
 
 // Reads the bytes of a directory's table, also damaged ones. Takes no lock: the caller holds the
@@ -33,8 +38,8 @@ std::string ReadTableBytes(const std::filesystem::path& directory);
 std::string TableState(const std::filesystem::path& directory);
 
 // Replaces the table by `bytes` in one step, by rename(): a reader sees either the old bytes or the
-// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced. Throws
-// CError (cNoAccess, cFailed); the old table stays then.
+// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced; if there
+// is no target, nothing is. Throws CError (cNoAccess, cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:

@@ -6,7 +6,8 @@
 // reader sees the old table or the new one.
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
-// succeeds.
+// succeeds. A table that is a link to nothing is one that cannot be read: it is out of reach, and a
+// save would make another one in its place.
 
 #include "store/TableSaves.h"
 
@@ -26,6 +27,7 @@
 #include <system_error>
 
 #include "base/DynamicSymbols.h"
+#include "store/TableFile.h"
 
 namespace vxsched {
 
@@ -100,6 +102,8 @@ int OpenTemporary(int flags, mode_t mode) {
 }
 
 int OpenToSave(int flags, mode_t mode) {
+    if (!gHasReadFailed && IsLinkToNothing(cTable))
+        ReadFailed(ENOENT);
     if (gHasReadFailed)
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (gTemporary != -1)
@@ -111,13 +115,14 @@ int OpenToSave(int flags, mode_t mode) {
     return descriptor;
 }
 
-// A missing table is not a failed read: there is nothing to lose.
+// A missing table is not a failed read: there is nothing to lose. Behind a link there may be.
 int OpenToRead(int flags, mode_t mode) {
     const int descriptor = open(cTable, flags, mode);
     if (descriptor == -1 && errno == EINTR)
         return descriptor;  // COpen tries again
-    if (descriptor == -1 && errno != ENOENT)
-        ReadFailed(errno);
+    const int error = errno;
+    if (descriptor == -1 && (error != ENOENT || IsLinkToNothing(cTable)))
+        ReadFailed(error);
     else
         gHasReadFailed = false;
     return descriptor;
@@ -178,7 +183,7 @@ void SaveTableInOneStep() {
 void NoteFileStatus(const char* path, int error) {
     if (error == 0 || !IsTable(path))
         return;
-    if (error == ENOENT)
+    if (error == ENOENT && !IsLinkToNothing(cTable))
         gHasReadFailed = false;
     else
         ReadFailed(error);

@@ -197,11 +197,12 @@ bool CTableGuard::Check() {
         if (access("files", F_OK) == -1)
             return true;
         lastState = vxsched::TableState(".");
+        const std::string bytes = vxsched::ReadTableBytes(".");
         // Nor is a directory that was created again and has no table yet: the last valid one is
         // still what a damaged table that appears there is repaired from.
         if (lastState.empty() && saves.replacedAll && lastValid)
             return true;
-        const bool isDone = Examine(vxsched::ReadTableBytes("."));
+        const bool isDone = Examine(bytes);
         lastError.clear();
         return isDone;
     } catch (const vxsched::CError& error) {

@@ -254,6 +254,32 @@ TEST(HostGuard, DirectoryOfLaunchRecordsIsCreatedAgainForALaunch) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    fs::create_directory("disk");
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
+    fs::rename(cTable, "disk/table");
+    fs::create_symlink("../disk/table", cTable);
+    CHost host;
+    TRows rows = ReadTable();
+    rows[0].next = std::time(nullptr);
+    WriteFile(cTable, BytesOf(rows));
+    fs::rename("disk", "elsewhere");
+    fs::create_directory("disk");
+    EXPECT_TRUE(host.WaitForOutput("scheduler.dat is unavailable")) << host.Output();
+    WakeChanged();
+    WaitUntil(WorkerIsIdle);
+    EXPECT_TRUE(fs::is_symlink(cTable));
+    EXPECT_TRUE(fs::is_empty("disk")) << "nothing is written in its place";
+    fs::remove("disk");
+    fs::rename("elsewhere", "disk");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    WaitUntil([&] { return ReadTable()[0].next > rows[0].next; });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n");
+}
+
 TEST(HostGuard, TargetOfALinkIsChecked) {
     fs::create_directory("real");
     WriteTable(cThree);
