@@ -33,7 +33,8 @@ namespace {
 constexpr char cTable[] = "scheduler.dat";
 // Short, since a tick may hold the store mutex for minutes, and End() waits for a check.
 constexpr std::chrono::milliseconds cLockTimeout(200);
-constexpr int cRetryInterval = 100;  // milliseconds
+constexpr std::chrono::milliseconds cFirstRetry(100);
+constexpr std::chrono::milliseconds cLongestRetry(5000);
 constexpr int cNoTimeout = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
@@ -48,7 +49,9 @@ void LogErrors(const std::vector<std::string>& notes) {
 }  // namespace
 
 CTableGuard::CTableGuard(std::size_t snapshotCount)
-    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
+    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      retryInterval(cFirstRetry, cLongestRetry),
+      snapshots(snapshotCount) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
             "cannot watch the directory \"files\": {}. The table is checked every second instead.",
@@ -109,11 +112,13 @@ void CTableGuard::Run() {
         // Before a retry, unread events would end the wait at once.
         if (retry)
             descriptors[0].fd = -1;
-        if (poll(descriptors, std::size(descriptors), retry ? cRetryInterval : PollTimeout()) == -1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(cRetryInterval));
+        if (poll(descriptors, std::size(descriptors),
+                 retry ? static_cast<int>(retryInterval.Get().count()) : PollTimeout()) == -1)
+            std::this_thread::sleep_for(retryInterval.Get());
         if (isStopping)
             return;
-        const bool mustCheck = retry || HasChange();
+        // In this order, since a wakeup that stays unread would end every later wait at once.
+        const bool mustCheck = IsWoken() || retry || HasChange();
         retry = mustCheck && !Check();
         // A check takes a few hundred bytes per task, which are not needed until the next one.
         if (mustCheck && !retry)
@@ -127,10 +132,12 @@ int CTableGuard::PollTimeout() const {
     return isWatching && wakeups.IsOpen() ? cNoTimeout : cSecond;
 }
 
-bool CTableGuard::HasChange() {
+bool CTableGuard::IsWoken() {
     eventfd_t ignored = 0;
-    if (eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted)
-        return true;
+    return eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted;
+}
+
+bool CTableGuard::HasChange() {
     if (isWatching)
         return ReadEvents();
     saves.replacedAll = true;  // saves before the watch were not counted
@@ -204,15 +211,20 @@ bool CTableGuard::Check() {
             return true;
         const bool isDone = Examine(bytes);
         lastError.clear();
+        retryInterval.Succeeded();
         return isDone;
     } catch (const vxsched::CError& error) {
-        if (error.Code() != vxsched::EError::cBusy && lastError != error.what()) {
+        if (error.Code() == vxsched::EError::cBusy)
+            return false;
+        retryInterval.Failed();
+        if (lastError != error.what()) {
             lastError = error.what();
             LogError(
                 fmt::format("cannot check the table: {}. Retrying until it succeeds.", lastError));
         }
         return false;
     } catch (const std::exception&) {
+        retryInterval.Failed();
         return false;  // out of memory; may succeed later
     }
 }

@@ -11,6 +11,7 @@
 
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
+#include "host/recovery/CRetryInterval.h"
 #include "host/recovery/CSnapshots.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
@@ -51,6 +52,7 @@ private:
     void Run();
     bool Watch();
     int PollTimeout() const;
+    bool IsWoken();
     bool HasChange();
     bool ReadEvents();
     bool HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name);
@@ -73,6 +75,7 @@ private:
     std::atomic<bool> isWorkerRunning{false};
 
     // Of the thread that checks: the constructor's, then the guard's own.
+    CRetryInterval retryInterval;
     CDescriptor changes;  // inotify
     bool isWatching = false;
     std::string lastState;  // of the file, for when it cannot be watched
