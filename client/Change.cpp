@@ -189,7 +189,7 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
         std::this_thread::sleep_for(cPause);
     }
     throw CError(EError::cBusy,
-                 "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +
+                 "task \"" + due + "\" is due and " + scheduler->Name() +
                      " has not launched the due tasks within the lock timeout of " +
                      std::to_string(options.lockTimeout.count()) +
                      " ms since its last progress, or " + std::to_string(cMostTimeouts) +
@@ -202,8 +202,8 @@ void RequireSharedStore(const TStoreOptions& options) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (scheduler && !scheduler->sharesStore)
         throw CError(EError::cNoScheduler,
-                     "the scheduling process " + std::to_string(scheduler->process) +
-                         " runs in another IPC namespace: it would not notice a change and would "
+                     "the scheduling process, " + scheduler->Name() +
+                         ", runs in another IPC namespace: it would not notice a change and would "
                          "overwrite it; run this in the same namespace");
 }
 

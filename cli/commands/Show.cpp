@@ -44,13 +44,13 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     if (!scheduler)
         return "no scheduling process runs in this directory; start vxschedd";
     if (!scheduler->sharesStore)
-        return fmt::format("the scheduling process {} runs in another IPC namespace",
-                           scheduler->process);
+        return fmt::format("the scheduling process, {}, runs in another IPC namespace",
+                           scheduler->Name());
     if (state.state == TTaskState::cOverdue)
         return fmt::format(
-            "it is overdue although scheduling process {} is running; check the log of that "
+            "it is overdue although the scheduling process, {}, is running; check the log of that "
             "process",
-            scheduler->process);
+            scheduler->Name());
     return fmt::format("it is not due until {}", FormatTime(task.next, common.zone));
 }
 
