@@ -166,8 +166,10 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
     // Some saves were not counted, so any task may have been removed on purpose.
     if ((mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
         saves.replacedAll = true;
-    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0)
+    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0) {
         isWatching = false;
+        isDirectoryNew = true;
+    }
     if ((mask & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
         saveCookie = cookie;
     if (name != cTable)
@@ -201,12 +203,20 @@ bool CTableGuard::Check() {
         if (!isWatching)
             saves.replacedAll = true;
         // A missing directory is not an empty table.
-        if (access("files", F_OK) == -1)
+        if (access("files", F_OK) == -1) {
+            ReportMissingDirectory();
             return true;
+        }
+        isMissingReported = false;
         lastState = vxsched::TableState(".");
         const std::string bytes = vxsched::ReadTableBytes(".");
-        // Nor is a directory that was created again and has no table yet: the last valid one is
-        // still what a damaged table that appears there is repaired from.
+        // Nor is a directory that was created again and has no table.
+        if (lastState.empty() && isDirectoryNew && lastValid) {
+            Restore(bytes, "the directory \"files\" has no table", TasksOf(*lastValid));
+            return false;
+        }
+        // Another process may be replacing the table: the last valid one is still what a damaged
+        // table that appears is repaired from.
         if (lastState.empty() && saves.replacedAll && lastValid)
             return true;
         const bool isDone = Examine(bytes);
@@ -227,6 +237,15 @@ bool CTableGuard::Check() {
         retryInterval.Failed();
         return false;  // out of memory; may succeed later
     }
+}
+
+void CTableGuard::ReportMissingDirectory() {
+    isDirectoryNew = true;
+    if (!isMissingReported)
+        LogError(
+            "the directory \"files\" is gone: nothing can be saved or recorded. Create it again; "
+            "the last valid table is then written into it.");
+    isMissingReported = true;
 }
 
 // Keeps a valid table, restores any other. False after a restore: another check is needed for what
@@ -320,6 +339,7 @@ void CTableGuard::Keep(const std::string& bytes) {
     if (!lastValid || *lastValid != bytes)
         lastValid = std::make_shared<const std::string>(bytes);
     saves = {};
+    isDirectoryNew = false;
     try {
         snapshots.Keep(lastValid);
     } catch (const std::system_error& error) {

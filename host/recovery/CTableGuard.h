@@ -62,6 +62,7 @@ private:
     // QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
     // checks (the constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
+    void ReportMissingDirectory();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
                  std::vector<vxsched::TTaskEntry> tasks);
@@ -78,6 +79,8 @@ private:
     CRetryInterval retryInterval;
     CDescriptor changes;  // inotify
     bool isWatching = false;
+    bool isDirectoryNew = false;  // "files" is not the directory that had the last valid table
+    bool isMissingReported = false;
     std::string lastState;  // of the file, for when it cannot be watched
     TSaves saves;
     bool isModified = false;       // between a write and the close of the table

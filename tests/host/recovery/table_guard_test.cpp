@@ -225,16 +225,19 @@ TEST(HostGuard, DirectoryThatIsRemovedAndCreatedAgainIsWatched) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// The guard checks the new directory while it has no table yet.
-TEST(HostGuard, DirectoryThatIsCreatedAgainWithoutATableIsNoEmptyTable) {
+TEST(HostGuard, DirectoryThatIsRemovedIsReportedAndFilledWhenItIsCreatedAgain) {
     WriteTable(cThree);
     CHost host;
+    // Removed in place, the host would put the table back before the directory is empty.
     fs::rename("files", "gone");
+    fs::remove_all("gone");
+    EXPECT_TRUE(host.WaitForOutput("the directory \"files\" is gone")) << host.Output();
     fs::create_directory("files");
-    std::this_thread::sleep_for(1500ms);
-    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    WaitUntil([] { return fs::exists(cTable); });
     WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("is gone"), 1U) << host.Output();
 }
 
 TEST(HostGuard, DirectoryThatIsRemovedDoesNotKeepAHostFromStopping) {
