@@ -267,9 +267,12 @@ TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
     CHost host;
     TRows rows = ReadTable();
     rows[0].next = std::time(nullptr);
-    WriteFile(cTable, BytesOf(rows));
-    fs::rename("disk", "elsewhere");
-    fs::create_directory("disk");
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteFile(cTable, BytesOf(rows));
+        fs::rename("disk", "elsewhere");
+        fs::create_directory("disk");
+    }
     EXPECT_TRUE(host.WaitForOutput("scheduler.dat is unavailable")) << host.Output();
     WakeChanged();
     WaitUntil(WorkerIsIdle);
@@ -278,7 +281,11 @@ TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
     fs::remove("disk");
     fs::rename("elsewhere", "disk");
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
-    WaitUntil([&] { return ReadTable()[0].next > rows[0].next; });
+    // A table that is a link is rewritten in place.
+    WaitUntil([&] {
+        const vxsched::CStoreMutexLock lock(10s);
+        return ReadTable()[0].next > rows[0].next;
+    });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(ReadFile("log"), "log\n");
 }
