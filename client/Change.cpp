@@ -205,10 +205,10 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
         progress.Pause(cPause);
     }
     throw MakeError(EError::cBusy,
-                    "task \"{}\" is due and process {} has not launched the due tasks within the "
+                    "task \"{}\" is due and {} has not launched the due tasks within the "
                     "lock timeout of {} ms since its last progress, or {} times that in all; "
                     "nothing was changed; check the host's log",
-                    due, scheduler->process, options.lockTimeout.count(), cMostTimeouts);
+                    due, scheduler->Name(), options.lockTimeout.count(), cMostTimeouts);
 }
 
 // Waits until the worker is between two ticks, or the scheduling process has ended. Throws CError
@@ -307,9 +307,9 @@ void RequireSharedStore(const TStoreOptions& options) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (scheduler && !scheduler->sharesStore)
         throw MakeError(EError::cNoScheduler,
-                        "the scheduling process {} runs in another IPC namespace: it would not "
+                        "the scheduling process, {}, runs in another IPC namespace: it would not "
                         "notice a change and would overwrite it; run this in the same namespace",
-                        scheduler->process);
+                        scheduler->Name());
 }
 
 TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {

@@ -7,6 +7,7 @@
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "store/Backups.h"
+#include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Grid.h"
@@ -14,6 +15,8 @@
 #include "store/TableFile.h"
 
 namespace vxsched {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -49,8 +52,9 @@ void RefuseFor(const std::vector<TValidationError>& errors) {
     throw CError(EError::cRefused, message);
 }
 
-std::vector<TValidationError> FindUnforced(const TTaskEntry& task, EProgram how,
-                                           const TForced& forced) {
+std::vector<TValidationError> FindUnforced(const fs::path& directory, const TTaskEntry& task,
+                                           EProgram how, const TForced& forced) {
+    const COwnerAccess ownerAccess(directory);
     std::vector<TValidationError> errors = Validate(task, Now(), how);
     std::erase_if(errors, [&](const TValidationError& error) {
         return error.canBeForced && forced.contains(error.Name());
@@ -112,7 +116,8 @@ std::optional<std::string> FindUnchanged(const TOutcome& outcome, const std::vec
 }
 
 // The entry after an edit. Throws CError (cRefused) on a validation error.
-TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
+TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
+                 const TForced& forced) {
     entry.next = edit.due.value_or(entry.next);
     entry.period = edit.period.value_or(entry.period);
     entry.program = edit.program.value_or(entry.program);
@@ -121,11 +126,12 @@ TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     // between.
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now() + 2 * cAboutToBeDue);
-    std::vector<TValidationError> errors =
-        FindUnforced(entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
+    std::vector<TValidationError> errors = FindUnforced(
+        directory, entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
     std::erase_if(errors, [&](const TValidationError& error) {
         return (!edit.program && error.IsAboutProgram()) ||
+               (!edit.parameter && error.kind == TValidationError::cParameterTooLong) ||
                (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
     });
@@ -150,7 +156,7 @@ bool CStore::Wake() const {
 }
 
 std::vector<TValidationError> CStore::Check(const TNewTask& task, const TForced& forced) const {
-    return FindUnforced(EntryOf(task), HowToLaunch(task.program), forced);
+    return FindUnforced(options.directory, EntryOf(task), HowToLaunch(task.program), forced);
 }
 
 TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
@@ -175,7 +181,7 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
 }
 
 TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
-    return After(Get(name), edit, forced);
+    return After(options.directory, Get(name), edit, forced);
 }
 
 TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced& forced) const {
@@ -192,7 +198,7 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 }
 
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
-    TTaskEntry entry = After(seen, edit, forced);
+    TTaskEntry entry = After(options.directory, seen, edit, forced);
     TCall create = CallOf(TCall::cCreate, entry);
     create.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
     // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
@@ -268,12 +274,14 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
     return *outcome.table.Find(name);
 }
 
-static TCall RunCall(const TTaskEntry& task, bool force) {
+static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool force) {
+    const COwnerAccess ownerAccess(directory);
     std::vector<TValidationError> errors = Validate(task, Now(), EProgram::cAsNamed);
     // The due time and the period do not matter to a run outside the schedule. A relative path is
     // resolved in the store's directory, where the change process works like the host.
     std::erase_if(errors, [](const TValidationError& error) {
-        return !error.IsAboutProgram() || error.kind == TValidationError::cRelativePath;
+        return (!error.IsAboutProgram() && error.kind != TValidationError::cParameterTooLong) ||
+               error.kind == TValidationError::cRelativePath;
     });
     RefuseFor(errors);
     TCall call = CallOf(TCall::cExecute, task);
@@ -283,12 +291,12 @@ static TCall RunCall(const TTaskEntry& task, bool force) {
 
 void CStore::CheckRun(std::string_view name, bool force) const {
     const TTaskEntry task = Get(name);
-    CheckState(task, RunCall(task, force), options.evenIfDue);
+    CheckState(task, RunCall(options.directory, task, force), options.evenIfDue);
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
                  const std::function<void(pid_t)>& onLaunch) const {
-    TCall call = RunCall(Get(name), force);
+    TCall call = RunCall(options.directory, Get(name), force);
     call.waitForEnd = waitForEnd;
     const auto isAttempted = [](const TOutcome& made) {
         return made.process != 0 || !made.launchError.empty();

@@ -16,6 +16,7 @@
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
 #include "host/programs/CLaunchedPrograms.h"
+#include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/Launch.h"
 #include "host/recovery/CHeartbeat.h"
@@ -29,6 +30,7 @@
 #include "host/startup/CAddInLibrary.h"
 #include "host/startup/CDirectoryLock.h"
 #include "host/startup/CStoreGate.h"
+#include "host/startup/Descriptors.h"
 #include "host/startup/LoadAddIn.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/SetUpCheck.h"
@@ -169,6 +171,7 @@ static void Run(const THostOptions& options) {
     log.CaptureAddInMessages();
     if (!options.logFile.empty())
         log.WriteTo(options.logFile);
+    ReserveDescriptors();
     CSignals signals;
     CServiceManager service;
     EnterDirectory(options.directory);
@@ -195,6 +198,7 @@ static void Run(const THostOptions& options) {
     });
     // The load launches nothing.
     HandleLaunches(loaded.library->Tasks(), &output);
+    COwedLaunches::Instance().TakeOver();
     heartbeat.Begin(loaded.upSince);
     CTableGuard guard(options.snapshots);
     const CGuardRegistration registration(guard);
@@ -224,6 +228,8 @@ static void Run(const THostOptions& options) {
         StopHandlingLaunches();
         loaded.library.reset();
     }
+    if (const std::size_t count = COwedLaunches::Instance().Count(); count > 0)
+        LogWarning(fmt::format("{} launch(es) are still owed: the next host makes them", count));
     programs.CollectFinished();
     programs.LeaveRunning();
     programs.RecordIn(nullptr);

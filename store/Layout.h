@@ -30,6 +30,7 @@ inline constexpr char cProgramLinks[] = "files/programs";
 inline constexpr char cHistoryFile[] = "files/history.jsonl";
 inline constexpr char cLockFile[] = "files/vxschedd.lock";  // of the host
 inline constexpr char cLaunchRecordDirectory[] = "files/started";
+inline constexpr char cOwedLaunchDirectory[] = "files/owed";
 inline constexpr char cHeartbeatFile[] = "files/started/alive";
 
 // ---- The add-in, and its objects in IPC; their keys are derived from these names

@@ -78,6 +78,12 @@ bool IsLinkPath(const fs::path& directory, const std::string& program) {
            fs::weakly_canonical(links, ignored) == LinksOf(directory);
 }
 
+bool IsLinkPathOfAnotherStore(const fs::path& directory, const std::string& program) {
+    const fs::path links = fs::path(program).parent_path();
+    return program.starts_with('/') && links.filename() == "programs" &&
+           links.parent_path().filename() == "files" && !IsLinkPath(directory, program);
+}
+
 std::string RealProgram(const fs::path& directory, const std::string& program) {
     if (!IsLinkPath(directory, program))
         return program;

@@ -43,6 +43,16 @@ void Write(int descriptor, std::string_view bytes, const fs::path& path) {
         throw SystemError("cannot write " + path.string(), errno);
 }
 
+void RequireTarget(const fs::path& path) {
+    if (!IsLinkToNothing(path))
+        return;
+    std::error_code ignored;
+    throw CError(EError::cFailed, path.string() + " is unavailable: it is a link to " +
+                                      fs::read_symlink(path, ignored).string() +
+                                      ", which does not exist; mount or restore the target, or "
+                                      "remove the link");
+}
+
 // The status of the table, or of its directory if there is no table.
 std::optional<struct stat> StatusOf(const fs::path& table) {
     struct stat status {};
@@ -105,16 +115,24 @@ fs::path TableFile(const fs::path& directory) {
     return directory / cTableFile;
 }
 
+bool IsLinkToNothing(const fs::path& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
+           access(path.c_str(), F_OK) == -1 && errno == ENOENT;
+}
+
 std::string ReadBytes(const fs::path& file) {
     const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_RDONLY);
     if (descriptor.IsOpen())
         return ReadBytes(descriptor.Get(), file);
-    if (errno == ENOENT)
-        return std::string(8, '\0');
     if (errno == cNotAFile)
         throw MakeError(EError::cFailed, "cannot read {}: it is not a file; put one in its place",
                         file.string());
-    throw SystemError("cannot read " + file.string(), errno);
+    if (errno != ENOENT)
+        throw SystemError("cannot read " + file.string(), errno);
+    RequireTarget(file.parent_path());
+    RequireTarget(file);
+    return std::string(8, '\0');
 }
 
 std::string ReadBytes(int descriptor, const fs::path& file) {
@@ -145,6 +163,7 @@ std::string TableState(const fs::path& directory) {
 void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     std::error_code ignored;
     const fs::path file = TableFile(directory);
+    RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
     Replace(target, bytes, StatusOf(target), EReplace::cKeepOwner);
 }

@@ -15,10 +15,14 @@ namespace vxsched {
 // The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
 
+// True if `path` is a symbolic link to nothing, as when the disk of its target is not mounted. What
+// it leads to is then out of reach, and not missing.
+bool IsLinkToNothing(const std::filesystem::path& path);
+
 // Reads the bytes of a table's file, also damaged ones: the only reader of a table without the
-// add-in. A missing file, also one that a link leads to, is an empty table (8 zero bytes). Throws
-// CError (cNoAccess, cFailed) if the file cannot be read, is larger than 1 GiB, more than any
-// table, or is a directory, a FIFO, a socket or a device.
+// add-in. A missing file is an empty table (8 zero bytes). Throws CError (cNoAccess, cFailed) if
+// the file cannot be read, is larger than 1 GiB, more than any table, is a directory, a FIFO, a
+// socket or a device, or if the file or its directory is a link to nothing.
 std::string ReadBytes(const std::filesystem::path& file);
 
 // The same for a file that is open for reading, from where it stands; `file` is for messages.
@@ -33,8 +37,8 @@ std::string ReadTableBytes(const std::filesystem::path& directory);
 std::string TableState(const std::filesystem::path& directory);
 
 // Replaces the table by `bytes` in one step, by rename(): a reader sees either the old bytes or the
-// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced. Throws
-// CError (cNoAccess, cFailed); the old table stays then.
+// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced; if there
+// is no target, nothing is. Throws CError (cNoAccess, cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:

@@ -6,7 +6,8 @@
 // reader sees the old table or the new one.
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
-// succeeds. A FIFO or a device in place of the table is such a failure.
+// succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to nothing:
+// that table is out of reach, and a save would make another one in its place.
 
 #include "store/TableSaves.h"
 
@@ -29,6 +30,7 @@
 #include "base/RegularFile.h"
 #include "scheduler/TaskFields.h"
 #include "store/Layout.h"
+#include "store/TableFile.h"
 
 namespace vxsched {
 
@@ -110,6 +112,8 @@ int OpenTable(int flags, mode_t mode) {
 }
 
 int OpenToSave(int flags, mode_t mode) {
+    if (!gHasReadFailed && IsLinkToNothing(cTableFile))
+        ReadFailed(ENOENT);
     if (gHasReadFailed)
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (gTemporary != -1)
@@ -121,13 +125,14 @@ int OpenToSave(int flags, mode_t mode) {
     return descriptor;
 }
 
-// A missing table is not a failed read: there is nothing to lose.
+// A missing table is not a failed read: there is nothing to lose. Behind a link there may be.
 int OpenToRead(int flags, mode_t mode) {
     const int descriptor = OpenTable(flags, mode);
     if (descriptor == -1 && errno == EINTR)
         return descriptor;  // COpen tries again
-    if (descriptor == -1 && errno != ENOENT)
-        ReadFailed(errno);
+    const int error = errno;
+    if (descriptor == -1 && (error != ENOENT || IsLinkToNothing(cTableFile)))
+        ReadFailed(error);
     else
         gHasReadFailed = false;
     return descriptor;
@@ -190,7 +195,7 @@ void SaveTableInOneStep() {
 void NoteFileStatus(const char* path, int error) {
     if (error == 0 || !IsTable(path))
         return;
-    if (error == ENOENT)
+    if (error == ENOENT && !IsLinkToNothing(cTableFile))
         gHasReadFailed = false;
     else
         ReadFailed(error);

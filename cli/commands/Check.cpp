@@ -9,6 +9,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
+#include "store/COwnerAccess.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
@@ -39,6 +40,7 @@ std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
     std::vector<TFinding> findings;
     for (const TProblem& problem : table.problems)
         findings.push_back({NameOf(problem.kind), problem.message, problem.offset});
+    const COwnerAccess ownerAccess(common.store.directory);
     for (const TTaskEntry& task : table.tasks) {
         const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
         const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;

@@ -74,7 +74,7 @@ bool HasScheduler(const TStatus& status) {
 // The time of the last tick: the scheduling process's last use of the mutex. Empty if another
 // process has used the mutex since, because the system keeps only the last use.
 std::optional<TTime> LastTick(const TStatus& status) {
-    if (!HasScheduler(status) || !status.mutex ||
+    if (!HasScheduler(status) || status.scheduler->process == 0 || !status.mutex ||
         status.mutex->lastProcess != status.scheduler->process)
         return {};
     return status.mutex->lastUsed;
@@ -84,9 +84,9 @@ std::string DescribeScheduler(const TStatus& status) {
     if (!status.scheduler)
         return "none; start vxschedd in this directory";
     if (!status.scheduler->sharesStore)
-        return fmt::format("process {}, in another IPC namespace; it cannot be reached from here",
-                           status.scheduler->process);
-    return fmt::format("process {}", status.scheduler->process);
+        return fmt::format("{}, in another IPC namespace; it cannot be reached from here",
+                           status.scheduler->Name());
+    return status.scheduler->Name();
 }
 
 std::string DescribeMutex(const std::optional<TMutexState>& mutex) {

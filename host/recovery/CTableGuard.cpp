@@ -33,7 +33,8 @@ namespace {
 // Short, since a tick may hold the store mutex for minutes, and End() waits for a check.
 constexpr std::chrono::milliseconds cLockTimeout(200);
 constexpr std::chrono::seconds cLongerThanAnySave(10);
-constexpr int cRetryInterval = 100;  // milliseconds
+constexpr std::chrono::milliseconds cFirstRetry(100);
+constexpr std::chrono::milliseconds cLongestRetry(5000);
 constexpr int cNoTimeout = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
@@ -48,7 +49,9 @@ void LogErrors(const std::vector<std::string>& notes) {
 }  // namespace
 
 CTableGuard::CTableGuard(std::size_t snapshots)
-    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), mostSnapshots(snapshots) {
+    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      retryInterval(cFirstRetry, cLongestRetry),
+      mostSnapshots(snapshots) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
             "cannot watch the directory \"{}\": {}. The table is checked every second instead.",
@@ -109,11 +112,13 @@ void CTableGuard::Run() {
         // Before a retry, unread events would end the wait at once.
         if (retry)
             descriptors[0].fd = -1;
-        if (poll(descriptors, std::size(descriptors), retry ? cRetryInterval : PollTimeout()) == -1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(cRetryInterval));
+        if (poll(descriptors, std::size(descriptors),
+                 retry ? static_cast<int>(retryInterval.Get().count()) : PollTimeout()) == -1)
+            std::this_thread::sleep_for(retryInterval.Get());
         if (isStopping)
             return;
-        const bool mustCheck = retry || HasChange();
+        // In this order, since a wakeup that stays unread would end every later wait at once.
+        const bool mustCheck = IsWoken() || retry || HasChange();
         retry = mustCheck && !Check();
         // A check takes a few hundred bytes per task, which are not needed until the next one.
         if (mustCheck && !retry)
@@ -127,10 +132,12 @@ int CTableGuard::PollTimeout() const {
     return isWatching && wakeups.IsOpen() ? cNoTimeout : cSecond;
 }
 
-bool CTableGuard::HasChange() {
+bool CTableGuard::IsWoken() {
     eventfd_t ignored = 0;
-    if (eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted)
-        return true;
+    return eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted;
+}
+
+bool CTableGuard::HasChange() {
     if (isWatching)
         return ReadEvents();
     saves.replacedAll = true;  // saves before the watch were not counted
@@ -159,8 +166,10 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
     // Some saves were not counted, so any task may have been removed on purpose.
     if ((mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
         saves.replacedAll = true;
-    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0)
+    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0) {
         isWatching = false;
+        isDirectoryNew = true;
+    }
     if ((mask & IN_MOVED_FROM) != 0 && name.find(vxsched::cSaveSuffix) != std::string_view::npos)
         saveCookie = cookie;
     if (name != vxsched::cTableName)
@@ -192,26 +201,49 @@ bool CTableGuard::Check() {
         if (!isWatching)
             saves.replacedAll = true;
         // A missing directory is not an empty table.
-        if (access(vxsched::cFilesDirectory, F_OK) == -1)
+        if (access(vxsched::cFilesDirectory, F_OK) == -1) {
+            ReportMissingDirectory();
             return true;
+        }
+        isMissingReported = false;
         lastState = vxsched::TableState(".");
-        // Nor is a directory that was created again and has no table yet: the last valid one is
-        // still what a damaged table that appears there is repaired from.
+        const std::string bytes = vxsched::ReadTableBytes(".");
+        // Nor is a directory that was created again and has no table.
+        if (lastState.empty() && isDirectoryNew && lastValid) {
+            Restore(bytes, "the directory \"files\" has no table", TasksOf(*lastValid));
+            return false;
+        }
+        // Another process may be replacing the table: the last valid one is still what a damaged
+        // table that appears is repaired from.
         if (lastState.empty() && saves.replacedAll && lastValid)
             return true;
-        const bool isDone = Examine(vxsched::ReadTableBytes("."));
+        const bool isDone = Examine(bytes);
         lastError.clear();
+        retryInterval.Succeeded();
         return isDone;
     } catch (const vxsched::CError& error) {
-        if (error.Code() != vxsched::EError::cBusy && lastError != error.what()) {
+        if (error.Code() == vxsched::EError::cBusy)
+            return false;
+        retryInterval.Failed();
+        if (lastError != error.what()) {
             lastError = error.what();
             LogError(
                 fmt::format("cannot check the table: {}. Retrying until it succeeds.", lastError));
         }
         return false;
     } catch (const std::exception&) {
+        retryInterval.Failed();
         return false;  // out of memory; may succeed later
     }
+}
+
+void CTableGuard::ReportMissingDirectory() {
+    isDirectoryNew = true;
+    if (!isMissingReported)
+        LogError(
+            "the directory \"files\" is gone: nothing can be saved or recorded. Create it again; "
+            "the last valid table is then written into it.");
+    isMissingReported = true;
 }
 
 // Keeps a valid table, restores any other. False after a restore: another check is needed for what
@@ -342,6 +374,7 @@ void CTableGuard::QuarantineOnce(const std::string& bytes, const std::string& re
 void CTableGuard::Keep(const std::string& bytes) {
     lastValid = bytes;
     saves = {};
+    isDirectoryNew = false;
     try {
         vxsched::KeepSnapshot(".", bytes, mostSnapshots);
     } catch (const vxsched::CError& error) {

@@ -11,6 +11,7 @@
 
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
+#include "host/recovery/CRetryInterval.h"
 #include "store/CTableLease.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
@@ -51,6 +52,7 @@ private:
     void Run();
     bool Watch();
     int PollTimeout() const;
+    bool IsWoken();
     bool HasChange();
     bool ReadEvents();
     bool HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name);
@@ -60,6 +62,7 @@ private:
     // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
     // checks (the constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
+    void ReportMissingDirectory();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
                  std::vector<vxsched::TTaskEntry> tasks);
@@ -74,8 +77,11 @@ private:
     std::atomic<bool> isWorkerRunning{false};
 
     // Of the thread that checks: the constructor's, then the guard's own.
+    CRetryInterval retryInterval;
     CDescriptor changes;  // inotify
     bool isWatching = false;
+    bool isDirectoryNew = false;  // "files" is not the directory that had the last valid table
+    bool isMissingReported = false;
     std::string lastState;  // of the file, for when it cannot be watched
     TSaves saves;
     bool isModified = false;       // between a write and the close of the table

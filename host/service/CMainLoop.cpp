@@ -11,6 +11,8 @@
 
 #include "host/CHostLog.h"
 #include "host/HostThread.h"
+#include "host/programs/COwedLaunches.h"
+#include "host/programs/Launch.h"
 #include "store/WorkerState.h"
 
 // How long the worker may seem dead if no service manager sets a limit. The log is all that depends
@@ -31,6 +33,7 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
                TClock::now()) {
     Watch(signals.Descriptor(), [this] { ReadSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
+    Watch(COwedLaunches::Instance().Descriptor(), MakeOwedLaunches);
     gIsHostThread = true;
     // For the service manager's watchdog the worker is checked at fixed intervals anyway.
     if (service.WatchdogTimeout().count() > 0)
@@ -59,7 +62,7 @@ void CMainLoop::WaitForTickEnd() {
 }
 
 void CMainLoop::WaitForPrograms() {
-    while (!stopSignal && programs.Count() > 0)
+    while (!stopSignal && programs.Count() + COwedLaunches::Instance().Count() > 0)
         WaitOnce(TClock::now() + cDefaultTimeout);
 }
 

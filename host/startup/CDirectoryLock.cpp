@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -80,8 +81,16 @@ CDirectoryLock::CDirectoryLock(const std::string& directory)
         throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}. Choose a directory on "
                                                    "a file system that supports flock.",
                                                    directory, cLockFile, std::strerror(error)));
-    holder = fmt::format("{}\n", getpid());
-    // Only the message above needs the number, so a full disk is no reason not to run.
+    // Clients of other PID namespaces ask for this one: an flock() cannot be asked for.
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    fcntl(file.Get(), F_OFD_SETLK, &lock);
+    struct stat ipcNamespace {};
+    stat("/proc/self/ns/ipc", &ipcNamespace);
+    holder = fmt::format("{}\n{}\n", getpid(), ipcNamespace.st_ino);
+    // Only messages need the process and only these clients the namespace, so a full disk is no
+    // reason not to run.
     if (ftruncate(file.Get(), 0) == 0)
         static_cast<void>(pwrite(file.Get(), holder.data(), holder.size(), 0) == -1);
 }

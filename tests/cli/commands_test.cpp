@@ -26,6 +26,29 @@ using testing::HasSubstr;
 
 // ---- History ----------------------------------------------------------------------------------
 
+// As when its disk is not mounted: the table is there, and out of reach.
+TEST_F(Cli, TableBehindALinkToNothingIsUnavailable) {
+    const auto refuse = [](const std::vector<std::string>& command) {
+        const TToolRun run = RunTool(command);
+        EXPECT_NE(run.status, 0) << command[0];
+        EXPECT_THAT(run.output + run.error, HasSubstr("unavailable")) << command[0];
+    };
+    WriteFile("import", R"({"version": 1, "tasks": []})");
+    const std::vector<std::vector<std::string>> commands = {
+        {"list"},   {"status"}, {"check"},      {"create", "a", "--at", "in 1h", "--", cRecorder},
+        {"export"}, {"repair"}, {"pause", "a"}, {"import", "--replace", "import"}};
+    fs::create_symlink(fs::absolute("disk-table"), cTable);
+    for (const std::vector<std::string>& command : commands)
+        refuse(command);
+    EXPECT_TRUE(fs::is_symlink(cTable));
+    EXPECT_FALSE(fs::exists("disk-table"));
+    fs::remove_all("files");
+    fs::create_symlink(fs::absolute("disk-files"), "files");
+    refuse({"list"});
+    refuse({"status"});
+    fs::remove("files");
+}
+
 TEST_F(Cli, HistoryIsEmptyWithoutAHistoryFile) {
     EXPECT_THAT(Output({"history"}), HasSubstr("\n0 records\n"));
     EXPECT_THAT(Output({"history", "--json"}), HasSubstr("\"runs\": []"));

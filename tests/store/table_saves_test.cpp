@@ -76,6 +76,14 @@ TEST(TableSaves, OfALinkAreMadeInPlace) {
     EXPECT_EQ(InodeOf("target"), before);
 }
 
+TEST(TableSaves, OfALinkWhoseTargetHasGoneAreDiscarded) {
+    EXPECT_EQ(StepsOf({"link", "stat", "save"}), "link ok\nstat failed\nsave ok\n");
+    EXPECT_EQ(StepsOf({"link", "read", "save"}), "link ok\nread failed\nsave ok\n");
+    EXPECT_EQ(StepsOf({"link", "save", "save"}), "link ok\nsave ok\nsave ok\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(cTable));
+    EXPECT_FALSE(std::filesystem::exists("target"));
+}
+
 TEST(TableSaves, OfATableWithTwoHardLinksAreMadeInPlace) {
     std::filesystem::create_directory("files");
     WriteFile(cTable, "a longer table");

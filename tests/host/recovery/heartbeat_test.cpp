@@ -1,12 +1,12 @@
-// The heartbeat: the uptime that it leaves for the next host after a stop and after a kill, and
-// when it is written.
+// The uptime that a heartbeat file shows to the next host, also after the clock was set.
 
 #include <gtest/gtest.h>
 #include "host/recovery/CHeartbeat.h"
 
 #include <chrono>
-#include <ctime>
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 
@@ -15,110 +15,195 @@
 #include "TableEntry.h"
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
 
-static constexpr char cFile[] = "files/started/alive";
+namespace {
 
-class Heartbeat : public testing::Test {
-protected:
-    Heartbeat() { fs::create_directories("files/started"); }
-    ~Heartbeat() override { fs::remove_all("files"); }
+constexpr char cFile[] = "files/started/alive";
+constexpr time_t cStart = 1'000'000;  // cNow, in seconds
 
-    CFakeSystem system{cNow.time_since_epoch().count()};
+// The system's clock and the boot of which it counts on; the test sets both.
+struct TFakeClock {
+    CFakeSystem system{cStart};
+
+    TFakeClock() {
+        std::filesystem::create_directories("files/started");
+        std::filesystem::remove("files/started/alive");
+        boot = {.id = "first", .time = 500'000s};
+    }
+
+    void Pass(std::chrono::seconds time) { system.now += time.count(); }
+
+    // Sets the clock while time does not pass.
+    void Set(std::chrono::seconds change) {
+        system.now += change.count();
+        boot.time += change;
+    }
+
+    static TBoot Boot() { return boot; }
+    static inline TBoot boot;
 };
 
-static std::optional<TUptime> UptimeOfThePreviousHost() {
-    return CHeartbeat().PreviousUptime();
-}
+// A host that begins its uptime now; it is killed at the end of its scope.
+struct TKilledHost {
+    CHeartbeat heartbeat{TFakeClock::Boot};
 
-TEST_F(Heartbeat, FirstHostHasNoPreviousOne) {
-    EXPECT_FALSE(UptimeOfThePreviousHost());
-}
-
-TEST_F(Heartbeat, UptimeOfAKilledHostEndsAMinuteAfterItsLastBeat) {
-    {
-        CHeartbeat killed;
-        killed.Begin(Later(-100));
-        CHeartbeat::Beat(Later(30).time_since_epoch().count());
+    explicit TKilledHost(const TFakeClock& clock) {
+        heartbeat.Begin(vxsched::TTime(std::chrono::seconds(clock.system.now)));
     }
-    const std::optional<TUptime> previous = UptimeOfThePreviousHost();
-    ASSERT_TRUE(previous);
-    EXPECT_EQ(previous->since, Later(-100));
-    EXPECT_EQ(previous->until, Later(90));
+    static void Tick(const TFakeClock& clock) { CHeartbeat::Beat(clock.system.now); }
+};
+
+std::string PreviousUptime() {
+    const CHeartbeat next(TFakeClock::Boot);
+    const std::optional<TUptime>& uptime = next.PreviousUptime();
+    if (!uptime)
+        return "none";
+    const auto seconds = [](vxsched::TTime time) { return std::to_string((time - cNow).count()); };
+    return seconds(uptime->since) + " to " + seconds(uptime->until);
 }
 
-TEST_F(Heartbeat, BeginIsABeat) {
-    system.now += 1000;
-    { CHeartbeat().Begin(Later(1000)); }
-    const std::optional<TUptime> previous = UptimeOfThePreviousHost();
-    ASSERT_TRUE(previous);
-    EXPECT_EQ(previous->until, Later(1060));
-}
+}  // namespace
 
-TEST_F(Heartbeat, UptimeOfAStoppedHostEndsAtTheStop) {
+TEST(Heartbeat, UptimeEndsATickAfterTheLastOne) {
+    TFakeClock clock;
+    EXPECT_EQ(PreviousUptime(), "none");
     {
-        CHeartbeat stopped;
-        stopped.Begin(cNow);
-        system.now += 500;
-        stopped.Stop();
-        CHeartbeat::Beat(system.now + 1);
+        const TKilledHost host(clock);
+        clock.Pass(100s);
+        TKilledHost::Tick(clock);
     }
-    const std::optional<TUptime> previous = UptimeOfThePreviousHost();
-    ASSERT_TRUE(previous);
-    EXPECT_EQ(previous->since, cNow);
-    EXPECT_EQ(previous->until, Later(500));
+    clock.Pass(1h);
+    EXPECT_EQ(PreviousUptime(), "0 to 160");
+    EXPECT_EQ(PreviousUptime(), "0 to 160") << "a host that did not begin its uptime";
 }
 
-TEST_F(Heartbeat, HostThatDidNotBeginLeavesThePreviousUptime) {
+TEST(Heartbeat, UptimeEndsAtACleanStop) {
+    TFakeClock clock;
+    TKilledHost host(clock);
+    clock.Pass(100s);
+    host.heartbeat.Stop();
+    clock.Pass(1h);
+    EXPECT_EQ(PreviousUptime(), "0 to 100");
+}
+
+TEST(Heartbeat, ClockThatIsSetRightInTheUptimeCostsNothingOfIt) {
+    TFakeClock clock;
+    clock.Set(1h);
     {
-        CHeartbeat killed;
-        killed.Begin(Later(-7));
+        const TKilledHost host(clock);
+        clock.Pass(60s);
+        clock.Set(-1h);
+        TKilledHost::Tick(clock);
+        clock.Pass(600s);
+        TKilledHost::Tick(clock);
     }
-    const std::string content = ReadFile(cFile);
+    clock.Pass(30s);
+    EXPECT_EQ(PreviousUptime(), "60 to 720");
+    clock.boot.id = "second";
+    EXPECT_EQ(PreviousUptime(), "60 to 720");
+}
+
+TEST(Heartbeat, ClockThatWasSetRightBeforeTheNextTickToo) {
+    TFakeClock clock;
+    clock.Set(1h);
     {
-        const CHeartbeat neverBegun;
-        CHeartbeat::Beat(Later(2000).time_since_epoch().count());
+        const TKilledHost host(clock);
+        clock.Pass(60s);
+        TKilledHost::Tick(clock);
+        clock.Set(-1h);
     }
-    EXPECT_EQ(ReadFile(cFile), content);
+    clock.Pass(20min);
+    EXPECT_EQ(PreviousUptime(), "0 to 120");
 }
 
-TEST_F(Heartbeat, WithoutAnyUptimeNothingLiesInIt) {
-    { const CHeartbeat first; }
-    const std::optional<TUptime> previous = UptimeOfThePreviousHost();
-    ASSERT_TRUE(previous);
-    EXPECT_GT(previous->since, previous->until);
+TEST(Heartbeat, ClockThatWasSetForwardAfterTheUptime) {
+    TFakeClock clock;
+    clock.Set(-1h);
+    {
+        const TKilledHost host(clock);
+        clock.Pass(60s);
+        TKilledHost::Tick(clock);
+    }
+    clock.Set(1h);
+    clock.Pass(20min);
+    EXPECT_EQ(PreviousUptime(), "-3600 to 120") << "what it saw, and when it was up";
 }
 
-TEST_F(Heartbeat, IsWrittenOnceASecond) {
-    CHeartbeat host;
-    host.Begin(cNow);
+// Nothing shows by how much the clock was ahead then.
+TEST(Heartbeat, OfTheFutureInAnEarlierBootShowsNoUptime) {
+    TFakeClock clock;
+    clock.Set(1h);
+    {
+        const TKilledHost host(clock);
+        clock.Pass(60s);
+        TKilledHost::Tick(clock);
+    }
+    clock.Set(-1h);
+    clock.boot.id = "second";
+    EXPECT_EQ(PreviousUptime(), "none");
+}
+
+TEST(Heartbeat, ClockThatIsOnlyAdjustedMovesNothing) {
+    TFakeClock clock;
+    {
+        const TKilledHost host(clock);
+        clock.Pass(60s);
+        TKilledHost::Tick(clock);
+    }
+    clock.boot.time += 400ms;
+    clock.Pass(1h);
+    EXPECT_EQ(PreviousUptime(), "0 to 120");
+}
+
+TEST(Heartbeat, FileWithoutABootIsRead) {
+    TFakeClock clock;
+    const std::int64_t content[] = {cStart + 40, cStart};
+    std::ofstream("files/started/alive", std::ios::binary)
+        .write(reinterpret_cast<const char*>(content), sizeof content);
+    clock.Pass(1h);
+    EXPECT_EQ(PreviousUptime(), "0 to 100");
+}
+
+TEST(Heartbeat, BootOfTheSystemIsKnownAndIsItsClocksBeginning) {
+    const TBoot boot = ReadBoot();
+    EXPECT_EQ(boot.id.size(), 36U);
+    EXPECT_GT(boot.time, 0s);
+    EXPECT_EQ(ReadBoot().id, boot.id);
+}
+
+TEST(Heartbeat, IsWrittenOnceASecond) {
+    TFakeClock clock;
+    const TKilledHost host(clock);
+    clock.Pass(100s);
     WriteFile(cFile, "");
-    const std::time_t next = Later(3000).time_since_epoch().count();
-    CHeartbeat::Beat(next);
-    EXPECT_EQ(ReadFile(cFile).size(), 16U);
+    TKilledHost::Tick(clock);
+    EXPECT_EQ(ReadFile(cFile).size(), 64U);
     WriteFile(cFile, "");
-    CHeartbeat::Beat(next);
+    TKilledHost::Tick(clock);
     EXPECT_EQ(ReadFile(cFile), "");
-    CHeartbeat::Beat(next + 1);
-    EXPECT_EQ(ReadFile(cFile).size(), 16U);
+    clock.Pass(1s);
+    TKilledHost::Tick(clock);
+    EXPECT_EQ(ReadFile(cFile).size(), 64U);
 }
 
-TEST_F(Heartbeat, DamagedFileIsNoUptime) {
+TEST(Heartbeat, DamagedFileIsNoUptime) {
+    TFakeClock clock;
     WriteFile(cFile, "too short");
-    EXPECT_FALSE(UptimeOfThePreviousHost());
-    EXPECT_EQ(ReadFile(cFile).size(), 16U);
+    EXPECT_EQ(PreviousUptime(), "none");
+    EXPECT_EQ(ReadFile(cFile).size(), 64U);
 }
 
-TEST_F(Heartbeat, MissingDirectoryIsReportedAndDoesNoHarm) {
-    fs::remove_all("files");
+TEST(Heartbeat, MissingDirectoryIsReportedAndDoesNoHarm) {
+    TFakeClock clock;
+    std::filesystem::remove_all("files");
     testing::internal::CaptureStderr();
-    CHeartbeat host;
+    TKilledHost host(clock);
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("cannot write to files/started/alive: No such file or directory. If"),
               std::string::npos)
         << log;
-    EXPECT_FALSE(host.PreviousUptime());
-    host.Begin(cNow);
-    CHeartbeat::Beat(Later(4000).time_since_epoch().count());
-    host.Stop();
+    EXPECT_FALSE(host.heartbeat.PreviousUptime());
+    clock.Pass(100s);
+    TKilledHost::Tick(clock);
+    host.heartbeat.Stop();
 }

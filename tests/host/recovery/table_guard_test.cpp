@@ -159,7 +159,7 @@ TEST(HostGuard, TruncatedHeartbeatIsWrittenAgain) {
     WriteFile("files/started/alive", "");
     WaitUntil([&] {
         host.Kill(SIGUSR1);
-        return fs::file_size("files/started/alive") == 2 * sizeof(std::int64_t);
+        return fs::file_size("files/started/alive") == 64;
     });
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -275,16 +275,19 @@ TEST(HostGuard, DirectoryThatIsRemovedAndCreatedAgainIsWatched) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// The guard checks the new directory while it has no table yet.
-TEST(HostGuard, DirectoryThatIsCreatedAgainWithoutATableIsNoEmptyTable) {
+TEST(HostGuard, DirectoryThatIsRemovedIsReportedAndFilledWhenItIsCreatedAgain) {
     WriteTable(cThree);
     CHost host;
+    // Removed in place, the host would put the table back before the directory is empty.
     fs::rename("files", "gone");
+    fs::remove_all("gone");
+    EXPECT_TRUE(host.WaitForOutput("the directory \"files\" is gone")) << host.Output();
     fs::create_directory("files");
-    std::this_thread::sleep_for(1500ms);
-    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    WaitUntil([] { return fs::exists(cTable); });
     WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("is gone"), 1U) << host.Output();
 }
 
 TEST(HostGuard, DirectoryThatIsRemovedDoesNotKeepAHostFromStopping) {
@@ -302,6 +305,39 @@ TEST(HostGuard, DirectoryOfLaunchRecordsIsCreatedAgainForALaunch) {
     EXPECT_EQ(CountIn("files/started", "due@"), 1U) << host.Output();
     WaitUntil([] { return CountIn("files/started", "due@") == 0; });
     EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    fs::create_directory("disk");
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
+    fs::rename(cTable, "disk/table");
+    fs::create_symlink("../disk/table", cTable);
+    CHost host;
+    TRows rows = ReadTable();
+    rows[0].next = std::time(nullptr);
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteFile(cTable, BytesOf(rows));
+        fs::rename("disk", "elsewhere");
+        fs::create_directory("disk");
+    }
+    EXPECT_TRUE(host.WaitForOutput("scheduler.dat is unavailable")) << host.Output();
+    WakeChanged();
+    WaitUntil(WorkerIsIdle);
+    EXPECT_TRUE(fs::is_symlink(cTable));
+    EXPECT_TRUE(fs::is_empty("disk")) << "nothing is written in its place";
+    fs::remove("disk");
+    fs::rename("elsewhere", "disk");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    // A table that is a link is rewritten in place.
+    WaitUntil([&] {
+        const vxsched::CStoreMutexLock lock(10s);
+        return ReadTable()[0].next > rows[0].next;
+    });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n");
 }
 
 TEST(HostGuard, TargetOfALinkIsChecked) {
