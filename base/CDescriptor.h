@@ -24,6 +24,9 @@ public:
     int Get() const { return descriptor; }
     bool IsOpen() const { return descriptor >= 0; }
 
+    // Returns the descriptor, which the caller has to close from now on; -1 if there is none.
+    int Release() { return std::exchange(descriptor, -1); }
+
 private:
     int descriptor;
 };

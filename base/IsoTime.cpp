@@ -1,10 +1,9 @@
 #include "base/IsoTime.h"
 
-#include <fmt/format.h>
+#include <fmt/chrono.h>
 
 #include <charconv>
 #include <cstdlib>
-#include <ctime>
 #include <string_view>
 #include <utility>
 
@@ -12,21 +11,21 @@ using std::chrono::floor;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-static std::string Format(const tm& calendar, const char* format) {
-    char buffer[64];
-    return {buffer, std::strftime(buffer, sizeof buffer, format, &calendar)};
-}
-
-TMoment Now() {
+TMoment CurrentMoment() {
     return floor<milliseconds>(std::chrono::system_clock::now());
 }
 
+std::optional<std::tm> CalendarOf(std::chrono::sys_seconds time, EZone zone) {
+    const std::time_t number = time.time_since_epoch().count();
+    std::tm calendar{};
+    const std::tm* const converted =
+        zone == EZone::cUtc ? gmtime_r(&number, &calendar) : localtime_r(&number, &calendar);
+    return converted != nullptr ? std::optional(calendar) : std::nullopt;
+}
+
 std::string UtcTime(std::chrono::sys_seconds time, milliseconds rest) {
-    const time_t number = time.time_since_epoch().count();
-    tm calendar{};
-    if (gmtime_r(&number, &calendar) == nullptr)
-        return "";
-    return fmt::format("{}.{:03}Z", Format(calendar, "%FT%T"), rest.count());
+    const std::optional<std::tm> calendar = CalendarOf(time, EZone::cUtc);
+    return calendar ? fmt::format("{:%FT%T}.{:03}Z", *calendar, rest.count()) : "";
 }
 
 std::string UtcTime(TMoment moment) {
@@ -52,11 +51,10 @@ std::optional<TMoment> ReadUtcTime(const std::string& string) {
 
 std::string LocalTime(TMoment moment) {
     const auto whole = floor<seconds>(moment);
-    const time_t number = whole.time_since_epoch().count();
-    tm calendar{};
-    if (localtime_r(&number, &calendar) == nullptr)
+    const std::optional<std::tm> calendar = CalendarOf(whole, EZone::cLocal);
+    if (!calendar)
         return "";
-    const long minutes = std::labs(calendar.tm_gmtoff) / 60;
-    return fmt::format("{}.{:03}{}{:02}:{:02}", Format(calendar, "%FT%T"), (moment - whole).count(),
-                       calendar.tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60);
+    const long minutes = std::labs(calendar->tm_gmtoff) / 60;
+    return fmt::format("{:%FT%T}.{:03}{}{:02}:{:02}", *calendar, (moment - whole).count(),
+                       calendar->tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }

@@ -1,5 +1,7 @@
 // The command vxsched: parses the command line, runs the command, and maps errors to exit statuses.
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
@@ -11,15 +13,16 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
+#include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
+#include "store/MakeError.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
 
 namespace {
 
-int StatusOf(EError error) {
+TExitStatus StatusOf(EError error) {
     switch (error) {
         case EError::cNotFound:
             return cNotFoundStatus;
@@ -29,6 +32,8 @@ int StatusOf(EError error) {
             return cDamagedStatus;
         case EError::cNoScheduler:
             return cNoSchedulerStatus;
+        case EError::cUnknown:
+            return cUnknownStatus;
         case EError::cFailed:
         case EError::cBusy:
         case EError::cRefused:
@@ -44,15 +49,13 @@ std::string CheckLockTimeout(const std::string& argument) {
     if (!argument.empty() && end == argument.c_str() + argument.size() && seconds >= 0 &&
         seconds <= 86400)
         return "";
-    return "expected a number of seconds from 0 to 86400, not \"" + argument + '"';
+    return fmt::format("expected a number of seconds from 0 to 86400, not \"{}\"", argument);
 }
 
 // `what`, in the plural for several arguments, and the arguments: unknown options "-a", "-b".
 std::string Listed(const std::string& what, const std::vector<std::string>& arguments) {
-    std::string listed = what + (arguments.size() == 1 ? " " : "s ");
-    for (const std::string& argument : arguments)
-        listed += (&argument == &arguments.front() ? "\"" : ", \"") + argument + '"';
-    return listed;
+    return fmt::format("{}{} \"{}\"", what, arguments.size() == 1 ? "" : "s",
+                       fmt::join(arguments, "\", \""));
 }
 
 // The options of every command and their values, and the command that was chosen.
@@ -62,7 +65,7 @@ public:
 
     // Parses the arguments, runs the command, and returns the exit status. Throws CLI::ParseError,
     // CParseError for a time that was not quoted, and the exceptions of the command.
-    int Run(int argc, const char* const* argv);
+    TExitStatus Run(int argc, const char* const* argv);
 
     // Prints the help or the version and returns the exit status.
     int PrintRequested(const CLI::Success& request) const {
@@ -76,7 +79,7 @@ public:
     std::string MessageFor(const CError& error) const;
 
 private:
-    using TCommand = std::function<int()>;
+    using TCommand = std::function<TExitStatus()>;
 
     // Adds a command's options and arguments to it.
     using TOptions = std::function<void(CLI::App&)>;
@@ -85,7 +88,8 @@ private:
     // options of all commands would take a quarter of a short command's time.
     void Add(const char* name, const char* description, TCommand command, TOptions options);
     void AddForNames(const char* name, const char* description,
-                     int (*command)(const TCommon&, const TNames&, COutput&), bool isForcible);
+                     TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
+                     bool isForcible);
     void AddQueries();
     void AddChanges();
     void AddMaintenance();
@@ -144,7 +148,7 @@ CCommandLine::CCommandLine() {
         "Times: 2026-11-21 14:30 (local; append Z or +01:00 for another zone), 14:30,\n"
         "tomorrow 02:00, now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
         "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task, 4 no access,\n"
-        "5 damaged table, 6 no scheduling process.");
+        "5 damaged table, 6 no scheduling process, 9 cut short, result unknown.");
     AddQueries();
     AddChanges();
     AddMaintenance();
@@ -240,7 +244,7 @@ void CCommandLine::AddName(CLI::App& command) {
 }
 
 void CCommandLine::AddForNames(const char* name, const char* description,
-                               int (*command)(const TCommon&, const TNames&, COutput&),
+                               TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
                                bool isForcible) {
     Add(
         name, description, [this, command] { return command(common, names, output); },
@@ -383,8 +387,8 @@ std::string CCommandLine::MessageFor(const CLI::ParseError& error) const {
     // "--directory: ..." is about an option that only the general help describes.
     const bool isGeneral = app.get_subcommands().empty() ||
                            app.get_option_no_throw(reason.substr(0, reason.find(':'))) != nullptr;
-    return reason + ". See vxsched " +
-           (isGeneral ? "" : app.get_subcommands().front()->get_name() + ' ') + "--help.";
+    return fmt::format("{}. See vxsched {}--help.", reason,
+                       isGeneral ? "" : app.get_subcommands().front()->get_name() + ' ');
 }
 
 std::string CCommandLine::ReasonOf(const CLI::ParseError& error) const {
@@ -412,7 +416,7 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
     const CLI::App* const command =
         app.get_subcommands().empty() ? nullptr : app.get_subcommands().front();
     if (command == nullptr && !arguments.empty())
-        return "unknown command \"" + arguments.front() + '"';
+        return fmt::format("unknown command \"{}\"", arguments.front());
     const bool isCreate = command != nullptr && command->get_name() == "create";
     std::string reason;
     if (!options.empty()) {
@@ -424,10 +428,8 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
         return reason;
     reason += (reason.empty() ? "" : "; ") + Listed("unexpected argument", arguments);
     if (isCreate) {
-        std::string parameter = task.parameter.value_or("");
-        for (const std::string& argument : arguments)
-            parameter += ' ' + argument;
-        return reason + "; a program gets a single argument, so quote it: \"" + parameter + '"';
+        return fmt::format("{}; a program gets a single argument, so quote it: \"{} {}\"", reason,
+                           task.parameter.value_or(""), fmt::join(arguments, " "));
     }
     const auto takesValue = [](const CLI::Option* option) {
         return option->get_expected_max() > 0;
@@ -443,11 +445,12 @@ std::string CCommandLine::MessageFor(const CError& error) const {
     if (error.Code() != EError::cDamaged)
         return message;
     const bool hasRemedy = message.find("repair the table") != std::string::npos;
-    return TableFile(directory).string() + ": " + message +
-           (hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
+    return fmt::format(
+        "{}: {}{}", TableFile(directory).string(), message,
+        hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
 }
 
-int CCommandLine::Run(int argc, const char* const* argv) {
+TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     Parse(argc, argv);
     common.store.directory = directory;
     common.store.lockTimeout =
@@ -456,19 +459,20 @@ int CCommandLine::Run(int argc, const char* const* argv) {
     common.forced = TForced(forced.begin(), forced.end());
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
-    const int status = chosen();
+    common.store.onBegin = CInterruption::ChangeBegins;
+    const CInterruption interruption;
+    const TExitStatus status = chosen();
     try {
         output.Finish();
     } catch (const CError& error) {
-        throw CError(error.Code(),
-                     std::string(error.what()) + "; the command itself was carried out");
+        throw MakeError(error.Code(), "{}; the command itself was carried out", error.what());
     }
     return status;
 }
 
 // Prints the message. If it has several lines, the others are indented so that they begin below the
 // first one. Each line is passed to Show() alone, which would replace the line ends.
-int Fail(const std::string& message, int status) {
+TExitStatus Fail(const std::string& message, TExitStatus status) {
     const std::string prefix = "vxsched: ";
     std::string shown;
     for (std::size_t offset = 0; offset <= message.size();) {

@@ -1,6 +1,7 @@
 #include "client/CChangeProcess.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -13,8 +14,10 @@
 
 #include <vxsched/Error.h>
 #include "base/Spawn.h"
+#include "base/WriteAll.h"
 #include "client/Fields.h"
 #include "client/LibraryDirectory.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -45,8 +48,8 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     }
     std::string bytes;
     PutField(bytes, Encode(request));
-    Send(bytes);
-    shutdown(socket, SHUT_WR);
+    // If the process has ended, Next() reports that.
+    SendAll(socket, bytes);
 }
 
 CChangeProcess::~CChangeProcess() {
@@ -57,20 +60,12 @@ CChangeProcess::~CChangeProcess() {
     }
 }
 
-void CChangeProcess::Kill() const {
-    kill(process, SIGKILL);
+void CChangeProcess::Go() const {
+    SendAll(socket, "g");
 }
 
-void CChangeProcess::Send(const std::string& bytes) const {
-    std::string_view unsent = bytes;
-    while (!unsent.empty()) {
-        const ssize_t count = send(socket, unsent.data(), unsent.size(), MSG_NOSIGNAL);
-        if (count == -1 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return;  // it has ended; the next read() reports that
-        unsent.remove_prefix(static_cast<std::size_t>(count));
-    }
+void CChangeProcess::Kill() const {
+    kill(process, SIGKILL);
 }
 
 std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> limit) {
@@ -84,8 +79,8 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
         pollfd input{.fd = socket, .events = POLLIN, .revents = 0};
         const int ready = poll(&input, 1, limit ? static_cast<int>(limit->count()) : -1);
         if (ready == 0)
-            throw CError(EError::cBusy, "the change process sent no message for " +
-                                            std::to_string(limit->count()) + " ms");
+            throw MakeError(EError::cBusy, "the change process sent no message for {} ms",
+                            limit->count());
         std::array<char, 1 << 16> block{};
         const ssize_t count = ready == -1 ? -1 : read(socket, block.data(), block.size());
         if (count > 0)
@@ -101,8 +96,8 @@ std::string CChangeProcess::WaitForEnd() {
     }
     process = -1;
     if (WIFSIGNALED(status))
-        return std::string("was killed by SIG") + sigabbrev_np(WTERMSIG(status));
-    return "exited with status " + std::to_string(WEXITSTATUS(status));
+        return fmt::format("was killed by SIG{}", sigabbrev_np(WTERMSIG(status)));
+    return fmt::format("exited with status {}", WEXITSTATUS(status));
 }
 
 }  // namespace vxsched

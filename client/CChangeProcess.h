@@ -26,6 +26,9 @@ public:
     // Empty when the process has ended. Throws CError (cBusy) on a timeout.
     std::optional<TMessage> Next(std::optional<std::chrono::milliseconds> limit);
 
+    // Answers cMessageReady: the process may make the change.
+    void Go() const;
+
     // Sends SIGKILL; returns at once.
     void Kill() const;
 
@@ -34,8 +37,6 @@ public:
     std::string WaitForEnd();
 
 private:
-    void Send(const std::string& bytes) const;
-
     int socket = -1;
     pid_t process = -1;
     std::string received;

@@ -1,20 +1,22 @@
 #include "client/Change.h"
 
-#include <unistd.h>
+#include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <system_error>
-#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/CDeadline.h"
 #include "client/CChangeProcess.h"
 #include "client/LibraryDirectory.h"
+#include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
+#include "store/Layout.h"
+#include "store/MakeError.h"
 #include "store/TableFile.h"
+#include "store/WorkerState.h"
 
 namespace vxsched {
 
@@ -31,12 +33,15 @@ constexpr milliseconds cRestartLimit(3'000);
 // The limit of the wait for due tasks, in lock timeouts, even while there is progress.
 constexpr int cMostTimeouts = 10;
 
-TRequest RequestOf(const TStoreOptions& options, const std::vector<TCall>& calls) {
+TRequest RequestOf(const TStoreOptions& options, const TChange& change) {
     std::error_code error;
     return {std::filesystem::absolute(options.directory, error).string(),
-            options.addIn.empty() ? LibraryDirectory() + "/libVantrixScheduler.so"
+            options.addIn.empty() ? LibraryDirectory() + '/' + cAddInFile
                                   : std::filesystem::absolute(options.addIn, error).string(),
-            options.lockTimeout.count(), options.evenIfDue, calls};
+            options.lockTimeout.count(),
+            options.evenIfDue,
+            FindSchedulingProcess(options.directory).has_value(),
+            change.calls};
 }
 
 // Parses the content of cMessageError: "4 there is no task ...", the EError and the message.
@@ -46,154 +51,254 @@ CError ErrorOf(const std::string& message) {
 }
 
 // Restores the backup if the change process has left a damaged table. Takes the writer lock and the
-// store mutex. Returns the state of the table, for a message.
-std::string Recover(const TStoreOptions& options) {
+// store mutex. Reads the table into `table` and returns its state, for a message.
+std::string Recover(const TStoreOptions& options, TTable& table) {
     const CWriterLock writerLock(options.directory, options.lockTimeout);
     const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
     try {
-        DecodeTable(ReadBytes(TableFile(options.directory)), Now());
+        table = DecodeTable(ReadTableBytes(options.directory), Now());
         return "the table is valid";
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
     }
-    const std::filesystem::path backup = BackupFile(options.directory);
-    DecodeTable(ReadBytes(backup), Now());
-    if (rename(backup.c_str(), TableFile(options.directory).c_str()) == -1)
-        throw SystemError("cannot restore the backup " + backup.string(), errno);
+    RestoreBeforeChange(options.directory);
+    table = DecodeTable(ReadTableBytes(options.directory), Now());
     AnnounceChange();
     return "the table was damaged and is restored as it was before";
 }
 
-[[noreturn]] void Fail(const TStoreOptions& options, const std::string& why,
-                       const std::vector<std::string>& log) {
-    std::string message = "the change was not finished: " + why;
+std::string WithLog(std::string message, const std::vector<std::string>& log) {
     for (const std::string& line : log)
         message += "; the add-in logged: " + line;
-    try {
-        message += "; " + Recover(options);
-    } catch (const CError& error) {
-        message += "; the table could not be checked afterwards: " + std::string(error.what());
-    }
-    throw CError(EError::cFailed, message);
+    return message;
 }
 
 struct TAttempt {
     TOutcome outcome;
-    std::string bytes;  // of the table, read back
+    std::optional<std::string> bytes;  // of the table, read back
     bool isBegun = false;
-    bool isRead = false;
-    std::string due;      // the due task because of which it was not made
-    std::string changed;  // the changed task because of which it was not made
+    // Why it was not made:
+    bool isTickUnderWay = false;
+    std::string due;      // because of this due task
+    std::string changed;  // because of this changed task
     std::optional<CError> error;
+    std::string cutShort;  // because the change process ended early: how
 };
 
-void Take(const TMessage& message, const std::function<void(pid_t)>& onLaunch, TAttempt& attempt) {
-    if (message.kind == cMessageDue)
-        attempt.due = message.content;
-    else if (message.kind == cMessageBegun)
-        attempt.isBegun = true;
-    else if (message.kind == cMessageProgram)
-        attempt.outcome.program = message.content;
-    else if (message.kind == cMessageChanged)
-        attempt.changed = message.content;
-    else if (message.kind == cMessageError)
-        attempt.error = ErrorOf(message.content);
-    else if (message.kind == cMessageLog)
-        attempt.outcome.log.push_back(message.content);
-    else if (message.kind == cMessageLaunchFailed)
-        attempt.outcome.launchError = message.content;
-    else if (message.kind == cMessageEnded)
-        attempt.outcome.status = std::stoi(message.content);
-    else if (message.kind == cMessageLaunched) {
-        attempt.outcome.process = std::stoi(message.content);
-        if (onLaunch)
-            onLaunch(attempt.outcome.process);
-    } else if (message.kind == cMessageTable) {
-        attempt.bytes = message.content;
-        attempt.isRead = true;
-    }
-}
+// Attempts a change in a process of its own.
+class CAttempt {
+public:
+    CAttempt(const TStoreOptions& storeOptions, const TChange& requested)
+        : options(storeOptions), change(requested), process(RequestOf(storeOptions, requested)) {}
 
-TAttempt Try(const TStoreOptions& options, const std::vector<TCall>& calls,
-             const std::function<void(pid_t)>& onLaunch) {
-    TAttempt attempt;
-    std::string hung;
-    CChangeProcess process(RequestOf(options, calls));
-    try {
-        // Between two messages the process waits for both locks, or loads the add-in, makes all of
-        // the calls and waits for the store mutex again.
-        const milliseconds limit = 2 * options.lockTimeout + cWork + calls.size() * cCall;
-        // Once the table is read back, only the end of a launched program is awaited, without
-        // limit.
-        while (const std::optional<TMessage> message =
-                   process.Next(attempt.isRead ? std::nullopt : std::optional(limit)))
-            Take(*message, onLaunch, attempt);
-    } catch (const CError& error) {
-        hung = error.what();
-        process.Kill();
+    TAttempt Make() {
+        std::string hung;
+        try {
+            // Once the table is read back, only the end of a launched program is awaited, without
+            // limit.
+            while (const std::optional<TMessage> message =
+                       process.Next(made.bytes ? std::nullopt : std::optional(Limit())))
+                Take(*message);
+        } catch (const CError& error) {
+            hung = error.what();
+            process.Kill();
+        }
+        const std::string end = process.WaitForEnd();
+        const bool isAnswered =
+            made.bytes || made.isTickUnderWay || !made.due.empty() || !made.changed.empty();
+        if (!hung.empty())
+            made.cutShort = hung;
+        else if (!isAnswered && !made.error)
+            made.cutShort = "the change process " + end;
+        return std::move(made);
     }
-    const std::string end = process.WaitForEnd();
-    // Before cMessageBegun the process has not written the table, so that needs no check.
-    if (attempt.error && (!attempt.isBegun || attempt.error->Code() != EError::cFailed))
-        return attempt;
-    if (attempt.error)
-        Fail(options, attempt.error->what(), attempt.outcome.log);
-    const bool isMade = attempt.isRead && hung.empty();
-    if (!isMade && attempt.due.empty() && attempt.changed.empty())
-        Fail(options, hung.empty() ? "the change process " + end : hung, attempt.outcome.log);
-    return attempt;
-}
 
-bool IsDueBy(const TTaskEntry& task, TTime time) {
-    return !task.paused && task.next <= time;
-}
+private:
+    // Between two messages the process waits for both locks, or loads the add-in, makes all of the
+    // calls and waits for the store mutex again.
+    milliseconds Limit() const {
+        return 2 * options.lockTimeout + cWork + change.calls.size() * cCall;
+    }
+
+    void Take(const TMessage& message) {
+        if (message.kind == cMessageTick)
+            made.isTickUnderWay = true;
+        else if (message.kind == cMessageDue)
+            made.due = message.content;
+        else if (message.kind == cMessageReady)
+            Begin();
+        else if (message.kind == cMessageBegun)
+            made.isBegun = true;
+        else if (message.kind == cMessageProgram)
+            made.outcome.program = message.content;
+        else if (message.kind == cMessageChanged)
+            made.changed = message.content;
+        else if (message.kind == cMessageError)
+            made.error = ErrorOf(message.content);
+        else if (message.kind == cMessageLog)
+            made.outcome.log.push_back(message.content);
+        else if (message.kind == cMessageLaunchFailed)
+            made.outcome.launchError = message.content;
+        else if (message.kind == cMessageEnded)
+            made.outcome.status = std::stoi(message.content);
+        else if (message.kind == cMessageLaunched)
+            Launched(std::stoi(message.content));
+        else if (message.kind == cMessageTable)
+            made.bytes = message.content;
+    }
+
+    void Begin() {
+        if (options.onBegin)
+            options.onBegin();
+        process.Go();
+    }
+
+    void Launched(pid_t launched) {
+        made.outcome.process = launched;
+        if (change.onLaunch)
+            change.onLaunch(launched);
+    }
+
+    const TStoreOptions& options;
+    const TChange& change;
+    CChangeProcess process;
+    TAttempt made;
+};
 
 // Wakes the scheduling process until it has launched and rescheduled every due task. Throws CError
 // (cNoScheduler, cBusy).
 void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (!scheduler)
-        throw CError(
-            EError::cNoScheduler,
-            "task \"" + due +
-                "\" is due and there is no scheduling process to launch it; start a "
-                "scheduling process, or allow changes while tasks are due (--even-if-due), "
-                "which leaves it due");
-    const auto start = std::chrono::steady_clock::now();
-    auto end = start + options.lockTimeout;
-    auto lastSeen = start;
+        throw MakeError(EError::cNoScheduler,
+                        "task \"{}\" is due and there is no scheduling process to launch it; start "
+                        "a scheduling process, or allow changes while tasks are due "
+                        "(--even-if-due), which leaves it due",
+                        due);
+    const CDeadline total(cMostTimeouts * options.lockTimeout);
+    CDeadline progress(options.lockTimeout);
+    CDeadline restart(cRestartLimit);
     std::vector<TTaskEntry> seen;
-    while (std::chrono::steady_clock::now() < end) {
+    while (!total.HasPassed() && !progress.HasPassed()) {
         const TTable table = ReadTable(options.directory, options.lockTimeout);
         const auto isDueBy = [&](TTime time) {
-            return std::any_of(table.tasks.begin(), table.tasks.end(),
-                               [&](const TTaskEntry& task) { return IsDueBy(task, time); });
+            return std::any_of(table.tasks.begin(), table.tasks.end(), [&](const TTaskEntry& task) {
+                return !task.paused && task.next <= time;
+            });
         };
         if (!isDueBy(Now() + cAboutToBeDue))
             return;
         if (FindSchedulingProcess(options.directory))
-            lastSeen = std::chrono::steady_clock::now();
-        else if (std::chrono::steady_clock::now() - lastSeen > cRestartLimit)
-            throw CError(EError::cNoScheduler,
-                         "task \"" + due +
-                             "\" is due and the scheduling process has ended meanwhile; start it "
-                             "again, or allow changes while tasks are due (--even-if-due)");
+            restart = CDeadline(cRestartLimit);
+        else if (restart.HasPassed())
+            throw MakeError(EError::cNoScheduler,
+                            "task \"{}\" is due and the scheduling process has ended meanwhile; "
+                            "start it again, or allow changes while tasks are due (--even-if-due)",
+                            due);
         if (isDueBy(Now()))
             WakeSchedulingProcess();
         // A tick takes two seconds for each launch: any change of the table counts as progress.
         if (table.tasks != seen)
-            end = std::min(start + cMostTimeouts * options.lockTimeout,
-                           std::chrono::steady_clock::now() + options.lockTimeout);
+            progress = CDeadline(options.lockTimeout);
         seen = table.tasks;
-        std::this_thread::sleep_for(cPause);
+        progress.Pause(cPause);
     }
-    throw CError(EError::cBusy,
-                 "task \"" + due + "\" is due and process " + std::to_string(scheduler->process) +
-                     " has not launched the due tasks within the lock timeout of " +
-                     std::to_string(options.lockTimeout.count()) +
-                     " ms since its last progress, or " + std::to_string(cMostTimeouts) +
-                     " times that in all; nothing was changed; check the host's log");
+    throw MakeError(EError::cBusy,
+                    "task \"{}\" is due and {} has not launched the due tasks within the "
+                    "lock timeout of {} ms since its last progress, or {} times that in all; "
+                    "nothing was changed; check the host's log",
+                    due, scheduler->Name(), options.lockTimeout.count(), cMostTimeouts);
+}
+
+// Waits until the worker is between two ticks, or the scheduling process has ended. Throws CError
+// (cBusy).
+void WaitForTheTicksEnd(const TStoreOptions& options) {
+    const CDeadline deadline(options.lockTimeout);
+    while (!IsWorkerIdle() && FindSchedulingProcess(options.directory)) {
+        if (!deadline.Pause(cPause))
+            throw MakeError(EError::cBusy,
+                            "the scheduling process is in the middle of a tick, which did not end "
+                            "within {} ms; nothing was changed; check the host's log",
+                            options.lockTimeout.count());
+    }
+}
+
+// Looks whether a change that was cut short is in the table, and takes that for the outcome. Throws
+// CError: cUnknown if that cannot be told, cFailed if it was not made.
+TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt attempt,
+                const std::string& why) {
+    const std::string what = WithLog(why, attempt.outcome.log);
+    if (!attempt.isBegun)
+        throw MakeError(EError::cFailed,
+                        "the change was not made: {}; nothing was changed; try again", what);
+    std::string state;
+    try {
+        state = Recover(options, attempt.outcome.table);
+    } catch (const CError& error) {
+        throw MakeError(EError::cUnknown,
+                        "the change was cut short: {}; whether it was made is not known, since the "
+                        "table could not be checked: {}",
+                        what, error.what());
+    }
+    const std::optional<std::string> missing = change.findMissing(attempt.outcome);
+    if (!missing)
+        return std::move(attempt.outcome);
+    if (change.calls.back().function == TCall::cExecute)
+        throw MakeError(EError::cUnknown,
+                        "the run of \"{}\" was cut short: {}; whether the program was launched is "
+                        "not known; look for its process and its effects",
+                        *missing, what);
+    throw MakeError(EError::cFailed, "the change of \"{}\" was not made: {}; {}", *missing, what,
+                    state);
+}
+
+[[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
+    const char* const what =
+        outcome.log.empty()
+            ? "was made but is not in the table; check the table, another process may be changing "
+              "it"
+            : "could not be saved, the table is as it was before; check for a full disk";
+    throw CError(EError::cFailed,
+                 WithLog(fmt::format("the change of \"{}\" {}", name, what), outcome.log));
+}
+
+// Attempts the change until nothing keeps it from being made. Throws CError.
+TAttempt AttemptInTurn(const TStoreOptions& options, const TChange& change) {
+    for (;;) {
+        TAttempt attempt = CAttempt(options, change).Make();
+        // Other tasks may have come due during the wait, so this may take several iterations.
+        if (!attempt.due.empty())
+            WaitUntilLaunched(options, attempt.due);
+        else if (attempt.isTickUnderWay)
+            WaitForTheTicksEnd(options);
+        else
+            return attempt;
+    }
+}
+
+// Makes the change once and returns what the table shows afterwards. Throws CError.
+TOutcome MakeOnce(const TStoreOptions& options, const TChange& change) {
+    TAttempt attempt = AttemptInTurn(options, change);
+    if (!attempt.changed.empty())
+        throw CChangedMeanwhile(attempt.changed);
+    if (attempt.error && (!attempt.isBegun || attempt.error->Code() != EError::cFailed))
+        throw CError(*attempt.error);
+    if (attempt.error || !attempt.cutShort.empty()) {
+        const std::string why = attempt.error ? attempt.error->what() : attempt.cutShort;
+        return Settle(options, change, std::move(attempt), why);
+    }
+    try {
+        attempt.outcome.table = DecodeTable(*attempt.bytes, Now());
+    } catch (const CError& error) {
+        return Settle(options, change, std::move(attempt), error.what());
+    }
+    // A tick that began after a direct client had set the mutex free saves its own list at its end.
+    if (FindSchedulingProcess(options.directory) && !IsWorkerIdle()) {
+        WaitForTheTicksEnd(options);
+        attempt.outcome.table = ReadTable(options.directory, options.lockTimeout);
+    }
+    return std::move(attempt.outcome);
 }
 
 }  // namespace
@@ -201,33 +306,28 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
 void RequireSharedStore(const TStoreOptions& options) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (scheduler && !scheduler->sharesStore)
-        throw CError(EError::cNoScheduler,
-                     "the scheduling process " + std::to_string(scheduler->process) +
-                         " runs in another IPC namespace: it would not notice a change and would "
-                         "overwrite it; run this in the same namespace");
+        throw MakeError(EError::cNoScheduler,
+                        "the scheduling process, {}, runs in another IPC namespace: it would not "
+                        "notice a change and would overwrite it; run this in the same namespace",
+                        scheduler->Name());
 }
 
-TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const std::function<void(pid_t)>& onLaunch) {
+TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {
     RequireSharedStore(options);
-    TAttempt attempt = Try(options, calls, onLaunch);
-    // Other tasks may have come due during the wait, so this may take several iterations.
-    while (!attempt.due.empty()) {
-        WaitUntilLaunched(options, attempt.due);
-        attempt = Try(options, calls, onLaunch);
+    const CDeadline deadline(options.lockTimeout);
+    for (;;) {
+        TOutcome outcome = MakeOnce(options, change);
+        const bool hasScheduler = FindSchedulingProcess(options.directory).has_value();
+        const std::optional<std::string> missing = change.findMissing(outcome);
+        if (!missing) {
+            if (hasScheduler)
+                WakeSchedulingProcess();
+            return outcome;
+        }
+        const bool isOverwritten = hasScheduler && outcome.log.empty();
+        if (!isOverwritten || deadline.HasPassed())
+            NotThere(*missing, outcome);
     }
-    if (attempt.error)
-        throw CError(*attempt.error);
-    if (!attempt.changed.empty())
-        throw CChangedMeanwhile(attempt.changed);
-    try {
-        attempt.outcome.table = DecodeTable(attempt.bytes, Now());
-    } catch (const CError& error) {
-        Fail(options, error.what(), attempt.outcome.log);
-    }
-    if (FindSchedulingProcess(options.directory))
-        WakeSchedulingProcess();
-    return std::move(attempt.outcome);
 }
 
 }  // namespace vxsched

@@ -37,12 +37,21 @@ public:
 // namespace: it would not notice a change and would overwrite it. Does not block.
 void RequireSharedStore(const TStoreOptions& options);
 
-// Makes the calls in a change process, by the rules of CStore (locks, blocking, failure), and wakes
-// the scheduling process afterwards. The caller holds neither the writer lock nor the store mutex.
-// `onLaunch` is called with the process id right after a launch, on the calling thread; it must not
-// throw. Whether the table has the change is for the caller to check. Throws CError, also
-// CChangedMeanwhile.
-TOutcome MakeChange(const TStoreOptions& options, const std::vector<TCall>& calls,
-                    const std::function<void(pid_t)>& onLaunch = {});
+// A change and how to tell that it was made.
+struct TChange {
+    std::vector<TCall> calls;
+    // Returns the name of a task that the outcome's table does not show as changed; empty if it
+    // shows the whole change.
+    std::function<std::optional<std::string>(const TOutcome&)> findMissing;
+    // Called with the process id right after a launch, on the calling thread; must not throw.
+    std::function<void(pid_t)> onLaunch = {};
+};
+
+// Makes the change in a change process, by the rules of CStore (locks, blocking, failure), and
+// wakes the scheduling process afterwards. The caller holds neither the writer lock nor the store
+// mutex. Returns once the table shows the change, also if the change process was killed after it
+// had saved. A change that a tick has overwritten is made again. Throws CError, also
+// CChangedMeanwhile; cUnknown if the change was begun and it cannot be told whether it was made.
+TOutcome MakeChange(const TStoreOptions& options, const TChange& change);
 
 }  // namespace vxsched

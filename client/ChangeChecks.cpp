@@ -9,7 +9,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/RunningPrograms.h>
 #include <vxsched/Validation.h>
-#include "base/Quoted.h"
+#include "store/MakeError.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -36,34 +36,37 @@ void CheckHarm(const TTable& table) {
 
 void CheckName(const TTaskEntry* found, const TCall& call) {
     if (found != nullptr && call.mustBeNew)
-        throw CError(EError::cRefused, "there is a task " + Quoted(call.task.name) +
-                                           " already; replace or edit it, or choose another name");
+        throw MakeError(
+            EError::cRefused,
+            "there is a task \"{}\" already; replace or edit it, or choose another name",
+            call.task.name);
     if (found == nullptr && call.mustExist)
-        throw CError(EError::cNotFound, "there is no task " + Quoted(call.task.name) +
-                                            "; names are compared byte for byte");
+        throw MakeError(EError::cNotFound,
+                        "there is no task \"{}\"; names are compared byte for byte",
+                        call.task.name);
 }
 
 }  // namespace
 
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
     if (call.function == TCall::cResume && task.period == 0 && IsDue(task) && !call.mayRemove)
-        throw CError(EError::cRefused,
-                     "task " + Quoted(task.name) +
-                         " runs once and its due time is past: resuming it would remove it without "
-                         "a run; give it a new due time first (or force \"past-due\")");
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" runs once and its due time is past: resuming it would remove "
+                        "it without a run; give it a new due time first (or force \"past-due\")",
+                        task.name);
     if (call.function == TCall::cSetPeriod && evenIfDue && !task.paused && IsDue(task))
-        throw CError(EError::cRefused,
-                     "task " + Quoted(task.name) +
-                         " is due itself: setting its period would reschedule it without a run; "
-                         "edit its period instead, which leaves it due");
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" is due itself: setting its period would reschedule it without "
+                        "a run; edit its period instead, which leaves it due",
+                        task.name);
     if (!call.mustNotRun)
         return;
     const std::vector<pid_t> running = FindRunning(LaunchedPath(task.program), task.parameter);
     if (!running.empty())
-        throw CError(EError::cRefused, "task " + Quoted(task.name) +
-                                           " is running already, as process " +
-                                           std::to_string(running.front()) +
-                                           "; wait for its end, or force a second run");
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" is running already, as process {}; wait for its end, or force "
+                        "a second run",
+                        task.name, running.front());
 }
 
 void CheckCalls(const TTable& table, const TRequest& request) {

@@ -69,6 +69,7 @@ std::string Encode(const TRequest& request) {
     write(request.addIn);
     write(request.lockTimeout);
     write(request.evenIfDue);
+    write(request.hasScheduler);
     for (const TCall& call : request.calls)
         ForEachField(call, write);
     return bytes;
@@ -81,6 +82,7 @@ TRequest DecodeRequest(std::string bytes) {
     read(request.addIn);
     read(request.lockTimeout);
     read(request.evenIfDue);
+    read(request.hasScheduler);
     while (!bytes.empty()) {
         TCall call{};
         ForEachField(call, read);

@@ -33,6 +33,7 @@ struct TRequest {
     std::string addIn;
     std::int64_t lockTimeout = 0;  // milliseconds, for the writer lock and the store mutex each
     bool evenIfDue = false;        // load although tasks are due
+    bool hasScheduler = false;     // a scheduling process runs, whose ticks must not be met
     std::vector<TCall> calls;
 };
 
@@ -52,6 +53,11 @@ struct TMessage {
 inline constexpr char cMessageDue[] = "due";
 // Not done: the task that differs from TCall::seen.
 inline constexpr char cMessageChanged[] = "changed";
+// Empty: not done, since a tick is under way, although the store mutex was free.
+inline constexpr char cMessageTick[] = "tick";
+// Empty: all is checked, and the locks are held. The client answers with one byte; without it the
+// change is given up, so that a client that has been interrupted has changed nothing.
+inline constexpr char cMessageReady[] = "ready";
 // An EError as a number, a blank, the message.
 inline constexpr char cMessageError[] = "error";
 // Empty: from here on the change has effects.

@@ -1,18 +1,22 @@
 #include <vxsched/Store.h>
 
-#include <algorithm>
+#include <fmt/format.h>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
-#include "base/Quoted.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
+#include "store/Backups.h"
+#include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Grid.h"
+#include "store/MakeError.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -43,20 +47,16 @@ void RefuseFor(const std::vector<TValidationError>& errors) {
     for (const TValidationError& error : errors) {
         message += (message.empty() ? "" : "\n") + error.message;
         if (error.canBeForced)
-            message += " (or force " + Quoted(error.Name()) + ')';
+            message += fmt::format(" (or force \"{}\")", error.Name());
     }
     throw CError(EError::cRefused, message);
 }
 
-void Drop(std::vector<TValidationError>& errors,
-          const std::function<bool(const TValidationError&)>& isIgnored) {
-    errors.erase(std::remove_if(errors.begin(), errors.end(), isIgnored), errors.end());
-}
-
-std::vector<TValidationError> FindUnforced(const TTaskEntry& task, EProgram how,
-                                           const TForced& forced) {
+std::vector<TValidationError> FindUnforced(const fs::path& directory, const TTaskEntry& task,
+                                           EProgram how, const TForced& forced) {
+    const COwnerAccess ownerAccess(directory);
     std::vector<TValidationError> errors = Validate(task, Now(), how);
-    Drop(errors, [&](const TValidationError& error) {
+    std::erase_if(errors, [&](const TValidationError& error) {
         return error.canBeForced && forced.contains(error.Name());
     });
     return errors;
@@ -98,19 +98,26 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
            (found->next == wanted.next || hasRun || wanted.next < since);
 }
 
-[[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
-    std::string message = "the change of " + Quoted(name);
-    message += outcome.log.empty()
-                   ? " was made but is not in the table; check the table, another process may be "
-                     "changing it"
-                   : " could not be saved, the table is as it was before; check for a full disk";
-    for (const std::string& line : outcome.log)
-        message += "; the add-in logged: " + line;
-    throw CError(EError::cFailed, message);
+// The name of a task that is to be in the table and is not as it should be.
+std::optional<std::string> MissingUnless(bool isThere, std::string_view name) {
+    return isThere ? std::nullopt : std::optional(std::string(name));
+}
+
+// Finds the first of the calls' tasks that is not in the table as `isChanged` wants it; null stands
+// for a task that is not there.
+template <typename IsChanged>
+std::optional<std::string> FindUnchanged(const TOutcome& outcome, const std::vector<TCall>& calls,
+                                         const IsChanged& isChanged) {
+    for (const TCall& call : calls) {
+        if (!isChanged(outcome.table.Find(call.task.name), call))
+            return call.task.name;
+    }
+    return {};
 }
 
 // The entry after an edit. Throws CError (cRefused) on a validation error.
-TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
+TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
+                 const TForced& forced) {
     entry.next = edit.due.value_or(entry.next);
     entry.period = edit.period.value_or(entry.period);
     entry.program = edit.program.value_or(entry.program);
@@ -119,11 +126,12 @@ TTaskEntry After(TTaskEntry entry, const TEdit& edit, const TForced& forced) {
     // between.
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now() + 2 * cAboutToBeDue);
-    std::vector<TValidationError> errors =
-        FindUnforced(entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
+    std::vector<TValidationError> errors = FindUnforced(
+        directory, entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
-    Drop(errors, [&](const TValidationError& error) {
+    std::erase_if(errors, [&](const TValidationError& error) {
         return (!edit.program && error.IsAboutProgram()) ||
+               (!edit.parameter && error.kind == TValidationError::cParameterTooLong) ||
                (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
     });
@@ -148,7 +156,7 @@ bool CStore::Wake() const {
 }
 
 std::vector<TValidationError> CStore::Check(const TNewTask& task, const TForced& forced) const {
-    return FindUnforced(EntryOf(task), HowToLaunch(task.program), forced);
+    return FindUnforced(options.directory, EntryOf(task), HowToLaunch(task.program), forced);
 }
 
 TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
@@ -163,16 +171,17 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     // rescheduled.
     const TTime since = Now();
     call.keepDue = task.period == 0 || task.due >= since;
-    const TOutcome outcome = MakeChange(options, {call});
-    entry.program = ProgramOf(entry, outcome);
-    if (!IsThere(outcome.table, entry, since))
-        NotThere(task.name, outcome);
+    const TOutcome outcome = MakeChange(
+        options, {{call}, [&](const TOutcome& made) {
+                      entry.program = ProgramOf(entry, made);
+                      return MissingUnless(IsThere(made.table, entry, since), entry.name);
+                  }});
     const TTaskEntry* const made = outcome.table.Find(task.name);
     return made != nullptr ? *made : entry;
 }
 
 TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
-    return After(Get(name), edit, forced);
+    return After(options.directory, Get(name), edit, forced);
 }
 
 TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced& forced) const {
@@ -189,7 +198,7 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 }
 
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
-    TTaskEntry entry = After(seen, edit, forced);
+    TTaskEntry entry = After(options.directory, seen, edit, forced);
     TCall create = CallOf(TCall::cCreate, entry);
     create.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
     // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
@@ -201,28 +210,27 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     if (entry.paused)
         calls.push_back(CallOf(TCall::cPause, entry));
     const TTime since = Now();
-    const TOutcome outcome = MakeChange(options, calls);
-    entry.program = ProgramOf(entry, outcome);
-    if (!IsThere(outcome.table, entry, since))
-        NotThere(entry.name, outcome);
+    MakeChange(options, {calls, [&](const TOutcome& made) {
+                             entry.program = ProgramOf(entry, made);
+                             return MissingUnless(IsThere(made.table, entry, since), entry.name);
+                         }});
     return entry;
 }
 
 void CStore::Remove(const std::vector<std::string>& names) const {
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cDestroy, names));
-    for (const std::string& name : names) {
-        if (outcome.table.Find(name) != nullptr)
-            NotThere(name, outcome);
-    }
+    const std::vector<TCall> calls = CallsOf(TCall::cDestroy, names);
+    const auto isGone = [](const TTaskEntry* task, const TCall&) { return task == nullptr; };
+    MakeChange(options,
+               {calls, [&](const TOutcome& made) { return FindUnchanged(made, calls, isGone); }});
 }
 
 void CStore::Pause(const std::vector<std::string>& names) const {
-    const TOutcome outcome = MakeChange(options, CallsOf(TCall::cPause, names));
-    for (const std::string& name : names) {
-        const TTaskEntry* const task = outcome.table.Find(name);
-        if (task == nullptr || !task->paused)
-            NotThere(name, outcome);
-    }
+    const std::vector<TCall> calls = CallsOf(TCall::cPause, names);
+    const auto isPaused = [](const TTaskEntry* task, const TCall&) {
+        return task != nullptr && task->paused;
+    };
+    MakeChange(options,
+               {calls, [&](const TOutcome& made) { return FindUnchanged(made, calls, isPaused); }});
 }
 
 static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
@@ -240,12 +248,12 @@ void CStore::CheckResume(const std::vector<std::string>& names, const TForced& f
 
 void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
     const std::vector<TCall> calls = ResumeCalls(names, forced);
-    const TOutcome outcome = MakeChange(options, calls);
-    for (const TCall& call : calls) {
-        const TTaskEntry* const task = outcome.table.Find(call.task.name);
-        if (task == nullptr ? !call.mayRemove : task->paused)
-            NotThere(call.task.name, outcome);
-    }
+    const auto isResumed = [](const TTaskEntry* task, const TCall& call) {
+        return task == nullptr ? call.mayRemove : !task->paused;
+    };
+    MakeChange(options, {calls, [&](const TOutcome& made) {
+                             return FindUnchanged(made, calls, isResumed);
+                         }});
 }
 
 TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
@@ -256,19 +264,24 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
     // SetTaskPeriod would take a task that now runs once for a missed one and remove it.
     if (hours == 0)
         return Edit(name, edit, forced);
-    const TOutcome outcome = MakeChange(options, {CallOf(TCall::cSetPeriod, entry)});
-    const TTaskEntry* const task = outcome.table.Find(name);
-    if (task == nullptr || task->period != hours)
-        NotThere(name, outcome);
-    return *task;
+    const std::vector<TCall> calls = {CallOf(TCall::cSetPeriod, entry)};
+    const auto hasPeriod = [&](const TTaskEntry* task, const TCall&) {
+        return task != nullptr && task->period == hours;
+    };
+    const TOutcome outcome = MakeChange(options, {calls, [&](const TOutcome& made) {
+                                                      return FindUnchanged(made, calls, hasPeriod);
+                                                  }});
+    return *outcome.table.Find(name);
 }
 
-static TCall RunCall(const TTaskEntry& task, bool force) {
+static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool force) {
+    const COwnerAccess ownerAccess(directory);
     std::vector<TValidationError> errors = Validate(task, Now(), EProgram::cAsNamed);
     // The due time and the period do not matter to a run outside the schedule. A relative path is
     // resolved in the store's directory, where the change process works like the host.
-    Drop(errors, [](const TValidationError& error) {
-        return !error.IsAboutProgram() || error.kind == TValidationError::cRelativePath;
+    std::erase_if(errors, [](const TValidationError& error) {
+        return (!error.IsAboutProgram() && error.kind != TValidationError::cParameterTooLong) ||
+               error.kind == TValidationError::cRelativePath;
     });
     RefuseFor(errors);
     TCall call = CallOf(TCall::cExecute, task);
@@ -278,20 +291,27 @@ static TCall RunCall(const TTaskEntry& task, bool force) {
 
 void CStore::CheckRun(std::string_view name, bool force) const {
     const TTaskEntry task = Get(name);
-    CheckState(task, RunCall(task, force), options.evenIfDue);
+    CheckState(task, RunCall(options.directory, task, force), options.evenIfDue);
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
                  const std::function<void(pid_t)>& onLaunch) const {
-    TCall call = RunCall(Get(name), force);
+    TCall call = RunCall(options.directory, Get(name), force);
     call.waitForEnd = waitForEnd;
-    const TOutcome outcome = MakeChange(options, {call}, onLaunch);
+    const auto isAttempted = [](const TOutcome& made) {
+        return made.process != 0 || !made.launchError.empty();
+    };
+    const TOutcome outcome = MakeChange(
+        options, {{call},
+                  [&](const TOutcome& made) { return MissingUnless(isAttempted(made), name); },
+                  onLaunch});
     if (outcome.process == 0)
-        throw CError(EError::cFailed, "cannot launch " + Quoted(call.task.program) + ": " +
-                                          outcome.launchError + "; check the program");
+        throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
+                        call.task.program, outcome.launchError);
     if (waitForEnd && !outcome.status)
-        throw CError(EError::cFailed, "process " + std::to_string(outcome.process) +
-                                          " was launched, but its exit status could not be read");
+        throw MakeError(EError::cFailed,
+                        "process {} was launched, but its exit status could not be read",
+                        outcome.process);
     return {outcome.process, outcome.status};
 }
 
@@ -303,11 +323,13 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
         // other processes from loading the add-in, which would set the mutex free.
         const CWriterLock writerLock(options.directory, options.lockTimeout);
         const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
-        const std::string bytes = ReadBytes(TableFile(options.directory));
+        const std::string bytes = ReadTableBytes(options.directory);
         if (canReplace)
             canReplace(bytes);
+        if (options.onBegin)
+            options.onBegin();
         if (IsTable(bytes))
-            WriteBackup(options.directory, bytes);
+            KeepBeforeChange(options.directory, bytes);
         ReplaceTable(options.directory, EncodeTable(tasks));
         // Before the mutex is released, or a tick may save its old list over the new table.
         AnnounceChange();
@@ -319,8 +341,8 @@ TTaskEntry CStore::Get(std::string_view name) const {
     const TTable table = Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw CError(EError::cNotFound,
-                     "there is no task " + Quoted(name) + "; names are compared byte for byte");
+        throw MakeError(EError::cNotFound,
+                        "there is no task \"{}\"; names are compared byte for byte", name);
     return *task;
 }
 

@@ -6,6 +6,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
+#include "store/MakeError.h"
 
 struct vxsched_store {
     vxsched::TStoreOptions options;
@@ -28,6 +29,8 @@ vxsched_error CodeOf(vxsched::EError error) {
             return VXSCHED_NO_SCHEDULER;
         case vxsched::EError::cBusy:
             return VXSCHED_BUSY;
+        case vxsched::EError::cUnknown:
+            return VXSCHED_UNKNOWN;
         case vxsched::EError::cFailed:
             break;
     }
@@ -128,8 +131,8 @@ vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force, pi
 vxsched_error vxsched_wake(vxsched_store* store) {
     return Do(store, [&](const vxsched::CStore& tasks) {
         if (!tasks.Wake())
-            throw vxsched::CError(vxsched::EError::cNoScheduler,
-                                  "there is no scheduling process in " +
-                                      store->options.directory.string() + "; start one there");
+            throw vxsched::MakeError(vxsched::EError::cNoScheduler,
+                                     "there is no scheduling process in {}; start one there",
+                                     store->options.directory.string());
     });
 }

@@ -89,14 +89,14 @@ void CHostLog::WriteMessage(EPriority priority, const char* origin, const std::s
     if (isJournal && !file.IsOpen())
         WriteLine(STDERR_FILENO, PriorityPrefix(priority), message);
     else if (priority != EPriority::cDebug)
-        WriteLine(file.IsOpen() ? file.Get() : STDERR_FILENO, LocalTime(Now()) + ' ' + origin,
-                  message);
+        WriteLine(file.IsOpen() ? file.Get() : STDERR_FILENO,
+                  LocalTime(CurrentMoment()) + ' ' + origin, message);
 }
 
 void CHostLog::Fail(const std::string& message) {
     const std::lock_guard<std::mutex> lock(mutex);
     if (file.IsOpen())
-        WriteLine(file.Get(), LocalTime(Now()) + ' ' + cHostPrefix, message);
+        WriteLine(file.Get(), LocalTime(CurrentMoment()) + ' ' + cHostPrefix, message);
     WriteLine(STDERR_FILENO, isJournal ? PriorityPrefix(EPriority::cError) : cHostPrefix, message);
 }
 

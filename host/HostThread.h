@@ -1,10 +1,6 @@
 #pragma once
 
-// Distinguishes the host's own threads from the add-in's worker. The worker calls time() at each
-// tick, and only those calls are to restart the tick timer.
-
-// Marks the calling thread as one of the host's own, for good.
-void MarkHostThread();
-
-// Whether the calling thread was marked.
-bool IsHostThread();
+// Whether the calling thread is one of the host's own, which set this when they begin, and not the
+// add-in's worker. The worker calls time() at each tick, and only those calls are to restart the
+// tick timer.
+inline thread_local bool gIsHostThread = false;

@@ -4,6 +4,7 @@
 #include <VXC_Information.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <malloc.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
 #include "host/programs/CLaunchedPrograms.h"
+#include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/Launch.h"
 #include "host/recovery/CHeartbeat.h"
@@ -31,16 +33,16 @@
 #include "host/startup/CAddInLibrary.h"
 #include "host/startup/CDirectoryLock.h"
 #include "host/startup/CStoreGate.h"
+#include "host/startup/Descriptors.h"
 #include "host/startup/LoadAddIn.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/SetUpCheck.h"
-#include "host/startup/StartupMemory.h"
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
 #include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 #include "store/StoreMutexSet.h"
 #include "store/TableSaves.h"
 
@@ -143,9 +145,7 @@ public:
 };
 
 static void WarnOfPitfalls() {
-    for (const std::string& warning : WarningsOfOtherUsers())
-        LogWarning(warning);
-    if (const std::string warning = WarningOfRemoval(geteuid()); !warning.empty())
+    if (const std::string warning = WarningOfOtherUsers(); !warning.empty())
         LogWarning(warning);
     if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())
         LogNotice(notice);
@@ -162,7 +162,7 @@ static void RequireAddIn(const std::string& path) {
 
 static std::unique_ptr<CEvent> OpenStopEvent() {
     try {
-        return std::make_unique<CEvent>(cStopEventName, false);
+        return std::make_unique<CEvent>(vxsched::cStopEventName, false);
     } catch (const std::system_error& error) {
         throw CHostError(cNoStore, fmt::format("cannot {}. Run vxschedd as the owner of the "
                                                "semaphores that ipcs -s lists.",
@@ -212,6 +212,7 @@ static void Run(const THostOptions& options) {
     log.CaptureAddInMessages();
     if (!options.logFile.empty())
         log.WriteTo(options.logFile);
+    ReserveDescriptors();
     CSignals signals;
     CServiceManager service;
     EnterDirectory(options.directory);
@@ -239,6 +240,7 @@ static void Run(const THostOptions& options) {
     });
     // The load launches nothing.
     HandleLaunches(loaded.library->Tasks(), &output);
+    COwedLaunches::Instance().TakeOver();
     heartbeat.Begin(loaded.upSince);
     CTableGuard guard(options.snapshots);
     const CGuardRegistration registration(guard);
@@ -248,7 +250,7 @@ static void Run(const THostOptions& options) {
         guard.Begin();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
-        ReleaseStartupMemory();
+        malloc_trim(0);  // the startup has decoded the table several times
         if (options.runOnce)
             loop.WaitForTickEnd();
         else
@@ -269,6 +271,8 @@ static void Run(const THostOptions& options) {
         loaded.library.reset();
         RemoveMadeStoreMutex();
     }
+    if (const std::size_t count = COwedLaunches::Instance().Count(); count > 0)
+        LogWarning(fmt::format("{} launch(es) are still owed: the next host makes them", count));
     programs.CollectFinished();
     programs.LeaveRunning();
     programs.RecordIn(nullptr);

@@ -12,8 +12,9 @@
 #include "base/CDescriptor.h"
 #include "base/OpenToAppend.h"
 #include "base/RotatedFile.h"
+#include "store/Layout.h"
 
-static constexpr char cHistoryFile[] = "files/history.jsonl";
+using vxsched::cHistoryFile;
 
 // Appends a line to the file. Returns the reason of a failure, or an empty string.
 static std::string Append(const std::string& line) {

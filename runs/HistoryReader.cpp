@@ -3,13 +3,15 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <vxsched/Error.h>
-
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <limits>
 #include <system_error>
+
+#include <vxsched/Error.h>
+#include "base/RegularFile.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
@@ -17,22 +19,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// The host bounds the file's size, not this.
+constexpr std::uint64_t cMostBytes = std::numeric_limits<std::int64_t>::max();
+
 // The content of a file; empty if there is no file.
 std::string ReadContent(const fs::path& file) {
-    // Opening a FIFO would wait for a writer without limit.
-    std::error_code ignored;
-    if (fs::is_other(file, ignored))
-        throw CError(EError::cNoAccess,
-                     fmt::format("cannot read {}: it is not a file; move it away", file.string()));
-    errno = 0;
-    const std::ifstream stream(file, std::ios::binary);
-    std::ostringstream content;
-    content << stream.rdbuf();
-    // An empty file sets failbit, too, but not errno.
-    if ((!stream.is_open() || content.fail()) && errno != 0 && errno != ENOENT)
-        throw CError(EError::cNoAccess, fmt::format("cannot read {}: {}", file.string(),
-                                                    std::generic_category().message(errno)));
-    return content.str();
+    std::string content;
+    if (ReadRegularFile(file.string(), cMostBytes, content))
+        return content;
+    if (errno == ENOENT)
+        return "";
+    throw CError(EError::cNoAccess,
+                 fmt::format("cannot read {}: {}", file.string(),
+                             errno == cNotAFile ? "it is not a file; move it away"
+                                                : std::generic_category().message(errno)));
 }
 
 // The inode number; 0 if there is no file.
@@ -82,7 +82,7 @@ THistory ReadHistory(const std::string& directory, const std::optional<std::stri
     if (task)
         recorded = AsRecorded(*task);
     THistory history;
-    for (const TFile& file : ReadFiles(fs::path(directory) / "files" / "history.jsonl"))
+    for (const TFile& file : ReadFiles(fs::path(directory) / cHistoryFile))
         ReadLines(file, recorded, history);
     return history;
 }

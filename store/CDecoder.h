@@ -1,14 +1,19 @@
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
+#include "store/EntryFields.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -16,74 +21,111 @@ namespace vxsched {
 // docs/table-file.md describes the format.
 constexpr std::size_t cSmallestTask = 3 * 4 + 2 * 8 + 4 + 4;
 
+// A task within the bytes of a table, of which its strings are parts.
+struct TTaskView {
+    std::string_view name;
+    TTime next;
+    TTime last;
+    std::uint32_t period = 0;
+    std::string_view program;
+    std::string_view parameter;
+    std::uint32_t flag = 0;  // any value but 0 means paused
+};
+
 // Decodes the bytes of a table from front to back; they stay the caller's and must outlive the
-// decoder. A field that is cut off throws CError (cDamaged) with what is wrong at which offset; the
-// decoder is not to be used afterwards. For one thread at a time.
+// decoder and what it returns. After a field that is cut off, HasFailed() is true and all else that
+// is taken is empty. For one thread at a time.
 class CDecoder {
 public:
-    static constexpr std::size_t cNoTask = 0;
-
     explicit CDecoder(std::string_view table, std::size_t startOffset = 0)
         : bytes(table), offset(startOffset) {}
 
     std::size_t Offset() const { return offset; }
     std::size_t Left() const { return bytes.size() - offset; }
 
-    // `what` and the number of the task are for the message of an error.
+    // `what` is for the message of a failure.
     template <typename Value>
-    Value Take(const char* what, std::size_t task = cNoTask) {
+    Value Take(const char* what) {
         Value value{};
-        if (sizeof value > Left())
-            Damaged(offset, "the file ends in " + std::string(what) + Of(task));
+        if (failure)
+            return value;
+        if (sizeof value > Left()) {
+            failure = {offset, what, {}};
+            return value;
+        }
         std::memcpy(&value, bytes.data() + offset, sizeof value);
         offset += sizeof value;
         return value;
     }
 
-    // The next task. `number`, from 1, is for messages. The pause flag is stored in `flag` as it is
-    // in the file: any value but 0 means paused.
-    TTaskEntry TakeTask(std::size_t number, std::uint32_t& flag) {
-        TTaskEntry task;
-        task.name = TakeString("the length of the name", number);
-        task.next = TakeTime("the next due time", number);
-        task.last = TakeTime("the last launch", number);
-        task.period = Take<std::uint32_t>("the period", number);
-        task.program = TakeString("the length of the program", number);
-        task.parameter = TakeString("the length of the parameter", number);
-        flag = Take<std::uint32_t>("the pause flag", number);
-        task.paused = flag != 0;
+    TTaskView TakeTask() {
+        TTaskView task;
+        TransferFields(task, task.flag, TFieldTaker{*this});
         return task;
     }
 
-    // " of task 1", or an empty string for cNoTask.
+    bool HasFailed() const { return failure.has_value(); }
+
+    // Throws CError (cDamaged) with what is wrong at which offset. To be called after a failure;
+    // `task` is the number, from 1, of the task that was taken last; 0 for none.
+    [[noreturn]] void ThrowFailure(std::size_t task) const {
+        if (!failure->length)
+            Damaged(failure->offset, fmt::format("the file ends in {}{}", failure->what, Of(task)));
+        Damaged(failure->offset,
+                fmt::format("{}{} is {}, but only {} bytes follow it", failure->what, Of(task),
+                            *failure->length, bytes.size() - failure->offset - sizeof(TLength)));
+    }
+
+    // " of task 1", or an empty string for 0.
     static std::string Of(std::size_t task) {
-        return task == cNoTask ? "" : " of task " + std::to_string(task);
+        return task == 0 ? "" : fmt::format(" of task {}", task);
     }
 
     [[noreturn]] static void Damaged(std::size_t where, const std::string& what) {
-        throw CError(EError::cDamaged,
-                     "the table is damaged at offset " + std::to_string(where) + ": " + what);
+        throw MakeError(EError::cDamaged, "the table is damaged at offset {}: {}", where, what);
     }
 
 private:
-    TTime TakeTime(const char* what, std::size_t task) {
-        return TTime(std::chrono::seconds(Take<std::int64_t>(what, task)));
-    }
+    using TLength = std::uint32_t;
+
+    struct TFailure {
+        std::size_t offset;
+        const char* what;
+        std::optional<TLength> length;  // of a string that is longer than the rest of the bytes
+    };
+
+    // Takes a field as its type demands.
+    struct TFieldTaker {
+        CDecoder& decoder;
+
+        void operator()(const TField<std::string_view>& field) const {
+            field.value = decoder.TakeString(field.what);
+        }
+        void operator()(const TField<TTime>& field) const {
+            field.value = TTime(std::chrono::seconds(decoder.Take<std::int64_t>(field.what)));
+        }
+        void operator()(const TField<std::uint32_t>& field) const {
+            field.value = decoder.Take<std::uint32_t>(field.what);
+        }
+    };
 
     // `what` names the length, which comes before the bytes.
-    std::string TakeString(const char* what, std::size_t task) {
+    std::string_view TakeString(const char* what) {
         const std::size_t lengthOffset = offset;
-        const auto length = Take<std::uint32_t>(what, task);
-        if (length > Left())
-            Damaged(lengthOffset, std::string(what) + Of(task) + " is " + std::to_string(length) +
-                                      ", but only " + std::to_string(Left()) + " bytes follow it");
-        std::string string(bytes.substr(offset, length));
+        const auto length = Take<TLength>(what);
+        if (failure)
+            return {};
+        if (length > Left()) {
+            failure = {lengthOffset, what, length};
+            return {};
+        }
         offset += length;
-        return string;
+        return bytes.substr(offset - length, length);
     }
 
     std::string_view bytes;
     std::size_t offset;
+    std::optional<TFailure> failure;
 };
 
 }  // namespace vxsched

@@ -4,12 +4,11 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <string>
 
 #include <vxsched/Error.h>
+#include "base/CDeadline.h"
 #include "base/SemaphoreRelease.h"
 #include "store/CMutexHealer.h"
 #include "store/StoreKey.h"
@@ -17,7 +16,7 @@
 namespace vxsched {
 
 // The length of one wait: what else may be done about the mutex is done in between.
-static constexpr std::chrono::seconds cSlice(1);
+static constexpr timespec cSlice{.tv_sec = 1, .tv_nsec = 0};
 
 // Where the writer lock is held, a set that is missing is made. -1 if there is none.
 static int FindSet(const CWriterLock* writerLock) {
@@ -42,19 +41,15 @@ static std::string Heal(CMutexHealer& healer, const CWriterLock& writerLock) {
 
 CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
                                  const CWriterLock* writerLock) {
-    using TClock = std::chrono::steady_clock;
-    const TClock::time_point end = TClock::now() + lockTimeout;
+    const CDeadline deadline(lockTimeout);
     CMutexHealer healer;
     std::string notHealed;
     for (;;) {
         const int found = FindSet(writerLock);
         if (found == -1)
             return;
-        const auto left = std::max<TClock::duration>(end - TClock::now(), TClock::duration(0));
-        const auto slice = std::min<TClock::duration>(left, cSlice);
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(slice);
-        const timespec timeout{.tv_sec = seconds.count(),
-                               .tv_nsec = std::chrono::nanoseconds(slice - seconds).count()};
+        const timespec left = deadline.TimeLeft();
+        const timespec timeout = left.tv_sec < cSlice.tv_sec ? left : cSlice;
         sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = SEM_UNDO};
         if (semtimedop(found, &take, 1, &timeout) == 0) {
             set = found;
@@ -66,7 +61,7 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
         if (errno == EAGAIN) {
             if (InitialiseAbandonedSet(found))
                 continue;
-            if (TClock::now() < end) {
+            if (!deadline.HasPassed()) {
                 if (writerLock != nullptr)
                     notHealed = Heal(healer, *writerLock);
                 continue;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 
+#include "base/CDescriptor.h"
 #include "store/StoreMutexSet.h"
 
 namespace vxsched {
@@ -17,7 +18,6 @@ public:
     // Waits at most `lockTimeout`, polling. Throws CError: cBusy on a timeout, cFailed if there is
     // no directory "files", cNoAccess if it may not be read.
     CWriterLock(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout);
-    ~CWriterLock();
     CWriterLock(const CWriterLock&) = delete;
     CWriterLock& operator=(const CWriterLock&) = delete;
 
@@ -25,7 +25,7 @@ public:
     TSetOwner Owner() const;
 
 private:
-    int descriptor;
+    CDescriptor descriptor;
 };
 
 }  // namespace vxsched

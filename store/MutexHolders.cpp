@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "base/CDescriptor.h"
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 

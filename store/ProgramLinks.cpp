@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Validation.h>
+#include "store/Layout.h"
 
 namespace vxsched {
 
@@ -17,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 fs::path LinksOf(const fs::path& directory) {
-    return fs::weakly_canonical(fs::absolute(directory)) / "files" / "programs";
+    return fs::weakly_canonical(fs::absolute(directory)) / cProgramLinks;
 }
 
 // The program's file name with its dots replaced, so that it has no extension, and a number at the
@@ -68,13 +69,19 @@ void MakeLink(const std::string& path, const std::string& program) {
 }
 
 bool IsLinkPath(const fs::path& directory, const std::string& program) {
-    if (program.find("programs/") == std::string::npos)
+    if (program.find(cProgramLinksName) == std::string::npos)
         return false;
     // The same directory may be written in several ways: compare what the paths lead to.
     std::error_code ignored;
     const fs::path links = fs::path(program).parent_path();
-    return links.filename() == "programs" &&
+    return links.filename() == cProgramLinksName &&
            fs::weakly_canonical(links, ignored) == LinksOf(directory);
+}
+
+bool IsLinkPathOfAnotherStore(const fs::path& directory, const std::string& program) {
+    const fs::path links = fs::path(program).parent_path();
+    return program.starts_with('/') && links.filename() == "programs" &&
+           links.parent_path().filename() == "files" && !IsLinkPath(directory, program);
 }
 
 std::string RealProgram(const fs::path& directory, const std::string& program) {

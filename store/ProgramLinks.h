@@ -25,6 +25,10 @@ void MakeLink(const std::string& path, const std::string& program);
 // True if a path of the table is that of such a link, whether or not the link exists.
 bool IsLinkPath(const std::filesystem::path& directory, const std::string& program);
 
+// True if a path has the form of such a link of another store, as a table has it that came from
+// there, whether or not the link exists.
+bool IsLinkPathOfAnotherStore(const std::filesystem::path& directory, const std::string& program);
+
 // The program that a path of the table leads to: the target of the link, or the path itself if it
 // is no such link or the link is missing.
 std::string RealProgram(const std::filesystem::path& directory, const std::string& program);

@@ -1,6 +1,7 @@
 #include <vxsched/SchedulingProcess.h>
 
 #include <CEvent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,15 +12,14 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
-#include "store/StopEvent.h"
+#include "base/CDescriptor.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr char cLibraryFile[] = "libVantrixScheduler.so";  // as its path ends in /proc/PID/maps
 
 fs::path DirectoryOf(pid_t process) {
     return fs::path("/proc") / std::to_string(process);
@@ -69,7 +69,7 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
 bool MapsAddIn(pid_t process) {
     std::ifstream maps(DirectoryOf(process) / "maps");
     for (std::string line; std::getline(maps, line);) {
-        if (line.ends_with(cLibraryFile))
+        if (line.ends_with(cAddInFile))
             return true;
     }
     return false;
@@ -92,6 +92,25 @@ std::optional<pid_t> FindHostIn(const struct stat& directory) {
     return {};
 }
 
+// A host that /proc/locks does not show, since it runs in another PID namespace. Its lock is asked
+// for, and not tried. Its file has its IPC namespace in the second line.
+std::optional<TSchedulingProcess> FindUnseenHost(const fs::path& file) {
+    const CDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (!descriptor.IsOpen() || fcntl(descriptor.Get(), F_OFD_GETLK, &lock) == -1 ||
+        lock.l_type == F_UNLCK)
+        return {};
+    std::ifstream content(file);
+    std::string process;
+    ino_t ipcNamespace = 0;
+    struct stat own {};
+    const bool isKnown = static_cast<bool>(content >> process >> ipcNamespace) &&
+                         stat("/proc/self/ns/ipc", &own) == 0;
+    return TSchedulingProcess{0, !isKnown || own.st_ino == ipcNamespace};
+}
+
 bool SharesStore(pid_t process) {
     struct stat own {};
     struct stat others {};
@@ -112,16 +131,22 @@ void Signal(const char* name, bool manualReset) {
 
 }  // namespace
 
+std::string TSchedulingProcess::Name() const {
+    return process == 0 ? "a process of another PID namespace"
+                        : "process " + std::to_string(process);
+}
+
 std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& directory) {
     struct stat status {};
     if (stat(directory.c_str(), &status) != 0)
         return {};
-    std::optional<pid_t> process = LockHolder(directory / "files" / "vxschedd.lock", status);
+    const fs::path lockFile = directory / cLockFile;
+    std::optional<pid_t> process = LockHolder(lockFile, status);
     if (!process)
         process = FindHostIn(status);
-    if (!process)
-        return {};
-    return TSchedulingProcess{*process, SharesStore(*process)};
+    if (process)
+        return TSchedulingProcess{*process, SharesStore(*process)};
+    return FindUnseenHost(lockFile);
 }
 
 void WakeSchedulingProcess() {

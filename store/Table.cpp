@@ -6,9 +6,10 @@
 #include <unordered_set>
 
 #include <vxsched/Error.h>
-#include "store/CDecoder.h"
 #include "store/CStoreMutexLock.h"
+#include "store/EntryFields.h"
 #include "store/Grid.h"
+#include "store/Salvage.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -44,6 +45,8 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     TTable table;
     CDecoder decoder(bytes);
     const auto count = decoder.Take<std::uint64_t>("the number of tasks");
+    if (decoder.HasFailed())
+        decoder.ThrowFailure(0);
     if (count > decoder.Left() / cSmallestTask)
         CDecoder::Damaged(0, "its count is " + std::to_string(count) + " tasks, but only " +
                                  std::to_string(decoder.Left()) + " bytes follow it");
@@ -54,13 +57,17 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
     names.reserve(count);
     for (std::uint64_t number = 1; number <= count; ++number) {
         const std::size_t offset = decoder.Offset();
-        std::uint32_t flag = 0;
-        const TTaskEntry& task = table.tasks.emplace_back(decoder.TakeTask(number, flag));
-        const std::size_t flagOffset = decoder.Offset() - sizeof flag;
-        if (flag > 1)
+        const TTaskView view = decoder.TakeTask();
+        if (decoder.HasFailed())
+            decoder.ThrowFailure(number);
+        if (IsBlank(view))
+            CDecoder::Damaged(offset, "it has zeros in place of a task");
+        const TTaskEntry& task = table.tasks.emplace_back(EntryOf(view));
+        const std::size_t flagOffset = decoder.Offset() - sizeof view.flag;
+        if (view.flag > 1)
             table.problems.push_back({TProblem::cUnusual, flagOffset,
                                       "the pause flag" + CDecoder::Of(number) + " is " +
-                                          std::to_string(flag) + ", which counts as paused"});
+                                          std::to_string(view.flag) + ", which counts as paused"});
         if (task.name.find('\0') != std::string::npos)
             table.problems.push_back({TProblem::cUnusual, offset,
                                       "the name" + CDecoder::Of(number) +
@@ -71,6 +78,10 @@ TTable DecodeTable(std::string_view bytes, TTime now) {
                                           "\", is a duplicate: calls by name find the first task"});
         FindHarm(task, now, offset, table.problems);
     }
+    // Tasks that the count leaves out would be lost at the next write.
+    if (decoder.Left() > 0 && (count == 0 || FindTask(bytes, decoder.Offset())))
+        CDecoder::Damaged(decoder.Offset(), "its count is " + std::to_string(count) +
+                                                " tasks, but more tasks follow");
     if (decoder.Left() > 0)
         table.problems.push_back({TProblem::cUnusual, decoder.Offset(),
                                   std::to_string(decoder.Left()) +
@@ -87,10 +98,19 @@ void Put(std::string& bytes, const Value& value) {
     bytes.append(raw, sizeof raw);
 }
 
-void PutString(std::string& bytes, const std::string& string) {
-    Put(bytes, static_cast<std::uint32_t>(string.size()));
-    bytes += string;
-}
+// Appends a field as its type demands.
+struct TFieldPutter {
+    std::string& bytes;
+
+    void operator()(const TField<const std::string>& field) const {
+        Put(bytes, static_cast<std::uint32_t>(field.value.size()));
+        bytes += field.value;
+    }
+    void operator()(const TField<const TTime>& field) const {
+        Put(bytes, std::int64_t{field.value.time_since_epoch().count()});
+    }
+    void operator()(const TField<const std::uint32_t>& field) const { Put(bytes, field.value); }
+};
 
 }  // namespace
 
@@ -98,13 +118,8 @@ std::string EncodeTable(const std::vector<TTaskEntry>& tasks) {
     std::string bytes;
     Put(bytes, std::uint64_t{tasks.size()});
     for (const TTaskEntry& task : tasks) {
-        PutString(bytes, task.name);
-        Put(bytes, std::int64_t{task.next.time_since_epoch().count()});
-        Put(bytes, std::int64_t{task.last.time_since_epoch().count()});
-        Put(bytes, task.period);
-        PutString(bytes, task.program);
-        PutString(bytes, task.parameter);
-        Put(bytes, std::uint32_t{task.paused});
+        const std::uint32_t flag = task.paused ? 1 : 0;
+        TransferFields(task, flag, TFieldPutter{bytes});
     }
     return bytes;
 }

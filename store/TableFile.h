@@ -6,26 +6,30 @@
 
 namespace vxsched {
 
-// The table's file and its backup, as bytes. The caller holds the store mutex; a client that
+// The table's file, as bytes, and how files next to it are written. The caller holds the store mutex; a client that
 // writes, and a host that starts up, holds the writer lock as well, taken first. The paths and
-// TableState() need no lock. The functions block for disk access only, apart from ReadBytes() of a
-// FIFO. Writes are not flushed to the disk (no fsync).
+// TableState() need no lock. The functions block for disk access only, whatever is in place of the
+// table: what is no regular file is refused. Only WriteSyncedFile() flushes what it writes
+// to the disk (fsync).
 
 // The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
 
-// The path files/scheduler.dat.before: the backup, the table as it was before a client's last
-// change.
-std::filesystem::path BackupFile(const std::filesystem::path& directory);
+// True if `path` is a symbolic link to nothing, as when the disk of its target is not mounted. What
+// it leads to is then out of reach, and not missing.
+bool IsLinkToNothing(const std::filesystem::path& path);
 
-// The bytes of a file; those of an empty table (8 zero bytes) if there is none. Throws CError
-// (cNoAccess, cFailed) if it cannot be read or is larger than 1 GiB, more than any table.
+// Reads the bytes of a table's file, also damaged ones: the only reader of a table without the
+// add-in. A missing file is an empty table (8 zero bytes). Throws CError (cNoAccess, cFailed) if
+// the file cannot be read, is larger than 1 GiB, more than any table, is a directory, a FIFO, a
+// socket or a device, or if the file or its directory is a link to nothing.
 std::string ReadBytes(const std::filesystem::path& file);
 
-// Reads the bytes of a directory's table, also damaged ones. Takes no lock: the caller holds the
-// store mutex, or runs as part of the tick that holds it. Does not block, not even on a FIFO in
-// place of the file. A missing file is an empty table (8 zero bytes). Throws CError (cNoAccess,
-// cFailed) if the file cannot be read, is larger than 1 GiB, or is a FIFO or a device.
+// The same for a file that is open for reading, from where it stands; `file` is for messages.
+std::string ReadBytes(int descriptor, const std::filesystem::path& file);
+
+// ReadBytes() of a directory's table. Takes no lock: the caller holds the store mutex, or runs as
+// part of the tick that holds it.
 std::string ReadTableBytes(const std::filesystem::path& directory);
 
 // A string that differs after each change of the table's file, made of its change time, inode and
@@ -33,8 +37,8 @@ std::string ReadTableBytes(const std::filesystem::path& directory);
 std::string TableState(const std::filesystem::path& directory);
 
 // Replaces the table by `bytes` in one step, by rename(): a reader sees either the old bytes or the
-// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced. Throws
-// CError (cNoAccess, cFailed); the old table stays then.
+// new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced; if there
+// is no target, nothing is. Throws CError (cNoAccess, cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:
@@ -47,12 +51,14 @@ void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 
-// Removes the temporary files of replacements that a kill interrupted. The caller holds both locks,
+// Like WriteNewFile(), but the file is complete on the disk before it gets its name, and the name
+// is there when this returns. Throws CError also if the name could not be flushed; the file is
+// there then.
+void WriteSyncedFile(const std::filesystem::path& file, std::string_view bytes,
+                     const std::filesystem::path& directory);
+
+// Removes the temporary files, of the table and of its backups, that a kill has left. The caller holds both locks,
 // so that no other process is still writing one. Files that cannot be removed stay.
 void RemoveLeftovers(const std::filesystem::path& directory);
-
-// Makes `bytes` the backup, in one step and with the table's owner and mode as in WriteNewFile().
-// Throws CError (cNoAccess, cFailed); the previous backup stays then.
-void WriteBackup(const std::filesystem::path& directory, std::string_view bytes);
 
 }  // namespace vxsched

@@ -6,7 +6,8 @@
 // reader sees the old table or the new one.
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
-// succeeds.
+// succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to nothing:
+// that table is out of reach, and a save would make another one in its place.
 
 #include "store/TableSaves.h"
 
@@ -26,16 +27,20 @@
 #include <system_error>
 
 #include "base/DynamicSymbols.h"
+#include "base/RegularFile.h"
+#include "scheduler/TaskFields.h"
+#include "store/Layout.h"
+#include "store/TableFile.h"
 
 namespace vxsched {
 
 namespace {
 
-// The add-in's spelling of the path; the program itself uses others.
-constexpr char cTable[] = "files/scheduler.dat";
+// The hook gets the path as the add-in spells it.
+static_assert(std::string_view(cTableFile) == cTaskFile);
 
 bool IsTable(const char* path) {
-    return std::strcmp(path, cTable) == 0;
+    return std::strcmp(path, cTableFile) == 0;
 }
 
 // The temporary file of the save in progress. There is at most one, since the store mutex is held
@@ -57,7 +62,8 @@ void ReadFailed(int error) {
 class CTemporaryPath {
 public:
     CTemporaryPath() {
-        std::snprintf(path, sizeof path, "%s.save-%d", cTable, static_cast<int>(getpid()));
+        std::snprintf(path, sizeof path, "%s%s%d", cTableFile, cSaveSuffix,
+                      static_cast<int>(getpid()));
     }
     operator const char*() const { return path; }
 
@@ -76,7 +82,7 @@ int Close(int descriptor) {
 // replace the link.
 bool CopyPermissions(int descriptor, mode_t mode) {
     struct stat status {};
-    if (lstat(cTable, &status) == -1)
+    if (lstat(cTableFile, &status) == -1)
         return errno == ENOENT && fchmod(descriptor, mode & 0777) == 0;
     return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
            fchown(descriptor, status.st_uid, status.st_gid) == 0 &&
@@ -86,7 +92,7 @@ bool CopyPermissions(int descriptor, mode_t mode) {
 // Opens the temporary file; -1 if the table has to be rewritten in place.
 int OpenTemporary(int flags, mode_t mode) {
     // A table that this process may not write must not be replaced either.
-    if (access(cTable, W_OK) == -1 && errno != ENOENT)
+    if (access(cTableFile, W_OK) == -1 && errno != ENOENT)
         return -1;
     const CTemporaryPath path;
     const int descriptor = open(path, flags | O_CREAT | O_NOFOLLOW, mode);
@@ -99,25 +105,34 @@ int OpenTemporary(int flags, mode_t mode) {
     return -1;
 }
 
+// Opens the table itself. A FIFO or a device in its place is refused: the add-in would wait for its
+// other end, or lose its tasks in it, with the store mutex held.
+int OpenTable(int flags, mode_t mode) {
+    return OpenRegularFile(cTableFile, flags, mode).Release();
+}
+
 int OpenToSave(int flags, mode_t mode) {
+    if (!gHasReadFailed && IsLinkToNothing(cTableFile))
+        ReadFailed(ENOENT);
     if (gHasReadFailed)
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (gTemporary != -1)
         return cVXC_OpenAsUsual;
     const int descriptor = OpenTemporary(flags, mode);
     if (descriptor == -1)
-        return cVXC_OpenAsUsual;
+        return OpenTable(flags, mode);
     gTemporary = descriptor;
     return descriptor;
 }
 
-// A missing table is not a failed read: there is nothing to lose.
+// A missing table is not a failed read: there is nothing to lose. Behind a link there may be.
 int OpenToRead(int flags, mode_t mode) {
-    const int descriptor = open(cTable, flags, mode);
+    const int descriptor = OpenTable(flags, mode);
     if (descriptor == -1 && errno == EINTR)
         return descriptor;  // COpen tries again
-    if (descriptor == -1 && errno != ENOENT)
-        ReadFailed(errno);
+    const int error = errno;
+    if (descriptor == -1 && (error != ENOENT || IsLinkToNothing(cTableFile)))
+        ReadFailed(error);
     else
         gHasReadFailed = false;
     return descriptor;
@@ -136,7 +151,7 @@ int CloseSave(int descriptor, bool isComplete) {
     const CTemporaryPath path;
     int result = Close(descriptor);
     if (result == 0 && isComplete)
-        result = rename(path, cTable);
+        result = rename(path, cTableFile);
     if (result != 0 || !isComplete) {
         const int error = errno;
         unlink(path);
@@ -145,6 +160,8 @@ int CloseSave(int descriptor, bool isComplete) {
     return result;
 }
 
+// If the close of a table that was rewritten in place fails, the add-in empties its list: that must
+// not be saved either.
 int CloseFile(int descriptor, bool isComplete) {
     if (descriptor == gTemporary)
         return CloseSave(descriptor, isComplete);
@@ -178,7 +195,7 @@ void SaveTableInOneStep() {
 void NoteFileStatus(const char* path, int error) {
     if (error == 0 || !IsTable(path))
         return;
-    if (error == ENOENT)
+    if (error == ENOENT && !IsLinkToNothing(cTableFile))
         gHasReadFailed = false;
     else
         ReadFailed(error);

@@ -1,7 +1,9 @@
 #include <vxsched/Validation.h>
 
 #include <VXC_File.h>
+#include <fcntl.h>
 #include <limits.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +18,10 @@
 namespace vxsched {
 
 namespace {
+
+// Of an argument of a program, with its terminating zero byte: the kernel's MAX_ARG_STRLEN, which
+// no header for programs defines.
+constexpr std::size_t cLongestArgument = std::size_t{1} << 17;
 
 // Collects the errors of one task. Refuse() adds one that cannot be forced, Warn() one that can.
 class CValidationErrors {
@@ -42,18 +48,28 @@ std::string ExtensionOf(const std::string& program) {
     return extension;
 }
 
+// The user as whom this thread accesses files, if that is not its own (COwnerAccess).
+std::string OtherUser() {
+    const auto user = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));  // changes nothing
+    return user == geteuid() ? "" : " for user " + std::to_string(user) + ", who owns the store";
+}
+
 void FindMissing(const std::string& path, CValidationErrors& errors) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0)
+    const int error = stat(path.c_str(), &status) == 0 ? 0 : errno;
+    if (error != 0 && error != EACCES)
         errors.Warn(TValidationError::cMissingProgram,
                     "there is no program " + Quoted(path) +
                         ": each launch would fail, and the add-in would count it as a run; create "
                         "the program first");
-    else if (!S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
+    else if (error != 0 || !S_ISREG(status.st_mode) ||
+             faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0)
         errors.Warn(TValidationError::cNotExecutable,
-                    Quoted(path) +
-                        " is not an executable file: each launch would fail, and the add-in would "
-                        "count it as a run; chmod +x it, or give another program");
+                    Quoted(path) + " is not an executable file" + OtherUser() +
+                        (error != 0 ? ", since a directory of its path may not be searched" : "") +
+                        ": each launch would fail, and the add-in would count it as a run; " +
+                        (error != 0 ? "permit the search" : "chmod +x it") +
+                        ", or give another program");
 }
 
 // Checks whether the add-in would launch the program itself by this path, and not abort or launch
@@ -133,10 +149,10 @@ void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors
 }  // namespace
 
 std::string_view TValidationError::Name() const {
-    static constexpr std::array<std::string_view, 13> names = {
+    static constexpr std::array<std::string_view, 14> names = {
         "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
         "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
-        "too-far-back",   "wrapped-period",  "past-due"};
+        "too-far-back",   "wrapped-period",  "past-due",     "parameter-too-long"};
     return names.at(static_cast<std::size_t>(kind));
 }
 
@@ -163,6 +179,12 @@ std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgr
                           "a string holds a zero byte and would be cut off there: " +
                               Quoted(string->substr(0, string->find('\0'))));
     }
+    if (task.parameter.size() >= cLongestArgument)
+        errors.Refuse(TValidationError::cParameterTooLong,
+                      "the parameter has " + std::to_string(task.parameter.size()) +
+                          " bytes, but the system passes at most " +
+                          std::to_string(cLongestArgument - 1) +
+                          " to a program; give a shorter one, or the path of a file that has it");
     ValidateProgram(task.program.substr(0, task.program.find('\0')), how, errors);
     ValidatePeriod(task, now, errors);
     return errors.WorstFirst();

@@ -9,8 +9,9 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
+#include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -39,14 +40,13 @@ void RequireTasks(const CStore& store, const TNames& names) {
     const TTable table = store.Read();
     for (const std::string& name : names) {
         if (table.Find(name) == nullptr)
-            throw CError(EError::cNotFound,
-                         fmt::format("there is no task \"{}\"; see vxsched list", name));
+            throw MakeError(EError::cNotFound, "there is no task \"{}\"; see vxsched list", name);
     }
 }
 
 template <typename Change>
-int ChangeNames(const TCommon& common, const TNames& names, const char* done, const char* would,
-                COutput& output, const Change& change) {
+TExitStatus ChangeNames(const TCommon& common, const TNames& names, const char* done,
+                        const char* would, COutput& output, const Change& change) {
     const CStore store(common.store);
     if (common.dryRun)
         RequireTasks(store, names);
@@ -59,7 +59,8 @@ int ChangeNames(const TCommon& common, const TNames& names, const char* done, co
 
 }  // namespace
 
-int Create(const TCommon& common, const TTaskArguments& arguments, bool replace, COutput& output) {
+TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
+                   COutput& output) {
     const TTime now = Now();
     const TNewTask task{arguments.name, ParseTime(arguments.at.value_or("now"), now),
                         ParsePeriod(arguments.every.value_or("once")),
@@ -69,10 +70,9 @@ int Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
         for (const TValidationError& error : store.Check(task, common.forced))
             throw CError(EError::cRefused, error.message);
         if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
-            throw CError(
-                EError::cRefused,
-                fmt::format("a task \"{}\" already exists; add --replace, or choose another name",
-                            task.name));
+            throw MakeError(EError::cRefused,
+                            "a task \"{}\" already exists; add --replace, or choose another name",
+                            task.name);
         PrintLine(output, "would create " + Describe(common, {task.name, task.due, TTime(),
                                                               task.period, "", "", false}));
         return cDone;
@@ -81,7 +81,7 @@ int Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
     return cDone;
 }
 
-int Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output) {
+TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output) {
     TEdit edit;
     if (arguments.at)
         edit.due = ParseTime(*arguments.at, Now());
@@ -101,25 +101,25 @@ int Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output
     return cDone;
 }
 
-int Remove(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output) {
     return ChangeNames(common, names, "removed", "would remove", output,
                        [&](const CStore& store) { store.Remove(names); });
 }
 
-int Pause(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
     return ChangeNames(common, names, "paused", "would pause", output,
                        [&](const CStore& store) { store.Pause(names); });
 }
 
-int Resume(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
     if (common.dryRun)
         CStore(common.store).CheckResume(names, common.forced);
     return ChangeNames(common, names, "resumed", "would resume", output,
                        [&](const CStore& store) { store.Resume(names, common.forced); });
 }
 
-int SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
-              COutput& output) {
+TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
+                      COutput& output) {
     const std::uint32_t hours = ParsePeriod(every);
     const CStore store(common.store);
     TEdit edit;
@@ -133,7 +133,8 @@ int SetPeriod(const TCommon& common, const std::string& name, const std::string&
     return cDone;
 }
 
-int Run(const TCommon& common, const std::string& name, bool force, bool wait, COutput& output) {
+TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
+                COutput& output) {
     const CStore store(common.store);
     if (common.dryRun) {
         store.CheckRun(name, force);
@@ -148,6 +149,8 @@ int Run(const TCommon& common, const std::string& name, bool force, bool wait, C
             // The launch must not be abandoned for this. COutput keeps the line, and the last
             // Finish() of the command reports the error.
         }
+        if (wait)
+            CInterruption::WaitsFor(process);
     });
     if (!run.status)
         return cDone;
@@ -160,12 +163,12 @@ int Run(const TCommon& common, const std::string& name, bool force, bool wait, C
     return WEXITSTATUS(*run.status) == 0 ? cDone : cRefusedStatus;
 }
 
-int Wake(const TCommon& common, COutput& output) {
+TExitStatus Wake(const TCommon& common, COutput& output) {
     const CStore store(common.store);
     if (!store.Wake())
-        throw CError(EError::cNoScheduler,
-                     fmt::format("no scheduling process runs in {}; start vxschedd there",
-                                 common.store.directory.string()));
+        throw MakeError(EError::cNoScheduler,
+                        "no scheduling process runs in {}; start vxschedd there",
+                        common.store.directory.string());
     output.Line("woke the scheduling process");
     return cDone;
 }

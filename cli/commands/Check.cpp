@@ -8,8 +8,9 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/output/Json.h"
+#include "store/COwnerAccess.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 
@@ -39,6 +40,7 @@ std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
     std::vector<TFinding> findings;
     for (const TProblem& problem : table.problems)
         findings.push_back({NameOf(problem.kind), problem.message, problem.offset});
+    const COwnerAccess ownerAccess(common.store.directory);
     for (const TTaskEntry& task : table.tasks) {
         const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
         const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;
@@ -75,14 +77,13 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
 
 }  // namespace
 
-int CheckTable(const TCommon& common, const std::string& file, COutput& output) {
+TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& output) {
     // vxsched repair works on the directory's table only, so it is no remedy for a file.
     const std::string remedy = file.empty() ? "; run vxsched repair" : "";
     TTable table;
     try {
         if (!file.empty() && !std::filesystem::exists(file))
-            throw CError(EError::cFailed,
-                         fmt::format("cannot check {}: there is no such file", file));
+            throw MakeError(EError::cFailed, "cannot check {}: there is no such file", file);
         table = file.empty() ? CStore(common.store).Read() : DecodeTable(ReadBytes(file), Now());
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
@@ -91,8 +92,7 @@ int CheckTable(const TCommon& common, const std::string& file, COutput& output) 
         return cDamagedStatus;
     }
     const std::vector<TFinding> findings = FindingsOf(common, table);
-    const std::string count =
-        fmt::format("{} task{}", table.tasks.size(), table.tasks.size() == 1 ? "" : "s");
+    const std::string count = CountOf(table.tasks.size(), "task");
     if (!table.IsSafeToLoad()) {
         Print(common, findings, count + ", harmful to load" + remedy, output);
         return cDamagedStatus;

@@ -2,13 +2,17 @@
 
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <vxsched/Store.h>
+#include "cli/commands/ExitStatus.h"
 #include "cli/output/COutput.h"
 #include "cli/time/TimeFormat.h"
 
@@ -30,37 +34,42 @@ struct TCommon {
 // 4. Reading the table waits for the store mutex, changing it for all locks of a change, each up to
 //    the lock timeout.
 
+// A number of things: "1 task", "3 tasks".
+inline std::string CountOf(std::size_t count, std::string_view thing) {
+    return fmt::format("{} {}{}", count, thing, count == 1 ? "" : "s");
+}
+
 // The arguments contradict each other or are incomplete.
 class CUsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-int List(const TCommon& common, bool namesOnly, COutput& output);
-int ShowTask(const TCommon& common, const std::string& name, COutput& output);
+TExitStatus List(const TCommon& common, bool namesOnly, COutput& output);
+TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& output);
 
 // Prints the coming runs: `count` of them, or those up to the time `until`, or 10.
-int Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
-         COutput& output);
+TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
+                 COutput& output);
 
 // Prints the last `count` runs, 20 by default, the latest last; of all tasks if `name` is empty.
-int History(const TCommon& common, const std::string& name, std::optional<std::size_t> count,
-            bool failedOnly, COutput& output);
-int Status(const TCommon& common, COutput& output);
+TExitStatus History(const TCommon& common, const std::string& name,
+                    std::optional<std::size_t> count, bool failedOnly, COutput& output);
+TExitStatus Status(const TCommon& common, COutput& output);
 
 // Checks `file`, or the directory's table if it is empty. Returns cDamagedStatus for a table that
 // is damaged or harmful to load.
-int CheckTable(const TCommon& common, const std::string& file, COutput& output);
+TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& output);
 
 // Quarantines a damaged table and writes a repaired one.
-int Repair(const TCommon& common, COutput& output);
-int Export(const TCommon& common, COutput& output);
+TExitStatus Repair(const TCommon& common, COutput& output);
+TExitStatus Export(const TCommon& common, COutput& output);
 
 // What to do about tasks that the table already has: refuse, overwrite them, replace the whole
 // table.
 enum class EImport { cAdd, cMerge, cReplace };
 
 // Imports `file`, or standard input for "-".
-int Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
+TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 
 // The arguments for one task as they were typed. An omitted one is empty, which differs from "".
 struct TTaskArguments {
@@ -70,21 +79,23 @@ struct TTaskArguments {
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
 };
-int Create(const TCommon& common, const TTaskArguments& task, bool replace, COutput& output);
-int Edit(const TCommon& common, const TTaskArguments& task, COutput& output);
+TExitStatus Create(const TCommon& common, const TTaskArguments& task, bool replace,
+                   COutput& output);
+TExitStatus Edit(const TCommon& common, const TTaskArguments& task, COutput& output);
 
 using TNames = std::vector<std::string>;
-int Remove(const TCommon& common, const TNames& names, COutput& output);
-int Pause(const TCommon& common, const TNames& names, COutput& output);
-int Resume(const TCommon& common, const TNames& names, COutput& output);
-int SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
-              COutput& output);
+TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output);
+TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output);
+TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output);
+TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
+                      COutput& output);
 
 // Launches the program of a task now. With `wait` it blocks until the program exits, without limit,
 // and returns cRefusedStatus if the run failed.
-int Run(const TCommon& common, const std::string& name, bool force, bool wait, COutput& output);
-int Wake(const TCommon& common, COutput& output);
+TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
+                COutput& output);
+TExitStatus Wake(const TCommon& common, COutput& output);
 
-int PrintCompletion(const std::string& shell, COutput& output);
+TExitStatus PrintCompletion(const std::string& shell, COutput& output);
 
 }  // namespace vxsched

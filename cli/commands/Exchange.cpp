@@ -7,11 +7,14 @@
 #include <iostream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
+#include "store/COwnerAccess.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 
@@ -23,14 +26,14 @@ std::string ReadInput(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
     if (std::filesystem::is_directory(file))
-        throw CError(EError::cRefused, "cannot import: " + file + " is a directory");
+        throw MakeError(EError::cRefused, "cannot import: {} is a directory", file);
     if (file != "-") {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
     std::string content{std::istreambuf_iterator<char>(*input), {}};
     if (content.empty())
-        throw CError(EError::cRefused, "cannot import: " + file + " is empty or cannot be read");
+        throw MakeError(EError::cRefused, "cannot import: {} is empty or cannot be read", file);
     return content;
 }
 
@@ -44,8 +47,30 @@ bool HasItsLink(const TCommon& common, const TImported& imported) {
            IsLinkPath(common.store.directory, imported.task.program);
 }
 
-// True for an error that would abort or hang each process that loads the add-in, or that no command
-// could correct afterwards: such a name cannot be typed.
+// True if the task's program is a link of another store, whose place a link of this one takes.
+bool NeedsOwnLink(const TCommon& common, const TImported& imported) {
+    return imported.realProgram.starts_with('/') &&
+           IsLinkPathOfAnotherStore(common.store.directory, imported.task.program);
+}
+
+// Finds the real programs of links of other stores whose export does not have them. A link that
+// cannot be resolved is only warned about: its task harms no other.
+void ResolveLinks(const TCommon& common, std::vector<TImported>& imported) {
+    for (TImported& one : imported) {
+        const std::string& program = one.task.program;
+        if (!IsLinkPathOfAnotherStore(common.store.directory, program) || NeedsOwnLink(common, one))
+            continue;
+        std::error_code error;
+        one.realProgram = std::filesystem::read_symlink(program, error).string();
+        if (!NeedsOwnLink(common, one) && !std::filesystem::exists(program, error))
+            Warn(one.task.name, fmt::format("its program \"{}\" is a link of another store, which "
+                                            "cannot be resolved; edit the task's program",
+                                            program));
+    }
+}
+
+// True for an error that would abort or hang each process that loads the add-in, that no command
+// could correct afterwards, since such a name cannot be typed, or with which no launch can succeed.
 bool IsHarmful(TValidationError::EKind kind) {
     switch (kind) {
         case TValidationError::cAbortingExtension:
@@ -53,6 +78,8 @@ bool IsHarmful(TValidationError::EKind kind) {
         case TValidationError::cTooFarBack:
         case TValidationError::cEmptyName:
         case TValidationError::cZeroByte:
+        case TValidationError::cPathTooLong:
+        case TValidationError::cParameterTooLong:
             return true;
         default:
             return false;
@@ -62,16 +89,17 @@ bool IsHarmful(TValidationError::EKind kind) {
 // Throws CError (cRefused) for a task that would harm other tasks or processes. Prints a warning
 // about one that would harm only itself.
 void CheckImported(const TCommon& common, const std::vector<TImported>& imported) {
+    const COwnerAccess ownerAccess(common.store.directory);
     for (const TImported& one : imported) {
         TTaskEntry task = one.task;
-        const bool isLink = HasItsLink(common, one);
+        const bool isLink = HasItsLink(common, one) || NeedsOwnLink(common, one);
         if (isLink)
             task.program = one.realProgram;
         for (const TValidationError& error :
              Validate(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
             if (IsHarmful(error.kind))
-                throw CError(EError::cRefused, fmt::format("cannot import task \"{}\": {}",
-                                                           task.name, error.message));
+                throw MakeError(EError::cRefused, "cannot import task \"{}\": {}", task.name,
+                                error.message);
             Warn(task.name, error.message);
         }
     }
@@ -89,25 +117,28 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
         else if (how == EImport::cMerge)
             *found = one.task;
         else
-            throw CError(
-                EError::cRefused,
-                fmt::format("a task \"{}\" already exists; use --merge to overwrite it, or "
+            throw MakeError(EError::cRefused,
+                            "a task \"{}\" already exists; use --merge to overwrite it, or "
                             "--replace to replace the whole table",
-                            one.task.name));
+                            one.task.name);
     }
     return tasks;
 }
 
-void MakeLinks(const TCommon& common, const std::vector<TImported>& imported) {
-    for (const TImported& one : imported) {
+// Makes the links that the imported tasks refer to, and has tasks with links of other stores refer
+// to links of this one. The caller holds the writer lock.
+void MakeLinks(const TCommon& common, std::vector<TImported>& imported) {
+    for (TImported& one : imported) {
         if (HasItsLink(common, one))
             MakeLink(one.task.program, one.realProgram);
+        else if (NeedsOwnLink(common, one))
+            one.task.program = MakeSchedulable(common.store.directory, one.realProgram);
     }
 }
 
 }  // namespace
 
-int Export(const TCommon& common, COutput& output) {
+TExitStatus Export(const TCommon& common, COutput& output) {
     const TTable table = CStore(common.store).Read();
     nlohmann::ordered_json tasks = nlohmann::ordered_json::array();
     for (const TTaskEntry& task : table.tasks) {
@@ -118,20 +149,20 @@ int Export(const TCommon& common, COutput& output) {
         tasks.push_back(json);
     }
     output.Raw(Document({{"tasks", tasks}}));
-    return 0;
+    return cDone;
 }
 
-int Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
-    const std::vector<TImported> imported = ReadTasks(ReadInput(file));
+TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
+    std::vector<TImported> imported = ReadTasks(ReadInput(file));
+    ResolveLinks(common, imported);
     CheckImported(common, imported);
     const CStore store(common.store);
     const TTable present = store.Read();
-    const std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
-    const std::string count =
-        fmt::format("{} task{}", imported.size(), imported.size() == 1 ? "" : "s");
+    std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
+    const std::string count = CountOf(imported.size(), "task");
     if (common.dryRun) {
         output.Line(fmt::format("would import {}; the table would have {}", count, tasks.size()));
-        return 0;
+        return cDone;
     }
     // Called with the writer lock and the store mutex held. The tasks were joined without a lock:
     // a change since then would be lost.
@@ -140,9 +171,10 @@ int Import(const TCommon& common, const std::string& file, EImport how, COutput&
             throw CError(EError::cBusy,
                          "the table changed during the import; nothing was imported; try again");
         MakeLinks(common, imported);
+        tasks = Joined(present.tasks, imported, how);
     });
     output.Line(fmt::format("imported {}; the table has {} now", count, tasks.size()));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

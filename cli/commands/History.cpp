@@ -11,6 +11,7 @@
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
 #include "runs/HistoryReader.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -21,10 +22,9 @@ constexpr char cNone[] = "-";
 
 void RequireTask(const TCommon& common, const std::string& name) {
     if (CStore(common.store).Read().Find(name) == nullptr)
-        throw CError(
-            EError::cNotFound,
-            fmt::format("there is no task \"{}\" and no record of a run of one; see vxsched list",
-                        name));
+        throw MakeError(EError::cNotFound,
+                        "there is no task \"{}\" and no record of a run of one; see vxsched list",
+                        name);
 }
 
 EColour ColourOf(const TRunRecord& run) {
@@ -75,8 +75,8 @@ void PrintJson(const std::vector<TRunRecord>& runs, COutput& output) {
 
 }  // namespace
 
-int History(const TCommon& common, const std::string& name, std::optional<std::size_t> count,
-            bool failedOnly, COutput& output) {
+TExitStatus History(const TCommon& common, const std::string& name,
+                    std::optional<std::size_t> count, bool failedOnly, COutput& output) {
     THistory history =
         ReadHistory(common.store.directory, name.empty() ? std::nullopt : std::optional(name));
     for (const std::string& problem : history.problems)
@@ -92,14 +92,14 @@ int History(const TCommon& common, const std::string& name, std::optional<std::s
         runs.erase(runs.begin(), runs.end() - static_cast<std::ptrdiff_t>(most));
     if (common.json) {
         PrintJson(runs, output);
-        return 0;
+        return cDone;
     }
     PrintTable(runs, common.zone, output);
     output.Line("");
     output.Line(runs.size() < all
                     ? fmt::format("the last {} of {} records; --count shows more", runs.size(), all)
-                    : fmt::format("{} record{}", all, all == 1 ? "" : "s"));
-    return 0;
+                    : CountOf(all, "record"));
+    return cDone;
 }
 
 }  // namespace vxsched

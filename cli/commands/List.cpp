@@ -1,7 +1,5 @@
 // list: all tasks, as columns or JSON.
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -84,18 +82,18 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
     }
     columns.Print(output);
     output.Line("");
-    output.Line(fmt::format("{} task{}", listed.size(), listed.size() == 1 ? "" : "s"));
+    output.Line(CountOf(listed.size(), "task"));
 }
 
 }  // namespace
 
-int List(const TCommon& common, bool namesOnly, COutput& output) {
+TExitStatus List(const TCommon& common, bool namesOnly, COutput& output) {
     const TTable table = CStore(common.store).Read();
     // For completion scripts, which need the exact bytes and no state.
     if (namesOnly) {
         for (const TTaskEntry& task : table.tasks)
             output.Line(task.name);
-        return 0;
+        return cDone;
     }
     const TTime now = Now();
     const CRunningPrograms running;
@@ -108,7 +106,7 @@ int List(const TCommon& common, bool namesOnly, COutput& output) {
         PrintJson(common, listed, output);
     else
         PrintTable(common, listed, now, output);
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

@@ -1,7 +1,5 @@
 // next: the coming runs of all tasks.
 
-#include <fmt/format.h>
-
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <queue>
@@ -60,8 +58,8 @@ private:
 
 }  // namespace
 
-int Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
-         COutput& output) {
+TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
+                 COutput& output) {
     const TTime now = Now();
     const TTime end = until.empty() ? TTime::max() : ParseTime(until, now);
     const std::size_t most = count.value_or(until.empty() ? cDefaultCount : cMost);
@@ -93,7 +91,7 @@ int Next(const TCommon& common, std::optional<std::size_t> count, const std::str
         output.Raw(Document({{"runs", json}}));
     else
         columns.Print(output);
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

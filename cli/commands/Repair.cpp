@@ -58,12 +58,12 @@ void HealMutex(const TCommon& common, COutput& output) {
 
 std::string TableBytes(const TCommon& common) {
     const CStoreMutexLock lock(common.store.lockTimeout);
-    return ReadBytes(TableFile(common.store.directory));
+    return ReadTableBytes(common.store.directory);
 }
 
 }  // namespace
 
-int Repair(const TCommon& common, COutput& output) {
+TExitStatus Repair(const TCommon& common, COutput& output) {
     if (!common.dryRun)
         HealMutex(common, output);
     const std::string bytes = TableBytes(common);
@@ -74,15 +74,14 @@ int Repair(const TCommon& common, COutput& output) {
     const TRepair repair = PlanRepair(bytes, backup ? &*backup : nullptr, Now());
     if (repair.notes.empty()) {
         output.Line("the table is valid; nothing to repair");
-        return 0;
+        return cDone;
     }
     for (const std::string& note : repair.notes)
         output.Line(Show(note).string);
-    const std::string count =
-        fmt::format("{} task{}", repair.tasks.size(), repair.tasks.size() == 1 ? "" : "s");
+    const std::string count = CountOf(repair.tasks.size(), "task");
     if (common.dryRun) {
         output.Line(fmt::format("would write a table with {}", count));
-        return 0;
+        return cDone;
     }
     std::string quarantined;
     // ReplaceAll() calls the function with the writer lock and the store mutex held, so the table
@@ -95,7 +94,7 @@ int Repair(const TCommon& common, COutput& output) {
         quarantined = Quarantine(common.store.directory, bytes).string();
     });
     output.Line(fmt::format("wrote a table with {}; the damaged one is {}", count, quarantined));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

@@ -14,6 +14,7 @@
 #include "cli/output/RunFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
+#include "store/COwnerAccess.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -28,7 +29,11 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     TTaskEntry real = task;
     real.program = RealProgram(common.store.directory, task.program);
     const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
-    for (const TValidationError& error : Validate(real, now, how)) {
+    const auto validate = [&] {
+        const COwnerAccess ownerAccess(common.store.directory);
+        return Validate(real, now, how);
+    };
+    for (const TValidationError& error : validate()) {
         if (error.IsAboutProgram())
             return error.message;
     }
@@ -39,13 +44,13 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     if (!scheduler)
         return "no scheduling process runs in this directory; start vxschedd";
     if (!scheduler->sharesStore)
-        return fmt::format("the scheduling process {} runs in another IPC namespace",
-                           scheduler->process);
+        return fmt::format("the scheduling process, {}, runs in another IPC namespace",
+                           scheduler->Name());
     if (state.state == TTaskState::cOverdue)
         return fmt::format(
-            "it is overdue although scheduling process {} is running; check the log of that "
+            "it is overdue although the scheduling process, {}, is running; check the log of that "
             "process",
-            scheduler->process);
+            scheduler->Name());
     return fmt::format("it is not due until {}", FormatTime(task.next, common.zone));
 }
 
@@ -95,7 +100,7 @@ std::string FormatRun(const TRunRecord& run, EZone zone) {
 
 }  // namespace
 
-int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
+TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& output) {
     const TTable table = CStore(common.store).Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
@@ -117,7 +122,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         for (const TRunRecord& run : runs)
             json["last_runs"].push_back(JsonOf(run));
         output.Raw(Document({{"task", json}}));
-        return 0;
+        return cDone;
     }
     const auto line = [&](std::string_view label, const std::string& value) {
         output.Line(output.Coloured(fmt::format("{:<13}", label), EColour::cBold) +
@@ -137,7 +142,7 @@ int ShowTask(const TCommon& common, const std::string& name, COutput& output) {
         line("Not running", why);
     for (const TRunRecord& run : runs)
         line(&run == runs.data() ? "Last runs" : "", FormatRun(run, common.zone));
-    return 0;
+    return cDone;
 }
 
 }  // namespace vxsched

@@ -11,7 +11,6 @@
 #include <vxsched/SchedulingProcess.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ExitStatus.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
 #include "store/CMutexHealer.h"
@@ -110,7 +109,7 @@ bool HasScheduler(const TStatus& status) {
 // The time of the last tick: the scheduling process's last use of the mutex. Empty if another
 // process has used the mutex since, because the system keeps only the last use.
 std::optional<TTime> LastTick(const TStatus& status) {
-    if (!HasScheduler(status) || !status.mutex ||
+    if (!HasScheduler(status) || status.scheduler->process == 0 || !status.mutex ||
         status.mutex->lastProcess != status.scheduler->process)
         return {};
     return status.mutex->lastUsed;
@@ -120,9 +119,9 @@ std::string DescribeScheduler(const TStatus& status) {
     if (!status.scheduler)
         return "none; start vxschedd in this directory";
     if (!status.scheduler->sharesStore)
-        return fmt::format("process {}, in another IPC namespace; it cannot be reached from here",
-                           status.scheduler->process);
-    return fmt::format("process {}", status.scheduler->process);
+        return fmt::format("{}, in another IPC namespace; it cannot be reached from here",
+                           status.scheduler->Name());
+    return status.scheduler->Name();
 }
 
 std::string DescribeMutex(const TStatus& status) {
@@ -148,8 +147,8 @@ std::string DescribeTable(const TStatus& status) {
         return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
         return status.tableError;
-    return fmt::format("{} task{} in {} bytes, valid", status.table->tasks.size(),
-                       status.table->tasks.size() == 1 ? "" : "s", status.size);
+    return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
+                       status.size);
 }
 
 void PrintJson(const TStatus& status, COutput& output) {
@@ -173,7 +172,7 @@ void PrintJson(const TStatus& status, COutput& output) {
 
 }  // namespace
 
-int Status(const TCommon& common, COutput& output) {
+TExitStatus Status(const TCommon& common, COutput& output) {
     const TStatus status = ReadStatus(common);
     if (common.json) {
         PrintJson(status, output);

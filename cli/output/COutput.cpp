@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
+#include "base/WriteAll.h"
 
 namespace vxsched {
 
@@ -68,14 +69,8 @@ void COutput::Raw(std::string_view bytes) {
 }
 
 void COutput::Finish() {
-    std::string_view rest = pending;
-    while (!rest.empty()) {
-        const ssize_t count = write(STDOUT_FILENO, rest.data(), rest.size());
-        if (count > 0)
-            rest.remove_prefix(static_cast<std::size_t>(count));
-        else if (errno != EINTR)
-            throw SystemError("cannot write to standard output", errno);
-    }
+    if (!WriteAll(STDOUT_FILENO, pending))
+        throw SystemError("cannot write to standard output", errno);
     pending.clear();
 }
 

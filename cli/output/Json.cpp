@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include "cli/time/TimeFormat.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -125,7 +126,7 @@ public:
 
 private:
     [[noreturn]] void Fail(const std::string& problem) const {
-        throw CError(EError::cRefused, fmt::format("cannot import: {} {}", place, problem));
+        throw MakeError(EError::cRefused, "cannot import: {} {}", place, problem);
     }
 
     const TJson& json;
@@ -202,10 +203,10 @@ std::vector<TImported> ReadTasks(const std::string& input) {
     try {
         document = TJson::parse(input);
     } catch (const TJson::parse_error& error) {
-        throw CError(EError::cRefused,
-                     fmt::format("cannot import: the input is not valid JSON: {}; expected a "
-                                 "document as vxsched export writes it",
-                                 DescribeParseError(input, error.byte)));
+        throw MakeError(EError::cRefused,
+                        "cannot import: the input is not valid JSON: {}; expected a document as "
+                        "vxsched export writes it",
+                        DescribeParseError(input, error.byte));
     } catch (const TJson::out_of_range&) {
         throw CError(EError::cRefused, "cannot import: the input has a number that is too large");
     }

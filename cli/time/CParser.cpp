@@ -1,5 +1,7 @@
 #include "cli/time/CParser.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "cli/time/CParseError.h"
@@ -65,7 +67,7 @@ void CParser::SkipBlanks() {
 void CParser::ExpectEnd() {
     SkipBlanks();
     if (!IsAtEnd())
-        Fail(offset, "unexpected input after the " + std::string(kind));
+        Fail(offset, fmt::format("unexpected input after the {}", kind));
 }
 
 void CParser::Fail(std::size_t where, std::string_view reason) const {

@@ -1,5 +1,7 @@
 #include "cli/time/Duration.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -45,12 +47,12 @@ seconds ReadUnit(CParser& reader, std::string_view number) {
     const std::size_t offset = reader.Offset();
     const std::string word = reader.TakeWord();
     if (word.empty())
-        reader.Fail(offset, "expected a unit, as in " + std::string(number) + "h");
+        reader.Fail(offset, fmt::format("expected a unit, as in {}h", number));
     for (const TUnit& unit : cUnits) {
         if (unit.words.find(' ' + word + ' ') != std::string_view::npos)
             return unit.length;
     }
-    reader.Fail(offset, "unknown unit \"" + word + "\"; use h, d or w");
+    reader.Fail(offset, fmt::format("unknown unit \"{}\"; use h, d or w", word));
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #include "cli/time/TimeFormat.h"
 
 #include <date/date.h>
-#include <fmt/format.h>
+#include <fmt/chrono.h>
+#include <fmt/compile.h>
 
 #include <charconv>
 #include <cstdint>
@@ -9,7 +10,7 @@
 #include <system_error>
 #include <vector>
 
-#include "calendar/WallTime.h"
+#include "base/WallTime.h"
 #include "cli/time/CParser.h"
 #include "cli/time/Duration.h"
 
@@ -247,32 +248,9 @@ TTime ReadTime(CParser& reader, TTime now) {
 
 // ---- Writing ------------------------------------------------------------------------------------
 
-// Writes the last `count` digits of the value to `buffer` from `offset` on.
-void PutDigits(std::string& buffer, std::size_t offset, std::size_t count, unsigned value) {
-    for (std::size_t left = count; left > 0; --left, value /= 10)
-        buffer[offset + left - 1] = static_cast<char>('0' + value % 10);
-}
-
-// The date, the separator, the time of day and the ending. Empty for a year that does not have four
-// digits.
-std::optional<std::string> Write(TWallTime wall, char separator, std::string_view ending) {
-    constexpr TWallTime cBegin = date::local_days(date::year(1) / 1 / 1);
-    constexpr TWallTime cEnd = date::local_days(date::year(10000) / 1 / 1);
-    if (wall < cBegin || wall >= cEnd)
-        return std::nullopt;
-    const date::local_days day = date::floor<date::days>(wall);
-    const date::year_month_day date(day);
-    const date::hh_mm_ss time(wall - day);
-    // Digit by digit for speed: a list formats two times for each task.
-    std::string written = "0000-00-00 00:00:00";
-    PutDigits(written, 0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
-    PutDigits(written, 5, 2, static_cast<unsigned>(date.month()));
-    PutDigits(written, 8, 2, static_cast<unsigned>(date.day()));
-    written[10] = separator;
-    PutDigits(written, 11, 2, static_cast<unsigned>(time.hours().count()));
-    PutDigits(written, 14, 2, static_cast<unsigned>(time.minutes().count()));
-    PutDigits(written, 17, 2, static_cast<unsigned>(time.seconds().count()));
-    return written.append(ending);
+// The year has four digits.
+bool HasIsoForm(const std::optional<std::tm>& calendar) {
+    return calendar && calendar->tm_year + 1900L >= 1 && calendar->tm_year + 1900L <= 9999;
 }
 
 std::string WriteSeconds(TTime time) {
@@ -289,14 +267,17 @@ TTime ParseTime(std::string_view argument, TTime now) {
     return time;
 }
 
+// The formats are compiled for speed: a list formats two times for each task.
 std::string FormatTime(TTime time, EZone zone) {
-    const TWallTime wall =
-        zone == EZone::cLocal ? LocalWallTimeAt(time) : TWallTime(time.time_since_epoch());
-    return Write(wall, ' ', "").value_or(WriteSeconds(time));
+    const std::optional<std::tm> calendar = CalendarOf(time, zone);
+    return HasIsoForm(calendar) ? fmt::format(FMT_COMPILE("{:%F %T}"), *calendar)
+                                : WriteSeconds(time);
 }
 
 std::string FormatIsoTime(TTime time) {
-    return Write(TWallTime(time.time_since_epoch()), 'T', "Z").value_or(WriteSeconds(time));
+    const std::optional<std::tm> calendar = CalendarOf(time, EZone::cUtc);
+    return HasIsoForm(calendar) ? fmt::format(FMT_COMPILE("{:%FT%TZ}"), *calendar)
+                                : WriteSeconds(time);
 }
 
 std::string FormatDistance(seconds distance) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include <vxsched/Table.h>
+#include "base/IsoTime.h"
 #include "cli/time/CParseError.h"
 
 namespace vxsched {
@@ -26,8 +27,6 @@ namespace vxsched {
 // twice because the clock is set back, the first is taken; a time of day without a date gives the
 // second once the first is past. Words may be upper or lower case.
 TTime ParseTime(std::string_view argument, TTime now);
-
-enum class EZone { cLocal, cUtc };
 
 // Formats a time to the second, without its zone: 2026-11-21 14:30:00. Outside the years 1 to 9999
 // it is @ and the seconds since 1970. ParseTime reads a local time back; of a time that exists

@@ -3,12 +3,13 @@
 #include <dlfcn.h>
 
 #include <vxsched/Error.h>
+#include "store/MakeError.h"
 
 namespace vxsched {
 
 CAddIn::CAddIn(const std::string& path) : handle(dlopen(path.c_str(), RTLD_NOW)) {
     if (handle == nullptr)
-        throw CError(EError::cFailed, std::string("cannot load the add-in: ") + dlerror());
+        throw MakeError(EError::cFailed, "cannot load the add-in: {}", dlerror());
     Find(create, "CreateTask");
     Find(destroy, "DestroyTask");
     Find(pause, "_Z9PauseTaskPKc");
@@ -21,8 +22,7 @@ template <typename Function>
 void CAddIn::Find(Function& function, const char* symbol) {
     function = reinterpret_cast<Function>(dlsym(handle, symbol));
     if (function == nullptr)
-        throw CError(EError::cFailed,
-                     std::string("the add-in has no function ") + symbol + ": " + dlerror());
+        throw MakeError(EError::cFailed, "the add-in has no function {}: {}", symbol, dlerror());
 }
 
 }  // namespace vxsched

@@ -4,9 +4,12 @@
 
 #include <VXC_Log.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <grp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +19,8 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/Quoted.h"
+#include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
 #include "client/Request.h"
@@ -24,13 +29,17 @@
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
 #include "interpose/SemaphoreWait.h"
+#include "store/Backups.h"
 #include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
+#include "store/Layout.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/StoreMutexSet.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
+#include "store/WorkerState.h"
 
 namespace vxsched {
 
@@ -39,37 +48,32 @@ namespace {
 // The socket to the client; it comes as standard input.
 int gClient = -1;
 
-// Sends a message to the client. If the client has ended, the message is dropped and the change
-// goes on.
+// How long the client may leave a message unread or unanswered, in milliseconds.
+constexpr int cClientLimit = 5'000;
+
+// Sends a message to the client. If the client has ended, or is stopped and has left earlier
+// messages unread, this message and later ones are dropped, and the change goes on.
 void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
     PutField(bytes, content);
-    std::string_view unsent = bytes;
-    while (!unsent.empty()) {
-        const ssize_t count = send(gClient, unsent.data(), unsent.size(), MSG_NOSIGNAL);
-        if (count == -1 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return;
-        unsent.remove_prefix(static_cast<std::size_t>(count));
-    }
+    // Half a message may have been sent, after which no other makes sense.
+    if (!SendAll(gClient, bytes))
+        shutdown(gClient, SHUT_WR);
 }
 
 // Reads the request; empty if the client ended before it had sent all of it.
 std::optional<TRequest> ReadRequest() {
     std::string bytes;
+    std::optional<std::string> field;
     char block[4096];
-    ssize_t count = 0;
-    while ((count = read(gClient, block, sizeof block)) != 0) {
+    while (!(field = TakeField(bytes))) {
+        const ssize_t count = read(gClient, block, sizeof block);
         if (count > 0)
             bytes.append(block, static_cast<std::size_t>(count));
-        else if (errno != EINTR)
+        else if (count == 0 || errno != EINTR)
             return {};
     }
-    std::optional<std::string> field = TakeField(bytes);
-    if (!field)
-        return {};
     return DecodeRequest(std::move(*field));
 }
 
@@ -101,13 +105,36 @@ void KeepLocking(const CWriterLock& writerLock) {
     FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
 }
 
+// Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
+// if it does not answer: a client that is stopped must not keep the locks from everybody else.
+bool MayBegin() {
+    SendMessage(cMessageReady, "");
+    pollfd answer{.fd = gClient, .events = POLLIN, .revents = 0};
+    int ready = 0;
+    do {
+        ready = poll(&answer, 1, cClientLimit);
+    } while (ready == -1 && errno == EINTR);
+    if (ready == 0)
+        throw CError(EError::cBusy,
+                     "the client was stopped while its change was prepared; nothing was changed; "
+                     "try again");
+    char go = 0;
+    return read(gClient, &go, 1) == 1;
+}
+
 // Checks the request and loads the add-in; empty if a message has sent the client to wait or start
 // over. The caller holds the writer lock. The store mutex is taken first, so that the load, which
 // sets it free, ends no other process's hold; the load is its release. If the load fails, the
 // kernel releases the mutex at the end of this process.
 std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
     CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
-    const std::string bytes = ReadBytes(TableFile("."));
+    // A direct client's load during a tick sets the mutex free. What this process saved then, the
+    // end of the tick would overwrite.
+    if (request.hasScheduler && !IsWorkerIdle()) {
+        SendMessage(cMessageTick, "");
+        return {};
+    }
+    const std::string bytes = ReadTableBytes(".");
     const TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
         SendMessage(cMessageDue, due->name);
@@ -118,6 +145,8 @@ std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
         SendMessage(cMessageChanged, changed->task.name);
         return {};
     }
+    if (!MayBegin())
+        return {};
     // Under the same writer lock as the calls, or another client might remove the link before its
     // task is in the table.
     for (TCall& call : request.calls) {
@@ -129,7 +158,7 @@ std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
         }
     }
     RemoveLeftovers(".");
-    WriteBackup(".", bytes);
+    KeepBeforeChange(".", bytes);
     SendMessage(cMessageBegun, "");
     lock.Forget();
     KeepLocking(writerLock);
@@ -177,10 +206,10 @@ void Make(const CAddIn& addIn, const TCall& call) {
 std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
     try {
         const CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
-        return ReadBytes(TableFile("."));
+        return ReadTableBytes(".");
     } catch (const CError& error) {
-        throw CError(EError::cFailed,
-                     std::string("the change was made but could not be verified: ") + error.what());
+        throw MakeError(EError::cFailed, "the change was made but could not be verified: {}",
+                        error.what());
     }
 }
 
@@ -198,20 +227,20 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
 // the superuser.
 void BecomeOwner() {
     struct stat status {};
-    if (geteuid() != 0 || stat("files", &status) == -1 || status.st_uid == 0)
+    if (geteuid() != 0 || stat(cFilesDirectory, &status) == -1 || status.st_uid == 0)
         return;
     if (setgroups(0, nullptr) == -1 || setgid(status.st_gid) == -1 || setuid(status.st_uid) == -1)
-        throw SystemError("cannot become the owner of the directory \"files\"", errno);
+        throw SystemError("cannot become the owner of the directory " + Quoted(cFilesDirectory),
+                          errno);
 }
 
 void RequireSavesInOneStep(const std::string& addIn) {
     if (const std::string reason = WhySavesAreNotInOneStep(addIn); !reason.empty())
-        throw CError(
+        throw MakeError(
             EError::cFailed,
-            "the add-in " + addIn +
-                " is refused, since a save that is interrupted would lose tasks: " + reason +
-                ". Run the client without another support library (LD_PRELOAD), or with "
-                "another add-in");
+            "the add-in {} is refused, since a save that is interrupted would lose tasks: {}. Run "
+            "the client without another support library (LD_PRELOAD), or with another add-in",
+            addIn, reason);
 }
 
 void Serve(TRequest& request) {
@@ -227,6 +256,7 @@ void Serve(TRequest& request) {
         else
             SendMessage(cMessageLaunchFailed, std::strerror(error));
     });
+    std::string bytes;
     {
         const CWriterLock writerLock(".", std::chrono::milliseconds(request.lockTimeout));
         const std::optional<CAddIn> addIn = Load(request, writerLock);
@@ -234,10 +264,11 @@ void Serve(TRequest& request) {
             return;
         for (const TCall& call : request.calls)
             Make(*addIn, call);
-        const std::string bytes = ReadBack(request, writerLock);
+        bytes = ReadBack(request, writerLock);
         TidyLinks(request, bytes);
-        SendMessage(cMessageTable, bytes);
     }
+    // Without the locks, since a table of many tasks takes as long as the client to read it.
+    SendMessage(cMessageTable, bytes);
     if (launched == 0 || !request.calls.back().waitForEnd)
         return;
     if (const std::optional<int> status = WaitForEnd(launched))
@@ -248,6 +279,8 @@ int Main() {
     gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
+    const timeval limit{.tv_sec = cClientLimit / 1000, .tv_usec = 0};
+    setsockopt(gClient, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;
@@ -267,10 +300,10 @@ int Main() {
         return 0;
     } catch (const CError& error) {
         SendMessage(cMessageError,
-                    std::to_string(static_cast<int>(error.Code())) + ' ' + error.what());
+                    fmt::format("{} {}", static_cast<int>(error.Code()), error.what()));
     } catch (const std::exception& error) {
         SendMessage(cMessageError,
-                    std::to_string(static_cast<int>(EError::cFailed)) + ' ' + error.what());
+                    fmt::format("{} {}", static_cast<int>(EError::cFailed), error.what()));
     }
     return 1;
 }

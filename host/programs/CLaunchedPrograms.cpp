@@ -1,6 +1,5 @@
 #include "host/programs/CLaunchedPrograms.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
@@ -93,7 +92,7 @@ void CLaunchedPrograms::CollectFinished() {
             LogWarning(fmt::format("process {} ended, but something else collected its status, {}",
                                    current->first, DescriptionOf(program.run)));
             program.run.outcome = TRunRecord::cUnknown;
-            program.run.ended = Now();
+            program.run.ended = CurrentMoment();
             Record(program.run);
         }
         programs.erase(current);
@@ -126,7 +125,7 @@ std::size_t CLaunchedPrograms::CountLaunches() {
 void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.launched;
     TRunRecord& run = program.run;
-    run.ended = Now();
+    run.ended = CurrentMoment();
     run.outcome = WIFSIGNALED(status) ? TRunRecord::cKilled : TRunRecord::cExited;
     run.number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
     run.usage = {.user = TimeOf(usage.ru_utime),

@@ -1,6 +1,5 @@
 #include "host/programs/CProgramOutput.h"
 
-#include <VXC_CRC32.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -15,13 +14,12 @@
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/SystemdLibrary.h"
+#include "host/TaskFileName.h"
 
 static constexpr char cInherit[] = "inherit";
 static constexpr char cJournal[] = "journal";
 // For a launch whose task is unknown. No task's name is encoded as this.
 static constexpr char cUnknown[] = "%unknown";
-// Together with ".log.1" and a checksum, less than the 255 bytes of a file name.
-static constexpr std::size_t cLongestName = 200;
 
 static CDescriptor OpenJournal(const std::string& identifier) {
     auto* const openStream = FindInSystemd<decltype(sd_journal_stream_fd)>("sd_journal_stream_fd");
@@ -33,27 +31,6 @@ static CDescriptor OpenJournal(const std::string& identifier) {
                         "does. Choose another --output.",
                         std::strerror(-descriptor)));
     return CDescriptor(descriptor);
-}
-
-static bool IsPlain(char character, bool isFirst) {
-    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-           (character >= '0' && character <= '9') || character == '-' || character == '_' ||
-           (character == '.' && !isFirst);
-}
-
-std::string FileNameOf(const std::string& task) {
-    if (task.empty())
-        return "%";
-    std::string name;
-    for (const char character : task) {
-        if (IsPlain(character, name.empty()))
-            name += character;
-        else
-            name += fmt::format("%{:02X}", static_cast<unsigned char>(character));
-    }
-    if (name.size() > cLongestName)
-        name = fmt::format("{}%{:08X}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
-    return name;
 }
 
 CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostBytes)

@@ -29,8 +29,3 @@ private:
     const std::string where;
     const std::uint64_t limit;
 };
-
-// Returns a file name for a task, different for each task. Characters other than letters, digits,
-// '-', '_' and inner '.' are percent-encoded; a long name is cut and ends with a checksum. The
-// empty name becomes "%".
-std::string FileNameOf(const std::string& task);

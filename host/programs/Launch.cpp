@@ -13,11 +13,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "base/Spawn.h"
 #include "host/CHostLog.h"
+#include "host/TaskFileName.h"
 #include "host/programs/CLaunchedPrograms.h"
+#include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/LaunchedTask.h"
 #include "host/recovery/LaunchRecords.h"
@@ -26,16 +30,23 @@
 
 namespace {
 
+// How long a tick tries to make a launch that the system refuses for want of processes.
+constexpr std::chrono::milliseconds cAgainLimit(1000);
+constexpr std::chrono::milliseconds cAgainPause(50);
+
 // Set while no worker runs, read on the worker.
 const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
 
 // Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
 // and error, and no other descriptor. Before that, the new process creates the launch record at
-// `recordPath`, if there is one.
-void FillActions(CSpawnActions& actions, int output, const std::optional<std::string>& recordPath) {
+// `recordPath` and empties the file of the owed launch at `owedPath`, if there are any.
+void FillActions(CSpawnActions& actions, int output, const std::optional<std::string>& recordPath,
+                 const std::optional<std::string>& owedPath) {
     if (recordPath)
         actions.Open(STDIN_FILENO, *recordPath, O_WRONLY | O_CREAT, 0600);
+    if (owedPath)
+        actions.Open(STDIN_FILENO, *owedPath, O_WRONLY | O_TRUNC);
     actions.Open(STDIN_FILENO, "/dev/null", O_RDONLY);
     if (output != -1) {
         actions.Duplicate(output, STDOUT_FILENO);
@@ -67,33 +78,37 @@ TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]
         run.task = task->name;
         run.due = vxsched::TTime(std::chrono::seconds(task->nextExecution));
     }
-    run.started = Now();
     return run;
 }
 
-}  // namespace
+// How the add-in, or this host for what it owes, asks for a launch.
+struct TRequest {
+    const char* path;
+    const posix_spawn_file_actions_t* actions;
+    const posix_spawnattr_t* attributes;
+    char* const* arguments;
+    char* const* environment;
+};
 
-// Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
-// from libc's function in what the program inherits where the add-in passes no attributes and no
-// actions, and adds the task's name and due time to the environment. Returns 0 or an error number,
-// as libc's does; errno is not defined.
-static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
-                 const posix_spawnattr_t* attributes, char* const arguments[],
-                 char* const environment[]) {
-    const TTask* const task = FindTask(path, arguments);
-    TRunRecord run = Describe(task, path, arguments);
+// Launches the program of `run`, and records that if the launch is made. `owedPath`, if set, is the
+// file of an owed launch, which the new process empties. Returns 0 or an error number; the caller
+// reports an error.
+int Launch(TRunRecord& run, const TRequest& request, const std::optional<std::string>& owedPath) {
+    run.started = CurrentMoment();
     const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     CSpawnAttributes cleanAttributes;
     cleanAttributes.ResetSignals();
     const auto spawn = [&](const std::optional<std::string>& createdPath) {
         CSpawnActions cleanActions;
-        FillActions(cleanActions, output.Get(), createdPath);
+        FillActions(cleanActions, output.Get(), createdPath, owedPath);
         const auto spawnWith = [&](char* const variables[]) {
             return NextLaunchHandlers().spawn(
-                process, path, actions != nullptr ? actions : cleanActions.Get(),
-                attributes != nullptr ? attributes : cleanAttributes.Get(), arguments, variables);
+                &run.process, request.path,
+                request.actions != nullptr ? request.actions : cleanActions.Get(),
+                request.attributes != nullptr ? request.attributes : cleanAttributes.Get(),
+                request.arguments, variables);
         };
-        return vxsched::SpawnForTask(environment, task != nullptr ? task->name.c_str() : nullptr,
+        return vxsched::SpawnForTask(request.environment, run.task ? run.task->c_str() : nullptr,
                                      run.due, spawnWith);
     };
     std::optional<std::string> recordPath;
@@ -101,6 +116,8 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
         recordPath = LaunchRecordPath(*run.task, *run.due);
     const auto lacksRecord = [&] { return recordPath && access(recordPath->c_str(), F_OK) != 0; };
     int result = spawn(recordPath);
+    if (result == EAGAIN)
+        return result;
     if (result != 0 && lacksRecord() && MakeLaunchRecordDirectory())
         result = spawn(recordPath);
     // On a full disk the program is launched without a record rather than not at all.
@@ -112,22 +129,104 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
         result = spawn(std::nullopt);
     }
     if (result == 0) {
-        run.process = *process;
         if (run.task && run.due)
-            RememberLaunch({.task = LaunchRecordName(*run.task),
+            RememberLaunch({.task = FileNameOf(*run.task),
                             .due = *run.due,
                             .launched = std::chrono::floor<std::chrono::seconds>(*run.started)});
         CLaunchedPrograms::Instance().Launched(run);
-    } else {
+    } else if (recordPath) {
         // The new process may have created the record before it failed.
-        if (recordPath)
-            unlink(recordPath->c_str());
-        run.outcome = TRunRecord::cNotStarted;
-        run.ended = run.started;
-        run.error = std::strerror(result);
-        CLaunchedPrograms::Instance().LaunchFailed(run);
+        unlink(recordPath->c_str());
     }
     return result;
+}
+
+void ReportFailure(TRunRecord& run, int error) {
+    run.outcome = TRunRecord::cNotStarted;
+    run.ended = run.started;
+    run.error = std::strerror(error);
+    CLaunchedPrograms::Instance().LaunchFailed(run);
+}
+
+// Tries again for at most a second, since the tick holds the store mutex; once a launch is owed,
+// the next ones need not wait.
+int LaunchWithRetries(TRunRecord& run, const TRequest& request) {
+    using TClock = std::chrono::steady_clock;
+    const TClock::time_point end = TClock::now() + cAgainLimit;
+    int result = Launch(run, request, {});
+    while (result == EAGAIN && COwedLaunches::Instance().Count() == 0 && TClock::now() < end) {
+        std::this_thread::sleep_for(cAgainPause);
+        result = Launch(run, request, {});
+    }
+    return result;
+}
+
+// False if the system still refuses the launch.
+bool MakeOwedLaunch(const TOwedLaunch& owed) {
+    TRunRecord run;
+    run.task = owed.task;
+    run.due = owed.due;
+    run.program = owed.program;
+    run.parameter = owed.parameter;
+    std::string program = owed.program;
+    std::string parameter = owed.parameter;
+    char* const arguments[] = {program.data(), parameter.data(), nullptr};
+    // On a full disk there may be no file.
+    const std::string path = OwedLaunchPath(owed);
+    const auto file = access(path.c_str(), F_OK) == 0 ? std::optional(path) : std::nullopt;
+    const int result = Launch(run,
+                              {.path = program.c_str(),
+                               .actions = nullptr,
+                               .attributes = nullptr,
+                               .arguments = arguments,
+                               .environment = environ},
+                              file);
+    if (result == EAGAIN)
+        return false;
+    // Nobody else waits for it.
+    if (result == 0)
+        CLaunchedPrograms::Instance().WaitedFor(run.process, 0, 0, {});
+    else
+        ReportFailure(run, result);
+    return true;
+}
+
+}  // namespace
+
+// Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
+// from libc's function in what the program inherits where the add-in passes no attributes and no
+// actions, and adds the task's name and due time to the environment. A launch that the system
+// refuses for want of processes is made later. Returns 0 or an error number, as libc's does; errno
+// is not defined.
+static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
+                 const posix_spawnattr_t* attributes, char* const arguments[],
+                 char* const environment[]) {
+    TRunRecord run = Describe(FindTask(path, arguments), path, arguments);
+    const int result = LaunchWithRetries(run, {.path = path,
+                                               .actions = actions,
+                                               .attributes = attributes,
+                                               .arguments = arguments,
+                                               .environment = environment});
+    if (result == 0) {
+        *process = run.process;
+    } else if (result == EAGAIN && run.task && run.due) {
+        LogWarning(
+            fmt::format("cannot start {} yet: {}. Task \"{}\" is launched as soon as the "
+                        "system has a process for it. Raise the limit on processes (ulimit "
+                        "-u, TasksMax= of the unit).",
+                        run.program, std::strerror(result), *run.task));
+        COwedLaunches::Instance().Add({.task = *run.task,
+                                       .due = *run.due,
+                                       .program = run.program,
+                                       .parameter = run.parameter});
+    } else {
+        ReportFailure(run, result);
+    }
+    return result;
+}
+
+void MakeOwedLaunches() {
+    COwedLaunches::Instance().MakeAll(MakeOwedLaunch);
 }
 
 // Called by the add-in in place of waitpid(), on the worker, once after each launch. Results and

@@ -12,5 +12,10 @@ class TTask;
 // can be launched, since there is no lock.
 void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output);
 
+// Makes the launches that are owed because the system refused them for want of processes
+// (COwedLaunches), with the same handling; those that it refuses again stay owed. Blocks for disk
+// access only. For the main thread, while launches are handled.
+void MakeOwedLaunches();
+
 // Gives posix_spawn() and waitpid() back to libc, under the same condition.
 void StopHandlingLaunches();

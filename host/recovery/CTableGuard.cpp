@@ -1,6 +1,5 @@
 #include "host/recovery/CTableGuard.h"
 
-#include <CEvent.h>
 #include <fmt/format.h>
 #include <malloc.h>
 #include <poll.h>
@@ -23,21 +22,23 @@
 #include "host/recovery/LaunchRecords.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
-#include "store/StopEvent.h"
+#include "store/Layout.h"
 #include "store/TableFile.h"
+#include "store/WorkerState.h"
 
 using vxsched::TTaskEntry;
 
 namespace {
 
-constexpr char cTable[] = "scheduler.dat";
 // Short, since a tick may hold the store mutex for minutes, and End() waits for a check.
 constexpr std::chrono::milliseconds cLockTimeout(200);
-constexpr int cRetryInterval = 100;  // milliseconds
+constexpr std::chrono::seconds cLongerThanAnySave(10);
+constexpr std::chrono::milliseconds cFirstRetry(100);
+constexpr std::chrono::milliseconds cLongestRetry(5000);
 constexpr int cNoTimeout = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
-    return vxsched::DecodeIntactTable(bytes, vxsched::Now());
+    return vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
 }
 
 void LogErrors(const std::vector<std::string>& notes) {
@@ -47,12 +48,14 @@ void LogErrors(const std::vector<std::string>& notes) {
 
 }  // namespace
 
-CTableGuard::CTableGuard(std::size_t snapshotCount)
-    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), snapshots(snapshotCount) {
+CTableGuard::CTableGuard(std::size_t snapshots)
+    : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      retryInterval(cFirstRetry, cLongestRetry),
+      mostSnapshots(snapshots) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
-            "cannot watch the directory \"files\": {}. The table is checked every second instead.",
-            std::strerror(errno)));
+            "cannot watch the directory \"{}\": {}. The table is checked every second instead.",
+            vxsched::cFilesDirectory, std::strerror(errno)));
     Check();
 }
 
@@ -98,14 +101,14 @@ bool CTableGuard::Watch() {
     // If the table is a link, its target changes in another directory.
     isWatching =
         changes.IsOpen() &&
-        inotify_add_watch(changes.Get(), "files",
+        inotify_add_watch(changes.Get(), vxsched::cFilesDirectory,
                           IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_MOVE_SELF) != -1 &&
         !std::filesystem::is_symlink(vxsched::TableFile("."), ignored);
     return isWatching;
 }
 
 void CTableGuard::Run() {
-    MarkHostThread();
+    gIsHostThread = true;
     // The constructor's check may have failed.
     bool retry = !lastValid;
     while (!isStopping) {
@@ -114,12 +117,14 @@ void CTableGuard::Run() {
         // Before a retry, unread events would end the wait at once.
         if (retry)
             descriptors[0].fd = -1;
-        const int timeout = mutexWatch.LimitTimeout(retry ? cRetryInterval : PollTimeout());
+        const int timeout = mutexWatch.LimitTimeout(
+            retry ? static_cast<int>(retryInterval.Get().count()) : PollTimeout());
         if (poll(descriptors, std::size(descriptors), timeout) == -1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(cRetryInterval));
+            std::this_thread::sleep_for(retryInterval.Get());
         if (isStopping)
             return;
-        const bool mustCheck = retry || HasChange();
+        // In this order, since a wakeup that stays unread would end every later wait at once.
+        const bool mustCheck = IsWoken() || retry || HasChange();
         retry = mustCheck && !Check();
         if (mustWatchMutex.exchange(false))
             mutexWatch.Begin();
@@ -136,11 +141,12 @@ int CTableGuard::PollTimeout() const {
     return isWatching && wakeups.IsOpen() ? cNoTimeout : cSecond;
 }
 
-bool CTableGuard::HasChange() {
+bool CTableGuard::IsWoken() {
     eventfd_t ignored = 0;
-    eventfd_read(wakeups.Get(), &ignored);
-    if (wereTasksDeleted)
-        return true;
+    return eventfd_read(wakeups.Get(), &ignored) == 0 || wereTasksDeleted;
+}
+
+bool CTableGuard::HasChange() {
     if (isWatching)
         return ReadEvents();
     saves.replacedAll = true;  // saves before the watch were not counted
@@ -169,11 +175,13 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
     // Some saves were not counted, so any task may have been removed on purpose.
     if ((mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
         saves.replacedAll = true;
-    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0)
+    if ((mask & (IN_IGNORED | IN_MOVE_SELF)) != 0) {
         isWatching = false;
-    if ((mask & IN_MOVED_FROM) != 0 && name.find(".save-") != std::string_view::npos)
+        isDirectoryNew = true;
+    }
+    if ((mask & IN_MOVED_FROM) != 0 && name.find(vxsched::cSaveSuffix) != std::string_view::npos)
         saveCookie = cookie;
-    if (name != cTable)
+    if (name != vxsched::cTableName)
         return saves.replacedAll;
     mutexWatch.Begin();
     if ((mask & IN_MODIFY) != 0) {
@@ -196,35 +204,56 @@ bool CTableGuard::Check() {
         // Lock order: the host holds the directory lock; the writer lock is skipped, since a client
         // may hold it for many seconds; locks inside the process come after the store mutex.
         const vxsched::CStoreMutexLock lock(cLockTimeout);
-        // A client's load sets the mutex free, so this lock may have been obtained during a tick,
-        // whose launches the table does not show yet. Between ticks the worker waits for the stop
-        // event.
-        if (isWorkerRunning && CEvent::UseOf(cStopEventName).waiters == 0)
+        // A tick may be under way all the same, whose launches the table does not show yet.
+        if (isWorkerRunning && !vxsched::IsWorkerIdle())
             return false;
         ReadEvents();
         if (!isWatching)
             saves.replacedAll = true;
         // A missing directory is not an empty table.
-        if (access("files", F_OK) == -1)
+        if (access(vxsched::cFilesDirectory, F_OK) == -1) {
+            ReportMissingDirectory();
             return true;
+        }
+        isMissingReported = false;
         lastState = vxsched::TableState(".");
-        // Nor is a directory that was created again and has no table yet: the last valid one is
-        // still what a damaged table that appears there is repaired from.
+        const std::string bytes = vxsched::ReadTableBytes(".");
+        // Nor is a directory that was created again and has no table.
+        if (lastState.empty() && isDirectoryNew && lastValid) {
+            Restore(bytes, "the directory \"files\" has no table", TasksOf(*lastValid));
+            return false;
+        }
+        // Another process may be replacing the table: the last valid one is still what a damaged
+        // table that appears is repaired from.
         if (lastState.empty() && saves.replacedAll && lastValid)
             return true;
-        const bool isDone = Examine(vxsched::ReadTableBytes("."));
+        const bool isDone = Examine(bytes);
         lastError.clear();
+        retryInterval.Succeeded();
         return isDone;
     } catch (const vxsched::CError& error) {
-        if (error.Code() != vxsched::EError::cBusy && lastError != error.what()) {
+        if (error.Code() == vxsched::EError::cBusy)
+            return false;
+        retryInterval.Failed();
+        if (lastError != error.what()) {
             lastError = error.what();
             LogError(
                 fmt::format("cannot check the table: {}. Retrying until it succeeds.", lastError));
         }
         return false;
     } catch (const std::exception&) {
+        retryInterval.Failed();
         return false;  // out of memory; may succeed later
     }
+}
+
+void CTableGuard::ReportMissingDirectory() {
+    isDirectoryNew = true;
+    if (!isMissingReported)
+        LogError(
+            "the directory \"files\" is gone: nothing can be saved or recorded. Create it again; "
+            "the last valid table is then written into it.");
+    isMissingReported = true;
 }
 
 // Keeps a valid table, restores any other. False after a restore: another check is needed for what
@@ -283,13 +312,22 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// Puts `tasks`, with the launches made since, in the place of the table.
+// Puts `tasks`, with the launches made since, in the place of the table, unless a save may be in
+// progress or is done by now. The caller repeats the check in any case.
 void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
                           std::vector<TTaskEntry> tasks) {
+    const vxsched::CTableLease lease(vxsched::TableFile("."));
+    if (!MayReplace(lease, bytes))
+        return;
     ApplyLaunchRecords(ReadLaunchRecords(), vxsched::Now(), tasks);
     const std::string restored = vxsched::EncodeTable(tasks);
     QuarantineOnce(bytes, restored);
-    if (restored != bytes)
+    // First of all a snapshot: if the host is killed while it overwrites the table, the next one
+    // finds every task there.
+    Keep(restored);
+    if (restored != bytes && lease.State() == vxsched::CTableLease::cHeld)
+        lease.Overwrite(restored);
+    else if (restored != bytes)
         vxsched::ReplaceOrOverwriteTable(".", restored);
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
@@ -298,8 +336,37 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
         RemoveLaunchRecord(record);
     wereTasksDeleted = false;
     ReadEvents();
-    Keep(restored);
-    saves.replacedAll = true;  // events of other processes were read together with this one's
+    saves = {};
+    // Without the lease, events of other processes were read together with this one's.
+    saves.replacedAll = lease.State() != vxsched::CTableLease::cHeld;
+}
+
+// Whether nobody is about to write the table, of which `bytes` were read. The store mutex does not
+// tell: a client's load sets it free, and the bytes may be those of a save that has only begun.
+bool CTableGuard::MayReplace(const vxsched::CTableLease& lease, const std::string& bytes) {
+    switch (lease.State()) {
+        case vxsched::CTableLease::cMissing:
+            return true;
+        case vxsched::CTableLease::cHeld:
+            return lease.Read() == bytes;
+        case vxsched::CTableLease::cWritten:
+            return false;
+        case vxsched::CTableLease::cUnknown:
+            break;
+    }
+    const std::string state = vxsched::TableState(".");
+    const auto now = std::chrono::steady_clock::now();
+    if (unchanged.state != state)
+        unchanged = {state, now};
+    if (now - unchanged.since < cLongerThanAnySave)
+        return false;
+    LogWarning(fmt::format(
+        "cannot make sure that nobody is writing the table: another user owns it, its file system "
+        "has no leases, or somebody keeps it open. It has not changed for {} s, so that is "
+        "assumed.",
+        cLongerThanAnySave.count()));
+    unchanged = {};
+    return true;
 }
 
 // Quarantines a damaged table once, however often its replacement is retried.
@@ -315,12 +382,12 @@ void CTableGuard::QuarantineOnce(const std::string& bytes, const std::string& re
 }
 
 void CTableGuard::Keep(const std::string& bytes) {
-    if (!lastValid || *lastValid != bytes)
-        lastValid = std::make_shared<const std::string>(bytes);
+    lastValid = bytes;
     saves = {};
+    isDirectoryNew = false;
     try {
-        snapshots.Keep(lastValid);
-    } catch (const std::system_error& error) {
+        vxsched::KeepSnapshot(".", bytes, mostSnapshots);
+    } catch (const vxsched::CError& error) {
         LogWarning(fmt::format("cannot keep a snapshot of the table: {}", error.what()));
     }
 }

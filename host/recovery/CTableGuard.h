@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,7 +12,8 @@
 #include <vxsched/Table.h>
 #include "base/CDescriptor.h"
 #include "host/recovery/CMutexWatch.h"
-#include "host/recovery/CSnapshots.h"
+#include "host/recovery/CRetryInterval.h"
+#include "store/CTableLease.h"
 
 // Guards the table while the host runs, on a thread of its own: whenever the file changes, it is
 // read under the store mutex and checked. A valid table is kept as a snapshot. A damaged table, or
@@ -25,7 +26,7 @@
 class CTableGuard {
 public:
     // Guards the table of the working directory, which has just been loaded, and checks it once.
-    // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots.
+    // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots; 0 disables them.
     explicit CTableGuard(std::size_t snapshots);
     ~CTableGuard();
 
@@ -56,18 +57,21 @@ private:
     void Run();
     bool Watch();
     int PollTimeout() const;
+    bool IsWoken();
     bool HasChange();
     bool ReadEvents();
     bool HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
 
     // Check() takes the store mutex and not the writer lock. It alone calls Examine, Restore,
-    // QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
+    // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
     // checks (the constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
+    void ReportMissingDirectory();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
                  std::vector<vxsched::TTaskEntry> tasks);
+    bool MayReplace(const vxsched::CTableLease& lease, const std::string& bytes);
     void QuarantineOnce(const std::string& bytes, const std::string& restored);
     void Keep(const std::string& bytes);
 
@@ -79,15 +83,24 @@ private:
     std::atomic<bool> mustWatchMutex{false};
 
     // Of the thread that checks: the constructor's, then the guard's own.
+    CRetryInterval retryInterval;
     CDescriptor changes;  // inotify
     bool isWatching = false;
+    bool isDirectoryNew = false;  // "files" is not the directory that had the last valid table
+    bool isMissingReported = false;
     std::string lastState;  // of the file, for when it cannot be watched
     TSaves saves;
     bool isModified = false;       // between a write and the close of the table
     std::uint32_t saveCookie = 0;  // of the rename that may have put a save in the table's place
+    // Of a file that may have to be restored and that somebody has open, or for which no lease is
+    // granted: its state, and since when it has been that.
+    struct {
+        std::string state;
+        std::chrono::steady_clock::time_point since;
+    } unchanged;
     // As bytes, which take less than half the memory of decoded tasks.
-    std::shared_ptr<const std::string> lastValid;
-    CSnapshots snapshots;
+    std::optional<std::string> lastValid;
+    const std::size_t mostSnapshots;
     CMutexWatch mutexWatch;
     std::optional<std::string> lastDamaged;  // has been reported and quarantined
     std::string lastError;                   // has been logged; not again at every retry

@@ -1,6 +1,5 @@
 #include "host/recovery/LaunchRecords.h"
 
-#include <VXC_CRC32.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,49 +15,36 @@
 
 #include <vxsched/Error.h>
 #include "host/CHostLog.h"
+#include "host/TaskFileName.h"
 #include "store/Grid.h"
+#include "store/Layout.h"
 
 namespace fs = std::filesystem;
 
+using vxsched::cLaunchRecordDirectory;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
-static constexpr char cDirectory[] = "files/started";
-static constexpr std::size_t cLongestName = 200;
-
-std::string LaunchRecordName(const std::string& task) {
-    std::string name;
-    for (const char byte : task) {
-        const auto value = static_cast<unsigned char>(byte);
-        const bool isPlain = (value >= '0' && value <= '9') || (value >= 'a' && value <= 'z') ||
-                             (value >= 'A' && value <= 'Z');
-        name += isPlain ? std::string(1, byte) : fmt::format("%{:02x}", value);
-    }
-    if (name.size() > cLongestName)
-        name = fmt::format("{}%{:08x}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
-    return name;
-}
-
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
-    return due == time && task == LaunchRecordName(name);
+    return due == time && task == FileNameOf(name);
 }
 
 bool MakeLaunchRecordDirectory() {
-    if (mkdir(cDirectory, 0755) == 0 || errno == EEXIST)
+    if (mkdir(cLaunchRecordDirectory, 0755) == 0 || errno == EEXIST)
         return true;
     LogWarning(
         fmt::format("cannot create {}: {}. If this host is killed during a tick, the next one may "
                     "launch programs a second time.",
-                    cDirectory, std::strerror(errno)));
+                    cLaunchRecordDirectory, std::strerror(errno)));
     return false;
 }
 
 static std::string PathOf(const std::string& name, TTime due) {
-    return fmt::format("{}/{}@{}", cDirectory, name, due.time_since_epoch().count());
+    return fmt::format("{}/{}@{}", cLaunchRecordDirectory, name, due.time_since_epoch().count());
 }
 
 std::string LaunchRecordPath(const std::string& task, TTime due) {
-    return PathOf(LaunchRecordName(task), due);
+    return PathOf(FileNameOf(task), due);
 }
 
 static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
@@ -89,13 +75,14 @@ std::vector<TLaunchRecord> ReadLaunchRecords() {
     std::vector<TLaunchRecord> records = gLaunches;
     lock.unlock();
     std::error_code error;
-    for (fs::directory_iterator entry(cDirectory, error);
+    for (fs::directory_iterator entry(cLaunchRecordDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
         if (const auto record = ReadLaunchRecord(entry->path()))
             records.push_back(*record);
     }
     if (error && error != std::errc::no_such_file_or_directory)
-        throw vxsched::SystemError(fmt::format("cannot read {}", cDirectory), error.value());
+        throw vxsched::SystemError(fmt::format("cannot read {}", cLaunchRecordDirectory),
+                                   error.value());
     return records;
 }
 

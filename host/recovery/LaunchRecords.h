@@ -10,20 +10,16 @@
 // and its record cannot be separated, not even by a kill of the host. The record is removed once
 // the table shows the launch.
 //
-// A record's name is NAME@DUE: the task's name as LaunchRecordName() encodes it, and the due time
-// in seconds since 1970. The file is empty; its modification time is the launch time.
+// A record's name is NAME@DUE: the task's name as FileNameOf() encodes it, and the due time in
+// seconds since 1970. The file is empty; its modification time is the launch time.
 
 struct TLaunchRecord {
-    std::string task;  // as LaunchRecordName() encodes it
+    std::string task;  // as FileNameOf() encodes it
     vxsched::TTime due;
     vxsched::TTime launched;
 
     bool IsOf(const std::string& name, vxsched::TTime time) const;
 };
-
-// Encodes a task's name as a part of a file name: bytes other than letters and digits become %XX, a
-// long name is cut and ends with a checksum.
-std::string LaunchRecordName(const std::string& task);
 
 // Creates files/started in the working directory, if it is missing. False, with a warning in the
 // log, when that fails.

@@ -11,7 +11,9 @@
 
 #include "host/CHostLog.h"
 #include "host/HostThread.h"
-#include "store/StopEvent.h"
+#include "host/programs/COwedLaunches.h"
+#include "host/programs/Launch.h"
+#include "store/WorkerState.h"
 
 // How long the worker may seem dead if no service manager sets a limit. The log is all that depends
 // on it.
@@ -20,10 +22,6 @@ static constexpr std::chrono::minutes cDefaultTimeout(2);
 static constexpr std::chrono::seconds cLateTick(75);
 // The end of a tick is polled for, since no event announces it.
 static constexpr std::chrono::milliseconds cTickPollInterval(5);
-
-static bool WorkerIsIdle() {
-    return CEvent::UseOf(cStopEventName).waiters > 0;
-}
 
 CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
                      CLaunchedPrograms& launchedPrograms, CEvent& workerStopEvent)
@@ -35,7 +33,8 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
                TClock::now()) {
     Watch(signals.Descriptor(), [this] { ReadSignals(); });
     Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
-    MarkHostThread();
+    Watch(COwedLaunches::Instance().Descriptor(), MakeOwedLaunches);
+    gIsHostThread = true;
     // For the service manager's watchdog the worker is checked at fixed intervals anyway.
     if (service.WatchdogTimeout().count() > 0)
         return;
@@ -58,12 +57,12 @@ void CMainLoop::WaitForStop() {
 }
 
 void CMainLoop::WaitForTickEnd() {
-    while (!stopSignal && !WorkerIsIdle())
+    while (!stopSignal && !vxsched::IsWorkerIdle())
         WaitOnce(TClock::now() + cTickPollInterval);
 }
 
 void CMainLoop::WaitForPrograms() {
-    while (!stopSignal && programs.Count() > 0)
+    while (!stopSignal && programs.Count() + COwedLaunches::Instance().Count() > 0)
         WaitOnce(TClock::now() + cDefaultTimeout);
 }
 
@@ -124,7 +123,7 @@ void CMainLoop::OnSignal(int number) {
 }
 
 void CMainLoop::MonitorWorker() {
-    const auto verdict = watchdog.Check(TClock::now(), WorkerIsIdle(), programs.CountLaunches());
+    const auto verdict = watchdog.Check(TClock::now(), vxsched::IsWorkerIdle(), programs.CountLaunches());
     if (verdict == CWorkerWatchdog::cTooEarly)
         return;
     wasAlive = verdict == CWorkerWatchdog::cAlive;

@@ -28,7 +28,7 @@ void CTickTimer::Restart() const {
 }
 
 void RestartTickTimer() {
-    const CTickTimer* const timer = IsHostThread() ? nullptr : gTimer.load();
+    const CTickTimer* const timer = gIsHostThread ? nullptr : gTimer.load();
     if (timer != nullptr)
         timer->Restart();
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,11 +13,12 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <thread>
 
+#include "base/CDeadline.h"
 #include "host/CHostError.h"
+#include "store/Layout.h"
 
-static constexpr char cLockFile[] = "files/vxschedd.lock";
+using vxsched::cLockFile;
 
 static std::string HolderOf(int descriptor) {
     char content[32];
@@ -47,14 +49,12 @@ static bool IsLeftOver(const std::string& holder) {
 // Takes the lock; returns 0 or the error number. A host that was killed a moment ago may still hold
 // the lock and cannot be distinguished from a running one, so this waits a little for any holder.
 static int Lock(int descriptor, const std::string& holder) {
-    using TClock = std::chrono::steady_clock;
-    const TClock::time_point begin = TClock::now();
+    const CDeadline forAnyHolder(std::chrono::seconds(1));
+    const CDeadline forLeftOver(std::chrono::seconds(5));
     while (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
         const int error = errno;
-        const std::chrono::seconds timeout(IsLeftOver(holder) ? 5 : 1);
-        if (error != EWOULDBLOCK || TClock::now() - begin > timeout)
+        if (error != EWOULDBLOCK || !(IsLeftOver(holder) ? forLeftOver : forAnyHolder).Pause())
             return error;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return 0;
 }
@@ -81,8 +81,16 @@ CDirectoryLock::CDirectoryLock(const std::string& directory)
         throw CHostError(cNoDirectory, fmt::format("cannot lock {}/{}: {}. Choose a directory on "
                                                    "a file system that supports flock.",
                                                    directory, cLockFile, std::strerror(error)));
-    holder = fmt::format("{}\n", getpid());
-    // Only the message above needs the number, so a full disk is no reason not to run.
+    // Clients of other PID namespaces ask for this one: an flock() cannot be asked for.
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    fcntl(file.Get(), F_OFD_SETLK, &lock);
+    struct stat ipcNamespace {};
+    stat("/proc/self/ns/ipc", &ipcNamespace);
+    holder = fmt::format("{}\n{}\n", getpid(), ipcNamespace.st_ino);
+    // Only messages need the process and only these clients the namespace, so a full disk is no
+    // reason not to run.
     if (ftruncate(file.Get(), 0) == 0)
         static_cast<void>(pwrite(file.Get(), holder.data(), holder.size(), 0) == -1);
 }

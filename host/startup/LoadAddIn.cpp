@@ -6,6 +6,7 @@
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/recovery/LaunchRecords.h"
+#include "host/recovery/OwedLaunches.h"
 #include "host/startup/CStoreGate.h"
 #include "host/startup/PrepareTable.h"
 #include "host/startup/RepairPlan.h"
@@ -54,6 +55,7 @@ static vxsched::TTime Prepare(const std::optional<TUptime>& previous, CRunHistor
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = RepairTable();
     const std::vector<TLaunchRecord> records = ReadLaunchRecords();
+    SettleOwedLaunches(records, tasks);
     const vxsched::TTime now = vxsched::Now();
     const TPrepared prepared = PrepareTable(tasks, records, previous, now);
     // Reported before the table is written: if the host is killed in between, a missed time is

@@ -4,7 +4,6 @@
 #include <fmt/ranges.h>
 
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include <vxsched/Repair.h>
@@ -19,18 +18,6 @@ static std::vector<std::string> UnusualProblems(const std::string& bytes) {
                 fmt::format("in the table, at offset {}: {}", problem.offset, problem.message));
     }
     return messages;
-}
-
-// A link whose target is on a disk that is not mounted would otherwise pass for an empty table.
-static std::optional<std::string> LossThroughDanglingLink(const std::filesystem::path& table) {
-    std::error_code error;
-    const std::filesystem::path target = std::filesystem::read_symlink(table, error);
-    if (error || std::filesystem::exists(table, error))
-        return {};
-    return fmt::format(
-        "{} is a link to {}, which does not exist: the table counts as empty. Mount or restore "
-        "the target, and restart vxschedd.",
-        table.string(), target.string());
 }
 
 // Returns the names of the tasks that should still be in the table. One that runs once and was due
@@ -68,8 +55,6 @@ TRepairPlan PlanStartupRepair(const std::filesystem::path& directory) {
         plan.unusualValues = UnusualProblems(plan.bytes);
     else if (const std::optional<vxsched::TBackup> backup = vxsched::FindBackup(directory))
         repair = vxsched::PlanRepair(plan.bytes, &*backup, vxsched::Now());
-    if (auto loss = LossThroughDanglingLink(vxsched::TableFile(directory)))
-        plan.possibleLosses.push_back(*std::move(loss));
     if (plan.bytes == vxsched::EncodeTable({})) {
         if (auto loss = LossThroughEmptyTable(directory))
             plan.possibleLosses.push_back(*std::move(loss));

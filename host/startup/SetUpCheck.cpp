@@ -13,6 +13,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/Validation.h>
 #include "host/startup/AddInFile.h"
+#include "host/startup/Descriptors.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/RepairPlan.h"
 #include "host/startup/WorkDirectory.h"
@@ -132,10 +133,10 @@ TExitStatus CheckSetUp(const THostOptions& options) {
         CheckWritable(options.logFile, cFailed, report);
     if (options.output != "inherit" && options.output != "journal")
         CheckWritable(options.output, cNoDirectory, report);
-    for (const std::string& pitfall : {WarningOfRemoval(geteuid()), NoticeOfPrivateNamespace()}) {
-        if (!pitfall.empty())
-            CReport::Warn(pitfall);
-    }
+    if (const std::string reason = WhyTooFewDescriptors(); !reason.empty())
+        report.Fail(cFailed, reason);
+    if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())
+        CReport::Warn(notice);
     if (report.Status() == cStopped)
         CReport::Ok("a host could run");
     return report.Status();

@@ -9,6 +9,11 @@
 #include <cstring>
 
 #include "host/CHostError.h"
+#include "store/Layout.h"
+
+using vxsched::cFilesDirectory;
+using vxsched::cLockFile;
+using vxsched::cTableFile;
 
 static std::string CannotWork(const std::string& directory, int error) {
     return fmt::format(
@@ -17,8 +22,8 @@ static std::string CannotWork(const std::string& directory, int error) {
 }
 
 static std::string CannotCreate(const std::string& directory, int error) {
-    return fmt::format("cannot create {}/files: {}. Run vxschedd as a user with write permission.",
-                       directory, std::strerror(error));
+    return fmt::format("cannot create {}/{}: {}. Run vxschedd as a user with write permission.",
+                       directory, cFilesDirectory, std::strerror(error));
 }
 
 static bool May(const std::string& path, int access) {
@@ -28,22 +33,20 @@ static bool May(const std::string& path, int access) {
 void EnterDirectory(const std::string& directory) {
     if (chdir(directory.c_str()) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
-    if (mkdir("files", 0755) == -1 && errno != EEXIST)
+    if (mkdir(cFilesDirectory, 0755) == -1 && errno != EEXIST)
         throw CHostError(cNoDirectory, CannotCreate(directory, errno));
     // The add-in would treat a table without write permission as empty, and log nothing.
-    if (!May("files/scheduler.dat", R_OK | W_OK) && errno != ENOENT)
-        throw CHostError(
-            cNoDirectory,
-            fmt::format("cannot use {}/files/scheduler.dat: {}. Run vxschedd as a user "
-                        "with read and write permission.",
-                        directory, std::strerror(errno)));
+    if (!May(cTableFile, R_OK | W_OK) && errno != ENOENT)
+        throw CHostError(cNoDirectory, fmt::format("cannot use {}/{}: {}. Run vxschedd as a user "
+                                                   "with read and write permission.",
+                                                   directory, cTableFile, std::strerror(errno)));
 }
 
 std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
     struct stat status {};
     if (!May(directory, X_OK) || stat((directory + "/.").c_str(), &status) != 0)
         return {CannotWork(directory, errno)};
-    const std::string files = directory + "/files";
+    const std::string files = directory + '/' + cFilesDirectory;
     if (!May(files, F_OK)) {
         if (May(directory, W_OK | X_OK))
             return {};
@@ -54,8 +57,8 @@ std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
         reasons.push_back(
             fmt::format("cannot write to {}: {}. Run vxschedd as a user with write permission.",
                         files, std::strerror(errno)));
-    for (const char* const file : {"scheduler.dat", "vxschedd.lock"}) {
-        const std::string path = files + '/' + file;
+    for (const char* const file : {cTableFile, cLockFile}) {
+        const std::string path = directory + '/' + file;
         if (!May(path, R_OK | W_OK) && errno != ENOENT)
             reasons.push_back(fmt::format(
                 "cannot use {}: {}. Run vxschedd as a user with read and write permission.", path,

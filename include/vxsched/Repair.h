@@ -14,19 +14,17 @@ namespace vxsched {
 
 // The readable tasks of a damaged table.
 struct TSalvaged {
-    std::vector<TTaskEntry> tasks;   // every complete one, in the order of the file
+    std::vector<TTaskEntry> tasks;  // every complete one, in the order of the file
+    // For each task whether it may be cut off or garbled, since it is not plausible.
+    std::vector<bool> isDoubtful;
     std::vector<std::string> notes;  // the ranges of bytes that were skipped, for a person
 };
 
 // Takes every complete task out of `bytes`; the table's count is ignored. After bytes that cannot
 // be read it searches for the next offset with a plausible task: a name of at most 4096 bytes,
-// times from 1970 on, a program, a pause flag of 0 or 1. Never fails: noise gives no tasks.
+// times from 1970 on, a program, a pause flag of 0 or 1. Never fails: noise gives no tasks. Takes
+// time in proportion to the bytes.
 VXSCHED_PUBLIC TSalvaged Salvage(std::string_view bytes);
-
-// Decodes a table that has lost no tasks. Throws CError (cDamaged) like DecodeTable(), and also for
-// a table that can be read and has lost tasks all the same: zeros in the place of a task, as a
-// power failure leaves them, or tasks after the last one that the table counts.
-VXSCHED_PUBLIC std::vector<TTaskEntry> DecodeIntactTable(std::string_view bytes, TTime now);
 
 // A valid table that supplies the tasks which a damaged one has lost.
 struct TBackup {
@@ -43,7 +41,8 @@ struct TRepair {
 };
 
 // Plans the repair of the table `bytes`:
-// 1. Every task that can be read is kept, in preference to the backup's task of the same name.
+// 1. Every task that can be read is kept, in preference to the backup's task of the same name; but
+//    the backup's is preferred to a doubtful one.
 // 2. The backup supplies the tasks of other names. `backup` may be null and stays the caller's.
 // 3. A task whose past due time would hang or slow down a process that loads the add-in at `now` is
 //    rescheduled; one whose period is a step of zero gets the longest period and is paused. An

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 
 #include <vxsched/Public.h>
 
@@ -11,14 +12,17 @@
 // these functions, with or without locks held; none of them blocks.
 namespace vxsched {
 
-struct TSchedulingProcess {
-    pid_t process;
+struct VXSCHED_PUBLIC TSchedulingProcess {
+    pid_t process;     // 0 if it runs in a PID namespace that this process does not see
     bool sharesStore;  // it runs in this IPC namespace; otherwise its store mutex and events cannot
                        // be reached from here. True if its namespace cannot be read
+
+    // For a message: "process 123".
+    std::string Name() const;
 };
 
-// Finds the scheduling process of `directory`, without any effect: a vxschedd by its lock on
-// files/vxschedd.lock; another host by /proc, as a process that works in the directory, has the
+// Finds the scheduling process of `directory`, without any effect: a vxschedd by its locks on
+// files/vxschedd.lock, also in another PID namespace; another host by /proc, as a process that works in the directory, has the
 // add-in mapped and several threads. The latter is found only if this user may inspect it. Empty if
 // there is none. The process may end at any time afterwards.
 VXSCHED_PUBLIC std::optional<TSchedulingProcess> FindSchedulingProcess(

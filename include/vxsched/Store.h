@@ -84,7 +84,8 @@ public:
     bool Wake() const;
 
     // Validates a task without reading the table. Returns the validation errors that are not in
-    // `forced`; empty if Create() would accept the task.
+    // `forced`; empty if Create() would accept the task. Under the superuser the program is checked
+    // with the permissions of the owner of `files/`, as whom the scheduling process launches it.
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
     // Adds an active task at the end of the table. With `replace` it replaces a task of the same
@@ -138,8 +139,9 @@ public:
     // process. Not through the add-in: the file is replaced under the writer lock and the store
     // mutex (waits of rule 1), due tasks are not waited for, and the tasks are not validated, which
     // is up to the caller. The previous table becomes the backup, unless it was damaged.
-    // `canReplace`, if set, is called with the previous bytes while both locks are held; an
-    // exception that it throws leaves the table as it is and passes to the caller.
+    // `canReplace`, if set, is called with the previous bytes while both locks are held, and before
+    // `tasks` is read, which it may still change; an exception that it throws leaves the table as
+    // it is and passes to the caller.
     void ReplaceAll(const std::vector<TTaskEntry>& tasks,
                     const std::function<void(const std::string& bytes)>& canReplace = {}) const;
 

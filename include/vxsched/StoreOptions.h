@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace vxsched {
@@ -21,6 +22,10 @@ struct TStoreOptions {
     bool evenIfDue = false;
     // Path of the add-in's library; empty: libVantrixScheduler.so in the directory of this library.
     std::string addIn = {};
+    // Called on the calling thread right before a change takes effect, with its locks held: the
+    // change is then made even if this process ends. A process that ends before cancels the change.
+    // Must not throw, and return within seconds.
+    std::function<void()> onBegin = {};
 };
 
 }  // namespace vxsched

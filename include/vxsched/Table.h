@@ -60,8 +60,10 @@ struct VXSCHED_PUBLIC TTable {
 };
 
 // Decodes a table; `now` decides which due times are past. Throws CError (cDamaged), with what is
-// wrong at which offset, for bytes that end within the table: the add-in would reset such a file to
-// an empty table. Bytes after the last task are a problem (cUnusual), not an error.
+// wrong at which offset, for bytes that end within the table, which the add-in would reset to an
+// empty one, and for a table that the add-in can read and that has lost tasks all the same: zeros
+// in the place of a task, as a power failure leaves them, or tasks after the last one that is
+// counted. Other bytes after the last task are a problem (cUnusual), not an error.
 VXSCHED_PUBLIC TTable DecodeTable(std::string_view bytes, TTime now);
 
 // Encodes a table as the add-in writes it. Never fails; DecodeTable() is its inverse.

@@ -19,7 +19,7 @@ struct VXSCHED_PUBLIC TValidationError {
         cNoProgram,          // the path is empty
         cRelativePath,       // it would be resolved in the scheduling process's directory
         cPathTooLong,        // PATH_MAX bytes or more
-        cNotExecutable,      // not a regular file, or not executable by this user
+        cNotExecutable,      // not a regular file, or not within reach or executable for this user
         cMissingProgram,     // there is no such file
         cAlteredPath,        // the launch would cut characters off the end of the path
         cAbortingExtension,  // the launch would abort the scheduling process
@@ -27,6 +27,7 @@ struct VXSCHED_PUBLIC TValidationError {
         cTooFarBack,         // loading the add-in would catch up for more than a second
         cWrappedPeriod,      // the period in seconds exceeds 32 bits, so the step is another
         cPastDue,            // the due time of a task that runs once is past
+        cParameterTooLong,   // 128 KiB or more: the system passes no such argument to a program
     };
     EKind kind;
     bool canBeForced;     // unwise for the task itself, harmless for everything else

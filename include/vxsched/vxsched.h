@@ -34,7 +34,8 @@ extern "C" {
 #endif
 
 /* NOLINTBEGIN(modernize-use-using): C has no other way. */
-/* 0 to 6 are the exit statuses of the command vxsched as well; 2 is its own, for a usage error. */
+/* 0 to 6 and 9 are the exit statuses of the command vxsched as well; 2 is its own, for a usage
+   error. */
 typedef enum vxsched_error {
     VXSCHED_DONE = 0,
     VXSCHED_REFUSED = 1,      /* a validation error, or the state of the task forbids the change */
@@ -43,7 +44,8 @@ typedef enum vxsched_error {
     VXSCHED_DAMAGED = 5,      /* the table is damaged, or loading it would hang a process */
     VXSCHED_NO_SCHEDULER = 6, /* the call needs a scheduling process, and there is none in reach */
     VXSCHED_BUSY = 7,         /* a wait exceeded the lock timeout */
-    VXSCHED_FAILED = 8        /* a system call or the add-in failed, or memory ran out */
+    VXSCHED_FAILED = 8,       /* a system call or the add-in failed, or memory ran out */
+    VXSCHED_UNKNOWN = 9       /* the change was cut short; whether it was made cannot be told */
 } vxsched_error;
 
 typedef struct vxsched_store vxsched_store;

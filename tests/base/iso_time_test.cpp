@@ -28,6 +28,19 @@ TEST(Times, AreWrittenInUtcWithMilliseconds) {
     EXPECT_EQ(UtcTime(TMoment(milliseconds(951'782'400'005))), "2000-02-29T00:00:00.005Z");
 }
 
+TEST(Times, YearsHaveFourDigitsOrMore) {
+    EXPECT_EQ(UtcTime(std::chrono::sys_seconds(std::chrono::seconds(-62'135'596'800))),
+              "0001-01-01T00:00:00.000Z");
+    EXPECT_EQ(UtcTime(std::chrono::sys_seconds(std::chrono::seconds(253'402'300'800))),
+              "10000-01-01T00:00:00.000Z");
+}
+
+TEST(Times, AreEmptyInAYearThatNoCalendarHas) {
+    EXPECT_EQ(UtcTime(std::chrono::sys_seconds::min()), "");
+    EXPECT_EQ(UtcTime(std::chrono::sys_seconds::max()), "");
+    EXPECT_FALSE(CalendarOf(std::chrono::sys_seconds::max(), EZone::cLocal));
+}
+
 TEST(Times, LocalOnesHaveTheirOffset) {
     setenv("TZ", "Asia/Kolkata", 1);
     tzset();
@@ -35,6 +48,11 @@ TEST(Times, LocalOnesHaveTheirOffset) {
     setenv("TZ", "America/St_Johns", 1);
     tzset();
     EXPECT_EQ(LocalTime(TMoment(milliseconds(951'782'400'005))), "2000-02-28T20:30:00.005-03:30");
+    setenv("TZ", "Europe/Berlin", 1);
+    tzset();
+    // The clock is put back at 01:00 UTC: the local hour comes twice.
+    EXPECT_EQ(LocalTime(TMoment(milliseconds(1'792'889'999'999))), "2026-10-25T02:59:59.999+02:00");
+    EXPECT_EQ(LocalTime(TMoment(milliseconds(1'792'890'000'000))), "2026-10-25T02:00:00.000+01:00");
     unsetenv("TZ");
     tzset();
 }

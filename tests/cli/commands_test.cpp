@@ -26,6 +26,29 @@ using testing::HasSubstr;
 
 // ---- History ----------------------------------------------------------------------------------
 
+// As when its disk is not mounted: the table is there, and out of reach.
+TEST_F(Cli, TableBehindALinkToNothingIsUnavailable) {
+    const auto refuse = [](const std::vector<std::string>& command) {
+        const TToolRun run = RunTool(command);
+        EXPECT_NE(run.status, 0) << command[0];
+        EXPECT_THAT(run.output + run.error, HasSubstr("unavailable")) << command[0];
+    };
+    WriteFile("import", R"({"version": 1, "tasks": []})");
+    const std::vector<std::vector<std::string>> commands = {
+        {"list"},   {"status"}, {"check"},      {"create", "a", "--at", "in 1h", "--", cRecorder},
+        {"export"}, {"repair"}, {"pause", "a"}, {"import", "--replace", "import"}};
+    fs::create_symlink(fs::absolute("disk-table"), cTable);
+    for (const std::vector<std::string>& command : commands)
+        refuse(command);
+    EXPECT_TRUE(fs::is_symlink(cTable));
+    EXPECT_FALSE(fs::exists("disk-table"));
+    fs::remove_all("files");
+    fs::create_symlink(fs::absolute("disk-files"), "files");
+    refuse({"list"});
+    refuse({"status"});
+    fs::remove("files");
+}
+
 TEST_F(Cli, HistoryIsEmptyWithoutAHistoryFile) {
     EXPECT_THAT(Output({"history"}), HasSubstr("\n0 records\n"));
     EXPECT_THAT(Output({"history", "--json"}), HasSubstr("\"runs\": []"));
@@ -61,6 +84,17 @@ TEST_F(Cli, HistoryThatMayNotBeReadIsStatusFour) {
 }
 
 // ---- Repair, checks and completion ------------------------------------------------------------
+
+// The next write would drop the tasks that are not counted.
+TEST_F(Cli, TableWithMoreTasksThanItsCountIsDamagedForEveryone) {
+    std::string bytes = BytesOf({Later("first"), Later("second"), Later("third")});
+    bytes[0] = 1;
+    WriteFile(cTable, bytes);
+    ExpectRefused(5, "its count is 1 tasks, but more tasks follow", {"pause", "first"});
+    EXPECT_EQ(RunTool({"check"}).status, 5);
+    EXPECT_THAT(Output({"repair"}), HasSubstr("wrote a table with 3 tasks"));
+    EXPECT_EQ(NamesInTable(), "first second third");
+}
 
 TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     const std::string damaged =
@@ -104,6 +138,55 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     EXPECT_EQ(NamesInTable(), "first");
     const std::string quarantined = output.substr(output.find("files/scheduler.dat.damaged"));
     EXPECT_EQ(ReadFile(quarantined.substr(0, quarantined.find('\n'))), damaged);
+}
+
+// Each command that uses the table, with the exit status of a system call that failed. `first` is a
+// name of a task.
+static const std::vector<std::vector<std::string>> cTableCommands = {
+    {"list"},
+    {"show", "first"},
+    {"next"},
+    {"check"},
+    {"check", cTable},
+    {"export"},
+    {"create", "a", "--at", "in 1h", "--", cRecorder},
+    {"edit", "first", "--every", "6h"},
+    {"remove", "first"},
+    {"pause", "first"},
+    {"resume", "first"},
+    {"period", "first", "6h"},
+    {"run", "first", "--force"},
+    {"import", "--replace", "import"},
+    {"repair", "--dry-run"},
+    {"repair"}};
+
+static void ExpectCommandsToRefuseTheTable(const std::string& reason) {
+    WriteFile("import", R"({"version": 1, "tasks": []})");
+    for (const std::vector<std::string>& command : cTableCommands) {
+        const TToolRun run = RunTool(command);
+        EXPECT_EQ(run.status, 1) << command.front();
+        EXPECT_THAT(run.error, HasSubstr("files/scheduler.dat: " + reason)) << command.front();
+        EXPECT_EQ(run.output, "") << command.front();
+    }
+    EXPECT_THAT(RunTool({"status"}).output, HasSubstr("files/scheduler.dat: " + reason));
+    EXPECT_FALSE(fs::exists("files/scheduler.dat.before"));
+}
+
+// A command that waited for the other end would keep the store mutex.
+TEST_F(Cli, PipeInPlaceOfTheTableIsRefusedByEveryCommand) {
+    ASSERT_EQ(mkfifo(cTable, 0644), 0);
+    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+    EXPECT_TRUE(fs::is_fifo(cTable));
+}
+
+TEST_F(Cli, DeviceInPlaceOfTheTableIsRefusedByEveryCommand) {
+    fs::create_symlink("/dev/zero", cTable);
+    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+}
+
+TEST_F(Cli, DirectoryInPlaceOfTheTableIsRefusedByEveryCommand) {
+    fs::create_directory(cTable);
+    ExpectCommandsToRefuseTheTable("Is a directory");
 }
 
 TEST_F(Cli, RepairTakesLostTasksFromTheBackup) {

@@ -158,8 +158,8 @@ TEST_F(ClientStore, EditOfAPausedTaskWhoseTimePassedLeavesItPausedOnItsGrid) {
 
 TEST_F(ClientStore, LongStringsGoThrough) {
     TNewTask task = Task("a");
-    task.name = std::string(100'000, 'n');
-    task.parameter = std::string(1'000'000, 'p');
+    task.name = std::string(1'000'000, 'n');
+    task.parameter = std::string(131'071, 'p');
     store.Create(task, false);
     EXPECT_EQ(::ReadTable()[0].parameters, task.parameter);
     store.Remove({task.name});
@@ -216,6 +216,66 @@ TEST_F(ClientStore, SuperuserMakesFilesForTheOwnerOfTheDirectory) {
     });
     EXPECT_EQ(owner.Wait(), 42);
     EXPECT_EQ(::ReadTable()[0].paused, 1U);
+}
+
+TEST_F(ClientStore, ParameterThatNoLaunchCanPassIsRefused) {
+    TNewTask task = Task("a");
+    task.parameter = std::string(131'072, 'x');
+    ErrorOf(EError::cRefused, [&] { store.Create(task, false); });
+    task.parameter.pop_back();
+    store.Create(task, false);
+    TEdit edit;
+    edit.parameter = task.parameter + 'x';
+    ErrorOf(EError::cRefused, [&] { store.Edit("a", edit); });
+    // A table that came from elsewhere.
+    std::vector<TTaskEntry> tasks = store.Read().tasks;
+    tasks[0].parameter += 'x';
+    store.ReplaceAll(tasks);
+    ErrorOf(EError::cRefused, [&] { store.Run("a", false, false); });
+    store.Edit("a", {.period = 6});
+    EXPECT_EQ(store.Read().tasks[0].period, 6U) << "a field that the edit leaves alone";
+}
+
+// The error of a task with that program, in a store of another user's; "" if it has none.
+static std::string ErrorFor(const CStore& store, const fs::path& program) {
+    const std::vector<TValidationError> errors =
+        store.Check({"a", Now() + 1h, 24, fs::absolute(program).string(), ""}, {});
+    return errors.empty() ? "" : std::string(errors.front().Name());
+}
+
+// Whether the user of the test is the superuser or owns all of the files, it is the owner of the
+// store who launches the program.
+TEST_F(ClientStore, ProgramIsCheckedWithThePermissionsOfTheStoresOwner) {
+    const bool isSuperuser = geteuid() == 0;
+    const uid_t owner = isSuperuser ? 65534 : geteuid();
+    const gid_t group = isSuperuser ? 65534 : getegid();
+    const char* const unless = isSuperuser ? "not-executable" : "";
+    ASSERT_EQ(chown("files", owner, group), 0);
+    chmod(".", 0755);
+    fs::create_directory("hidden");
+    for (const char* const program : {"own-tool", "group-tool", "hidden/tool"})
+        WriteFile(program, "");
+    chmod("own-tool", 0700);
+    chmod("group-tool", 0070);
+    chmod("hidden/tool", 0755);
+    chmod("hidden", 0700);
+    EXPECT_EQ(ErrorFor(store, "own-tool"), unless);
+    EXPECT_EQ(ErrorFor(store, "hidden/tool"), unless);
+    EXPECT_EQ(ErrorFor(store, "group-tool"), "not-executable");
+    ASSERT_EQ(chown("own-tool", owner, group), 0);
+    ASSERT_EQ(chown("hidden", owner, group), 0);
+    EXPECT_EQ(ErrorFor(store, "own-tool"), "");
+    EXPECT_EQ(ErrorFor(store, "hidden/tool"), "");
+    if (isSuperuser) {
+        ASSERT_EQ(chown("group-tool", 0, group), 0);
+        EXPECT_EQ(ErrorFor(store, "group-tool"), "");
+        // Executable for its group and the superuser, but not for its owner.
+        ASSERT_EQ(chown("group-tool", owner, group), 0);
+        EXPECT_EQ(ErrorFor(store, "group-tool"), "not-executable");
+    }
+    EXPECT_EQ(ErrorFor(store, "no-tool"), "missing-program");
+    WriteFile("hidden/still accessible", "");
+    EXPECT_EQ(ReadFile("hidden/still accessible"), "");
 }
 
 TEST_F(ClientStore, ReplaceAllWritesTheTableAndKeepsABackup) {

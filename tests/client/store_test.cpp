@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
@@ -16,6 +18,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -53,6 +56,13 @@ TEST_F(ClientStore, MissingAddInIsReportedAndReleasesTheMutex) {
         EXPECT_NE(message.find("no-add-in.so"), std::string::npos) << message;
     });
     EXPECT_EQ(StoreSemaphoreValue(), 1);
+}
+
+TEST_F(ClientStore, NoTableReplacesAPipe) {
+    ASSERT_EQ(mkfifo(cTable, 0644), 0);
+    ErrorOf(EError::cFailed, [&] { store.ReplaceAll({}); });
+    EXPECT_TRUE(fs::is_fifo(cTable));
+    EXPECT_FALSE(fs::exists("files/scheduler.dat.before"));
 }
 
 // ---- While others are running -----------------------------------------------------------------
@@ -279,6 +289,44 @@ TEST_F(ClientStore, TableOfAHostInAnotherNamespaceIsNotOverwritten) {
     });
     EXPECT_EQ(child.Wait(), 42);
     EXPECT_EQ(host.Stop(), 0);
+}
+
+// Runs `body` in a child that is process 1 of a PID namespace of its own, with its own /proc, and in
+// the given other new namespaces.
+static void InAnotherPidNamespace(int others, const std::function<void()>& body) {
+    CForkedChild child([&] {
+        if (unshare(CLONE_NEWPID | CLONE_NEWNS | others) != 0)
+            return 1;
+        CForkedChild first([&] {
+            mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
+            if (mount("proc", "/proc", "proc", 0, nullptr) != 0)
+                return 2;
+            body();
+            return testing::Test::HasFailure() ? 3 : 42;
+        });
+        return first.Wait();
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+TEST_F(ClientStore, HostInAnotherPidNamespaceIsFound) {
+    CHost host;
+    InAnotherPidNamespace(0, [] {
+        const auto found = FindSchedulingProcess(".");
+        ASSERT_TRUE(found.has_value());
+        EXPECT_EQ(found->process, 0);
+        EXPECT_TRUE(found->sharesStore);
+        EXPECT_EQ(found->Name(), "a process of another PID namespace");
+    });
+    InAnotherPidNamespace(CLONE_NEWIPC, [this] {
+        const auto found = FindSchedulingProcess(".");
+        ASSERT_TRUE(found.has_value());
+        EXPECT_FALSE(found->sharesStore);
+        ExpectKept([&] { ErrorOf(EError::cNoScheduler, [&] { store.ReplaceAll({}); }); });
+    });
+    EXPECT_EQ(host.Stop(), 0);
+    InAnotherPidNamespace(CLONE_NEWIPC,
+                          [] { EXPECT_FALSE(FindSchedulingProcess(".").has_value()); });
 }
 
 TEST_F(ClientStore, ReplacedTableIsTakenUpByTheSchedulingProcess) {

@@ -1,11 +1,12 @@
 // Replaces parts of the system for a real program (LD_PRELOAD), as environment variables select:
 // FAKE_TIME freezes the clock at that second, SKIP_SLEEP makes sleep return at once, NO_INOTIFY
-// makes inotify unavailable.
+// makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a file of that name exists.
 //
 // The symbols below are called by the program and the add-in, on whichever thread. Without its
 // variable each does what libc does.
 
 #include <dlfcn.h>
+#include <spawn.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,4 +41,17 @@ extern "C" int inotify_init1(int flags) noexcept {
     }
     static auto* const system = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "inotify_init1"));
     return system(flags);
+}
+
+// Returns EAGAIN, as when the user's limit of processes is reached.
+extern "C" int posix_spawn(pid_t* process, const char* path,
+                           const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attributes, char* const arguments[],
+                           char* const environment[]) {
+    const char* const file = std::getenv("REFUSE_LAUNCHES");
+    if (file != nullptr && access(file, F_OK) == 0)
+        return EAGAIN;
+    static auto* const system =
+        reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
+    return system(process, path, actions, attributes, arguments, environment);
 }

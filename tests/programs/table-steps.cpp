@@ -1,7 +1,7 @@
 // table-steps STEP...: does with its table what the add-in does, in a program that makes the saves
 // in one step: stat, read, save. The steps no-directory and directory make "files" a file, or a
-// directory without a table; link makes the table a link to "target". The step partial begins a
-// save that an exception ends. Prints for each step whether it succeeded.
+// directory without a table; link makes the table a link to "target", pipe a FIFO. The step partial
+// begins a save that an exception ends. Prints for each step whether it succeeded.
 
 #include <COpen.h>
 #include <fcntl.h>
@@ -52,7 +52,7 @@ static bool Make(const std::string& step) {
     std::filesystem::create_directory("files");
     if (step == "link")
         std::filesystem::create_symlink("../target", cTable);
-    return true;
+    return step != "pipe" || mkfifo(cTable, 0644) == 0;
 }
 
 static bool Try(const std::string& step) {

@@ -80,14 +80,14 @@ TEST(Salvage, NoiseGivesNothing) {
 }
 
 TEST(IntactTable, MayHaveTrailingBytes) {
-    EXPECT_EQ(DecodeIntactTable(EncodeTable(cThree) + "odd", At(cNow)), cThree);
+    EXPECT_EQ(DecodeTable(EncodeTable(cThree) + "odd", At(cNow)).tasks, cThree);
 }
 
 TEST(IntactTable, HasNoCountThatIsTooSmall) {
     std::string bytes = EncodeTable(cThree);
     for (const char count : {'\0', '\1', '\2'}) {
         bytes[0] = count;
-        EXPECT_THROW(DecodeIntactTable(bytes, At(cNow)), CError);
+        EXPECT_THROW(DecodeTable(bytes, At(cNow)), CError);
         EXPECT_EQ(PlanRepair(bytes, nullptr, At(cNow)).tasks, cThree);
     }
 }
@@ -132,6 +132,32 @@ TEST(PlanRepair, WithoutABackupReadableTasksAreKept) {
     EXPECT_EQ(NamesOf(PlanRepair(EncodeTable(cThree).substr(0, 150), nullptr, At(cNow)).tasks),
               "first second");
     EXPECT_TRUE(PlanRepair("", nullptr, At(cNow)).tasks.empty());
+}
+
+// A parameter whose length is damaged is cut off, and what follows is not readable.
+TEST(PlanRepair, DoubtfulTaskIsTakenFromTheBackup) {
+    std::string bytes = EncodeTable(cThree);
+    const std::size_t end = EncodeTable({cThree[0], cThree[1]}).size();
+    const std::size_t length = end - 4 - cThree[1].parameter.size() - 4;
+    ASSERT_EQ(bytes[length], static_cast<char>(cThree[1].parameter.size()));
+    bytes[length] = 3;
+    const TBackup backup{"the backup", cThree};
+    const TRepair repair = PlanRepair(bytes, &backup, At(cNow));
+    EXPECT_EQ(repair.tasks, cThree);
+    EXPECT_THAT(repair.notes, testing::Contains(HasSubstr("kept \"second\" from the backup")));
+    const TRepair alone = PlanRepair(bytes, nullptr, At(cNow));
+    ASSERT_EQ(NamesOf(alone.tasks), "first second third");
+    EXPECT_EQ(alone.tasks[1].parameter, "par");
+    EXPECT_THAT(alone.notes,
+                testing::Contains(HasSubstr("\"second\" from the damaged table; check")));
+}
+
+// Bytes that look like the beginning of a task at every offset.
+TEST(Salvage, TakesNoLongerThanTheBytesDemand) {
+    std::string bytes(12, '\xff');
+    for (int index = 0; index < 4'000'000; ++index)
+        bytes += index % 4 == 0 ? '\x10' : '\0';
+    EXPECT_TRUE(Salvage(bytes).tasks.empty());
 }
 
 TEST(PlanRepair, HarmfulTasksAreRepaired) {

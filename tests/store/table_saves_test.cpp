@@ -76,10 +76,34 @@ TEST(TableSaves, OfALinkAreMadeInPlace) {
     EXPECT_EQ(InodeOf("target"), before);
 }
 
+TEST(TableSaves, OfALinkWhoseTargetHasGoneAreDiscarded) {
+    EXPECT_EQ(StepsOf({"link", "stat", "save"}), "link ok\nstat failed\nsave ok\n");
+    EXPECT_EQ(StepsOf({"link", "read", "save"}), "link ok\nread failed\nsave ok\n");
+    EXPECT_EQ(StepsOf({"link", "save", "save"}), "link ok\nsave ok\nsave ok\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(cTable));
+    EXPECT_FALSE(std::filesystem::exists("target"));
+}
+
 TEST(TableSaves, OfATableWithTwoHardLinksAreMadeInPlace) {
     std::filesystem::create_directory("files");
     WriteFile(cTable, "a longer table");
     std::filesystem::create_hard_link(cTable, "another name");
     EXPECT_EQ(StepsOf({"save"}), "save ok\n");
     EXPECT_EQ(ReadFile("another name"), "saved");
+}
+
+// A read or a save would wait for its other end without limit, with the store mutex held.
+TEST(TableSaves, PipeInPlaceOfTheTableIsNeitherReadNorWritten) {
+    EXPECT_EQ(StepsOf({"pipe", "stat", "read", "save"}),
+              "pipe ok\nstat ok\nread failed\nsave ok\n");
+    EXPECT_TRUE(std::filesystem::is_fifo(cTable));
+    std::filesystem::remove_all("files");
+    EXPECT_EQ(StepsOf({"pipe", "save"}), "pipe ok\nsave failed\n");
+    EXPECT_TRUE(std::filesystem::is_fifo(cTable));
+}
+
+TEST(TableSaves, AreMadeAgainAfterAPipeWasMovedAway) {
+    EXPECT_EQ(StepsOf({"pipe", "read", "directory", "stat", "save"}),
+              "pipe ok\nread failed\ndirectory ok\nstat failed\nsave ok\n");
+    EXPECT_EQ(ReadFile(cTable), "saved");
 }

@@ -2,8 +2,13 @@
 // the store.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
+#include "store/TableFile.h"
 
 #include <chrono>
 #include <cstdint>
@@ -171,4 +176,26 @@ TEST(ClientTable, FileOfWhichNothingMayBeReadIsAnErrorWithItsName) {
     std::filesystem::create_directory(cTable);
     EXPECT_EQ(ErrorOf(EError::cFailed, [] { vxsched::ReadTable(".", 0ms); }),
               "cannot read ./files/scheduler.dat: Is a directory");
+}
+
+// Without the check a read would wait for the other end of a FIFO, with the store mutex held.
+TEST(ClientTable, WhatIsNoFileIsRefused) {
+    std::filesystem::create_directory("files");
+    const auto refusal = [] { return ErrorOf(EError::cFailed, [] { ReadBytes(TableFile(".")); }); };
+    const std::string message =
+        "cannot read ./files/scheduler.dat: it is not a file; put one in its place";
+    ASSERT_EQ(mkfifo(cTable, 0644), 0);
+    EXPECT_EQ(refusal(), message);
+    std::filesystem::remove(cTable);
+    std::filesystem::create_symlink("/dev/zero", cTable);
+    EXPECT_EQ(refusal(), message);
+    std::filesystem::remove(cTable);
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "files/scheduler.dat"};
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(refusal(), message);
+    close(listener);
+    std::filesystem::remove(cTable);
+    std::filesystem::create_symlink("/no/disk/table", cTable);
+    EXPECT_EQ(ReadBytes(TableFile(".")), std::string(8, '\0')) << "as a missing one";
 }

@@ -96,6 +96,15 @@ TEST(ClientValidation, PathBeyondWhatTheSystemOpensIsRefused) {
     EXPECT_EQ(OfProgram('/' + std::string(PATH_MAX - 1, 'a')), TNames({"path-too-long!"}));
 }
 
+// The system limits each argument of a program to 128 KiB with its terminating zero byte.
+TEST(ClientValidation, ArgumentBeyondWhatTheSystemPassesIsRefused) {
+    TTaskEntry task = Valid();
+    task.parameter = std::string(131'071, 'a');
+    EXPECT_EQ(NamesOf(task), TNames());
+    task.parameter += 'a';
+    EXPECT_EQ(NamesOf(task), TNames({"parameter-too-long!"}));
+}
+
 TEST(ClientValidation, PeriodsThatWrapAreDistinguished) {
     TTaskEntry task = Valid();
     task.period = 1193046;

@@ -18,16 +18,15 @@ RUNS = STORE | {"store"}
 CLIENT = STORE | {"store"}
 HOST = {"base"}
 RECOVERY = HOST | {"host", "store"}
-CLI_TIME = STORE | {"store", "calendar"}
+CLI_TIME = STORE | {"store"}
 CLI_OUTPUT = CLI_TIME | {"cli/time", "runs"}
 ARROWS = {
     "sync": set(),
     "addin": set(),
     "scheduler": {"sync", "addin"},
     "base": set(),
-    "store": STORE,
+    "store": STORE | {"scheduler"},
     "runs": RUNS,
-    "calendar": STORE | {"store"},
     "interpose": {"base"},
     "client": CLIENT,
     "client/change": CLIENT | {"client", "interpose", "scheduler"},

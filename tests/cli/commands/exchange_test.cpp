@@ -89,6 +89,88 @@ TEST_F(Cli, ImportRefusesInvalidInput) {
     ExpectRefused(1, "no such file", {"import", "no such file"});
 }
 
+// Makes a store in the directory "other" whose task "a" has a link to a program that no launch would
+// find by its name, and exports it to the file "export".
+static void ExportFromAnotherStore() {
+    fs::create_directories("other/files");
+    for (const char* const name : {"other/free", "other/tool.sh"}) {
+        WriteFile(name, "");
+        fs::permissions(name, fs::perms::owner_all);
+    }
+    const auto create = [](const std::string& name, const std::string& program) {
+        const TToolRun run = RunTool({"create", name, "--directory", "other", "--at", "in 1h", "--",
+                                      fs::absolute(program).string()});
+        EXPECT_EQ(run.status, 0) << run.error;
+    };
+    create("a", "other/free");
+    create("b", "other/tool.sh");
+    WriteFile("export", RunTool({"export", "--directory", "other"}).output);
+}
+
+static std::vector<std::string> TargetsOfLinks() {
+    std::vector<std::string> targets;
+    for (const TRow& row : ReadTable())
+        targets.push_back(fs::read_symlink(row.program).string());
+    return targets;
+}
+
+static std::vector<std::string> DirectoriesOfLinks() {
+    std::vector<std::string> directories;
+    for (const TRow& row : ReadTable())
+        directories.push_back(fs::path(row.program).parent_path().string());
+    return directories;
+}
+
+TEST_F(Cli, ImportRefusesWhatNoLaunchCanPass) {
+    WriteTable({});
+    const auto import = [](const std::string& program, const std::string& parameter) {
+        const std::string later = std::to_string(std::time(nullptr) + cDay);
+        WriteFile("import", R"({"version": 1, "tasks": [{"name": "x", "next": )" + later +
+                                R"(, "program": ")" + program + R"(", "parameter": ")" + parameter +
+                                "\"}]}");
+        return RunTool({"import", "--replace", "import"});
+    };
+    const TToolRun tooLong = import(cRecorder, std::string(131'072, 'a'));
+    EXPECT_EQ(tooLong.status, 1);
+    EXPECT_THAT(tooLong.error, HasSubstr("the parameter has 131072 bytes"));
+    EXPECT_EQ(import('/' + std::string(4096, 'a'), "").status, 1);
+    EXPECT_EQ(NamesInTable(), "");
+    EXPECT_EQ(import(cRecorder, std::string(131'071, 'a')).status, 0);
+}
+
+TEST_F(Cli, ImportMakesTheLinksOfAnotherStoreItsOwn) {
+    ExportFromAnotherStore();
+    const std::vector<std::string> programs = {fs::absolute("other/free").string(),
+                                               fs::absolute("other/tool.sh").string()};
+    const std::string links = fs::absolute("files/programs").string();
+    EXPECT_THAT(Output({"import", "--dry-run", "export"}), HasSubstr("would import 2 tasks"));
+    EXPECT_FALSE(fs::exists(links));
+    fs::remove_all("other/files");
+    Output({"import", "export"});
+    EXPECT_EQ(TargetsOfLinks(), programs);
+    EXPECT_THAT(DirectoriesOfLinks(), testing::Each(links));
+    Output({"import", "--replace", "export"});
+    EXPECT_EQ(TargetsOfLinks(), programs) << "the links are used again";
+    EXPECT_EQ(ReadTable()[0].program, links + "/free-1");
+}
+
+// A store that was filled from another one by other means exports the paths of its links only.
+TEST_F(Cli, ImportResolvesLinksOfAnotherStoreOrReportsThem) {
+    ExportFromAnotherStore();
+    fs::copy("other/files/scheduler.dat", cTable);
+    WriteFile("export", Output({"export"}));
+    WriteTable({});
+    fs::remove("other/files/programs/tool-sh-1");
+    const TToolRun run = RunTool({"import", "export"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_THAT(run.error, HasSubstr("task \"b\": its program \"" +
+                                     fs::absolute("other/files/programs/tool-sh-1").string() +
+                                     "\" is a link of another store"));
+    EXPECT_THAT(run.error, testing::Not(HasSubstr("task \"a\"")));
+    EXPECT_EQ(ReadTable()[0].program, fs::absolute("files/programs/free-1").string());
+    EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), fs::absolute("other/free"));
+}
+
 TEST_F(Cli, ImportTrustsTheRealProgramOnlyOfItsOwnLinks) {
     WriteTable({});
     const auto import = [](const std::string& task) {

@@ -12,10 +12,8 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 #include "HostProgram.h"
 
@@ -122,22 +120,6 @@ TEST(HostOutput, DirectoryThatCannotBeUsedIsRefused) {
     CProgram file(HostWith({"--output", "./a file"}));
     EXPECT_EQ(file.Wait(), 3);
     EXPECT_NE(file.Output().find("a file: Not a directory"), std::string::npos) << file.Output();
-}
-
-TEST(FileNames, AreTheTasksNamesWithOddCharactersEncoded) {
-    EXPECT_EQ(FileNameOf("nightly-backup_2.old"), "nightly-backup_2.old");
-    EXPECT_EQ(FileNameOf(""), "%");
-    EXPECT_EQ(FileNameOf(".."), "%2E.");
-    EXPECT_EQ(FileNameOf("a/b c%\n\xFF"), "a%2Fb%20c%25%0A%FF");
-}
-
-TEST(FileNames, OfLongTasksFitAndDiffer) {
-    std::set<std::string> names;
-    for (const char last : {'a', 'b', 'c'})
-        names.insert(FileNameOf(std::string(70'000, '/') + last));
-    EXPECT_EQ(names.size(), 3U);
-    EXPECT_LE(names.begin()->size() + std::strlen(".log.1"), 255U);
-    EXPECT_EQ(FileNameOf(std::string(200, 'n')), std::string(200, 'n'));
 }
 
 // ---- The journal ------------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -79,6 +81,29 @@ TEST(HostGuard, TableThatADirectClientEmptiesIsRestored) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// A direct client's load sets the mutex free, so the guard may look in the middle of a save.
+TEST(HostGuard, SaveThatHasOnlyBegunIsNoDamage) {
+    WriteTable(cThree);
+    CHost host;
+    TRows four = cThree;
+    four.push_back(Row("fourth"));
+    {
+        std::ofstream save(cTable, std::ios::binary | std::ios::trunc);
+        save << BytesOf(four).substr(0, 60) << std::flush;
+        // Whoever else closes the file makes the guard check the table.
+        for (int look = 0; look < 10; ++look) {
+            std::ofstream(cTable, std::ios::app).flush();
+            std::this_thread::sleep_for(50ms);
+        }
+        save << BytesOf(four).substr(60);
+    }
+    WaitUntil([&] { return HasSnapshot(BytesOf(four)); });
+    EXPECT_EQ(ReadTable(), four);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+    EXPECT_EQ(CountIn("files", ".damaged-"), 0U);
+}
+
 TEST(HostGuard, RemovalsAndImportsAreNotUndone) {
     WriteTable(cThree);
     CHost host;
@@ -134,7 +159,7 @@ TEST(HostGuard, TruncatedHeartbeatIsWrittenAgain) {
     WriteFile("files/started/alive", "");
     WaitUntil([&] {
         host.Kill(SIGUSR1);
-        return fs::file_size("files/started/alive") == 2 * sizeof(std::int64_t);
+        return fs::file_size("files/started/alive") == 64;
     });
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -199,6 +224,31 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoLaunch) {
     EXPECT_EQ(ReadFile("log"), "log\n") << "it was launched once";
 }
 
+// The table is larger than what a pipe holds: a save into it would never end.
+TEST(HostGuard, TickDoesNotSaveIntoAPipe) {
+    TRows rows = {{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("large")};
+    rows[1].parameters = std::string(200'000, 'p');
+    WriteTable(rows);
+    CHost host;
+    const TRows due = StartTheOnlyTask();
+    fs::create_hard_link(cTable, "former");
+    ASSERT_EQ(mkfifo("pipe", 0644), 0);
+    fs::rename("pipe", cTable);
+    EXPECT_TRUE(
+        host.WaitForOutput("cannot check the table: cannot read ./files/scheduler.dat: it "
+                           "is not a file"))
+        << host.Output();
+    WaitUntil(WorkerIsIdle);
+    EXPECT_TRUE(fs::is_fifo(cTable));
+    fs::rename("former", cTable);
+    WaitUntil([&] { return vxsched::ReadTable(".", 10s).Find("due")->last != vxsched::TTime(); });
+    const TRows after = ReadTable();
+    EXPECT_EQ(after.at(0).next, due.at(0).next + 24 * 3600);
+    EXPECT_EQ(after.at(1), rows[1]);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n") << "it was launched once";
+}
+
 TEST(HostGuard, WithoutInotifyTheTableIsPolled) {
     WriteTable(cThree);
     for (const auto& [name, value] : WithoutPauses())
@@ -225,16 +275,19 @@ TEST(HostGuard, DirectoryThatIsRemovedAndCreatedAgainIsWatched) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// The guard checks the new directory while it has no table yet.
-TEST(HostGuard, DirectoryThatIsCreatedAgainWithoutATableIsNoEmptyTable) {
+TEST(HostGuard, DirectoryThatIsRemovedIsReportedAndFilledWhenItIsCreatedAgain) {
     WriteTable(cThree);
     CHost host;
+    // Removed in place, the host would put the table back before the directory is empty.
     fs::rename("files", "gone");
+    fs::remove_all("gone");
+    EXPECT_TRUE(host.WaitForOutput("the directory \"files\" is gone")) << host.Output();
     fs::create_directory("files");
-    std::this_thread::sleep_for(1500ms);
-    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    WaitUntil([] { return fs::exists(cTable); });
     WaitForTable(cThree);
+    EXPECT_TRUE(host.WaitForOutput("the table is restored, with 3 task(s)")) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("is gone"), 1U) << host.Output();
 }
 
 TEST(HostGuard, DirectoryThatIsRemovedDoesNotKeepAHostFromStopping) {
@@ -252,6 +305,39 @@ TEST(HostGuard, DirectoryOfLaunchRecordsIsCreatedAgainForALaunch) {
     EXPECT_EQ(CountIn("files/started", "due@"), 1U) << host.Output();
     WaitUntil([] { return CountIn("files/started", "due@") == 0; });
     EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
+    for (const auto& [name, value] : WithoutPauses())
+        setenv(name.c_str(), value.c_str(), 1);
+    fs::create_directory("disk");
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
+    fs::rename(cTable, "disk/table");
+    fs::create_symlink("../disk/table", cTable);
+    CHost host;
+    TRows rows = ReadTable();
+    rows[0].next = std::time(nullptr);
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteFile(cTable, BytesOf(rows));
+        fs::rename("disk", "elsewhere");
+        fs::create_directory("disk");
+    }
+    EXPECT_TRUE(host.WaitForOutput("scheduler.dat is unavailable")) << host.Output();
+    WakeChanged();
+    WaitUntil(WorkerIsIdle);
+    EXPECT_TRUE(fs::is_symlink(cTable));
+    EXPECT_TRUE(fs::is_empty("disk")) << "nothing is written in its place";
+    fs::remove("disk");
+    fs::rename("elsewhere", "disk");
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    // A table that is a link is rewritten in place.
+    WaitUntil([&] {
+        const vxsched::CStoreMutexLock lock(10s);
+        return ReadTable()[0].next > rows[0].next;
+    });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(ReadFile("log"), "log\n");
 }
 
 TEST(HostGuard, TargetOfALinkIsChecked) {

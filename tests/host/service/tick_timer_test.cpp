@@ -28,7 +28,7 @@ TEST(TickTimer, RunsOutUnlessTheWorkerTicks) {
     EXPECT_FALSE(isReadable(0));
     runOut();
     std::thread([] {
-        MarkHostThread();
+        gIsHostThread = true;
         RestartTickTimer();
     }).join();
     EXPECT_TRUE(isReadable(0));

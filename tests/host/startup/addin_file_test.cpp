@@ -16,6 +16,7 @@ TEST(AddInFile, IsRecognizedByItsBytesWithoutALoad) {
     EXPECT_EQ(WhyNotAnAddIn(ADDIN_LIBRARY), "");
     EXPECT_EQ(WhyNotAnAddIn(SUPPORT_LIBRARY), "it does not define CreateAddIn");
     EXPECT_EQ(WhyNotAnAddIn("/no/such/file"), "cannot read the file: No such file or directory");
+    EXPECT_EQ(WhyNotAnAddIn("."), "cannot read the file: Is a directory");
     WriteFile("note", "no library");
     EXPECT_EQ(WhyNotAnAddIn("note"), "it is not a shared library for x86-64");
     EXPECT_EQ(CountSemaphoreSets(), 0);

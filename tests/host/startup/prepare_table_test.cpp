@@ -1,6 +1,7 @@
 // What becomes of a table before the host loads it: which tasks were missed, and which stay due.
 
 #include <gtest/gtest.h>
+#include "host/TaskFileName.h"
 #include "host/recovery/LaunchRecords.h"
 #include "host/startup/PrepareTable.h"
 
@@ -98,7 +99,7 @@ TEST(PrepareTable, LaunchedTasksAreNotLaunchedAgain) {
                                            Task("not", Later(-7), "/p", "")};
     const std::vector<TLaunchRecord> records = {
         {.task = "launched", .due = Later(-7), .launched = Later(-6)},
-        {.task = LaunchRecordName("once launched"), .due = Later(-7), .launched = Later(-5)},
+        {.task = FileNameOf("once launched"), .due = Later(-7), .launched = Later(-5)},
         {.task = "not", .due = Later(-3607), .launched = Later(-3600)}};
     const TPrepared prepared =
         Prepared(table, records, TUptime{.since = Later(-60), .until = cNow});

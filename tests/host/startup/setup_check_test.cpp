@@ -108,6 +108,9 @@ TEST(HostCheck, EachFaultHasTheExitStatusOfAHost) {
     EXPECT_EQ(host.Wait(), 6) << host.Output();
     std::filesystem::remove(cTable);
     EXPECT_EQ(check({"--addin", "./note"}, "note is not an add-in: it is not a shared library"), 5);
+    EXPECT_EQ(
+        check({"--addin", "./files"}, "files is not an add-in: cannot read the file: Is a dir"), 5);
+    EXPECT_EQ(check({"--addin", "./files"}, "ok: the table is valid and has 0 task(s)"), 5);
     EXPECT_EQ(check({"--output", "missing/out"}, "missing/out: No such file or directory"), 3);
     EXPECT_EQ(check({"--log", "missing/log"}, "missing/log: No such file or directory"), 1);
     CProgram nowhere({HOST_PROGRAM, "--directory", "nowhere", "--check"});

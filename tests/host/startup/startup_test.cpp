@@ -44,6 +44,37 @@ static void TakeAllAccess(int id) {
     ASSERT_EQ(semctl(id, 0, IPC_SET, argument), 0);
 }
 
+// ---- Descriptors --------------------------------------------------------------------------------
+
+// The command line of a host that inherits this limit on its descriptors.
+static std::vector<std::string> HostWithLimit(const std::string& limit,
+                                              const std::vector<std::string>& options) {
+    std::vector<std::string> command = HostWith(options);
+    command.insert(command.begin(),
+                   {"/bin/sh", "-c", "ulimit " + limit + R"( && exec "$@")", "sh"});
+    return command;
+}
+
+TEST(HostStartup, DescriptorsForItsRecordsAreReserved) {
+    WriteTable({{"task", std::time(nullptr), 0, 0, PROGRAMS "/append-text", "launched", 0}});
+    CProgram host(HostWithLimit("-S -n 10", {"--run-once", "--output", "out"}));
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(host.Output().find("Too many open files"), std::string::npos) << host.Output();
+    EXPECT_EQ(Lines("files/history.jsonl").size(), 1U);
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+TEST(HostStartup, TooFewDescriptorsAreRefused) {
+    for (const char* const option : {"--run-once", "--check"}) {
+        CProgram host(HostWithLimit("-n 20", {option}));
+        EXPECT_EQ(host.Wait(), 1);
+        EXPECT_NE(host.Output().find("the hard limit on open files is 20, and this process needs "),
+                  std::string::npos)
+            << host.Output();
+    }
+    EXPECT_FALSE(std::filesystem::exists("files"));
+}
+
 // ---- Clients that are changing the table ------------------------------------------------------
 
 TEST(HostStartup, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
@@ -170,18 +201,19 @@ TEST(HostStartup, PipeInThePlaceOfTheTableIsRefused) {
         << host.Output();
 }
 
-TEST(HostStartup, LinkToNoTableIsReportedWithItsTarget) {
+TEST(HostStartup, LinkToNoTableIsRefusedWithItsTarget) {
     std::filesystem::create_directory("files");
-    std::filesystem::create_symlink("/no/disk/scheduler.dat", cTable);
-    const char* const message =
-        "files/scheduler.dat is a link to /no/disk/scheduler.dat, which does not "
-        "exist";
-    CProgram check(HostWith({"--check"}));
-    EXPECT_EQ(check.Wait(), 0);
-    EXPECT_NE(check.Output().find(message), std::string::npos) << check.Output();
-    CHost host;
-    EXPECT_EQ(host.CountInOutput(message), 1U) << host.Output();
-    EXPECT_EQ(host.Stop(), 0);
+    std::filesystem::create_symlink(std::filesystem::absolute("disk-table"), cTable);
+    const std::string message = "scheduler.dat is unavailable: it is a link to " +
+                                std::filesystem::absolute("disk-table").string() +
+                                ", which does not exist";
+    for (const char* const option : {"--check", "--run-once"}) {
+        CProgram host(HostWith({option}));
+        EXPECT_EQ(host.Wait(), 6);
+        EXPECT_NE(host.Output().find(message), std::string::npos) << host.Output();
+    }
+    EXPECT_FALSE(std::filesystem::exists("disk-table"));
+    EXPECT_TRUE(std::filesystem::is_symlink(cTable));
 }
 
 TEST(HostStartup, LinkToATableIsAsGoodAsIt) {

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <sys/types.h>
+
+namespace vxsched {
+
+// What a signal that would end this command (SIGINT, SIGTERM, SIGHUP) does to its change, for as
+// long as this object lives; one at a time. Until the change has begun, the signal ends the command
+// as usual, which cancels the change. From then on the change is made, and the command goes on to
+// report it. While a launched program is waited for, the signal ends the command, which first
+// prints that the program goes on.
+class CInterruption {
+public:
+    CInterruption();
+    ~CInterruption();  // prints that the change was made, if a signal came too late to cancel it
+    CInterruption(const CInterruption&) = delete;
+    CInterruption& operator=(const CInterruption&) = delete;
+
+    // To be called when the change begins, and when the program that it launched is waited for.
+    static void ChangeBegins();
+    static void WaitsFor(pid_t program);
+};
+
+}  // namespace vxsched

@@ -1,0 +1,30 @@
+#include "host/TaskFileName.h"
+
+#include <VXC_CRC32.h>
+#include <fmt/format.h>
+
+#include <cstddef>
+
+// Together with a checksum and what callers add, less than the 255 bytes of a file name.
+static constexpr std::size_t cLongestName = 200;
+
+static bool IsPlain(char character, bool isFirst) {
+    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+           (character >= '0' && character <= '9') || character == '-' || character == '_' ||
+           (character == '.' && !isFirst);
+}
+
+std::string FileNameOf(const std::string& task) {
+    if (task.empty())
+        return "%";
+    std::string name;
+    for (const char character : task) {
+        if (IsPlain(character, name.empty()))
+            name += character;
+        else
+            name += fmt::format("%{:02X}", static_cast<unsigned char>(character));
+    }
+    if (name.size() > cLongestName)
+        name = fmt::format("{}%{:08X}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
+    return name;
+}

@@ -1,0 +1,106 @@
+#include "host/recovery/OwedLaunches.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include <vxsched/Error.h>
+#include "host/CHostLog.h"
+#include "host/TaskFileName.h"
+#include "store/Layout.h"
+#include "store/TableFile.h"
+
+namespace fs = std::filesystem;
+
+using vxsched::TTaskEntry;
+
+std::string OwedLaunchPath(const TOwedLaunch& launch) {
+    return fmt::format("{}/{}@{}", vxsched::cOwedLaunchDirectory, FileNameOf(launch.task),
+                       launch.due.time_since_epoch().count());
+}
+
+bool KeepOwedLaunch(const TOwedLaunch& launch) {
+    RememberLaunch({.task = FileNameOf(launch.task), .due = launch.due, .launched = {}});
+    try {
+        if (mkdir(vxsched::cOwedLaunchDirectory, 0755) == -1 && errno != EEXIST)
+            throw vxsched::SystemError(
+                fmt::format("cannot create {}", vxsched::cOwedLaunchDirectory), errno);
+        vxsched::WriteNewFile(OwedLaunchPath(launch),
+                              vxsched::EncodeTable({{.name = launch.task,
+                                                     .next = launch.due,
+                                                     .last = {},
+                                                     .period = 0,
+                                                     .program = launch.program,
+                                                     .parameter = launch.parameter,
+                                                     .paused = false}}),
+                              ".");
+        return true;
+    } catch (const vxsched::CError& error) {
+        LogWarning(
+            fmt::format("{}. If this host ends before it can launch the program of task "
+                        "\"{}\", due {}, that launch is lost.",
+                        error.what(), launch.task, launch.due.time_since_epoch().count()));
+        return false;
+    }
+}
+
+void ForgetOwedLaunch(const TOwedLaunch& launch) {
+    unlink(OwedLaunchPath(launch).c_str());
+}
+
+// The launch that a file holds; nothing if it was made, or if the file is not one of a launch.
+static std::optional<TOwedLaunch> ReadOwedLaunch(const fs::path& file) {
+    try {
+        const std::string bytes = vxsched::ReadBytes(file);
+        if (bytes.empty()) {
+            unlink(file.c_str());
+            return {};
+        }
+        const std::vector<TTaskEntry> tasks = vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
+        if (tasks.size() != 1)
+            return {};
+        TOwedLaunch launch{.task = tasks[0].name,
+                           .due = tasks[0].next,
+                           .program = tasks[0].program,
+                           .parameter = tasks[0].parameter};
+        // Not of a file that was being written.
+        return OwedLaunchPath(launch) == file ? std::optional(launch) : std::nullopt;
+    } catch (const vxsched::CError& error) {
+        LogError(fmt::format("the launch of {} is lost: {}", file.string(), error.what()));
+        return {};
+    }
+}
+
+std::vector<TOwedLaunch> ReadOwedLaunches() {
+    std::vector<TOwedLaunch> launches;
+    std::error_code error;
+    for (fs::directory_iterator entry(vxsched::cOwedLaunchDirectory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        if (std::optional<TOwedLaunch> launch = ReadOwedLaunch(entry->path()))
+            launches.push_back(*std::move(launch));
+    }
+    if (error && error != std::errc::no_such_file_or_directory)
+        LogError(fmt::format("cannot read {}: {}", vxsched::cOwedLaunchDirectory, error.message()));
+    std::sort(launches.begin(), launches.end(),
+              [](const TOwedLaunch& one, const TOwedLaunch& other) { return one.due < other.due; });
+    return launches;
+}
+
+void SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
+                        const std::vector<TTaskEntry>& tasks) {
+    for (const TOwedLaunch& launch : ReadOwedLaunches()) {
+        const bool isMade = std::any_of(
+            records.begin(), records.end(),
+            [&](const TLaunchRecord& record) { return record.IsOf(launch.task, launch.due); });
+        const bool isDue = std::any_of(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
+            return task.name == launch.task && task.next == launch.due;
+        });
+        if (isMade || isDue)
+            ForgetOwedLaunch(launch);
+    }
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <vxsched/Table.h>
+#include "host/recovery/LaunchRecords.h"
+
+// Owed launches, in files/owed/: one file for each launch that came due and that the system refused
+// for want of processes. The add-in takes the failure for a run, so the table does not show that
+// the launch is owed; the host makes it when it can, and the next host if this one is killed.
+//
+// A file's name is that of the launch record. It holds a table of the one task, whose `next` is the
+// due time. The launched process empties it right before it becomes the program, so an empty file
+// is of a launch that was made.
+
+struct TOwedLaunch {
+    std::string task;
+    vxsched::TTime due;
+    std::string program;  // as launched
+    std::string parameter;
+};
+
+std::string OwedLaunchPath(const TOwedLaunch& launch);
+
+// Writes the file. Until ForgetOwedLaunch(), the launch also counts as a launch record of this
+// process, so that a table that is restored does not show it as due. False, with a warning in the
+// log, if the file cannot be written: the launch is then lost if the host is killed.
+bool KeepOwedLaunch(const TOwedLaunch& launch);
+
+// Removes the file.
+void ForgetOwedLaunch(const TOwedLaunch& launch);
+
+// Returns the launches that the working directory still owes, in the order of their due times.
+// Files that cannot be read are left out, and logged.
+std::vector<TOwedLaunch> ReadOwedLaunches();
+
+// Removes the files of launches that are not owed at a startup: `records` show that they were made,
+// or `tasks`, the table as the former host left it, still show them as due, which decides about
+// them. To be called before the records are removed and the table is changed.
+void SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
+                        const std::vector<vxsched::TTaskEntry>& tasks);

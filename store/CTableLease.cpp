@@ -1,0 +1,120 @@
+#include "store/CTableLease.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <limits>
+
+#include <vxsched/Error.h>
+#include "store/TableFile.h"
+
+namespace vxsched {
+
+namespace {
+
+constexpr std::size_t cCount = sizeof(std::uint64_t);  // of tasks, at the beginning of the file
+
+sigset_t JustSigio() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGIO);
+    return set;
+}
+
+bool IsFileAt(int descriptor, const std::filesystem::path& path) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) &&
+           stat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev &&
+           named.st_ino == opened.st_ino;
+}
+
+// Asks for the lease, with SIGIO to this thread instead of the process.
+bool IsGranted(int descriptor, int kind) {
+    f_owner_ex owner{.type = F_OWNER_TID, .pid = gettid()};
+    return fcntl(descriptor, F_SETOWN_EX, &owner) == 0 && fcntl(descriptor, F_SETLEASE, kind) == 0;
+}
+
+void WriteAt(int descriptor, std::string_view bytes, std::size_t offset,
+             const std::filesystem::path& path) {
+    while (!bytes.empty()) {
+        const ssize_t count =
+            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (count == -1 && errno != EINTR)
+            throw SystemError("cannot write " + path.string(), errno);
+        const std::size_t written = count > 0 ? static_cast<std::size_t>(count) : 0;
+        bytes.remove_prefix(written);
+        offset += written;
+    }
+}
+
+}  // namespace
+
+CTableLease::CTableLease(const std::filesystem::path& file) : path(file) {
+    const sigset_t sigio = JustSigio();
+    pthread_sigmask(SIG_BLOCK, &sigio, &formerMask);
+    Ask();
+}
+
+CTableLease::~CTableLease() {
+    if (state == cHeld)
+        fcntl(descriptor.Get(), F_SETLEASE, F_UNLCK);
+    const sigset_t sigio = JustSigio();
+    const timespec now{};
+    while (sigtimedwait(&sigio, nullptr, &now) == SIGIO) {
+    }
+    pthread_sigmask(SIG_SETMASK, &formerMask, nullptr);
+}
+
+void CTableLease::Ask() {
+    // Without O_NONBLOCK, open() would wait for somebody else's lease, or for the writer of a pipe.
+    descriptor = CDescriptor(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    if (!descriptor.IsOpen()) {
+        state = errno == ENOENT ? cMissing : cUnknown;
+        return;
+    }
+    if (!IsGranted(descriptor.Get(), F_WRLCK)) {
+        const bool isInUse = errno == EAGAIN;
+        descriptor = CDescriptor();
+        state = isInUse ? StateWithoutLease() : cUnknown;
+        return;
+    }
+    state = cHeld;
+    // Another file may have been renamed to this place before the lease was granted.
+    if (!IsFileAt(descriptor.Get(), path)) {
+        fcntl(descriptor.Get(), F_SETLEASE, F_UNLCK);
+        state = cUnknown;
+    }
+}
+
+// Tells writers from readers: a lease for reading is refused only where somebody writes.
+CTableLease::EState CTableLease::StateWithoutLease() const {
+    const CDescriptor reader(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!reader.IsOpen() || !IsGranted(reader.Get(), F_RDLCK))
+        return cWritten;
+    fcntl(reader.Get(), F_SETLEASE, F_UNLCK);
+    return cUnknown;
+}
+
+std::string CTableLease::Read() const {
+    return ReadBytes(descriptor.Get(), path);
+}
+
+void CTableLease::Overwrite(std::string_view bytes) const {
+    const auto size = static_cast<off_t>(bytes.size());
+    if (fallocate(descriptor.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP)
+        throw SystemError("cannot allocate space for " + path.string(), errno);
+    // More tasks than any file has bytes: the file counts as damaged, not as a table of old and new
+    // bytes, if a kill or a power failure interrupts this.
+    const std::string damaged(cCount, std::numeric_limits<char>::max());
+    WriteAt(descriptor.Get(), damaged, 0, path);
+    WriteAt(descriptor.Get(), bytes.substr(cCount), cCount, path);
+    if (ftruncate(descriptor.Get(), size) == -1)
+        throw SystemError("cannot truncate " + path.string(), errno);
+    WriteAt(descriptor.Get(), bytes.substr(0, cCount), 0, path);
+}
+
+}  // namespace vxsched

@@ -1,0 +1,134 @@
+// Launches that the system refuses for want of processes: a real host makes them when it can.
+
+#include <gtest/gtest.h>
+#include "host/recovery/OwedLaunches.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "GuardedTable.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char cRefusal[] = "no processes";
+
+// The system refuses each launch of a host until Permit().
+class OwedLaunches : public testing::Test {
+protected:
+    OwedLaunches() {
+        for (const auto& [name, value] : WithoutPauses())
+            setenv(name.c_str(), value.c_str(), 1);
+        setenv("REFUSE_LAUNCHES", fs::absolute(cRefusal).c_str(), 1);
+        WriteFile(cRefusal, "");
+    }
+    static void Permit() { fs::remove(cRefusal); }
+
+    // Has the host try to launch the task, which is due now, and returns it as it was.
+    static TRow Refuse(CHost& host) {
+        const TRow row = {"a task", std::time(nullptr), 0, 0, PROGRAMS "/append-text", "log", 0};
+        ReplaceTable({row});
+        WakeWorker();
+        EXPECT_TRUE(host.WaitForOutput("is launched as soon as the system has a process for it"));
+        WaitForTable({});
+        WaitUntil(WorkerIsIdle);
+        return row;
+    }
+
+    static void ExpectNothingOwed() {
+        EXPECT_EQ(CountIn("files/owed"), 0U);
+        EXPECT_EQ(ReadFile("log"), "log\n") << "launched once";
+    }
+};
+
+}  // namespace
+
+TEST_F(OwedLaunches, AreMadeWhenTheSystemHasProcessesAgain) {
+    CHost host;
+    const TRow row = Refuse(host);
+    EXPECT_EQ(CountIn("files/owed"), 1U);
+    EXPECT_FALSE(fs::exists("files/history.jsonl"));
+    Permit();
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+    ExpectNothingOwed();
+    const auto record = nlohmann::json::parse(ReadFile("files/history.jsonl"));
+    EXPECT_EQ(record.at("outcome"), "exited");
+    EXPECT_EQ(record.at("name"), row.name);
+    EXPECT_FALSE(record.at("due").is_null());
+}
+
+TEST_F(OwedLaunches, AreMadeByTheNextHost) {
+    for (const int end : {SIGKILL, SIGTERM}) {
+        fs::remove_all("files");
+        fs::remove("log");
+        WriteFile(cRefusal, "");
+        CHost host;
+        Refuse(host);
+        host.Kill(end);
+        host.Wait();
+        Permit();
+        CHost next;
+        EXPECT_TRUE(next.WaitForOutput("exited with status 0")) << next.Output();
+        EXPECT_EQ(next.Stop(), 0);
+        ExpectNothingOwed();
+    }
+}
+
+TEST_F(OwedLaunches, AreMadeByAHostThatRunsOnce) {
+    WriteTable({{"a task", std::time(nullptr) + 1, 0, 0, PROGRAMS "/append-text", "log", 0}});
+    WaitUntil([] { return std::time(nullptr) == ReadTable()[0].next; });
+    CProgram host(HostWith({"--run-once"}));
+    EXPECT_TRUE(host.WaitForOutput("as soon as the system has a process")) << host.Output();
+    Permit();
+    EXPECT_EQ(host.Wait(), 0);
+    ExpectNothingOwed();
+}
+
+// As after a kill between the refusal and the save of the table.
+TEST_F(OwedLaunches, AreLeftToATableThatStillShowsThem) {
+    CHost host;
+    const TRow row = Refuse(host);
+    host.Kill(SIGKILL);
+    host.Wait();
+    WriteTable({row});
+    Permit();
+    CHost next;
+    EXPECT_TRUE(next.WaitForOutput("exited with status 0")) << next.Output();
+    EXPECT_EQ(next.Stop(), 0);
+    ExpectNothingOwed();
+    EXPECT_EQ(ReadTable(), TRows());
+}
+
+// As after a kill between the launch and the removal of its file.
+TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
+    for (const bool hasRecord : {false, true}) {
+        fs::remove_all("files");
+        WriteFile(cRefusal, "");
+        CHost host;
+        const TRow row = Refuse(host);
+        host.Kill(SIGKILL);
+        host.Wait();
+        const vxsched::TTime due{std::chrono::seconds(row.next)};
+        if (hasRecord)
+            WriteFile(LaunchRecordPath(row.name, due), "");
+        else
+            WriteFile(
+                OwedLaunchPath({.task = row.name, .due = due, .program = "", .parameter = ""}), "");
+        Permit();
+        CHost next;
+        EXPECT_EQ(next.Stop(), 0);
+        EXPECT_EQ(CountIn("files/owed"), 0U);
+        EXPECT_FALSE(fs::exists("log"));
+    }
+}

@@ -1,0 +1,203 @@
+// Changes that are cut short - the command interrupted or stopped, its change process killed - or
+// that meet a tick: what the command reports is what the table shows.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include <vxsched/Table.h>
+#include "store/CStoreMutexLock.h"
+#include "store/CWriterLock.h"
+
+#include "GuardedTable.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+static const std::string cRecorder = PROGRAMS "/record-launch";
+
+#ifdef PLAIN_BUILD
+static constexpr int cIterations = 200;
+#else
+static constexpr int cIterations = 40;
+#endif
+
+static std::unique_ptr<CProgram> Start(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {TOOL_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return std::make_unique<CProgram>(command);
+}
+
+static std::optional<pid_t> ChildOf(pid_t process) {
+    const std::string id = std::to_string(process);
+    std::istringstream children(ReadFile("/proc/" + id + "/task/" + id + "/children"));
+    pid_t child = 0;
+    return children >> child ? std::optional(child) : std::nullopt;
+}
+
+static void SleepUpTo(std::chrono::microseconds most, std::mt19937& random) {
+    std::uniform_int_distribution<long> choose(0, most.count());
+    std::this_thread::sleep_for(std::chrono::microseconds(choose(random)));
+}
+
+static bool IsPaused(const std::string& name) {
+    const vxsched::CWriterLock noChange(".", 60s);
+    return vxsched::ReadTable(".", 60s).Find(name)->paused;
+}
+
+// ---- What is reported -------------------------------------------------------------------------
+
+// Pauses and resumes a task in turn; `cut` cuts the command short. The status and the table have to
+// agree whenever.
+template <typename Cut>
+static void PauseAndResume(const Cut& cut) {
+    WriteTable(cThree);
+    bool isPaused = false;
+    for (int iteration = 0; iteration < cIterations; ++iteration) {
+        const bool wanted = !isPaused;
+        const std::unique_ptr<CProgram> command = Start({wanted ? "pause" : "resume", "second"});
+        cut(*command);
+        const int status = command->Wait();
+        isPaused = IsPaused("second");
+        if (status == 0) {
+            ASSERT_EQ(isPaused, wanted) << command->Output();
+        } else {
+            ASSERT_TRUE(status == 1 || status == 1000 + SIGINT) << status << command->Output();
+            ASSERT_EQ(isPaused, !wanted) << command->Output();
+        }
+    }
+}
+
+TEST(InterruptedChange, IsReportedAsItIsWhenItsProcessIsKilled) {
+    std::mt19937 random(1);
+    PauseAndResume([&](const CProgram& command) {
+        SleepUpTo(12ms, random);
+        if (const std::optional<pid_t> child = ChildOf(command.Id()))
+            kill(*child, SIGKILL);
+    });
+}
+
+TEST(InterruptedChange, IsCancelledBeforeItBeginsAndMadeAfterwards) {
+    std::mt19937 random(2);
+    PauseAndResume([&](const CProgram& command) {
+        SleepUpTo(12ms, random);
+        command.Kill(SIGINT);
+    });
+}
+
+TEST(InterruptedChange, IsCancelledWhileItWaitsForALock) {
+    WriteTable(cThree);
+    EXPECT_EQ(RunTool({"pause", "first"}).status, 0);
+    std::unique_ptr<CProgram> command;
+    pid_t child = 0;
+    {
+        const vxsched::CStoreMutexLock holder(10s);
+        command = Start({"pause", "second"});
+        WaitUntil([&] { return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT) == 1; });
+        child = ChildOf(command->Id()).value();
+        command->Kill(SIGINT);
+        EXPECT_EQ(command->Wait(), 1000 + SIGINT);
+    }
+    WaitUntil([&] { return HasEnded(child); });
+    EXPECT_FALSE(IsPaused("second"));
+}
+
+// A command that is stopped (Ctrl-Z) while its change is prepared keeps others out for seconds at
+// most.
+TEST(InterruptedChange, OfAStoppedCommandIsGivenUp) {
+    WriteTable(cThree);
+    EXPECT_EQ(RunTool({"pause", "first"}).status, 0);
+    std::unique_ptr<CProgram> command;
+    {
+        const vxsched::CStoreMutexLock holder(10s);
+        command = Start({"pause", "second"});
+        WaitUntil([&] { return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT) == 1; });
+        command->Kill(SIGSTOP);
+    }
+    EXPECT_EQ(RunTool({"pause", "third"}).status, 0);
+    command->Kill(SIGCONT);
+    EXPECT_EQ(command->Wait(), 1);
+    EXPECT_THAT(command->Output(), testing::HasSubstr("the client was stopped"));
+    EXPECT_FALSE(IsPaused("second"));
+}
+
+// One whose table is larger than what a socket holds, and which is stopped once its change has
+// begun.
+TEST(InterruptedChange, OfAStoppedCommandDoesNotKeepTheLocks) {
+    TRows rows = cThree;
+    rows[0].parameters = std::string(4'000'000, 'p');
+    WriteTable(rows);
+    bool isPaused = false;
+    std::mt19937 random(3);
+    for (int iteration = 0; iteration < 4; ++iteration) {
+        const std::unique_ptr<CProgram> command = Start({isPaused ? "resume" : "pause", "second"});
+        SleepUpTo(30ms, random);
+        command->Kill(SIGSTOP);
+        { const vxsched::CWriterLock others(".", 60s); }
+        command->Kill(SIGCONT);
+        const int status = command->Wait();
+        EXPECT_TRUE(status == 0 || status == 1) << command->Output();
+        ASSERT_EQ(IsPaused("second"), status == 0 ? !isPaused : isPaused) << command->Output();
+        isPaused = IsPaused("second");
+    }
+}
+
+TEST(InterruptedChange, WaitForARunEndsAndTheProgramGoesOn) {
+    WriteTable({{"waits", cFar, 0, 24, PROGRAMS "/wait-for-it", "end it", 0}});
+    const std::unique_ptr<CProgram> command = Start({"run", "waits", "--wait"});
+    ASSERT_TRUE(command->WaitForOutput("started waits as process"));
+    command->Kill(SIGINT);
+    EXPECT_EQ(command->Wait(), 1000 + SIGINT);
+    EXPECT_THAT(command->Output(), testing::HasSubstr("interrupted; process "));
+    WriteFile("end it", "");
+    WaitUntil([] { return fs::exists("end it.seen"); });
+}
+
+// ---- A tick -----------------------------------------------------------------------------------
+
+// What a direct client's load does: it sets the mutex free, and reschedules what is due.
+static void LoadDirectly(TRows rows) {
+    union {
+        int val;
+        void* other;
+    } free{.val = 1};
+    ASSERT_EQ(semctl(semget(cStoreKey, 1, 0), 0, SETVAL, free), 0);
+    for (TRow& row : rows)
+        row.next = cFar;
+    WriteTable(rows);
+}
+
+// The tick pauses for two seconds after a launch and then saves its own list.
+TEST(ChangeDuringATick, IsNotOverwrittenWhenADirectClientHasSetTheMutexFree) {
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("second")});
+    CHost host;
+    LoadDirectly(StartTheOnlyTask());
+    const TToolRun create = RunTool({"create", "new", "--at", "in 1h", "--", cRecorder});
+    EXPECT_EQ(create.status, 0) << create.error;
+    const TToolRun pause = RunTool({"pause", "second"});
+    EXPECT_EQ(pause.status, 0) << pause.error;
+    WaitUntil(WorkerIsIdle);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(NamesInTable(), "due second new");
+    EXPECT_EQ(ReadTable()[1].paused, 1U);
+    EXPECT_NE(ReadTable()[0].last, 0);
+}
