@@ -64,6 +64,9 @@ void CInterruption::ChangeBegins() {
 void CInterruption::WaitsFor(pid_t program) {
     gFarewell = "vxsched: interrupted; process " + std::to_string(program) + " goes on\n";
     gStage = cWaiting;
+    // A signal since the change began was left for now.
+    if (const int number = gSignal)
+        raise(number);
 }
 
 }  // namespace vxsched
