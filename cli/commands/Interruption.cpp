@@ -54,7 +54,6 @@ CInterruption::~CInterruption() {
     if (const int number = gSignal)
         std::cerr << "vxsched: SIG" << sigabbrev_np(number)
                   << " came after the change had begun; it was not cancelled\n";
-    gStage = cCancellable;
 }
 
 void CInterruption::ChangeBegins() {
