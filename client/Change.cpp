@@ -12,6 +12,7 @@
 #include "client/LibraryDirectory.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
+#include "store/CTableLease.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -55,13 +56,18 @@ CError ErrorOf(const std::string& message) {
 std::string Recover(const TStoreOptions& options, TTable& table) {
     const CWriterLock writerLock(options.directory, options.lockTimeout);
     const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
-    try {
-        table = DecodeTable(ReadTableBytes(options.directory), Now());
-        return "the table is valid";
-    } catch (const CError& error) {
-        if (error.Code() != EError::cDamaged)
-            throw;
-    }
+    const CDeadline deadline(options.lockTimeout);
+    std::string bytes;
+    do {
+        bytes = ReadTableBytes(options.directory);
+        try {
+            table = DecodeTable(bytes, Now());
+            return "the table is valid";
+        } catch (const CError& error) {
+            if (error.Code() != EError::cDamaged)
+                throw;
+        }
+    } while (IsBeingSaved(options.directory, bytes) && deadline.Pause());
     RestoreBeforeChange(options.directory);
     table = DecodeTable(ReadTableBytes(options.directory), Now());
     AnnounceChange();

@@ -117,4 +117,10 @@ void CTableLease::Overwrite(std::string_view bytes) const {
     WriteAt(descriptor.Get(), bytes.substr(0, cCount), 0, path);
 }
 
+bool IsBeingSaved(const std::filesystem::path& directory, std::string_view bytes) {
+    const CTableLease lease(TableFile(directory));
+    return lease.State() == CTableLease::cWritten ||
+           (lease.State() == CTableLease::cHeld && lease.Read() != bytes);
+}
+
 }  // namespace vxsched

@@ -55,4 +55,8 @@ private:
     sigset_t formerMask{};
 };
 
+// Whether somebody may be saving the table of a directory, of which `bytes` were read under the
+// store mutex. For a caller that takes them for damaged and is about to replace the table by name.
+bool IsBeingSaved(const std::filesystem::path& directory, std::string_view bytes);
+
 }  // namespace vxsched

@@ -13,6 +13,7 @@
 #include "store/Backups.h"
 #include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
+#include "store/CTableLease.h"
 #include "store/CWriterLock.h"
 #include "store/TableFile.h"
 
@@ -88,7 +89,7 @@ TExitStatus Repair(const TCommon& common, COutput& output) {
     // cannot change between the comparison and the replacement, and a repair that is refused leaves
     // no quarantine file. Planning takes no lock, since it may take long.
     CStore(common.store).ReplaceAll(repair.tasks, [&](const std::string& current) {
-        if (current != bytes)
+        if (current != bytes || IsBeingSaved(common.store.directory, bytes))
             throw CError(EError::cBusy,
                          "the table changed during the repair; nothing was written; try again");
         quarantined = Quarantine(common.store.directory, bytes).string();

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <vxsched/Error.h>
+#include "base/CDeadline.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/recovery/LaunchRecords.h"
@@ -11,14 +12,26 @@
 #include "host/startup/PrepareTable.h"
 #include "host/startup/RepairPlan.h"
 #include "store/Backups.h"
+#include "store/CTableLease.h"
 #include "store/TableFile.h"
 
 using vxsched::TTaskEntry;
 
+// Plans the repair of a table that nobody is saving: a direct client's load sets the store mutex
+// free under this host, so what looks damaged may be half a save.
+static TRepairPlan PlanBetweenSaves(std::chrono::milliseconds timeout) {
+    const CDeadline deadline(timeout);
+    for (;;) {
+        TRepairPlan plan = PlanStartupRepair(".");
+        if (plan.repairs.empty() || !vxsched::IsBeingSaved(".", plan.bytes) || !deadline.Pause())
+            return plan;
+    }
+}
+
 // Repairs the table, if need be, so that it is valid and safe to load. Returns its tasks. The
 // caller holds the writer lock and the store mutex, unless CStoreGate ignores a hung holder.
-static std::vector<TTaskEntry> RepairTable() {
-    TRepairPlan plan = PlanStartupRepair(".");
+static std::vector<TTaskEntry> RepairTable(std::chrono::milliseconds timeout) {
+    TRepairPlan plan = PlanBetweenSaves(timeout);
     for (const std::string& value : plan.unusualValues)
         LogWarning(value);
     for (const std::string& loss : plan.possibleLosses)
@@ -51,9 +64,10 @@ static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
 }
 
 // Returns when the uptime of this host begins. Locks: as for RepairTable().
-static vxsched::TTime Prepare(const std::optional<TUptime>& previous, CRunHistory& history) {
+static vxsched::TTime Prepare(const THostOptions& options, const std::optional<TUptime>& previous,
+                              CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
-    const std::vector<TTaskEntry> tasks = RepairTable();
+    const std::vector<TTaskEntry> tasks = RepairTable(options.lockTimeout);
     const std::vector<TLaunchRecord> records = ReadLaunchRecords();
     SettleOwedLaunches(records, tasks);
     const vxsched::TTime now = vxsched::Now();
@@ -74,7 +88,7 @@ TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& pre
     CStoreGate gate(options.lockTimeout);
     TLoaded loaded;
     try {
-        loaded.upSince = Prepare(previous, history);
+        loaded.upSince = Prepare(options, previous, history);
     } catch (const vxsched::CError& error) {
         throw CHostError(cBadTable,
                          fmt::format("cannot prepare the table for the add-in: {}. The table "

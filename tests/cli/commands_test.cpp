@@ -10,6 +10,7 @@
 
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -187,6 +188,14 @@ TEST_F(Cli, DeviceInPlaceOfTheTableIsRefusedByEveryCommand) {
 TEST_F(Cli, DirectoryInPlaceOfTheTableIsRefusedByEveryCommand) {
     fs::create_directory(cTable);
     ExpectCommandsToRefuseTheTable("Is a directory");
+}
+
+TEST_F(Cli, RepairOfATableThatIsBeingSavedIsRefused) {
+    std::ofstream save(cTable, std::ios::binary);
+    save << BytesOf({Later("first")}).substr(0, 40) << std::flush;
+    ExpectRefused(1, "the table changed during the repair", {"repair"});
+    save.close();
+    EXPECT_EQ(RunTool({"repair"}).status, 0);
 }
 
 TEST_F(Cli, RepairTakesLostTasksFromTheBackup) {

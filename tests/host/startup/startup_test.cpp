@@ -16,11 +16,14 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include "AddinLibrary.h"
+#include "GuardedTable.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -159,6 +162,21 @@ TEST(HostStartup, TableThatWouldHangALoadIsRepaired) {
     EXPECT_EQ(ReadTable().at(1), table[1]);
     EXPECT_EQ(ReadFile(QuarantinedFile()), before);
     EXPECT_EQ(host.Stop(), 0);
+}
+
+// A direct client's load has set the mutex free that the host holds.
+TEST(HostStartup, SaveThatHasOnlyBegunIsNoDamage) {
+    WriteTable({Row("first"), Row("second")});
+    const std::string bytes = ReadFile(cTable);
+    std::ofstream save(cTable, std::ios::binary | std::ios::trunc);
+    save << bytes.substr(0, 40) << std::flush;
+    CProgram host({HOST_PROGRAM, "--directory", ".", "--run-once"});
+    std::this_thread::sleep_for(500ms);
+    save << bytes.substr(40);
+    save.close();
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+    EXPECT_EQ(host.Output().find("repaired"), std::string::npos) << host.Output();
+    EXPECT_EQ(ReadFile(cTable), bytes);
 }
 
 TEST(HostStartup, UnusualTableIsLoadedAndReported) {
