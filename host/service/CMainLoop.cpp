@@ -123,7 +123,8 @@ void CMainLoop::OnSignal(int number) {
 }
 
 void CMainLoop::MonitorWorker() {
-    const auto verdict = watchdog.Check(TClock::now(), vxsched::IsWorkerIdle(), programs.CountLaunches());
+    const auto verdict =
+        watchdog.Check(TClock::now(), vxsched::IsWorkerIdle(), programs.CountLaunches());
     if (verdict == CWorkerWatchdog::cTooEarly)
         return;
     wasAlive = verdict == CWorkerWatchdog::cAlive;
