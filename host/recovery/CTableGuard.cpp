@@ -294,8 +294,9 @@ bool CTableGuard::Examine(const std::string& bytes) {
     return true;
 }
 
-// Returns the tasks of the last valid table that are gone; none when no more are gone than can have
-// been removed on purpose.
+// Returns the tasks of the last valid table that are gone; none when these and the new ones are no
+// more than the saves that were seen. Each call of a client removes or creates one task at most, so
+// a save that does both has overwritten another client's.
 std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tasks) const {
     std::vector<TTaskEntry> lost;
     if (!lastValid || saves.replacedAll)
@@ -304,12 +305,15 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     std::unordered_set<std::string_view> names;
     for (const TTaskEntry& task : tasks)
         names.insert(task.name);
-    for (const TTaskEntry& task : TasksOf(*lastValid)) {
+    const std::vector<TTaskEntry> former = TasksOf(*lastValid);
+    std::unordered_set<std::string_view> created = names;
+    for (const TTaskEntry& task : former) {
+        created.erase(task.name);
         const bool hasRun = task.period == 0 && task.next <= now;
         if (!hasRun && !names.contains(task.name))
             lost.push_back(task);
     }
-    return lost.size() > saves.count ? lost : std::vector<TTaskEntry>();
+    return lost.size() + created.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
 // Puts `tasks`, with the launches made since, in the place of the table, unless a save may be in

@@ -20,9 +20,9 @@
 // one that has lost tasks, is replaced by the last valid one, to which the launches made since are
 // applied; the worker is notified.
 //
-// Which tasks count as removed on purpose: each observed save may have removed one task; a task
-// that runs once and was due may be gone; a process that replaces the whole table (an import, a
-// repair) may have removed any.
+// Which tasks count as removed on purpose: each observed save may have removed one task, or created
+// one; a task that runs once and was due may be gone; a process that replaces the whole table (an
+// import, a repair) may have removed any.
 class CTableGuard {
 public:
     // Guards the table of the working directory, which has just been loaded, and checks it once.

@@ -81,6 +81,22 @@ TEST(HostGuard, TableThatADirectClientEmptiesIsRestored) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// Two direct clients whose loads let them in under each other: one creates a task, and the other,
+// which has read the table before, overwrites that by its own.
+TEST(HostGuard, TaskThatAnotherOnesSaveHasOverwrittenIsRestored) {
+    WriteTable(cThree);
+    CHost host;
+    TRows rows = {cThree[0], cThree[1], Row("fourth")};
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteTable(rows);
+    }
+    rows.push_back(cThree[2]);
+    WaitForTable(rows);
+    EXPECT_TRUE(host.WaitForOutput("the table has lost \"third\"")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 // A direct client's load sets the mutex free, so the guard may look in the middle of a save.
 TEST(HostGuard, SaveThatHasOnlyBegunIsNoDamage) {
     WriteTable(cThree);
