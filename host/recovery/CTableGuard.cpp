@@ -268,9 +268,7 @@ bool CTableGuard::Examine(const std::string& bytes) {
                       : vxsched::FindBackup(".");
         const vxsched::TRepair repair =
             vxsched::PlanRepair(bytes, backup ? &*backup : nullptr, vxsched::Now());
-        if (bytes != lastDamaged)
-            LogErrors(repair.notes);
-        Restore(bytes, error.what(), repair.tasks);
+        Restore(bytes, error.what(), repair.tasks, repair.notes);
         return false;
     }
     if (std::vector<TTaskEntry> lost = FindLost(tasks); !lost.empty()) {
@@ -316,13 +314,15 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() + created.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// Puts `tasks`, with the launches made since, in the place of the table, unless a save may be in
+// Puts `tasks`, with the launches made since, in the place of the table, and logs `notes`, unless a save may be in
 // progress or is done by now. The caller repeats the check in any case.
 void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
-                          std::vector<TTaskEntry> tasks) {
+                          std::vector<TTaskEntry> tasks, const std::vector<std::string>& notes) {
     const vxsched::CTableLease lease(vxsched::TableFile("."));
     if (!MayReplace(lease, bytes))
         return;
+    if (bytes != lastDamaged)
+        LogErrors(notes);
     ApplyLaunchRecords(ReadLaunchRecords(), vxsched::Now(), tasks);
     const std::string restored = vxsched::EncodeTable(tasks);
     QuarantineOnce(bytes, restored);

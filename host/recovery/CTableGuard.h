@@ -70,7 +70,8 @@ private:
     void ReportMissingDirectory();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
-                 std::vector<vxsched::TTaskEntry> tasks);
+                 std::vector<vxsched::TTaskEntry> tasks,
+                 const std::vector<std::string>& notes = {});
     bool MayReplace(const vxsched::CTableLease& lease, const std::string& bytes);
     void QuarantineOnce(const std::string& bytes, const std::string& restored);
     void Keep(const std::string& bytes);
