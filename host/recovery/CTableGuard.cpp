@@ -314,8 +314,8 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() + created.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// Puts `tasks`, with the launches made since, in the place of the table, and logs `notes`, unless a save may be in
-// progress or is done by now. The caller repeats the check in any case.
+// Puts `tasks`, with the launches made since, in the place of the table, and logs `notes`, unless a
+// save may be in progress or is done by now. The caller repeats the check in any case.
 void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
                           std::vector<TTaskEntry> tasks, const std::vector<std::string>& notes) {
     const vxsched::CTableLease lease(vxsched::TableFile("."));
