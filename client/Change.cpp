@@ -217,19 +217,6 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
                     due, scheduler->Name(), options.lockTimeout.count(), cMostTimeouts);
 }
 
-// Waits until the worker is between two ticks, or the scheduling process has ended. Throws CError
-// (cBusy).
-void WaitForTheTicksEnd(const TStoreOptions& options) {
-    const CDeadline deadline(options.lockTimeout);
-    while (!IsWorkerIdle() && FindSchedulingProcess(options.directory)) {
-        if (!deadline.Pause(cPause))
-            throw MakeError(EError::cBusy,
-                            "the scheduling process is in the middle of a tick, which did not end "
-                            "within {} ms; nothing was changed; check the host's log",
-                            options.lockTimeout.count());
-    }
-}
-
 // Looks whether a change that was cut short is in the table, and takes that for the outcome. Throws
 // CError: cUnknown if that cannot be told, cFailed if it was not made.
 TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt attempt,
@@ -316,6 +303,17 @@ void RequireSharedStore(const TStoreOptions& options) {
                         "the scheduling process, {}, runs in another IPC namespace: it would not "
                         "notice a change and would overwrite it; run this in the same namespace",
                         scheduler->Name());
+}
+
+void WaitForTheTicksEnd(const TStoreOptions& options) {
+    const CDeadline deadline(options.lockTimeout);
+    while (!IsWorkerIdle() && FindSchedulingProcess(options.directory)) {
+        if (!deadline.Pause(cPause))
+            throw MakeError(EError::cBusy,
+                            "the scheduling process is in the middle of a tick, which did not end "
+                            "within {} ms; nothing was changed; check the host's log",
+                            options.lockTimeout.count());
+    }
 }
 
 TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {

@@ -13,6 +13,7 @@
 #include "store/Grid.h"
 #include "store/MakeError.h"
 #include "store/TableFile.h"
+#include "store/WorkerState.h"
 
 namespace vxsched {
 
@@ -318,23 +319,31 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
 void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
                         const std::function<void(const std::string&)>& canReplace) const {
     RequireSharedStore(options);
-    {
-        // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps
-        // other processes from loading the add-in, which would set the mutex free.
-        const CWriterLock writerLock(options.directory, options.lockTimeout);
-        const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
-        const std::string bytes = ReadTableBytes(options.directory);
-        if (canReplace)
-            canReplace(bytes);
-        if (options.onBegin)
-            options.onBegin();
-        if (IsTable(bytes))
-            KeepBeforeChange(options.directory, bytes);
-        ReplaceTable(options.directory, EncodeTable(tasks));
-        // Before the mutex is released, or a tick may save its old list over the new table.
-        AnnounceChange();
-    }
+    while (!TryReplaceAll(tasks, canReplace))
+        WaitForTheTicksEnd(options);
     Wake();
+}
+
+// False, without a change, if a tick is under way, whose end would overwrite the new table.
+bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
+                           const std::function<void(const std::string&)>& canReplace) const {
+    // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps other
+    // processes from loading the add-in, which would set the mutex free.
+    const CWriterLock writerLock(options.directory, options.lockTimeout);
+    const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
+    if (!IsWorkerIdle() && FindSchedulingProcess(options.directory))
+        return false;
+    if (options.onBegin)
+        options.onBegin();
+    const std::string bytes = ReadTableBytes(options.directory);
+    if (canReplace)
+        canReplace(bytes);
+    if (IsTable(bytes))
+        KeepBeforeChange(options.directory, bytes);
+    ReplaceTable(options.directory, EncodeTable(tasks));
+    // Before the mutex is released, or a tick may save its old list over the new table.
+    AnnounceChange();
+    return true;
 }
 
 TTaskEntry CStore::Get(std::string_view name) const {

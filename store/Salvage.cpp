@@ -32,7 +32,7 @@ std::optional<TFoundTask> TaskAt(std::string_view bytes, std::size_t offset) {
     const TTaskView task = decoder.TakeTask();
     if (decoder.HasFailed() || IsBlank(task))
         return {};
-    return TFoundTask{task, decoder.Offset()};
+    return TFoundTask{task, offset, decoder.Offset()};
 }
 
 }  // namespace
@@ -69,7 +69,7 @@ TSalvaged Salvage(std::string_view bytes) {
         if (!found) {
             found = FindTask(bytes, offset + 1);
             salvaged.notes.push_back(fmt::format("bytes {} to {} were not readable as tasks",
-                                                 offset, found ? found->end : bytes.size()));
+                                                 offset, found ? found->begin : bytes.size()));
             if (!found)
                 break;
         }

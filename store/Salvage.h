@@ -11,7 +11,8 @@ namespace vxsched {
 // A task in the bytes of a damaged table.
 struct TFoundTask {
     TTaskView task;
-    std::size_t end;  // the offset after it
+    std::size_t begin;  // its offset
+    std::size_t end;    // the offset after it
 };
 
 // Finds the first plausible task at `offset` or after it, as Salvage() states what that is. Takes

@@ -154,6 +154,7 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
     });
     if (!run.status)
         return cDone;
+    CInterruption::WaitEnds();
     if (WIFSIGNALED(*run.status)) {
         PrintLine(output,
                   fmt::format("{} was killed by SIG{}", name, sigabbrev_np(WTERMSIG(*run.status))));

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <string>
 
@@ -51,12 +52,17 @@ CInterruption::CInterruption() {
 }
 
 CInterruption::~CInterruption() {
-    if (const int number = gSignal)
+    // An error message states what became of the change.
+    if (const int number = gSignal; number != 0 && std::uncaught_exceptions() == 0)
         std::cerr << "vxsched: SIG" << sigabbrev_np(number)
                   << " came after the change had begun; it was not cancelled\n";
 }
 
 void CInterruption::ChangeBegins() {
+    gStage = cBegun;
+}
+
+void CInterruption::WaitEnds() {
     gStage = cBegun;
 }
 

@@ -15,9 +15,10 @@ public:
     CInterruption(const CInterruption&) = delete;
     CInterruption& operator=(const CInterruption&) = delete;
 
-    // To be called when the change begins, and when the program that it launched is waited for.
+    // To be called when the change begins, and around the wait for the program that it launched.
     static void ChangeBegins();
     static void WaitsFor(pid_t program);
+    static void WaitEnds();
 };
 
 }  // namespace vxsched

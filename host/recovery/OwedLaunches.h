@@ -24,7 +24,7 @@ struct TOwedLaunch {
 
 std::string OwedLaunchPath(const TOwedLaunch& launch);
 
-// Writes the file. Until ForgetOwedLaunch(), the launch also counts as a launch record of this
+// Writes the file. Until the table shows the launch, it also counts as a launch record of this
 // process, so that a table that is restored does not show it as due. False, with a warning in the
 // log, if the file cannot be written: the launch is then lost if the host is killed.
 bool KeepOwedLaunch(const TOwedLaunch& launch);

@@ -149,6 +149,8 @@ public:
 
 private:
     TTaskEntry Get(std::string_view name) const;
+    bool TryReplaceAll(const std::vector<TTaskEntry>& tasks,
+                       const std::function<void(const std::string& bytes)>& canReplace) const;
     TTaskEntry TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const;
 
     TStoreOptions options;

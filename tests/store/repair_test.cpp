@@ -59,7 +59,9 @@ TEST(Salvage, TasksAfterABadOffsetAreFound) {
     bytes.replace(second, 4, "\xff\xff\xff\xff", 4);  // the length of its name
     const TSalvaged salvaged = Salvage(bytes);
     EXPECT_EQ(NamesOf(salvaged.tasks), "first third");
-    EXPECT_THAT(salvaged.notes, ElementsAre(HasSubstr(std::to_string(second))));
+    const std::size_t third = EncodeTable({cThree[0], cThree[1]}).size();
+    EXPECT_THAT(salvaged.notes, ElementsAre("bytes " + std::to_string(second) + " to " +
+                                            std::to_string(third) + " were not readable as tasks"));
 }
 
 TEST(Salvage, CountDoesNotMatter) {

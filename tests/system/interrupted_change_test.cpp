@@ -201,3 +201,19 @@ TEST(ChangeDuringATick, IsNotOverwrittenWhenADirectClientHasSetTheMutexFree) {
     EXPECT_EQ(ReadTable()[1].paused, 1U);
     EXPECT_NE(ReadTable()[0].last, 0);
 }
+
+// The tick changes the table that the import has read, so the import has to be tried again.
+TEST(ChangeDuringATick, ImportIsNotOverwrittenEither) {
+    WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("second")});
+    CHost host;
+    LoadDirectly(StartTheOnlyTask());
+    const auto import = [] {
+        return RunTool({"import", "--replace"}, {}, R"({"version": 1, "tasks": []})");
+    };
+    EXPECT_THAT(import().error, testing::HasSubstr("the table changed during the import"));
+    EXPECT_TRUE(WorkerIsIdle());
+    EXPECT_NE(ReadTable()[0].last, 0) << "the tick has saved";
+    EXPECT_EQ(import().status, 0);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(NamesInTable(), "");
+}
