@@ -103,6 +103,7 @@ void MakeLinks(const TCommon& common, const std::vector<TImported>& imported) {
         if (HasItsLink(common, one))
             MakeLink(one.task.program, one.realProgram);
     }
+    SyncLinks(common.store.directory);
 }
 
 }  // namespace
