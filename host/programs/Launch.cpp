@@ -21,6 +21,7 @@
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/LaunchedTask.h"
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
 #include "store/CLaunchEnvironment.h"
@@ -58,6 +59,21 @@ const TTask* FindTask(const char* path, char* const arguments[]) {
     return nullptr;
 }
 
+TLaunchIntent IntentOf(const TTask& task) {
+    return {FileNameOf(task.name), vxsched::TTime(std::chrono::seconds(task.nextExecution))};
+}
+
+// The tasks that are due now: those that this tick is about to launch, as seldom as not one more.
+std::vector<TLaunchIntent> FindDue() {
+    const time_t now = std::chrono::system_clock::to_time_t(CurrentMoment());
+    std::vector<TLaunchIntent> due;
+    for (const TTask* const task : **gTasks) {
+        if (task->paused == 0 && task->nextExecution <= now)
+            due.push_back(IntentOf(*task));
+    }
+    return due;
+}
+
 // What is known of a launch before it is made; `task` may be null. The tick reschedules a task
 // after its launch, so the task's next execution is still the due time.
 TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]) {
@@ -83,6 +99,8 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
                  char* const environment[]) {
     const TTask* const task = FindTask(path, arguments);
     TRunRecord run = Describe(task, path, arguments);
+    if (task != nullptr)
+        CLaunchIntents::Instance().Intend(IntentOf(*task), FindDue);
     const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     CSpawnAttributes cleanAttributes;
     cleanAttributes.ResetSignals();
