@@ -63,7 +63,8 @@ TLaunchIntent IntentOf(const TTask& task) {
     return {FileNameOf(task.name), vxsched::TTime(std::chrono::seconds(task.nextExecution))};
 }
 
-// The tasks that are due now: those that this tick is about to launch, as seldom as not one more.
+// The tasks that are due now: those that this tick is about to launch, and seldom one that has come
+// due since it began.
 std::vector<TLaunchIntent> FindDue() {
     const time_t now = std::chrono::system_clock::to_time_t(CurrentMoment());
     std::vector<TLaunchIntent> due;
