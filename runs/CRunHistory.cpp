@@ -12,8 +12,10 @@
 #include "base/CDescriptor.h"
 #include "base/OpenToAppend.h"
 #include "base/RotatedFile.h"
+#include "base/Sync.h"
 #include "store/Layout.h"
 
+using vxsched::cFilesDirectory;
 using vxsched::cHistoryFile;
 
 // Appends a line to the file. Returns the reason of a failure, or an empty string.
@@ -35,14 +37,36 @@ static std::string Append(const std::string& line) {
     return std::strerror(error);
 }
 
+// Whether a power failure has left a part of a line, which the next record must not be joined to.
+static bool EndsWithinALine() {
+    const CDescriptor file(open(cHistoryFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    char last = '\n';
+    if (file.IsOpen() && lseek(file.Get(), -1, SEEK_END) != -1)
+        static_cast<void>(!read(file.Get(), &last, 1));
+    return last != '\n';
+}
+
 void CRunHistory::Add(const TRunRecord& record) {
     if (limit == 0)
         return;
-    const std::string line = JsonLine(record);
     const std::lock_guard<std::mutex> lock(mutex);
+    const std::string line = (EndsWithinALine() ? "\n" : "") + JsonLine(record);
     if (!RotateBeyond(cHistoryFile, limit, line.size()))
         warn(fmt::format("cannot rename {}: {}; it grows beyond its size limit", cHistoryFile,
                          std::strerror(errno)));
     if (const std::string whyNot = Append(line); !whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));
+}
+
+void CRunHistory::Sync() {
+    if (limit == 0)
+        return;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const CDescriptor file(open(cHistoryFile, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.IsOpen() || !SyncFile(file.Get()))
+        warn(
+            fmt::format("cannot flush {} to the disk: {}; a power failure may lose its last "
+                        "records",
+                        cHistoryFile, std::strerror(errno)));
+    SyncDirectory(cFilesDirectory);
 }

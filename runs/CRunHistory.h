@@ -23,6 +23,9 @@ public:
     // again.
     void Add(const TRunRecord& record);
 
+    // Waits until what was added is on the disk. A failure is reported to `logWarning`.
+    void Sync();
+
 private:
     const std::uint64_t limit;
     const std::function<void(const std::string&)> warn;

@@ -8,7 +8,8 @@ using TJson = nlohmann::ordered_json;
 
 static constexpr int cVersion = 1;
 
-// The value of the field "outcome" for each outcome, and of the field "task" for missed ones.
+// The value of the field "outcome" for each outcome, and of the field "task" where no launch is
+// known of.
 struct TOutcomeNames {
     TRunRecord::EOutcome outcome;
     const char* name;
@@ -22,6 +23,8 @@ static constexpr TOutcomeNames cOutcomes[] = {
     {TRunRecord::cNotStarted, "not started", nullptr},
     {TRunRecord::cRescheduled, "missed", "rescheduled"},
     {TRunRecord::cRemoved, "missed", "removed"},
+    {TRunRecord::cLaunchUnknownRescheduled, "launch unknown", "rescheduled"},
+    {TRunRecord::cLaunchUnknownRemoved, "launch unknown", "removed"},
 };
 
 static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {

@@ -19,7 +19,7 @@ struct TUsage {
     bool operator==(const TUsage&) const = default;
 };
 
-// The record of one launch, or of one missed due time.
+// The record of one launch, or of one due time without a launch that is known of.
 struct TRunRecord {
     enum EOutcome {
         cExited,       // `number` is its exit status
@@ -29,6 +29,9 @@ struct TRunRecord {
         cNotStarted,   // the launch failed; `error` is the reason
         cRescheduled,  // missed while no host ran; the task was rescheduled
         cRemoved,      // missed while no host ran; the task, which runs once, was removed
+        // The power failed during the launch; the task was rescheduled, or removed.
+        cLaunchUnknownRescheduled,
+        cLaunchUnknownRemoved,
     };
     EOutcome outcome = cExited;
     std::optional<std::string> task;  // empty if the launch cannot be assigned to a task

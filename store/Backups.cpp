@@ -15,6 +15,7 @@
 #include <utility>
 
 #include <vxsched/Error.h>
+#include "base/Sync.h"
 #include "store/Layout.h"
 #include "store/TableFile.h"
 
@@ -209,15 +210,18 @@ void RestoreBeforeChange(const fs::path& directory) {
         ReplaceOrOverwriteTable(directory, bytes);
     else if (rename(before.c_str(), TableFile(directory).c_str()) == -1)
         throw SystemError("cannot restore the backup " + before.string(), errno);
+    SyncDirectory((directory / cFilesDirectory).c_str());
 }
 
 void KeepSnapshot(const fs::path& directory, std::string_view bytes, std::size_t most) {
     const TSeries snapshots = Snapshots(directory);
     if (most == 0 || RefreshYoungest(snapshots, bytes))
         return;
-    if (mkdir(snapshots.directory.c_str(), 0700) == -1 && errno != EEXIST)
+    if (mkdir(snapshots.directory.c_str(), 0700) == 0)
+        SyncDirectory(snapshots.directory.parent_path().c_str());
+    else if (errno != EEXIST)
         throw SystemError("cannot create " + snapshots.directory.string(), errno);
-    WriteSyncedFile(NextFile(snapshots), bytes, directory);
+    WriteNewFile(NextFile(snapshots), bytes, directory);
     RemoveAllBut(most, snapshots);
 }
 

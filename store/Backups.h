@@ -51,7 +51,7 @@ void KeepBeforeChange(const std::filesystem::path& directory, std::string_view b
 // (cDamaged).
 void RestoreBeforeChange(const std::filesystem::path& directory);
 
-// Writes a snapshot and syncs it, and removes all but the youngest `most`. If the youngest snapshot
+// Writes a snapshot, and removes all but the youngest `most`. If the youngest snapshot
 // holds the same bytes, it becomes as young as now instead: otherwise a host that is restarted over
 // and over would replace all other tables with the same one. Does nothing if `most` is 0.
 void KeepSnapshot(const std::filesystem::path& directory, std::string_view bytes, std::size_t most);

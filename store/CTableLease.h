@@ -39,9 +39,7 @@ public:
     std::string Read() const;
 
     // Overwrites the file in place, so that a process which waits to open it finds the new bytes
-    // and not a file that has been replaced. Only while cHeld. The space is allocated first; until
-    // the last byte is written the file is one that no reader takes for a valid table. Throws
-    // CError (cFailed).
+    // and not a file that has been replaced. Only while cHeld. Fails as OverwriteTable() does.
     void Overwrite(std::string_view bytes) const;
 
 private:

@@ -32,6 +32,7 @@ inline constexpr char cLockFile[] = "files/vxschedd.lock";  // of the host
 inline constexpr char cLaunchRecordDirectory[] = "files/started";
 inline constexpr char cOwedLaunchDirectory[] = "files/owed";
 inline constexpr char cHeartbeatFile[] = "files/started/alive";
+inline constexpr char cLaunchIntentsFile[] = "files/started/intents";
 
 // ---- The add-in, and its objects in IPC; their keys are derived from these names
 

@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Validation.h>
+#include "base/Sync.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -50,11 +51,13 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
     fs::create_directories(links, error);
     for (int number = 1; !error; ++number) {
         const fs::path link = links / LinkName(program, number);
-        if (IsLinkTo(link, program))
+        const bool isThere = IsLinkTo(link, program);
+        if (!isThere)
+            fs::create_symlink(program, link, error);
+        if (isThere || !error) {
+            SyncLinks(directory);
             return link.string();
-        fs::create_symlink(program, link, error);
-        if (!error)
-            return link.string();
+        }
         if (error == std::errc::file_exists)
             error.clear();
     }
@@ -66,6 +69,11 @@ void MakeLink(const std::string& path, const std::string& program) {
     fs::create_directories(fs::path(path).parent_path(), ignored);
     if (symlink(program.c_str(), path.c_str()) == -1 && !IsLinkTo(path, program))
         throw SystemError("cannot make the link " + path + " to " + program, errno);
+}
+
+void SyncLinks(const fs::path& directory) {
+    SyncDirectory(LinksOf(directory).c_str());
+    SyncDirectory((directory / cFilesDirectory).c_str());
 }
 
 bool IsLinkPath(const fs::path& directory, const std::string& program) {

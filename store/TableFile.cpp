@@ -7,12 +7,14 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <optional>
 #include <system_error>
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
 #include "base/RegularFile.h"
+#include "base/Sync.h"
 #include "base/WriteAll.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -61,16 +63,15 @@ std::optional<struct stat> StatusOf(const fs::path& table) {
     return {};
 }
 
-void Sync(int descriptor, const fs::path& path) {
-    if (fsync(descriptor) == -1)
+void RequireSynced(bool isSynced, const fs::path& path) {
+    if (!isSynced)
         throw SystemError("cannot sync " + path.string(), errno);
 }
 
-enum class EReplace { cKeepOwner, cSync, cAsPermitted };
+enum class EReplace { cKeepOwner, cAsPermitted };
 
 // Writes a temporary file, gives it the owner and mode of `like`, and renames it to `target`. With
-// cKeepOwner it fails if it may not give the file to that owner; with cSync it flushes the file
-// before the rename and the directory afterwards.
+// cKeepOwner it fails if it may not give the file to that owner.
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
              EReplace how) {
     const fs::path fresh = target.string() + cReplacementSuffix + std::to_string(getpid());
@@ -85,28 +86,22 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
         throw SystemError("cannot keep the owner of " + target.string(), errno);
     // Where `like` is a directory, only its owner is taken over.
     fchmod(descriptor.Get(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
-    if (how == EReplace::cSync)
-        Sync(descriptor.Get(), fresh);
+    RequireSynced(SyncFile(descriptor.Get()), fresh);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
-    if (how == EReplace::cSync)
-        Sync(CDescriptor(open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
-                 .Get(),
-             target.parent_path());
+    SyncDirectory(target.parent_path().c_str());
 }
 
-// Overwrites the file in place. Its space is allocated first, so that a full disk changes nothing.
-void Overwrite(const fs::path& path, std::string_view bytes) {
-    const CDescriptor descriptor = OpenRegularFile(path.c_str(), O_WRONLY);
-    const auto size = static_cast<off_t>(bytes.size());
-    struct stat former {};
-    if (!descriptor.IsOpen() || fstat(descriptor.Get(), &former) == -1)
-        throw SystemError("cannot write " + path.string(), errno);
-    if (size > former.st_size && fallocate(descriptor.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
-        throw SystemError("cannot allocate space for " + path.string(), errno);
-    Write(descriptor.Get(), bytes, path);
-    if (ftruncate(descriptor.Get(), size) == -1)
-        throw SystemError("cannot truncate " + path.string(), errno);
+void WriteAt(int descriptor, std::string_view bytes, std::size_t offset, const fs::path& path) {
+    while (!bytes.empty()) {
+        const ssize_t count =
+            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (count == -1 && errno != EINTR)
+            throw SystemError("cannot write " + path.string(), errno);
+        const std::size_t written = count > 0 ? static_cast<std::size_t>(count) : 0;
+        bytes.remove_prefix(written);
+        offset += written;
+    }
 }
 
 }  // namespace
@@ -172,16 +167,34 @@ void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) 
     try {
         ReplaceTable(directory, bytes);
     } catch (const CError&) {
-        Overwrite(TableFile(directory), bytes);
+        const fs::path file = TableFile(directory);
+        const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_WRONLY);
+        if (!descriptor.IsOpen())
+            throw SystemError("cannot write " + file.string(), errno);
+        OverwriteTable(descriptor.Get(), bytes, file);
     }
+}
+
+void OverwriteTable(int descriptor, std::string_view bytes, const fs::path& file) {
+    constexpr std::size_t cCount = sizeof(std::uint64_t);  // of tasks, at the beginning of the file
+    const auto size = static_cast<off_t>(bytes.size());
+    if (fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP)
+        throw SystemError("cannot allocate space for " + file.string(), errno);
+    // More tasks than any file has bytes: until the last step the file counts as damaged, not as a
+    // table of old and new bytes. So each step is on the disk before the next.
+    const std::string damaged(cCount, std::numeric_limits<char>::max());
+    WriteAt(descriptor, damaged, 0, file);
+    RequireSynced(SyncData(descriptor), file);
+    WriteAt(descriptor, bytes.substr(cCount), cCount, file);
+    if (ftruncate(descriptor, size) == -1)
+        throw SystemError("cannot truncate " + file.string(), errno);
+    RequireSynced(SyncData(descriptor), file);
+    WriteAt(descriptor, bytes.substr(0, cCount), 0, file);
+    RequireSynced(SyncData(descriptor), file);
 }
 
 void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
     Replace(file, bytes, StatusOf(TableFile(directory)), EReplace::cAsPermitted);
-}
-
-void WriteSyncedFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
-    Replace(file, bytes, StatusOf(TableFile(directory)), EReplace::cSync);
 }
 
 void RemoveLeftovers(const fs::path& directory) {

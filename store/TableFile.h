@@ -9,8 +9,8 @@ namespace vxsched {
 // The table's file, as bytes, and how files next to it are written. The caller holds the store mutex; a client that
 // writes, and a host that starts up, holds the writer lock as well, taken first. The paths and
 // TableState() need no lock. The functions block for disk access only, whatever is in place of the
-// table: what is no regular file is refused. Only WriteSyncedFile() flushes what it writes
-// to the disk (fsync).
+// table: what is no regular file is refused. What they write survives a power failure from their
+// return on: a file is flushed to the disk before it gets its name, then the name (base/Sync.h).
 
 // The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
@@ -42,20 +42,19 @@ std::string TableState(const std::filesystem::path& directory);
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:
-// better than an outdated table. The space is allocated before the first byte is written. A kill
-// during the overwrite leaves a mixture of old and new bytes, and so may a CError.
+// better than an outdated table. A kill, a power failure or a CError during the overwrite leaves a
+// damaged table.
 void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string_view bytes);
+
+// Overwrites an open table in place by the valid table `bytes`. The space is allocated before the
+// first byte is written; until the last one is, no reader takes the file for a valid table, not
+// even after a power failure. `file` is for messages. Throws CError (cFailed).
+void OverwriteTable(int descriptor, std::string_view bytes, const std::filesystem::path& file);
 
 // Writes `file` in one step, with the table's owner, if permitted, and mode; replaces a file of
 // that name. Throws CError (cNoAccess, cFailed); nothing is changed then.
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
-
-// Like WriteNewFile(), but the file is complete on the disk before it gets its name, and the name
-// is there when this returns. Throws CError also if the name could not be flushed; the file is
-// there then.
-void WriteSyncedFile(const std::filesystem::path& file, std::string_view bytes,
-                     const std::filesystem::path& directory);
 
 // Removes the temporary files, of the table and of its backups, that a kill has left. The caller holds both locks,
 // so that no other process is still writing one. Files that cannot be removed stay.

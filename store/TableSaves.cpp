@@ -3,7 +3,8 @@
 // The add-in rewrites its file in place. A kill or a full disk would leave a partial table, which
 // the next reader takes for a damaged one and resets. Here, what it writes goes to a temporary
 // file, which is renamed to the table when it is closed, and only if every write succeeded. A
-// reader sees the old table or the new one.
+// reader sees the old table or the new one. The file is flushed to the disk before the rename, and
+// its name afterwards, so that this holds after a power failure as well.
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
 // succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to nothing:
@@ -28,6 +29,7 @@
 
 #include "base/DynamicSymbols.h"
 #include "base/RegularFile.h"
+#include "base/Sync.h"
 #include "scheduler/TaskFields.h"
 #include "store/Layout.h"
 #include "store/TableFile.h"
@@ -46,6 +48,8 @@ bool IsTable(const char* path) {
 // The temporary file of the save in progress. There is at most one, since the store mutex is held
 // during a save.
 std::atomic<int> gTemporary{-1};
+// Likewise the table, while it is rewritten in place.
+std::atomic<int> gInPlace{-1};
 
 std::atomic<bool> gHasReadFailed{false};
 std::atomic<void (*)()> gReadFailureListener{nullptr};
@@ -119,8 +123,10 @@ int OpenToSave(int flags, mode_t mode) {
     if (gTemporary != -1)
         return cVXC_OpenAsUsual;
     const int descriptor = OpenTemporary(flags, mode);
-    if (descriptor == -1)
-        return OpenTable(flags, mode);
+    if (descriptor == -1) {
+        gInPlace = OpenTable(flags, mode);
+        return gInPlace;
+    }
     gTemporary = descriptor;
     return descriptor;
 }
@@ -149,14 +155,21 @@ int OpenFile(const char* path, int flags, unsigned int mode) {
 int CloseSave(int descriptor, bool isComplete) {
     gTemporary = -1;
     const CTemporaryPath path;
+    const int syncError = isComplete && !SyncFile(descriptor) ? errno : 0;
     int result = Close(descriptor);
+    if (result == 0 && syncError != 0) {
+        errno = syncError;
+        result = -1;
+    }
     if (result == 0 && isComplete)
         result = rename(path, cTableFile);
-    if (result != 0 || !isComplete) {
-        const int error = errno;
-        unlink(path);
-        errno = error;
+    if (result == 0 && isComplete) {
+        SyncDirectory(cFilesDirectory);
+        return result;
     }
+    const int error = errno;
+    unlink(path);
+    errno = error;
     return result;
 }
 
@@ -165,6 +178,10 @@ int CloseSave(int descriptor, bool isComplete) {
 int CloseFile(int descriptor, bool isComplete) {
     if (descriptor == gTemporary)
         return CloseSave(descriptor, isComplete);
+    if (descriptor == gInPlace) {
+        gInPlace = -1;
+        SyncFile(descriptor);
+    }
     const int result = Close(descriptor);
     if (result == -1)
         ReadFailed(errno);

@@ -134,6 +134,7 @@ void MakeLinks(const TCommon& common, std::vector<TImported>& imported) {
         else if (NeedsOwnLink(common, one))
             one.task.program = MakeSchedulable(common.store.directory, one.realProgram);
     }
+    SyncLinks(common.store.directory);
 }
 
 }  // namespace

@@ -30,9 +30,7 @@ void RequireTask(const TCommon& common, const std::string& name) {
 EColour ColourOf(const TRunRecord& run) {
     if (HasNoFailure(run))
         return EColour::cPlain;
-    return run.outcome == TRunRecord::cRescheduled || run.outcome == TRunRecord::cRemoved
-               ? EColour::cYellow
-               : EColour::cRed;
+    return HasLaunch(run) ? EColour::cRed : EColour::cYellow;
 }
 
 // The time from the due time to the launch.

@@ -70,8 +70,7 @@ std::vector<TRunRecord> LastRuns(const TCommon& common, const std::string& name)
 }
 
 bool HasRun(const TRunRecord& run) {
-    return run.outcome != TRunRecord::cNotStarted && run.outcome != TRunRecord::cRescheduled &&
-           run.outcome != TRunRecord::cRemoved;
+    return run.outcome != TRunRecord::cNotStarted && HasLaunch(run);
 }
 
 // The error for a name that the table does not have. A task that runs once is removed when it is

@@ -24,6 +24,10 @@ std::string FormatOutcome(const TRunRecord& run) {
             return "missed, rescheduled";
         case TRunRecord::cRemoved:
             return "missed, removed";
+        case TRunRecord::cLaunchUnknownRescheduled:
+            return "launch unknown, rescheduled";
+        case TRunRecord::cLaunchUnknownRemoved:
+            return "launch unknown, removed";
     }
     return "";
 }
@@ -33,6 +37,18 @@ std::string FormatOutcome(const TRunRecord& run) {
 bool HasNoFailure(const TRunRecord& run) {
     return (run.outcome == TRunRecord::cExited && run.number == 0) ||
            run.outcome == TRunRecord::cLeftRunning || run.outcome == TRunRecord::cUnknown;
+}
+
+bool HasLaunch(const TRunRecord& run) {
+    switch (run.outcome) {
+        case TRunRecord::cRescheduled:
+        case TRunRecord::cRemoved:
+        case TRunRecord::cLaunchUnknownRescheduled:
+        case TRunRecord::cLaunchUnknownRemoved:
+            return false;
+        default:
+            return true;
+    }
 }
 
 std::string FormatMoment(const std::optional<TMoment>& moment, EZone zone) {

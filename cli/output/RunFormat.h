@@ -14,8 +14,11 @@ namespace vxsched {
 std::string FormatOutcome(const TRunRecord& run);
 
 // False for a run that needs attention: it exited with a status other than 0, was killed, could not
-// start or was missed.
+// start or was missed, or it is unknown whether it was launched.
 bool HasNoFailure(const TRunRecord& run);
+
+// False for a due time without a launch that is known of.
+bool HasLaunch(const TRunRecord& run);
 
 // To the second, as FormatTime() writes it; "-" if empty.
 std::string FormatMoment(const std::optional<TMoment>& moment, EZone zone);

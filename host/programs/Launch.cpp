@@ -24,6 +24,7 @@
 #include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
 #include "host/programs/LaunchedTask.h"
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
 #include "store/CLaunchEnvironment.h"
@@ -66,6 +67,22 @@ const TTask* FindTask(const char* path, char* const arguments[]) {
                     "recorded without a task.",
                     path));
     return nullptr;
+}
+
+TLaunchIntent IntentOf(const TTask& task) {
+    return {FileNameOf(task.name), vxsched::TTime(std::chrono::seconds(task.nextExecution))};
+}
+
+// The tasks that are due now: those that this tick is about to launch, and seldom one that has come
+// due since it began.
+std::vector<TLaunchIntent> FindDue() {
+    const time_t now = std::chrono::system_clock::to_time_t(CurrentMoment());
+    std::vector<TLaunchIntent> due;
+    for (const TTask* const task : **gTasks) {
+        if (task->paused == 0 && task->nextExecution <= now)
+            due.push_back(IntentOf(*task));
+    }
+    return due;
 }
 
 // What is known of a launch before it is made; `task` may be null. The tick reschedules a task
@@ -201,7 +218,10 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const arguments[],
                  char* const environment[]) {
-    TRunRecord run = Describe(FindTask(path, arguments), path, arguments);
+    const TTask* const task = FindTask(path, arguments);
+    TRunRecord run = Describe(task, path, arguments);
+    if (task != nullptr)
+        CLaunchIntents::Instance().Intend(IntentOf(*task), FindDue);
     const int result = LaunchWithRetries(run, {.path = path,
                                                .actions = actions,
                                                .attributes = attributes,

@@ -19,6 +19,7 @@
 #include <vxsched/SchedulingProcess.h>
 #include "host/CHostLog.h"
 #include "host/HostThread.h"
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
@@ -39,6 +40,14 @@ constexpr int cNoTimeout = -1;
 
 std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
     return vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
+}
+
+// Removes what was kept of launches until the table shows them.
+void SettleLaunches(const std::vector<TLaunchRecord>& records,
+                    const std::vector<TTaskEntry>& tasks) {
+    for (const TLaunchRecord& record : FindSettled(records, tasks))
+        RemoveLaunchRecord(record);
+    CLaunchIntents::Instance().Settle(tasks);
 }
 
 void LogErrors(const std::vector<std::string>& notes) {
@@ -286,9 +295,10 @@ bool CTableGuard::Examine(const std::string& bytes) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
         return false;
     }
-    for (const TLaunchRecord& record : FindSettled(records, tasks))
-        RemoveLaunchRecord(record);
+    // After the snapshot: should a power failure damage the table, what it is repaired from has to
+    // show the launches too.
     Keep(bytes);
+    SettleLaunches(records, tasks);
     return true;
 }
 
@@ -336,8 +346,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
     LogError(fmt::format("{}: the table is restored, with {} task(s)", reason, tasks.size()));
-    for (const TLaunchRecord& record : FindSettled(ReadLaunchRecords(), tasks))
-        RemoveLaunchRecord(record);
+    SettleLaunches(ReadLaunchRecords(), tasks);
     wereTasksDeleted = false;
     ReadEvents();
     saves = {};

@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
+#include "base/Sync.h"
 #include "host/CHostLog.h"
 #include "host/TaskFileName.h"
 #include "store/Grid.h"
@@ -30,7 +31,11 @@ bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
 }
 
 bool MakeLaunchRecordDirectory() {
-    if (mkdir(cLaunchRecordDirectory, 0755) == 0 || errno == EEXIST)
+    if (mkdir(cLaunchRecordDirectory, 0755) == 0) {
+        SyncDirectory(vxsched::cFilesDirectory);
+        return true;
+    }
+    if (errno == EEXIST)
         return true;
     LogWarning(
         fmt::format("cannot create {}: {}. If this host is killed during a tick, the next one may "

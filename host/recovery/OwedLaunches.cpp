@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
+#include "base/Sync.h"
 #include "host/CHostLog.h"
 #include "host/TaskFileName.h"
 #include "store/Layout.h"
@@ -30,6 +31,8 @@ bool KeepOwedLaunch(const TOwedLaunch& launch) {
         if (mkdir(vxsched::cOwedLaunchDirectory, 0755) == -1 && errno != EEXIST)
             throw vxsched::SystemError(
                 fmt::format("cannot create {}", vxsched::cOwedLaunchDirectory), errno);
+        // The table that shows the launch as made is flushed to the disk after this.
+        SyncDirectory(vxsched::cFilesDirectory);
         vxsched::WriteNewFile(OwedLaunchPath(launch),
                               vxsched::EncodeTable({{.name = launch.task,
                                                      .next = launch.due,

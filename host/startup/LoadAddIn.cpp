@@ -6,6 +6,7 @@
 #include "base/CDeadline.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "host/recovery/OwedLaunches.h"
 #include "host/startup/CStoreGate.h"
@@ -48,14 +49,21 @@ static std::vector<TTaskEntry> RepairTable(std::chrono::milliseconds timeout) {
 }
 
 static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
-    for (const TRunRecord& run : prepared.missed) {
+    for (const TRunRecord& run : prepared.notLaunched) {
         const std::string due = UtcTime(*run.due);
-        LogWarning(fmt::format("missed while no host ran: task \"{}\", due {}, {}: {} \"{}\"",
-                               *run.task, due.empty() ? "in a year that no calendar has" : due,
-                               run.outcome == TRunRecord::cRescheduled ? "rescheduled" : "removed",
-                               run.program, run.parameter));
+        const bool isUnknown = run.outcome == TRunRecord::cLaunchUnknownRescheduled ||
+                               run.outcome == TRunRecord::cLaunchUnknownRemoved;
+        const bool isRescheduled = run.outcome == TRunRecord::cRescheduled ||
+                                   run.outcome == TRunRecord::cLaunchUnknownRescheduled;
+        LogWarning(fmt::format(
+            "{}: task \"{}\", due {}, {}: {} \"{}\"",
+            isUnknown ? "launch unknown after a power failure" : "missed while no host ran",
+            *run.task, due.empty() ? "in a year that no calendar has" : due,
+            isRescheduled ? "rescheduled" : "removed", run.program, run.parameter));
         history.Add(run);
     }
+    if (!prepared.notLaunched.empty())
+        history.Sync();
     for (const TTaskEntry& task : prepared.late)
         LogNotice(
             fmt::format("task \"{}\" was due at {} while the previous host was up, which ended "
@@ -70,15 +78,17 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
     const std::vector<TTaskEntry> tasks = RepairTable(options.lockTimeout);
     const std::vector<TLaunchRecord> records = ReadLaunchRecords();
     SettleOwedLaunches(records, tasks);
+    const std::vector<TLaunchIntent> intents = CLaunchIntents::Instance().Open();
     const vxsched::TTime now = vxsched::Now();
-    const TPrepared prepared = PrepareTable(tasks, records, previous, now);
-    // Reported before the table is written: if the host is killed in between, a missed time is
-    // reported twice rather than never.
+    const TPrepared prepared = PrepareTable(tasks, records, intents, previous, now);
+    // Reported before the table is written: if the host is killed in between, or the power fails, a
+    // missed time is reported twice rather than never.
     ReportPrepared(prepared, history);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
     for (const TLaunchRecord& record : records)
         RemoveLaunchRecord(record);
+    CLaunchIntents::Instance().Clear();
     return BeginningOfUptime(prepared, now);
 }
 

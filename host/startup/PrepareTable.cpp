@@ -18,9 +18,17 @@ static bool IsLate(const TTaskEntry& task, const std::optional<TUptime>& previou
            task.next >= previous->since - cCreationAllowance && task.next <= previous->until;
 }
 
-static TRunRecord MissedRun(const TTaskEntry& task) {
+static bool IsIntended(const std::vector<TLaunchIntent>& intents, const TTaskEntry& task) {
+    return std::any_of(intents.begin(), intents.end(), [&](const TLaunchIntent& intent) {
+        return intent.IsOf(task.name, task.next);
+    });
+}
+
+// `outcome` if the task runs once, `outcomeOfRepeating` otherwise.
+static TRunRecord RunOf(const TTaskEntry& task, TRunRecord::EOutcome outcome,
+                        TRunRecord::EOutcome outcomeOfRepeating) {
     TRunRecord record;
-    record.outcome = task.period == 0 ? TRunRecord::cRemoved : TRunRecord::cRescheduled;
+    record.outcome = task.period == 0 ? outcome : outcomeOfRepeating;
     record.task = task.name;
     record.due = task.next;
     record.program = task.program;
@@ -29,23 +37,30 @@ static TRunRecord MissedRun(const TTaskEntry& task) {
 }
 
 TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TLaunchRecord>& records,
+                       const std::vector<TLaunchIntent>& intents,
                        const std::optional<TUptime>& previous, TTime now) {
     ApplyLaunchRecords(records, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
-        if (task.paused || task.next >= now) {
+        // Also a task that is due later, because the clock was set back.
+        const bool isIntended = IsIntended(intents, task);
+        if (!isIntended && (task.paused || task.next >= now)) {
             prepared.tasks.push_back(std::move(task));
             continue;
         }
-        if (IsLate(task, previous)) {
+        if (!isIntended && IsLate(task, previous)) {
             prepared.late.push_back(task);
             prepared.tasks.push_back(std::move(task));
             continue;
         }
-        prepared.missed.push_back(MissedRun(task));
+        prepared.notLaunched.push_back(
+            isIntended ? RunOf(task, TRunRecord::cLaunchUnknownRemoved,
+                               TRunRecord::cLaunchUnknownRescheduled)
+                       : RunOf(task, TRunRecord::cRemoved, TRunRecord::cRescheduled));
         if (task.period == 0)
             continue;
-        task.next = vxsched::NextOnGrid(task.next, vxsched::StepOf(task.period), now);
+        task.next = vxsched::NextOnGrid(task.next, vxsched::StepOf(task.period),
+                                        std::max(now, task.next + std::chrono::seconds(1)));
         prepared.tasks.push_back(std::move(task));
     }
     return prepared;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <vxsched/Table.h>
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "host/recovery/Uptime.h"
 #include "runs/RunRecord.h"
@@ -11,19 +12,22 @@
 // The table as it should be before the add-in loads it, and what to report about the changes.
 struct TPrepared {
     std::vector<vxsched::TTaskEntry> tasks;
-    std::vector<TRunRecord> missed;         // due while no host ran: rescheduled, or removed
+    std::vector<TRunRecord> notLaunched;    // missed or unknown: rescheduled, or removed
     std::vector<vxsched::TTaskEntry> late;  // due while the previous host was up: to be launched
 };
 
 // Decides about the active tasks that are due at `now`:
 // - A task that was launched is rescheduled; `records` are of launches that the table does not
 //   show.
+// - A task that is in `intents`, those of a former boot, was launched or not: the power failed before
+//   its launch record was on the disk. It is rescheduled or removed as a missed one is.
 // - A task that came due during `previous`, the uptime of the previous host, stays due.
 // - Any other was missed: it is rescheduled on its grid, or removed if it runs once, as the
 //   add-in's load would do.
 // Paused tasks stay as they are.
 TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks,
                        const std::vector<TLaunchRecord>& records,
+                       const std::vector<TLaunchIntent>& intents,
                        const std::optional<TUptime>& previous, vxsched::TTime now);
 
 // Returns when the uptime of this host begins: with the earliest due time that it took over, else

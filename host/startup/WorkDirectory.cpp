@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/Sync.h"
 #include "host/CHostError.h"
 #include "store/Layout.h"
 
@@ -33,7 +34,9 @@ static bool May(const std::string& path, int access) {
 void EnterDirectory(const std::string& directory) {
     if (chdir(directory.c_str()) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
-    if (mkdir(cFilesDirectory, 0755) == -1 && errno != EEXIST)
+    if (mkdir(cFilesDirectory, 0755) == 0)
+        SyncDirectory(".");
+    else if (errno != EEXIST)
         throw CHostError(cNoDirectory, CannotCreate(directory, errno));
     // The add-in would treat a table without write permission as empty, and log nothing.
     if (!May(cTableFile, R_OK | W_OK) && errno != ENOENT)

@@ -106,6 +106,11 @@ extern "C" int fsync(int descriptor) {
     return IsOfTheStore(descriptor) && Fails("fsync", EIO) ? -1 : system(descriptor);
 }
 
+extern "C" int fdatasync(int descriptor) {
+    static auto* const system = NextDefinition<int(int)>("fdatasync");
+    return IsOfTheStore(descriptor) && Fails("fdatasync", EIO) ? -1 : system(descriptor);
+}
+
 extern "C" int rename(const char* from, const char* to) noexcept {
     static auto* const system = NextDefinition<int(const char*, const char*)>("rename");
     return IsOfTheStore(to) && Fails("rename", ENOSPC) ? -1 : system(from, to);

@@ -79,6 +79,15 @@ TEST_F(RunHistory, MovedAwayItBeginsAnew) {
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(2));
 }
 
+TEST_F(RunHistory, RecordIsNotJoinedToWhatAPowerFailureHasLeftOfALine) {
+    WriteFile(cHistory, NumberedLine(1) + std::string(20, '\0'));
+    CRunHistory history(1 << 20, Warn);
+    history.Add(Numbered(2));
+    history.Sync();
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + std::string(20, '\0') + '\n' + NumberedLine(2));
+    EXPECT_FALSE(std::filesystem::exists("log"));
+}
+
 TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
     CRunHistory history(1 << 20, Warn);
     history.Add(Numbered(1));

@@ -63,6 +63,9 @@ TEST(RunRecord, OfAMissedDueTimeHasWhatBecameOfTheTask) {
         "\n");
     record.outcome = TRunRecord::cRemoved;
     EXPECT_NE(JsonLine(record).find(R"("task":"removed")"), std::string::npos);
+    record.outcome = TRunRecord::cLaunchUnknownRemoved;
+    EXPECT_NE(JsonLine(record).find(R"("outcome":"launch unknown",)"), std::string::npos);
+    EXPECT_NE(JsonLine(record).find(R"("task":"removed")"), std::string::npos);
 }
 
 TEST(RunRecord, OfAProgramLeftRunningHasNoEnd) {
@@ -101,7 +104,8 @@ TEST(RunRecord, StaysOneLineOfJsonWhateverItsStringsHold) {
 TEST(RunRecord, IsReadBackAsItWasWritten) {
     for (const TRunRecord::EOutcome outcome :
          {TRunRecord::cExited, TRunRecord::cKilled, TRunRecord::cUnknown, TRunRecord::cLeftRunning,
-          TRunRecord::cNotStarted, TRunRecord::cRescheduled, TRunRecord::cRemoved}) {
+          TRunRecord::cNotStarted, TRunRecord::cRescheduled, TRunRecord::cRemoved,
+          TRunRecord::cLaunchUnknownRescheduled, TRunRecord::cLaunchUnknownRemoved}) {
         TRunRecord record = Exited();
         record.outcome = outcome;
         record.error = outcome == TRunRecord::cNotStarted ? "No such file" : "";

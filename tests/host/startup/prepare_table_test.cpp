@@ -6,6 +6,7 @@
 #include "host/startup/PrepareTable.h"
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,16 +18,22 @@ using vxsched::TTime;
 
 static std::string Named(const std::vector<TRunRecord>& missed) {
     std::string names;
-    for (const TRunRecord& run : missed)
-        names +=
-            *run.task + (run.outcome == TRunRecord::cRescheduled ? " rescheduled;" : " removed;");
+    for (const TRunRecord& run : missed) {
+        static const std::map<TRunRecord::EOutcome, std::string> outcomes = {
+            {TRunRecord::cRescheduled, " rescheduled;"},
+            {TRunRecord::cRemoved, " removed;"},
+            {TRunRecord::cLaunchUnknownRescheduled, " unknown, rescheduled;"},
+            {TRunRecord::cLaunchUnknownRemoved, " unknown, removed;"}};
+        names += *run.task + outcomes.at(run.outcome);
+    }
     return names;
 }
 
 static TPrepared Prepared(const std::vector<TTaskEntry>& table,
                           const std::vector<TLaunchRecord>& records = {},
-                          const std::optional<TUptime>& previous = {}) {
-    return PrepareTable(table, records, previous, cNow);
+                          const std::optional<TUptime>& previous = {},
+                          const std::vector<TLaunchIntent>& intents = {}) {
+    return PrepareTable(table, records, intents, previous, cNow);
 }
 
 static std::string NamesOf(const std::vector<TTaskEntry>& tasks) {
@@ -46,14 +53,14 @@ TEST(PrepareTable, TasksThatWereDueAreRescheduledOrRemoved) {
                                            Task("paused", Later(-1), "/p", "", 1, true),
                                            Task("once paused", Later(-1), "/p", "", 0, true)};
     const TPrepared prepared = Prepared(table);
-    EXPECT_EQ(Named(prepared.missed), "past rescheduled;once past removed;");
+    EXPECT_EQ(Named(prepared.notLaunched), "past rescheduled;once past removed;");
     EXPECT_EQ(NamesOf(prepared.tasks), "past;now;future;once now;once future;paused;once paused;");
     EXPECT_EQ(prepared.tasks[0].next, Later(3599)) << "on its grid";
     EXPECT_EQ(prepared.tasks[5], table[6]) << "a paused one stays as it is";
 }
 
 TEST(PrepareTable, MissedOnesHaveTheirDueTimeAndCommand) {
-    const auto missed = Prepared({Task("past", Later(-7), "/bin/run", "x")}).missed;
+    const auto missed = Prepared({Task("past", Later(-7), "/bin/run", "x")}).notLaunched;
     ASSERT_EQ(missed.size(), 1U);
     EXPECT_EQ(missed[0].due, Later(-7));
     EXPECT_EQ(missed[0].program, "/bin/run");
@@ -69,7 +76,7 @@ TEST(PrepareTable, TasksThatCameDueUnderThePreviousHostStayDue) {
     const TPrepared prepared =
         Prepared(table, {}, TUptime{.since = Later(-90'000), .until = Later(-7)});
     EXPECT_EQ(NamesOf(prepared.late), "while up;once while up;early;");
-    EXPECT_EQ(Named(prepared.missed), "later rescheduled;long ago rescheduled;");
+    EXPECT_EQ(Named(prepared.notLaunched), "later rescheduled;long ago rescheduled;");
     EXPECT_EQ(BeginningOfUptime(prepared, cNow), Later(-90'000))
         << "in case this host is killed too";
     EXPECT_EQ(BeginningOfUptime(Prepared(table), cNow), cNow);
@@ -82,7 +89,7 @@ TEST(PrepareTable, ProgramWhoseLaunchEndedThePreviousHostIsNotLaunchedAgain) {
         Prepared({Task("bad", Later(-7), "/bin/a.sh", ""), Task("good", Later(-7), "/p", "")}, {},
                  TUptime{.since = Later(-60), .until = cNow});
     EXPECT_EQ(NamesOf(prepared.late), "good;");
-    EXPECT_EQ(Named(prepared.missed), "bad rescheduled;");
+    EXPECT_EQ(Named(prepared.notLaunched), "bad rescheduled;");
 }
 
 TEST(PrepareTable, WithoutAPreviousHostNothingStaysDue) {
@@ -90,7 +97,7 @@ TEST(PrepareTable, WithoutAPreviousHostNothingStaysDue) {
         Prepared({Task("at zero", TTime(), "/p", ""),
                   Task("once before", TTime() - std::chrono::minutes(1), "/p", "", 0)});
     EXPECT_EQ(NamesOf(prepared.late), "");
-    EXPECT_EQ(Named(prepared.missed), "at zero rescheduled;once before removed;");
+    EXPECT_EQ(Named(prepared.notLaunched), "at zero rescheduled;once before removed;");
 }
 
 TEST(PrepareTable, LaunchedTasksAreNotLaunchedAgain) {
@@ -107,5 +114,29 @@ TEST(PrepareTable, LaunchedTasksAreNotLaunchedAgain) {
     EXPECT_EQ(prepared.tasks[0].next, Later(3593));
     EXPECT_EQ(prepared.tasks[0].last, Later(-6));
     EXPECT_EQ(NamesOf(prepared.late), "not;");
-    EXPECT_EQ(Named(prepared.missed), "");
+    EXPECT_EQ(Named(prepared.notLaunched), "");
+}
+
+TEST(PrepareTable, IntentWithoutALaunchRecordLeavesALaunchUnknown) {
+    const std::vector<TTaskEntry> table = {Task("launched", Later(-7), "/p", ""),
+                                           Task("perhaps", Later(-7), "/p", ""),
+                                           Task("once perhaps", Later(-7), "/p", "", 0),
+                                           Task("after a clock set back", Later(7), "/p", ""),
+                                           Task("shown", Later(3593), "/p", ""),
+                                           Task("not", Later(-7), "/p", "")};
+    std::vector<TLaunchIntent> intents;
+    for (std::size_t index = 0; index < 4; ++index)
+        intents.push_back({FileNameOf(table[index].name), table[index].next});
+    intents.push_back({"shown", Later(-7)});
+    intents.push_back({"gone", Later(-7)});
+    const TPrepared prepared =
+        Prepared(table, {{.task = "launched", .due = Later(-7), .launched = Later(-6)}},
+                 TUptime{.since = Later(-60), .until = cNow}, intents);
+    EXPECT_EQ(Named(prepared.notLaunched),
+              "perhaps unknown, rescheduled;once perhaps unknown, removed;"
+              "after a clock set back unknown, rescheduled;");
+    EXPECT_EQ(NamesOf(prepared.late), "not;");
+    EXPECT_EQ(NamesOf(prepared.tasks), "launched;perhaps;after a clock set back;shown;not;");
+    EXPECT_EQ(prepared.tasks[1].next, Later(3593));
+    EXPECT_EQ(prepared.tasks[2].next, Later(3607));
 }
