@@ -10,9 +10,9 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include <vxsched/Error.h>
+#include "base/SignalName.h"
 #include "base/Spawn.h"
 #include "base/WriteAll.h"
 #include "client/Fields.h"
@@ -96,7 +96,7 @@ std::string CChangeProcess::WaitForEnd() {
     }
     process = -1;
     if (WIFSIGNALED(status))
-        return fmt::format("was killed by SIG{}", sigabbrev_np(WTERMSIG(status)));
+        return "was killed by " + SignalName(WTERMSIG(status));
     return fmt::format("exited with status {}", WEXITSTATUS(status));
 }
 

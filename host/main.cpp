@@ -15,6 +15,7 @@
 #include <memory>
 #include <system_error>
 
+#include "base/SignalName.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
@@ -257,7 +258,7 @@ static void Run(const THostOptions& options) {
             loop.WaitForStop();
         service.Stopping();
         if (loop.StopSignal())
-            LogInfo(fmt::format("stopping on SIG{}", sigabbrev_np(*loop.StopSignal())));
+            LogInfo("stopping on " + SignalName(*loop.StopSignal()));
     }
     guard.End();
     heartbeat.Stop();

@@ -5,9 +5,10 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <iostream>
 #include <string>
+
+#include "base/SignalName.h"
 
 namespace vxsched {
 
@@ -52,7 +53,7 @@ CInterruption::CInterruption() {
 
 CInterruption::~CInterruption() {
     if (const int number = gSignal)
-        std::cerr << "vxsched: SIG" << sigabbrev_np(number)
+        std::cerr << "vxsched: " << SignalName(number)
                   << " came after the change had begun; it was not cancelled\n";
 }
 
