@@ -164,6 +164,20 @@ TEST(WedgedMutex, OfWhichAProcessMayBeTheHolderIsReportedByARepair) {
     });
 }
 
+TEST(WedgedMutex, IsNotAssumedByARepairThatMayNotWait) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Wedge();
+        const TToolRun run = RunTool({"--lock-timeout", "0", "repair"});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_NE(run.error.find("within 0 ms; nothing was changed: a wedged one is set free once "
+                                 "it was seen unchanged for 2000 ms"),
+                  std::string::npos)
+            << run.error;
+        EXPECT_EQ(StoreSemaphoreValue(), 0);
+    });
+}
+
 // A client that makes a change may hold the mutex in any of its waits.
 TEST(WedgedMutex, IsNotAssumedByStatusDuringAChange) {
     Inspectable([] {
