@@ -9,6 +9,7 @@
 #include <limits>
 
 #include <vxsched/Error.h>
+#include "base/WriteAll.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -40,15 +41,8 @@ bool IsGranted(int descriptor, int kind) {
 
 void WriteAt(int descriptor, std::string_view bytes, std::size_t offset,
              const std::filesystem::path& path) {
-    while (!bytes.empty()) {
-        const ssize_t count =
-            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (count == -1 && errno != EINTR)
-            throw SystemError("cannot write " + path.string(), errno);
-        const std::size_t written = count > 0 ? static_cast<std::size_t>(count) : 0;
-        bytes.remove_prefix(written);
-        offset += written;
-    }
+    if (!WriteAllAt(descriptor, bytes, static_cast<off_t>(offset)))
+        throw SystemError("cannot write " + path.string(), errno);
 }
 
 }  // namespace
@@ -100,6 +94,8 @@ CTableLease::EState CTableLease::StateWithoutLease() const {
 }
 
 std::string CTableLease::Read() const {
+    if (lseek(descriptor.Get(), 0, SEEK_SET) == -1)
+        throw SystemError("cannot read " + path.string(), errno);
     return ReadBytes(descriptor.Get(), path);
 }
 
