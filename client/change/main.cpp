@@ -83,8 +83,8 @@ const CWriterLock* gWriterLock = nullptr;
 int ReplaceStoreMutex(int /*removed*/) noexcept {
     try {
         return OpenOrMakeStoreMutex().id;
-    } catch (const CError&) {
-        return -1;
+    } catch (const std::exception&) {
+        return -1;  // also when memory is exhausted
     }
 }
 
@@ -93,7 +93,7 @@ void HealStoreMutex() noexcept {
     try {
         if (healer.Observe() == CMutexHealer::cUnchanged)
             healer.Heal(*gWriterLock);
-    } catch (const CError&) {
+    } catch (const std::exception&) {
         // The add-in goes on waiting; the client ends this process after its time limit.
     }
 }
