@@ -1,7 +1,6 @@
 #include "base/DynamicSymbols.h"
 
 #include <elf.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <system_error>
 
 #include "base/CDescriptor.h"
+#include "base/RegularFile.h"
 
 namespace {
 
@@ -18,12 +18,10 @@ namespace {
 class CLibraryFile {
 public:
     explicit CLibraryFile(const std::string& path)
-        : descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        : descriptor(OpenRegularFile(path.c_str(), O_RDONLY)) {
         struct stat status {};
         if (!descriptor.IsOpen() || fstat(descriptor.Get(), &status) == -1)
             throw std::system_error(errno, std::generic_category());
-        if (S_ISDIR(status.st_mode))
-            throw std::system_error(EISDIR, std::generic_category());
         fileSize = static_cast<std::uint64_t>(status.st_size);
     }
 

@@ -13,5 +13,5 @@ struct TDynamicSymbols {
 
 // Reads the file at `path` and does not load it, since a load has effects. Empty if it is not a
 // shared library for x86-64; of a damaged one, what can be read. Throws std::system_error if the
-// file cannot be read. Blocks for disk access only, and on a FIFO.
+// file cannot be read or is none, a FIFO for instance. Blocks for disk access only.
 std::optional<TDynamicSymbols> ReadDynamicSymbols(const std::string& path);

@@ -28,6 +28,12 @@ bool WriteAll(int descriptor, std::string_view bytes) {
         bytes, [&](const char* data, std::size_t size) { return write(descriptor, data, size); });
 }
 
+bool WriteAllAt(int descriptor, std::string_view bytes, off_t offset) {
+    return RepeatUntilAllIsWritten(bytes, [&](const char* data, std::size_t size) {
+        return pwrite(descriptor, data, size, offset + (data - bytes.data()));
+    });
+}
+
 bool SendAll(int socket, std::string_view bytes) {
     return RepeatUntilAllIsWritten(bytes, [&](const char* data, std::size_t size) {
         return send(socket, data, size, MSG_NOSIGNAL);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string_view>
 
 // Write all of `bytes`, in as many calls as it takes; interrupted ones are repeated. Block as
@@ -7,6 +9,9 @@
 // written then. Any thread may call them.
 
 bool WriteAll(int descriptor, std::string_view bytes);
+
+// To a file, from `offset` bytes after its begin on; its position stays where it is.
+bool WriteAllAt(int descriptor, std::string_view bytes, off_t offset);
 
 // To a socket; raises no SIGPIPE if the other end is closed.
 bool SendAll(int socket, std::string_view bytes);

@@ -10,9 +10,10 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include <vxsched/Error.h>
+#include "base/CDeadline.h"
+#include "base/SignalName.h"
 #include "base/Spawn.h"
 #include "base/WriteAll.h"
 #include "client/Fields.h"
@@ -69,6 +70,7 @@ void CChangeProcess::Kill() const {
 }
 
 std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> limit) {
+    const auto deadline = limit ? std::optional<CDeadline>(*limit) : std::nullopt;
     for (;;) {
         std::string left = received;
         const std::optional<std::string> kind = TakeField(left);
@@ -77,7 +79,8 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
             return TMessage{*kind, std::move(*content)};
         }
         pollfd input{.fd = socket, .events = POLLIN, .revents = 0};
-        const int ready = poll(&input, 1, limit ? static_cast<int>(limit->count()) : -1);
+        const timespec timeLeft = deadline ? deadline->TimeLeft() : timespec();
+        const int ready = ppoll(&input, 1, deadline ? &timeLeft : nullptr, nullptr);
         if (ready == 0)
             throw MakeError(EError::cBusy, "the change process sent no message for {} ms",
                             limit->count());
@@ -96,7 +99,7 @@ std::string CChangeProcess::WaitForEnd() {
     }
     process = -1;
     if (WIFSIGNALED(status))
-        return fmt::format("was killed by SIG{}", sigabbrev_np(WTERMSIG(status)));
+        return "was killed by " + SignalName(WTERMSIG(status));
     return fmt::format("exited with status {}", WEXITSTATUS(status));
 }
 

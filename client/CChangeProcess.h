@@ -22,7 +22,8 @@ public:
     CChangeProcess(const CChangeProcess&) = delete;
     CChangeProcess& operator=(const CChangeProcess&) = delete;
 
-    // Waits for the next message, for at most `limit`, or without limit if that is empty.
+    // Waits for the next message, for at most `limit`, also if signal handlers run meanwhile, or
+    // without limit if that is empty.
     // Empty when the process has ended. Throws CError (cBusy) on a timeout.
     std::optional<TMessage> Next(std::optional<std::chrono::milliseconds> limit);
 

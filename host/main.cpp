@@ -15,6 +15,8 @@
 #include <memory>
 #include <system_error>
 
+#include <vxsched/Error.h>
+#include "base/SignalName.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
@@ -92,9 +94,9 @@ static void OnReadFailure() {
 // -1 if there is none.
 static std::atomic<int> gMadeSet{-1};
 
-// The next two functions run on the thread that locks: the worker, or the main thread.
+// The next three functions run on the thread that locks: the worker, or the main thread.
 
-static int ReplaceStoreMutex(int removed) noexcept {
+static int TryToReplaceStoreMutex(int removed) {
     static std::atomic<int> lastRemoved{-1};
     try {
         const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
@@ -106,10 +108,18 @@ static int ReplaceStoreMutex(int removed) noexcept {
                 "exits normally: going on with {}. Have such processes end by _exit().",
                 set.isMade ? "a new one" : "the one that another process has made since"));
         return set.id;
-    } catch (const std::exception& error) {
+    } catch (const vxsched::CError& error) {
         if (lastRemoved.exchange(removed) != removed)
             LogError(fmt::format("the store mutex was removed and is missing: {}", error.what()));
         return -1;
+    }
+}
+
+static int ReplaceStoreMutex(int removed) noexcept {
+    try {
+        return TryToReplaceStoreMutex(removed);
+    } catch (const std::exception&) {
+        return -1;  // memory is exhausted, so that even the log may fail
     }
 }
 
@@ -257,7 +267,7 @@ static void Run(const THostOptions& options) {
             loop.WaitForStop();
         service.Stopping();
         if (loop.StopSignal())
-            LogInfo(fmt::format("stopping on SIG{}", sigabbrev_np(*loop.StopSignal())));
+            LogInfo("stopping on " + SignalName(*loop.StopSignal()));
     }
     guard.End();
     heartbeat.Stop();

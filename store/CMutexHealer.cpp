@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include <vxsched/Error.h>
+#include "base/SemaphoreRelease.h"
 
 namespace vxsched {
 
@@ -23,12 +24,19 @@ void SetFree(int set) {
 }
 
 // Takes all of a value above 1 at once, so that nobody takes a part of it while it is set to 1. The
-// undo frees the mutex again if this process is killed before that.
+// undo frees the mutex again if this process is killed before that. If somebody has changed the
+// value meanwhile, gives back what it took, as far as that still counts: after a load of the add-in
+// it does not.
 bool TakeAll(const TMutexState& state) {
     sembuf take{
         .sem_num = 0, .sem_op = static_cast<short>(-state.value), .sem_flg = IPC_NOWAIT | SEM_UNDO};
-    return semop(state.set, &take, 1) == 0 && semctl(state.set, 0, GETPID) == getpid() &&
-           semctl(state.set, 0, GETVAL) == 0;
+    if (semop(state.set, &take, 1) != 0)
+        return false;
+    if (semctl(state.set, 0, GETPID) == getpid() && semctl(state.set, 0, GETVAL) == 0)
+        return true;
+    for (int taken = state.value; taken > 0 && ReleaseIfTaken(state.set) == 0; --taken) {
+    }
+    return false;
 }
 
 // The time of the last use does not count here: the system also sets it at the end of each process

@@ -70,10 +70,7 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
             throw CError(EError::cBusy,
                          "the store mutex is held, last by process " + std::to_string(holder) +
                              ", and did not become free within " +
-                             std::to_string(lockTimeout.count()) +
-                             " ms; nothing was changed. A tick holds it for two seconds for each "
-                             "launch; try again, or with a longer lock timeout" +
-                             notHealed);
+                             std::to_string(lockTimeout.count()) + " ms" + notHealed);
         }
         if (errno != EINTR)
             throw SystemError("cannot take the store mutex", errno);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include <vxsched/Error.h>
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -83,6 +84,8 @@ CTableLease::EState CTableLease::StateWithoutLease() const {
 }
 
 std::string CTableLease::Read() const {
+    if (lseek(descriptor.Get(), 0, SEEK_SET) == -1)
+        throw SystemError("cannot read " + path.string(), errno);
     return ReadBytes(descriptor.Get(), path);
 }
 

@@ -35,7 +35,7 @@ public:
 
     EState State() const { return state; }
 
-    // The bytes of the file. Only while cHeld. Throws CError (cFailed).
+    // All bytes of the file. Only while cHeld. Throws CError (cFailed).
     std::string Read() const;
 
     // Overwrites the file in place, so that a process which waits to open it finds the new bytes

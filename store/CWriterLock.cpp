@@ -31,8 +31,7 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
             throw CError(EError::cBusy,
                          "the writer lock of " + directory.string() +
                              " is held by other processes and did not become free within " +
-                             std::to_string(lockTimeout.count()) +
-                             " ms; nothing was changed; try again, or with a longer lock timeout");
+                             std::to_string(lockTimeout.count()) + " ms");
     }
 }
 

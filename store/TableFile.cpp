@@ -93,15 +93,8 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
 }
 
 void WriteAt(int descriptor, std::string_view bytes, std::size_t offset, const fs::path& path) {
-    while (!bytes.empty()) {
-        const ssize_t count =
-            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (count == -1 && errno != EINTR)
-            throw SystemError("cannot write " + path.string(), errno);
-        const std::size_t written = count > 0 ? static_cast<std::size_t>(count) : 0;
-        bytes.remove_prefix(written);
-        offset += written;
-    }
+    if (!WriteAllAt(descriptor, bytes, static_cast<off_t>(offset)))
+        throw SystemError("cannot write " + path.string(), errno);
 }
 
 }  // namespace

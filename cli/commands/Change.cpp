@@ -3,11 +3,11 @@
 #include <fmt/format.h>
 #include <sys/wait.h>
 
-#include <cstring>
 #include <iostream>
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
+#include "base/SignalName.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
@@ -157,7 +157,7 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
     CInterruption::WaitEnds();
     if (WIFSIGNALED(*run.status)) {
         PrintLine(output,
-                  fmt::format("{} was killed by SIG{}", name, sigabbrev_np(WTERMSIG(*run.status))));
+                  fmt::format("{} was killed by {}", name, SignalName(WTERMSIG(*run.status))));
         return cRefusedStatus;
     }
     PrintLine(output, fmt::format("{} exited with status {}", name, WEXITSTATUS(*run.status)));

@@ -5,10 +5,11 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
+
+#include "base/SignalName.h"
 
 namespace vxsched {
 
@@ -54,7 +55,7 @@ CInterruption::CInterruption() {
 CInterruption::~CInterruption() {
     // An error message states what became of the change.
     if (const int number = gSignal; number != 0 && std::uncaught_exceptions() == 0)
-        std::cerr << "vxsched: SIG" << sigabbrev_np(number)
+        std::cerr << "vxsched: " << SignalName(number)
                   << " came after the change had begun; it was not cancelled\n";
 }
 

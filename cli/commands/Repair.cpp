@@ -4,10 +4,10 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/Repair.h>
+#include "base/CDeadline.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "store/Backups.h"
@@ -21,20 +21,19 @@ namespace vxsched {
 
 namespace {
 
-using TClock = std::chrono::steady_clock;
-
 constexpr std::chrono::milliseconds cPause(100);
 
 // Sets the store mutex free if it is wedged. Takes the writer lock, and waits until the mutex was
-// observed for long enough or is free, at most for the lock timeout.
+// observed for long enough or is free, at most for the lock timeout; looks at least once.
 void HealMutex(const TCommon& common, COutput& output) {
     CMutexHealer healer;
     if (healer.Observe() == CMutexHealer::cFree)
         return;
     const CWriterLock writerLock(common.store.directory, common.store.lockTimeout);
-    const TClock::time_point end = TClock::now() + common.store.lockTimeout;
-    std::string why = "it is in use";
-    while (TClock::now() < end) {
+    const CDeadline deadline(common.store.lockTimeout);
+    std::string why = fmt::format("a wedged one is set free once it was seen unchanged for {} ms",
+                                  CMutexHealer::cUnchangedTime.count());
+    do {
         const CMutexHealer::EUse use = healer.Observe();
         if (use == CMutexHealer::cFree)
             return;
@@ -50,8 +49,7 @@ void HealMutex(const TCommon& common, COutput& output) {
             if (result.holder)
                 why = Describe(*result.holder);
         }
-        std::this_thread::sleep_for(cPause);
-    }
+    } while (deadline.Pause(cPause));
     throw CError(EError::cBusy, "the store mutex is held and did not become free within " +
                                     std::to_string(common.store.lockTimeout.count()) +
                                     " ms; nothing was changed: " + why);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -14,6 +15,7 @@
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
 #include "store/CMutexHealer.h"
+#include "store/CWriterLock.h"
 #include "store/MutexHolders.h"
 #include "store/StoreMutexState.h"
 #include "store/TableFile.h"
@@ -36,9 +38,19 @@ struct TStatus {
     std::uintmax_t size = 0;
 };
 
+// The writer lock, without a wait; empty where it is held or there is none.
+std::unique_ptr<CWriterLock> TryTakeWriterLock(const std::filesystem::path& directory) {
+    try {
+        return std::make_unique<CWriterLock>(directory, std::chrono::milliseconds(0));
+    } catch (const CError&) {
+        return nullptr;
+    }
+}
+
 // Examines a held mutex, unless its last user holds it. Otherwise waits until the state was the same
-// for a while or changes.
-void FindHolder(TStatus& status) {
+// for a while or changes. Without the writer lock it finds nothing: the holder may be a client that
+// makes a change, whose waits look like those of one that holds nothing.
+void FindHolder(const std::filesystem::path& directory, TStatus& status) {
     constexpr std::chrono::milliseconds cPause(100);
     const auto mayBeLast = [&](const std::optional<TPossibleHolder>& holder) {
         return holder && holder->process == status.mutex->lastProcess &&
@@ -51,6 +63,9 @@ void FindHolder(TStatus& status) {
     while (healer.Observe() == CMutexHealer::cInUse && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(cPause);
     if (healer.Observe() == CMutexHealer::cInUse)
+        return;
+    const std::unique_ptr<CWriterLock> writerLock = TryTakeWriterLock(directory);
+    if (!writerLock)
         return;
     status.mutex = InspectStoreMutex();
     if (!status.mutex || status.mutex->value != 0)
@@ -68,7 +83,7 @@ TStatus ReadStatus(const TCommon& common) {
     // last use.
     try {
         status.mutex = InspectStoreMutex();
-        FindHolder(status);
+        FindHolder(common.store.directory, status);
     } catch (const CError& error) {
         status.mutexError = error.what();
     }

@@ -1,7 +1,8 @@
 #include "cli/output/RunFormat.h"
 
 #include <fmt/format.h>
-#include <string.h>
+
+#include "base/SignalName.h"
 
 namespace vxsched {
 
@@ -9,11 +10,8 @@ std::string FormatOutcome(const TRunRecord& run) {
     switch (run.outcome) {
         case TRunRecord::cExited:
             return fmt::format("exited {}", run.number);
-        case TRunRecord::cKilled: {
-            const char* const name = sigabbrev_np(run.number);
-            return name != nullptr ? fmt::format("killed by {}", name)
-                                   : fmt::format("killed by signal {}", run.number);
-        }
+        case TRunRecord::cKilled:
+            return "killed by " + SignalName(run.number);
         case TRunRecord::cUnknown:
             return "unknown";
         case TRunRecord::cLeftRunning:

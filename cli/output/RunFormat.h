@@ -10,7 +10,7 @@
 
 namespace vxsched {
 
-// The outcome: "exited 3", "killed by KILL", "missed, rescheduled".
+// The outcome: "exited 3", "killed by SIGKILL", "missed, rescheduled".
 std::string FormatOutcome(const TRunRecord& run);
 
 // False for a run that needs attention: it exited with a status other than 0, was killed, could not

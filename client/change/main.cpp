@@ -83,8 +83,8 @@ const CWriterLock* gWriterLock = nullptr;
 int ReplaceStoreMutex(int /*removed*/) noexcept {
     try {
         return OpenOrMakeStoreMutex().id;
-    } catch (const CError&) {
-        return -1;
+    } catch (const std::exception&) {
+        return -1;  // also when memory is exhausted
     }
 }
 
@@ -93,7 +93,7 @@ void HealStoreMutex() noexcept {
     try {
         if (healer.Observe() == CMutexHealer::cUnchanged)
             healer.Heal(*gWriterLock);
-    } catch (const CError&) {
+    } catch (const std::exception&) {
         // The add-in goes on waiting; the client ends this process after its time limit.
     }
 }
@@ -103,6 +103,20 @@ void HealStoreMutex() noexcept {
 void KeepLocking(const CWriterLock& writerLock) {
     gWriterLock = &writerLock;
     FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
+}
+
+// Takes a lock before the change has begun.
+template <typename Lock, typename... Arguments>
+Lock LockForChange(const Arguments&... arguments) {
+    try {
+        return Lock(arguments...);
+    } catch (const CError& error) {
+        if (error.Code() != EError::cBusy)
+            throw;
+        throw MakeError(EError::cBusy,
+                        "{}; nothing was changed; try again, or with a longer lock timeout",
+                        error.what());
+    }
 }
 
 // Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
@@ -127,7 +141,8 @@ bool MayBegin() {
 // sets it free, ends no other process's hold; the load is its release. If the load fails, the
 // kernel releases the mutex at the end of this process.
 std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
-    CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
+    auto lock =
+        LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
     // A direct client's load during a tick sets the mutex free. What this process saved then, the
     // end of the tick would overwrite.
     if (request.hasScheduler && !IsWorkerIdle()) {
@@ -258,7 +273,8 @@ void Serve(TRequest& request) {
     });
     std::string bytes;
     {
-        const CWriterLock writerLock(".", std::chrono::milliseconds(request.lockTimeout));
+        const auto writerLock =
+            LockForChange<CWriterLock>(".", std::chrono::milliseconds(request.lockTimeout));
         const std::optional<CAddIn> addIn = Load(request, writerLock);
         if (!addIn)
             return;

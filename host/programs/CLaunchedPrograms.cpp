@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
+#include "base/SignalName.h"
 #include "host/CHostLog.h"
 
 static std::string DescriptionOf(const TRunRecord& run) {
@@ -131,10 +131,8 @@ void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage
     run.usage = {.user = TimeOf(usage.ru_utime),
                  .system = TimeOf(usage.ru_stime),
                  .peakMemory = usage.ru_maxrss};
-    const char* const signal = sigabbrev_np(run.number);
     const std::string how = run.outcome == TRunRecord::cKilled
-                                ? fmt::format("was killed by signal {} ({})", run.number,
-                                              signal != nullptr ? signal : "real-time")
+                                ? "was killed by " + SignalName(run.number)
                                 : fmt::format("exited with status {}", run.number);
     const std::string message = fmt::format(
         "process {} {} after {:.1f} s (user {:.3f} s, system {:.3f} s, peak memory {} KiB), {}",

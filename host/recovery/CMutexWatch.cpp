@@ -32,6 +32,14 @@ void CMutexWatch::LookIfDue() {
         return;
     next.reset();
     try {
+        TryToLook();
+    } catch (const std::exception&) {
+        next = TClock::now() + cInterval;  // out of memory; may succeed later
+    }
+}
+
+void CMutexWatch::TryToLook() {
+    try {
         Look();
     } catch (const vxsched::CError& error) {
         if (error.Code() == vxsched::EError::cBusy)

@@ -21,12 +21,14 @@ public:
     // The timeout of a poll(), -1 for none, such that it ends for the next look.
     int LimitTimeout(int timeout) const;
 
-    // Blocks no longer than the look takes.
+    // Blocks no longer than the look takes. Never throws: a look that fails for want of memory is
+    // made again.
     void LookIfDue();
 
 private:
     using TClock = std::chrono::steady_clock;
 
+    void TryToLook();
     void Look();
     bool Heal();
 

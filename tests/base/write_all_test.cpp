@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "Process.h"
 #include "base/CDescriptor.h"
 #include "base/WriteAll.h"
 
@@ -48,8 +49,19 @@ TEST(WriteAll, SendsToASocketInSeveralCalls) {
     EXPECT_EQ(received, cMany);
 }
 
+TEST(WriteAll, WritesAtAPlaceAndLeavesThePositionAlone) {
+    WriteFile("file", "0123456789");
+    const CDescriptor file(open("file", O_RDWR | O_CLOEXEC));
+    EXPECT_TRUE(WriteAllAt(file.Get(), "abc", 4));
+    EXPECT_TRUE(WriteAllAt(file.Get(), "", 100));
+    EXPECT_EQ(lseek(file.Get(), 0, SEEK_CUR), 0);
+    EXPECT_EQ(ReadFile("file"), "0123abc789");
+}
+
 TEST(WriteAll, FailureIsThatOfTheCall) {
     const CDescriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_FALSE(WriteAllAt(full.Get(), "bytes", 5));
+    EXPECT_EQ(errno, ENOSPC);
     EXPECT_FALSE(WriteAll(full.Get(), "bytes"));
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_TRUE(WriteAll(full.Get(), ""));

@@ -96,6 +96,13 @@ TEST(TableLease, WriterWaitsUntilItEnds) {
     EXPECT_EQ(ReadFile(cFile), "") << "the writer has truncated the file that is still there";
 }
 
+TEST(TableLease, ReadsAllOfTheFileEachTime) {
+    WriteFile(cFile, "0123456789");
+    const CTableLease lease(cFile);
+    EXPECT_EQ(lease.Read(), "0123456789");
+    EXPECT_EQ(lease.Read(), "0123456789");
+}
+
 TEST(TableLease, OverwritesALongerAndAShorterFile) {
     struct stat before {};
     struct stat after {};

@@ -178,6 +178,7 @@ TEST(CliSafety, LockOfAStoppedHolderIsNotBroken) {
     const TToolRun run = RunTool({"resume", "a", "--lock-timeout", "0.1"});
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.error, testing::HasSubstr("process " + std::to_string(holder.Id())));
+    EXPECT_THAT(run.error, testing::HasSubstr("nothing was changed; try again"));
     WaitUntil([&] {
         holder.Kill(SIGCONT);
         return StoreSemaphoreValue() == 1;

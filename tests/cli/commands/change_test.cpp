@@ -101,6 +101,20 @@ TEST_F(Cli, RunLaunchesTheProgramAndReportsItsExit) {
     ExpectRefused(3, "nobody", {"run", "nobody"});
 }
 
+TEST_F(Cli, RunReportsTheSignalThatKilledTheProgram) {
+    for (const auto& [parameters, end] : std::vector<std::pair<std::string, std::string>>{
+             {"signal 15", "a was killed by SIGTERM\n"},
+             {"signal 40", "a was killed by signal 40\n"}}) {
+        TRow row = Later("a");
+        row.program = PROGRAMS "/end-with";
+        row.parameters = parameters;
+        WriteTable({row});
+        const TToolRun run = RunTool({"run", "a", "--wait"});
+        EXPECT_EQ(run.status, 1) << run.error;
+        EXPECT_THAT(run.output, HasSubstr(end));
+    }
+}
+
 TEST_F(Cli, ListShowsRunningProgramsWithTheirProcess) {
     TRow row = Later("a");
     row.program = PROGRAMS "/wait-for-it";

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
+#include "store/CWriterLock.h"
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -15,6 +17,7 @@
 #include "WedgedMutex.h"
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 static constexpr char cSetFree[] = "it is set free";
 
@@ -158,6 +161,32 @@ TEST(WedgedMutex, OfWhichAProcessMayBeTheHolderIsReportedByARepair) {
         EXPECT_NE(run.error.find("process " + std::to_string(other.Id())), std::string::npos)
             << run.error;
         EXPECT_EQ(StoreSemaphoreValue(), 0);
+    });
+}
+
+TEST(WedgedMutex, IsNotAssumedByARepairThatMayNotWait) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Wedge();
+        const TToolRun run = RunTool({"--lock-timeout", "0", "repair"});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_NE(run.error.find("within 0 ms; nothing was changed: a wedged one is set free once "
+                                 "it was seen unchanged for 2000 ms"),
+                  std::string::npos)
+            << run.error;
+        EXPECT_EQ(StoreSemaphoreValue(), 0);
+    });
+}
+
+// A client that makes a change may hold the mutex in any of its waits.
+TEST(WedgedMutex, IsNotAssumedByStatusDuringAChange) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Wedge();
+        const vxsched::CWriterLock change(".", 0ms);
+        const std::string output = RunTool({"--lock-timeout", "0", "status"}).output;
+        EXPECT_NE(output.find("Mutex      held by process "), std::string::npos) << output;
+        EXPECT_EQ(output.find("may hold it"), std::string::npos) << output;
     });
 }
 

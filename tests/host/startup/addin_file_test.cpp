@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include "host/startup/AddInFile.h"
 
 #include <filesystem>
@@ -51,6 +52,12 @@ TEST(AddInFile, TruncatedAnywhereIsNone) {
         WriteFile("short", bytes.substr(0, size));
         EXPECT_NE(WhyNotAnAddIn("short"), "") << size;
     }
+}
+
+// A host that waited for the other end would keep the directory lock.
+TEST(AddInFile, PipeIsNotWaitedFor) {
+    ASSERT_EQ(mkfifo("pipe", 0600), 0);
+    EXPECT_EQ(WhyNotAnAddIn("pipe"), "cannot read the file: Operation not supported");
 }
 
 // A host in this directory, with the support library of another maker in its process.
