@@ -243,8 +243,9 @@ private:
                 return user == EUser::cClient ||
                        (user == EUser::cHost &&
                         (arguments[1] != cLogDescriptors || arguments[2] != cLogTimeout));
-            // A client that waits for its change process, for a lock or for a launched program. Under
-            // the mutex it does this only in a change, for which it would need the writer lock.
+            // A client that waits for its change process, for a lock or for a launched program.
+            // Under the mutex it does this only in a change, for which it would need the writer
+            // lock.
             case SYS_clock_nanosleep:
             case SYS_nanosleep:
             case SYS_wait4:

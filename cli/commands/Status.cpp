@@ -36,8 +36,8 @@ struct TStatus {
     std::uintmax_t size = 0;
 };
 
-// Examines a held mutex, unless its last user holds it. Otherwise waits until the state was the same
-// for a while or changes.
+// Examines a held mutex, unless its last user holds it. Otherwise waits until the state was the
+// same for a while or changes.
 void FindHolder(TStatus& status) {
     constexpr std::chrono::milliseconds cPause(100);
     const auto mayBeLast = [&](const std::optional<TPossibleHolder>& holder) {

@@ -44,9 +44,9 @@ static void WaitForWaiters(int count) {
 
 // ---- Interposed: the clock and the wait --------------------------------------------------------
 
-// Called by CEvent. While gWaits is not null, the monotonic clock is that of the test, and a wait is
-// only recorded, in nanoseconds; it then takes 200 ms and is interrupted by a signal handler, or runs
-// out if it was shorter.
+// Called by CEvent. While gWaits is not null, the monotonic clock is that of the test, and a wait
+// is only recorded, in nanoseconds; it then takes 200 ms and is interrupted by a signal handler, or
+// runs out if it was shorter.
 static std::vector<long>* gWaits = nullptr;
 static long gClock = 0;
 
