@@ -5,10 +5,10 @@
 #include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/CDeadline.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
@@ -47,9 +47,9 @@ void FindHolder(TStatus& status) {
     if (!status.mutex || status.mutex->value != 0 || mayBeLast(FindPossibleHolder(*status.mutex)))
         return;
     CMutexHealer healer;
-    const auto end = std::chrono::steady_clock::now() + 2 * CMutexHealer::cUnchangedTime;
-    while (healer.Observe() == CMutexHealer::cInUse && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(cPause);
+    const CDeadline deadline(2 * CMutexHealer::cUnchangedTime);
+    while (healer.Observe() == CMutexHealer::cInUse && deadline.Pause(cPause)) {
+    }
     if (healer.Observe() == CMutexHealer::cInUse)
         return;
     status.mutex = InspectStoreMutex();
