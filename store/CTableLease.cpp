@@ -6,16 +6,14 @@
 
 #include <cerrno>
 #include <ctime>
-#include <limits>
 
 #include <vxsched/Error.h>
+#include "base/SameFile.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
 
 namespace {
-
-constexpr std::size_t cCount = sizeof(std::uint64_t);  // of tasks, at the beginning of the file
 
 sigset_t JustSigio() {
     sigset_t set;
@@ -26,29 +24,13 @@ sigset_t JustSigio() {
 
 bool IsFileAt(int descriptor, const std::filesystem::path& path) {
     struct stat opened {};
-    struct stat named {};
-    return fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) &&
-           stat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev &&
-           named.st_ino == opened.st_ino;
+    return fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && IsSameFile(path, opened);
 }
 
 // Asks for the lease, with SIGIO to this thread instead of the process.
 bool IsGranted(int descriptor, int kind) {
     f_owner_ex owner{.type = F_OWNER_TID, .pid = gettid()};
     return fcntl(descriptor, F_SETOWN_EX, &owner) == 0 && fcntl(descriptor, F_SETLEASE, kind) == 0;
-}
-
-void WriteAt(int descriptor, std::string_view bytes, std::size_t offset,
-             const std::filesystem::path& path) {
-    while (!bytes.empty()) {
-        const ssize_t count =
-            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (count == -1 && errno != EINTR)
-            throw SystemError("cannot write " + path.string(), errno);
-        const std::size_t written = count > 0 ? static_cast<std::size_t>(count) : 0;
-        bytes.remove_prefix(written);
-        offset += written;
-    }
 }
 
 }  // namespace
@@ -104,17 +86,7 @@ std::string CTableLease::Read() const {
 }
 
 void CTableLease::Overwrite(std::string_view bytes) const {
-    const auto size = static_cast<off_t>(bytes.size());
-    if (fallocate(descriptor.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP)
-        throw SystemError("cannot allocate space for " + path.string(), errno);
-    // More tasks than any file has bytes: the file counts as damaged, not as a table of old and new
-    // bytes, if a kill or a power failure interrupts this.
-    const std::string damaged(cCount, std::numeric_limits<char>::max());
-    WriteAt(descriptor.Get(), damaged, 0, path);
-    WriteAt(descriptor.Get(), bytes.substr(cCount), cCount, path);
-    if (ftruncate(descriptor.Get(), size) == -1)
-        throw SystemError("cannot truncate " + path.string(), errno);
-    WriteAt(descriptor.Get(), bytes.substr(0, cCount), 0, path);
+    OverwriteTable(descriptor.Get(), bytes, path);
 }
 
 bool IsBeingSaved(const std::filesystem::path& directory, std::string_view bytes) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <optional>
 #include <system_error>
 
@@ -95,18 +96,17 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
              target.parent_path());
 }
 
-// Overwrites the file in place. Its space is allocated first, so that a full disk changes nothing.
-void Overwrite(const fs::path& path, std::string_view bytes) {
-    const CDescriptor descriptor = OpenRegularFile(path.c_str(), O_WRONLY);
-    const auto size = static_cast<off_t>(bytes.size());
-    struct stat former {};
-    if (!descriptor.IsOpen() || fstat(descriptor.Get(), &former) == -1)
-        throw SystemError("cannot write " + path.string(), errno);
-    if (size > former.st_size && fallocate(descriptor.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1)
-        throw SystemError("cannot allocate space for " + path.string(), errno);
-    Write(descriptor.Get(), bytes, path);
-    if (ftruncate(descriptor.Get(), size) == -1)
-        throw SystemError("cannot truncate " + path.string(), errno);
+void WriteAt(int descriptor, std::string_view bytes, std::size_t offset,
+             const std::filesystem::path& path) {
+    while (!bytes.empty()) {
+        const ssize_t count =
+            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (count == -1 && errno != EINTR)
+            throw SystemError("cannot write " + path.string(), errno);
+        const std::size_t written = count > 0 ? static_cast<std::size_t>(count) : 0;
+        bytes.remove_prefix(written);
+        offset += written;
+    }
 }
 
 }  // namespace
@@ -172,8 +172,26 @@ void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) 
     try {
         ReplaceTable(directory, bytes);
     } catch (const CError&) {
-        Overwrite(TableFile(directory), bytes);
+        const fs::path file = TableFile(directory);
+        const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_WRONLY);
+        if (!descriptor.IsOpen())
+            throw SystemError("cannot write " + file.string(), errno);
+        OverwriteTable(descriptor.Get(), bytes, file);
     }
+}
+
+void OverwriteTable(int descriptor, std::string_view bytes, const fs::path& file) {
+    constexpr std::size_t cCount = sizeof(std::uint64_t);  // of tasks, at the beginning
+    const auto size = static_cast<off_t>(bytes.size());
+    if (fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP)
+        throw SystemError("cannot allocate space for " + file.string(), errno);
+    // More tasks than any file has bytes.
+    const std::string damaged(cCount, std::numeric_limits<char>::max());
+    WriteAt(descriptor, damaged, 0, file);
+    WriteAt(descriptor, bytes.substr(cCount), cCount, file);
+    if (ftruncate(descriptor, size) == -1)
+        throw SystemError("cannot truncate " + file.string(), errno);
+    WriteAt(descriptor, bytes.substr(0, cCount), 0, file);
 }
 
 void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {

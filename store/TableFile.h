@@ -42,9 +42,14 @@ std::string TableState(const std::filesystem::path& directory);
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:
-// better than an outdated table. The space is allocated before the first byte is written. A kill
-// during the overwrite leaves a mixture of old and new bytes, and so may a CError.
+// better than an outdated table. A CError may leave a damaged table then, see OverwriteTable().
 void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string_view bytes);
+
+// Overwrites a file that is open for writing, by the bytes of a table; `file` is for messages. The
+// space is allocated first, so that a full disk changes nothing. Until the last byte is written,
+// the file counts as damaged, not as a table of old and new bytes: a kill, a power failure or a
+// CError (cNoAccess, cFailed) may leave it so.
+void OverwriteTable(int descriptor, std::string_view bytes, const std::filesystem::path& file);
 
 // Writes `file` in one step, with the table's owner, if permitted, and mode; replaces a file of
 // that name. Throws CError (cNoAccess, cFailed); nothing is changed then.
