@@ -1,5 +1,6 @@
-// The functions of the library fmt, compiled once for the programs that are to start without its shared library: in the
-// header-only way each source would compile all of them again. They are the ones that fmt's own library instantiates.
+// The functions of the library fmt, compiled once for the programs that are to start without its
+// shared library: in the header-only way each source would compile all of them again. They are the
+// ones that fmt's own library instantiates.
 
 #include <fmt/format-inl.h>
 

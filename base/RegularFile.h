@@ -16,10 +16,9 @@
 inline constexpr int cNotAFile = ENOTSUP;
 
 // Opens a regular file, close-on-exec; follows links unless `flags` say otherwise. `flags` and
-// `mode` are those of open(). Never waits for the other end of a FIFO,
-// only for a lease that another process holds. On failure returns a closed
-// descriptor, with errno: that of open(), EISDIR for a directory, cNotAFile for anything else that
-// is no file.
+// `mode` are those of open(). Never waits for the other end of a FIFO, only for a lease that
+// another process holds. On failure returns a closed descriptor, with errno: that of open(), EISDIR
+// for a directory, cNotAFile for anything else that is no file.
 CDescriptor OpenRegularFile(const char* path, int flags, mode_t mode = 0);
 
 // Reads a regular file to its end into `bytes`. Blocks for disk access only. Returns false, with

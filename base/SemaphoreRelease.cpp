@@ -15,10 +15,9 @@ int ReleaseIfTaken(int set) {
     constexpr auto cStep = [](short change, short flags) {
         return sembuf{.sem_num = 0, .sem_op = change, .sem_flg = flags};
     };
-    sembuf operations[] = {
-        cStep(cHalf, SEM_UNDO), cStep(-cHalf, 0),        cStep(cHalf, SEM_UNDO),
-        cStep(-cHalf, 0),       cStep(1, SEM_UNDO),  // fails with ERANGE unless the number was at least 1
-        cStep(cHalf, 0),        cStep(-cHalf, SEM_UNDO), cStep(cHalf, 0),
-        cStep(-cHalf, SEM_UNDO)};
+    // The step of 1 fails with ERANGE unless the number was at least 1.
+    sembuf operations[] = {cStep(cHalf, SEM_UNDO),  cStep(-cHalf, 0),   cStep(cHalf, SEM_UNDO),
+                           cStep(-cHalf, 0),        cStep(1, SEM_UNDO), cStep(cHalf, 0),
+                           cStep(-cHalf, SEM_UNDO), cStep(cHalf, 0),    cStep(-cHalf, SEM_UNDO)};
     return semop(set, operations, std::size(operations));
 }

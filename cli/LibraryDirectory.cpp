@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include "store/Layout.h"
+
 namespace vxsched {
 
 // The command has the client library linked into itself, so it searches the directories of
@@ -12,7 +14,7 @@ std::string LibraryDirectory() {
     const std::filesystem::path root =
         std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
     for (const char* const directory : {"lib", VXSCHED_LIBRARY_DIRECTORY}) {
-        if (std::filesystem::exists(root / directory / "vantrix" / "vxsched-change", ignored))
+        if (std::filesystem::exists(root / directory / cChangeProgramFile, ignored))
             return root / directory;
     }
     return root / VXSCHED_LIBRARY_DIRECTORY;

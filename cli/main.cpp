@@ -15,6 +15,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
+#include "store/Layout.h"
 #include "store/MakeError.h"
 #include "store/TableFile.h"
 
@@ -360,7 +361,7 @@ void CCommandLine::AddMaintenance() {
 void CCommandLine::WarnIfNoHostHasRun() const {
     std::error_code ignored;
     if (std::filesystem::is_directory(directory, ignored) &&
-        !std::filesystem::exists(directory + "/files", ignored))
+        !std::filesystem::exists(std::filesystem::path(directory) / cFilesDirectory, ignored))
         std::cerr << "vxsched: no host has run in " << directory
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }

@@ -18,6 +18,7 @@
 #include "base/WriteAll.h"
 #include "client/Fields.h"
 #include "client/LibraryDirectory.h"
+#include "store/Layout.h"
 #include "store/MakeError.h"
 
 namespace vxsched {
@@ -27,7 +28,7 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == -1)
         throw SystemError("cannot make a socket pair for the change process", errno);
     socket = ends[0];
-    std::string program = LibraryDirectory() + "/vantrix/vxsched-change";
+    std::string program = LibraryDirectory() + '/' + cChangeProgramFile;
     std::array<char*, 2> arguments = {program.data(), nullptr};
     CSpawnActions actions;
     actions.Duplicate(ends[1], STDIN_FILENO);

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr int cNoSet = -1;
+// Of one wait; the same as CStoreMutexLock's, so that a wedged mutex is found as soon by either.
 constexpr timespec cSlice{.tv_sec = 1, .tv_nsec = 0};
 
 TSemaphoreHandlers gHandlers{nullptr, nullptr};  // set before another thread locks

@@ -12,9 +12,10 @@ struct TSemaphoreHandlers {
 };
 
 // From now on, follows the set on which the next lock operation is made: one operation of -1, which
-// waits. A program calls this right before it loads the add-in, whose load locks. Lock operations on
-// that set are made on its replacement once it is gone. A release is made on the set on which its
-// thread last locked; if that is gone, the release fails, because on the replacement it would let
-// two holders in at once. For the same reason it does nothing, and succeeds, if another process has
-// set the value since, as a load of the add-in does. Both handlers run on the thread that locks.
+// waits. A program calls this right before it loads the add-in, whose load locks. Lock operations
+// on that set are made on its replacement once it is gone. A release is made on the set on which
+// its thread last locked; if that is gone, the release fails, because on the replacement it would
+// let two holders in at once. For the same reason it does nothing, and succeeds, if another process
+// has set the value since, as a load of the add-in does. Both handlers run on the thread that
+// locks.
 void FollowNextLockedSet(const TSemaphoreHandlers& handlers);

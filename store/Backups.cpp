@@ -170,6 +170,46 @@ bool RefreshYoungest(const TSeries& snapshots, std::string_view bytes) {
     return utimensat(AT_FDCWD, found.front().path.c_str(), nullptr, 0) == 0;
 }
 
+// Removes the copy, unless the table has changed: then the copy may be the only complete one.
+void RemoveCopy(const fs::path& quarantine, const fs::path& directory, std::string_view damaged) {
+    try {
+        if (ReadTableBytes(directory) == damaged)
+            unlink(quarantine.c_str());
+    } catch (const CError&) {
+        // The table cannot be compared: keep the copy.
+    }
+}
+
+fs::path ReplaceKeepingCopy(const fs::path& directory, std::string_view damaged,
+                            std::string_view repaired) {
+    fs::path quarantine = Quarantine(directory, damaged);
+    try {
+        ReplaceOrOverwriteTable(directory, repaired);
+    } catch (const CError&) {
+        RemoveCopy(quarantine, directory, damaged);
+        throw;
+    }
+    return quarantine;
+}
+
+// Needs disk space for the repaired table only. The damaged file gets a second name before it is
+// replaced, so nothing may be written into it in place: that would change both.
+fs::path ReplaceKeepingLink(const fs::path& directory, std::string_view repaired) {
+    std::error_code error;
+    const fs::path table = fs::canonical(TableFile(directory), error);
+    fs::path quarantine = NextFile(QuarantineOf(directory));
+    if (link(table.c_str(), quarantine.c_str()) == -1)
+        throw SystemError("cannot quarantine the damaged table as " + quarantine.string(), errno);
+    try {
+        ReplaceTable(directory, repaired);
+    } catch (const CError&) {
+        unlink(quarantine.c_str());
+        throw;
+    }
+    RemoveAllBut(cMostQuarantined, QuarantineOf(directory));
+    return quarantine;
+}
+
 }  // namespace
 
 std::vector<TBackupFile> ListBackups(const fs::path& directory) {
@@ -231,50 +271,6 @@ fs::path Quarantine(const fs::path& directory, std::string_view bytes) {
     RemoveAllBut(cMostQuarantined, QuarantineOf(directory));
     return file;
 }
-
-namespace {
-
-// Removes the copy, unless the table has changed: then the copy may be the only complete one.
-void RemoveCopy(const fs::path& quarantine, const fs::path& directory, std::string_view damaged) {
-    try {
-        if (ReadTableBytes(directory) == damaged)
-            unlink(quarantine.c_str());
-    } catch (const CError&) {
-        // The table cannot be compared: keep the copy.
-    }
-}
-
-fs::path ReplaceKeepingCopy(const fs::path& directory, std::string_view damaged,
-                            std::string_view repaired) {
-    fs::path quarantine = Quarantine(directory, damaged);
-    try {
-        ReplaceOrOverwriteTable(directory, repaired);
-    } catch (const CError&) {
-        RemoveCopy(quarantine, directory, damaged);
-        throw;
-    }
-    return quarantine;
-}
-
-// Needs disk space for the repaired table only. The damaged file gets a second name before it is
-// replaced, so nothing may be written into it in place: that would change both.
-fs::path ReplaceKeepingLink(const fs::path& directory, std::string_view repaired) {
-    std::error_code error;
-    const fs::path table = fs::canonical(TableFile(directory), error);
-    fs::path quarantine = NextFile(QuarantineOf(directory));
-    if (link(table.c_str(), quarantine.c_str()) == -1)
-        throw SystemError("cannot quarantine the damaged table as " + quarantine.string(), errno);
-    try {
-        ReplaceTable(directory, repaired);
-    } catch (const CError&) {
-        unlink(quarantine.c_str());
-        throw;
-    }
-    RemoveAllBut(cMostQuarantined, QuarantineOf(directory));
-    return quarantine;
-}
-
-}  // namespace
 
 fs::path ReplaceDamaged(const fs::path& directory, std::string_view damaged,
                         std::string_view repaired) {

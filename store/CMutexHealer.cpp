@@ -1,5 +1,6 @@
 #include "store/CMutexHealer.h"
 
+#include <fmt/format.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
@@ -8,17 +9,14 @@
 
 #include <vxsched/Error.h>
 #include "base/SemaphoreRelease.h"
+#include "store/SemaphoreArgument.h"
 
 namespace vxsched {
 
 namespace {
 
 void SetFree(int set) {
-    union {
-        int val;
-        struct semid_ds* buf;
-    } argument{};
-    argument.val = 1;
+    const TSemaphoreArgument argument{.val = 1};
     if (semctl(set, 0, SETVAL, argument) == -1 && errno != EINVAL && errno != EIDRM)
         throw SystemError("cannot set the store mutex free", errno);
 }
@@ -77,9 +75,10 @@ std::string DescribeHealed(const CMutexHealer::TResult& result) {
     if (result.value == 0)
         return "the store mutex was held by nobody and could not be taken: it is set free. A "
                "process that loads the add-in by itself leaves it so";
-    return "the store mutex let " + std::to_string(result.value) +
-           " processes in at once: it is set to let in one. A process that loads the add-in by "
-           "itself leaves it so";
+    return fmt::format(
+        "the store mutex let {} processes in at once: it is set to let in one. A process "
+        "that loads the add-in by itself leaves it so",
+        result.value);
 }
 
 }  // namespace vxsched

@@ -9,6 +9,8 @@
 
 #include <array>
 
+#include "store/Layout.h"
+
 namespace vxsched {
 
 namespace {
@@ -47,7 +49,8 @@ std::vector<gid_t> GroupsOf(const struct stat& files) {
 
 COwnerAccess::COwnerAccess(const std::filesystem::path& directory) {
     struct stat files {};
-    if (geteuid() != 0 || stat((directory / "files").c_str(), &files) != 0 || files.st_uid == 0)
+    if (geteuid() != 0 || stat((directory / cFilesDirectory).c_str(), &files) != 0 ||
+        files.st_uid == 0)
         return;
     const std::vector<gid_t> groups = GroupsOf(files);
     isActing = true;

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include <vxsched/Error.h>
+#include "base/SameFile.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -23,10 +24,7 @@ sigset_t JustSigio() {
 
 bool IsFileAt(int descriptor, const std::filesystem::path& path) {
     struct stat opened {};
-    struct stat named {};
-    return fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) &&
-           stat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev &&
-           named.st_ino == opened.st_ino;
+    return fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && IsSameFile(path, opened);
 }
 
 // Asks for the lease, with SIGIO to this thread instead of the process.

@@ -32,9 +32,9 @@ struct TEntryFields {
     TLike<std::uint32_t> paused;
 };
 
-// Passes the fields of a task to `transfer` one by one, in the order of the file: a TField of
-// its kind of string, TTime or std::uint32_t. `flag` takes the place of TTaskEntry::paused, since the file
-// may hold any number.
+// Passes the fields of a task to `transfer` one by one, in the order of the file: a TField of its
+// kind of string, TTime or std::uint32_t. `flag` takes the place of TTaskEntry::paused, since the
+// file may hold any number.
 template <typename Entry, typename Flag, typename Transfer>
 void TransferFields(Entry& task, Flag& flag, const Transfer& transfer) {
     TEntryFields<Entry> fields{.name = {task.name, "the length of the name"},

@@ -34,6 +34,15 @@ inline constexpr char cOwedLaunchDirectory[] = "files/owed";
 inline constexpr char cHeartbeatFile[] = "files/started/alive";
 inline constexpr char cLaunchIntentsFile[] = "files/started/intents";
 
+// ---- The programs that use a store
+
+inline constexpr char cHostProgram[] = "vxschedd";
+inline constexpr char cCommandProgram[] = "vxsched";
+inline constexpr char cChangeProgram[] = "vxsched-change";
+// In the directory of the libraries.
+inline constexpr char cChangeProgramFile[] = "vantrix/vxsched-change";
+inline constexpr char cClientLibrary[] = "libvxsched-client.so";  // and its version
+
 // ---- The add-in, and its objects in IPC; their keys are derived from these names
 
 inline constexpr char cAddInFile[] = "libVantrixScheduler.so";

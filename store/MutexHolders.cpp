@@ -1,23 +1,23 @@
 #include "store/MutexHolders.h"
 
 #include <CEvent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <fmt/format.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <sstream>
 #include <string_view>
 #include <system_error>
 #include <vector>
 
-#include "base/CDescriptor.h"
+#include "base/Processes.h"
+#include "base/RegularFile.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -46,13 +46,8 @@ struct TContent {
 
 TContent Read(const fs::path& path) {
     TContent content;
-    const CDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::array<char, 1 << 14> block{};
-    ssize_t count = -1;
-    while (file.IsOpen() && (count = read(file.Get(), block.data(), block.size())) > 0)
-        content.bytes.append(block.data(), static_cast<std::size_t>(count));
-    if (count == -1)
-        content.error = errno;
+    if (!ReadRegularFile(path, std::numeric_limits<std::uint64_t>::max(), content.bytes))
+        content = {.bytes = "", .error = errno};
     return content;
 }
 
@@ -65,51 +60,10 @@ std::vector<pid_t> NumbersIn(const fs::path& directory) {
     std::error_code error;
     for (fs::directory_iterator entry(directory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        pid_t number = 0;
-        const auto [end, wrong] = std::from_chars(name.data(), name.data() + name.size(), number);
-        if (wrong == std::errc() && end == name.data() + name.size())
-            numbers.push_back(number);
+        if (const auto number = ParseProcess(entry->path().filename().string()))
+            numbers.push_back(*number);
     }
     return numbers;
-}
-
-fs::path DirectoryOf(pid_t process) {
-    return fs::path("/proc") / std::to_string(process);
-}
-
-// The fields of a "stat" file: name, state and flags, which every user may read.
-struct TStat {
-    std::string name;
-    char state = 0;
-    unsigned int flags = 0;
-};
-
-std::optional<TStat> ReadStat(const fs::path& directory) {
-    const std::string line = Read(directory / "stat").bytes;
-    const std::size_t begin = line.find('(');
-    const std::size_t end = line.rfind(')');
-    if (begin == std::string::npos || end == std::string::npos)
-        return {};
-    TStat stat;
-    stat.name = line.substr(begin + 1, end - begin - 1);
-    std::istringstream words(line.substr(end + 1));
-    std::string skipped;
-    words >> stat.state;
-    for (int field = 0; field < 5; ++field)
-        words >> skipped;
-    words >> stat.flags;
-    return stat;
-}
-
-bool IsKernelThread(const TStat& stat) {
-    constexpr unsigned int cKernelThread = 0x00200000;
-    return (stat.flags & cKernelThread) != 0;
-}
-
-// Its operations are undone by then.
-bool HasEnded(const TStat& stat) {
-    return stat.state == 'Z' || stat.state == 'X';
 }
 
 // The file name of a path, without the mark of a file that was replaced since.
@@ -128,13 +82,13 @@ EUser UserOf(const std::string& maps) {
         if (line.find('/') == std::string::npos)
             continue;
         const std::string_view name = FileName(line);
-        if (name == "vxschedd")
+        if (name == cHostProgram)
             return EUser::cHost;
-        if (name == "vxsched-change")
+        if (name == cChangeProgram)
             return EUser::cClient;
-        if (name.starts_with("libVantrixScheduler.so"))
+        if (name.starts_with(cAddInFile))
             user = EUser::cDirect;
-        else if ((name == "vxsched" || name.starts_with("libvxsched-client.so")) &&
+        else if ((name == cCommandProgram || name.starts_with(cClientLibrary)) &&
                  user == EUser::cNone)
             user = EUser::cClient;
     }
@@ -166,31 +120,22 @@ public:
     }
 
 private:
-    void Report(pid_t process, const TStat& stat, TPossibleHolder::EReason reason) {
+    void Report(pid_t process, const TProcessStat& stat, TPossibleHolder::EReason reason) {
         const bool isBetter = !found || (found->reason == TPossibleHolder::cUnreadable &&
                                          reason != TPossibleHolder::cUnreadable);
         if (isBetter)
             found = TPossibleHolder{process, stat.name, reason};
     }
 
-    bool IsInThisNamespace(const fs::path& directory) const {
-        struct stat own {};
-        struct stat other {};
-        // One that cannot be read is taken for this one.
-        return stat("/proc/self/ns/ipc", &own) != 0 ||
-               stat((directory / "ns/ipc").c_str(), &other) != 0 ||
-               (own.st_dev == other.st_dev && own.st_ino == other.st_ino);
-    }
-
     // Of a process that has ended meanwhile, files are missing: it holds nothing.
     void Examine(pid_t process, bool wasLast) {
-        const fs::path directory = DirectoryOf(process);
-        const std::optional<TStat> stat = ReadStat(directory);
-        if (!stat || IsKernelThread(*stat) || !IsInThisNamespace(directory))
+        const fs::path directory = ProcessDirectory(process);
+        const std::optional<TProcessStat> stat = ReadProcessStat(directory);
+        if (!stat || stat->IsKernelThread() || !SharesIpcNamespace(directory))
             return;
         const TContent maps = Read(directory / "maps");
         if (IsForbidden(maps.error)) {
-            if (!HasEnded(*stat))
+            if (!stat->HasEnded())
                 Report(process, *stat, TPossibleHolder::cUnreadable);
             return;
         }
@@ -209,8 +154,8 @@ private:
 
     void ExamineThread(pid_t process, const fs::path& directory, EUser user) {
         const TContent call = Read(directory / "syscall");
-        const std::optional<TStat> stat = ReadStat(directory);
-        if (!stat || HasEnded(*stat))
+        const std::optional<TProcessStat> stat = ReadProcessStat(directory);
+        if (!stat || stat->HasEnded())
             return;
         if (stat->state == 'T' || stat->state == 't')
             return Report(process, *stat, TPossibleHolder::cStopped);
@@ -243,8 +188,9 @@ private:
                 return user == EUser::cClient ||
                        (user == EUser::cHost &&
                         (arguments[1] != cLogDescriptors || arguments[2] != cLogTimeout));
-            // A client that waits for its change process, for a lock or for a launched program. Under
-            // the mutex it does this only in a change, for which it would need the writer lock.
+            // A client that waits for its change process, for a lock or for a launched program.
+            // Under the mutex it does this only in a change, for which it would need the writer
+            // lock.
             case SYS_clock_nanosleep:
             case SYS_nanosleep:
             case SYS_wait4:
@@ -271,19 +217,21 @@ std::optional<TPossibleHolder> FindPossibleHolder(const TMutexState& state) {
 }
 
 std::string Describe(const TPossibleHolder& holder) {
-    constexpr char cAsRoot[] = "; run \"vxsched repair\" as root";
+    constexpr char cAsRoot[] = "run \"vxsched repair\" as root";
     if (holder.process == 0)
-        return std::string("a process that is not visible here may hold it") + cAsRoot +
-               " where all processes are visible";
-    const std::string process =
-        "process " + std::to_string(holder.process) + " (" + holder.program + ')';
+        return fmt::format(
+            "a process that is not visible here may hold it; {} where all processes are visible",
+            cAsRoot);
+    const std::string process = fmt::format("process {} ({})", holder.process, holder.program);
     switch (holder.reason) {
         case TPossibleHolder::cUnreadable:
-            return process + " may hold it, and this user may not inspect it" + cAsRoot;
+            return fmt::format("{} may hold it, and this user may not inspect it; {}", process,
+                               cAsRoot);
         case TPossibleHolder::cStopped:
-            return process + " is stopped and may hold it; continue or end that process";
+            return fmt::format("{} is stopped and may hold it; continue or end that process",
+                               process);
         default:
-            return process + " may hold it; wait for that process, or end it";
+            return fmt::format("{} may hold it; wait for that process, or end it", process);
     }
 }
 

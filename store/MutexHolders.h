@@ -9,9 +9,9 @@
 
 namespace vxsched {
 
-// Who may hold the store mutex. The system does not tell who holds a semaphore, but a thread that is
-// blocked in a wait for it holds nothing. If every thread that can have taken the mutex is seen to
-// hold nothing, nobody holds it.
+// Who may hold the store mutex. The system does not tell who holds a semaphore, but a thread that
+// is blocked in a wait for it holds nothing. If every thread that can have taken the mutex is seen
+// to hold nothing, nobody holds it.
 
 // A process that may hold the mutex.
 struct TPossibleHolder {

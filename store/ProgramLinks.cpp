@@ -88,8 +88,8 @@ bool IsLinkPath(const fs::path& directory, const std::string& program) {
 
 bool IsLinkPathOfAnotherStore(const fs::path& directory, const std::string& program) {
     const fs::path links = fs::path(program).parent_path();
-    return program.starts_with('/') && links.filename() == "programs" &&
-           links.parent_path().filename() == "files" && !IsLinkPath(directory, program);
+    return program.starts_with('/') && links.filename() == cProgramLinksName &&
+           links.parent_path().filename() == cFilesDirectory && !IsLinkPath(directory, program);
 }
 
 std::string RealProgram(const fs::path& directory, const std::string& program) {

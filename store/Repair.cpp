@@ -1,12 +1,13 @@
 #include <vxsched/Repair.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <chrono>
 #include <unordered_map>
 #include <unordered_set>
 
 #include <vxsched/Error.h>
-#include "base/Quoted.h"
 #include "store/Grid.h"
 
 namespace vxsched {
@@ -16,22 +17,19 @@ namespace {
 void RepairHarm(TTaskEntry& task, TProblem::EKind kind, TTime now,
                 std::vector<std::string>& notes) {
     if (kind == TProblem::cEndless) {
-        notes.push_back("altered " + Quoted(task.name) + ": its period of " +
-                        std::to_string(task.period) +
-                        " hours is a step of zero; it is paused now, with a period of " +
-                        std::to_string(cLongestPeriod) + " hours");
+        notes.push_back(fmt::format(
+            "altered \"{}\": its period of {} hours is a step of zero; it is paused now, "
+            "with a period of {} hours",
+            task.name, task.period, cLongestPeriod));
         task.period = cLongestPeriod;
         task.paused = true;
     } else {
-        notes.push_back("altered " + Quoted(task.name) +
-                        ": its due time was too far back; it is rescheduled to its next one");
+        notes.push_back(fmt::format(
+            "altered \"{}\": its due time was too far back; it is rescheduled to its next one",
+            task.name));
     }
     task.next = NextOnGrid(task.next, StepOf(task.period), now);
 }
-
-}  // namespace
-
-namespace {
 
 // The first task of each name.
 std::unordered_map<std::string_view, const TTaskEntry*> ByName(const TBackup* backup) {
@@ -54,20 +52,22 @@ void TakeWhatIsLeft(std::string_view bytes, const TBackup* backup, TRepair& repa
         names.insert(task.name);
         const auto other = salvaged.isDoubtful[index] ? intact.find(task.name) : intact.end();
         if (other != intact.end()) {
-            repair.notes.push_back("kept " + Quoted(task.name) + " from " + backup->name +
-                                   ": the damaged table may have it only in part");
+            repair.notes.push_back(
+                fmt::format("kept \"{}\" from {}: the damaged table may have it only in part",
+                            task.name, backup->name));
             repair.tasks.push_back(*other->second);
             continue;
         }
-        repair.notes.push_back("kept " + Quoted(task.name) + " from the damaged table" +
-                               (salvaged.isDoubtful[index] ? "; check it, it may be cut off" : ""));
+        repair.notes.push_back(
+            fmt::format("kept \"{}\" from the damaged table{}", task.name,
+                        salvaged.isDoubtful[index] ? "; check it, it may be cut off" : ""));
         repair.tasks.push_back(std::move(task));
     }
     for (const TTaskEntry& task : backup != nullptr ? backup->tasks : std::vector<TTaskEntry>()) {
         if (!names.insert(task.name).second)
             continue;
         repair.tasks.push_back(task);
-        repair.notes.push_back("kept " + Quoted(task.name) + " from " + backup->name);
+        repair.notes.push_back(fmt::format("kept \"{}\" from {}", task.name, backup->name));
     }
 }
 

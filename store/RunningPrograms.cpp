@@ -11,6 +11,9 @@
 #include <optional>
 #include <string_view>
 
+#include "base/Processes.h"
+#include "base/SameFile.h"
+
 namespace vxsched {
 
 namespace {
@@ -31,10 +34,8 @@ public:
     std::optional<pid_t> Next() {
         while (const dirent* const entry = directory == nullptr ? nullptr : readdir(directory)) {
             name = entry->d_name;
-            pid_t id = 0;
-            const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-            if (error == std::errc() && end == name.data() + name.size() &&
-                !std::binary_search(kernelThreads.begin(), kernelThreads.end(), id))
+            const std::optional<pid_t> id = ParseProcess(name);
+            if (id && !std::binary_search(kernelThreads.begin(), kernelThreads.end(), *id))
                 return id;
         }
         return {};
@@ -96,12 +97,6 @@ std::string_view TakeLast(std::string_view& line) {
     return last;
 }
 
-bool IsSameFile(const std::filesystem::path& path, const struct stat& wanted) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
-           status.st_ino == wanted.st_ino;
-}
-
 }  // namespace
 
 CRunningPrograms::CRunningPrograms() {
@@ -125,10 +120,8 @@ std::vector<pid_t> CRunningPrograms::Find(const std::string& program,
     std::vector<pid_t> found;
     for (auto entry = begin; entry != end; ++entry) {
         const TProcess& process = entry->second;
-        const std::filesystem::path directory =
-            std::filesystem::path("/proc") / std::to_string(process.id);
         if (process.hasInterpreter ? process.program == program
-                                   : IsSameFile(directory / "exe", file))
+                                   : IsSameFile(ProcessDirectory(process.id) / "exe", file))
             found.push_back(process.id);
     }
     std::sort(found.begin(), found.end());

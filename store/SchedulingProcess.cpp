@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -13,6 +12,8 @@
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
+#include "base/Processes.h"
+#include "base/SameFile.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -21,27 +22,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-fs::path DirectoryOf(pid_t process) {
-    return fs::path("/proc") / std::to_string(process);
-}
-
-std::optional<pid_t> ProcessOf(const std::string& digits) {
-    pid_t process = 0;
-    const auto [end, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), process);
-    return error == std::errc() && end == digits.data() + digits.size() ? std::optional(process)
-                                                                        : std::nullopt;
-}
-
-bool IsSameDirectory(const fs::path& path, const struct stat& wanted) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
-           status.st_ino == wanted.st_ino;
-}
-
 bool MayInspect(pid_t process) {
     struct stat status {};
-    return stat((DirectoryOf(process) / "cwd").c_str(), &status) == 0;
+    return stat((ProcessDirectory(process) / "cwd").c_str(), &status) == 0;
 }
 
 // The process that holds an flock() on the file. Trying to take the lock would show that, too, but
@@ -58,16 +41,16 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
         words >> number >> kind >> strength >> access >> process >> which;
         // Inode numbers are unique within one file system only, so the process has to work in the
         // directory as well, if this user may read that.
-        const std::optional<pid_t> holder = ProcessOf(process);
+        const std::optional<pid_t> holder = ParseProcess(process);
         if (kind == "FLOCK" && which.ends_with(inode) && holder &&
-            (IsSameDirectory(DirectoryOf(*holder) / "cwd", directory) || !MayInspect(*holder)))
+            (IsSameFile(ProcessDirectory(*holder) / "cwd", directory) || !MayInspect(*holder)))
             return holder;
     }
     return {};
 }
 
 bool MapsAddIn(pid_t process) {
-    std::ifstream maps(DirectoryOf(process) / "maps");
+    std::ifstream maps(ProcessDirectory(process) / "maps");
     for (std::string line; std::getline(maps, line);) {
         if (line.ends_with(cAddInFile))
             return true;
@@ -77,15 +60,15 @@ bool MapsAddIn(pid_t process) {
 
 bool HasSeveralThreads(pid_t process) {
     std::error_code ignored;
-    const fs::directory_iterator threads(DirectoryOf(process) / "task", ignored);
+    const fs::directory_iterator threads(ProcessDirectory(process) / "task", ignored);
     return std::distance(begin(threads), end(threads)) > 1;
 }
 
 std::optional<pid_t> FindHostIn(const struct stat& directory) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
-        const std::optional<pid_t> process = ProcessOf(entry.path().filename().string());
-        if (process && IsSameDirectory(entry.path() / "cwd", directory) && MapsAddIn(*process) &&
+        const std::optional<pid_t> process = ParseProcess(entry.path().filename().string());
+        if (process && IsSameFile(entry.path() / "cwd", directory) && MapsAddIn(*process) &&
             HasSeveralThreads(*process))
             return process;
     }
@@ -109,15 +92,6 @@ std::optional<TSchedulingProcess> FindUnseenHost(const fs::path& file) {
     const bool isKnown = static_cast<bool>(content >> process >> ipcNamespace) &&
                          stat("/proc/self/ns/ipc", &own) == 0;
     return TSchedulingProcess{0, !isKnown || own.st_ino == ipcNamespace};
-}
-
-bool SharesStore(pid_t process) {
-    struct stat own {};
-    struct stat others {};
-    // A namespace that this user may not read is taken for the same one, which is usual.
-    return stat("/proc/self/ns/ipc", &own) != 0 ||
-           stat((DirectoryOf(process) / "ns/ipc").c_str(), &others) != 0 ||
-           own.st_ino == others.st_ino;
 }
 
 void Signal(const char* name, bool manualReset) {
@@ -145,7 +119,7 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
     if (!process)
         process = FindHostIn(status);
     if (process)
-        return TSchedulingProcess{*process, SharesStore(*process)};
+        return TSchedulingProcess{*process, SharesIpcNamespace(ProcessDirectory(*process))};
     return FindUnseenHost(lockFile);
 }
 

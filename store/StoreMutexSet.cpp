@@ -5,25 +5,18 @@
 
 #include <cerrno>
 #include <chrono>
-#include <thread>
 
 #include <vxsched/Error.h>
+#include "base/CDeadline.h"
+#include "store/SemaphoreArgument.h"
 #include "store/StoreKey.h"
 
 namespace vxsched {
 
 namespace {
 
-using TClock = std::chrono::steady_clock;
-
 constexpr int cAccess = 0660;
 constexpr std::chrono::milliseconds cMakersTime(100);
-constexpr std::chrono::milliseconds cPause(5);
-
-union TArgument {
-    int val;
-    struct semid_ds* buf;
-};
 
 // 0 to 1 in one step, unless the value is not 0 any more. Without SEM_UNDO: the end of this process
 // must not take the value away again.
@@ -37,7 +30,7 @@ bool GiveFirstValue(int set) {
 // gave it.
 bool HasNoValue(int set) {
     struct semid_ds status {};
-    TArgument argument{};
+    TSemaphoreArgument argument{};
     argument.buf = &status;
     return semctl(set, 0, IPC_STAT, argument) == 0 && status.sem_otime == 0 &&
            semctl(set, 0, GETVAL) == 0 && semctl(set, 0, GETPID) == 0;
@@ -45,7 +38,7 @@ bool HasNoValue(int set) {
 
 void GiveTo(const TSetOwner& owner, int set) {
     struct semid_ds status {};
-    TArgument argument{};
+    TSemaphoreArgument argument{};
     argument.buf = &status;
     status.sem_perm.uid = owner.user;
     status.sem_perm.gid = owner.group;
@@ -84,11 +77,10 @@ TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner) {
 }
 
 bool InitialiseAbandonedSet(int set) noexcept {
-    const TClock::time_point end = TClock::now() + cMakersTime;
+    const CDeadline deadline(cMakersTime);
     while (HasNoValue(set)) {
-        if (TClock::now() >= end)
+        if (!deadline.Pause())
             return GiveFirstValue(set);
-        std::this_thread::sleep_for(cPause);
     }
     return false;
 }

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include <vxsched/Error.h>
+#include "store/SemaphoreArgument.h"
 #include "store/StoreKey.h"
 
 namespace vxsched {
@@ -18,10 +19,7 @@ std::optional<TMutexState> InspectStoreMutex() {
         throw SystemError("cannot open the store mutex", errno);
     }
     struct semid_ds status {};
-    union {
-        int val;
-        struct semid_ds* buf;
-    } argument{};
+    TSemaphoreArgument argument{};
     argument.buf = &status;
     const int value = semctl(set, 0, GETVAL);
     if (value == -1 || semctl(set, 0, IPC_STAT, argument) == -1)

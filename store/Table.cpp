@@ -9,6 +9,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/EntryFields.h"
 #include "store/Grid.h"
+#include "store/MakeError.h"
 #include "store/Salvage.h"
 #include "store/TableFile.h"
 
@@ -24,72 +25,17 @@ void FindHarm(const TTaskEntry& task, TTime now, std::size_t offset,
     if (StepOf(task.period) == std::chrono::seconds(0))
         problems.push_back(
             {TProblem::cEndless, offset,
-             "task \"" + task.name + "\" has a period of " + std::to_string(task.period) +
-                 " hours, which is a step of zero, and a past due time: a process that "
-                 "loads the add-in would hang"});
+             fmt::format(
+                 "task \"{}\" has a period of {} hours, which is a step of zero, and a past "
+                 "due time: a process that loads the add-in would hang",
+                 task.name, task.period)});
     else if (IsTooFarBack(task.next, task.period, now))
-        problems.push_back({TProblem::cSlow, offset,
-                            "the due time of task \"" + task.name +
-                                "\" is too far back: a process that loads the add-in would catch "
-                                "up for more than a second"});
+        problems.push_back(
+            {TProblem::cSlow, offset,
+             fmt::format("the due time of task \"{}\" is too far back: a process that "
+                         "loads the add-in would catch up for more than a second",
+                         task.name)});
 }
-
-}  // namespace
-
-bool TTable::IsSafeToLoad() const {
-    return std::none_of(problems.begin(), problems.end(),
-                        [](const TProblem& problem) { return problem.kind != TProblem::cUnusual; });
-}
-
-TTable DecodeTable(std::string_view bytes, TTime now) {
-    TTable table;
-    CDecoder decoder(bytes);
-    const auto count = decoder.Take<std::uint64_t>("the number of tasks");
-    if (decoder.HasFailed())
-        decoder.ThrowFailure(0);
-    if (count > decoder.Left() / cSmallestTask)
-        CDecoder::Damaged(0, "its count is " + std::to_string(count) + " tasks, but only " +
-                                 std::to_string(decoder.Left()) + " bytes follow it");
-    // The set holds views of the tasks' names: no task may move, so there is memory for all of
-    // them.
-    table.tasks.reserve(count);
-    std::unordered_set<std::string_view> names;
-    names.reserve(count);
-    for (std::uint64_t number = 1; number <= count; ++number) {
-        const std::size_t offset = decoder.Offset();
-        const TTaskView view = decoder.TakeTask();
-        if (decoder.HasFailed())
-            decoder.ThrowFailure(number);
-        if (IsBlank(view))
-            CDecoder::Damaged(offset, "it has zeros in place of a task");
-        const TTaskEntry& task = table.tasks.emplace_back(EntryOf(view));
-        const std::size_t flagOffset = decoder.Offset() - sizeof view.flag;
-        if (view.flag > 1)
-            table.problems.push_back({TProblem::cUnusual, flagOffset,
-                                      "the pause flag" + CDecoder::Of(number) + " is " +
-                                          std::to_string(view.flag) + ", which counts as paused"});
-        if (task.name.find('\0') != std::string::npos)
-            table.problems.push_back({TProblem::cUnusual, offset,
-                                      "the name" + CDecoder::Of(number) +
-                                          " holds a zero byte: calls by name cannot find it"});
-        if (!names.insert(task.name).second)
-            table.problems.push_back({TProblem::cUnusual, offset,
-                                      "the name" + CDecoder::Of(number) + ", \"" + task.name +
-                                          "\", is a duplicate: calls by name find the first task"});
-        FindHarm(task, now, offset, table.problems);
-    }
-    // Tasks that the count leaves out would be lost at the next write.
-    if (decoder.Left() > 0 && (count == 0 || FindTask(bytes, decoder.Offset())))
-        CDecoder::Damaged(decoder.Offset(), "its count is " + std::to_string(count) +
-                                                " tasks, but more tasks follow");
-    if (decoder.Left() > 0)
-        table.problems.push_back({TProblem::cUnusual, decoder.Offset(),
-                                  std::to_string(decoder.Left()) +
-                                      " bytes follow the last task: the next write drops them"});
-    return table;
-}
-
-namespace {
 
 template <typename Value>
 void Put(std::string& bytes, const Value& value) {
@@ -114,6 +60,63 @@ struct TFieldPutter {
 
 }  // namespace
 
+bool TTable::IsSafeToLoad() const {
+    return std::none_of(problems.begin(), problems.end(),
+                        [](const TProblem& problem) { return problem.kind != TProblem::cUnusual; });
+}
+
+TTable DecodeTable(std::string_view bytes, TTime now) {
+    TTable table;
+    CDecoder decoder(bytes);
+    const auto count = decoder.Take<std::uint64_t>("the number of tasks");
+    if (decoder.HasFailed())
+        decoder.ThrowFailure(0);
+    if (count > decoder.Left() / cSmallestTask)
+        CDecoder::Damaged(0, fmt::format("its count is {} tasks, but only {} bytes follow it",
+                                         count, decoder.Left()));
+    // The set holds views of the tasks' names: no task may move, so there is memory for all of
+    // them.
+    table.tasks.reserve(count);
+    std::unordered_set<std::string_view> names;
+    names.reserve(count);
+    for (std::uint64_t number = 1; number <= count; ++number) {
+        const std::size_t offset = decoder.Offset();
+        const TTaskView view = decoder.TakeTask();
+        if (decoder.HasFailed())
+            decoder.ThrowFailure(number);
+        if (IsBlank(view))
+            CDecoder::Damaged(offset, "it has zeros in place of a task");
+        const TTaskEntry& task = table.tasks.emplace_back(EntryOf(view));
+        const std::size_t flagOffset = decoder.Offset() - sizeof view.flag;
+        if (view.flag > 1)
+            table.problems.push_back({TProblem::cUnusual, flagOffset,
+                                      fmt::format("the pause flag{} is {}, which counts as paused",
+                                                  CDecoder::Of(number), view.flag)});
+        if (task.name.find('\0') != std::string::npos)
+            table.problems.push_back(
+                {TProblem::cUnusual, offset,
+                 fmt::format("the name{} holds a zero byte: calls by name cannot find it",
+                             CDecoder::Of(number))});
+        if (!names.insert(task.name).second)
+            table.problems.push_back(
+                {TProblem::cUnusual, offset,
+                 fmt::format(
+                     "the name{}, \"{}\", is a duplicate: calls by name find the first task",
+                     CDecoder::Of(number), task.name)});
+        FindHarm(task, now, offset, table.problems);
+    }
+    // Tasks that the count leaves out would be lost at the next write.
+    if (decoder.Left() > 0 && (count == 0 || FindTask(bytes, decoder.Offset())))
+        CDecoder::Damaged(decoder.Offset(),
+                          fmt::format("its count is {} tasks, but more tasks follow", count));
+    if (decoder.Left() > 0)
+        table.problems.push_back(
+            {TProblem::cUnusual, decoder.Offset(),
+             fmt::format("{} bytes follow the last task: the next write drops them",
+                         decoder.Left())});
+    return table;
+}
+
 std::string EncodeTable(const std::vector<TTaskEntry>& tasks) {
     std::string bytes;
     Put(bytes, std::uint64_t{tasks.size()});
@@ -131,8 +134,9 @@ TTime Now() {
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout) {
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error))
-        throw CError(EError::cFailed, "there is no directory " + directory.string() +
-                                          "; give the working directory of the host");
+        throw MakeError(EError::cFailed,
+                        "there is no directory {}; give the working directory of the host",
+                        directory.string());
     std::string bytes;
     {
         // The store mutex alone: a reader need not wait for a change of several calls, which holds

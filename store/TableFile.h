@@ -6,11 +6,12 @@
 
 namespace vxsched {
 
-// The table's file, as bytes, and how files next to it are written. The caller holds the store mutex; a client that
-// writes, and a host that starts up, holds the writer lock as well, taken first. The paths and
-// TableState() need no lock. The functions block for disk access only, whatever is in place of the
-// table: what is no regular file is refused. What they write survives a power failure from their
-// return on: a file is flushed to the disk before it gets its name, then the name (base/Sync.h).
+// The table's file, as bytes, and how files next to it are written. The caller holds the store
+// mutex; a client that writes, and a host that starts up, holds the writer lock as well, taken
+// first. The paths and TableState() need no lock. The functions block for disk access only,
+// whatever is in place of the table: what is no regular file is refused. What they write survives a
+// power failure from their return on: a file is flushed to the disk before it gets its name, then
+// the name (base/Sync.h).
 
 // The path files/scheduler.dat in the directory.
 std::filesystem::path TableFile(const std::filesystem::path& directory);
@@ -56,8 +57,9 @@ void OverwriteTable(int descriptor, std::string_view bytes, const std::filesyste
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 
-// Removes the temporary files, of the table and of its backups, that a kill has left. The caller holds both locks,
-// so that no other process is still writing one. Files that cannot be removed stay.
+// Removes the temporary files, of the table and of its backups, that a kill has left. The caller
+// holds both locks, so that no other process is still writing one. Files that cannot be removed
+// stay.
 void RemoveLeftovers(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -7,8 +7,8 @@
 // its name afterwards, so that this holds after a power failure as well.
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
-// succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to nothing:
-// that table is out of reach, and a save would make another one in its place.
+// succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to
+// nothing: that table is out of reach, and a save would make another one in its place.
 
 #include "store/TableSaves.h"
 

@@ -2,6 +2,7 @@
 
 #include <VXC_File.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <limits.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
@@ -12,7 +13,6 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "base/Quoted.h"
 #include "store/Grid.h"
 
 namespace vxsched {
@@ -51,7 +51,7 @@ std::string ExtensionOf(const std::string& program) {
 // The user as whom this thread accesses files, if that is not its own (COwnerAccess).
 std::string OtherUser() {
     const auto user = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));  // changes nothing
-    return user == geteuid() ? "" : " for user " + std::to_string(user) + ", who owns the store";
+    return user == geteuid() ? "" : fmt::format(" for user {}, who owns the store", user);
 }
 
 void FindMissing(const std::string& path, CValidationErrors& errors) {
@@ -59,17 +59,18 @@ void FindMissing(const std::string& path, CValidationErrors& errors) {
     const int error = stat(path.c_str(), &status) == 0 ? 0 : errno;
     if (error != 0 && error != EACCES)
         errors.Warn(TValidationError::cMissingProgram,
-                    "there is no program " + Quoted(path) +
-                        ": each launch would fail, and the add-in would count it as a run; create "
-                        "the program first");
+                    fmt::format("there is no program \"{}\": each launch would fail, and the "
+                                "add-in would count it as a run; create the program first",
+                                path));
     else if (error != 0 || !S_ISREG(status.st_mode) ||
              faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0)
-        errors.Warn(TValidationError::cNotExecutable,
-                    Quoted(path) + " is not an executable file" + OtherUser() +
-                        (error != 0 ? ", since a directory of its path may not be searched" : "") +
-                        ": each launch would fail, and the add-in would count it as a run; " +
-                        (error != 0 ? "permit the search" : "chmod +x it") +
-                        ", or give another program");
+        errors.Warn(
+            TValidationError::cNotExecutable,
+            fmt::format("\"{}\" is not an executable file{}{}: each launch would fail, and the "
+                        "add-in would count it as a run; {}, or give another program",
+                        path, OtherUser(),
+                        error != 0 ? ", since a directory of its path may not be searched" : "",
+                        error != 0 ? "permit the search" : "chmod +x it"));
 }
 
 // Checks whether the add-in would launch the program itself by this path, and not abort or launch
@@ -77,21 +78,22 @@ void FindMissing(const std::string& path, CValidationErrors& errors) {
 bool IsLaunchedAsNamed(const std::string& program, CValidationErrors& errors) {
     const std::string extension = ExtensionOf(program);
     if (AbortsLaunch(program)) {
-        errors.Refuse(TValidationError::cAbortingExtension,
-                      "the extension " + Quoted(extension) + " of " + Quoted(program) +
-                          " would abort the scheduling process when the task is due; schedule a "
-                          "link to it whose name has no dot");
+        errors.Refuse(
+            TValidationError::cAbortingExtension,
+            fmt::format("the extension \"{}\" of \"{}\" would abort the scheduling process when "
+                        "the task is due; schedule a link to it whose name has no dot",
+                        extension, program));
         return false;
     }
     const std::string named =
         extension.empty() ? program : program.substr(0, program.size() - extension.size());
     const std::string launched = LaunchedPath(program);
     if (launched != named) {
-        errors.Refuse(TValidationError::cAlteredPath,
-                      "the add-in would launch " + Quoted(launched) + " instead of " +
-                          Quoted(program) +
-                          ": it cuts every '.', 'e' and 'x' off the end; schedule a link to it "
-                          "whose name ends otherwise");
+        errors.Refuse(
+            TValidationError::cAlteredPath,
+            fmt::format("the add-in would launch \"{}\" instead of \"{}\": it cuts every '.', 'e' "
+                        "and 'x' off the end; schedule a link to it whose name ends otherwise",
+                        launched, program));
         return false;
     }
     return true;
@@ -108,28 +110,26 @@ void ValidateProgram(const std::string& program, EProgram how, CValidationErrors
     const std::string launched = how == EProgram::cAsNamed ? LaunchedPath(program) : program;
     if (launched.size() >= PATH_MAX) {
         errors.Refuse(TValidationError::cPathTooLong,
-                      "the program's path has " + std::to_string(launched.size()) +
-                          " bytes, but the system opens paths of at most " +
-                          std::to_string(PATH_MAX - 1) + "; give a shorter one");
+                      fmt::format("the program's path has {} bytes, but the system opens paths of "
+                                  "at most {}; give a shorter one",
+                                  launched.size(), PATH_MAX - 1));
         return;
     }
     if (launched.front() != '/')
         errors.Warn(TValidationError::cRelativePath,
-                    Quoted(program) +
-                        " is relative to the working directory of the scheduling process; give an "
-                        "absolute path");
+                    fmt::format("\"{}\" is relative to the working directory of the scheduling "
+                                "process; give an absolute path",
+                                program));
     FindMissing(launched, errors);
 }
 
 void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors) {
     const std::uint32_t step = task.period * 3600U;
     if (task.period != 0 && step == 0)
-        errors.Refuse(
-            TValidationError::cEndlessPeriod,
-            "a period of " + std::to_string(task.period) +
-                " hours is a step of zero: once the task is late, it would hang the store; "
-                "the longest period is " +
-                std::to_string(cLongestPeriod) + " hours");
+        errors.Refuse(TValidationError::cEndlessPeriod,
+                      fmt::format("a period of {} hours is a step of zero: once the task is late, "
+                                  "it would hang the store; the longest period is {} hours",
+                                  task.period, cLongestPeriod));
     else if (IsTooFarBack(task.next, task.period, now))
         errors.Refuse(
             TValidationError::cTooFarBack,
@@ -137,9 +137,9 @@ void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors
             "up for more than a second; give a later one");
     else if (task.period > cLongestPeriod)
         errors.Warn(TValidationError::cWrappedPeriod,
-                    "a period of " + std::to_string(task.period) + " hours would be a step of " +
-                        std::to_string(step) + " seconds; the longest period is " +
-                        std::to_string(cLongestPeriod) + " hours");
+                    fmt::format("a period of {} hours would be a step of {} seconds; the longest "
+                                "period is {} hours",
+                                task.period, step, cLongestPeriod));
     if (task.period == 0 && task.next < now)
         errors.Warn(TValidationError::cPastDue,
                     "the task runs once and its due time is past: a new task would run at once, an "
@@ -175,16 +175,17 @@ std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgr
         errors.Refuse(TValidationError::cEmptyName, "the task has no name; give it one");
     for (const std::string* const string : {&task.name, &task.program, &task.parameter}) {
         if (string->find('\0') != std::string::npos)
-            errors.Refuse(TValidationError::cZeroByte,
-                          "a string holds a zero byte and would be cut off there: " +
-                              Quoted(string->substr(0, string->find('\0'))));
+            errors.Refuse(
+                TValidationError::cZeroByte,
+                fmt::format("a string holds a zero byte and would be cut off there: \"{}\"",
+                            string->substr(0, string->find('\0'))));
     }
     if (task.parameter.size() >= cLongestArgument)
-        errors.Refuse(TValidationError::cParameterTooLong,
-                      "the parameter has " + std::to_string(task.parameter.size()) +
-                          " bytes, but the system passes at most " +
-                          std::to_string(cLongestArgument - 1) +
-                          " to a program; give a shorter one, or the path of a file that has it");
+        errors.Refuse(
+            TValidationError::cParameterTooLong,
+            fmt::format("the parameter has {} bytes, but the system passes at most {} to a "
+                        "program; give a shorter one, or the path of a file that has it",
+                        task.parameter.size(), cLongestArgument - 1));
     ValidateProgram(task.program.substr(0, task.program.find('\0')), how, errors);
     ValidatePeriod(task, now, errors);
     return errors.WorstFirst();

@@ -4,10 +4,11 @@
 
 namespace vxsched {
 
-// What a signal that would end this command (SIGINT, SIGTERM, SIGHUP) does to its change; one object
-// in a process. Until the change has begun, the signal ends the command as usual, which cancels the
-// change. From then on the change is made, and the command goes on to its end to report it. While a launched program is waited for, the signal ends the command, which first
-// prints that the program goes on.
+// What a signal that would end this command (SIGINT, SIGTERM, SIGHUP) does to its change; one
+// object in a process. Until the change has begun, the signal ends the command as usual, which
+// cancels the change. From then on the change is made, and the command goes on to its end to report
+// it. While a launched program is waited for, the signal ends the command, which first prints that
+// the program goes on.
 class CInterruption {
 public:
     CInterruption();

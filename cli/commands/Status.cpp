@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/CDeadline.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
@@ -47,9 +47,9 @@ std::unique_ptr<CWriterLock> TryTakeWriterLock(const std::filesystem::path& dire
     }
 }
 
-// Examines a held mutex, unless its last user holds it. Otherwise waits until the state was the same
-// for a while or changes. Without the writer lock it finds nothing: the holder may be a client that
-// makes a change, whose waits look like those of one that holds nothing.
+// Examines a held mutex, unless its last user holds it. Otherwise waits until the state was the
+// same for a while or changes. Without the writer lock it finds nothing: the holder may be a client
+// that makes a change, whose waits look like those of one that holds nothing.
 void FindHolder(const std::filesystem::path& directory, TStatus& status) {
     constexpr std::chrono::milliseconds cPause(100);
     const auto mayBeLast = [&](const std::optional<TPossibleHolder>& holder) {
@@ -59,9 +59,9 @@ void FindHolder(const std::filesystem::path& directory, TStatus& status) {
     if (!status.mutex || status.mutex->value != 0 || mayBeLast(FindPossibleHolder(*status.mutex)))
         return;
     CMutexHealer healer;
-    const auto end = std::chrono::steady_clock::now() + 2 * CMutexHealer::cUnchangedTime;
-    while (healer.Observe() == CMutexHealer::cInUse && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(cPause);
+    const CDeadline deadline(2 * CMutexHealer::cUnchangedTime);
+    while (healer.Observe() == CMutexHealer::cInUse && deadline.Pause(cPause)) {
+    }
     if (healer.Observe() == CMutexHealer::cInUse)
         return;
     const std::unique_ptr<CWriterLock> writerLock = TryTakeWriterLock(directory);

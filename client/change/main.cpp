@@ -19,7 +19,6 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
-#include "base/Quoted.h"
 #include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
@@ -245,8 +244,8 @@ void BecomeOwner() {
     if (geteuid() != 0 || stat(cFilesDirectory, &status) == -1 || status.st_uid == 0)
         return;
     if (setgroups(0, nullptr) == -1 || setgid(status.st_gid) == -1 || setuid(status.st_uid) == -1)
-        throw SystemError("cannot become the owner of the directory " + Quoted(cFilesDirectory),
-                          errno);
+        throw SystemError(
+            fmt::format("cannot become the owner of the directory \"{}\"", cFilesDirectory), errno);
 }
 
 void RequireSavesInOneStep(const std::string& addIn) {

@@ -30,13 +30,15 @@ struct TContent {
     std::int64_t bootTime = 0;
     std::array<char, 40> bootId{};  // with a zero byte at the end; empty: unknown
 };
-// Hosts of before there was a boot in the file wrote so much of it.
-constexpr ssize_t cWithoutBoot = 2 * sizeof(std::int64_t);
 
 TBoot (*gReadBoot)() = nullptr;  // set before gFile
 std::atomic<int> gFile{-1};      // -1: no heartbeats are written
 std::atomic<std::int64_t> gSince{0};
 std::atomic<std::int64_t> gLast{0};
+
+std::int64_t SecondsNow() {
+    return vxsched::Now().time_since_epoch().count();
+}
 
 bool Write(int descriptor, const TContent& content) {
     return pwrite(descriptor, &content, sizeof content, 0) == sizeof content;
@@ -93,8 +95,8 @@ CHeartbeat::CHeartbeat(TBoot (*readBoot)())
     gReadBoot = readBoot;
     TContent content;
     // Without a file, pread() would replace the errno of open(), which is reported below.
-    if (file.IsOpen() && pread(file.Get(), &content, sizeof content, 0) >= cWithoutBoot)
-        previous = UptimeOf(content, std::time(nullptr));
+    if (file.IsOpen() && pread(file.Get(), &content, sizeof content, 0) == sizeof content)
+        previous = UptimeOf(content, SecondsNow());
     // A full disk is reported here. Later heartbeats overwrite the same bytes and need no room.
     if (!file.IsOpen() || !Write(file.Get(), previous ? content : TContent()))
         LogWarning(
@@ -110,11 +112,11 @@ CHeartbeat::~CHeartbeat() {
 void CHeartbeat::Begin(vxsched::TTime since) {
     gSince = since.time_since_epoch().count();
     gFile = file.Get();
-    Beat(std::time(nullptr));
+    Beat(SecondsNow());
 }
 
 void CHeartbeat::Stop() {
-    const std::int64_t now = std::time(nullptr);
+    const std::int64_t now = SecondsNow();
     gFile = -1;
     static_cast<void>(Write(file.Get(), ContentOf(now - cTickInterval.count(), gSince)));
 }

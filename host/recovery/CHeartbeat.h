@@ -8,6 +8,16 @@
 #include "base/CDescriptor.h"
 #include "host/recovery/Uptime.h"
 
+// One start of the machine.
+struct TBoot {
+    std::string id;  // differs after each start of the machine
+    // Since 1970, by the present clock: a clock that is set moves it.
+    std::chrono::milliseconds time;
+};
+
+// Reads the boot of the system. The id is empty if it cannot be read.
+TBoot ReadBoot();
+
 // The heartbeat of a host, in files/started/alive: each call of time(), which every tick makes,
 // writes the time there. After a kill the file shows until when the host was up.
 //
@@ -25,15 +35,6 @@
 // The file is written, not mapped: with a mapping, a truncated file or a full disk would kill the
 // host. It is not in the directory of the table, where each heartbeat would wake the table guard.
 //
-struct TBoot {
-    std::string id;  // differs after each start of the machine
-    std::chrono::milliseconds
-        time;  // since 1970, by the present clock: a clock that is set moves it
-};
-
-// Reads the boot of the system. The id is empty if it cannot be read.
-TBoot ReadBoot();
-
 // One at a time. Constructed, begun and stopped by the main thread.
 class CHeartbeat {
 public:

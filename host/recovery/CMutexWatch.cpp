@@ -75,7 +75,8 @@ bool CMutexWatch::Heal() {
     if (!result.holder || result.isUsual)
         return true;
     const std::string reason = vxsched::Describe(*result.holder);
-    // A process that just ran at one look is not worth a line. A value above 1 keeps nobody waiting.
+    // A process that just ran at one look is not worth a line. A value above 1 keeps nobody
+    // waiting.
     const bool isLasting = reason == std::exchange(previousReason, reason);
     if (result.value == 0 && isLasting && reason != lastReason)
         LogWarning(fmt::format("the store mutex is not released: {}", lastReason = reason));

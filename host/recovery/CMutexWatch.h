@@ -8,10 +8,10 @@
 
 // Watches the store mutex of the working directory while the host runs, and sets it free if it is
 // wedged: held by nobody, or letting several in at once. It is begun when the mutex may have been
-// wedged, looks once a second while the mutex is not free, and then rests. Logs what it did, or once
-// why it could not. For the guard's thread, which does not hold the store mutex; it takes the
-// writer lock for a look, unless a client has it: a client that waits for the mutex heals it itself.
-// The host holds the directory lock.
+// wedged, looks once a second while the mutex is not free, and then rests. Logs what it did, or
+// once why it could not. For the guard's thread, which does not hold the store mutex; it takes the
+// writer lock for a look, unless a client has it: a client that waits for the mutex heals it
+// itself. The host holds the directory lock.
 class CMutexWatch {
 public:
     // Looks in a second. A process that has just loaded the add-in will have ended by then, or a

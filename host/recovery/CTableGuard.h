@@ -64,8 +64,9 @@ private:
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
 
     // Check() takes the store mutex and not the writer lock. It alone calls Examine, Restore,
-    // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the thread that
-    // checks (the constructor's, then the guard's), while the worker is idle or does not run yet.
+    // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the
+    // thread that checks (the constructor's, then the guard's), while the worker is idle or does
+    // not run yet.
     bool Check();
     void ReportMissingDirectory();
     bool Examine(const std::string& bytes);

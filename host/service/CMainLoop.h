@@ -33,7 +33,8 @@ public:
     // Blocks until the worker is idle after a tick, or SIGTERM or SIGINT comes.
     void WaitForTickEnd();
 
-    // Blocks until every launched program has ended and no launch is owed any more, or SIGTERM or SIGINT comes.
+    // Blocks until every launched program has ended and no launch is owed any more, or SIGTERM or
+    // SIGINT comes.
     void WaitForPrograms();
 
     // SIGTERM or SIGINT, if it came.

@@ -8,13 +8,12 @@
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <optional>
 #include <string>
 
 #include "base/CDeadline.h"
+#include "base/Processes.h"
 #include "host/CHostError.h"
 #include "store/Layout.h"
 
@@ -27,23 +26,13 @@ static std::string HolderOf(int descriptor) {
     return holder.substr(0, holder.find('\n'));
 }
 
-// A zombie counts as ended: its parent just has not collected it.
-static bool HasEnded(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/stat");
-    std::string stat;
-    if (!std::getline(file, stat))
-        return kill(static_cast<pid_t>(std::strtol(process.c_str(), nullptr, 10)), 0) == -1 &&
-               errno == ESRCH;
-    return stat.find(") Z ") != std::string::npos || stat.find(") X ") != std::string::npos;
-}
-
 // Whether the lock is held by a leftover of a killed host. A host that is killed during a launch
 // leaves a process that is about to become the program. It inherited the lock and holds it until
 // its exec, and has created its launch record by then, so waiting for it also means that the next
 // host sees the record.
 static bool IsLeftOver(const std::string& holder) {
-    return !holder.empty() && holder.find_first_not_of("0123456789") == std::string::npos &&
-           HasEnded(holder);
+    const std::optional<pid_t> process = vxsched::ParseProcess(holder);
+    return process && vxsched::HasEnded(*process);
 }
 
 // Takes the lock; returns 0 or the error number. A host that was killed a moment ago may still hold

@@ -3,8 +3,7 @@
 #include <CEvent.h>
 #include <fmt/format.h>
 
-#include <system_error>
-
+#include "base/Processes.h"
 #include "store/Layout.h"
 
 namespace fs = std::filesystem;
@@ -26,11 +25,7 @@ std::string WarningOfOtherUsers() {
 }
 
 std::string NoticeOfPrivateNamespace(const fs::path& processes) {
-    std::error_code ownError;
-    std::error_code firstError;
-    const fs::path own = fs::read_symlink(processes / "self/ns/ipc", ownError);
-    const fs::path first = fs::read_symlink(processes / "1/ns/ipc", firstError);
-    if (ownError || firstError || own == first)
+    if (vxsched::SharesIpcNamespace(processes / "1", processes / "self"))
         return "";
     return "this IPC namespace is not that of process 1 (PrivateIPC=, unshare, or a container): "
            "clients must run in this one to reach the store";

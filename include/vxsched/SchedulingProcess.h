@@ -22,9 +22,9 @@ struct VXSCHED_PUBLIC TSchedulingProcess {
 };
 
 // Finds the scheduling process of `directory`, without any effect: a vxschedd by its locks on
-// files/vxschedd.lock, also in another PID namespace; another host by /proc, as a process that works in the directory, has the
-// add-in mapped and several threads. The latter is found only if this user may inspect it. Empty if
-// there is none. The process may end at any time afterwards.
+// files/vxschedd.lock, also in another PID namespace; another host by /proc, as a process that
+// works in the directory, has the add-in mapped and several threads. The latter is found only if
+// this user may inspect it. Empty if there is none. The process may end at any time afterwards.
 VXSCHED_PUBLIC std::optional<TSchedulingProcess> FindSchedulingProcess(
     const std::filesystem::path& directory);
 

@@ -2,11 +2,11 @@
 
 #include <CEvent.h>
 #include <addin/CAddInInterface.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include "interpose/NextDefinition.h"
 
 #include <atomic>
 #include <cerrno>
@@ -32,11 +32,6 @@ static std::vector<std::string> gCalls;
 static int gCreateResult = 0;
 static std::atomic<int> gOtherResult{0};
 static int gDetachState = -1;
-
-template <typename Function>
-static Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 static int Result(int result) {
     return gOtherResult != 0 ? gOtherResult.load() : result;

@@ -291,8 +291,8 @@ TEST_F(ClientStore, TableOfAHostInAnotherNamespaceIsNotOverwritten) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// Runs `body` in a child that is process 1 of a PID namespace of its own, with its own /proc, and in
-// the given other new namespaces.
+// Runs `body` in a child that is process 1 of a PID namespace of its own, with its own /proc, and
+// in the given other new namespaces.
 static void InAnotherPidNamespace(int others, const std::function<void()>& body) {
     CForkedChild child([&] {
         if (unshare(CLONE_NEWPID | CLONE_NEWNS | others) != 0)

@@ -1,9 +1,9 @@
 #include "FakeSystem.h"
 
-#include <dlfcn.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <cerrno>
 
@@ -23,12 +23,6 @@ std::string CFakeSystem::LaunchedPaths() const {
     for (const TLaunch& launch : launches)
         paths += (paths.empty() ? "" : " ") + launch.path;
     return paths;
-}
-
-// The definition after this program's own, which is libc's.
-template <typename Function>
-static Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 // The four functions below are called by the tests, by the harness and by the add-in, on whichever

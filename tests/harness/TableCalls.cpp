@@ -1,10 +1,10 @@
 #include "TableCalls.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -17,12 +17,6 @@ static TCalls gCalls;
 
 TCalls TakeTableCalls() {
     return std::exchange(gCalls, {});
-}
-
-// The definition after this program's own, which is libc's.
-template <typename Function>
-static Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 static bool Fails(const std::string& call) {

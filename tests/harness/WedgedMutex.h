@@ -13,8 +13,8 @@ void Inspectable(const std::function<void()>& body);
 // One operation on semaphore 0, without a wait limit.
 bool Change(int set, short change, short flags);
 
-// Leaves the mutex at 0, held by nobody, and last used by a process that has ended. Makes the set if
-// there is none. Returns it.
+// Leaves the mutex at 0, held by nobody, and last used by a process that has ended. Makes the set
+// if there is none. Returns it.
 int Wedge();
 
 // The command line of a process that loads the add-in, creates the file "ready" and then only

@@ -7,10 +7,10 @@
 // system call (close does close) and returns -1 with errno set to ENOSPC for calls that need room,
 // EMFILE for other opens, EIO for the rest.
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <atomic>
 #include <cerrno>
@@ -47,11 +47,6 @@ bool Fails(const char* call, int error) {
     dprintf(STDERR_FILENO, "injected fault %ld: %s\n", gNumber, call);
     errno = error;
     return true;
-}
-
-template <typename Function>
-Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace

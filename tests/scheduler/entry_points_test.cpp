@@ -2,11 +2,11 @@
 
 #include <CEvent.h>
 #include <addin/CAddInInterface.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <scheduler/CSchedulerAddin.h>
 #include <scheduler/Scheduler.h>
 #include <sync/CMutex.h>
+#include "interpose/NextDefinition.h"
 
 #include <ctime>
 #include <string>
@@ -163,11 +163,6 @@ TEST(EntryPoints, SecondObjectReplacesTheSharedObjectsAndDeletesNoneOfTheFirsts)
 // ---- Interposed: the names that the support library gets ---------------------------------------
 
 static std::vector<std::string> gNames;
-
-template <typename Function>
-static Function* NextDefinition(const char* symbol) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
-}
 
 // The constructor of CEvent, called by the add-in and by the test. It records its arguments.
 #define CONSTRUCTOR_OF_EVENT "_ZN6CEventC1ENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb"

@@ -3,11 +3,11 @@
 
 #include <CEvent.h>
 #include <CPopen.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -34,11 +34,6 @@ static constexpr char cTaskChanged[] = "Global\\schTaskChanged-69BD-4438-B706-07
 
 static std::vector<std::string> gCommands;
 static std::function<void(const char*)> gOnOpen;
-
-template <typename Function>
-static Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 extern "C" std::FILE* popen(const char* command, const char* mode) {
     gCommands.push_back(std::string(command) + '|' + mode);

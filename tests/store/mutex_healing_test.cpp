@@ -60,7 +60,7 @@ static bool IsWaitedFor() {
     return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT) > 0;
 }
 
-// ---- Healed -----------------------------------------------------------------------------------------
+// ---- Healed -------------------------------------------------------------------------------------
 
 TEST(MutexHealing, MutexThatNobodyHoldsIsSetFree) {
     Inspectable([] {
@@ -171,7 +171,7 @@ TEST(MutexHealing, WaitsInVainAreNoUse) {
     });
 }
 
-// ---- Not healed ---------------------------------------------------------------------------------------
+// ---- Not healed ---------------------------------------------------------------------------------
 
 TEST(MutexHealing, NotBeforeItWasUnchangedForAWhile) {
     std::filesystem::create_directory("files");

@@ -98,7 +98,7 @@ TEST(AbandonedSet, HeldOneIsNone) {
     EXPECT_EQ(StoreSemaphoreValue(), 0);
 }
 
-// ---- A change --------------------------------------------------------------------------------------
+// ---- A change -----------------------------------------------------------------------------------
 
 TEST(LockForAChange, MakesTheSetThatIsMissing) {
     std::filesystem::create_directory("files");

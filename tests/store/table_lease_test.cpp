@@ -3,9 +3,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "base/CDescriptor.h"
 #include "store/CTableLease.h"
+#include "store/TableFile.h"
 
 #include <atomic>
 #include <csignal>
@@ -14,6 +17,8 @@
 #include <string>
 #include <thread>
 
+#include <vxsched/Error.h>
+#include <vxsched/Table.h>
 #include "Process.h"
 
 using vxsched::CTableLease;
@@ -114,4 +119,18 @@ TEST(TableLease, OverwritesALongerAndAShorterFile) {
     EXPECT_EQ(ReadFile(cFile), std::string(10'000, 'y'));
     ASSERT_EQ(stat(cFile, &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
+}
+
+// The file is one that cannot be truncated.
+TEST(OverwrittenTable, IsDamagedIfTheOverwriteIsCutShort) {
+    const std::string former = vxsched::EncodeTable({vxsched::TTaskEntry()});
+    const CDescriptor file(memfd_create("table", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    ASSERT_EQ(write(file.Get(), former.data(), former.size()), static_cast<ssize_t>(former.size()));
+    ASSERT_EQ(fcntl(file.Get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
+    EXPECT_THROW(vxsched::OverwriteTable(file.Get(), vxsched::EncodeTable({}), "table"),
+                 vxsched::CError);
+    lseek(file.Get(), 0, SEEK_SET);
+    const std::string left = vxsched::ReadBytes(file.Get(), "table");
+    EXPECT_EQ(left.size(), former.size());
+    EXPECT_THROW(vxsched::DecodeTable(left, vxsched::Now()), vxsched::CError);
 }

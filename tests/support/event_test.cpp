@@ -3,7 +3,6 @@
 
 #include <CEvent.h>
 #include <VXC_CRC32.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sync/CMutex.h>
@@ -11,6 +10,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <algorithm>
 #include <atomic>
@@ -44,16 +44,11 @@ static void WaitForWaiters(int count) {
 
 // ---- Interposed: the clock and the wait --------------------------------------------------------
 
-// Called by CEvent. While gWaits is not null, the monotonic clock is that of the test, and a wait is
-// only recorded, in nanoseconds; it then takes 200 ms and is interrupted by a signal handler, or runs
-// out if it was shorter.
+// Called by CEvent. While gWaits is not null, the monotonic clock is that of the test, and a wait
+// is only recorded, in nanoseconds; it then takes 200 ms and is interrupted by a signal handler, or
+// runs out if it was shorter.
 static std::vector<long>* gWaits = nullptr;
 static long gClock = 0;
-
-template <typename Function>
-static Function* NextDefinition(const char* symbol) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
-}
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
     if (gWaits == nullptr || clock != CLOCK_MONOTONIC)

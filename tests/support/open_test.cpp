@@ -1,12 +1,12 @@
 // Buffered files: the bytes on disk, the number of system calls, and the effect of each failure.
 
 #include <COpen.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -37,11 +37,6 @@ struct TPlan {
 static TPlan gReads;
 static TPlan gWrites;
 static TPlan gCloses;
-
-template <typename Function>
-static Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 static bool IsTheFile(int descriptor) {
     char path[4096];

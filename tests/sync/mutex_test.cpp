@@ -2,7 +2,6 @@
 // processes.
 
 #include <VXC_CRC32.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sync/CMutex.h>
@@ -10,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <unistd.h>
+#include "interpose/NextDefinition.h"
 
 #include <atomic>
 #include <cerrno>
@@ -45,11 +45,6 @@ static std::atomic<int> gErrnoSeen{-1};
 static void Record(const std::string& call) {
     const std::lock_guard<std::mutex> lock(gCallsMutex);
     gCalls.push_back(call);
-}
-
-template <typename Function>
-static Function* NextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 extern "C" int semget(key_t key, int count, int flags) noexcept {

@@ -186,8 +186,8 @@ TEST_F(KilledAtEachCall, TickIsOldNewOrNoticed) {
 }
 
 TEST_F(KilledAtEachCall, TableOfSeveralBlocksIsOldNewOrNoticed) {
-    // Few long parameters rather than many short ones: the child is stopped at each system call, and
-    // each allocation may make one.
+    // Few long parameters rather than many short ones: the child is stopped at each system call,
+    // and each allocation may make one.
     for (int index = 0; index < 22; ++index)
         old.push_back({"task " + std::to_string(index), cFuture, 0, 1, "/opt/other",
                        std::string(100'000, 'x'), 0});

@@ -1,6 +1,6 @@
 // Direct clients that load the add-in at once, call it and end in every way, next to a host and to
-// commands: whatever they do to the store mutex, everybody gets on. MUTEX_STRESS_ITERATIONS sets how
-// often, MUTEX_STRESS_SEED repeats a run; with MUTEX_STRESS_TASKS no created task may be lost.
+// commands: whatever they do to the store mutex, everybody gets on. MUTEX_STRESS_ITERATIONS sets
+// how often, MUTEX_STRESS_SEED repeats a run; with MUTEX_STRESS_TASKS no created task may be lost.
 
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
@@ -33,7 +33,8 @@ static constexpr int cIterations = 50;  // MUTEX_STRESS_ITERATIONS overrides it
 static constexpr int cClients = 4;
 static constexpr unsigned int cNoProgress = 30;  // seconds
 
-// A direct client: NAME SEED. Creates the file made/NAME once the creation of its task has returned.
+// A direct client: NAME SEED. Creates the file made/NAME once the creation of its task has
+// returned.
 RUN_AGAIN(DirectClient) {
     const std::string& name = arguments.at(0);
     std::mt19937 random(static_cast<unsigned int>(std::stoul(arguments.at(1))));

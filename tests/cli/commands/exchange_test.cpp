@@ -89,8 +89,8 @@ TEST_F(Cli, ImportRefusesInvalidInput) {
     ExpectRefused(1, "no such file", {"import", "no such file"});
 }
 
-// Makes a store in the directory "other" whose task "a" has a link to a program that no launch would
-// find by its name, and exports it to the file "export".
+// Makes a store in the directory "other" whose task "a" has a link to a program that no launch
+// would find by its name, and exports it to the file "export".
 static void ExportFromAnotherStore() {
     fs::create_directories("other/files");
     for (const char* const name : {"other/free", "other/tool.sh"}) {

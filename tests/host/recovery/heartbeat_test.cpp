@@ -4,9 +4,7 @@
 #include "host/recovery/CHeartbeat.h"
 
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 
@@ -153,15 +151,6 @@ TEST(Heartbeat, ClockThatIsOnlyAdjustedMovesNothing) {
     clock.boot.time += 400ms;
     clock.Pass(1h);
     EXPECT_EQ(PreviousUptime(), "0 to 120");
-}
-
-TEST(Heartbeat, FileWithoutABootIsRead) {
-    TFakeClock clock;
-    const std::int64_t content[] = {cStart + 40, cStart};
-    std::ofstream("files/started/alive", std::ios::binary)
-        .write(reinterpret_cast<const char*>(content), sizeof content);
-    clock.Pass(1h);
-    EXPECT_EQ(PreviousUptime(), "0 to 100");
 }
 
 TEST(Heartbeat, BootOfTheSystemIsKnownAndIsItsClocksBeginning) {

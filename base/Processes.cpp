@@ -1,0 +1,67 @@
+#include "base/Processes.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdint>
+#include <limits>
+#include <sstream>
+#include <system_error>
+
+#include "base/RegularFile.h"
+#include "base/SameFile.h"
+
+namespace vxsched {
+
+std::optional<pid_t> ParseProcess(std::string_view digits) {
+    pid_t process = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [rest, error] = std::from_chars(digits.data(), end, process);
+    return error == std::errc() && rest == end && process > 0 ? std::optional(process)
+                                                              : std::nullopt;
+}
+
+std::filesystem::path ProcessDirectory(pid_t process) {
+    return std::filesystem::path("/proc") / std::to_string(process);
+}
+
+bool TProcessStat::IsKernelThread() const {
+    constexpr unsigned int cKernelThread = 0x00200000;
+    return (flags & cKernelThread) != 0;
+}
+
+std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directory) {
+    std::string line;
+    if (!ReadRegularFile(directory / "stat", std::numeric_limits<std::uint64_t>::max(), line))
+        return {};
+    // The name may have blanks and brackets.
+    const std::size_t begin = line.find('(');
+    const std::size_t end = line.rfind(')');
+    if (begin == std::string::npos || end == std::string::npos)
+        return {};
+    TProcessStat stat;
+    stat.name = line.substr(begin + 1, end - begin - 1);
+    std::istringstream words(line.substr(end + 1));
+    std::string skipped;
+    words >> stat.state;
+    for (int field = 0; field < 5; ++field)
+        words >> skipped;
+    words >> stat.flags;
+    return stat;
+}
+
+bool HasEnded(pid_t process) {
+    const std::optional<TProcessStat> stat = ReadProcessStat(ProcessDirectory(process));
+    return stat ? stat->HasEnded() : kill(process, 0) == -1 && errno == ESRCH;
+}
+
+bool SharesIpcNamespace(const std::filesystem::path& directory, const std::filesystem::path& own) {
+    struct stat ours {};
+    struct stat theirs {};
+    return stat((own / "ns/ipc").c_str(), &ours) != 0 ||
+           stat((directory / "ns/ipc").c_str(), &theirs) != 0 || IsSameFile(ours, theirs);
+}
+
+}  // namespace vxsched

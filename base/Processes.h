@@ -1,0 +1,47 @@
+// What /proc shows of a process. Every user may read what these functions read, but for the
+// namespace of somebody else's process. None of them throws; any thread may call them, and they
+// block no longer than a read of /proc takes.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vxsched {
+
+// The process whose number `digits` are, all of them; empty for anything else, as for the names in
+// /proc that are no processes.
+std::optional<pid_t> ParseProcess(std::string_view digits);
+
+// Its directory, /proc/PID.
+std::filesystem::path ProcessDirectory(pid_t process);
+
+// What the file "stat" of a process or of a thread shows.
+struct TProcessStat {
+    std::string name;  // the short one
+    char state = 0;
+    unsigned int flags = 0;
+
+    bool IsKernelThread() const;
+
+    // The kernel has undone its semaphore operations by then. A zombie counts as ended: its parent
+    // just has not collected it.
+    bool HasEnded() const { return state == 'Z' || state == 'X'; }
+};
+
+// Empty if there is no such process or thread any more. `directory` is its directory in /proc.
+std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directory);
+
+// Whether there is no such process any more, or only its zombie.
+bool HasEnded(pid_t process);
+
+// Whether two processes are in the same IPC namespace, by their directories in /proc. A namespace
+// that cannot be read is taken for the same one, which is usual.
+bool SharesIpcNamespace(const std::filesystem::path& directory,
+                        const std::filesystem::path& own = "/proc/self");
+
+}  // namespace vxsched

@@ -1,0 +1,40 @@
+// What /proc shows of a process.
+
+#include "base/Processes.h"
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "Process.h"
+
+TEST(Processes, NumberIsAllDigits) {
+    EXPECT_EQ(vxsched::ParseProcess("42"), 42);
+    for (const char* const other : {"", "self", "42x", " 42", "-42", "0", "99999999999999999999"})
+        EXPECT_EQ(vxsched::ParseProcess(other), std::nullopt) << other;
+}
+
+TEST(Processes, ZombieHasEnded) {
+    const CForkedChild child([] {
+        pause();
+        return 0;
+    });
+    EXPECT_FALSE(vxsched::HasEnded(child.Id()));
+    child.Kill(SIGKILL);
+    siginfo_t end{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child.Id()), &end, WEXITED | WNOWAIT), 0);
+    EXPECT_TRUE(vxsched::HasEnded(child.Id()));
+}
+
+TEST(Processes, CollectedOneHasEnded) {
+    CForkedChild child([] { return 0; });
+    const pid_t id = child.Id();
+    child.Wait();
+    EXPECT_TRUE(vxsched::HasEnded(id));
+}
+
+TEST(Processes, NamespaceThatCannotBeReadIsTakenForTheSame) {
+    EXPECT_TRUE(vxsched::SharesIpcNamespace(vxsched::ProcessDirectory(getpid())));
+    EXPECT_TRUE(vxsched::SharesIpcNamespace("/proc/0"));
+}
