@@ -107,12 +107,17 @@ struct TRequest {
     char* const* environment;
 };
 
+// Where the program of `run` writes; closed: where the host does.
+CDescriptor OpenOutput(const TRunRecord& run) {
+    return gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
+}
+
 // Launches the program of `run`, and records that if the launch is made. `owedPath`, if set, is the
-// file of an owed launch, which the new process empties. Returns 0 or an error number; the caller
-// reports an error.
-int Launch(TRunRecord& run, const TRequest& request, const std::optional<std::string>& owedPath) {
+// file of an owed launch, which the new process empties. `output` is that of OpenOutput(). Returns 0
+// or an error number; the caller reports an error.
+int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
+           const std::optional<std::string>& owedPath) {
     run.started = CurrentMoment();
-    const CDescriptor output = gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
     CSpawnAttributes cleanAttributes;
     cleanAttributes.ResetSignals();
     const auto spawn = [&](const std::optional<std::string>& createdPath) {
@@ -170,10 +175,11 @@ void ReportFailure(TRunRecord& run, int error) {
 int LaunchWithRetries(TRunRecord& run, const TRequest& request) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point end = TClock::now() + cAgainLimit;
-    int result = Launch(run, request, {});
+    const CDescriptor output = OpenOutput(run);
+    int result = Launch(run, request, output, {});
     while (result == EAGAIN && COwedLaunches::Instance().Count() == 0 && TClock::now() < end) {
         std::this_thread::sleep_for(cAgainPause);
-        result = Launch(run, request, {});
+        result = Launch(run, request, output, {});
     }
     return result;
 }
@@ -197,7 +203,7 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
                                .attributes = nullptr,
                                .arguments = arguments,
                                .environment = environ},
-                              file);
+                              OpenOutput(run), file);
     if (result == EAGAIN)
         return false;
     // Nobody else waits for it.
