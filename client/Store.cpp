@@ -167,11 +167,11 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     call.throughLink = HowToLaunch(task.program) == EProgram::cThroughLink;
     call.mustExist = false;
     call.mustBeNew = !replace;
-    // CreateTask reschedules or removes a task whose due time is past by the clock. A task due this
-    // second must not meet that fate a second later; a repeating one that is past already is to be
+    // CreateTask reschedules or removes a task whose due time is past by the clock. A task that is
+    // due now must not meet that fate a second later; a repeating one that is past is to be
     // rescheduled.
     const TTime since = Now();
-    call.keepDue = task.period == 0 || task.due >= since;
+    call.keepDue = task.period == 0 || task.due >= since - cJustPast;
     const TOutcome outcome = MakeChange(
         options, {{call}, [&](const TOutcome& made) {
                       entry.program = ProgramOf(entry, made);

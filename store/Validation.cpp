@@ -140,7 +140,7 @@ void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors
                     fmt::format("a period of {} hours would be a step of {} seconds; the longest "
                                 "period is {} hours",
                                 task.period, step, cLongestPeriod));
-    if (task.period == 0 && task.next < now)
+    if (task.period == 0 && task.next < now - cJustPast)
         errors.Warn(TValidationError::cPastDue,
                     "the task runs once and its due time is past: a new task would run at once, an "
                     "existing one would be removed without a run; give a due time in the future");

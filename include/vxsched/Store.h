@@ -89,9 +89,10 @@ public:
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
     // Adds an active task at the end of the table. With `replace` it replaces a task of the same
-    // name in its place and keeps the last launch. A repeating task whose due time is past is
-    // rescheduled to its next one. Returns the entry as it is in the table. Throws cRefused on a
-    // validation error that is not forced, and without `replace` if the name is taken.
+    // name in its place and keeps the last launch. A repeating task whose due time is past by more
+    // than cJustPast is rescheduled to its next one. Returns the entry as it is in the table.
+    // Throws cRefused on a validation error that is not forced, and without `replace` if the name
+    // is taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
     // Returns the entry that Edit() would write, without a change. Throws like Edit().

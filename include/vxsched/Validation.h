@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,6 +11,11 @@
 // Validating a task before it gets into the table. Any thread may call these functions; they take
 // no lock, change nothing and do not fail.
 namespace vxsched {
+
+// A due time of a new or edited task that is past by no more than this counts as now: between the
+// moment in which a caller read the clock and the one in which the task is made, a second may begin,
+// or several on a busy machine.
+inline constexpr std::chrono::seconds cJustPast(10);
 
 // A reason not to put a task into the table.
 struct VXSCHED_PUBLIC TValidationError {
@@ -26,7 +32,7 @@ struct VXSCHED_PUBLIC TValidationError {
         cEndlessPeriod,      // the step is zero: once late, the task would hang the store
         cTooFarBack,         // loading the add-in would catch up for more than a second
         cWrappedPeriod,      // the period in seconds exceeds 32 bits, so the step is another
-        cPastDue,            // the due time of a task that runs once is past
+        cPastDue,            // the due time of a task that runs once is past, see cJustPast
         cParameterTooLong,   // 128 KiB or more: the system passes no such argument to a program
     };
     EKind kind;

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 TEST_F(ClientStore, ValidationErrorsAreRefusedByName) {
     ErrorOf(EError::cRefused, [&] { store.Create(Task(""), false); });
-    ErrorOf(EError::cRefused, [&] { store.Create(Task("a", In(-1s), 0), false); });
+    ErrorOf(EError::cRefused, [&] { store.Create(Task("a", In(-11s), 0), false); });
     ErrorOf(EError::cRefused, [&] { store.Create(Task("a", In(1h), 268435456), false); });
     TNewTask missing = Task("a");
     missing.program = "/no/such/program";

@@ -119,11 +119,11 @@ TEST(ClientValidation, PeriodsThatWrapAreDistinguished) {
 
 TEST(ClientValidation, PastDueTimeMattersToATaskThatRunsOnce) {
     TTaskEntry task = Valid();
-    task.next = At(cNow - 1);
+    task.next = At(cNow - 11);
     EXPECT_EQ(NamesOf(task), TNames());
     task.period = 0;
     EXPECT_EQ(NamesOf(task), TNames({"past-due?"}));
-    task.next = At(cNow);
+    task.next = At(cNow - 10);
     EXPECT_EQ(NamesOf(task), TNames());
 }
 
