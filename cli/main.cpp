@@ -17,6 +17,7 @@
 #include "cli/time/PeriodFormat.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
+#include "store/StoreOwner.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -85,9 +86,14 @@ private:
     // Adds a command's options and arguments to it.
     using TOptions = std::function<void(CLI::App&)>;
 
+    // As whom a command begins under the superuser, in a store of another user's. One that begins as
+    // the caller, or that uses no store, becomes the owner itself if it has to.
+    enum class EIdentity { cOwner, cCaller };
+
     // Adds a command. `options` is called only if the command line has this command: describing the
     // options of all commands would take a quarter of a short command's time.
-    void Add(const char* name, const char* description, TCommand command, TOptions options);
+    void Add(const char* name, const char* description, TCommand command, TOptions options,
+             EIdentity identity = EIdentity::cOwner);
     void AddForNames(const char* name, const char* description,
                      TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
                      bool isForcible);
@@ -106,6 +112,7 @@ private:
     COutput output;
     TCommon common;
     TCommand chosen;
+    bool mustBecomeOwner = false;
     std::vector<std::string> beforeSeparator;  // the arguments before --
 
     std::string directory = ".";
@@ -156,10 +163,13 @@ CCommandLine::CCommandLine() {
 }
 
 void CCommandLine::Add(const char* name, const char* description, TCommand command,
-                       TOptions options) {
+                       TOptions options, EIdentity identity) {
     CLI::App* const added = app.add_subcommand(name, description);
     added->group("Commands");
-    added->callback([this, command = std::move(command)] { chosen = command; });
+    added->callback([this, command = std::move(command), identity] {
+        chosen = command;
+        mustBecomeOwner = identity == EIdentity::cOwner;
+    });
     added->preparse_callback(
         [added, options = std::move(options)](std::size_t /*left*/) { options(*added); });
 }
@@ -217,7 +227,8 @@ void CCommandLine::AddQueries() {
             addJson(check);
             check.add_option("file", file, "File to check instead of the directory's table")
                 ->type_name("FILE");
-        });
+        },
+        EIdentity::cCaller);
 }
 
 void CCommandLine::AddDryRun(CLI::App& command) {
@@ -324,7 +335,7 @@ void CCommandLine::AddMaintenance() {
     };
     Add(
         "repair", "Repair a damaged table, keeping every task that can be read",
-        [this] { return Repair(common, output); }, addDryRun);
+        [this] { return Repair(common, output); }, addDryRun, EIdentity::cCaller);
     Add(
         "export", "Print the table as JSON", [this] { return Export(common, output); },
         [](CLI::App& /*export*/) {});
@@ -345,7 +356,8 @@ void CCommandLine::AddMaintenance() {
             import.add_flag("--merge", merge, "Overwrite tasks that have the same name")
                 ->excludes(whole);
             addDryRun(import);
-        });
+        },
+        EIdentity::cCaller);
     Add(
         "completion", "Print the completion script for a shell",
         [this] { return PrintCompletion(shell, output); },
@@ -354,7 +366,8 @@ void CCommandLine::AddMaintenance() {
                 ->type_name("SHELL")
                 ->required()
                 ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));
-        });
+        },
+        EIdentity::cCaller);
 }
 
 // A mistyped directory would otherwise look like an empty table.
@@ -458,6 +471,8 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
         std::chrono::milliseconds(static_cast<std::int64_t>(lockTimeout * 1000));
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
+    if (mustBecomeOwner)
+        BecomeForeignOwner(directory);
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;

@@ -13,6 +13,7 @@
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CTableLease.h"
+#include "store/COwnerAccess.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -54,6 +55,7 @@ CError ErrorOf(const std::string& message) {
 // Restores the backup if the change process has left a damaged table. Takes the writer lock and the
 // store mutex. Reads the table into `table` and returns its state, for a message.
 std::string Recover(const TStoreOptions& options, TTable& table) {
+    const COwnerAccess ownerAccess(options.directory);
     const CWriterLock writerLock(options.directory, options.lockTimeout);
     const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
     const CDeadline deadline(options.lockTimeout);

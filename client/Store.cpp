@@ -327,6 +327,7 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
 // False, without a change, if a tick is under way, whose end would overwrite the new table.
 bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
                            const std::function<void(const std::string&)>& canReplace) const {
+    const COwnerAccess ownerAccess(options.directory);
     // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps other
     // processes from loading the add-in, which would set the mutex free.
     const CWriterLock writerLock(options.directory, options.lockTimeout);

@@ -1,15 +1,12 @@
 #include "store/COwnerAccess.h"
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/fsuid.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
+#include <optional>
 
-#include "store/Layout.h"
+#include "store/StoreOwner.h"
 
 namespace vxsched {
 
@@ -20,6 +17,10 @@ void SetGroupsOfThread(const std::vector<gid_t>& groups) {
     syscall(SYS_setgroups, groups.size(), groups.data());
 }
 
+uid_t UserOfThread() {
+    return static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));  // changes nothing
+}
+
 std::vector<gid_t> GroupsOfThread() {
     const int count = getgroups(0, nullptr);
     std::vector<gid_t> groups(count > 0 ? static_cast<std::size_t>(count) : 0);
@@ -28,36 +29,19 @@ std::vector<gid_t> GroupsOfThread() {
     return groups;
 }
 
-// The user's groups, the main one first, as a login or a service manager would set them; for a user
-// without an entry in the user database, the group of the directory.
-std::vector<gid_t> GroupsOf(const struct stat& files) {
-    passwd entry{};
-    passwd* found = nullptr;
-    std::array<char, 1 << 14> strings{};
-    if (getpwuid_r(files.st_uid, &entry, strings.data(), strings.size(), &found) != 0 ||
-        found == nullptr)
-        return {files.st_gid};
-    std::vector<gid_t> groups(1);
-    auto count = static_cast<int>(groups.size());
-    while (getgrouplist(found->pw_name, found->pw_gid, groups.data(), &count) == -1)
-        groups.resize(static_cast<std::size_t>(count));
-    groups.resize(static_cast<std::size_t>(count));
-    return groups;
-}
-
 }  // namespace
 
 COwnerAccess::COwnerAccess(const std::filesystem::path& directory) {
-    struct stat files {};
-    if (geteuid() != 0 || stat((directory / cFilesDirectory).c_str(), &files) != 0 ||
-        files.st_uid == 0)
+    if (UserOfThread() != geteuid())
         return;
-    const std::vector<gid_t> groups = GroupsOf(files);
+    const std::optional<TStoreOwner> owner = FindForeignOwner(directory);
+    if (!owner)
+        return;
     isActing = true;
     ownGroups = GroupsOfThread();
-    SetGroupsOfThread(groups);
-    setfsgid(groups.front());
-    setfsuid(files.st_uid);  // gives up the superuser's capabilities for files as well
+    SetGroupsOfThread(owner->groups);
+    setfsgid(owner->groups.front());
+    setfsuid(owner->user);  // gives up the superuser's capabilities for files as well
 }
 
 COwnerAccess::~COwnerAccess() {

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include <vxsched/Error.h>
+#include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/EntryFields.h"
 #include "store/Grid.h"
@@ -132,6 +133,7 @@ TTime Now() {
 }
 
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout) {
+    const COwnerAccess ownerAccess(directory);
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error))
         throw MakeError(EError::cFailed,

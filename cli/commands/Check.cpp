@@ -9,9 +9,9 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
-#include "store/COwnerAccess.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
+#include "store/StoreOwner.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -40,7 +40,6 @@ std::vector<TFinding> FindingsOf(const TCommon& common, const TTable& table) {
     std::vector<TFinding> findings;
     for (const TProblem& problem : table.problems)
         findings.push_back({NameOf(problem.kind), problem.message, problem.offset});
-    const COwnerAccess ownerAccess(common.store.directory);
     for (const TTaskEntry& task : table.tasks) {
         const bool isLink = RealProgram(common.store.directory, task.program) != task.program;
         const EProgram how = isLink ? EProgram::cThroughLink : EProgram::cAsNamed;
@@ -84,7 +83,9 @@ TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& 
     try {
         if (!file.empty() && !std::filesystem::exists(file))
             throw MakeError(EError::cFailed, "cannot check {}: there is no such file", file);
-        table = file.empty() ? CStore(common.store).Read() : DecodeTable(ReadBytes(file), Now());
+        const std::string bytes = file.empty() ? "" : ReadBytes(file);  // as the caller may read it
+        BecomeForeignOwner(common.store.directory);
+        table = file.empty() ? CStore(common.store).Read() : DecodeTable(bytes, Now());
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;

@@ -13,9 +13,9 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
-#include "store/COwnerAccess.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
+#include "store/StoreOwner.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -89,7 +89,6 @@ bool IsHarmful(TValidationError::EKind kind) {
 // Throws CError (cRefused) for a task that would harm other tasks or processes. Prints a warning
 // about one that would harm only itself.
 void CheckImported(const TCommon& common, const std::vector<TImported>& imported) {
-    const COwnerAccess ownerAccess(common.store.directory);
     for (const TImported& one : imported) {
         TTaskEntry task = one.task;
         const bool isLink = HasItsLink(common, one) || NeedsOwnLink(common, one);
@@ -154,7 +153,9 @@ TExitStatus Export(const TCommon& common, COutput& output) {
 }
 
 TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
-    std::vector<TImported> imported = ReadTasks(ReadInput(file));
+    const std::string input = ReadInput(file);  // which the owner of the store may not read
+    BecomeForeignOwner(common.store.directory);
+    std::vector<TImported> imported = ReadTasks(input);
     ResolveLinks(common, imported);
     CheckImported(common, imported);
     const CStore store(common.store);

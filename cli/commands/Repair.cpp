@@ -12,9 +12,11 @@
 #include "cli/commands/Commands.h"
 #include "store/Backups.h"
 #include "store/CMutexHealer.h"
+#include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CTableLease.h"
 #include "store/CWriterLock.h"
+#include "store/StoreOwner.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -29,7 +31,10 @@ void HealMutex(const TCommon& common, COutput& output) {
     CMutexHealer healer;
     if (healer.Observe() == CMutexHealer::cFree)
         return;
-    const CWriterLock writerLock(common.store.directory, common.store.lockTimeout);
+    const CWriterLock writerLock = [&] {
+        const COwnerAccess ownerAccess(common.store.directory);
+        return CWriterLock(common.store.directory, common.store.lockTimeout);
+    }();
     const CDeadline deadline(common.store.lockTimeout);
     std::string why = fmt::format("a wedged one is set free once it was seen unchanged for {} ms",
                                   CMutexHealer::cUnchangedTime.count());
@@ -63,8 +68,10 @@ std::string TableBytes(const TCommon& common) {
 }  // namespace
 
 TExitStatus Repair(const TCommon& common, COutput& output) {
+    // As the superuser, who alone may inspect every process that may hold the mutex.
     if (!common.dryRun)
         HealMutex(common, output);
+    BecomeForeignOwner(common.store.directory);
     const std::string bytes = TableBytes(common);
     std::optional<TBackup> backup = FindBackup(common.store.directory);
     // The notes end with this name. The path shows that a snapshot is not next to the table.

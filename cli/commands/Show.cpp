@@ -14,7 +14,6 @@
 #include "cli/output/RunFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
-#include "store/COwnerAccess.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -29,11 +28,7 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     TTaskEntry real = task;
     real.program = RealProgram(common.store.directory, task.program);
     const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
-    const auto validate = [&] {
-        const COwnerAccess ownerAccess(common.store.directory);
-        return Validate(real, now, how);
-    };
-    for (const TValidationError& error : validate()) {
+    for (const TValidationError& error : Validate(real, now, how)) {
         if (error.IsAboutProgram())
             return error.message;
     }

@@ -5,10 +5,8 @@
 #include <VXC_Log.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -36,6 +34,7 @@
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/StoreMutexSet.h"
+#include "store/StoreOwner.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
 #include "store/WorkerState.h"
@@ -237,17 +236,6 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
     RemoveUnusedLinks(request.directory, *table);
 }
 
-// Under the superuser, becomes the owner of the store: its host could not use files that belong to
-// the superuser.
-void BecomeOwner() {
-    struct stat status {};
-    if (geteuid() != 0 || stat(cFilesDirectory, &status) == -1 || status.st_uid == 0)
-        return;
-    if (setgroups(0, nullptr) == -1 || setgid(status.st_gid) == -1 || setuid(status.st_uid) == -1)
-        throw SystemError(
-            fmt::format("cannot become the owner of the directory \"{}\"", cFilesDirectory), errno);
-}
-
 void RequireSavesInOneStep(const std::string& addIn) {
     if (const std::string reason = WhySavesAreNotInOneStep(addIn); !reason.empty())
         throw MakeError(
@@ -307,7 +295,7 @@ int Main() {
     try {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
-        BecomeOwner();
+        BecomeForeignOwner(".");
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
         SetFileStatusListener(NoteFileStatus);

@@ -206,6 +206,7 @@ TEST_F(ClientStore, LinksAreKeptWhateverTheDirectoryIsCalled) {
 TEST_F(ClientStore, SuperuserMakesFilesForTheOwnerOfTheDirectory) {
     const uid_t user = geteuid() == 0 ? 65534 : geteuid();
     const gid_t group = geteuid() == 0 ? 65534 : getegid();
+    ASSERT_EQ(chown(".", user, group), 0);
     ASSERT_EQ(chown("files", user, group), 0);
     chmod(".", 0755);
     store.Create(Task("a"), false);
@@ -254,6 +255,7 @@ TEST_F(ClientStore, ProgramIsCheckedWithThePermissionsOfTheStoresOwner) {
     const uid_t owner = isSuperuser ? 65534 : geteuid();
     const gid_t group = isSuperuser ? 65534 : getegid();
     const char* const unless = isSuperuser ? "not-executable" : "";
+    ASSERT_EQ(chown(".", owner, group), 0);
     ASSERT_EQ(chown("files", owner, group), 0);
     chmod(".", 0755);
     fs::create_directory("hidden");

@@ -1,0 +1,108 @@
+// vxsched of the superuser on a store of another user's: whatever the owner has made of the store,
+// the superuser's own files stay unread and unchanged.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "ForeignStore.h"
+#include "Process.h"
+#include "Recorder.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+static const std::vector<std::vector<std::string>> cCommands = {
+    {"list"},           {"show", "a"},  {"next"},   {"history"},   {"status"},
+    {"check"},          {"repair"},     {"export"}, {"pause", "a"}, {"remove", "a"},
+    {"import", "input"}, {"create", "b", "--at", "in 1h", "--", cRecorder}};
+
+// A file that only the superuser may read, with the bytes of a damaged table.
+static void MakeSecret() {
+    WriteFile("secret", BytesOf({{"secret", 4'000'000'000, 0, 24, "/bin/true", "", 0}}) + "key");
+    ASSERT_EQ(chmod("secret", 0600), 0);
+}
+
+TEST_F(Cli, LinkInPlaceOfAForeignTableReachesNoFileOfTheSuperuser) {
+    REQUIRE_SUPERUSER();
+    MakeSecret();
+    WriteFile("input", R"({"version": 1, "tasks": []})");
+    const std::string before = ReadFile("secret");
+    GiveStoreTo(cForeignUser);
+    fs::create_symlink(fs::absolute("secret"), cTable);
+    ASSERT_EQ(lchown(cTable, cForeignUser, cForeignUser), 0);
+    for (const std::vector<std::string>& command : cCommands) {
+        const TToolRun run = RunTool(command);
+        EXPECT_NE(run.status, 0) << command[0];
+        EXPECT_THAT(run.error, HasSubstr("is a symbolic link")) << command[0];
+    }
+    EXPECT_EQ(ReadFile("secret"), before);
+    EXPECT_EQ(QuarantinedFile(), "");
+}
+
+// The other names in the store are opened as its owner, who may have made links of them as well.
+TEST_F(Cli, LinksInAForeignStoreLeadOnlyWhereItsOwnerMayGo) {
+    REQUIRE_SUPERUSER();
+    MakeSecret();
+    const std::string before = ReadFile("secret");
+    WriteTable({Later("a")});
+    GiveStoreTo(cForeignUser);
+    for (const char* const name : {"scheduler.dat.before", "history.jsonl", "snapshots"}) {
+        fs::create_symlink(fs::absolute("secret"), std::string("files/") + name);
+        ASSERT_EQ(lchown((std::string("files/") + name).c_str(), cForeignUser, cForeignUser), 0);
+    }
+    EXPECT_THAT(RunTool({"history"}).error, HasSubstr("ermission denied"));
+    RunTool({"pause", "a"});
+    WriteFile(cTable, "damaged");
+    RunTool({"repair"});
+    RunTool({"create", "b", "--at", "in 1h", "--", cRecorder});
+    EXPECT_EQ(ReadFile("secret"), before);
+    EXPECT_EQ(OwnerOf("secret"), 0U);
+}
+
+TEST_F(Cli, EverythingInAForeignStoreBelongsToItsOwner) {
+    REQUIRE_SUPERUSER();
+    WriteTable({Later("a")});
+    GiveStoreTo(cForeignUser);
+    Output({"create", "b c", "--at", "in 1h", "--", "/usr/bin/free"});
+    Output({"pause", "a"});
+    WriteFile(cTable, ReadFile(cTable).substr(0, 60));
+    EXPECT_EQ(RunTool({"repair"}).status, 0);
+    for (const auto& entry : fs::recursive_directory_iterator("files"))
+        EXPECT_EQ(OwnerOf(entry.path()), cForeignUser) << entry.path();
+}
+
+// A file that the command line names is the caller's.
+TEST_F(Cli, ImportIntoAForeignStoreReadsAFileOfTheCaller) {
+    REQUIRE_SUPERUSER();
+    WriteTable({Later("a")});
+    WriteFile("input", Output({"export"}));
+    ASSERT_EQ(chmod("input", 0600), 0);
+    fs::copy(cTable, "copy");
+    ASSERT_EQ(chmod("copy", 0600), 0);
+    GiveStoreTo(cForeignUser);
+    Output({"remove", "a"});
+    Output({"import", "input"});
+    EXPECT_EQ(NamesInTable(), "a");
+    EXPECT_EQ(OwnerOf(cTable), cForeignUser);
+    EXPECT_THAT(Output({"check", "copy"}), HasSubstr("1 task, valid"));
+}
+
+TEST_F(Cli, ForeignStoreOfSeveralOwnersIsRefused) {
+    REQUIRE_SUPERUSER();
+    WriteTable({Later("a")});
+    WriteFile("input", R"({"version": 1, "tasks": []})");
+    GiveStoreTo(cForeignUser);
+    ASSERT_EQ(chown("files", 0, 0), 0);
+    for (const std::vector<std::string>& command : cCommands)
+        ExpectRefused(4, "belongs to user", command);
+    EXPECT_EQ(RunTool({"run", "a"}).status, 4);
+    EXPECT_FALSE(fs::exists("a parameter")) << "what the recorder would write";
+}
