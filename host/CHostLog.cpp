@@ -58,7 +58,7 @@ void CHostLog::CaptureAddInMessages() {
 
 void CHostLog::WriteTo(const std::string& newPath) {
     std::string error;
-    CDescriptor opened = OpenToAppend(newPath, 0, 0640, EAppendable::cAlsoAPipe, error);
+    CDescriptor opened = OpenToAppend(newPath, 0, 0600, EAppendable::cAlsoAPipe, error);
     if (!opened.IsOpen())
         throw CHostError(cFailed,
                          fmt::format("cannot open the log {}: {}. Choose another file with --log.",

@@ -30,6 +30,7 @@
 #include "host/service/CMainLoop.h"
 #include "host/service/CServiceManager.h"
 #include "host/service/CSignals.h"
+#include "host/service/CStartupStop.h"
 #include "host/service/CTickTimer.h"
 #include "host/startup/AddInFile.h"
 #include "host/startup/CAddInLibrary.h"
@@ -39,12 +40,14 @@
 #include "host/startup/LoadAddIn.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/SetUpCheck.h"
+#include "host/startup/StoreSemaphores.h"
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
 #include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 #include "store/StoreMutexSet.h"
 #include "store/TableSaves.h"
 
@@ -100,8 +103,10 @@ static int TryToReplaceStoreMutex(int removed) {
     static std::atomic<int> lastRemoved{-1};
     try {
         const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
-        if (set.isMade)
+        if (set.isMade) {
             gMadeSet = set.id;
+            SetSemaphoreMode(vxsched::PrivateMode("."));
+        }
         if (lastRemoved.exchange(removed) != removed)
             LogWarning(fmt::format(
                 "the store mutex was removed, as by a process that loads the add-in itself and "
@@ -155,6 +160,8 @@ public:
 };
 
 static void WarnOfPitfalls() {
+    if (const std::string warning = WarningOfAccess("."); !warning.empty())
+        LogWarning(warning);
     if (const std::string warning = WarningOfOtherUsers(); !warning.empty())
         LogWarning(warning);
     if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())
@@ -168,6 +175,13 @@ static void RequireAddIn(const std::string& path) {
         return;
     if (const std::string message = WhyAddInIsRefused(path); !message.empty())
         throw CHostError(cNoAddIn, message);
+}
+
+// Before any of them is opened: the add-in's load would wait for a mutex that another user holds,
+// and ends the process if it may not open an event.
+static void RequireOwnSemaphores() {
+    if (const std::string reason = WhySemaphoresAreRefused("."); !reason.empty())
+        throw CHostError(cNoStore, reason);
 }
 
 static std::unique_ptr<CEvent> OpenStopEvent() {
@@ -225,9 +239,11 @@ static void Run(const THostOptions& options) {
     ReserveDescriptors();
     CSignals signals;
     CServiceManager service;
+    std::optional<CStartupStop> startupStop(std::in_place);
     EnterDirectory(options.directory);
     const CDirectoryLock lock(options.directory);
     RequireAddIn(options.addIn);
+    RequireOwnSemaphores();
     WarnOfPitfalls();
     VXC_SetInformationListener(OnInformation, nullptr);
     vxsched::SaveTableInOneStep();
@@ -248,6 +264,7 @@ static void Run(const THostOptions& options) {
         FollowNextLockedSet({ReplaceStoreMutex, OnWaitForStoreMutex});
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
+    SetSemaphoreMode(vxsched::PrivateMode("."));
     // The load launches nothing.
     HandleLaunches(loaded.library->Tasks(), &output);
     COwedLaunches::Instance().TakeOver();
@@ -255,6 +272,7 @@ static void Run(const THostOptions& options) {
     CTableGuard guard(options.snapshots);
     const CGuardRegistration registration(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
+    startupStop.reset();
     {
         const CRunningWorker worker(loaded.library->AddIn());
         guard.Begin();

@@ -22,7 +22,7 @@ using vxsched::cHistoryFile;
 static std::string Append(const std::string& line) {
     std::string whyNot;
     const CDescriptor file =
-        OpenToAppend(cHistoryFile, O_NOFOLLOW, 0644, EAppendable::cFile, whyNot);
+        OpenToAppend(cHistoryFile, O_NOFOLLOW, 0600, EAppendable::cFile, whyNot);
     if (!file.IsOpen())
         return whyNot;
     struct stat before {};

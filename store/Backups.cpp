@@ -248,9 +248,8 @@ void RestoreBeforeChange(const fs::path& directory) {
     // A rename would replace the link, and leave its target damaged.
     if (isLink)
         ReplaceOrOverwriteTable(directory, bytes);
-    else if (rename(before.c_str(), TableFile(directory).c_str()) == -1)
-        throw SystemError("cannot restore the backup " + before.string(), errno);
-    SyncDirectory((directory / cFilesDirectory).c_str());
+    else
+        RenameToTable(before, directory);
 }
 
 void KeepSnapshot(const fs::path& directory, std::string_view bytes, std::size_t most) {

@@ -11,6 +11,7 @@
 #include <vxsched/Validation.h>
 #include "base/Sync.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 
 namespace vxsched {
 
@@ -47,8 +48,7 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
     if (LaunchLeavesAlone(program))
         return program;
     const fs::path links = LinksOf(directory);
-    std::error_code error;
-    fs::create_directories(links, error);
+    std::error_code error(MakePrivateDirectory(links, directory), std::generic_category());
     for (int number = 1; !error; ++number) {
         const fs::path link = links / LinkName(program, number);
         const bool isThere = IsLinkTo(link, program);
@@ -65,8 +65,8 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
 }
 
 void MakeLink(const std::string& path, const std::string& program) {
-    std::error_code ignored;
-    fs::create_directories(fs::path(path).parent_path(), ignored);
+    const fs::path links = fs::path(path).parent_path();
+    MakePrivateDirectory(links, links.parent_path().parent_path());
     if (symlink(program.c_str(), path.c_str()) == -1 && !IsLinkTo(path, program))
         throw SystemError("cannot make the link " + path + " to " + program, errno);
 }

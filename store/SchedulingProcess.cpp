@@ -15,6 +15,7 @@
 #include "base/Processes.h"
 #include "base/SameFile.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 
 namespace vxsched {
 
@@ -27,11 +28,19 @@ bool MayInspect(pid_t process) {
     return stat((ProcessDirectory(process) / "cwd").c_str(), &status) == 0;
 }
 
+// Whether a process is of a user who may use the store. Any other who may read the directory could
+// lock it, or work in it, to be taken for its scheduling process.
+bool MayScheduleIn(const fs::path& directory, pid_t process) {
+    struct stat status {};
+    return stat(ProcessDirectory(process).c_str(), &status) == 0 &&
+           MayUse(status.st_uid, directory);
+}
+
 // The process that holds an flock() on the file. Trying to take the lock would show that, too, but
 // would keep out a host that starts up at that moment.
-std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directory) {
+std::optional<pid_t> LockHolder(const fs::path& store, const struct stat& directory) {
     struct stat status {};
-    if (stat(file.c_str(), &status) != 0)
+    if (stat((store / cLockFile).c_str(), &status) != 0)
         return {};
     const std::string inode = ':' + std::to_string(status.st_ino);
     std::ifstream locks("/proc/locks");
@@ -42,7 +51,7 @@ std::optional<pid_t> LockHolder(const fs::path& file, const struct stat& directo
         // Inode numbers are unique within one file system only, so the process has to work in the
         // directory as well, if this user may read that.
         const std::optional<pid_t> holder = ParseProcess(process);
-        if (kind == "FLOCK" && which.ends_with(inode) && holder &&
+        if (kind == "FLOCK" && which.ends_with(inode) && holder && MayScheduleIn(store, *holder) &&
             (IsSameFile(ProcessDirectory(*holder) / "cwd", directory) || !MayInspect(*holder)))
             return holder;
     }
@@ -64,12 +73,12 @@ bool HasSeveralThreads(pid_t process) {
     return std::distance(begin(threads), end(threads)) > 1;
 }
 
-std::optional<pid_t> FindHostIn(const struct stat& directory) {
+std::optional<pid_t> FindHostIn(const fs::path& store, const struct stat& directory) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
         const std::optional<pid_t> process = ParseProcess(entry.path().filename().string());
-        if (process && IsSameFile(entry.path() / "cwd", directory) && MapsAddIn(*process) &&
-            HasSeveralThreads(*process))
+        if (process && IsSameFile(entry.path() / "cwd", directory) &&
+            MayScheduleIn(store, *process) && MapsAddIn(*process) && HasSeveralThreads(*process))
             return process;
     }
     return {};
@@ -83,7 +92,7 @@ std::optional<TSchedulingProcess> FindUnseenHost(const fs::path& file) {
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     if (!descriptor.IsOpen() || fcntl(descriptor.Get(), F_OFD_GETLK, &lock) == -1 ||
-        lock.l_type == F_UNLCK)
+        lock.l_type != F_WRLCK)  // a shared lock needs no write permission: it is nobody's host
         return {};
     std::ifstream content(file);
     std::string process;
@@ -114,13 +123,12 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
     struct stat status {};
     if (stat(directory.c_str(), &status) != 0)
         return {};
-    const fs::path lockFile = directory / cLockFile;
-    std::optional<pid_t> process = LockHolder(lockFile, status);
+    std::optional<pid_t> process = LockHolder(directory, status);
     if (!process)
-        process = FindHostIn(status);
+        process = FindHostIn(directory, status);
     if (process)
         return TSchedulingProcess{*process, SharesIpcNamespace(ProcessDirectory(*process))};
-    return FindUnseenHost(lockFile);
+    return FindUnseenHost(directory / cLockFile);
 }
 
 void WakeSchedulingProcess() {

@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <string>
 
@@ -14,6 +12,7 @@
 #include "base/CDescriptor.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
+#include "store/StoreAccess.h"
 
 namespace vxsched {
 
@@ -21,31 +20,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// As a login or a service manager would set them; for a user without an entry in the user database,
-// the group of the directory.
-std::vector<gid_t> GroupsOf(const struct stat& status) {
-    passwd entry{};
-    passwd* found = nullptr;
-    std::array<char, 1 << 14> strings{};
-    if (getpwuid_r(status.st_uid, &entry, strings.data(), strings.size(), &found) != 0 ||
-        found == nullptr)
-        return {status.st_gid};
-    std::vector<gid_t> groups(1);
-    auto count = static_cast<int>(groups.size());
-    while (getgrouplist(found->pw_name, found->pw_gid, groups.data(), &count) == -1)
-        groups.resize(static_cast<std::size_t>(count));
-    groups.resize(static_cast<std::size_t>(count));
-    return groups;
-}
-
 // Opens one component of a path and checks it. A link is followed only if the superuser made it, in
 // a store that is the superuser's so far. Closed if there is nothing.
 CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
                      std::optional<struct stat>& first) {
     struct stat status {};
     CDescriptor step(openat(parent, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    const bool isLink =
-        step.IsOpen() && fstat(step.Get(), &status) == 0 && S_ISLNK(status.st_mode);
+    const bool isLink = step.IsOpen() && fstat(step.Get(), &status) == 0 && S_ISLNK(status.st_mode);
     if (isLink && (status.st_uid != 0 || (first && first->st_uid != 0)))
         throw MakeError(EError::cNoAccess,
                         "{} is a symbolic link of user {}, which is not followed for the "
@@ -57,6 +38,9 @@ CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
         return step;
     if (!step.IsOpen() || fstat(step.Get(), &status) == -1)
         throw SystemError("cannot open " + path.string(), errno);
+    // Anything else in the place of the table is refused by whoever opens it as a file.
+    if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode))
+        return step;
     if (!first)
         first = status;
     if (status.st_uid != first->st_uid)
@@ -83,12 +67,13 @@ std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     const CDescriptor store = OpenStep(AT_FDCWD, last.c_str(), last, status);
     if (!store.IsOpen())
         return {};
-    const CDescriptor files = OpenStep(store.Get(), cFilesDirectory, last / cFilesDirectory, status);
+    const CDescriptor files =
+        OpenStep(store.Get(), cFilesDirectory, last / cFilesDirectory, status);
     if (files.IsOpen())
         OpenStep(files.Get(), cTableName, last / cTableFile, status);
     if (status->st_uid == 0)
         return {};
-    return TStoreOwner{status->st_uid, GroupsOf(*status)};
+    return TStoreOwner{status->st_uid, GroupsOf(status->st_uid, status->st_gid)};
 }
 
 void BecomeForeignOwner(const fs::path& directory) {

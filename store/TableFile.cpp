@@ -18,6 +18,7 @@
 #include "base/WriteAll.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
+#include "store/StoreAccess.h"
 
 namespace vxsched {
 
@@ -70,10 +71,10 @@ void RequireSynced(bool isSynced, const fs::path& path) {
 
 enum class EReplace { cKeepOwner, cAsPermitted };
 
-// Writes a temporary file, gives it the owner and mode of `like`, and renames it to `target`. With
-// cKeepOwner it fails if it may not give the file to that owner.
+// Writes a temporary file, gives it the owner of `like` and the mode, and renames it to `target`.
+// With cKeepOwner it fails if it may not give the file to that owner.
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
-             EReplace how) {
+             mode_t mode, EReplace how) {
     const fs::path fresh = target.string() + cReplacementSuffix + std::to_string(getpid());
     const CDescriptor descriptor(
         open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -84,12 +85,18 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
     if (like && fchown(descriptor.Get(), like->st_uid, like->st_gid) == -1 &&
         how == EReplace::cKeepOwner)
         throw SystemError("cannot keep the owner of " + target.string(), errno);
-    // Where `like` is a directory, only its owner is taken over.
-    fchmod(descriptor.Get(), like && S_ISREG(like->st_mode) ? like->st_mode & 0777 : 0644);
+    fchmod(descriptor.Get(), mode);
     RequireSynced(SyncFile(descriptor.Get()), fresh);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
     SyncDirectory(target.parent_path().c_str());
+}
+
+// Of a table that exists, or as the add-in makes one.
+mode_t ModeOfTable(const fs::path& table) {
+    struct stat status {};
+    return stat(table.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_mode & 0777
+                                                                        : 0644;
 }
 
 void WriteAt(int descriptor, std::string_view bytes, std::size_t offset, const fs::path& path) {
@@ -153,7 +160,7 @@ void ReplaceTable(const fs::path& directory, std::string_view bytes) {
     const fs::path file = TableFile(directory);
     RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
-    Replace(target, bytes, StatusOf(target), EReplace::cKeepOwner);
+    Replace(target, bytes, StatusOf(target), ModeOfTable(target), EReplace::cKeepOwner);
 }
 
 void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) {
@@ -186,8 +193,17 @@ void OverwriteTable(int descriptor, std::string_view bytes, const fs::path& file
     RequireSynced(SyncData(descriptor), file);
 }
 
+void RenameToTable(const fs::path& file, const fs::path& directory) {
+    const fs::path table = TableFile(directory);
+    chmod(file.c_str(), ModeOfTable(table));
+    if (rename(file.c_str(), table.c_str()) == -1)
+        throw SystemError("cannot replace " + table.string() + " by " + file.string(), errno);
+    SyncDirectory(table.parent_path().c_str());
+}
+
 void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& directory) {
-    Replace(file, bytes, StatusOf(TableFile(directory)), EReplace::cAsPermitted);
+    Replace(file, bytes, StatusOf(TableFile(directory)), PrivateMode(directory),
+            EReplace::cAsPermitted);
 }
 
 void RemoveLeftovers(const fs::path& directory) {

@@ -52,8 +52,12 @@ void ReplaceOrOverwriteTable(const std::filesystem::path& directory, std::string
 // even after a power failure. `file` is for messages. Throws CError (cFailed).
 void OverwriteTable(int descriptor, std::string_view bytes, const std::filesystem::path& file);
 
-// Writes `file` in one step, with the table's owner, if permitted, and mode; replaces a file of
-// that name. Throws CError (cNoAccess, cFailed); nothing is changed then.
+// Renames a file of the same file system to the table, with the table's mode. Throws CError
+// (cNoAccess, cFailed); the table is unchanged then.
+void RenameToTable(const std::filesystem::path& file, const std::filesystem::path& directory);
+
+// Writes `file` in one step, with the table's owner, if permitted, and with PrivateMode(); replaces
+// a file of that name. Throws CError (cNoAccess, cFailed); nothing is changed then.
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 

@@ -157,7 +157,9 @@ void CEvent::Join() {
             if (!SetIsGone(errno))
                 Fail("open", errno);
         } else if (semctl(id, cRetired, GETVAL) > 0) {
-            semctl(id, 0, IPC_RMID);  // the closer may have been killed before removing it
+            // The closer may have been killed before removing it. Another user's set can stay so.
+            if (semctl(id, 0, IPC_RMID) == -1 && !SetIsGone(errno))
+                Fail("open", errno);
         }
     }
 }

@@ -40,7 +40,7 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
         static_cast<void>(OpenJournal("vxschedd"));
     if (where == cInherit || where == cJournal)
         return;
-    if (mkdir(where.c_str(), 0750) == -1 && errno != EEXIST)
+    if (mkdir(where.c_str(), 0700) == -1 && errno != EEXIST)
         throw CHostError(cNoDirectory, fmt::format("cannot create {}: {}. Choose another directory "
                                                    "with --output.",
                                                    where, std::strerror(errno)));
@@ -63,7 +63,7 @@ CDescriptor CProgramOutput::OpenFile(const std::string& fileName) const {
         LogWarning(fmt::format("cannot rename {} to .1: {}. It grows beyond --output-size.", path,
                                std::strerror(errno)));
     std::string error;
-    CDescriptor file = OpenToAppend(path, 0, 0640, EAppendable::cFileOrDevice, error);
+    CDescriptor file = OpenToAppend(path, 0, 0600, EAppendable::cFileOrDevice, error);
     if (!file.IsOpen())
         LogWarning(fmt::format("cannot open {}: {}. The program writes where the host does.", path,
                                error));

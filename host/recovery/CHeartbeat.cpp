@@ -91,7 +91,7 @@ TBoot ReadBoot() {
 }
 
 CHeartbeat::CHeartbeat(TBoot (*readBoot)())
-    : file(open(vxsched::cHeartbeatFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    : file(open(vxsched::cHeartbeatFile, O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
     gReadBoot = readBoot;
     TContent content;
     // Without a file, pread() would replace the errno of open(), which is reported below.

@@ -154,7 +154,7 @@ CLaunchIntents& CLaunchIntents::Instance() {
 std::vector<TLaunchIntent> CLaunchIntents::Open() {
     const std::lock_guard<std::mutex> lock(mutex);
     boot = ReadBootId(bootIdFile);
-    file = OpenRegularFile(cLaunchIntentsFile, O_RDWR | O_CREAT, 0644);
+    file = OpenRegularFile(cLaunchIntentsFile, O_RDWR | O_CREAT, 0600);
     std::string bytes;
     if (!file.IsOpen() || !ReadRegularFile(file.Get(), cMostBytes, bytes)) {
         Warn("read");

@@ -31,7 +31,7 @@ bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
 }
 
 bool MakeLaunchRecordDirectory() {
-    if (mkdir(cLaunchRecordDirectory, 0755) == 0) {
+    if (mkdir(cLaunchRecordDirectory, 0700) == 0) {
         SyncDirectory(vxsched::cFilesDirectory);
         return true;
     }

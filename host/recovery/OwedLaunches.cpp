@@ -28,7 +28,7 @@ std::string OwedLaunchPath(const TOwedLaunch& launch) {
 bool KeepOwedLaunch(const TOwedLaunch& launch) {
     RememberLaunch({.task = FileNameOf(launch.task), .due = launch.due, .launched = {}});
     try {
-        if (mkdir(vxsched::cOwedLaunchDirectory, 0755) == -1 && errno != EEXIST)
+        if (mkdir(vxsched::cOwedLaunchDirectory, 0700) == -1 && errno != EEXIST)
             throw vxsched::SystemError(
                 fmt::format("cannot create {}", vxsched::cOwedLaunchDirectory), errno);
         // The table that shows the launch as made is flushed to the disk after this.

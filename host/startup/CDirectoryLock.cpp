@@ -50,7 +50,7 @@ static int Lock(int descriptor, const std::string& holder) {
 
 CDirectoryLock::CDirectoryLock(const std::string& directory)
     : locked(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-      file(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+      file(open(cLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
     if (!file.IsOpen())
         throw CHostError(cNoDirectory,
                          fmt::format("cannot open {}/{}: {}. Run vxschedd as a user with write "

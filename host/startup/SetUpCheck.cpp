@@ -16,6 +16,7 @@
 #include "host/startup/Descriptors.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/RepairPlan.h"
+#include "host/startup/StoreSemaphores.h"
 #include "host/startup/WorkDirectory.h"
 #include "store/CStoreMutexLock.h"
 
@@ -126,6 +127,10 @@ TExitStatus CheckSetUp(const THostOptions& options) {
         report.Fail(cNoDirectory, reason);
     if (reasons.empty())
         CReport::Ok(fmt::format("{} can be used", options.directory));
+    if (const std::string warning = WarningOfAccess(options.directory); !warning.empty())
+        CReport::Warn(warning);
+    if (const std::string reason = WhySemaphoresAreRefused(options.directory); !reason.empty())
+        report.Fail(cNoStore, reason);
     CheckAddIn(options.addIn, report);
     if (reasons.empty())
         CheckTable(options, report);

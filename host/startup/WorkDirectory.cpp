@@ -7,10 +7,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
+#include <vxsched/Error.h>
 #include "base/Sync.h"
 #include "host/CHostError.h"
 #include "store/Layout.h"
+#include "store/StoreOwner.h"
 
 using vxsched::cFilesDirectory;
 using vxsched::cLockFile;
@@ -31,10 +35,41 @@ static bool May(const std::string& path, int access) {
     return faccessat(AT_FDCWD, path.c_str(), access, AT_EACCESS) == 0;
 }
 
+// Why a host of the superuser does not run the tasks of a store: whoever may change the table would
+// have programs launched as the superuser. Empty for any other user.
+static std::string WhyNotTrusted(const std::string& directory) {
+    try {
+        const auto owner = vxsched::FindForeignOwner(directory);
+        if (!owner)
+            return "";
+        return fmt::format(
+            "{} belongs to user {}, whose programs a host of the superuser does not launch. Run "
+            "vxschedd as that user, or give the directory to the superuser.",
+            directory, owner->user);
+    } catch (const vxsched::CError& error) {
+        return error.what();
+    }
+}
+
+std::string WarningOfAccess(const std::string& directory) {
+    struct stat status {};
+    if (stat(directory.c_str(), &status) == -1 || (status.st_mode & S_IRWXO) == 0)
+        return "";
+    std::error_code ignored;
+    const std::string path = std::filesystem::canonical(directory, ignored).string();
+    return fmt::format(
+        "any user may enter or read {} (mode {:04o}), and so lock the store or see its tasks: run "
+        "chmod o-rwx {}",
+        path, status.st_mode & 07777U, path);
+}
+
 void EnterDirectory(const std::string& directory) {
     if (chdir(directory.c_str()) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
-    if (mkdir(cFilesDirectory, 0755) == 0)
+    if (const std::string reason = WhyNotTrusted("."); !reason.empty())
+        throw CHostError(cNoDirectory,
+                         fmt::format("cannot use the directory {}: {}", directory, reason));
+    if (mkdir(cFilesDirectory, 0700) == 0)
         SyncDirectory(".");
     else if (errno != EEXIST)
         throw CHostError(cNoDirectory, CannotCreate(directory, errno));
@@ -56,6 +91,8 @@ std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
         return {CannotCreate(directory, errno)};
     }
     std::vector<std::string> reasons;
+    if (const std::string reason = WhyNotTrusted(directory); !reason.empty())
+        reasons.push_back(reason);
     if (!May(files + "/.", W_OK | X_OK))
         reasons.push_back(
             fmt::format("cannot write to {}: {}. Run vxschedd as a user with write permission.",

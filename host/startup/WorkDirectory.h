@@ -4,9 +4,14 @@
 #include <vector>
 
 // Makes `directory` the working directory, and creates "files" in it if it is missing. Throws
-// CHostError (cNoDirectory) when the directory or the table cannot be used.
+// CHostError (cNoDirectory) when the directory or the table cannot be used: among others under the
+// superuser, if somebody else may change the table.
 void EnterDirectory(const std::string& directory);
 
 // Returns the reasons why a host cannot run in `directory`, each with what to do; empty if it can.
 // Changes nothing.
 std::vector<std::string> WhyNotToWorkIn(const std::string& directory);
+
+// A warning, with what to do, if users other than the owner and the group may enter or read the
+// directory: who may read a directory can lock it. Empty otherwise.
+std::string WarningOfAccess(const std::string& directory);

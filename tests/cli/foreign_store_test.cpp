@@ -20,9 +20,10 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 static const std::vector<std::vector<std::string>> cCommands = {
-    {"list"},           {"show", "a"},  {"next"},   {"history"},   {"status"},
-    {"check"},          {"repair"},     {"export"}, {"pause", "a"}, {"remove", "a"},
-    {"import", "input"}, {"create", "b", "--at", "in 1h", "--", cRecorder}};
+    {"list"},        {"show", "a"},       {"next"},
+    {"history"},     {"status"},          {"check"},
+    {"repair"},      {"export"},          {"pause", "a"},
+    {"remove", "a"}, {"import", "input"}, {"create", "b", "--at", "in 1h", "--", cRecorder}};
 
 // A file that only the superuser may read, with the bytes of a damaged table.
 static void MakeSecret() {

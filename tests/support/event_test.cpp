@@ -408,6 +408,32 @@ TEST(Event, SetThatAKilledCloserHadRetiredIsReplaced) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
+// Another user's set can be retired for ever, and cannot be removed.
+TEST(Event, SetThatAnotherUserHasRetiredIsRefused) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only the superuser can become another user";
+    CEvent event(cName, true);
+    TSemaphoreArgument argument{};
+    struct semid_ds status {};
+    argument.buf = &status;
+    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_STAT, argument), 0);
+    status.sem_perm.mode = 0666;
+    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_SET, argument), 0);
+    argument.val = 1;
+    ASSERT_EQ(semctl(TheOnlySet(), 2, SETVAL, argument), 0);
+    CForkedChild other([] {
+        if (setgid(65534) != 0 || setuid(65534) != 0)
+            return 1;
+        try {
+            const CEvent refused(cName, true);
+            return 2;
+        } catch (const std::system_error& error) {
+            return error.code().value() == EPERM ? 42 : 3;
+        }
+    });
+    EXPECT_EQ(other.Wait(), 42);
+}
+
 TEST(Event, CopyInAForkedChildDoesNotCloseTheParents) {
     auto event = std::make_unique<CEvent>(cName, true);
     CForkedChild child([&] {

@@ -31,7 +31,7 @@ static void OnASmallDisk(const std::function<void()>& body) {
         if (unshare(CLONE_NEWNS) != 0)
             return 2;
         mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
-        if (mount("none", "files", "tmpfs", 0, "size=64k") != 0)
+        if (mount("none", "files", "tmpfs", 0, "size=64k,mode=0700") != 0)
             return 3;
         body();
         return testing::Test::HasFailure() ? 1 : 42;

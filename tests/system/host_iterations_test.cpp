@@ -64,7 +64,7 @@ public:
     void UseDisk(int blocks) {
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        const std::string size = "size=" + std::to_string(blocks * 4) + "k";
+        const std::string size = "size=" + std::to_string(blocks * 4) + "k,mode=0700";
         ASSERT_EQ(mount("tmpfs", directory.c_str(), "tmpfs", 0, size.c_str()), 0);
     }
 

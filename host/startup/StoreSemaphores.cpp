@@ -1,0 +1,78 @@
+#include "host/startup/StoreSemaphores.h"
+
+#include <CEvent.h>
+#include <fmt/format.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <array>
+#include <optional>
+
+#include "store/Layout.h"
+#include "store/SemaphoreArgument.h"
+#include "store/StoreAccess.h"
+#include "store/StoreKey.h"
+
+using vxsched::TSemaphoreArgument;
+
+struct TStoreSet {
+    const char* name;
+    int id;  // -1: there is none
+};
+
+static std::array<TStoreSet, 3> StoreSets() {
+    return {{{"the store mutex", semget(vxsched::StoreKey(), 1, 0)},
+             {"the event of changed tasks", CEvent::UseOf(vxsched::cTaskChangedEventName).set},
+             {"the worker's stop event", CEvent::UseOf(vxsched::cStopEventName).set}}};
+}
+
+// The state of a set also where this user may not read the set.
+static std::optional<struct semid_ds> StatusOf(int set) {
+    struct semid_ds status {};
+    TSemaphoreArgument argument{};
+    struct seminfo limits {};
+    argument.info = &limits;
+    const int last = semctl(0, 0, SEM_INFO, argument);
+    argument.buf = &status;
+    for (int index = 0; index <= last; ++index) {
+        if (semctl(index, 0, SEM_STAT_ANY, argument) == set)
+            return status;
+    }
+    return {};
+}
+
+std::string WhySemaphoresAreRefused(const std::string& directory) {
+    for (const TStoreSet& set : StoreSets()) {
+        const auto status = set.id == -1 ? std::nullopt : StatusOf(set.id);
+        if (!status)
+            continue;
+        const ipc_perm& access = status->sem_perm;
+        const std::string remedy =
+            fmt::format("Find out what made it, then remove it: ipcrm -s {}", set.id);
+        for (const uid_t user : {access.uid, access.cuid}) {
+            if (!vxsched::MayUse(user, directory))
+                return fmt::format(
+                    "{} is a semaphore set of user {}, who could keep the tasks from being "
+                    "launched. {}",
+                    set.name, user, remedy);
+        }
+        if ((access.mode & 0006) != 0)
+            return fmt::format(
+                "{} is a semaphore set that any user may access (mode {:04o}), and could keep the "
+                "tasks from being launched. {}",
+                set.name, access.mode & 0777U, remedy);
+    }
+    return "";
+}
+
+void SetSemaphoreMode(mode_t mode) {
+    for (const TStoreSet& set : StoreSets()) {
+        struct semid_ds status {};
+        TSemaphoreArgument argument{};
+        argument.buf = &status;
+        if (set.id == -1 || semctl(set.id, 0, IPC_STAT, argument) == -1)
+            continue;
+        status.sem_perm.mode = static_cast<unsigned short>(mode);
+        semctl(set.id, 0, IPC_SET, argument);
+    }
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <vector>
+
+namespace vxsched {
+
+// Who may use a store besides its owner. Everything in it is the owner's alone, unless the operator
+// has opened it to a group: the group may then enter the directory and write in `files/`. That opens
+// the store to the group wholly, backups and semaphores included, since a member who may replace the
+// table may launch any program as the owner.
+
+// The mode of the files that host and clients write into the store of a directory, other than the
+// table, and of its semaphores: 0600, or 0660 for a store that is open to a group. 0600 also where
+// the directory cannot be examined.
+mode_t PrivateMode(const std::filesystem::path& directory);
+
+// Makes a directory in the store, for whom PrivateMode() says; one that exists stays as it is.
+// Returns 0, or an error number.
+int MakePrivateDirectory(const std::filesystem::path& path, const std::filesystem::path& store);
+
+// Whether a user may use the store of a directory: the superuser, this process's user, the owner of
+// the directory, and the members of the group that it is open to.
+bool MayUse(uid_t user, const std::filesystem::path& directory);
+
+// The groups of a user, the main one first, as a login or a service manager would set them; for one
+// without an entry in the user database, `group`.
+std::vector<gid_t> GroupsOf(uid_t user, gid_t group);
+
+}  // namespace vxsched
