@@ -84,6 +84,20 @@ TEST_F(OwedLaunches, OutputIsOpenedOnceForAllAttemptsOfATick) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// The main thread tries once a second.
+TEST_F(OwedLaunches, OutputThatCannotBeOpenedIsLoggedOnceForAllAttempts) {
+    CHost host(HostWith({"--output", "out"}));
+    fs::create_directory("out/a%20task.log");
+    Refuse(host);
+    const std::string warning = "Is a directory. The program writes where the host does.";
+    const auto refusals = fs::file_size(cRefusal);
+    WaitUntil([&] { return fs::file_size(cRefusal) >= refusals + 3; });
+    Permit();
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput(warning), 2U) << host.Output();
+}
+
 TEST_F(OwedLaunches, AreMadeByTheNextHost) {
     for (const int end : {SIGKILL, SIGTERM}) {
         fs::remove_all("files");
