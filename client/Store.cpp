@@ -6,6 +6,7 @@
 #include <vxsched/SchedulingProcess.h>
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
+#include "client/LockForChange.h"
 #include "store/Backups.h"
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
@@ -329,8 +330,8 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
                            const std::function<void(const std::string&)>& canReplace) const {
     // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps other
     // processes from loading the add-in, which would set the mutex free.
-    const CWriterLock writerLock(options.directory, options.lockTimeout);
-    const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
+    const auto writerLock = LockForChange<CWriterLock>(options.directory, options.lockTimeout);
+    const auto mutexLock = LockForChange<CStoreMutexLock>(options.lockTimeout, writerLock);
     if (!IsWorkerIdle() && FindSchedulingProcess(options.directory))
         return false;
     if (options.onBegin)

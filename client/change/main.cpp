@@ -22,6 +22,7 @@
 #include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
+#include "client/LockForChange.h"
 #include "client/Request.h"
 #include "client/change/CAddIn.h"
 #include "client/change/Launches.h"
@@ -102,20 +103,6 @@ void HealStoreMutex() noexcept {
 void KeepLocking(const CWriterLock& writerLock) {
     gWriterLock = &writerLock;
     FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
-}
-
-// Takes a lock before the change has begun.
-template <typename Lock, typename... Arguments>
-Lock LockForChange(const Arguments&... arguments) {
-    try {
-        return Lock(arguments...);
-    } catch (const CError& error) {
-        if (error.Code() != EError::cBusy)
-            throw;
-        throw MakeError(EError::cBusy,
-                        "{}; nothing was changed; try again, or with a longer lock timeout",
-                        error.what());
-    }
 }
 
 // Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)

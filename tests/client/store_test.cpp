@@ -77,6 +77,9 @@ TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
     EXPECT_EQ(CountSemaphoreSets(), 3) << "the mutex and the two events that the next one opens";
 }
 
+static const std::string cAdvice =
+    "; nothing was changed; try again, or with a longer lock timeout";
+
 TEST_F(ClientStore, HolderIsWaitedForAndReportedOnATimeout) {
     store.Create(Task("a"), false);
     CForkedChild holder([] {
@@ -90,6 +93,9 @@ TEST_F(ClientStore, HolderIsWaitedForAndReportedOnATimeout) {
     ExpectKept([&] {
         const std::string message = ErrorOf(EError::cBusy, [&] { impatient.Pause({"a"}); });
         EXPECT_NE(message.find(std::to_string(holder.Id())), std::string::npos) << message;
+        EXPECT_NE(message.find(cAdvice), std::string::npos) << message;
+        const std::string replacing = ErrorOf(EError::cBusy, [&] { impatient.ReplaceAll({}); });
+        EXPECT_NE(replacing.find(cAdvice), std::string::npos) << replacing;
     });
     EXPECT_EQ(StoreSemaphoreValue(), 0) << "it was not interrupted";
     holder.Kill(SIGKILL);
@@ -104,6 +110,8 @@ TEST_F(ClientStore, OtherClientsAreWaitedFor) {
     const CWriterLock writerLock(".", 0ms);
     ErrorOf(EError::cBusy, [&] { impatient.Pause({"a"}); });
     EXPECT_EQ(::ReadTable()[0].paused, 0U);
+    const std::string replacing = ErrorOf(EError::cBusy, [&] { impatient.ReplaceAll({}); });
+    EXPECT_NE(replacing.find(cAdvice), std::string::npos) << replacing;
 }
 
 TEST_F(ClientStore, ManyAtOnceLoseNothing) {
