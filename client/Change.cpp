@@ -331,6 +331,8 @@ TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {
         const bool isOverwritten = hasScheduler && outcome.log.empty();
         if (!isOverwritten || deadline.HasPassed())
             NotThere(*missing, outcome);
+        if (options.onRetry)
+            options.onRetry();
     }
 }
 

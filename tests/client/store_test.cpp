@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +28,7 @@
 #include "AddinLibrary.h"
 #include "ClientError.h"
 #include "ClientStore.h"
+#include "FakeMonotonicClock.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "Recorder.h"
@@ -200,6 +202,40 @@ TEST_F(ClientStore, ChangeTakesEffectAtOnce) {
     store.Create(Task("a", Now(), 0), false);
     EXPECT_EQ(RecordedArgument("a parameter"), "argument a parameter");
     WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// The worker counts as ticking while the host is stopped. When the client waits for the tick's end,
+// the table is overwritten, as by that tick.
+TEST_F(ClientStore, ChangeThatATickOverwritesCanBeCancelledUntilItBeginsAgain) {
+    store.Create(Task("a"), false);
+    const std::string before = ReadFile(cTable);
+    CHost host;
+    std::optional<CFakeMonotonicClock> clock;
+    std::string order;
+    const auto overwrite = [&] {
+        if (order != "begin ")
+            return;
+        order += "overwritten ";
+        WriteFile(cTable, before);
+        host.Kill(SIGCONT);
+        while (!WorkerIsIdle())
+            std::this_thread::yield();
+    };
+    TStoreOptions options{.lockTimeout = 60s};
+    options.onBegin = [&] {
+        order += "begin ";
+        if (clock)
+            return;
+        host.Kill(SIGSTOP);
+        WaitUntil([] { return !WorkerIsIdle(); });
+        clock.emplace().onSleep = overwrite;
+    };
+    options.onRetry = [&] { order += "retry "; };
+    CStore(options).Pause({"a"});
+    clock.reset();
+    EXPECT_EQ(order, "begin overwritten retry begin ");
+    EXPECT_EQ(::ReadTable()[0].paused, 1U);
     EXPECT_EQ(host.Stop(), 0);
 }
 
