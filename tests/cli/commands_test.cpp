@@ -161,13 +161,15 @@ static void ExpectCommandsToRefuseTheTable(const std::string& reason) {
 // A command that waited for the other end would keep the store mutex.
 TEST_F(Cli, PipeInPlaceOfTheTableIsRefusedByEveryCommand) {
     ASSERT_EQ(mkfifo(cTable, 0644), 0);
-    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+    ExpectCommandsToRefuseTheTable(
+        "it is not a regular file; move it away, and copy a backup there if there is one");
     EXPECT_TRUE(fs::is_fifo(cTable));
 }
 
 TEST_F(Cli, DeviceInPlaceOfTheTableIsRefusedByEveryCommand) {
     fs::create_symlink("/dev/zero", cTable);
-    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+    ExpectCommandsToRefuseTheTable(
+        "it is not a regular file; move it away, and copy a backup there if there is one");
 }
 
 TEST_F(Cli, DirectoryInPlaceOfTheTableIsRefusedByEveryCommand) {

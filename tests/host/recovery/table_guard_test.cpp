@@ -259,7 +259,7 @@ TEST(HostGuard, TickDoesNotSaveIntoAPipe) {
     fs::rename("pipe", cTable);
     EXPECT_TRUE(
         host.WaitForOutput("cannot check the table: cannot read ./files/scheduler.dat: it "
-                           "is not a file"))
+                           "is not a regular file"))
         << host.Output();
     WaitUntil(WorkerIsIdle);
     EXPECT_TRUE(fs::is_fifo(cTable));
