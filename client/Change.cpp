@@ -217,8 +217,8 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
                     due, scheduler->Name(), options.lockTimeout.count(), cMostTimeouts);
 }
 
-// Looks whether a change that was cut short is in the table, and takes that for the outcome. Throws
-// CError: cUnknown if that cannot be told, cFailed if it was not made.
+// Checks whether a change that was cut short is in the table, and takes that for the outcome. Throws
+// CError: cUnknown if that cannot be determined, cFailed if it was not made.
 TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt attempt,
                 const std::string& why) {
     const std::string what = WithLog(why, attempt.outcome.log);

@@ -56,7 +56,7 @@ inline constexpr char cMessageChanged[] = "changed";
 // Empty: not done, since a tick is under way, although the store mutex was free.
 inline constexpr char cMessageTick[] = "tick";
 // Empty: all is checked, and the locks are held. The client answers with one byte; without it the
-// change is given up, so that a client that has been interrupted has changed nothing.
+// change is cancelled, so that a client that has been interrupted has changed nothing.
 inline constexpr char cMessageReady[] = "ready";
 // An EError as a number, a blank, the message.
 inline constexpr char cMessageError[] = "error";

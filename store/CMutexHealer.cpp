@@ -23,7 +23,7 @@ void SetFree(int set) {
 
 // Takes all of a value above 1 at once, so that nobody takes a part of it while it is set to 1. The
 // undo frees the mutex again if this process is killed before that. If somebody has changed the
-// value meanwhile, gives back what it took, as far as that still counts: after a load of the add-in
+// value meanwhile, releases what it took, as far as that still counts: after a load of the add-in
 // it does not.
 bool TakeAll(const TMutexState& state) {
     sembuf take{

@@ -57,7 +57,7 @@ COwnerAccess::COwnerAccess(const std::filesystem::path& directory) {
     ownGroups = GroupsOfThread();
     SetGroupsOfThread(groups);
     setfsgid(groups.front());
-    setfsuid(files.st_uid);  // gives up the superuser's capabilities for files as well
+    setfsuid(files.st_uid);  // drops the superuser's capabilities for files as well
 }
 
 COwnerAccess::~COwnerAccess() {

@@ -79,7 +79,7 @@ void CInterruption::WaitEnds() {
 }
 
 void CInterruption::WaitsFor(pid_t program) {
-    gFarewell = "vxsched: interrupted; process " + std::to_string(program) + " goes on\n";
+    gFarewell = "vxsched: interrupted; process " + std::to_string(program) + " keeps running\n";
     gStage = cWaiting;
     RaiseDeferred();
 }

@@ -9,7 +9,7 @@ namespace vxsched {
 // cancels the change. From then on the change is made, and the command continues to its end to
 // report it. A change that was overwritten has to begin again, and can be cancelled until then.
 // While a launched program is waited for, the signal ends the command, which first prints that the
-// program goes on.
+// program keeps running.
 class CInterruption {
 public:
     CInterruption();

@@ -52,7 +52,7 @@ int gClient = -1;
 constexpr int cClientLimit = 5'000;
 
 // Sends a message to the client. If the client has ended, or is stopped and has left earlier
-// messages unread, this message and later ones are dropped, and the change goes on.
+// messages unread, this message and later ones are dropped, and the change is made.
 void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
@@ -94,7 +94,7 @@ void HealStoreMutex() noexcept {
         if (healer.Observe() == CMutexHealer::cUnchanged)
             healer.Heal(*gWriterLock);
     } catch (const std::exception&) {
-        // The add-in goes on waiting; the client ends this process after its time limit.
+        // The add-in still waits; the client ends this process after its time limit.
     }
 }
 

@@ -88,7 +88,7 @@ std::optional<TBlock> TakeBlock(std::string_view& bytes) {
             return {};
         block.intents.push_back(*intent);
     }
-    // Checks the checksum with all the rest.
+    // Checks the checksum with everything else.
     const std::string encoded = Encode(block);
     if (!bytes.starts_with(encoded))
         return {};
