@@ -255,8 +255,8 @@ void KillSomething(CStoreUnderTest& store, int iteration, TKills& kills) {
     const bool pauses = !IsPaused(before);
     CChange pause({pauses ? "pause" : "resume", "other"}, IsPaused, pauses);
     const bool creates = !HasNew(before);
-    const std::vector<std::string> creation = {"create", "new", "--at", "2090-01-01 00:00",
-                                               "--",     "/bin/true"};
+    const std::vector<std::string> creation = {"create",           "new", "--at",
+                                               "2090-01-01 00:00", "--",  "/bin/true"};
     CChange create(creates ? creation : std::vector<std::string>{"remove", "new"}, HasNew, creates);
     store.PauseAtRandom();
     if (store.Random(2) == 0) {
@@ -286,8 +286,8 @@ void KillSomething(CStoreUnderTest& store, int iteration, TKills& kills) {
     const int status = edit.Wait();
     pause.Wait();
     create.Wait();
-    description += edit.Output() + "\npause: " + pause.Describe() + "\ncreate: " +
-                   create.Describe();
+    description +=
+        edit.Output() + "\npause: " + pause.Describe() + "\ncreate: " + create.Describe();
     {
         // The change process of a command that was killed may still be making the change.
         const vxsched::CWriterLock noChange(".", 30s);
