@@ -271,7 +271,9 @@ private:
             return;
         if (host != nullptr && host->Wait() != 1000 + SIGKILL)
             ++refusals;
-        host = std::make_unique<CProgram>(HostWith({"--log", fs::absolute("host.log")}));
+        // A history of the usual size would leave no room on the disk.
+        host = std::make_unique<CProgram>(
+            HostWith({"--log", fs::absolute("host.log"), "--history-size", "64KiB"}));
         ++hostStarts;
     }
 
