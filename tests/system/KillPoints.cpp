@@ -423,6 +423,9 @@ TScenario StopScenario() {
 const std::vector<std::string> cCreate = {"create", "new", "--at",   "2090-01-01 00:00", "--every",
                                           "1d",     "--",  cProgram, "job.log"};
 
+// Tests that run at the same time launch this program, too, and "running already" counts them.
+const std::vector<std::string> cRun = {"run", "job", "--force"};
+
 std::vector<TScenario> Scenarios() {
     const auto command = CTracedProgram::cProgram;
     const auto change = CTracedProgram::cItsChild;
@@ -430,7 +433,7 @@ std::vector<TScenario> Scenarios() {
         CommandScenario("Create", command, cCreate),
         CommandScenario("Pause", command, {"pause", "first"}),
         CommandScenario("Remove", command, {"remove", "first"}),
-        CommandScenario("Run", command, {"run", "job"}),
+        CommandScenario("Run", command, cRun),
         CommandScenario("Import", command, {"import", "--replace"}),
         RepairScenario(),
         CommandScenario("ChangeOfCreate", change, cCreate),
@@ -438,12 +441,12 @@ std::vector<TScenario> Scenarios() {
         CommandScenario("ChangeOfEdit", change, {"edit", "first", "--every", "2d"}),
         CommandScenario("ChangeOfEditOfAPausedTask", change, {"edit", "paused", "--every", "2d"}),
         CommandScenario("ChangeOfRemoveOfSeveral", change, {"remove", "first", "paused"}),
-        CommandScenario("ChangeOfRun", change, {"run", "job"}),
+        CommandScenario("ChangeOfRun", change, cRun),
         NextToAHost("Create", command, cCreate),
         NextToAHost("Remove", command, {"remove", "first"}),
-        NextToAHost("Run", command, {"run", "job"}),
+        NextToAHost("Run", command, cRun),
         NextToAHost("ChangeOfCreate", change, cCreate),
-        NextToAHost("ChangeOfRun", change, {"run", "job"}),
+        NextToAHost("ChangeOfRun", change, cRun),
         StartupScenario("Startup", false),
         StartupScenario("StartupOnADamagedTable", true),
         TickScenario(),
