@@ -22,6 +22,7 @@ struct TCall {
     // How the call is made.
     bool throughLink = false;  // cCreate: the program is the real path, which may need a link
     bool keepDue = false;      // cCreate: the due time is kept, even if it is past
+    bool staysPaused = false;  // cCreate: replaces a paused task by another one, in one step
     bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
     bool waitForEnd = false;   // cExecute: wait for the program's end and report it
 };

@@ -122,13 +122,9 @@ bool MayBegin() {
     return read(gClient, &go, 1) == 1;
 }
 
-// Checks the request and loads the add-in; empty if a message has sent the client to wait or start
-// over. The caller holds the writer lock. The store mutex is taken first, so that the load, which
-// sets it free, ends no other process's hold; the load is its release. If the load fails, the
-// kernel releases the mutex at the end of this process.
-std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
-    auto lock =
-        LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
+// Checks the request and begins the change. Returns the table; empty if a message has sent the
+// client to wait or start over. The caller holds the writer lock and the store mutex.
+std::optional<TTable> Begin(TRequest& request) {
     // A direct client's load during a tick sets the mutex free. What this process saved then, the
     // end of the tick would overwrite.
     if (request.hasScheduler && !IsWorkerIdle()) {
@@ -136,7 +132,7 @@ std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
         return {};
     }
     const std::string bytes = ReadTableBytes(".");
-    const TTable table = DecodeTable(bytes, Now());
+    TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
         SendMessage(cMessageDue, due->name);
         return {};
@@ -161,10 +157,22 @@ std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
     RemoveLeftovers(".");
     KeepBeforeChange(".", bytes);
     SendMessage(cMessageBegun, "");
-    lock.Forget();
-    KeepLocking(writerLock);
-    const CFrozenClock clock;
-    return CAddIn(request.addIn);
+    return table;
+}
+
+// Replaces a paused task by another one without the add-in, whose CreateTask would make an active
+// task: killed before PauseTask, this process would leave it active. The caller holds the writer
+// lock and the store mutex.
+void ReplacePaused(TTable table, const TCall& call) {
+    for (TTaskEntry& task : table.tasks) {
+        if (task.name != call.task.name)
+            continue;
+        task = call.task;
+        task.last = call.seen.last;
+        task.paused = true;
+    }
+    ReplaceTable(".", EncodeTable(table.tasks));
+    AnnounceChange();
 }
 
 void Create(const CAddIn& addIn, const TCall& call) {
@@ -202,6 +210,30 @@ void Make(const CAddIn& addIn, const TCall& call) {
             SetLaunchedTask(call.task.name);
             return addIn.executeNow(name, true);
     }
+}
+
+// Makes the change. False if a message has sent the client to wait or start over. The store mutex is
+// taken before the load of the add-in, so that the load, which sets it free, ends no other process's
+// hold; the load is its release. If the load fails, the kernel releases the mutex at the end of this
+// process.
+bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
+    auto lock =
+        LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
+    std::optional<TTable> table = Begin(request);
+    if (!table)
+        return false;
+    if (request.calls.front().staysPaused) {
+        ReplacePaused(*std::move(table), request.calls.front());
+        return true;
+    }
+    lock.Forget();
+    KeepLocking(writerLock);
+    std::optional<CFrozenClock> clock(std::in_place);
+    const CAddIn addIn(request.addIn);
+    clock.reset();
+    for (const TCall& call : request.calls)
+        Make(addIn, call);
+    return true;
 }
 
 std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
@@ -261,11 +293,8 @@ void Serve(TRequest& request) {
     {
         const auto writerLock =
             LockForChange<CWriterLock>(".", std::chrono::milliseconds(request.lockTimeout));
-        const std::optional<CAddIn> addIn = Load(request, writerLock);
-        if (!addIn)
+        if (!MakeChange(request, writerLock))
             return;
-        for (const TCall& call : request.calls)
-            Make(*addIn, call);
         bytes = ReadBack(request, writerLock);
         TidyLinks(request, bytes);
     }
