@@ -18,7 +18,7 @@ using TWallTime = date::local_seconds;
 TWallTime LocalWallTimeAt(std::chrono::sys_seconds time);
 
 // The times, in ascending order, at which a wall clock in the local zone shows `wall`: usually one;
-// none if the clock is put forward past it, two if the clock is put back past it.
+// none if the clock is set forward past it, two if the clock is set back past it.
 std::vector<std::chrono::sys_seconds> TimesShowing(TWallTime wall);
 
 }  // namespace vxsched

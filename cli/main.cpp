@@ -476,6 +476,7 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;
+    common.store.onRetry = CInterruption::ChangeIsRetried;
     const CInterruption interruption;
     const TExitStatus status = chosen();
     try {

@@ -27,11 +27,12 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == -1)
         throw SystemError("cannot make a socket pair for the change process", errno);
-    socket = ends[0];
+    socket = CDescriptor(ends[0]);
+    CDescriptor processEnd(ends[1]);
     std::string program = LibraryDirectory() + '/' + cChangeProgramFile;
     std::array<char*, 2> arguments = {program.data(), nullptr};
     CSpawnActions actions;
-    actions.Duplicate(ends[1], STDIN_FILENO);
+    actions.Duplicate(processEnd.Get(), STDIN_FILENO);
     // A launched program that is not waited for would otherwise keep the caller's output pipes
     // open.
     if (request.calls.empty() || !request.calls.back().waitForEnd) {
@@ -43,19 +44,17 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     attributes.LeadSession();
     const int error = posix_spawn(&process, program.c_str(), actions.Get(), attributes.Get(),
                                   arguments.data(), environ);
-    close(ends[1]);
-    if (error != 0) {
-        close(socket);
+    processEnd = CDescriptor();
+    if (error != 0)
         throw SystemError("cannot start " + program, error);
-    }
     std::string bytes;
     PutField(bytes, Encode(request));
     // If the process has ended, Next() reports that.
-    SendAll(socket, bytes);
+    SendAll(socket.Get(), bytes);
 }
 
 CChangeProcess::~CChangeProcess() {
-    close(socket);
+    socket = CDescriptor();
     if (process != -1) {
         Kill();
         WaitForEnd();
@@ -63,7 +62,7 @@ CChangeProcess::~CChangeProcess() {
 }
 
 void CChangeProcess::Go() const {
-    SendAll(socket, "g");
+    SendAll(socket.Get(), "g");
 }
 
 void CChangeProcess::Kill() const {
@@ -79,14 +78,14 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
             received = std::move(left);
             return TMessage{*kind, std::move(*content)};
         }
-        pollfd input{.fd = socket, .events = POLLIN, .revents = 0};
+        pollfd input{.fd = socket.Get(), .events = POLLIN, .revents = 0};
         const timespec timeLeft = deadline ? deadline->TimeLeft() : timespec();
         const int ready = ppoll(&input, 1, deadline ? &timeLeft : nullptr, nullptr);
         if (ready == 0)
             throw MakeError(EError::cBusy, "the change process sent no message for {} ms",
                             limit->count());
         std::array<char, 1 << 16> block{};
-        const ssize_t count = ready == -1 ? -1 : read(socket, block.data(), block.size());
+        const ssize_t count = ready == -1 ? -1 : read(socket.Get(), block.data(), block.size());
         if (count > 0)
             received.append(block.data(), static_cast<std::size_t>(count));
         else if (count == 0 || errno != EINTR)

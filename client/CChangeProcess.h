@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "base/CDescriptor.h"
 #include "client/Request.h"
 
 namespace vxsched {
@@ -38,7 +39,7 @@ public:
     std::string WaitForEnd();
 
 private:
-    int socket = -1;
+    CDescriptor socket;
     pid_t process = -1;
     std::string received;
 };

@@ -1,6 +1,7 @@
 #include "client/Change.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <system_error>
@@ -219,8 +220,19 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
                     due, scheduler->Name(), options.lockTimeout.count(), cMostTimeouts);
 }
 
-// Looks whether a change that was cut short is in the table, and takes that for the outcome. Throws
-// CError: cUnknown if that cannot be told, cFailed if it was not made.
+// States which changes were made: the calls are made one after the other, and each saves the table.
+std::string MadeBefore(const std::vector<TCall>& calls, const std::string& missing) {
+    std::vector<std::string> made;
+    for (const TCall& call : calls) {
+        if (call.task.name == missing)
+            break;
+        made.push_back('"' + call.task.name + '"');
+    }
+    return made.empty() ? "" : fmt::format("; the change of {} was made", fmt::join(made, ", "));
+}
+
+// Checks whether a change that was cut short is in the table, and takes that for the outcome. Throws
+// CError: cUnknown if that cannot be determined, cFailed if it was not made.
 TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt attempt,
                 const std::string& why) {
     const std::string what = WithLog(why, attempt.outcome.log);
@@ -244,8 +256,8 @@ TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt at
                         "the run of \"{}\" was cut short: {}; whether the program was launched is "
                         "not known; look for its process and its effects",
                         *missing, what);
-    throw MakeError(EError::cFailed, "the change of \"{}\" was not made: {}; {}", *missing, what,
-                    state);
+    throw MakeError(EError::cFailed, "the change of \"{}\" was not made: {}; {}{}", *missing, what,
+                    state, MadeBefore(change.calls, *missing));
 }
 
 [[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
@@ -333,6 +345,8 @@ TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {
         const bool isOverwritten = hasScheduler && outcome.log.empty();
         if (!isOverwritten || deadline.HasPassed())
             NotThere(*missing, outcome);
+        if (options.onRetry)
+            options.onRetry();
     }
 }
 

@@ -37,7 +37,7 @@ public:
 // namespace: it would not notice a change and would overwrite it. Does not block.
 void RequireSharedStore(const TStoreOptions& options);
 
-// A change and how to tell that it was made.
+// A change and how to see that it was made.
 struct TChange {
     std::vector<TCall> calls;
     // Returns the name of a task that the outcome's table does not show as changed; empty if it
@@ -56,7 +56,7 @@ void WaitForTheTicksEnd(const TStoreOptions& options);
 // wakes the scheduling process afterwards. The caller holds neither the writer lock nor the store
 // mutex. Returns once the table shows the change, also if the change process was killed after it
 // had saved. A change that a tick has overwritten is made again. Throws CError, also
-// CChangedMeanwhile; cUnknown if the change was begun and it cannot be told whether it was made.
+// CChangedMeanwhile; cUnknown if the change was begun and may have been made or not.
 TOutcome MakeChange(const TStoreOptions& options, const TChange& change);
 
 }  // namespace vxsched

@@ -28,6 +28,7 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.seen.paused);
     transfer(call.throughLink);
     transfer(call.keepDue);
+    transfer(call.staysPaused);
     transfer(call.mayRemove);
     transfer(call.waitForEnd);
 }

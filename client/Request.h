@@ -22,6 +22,7 @@ struct TCall {
     // How the call is made.
     bool throughLink = false;  // cCreate: the program is the real path, which may need a link
     bool keepDue = false;      // cCreate: the due time is kept, even if it is past
+    bool staysPaused = false;  // cCreate: replaces a paused task by another one, in one step
     bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
     bool waitForEnd = false;   // cExecute: wait for the program's end and report it
 };
@@ -56,7 +57,7 @@ inline constexpr char cMessageChanged[] = "changed";
 // Empty: not done, since a tick is under way, although the store mutex was free.
 inline constexpr char cMessageTick[] = "tick";
 // Empty: all is checked, and the locks are held. The client answers with one byte; without it the
-// change is given up, so that a client that has been interrupted has changed nothing.
+// change is cancelled, so that a client that has been interrupted has changed nothing.
 inline constexpr char cMessageReady[] = "ready";
 // An EError as a number, a blank, the message.
 inline constexpr char cMessageError[] = "error";

@@ -6,6 +6,7 @@
 #include <vxsched/SchedulingProcess.h>
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
+#include "client/LockForChange.h"
 #include "store/Backups.h"
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
@@ -123,10 +124,8 @@ TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
     entry.period = edit.period.value_or(entry.period);
     entry.program = edit.program.value_or(entry.program);
     entry.parameter = edit.parameter.value_or(entry.parameter);
-    // The rewritten task is active until the next call pauses it again, and must not come due in
-    // between.
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
-        entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now() + 2 * cAboutToBeDue);
+        entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now());
     std::vector<TValidationError> errors = FindUnforced(
         directory, entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
@@ -206,12 +205,10 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     create.keepDue = true;
     create.mustBeAsSeen = true;
     create.seen = seen;
-    std::vector<TCall> calls = {create};
     // CreateTask makes an active task, also in place of a paused one.
-    if (entry.paused)
-        calls.push_back(CallOf(TCall::cPause, entry));
+    create.staysPaused = entry.paused;
     const TTime since = Now();
-    MakeChange(options, {calls, [&](const TOutcome& made) {
+    MakeChange(options, {{create}, [&](const TOutcome& made) {
                              entry.program = ProgramOf(entry, made);
                              return MissingUnless(IsThere(made.table, entry, since), entry.name);
                          }});
@@ -330,8 +327,8 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     const COwnerAccess ownerAccess(options.directory);
     // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps other
     // processes from loading the add-in, which would set the mutex free.
-    const CWriterLock writerLock(options.directory, options.lockTimeout);
-    const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
+    const auto writerLock = LockForChange<CWriterLock>(options.directory, options.lockTimeout);
+    const auto mutexLock = LockForChange<CStoreMutexLock>(options.lockTimeout, writerLock);
     if (!IsWorkerIdle() && FindSchedulingProcess(options.directory))
         return false;
     if (options.onBegin)

@@ -4,21 +4,17 @@
 #include <filesystem>
 #include <iostream>
 
+#include "base/FindLibraryDirectory.h"
 #include "host/CHostError.h"
 
 // The add-in next to this program, in the library directory of the build or of the installation;
 // else its bare name, which the dynamic linker looks up.
 static std::string DefaultAddIn() {
-    std::string name = "libVantrixScheduler.so";
+    const std::string name = "libVantrixScheduler.so";
+    const std::filesystem::path path =
+        FindLibraryDirectory(name, VXSCHEDD_LIBRARY_DIRECTORY) / name;
     std::error_code ignored;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ignored);
-    const std::filesystem::path root = self.parent_path().parent_path();
-    for (const char* directory : {"lib", VXSCHEDD_LIBRARY_DIRECTORY}) {
-        const std::filesystem::path candidate = root / directory / name;
-        if (std::filesystem::exists(candidate, ignored))
-            return candidate.string();
-    }
-    return name;
+    return std::filesystem::exists(path, ignored) ? path.string() : name;
 }
 
 // A terabyte. A negative number is parsed as a far larger one, so this limit refuses it.

@@ -1,7 +1,7 @@
 #pragma once
 
 // What a program does about the semaphores on which the add-in locks. The add-in opens its set once
-// and never again: after another process has removed the set, it would go on without a lock.
+// and never again: after another process has removed the set, it would continue unlocked.
 struct TSemaphoreHandlers {
     // Returns the set to lock on instead of `removed`, which is gone; -1 if there is none, and the
     // lock operation fails. It must not throw.

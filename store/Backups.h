@@ -45,7 +45,7 @@ std::optional<TBackup> FindBackup(const std::filesystem::path& directory);
 // Makes `bytes` the table before the change that follows.
 void KeepBeforeChange(const std::filesystem::path& directory, std::string_view bytes);
 
-// Puts the table before the last change in the place of the table: by a rename, which needs no disk
+// Restores the table as it was before the last change: by a rename, which needs no disk
 // space; if the table is a link, by ReplaceOrOverwriteTable() of its target. The caller holds the
 // writer lock as well. Throws CError also if there is no such copy (cFailed), or a damaged one
 // (cDamaged).

@@ -91,7 +91,7 @@ private:
     struct TFailure {
         std::size_t offset;
         const char* what;
-        std::optional<TLength> length;  // of a string that is longer than the rest of the bytes
+        std::optional<TLength> length;  // of a string that is longer than the remaining bytes
     };
 
     // Takes a field as its type demands.

@@ -10,6 +10,7 @@
 #include <vxsched/Error.h>
 #include "base/SemaphoreRelease.h"
 #include "store/SemaphoreArgument.h"
+#include "store/StoreMutexSet.h"
 
 namespace vxsched {
 
@@ -23,7 +24,7 @@ void SetFree(int set) {
 
 // Takes all of a value above 1 at once, so that nobody takes a part of it while it is set to 1. The
 // undo frees the mutex again if this process is killed before that. If somebody has changed the
-// value meanwhile, gives back what it took, as far as that still counts: after a load of the add-in
+// value meanwhile, releases what it took, as far as that still counts: after a load of the add-in
 // it does not.
 bool TakeAll(const TMutexState& state) {
     sembuf take{
@@ -57,8 +58,14 @@ CMutexHealer::EUse CMutexHealer::Observe() {
     return TClock::now() - since >= wait ? cUnchanged : cInUse;
 }
 
-CMutexHealer::TResult CMutexHealer::Heal(const CWriterLock& /*writerLock*/) {
-    TResult result{.isHealed = false, .value = last->value, .holder = FindPossibleHolder(*last)};
+CMutexHealer::TResult CMutexHealer::Heal(const CWriterLock& writerLock) {
+    TResult result{.isHealed = false, .value = last->value, .holder = {}};
+    // Nobody can hold a mutex that was never used, whoever may not be inspected.
+    if (InitialiseAbandonedSet(last->set, writerLock.OwnerForSets())) {
+        result.isHealed = true;
+        return result;
+    }
+    result.holder = FindPossibleHolder(*last);
     if (result.holder) {
         result.isUsual = result.holder->reason == TPossibleHolder::cMayHold &&
                          result.holder->process == last->lastProcess;
@@ -74,7 +81,8 @@ CMutexHealer::TResult CMutexHealer::Heal(const CWriterLock& /*writerLock*/) {
 std::string DescribeHealed(const CMutexHealer::TResult& result) {
     if (result.value == 0)
         return "the store mutex was held by nobody and could not be taken: it is set free. A "
-               "process that loads the add-in by itself leaves it so";
+               "process that loads the add-in by itself leaves it so, or one that was killed when "
+               "it had just made the mutex";
     return fmt::format(
         "the store mutex let {} processes in at once: it is set to let in one. A process "
         "that loads the add-in by itself leaves it so",

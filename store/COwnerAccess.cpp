@@ -41,7 +41,7 @@ COwnerAccess::COwnerAccess(const std::filesystem::path& directory) {
     ownGroups = GroupsOfThread();
     SetGroupsOfThread(owner->groups);
     setfsgid(owner->groups.front());
-    setfsuid(owner->user);  // gives up the superuser's capabilities for files as well
+    setfsuid(owner->user);  // drops the superuser's capabilities for files as well
 }
 
 COwnerAccess::~COwnerAccess() {

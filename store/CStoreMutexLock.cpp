@@ -12,11 +12,16 @@
 #include "base/SemaphoreRelease.h"
 #include "store/CMutexHealer.h"
 #include "store/StoreKey.h"
+#include "store/StoreMutexSet.h"
 
 namespace vxsched {
 
 // The length of one wait: what else may be done about the mutex is done in between.
 static constexpr timespec cSlice{.tv_sec = 1, .tv_nsec = 0};
+
+static std::optional<TSetOwner> OwnerForSets(const CWriterLock* writerLock) {
+    return writerLock != nullptr ? writerLock->OwnerForSets() : std::nullopt;
+}
 
 // Where the writer lock is held, a set that is missing is made. -1 if there is none.
 static int FindSet(const CWriterLock* writerLock) {
@@ -27,8 +32,7 @@ static int FindSet(const CWriterLock* writerLock) {
         throw SystemError("cannot open the store mutex", errno);
     if (writerLock == nullptr)
         return -1;
-    const bool isSuperuser = geteuid() == 0;
-    return OpenOrMakeStoreMutex(isSuperuser ? std::optional(writerLock->Owner()) : std::nullopt).id;
+    return OpenOrMakeStoreMutex(writerLock->OwnerForSets()).id;
 }
 
 // Sets a wedged mutex free. Returns why not, or nothing.
@@ -59,7 +63,7 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
         if (errno == EIDRM || errno == EINVAL)
             continue;
         if (errno == EAGAIN) {
-            if (InitialiseAbandonedSet(found))
+            if (InitialiseAbandonedSet(found, OwnerForSets(writerLock)))
                 continue;
             if (!deadline.HasPassed()) {
                 if (writerLock != nullptr)

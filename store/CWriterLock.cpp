@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -35,11 +36,13 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
     }
 }
 
-TSetOwner CWriterLock::Owner() const {
+std::optional<TSetOwner> CWriterLock::OwnerForSets() const {
+    if (geteuid() != 0)
+        return {};
     struct stat status {};
     if (fstat(descriptor.Get(), &status) == -1)
         throw SystemError("cannot read the owner of the directory \"files\"", errno);
-    return {status.st_uid, status.st_gid};
+    return TSetOwner{status.st_uid, status.st_gid};
 }
 
 }  // namespace vxsched

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 
 #include "base/CDescriptor.h"
 #include "store/StoreMutexSet.h"
@@ -21,8 +22,9 @@ public:
     CWriterLock(const CWriterLock&) = delete;
     CWriterLock& operator=(const CWriterLock&) = delete;
 
-    // The owner of the store: that of the directory "files".
-    TSetOwner Owner() const;
+    // Whom a set of semaphores that this process makes is to be given to: under the superuser the
+    // owner of the store, that of the directory "files", else nobody.
+    std::optional<TSetOwner> OwnerForSets() const;
 
 private:
     CDescriptor descriptor;

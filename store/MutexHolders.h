@@ -9,7 +9,7 @@
 
 namespace vxsched {
 
-// Who may hold the store mutex. The system does not tell who holds a semaphore, but a thread that
+// Who may hold the store mutex. The system does not show who holds a semaphore, but a thread that
 // is blocked in a wait for it holds nothing. If every thread that can have taken the mutex is seen
 // to hold nothing, nobody holds it.
 

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/CDescriptor.h"
 #include "base/Processes.h"
 #include "base/SameFile.h"
 
@@ -65,19 +66,18 @@ private:
 
     // Valid until the next call.
     std::string_view Read(const std::string& path) {
-        const int file = openat(dirfd(directory), path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (file == -1)
+        const CDescriptor file(openat(dirfd(directory), path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file.IsOpen())
             return {};
         std::size_t length = 0;
         ssize_t count = 0;
         // One read() returns the whole file, unless it fills the buffer.
-        while ((count = read(file, buffer.data() + length, buffer.size() - length)) > 0) {
+        while ((count = read(file.Get(), buffer.data() + length, buffer.size() - length)) > 0) {
             length += static_cast<std::size_t>(count);
             if (length < buffer.size())
                 break;
             buffer.resize(2 * buffer.size());
         }
-        close(file);
         return std::string_view(buffer).substr(0, length);
     }
 

@@ -36,14 +36,18 @@ bool HasNoValue(int set) {
            semctl(set, 0, GETVAL) == 0 && semctl(set, 0, GETPID) == 0;
 }
 
-void GiveTo(const TSetOwner& owner, int set) {
+bool TryToGiveTo(const TSetOwner& owner, int set) {
     struct semid_ds status {};
     TSemaphoreArgument argument{};
     argument.buf = &status;
     status.sem_perm.uid = owner.user;
     status.sem_perm.gid = owner.group;
     status.sem_perm.mode = cAccess;
-    if (semctl(set, 0, IPC_SET, argument) == -1)
+    return semctl(set, 0, IPC_SET, argument) != -1;
+}
+
+void GiveTo(const TSetOwner& owner, int set) {
+    if (!TryToGiveTo(owner, set))
         throw SystemError("cannot give the store mutex to the owner of the store", errno);
 }
 
@@ -68,7 +72,7 @@ TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner) {
             throw SystemError("cannot make the store mutex", errno);
         const int found = semget(StoreKey(), 1, 0);
         if (found != -1) {
-            InitialiseAbandonedSet(found);
+            InitialiseAbandonedSet(found, owner);
             return {found, false};
         }
         if (errno != ENOENT)
@@ -76,11 +80,13 @@ TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner) {
     }
 }
 
-bool InitialiseAbandonedSet(int set) noexcept {
+bool InitialiseAbandonedSet(int set, const std::optional<TSetOwner>& owner) noexcept {
     const CDeadline deadline(cMakersTime);
     while (HasNoValue(set)) {
-        if (!deadline.Pause())
-            return GiveFirstValue(set);
+        if (deadline.Pause())
+            continue;
+        // Its maker may have been killed before it did that, too.
+        return (!owner || TryToGiveTo(*owner, set)) && GiveFirstValue(set);
     }
     return false;
 }

@@ -29,7 +29,7 @@ TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner = {});
 // Gives a set its first value if the process that made it was killed before it did so: such a set
 // has the value 0 and was never operated on, and everybody would wait for it. A maker needs
 // microseconds, so this waits for 100 ms that somebody else does it, and not at all for a set that
-// has been used. True if it gave the value. Does not throw.
-bool InitialiseAbandonedSet(int set) noexcept;
+// has been used. `owner` as above. True if it gave the value. Does not throw.
+bool InitialiseAbandonedSet(int set, const std::optional<TSetOwner>& owner = {}) noexcept;
 
 }  // namespace vxsched

@@ -121,7 +121,9 @@ std::string ReadBytes(const fs::path& file) {
     if (descriptor.IsOpen())
         return ReadBytes(descriptor.Get(), file);
     if (errno == cNotAFile)
-        throw MakeError(EError::cFailed, "cannot read {}: it is not a file; put one in its place",
+        throw MakeError(EError::cFailed,
+                        "cannot read {}: it is not a regular file; move it away, and copy a backup "
+                        "there if there is one",
                         file.string());
     if (errno != ENOENT)
         throw SystemError("cannot read " + file.string(), errno);

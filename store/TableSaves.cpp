@@ -8,7 +8,7 @@
 //
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
 // succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to
-// nothing: that table is out of reach, and a save would make another one in its place.
+// nothing: that table cannot be reached, and a save would create another one.
 
 #include "store/TableSaves.h"
 
@@ -109,7 +109,7 @@ int OpenTemporary(int flags, mode_t mode) {
     return -1;
 }
 
-// Opens the table itself. A FIFO or a device in its place is refused: the add-in would wait for its
+// Opens the table itself. A FIFO or a device of its name is refused: the add-in would wait for its
 // other end, or lose its tasks in it, with the store mutex held.
 int OpenTable(int flags, mode_t mode) {
     return OpenRegularFile(cTableFile, flags, mode).Release();
@@ -131,7 +131,8 @@ int OpenToSave(int flags, mode_t mode) {
     return descriptor;
 }
 
-// A missing table is not a failed read: there is nothing to lose. Behind a link there may be.
+// A missing table is not a failed read: there is nothing to lose. The missing target of a link may
+// hold tasks.
 int OpenToRead(int flags, mode_t mode) {
     const int descriptor = OpenTable(flags, mode);
     if (descriptor == -1 && errno == EINTR)

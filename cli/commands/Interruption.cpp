@@ -36,6 +36,12 @@ extern "C" void OnSignal(int number) {
     raise(number);
 }
 
+// A signal that came since the change began takes effect now.
+void RaiseDeferred() {
+    if (const int number = gSignal)
+        raise(number);
+}
+
 }  // namespace
 
 CInterruption::CInterruption() {
@@ -63,16 +69,19 @@ void CInterruption::ChangeBegins() {
     gStage = cBegun;
 }
 
+void CInterruption::ChangeIsRetried() {
+    gStage = cCancellable;
+    RaiseDeferred();
+}
+
 void CInterruption::WaitEnds() {
     gStage = cBegun;
 }
 
 void CInterruption::WaitsFor(pid_t program) {
-    gFarewell = "vxsched: interrupted; process " + std::to_string(program) + " goes on\n";
+    gFarewell = "vxsched: interrupted; process " + std::to_string(program) + " keeps running\n";
     gStage = cWaiting;
-    // A signal since the change began was left for now.
-    if (const int number = gSignal)
-        raise(number);
+    RaiseDeferred();
 }
 
 }  // namespace vxsched

@@ -6,9 +6,10 @@ namespace vxsched {
 
 // What a signal that would end this command (SIGINT, SIGTERM, SIGHUP) does to its change; one
 // object in a process. Until the change has begun, the signal ends the command as usual, which
-// cancels the change. From then on the change is made, and the command goes on to its end to report
-// it. While a launched program is waited for, the signal ends the command, which first prints that
-// the program goes on.
+// cancels the change. From then on the change is made, and the command continues to its end to
+// report it. A change that was overwritten has to begin again, and can be cancelled until then.
+// While a launched program is waited for, the signal ends the command, which first prints that the
+// program keeps running.
 class CInterruption {
 public:
     CInterruption();
@@ -16,8 +17,10 @@ public:
     CInterruption(const CInterruption&) = delete;
     CInterruption& operator=(const CInterruption&) = delete;
 
-    // To be called when the change begins, and around the wait for the program that it launched.
+    // To be called when the change begins, when one that was overwritten is about to be made again,
+    // and around the wait for the program that it launched.
     static void ChangeBegins();
+    static void ChangeIsRetried();
     static void WaitsFor(pid_t program);
     static void WaitEnds();
 };

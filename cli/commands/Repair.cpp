@@ -26,7 +26,7 @@ namespace {
 constexpr std::chrono::milliseconds cPause(100);
 
 // Sets the store mutex free if it is wedged. Takes the writer lock, and waits until the mutex was
-// observed for long enough or is free, at most for the lock timeout; looks at least once.
+// observed for long enough or is free, at most for the lock timeout; checks at least once.
 void HealMutex(const TCommon& common, COutput& output) {
     CMutexHealer healer;
     if (healer.Observe() == CMutexHealer::cFree)

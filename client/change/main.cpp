@@ -20,6 +20,7 @@
 #include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
+#include "client/LockForChange.h"
 #include "client/Request.h"
 #include "client/change/CAddIn.h"
 #include "client/change/Launches.h"
@@ -50,7 +51,7 @@ int gClient = -1;
 constexpr int cClientLimit = 5'000;
 
 // Sends a message to the client. If the client has ended, or is stopped and has left earlier
-// messages unread, this message and later ones are dropped, and the change goes on.
+// messages unread, this message and later ones are dropped, and the change is made.
 void SendMessage(const char* kind, const std::string& content) {
     std::string bytes;
     PutField(bytes, kind);
@@ -92,7 +93,7 @@ void HealStoreMutex() noexcept {
         if (healer.Observe() == CMutexHealer::cUnchanged)
             healer.Heal(*gWriterLock);
     } catch (const std::exception&) {
-        // The add-in goes on waiting; the client ends this process after its time limit.
+        // The add-in still waits; the client ends this process after its time limit.
     }
 }
 
@@ -101,20 +102,6 @@ void HealStoreMutex() noexcept {
 void KeepLocking(const CWriterLock& writerLock) {
     gWriterLock = &writerLock;
     FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
-}
-
-// Takes a lock before the change has begun.
-template <typename Lock, typename... Arguments>
-Lock LockForChange(const Arguments&... arguments) {
-    try {
-        return Lock(arguments...);
-    } catch (const CError& error) {
-        if (error.Code() != EError::cBusy)
-            throw;
-        throw MakeError(EError::cBusy,
-                        "{}; nothing was changed; try again, or with a longer lock timeout",
-                        error.what());
-    }
 }
 
 // Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
@@ -134,13 +121,9 @@ bool MayBegin() {
     return read(gClient, &go, 1) == 1;
 }
 
-// Checks the request and loads the add-in; empty if a message has sent the client to wait or start
-// over. The caller holds the writer lock. The store mutex is taken first, so that the load, which
-// sets it free, ends no other process's hold; the load is its release. If the load fails, the
-// kernel releases the mutex at the end of this process.
-std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
-    auto lock =
-        LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
+// Checks the request and begins the change. Returns the table; empty if a message has sent the
+// client to wait or start over. The caller holds the writer lock and the store mutex.
+std::optional<TTable> Begin(TRequest& request) {
     // A direct client's load during a tick sets the mutex free. What this process saved then, the
     // end of the tick would overwrite.
     if (request.hasScheduler && !IsWorkerIdle()) {
@@ -148,7 +131,7 @@ std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
         return {};
     }
     const std::string bytes = ReadTableBytes(".");
-    const TTable table = DecodeTable(bytes, Now());
+    TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
         SendMessage(cMessageDue, due->name);
         return {};
@@ -173,10 +156,22 @@ std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
     RemoveLeftovers(".");
     KeepBeforeChange(".", bytes);
     SendMessage(cMessageBegun, "");
-    lock.Forget();
-    KeepLocking(writerLock);
-    const CFrozenClock clock;
-    return CAddIn(request.addIn);
+    return table;
+}
+
+// Replaces a paused task by another one without the add-in, whose CreateTask would make an active
+// task: killed before PauseTask, this process would leave it active. The caller holds the writer
+// lock and the store mutex.
+void ReplacePaused(TTable table, const TCall& call) {
+    for (TTaskEntry& task : table.tasks) {
+        if (task.name != call.task.name)
+            continue;
+        task = call.task;
+        task.last = call.seen.last;
+        task.paused = true;
+    }
+    ReplaceTable(".", EncodeTable(table.tasks));
+    AnnounceChange();
 }
 
 void Create(const CAddIn& addIn, const TCall& call) {
@@ -214,6 +209,30 @@ void Make(const CAddIn& addIn, const TCall& call) {
             SetLaunchedTask(call.task.name);
             return addIn.executeNow(name, true);
     }
+}
+
+// Makes the change. False if a message has sent the client to wait or start over. The store mutex is
+// taken before the load of the add-in, so that the load, which sets it free, ends no other process's
+// hold; the load is its release. If the load fails, the kernel releases the mutex at the end of this
+// process.
+bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
+    auto lock =
+        LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
+    std::optional<TTable> table = Begin(request);
+    if (!table)
+        return false;
+    if (request.calls.front().staysPaused) {
+        ReplacePaused(*std::move(table), request.calls.front());
+        return true;
+    }
+    lock.Forget();
+    KeepLocking(writerLock);
+    std::optional<CFrozenClock> clock(std::in_place);
+    const CAddIn addIn(request.addIn);
+    clock.reset();
+    for (const TCall& call : request.calls)
+        Make(addIn, call);
+    return true;
 }
 
 std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
@@ -262,11 +281,8 @@ void Serve(TRequest& request) {
     {
         const auto writerLock =
             LockForChange<CWriterLock>(".", std::chrono::milliseconds(request.lockTimeout));
-        const std::optional<CAddIn> addIn = Load(request, writerLock);
-        if (!addIn)
+        if (!MakeChange(request, writerLock))
             return;
-        for (const TCall& call : request.calls)
-            Make(*addIn, call);
         bytes = ReadBack(request, writerLock);
         TidyLinks(request, bytes);
     }

@@ -30,7 +30,7 @@ CLaunchedPrograms& CLaunchedPrograms::Instance() {
 }
 
 CLaunchedPrograms::CLaunchedPrograms() : wakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wakeDescriptor == -1)
+    if (!wakeDescriptor.IsOpen())
         throw std::system_error(errno, std::generic_category(),
                                 "cannot create an event descriptor");
 }
@@ -68,12 +68,12 @@ void CLaunchedPrograms::WaitedFor(pid_t process, pid_t result, int status, const
         found->second.wasWaitedFor = true;
     }
     // Its SIGCHLD may have been read before the program could be collected.
-    static_cast<void>(eventfd_write(wakeDescriptor, 1));
+    static_cast<void>(eventfd_write(wakeDescriptor.Get(), 1));
 }
 
 void CLaunchedPrograms::CollectFinished() {
     eventfd_t ignored = 0;
-    static_cast<void>(eventfd_read(wakeDescriptor, &ignored));
+    static_cast<void>(eventfd_read(wakeDescriptor.Get(), &ignored));
     const std::lock_guard<std::mutex> lock(mutex);
     for (auto next = programs.begin(); next != programs.end();) {
         const auto current = next++;

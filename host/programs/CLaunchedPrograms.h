@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "base/CDescriptor.h"
 #include "runs/CRunHistory.h"
 #include "runs/RunRecord.h"
 
@@ -43,7 +44,7 @@ public:
     void LeaveRunning();
 
     // Readable when CollectFinished() should be called although no SIGCHLD came.
-    int WakeDescriptor() const { return wakeDescriptor; }
+    int WakeDescriptor() const { return wakeDescriptor.Get(); }
 
     std::size_t Count();          // running programs
     std::size_t CountLaunches();  // launches so far, failed ones included
@@ -64,5 +65,5 @@ private:
     TPrograms programs;
     std::size_t launches = 0;
     CRunHistory* history = nullptr;
-    int wakeDescriptor;
+    CDescriptor wakeDescriptor;
 };

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "host/CHostLog.h"
+#include "host/recovery/CLaunchIntents.h"
 
 COwedLaunches& COwedLaunches::Instance() {
     static COwedLaunches instance;
@@ -31,6 +32,7 @@ void COwedLaunches::TakeOver() {
 
 void COwedLaunches::Add(const TOwedLaunch& launch) {
     KeepOwedLaunch(launch);
+    CLaunchIntents::Instance().Withdraw(IntentOf(launch));  // of the tick
     const std::lock_guard<std::mutex> lock(mutex);
     launches.push_back(launch);
     SetTimer();
@@ -45,9 +47,13 @@ void COwedLaunches::MakeAll(const std::function<bool(const TOwedLaunch&)>& make)
     };
     // Other threads only add launches, so the oldest one is still the first afterwards.
     while (const std::optional<TOwedLaunch> launch = oldest()) {
-        if (!make(*launch))
+        CLaunchIntents::Instance().IntendOwed(IntentOf(*launch));
+        const bool isMade = make(*launch);
+        if (isMade)
+            ForgetOwedLaunch(*launch);
+        CLaunchIntents::Instance().Withdraw(IntentOf(*launch));
+        if (!isMade)
             break;
-        ForgetOwedLaunch(*launch);
         const std::lock_guard<std::mutex> lock(mutex);
         launches.pop_front();
     }

@@ -21,12 +21,12 @@ static constexpr char cJournal[] = "journal";
 // For a launch whose task is unknown. No task's name is encoded as this.
 static constexpr char cUnknown[] = "%unknown";
 
-static CDescriptor OpenJournal(const std::string& identifier) {
+static CDescriptor OpenJournal(const std::string& identifier, const CProgramOutput::TWarn& warn) {
     auto* const openStream = FindInSystemd<decltype(sd_journal_stream_fd)>("sd_journal_stream_fd");
     const int descriptor =
         openStream == nullptr ? -ENOSYS : openStream(identifier.c_str(), LOG_INFO, 1);
     if (descriptor < 0)
-        LogWarning(
+        warn(
             fmt::format("cannot connect to the journal: {}. The program writes where the host "
                         "does. Choose another --output.",
                         std::strerror(-descriptor)));
@@ -37,7 +37,7 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
     : where(wanted), limit(mostBytes) {
     // Warns at startup already if there is no journal.
     if (where == cJournal)
-        static_cast<void>(OpenJournal("vxschedd"));
+        static_cast<void>(OpenJournal("vxschedd", LogWarning));
     if (where == cInherit || where == cJournal)
         return;
     if (mkdir(where.c_str(), 0700) == -1 && errno != EEXIST)
@@ -50,22 +50,22 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
                                                    where, std::strerror(errno)));
 }
 
-CDescriptor CProgramOutput::Open(const std::optional<std::string>& task) const {
+CDescriptor CProgramOutput::Open(const std::optional<std::string>& task, const TWarn& warn) const {
     if (where == cInherit)
         return CDescriptor();
     const std::string name = task ? FileNameOf(*task) : cUnknown;
-    return where == cJournal ? OpenJournal(name) : OpenFile(name);
+    return where == cJournal ? OpenJournal(name, warn) : OpenFile(name, warn);
 }
 
-CDescriptor CProgramOutput::OpenFile(const std::string& fileName) const {
+CDescriptor CProgramOutput::OpenFile(const std::string& fileName, const TWarn& warn) const {
     const std::string path = fmt::format("{}/{}.log", where, fileName);
     if (!RotateBeyond(path, limit))
-        LogWarning(fmt::format("cannot rename {} to .1: {}. It grows beyond --output-size.", path,
-                               std::strerror(errno)));
+        warn(fmt::format("cannot rename {} to .1: {}. It grows beyond --output-size.", path,
+                         std::strerror(errno)));
     std::string error;
     CDescriptor file = OpenToAppend(path, 0, 0600, EAppendable::cFileOrDevice, error);
     if (!file.IsOpen())
-        LogWarning(fmt::format("cannot open {}: {}. The program writes where the host does.", path,
-                               error));
+        warn(fmt::format("cannot open {}: {}. The program writes where the host does.", path,
+                         error));
     return file;
 }

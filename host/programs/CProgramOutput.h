@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -16,15 +17,17 @@ public:
     // inherit.
     CProgramOutput(const std::string& where, std::uint64_t limit);
 
+    using TWarn = std::function<void(const std::string&)>;
+
     // Opens the output of one launch of a task; `task` is empty when the task is unknown. Returns a
     // closed descriptor when the program is to inherit, also for a file or stream that cannot be
-    // opened, which is logged: a launch never fails for its output. Does not block on a pipe. Any
+    // opened, which `warn` logs: a launch never fails for its output. Does not block on a pipe. Any
     // thread may call it.
-    CDescriptor Open(const std::optional<std::string>& task) const;
+    CDescriptor Open(const std::optional<std::string>& task, const TWarn& warn) const;
 
 private:
     // `fileName` is the encoded name of the task, without the directory and ".log".
-    CDescriptor OpenFile(const std::string& fileName) const;
+    CDescriptor OpenFile(const std::string& fileName, const TWarn& warn) const;
 
     const std::string where;
     const std::uint64_t limit;

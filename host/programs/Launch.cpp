@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "base/Spawn.h"
@@ -108,8 +110,8 @@ struct TRequest {
 };
 
 // Where the program of `run` writes; closed: where the host does.
-CDescriptor OpenOutput(const TRunRecord& run) {
-    return gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
+CDescriptor OpenOutput(const TRunRecord& run, const CProgramOutput::TWarn& warn) {
+    return gOutput != nullptr ? gOutput->Open(run.task, warn) : CDescriptor();
 }
 
 // Launches the program of `run`, and records that if the launch is made. `owedPath`, if set, is the
@@ -175,13 +177,22 @@ void ReportFailure(TRunRecord& run, int error) {
 int LaunchWithRetries(TRunRecord& run, const TRequest& request) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point end = TClock::now() + cAgainLimit;
-    const CDescriptor output = OpenOutput(run);
+    const CDescriptor output = OpenOutput(run, LogWarning);
     int result = Launch(run, request, output, {});
     while (result == EAGAIN && COwedLaunches::Instance().Count() == 0 && TClock::now() < end) {
         std::this_thread::sleep_for(cAgainPause);
         result = Launch(run, request, output, {});
     }
     return result;
+}
+
+// The warnings that the attempts at the oldest owed launch have logged; of the main thread.
+std::set<std::string> gOwedWarnings;
+
+// Attempts are made once a second, perhaps for hours: each warning is logged once.
+void WarnOfOwed(const std::string& warning) {
+    if (gOwedWarnings.insert(warning).second)
+        LogWarning(warning);
 }
 
 // False if the system still refuses the launch.
@@ -203,9 +214,10 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
                                .attributes = nullptr,
                                .arguments = arguments,
                                .environment = environ},
-                              OpenOutput(run), file);
+                              OpenOutput(run, WarnOfOwed), file);
     if (result == EAGAIN)
         return false;
+    gOwedWarnings.clear();
     // Nobody else waits for it.
     if (result == 0)
         CLaunchedPrograms::Instance().WaitedFor(run.process, 0, 0, {});

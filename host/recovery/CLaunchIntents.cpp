@@ -88,7 +88,7 @@ std::optional<TBlock> TakeBlock(std::string_view& bytes) {
             return {};
         block.intents.push_back(*intent);
     }
-    // Checks the checksum with all the rest.
+    // Checks the checksum with everything else.
     const std::string encoded = Encode(block);
     if (!bytes.starts_with(encoded))
         return {};
@@ -174,6 +174,7 @@ std::vector<TLaunchIntent> CLaunchIntents::Open() {
 void CLaunchIntents::Clear() {
     const std::lock_guard<std::mutex> lock(mutex);
     pending.clear();
+    owed.clear();
     BeginGeneration();
 }
 
@@ -187,11 +188,20 @@ void CLaunchIntents::Intend(const TLaunchIntent& launch,
         return;
     std::vector<TLaunchIntent> added = findDue();
     std::erase_if(added, isPending);
-    if (!Append(added) || !SyncData(file.Get())) {
-        Warn("write to");
-        return;
-    }
-    pending.insert(pending.end(), added.begin(), added.end());
+    if (WriteDown(added))
+        pending.insert(pending.end(), added.begin(), added.end());
+}
+
+void CLaunchIntents::IntendOwed(const TLaunchIntent& launch) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (file.IsOpen() && WriteDown({launch}))
+        owed.push_back(launch);
+}
+
+void CLaunchIntents::Withdraw(const TLaunchIntent& launch) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (std::erase(pending, launch) + std::erase(owed, launch) > 0)
+        BeginGenerationIfEmpty();
 }
 
 void CLaunchIntents::Settle(const std::vector<vxsched::TTaskEntry>& tasks) {
@@ -201,7 +211,12 @@ void CLaunchIntents::Settle(const std::vector<vxsched::TTaskEntry>& tasks) {
             return intent.IsOf(task.name, task.next);
         });
     });
-    if (settled > 0 && pending.empty())
+    if (settled > 0)
+        BeginGenerationIfEmpty();
+}
+
+void CLaunchIntents::BeginGenerationIfEmpty() {
+    if (pending.empty() && owed.empty())
         BeginGeneration();
 }
 
@@ -219,4 +234,12 @@ bool CLaunchIntents::Append(const std::vector<TLaunchIntent>& added) {
         return false;
     end += block.size();
     return true;
+}
+
+// Blocks until it is on the disk.
+bool CLaunchIntents::WriteDown(const std::vector<TLaunchIntent>& added) {
+    if (Append(added) && SyncData(file.Get()))
+        return true;
+    Warn("write to");
+    return false;
 }

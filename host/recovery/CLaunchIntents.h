@@ -19,10 +19,11 @@ struct TLaunchIntent {
     bool operator==(const TLaunchIntent&) const = default;
 };
 
-// The launches that a tick is about to make, in files/started/intents. They are flushed to the disk
-// before the first of them is made: after a power failure, which a launch record may not survive,
-// they show which programs may have been launched. After a kill they show nothing that the launch
-// records do not show, so each has the id of the boot it was written under.
+// The launches that a tick is about to make, and the owed launch that the main thread is about to
+// make, in files/started/intents. They are flushed to the disk before the first of them is made:
+// after a power failure, which a launch record may not survive, they show which programs may have
+// been launched. After a kill they show nothing that the launch records do not show, so each has
+// the id of the boot it was written under.
 //
 // The file holds blocks. A block is a line "BOOT GENERATION SIZE CHECKSUM" and SIZE bytes of
 // further lines, each NAME@DUE as in the name of a launch record. A block is added for each tick;
@@ -53,19 +54,31 @@ public:
     void Intend(const TLaunchIntent& launch,
                 const std::function<std::vector<TLaunchIntent>()>& findDue);
 
-    // Removes the intents whose launches the table, which is on the disk, shows.
+    // The same for an owed launch. The table shows it as made already, so this intent stays until
+    // Withdraw().
+    void IntendOwed(const TLaunchIntent& launch);
+
+    // Removes the intent of a launch that is certain: the system has refused it, or it was made and
+    // the disk no longer has it as owed.
+    void Withdraw(const TLaunchIntent& launch);
+
+    // Removes the intents of a tick whose launches the table, which is on the disk, shows.
     void Settle(const std::vector<vxsched::TTaskEntry>& tasks);
 
 private:
     // The caller holds `mutex`.
     void BeginGeneration();
+    void BeginGenerationIfEmpty();
     bool Append(const std::vector<TLaunchIntent>& added);
+    bool WriteDown(const std::vector<TLaunchIntent>& added);
 
     const std::string bootIdFile;
     std::mutex mutex;  // guards all below
     CDescriptor file;
     std::string boot;
     std::int64_t generation = 0;
-    std::size_t end = 0;                 // of the last block
-    std::vector<TLaunchIntent> pending;  // those in the blocks of this generation
+    std::size_t end = 0;  // of the last block
+    // Those in the blocks of this generation.
+    std::vector<TLaunchIntent> pending;  // of ticks
+    std::vector<TLaunchIntent> owed;
 };

@@ -32,15 +32,15 @@ void CMutexWatch::LookIfDue() {
         return;
     next.reset();
     try {
-        TryToLook();
+        TryToCheck();
     } catch (const std::exception&) {
         next = TClock::now() + cInterval;  // out of memory; may succeed later
     }
 }
 
-void CMutexWatch::TryToLook() {
+void CMutexWatch::TryToCheck() {
     try {
-        Look();
+        Check();
     } catch (const vxsched::CError& error) {
         if (error.Code() == vxsched::EError::cBusy)
             next = TClock::now() + cInterval;  // a client holds the writer lock
@@ -49,7 +49,7 @@ void CMutexWatch::TryToLook() {
     }
 }
 
-void CMutexWatch::Look() {
+void CMutexWatch::Check() {
     switch (healer.Observe()) {
         case CMutexHealer::cFree:
             lastReason.clear();
@@ -63,7 +63,7 @@ void CMutexWatch::Look() {
     next = TClock::now() + cInterval;
 }
 
-// True if another look is of use.
+// True if another check is of use.
 bool CMutexWatch::Heal() {
     // The host holds the directory lock; the store mutex comes after this one.
     const vxsched::CWriterLock writerLock(".", std::chrono::milliseconds(0));
@@ -75,7 +75,7 @@ bool CMutexWatch::Heal() {
     if (!result.holder || result.isUsual)
         return true;
     const std::string reason = vxsched::Describe(*result.holder);
-    // A process that just ran at one look is not worth a line. A value above 1 keeps nobody
+    // A process that just ran at one check is not worth a line. A value above 1 keeps nobody
     // waiting.
     const bool isLasting = reason == std::exchange(previousReason, reason);
     if (result.value == 0 && isLasting && reason != lastReason)

@@ -8,32 +8,32 @@
 
 // Watches the store mutex of the working directory while the host runs, and sets it free if it is
 // wedged: held by nobody, or letting several in at once. It is begun when the mutex may have been
-// wedged, looks once a second while the mutex is not free, and then rests. Logs what it did, or
+// wedged, checks once a second while the mutex is not free, and is then idle. Logs what it did, or
 // once why it could not. For the guard's thread, which does not hold the store mutex; it takes the
-// writer lock for a look, unless a client has it: a client that waits for the mutex heals it
+// writer lock for a check, unless a client has it: a client that waits for the mutex heals it
 // itself. The host holds the directory lock.
 class CMutexWatch {
 public:
-    // Looks in a second. A process that has just loaded the add-in will have ended by then, or a
-    // later look sees its end.
+    // Checks in a second. A process that has just loaded the add-in will have ended by then, or a
+    // later check sees its end.
     void Begin();
 
-    // The timeout of a poll(), -1 for none, such that it ends for the next look.
+    // The timeout of a poll(), -1 for none, such that it ends for the next check.
     int LimitTimeout(int timeout) const;
 
-    // Blocks no longer than the look takes. Never throws: a look that fails for want of memory is
+    // Blocks no longer than the check takes. Never throws: a check that fails for want of memory is
     // made again.
     void LookIfDue();
 
 private:
     using TClock = std::chrono::steady_clock;
 
-    void TryToLook();
-    void Look();
+    void TryToCheck();
+    void Check();
     bool Heal();
 
     vxsched::CMutexHealer healer;
-    std::optional<TClock::time_point> next;  // none: it rests
-    std::string previousReason;              // at the look before
-    std::string lastReason;                  // has been logged; not again at every look
+    std::optional<TClock::time_point> next;  // none: idle
+    std::string previousReason;              // at the check before
+    std::string lastReason;                  // has been logged; not again at every check
 };

@@ -5,12 +5,13 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <new>
 #include <system_error>
 #include <unordered_set>
 
@@ -106,13 +107,13 @@ void CTableGuard::WatchMutex() {
 bool CTableGuard::Watch() {
     errno = 0;
     changes = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    std::error_code ignored;
+    struct stat table {};
     // If the table is a link, its target changes in another directory.
     isWatching =
         changes.IsOpen() &&
         inotify_add_watch(changes.Get(), vxsched::cFilesDirectory,
                           IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_MOVE_SELF) != -1 &&
-        !std::filesystem::is_symlink(vxsched::TableFile("."), ignored);
+        (lstat(vxsched::cTableFile, &table) == -1 || !S_ISLNK(table.st_mode));
     return isWatching;
 }
 
@@ -160,7 +161,11 @@ bool CTableGuard::HasChange() {
         return ReadEvents();
     saves.replacedAll = true;  // saves before the watch were not counted
     Watch();
-    return vxsched::TableState(".") != lastState;
+    try {
+        return vxsched::TableState(".") != lastState;
+    } catch (const std::bad_alloc&) {
+        return true;  // the check is repeated until it succeeds
+    }
 }
 
 // Reads all pending events and counts the saves among them. True when the table must be checked;
@@ -210,6 +215,15 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
 // False when the check must be repeated.
 bool CTableGuard::Check() {
     try {
+        return TryToCheck();
+    } catch (const std::exception&) {
+        retryInterval.Failed();
+        return false;  // out of memory; may succeed later
+    }
+}
+
+bool CTableGuard::TryToCheck() {
+    try {
         // Lock order: the host holds the directory lock; the writer lock is skipped, since a client
         // may hold it for many seconds; locks inside the process come after the store mutex.
         const vxsched::CStoreMutexLock lock(cLockTimeout);
@@ -245,14 +259,11 @@ bool CTableGuard::Check() {
             return false;
         retryInterval.Failed();
         if (lastError != error.what()) {
+            LogError(fmt::format("cannot check the table: {}. Retrying until it succeeds.",
+                                 error.what()));
             lastError = error.what();
-            LogError(
-                fmt::format("cannot check the table: {}. Retrying until it succeeds.", lastError));
         }
         return false;
-    } catch (const std::exception&) {
-        retryInterval.Failed();
-        return false;  // out of memory; may succeed later
     }
 }
 

@@ -63,11 +63,12 @@ private:
     bool HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name);
     std::vector<vxsched::TTaskEntry> FindLost(const std::vector<vxsched::TTaskEntry>& tasks) const;
 
-    // Check() takes the store mutex and not the writer lock. It alone calls Examine, Restore,
-    // MayReplace, QuarantineOnce and Keep, directly or through each other: under that mutex, on the
-    // thread that checks (the constructor's, then the guard's), while the worker is idle or does
-    // not run yet.
+    // Check() never throws. TryToCheck(), which it alone calls, takes the store mutex and not the
+    // writer lock. That one alone calls Examine, Restore, MayReplace, QuarantineOnce and Keep,
+    // directly or through each other: under that mutex, on the thread that checks (the
+    // constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
+    bool TryToCheck();
     void ReportMissingDirectory();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,

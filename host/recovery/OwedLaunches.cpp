@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <vxsched/Error.h>
 #include "base/Sync.h"
@@ -23,6 +24,10 @@ using vxsched::TTaskEntry;
 std::string OwedLaunchPath(const TOwedLaunch& launch) {
     return fmt::format("{}/{}@{}", vxsched::cOwedLaunchDirectory, FileNameOf(launch.task),
                        launch.due.time_since_epoch().count());
+}
+
+TLaunchIntent IntentOf(const TOwedLaunch& launch) {
+    return {.task = FileNameOf(launch.task), .due = launch.due};
 }
 
 bool KeepOwedLaunch(const TOwedLaunch& launch) {
@@ -52,8 +57,15 @@ bool KeepOwedLaunch(const TOwedLaunch& launch) {
     }
 }
 
+// Were a removal not on the disk before launch record and intent are gone, a power failure would
+// bring back the file alone: the launch would be owed again.
+static void Remove(const std::string& path) {
+    if (unlink(path.c_str()) == 0)
+        SyncDirectory(vxsched::cOwedLaunchDirectory);
+}
+
 void ForgetOwedLaunch(const TOwedLaunch& launch) {
-    unlink(OwedLaunchPath(launch).c_str());
+    Remove(OwedLaunchPath(launch));
 }
 
 // The launch that a file holds; nothing if it was made, or if the file is not one of a launch.
@@ -61,7 +73,7 @@ static std::optional<TOwedLaunch> ReadOwedLaunch(const fs::path& file) {
     try {
         const std::string bytes = vxsched::ReadBytes(file);
         if (bytes.empty()) {
-            unlink(file.c_str());
+            Remove(file);
             return {};
         }
         const std::vector<TTaskEntry> tasks = vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
@@ -94,9 +106,11 @@ std::vector<TOwedLaunch> ReadOwedLaunches() {
     return launches;
 }
 
-void SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
-                        const std::vector<TTaskEntry>& tasks) {
-    for (const TOwedLaunch& launch : ReadOwedLaunches()) {
+std::vector<TOwedLaunch> SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
+                                            const std::vector<TLaunchIntent>& intents,
+                                            const std::vector<TTaskEntry>& tasks) {
+    std::vector<TOwedLaunch> unknown;
+    for (TOwedLaunch& launch : ReadOwedLaunches()) {
         const bool isMade = std::any_of(
             records.begin(), records.end(),
             [&](const TLaunchRecord& record) { return record.IsOf(launch.task, launch.due); });
@@ -105,5 +119,8 @@ void SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
         });
         if (isMade || isDue)
             ForgetOwedLaunch(launch);
+        else if (std::find(intents.begin(), intents.end(), IntentOf(launch)) != intents.end())
+            unknown.push_back(std::move(launch));
     }
+    return unknown;
 }

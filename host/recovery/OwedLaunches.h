@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <vxsched/Table.h>
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 
 // Owed launches, in files/owed/: one file for each launch that came due and that the system refused
@@ -13,7 +14,8 @@
 //
 // A file's name is that of the launch record. It holds a table of the one task, whose `next` is the
 // due time. The launched process empties it right before it becomes the program, so an empty file
-// is of a launch that was made.
+// is of a launch that was made. A power failure may undo that; so each attempt has a launch intent
+// (CLaunchIntents.h), which stays until the removal of the file is on the disk.
 
 struct TOwedLaunch {
     std::string task;
@@ -23,13 +25,14 @@ struct TOwedLaunch {
 };
 
 std::string OwedLaunchPath(const TOwedLaunch& launch);
+TLaunchIntent IntentOf(const TOwedLaunch& launch);
 
 // Writes the file. Until the table shows the launch, it also counts as a launch record of this
 // process, so that a table that is restored does not show it as due. False, with a warning in the
 // log, if the file cannot be written: the launch is then lost if the host is killed.
 bool KeepOwedLaunch(const TOwedLaunch& launch);
 
-// Removes the file.
+// Removes the file, and waits until that is on the disk.
 void ForgetOwedLaunch(const TOwedLaunch& launch);
 
 // Returns the launches that the working directory still owes, in the order of their due times.
@@ -38,6 +41,9 @@ std::vector<TOwedLaunch> ReadOwedLaunches();
 
 // Removes the files of launches that are not owed at a startup: `records` show that they were made,
 // or `tasks`, the table as the former host left it, still show them as due, which decides about
-// them. To be called before the records are removed and the table is changed.
-void SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
-                        const std::vector<vxsched::TTaskEntry>& tasks);
+// them. Returns the others that `intents`, those of another boot, show: whether they were made is
+// unknown. The caller reports and forgets them. To be called before records and intents are removed
+// and the table is changed.
+std::vector<TOwedLaunch> SettleOwedLaunches(const std::vector<TLaunchRecord>& records,
+                                            const std::vector<TLaunchIntent>& intents,
+                                            const std::vector<vxsched::TTaskEntry>& tasks);

@@ -24,7 +24,7 @@ std::optional<vxsched::CWriterLock> TakeWriterLock(std::chrono::milliseconds loc
 CStoreGate::CStoreGate(std::chrono::milliseconds lockTimeout)
     : writerLock(TakeWriterLock(lockTimeout)) {
     try {
-        // The load makes the set; a host that cannot load leaves none behind.
+        // The load makes the set; a host that cannot load leaves none.
         if (writerLock && vxsched::InspectStoreMutex())
             mutex.emplace(lockTimeout, *writerLock);
         else

@@ -10,7 +10,7 @@
 #include "host/CHostError.h"
 
 // A running host has some twelve open, and opens at most four more at a time; the libraries that it
-// loads, and the add-in, have a share of the rest.
+// loads, and the add-in, have a share of the others.
 static constexpr rlim_t cNeeded = 32;
 
 static rlimit Limits() {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include <vxsched/Error.h>
 #include "base/CDeadline.h"
 #include "host/CHostError.h"
@@ -71,19 +73,39 @@ static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
                         task.name, UtcTime(task.next)));
 }
 
+// What the history has of an owed launch that a power failure left unknown; `tasks` is the table,
+// which shows the launch as made.
+static TRunRecord RunOfUnknown(const TOwedLaunch& launch, const std::vector<TTaskEntry>& tasks) {
+    const bool isInTable = std::any_of(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
+        return task.name == launch.task;
+    });
+    TRunRecord record;
+    record.outcome =
+        isInTable ? TRunRecord::cLaunchUnknownRescheduled : TRunRecord::cLaunchUnknownRemoved;
+    record.task = launch.task;
+    record.due = launch.due;
+    record.program = launch.program;
+    record.parameter = launch.parameter;
+    return record;
+}
+
 // Returns when the uptime of this host begins. Locks: as for RepairTable().
 static vxsched::TTime Prepare(const THostOptions& options, const std::optional<TUptime>& previous,
                               CRunHistory& history) {
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = RepairTable(options.lockTimeout);
     const std::vector<TLaunchRecord> records = ReadLaunchRecords();
-    SettleOwedLaunches(records, tasks);
     const std::vector<TLaunchIntent> intents = CLaunchIntents::Instance().Open();
+    const std::vector<TOwedLaunch> unknown = SettleOwedLaunches(records, intents, tasks);
     const vxsched::TTime now = vxsched::Now();
-    const TPrepared prepared = PrepareTable(tasks, records, intents, previous, now);
+    TPrepared prepared = PrepareTable(tasks, records, intents, previous, now);
+    for (const TOwedLaunch& launch : unknown)
+        prepared.notLaunched.push_back(RunOfUnknown(launch, tasks));
     // Reported before the table is written: if the host is killed in between, or the power fails, a
     // missed time is reported twice rather than never.
     ReportPrepared(prepared, history);
+    for (const TOwedLaunch& launch : unknown)
+        ForgetOwedLaunch(launch);
     if (prepared.tasks != tasks)
         vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
     for (const TLaunchRecord& record : records)

@@ -26,6 +26,10 @@ struct TStoreOptions {
     // change is then made even if this process ends. A process that ends before cancels the change.
     // Must not throw, and return within seconds.
     std::function<void()> onBegin = {};
+    // Called on the calling thread when the scheduling process has overwritten a change, which is
+    // then made again: until the next onBegin, a process that ends cancels the change. Must not
+    // throw, and return within seconds.
+    std::function<void()> onRetry = {};
 };
 
 }  // namespace vxsched

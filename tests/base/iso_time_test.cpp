@@ -50,7 +50,7 @@ TEST(Times, LocalOnesHaveTheirOffset) {
     EXPECT_EQ(LocalTime(TMoment(milliseconds(951'782'400'005))), "2000-02-28T20:30:00.005-03:30");
     setenv("TZ", "Europe/Berlin", 1);
     tzset();
-    // The clock is put back at 01:00 UTC: the local hour comes twice.
+    // The clock is set back at 01:00 UTC: the local hour comes twice.
     EXPECT_EQ(LocalTime(TMoment(milliseconds(1'792'889'999'999))), "2026-10-25T02:59:59.999+02:00");
     EXPECT_EQ(LocalTime(TMoment(milliseconds(1'792'890'000'000))), "2026-10-25T02:00:00.000+01:00");
     unsetenv("TZ");

@@ -97,28 +97,31 @@ TEST_F(Cli, TableWithMoreTasksThanItsCountIsDamagedForEveryone) {
     EXPECT_EQ(NamesInTable(), "first second third");
 }
 
+// Each command that uses the table, but for a repair and a check of a given file. "first" is a task.
+static const std::vector<std::vector<std::string>> cTableCommands = {
+    {"list"},
+    {"show", "first"},
+    {"next"},
+    {"check"},
+    {"export"},
+    {"create", "a", "--at", "in 1h", "--", cRecorder},
+    {"create", "first", "--replace", "--even-if-due", "--", cRecorder},
+    {"edit", "first", "--every", "6h"},
+    {"remove", "first"},
+    {"pause", "first"},
+    {"resume", "first"},
+    {"period", "first", "6h"},
+    {"run", "first", "--force"},
+    {"import", "--replace", "import"},
+    {"repair", "--dry-run"}};
+
 TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     const std::string damaged =
         BytesOf({Later("first"), Later("second")}).substr(0, BytesOf({Later("first")}).size() + 20);
     WriteFile(cTable, damaged);
     WriteFile("import", R"({"version": 1, "tasks": []})");
-    const std::vector<std::vector<std::string>> commands = {
-        {"list"},
-        {"show", "first"},
-        {"next"},
-        {"status"},
-        {"check"},
-        {"export"},
-        {"create", "a", "--at", "in 1h", "--", cRecorder},
-        {"create", "first", "--replace", "--even-if-due", "--", cRecorder},
-        {"edit", "first", "--every", "6h"},
-        {"remove", "first"},
-        {"pause", "first"},
-        {"resume", "first"},
-        {"period", "first", "6h"},
-        {"run", "first", "--force"},
-        {"import", "--replace", "import"},
-        {"repair", "--dry-run"}};
+    std::vector<std::vector<std::string>> commands = cTableCommands;
+    commands.push_back({"status"});
     for (const std::vector<std::string>& command : commands) {
         const TToolRun run = RunTool(command);
         EXPECT_EQ(run.status, command.front() == "repair" ? 0 : 5) << command.front() << run.error;
@@ -141,29 +144,11 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     EXPECT_EQ(ReadFile(quarantined.substr(0, quarantined.find('\n'))), damaged);
 }
 
-// Each command that uses the table, with the exit status of a system call that failed. `first` is a
-// name of a task.
-static const std::vector<std::vector<std::string>> cTableCommands = {
-    {"list"},
-    {"show", "first"},
-    {"next"},
-    {"check"},
-    {"check", cTable},
-    {"export"},
-    {"create", "a", "--at", "in 1h", "--", cRecorder},
-    {"edit", "first", "--every", "6h"},
-    {"remove", "first"},
-    {"pause", "first"},
-    {"resume", "first"},
-    {"period", "first", "6h"},
-    {"run", "first", "--force"},
-    {"import", "--replace", "import"},
-    {"repair", "--dry-run"},
-    {"repair"}};
-
 static void ExpectCommandsToRefuseTheTable(const std::string& reason) {
     WriteFile("import", R"({"version": 1, "tasks": []})");
-    for (const std::vector<std::string>& command : cTableCommands) {
+    std::vector<std::vector<std::string>> commands = cTableCommands;
+    commands.insert(commands.end(), {{"check", cTable}, {"repair"}});
+    for (const std::vector<std::string>& command : commands) {
         const TToolRun run = RunTool(command);
         EXPECT_EQ(run.status, 1) << command.front();
         EXPECT_THAT(run.error, HasSubstr("files/scheduler.dat: " + reason)) << command.front();
@@ -176,13 +161,15 @@ static void ExpectCommandsToRefuseTheTable(const std::string& reason) {
 // A command that waited for the other end would keep the store mutex.
 TEST_F(Cli, PipeInPlaceOfTheTableIsRefusedByEveryCommand) {
     ASSERT_EQ(mkfifo(cTable, 0644), 0);
-    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+    ExpectCommandsToRefuseTheTable(
+        "it is not a regular file; move it away, and copy a backup there if there is one");
     EXPECT_TRUE(fs::is_fifo(cTable));
 }
 
 TEST_F(Cli, DeviceInPlaceOfTheTableIsRefusedByEveryCommand) {
     fs::create_symlink("/dev/zero", cTable);
-    ExpectCommandsToRefuseTheTable("it is not a file; put one in its place");
+    ExpectCommandsToRefuseTheTable(
+        "it is not a regular file; move it away, and copy a backup there if there is one");
 }
 
 TEST_F(Cli, DirectoryInPlaceOfTheTableIsRefusedByEveryCommand) {

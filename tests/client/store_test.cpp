@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +28,7 @@
 #include "AddinLibrary.h"
 #include "ClientError.h"
 #include "ClientStore.h"
+#include "FakeMonotonicClock.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "Recorder.h"
@@ -77,6 +79,9 @@ TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
     EXPECT_EQ(CountSemaphoreSets(), 3) << "the mutex and the two events that the next one opens";
 }
 
+static const std::string cAdvice =
+    "; nothing was changed; try again, or with a longer lock timeout";
+
 TEST_F(ClientStore, HolderIsWaitedForAndReportedOnATimeout) {
     store.Create(Task("a"), false);
     CForkedChild holder([] {
@@ -90,6 +95,9 @@ TEST_F(ClientStore, HolderIsWaitedForAndReportedOnATimeout) {
     ExpectKept([&] {
         const std::string message = ErrorOf(EError::cBusy, [&] { impatient.Pause({"a"}); });
         EXPECT_NE(message.find(std::to_string(holder.Id())), std::string::npos) << message;
+        EXPECT_NE(message.find(cAdvice), std::string::npos) << message;
+        const std::string replacing = ErrorOf(EError::cBusy, [&] { impatient.ReplaceAll({}); });
+        EXPECT_NE(replacing.find(cAdvice), std::string::npos) << replacing;
     });
     EXPECT_EQ(StoreSemaphoreValue(), 0) << "it was not interrupted";
     holder.Kill(SIGKILL);
@@ -104,6 +112,8 @@ TEST_F(ClientStore, OtherClientsAreWaitedFor) {
     const CWriterLock writerLock(".", 0ms);
     ErrorOf(EError::cBusy, [&] { impatient.Pause({"a"}); });
     EXPECT_EQ(::ReadTable()[0].paused, 0U);
+    const std::string replacing = ErrorOf(EError::cBusy, [&] { impatient.ReplaceAll({}); });
+    EXPECT_NE(replacing.find(cAdvice), std::string::npos) << replacing;
 }
 
 TEST_F(ClientStore, ManyAtOnceLoseNothing) {
@@ -192,6 +202,40 @@ TEST_F(ClientStore, ChangeTakesEffectAtOnce) {
     store.Create(Task("a", Now(), 0), false);
     EXPECT_EQ(RecordedArgument("a parameter"), "argument a parameter");
     WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// The worker counts as ticking while the host is stopped. When the client waits for the tick's end,
+// the table is overwritten, as by that tick.
+TEST_F(ClientStore, ChangeThatATickOverwritesCanBeCancelledUntilItBeginsAgain) {
+    store.Create(Task("a"), false);
+    const std::string before = ReadFile(cTable);
+    CHost host;
+    std::optional<CFakeMonotonicClock> clock;
+    std::string order;
+    const auto overwrite = [&] {
+        if (order != "begin ")
+            return;
+        order += "overwritten ";
+        WriteFile(cTable, before);
+        host.Kill(SIGCONT);
+        while (!WorkerIsIdle())
+            std::this_thread::yield();
+    };
+    TStoreOptions options{.lockTimeout = 60s};
+    options.onBegin = [&] {
+        order += "begin ";
+        if (clock)
+            return;
+        host.Kill(SIGSTOP);
+        WaitUntil([] { return !WorkerIsIdle(); });
+        clock.emplace().onSleep = overwrite;
+    };
+    options.onRetry = [&] { order += "retry "; };
+    CStore(options).Pause({"a"});
+    clock.reset();
+    EXPECT_EQ(order, "begin overwritten retry begin ");
+    EXPECT_EQ(::ReadTable()[0].paused, 1U);
     EXPECT_EQ(host.Stop(), 0);
 }
 

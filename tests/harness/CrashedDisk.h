@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-// What a disk may hold after a power failure: all that was flushed to it, and of the rest anything.
+// What a disk may hold after a power failure: all that was flushed to it, and any part of what was
+// not.
 
 // A call on a store's files, as tests/preload/file-recorder.cpp records it.
 struct TFileCall {

@@ -176,6 +176,13 @@ bool HasEnded(pid_t process) {
     return stat.empty() || stat.find(") Z ") != std::string::npos;
 }
 
+std::optional<pid_t> ChildOf(pid_t process) {
+    const std::string id = std::to_string(process);
+    std::istringstream children(ReadFile("/proc/" + id + "/task/" + id + "/children"));
+    pid_t child = 0;
+    return children >> child ? std::optional(child) : std::nullopt;
+}
+
 std::string ReadFile(const std::string& path) {
     const std::ifstream file(path, std::ios::binary);
     std::ostringstream content;

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -79,6 +80,9 @@ void WaitUntil(const std::function<bool()>& condition);
 // True when a process is gone or a zombie. Nobody may be there to collect a child that has lost its
 // parent.
 bool HasEnded(pid_t process);
+
+// The first child of a process, which may have no other threads.
+std::optional<pid_t> ChildOf(pid_t process);
 
 // Drops root's capabilities, so that modes of files and semaphores apply to this process even when
 // root runs the tests.

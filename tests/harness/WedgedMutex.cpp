@@ -18,7 +18,9 @@ void Inspectable(const std::function<void()>& body) {
         return testing::Test::HasFailure() ? 1 : 42;
     });
     if (result == -1)
-        GTEST_SKIP() << "no PID namespace with a /proc of its own can be made";
+        GTEST_SKIP() << "the system refuses a PID namespace or, as in a container that hides a "
+                        "part of /proc, a /proc for it, also with all capabilities of the "
+                        "user namespace that the test is in";
     EXPECT_EQ(result, 42);
 }
 

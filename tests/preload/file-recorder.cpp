@@ -4,9 +4,9 @@
 // several processes are recorded in the order in which they were made. FAKE_BOOT_ID holds the path
 // of a file that is read in place of the id of this boot.
 //
-// A record is a line "OPERATION INODE NUMBER SIZE" and SIZE bytes; tests/harness/RecordedCalls.h
-// has the operations. What posix_spawn() lets the new process create is found by comparing the
-// directory before and after.
+// A record is a line "OPERATION INODE NUMBER SIZE" and SIZE bytes; tests/harness/CrashedDisk.h
+// has the operations. What posix_spawn() lets the new process create and truncate is found by
+// comparing the directories before and after.
 //
 // The symbols below are called by the program, its libraries and the add-in, on whichever thread.
 // Each returns what the next definition returns, with its errno.
@@ -36,6 +36,7 @@ Function* NextDefinition(const char* name) {
 }
 
 constexpr char cStarted[] = "files/started";
+constexpr char cOwed[] = "files/owed";
 
 // The path relative to the working directory; "" if it is not "files" nor below.
 std::string InStore(std::string path) {
@@ -109,15 +110,22 @@ private:
     int log = -1;
 };
 
-// Names in files/started.
-std::set<std::string> LaunchRecords() {
-    std::set<std::string> names;
-    if (DIR* const directory = opendir(cStarted)) {
+// Paths of what is in a directory.
+std::set<std::string> PathsIn(const std::string& path) {
+    std::set<std::string> paths;
+    if (DIR* const directory = opendir(path.c_str())) {
         while (const dirent* const entry = readdir(directory))
-            names.insert(entry->d_name);
+            paths.insert(path + '/' + entry->d_name);
         closedir(directory);
     }
-    return names;
+    return paths;
+}
+
+// Those of the owed launches that are not yet made.
+std::set<std::string> OwedLaunches() {
+    std::set<std::string> paths = PathsIn(cOwed);
+    std::erase_if(paths, [](const std::string& path) { return StatusOf(path).st_size == 0; });
+    return paths;
 }
 
 std::string ValueOf(char* const environment[], const std::string& name) {
@@ -153,14 +161,6 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
     else if ((flags & O_TRUNC) != 0)
         recording.Add("truncate", inode, 0, "");
     return descriptor;
-}
-
-extern "C" int open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
-    va_end(rest);
-    return openat(AT_FDCWD, path, flags, mode);
 }
 
 extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
@@ -291,12 +291,17 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     if (due.empty())
         return system(process, path, actions, attributes, arguments, environment);
     const CRecording recording;
-    const std::set<std::string> before = LaunchRecords();
+    const std::set<std::string> recordsBefore = PathsIn(cStarted);
+    const std::set<std::string> owedBefore = OwedLaunches();
     const int result = system(process, path, actions, attributes, arguments, environment);
-    for (const std::string& name : LaunchRecords()) {
-        const std::string created = std::string(cStarted) + '/' + name;
-        if (!before.contains(name))
+    for (const std::string& created : PathsIn(cStarted)) {
+        if (!recordsBefore.contains(created))
             recording.Add("create", StatusOf(created).st_ino, 0, created);
+    }
+    const std::set<std::string> owed = OwedLaunches();
+    for (const std::string& emptied : owedBefore) {
+        if (!owed.contains(emptied))
+            recording.Add("truncate", StatusOf(emptied).st_ino, 0, "");
     }
     if (result == 0)
         recording.Add("launch", 0, std::atoll(due.c_str()), ValueOf(environment, "VXSCHED_TASK"));

@@ -66,14 +66,6 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
     return descriptor;
 }
 
-extern "C" int open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
-    va_end(rest);
-    return openat(AT_FDCWD, path, flags, mode);
-}
-
 extern "C" int close(int descriptor) {
     static auto* const system = NextDefinition<int(int)>("close");
     const bool fails = IsOfTheStore(descriptor) && Fails("close", EIO);

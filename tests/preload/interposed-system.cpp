@@ -1,11 +1,13 @@
 // Replaces parts of the system for a real program (LD_PRELOAD), as environment variables select:
 // FAKE_TIME freezes the clock at that second, SKIP_SLEEP makes sleep return at once, NO_INOTIFY
-// makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a file of that name exists.
+// makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a file of that name exists;
+// the file gets a byte for each.
 //
 // The symbols below are called by the program and the add-in, on whichever thread. Without its
 // variable each does what libc does.
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <spawn.h>
 #include <unistd.h>
 
@@ -49,8 +51,13 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
                            const posix_spawnattr_t* attributes, char* const arguments[],
                            char* const environment[]) {
     const char* const file = std::getenv("REFUSE_LAUNCHES");
-    if (file != nullptr && access(file, F_OK) == 0)
+    const int refusals = file == nullptr ? -1 : open(file, O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (refusals != -1) {
+        if (write(refusals, ".", 1) != 1)
+            std::abort();
+        close(refusals);
         return EAGAIN;
+    }
     static auto* const system =
         reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
     return system(process, path, actions, attributes, arguments, environment);

@@ -20,6 +20,7 @@
 #include "Process.h"
 #include "StoreSemaphore.h"
 #include "TableFile.h"
+#include "Tool.h"
 #include "WedgedMutex.h"
 
 using namespace std::chrono_literals;
@@ -128,6 +129,15 @@ TEST(MutexHealing, SetThatWasNeverGivenAValueIsSetFree) {
         EXPECT_TRUE(Heal().isHealed);
         EXPECT_EQ(StoreSemaphoreValue(), 1);
     });
+}
+
+// Also where process 1 may not be inspected: nobody can hold it.
+TEST(MutexHealing, RepairSetsItFreeIfItsMakerWasKilled) {
+    std::filesystem::create_directory("files");
+    semget(cStoreKey, 1, IPC_CREAT | 0660);
+    const TToolRun run = RunTool({"--lock-timeout", "20", "repair"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
 TEST(MutexHealing, ProcessOfAnotherIpcNamespaceDoesNotCount) {

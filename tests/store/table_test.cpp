@@ -184,7 +184,8 @@ TEST(ClientTable, WhatIsNoFileIsRefused) {
     std::filesystem::create_directory("files");
     const auto refusal = [] { return ErrorOf(EError::cFailed, [] { ReadBytes(TableFile(".")); }); };
     const std::string message =
-        "cannot read ./files/scheduler.dat: it is not a file; put one in its place";
+        "cannot read ./files/scheduler.dat: it is not a regular file; move it away, and copy a "
+        "backup there if there is one";
     ASSERT_EQ(mkfifo(cTable, 0644), 0);
     EXPECT_EQ(refusal(), message);
     std::filesystem::remove(cTable);

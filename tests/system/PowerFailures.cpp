@@ -37,6 +37,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char cProgram[] = PROGRAMS "/append-text";
+constexpr char cRefusal[] = "../no processes";
 
 using TDueTime = std::pair<std::string, std::int64_t>;  // a task and a due time of it
 
@@ -45,6 +46,7 @@ void PreloadRecorder(const std::string& log) {
     setenv("SKIP_SLEEP", "1", 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
     setenv("RECORD_CALLS", fs::absolute(log).c_str(), 1);
+    setenv("REFUSE_LAUNCHES", cRefusal, 1);
 }
 
 // ---- What is recorded ---------------------------------------------------------------------------
@@ -90,13 +92,20 @@ public:
     // the second of the tick, the add-in, which does not pause here, would launch them once more in
     // that second. No two ticks have the same due time.
     void Tick(const std::vector<std::string>& names) {
-        WaitUntil([&] { return std::time(nullptr) - 1 > lastDue; });
-        lastDue = std::time(nullptr) - 1;
-        MakeDue(lastDue, names);
-        launches += names.size();
-        WakeWorker();
+        BeginTick(names);
         WaitUntil([&] { return Lines("log").size() == launches; });
         WaitUntil(WorkerIsIdle);
+    }
+
+    // The same, but the system refuses the launches until the tick has ended.
+    void TickWithoutProcesses(const std::vector<std::string>& names) {
+        WriteFile(cRefusal, "");
+        BeginTick(names);
+        WaitUntil([&] { return CountIn("files/owed", "@") == names.size(); });
+        WaitUntil(WorkerIsIdle);
+        fs::remove(cRefusal);
+        WaitUntil([&] { return Lines("log").size() == launches; });
+        WaitUntil([] { return CountIn("files/owed", "@") == 0; });
     }
 
     void Remove(const std::string& name) const {
@@ -121,6 +130,14 @@ public:
     const vxsched::CStore store{{.lockTimeout = 60s}};
 
 private:
+    void BeginTick(const std::vector<std::string>& names) {
+        WaitUntil([&] { return std::time(nullptr) - 1 > lastDue; });
+        lastDue = std::time(nullptr) - 1;
+        MakeDue(lastDue, names);
+        launches += names.size();
+        WakeWorker();
+    }
+
     static void Acknowledge(const std::string& what, const std::string& name,
                             std::int64_t due = 0) {
         AddFileCall("../calls", what, name + '\n' + std::to_string(due));
@@ -143,6 +160,8 @@ void Record() {
         recorded.Create("missed once", 0);
         recorded.Tick({"daily", "linked"});
         recorded.Remove("linked");
+        recorded.Create("owed once", 0);
+        recorded.TickWithoutProcesses({"daily", "owed once"});
         EXPECT_EQ(host.Stop(), 0);
     }
     const std::int64_t missed = std::time(nullptr) + 1;
@@ -288,11 +307,19 @@ struct TState {
     std::optional<CCrashedDisk::EChoice> choice;  // empty: the host is killed, nothing is lost
 };
 
+// Whether the next call is a launch. The launched process creates its launch record and empties the
+// file of an owed launch: nothing separates these calls from the launch.
+bool IsOfALaunch(const std::vector<TFileCall>& calls, std::size_t next) {
+    const auto is = [&](std::size_t index, const char* operation) {
+        return index < calls.size() && calls[index].operation == operation;
+    };
+    return is(next, "launch") || (is(next, "truncate") && is(next + 1, "launch"));
+}
+
 std::vector<TState> StatesOf(const std::vector<TFileCall>& calls) {
     std::vector<TState> states;
     for (std::size_t cut = 1; cut <= calls.size(); ++cut) {
-        // The launched process creates its launch record: nothing separates the two.
-        if (cut < calls.size() && calls[cut].operation == "launch")
+        if (IsOfALaunch(calls, cut))
             continue;
         for (const CCrashedDisk::EChoice choice :
              {CCrashedDisk::cNone, CCrashedDisk::cAll, CCrashedDisk::cOneLost,

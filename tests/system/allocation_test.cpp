@@ -313,7 +313,7 @@ TEST(OutOfMemoryConstruction, EndsWithAnObjectAnExceptionOrTheProcess) {
 }
 
 // A construction that fails frees the object with all that it owns: what remains are the list and
-// the mutex, which belong to the process. The mutex is left behind for good, so this runs in a
+// the mutex, which belong to the process. The mutex stays for good, so this runs in a
 // process that ends without a search for leaks.
 TEST(FailedConstruction, FreesTheObject) {
     CForkedChild child([] {

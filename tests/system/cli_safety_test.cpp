@@ -150,7 +150,7 @@ TEST(CliSafety, CommandDuringATickLosesNoChangeAndBreaksNoLock) {
                        PROGRAMS "/wait-for-it", "end it"})
                   .status,
               0);
-    // The tick goes on for two seconds after the launch; a value of 0 could be missed on a busy
+    // The tick lasts two seconds more after the launch; a value of 0 could be missed on a busy
     // machine.
     EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
     const TToolRun run = RunTool({"create", "other", "--at", "in 1h", "--", cRecorder});

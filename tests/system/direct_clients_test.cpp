@@ -1,4 +1,4 @@
-// Clients that call the exported functions directly, beside a host: no task of theirs is lost.
+// Clients that call the exported functions directly, next to a host: no task of theirs is lost.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ TEST(DirectClients, TasksOfOneAfterTheOtherAllArrive) {
 }
 
 // A reader that keeps the file open, such as a backup, hides whether somebody writes it. So the
-// guard waits for longer than any save takes, and says that it guesses.
+// guard waits for longer than any save takes, and logs that it guesses.
 TEST(DirectClients, DamagedTableThatSomebodyReadsIsRestoredAfterAWhile) {
     WriteTable(cThree);
     CHost host;

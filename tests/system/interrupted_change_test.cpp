@@ -15,7 +15,6 @@
 #include <memory>
 #include <optional>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -45,13 +44,6 @@ static std::unique_ptr<CProgram> Start(const std::vector<std::string>& arguments
     std::vector<std::string> command = {TOOL_PROGRAM};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return std::make_unique<CProgram>(command);
-}
-
-static std::optional<pid_t> ChildOf(pid_t process) {
-    const std::string id = std::to_string(process);
-    std::istringstream children(ReadFile("/proc/" + id + "/task/" + id + "/children"));
-    pid_t child = 0;
-    return children >> child ? std::optional(child) : std::nullopt;
 }
 
 static void SleepUpTo(std::chrono::microseconds most, std::mt19937& random) {

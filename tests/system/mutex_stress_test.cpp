@@ -102,7 +102,7 @@ TEST(MutexStress, DirectClientsOfEveryKindStopNobody) {
                 client->Wait();
             ReportProgress();
         }
-        // A change of the table, so that the host looks at the mutex a last time.
+        // A change of the table, so that the host checks the mutex a last time.
         const TToolRun last = RunTool({"--lock-timeout", "25", "create", "last", "--at",
                                        "2090-01-01 00:00", "--", "/bin/true"});
         EXPECT_EQ(last.status, 0) << last.error;

@@ -1,6 +1,7 @@
 // Launches that the system refuses for want of processes: a real host makes them when it can.
 
 #include <gtest/gtest.h>
+#include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/OwedLaunches.h"
 
 #include <csignal>
@@ -83,6 +84,20 @@ TEST_F(OwedLaunches, OutputIsOpenedOnceForAllAttemptsOfATick) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// The main thread tries once a second.
+TEST_F(OwedLaunches, OutputThatCannotBeOpenedIsLoggedOnceForAllAttempts) {
+    CHost host(HostWith({"--output", "out"}));
+    fs::create_directory("out/a%20task.log");
+    Refuse(host);
+    const std::string warning = "Is a directory. The program writes where the host does.";
+    const auto refusals = fs::file_size(cRefusal);
+    WaitUntil([&] { return fs::file_size(cRefusal) >= refusals + 3; });
+    Permit();
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput(warning), 2U) << host.Output();
+}
+
 TEST_F(OwedLaunches, AreMadeByTheNextHost) {
     for (const int end : {SIGKILL, SIGTERM}) {
         fs::remove_all("files");
@@ -146,4 +161,31 @@ TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
         EXPECT_EQ(CountIn("files/owed"), 0U);
         EXPECT_FALSE(fs::exists("log"));
     }
+}
+
+// As after a power failure that has lost the launch record and what was done to the owed launch's
+// file: the launch was made or not.
+TEST_F(OwedLaunches, WithAnIntentOfAnotherBootAreUnknownAndNotMade) {
+    CHost host;
+    const TRow row = Refuse(host);
+    host.Kill(SIGKILL);
+    host.Wait();
+    WriteFile("boot-id", "another-boot\n");
+    CLaunchIntents former("boot-id");
+    former.Open();
+    former.Clear();
+    const TLaunchIntent intent{"a%20task", vxsched::TTime(std::chrono::seconds(row.next))};
+    former.Intend(intent, [&] { return std::vector{intent}; });
+    Permit();
+    for (int startup = 1; startup <= 2; ++startup) {
+        CHost next;
+        EXPECT_EQ(next.CountInOutput("launch unknown after a power failure: task \"a task\", due "),
+                  startup == 1 ? 1U : 0U)
+            << next.Output();
+        EXPECT_EQ(next.CountInOutput("it is launched now"), 0U) << next.Output();
+        EXPECT_EQ(next.Stop(), 0);
+    }
+    EXPECT_EQ(CountIn("files/owed"), 0U);
+    EXPECT_FALSE(fs::exists("log"));
+    EXPECT_NE(RunTool({"history"}).output.find("launch unknown, removed"), std::string::npos);
 }

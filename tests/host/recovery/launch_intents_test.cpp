@@ -76,6 +76,25 @@ TEST_F(LaunchIntents, StayUntilTheTableShowsTheirLaunches) {
     EXPECT_THAT(FoundUnder("second"), ElementsAre(cOther));
 }
 
+// The table shows an owed launch as made from the beginning.
+TEST_F(LaunchIntents, OfAnOwedLaunchStaysUntilItIsWithdrawn) {
+    Intend(cOne);
+    intents.IntendOwed(cOther);
+    intents.Settle({});
+    EXPECT_THAT(FoundUnder("second"), ElementsAre(cOne, cOther));
+    intents.Withdraw(cOther);
+    EXPECT_THAT(FoundUnder("second"), IsEmpty());
+}
+
+TEST_F(LaunchIntents, OfALaunchThatTheSystemRefusedIsWithdrawn) {
+    Intend(cOne);
+    Intend(cOther);
+    intents.Withdraw(cOne);
+    EXPECT_THAT(FoundUnder("second"), ElementsAre(cOne, cOther)) << "the other one is not certain";
+    intents.Withdraw(cOther);
+    EXPECT_THAT(FoundUnder("second"), IsEmpty());
+}
+
 TEST_F(LaunchIntents, NextHostRemovesThem) {
     Intend(cOne);
     CLaunchIntents next("second");

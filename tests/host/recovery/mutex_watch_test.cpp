@@ -80,7 +80,7 @@ TEST(HostMutexWatch, ProcessThatMayHoldItIsLoggedOnceAndItsEndHealsIt) {
             EXPECT_TRUE(host.WaitForOutput("the store mutex is not released: process " +
                                            std::to_string(other.Id())))
                 << host.Output();
-            // Three more looks.
+            // Three more checks.
             std::this_thread::sleep_for(std::chrono::seconds(3));
             EXPECT_EQ(StoreSemaphoreValue(), 0);
         }

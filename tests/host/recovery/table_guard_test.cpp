@@ -98,7 +98,8 @@ TEST(HostGuard, TaskThatAnotherOnesSaveHasOverwrittenIsRestored) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// A direct client's load sets the mutex free, so the guard may look in the middle of a save.
+// A direct client's load sets the mutex free, so the guard may check the table in the middle of a
+// save.
 TEST(HostGuard, SaveThatHasOnlyBegunIsNoDamage) {
     WriteTable(cThree);
     CHost host;
@@ -259,7 +260,7 @@ TEST(HostGuard, TickDoesNotSaveIntoAPipe) {
     fs::rename("pipe", cTable);
     EXPECT_TRUE(
         host.WaitForOutput("cannot check the table: cannot read ./files/scheduler.dat: it "
-                           "is not a file"))
+                           "is not a regular file"))
         << host.Output();
     WaitUntil(WorkerIsIdle);
     EXPECT_TRUE(fs::is_fifo(cTable));
@@ -350,7 +351,7 @@ TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
     WakeChanged();
     WaitUntil(WorkerIsIdle);
     EXPECT_TRUE(fs::is_symlink(cTable));
-    EXPECT_TRUE(fs::is_empty("disk")) << "nothing is written in its place";
+    EXPECT_TRUE(fs::is_empty("disk")) << "no new table replaces it";
     fs::remove("disk");
     fs::rename("elsewhere", "disk");
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();

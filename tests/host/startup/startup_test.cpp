@@ -215,7 +215,8 @@ TEST(HostStartup, PipeInThePlaceOfTheTableIsRefused) {
     ASSERT_EQ(mkfifo(cTable, 0644), 0);
     CProgram host({HOST_PROGRAM, "--directory", "."});
     EXPECT_EQ(host.Wait(), 6);
-    EXPECT_NE(host.Output().find("files/scheduler.dat: it is not a file"), std::string::npos)
+    EXPECT_NE(host.Output().find("files/scheduler.dat: it is not a regular file"),
+              std::string::npos)
         << host.Output();
 }
 

@@ -1,0 +1,14 @@
+// Passes open() on to openat(), which the other source of the preloaded library defines. Called by
+// the program, its libraries and the add-in, on whichever thread.
+
+#include <fcntl.h>
+
+#include <cstdarg>
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return openat(AT_FDCWD, path, flags, mode);
+}

@@ -1,0 +1,528 @@
+#include "KillPoints.h"
+
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <vxsched/SchedulingProcess.h>
+#include <vxsched/Store.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <system_error>
+
+#include "store/CStoreMutexLock.h"
+
+#include "GuardedTable.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+#include "TracedProgram.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char cProgram[] = PROGRAMS "/append-text";
+
+// What a scenario consists of. The functions run in the test's process.
+struct TScenario {
+    std::string name;
+    CTracedProgram::EVictim victim = CTracedProgram::cProgram;
+    std::vector<std::string> command;
+    // Makes the store in which the command is run, in a directory without one.
+    std::function<void()> prepare;
+    // Lets the traced program, which is not counted before, do what is to be cut short, until that
+    // is done or the program is killed. Empty: the command ends by itself, and all of it counts.
+    std::function<void(CTracedProgram&)> act = {};
+    // What has to hold after the kill, or after the end if the command was not killed.
+    std::function<void(const CTracedProgram&, int status)> check;
+};
+
+std::vector<std::string> Tool(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {TOOL_PROGRAM, "--lock-timeout", "30"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
+
+// ---- The store ----------------------------------------------------------------------------------
+
+void RemoveAllSets() {
+    for (int id = TheOnlySet(); id != -1; id = TheOnlySet())
+        semctl(id, 0, IPC_RMID);
+}
+
+void RemoveStore() {
+    for (const char* const path : {"files", "daily.log", "once.log", "missed.log", "job.log"})
+        fs::remove_all(path);
+    RemoveAllSets();
+}
+
+std::size_t CountOfLines(const std::string& path) {
+    return fs::exists(path) ? Lines(path).size() : 0;
+}
+
+std::size_t CountInHistory(const std::string& part) {
+    const std::string history = ReadFile("files/history.jsonl");
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = history.find(part, at)) != std::string::npos; ++at)
+        ++count;
+    return count;
+}
+
+void ExpectNoUnfinishedFiles() {
+    EXPECT_EQ(CountIn("files", ".save-"), 0U);
+    EXPECT_EQ(CountIn("files", ".new-"), 0U);
+}
+
+// Whether the host has done what it does after a tick: removed the launch records of what the table
+// shows.
+bool IsSettled() {
+    return WorkerIsIdle() && CountIn("files/started", "@") == 0 && StoreSemaphoreValue() == 1;
+}
+
+// Replaces the table under a host.
+void ReplaceAll(const TRows& rows) {
+    std::vector<vxsched::TTaskEntry> tasks;
+    for (const TRow& row : rows)
+        tasks.push_back({row.name, vxsched::TTime(std::chrono::seconds(row.next)),
+                         vxsched::TTime(std::chrono::seconds(row.last)), row.period, row.program,
+                         row.parameters, row.paused != 0});
+    vxsched::CStore({.lockTimeout = 30s}).ReplaceAll(tasks);
+    WaitUntil(IsSettled);
+}
+
+// ---- Commands and their change processes ----------------------------------------------------------
+
+TRows TableOfCommands() {
+    TRows rows = {Row("first"), Row("second"), Row("paused")};
+    rows[2].paused = 1;
+    rows.push_back({"job", cFar, 0, 24, cProgram, "job.log", 0});
+    return rows;
+}
+
+// A run sets the last launch, whose time is another in each run.
+TRows WithoutLaunchTimes(TRows rows) {
+    for (TRow& row : rows)
+        row.last = row.last != 0 ? 1 : 0;
+    return rows;
+}
+
+// The tables before the command and after it; the latter from a run without a kill.
+struct TTables {
+    TRows before;
+    TRows after;
+    bool hasAfter = false;
+};
+
+// Starts a host that launches what is due and ends. Returns its output.
+std::string RunHostOnce() {
+    CProgram host(HostWith({"--run-once"}));
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+    return host.Output();
+}
+
+void ExpectAnotherCommandWorks(const std::string& task) {
+    const TToolRun run = RunTool({"--lock-timeout", "30", "pause", task});
+    EXPECT_EQ(run.status, 0) << run.error;
+}
+
+// The table is as before or as afterwards, and what the command has reported, if it was not killed,
+// is what the table shows.
+void CheckTable(TTables& tables, const CTracedProgram& traced, int status) {
+    const TRows rows = WithoutLaunchTimes(ReadTable());
+    if (!tables.hasAfter) {
+        ASSERT_EQ(status, 0) << traced.Output();
+        tables.after = rows;
+        tables.hasAfter = true;
+    }
+    // A change of several tasks is made one by one.
+    const bool isPart = status == 1 && traced.Output().find(" was made\n") != std::string::npos;
+    EXPECT_TRUE(rows == tables.before || rows == tables.after || isPart)
+        << testing::PrintToString(rows) << traced.Output();
+    // A program was launched, which is what was asked for, although the table does not show it.
+    const bool hasRun = traced.Output().find("started job") != std::string::npos;
+    if (status == 0) {
+        EXPECT_TRUE(rows == tables.after || hasRun)
+            << testing::PrintToString(rows) << traced.Output();
+    } else if (status == 1) {
+        EXPECT_EQ(rows == tables.before, !isPart) << traced.Output();
+    } else {
+        EXPECT_TRUE(status == 9 || status == 1000 + SIGKILL) << status << traced.Output();
+    }
+}
+
+// The job runs at most once, and has run if the table or the command say so.
+void CheckRun(const CTracedProgram& traced, int status) {
+    const std::size_t runs = CountOfLines("job.log");
+    EXPECT_LE(runs, 1U);
+    const TRows rows = ReadTable();
+    const bool isInTable =
+        std::any_of(rows.begin(), rows.end(), [](const TRow& row) { return row.last != 0; });
+    const bool isReported = traced.Output().find("started job") != std::string::npos;
+    EXPECT_TRUE(runs == 1 || (!isInTable && !isReported)) << traced.Output();
+    EXPECT_TRUE(runs == 0 || status != 1) << traced.Output();
+}
+
+void CheckAfterCommand(TTables& tables, const CTracedProgram& traced, int status) {
+    CheckTable(tables, traced, status);
+    CheckRun(traced, status);
+    ExpectAnotherCommandWorks("second");
+    const TRows expected = ReadTable();
+    const std::string output = RunHostOnce();
+    EXPECT_EQ(ReadTable(), expected) << output;
+    EXPECT_EQ(output.find("repaired"), std::string::npos) << output;
+    ExpectNoUnfinishedFiles();
+}
+
+void PrepareForCommand() {
+    RemoveStore();
+    WriteTable(TableOfCommands());
+}
+
+TScenario CommandScenario(const std::string& name, CTracedProgram::EVictim victim,
+                          const std::vector<std::string>& arguments) {
+    const auto tables = std::make_shared<TTables>();
+    tables->before = TableOfCommands();
+    return {.name = name,
+            .victim = victim,
+            .command = Tool(arguments),
+            .prepare = PrepareForCommand,
+            .check = [tables](const CTracedProgram& traced, int status) {
+                CheckAfterCommand(*tables, traced, status);
+            }};
+}
+
+// Next to a host, which is the same one for all calls.
+TScenario NextToAHost(const std::string& name, CTracedProgram::EVictim victim,
+                      const std::vector<std::string>& arguments) {
+    const auto host = std::make_shared<std::unique_ptr<CHost>>();
+    const auto tables = std::make_shared<TTables>();
+    tables->before = TableOfCommands();
+    return {.name = name + "NextToAHost",
+            .victim = victim,
+            .command = Tool(arguments),
+            .prepare =
+                [host] {
+                    fs::remove("job.log");
+                    if (*host != nullptr)
+                        return ReplaceAll(TableOfCommands());
+                    PrepareForCommand();
+                    *host = std::make_unique<CHost>();
+                },
+            .check =
+                [tables](const CTracedProgram& traced, int status) {
+                    WaitUntil(IsSettled);
+                    CheckTable(*tables, traced, status);
+                    CheckRun(traced, status);
+                    ExpectAnotherCommandWorks("second");
+                }};
+}
+
+// The table is damaged, and a repair takes what it can read of it and the remaining tasks from the
+// backup.
+void PrepareForRepair() {
+    RemoveStore();
+    const std::string bytes = BytesOf(TableOfCommands());
+    WriteTable({});
+    WriteFile("files/scheduler.dat.before", bytes);
+    WriteFile(cTable, bytes.substr(0, bytes.size() - 60));
+}
+
+TScenario RepairScenario() {
+    return {.name = "Repair",
+            .command = Tool({"repair"}),
+            .prepare = PrepareForRepair,
+            .check = [](const CTracedProgram& traced, int status) {
+                const std::string good = BytesOf(TableOfCommands());
+                const std::string bytes = ReadFile(cTable);
+                EXPECT_TRUE(bytes == good || bytes == good.substr(0, good.size() - 60));
+                EXPECT_TRUE(bytes == good || status != 0) << traced.Output();
+                const TToolRun repair = RunTool({"repair"});
+                EXPECT_EQ(repair.status, 0) << repair.error;
+                EXPECT_EQ(ReadFile(cTable), good) << repair.output;
+                ExpectAnotherCommandWorks("first");
+                ExpectNoUnfinishedFiles();
+            }};
+}
+
+// ---- The host -----------------------------------------------------------------------------------
+
+// What a killed host has left, in the directory "killed", which was up at `since`.
+struct TFormerHost {
+    std::int64_t since = 0;
+};
+
+TFormerHost LeaveFormerHost() {
+    TFormerHost former;
+    WriteTable({Row("far")});
+    CHost host;
+    former.since = std::time(nullptr);
+    host.Kill(SIGKILL);
+    host.Wait();
+    fs::remove_all("killed");
+    fs::rename("files", "killed");
+    return former;
+}
+
+// Two tasks that the former host left due, two that no host was there for, and one that is not due.
+TRows TableOfHost(std::int64_t due) {
+    return {{"daily", due, 0, 24, cProgram, "daily.log", 0},
+            {"once", due, 0, 0, cProgram, "once.log", 0},
+            {"missed", due - 1'000'000, 0, 24, cProgram, "missed.log", 0},
+            {"missed once", due - 1'000'000, 0, 0, cProgram, "missed.log", 0},
+            Row("far")};
+}
+
+// After the next host, which launches what the killed one has not launched.
+void CheckLaunches(std::int64_t due, bool hasMissed, const CTracedProgram& traced) {
+    const std::string killed = ReadFile(cTable);
+    const std::string output = traced.Output() + "\nthe next host:\n" + RunHostOnce();
+    SCOPED_TRACE(output);
+    EXPECT_EQ(CountOfLines("daily.log"), 1U);
+    EXPECT_EQ(CountOfLines("once.log"), 1U);
+    EXPECT_EQ(CountOfLines("missed.log"), 0U);
+    TRows rows = ReadTable();
+    EXPECT_EQ(NamesInTable(), hasMissed ? "daily missed far" : "daily far");
+    EXPECT_EQ(rows.at(0).next, due + 24 * 3600);
+    EXPECT_EQ(rows.back(), Row("far"));
+    if (hasMissed) {
+        EXPECT_GE(CountInHistory("\"name\":\"missed\""), 1U);
+        EXPECT_GE(CountInHistory("\"name\":\"missed once\""), 1U);
+    }
+    ExpectAnotherCommandWorks("far");
+    ExpectNoUnfinishedFiles();
+}
+
+TScenario StartupScenario(const std::string& name, bool isDamaged) {
+    const auto former = std::make_shared<TFormerHost>();
+    return {.name = name,
+            .command = HostWith({"--run-once"}),
+            .prepare =
+                [former, isDamaged] {
+                    if (former->since == 0)
+                        *former = LeaveFormerHost();
+                    RemoveStore();
+                    fs::copy("killed", "files", fs::copy_options::recursive);
+                    const std::string bytes = BytesOf(TableOfHost(former->since - 5));
+                    fs::remove_all("files/snapshots");
+                    WriteFile("files/scheduler.dat.before", bytes);
+                    WriteFile(cTable, isDamaged ? bytes.substr(0, 100) : bytes);
+                },
+            .check = [former](const CTracedProgram& traced,
+                              int /*status*/) { CheckLaunches(former->since - 5, true, traced); }};
+}
+
+// A host that is idle after its startup.
+void WaitForHost(const CTracedProgram& traced) {
+    WaitUntil([&] { return traced.Output().find(" as process ") != std::string::npos; });
+    WaitUntil(WorkerIsIdle);
+}
+
+TRows TableOfRunningHost(std::int64_t due) {
+    TRows rows = TableOfHost(due);
+    rows.erase(rows.begin() + 2, rows.begin() + 4);
+    return rows;
+}
+
+void PrepareForTick() {
+    RemoveStore();
+    WriteTable(TableOfRunningHost(cFar));
+}
+
+TScenario TickScenario() {
+    const auto due = std::make_shared<std::int64_t>();
+    return {.name = "Tick",
+            .command = HostWith({}),
+            .prepare = PrepareForTick,
+            .act =
+                [due](CTracedProgram& host) {
+                    WaitForHost(host);
+                    *due = std::time(nullptr) - 1;
+                    {
+                        const vxsched::CStoreMutexLock lock(30s);
+                        WriteFile("files/due", BytesOf(TableOfRunningHost(*due)));
+                        fs::rename("files/due", cTable);
+                        vxsched::AnnounceChange();
+                    }
+                    host.Count();
+                    vxsched::WakeSchedulingProcess();
+                    WaitUntil([&] {
+                        return host.IsKilled() ||
+                               (fs::exists("daily.log") && fs::exists("once.log") && IsSettled());
+                    });
+                    kill(host.Id(), SIGKILL);
+                },
+            .check = [due](const CTracedProgram& traced,
+                           int /*status*/) { CheckLaunches(*due, false, traced); }};
+}
+
+// The host's guard restores a table of which a direct client has left a part.
+TScenario GuardScenario() {
+    const auto good = std::make_shared<TRows>(TableOfRunningHost(cFar));
+    return {.name = "Guard",
+            .command = HostWith({}),
+            .prepare = PrepareForTick,
+            .act =
+                [good](CTracedProgram& host) {
+                    WaitForHost(host);
+                    host.Count();
+                    WriteFile(cTable, BytesOf(*good).substr(0, 100));
+                    WaitUntil([&] {
+                        return host.IsKilled() ||
+                               (ReadFile(cTable) == BytesOf(*good) && IsSettled());
+                    });
+                    kill(host.Id(), SIGKILL);
+                },
+            .check =
+                [good](const CTracedProgram& traced, int /*status*/) {
+                    const std::string output = traced.Output() + "\nnext:\n" + RunHostOnce();
+                    EXPECT_EQ(ReadTable(), *good) << output;
+                    ExpectAnotherCommandWorks("far");
+                    ExpectNoUnfinishedFiles();
+                }};
+}
+
+// A host that is stopped while tasks are due, of which it was not notified.
+TScenario StopScenario() {
+    const auto due = std::make_shared<std::int64_t>();
+    return {.name = "Stop",
+            .command = HostWith({}),
+            .prepare = PrepareForTick,
+            .act =
+                [due](CTracedProgram& host) {
+                    WaitForHost(host);
+                    *due = std::time(nullptr) - 1;
+                    {
+                        const vxsched::CStoreMutexLock lock(30s);
+                        WriteFile("files/due", BytesOf(TableOfRunningHost(*due)));
+                        fs::rename("files/due", cTable);
+                    }
+                    host.Count();
+                    kill(host.Id(), SIGTERM);
+                },
+            .check =
+                [due](const CTracedProgram& traced, int status) {
+                    EXPECT_TRUE(status == 0 || status == 1000 + SIGKILL) << status;
+                    CheckLaunches(*due, false, traced);
+                }};
+}
+
+// ---- All of them ----------------------------------------------------------------------------------
+
+const std::vector<std::string> cCreate = {"create", "new", "--at",   "2090-01-01 00:00", "--every",
+                                          "1d",     "--",  cProgram, "job.log"};
+
+// Tests that run at the same time launch this program, too, and "running already" counts them.
+const std::vector<std::string> cRun = {"run", "job", "--force"};
+
+std::vector<TScenario> Scenarios() {
+    const auto command = CTracedProgram::cProgram;
+    const auto change = CTracedProgram::cItsChild;
+    return {
+        CommandScenario("Create", command, cCreate),
+        CommandScenario("Pause", command, {"pause", "first"}),
+        CommandScenario("Remove", command, {"remove", "first"}),
+        CommandScenario("Run", command, cRun),
+        CommandScenario("Import", command, {"import", "--replace"}),
+        RepairScenario(),
+        CommandScenario("ChangeOfCreate", change, cCreate),
+        CommandScenario("ChangeOfRemove", change, {"remove", "first"}),
+        CommandScenario("ChangeOfEdit", change, {"edit", "first", "--every", "2d"}),
+        CommandScenario("ChangeOfEditOfAPausedTask", change, {"edit", "paused", "--every", "2d"}),
+        CommandScenario("ChangeOfRemoveOfSeveral", change, {"remove", "first", "paused"}),
+        CommandScenario("ChangeOfRun", change, cRun),
+        NextToAHost("Create", command, cCreate),
+        NextToAHost("Remove", command, {"remove", "first"}),
+        NextToAHost("Run", command, cRun),
+        NextToAHost("ChangeOfCreate", change, cCreate),
+        NextToAHost("ChangeOfRun", change, cRun),
+        StartupScenario("Startup", false),
+        StartupScenario("StartupOnADamagedTable", true),
+        TickScenario(),
+        GuardScenario(),
+        StopScenario(),
+    };
+}
+
+// The standard input of the import.
+void WriteInput() {
+    TRow row = Row("second");
+    row.parameters = "imported";
+    WriteTable({row});
+    const TToolRun exported = RunTool({"export"});
+    EXPECT_EQ(exported.status, 0) << exported.error;
+    WriteFile("input", exported.output);
+}
+
+// Runs the scenario and kills at that call; 0: never. Returns the number of calls that were made,
+// and sets whether it was killed.
+long RunPoint(const TScenario& scenario, long call, bool& isKilled) {
+    scenario.prepare();
+    CTracedProgram traced(scenario.command, {.victim = scenario.victim,
+                                             .killAt = call,
+                                             .countsAtOnce = !scenario.act,
+                                             .input = "input",
+                                             .output = "traced.out"});
+    if (scenario.act)
+        scenario.act(traced);
+    const int status = traced.Wait();
+    isKilled = traced.IsKilled();
+    SCOPED_TRACE(scenario.name + ": " + (isKilled ? "killed at " + traced.At() : "not killed"));
+    scenario.check(traced, status);
+    return traced.Calls();
+}
+
+long NumberFrom(const char* variable, long otherwise) {
+    const char* const given = std::getenv(variable);
+    return given != nullptr ? std::atol(given) : otherwise;
+}
+
+}  // namespace
+
+std::vector<std::string> KillScenarios() {
+    std::vector<std::string> names;
+    for (const TScenario& scenario : Scenarios())
+        names.push_back(scenario.name);
+    return names;
+}
+
+void TryKillPoints(const std::string& name, std::size_t most) {
+#ifndef PLAIN_BUILD
+    GTEST_SKIP() << "a sanitizer does not run under ptrace";
+#endif
+    WriteInput();
+    for (const auto& [variable, value] : WithoutPauses())
+        setenv(variable.c_str(), value.c_str(), 1);
+    const std::vector<TScenario> scenarios = Scenarios();
+    const auto scenario = std::find_if(scenarios.begin(), scenarios.end(),
+                                       [&](const TScenario& it) { return it.name == name; });
+    bool isKilled = false;
+    const long calls = RunPoint(*scenario, 0, isKilled);
+    const auto stride = most == 0 ? 1L : std::max(1L, calls / static_cast<long>(most));
+    const long seed = NumberFrom("KILL_POINTS_SEED", std::random_device()() % 1'000'000);
+    std::printf("%s: %ld calls, KILL_POINTS_SEED=%ld\n", name.c_str(), calls, seed);
+    std::fflush(stdout);
+    const long only = NumberFrom("KILL_POINT", 0);
+    long tried = 0;
+    // The threads and processes of a run meet in another order in each run, so that a later run may
+    // make more calls.
+    for (long call = only != 0 ? only : 1 + seed % stride;
+         !testing::Test::HasFailure() && (call <= calls || isKilled); call += stride) {
+        RunPoint(*scenario, call, isKilled);
+        tried += isKilled ? 1 : 0;
+        if (only != 0)
+            break;
+    }
+    std::printf("%s: killed at %ld of %ld calls\n", name.c_str(), tried, calls);
+}
