@@ -375,7 +375,7 @@ private:
 
 TEST(FaultSoak, NothingIsDoubledOrTornOrWaitsForEver) {
     Inspectable([] {
-        ASSERT_EQ(mount("none", "files", "tmpfs", 0, "size=1m"), 0);
+        ASSERT_EQ(mount("none", "files", "tmpfs", 0, "size=1m,mode=0700"), 0);
         const long seed = NumberFrom("SOAK_SEED", std::random_device()() % 1'000'000);
         const auto end = std::chrono::steady_clock::now() +
                          std::chrono::minutes(NumberFrom("FAULT_SOAK_MINUTES", 1));
