@@ -68,7 +68,7 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool 
     const CStore store(common.store);
     if (common.dryRun) {
         for (const TValidationError& error : store.Check(task, common.forced))
-            throw CError(EError::cRefused, error.message);
+            throw MakeError(EError::cRefused, "{}", error.message);
         if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
             throw MakeError(EError::cRefused,
                             "a task \"{}\" already exists; add --replace, or choose another name",

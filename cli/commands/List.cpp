@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
@@ -92,7 +93,7 @@ TExitStatus List(const TCommon& common, bool namesOnly, COutput& output) {
     // For completion scripts, which need the exact bytes and no state.
     if (namesOnly) {
         for (const TTaskEntry& task : table.tasks)
-            output.Line(task.name);
+            output.Line(output.IsTerminal() ? Show(task.name).string : task.name);
         return cDone;
     }
     const TTime now = Now();

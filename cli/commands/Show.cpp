@@ -14,6 +14,7 @@
 #include "cli/output/RunFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -82,7 +83,7 @@ CError NoTask(const TCommon& common, const std::string& name) {
     } catch (const CError&) {
         // The history cannot be read; there is no such task all the same.
     }
-    return {EError::cNotFound, fmt::format("there is no task \"{}\"; {}", name, advice)};
+    return MakeError(EError::cNotFound, "there is no task \"{}\"; {}", name, advice);
 }
 
 // The time of the launch, or the due time of a run that was missed, and the outcome.

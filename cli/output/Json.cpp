@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include <vxsched/Error.h>
+#include "base/DisplayText.h"
 #include "cli/time/TimeFormat.h"
 #include "store/MakeError.h"
 
@@ -64,6 +65,32 @@ bool IsUtf8(const std::string& bytes) {
     } catch (const TJson::type_error&) {
         return false;
     }
+}
+
+// The number of the character that these bytes, valid UTF-8 and no more than three, encode.
+unsigned int NumberOf(std::string_view character) {
+    unsigned int number = static_cast<unsigned char>(character.front());
+    number &= character.size() == 1 ? 0x7fU : 0x7fU >> character.size();
+    for (const char next : character.substr(1))
+        number = number << 6U | (static_cast<unsigned char>(next) & 0x3fU);
+    return number;
+}
+
+// JSON itself demands escapes only for the characters below the blank. `json` is valid UTF-8, and
+// ASCII outside of its strings.
+std::string EscapeControls(const std::string& json) {
+    std::string escaped;
+    escaped.reserve(json.size());
+    for (std::size_t offset = 0, length = 0; offset < json.size(); offset += length) {
+        const auto lead = static_cast<unsigned char>(json[offset]);
+        length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+        const std::string_view character = std::string_view(json).substr(offset, length);
+        if (lead < 0x7f || Show(character).string == character)
+            escaped += character;
+        else
+            escaped += fmt::format("\\u{:04x}", NumberOf(character));
+    }
+    return escaped;
 }
 
 // Reads the fields of one task. Throws CError (cRefused) with the task and the field in its
@@ -195,7 +222,7 @@ TJson JsonOfLast(TTime time) {
 std::string Document(const TJson& content) {
     TJson document = {{"version", 1}};
     document.update(content);
-    return document.dump(2) + '\n';
+    return EscapeControls(document.dump(2)) + '\n';
 }
 
 std::vector<TImported> ReadTasks(const std::string& input) {
