@@ -73,9 +73,9 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
         const TTaskEntry& task = *one.task;
         const bool hasRun = task.last != TTime();
         columns.Add(task.paused ? cNone : FormatTime(task.next, common.zone));
-        columns.Add(task.paused ? cNone : FormatDistance(task.next - now));
+        columns.Add(task.paused ? cNone : FormatDistance(Between(now, task.next)));
         columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNone);
-        columns.Add(hasRun ? FormatDistance(task.last - now) : cNone);
+        columns.Add(hasRun ? FormatDistance(Between(now, task.last)) : cNone);
         columns.Add(FormatPeriod(task.period));
         columns.Add(one.state.Describe(), ColourOf(one.state));
         columns.Add(task.name, EColour::cBold);

@@ -52,7 +52,7 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
 
 std::string TimeAndDistance(TTime time, TTime now, EZone zone) {
     return fmt::format("{} ({}{})", FormatTime(time, zone), time > now ? "in " : "",
-                       FormatDistance(time - now));
+                       FormatDistance(Between(now, time)));
 }
 
 constexpr std::size_t cShownRuns = 5;

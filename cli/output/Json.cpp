@@ -9,7 +9,9 @@
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
+#include "base/IsoTime.h"
 #include "cli/time/TimeFormat.h"
+#include "runs/ParseJson.h"
 #include "store/MakeError.h"
 
 namespace vxsched {
@@ -142,6 +144,14 @@ public:
         Fail(fmt::format("has a \"{}\" that is not an integer in range: {}", field, found->dump()));
     }
 
+    TTime Time(const char* field, bool isNeeded) const {
+        const TTime time(std::chrono::seconds(Integer<std::int64_t>(field, isNeeded)));
+        if (!CalendarOf(time, EZone::cUtc))
+            Fail(fmt::format("has a \"{}\" that is in no year of a calendar: {}", field,
+                             time.time_since_epoch().count()));
+        return time;
+    }
+
     bool Flag(const char* field) const {
         const auto found = json.find(field);
         if (found == json.end())
@@ -177,18 +187,14 @@ std::string DescribeParseError(std::string_view input, std::size_t byte) {
     return fmt::format("line {}, column {}: {}", line, column, problem);
 }
 
-TTime TimeOf(std::int64_t seconds) {
-    return TTime(std::chrono::seconds(seconds));
-}
-
 TImported ReadTask(const TJson& content, std::size_t index) {
     CTaskReader reader(content, index);
     TImported imported;
     TTaskEntry& task = imported.task;
     task.name = reader.String("name", true);
     reader.SetName(task.name);
-    task.next = TimeOf(reader.Integer<std::int64_t>("next", true));
-    task.last = TimeOf(reader.Integer<std::int64_t>("last", false));
+    task.next = reader.Time("next", true);
+    task.last = reader.Time("last", false);
     task.period = reader.Integer<std::uint32_t>("period", false);
     task.program = reader.String("program", true);
     task.parameter = reader.String("parameter", false);
@@ -228,12 +234,15 @@ std::string Document(const TJson& content) {
 std::vector<TImported> ReadTasks(const std::string& input) {
     TJson document;
     try {
-        document = TJson::parse(input);
+        document = ParseJson(input);
     } catch (const TJson::parse_error& error) {
         throw MakeError(EError::cRefused,
                         "cannot import: the input is not valid JSON: {}; expected a document as "
                         "vxsched export writes it",
                         DescribeParseError(input, error.byte));
+    } catch (const CJsonTooDeep& error) {
+        throw MakeError(EError::cRefused, "cannot import: the input is not an export: {}",
+                        error.what());
     } catch (const TJson::out_of_range&) {
         throw CError(EError::cRefused, "cannot import: the input has a number that is too large");
     }
