@@ -7,11 +7,14 @@
 #include "host/CHostError.h"
 
 // The add-in next to this program, in the library directory of the build or of the installation;
-// else its bare name, which the dynamic linker looks up.
+// else its bare name, which the dynamic linker looks up. Empty if the path of this program cannot be
+// read: a path relative to the present directory would lead to anybody's library.
 static std::string DefaultAddIn() {
     std::string name = "libVantrixScheduler.so";
     std::error_code ignored;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ignored);
+    if (!self.is_absolute())
+        return "";
     const std::filesystem::path root = self.parent_path().parent_path();
     for (const char* directory : {"lib", VXSCHEDD_LIBRARY_DIRECTORY}) {
         const std::filesystem::path candidate = root / directory / name;
@@ -100,6 +103,10 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
                          std::string(error.what()) + ". Run vxschedd --help for the options.");
     }
     options.lockTimeout = std::chrono::seconds(lockTimeout);
+    if (options.addIn.empty())
+        throw CHostError(cNoAddIn,
+                         "cannot read /proc/self/exe, from which the add-in is found. Mount /proc, "
+                         "or pass the add-in's path with --addin.");
     if (options.addIn.find('/') != std::string::npos)
         MakeAbsolute(options.addIn);
     if (options.output != "inherit" && options.output != "journal")
