@@ -32,6 +32,17 @@ static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
 }
 
+// Whether a file is, or would be, in a directory. Links are followed.
+static bool IsIn(const std::string& file, const std::string& directory) {
+    if (file.empty() || !directory.starts_with('/'))
+        return false;
+    std::error_code ignored;
+    const auto realPath = [&](const std::filesystem::path& path) {
+        return std::filesystem::weakly_canonical(path / ".", ignored);
+    };
+    return realPath(std::filesystem::path(file).parent_path()) == realPath(directory);
+}
+
 static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& lockTimeout) {
     app.add_option(
            "--directory", options.directory,
@@ -113,5 +124,9 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
         MakeAbsolute(options.output);
     if (!options.logFile.empty())
         MakeAbsolute(options.logFile);
+    if (IsIn(options.logFile, options.output))
+        throw CHostError(cUsage,
+                         "a task could write to the log, which is in the directory of --output. "
+                         "Choose another directory for one of them.");
     return options;
 }
