@@ -472,7 +472,7 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
     if (mustBecomeOwner)
-        BecomeForeignOwner(directory);
+        common.isForeign = BecomeForeignOwner(directory);
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;
