@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cstdlib>
 #include <string_view>
-#include <utility>
 
 using std::chrono::floor;
 using std::chrono::milliseconds;
@@ -33,13 +32,17 @@ std::string UtcTime(TMoment moment) {
     return UtcTime(whole, moment - whole);
 }
 
+// The distance between two times of these years is in the range of milliseconds.
+static constexpr long cFarthestYear = 100'000'000;
+
 std::optional<TMoment> ReadUtcTime(const std::string& string) {
     const char* const end = string.c_str() + string.size();
     long year = 0;
     const auto [afterYear, yearError] = std::from_chars(string.c_str(), end, year);
     tm calendar{};
     const char* const afterTime = strptime(afterYear, "-%m-%dT%T.", &calendar);
-    if (yearError != std::errc() || !std::in_range<int>(year - 1900) || afterTime == nullptr)
+    if (yearError != std::errc() || year < -cFarthestYear || year > cFarthestYear ||
+        afterTime == nullptr)
         return {};
     calendar.tm_year = static_cast<int>(year - 1900);
     int rest = 0;

@@ -375,7 +375,7 @@ void CCommandLine::WarnIfNoHostHasRun() const {
     std::error_code ignored;
     if (std::filesystem::is_directory(directory, ignored) &&
         !std::filesystem::exists(std::filesystem::path(directory) / cFilesDirectory, ignored))
-        std::cerr << "vxsched: no host has run in " << directory
+        std::cerr << "vxsched: no host has run in " << Show(directory).string
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
 
@@ -460,7 +460,7 @@ std::string CCommandLine::MessageFor(const CError& error) const {
         return message;
     const bool hasRemedy = message.find("repair the table") != std::string::npos;
     return fmt::format(
-        "{}: {}{}", TableFile(directory).string(), message,
+        "{}: {}{}", Show(TableFile(directory).string()).string, message,
         hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
 }
 
@@ -472,7 +472,7 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
     if (mustBecomeOwner)
-        BecomeForeignOwner(directory);
+        common.isForeign = BecomeForeignOwner(directory);
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;
@@ -487,15 +487,15 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     return status;
 }
 
-// Prints the message. If it has several lines, the others are indented so that they begin below the
-// first one. Each line is passed to Show() alone, which would replace the line ends.
+// Prints the message, whose line ends are this program's own. If it has several lines, the others are
+// indented so that they begin below the first one.
 TExitStatus Fail(const std::string& message, TExitStatus status) {
     const std::string prefix = "vxsched: ";
     std::string shown;
     for (std::size_t offset = 0; offset <= message.size();) {
         const std::size_t end = std::min(message.find('\n', offset), message.size());
         shown += (shown.empty() ? prefix : '\n' + std::string(prefix.size(), ' ')) +
-                 Show(message.substr(offset, end - offset)).string;
+                 message.substr(offset, end - offset);
         offset = end + 1;
     }
     std::cerr << shown << '\n';
@@ -509,7 +509,7 @@ int Main(int argc, const char* const* argv) {
     } catch (const CLI::Success& request) {
         return line.PrintRequested(request);
     } catch (const CLI::ParseError& error) {
-        return Fail(line.MessageFor(error), cUsageStatus);
+        return Fail(Show(line.MessageFor(error)).string, cUsageStatus);
     } catch (const CParseError& error) {
         return Fail(error.what(), cUsageStatus);
     } catch (const CUsageError& error) {
@@ -517,7 +517,7 @@ int Main(int argc, const char* const* argv) {
     } catch (const CError& error) {
         return Fail(line.MessageFor(error), StatusOf(error.Code()));
     } catch (const std::exception& error) {
-        return Fail(error.what(), cRefusedStatus);
+        return Fail(Show(error.what()).string, cRefusedStatus);
     }
 }
 

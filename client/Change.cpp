@@ -12,9 +12,9 @@
 #include "client/CChangeProcess.h"
 #include "client/LibraryDirectory.h"
 #include "store/Backups.h"
+#include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CTableLease.h"
-#include "store/COwnerAccess.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -50,7 +50,8 @@ TRequest RequestOf(const TStoreOptions& options, const TChange& change) {
 // Parses the content of cMessageError: "4 there is no task ...", the EError and the message.
 CError ErrorOf(const std::string& message) {
     const std::size_t blank = message.find(' ');
-    return {static_cast<EError>(std::stoi(message.substr(0, blank))), message.substr(blank + 1)};
+    return MakeError(static_cast<EError>(std::stoi(message.substr(0, blank))), "{}",
+                     message.substr(blank + 1));
 }
 
 // Restores the backup if the change process has left a damaged table. Takes the writer lock and the
@@ -266,8 +267,8 @@ TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt at
             ? "was made but is not in the table; check the table, another process may be changing "
               "it"
             : "could not be saved, the table is as it was before; check for a full disk";
-    throw CError(EError::cFailed,
-                 WithLog(fmt::format("the change of \"{}\" {}", name, what), outcome.log));
+    throw MakeError(EError::cFailed, "{}",
+                    WithLog(fmt::format("the change of \"{}\" {}", name, what), outcome.log));
 }
 
 // Attempts the change until nothing keeps it from being made. Throws CError.

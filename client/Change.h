@@ -11,6 +11,7 @@
 #include <vxsched/StoreOptions.h>
 #include <vxsched/Table.h>
 #include "client/Request.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -28,9 +29,10 @@ struct TOutcome {
 class CChangedMeanwhile : public CError {
 public:
     explicit CChangedMeanwhile(const std::string& name)
-        : CError(EError::cBusy,
-                 "task \"" + name +
-                     "\" is being changed by other processes; nothing was changed; try again") {}
+        : CError(MakeError(EError::cBusy,
+                           "task \"{}\" is being changed by other processes; nothing was changed; "
+                           "try again",
+                           name)) {}
 };
 
 // Throws CError (cNoScheduler) if the scheduling process of the directory runs in another IPC

@@ -29,8 +29,8 @@ void CheckAccess() {
 void CheckHarm(const TTable& table) {
     for (const TProblem& problem : table.problems) {
         if (problem.kind != TProblem::cUnusual)
-            throw CError(EError::cDamaged,
-                         problem.message + "; repair the table first (vxsched repair)");
+            throw MakeError(EError::cDamaged, "{}; repair the table first (vxsched repair)",
+                            problem.message);
     }
 }
 

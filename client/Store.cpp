@@ -4,6 +4,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/DisplayText.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
@@ -47,7 +48,7 @@ void RefuseFor(const std::vector<TValidationError>& errors) {
         return;
     std::string message;
     for (const TValidationError& error : errors) {
-        message += (message.empty() ? "" : "\n") + error.message;
+        message += (message.empty() ? "" : "\n") + Show(error.message).string;
         if (error.canBeForced)
             message += fmt::format(" (or force \"{}\")", error.Name());
     }

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "base/DisplayText.h"
 #include "base/IsoTime.h"
 #include "base/OpenToAppend.h"
 #include "host/CHostError.h"
@@ -101,14 +102,7 @@ void CHostLog::Fail(const std::string& message) {
 }
 
 void CHostLog::WriteLine(int descriptor, const std::string& prefix, const std::string& message) {
-    std::string line = prefix + message;
-    std::replace_if(
-        line.begin(), line.end(),
-        [](char character) {
-            return static_cast<unsigned char>(character) < ' ' || character == '\x7f';
-        },
-        ' ');
-    line += '\n';
+    const std::string line = prefix + vxsched::Show(message).string + '\n';
     if (droppedLines > 0) {
         const std::string loss =
             fmt::format("{}{} line(s) lost: the reader had stalled\n", prefix, droppedLines);

@@ -9,7 +9,7 @@
 enum class EPriority : int { cError = 3, cWarning = 4, cNotice = 5, cInfo = 6, cDebug = 7 };
 
 // The log of the host and of the add-in: standard error, or a file. Each message is one line,
-// written by one write(); control characters are replaced by blanks.
+// written by one write(), and shows what Show() makes of its bytes.
 //
 // Where standard error is the journal, which adds its own times, a line begins with its priority,
 // as in "<4>". Elsewhere it begins with the local time and shows no priority; messages at debug

@@ -8,11 +8,14 @@
 #include "host/CHostError.h"
 
 // The add-in next to this program, in the library directory of the build or of the installation;
-// else its bare name, which the dynamic linker looks up.
+// else its bare name, which the dynamic linker looks up. Empty if the path of this program cannot be
+// read: a path relative to the present directory would lead to anybody's library.
 static std::string DefaultAddIn() {
     const std::string name = "libVantrixScheduler.so";
-    const std::filesystem::path path =
-        FindLibraryDirectory(name, VXSCHEDD_LIBRARY_DIRECTORY) / name;
+    const std::filesystem::path directory = FindLibraryDirectory(name, VXSCHEDD_LIBRARY_DIRECTORY);
+    if (directory.empty())
+        return "";
+    const std::filesystem::path path = directory / name;
     std::error_code ignored;
     return std::filesystem::exists(path, ignored) ? path.string() : name;
 }
@@ -23,6 +26,17 @@ static constexpr std::uint64_t cLargestSize = std::uint64_t{1} << 40;
 // The path is relative to the directory that the host was started in, which it is about to leave.
 static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
+}
+
+// Whether a file is, or would be, in a directory. Links are followed.
+static bool IsIn(const std::string& file, const std::string& directory) {
+    if (file.empty() || !directory.starts_with('/'))
+        return false;
+    std::error_code ignored;
+    const auto realPath = [&](const std::filesystem::path& path) {
+        return std::filesystem::weakly_canonical(path / ".", ignored);
+    };
+    return realPath(std::filesystem::path(file).parent_path()) == realPath(directory);
 }
 
 static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& lockTimeout) {
@@ -96,11 +110,19 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
                          std::string(error.what()) + ". Run vxschedd --help for the options.");
     }
     options.lockTimeout = std::chrono::seconds(lockTimeout);
+    if (options.addIn.empty())
+        throw CHostError(cNoAddIn,
+                         "cannot read /proc/self/exe, from which the add-in is found. Mount /proc, "
+                         "or pass the add-in's path with --addin.");
     if (options.addIn.find('/') != std::string::npos)
         MakeAbsolute(options.addIn);
     if (options.output != "inherit" && options.output != "journal")
         MakeAbsolute(options.output);
     if (!options.logFile.empty())
         MakeAbsolute(options.logFile);
+    if (IsIn(options.logFile, options.output))
+        throw CHostError(cUsage,
+                         "a task could write to the log, which is in the directory of --output. "
+                         "Choose another directory for one of them.");
     return options;
 }

@@ -50,12 +50,14 @@ void CRunHistory::Add(const TRunRecord& record) {
     if (limit == 0)
         return;
     const std::lock_guard<std::mutex> lock(mutex);
-    const std::string line = (EndsWithinALine() ? "\n" : "") + JsonLine(record);
+    const std::string recorded = JsonLine(record);
+    const std::string line = (EndsWithinALine() ? "\n" : "") + recorded;
     if (!RotateBeyond(cHistoryFile, limit, line.size()))
         warn(fmt::format("cannot rename {}: {}; it grows beyond its size limit", cHistoryFile,
                          std::strerror(errno)));
     if (const std::string whyNot = Append(line); !whyNot.empty())
-        warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot, line));
+        warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,
+                         recorded.substr(0, recorded.size() - 1)));
 }
 
 void CRunHistory::Sync() {

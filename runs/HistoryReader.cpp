@@ -6,12 +6,12 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
-#include <limits>
 #include <system_error>
 
 #include <vxsched/Error.h>
 #include "base/RegularFile.h"
 #include "store/Layout.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -19,8 +19,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The host bounds the file's size, not this.
-constexpr std::uint64_t cMostBytes = std::numeric_limits<std::int64_t>::max();
+// A host with a larger --history-size writes larger files; no reader needs as much memory.
+constexpr std::uint64_t cMostBytes = std::uint64_t{1} << 30;
+
+// A parsed line needs many times its bytes. A host's line has a few hundred KiB at most, if a task's
+// strings are as long as the system passes them to a program.
+constexpr std::size_t cLongestLine = std::size_t{16} << 20;
+
+std::string ReasonOf(int error) {
+    if (error == cNotAFile)
+        return "it is not a file; move it away";
+    if (error == EFBIG)
+        return "it has more than 1 GiB; move it away";
+    return std::generic_category().message(error);
+}
 
 // The content of a file; empty if there is no file.
 std::string ReadContent(const fs::path& file) {
@@ -29,10 +41,7 @@ std::string ReadContent(const fs::path& file) {
         return content;
     if (errno == ENOENT)
         return "";
-    throw CError(EError::cNoAccess,
-                 fmt::format("cannot read {}: {}", file.string(),
-                             errno == cNotAFile ? "it is not a file; move it away"
-                                                : std::generic_category().message(errno)));
+    throw MakeError(EError::cNoAccess, "cannot read {}: {}", file.string(), ReasonOf(errno));
 }
 
 // The inode number; 0 if there is no file.
@@ -64,6 +73,12 @@ void ReadLines(const TFile& file, const std::optional<std::string>& task, THisto
     for (std::size_t begin = 0, end = 0;
          (end = file.content.find('\n', begin)) != std::string::npos; begin = end + 1) {
         ++number;
+        if (end - begin > cLongestLine) {
+            history.problems.push_back(
+                fmt::format("line {} of {} is longer than {} MiB; it is skipped", number,
+                            file.path.string(), cLongestLine >> 20U));
+            continue;
+        }
         std::optional<TRunRecord> run =
             ReadJsonLine(std::string_view(file.content).substr(begin, end - begin));
         if (!run)

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "runs/ParseJson.h"
 
 using TJson = nlohmann::ordered_json;
 
@@ -40,8 +44,10 @@ static double Seconds(std::chrono::microseconds time) {
     return std::chrono::duration<double>(time).count();
 }
 
+// Bounded, so that sums of such times are in range.
 static std::chrono::microseconds Microseconds(double seconds) {
-    return std::chrono::microseconds(std::llround(seconds * 1e6));
+    constexpr double cMost = 1e12;
+    return std::chrono::microseconds(std::llround(std::clamp(seconds, 0.0, cMost) * 1e6));
 }
 
 TJson JsonOf(const TRunRecord& record) {
@@ -84,7 +90,8 @@ std::string AsRecorded(const std::string& string) {
         .get<std::string>();
 }
 
-// ---- Reading: a missing field, or one of another type, throws TJson::exception ----
+// ---- Reading: a missing field, or one of another type, throws TJson::exception, an integer that is
+// none or out of range std::out_of_range ----
 
 static TRunRecord::EOutcome ReadOutcome(const TJson& json) {
     const std::string name = json.at("outcome");
@@ -102,6 +109,20 @@ static std::optional<TMoment> ReadTime(const TJson& json, const char* field) {
                                                    : ReadUtcTime(found->get<std::string>());
 }
 
+template <typename Number>
+static Number ReadInteger(const TJson& json, const char* field) {
+    const auto found = json.find(field);
+    if (found == json.end())
+        return 0;
+    const bool fits =
+        found->is_number_unsigned()
+            ? std::in_range<Number>(found->get<std::uint64_t>())
+            : found->is_number_integer() && std::in_range<Number>(found->get<std::int64_t>());
+    if (!fits)
+        throw std::out_of_range(field);
+    return found->get<Number>();
+}
+
 static TRunRecord ReadRecord(const TJson& json) {
     TRunRecord record;
     record.outcome = ReadOutcome(json);
@@ -111,23 +132,25 @@ static TRunRecord ReadRecord(const TJson& json) {
         record.due = std::chrono::floor<std::chrono::seconds>(*due);
     record.program = json.at("program");
     record.parameter = json.at("parameter");
-    record.process = json.value("process", 0);
+    record.process = ReadInteger<pid_t>(json, "process");
     record.started = ReadTime(json, "started");
     record.ended = ReadTime(json, "ended");
-    record.number = json.value("status", json.value("signal", 0));
+    record.number = ReadInteger<int>(json, json.contains("status") ? "status" : "signal");
     record.usage = {.user = Microseconds(json.value("user", 0.0)),
                     .system = Microseconds(json.value("system", 0.0)),
-                    .peakMemory = json.value("peakMemory", 0L)};
+                    .peakMemory = ReadInteger<long>(json, "peakMemory")};
     record.error = json.value("error", "");
     return record;
 }
 
 std::optional<TRunRecord> ReadJsonLine(std::string_view line) {
     try {
-        const TJson json = TJson::parse(line);
+        const TJson json = ParseJson(line);
         if (json.at("version") == cVersion)
             return ReadRecord(json);
     } catch (const TJson::exception&) {  // not a record
+    } catch (const CJsonTooDeep&) {
+    } catch (const std::out_of_range&) {
     }
     return {};
 }

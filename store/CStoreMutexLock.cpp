@@ -11,6 +11,7 @@
 #include "base/CDeadline.h"
 #include "base/SemaphoreRelease.h"
 #include "store/CMutexHealer.h"
+#include "store/MakeError.h"
 #include "store/StoreKey.h"
 #include "store/StoreMutexSet.h"
 
@@ -71,10 +72,10 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
                 continue;
             }
             const int holder = semctl(found, 0, GETPID);
-            throw CError(EError::cBusy,
-                         "the store mutex is held, last by process " + std::to_string(holder) +
-                             ", and did not become free within " +
-                             std::to_string(lockTimeout.count()) + " ms" + notHealed);
+            throw MakeError(EError::cBusy,
+                            "the store mutex is held, last by process {}, and did not become free "
+                            "within {} ms{}",
+                            holder, lockTimeout.count(), notHealed);
         }
         if (errno != EINTR)
             throw SystemError("cannot take the store mutex", errno);

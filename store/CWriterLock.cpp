@@ -10,6 +10,7 @@
 #include <vxsched/Error.h>
 #include "base/CDeadline.h"
 #include "store/Layout.h"
+#include "store/MakeError.h"
 
 namespace vxsched {
 
@@ -18,10 +19,10 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
     const std::filesystem::path files = directory / cFilesDirectory;
     descriptor = CDescriptor(open(files.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptor.IsOpen() && (errno == ENOENT || errno == ENOTDIR))
-        throw CError(EError::cFailed,
-                     "there is no directory " + files.string() +
-                         ": no host has run here; give the host's working directory, or create it "
-                         "to begin a table");
+        throw MakeError(EError::cFailed,
+                        "there is no directory {}: no host has run here; give the host's working "
+                        "directory, or create it to begin a table",
+                        files.string());
     if (!descriptor.IsOpen())
         throw SystemError("cannot open " + files.string(), errno);
     const CDeadline deadline(lockTimeout);
@@ -29,10 +30,10 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
         if (errno != EWOULDBLOCK)
             throw SystemError("cannot lock " + files.string(), errno);
         if (!deadline.Pause())
-            throw CError(EError::cBusy,
-                         "the writer lock of " + directory.string() +
-                             " is held by other processes and did not become free within " +
-                             std::to_string(lockTimeout.count()) + " ms");
+            throw MakeError(EError::cBusy,
+                            "the writer lock of {} is held by other processes and did not become "
+                            "free within {} ms",
+                            directory.string(), lockTimeout.count());
     }
 }
 

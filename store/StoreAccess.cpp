@@ -1,15 +1,14 @@
 #include "store/StoreAccess.h"
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <optional>
+#include <vector>
 
+#include "base/Users.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -51,20 +50,6 @@ bool MayUse(uid_t user, const std::filesystem::path& directory) {
         return false;
     const std::vector<gid_t> groups = GroupsOf(user, static_cast<gid_t>(-1));
     return std::find(groups.begin(), groups.end(), *group) != groups.end();
-}
-
-std::vector<gid_t> GroupsOf(uid_t user, gid_t group) {
-    passwd entry{};
-    passwd* found = nullptr;
-    std::array<char, 1 << 14> strings{};
-    if (getpwuid_r(user, &entry, strings.data(), strings.size(), &found) != 0 || found == nullptr)
-        return {group};
-    std::vector<gid_t> groups(1);
-    auto count = static_cast<int>(groups.size());
-    while (getgrouplist(found->pw_name, found->pw_gid, groups.data(), &count) == -1)
-        groups.resize(static_cast<std::size_t>(count));
-    groups.resize(static_cast<std::size_t>(count));
-    return groups;
 }
 
 }  // namespace vxsched

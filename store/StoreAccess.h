@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <filesystem>
-#include <vector>
 
 namespace vxsched {
 
@@ -24,9 +23,5 @@ int MakePrivateDirectory(const std::filesystem::path& path, const std::filesyste
 // Whether a user may use the store of a directory: the superuser, this process's user, the owner of
 // the directory, and the members of the group that it is open to.
 bool MayUse(uid_t user, const std::filesystem::path& directory);
-
-// The groups of a user, the main one first, as a login or a service manager would set them; for one
-// without an entry in the user database, `group`.
-std::vector<gid_t> GroupsOf(uid_t user, gid_t group);
 
 }  // namespace vxsched

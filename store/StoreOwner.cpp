@@ -2,23 +2,54 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <paths.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <iterator>
 #include <string>
+#include <string_view>
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
+#include "base/Users.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
-#include "store/StoreAccess.h"
 
 namespace vxsched {
 
 namespace fs = std::filesystem;
 
 namespace {
+
+bool IsKept(std::string_view variable) {
+    constexpr std::string_view cKept[] = {"LANG=", "LC_", "TZ=", "VXSCHED_NO_SYNC="};
+    return std::any_of(std::begin(cKept), std::end(cKept),
+                       [&](std::string_view beginning) { return variable.starts_with(beginning); });
+}
+
+// Gives this process the environment of a login.
+void TakeEnvironmentOf(uid_t id) {
+    std::vector<std::string> kept;
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+        if (IsKept(*variable))
+            kept.emplace_back(*variable);
+    }
+    clearenv();
+    for (const std::string& variable : kept) {
+        const std::size_t sign = variable.find('=');
+        setenv(variable.substr(0, sign).c_str(), variable.c_str() + sign + 1, 1);
+    }
+    const TUser user = FindUser(id);
+    setenv("USER", user.name.c_str(), 1);
+    setenv("LOGNAME", user.name.c_str(), 1);
+    setenv("HOME", user.home.c_str(), 1);
+    setenv("SHELL", user.shell.c_str(), 1);
+    setenv("PATH", _PATH_DEFPATH, 1);
+}
 
 // Opens one component of a path and checks it. A link is followed only if the superuser made it, in
 // a store that is the superuser's so far. Closed if there is nothing.
@@ -76,14 +107,16 @@ std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     return TStoreOwner{status->st_uid, GroupsOf(status->st_uid, status->st_gid)};
 }
 
-void BecomeForeignOwner(const fs::path& directory) {
+bool BecomeForeignOwner(const fs::path& directory) {
     const std::optional<TStoreOwner> owner = FindForeignOwner(directory);
     if (!owner)
-        return;
+        return false;
     if (setgroups(owner->groups.size(), owner->groups.data()) == -1 ||
         setgid(owner->groups.front()) == -1 || setuid(owner->user) == -1)
         throw SystemError(
             "cannot become user " + std::to_string(owner->user) + ", who owns the store", errno);
+    TakeEnvironmentOf(owner->user);
+    return true;
 }
 
 }  // namespace vxsched

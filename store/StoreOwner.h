@@ -23,9 +23,11 @@ struct TStoreOwner {
 // than the directory.
 std::optional<TStoreOwner> FindForeignOwner(const std::filesystem::path& directory);
 
-// Has this process be the foreign owner of a store from now on, if it has one, with the groups that a
-// login would have: it cannot become the superuser again. Throws as FindForeignOwner() does. To be
-// called while the process has one thread.
-void BecomeForeignOwner(const std::filesystem::path& directory);
+// Has this process be the foreign owner of a store from now on, if it has one, with the groups and the
+// environment that a login would have: it cannot become the superuser again, and what it launches
+// learns nothing of the superuser's environment. Kept are LANG, LC_..., TZ and VXSCHED_NO_SYNC. Returns
+// whether there is such an owner. Throws as FindForeignOwner() does. To be called while the process has
+// one thread.
+bool BecomeForeignOwner(const std::filesystem::path& directory);
 
 }  // namespace vxsched

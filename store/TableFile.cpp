@@ -50,10 +50,10 @@ void RequireTarget(const fs::path& path) {
     if (!IsLinkToNothing(path))
         return;
     std::error_code ignored;
-    throw CError(EError::cFailed, path.string() + " is unavailable: it is a link to " +
-                                      fs::read_symlink(path, ignored).string() +
-                                      ", which does not exist; mount or restore the target, or "
-                                      "remove the link");
+    throw MakeError(EError::cFailed,
+                    "{} is unavailable: it is a link to {}, which does not exist; mount or restore "
+                    "the target, or remove the link",
+                    path.string(), fs::read_symlink(path, ignored).string());
 }
 
 // The status of the table, or of its directory if there is no table.

@@ -8,6 +8,7 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "base/SignalName.h"
+#include "cli/commands/CTerminalPipe.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
@@ -24,7 +25,7 @@ std::string Describe(const TCommon& common, const TTaskEntry& task) {
     const std::string when = task.next <= now
                                  ? "now"
                                  : fmt::format("{} (in {})", FormatTime(task.next, common.zone),
-                                               FormatDistance(task.next - now));
+                                               FormatDistance(Between(now, task.next)));
     const std::string every = task.period == 0 ? "once" : "every " + FormatPeriod(task.period);
     return fmt::format("{}, {}, {} {}{}", task.name, every,
                        task.paused ? "paused, next due" : "next due", when,
@@ -68,7 +69,7 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool 
     const CStore store(common.store);
     if (common.dryRun) {
         for (const TValidationError& error : store.Check(task, common.forced))
-            throw CError(EError::cRefused, error.message);
+            throw MakeError(EError::cRefused, "{}", error.message);
         if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
             throw MakeError(EError::cRefused,
                             "a task \"{}\" already exists; add --replace, or choose another name",
@@ -141,7 +142,13 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
         PrintLine(output, "would run " + name);
         return cDone;
     }
+    // The owner of the store must not get the terminal of the superuser.
+    std::optional<CTerminalPipe> pipe;
+    if (wait && common.isForeign)
+        pipe.emplace();
     const TRun run = store.Run(name, force, wait, [&](pid_t process) {
+        if (pipe)
+            pipe->TakeTerminals();
         PrintLine(output, fmt::format("started {} as process {}", name, process));
         try {
             output.Finish();
@@ -152,6 +159,7 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
         if (wait)
             CInterruption::WaitsFor(process);
     });
+    pipe.reset();
     if (!run.status)
         return cDone;
     CInterruption::WaitEnds();

@@ -24,6 +24,7 @@ struct TCommon {
     EZone zone = EZone::cLocal;
     bool json = false;
     bool dryRun = false;
+    bool isForeign = false;  // the superuser's command has become the owner of the store
     TForced forced = {};
 };
 

@@ -2,10 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -22,6 +22,23 @@ namespace vxsched {
 
 namespace {
 
+// More than any export has: a table of a million tasks. The parsed input needs many times its bytes.
+constexpr std::size_t cMostInput = std::size_t{256} << 20;
+
+std::string ReadAll(std::istream& input, const std::string& file) {
+    std::string content;
+    std::array<char, 1 << 16> block{};
+    do {
+        input.read(block.data(), block.size());
+        content.append(block.data(), static_cast<std::size_t>(input.gcount()));
+        if (content.size() > cMostInput)
+            throw MakeError(EError::cRefused,
+                            "cannot import: {} has more than {} MiB; import its tasks in parts",
+                            file, cMostInput >> 20U);
+    } while (input);
+    return content;
+}
+
 std::string ReadInput(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
@@ -31,7 +48,7 @@ std::string ReadInput(const std::string& file) {
         stream.open(file, std::ios::binary);
         input = &stream;
     }
-    std::string content{std::istreambuf_iterator<char>(*input), {}};
+    std::string content = ReadAll(*input, file);
     if (content.empty())
         throw MakeError(EError::cRefused, "cannot import: {} is empty or cannot be read", file);
     return content;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
@@ -72,9 +73,9 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
         const TTaskEntry& task = *one.task;
         const bool hasRun = task.last != TTime();
         columns.Add(task.paused ? cNone : FormatTime(task.next, common.zone));
-        columns.Add(task.paused ? cNone : FormatDistance(task.next - now));
+        columns.Add(task.paused ? cNone : FormatDistance(Between(now, task.next)));
         columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNone);
-        columns.Add(hasRun ? FormatDistance(task.last - now) : cNone);
+        columns.Add(hasRun ? FormatDistance(Between(now, task.last)) : cNone);
         columns.Add(FormatPeriod(task.period));
         columns.Add(one.state.Describe(), ColourOf(one.state));
         columns.Add(task.name, EColour::cBold);
@@ -92,7 +93,7 @@ TExitStatus List(const TCommon& common, bool namesOnly, COutput& output) {
     // For completion scripts, which need the exact bytes and no state.
     if (namesOnly) {
         for (const TTaskEntry& task : table.tasks)
-            output.Line(task.name);
+            output.Line(output.IsTerminal() ? Show(task.name).string : task.name);
         return cDone;
     }
     const TTime now = Now();

@@ -14,6 +14,7 @@ namespace vxsched {
 namespace {
 
 constexpr std::size_t cDefaultCount = 10;
+constexpr TTime cFarthest(std::chrono::seconds(1LL << 60));  // a run from then on is a task's last
 constexpr std::size_t cMost = 100'000;  // bounds the output for a distant end time
 
 struct TComing {
@@ -44,7 +45,7 @@ public:
         coming.pop();
         const TTaskEntry& task = tasks[first.index];
         const std::chrono::seconds step = StepOf(task.period);
-        if (step != std::chrono::seconds(0))
+        if (step != std::chrono::seconds(0) && first.time < cFarthest)
             coming.push(
                 {NextOnGrid(task.next, step, first.time + std::chrono::seconds(1)), first.index});
         return first;
@@ -79,7 +80,7 @@ TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const 
             continue;
         }
         columns.Add(FormatTime(run->time, common.zone));
-        columns.Add(FormatDistance(run->time - now));
+        columns.Add(FormatDistance(Between(now, run->time)));
         columns.Add(FormatPeriod(task.period));
         columns.Add(task.name);
     }

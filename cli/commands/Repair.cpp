@@ -16,6 +16,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CTableLease.h"
 #include "store/CWriterLock.h"
+#include "store/MakeError.h"
 #include "store/StoreOwner.h"
 #include "store/TableFile.h"
 
@@ -55,9 +56,10 @@ void HealMutex(const TCommon& common, COutput& output) {
                 why = Describe(*result.holder);
         }
     } while (deadline.Pause(cPause));
-    throw CError(EError::cBusy, "the store mutex is held and did not become free within " +
-                                    std::to_string(common.store.lockTimeout.count()) +
-                                    " ms; nothing was changed: " + why);
+    throw MakeError(EError::cBusy,
+                    "the store mutex is held and did not become free within {} ms; nothing was "
+                    "changed: {}",
+                    common.store.lockTimeout.count(), why);
 }
 
 std::string TableBytes(const TCommon& common) {
@@ -99,7 +101,8 @@ TExitStatus Repair(const TCommon& common, COutput& output) {
                          "the table changed during the repair; nothing was written; try again");
         quarantined = Quarantine(common.store.directory, bytes).string();
     });
-    output.Line(fmt::format("wrote a table with {}; the damaged one is {}", count, quarantined));
+    output.Line(fmt::format("wrote a table with {}; the damaged one is {}", count,
+                            Show(quarantined).string));
     return cDone;
 }
 

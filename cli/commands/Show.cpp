@@ -14,6 +14,7 @@
 #include "cli/output/RunFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
+#include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -51,7 +52,7 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
 
 std::string TimeAndDistance(TTime time, TTime now, EZone zone) {
     return fmt::format("{} ({}{})", FormatTime(time, zone), time > now ? "in " : "",
-                       FormatDistance(time - now));
+                       FormatDistance(Between(now, time)));
 }
 
 constexpr std::size_t cShownRuns = 5;
@@ -82,7 +83,7 @@ CError NoTask(const TCommon& common, const std::string& name) {
     } catch (const CError&) {
         // The history cannot be read; there is no such task all the same.
     }
-    return {EError::cNotFound, fmt::format("there is no task \"{}\"; {}", name, advice)};
+    return MakeError(EError::cNotFound, "there is no task \"{}\"; {}", name, advice);
 }
 
 // The time of the launch, or the due time of a run that was missed, and the outcome.

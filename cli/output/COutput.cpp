@@ -46,9 +46,9 @@ std::string CutTo(std::string_view string, std::size_t columns) {
 
 }  // namespace
 
-COutput::COutput() {
+COutput::COutput() : isTerminal(isatty(STDOUT_FILENO) != 0) {
     // Another program reads it then, which must get every column as a whole and no colours.
-    if (isatty(STDOUT_FILENO) == 0)
+    if (!isTerminal)
         return;
     const char* const noColour = std::getenv("NO_COLOR");
     const char* const terminal = std::getenv("TERM");

@@ -29,6 +29,7 @@ public:
     // keeps the buffer then.
     void Finish();
 
+    bool IsTerminal() const { return isTerminal; }
     std::size_t Length() const { return pending.size(); }  // bytes in the buffer
     std::size_t Width() const { return width; }            // columns; 0: no limit
 
@@ -38,6 +39,7 @@ public:
 
 private:
     std::string pending;
+    bool isTerminal = false;
     std::size_t width = 0;
     bool hasColours = false;
 };

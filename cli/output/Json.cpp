@@ -8,7 +8,10 @@
 #include <string_view>
 
 #include <vxsched/Error.h>
+#include "base/DisplayText.h"
+#include "base/IsoTime.h"
 #include "cli/time/TimeFormat.h"
+#include "runs/ParseJson.h"
 #include "store/MakeError.h"
 
 namespace vxsched {
@@ -66,6 +69,32 @@ bool IsUtf8(const std::string& bytes) {
     }
 }
 
+// The number of the character that these bytes, valid UTF-8 and no more than three, encode.
+unsigned int NumberOf(std::string_view character) {
+    unsigned int number = static_cast<unsigned char>(character.front());
+    number &= character.size() == 1 ? 0x7fU : 0x7fU >> character.size();
+    for (const char next : character.substr(1))
+        number = number << 6U | (static_cast<unsigned char>(next) & 0x3fU);
+    return number;
+}
+
+// JSON itself demands escapes only for the characters below the blank. `json` is valid UTF-8, and
+// ASCII outside of its strings.
+std::string EscapeControls(const std::string& json) {
+    std::string escaped;
+    escaped.reserve(json.size());
+    for (std::size_t offset = 0, length = 0; offset < json.size(); offset += length) {
+        const auto lead = static_cast<unsigned char>(json[offset]);
+        length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+        const std::string_view character = std::string_view(json).substr(offset, length);
+        if (lead < 0x7f || Show(character).string == character)
+            escaped += character;
+        else
+            escaped += fmt::format("\\u{:04x}", NumberOf(character));
+    }
+    return escaped;
+}
+
 // Reads the fields of one task. Throws CError (cRefused) with the task and the field in its
 // message. `content` must outlive the reader.
 class CTaskReader {
@@ -115,6 +144,14 @@ public:
         Fail(fmt::format("has a \"{}\" that is not an integer in range: {}", field, found->dump()));
     }
 
+    TTime Time(const char* field, bool isNeeded) const {
+        const TTime time(std::chrono::seconds(Integer<std::int64_t>(field, isNeeded)));
+        if (!CalendarOf(time, EZone::cUtc))
+            Fail(fmt::format("has a \"{}\" that is in no year of a calendar: {}", field,
+                             time.time_since_epoch().count()));
+        return time;
+    }
+
     bool Flag(const char* field) const {
         const auto found = json.find(field);
         if (found == json.end())
@@ -150,18 +187,14 @@ std::string DescribeParseError(std::string_view input, std::size_t byte) {
     return fmt::format("line {}, column {}: {}", line, column, problem);
 }
 
-TTime TimeOf(std::int64_t seconds) {
-    return TTime(std::chrono::seconds(seconds));
-}
-
 TImported ReadTask(const TJson& content, std::size_t index) {
     CTaskReader reader(content, index);
     TImported imported;
     TTaskEntry& task = imported.task;
     task.name = reader.String("name", true);
     reader.SetName(task.name);
-    task.next = TimeOf(reader.Integer<std::int64_t>("next", true));
-    task.last = TimeOf(reader.Integer<std::int64_t>("last", false));
+    task.next = reader.Time("next", true);
+    task.last = reader.Time("last", false);
     task.period = reader.Integer<std::uint32_t>("period", false);
     task.program = reader.String("program", true);
     task.parameter = reader.String("parameter", false);
@@ -195,18 +228,21 @@ TJson JsonOfLast(TTime time) {
 std::string Document(const TJson& content) {
     TJson document = {{"version", 1}};
     document.update(content);
-    return document.dump(2) + '\n';
+    return EscapeControls(document.dump(2)) + '\n';
 }
 
 std::vector<TImported> ReadTasks(const std::string& input) {
     TJson document;
     try {
-        document = TJson::parse(input);
+        document = ParseJson(input);
     } catch (const TJson::parse_error& error) {
         throw MakeError(EError::cRefused,
                         "cannot import: the input is not valid JSON: {}; expected a document as "
                         "vxsched export writes it",
                         DescribeParseError(input, error.byte));
+    } catch (const CJsonTooDeep& error) {
+        throw MakeError(EError::cRefused, "cannot import: the input is not an export: {}",
+                        error.what());
     } catch (const TJson::out_of_range&) {
         throw CError(EError::cRefused, "cannot import: the input has a number that is too large");
     }

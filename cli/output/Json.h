@@ -21,7 +21,8 @@ nlohmann::ordered_json JsonOfTask(const TTaskEntry& task);
 // A past time in ISO 8601; null for the epoch, which means never.
 nlohmann::ordered_json JsonOfLast(TTime time);
 
-// A complete document: the content after the version, indented, with a line end.
+// A complete document: the content after the version, indented, with a line end. What Show() would
+// replace is escaped (\u009b), so that a terminal obeys nothing in it.
 std::string Document(const nlohmann::ordered_json& content);
 
 // One task of an import.

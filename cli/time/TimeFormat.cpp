@@ -197,9 +197,10 @@ TTime ReadSecondsSince1970(CParser& reader) {
     number += digits;
     std::int64_t value = 0;
     const auto result = std::from_chars(number.data(), number.data() + number.size(), value);
-    if (result.ec != std::errc())
+    const TTime time{seconds(value)};
+    if (result.ec != std::errc() || !CalendarOf(time, EZone::cUtc))
         reader.Fail(offset, "the time is out of range");
-    return TTime(seconds(value));
+    return time;
 }
 
 // Throws CParseError if the argument ends after its first word. It does if a time of several words
@@ -278,6 +279,14 @@ std::string FormatIsoTime(TTime time) {
     const std::optional<std::tm> calendar = CalendarOf(time, EZone::cUtc);
     return HasIsoForm(calendar) ? fmt::format(FMT_COMPILE("{:%FT%TZ}"), *calendar)
                                 : WriteSeconds(time);
+}
+
+seconds Between(TTime from, TTime to) {
+    std::int64_t distance = 0;
+    if (!__builtin_sub_overflow(to.time_since_epoch().count(), from.time_since_epoch().count(),
+                                &distance))
+        return seconds(distance);
+    return from < to ? seconds::max() : seconds::min();
 }
 
 std::string FormatDistance(seconds distance) {

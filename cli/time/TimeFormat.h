@@ -37,6 +37,10 @@ std::string FormatTime(TTime time, EZone zone);
 // which ISO 8601 has no form, it is @ and the seconds since 1970.
 std::string FormatIsoTime(TTime time);
 
+// The time from one time to another, negative if it is later; the largest that there is where that
+// would be out of range. A table may have any times.
+std::chrono::seconds Between(TTime from, TTime to);
+
 // Formats a duration in its two largest units, rounded towards zero: 5d 2h, 3h 12min, 45s.
 // Zero becomes `now`, a negative one `3h 12min ago`.
 std::string FormatDistance(std::chrono::seconds distance);

@@ -294,6 +294,15 @@ void Serve(TRequest& request) {
         SendMessage(cMessageEnded, std::to_string(*status));
 }
 
+// The owner of the store gets no terminal of the superuser's, who has made this process. `nothing` is
+// /dev/null.
+void LeaveTerminals(int nothing) {
+    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (isatty(output) != 0)
+            dup2(nothing, output);
+    }
+}
+
 int Main() {
     gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -311,7 +320,8 @@ int Main() {
     try {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
-        BecomeForeignOwner(".");
+        if (BecomeForeignOwner("."))
+            LeaveTerminals(nothing);
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
         SetFileStatusListener(NoteFileStatus);

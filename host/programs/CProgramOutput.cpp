@@ -18,6 +18,9 @@
 
 static constexpr char cInherit[] = "inherit";
 static constexpr char cJournal[] = "journal";
+// Of the identifier in the journal. A task's lines are not taken for those of the host, or of another
+// program, whatever its name: no encoded name has a slash.
+static constexpr char cTaskPrefix[] = "task/";
 // For a launch whose task is unknown. No task's name is encoded as this.
 static constexpr char cUnknown[] = "%unknown";
 
@@ -54,7 +57,7 @@ CDescriptor CProgramOutput::Open(const std::optional<std::string>& task, const T
     if (where == cInherit)
         return CDescriptor();
     const std::string name = task ? FileNameOf(*task) : cUnknown;
-    return where == cJournal ? OpenJournal(name, warn) : OpenFile(name, warn);
+    return where == cJournal ? OpenJournal(cTaskPrefix + name, warn) : OpenFile(name, warn);
 }
 
 CDescriptor CProgramOutput::OpenFile(const std::string& fileName, const TWarn& warn) const {

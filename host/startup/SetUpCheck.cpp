@@ -12,6 +12,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Validation.h>
+#include "base/DisplayText.h"
 #include "host/startup/AddInFile.h"
 #include "host/startup/Descriptors.h"
 #include "host/startup/NamespaceChecks.h"
@@ -24,18 +25,20 @@ namespace {
 
 class CReport {
 public:
-    static void Ok(const std::string& message) { std::cout << "ok: " << message << std::endl; }
-    static void Warn(const std::string& message) {
-        std::cerr << "warning: " << message << std::endl;
-    }
+    static void Ok(const std::string& message) { Print(std::cout, "ok", message); }
+    static void Warn(const std::string& message) { Print(std::cerr, "warning", message); }
     void Fail(TExitStatus failure, const std::string& message) {
-        std::cerr << "error: " << message << std::endl;
+        Print(std::cerr, "error", message);
         if (status == cStopped)
             status = failure;
     }
     TExitStatus Status() const { return status; }
 
 private:
+    static void Print(std::ostream& stream, const char* kind, const std::string& message) {
+        stream << kind << ": " << vxsched::Show(message).string << std::endl;
+    }
+
     TExitStatus status = cStopped;
 };
 

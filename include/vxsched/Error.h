@@ -20,7 +20,9 @@ enum class EError {
 };
 
 // The exception that every function of the client library throws; besides it, only std::bad_alloc.
-// Its message states what failed, on which input, why, and what to do.
+// Its message states what failed, on which input, why, and what to do. In the names and paths in it,
+// control characters and bytes that are not UTF-8 are replaced by U+FFFD; a line end separates one
+// reason from the next.
 class VXSCHED_PUBLIC CError : public std::runtime_error {
 public:
     CError(EError kind, const std::string& message) : std::runtime_error(message), code(kind) {}

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -106,4 +107,73 @@ TEST_F(Cli, ForeignStoreOfSeveralOwnersIsRefused) {
         ExpectRefused(4, "belongs to user", command);
     EXPECT_EQ(RunTool({"run", "a"}).status, 4);
     EXPECT_FALSE(fs::exists("a parameter")) << "what the recorder would write";
+}
+
+// ---- run ----------------------------------------------------------------------------------------
+
+static std::string FileOfForeignUser(const std::string& path) {
+    WaitUntil([&] { return fs::exists(path); });
+    return ReadFile(path);
+}
+
+TEST_F(Cli, RunInAForeignStoreHasTheEnvironmentOfALogin) {
+    REQUIRE_SUPERUSER();
+    WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0},
+                {"b", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "second", 0}});
+    GiveStoreTo(cForeignUser);
+    const TEnvironment mine = {{"SECRET", "of the superuser"},
+                               {"HOME", "/root"},
+                               {"USER", "root"},
+                               {"LOGNAME", "root"},
+                               {"SHELL", "/bin/evil"},
+                               {"PATH", "/root/bin"},
+                               {"LD_LIBRARY_PATH", "/root"},
+                               {"LANG", "C.UTF-8"},
+                               {"TZ", "Europe/Berlin"}};
+    EXPECT_EQ(RunTool({"run", "a", "--wait"}, mine).status, 0);
+    EXPECT_EQ(RunTool({"run", "b"}, mine).status, 0);
+    for (const char* const file : {"first", "second"}) {
+        const std::string recorded = FileOfForeignUser(file);
+        EXPECT_THAT(recorded, HasSubstr("\nuser 65534\n"));
+        for (const char* const variable :
+             {"\nHOME=", "\nUSER=", "\nLOGNAME=", "\nSHELL=", "\nPATH=/", "\nLANG=C.UTF-8\n",
+              "\nTZ=Europe/Berlin\n", "\nVXSCHED_TASK="})
+            EXPECT_THAT(recorded, HasSubstr(variable)) << file;
+        for (const char* const mines : {"SECRET", "root", "evil", "LD_LIBRARY_PATH"})
+            EXPECT_THAT(recorded, testing::Not(HasSubstr(mines))) << file;
+        EXPECT_THAT(recorded, HasSubstr("\ninput /dev/null\n"));
+    }
+}
+
+// A program with the superuser's terminal could type commands into it.
+TEST_F(Cli, RunInAForeignStoreHasNoTerminal) {
+    REQUIRE_SUPERUSER();
+    WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0}});
+    GiveStoreTo(cForeignUser);
+    const TToolRun run = RunToolOnTerminal({"run", "a", "--wait"}, 80);
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 0\n"));
+    EXPECT_THAT(run.output, HasSubstr("output \033[1m of the program\n"));
+    EXPECT_THAT(run.output, HasSubstr("error of the program\n"));
+    EXPECT_THAT(run.output, testing::EndsWith("a exited with status 0\n"));
+}
+
+// A program of the caller's own store keeps the terminal.
+TEST_F(Cli, RunInAnOwnStoreHasTheTerminal) {
+    WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0}});
+    EXPECT_EQ(RunToolOnTerminal({"run", "a", "--wait"}, 80).status, 0);
+    EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 2\n"));
+}
+
+// A program that the launched one leaves behind has the pipe, and is not waited for.
+TEST_F(Cli, RunInAForeignStoreDoesNotWaitForWhatItsProgramLeavesRunning) {
+    REQUIRE_SUPERUSER();
+    WriteFile("begin", "#!/bin/sh\nsleep 1000 &\necho $! > left\necho done\n");
+    ASSERT_EQ(chmod("begin", 0755), 0);
+    WriteTable({{"a", 4'000'000'000, 0, 24, fs::absolute("begin").string(), "", 0}});
+    GiveStoreTo(cForeignUser);
+    const TToolRun run = RunToolOnTerminal({"run", "a", "--wait"}, 80);
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_THAT(run.output, HasSubstr("done\n"));
+    kill(std::stoi(ReadFile("left")), SIGKILL);
 }

@@ -67,6 +67,12 @@ int RunInPidNamespace(const std::function<int()>& body) {
     return result == cNotPermitted ? -1 : result;
 }
 
+bool HideProc() {
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
+}
+
 CProgram::CProgram(const std::vector<std::string>& arguments) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)

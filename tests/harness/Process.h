@@ -32,6 +32,10 @@ private:
 // or -1 where the system does not permit it.
 int RunInPidNamespace(const std::function<int()>& body);
 
+// Hides /proc from this process and those that it starts from now on, in a mount namespace of its
+// own. False where the system does not permit it.
+bool HideProc();
+
 // A real program with its standard output and error in a pipe.
 class CProgram {
 public:

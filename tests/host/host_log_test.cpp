@@ -32,6 +32,20 @@ TEST(HostLog, DebugLinesAreWrittenToNoFile) {
     EXPECT_EQ(child.Wait(), 42);
 }
 
+// Names of tasks, and what the add-in logs, may have any bytes.
+TEST(HostLog, ShowsNothingThatATerminalWouldObey) {
+    CForkedChild child([] {
+        CHostLog::Instance().WriteTo("log");
+        LogInfo("a\n\033[1m \xc2\x9b \x9b \xe2\x80\xae \xc3\xa4");
+        const std::string replaced = "\xef\xbf\xbd";
+        return LogHolds("log", "vxschedd: a" + replaced + replaced + "[1m " + replaced + ' ' +
+                                   replaced + ' ' + replaced + " \xc3\xa4\n")
+                   ? 42
+                   : 1;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
 TEST(HostLog, StalledReaderLosesLinesThatAreCountedAndDelaysNothing) {
     CForkedChild child([] {
         int ends[2];

@@ -183,7 +183,7 @@ TEST_F(Cli, ImportTrustsTheRealProgramOnlyOfItsOwnLinks) {
     EXPECT_EQ(script.status, 1);
     EXPECT_THAT(script.error, HasSubstr("would abort the scheduling process"));
     const TToolRun far =
-        import(R"({"name": "x", "next": -9000000000000000000, "period": 1, "program": "/bin/ls"})");
+        import(R"({"name": "x", "next": -60000000000000000, "period": 1, "program": "/bin/ls"})");
     EXPECT_EQ(far.status, 1);
     EXPECT_THAT(far.error, HasSubstr("so far back"));
     EXPECT_EQ(ReadTable(), TRows());

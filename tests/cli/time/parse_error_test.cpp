@@ -28,7 +28,6 @@ TEST(ParseError, InvalidBytesAreShownAsReplacementCharacters) {
         "\xc0\xaf",          // an overlong encoding of a slash
         "\xe0\x80\xaf",      // one of three bytes
         "\xf0\x82\x82\xac",  // an overlong encoding of the euro sign
-        "\xc2\x9b",          // the control character that begins an escape sequence
         "\xed\xa0\x80",      // a surrogate
         "\xf4\x90\x80\x80",  // after the last code point
         "\xf8\x90\x80\x80",  // a first byte that does not exist
@@ -44,4 +43,9 @@ TEST(ParseError, InvalidBytesAreShownAsReplacementCharacters) {
                          .c_str())
             << testing::PrintToString(bytes);
     }
+}
+
+TEST(ParseError, ControlCharacterOfTwoBytesIsShownAsOneReplacement) {
+    EXPECT_STREQ(CParseError("time", "\xc2\x9bx", 2, "no").what(),
+                 "cannot read the time \"\xef\xbf\xbdx\": no\n    \xef\xbf\xbdx\n     ^");
 }

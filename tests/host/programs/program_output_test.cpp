@@ -122,6 +122,22 @@ TEST(HostOutput, DirectoryThatCannotBeUsedIsRefused) {
     EXPECT_NE(file.Output().find("a file: Not a directory"), std::string::npos) << file.Output();
 }
 
+// A task of that name would write into the log, and its launch would rotate it.
+TEST(HostOutput, DirectoryOfTheLogIsRefused) {
+    std::filesystem::create_directory("out");
+    std::filesystem::create_directory_symlink("out", "link");
+    for (const char* const output : {"out", "./out/", "link", "out/../out"}) {
+        for (const bool isCheck : {false, true}) {
+            CProgram host(HostWith({"--log", "out/vxschedd.log", "--output", output,
+                                    isCheck ? "--check" : "--run-once"}));
+            EXPECT_EQ(host.Wait(), 2) << output;
+            EXPECT_NE(host.Output().find("a task could write to the log"), std::string::npos)
+                << host.Output();
+        }
+    }
+    EXPECT_TRUE(std::filesystem::is_empty("out"));
+}
+
 // ---- The journal ------------------------------------------------------------------------------
 
 // Enters a mount namespace with a /run of its own.
@@ -182,10 +198,20 @@ TEST(HostOutput, JournalHasAStreamForEachLaunch) {
     // The first stream is the host's own, opened to find out whether there is a journal.
     WaitUntil([] { return std::filesystem::exists("stream 2"); });
     EXPECT_EQ(ReadFile("stream 2"),
-              "the%20task\n\n6\n1\n0\n0\n0\noutput text\nerror text\ninput 0\n");
+              "task/the%20task\n\n6\n1\n0\n0\n0\noutput text\nerror text\ninput 0\n");
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("journal"), 0U) << host.Output();
+}
+
+// Its lines would pass for the host's own.
+TEST(HostOutput, NoTaskWritesToTheJournalUnderTheIdentifierOfTheHost) {
+    CHost host(ThisProgramAs("HostThatWritesToTheJournal", {"with one"}));
+    CreateDue("vxschedd", cWriter, "text");
+    WaitUntil([] { return std::filesystem::exists("stream 2"); });
+    EXPECT_TRUE(ReadFile("stream 2").starts_with("task/vxschedd\n\n6\n")) << ReadFile("stream 2");
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 TEST(HostOutput, WithoutAJournalProgramsInheritAndTheLogIsWarned) {

@@ -40,6 +40,17 @@ TEST(HostCheck, ValidTableIsLeftAsItIsAndRiskyTasksAreReported) {
     EXPECT_EQ(ReadTable(), table);
 }
 
+TEST(HostCheck, ShowsNothingThatATerminalWouldObey) {
+    WriteTable({{"a\033[1m\nerror: \xc2\x9b", 4'000'000'000, 0, 1, "/no\033program", "", 0}});
+    CProgram host(HostWith({"--check"}));
+    EXPECT_EQ(host.Wait(), 0);
+    const std::string replaced = "\xef\xbf\xbd";
+    EXPECT_NE(host.Output().find("warning: task \"a" + replaced + "[1m" + replaced +
+                                 "error: " + replaced + "\": there is no program \"/no" + replaced),
+              std::string::npos)
+        << host.Output();
+}
+
 static void ExpectReportedByCheckAndRepaired(const std::vector<std::string>& messages) {
     const std::string before = ReadFile(cTable);
     CProgram check(HostWith({"--check"}));

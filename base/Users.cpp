@@ -1,0 +1,30 @@
+#include "base/Users.h"
+
+#include <grp.h>
+#include <pwd.h>
+
+#include <array>
+
+TUser FindUser(uid_t id) {
+    passwd entry{};
+    passwd* found = nullptr;
+    std::array<char, 1 << 14> strings{};
+    if (getpwuid_r(id, &entry, strings.data(), strings.size(), &found) != 0 || found == nullptr)
+        return {.group = {}, .name = std::to_string(id)};
+    TUser known{.group = found->pw_gid, .name = found->pw_name, .home = found->pw_dir};
+    if (*found->pw_shell != '\0')
+        known.shell = found->pw_shell;
+    return known;
+}
+
+std::vector<gid_t> GroupsOf(uid_t id, gid_t group) {
+    const TUser user = FindUser(id);
+    if (!user.group)
+        return {group};
+    std::vector<gid_t> groups(1);
+    auto count = static_cast<int>(groups.size());
+    while (getgrouplist(user.name.c_str(), *user.group, groups.data(), &count) == -1)
+        groups.resize(static_cast<std::size_t>(count));
+    groups.resize(static_cast<std::size_t>(count));
+    return groups;
+}

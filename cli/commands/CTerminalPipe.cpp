@@ -1,0 +1,80 @@
+#include "cli/commands/CTerminalPipe.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include <vxsched/Error.h>
+#include "base/WriteAll.h"
+
+namespace vxsched {
+
+namespace {
+
+struct TPipe {
+    CDescriptor input;
+    CDescriptor output;
+};
+
+TPipe MakePipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) == -1)
+        throw SystemError("cannot make a pipe for the program's output", errno);
+    return {CDescriptor(ends[0]), CDescriptor(ends[1])};
+}
+
+}  // namespace
+
+CTerminalPipe::CTerminalPipe() {
+    TPipe data = MakePipe();
+    TPipe stop = MakePipe();
+    input = std::move(data.input);
+    end = std::move(stop.input);
+    endSignal = std::move(stop.output);
+    fcntl(input.Get(), F_SETFL, O_NONBLOCK);
+    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (isatty(output) == 0)
+            continue;
+        terminals.at(output - STDOUT_FILENO) = CDescriptor(fcntl(output, F_DUPFD_CLOEXEC, 3));
+        dup2(data.output.Get(), output);
+    }
+    copier = std::thread([this] { Copy(); });
+}
+
+CTerminalPipe::~CTerminalPipe() {
+    TakeTerminals();
+    endSignal = CDescriptor();
+    copier.join();
+}
+
+void CTerminalPipe::TakeTerminals() {
+    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
+        const CDescriptor& terminal = terminals.at(output - STDOUT_FILENO);
+        if (terminal.IsOpen())
+            dup2(terminal.Get(), output);
+    }
+}
+
+// On a thread of its own.
+void CTerminalPipe::Copy() const {
+    const int terminal = terminals[0].IsOpen() ? terminals[0].Get() : terminals[1].Get();
+    std::array<char, 1 << 16> block{};
+    for (bool isOver = false;;) {
+        const ssize_t count = read(input.Get(), block.data(), block.size());
+        if (count > 0)
+            WriteAll(terminal, std::string_view(block.data(), static_cast<std::size_t>(count)));
+        else if (count == 0 || isOver || errno != EAGAIN)
+            return;
+        else {
+            std::array<pollfd, 2> ready{pollfd{.fd = input.Get(), .events = POLLIN, .revents = 0},
+                                        pollfd{.fd = end.Get(), .events = POLLIN, .revents = 0}};
+            poll(ready.data(), ready.size(), -1);
+            isOver = ready[1].revents != 0;
+        }
+    }
+}
+
+}  // namespace vxsched

@@ -1,0 +1,98 @@
+// No string of a table, a history, an import or the command line reaches the terminal as a control
+// character, or forges a line of a message.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
+
+// An ESC, a C1 control character (CSI), a byte that is not UTF-8, a bidirectional control.
+static const std::string cHostile = "\033[31m \xc2\x9b \x9b \xe2\x80\xae";
+static const std::string cReplaced = "\xef\xbf\xbd";
+
+static const std::string cForged = "x\nvxsched: forged";
+
+static void ExpectNoControls(const std::string& shown) {
+    for (const char* const control : {"\033", "\xc2\x9b", " \x9b", "\xe2\x80\xae"})
+        EXPECT_THAT(shown, Not(HasSubstr(control)));
+}
+
+TEST_F(Cli, ArgumentForgesNoLineOfAnErrorMessage) {
+    WriteTable({Later("a")});
+    const std::vector<std::vector<std::string>> commands = {
+        {"show", cForged},
+        {"history", cForged},
+        {"remove", cForged},
+        {"remove", "--dry-run", cForged},
+        {"run", cForged},
+        {"edit", cForged, "--at", "now"},
+        {"edit", "a", "--program", '/' + cForged},
+        {"create", "b", "--", '/' + cForged},
+        {"create", "b", "--dry-run", "--", '/' + cForged},
+        {"check", cForged},
+        {"import", cForged},
+        {"list", cForged},
+        {"list", "--" + cForged},
+        {cForged},
+        {"create", "b", "--force", cForged, "--", cRecorder},
+        {"--lock-timeout", cForged, "list"},
+        {"next", "--count", cForged},
+        {"completion", cForged}};
+    for (const std::vector<std::string>& command : commands) {
+        const TToolRun run = RunTool(command);
+        EXPECT_NE(run.status, 0);
+        EXPECT_THAT(run.error, HasSubstr("x" + cReplaced + "vxsched: forged"));
+        EXPECT_THAT(run.error, Not(HasSubstr("\nvxsched: forged")))
+            << testing::PrintToString(command);
+        EXPECT_EQ(std::count(run.error.begin(), run.error.end(), '\n'), 1) << run.error;
+    }
+}
+
+TEST_F(Cli, DirectoryForgesNoLineOfAnErrorMessage) {
+    fs::create_directory(cForged);
+    const TToolRun empty = RunTool({"list", "--directory", cForged});
+    EXPECT_THAT(empty.error, HasSubstr("no host has run in x" + cReplaced + "vxsched: forged;"));
+    fs::create_directory(cForged + "/files");
+    WriteFile(cForged + "/files/scheduler.dat", "damaged");
+    for (const char* const command : {"list", "status", "check", "repair", "wake"}) {
+        const TToolRun run = RunTool({command, "--directory", cForged});
+        EXPECT_THAT(run.output + run.error, Not(HasSubstr("\nvxsched: forged"))) << command;
+    }
+}
+
+// Messages of several errors keep their lines.
+TEST_F(Cli, SeveralErrorsHaveALineEach) {
+    WriteTable({});
+    const TToolRun run = RunTool({"create", "", "--at", "@5", "--", "/no\nprogram"});
+    EXPECT_EQ(std::count(run.error.begin(), run.error.end(), '\n'), 3) << run.error;
+    EXPECT_THAT(run.error,
+                HasSubstr("\n         there is no program \"/no" + cReplaced + "program\""));
+}
+
+TEST_F(Cli, NamesAreExactForScriptsAndSafeOnATerminal) {
+    WriteTable({Later(cHostile)});
+    EXPECT_EQ(Output({"list", "--names"}), cHostile + '\n');
+    ExpectNoControls(RunToolOnTerminal({"list", "--names"}, 80).output);
+}
+
+TEST_F(Cli, JsonEscapesWhatATerminalWouldObey) {
+    WriteTable({Later("a \x7f \xc2\x80 \xc2\x9b \xc2\x9f \xe2\x80\xae \xe2\x81\xa6 \xc3\xa4")});
+    const std::string json = Output({"list", "--json"});
+    EXPECT_THAT(json, HasSubstr("\"a \\u007f \\u0080 \\u009b \\u009f \\u202e \\u2066 \xc3\xa4\""));
+    WriteFile("export", Output({"export"}));
+    const std::string before = ReadFile(cTable);
+    WriteTable({});
+    Output({"import", "export"});
+    EXPECT_EQ(ReadFile(cTable), before) << "an import reads the escapes";
+}
