@@ -122,6 +122,12 @@ bool MayBegin() {
     return read(gClient, &go, 1) == 1;
 }
 
+// A tick whose store mutex a direct client's load has set free overwrites at its end what this
+// process saves.
+bool MayTickOverwrite(const TRequest& request) {
+    return (request.hasScheduler && !IsWorkerIdle()) || IsTickUnderWay(".");
+}
+
 // Checks the request and loads the add-in; empty if a message has sent the client to wait or start
 // over. The caller holds the writer lock. The store mutex is taken first, so that the load, which
 // sets it free, ends no other process's hold; the load is its release. If the load fails, the
@@ -129,9 +135,7 @@ bool MayBegin() {
 std::optional<CAddIn> Load(TRequest& request, const CWriterLock& writerLock) {
     auto lock =
         LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
-    // A direct client's load during a tick sets the mutex free. What this process saved then, the
-    // end of the tick would overwrite.
-    if (request.hasScheduler && !IsWorkerIdle()) {
+    if (MayTickOverwrite(request)) {
         SendMessage(cMessageTick, "");
         return {};
     }
@@ -207,6 +211,9 @@ void Make(const CAddIn& addIn, const TCall& call) {
 std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
     try {
         const CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
+        // Before the read: a tick that is over by now has saved, and a later one reads the table.
+        if (MayTickOverwrite(request))
+            SendMessage(cMessageMayBeOverwritten, "");
         return ReadTableBytes(".");
     } catch (const CError& error) {
         throw MakeError(EError::cFailed, "the change was made but could not be verified: {}",
