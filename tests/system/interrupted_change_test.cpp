@@ -289,8 +289,8 @@ static bool IsStopped(pid_t process) {
 // The host stops itself in the middle of the tick, after the launch.
 TEST(ChangeDuringATick, IsReportedAsNotVerifiedIfTheTickDoesNotEnd) {
     WriteTable(cDueAndSecond);
-    CHost host({"/usr/bin/env", "LD_PRELOAD=" INTERPOSED_SYSTEM, "STOP_IN_SLEEP=1", HOST_PROGRAM,
-                "--directory", "."});
+    CHost host({"/usr/bin/env", std::string("LD_PRELOAD=") + INTERPOSED_SYSTEM, "STOP_IN_SLEEP=1",
+                HOST_PROGRAM, "--directory", "."});
     CForkedChild client([] { return PauseAsATickBegins(3s); });
     // All of its threads: the guard's would take the mutex.
     WaitUntil([&] { return IsStopped(host.Id()); });
