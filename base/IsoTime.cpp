@@ -22,9 +22,9 @@ std::optional<std::tm> CalendarOf(std::chrono::sys_seconds time, EZone zone) {
     return converted != nullptr ? std::optional(calendar) : std::nullopt;
 }
 
-std::string UtcTime(std::chrono::sys_seconds time, milliseconds rest) {
+std::string UtcTime(std::chrono::sys_seconds time, milliseconds fraction) {
     const std::optional<std::tm> calendar = CalendarOf(time, EZone::cUtc);
-    return calendar ? fmt::format("{:%FT%T}.{:03}Z", *calendar, rest.count()) : "";
+    return calendar ? fmt::format("{:%FT%T}.{:03}Z", *calendar, fraction.count()) : "";
 }
 
 std::string UtcTime(TMoment moment) {
@@ -45,11 +45,11 @@ std::optional<TMoment> ReadUtcTime(const std::string& string) {
         afterTime == nullptr)
         return {};
     calendar.tm_year = static_cast<int>(year - 1900);
-    int rest = 0;
-    const auto [afterRest, restError] = std::from_chars(afterTime, end, rest);
-    if (restError != std::errc() || std::string_view(afterRest, end) != "Z")
+    int fraction = 0;
+    const auto [afterFraction, fractionError] = std::from_chars(afterTime, end, fraction);
+    if (fractionError != std::errc() || std::string_view(afterFraction, end) != "Z")
         return {};
-    return TMoment(seconds(timegm(&calendar)) + milliseconds(rest));
+    return TMoment(seconds(timegm(&calendar)) + milliseconds(fraction));
 }
 
 std::string LocalTime(TMoment moment) {

@@ -20,10 +20,10 @@ enum class EZone { cLocal, cUtc };
 // The date and the time of day in a zone. Empty if the year exceeds the range of int.
 std::optional<std::tm> CalendarOf(std::chrono::sys_seconds time, EZone zone);
 
-// Formats a time as 2026-11-20T13:30:05.123Z; `rest` is the milliseconds. Empty if the year exceeds
+// Formats a time as 2026-11-20T13:30:05.123Z; `fraction` is the milliseconds. Empty if the year exceeds
 // the range of int.
 std::string UtcTime(std::chrono::sys_seconds seconds,
-                    std::chrono::milliseconds rest = std::chrono::milliseconds(0));
+                    std::chrono::milliseconds fraction = std::chrono::milliseconds(0));
 std::string UtcTime(TMoment moment);
 
 // Parses what UtcTime() writes; empty for any other string.

@@ -18,9 +18,9 @@ namespace vxsched {
 std::optional<pid_t> ParseProcess(std::string_view digits) {
     pid_t process = 0;
     const char* const end = digits.data() + digits.size();
-    const auto [rest, error] = std::from_chars(digits.data(), end, process);
-    return error == std::errc() && rest == end && process > 0 ? std::optional(process)
-                                                              : std::nullopt;
+    const auto [parsed, error] = std::from_chars(digits.data(), end, process);
+    return error == std::errc() && parsed == end && process > 0 ? std::optional(process)
+                                                                : std::nullopt;
 }
 
 std::filesystem::path ProcessDirectory(pid_t process) {

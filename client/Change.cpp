@@ -54,12 +54,27 @@ CError ErrorOf(const std::string& message) {
                      message.substr(blank + 1));
 }
 
+struct TAttempt {
+    TOutcome outcome;
+    std::optional<std::string> bytes;  // of the table, read back
+    bool isBegun = false;
+    bool mayBeOverwritten = false;  // by a tick that was under way when the table was read back
+    // Why it was not made:
+    bool isTickUnderWay = false;
+    std::string due;      // because of this due task
+    std::string changed;  // because of this changed task
+    std::optional<CError> error;
+    std::string cutShort;  // because the change process ended early: how
+};
+
 // Restores the backup if the change process has left a damaged table. Takes the writer lock and the
-// store mutex. Reads the table into `table` and returns its state, for a message.
-std::string Recover(const TStoreOptions& options, TTable& table) {
+// store mutex. Reads the attempt's table and returns its state, for a message.
+std::string Recover(const TStoreOptions& options, TAttempt& attempt) {
     const COwnerAccess ownerAccess(options.directory);
+    TTable& table = attempt.outcome.table;
     const CWriterLock writerLock(options.directory, options.lockTimeout);
     const CStoreMutexLock mutexLock(options.lockTimeout, writerLock);
+    attempt.mayBeOverwritten = IsTickUnderWay(options.directory);
     const CDeadline deadline(options.lockTimeout);
     std::string bytes;
     do {
@@ -83,18 +98,6 @@ std::string WithLog(std::string message, const std::vector<std::string>& log) {
         message += "; the add-in logged: " + line;
     return message;
 }
-
-struct TAttempt {
-    TOutcome outcome;
-    std::optional<std::string> bytes;  // of the table, read back
-    bool isBegun = false;
-    // Why it was not made:
-    bool isTickUnderWay = false;
-    std::string due;      // because of this due task
-    std::string changed;  // because of this changed task
-    std::optional<CError> error;
-    std::string cutShort;  // because the change process ended early: how
-};
 
 // Attempts a change in a process of its own.
 class CAttempt {
@@ -154,6 +157,8 @@ private:
             made.outcome.status = std::stoi(message.content);
         else if (message.kind == cMessageLaunched)
             Launched(std::stoi(message.content));
+        else if (message.kind == cMessageMayBeOverwritten)
+            made.mayBeOverwritten = true;
         else if (message.kind == cMessageTable)
             made.bytes = message.content;
     }
@@ -234,15 +239,15 @@ std::string MadeBefore(const std::vector<TCall>& calls, const std::string& missi
 
 // Checks whether a change that was cut short is in the table, and takes that for the outcome. Throws
 // CError: cUnknown if that cannot be determined, cFailed if it was not made.
-TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt attempt,
-                const std::string& why) {
+void Settle(const TStoreOptions& options, const TChange& change, TAttempt& attempt,
+            const std::string& why) {
     const std::string what = WithLog(why, attempt.outcome.log);
     if (!attempt.isBegun)
         throw MakeError(EError::cFailed,
                         "the change was not made: {}; nothing was changed; try again", what);
     std::string state;
     try {
-        state = Recover(options, attempt.outcome.table);
+        state = Recover(options, attempt);
     } catch (const CError& error) {
         throw MakeError(EError::cUnknown,
                         "the change was cut short: {}; whether it was made is not known, since the "
@@ -251,7 +256,7 @@ TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt at
     }
     const std::optional<std::string> missing = change.findMissing(attempt.outcome);
     if (!missing)
-        return std::move(attempt.outcome);
+        return;
     if (change.calls.back().function == TCall::cExecute)
         throw MakeError(EError::cUnknown,
                         "the run of \"{}\" was cut short: {}; whether the program was launched is "
@@ -271,6 +276,16 @@ TOutcome Settle(const TStoreOptions& options, const TChange& change, TAttempt at
                     WithLog(fmt::format("the change of \"{}\" {}", name, what), outcome.log));
 }
 
+// Waits until no tick is under way, at most the lock timeout; false if one still is.
+bool HasTickEnded(const TStoreOptions& options) {
+    const CDeadline deadline(options.lockTimeout);
+    while (IsTickUnderWay(options.directory)) {
+        if (!deadline.Pause(cPause))
+            return false;
+    }
+    return true;
+}
+
 // Attempts the change until nothing keeps it from being made. Throws CError.
 TAttempt AttemptInTurn(const TStoreOptions& options, const TChange& change) {
     for (;;) {
@@ -285,6 +300,23 @@ TAttempt AttemptInTurn(const TStoreOptions& options, const TChange& change) {
     }
 }
 
+// Reads the table again once the tick is over that may have overwritten the change. Throws CError
+// (cUnknown).
+TTable ReadAfterTheTick(const TStoreOptions& options) {
+    std::string why = fmt::format("the tick did not end within {} ms; check the host's log",
+                                  options.lockTimeout.count());
+    try {
+        if (HasTickEnded(options))
+            return ReadTable(options.directory, options.lockTimeout);
+    } catch (const CError& error) {
+        why = error.what();
+    }
+    throw MakeError(EError::cUnknown,
+                    "the change was made, but whether a tick that was under way has overwritten it "
+                    "could not be verified: {}",
+                    why);
+}
+
 // Makes the change once and returns what the table shows afterwards. Throws CError.
 TOutcome MakeOnce(const TStoreOptions& options, const TChange& change) {
     TAttempt attempt = AttemptInTurn(options, change);
@@ -293,19 +325,17 @@ TOutcome MakeOnce(const TStoreOptions& options, const TChange& change) {
     if (attempt.error && (!attempt.isBegun || attempt.error->Code() != EError::cFailed))
         throw CError(*attempt.error);
     if (attempt.error || !attempt.cutShort.empty()) {
-        const std::string why = attempt.error ? attempt.error->what() : attempt.cutShort;
-        return Settle(options, change, std::move(attempt), why);
+        Settle(options, change, attempt, attempt.error ? attempt.error->what() : attempt.cutShort);
+    } else {
+        try {
+            attempt.outcome.table = DecodeTable(*attempt.bytes, Now());
+        } catch (const CError& error) {
+            Settle(options, change, attempt, error.what());
+        }
     }
-    try {
-        attempt.outcome.table = DecodeTable(*attempt.bytes, Now());
-    } catch (const CError& error) {
-        return Settle(options, change, std::move(attempt), error.what());
-    }
-    // A tick that began after a direct client had set the mutex free saves its own list at its end.
-    if (FindSchedulingProcess(options.directory) && !IsWorkerIdle()) {
-        WaitForTheTicksEnd(options);
-        attempt.outcome.table = ReadTable(options.directory, options.lockTimeout);
-    }
+    // A launch is known without the table.
+    if (attempt.mayBeOverwritten && change.calls.back().function != TCall::cExecute)
+        attempt.outcome.table = ReadAfterTheTick(options);
     return std::move(attempt.outcome);
 }
 
@@ -321,14 +351,11 @@ void RequireSharedStore(const TStoreOptions& options) {
 }
 
 void WaitForTheTicksEnd(const TStoreOptions& options) {
-    const CDeadline deadline(options.lockTimeout);
-    while (!IsWorkerIdle() && FindSchedulingProcess(options.directory)) {
-        if (!deadline.Pause(cPause))
-            throw MakeError(EError::cBusy,
-                            "the scheduling process is in the middle of a tick, which did not end "
-                            "within {} ms; nothing was changed; check the host's log",
-                            options.lockTimeout.count());
-    }
+    if (!HasTickEnded(options))
+        throw MakeError(EError::cBusy,
+                        "the scheduling process is in the middle of a tick, which did not end "
+                        "within {} ms; nothing was changed; check the host's log",
+                        options.lockTimeout.count());
 }
 
 TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {

@@ -49,9 +49,9 @@ struct TChange {
     std::function<void(pid_t)> onLaunch = {};
 };
 
-// Waits until the worker is between two ticks, or the scheduling process has ended; a tick would
-// overwrite what is written while a direct client has set its mutex free. Waits at most the lock
-// timeout. Throws CError (cBusy). The caller holds neither the writer lock nor the store mutex.
+// Before a change: waits until the worker is between two ticks, or the scheduling process has ended; a
+// tick would overwrite what is written while a direct client has set its mutex free. Waits at most
+// the lock timeout. Throws CError (cBusy). The caller holds neither the writer lock nor the store mutex.
 void WaitForTheTicksEnd(const TStoreOptions& options);
 
 // Makes the change in a change process, by the rules of CStore (locks, blocking, failure), and

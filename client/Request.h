@@ -34,7 +34,8 @@ struct TRequest {
     std::string addIn;
     std::int64_t lockTimeout = 0;  // milliseconds, for the writer lock and the store mutex each
     bool evenIfDue = false;        // load although tasks are due
-    bool hasScheduler = false;     // a scheduling process runs, whose ticks must not be met
+    bool hasScheduler = false;     // a scheduling process runs; the change process may lack the
+                                   // permission to find it
     std::vector<TCall> calls;
 };
 
@@ -71,6 +72,8 @@ inline constexpr char cMessageLog[] = "log";
 inline constexpr char cMessageLaunched[] = "launched";
 // cExecute: the reason.
 inline constexpr char cMessageLaunchFailed[] = "launch failed";
+// Empty: the calls are made, but a tick is under way, which may overwrite them at its end.
+inline constexpr char cMessageMayBeOverwritten[] = "may be overwritten";
 // All calls are made: the bytes of the table.
 inline constexpr char cMessageTable[] = "table";
 // cExecute: the wait status.

@@ -330,7 +330,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     // processes from loading the add-in, which would set the mutex free.
     const auto writerLock = LockForChange<CWriterLock>(options.directory, options.lockTimeout);
     const auto mutexLock = LockForChange<CStoreMutexLock>(options.lockTimeout, writerLock);
-    if (!IsWorkerIdle() && FindSchedulingProcess(options.directory))
+    if (IsTickUnderWay(options.directory))
         return false;
     if (options.onBegin)
         options.onBegin();

@@ -110,7 +110,7 @@ static int TryToReplaceStoreMutex(int removed) {
         if (lastRemoved.exchange(removed) != removed)
             LogWarning(fmt::format(
                 "the store mutex was removed, as by a process that loads the add-in itself and "
-                "exits normally: going on with {}. Have such processes end by _exit().",
+                "exits normally. The host uses {} now. Have such processes end by _exit().",
                 set.isMade ? "a new one" : "the one that another process has made since"));
         return set.id;
     } catch (const vxsched::CError& error) {

@@ -65,14 +65,14 @@ void CTableLease::Ask() {
         return;
     }
     state = cHeld;
-    // Another file may have been renamed to this place before the lease was granted.
+    // Another file may have been renamed to this name before the lease was granted.
     if (!IsFileAt(descriptor.Get(), path)) {
         fcntl(descriptor.Get(), F_SETLEASE, F_UNLCK);
         state = cUnknown;
     }
 }
 
-// Tells writers from readers: a lease for reading is refused only where somebody writes.
+// Distinguishes writers from readers: a lease for reading is refused only where somebody writes.
 CTableLease::EState CTableLease::StateWithoutLease() const {
     const CDescriptor reader(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!reader.IsOpen() || !IsGranted(reader.Get(), F_RDLCK))

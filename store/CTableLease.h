@@ -26,8 +26,8 @@ public:
         cMissing,  // there is no file
     };
 
-    // Asks for the lease of a file and does not wait for it. A file that cannot be opened, or that
-    // is none, is cUnknown.
+    // Asks for the lease of a file and does not wait for it. What cannot be opened, or is no regular
+    // file, is cUnknown.
     explicit CTableLease(const std::filesystem::path& file);
     ~CTableLease();
     CTableLease(const CTableLease&) = delete;

@@ -2,6 +2,9 @@
 
 #include <CEvent.h>
 
+#include <filesystem>
+
+#include <vxsched/SchedulingProcess.h>
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -11,6 +14,13 @@ namespace vxsched {
 // counts as ticking. Does not block.
 inline bool IsWorkerIdle() {
     return CEvent::UseOf(cStopEventName).waiters > 0;
+}
+
+// Whether the scheduling process of `directory` is in the middle of a tick, or about to begin one. A
+// tick whose store mutex a direct client's load has set free overwrites at its end what others have
+// written meanwhile. For a caller that holds the store mutex. Does not block.
+inline bool IsTickUnderWay(const std::filesystem::path& directory) {
+    return !IsWorkerIdle() && FindSchedulingProcess(directory);
 }
 
 }  // namespace vxsched

@@ -119,14 +119,14 @@ int CEvent::WaitFor(TTimeout timeout) {
     const std::size_t count = manualReset ? 2 : 1;
     for (;;) {
         const int id = semId;
-        timespec rest{};
+        timespec remaining{};
         if (timeout) {
             const std::chrono::nanoseconds left = *timeout - (TClock::now() - start);
             if (left.count() > 0)
-                rest = {.tv_sec = static_cast<time_t>(left.count() / 1'000'000'000),
-                        .tv_nsec = static_cast<long>(left.count() % 1'000'000'000)};
+                remaining = {.tv_sec = static_cast<time_t>(left.count() / 1'000'000'000),
+                             .tv_nsec = static_cast<long>(left.count() % 1'000'000'000)};
         }
-        if (semtimedop(id, take, count, timeout && !test ? &rest : nullptr) == 0)
+        if (semtimedop(id, take, count, timeout && !test ? &remaining : nullptr) == 0)
             return 1;
         if (errno == EAGAIN)
             return 0;

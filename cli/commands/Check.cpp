@@ -9,6 +9,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
+#include "store/LostTasks.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/StoreOwner.h"
@@ -92,7 +93,11 @@ TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& 
         Print(common, {{"damaged", error.what()}}, "damaged" + remedy, output);
         return cDamagedStatus;
     }
-    const std::vector<TFinding> findings = FindingsOf(common, table);
+    std::vector<TFinding> findings = FindingsOf(common, table);
+    if (file.empty()) {
+        if (auto missing = DescribeMissingTable(common.store.directory))
+            findings.push_back({"missing", *std::move(missing)});
+    }
     const std::string count = CountOf(table.tasks.size(), "task");
     if (!table.IsSafeToLoad()) {
         Print(common, findings, count + ", harmful to load" + remedy, output);

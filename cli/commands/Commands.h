@@ -30,7 +30,7 @@ struct TCommon {
 
 // Conventions of the commands:
 // 1. A command prints to `output` and returns the exit status. The caller calls output.Finish().
-// 2. A failure is thrown: CUsageError, CParseError for a time or period, CError for the rest.
+// 2. A failure is thrown: CUsageError, CParseError for a time or period, CError for all else.
 // 3. With `dryRun` a command prints what it would do, and changes nothing.
 // 4. Reading the table waits for the store mutex, changing it for all locks of a change, each up to
 //    the lock timeout.

@@ -11,7 +11,7 @@ enum TExitStatus : int {
     cNoAccessStatus = 4,     // this user lacks a permission
     cDamagedStatus = 5,      // the table is damaged, or loading it would hang a process
     cNoSchedulerStatus = 6,  // the command needs a scheduling process, and none is running
-    cUnknownStatus = 9,      // the change was cut short; whether it was made cannot be told
+    cUnknownStatus = 9,      // the change was begun; whether the table has it is not known
 };
 
 }  // namespace vxsched

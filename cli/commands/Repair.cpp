@@ -16,6 +16,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CTableLease.h"
 #include "store/CWriterLock.h"
+#include "store/LostTasks.h"
 #include "store/MakeError.h"
 #include "store/StoreOwner.h"
 #include "store/TableFile.h"
@@ -81,7 +82,8 @@ TExitStatus Repair(const TCommon& common, COutput& output) {
         backup->name = backup->file.lexically_relative(common.store.directory).string();
     const TRepair repair = PlanRepair(bytes, backup ? &*backup : nullptr, Now());
     if (repair.notes.empty()) {
-        output.Line("the table is valid; nothing to repair");
+        const std::optional<std::string> missing = DescribeMissingTable(common.store.directory);
+        output.Line(missing ? Show(*missing).string : "the table is valid; nothing to repair");
         return cDone;
     }
     for (const std::string& note : repair.notes)

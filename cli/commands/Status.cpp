@@ -16,6 +16,7 @@
 #include "cli/output/Json.h"
 #include "store/CMutexHealer.h"
 #include "store/CWriterLock.h"
+#include "store/LostTasks.h"
 #include "store/MutexHolders.h"
 #include "store/StoreMutexState.h"
 #include "store/TableFile.h"
@@ -33,6 +34,7 @@ struct TStatus {
     std::optional<TTable> table;
     std::string damage;
     std::string tableError;
+    std::optional<std::string> missing;  // the message, if the table is missing
     std::vector<std::string> overdue;
     std::string file;
     std::uintmax_t size = 0;
@@ -106,6 +108,7 @@ TStatus ReadStatus(const TCommon& common) {
         else
             status.tableError = error.what();
     }
+    status.missing = DescribeMissingTable(common.store.directory);
     const TTime now = Now();
     const CRunningPrograms running;
     if (status.table) {
@@ -162,6 +165,8 @@ std::string DescribeTable(const TStatus& status) {
         return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
         return status.tableError;
+    if (status.missing)
+        return *status.missing;
     return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
                        status.size);
 }

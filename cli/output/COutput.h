@@ -44,7 +44,7 @@ private:
     bool hasColours = false;
 };
 
-// A table with aligned columns. The last column takes the rest of the terminal's width; what does
+// A table with aligned columns. The last column takes the remaining width of the terminal; what does
 // not fit is cut off. Held in memory as a whole, since the widths depend on every row.
 class CColumns {
 public:

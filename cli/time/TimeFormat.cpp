@@ -106,14 +106,14 @@ seconds ReadZone(CParser& reader) {
         return 10 * (digits[at] - '0') + (digits[at + 1] - '0');
     };
     const hours wholeHours(twoDigits(0));
-    minutes rest(0);
+    minutes minutesOfHour(0);
     if (digits.size() == 4)
-        rest = minutes(twoDigits(2));
+        minutesOfHour = minutes(twoDigits(2));
     else if (reader.TakeIf(':'))
-        rest = minutes(ReadNumber(reader, 2, cForm));
-    if (rest > 59min || wholeHours + rest > 14h)
+        minutesOfHour = minutes(ReadNumber(reader, 2, cForm));
+    if (minutesOfHour > 59min || wholeHours + minutesOfHour > 14h)
         reader.Fail(offset, "a zone must be from -14:00 to +14:00");
-    return sign * (wholeHours + rest);
+    return sign * (wholeHours + minutesOfHour);
 }
 
 // ---- Reading: the forms of a time ---------------------------------------------------------------

@@ -121,12 +121,16 @@ bool MayBegin() {
     return read(gClient, &go, 1) == 1;
 }
 
+// A tick whose store mutex a direct client's load has set free overwrites at its end what this
+// process saves.
+bool MayTickOverwrite(const TRequest& request) {
+    return (request.hasScheduler && !IsWorkerIdle()) || IsTickUnderWay(".");
+}
+
 // Checks the request and begins the change. Returns the table; empty if a message has sent the
 // client to wait or start over. The caller holds the writer lock and the store mutex.
 std::optional<TTable> Begin(TRequest& request) {
-    // A direct client's load during a tick sets the mutex free. What this process saved then, the
-    // end of the tick would overwrite.
-    if (request.hasScheduler && !IsWorkerIdle()) {
+    if (MayTickOverwrite(request)) {
         SendMessage(cMessageTick, "");
         return {};
     }
@@ -238,6 +242,9 @@ bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
 std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
     try {
         const CStoreMutexLock lock(std::chrono::milliseconds(request.lockTimeout), writerLock);
+        // Before the read: a tick that is over by now has saved, and a later one reads the table.
+        if (MayTickOverwrite(request))
+            SendMessage(cMessageMayBeOverwritten, "");
         return ReadTableBytes(".");
     } catch (const CError& error) {
         throw MakeError(EError::cFailed, "the change was made but could not be verified: {}",

@@ -72,17 +72,17 @@ std::optional<TLaunchIntent> DecodeIntent(const std::string& line) {
 // Takes the block at the beginning of `bytes`; empty if it is not complete.
 std::optional<TBlock> TakeBlock(std::string_view& bytes) {
     constexpr std::size_t cLongestHeader = 200;
-    std::string_view rest = bytes;
-    const std::string header(TakeLine(rest));
+    std::string_view remaining = bytes;
+    const std::string header(TakeLine(remaining));
     char boot[cLongestHeader];
     long long generation = 0;
     std::size_t size = 0;
     if (header.size() >= cLongestHeader ||
         std::sscanf(header.c_str(), "%s %lld %zu", boot, &generation, &size) != 3 ||
-        size > rest.size())
+        size > remaining.size())
         return {};
     TBlock block{.boot = boot, .generation = generation, .intents = {}};
-    for (std::string_view lines = rest.substr(0, size); !lines.empty();) {
+    for (std::string_view lines = remaining.substr(0, size); !lines.empty();) {
         const std::optional<TLaunchIntent> intent = DecodeIntent(std::string(TakeLine(lines)));
         if (!intent)
             return {};

@@ -27,7 +27,7 @@ int CMutexWatch::LimitTimeout(int timeout) const {
     return timeout == -1 ? untilNext : std::min(timeout, untilNext);
 }
 
-void CMutexWatch::LookIfDue() {
+void CMutexWatch::CheckIfDue() {
     if (!next || TClock::now() < *next)
         return;
     next.reset();

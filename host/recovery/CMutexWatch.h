@@ -23,7 +23,7 @@ public:
 
     // Blocks no longer than the check takes. Never throws: a check that fails for want of memory is
     // made again.
-    void LookIfDue();
+    void CheckIfDue();
 
 private:
     using TClock = std::chrono::steady_clock;

@@ -138,7 +138,7 @@ void CTableGuard::Run() {
         retry = mustCheck && !Check();
         if (mustWatchMutex.exchange(false))
             mutexWatch.Begin();
-        mutexWatch.LookIfDue();
+        mutexWatch.CheckIfDue();
         // A check takes a few hundred bytes per task, which are not needed until the next one.
         if (mustCheck && !retry)
             malloc_trim(0);
@@ -335,7 +335,7 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     return lost.size() + created.size() > saves.count ? lost : std::vector<TTaskEntry>();
 }
 
-// Puts `tasks`, with the launches made since, in the place of the table, and logs `notes`, unless a
+// Replaces the table by `tasks`, with the launches made since, and logs `notes`, unless a
 // save may be in progress or is done by now. The caller repeats the check in any case.
 void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
                           std::vector<TTaskEntry> tasks, const std::vector<std::string>& notes) {
@@ -366,7 +366,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
 }
 
 // Whether nobody is about to write the table, of which `bytes` were read. The store mutex does not
-// tell: a client's load sets it free, and the bytes may be those of a save that has only begun.
+// show it: a client's load sets it free, and the bytes may be those of a save that has only begun.
 bool CTableGuard::MayReplace(const vxsched::CTableLease& lease, const std::string& bytes) {
     switch (lease.State()) {
         case vxsched::CTableLease::cMissing:

@@ -94,7 +94,7 @@ private:
     std::string lastState;  // of the file, for when it cannot be watched
     TSaves saves;
     bool isModified = false;       // between a write and the close of the table
-    std::uint32_t saveCookie = 0;  // of the rename that may have put a save in the table's place
+    std::uint32_t saveCookie = 0;  // of the rename that may have made a save the table
     // Of a file that may have to be restored and that somebody has open, or for which no lease is
     // granted: its state, and since when it has been that.
     struct {

@@ -16,7 +16,7 @@ enum class EError {
     cNotFound,     // the table has no task of that name
     cNoAccess,     // this user lacks the permission
     cNoScheduler,  // the change needs a scheduling process, and there is none that it can reach
-    cUnknown,  // the change was begun and cut short, and whether the table has it cannot be told
+    cUnknown,      // the change was begun, and whether the table has it could not be verified
 };
 
 // The exception that every function of the client library throws; besides it, only std::bad_alloc.

@@ -207,6 +207,31 @@ TEST_F(Cli, RepairReportsTheSnapshotByItsPathBelowTheDirectory) {
     EXPECT_EQ(NamesInTable(), "a b");
 }
 
+// It is not restored, since it may have been removed on purpose.
+TEST_F(Cli, MissingTableWithABackupOfTasksIsReported) {
+    WriteTable({Later("a"), Later("b")});
+    fs::create_directory("files/snapshots");
+    fs::rename(cTable, "files/snapshots/scheduler.dat.001700000000-000000");
+    const std::string message =
+        "the table is missing, but its latest backup, "
+        "./files/snapshots/scheduler.dat.001700000000-000000, has 2 task(s): \"a\", \"b\". If they "
+        "were not removed on purpose, stop vxschedd, copy that file over ./files/scheduler.dat, "
+        "and "
+        "start vxschedd again.";
+    EXPECT_EQ(Output({"repair"}), message + '\n');
+    EXPECT_EQ(Output({"check"}),
+              "missing: " + message + "\n0 tasks, valid except for the findings above\n");
+    EXPECT_THAT(RunTool({"status"}).output, HasSubstr("Table      " + message + '\n'));
+    EXPECT_FALSE(fs::exists(cTable));
+}
+
+TEST_F(Cli, MissingTableWithoutABackupOfTasksIsValid) {
+    EXPECT_EQ(Output({"repair"}), "the table is valid; nothing to repair\n");
+    EXPECT_EQ(Output({"check"}), "0 tasks, valid\n");
+    WriteFile("files/scheduler.dat.before", BytesOf({}));
+    EXPECT_EQ(Output({"repair"}), "the table is valid; nothing to repair\n");
+}
+
 TEST_F(Cli, ChangeOfAHarmfulTableReportsTheFileAndOneRemedy) {
     WriteTable({{"endless", 5, 0, 268435456, cRecorder, "", 1}});
     const TToolRun run = RunTool({"pause", "endless"});

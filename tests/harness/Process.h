@@ -48,7 +48,7 @@ public:
     void Kill(int signal) const;
     // Reads until the output holds `part` or ends. True when it holds it.
     bool WaitForOutput(const std::string& part);
-    // Waits for the end and collects the rest of the output; the result as for CForkedChild.
+    // Waits for the end and collects the remaining output; the result as for CForkedChild.
     int Wait();
     const std::string& Output() const { return output; }
 

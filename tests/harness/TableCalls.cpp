@@ -45,10 +45,10 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
 }
 
 extern "C" int open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const unsigned int mode = va_arg(rest, unsigned int);
-    va_end(rest);
+    va_list arguments;
+    va_start(arguments, flags);
+    const unsigned int mode = va_arg(arguments, unsigned int);
+    va_end(arguments);
     if (std::string(path) == cTable) {
         EXPECT_NE(flags & O_CLOEXEC, 0);
         if (Fails("open " + std::to_string(flags & ~O_CLOEXEC) + ' ' + std::to_string(mode)))

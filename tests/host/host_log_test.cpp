@@ -114,7 +114,7 @@ TEST(HostLog, PipeIsWrittenToUntilItIsFull) {
         return log.find(" as process ") != std::string::npos;
     };
     WaitUntil(readOn);
-    // With a full pipe the host goes on without its lines.
+    // With a full pipe the host continues without its lines.
     const int filler = open("pipe", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     while (write(filler, "", 1) == 1) {
     }

@@ -140,10 +140,10 @@ std::string ValueOf(char* const environment[], const std::string& name) {
 
 extern "C" int openat(int directory, const char* path, int flags, ...) {
     static auto* const system = NextDefinition<int(int, const char*, int, ...)>("openat");
-    va_list rest;
-    va_start(rest, flags);
-    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
-    va_end(rest);
+    va_list arguments;
+    va_start(arguments, flags);
+    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
     const char* const bootId = std::getenv("FAKE_BOOT_ID");
     if (bootId != nullptr && std::strcmp(path, "/proc/sys/kernel/random/boot_id") == 0)
         path = bootId;

@@ -5,7 +5,7 @@
 // The symbols below are called by the program, its libraries and the add-in, on whichever thread.
 // Each passes the call on to the next definition, except the one call that fails: it makes no
 // system call (close does close) and returns -1 with errno set to ENOSPC for calls that need room,
-// EMFILE for other opens, EIO for the rest.
+// EMFILE for other opens, EIO for the others.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -53,10 +53,10 @@ bool Fails(const char* call, int error) {
 
 extern "C" int openat(int directory, const char* path, int flags, ...) {
     static auto* const system = NextDefinition<int(int, const char*, int, ...)>("openat");
-    va_list rest;
-    va_start(rest, flags);
-    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
-    va_end(rest);
+    va_list arguments;
+    va_start(arguments, flags);
+    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
     const bool counts = IsOfTheStore(path);
     if (counts && Fails("open", (flags & O_CREAT) != 0 ? ENOSPC : EMFILE))
         return -1;

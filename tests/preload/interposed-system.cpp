@@ -1,7 +1,7 @@
 // Replaces parts of the system for a real program (LD_PRELOAD), as environment variables select:
-// FAKE_TIME freezes the clock at that second, SKIP_SLEEP makes sleep return at once, NO_INOTIFY
-// makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a file of that name exists;
-// the file gets a byte for each.
+// FAKE_TIME freezes the clock at that second, SKIP_SLEEP makes sleep return at once, STOP_IN_SLEEP
+// makes it stop the process (SIGSTOP) first, NO_INOTIFY makes inotify unavailable, REFUSE_LAUNCHES
+// makes launches fail while a file of that name exists; the file gets a byte for each.
 //
 // The symbols below are called by the program and the add-in, on whichever thread. Without its
 // variable each does what libc does.
@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 
@@ -28,6 +29,8 @@ extern "C" time_t time(time_t* out) noexcept {
 
 // Returns 0, as after a complete sleep.
 extern "C" unsigned int sleep(unsigned int seconds) {
+    if (std::getenv("STOP_IN_SLEEP") != nullptr)
+        kill(getpid(), SIGSTOP);
     if (std::getenv("SKIP_SLEEP") != nullptr)
         return 0;
     static auto* const system =

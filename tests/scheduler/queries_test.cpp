@@ -41,10 +41,10 @@ extern "C" std::FILE* popen(const char* command, const char* mode) {
 }
 
 extern "C" int open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const unsigned int mode = va_arg(rest, unsigned int);
-    va_end(rest);
+    va_list arguments;
+    va_start(arguments, flags);
+    const unsigned int mode = va_arg(arguments, unsigned int);
+    va_end(arguments);
     if (gOnOpen)
         gOnOpen(path);
     return NextDefinition<int(const char*, int, ...)>("open")(path, flags, mode);

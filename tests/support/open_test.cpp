@@ -88,10 +88,10 @@ extern "C" int close(int descriptor) {
 static TPlan* gOpens = nullptr;
 
 extern "C" int open(const char* path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const unsigned int mode = va_arg(rest, unsigned int);
-    va_end(rest);
+    va_list arguments;
+    va_start(arguments, flags);
+    const unsigned int mode = va_arg(arguments, unsigned int);
+    va_end(arguments);
     std::size_t ignored = 0;
     if (gOpens != nullptr && std::string(path) == cPath && Follow(*gOpens, ignored))
         return -1;
@@ -148,8 +148,11 @@ static void* MapHuge() {
         throw std::bad_alloc();
     auto* const start = static_cast<char*>(mmap(
         nullptr, cHuge + cBlock, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
-    for (std::size_t offset = 0; offset <= cHuge; offset += cBlock)
-        mmap(start + offset, cBlock, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, block, 0);
+    for (std::size_t offset = 0; offset <= cHuge; offset += cBlock) {
+        if (mmap(start + offset, cBlock, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, block,
+                 0) == MAP_FAILED)
+            throw std::bad_alloc();
+    }
     close(block);
     gHuge = start;
     return start;

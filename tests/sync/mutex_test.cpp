@@ -59,10 +59,10 @@ extern "C" int semget(key_t key, int count, int flags) noexcept {
 }
 
 extern "C" int semctl(int id, int number, int command, ...) noexcept {
-    va_list rest;
-    va_start(rest, command);
-    const long argument = va_arg(rest, long);
-    va_end(rest);
+    va_list arguments;
+    va_start(arguments, command);
+    const long argument = va_arg(arguments, long);
+    va_end(arguments);
     if (command == SETVAL)
         Record("setval " + std::to_string(number) + ' ' +
                std::to_string(static_cast<int>(argument)));

@@ -151,7 +151,7 @@ TEST_P(OutOfMemory, DoesAllOrReportsTheFailureAndReleasesTheMutex) {
             EXPECT_TRUE(intact || file == std::string(8, '\0') || file.empty() ||
                         ReadTable().size() == 1)
                 << "at most what a creation wrote after a table that could not be read";
-            // The process goes on as before.
+            // The process continues as before.
             WriteTable(table);
             EXPECT_TRUE(library->IsScheduled("first task with a long name"));
         }

@@ -446,7 +446,7 @@ TEST_F(Faults, HolderThatIsStoppedKeepsOthersWaitingUntilItIsContinued) {
 
 static void OnSignal(int /*number*/) {}
 
-// The wait has failed, the call goes on without the lock, and its release lets one more in.
+// The wait has failed, the call continues without the lock, and its release lets one more in.
 TEST_F(Faults, SignalHandlerDuringAWaitLetsTheCallGoOnWithoutALock) {
     struct sigaction action {};
     action.sa_handler = OnSignal;

@@ -8,6 +8,7 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
@@ -17,7 +18,10 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include <vxsched/Error.h>
+#include <vxsched/Store.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
@@ -166,13 +170,18 @@ TEST(InterruptedChange, WaitForARunEndsAndTheProgramGoesOn) {
 
 // ---- A tick -----------------------------------------------------------------------------------
 
-// What a direct client's load does: it sets the mutex free, and reschedules what is due.
-static void LoadDirectly(TRows rows) {
+// What a direct client's load does first.
+static void SetMutexFree() {
     union {
         int val;
         void* other;
     } free{.val = 1};
     ASSERT_EQ(semctl(semget(cStoreKey, 1, 0), 0, SETVAL, free), 0);
+}
+
+// What a direct client's load does: it sets the mutex free, and reschedules what is due.
+static void LoadDirectly(TRows rows) {
+    SetMutexFree();
     for (TRow& row : rows)
         row.next = cFar;
     WriteTable(rows);
@@ -192,6 +201,97 @@ TEST(ChangeDuringATick, IsNotOverwrittenWhenADirectClientHasSetTheMutexFree) {
     EXPECT_EQ(NamesInTable(), "due second new");
     EXPECT_EQ(ReadTable()[1].paused, 1U);
     EXPECT_NE(ReadTable()[0].last, 0);
+}
+
+// Pauses "second" in a process of its own. Between the checks of the change and its calls the only
+// other task comes due, and the worker waits for the mutex, which the load sets free: the calls have
+// to wait for the tick's end, or for a direct client's load.
+static int PauseAsATickBegins(std::chrono::milliseconds lockTimeout) {
+    bool isFirst = true;
+    const auto makeDue = [&] {
+        if (!std::exchange(isFirst, false))
+            return;
+        TRows rows = ReadTable();
+        rows.at(0).next = std::time(nullptr);
+        WriteTable(rows);
+        WakeChanged();
+        // The worker and the table guard.
+        WaitUntil([] { return semctl(semget(cStoreKey, 1, 0), 0, GETNCNT) == 2; });
+    };
+    const vxsched::CStore store({.lockTimeout = lockTimeout, .onBegin = makeDue});
+    try {
+        store.Pause({"second"});
+        return 0;
+    } catch (const vxsched::CError& error) {
+        WriteFile("error", error.what());
+        return static_cast<int>(error.Code());
+    }
+}
+
+static const TRows cDueAndSecond = {{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0},
+                                    Row("second")};
+
+static void WaitForTheLaunch() {
+    WaitUntil([] { return fs::exists("log"); });
+}
+
+// The client is stopped, so that it checks the change only after the tick has overwritten it.
+TEST(ChangeDuringATick, IsMadeAgainIfTheTickEndsBeforeTheClientChecks) {
+    WriteTable(cDueAndSecond);
+    CHost host;
+    CForkedChild client([] { return PauseAsATickBegins(60s); });
+    WaitForTheLaunch();
+    const pid_t changing = ChildOf(client.Id()).value();
+    client.Kill(SIGSTOP);
+    SetMutexFree();
+    WaitUntil([&] { return HasEnded(changing); });
+    WaitUntil(WorkerIsIdle);
+    client.Kill(SIGCONT);
+    EXPECT_EQ(client.Wait(), 0) << ReadFile("error");
+    EXPECT_TRUE(IsPaused("second"));
+    EXPECT_NE(ReadTable()[0].last, 0) << "the tick has saved";
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// The change process is killed after it has saved, and the client settles the change during the tick.
+TEST(ChangeDuringATick, IsMadeAgainIfItsProcessIsKilledAsWell) {
+    WriteTable(cDueAndSecond);
+    CHost host;
+    CForkedChild client([] { return PauseAsATickBegins(60s); });
+    WaitForTheLaunch();
+    const pid_t changing = ChildOf(client.Id()).value();
+    SetMutexFree();
+    while (ReadTable()[1].paused == 0) {
+    }
+    kill(changing, SIGKILL);
+    EXPECT_EQ(client.Wait(), 0) << ReadFile("error");
+    WaitUntil(WorkerIsIdle);
+    EXPECT_TRUE(IsPaused("second"));
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+static bool IsStopped(pid_t process) {
+    const fs::path threads = "/proc/" + std::to_string(process) + "/task";
+    const fs::directory_iterator all(threads);
+    return std::all_of(begin(all), end(all), [](const fs::directory_entry& thread) {
+        return ReadFile(thread.path() / "status").find("State:\tT") != std::string::npos;
+    });
+}
+
+// The host stops itself in the middle of the tick, after the launch.
+TEST(ChangeDuringATick, IsReportedAsNotVerifiedIfTheTickDoesNotEnd) {
+    WriteTable(cDueAndSecond);
+    CHost host({"/usr/bin/env", std::string("LD_PRELOAD=") + INTERPOSED_SYSTEM, "STOP_IN_SLEEP=1",
+                HOST_PROGRAM, "--directory", "."});
+    CForkedChild client([] { return PauseAsATickBegins(3s); });
+    // All of its threads: the guard's would take the mutex.
+    WaitUntil([&] { return IsStopped(host.Id()); });
+    SetMutexFree();
+    EXPECT_EQ(client.Wait(), static_cast<int>(vxsched::EError::cUnknown));
+    EXPECT_THAT(ReadFile("error"), testing::HasSubstr("the change was made"));
+    EXPECT_EQ(ReadTable()[1].paused, 1U);
+    host.Kill(SIGCONT);
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 // The tick changes the table that the import has read, so the import has to be tried again.

@@ -1,5 +1,6 @@
 // The message of a CParseError: it repeats the argument and marks the offset of the error.
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include "cli/time/CParseError.h"
 
@@ -38,8 +39,8 @@ TEST(ParseError, InvalidBytesAreShownAsReplacementCharacters) {
         for (std::size_t i = 0; i < bytes.size(); ++i)
             shown += replacement;
         EXPECT_STREQ(CParseError("time", bytes + "x", bytes.size(), "no").what(),
-                     ("cannot read the time \"" + shown + "x\": no\n    " + shown + "x\n    " +
-                      std::string(bytes.size(), ' ') + '^')
+                     fmt::format("cannot read the time \"{0}x\": no\n    {0}x\n    {1}^", shown,
+                                 std::string(bytes.size(), ' '))
                          .c_str())
             << testing::PrintToString(bytes);
     }
