@@ -35,6 +35,7 @@ TEST(ClientLinks, ProgramThatALaunchLeavesAloneNeedsNone) {
 }
 
 TEST(ClientLinks, LinkIsSafeToScheduleAndLeadsToTheProgram) {
+    fs::create_directory("files");
     for (const char* const name : {"free", "backup.sh", "job.py", "box", "x.exe", "many.dots.e"}) {
         const std::string program = Program(name);
         const std::string link = MakeSchedulable(".", program);
@@ -46,6 +47,7 @@ TEST(ClientLinks, LinkIsSafeToScheduleAndLeadsToTheProgram) {
 }
 
 TEST(ClientLinks, ProgramHasOneLinkAndAnotherOfTheSameNameAnotherOne) {
+    fs::create_directory("files");
     const std::string program = Program("free");
     const std::string link = MakeSchedulable(".", program);
     EXPECT_EQ(MakeSchedulable(".", program), link);
@@ -62,6 +64,7 @@ TEST(ClientLinks, OtherPathsAreWhatTheyAre) {
 }
 
 TEST(ClientLinks, LinkGoesWithTheLastTaskThatNeedsIt) {
+    fs::create_directory("files");
     const std::string one = MakeSchedulable(".", Program("free"));
     const std::string two = MakeSchedulable(".", Program("backup.sh"));
     WriteFile("files/programs/kept", "not a link");
