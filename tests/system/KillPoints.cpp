@@ -340,6 +340,15 @@ void PrepareForTick() {
     WriteTable(TableOfRunningHost(cFar));
 }
 
+// Returns the due time.
+std::int64_t MakeTasksDue() {
+    const std::int64_t due = std::time(nullptr) - 1;
+    const vxsched::CStoreMutexLock lock(30s);
+    WriteFile("files/due", BytesOf(TableOfRunningHost(due)));
+    fs::rename("files/due", cTable);
+    return due;
+}
+
 TScenario TickScenario() {
     const auto due = std::make_shared<std::int64_t>();
     return {.name = "Tick",
@@ -348,13 +357,8 @@ TScenario TickScenario() {
             .act =
                 [due](CTracedProgram& host) {
                     WaitForHost(host);
-                    *due = std::time(nullptr) - 1;
-                    {
-                        const vxsched::CStoreMutexLock lock(30s);
-                        WriteFile("files/due", BytesOf(TableOfRunningHost(*due)));
-                        fs::rename("files/due", cTable);
-                        vxsched::AnnounceChange();
-                    }
+                    *due = MakeTasksDue();
+                    vxsched::AnnounceChange();
                     host.Count();
                     vxsched::WakeSchedulingProcess();
                     WaitUntil([&] {
@@ -402,12 +406,7 @@ TScenario StopScenario() {
             .act =
                 [due](CTracedProgram& host) {
                     WaitForHost(host);
-                    *due = std::time(nullptr) - 1;
-                    {
-                        const vxsched::CStoreMutexLock lock(30s);
-                        WriteFile("files/due", BytesOf(TableOfRunningHost(*due)));
-                        fs::rename("files/due", cTable);
-                    }
+                    *due = MakeTasksDue();
                     host.Count();
                     kill(host.Id(), SIGTERM);
                 },
