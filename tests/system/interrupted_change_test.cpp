@@ -281,8 +281,10 @@ static bool IsStopped(pid_t process) {
 // The host stops itself in the middle of the tick, after the launch.
 TEST(ChangeDuringATick, IsReportedAsNotVerifiedIfTheTickDoesNotEnd) {
     WriteTable(cDueAndSecond);
-    CHost host({"/usr/bin/env", std::string("LD_PRELOAD=") + INTERPOSED_SYSTEM, "STOP_IN_SLEEP=1",
-                HOST_PROGRAM, "--directory", "."});
+    setenv("LD_PRELOAD", INTERPOSED_SYSTEM, 1);
+    setenv("STOP_IN_SLEEP", "1", 1);
+    CHost host;
+    unsetenv("LD_PRELOAD");
     CForkedChild client([] { return PauseAsATickBegins(3s); });
     // All of its threads: the guard's would take the mutex.
     WaitUntil([&] { return IsStopped(host.Id()); });
