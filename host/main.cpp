@@ -47,7 +47,6 @@
 #include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
 #include "store/Layout.h"
-#include "store/StoreAccess.h"
 #include "store/StoreMutexSet.h"
 #include "store/TableSaves.h"
 
@@ -105,7 +104,7 @@ static int TryToReplaceStoreMutex(int removed) {
         const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
         if (set.isMade) {
             gMadeSet = set.id;
-            SetSemaphoreMode(vxsched::PrivateMode("."));
+            SetSemaphoreAccess(".");
         }
         if (lastRemoved.exchange(removed) != removed)
             LogWarning(fmt::format(
@@ -264,7 +263,7 @@ static void Run(const THostOptions& options) {
         FollowNextLockedSet({ReplaceStoreMutex, OnWaitForStoreMutex});
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
-    SetSemaphoreMode(vxsched::PrivateMode("."));
+    SetSemaphoreAccess(".");
     // The load launches nothing.
     HandleLaunches(loaded.library->Tasks(), &output);
     COwedLaunches::Instance().TakeOver();

@@ -53,6 +53,8 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
         const int found = FindSet(writerLock);
         if (found == -1)
             return;
+        // Before the wait: the end of a process that has waited in vain counts as a use of the set.
+        InitialiseAbandonedSet(found);
         const timespec left = deadline.TimeLeft();
         const timespec timeout = left.tv_sec < cSlice.tv_sec ? left : cSlice;
         sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = SEM_UNDO};

@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <string_view>
 
 #include <vxsched/Error.h>
@@ -62,18 +65,26 @@ void CTerminalPipe::TakeTerminals() {
 void CTerminalPipe::Copy() const {
     const int terminal = terminals[0].IsOpen() ? terminals[0].Get() : terminals[1].Get();
     std::array<char, 1 << 16> block{};
-    for (bool isOver = false;;) {
-        const ssize_t count = read(input.Get(), block.data(), block.size());
-        if (count > 0)
-            WriteAll(terminal, std::string_view(block.data(), static_cast<std::size_t>(count)));
-        else if (count == 0 || isOver || errno != EAGAIN)
-            return;
-        else {
-            std::array<pollfd, 2> ready{pollfd{.fd = input.Get(), .events = POLLIN, .revents = 0},
-                                        pollfd{.fd = end.Get(), .events = POLLIN, .revents = 0}};
-            poll(ready.data(), ready.size(), -1);
-            isOver = ready[1].revents != 0;
+    std::optional<std::size_t> left;  // in the pipe, once the copying is to end
+    while (left != 0) {
+        std::array<pollfd, 2> ready{pollfd{.fd = input.Get(), .events = POLLIN, .revents = 0},
+                                    pollfd{.fd = end.Get(), .events = POLLIN, .revents = 0}};
+        if (!left && poll(ready.data(), ready.size(), -1) > 0 && ready[1].revents != 0) {
+            // A program that keeps writing would never let the pipe become empty.
+            int available = 0;
+            ioctl(input.Get(), FIONREAD, &available);
+            left = static_cast<std::size_t>(available);
+            continue;
         }
+        const ssize_t count =
+            read(input.Get(), block.data(), std::min(block.size(), left.value_or(block.size())));
+        if (count == 0 || (count == -1 && (left || errno != EAGAIN)))
+            return;
+        if (count == -1)
+            continue;
+        WriteAll(terminal, std::string_view(block.data(), static_cast<std::size_t>(count)));
+        if (left)
+            *left -= static_cast<std::size_t>(count);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <optional>
@@ -65,14 +66,18 @@ std::string WhySemaphoresAreRefused(const std::string& directory) {
     return "";
 }
 
-void SetSemaphoreMode(mode_t mode) {
+void SetSemaphoreAccess(const std::string& directory) {
+    struct stat files {};
+    if (stat((directory + '/' + vxsched::cFilesDirectory).c_str(), &files) == -1)
+        return;
     for (const TStoreSet& set : StoreSets()) {
         struct semid_ds status {};
         TSemaphoreArgument argument{};
         argument.buf = &status;
         if (set.id == -1 || semctl(set.id, 0, IPC_STAT, argument) == -1)
             continue;
-        status.sem_perm.mode = static_cast<unsigned short>(mode);
+        status.sem_perm.mode = static_cast<unsigned short>(vxsched::PrivateMode(directory));
+        status.sem_perm.gid = files.st_gid;
         semctl(set.id, 0, IPC_SET, argument);
     }
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 // The semaphore sets of the store: its mutex and the add-in's two events. Their keys are public, and
@@ -12,6 +10,6 @@
 // tick from beginning. Empty if there is no such set. Does not block.
 std::string WhySemaphoresAreRefused(const std::string& directory);
 
-// Sets the permissions of the sets to `mode`, as far as this user may: the add-in makes them for
-// owner and group.
-void SetSemaphoreMode(mode_t mode);
+// Gives the sets the group of `files/` and PrivateMode(), as far as this user may: the add-in makes
+// them for this process's group.
+void SetSemaphoreAccess(const std::string& directory);

@@ -86,6 +86,23 @@ TEST(AbandonedSet, IsGivenItsValueByAReaderThatWaitsForIt) {
     EXPECT_EQ(StoreSemaphoreValue(), 1);
 }
 
+// The end of a process that waits for a set counts as a use of it.
+TEST(AbandonedSet, IsGivenItsValueAfterAWaiterWasKilled) {
+    semget(cStoreKey, 1, IPC_CREAT | 0660);
+    CForkedChild waiter([] {
+        const CStoreMutexLock lock(10s);
+        return 0;
+    });
+    WaitUntil([&] {
+        const std::string process = "/proc/" + std::to_string(waiter.Id()) + "/stat";
+        return ReadFile(process).find(") S ") != std::string::npos || HasEnded(waiter.Id());
+    });
+    waiter.Kill(SIGKILL);
+    waiter.Wait();
+    const CStoreMutexLock lock(0ms);
+    EXPECT_TRUE(lock.IsHeld());
+}
+
 TEST(AbandonedSet, HeldOneIsNone) {
     const int set = MakeStoreMutex();
     sembuf take{0, -1, 0};
