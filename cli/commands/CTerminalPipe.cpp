@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -16,6 +18,8 @@
 namespace vxsched {
 
 namespace {
+
+constexpr std::array<int, 2> cOutputs = {STDOUT_FILENO, STDERR_FILENO};
 
 struct TPipe {
     CDescriptor input;
@@ -38,10 +42,11 @@ CTerminalPipe::CTerminalPipe() {
     end = std::move(stop.input);
     endSignal = std::move(stop.output);
     fcntl(input.Get(), F_SETFL, O_NONBLOCK);
-    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
+    for (std::size_t index = 0; index < terminals.size(); ++index) {
+        const int output = cOutputs.at(index);
         if (isatty(output) == 0)
             continue;
-        terminals.at(output - STDOUT_FILENO) = CDescriptor(fcntl(output, F_DUPFD_CLOEXEC, 3));
+        terminals.at(index) = CDescriptor(fcntl(output, F_DUPFD_CLOEXEC, 3));
         dup2(data.output.Get(), output);
     }
     copier = std::thread([this] { Copy(); });
@@ -54,10 +59,9 @@ CTerminalPipe::~CTerminalPipe() {
 }
 
 void CTerminalPipe::TakeTerminals() {
-    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
-        const CDescriptor& terminal = terminals.at(output - STDOUT_FILENO);
-        if (terminal.IsOpen())
-            dup2(terminal.Get(), output);
+    for (std::size_t index = 0; index < terminals.size(); ++index) {
+        if (terminals.at(index).IsOpen())
+            dup2(terminals.at(index).Get(), cOutputs.at(index));
     }
 }
 
