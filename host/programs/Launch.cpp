@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -25,6 +26,7 @@
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
+#include "host/programs/CRecentLaunches.h"
 #include "host/programs/LaunchedTask.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
@@ -40,6 +42,7 @@ constexpr std::chrono::milliseconds cAgainPause(50);
 // Set while no worker runs, read on the worker.
 const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
+CRecentLaunches gRecent;  // of the worker
 
 // Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
 // and error, and no other descriptor. Before that, the new process creates the launch record at
@@ -165,6 +168,20 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
     return result;
 }
 
+// Whether the program of `task` was launched for its due time, as which process. To the add-in that
+// is a launch: it reschedules the task.
+bool IsMade(const TTask& task, pid_t& process) {
+    const std::optional<pid_t> found = gRecent.Find(task);
+    if (!found)
+        return false;
+    LogWarning(fmt::format(
+        "task \"{}\" is due again for a time for which it was launched, as process {}: another "
+        "process has saved the table as it was before. It is not launched a second time.",
+        task.name, *found));
+    process = *found;
+    return true;
+}
+
 void ReportFailure(TRunRecord& run, int error) {
     run.outcome = TRunRecord::cNotStarted;
     run.ended = run.started;
@@ -231,12 +248,14 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
 // Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
 // from libc's function in what the program inherits where the add-in passes no attributes and no
 // actions, and adds the task's name and due time to the environment. A launch that the system
-// refuses for want of processes is made later. Returns 0 or an error number, as libc's does; errno
+// refuses for want of processes is made later, one that was made is not made again. Returns 0 or an error number, as libc's does; errno
 // is not defined.
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const arguments[],
                  char* const environment[]) {
     const TTask* const task = FindTask(path, arguments);
+    if (task != nullptr && IsMade(*task, *process))
+        return 0;
     TRunRecord run = Describe(task, path, arguments);
     if (task != nullptr)
         CLaunchIntents::Instance().Intend(IntentOf(*task), FindDue);
@@ -247,6 +266,8 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
                                                .environment = environment});
     if (result == 0) {
         *process = run.process;
+        if (task != nullptr)
+            gRecent.Add(*task, run.process);
     } else if (result == EAGAIN && run.task && run.due) {
         LogWarning(
             fmt::format("cannot start {} yet: {}. Task \"{}\" is launched as soon as the "

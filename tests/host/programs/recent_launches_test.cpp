@@ -1,0 +1,62 @@
+// A due time whose launch another process undoes in the table.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "GuardedTable.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+using namespace std::chrono_literals;
+
+static const TRow cJob = {"job", cFar, 0, 24, PROGRAMS "/append-text", "log", 0};
+
+// Launches the only task, and waits until the host keeps nothing of the launch but the table.
+// Returns the table as it was before.
+static TRows LaunchTheOnlyTask() {
+    TRows before = StartTheOnlyTask();
+    WaitUntil([&] {
+        return ReadTable().at(0).next != before.at(0).next && CountIn("files/started", "@") == 0;
+    });
+    return before;
+}
+
+static void WaitForTheNextDueTime(const TRow& before) {
+    WaitUntil([&] { return ReadTable().at(0).next == before.next + 24 * 3600; });
+}
+
+static std::size_t CountOfLaunches() {
+    const std::string log = ReadFile("log");
+    return static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n'));
+}
+
+// As a direct client does that has read the table before the tick.
+TEST(RecentLaunches, DueTimeThatIsSavedAgainIsNotLaunchedAgain) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteTable(before);
+    }
+    WakeChanged();
+    WaitForTheNextDueTime(before[0]);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(CountOfLaunches(), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("task \"job\" is due again for a time"), 1U) << host.Output();
+}
+
+TEST(RecentLaunches, TaskThatACommandMakesDueAgainIsLaunchedAgain) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    const TToolRun edit =
+        RunTool({"edit", "job", "--at", "@" + std::to_string(before.at(0).next), "--every", "1d"});
+    EXPECT_EQ(edit.status, 0) << edit.error;
+    WaitUntil([] { return CountOfLaunches() == 2; });
+    WaitForTheNextDueTime(before[0]);
+    EXPECT_EQ(host.Stop(), 0);
+}
