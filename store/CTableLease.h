@@ -1,11 +1,11 @@
 #pragma once
 
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
 #include "base/CDescriptor.h"
+#include "store/CLeaseSignal.h"
 
 namespace vxsched {
 
@@ -46,11 +46,10 @@ private:
     void Ask();
     EState StateWithoutLease() const;
 
+    const CLeaseSignal signal;
     const std::filesystem::path path;
     CDescriptor descriptor;
     EState state = cUnknown;
-    // The kernel announces an opener that waits by SIGIO, which would end the process.
-    sigset_t formerMask{};
 };
 
 // Whether somebody may be saving the table of a directory, of which `bytes` were read under the

@@ -74,8 +74,8 @@ enum class EReplace { cKeepOwner, cAsPermitted };
 // Writes a temporary file, gives it the owner of `like` and the mode, and renames it to `target`.
 // With cKeepOwner it fails if it may not give the file to that owner.
 void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
-             mode_t mode, EReplace how) {
-    const fs::path fresh = target.string() + cReplacementSuffix + std::to_string(getpid());
+             mode_t mode, EReplace how, const char* suffix = cReplacementSuffix) {
+    const fs::path fresh = target.string() + suffix + std::to_string(getpid());
     const CDescriptor descriptor(
         open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!descriptor.IsOpen())
@@ -157,12 +157,20 @@ std::string TableState(const fs::path& directory) {
            ' ' + std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size);
 }
 
-void ReplaceTable(const fs::path& directory, std::string_view bytes) {
+static void ReplaceTableBy(const fs::path& directory, std::string_view bytes, const char* suffix) {
     std::error_code ignored;
     const fs::path file = TableFile(directory);
     RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
-    Replace(target, bytes, StatusOf(target), ModeOfTable(target), EReplace::cKeepOwner);
+    Replace(target, bytes, StatusOf(target), ModeOfTable(target), EReplace::cKeepOwner, suffix);
+}
+
+void ReplaceTable(const fs::path& directory, std::string_view bytes) {
+    ReplaceTableBy(directory, bytes, cReplacementSuffix);
+}
+
+void SaveTable(const fs::path& directory, std::string_view bytes) {
+    ReplaceTableBy(directory, bytes, cSaveSuffix);
 }
 
 void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) {

@@ -42,6 +42,10 @@ std::string TableState(const std::filesystem::path& directory);
 // is no target, nothing is. Throws CError (cNoAccess, cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
+// The same for a change of one task: the table guard takes it for a save, which may have removed
+// that task and no other.
+void SaveTable(const std::filesystem::path& directory, std::string_view bytes);
+
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:
 // better than an outdated table. A kill, a power failure or a CError during the overwrite leaves a
 // damaged table.

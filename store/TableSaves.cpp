@@ -6,6 +6,10 @@
 // reader sees the old table or the new one. The file is flushed to the disk before the rename, and
 // its name afterwards, so that this holds after a power failure as well.
 //
+// A direct client's load sets the store mutex free under its holder, so another process may save
+// in the middle of a tick or of a change. What the add-in reads is therefore a copy, taken while
+// nobody writes; and what others have saved since that copy is merged into what the add-in saves.
+//
 // If a read fails, the add-in's list is stale or empty; its saves are discarded until a read
 // succeeds. A FIFO or a device in place of the table is such a failure, and so is a link to
 // nothing: that table cannot be reached, and a save would create another one.
@@ -15,6 +19,7 @@
 #include <VXC_FileHook.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,16 +27,25 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
+#include <vxsched/SchedulingProcess.h>
+#include "base/CDescriptor.h"
 #include "base/DynamicSymbols.h"
 #include "base/RegularFile.h"
 #include "base/Sync.h"
+#include "base/WriteAll.h"
 #include "scheduler/TaskFields.h"
+#include "store/CFormerTable.h"
+#include "store/CReadLease.h"
 #include "store/Layout.h"
+#include "store/MergeChanges.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -50,6 +64,9 @@ bool IsTable(const char* path) {
 std::atomic<int> gTemporary{-1};
 // Likewise the table, while it is rewritten in place.
 std::atomic<int> gInPlace{-1};
+
+// The table that the add-in's list shows: as it was read or saved last. Under the store mutex.
+std::string gKnown;
 
 std::atomic<bool> gHasReadFailed{false};
 std::atomic<void (*)()> gReadFailureListener{nullptr};
@@ -99,7 +116,7 @@ int OpenTemporary(int flags, mode_t mode) {
     if (access(cTableFile, W_OK) == -1 && errno != ENOENT)
         return -1;
     const CTemporaryPath path;
-    const int descriptor = open(path, flags | O_CREAT | O_NOFOLLOW, mode);
+    const int descriptor = open(path, (flags & ~O_ACCMODE) | O_RDWR | O_CREAT | O_NOFOLLOW, mode);
     if (descriptor != -1 && CopyPermissions(descriptor, mode))
         return descriptor;
     if (descriptor != -1) {
@@ -131,18 +148,43 @@ int OpenToSave(int flags, mode_t mode) {
     return descriptor;
 }
 
+// Returns a file in memory with the same bytes; closed on failure.
+CDescriptor CopyOf(std::string_view bytes) {
+    CDescriptor copy(memfd_create(cTableName, MFD_CLOEXEC));
+    return copy.IsOpen() && WriteAllAt(copy.Get(), bytes, 0) ? std::move(copy) : CDescriptor();
+}
+
+// Returns a copy of an open table, or, where that fails, the table itself.
+int OpenCopy(CDescriptor table) {
+    try {
+        const CReadLease nobodyWrites(table.Get());
+        gKnown = ReadBytes(table.Get(), cTableFile);
+        if (CDescriptor copy = CopyOf(gKnown); copy.IsOpen())
+            return copy.Release();
+    } catch (const std::exception&) {
+        // The add-in's own read fails as well, or succeeds now.
+    }
+    gKnown.clear();
+    lseek(table.Get(), 0, SEEK_SET);
+    return table.Release();
+}
+
 // A missing table is not a failed read: there is nothing to lose. The missing target of a link may
-// hold tasks.
+// hold tasks. A table that this process may not write is not read either.
 int OpenToRead(int flags, mode_t mode) {
-    const int descriptor = OpenTable(flags, mode);
-    if (descriptor == -1 && errno == EINTR)
-        return descriptor;  // COpen tries again
+    CDescriptor table;
+    if (faccessat(AT_FDCWD, cTableFile, W_OK, AT_EACCESS) == 0)
+        table = CDescriptor(OpenTable((flags & ~O_ACCMODE) | O_RDONLY, mode));
+    if (!table.IsOpen() && errno == EINTR)
+        return -1;  // COpen tries again
     const int error = errno;
-    if (descriptor == -1 && (error != ENOENT || IsLinkToNothing(cTableFile)))
+    if (!table.IsOpen() && (error != ENOENT || IsLinkToNothing(cTableFile))) {
         ReadFailed(error);
-    else
-        gHasReadFailed = false;
-    return descriptor;
+        return -1;
+    }
+    gHasReadFailed = false;
+    errno = error;
+    return table.IsOpen() ? OpenCopy(std::move(table)) : -1;
 }
 
 int OpenFile(const char* path, int flags, unsigned int mode) {
@@ -153,25 +195,73 @@ int OpenFile(const char* path, int flags, unsigned int mode) {
     return (flags & O_CREAT) != 0 ? cVXC_OpenAsUsual : OpenToRead(flags, mode);
 }
 
+// A save that is about to replace the table.
+struct TSave {
+    std::string bytes;  // as the add-in wrote them
+    bool isMerged = false;
+    std::unique_ptr<CFormerTable> former;  // null if it cannot be read
+};
+
+bool Rewrite(int descriptor, std::string_view bytes) {
+    return ftruncate(descriptor, 0) == 0 && WriteAllAt(descriptor, bytes, 0) &&
+           SyncFile(descriptor);
+}
+
+// Merges what others have saved since the add-in read the table into its save, and flushes it.
+// False, with errno, if it cannot be written.
+bool Complete(int descriptor, TSave& save) {
+    if (!SyncFile(descriptor))
+        return false;
+    try {
+        lseek(descriptor, 0, SEEK_SET);
+        save.bytes = ReadBytes(descriptor, cTableFile);
+        save.former = std::make_unique<CFormerTable>(".");
+        const std::string merged = MergeChanges(gKnown, save.bytes, save.former->Bytes());
+        save.isMerged = merged != save.bytes;
+        return !save.isMerged || Rewrite(descriptor, merged);
+    } catch (const std::exception&) {
+        // Without the memory for it, or the former table, the save is made as it is.
+        save = {};
+        return true;
+    }
+}
+
+// Has the table, which is replaced by now, hold what others have written into the former one.
+void Settle(TSave& save) {
+    const std::string before = std::exchange(gKnown, std::move(save.bytes));
+    try {
+        std::optional<std::string> written;
+        if (save.former)
+            written = save.former->WrittenSince();
+        if (written)
+            ReplaceMerged(".", save.former->BaseOfOthers(before), *std::move(written));
+        // The add-in's list lacks it.
+        if (written || save.isMerged)
+            AnnounceChange();
+    } catch (const std::exception&) {
+        // The add-in's save is made.
+    }
+}
+
 int CloseSave(int descriptor, bool isComplete) {
     gTemporary = -1;
     const CTemporaryPath path;
-    const int syncError = isComplete && !SyncFile(descriptor) ? errno : 0;
-    int result = Close(descriptor);
-    if (result == 0 && syncError != 0) {
-        errno = syncError;
-        result = -1;
+    TSave save;
+    bool isGood = isComplete && Complete(descriptor, save);
+    int error = errno;
+    const int closed = Close(descriptor);
+    if (isGood && (closed == -1 || rename(path, cTableFile) == -1)) {
+        isGood = false;
+        error = errno;
     }
-    if (result == 0 && isComplete)
-        result = rename(path, cTableFile);
-    if (result == 0 && isComplete) {
-        SyncDirectory(cFilesDirectory);
-        return result;
+    if (!isGood) {
+        unlink(path);
+        errno = error;
+        return isComplete ? -1 : closed;
     }
-    const int error = errno;
-    unlink(path);
-    errno = error;
-    return result;
+    SyncDirectory(cFilesDirectory);
+    Settle(save);
+    return 0;
 }
 
 // If the close of a table that was rewritten in place fails, the add-in empties its list: that must

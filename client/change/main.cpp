@@ -28,6 +28,7 @@
 #include "interpose/FileStatus.h"
 #include "interpose/SemaphoreWait.h"
 #include "store/Backups.h"
+#include "store/CFormerTable.h"
 #include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
@@ -167,6 +168,7 @@ std::optional<TTable> Begin(TRequest& request) {
 // task: killed before PauseTask, this process would leave it active. The caller holds the writer
 // lock and the store mutex.
 void ReplacePaused(TTable table, const TCall& call) {
+    std::string before = EncodeTable(table.tasks);
     for (TTaskEntry& task : table.tasks) {
         if (task.name != call.task.name)
             continue;
@@ -174,7 +176,7 @@ void ReplacePaused(TTable table, const TCall& call) {
         task.last = call.seen.last;
         task.paused = true;
     }
-    ReplaceTable(".", EncodeTable(table.tasks));
+    ReplaceMerged(".", std::move(before), EncodeTable(table.tasks));
     AnnounceChange();
 }
 

@@ -107,3 +107,27 @@ TEST(TableSaves, AreMadeAgainAfterAPipeWasMovedAway) {
               "pipe ok\nread failed\ndirectory ok\nstat failed\nsave ok\n");
     EXPECT_EQ(ReadFile(cTable), "saved");
 }
+
+static std::string NamesAfter(const std::vector<std::string>& steps) {
+    TRow first;
+    first.name = "first";
+    WriteTable({first});
+    StepsOf(steps);
+    return NamesInTable();
+}
+
+// A direct client's load sets the store mutex free in the middle of a tick.
+TEST(TableSaves, KeepWhatAnotherProcessHasSavedSinceTheRead) {
+    EXPECT_EQ(NamesAfter({"load", "add"}), "first ours");
+    EXPECT_EQ(NamesAfter({"load", "other", "add"}), "first theirs ours");
+}
+
+TEST(TableSaves, KeepItAtTheNextSaveOfTheSameListToo) {
+    EXPECT_EQ(NamesAfter({"load", "other", "add", "again"}), "first theirs ours");
+    EXPECT_EQ(NamesAfter({"load", "add", "other", "again"}), "first ours theirs");
+}
+
+// Its open came before the rename, so it writes into the file that has lost its name.
+TEST(TableSaves, KeepWhatAnotherProcessWritesIntoTheFormerFile) {
+    EXPECT_EQ(NamesAfter({"load", "late", "add"}), "first ours theirs");
+}

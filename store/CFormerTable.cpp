@@ -1,0 +1,67 @@
+#include "store/CFormerTable.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include <vxsched/Error.h>
+#include <vxsched/Table.h>
+#include "base/RegularFile.h"
+#include "store/CReadLease.h"
+#include "store/MergeChanges.h"
+#include "store/TableFile.h"
+
+namespace vxsched {
+
+namespace fs = std::filesystem;
+
+// A save that was cut short is none.
+static bool IsTable(const std::string& bytes) {
+    try {
+        DecodeTable(bytes, TTime());
+        return true;
+    } catch (const CError&) {
+        return false;
+    }
+}
+
+CFormerTable::CFormerTable(const fs::path& directory)
+    : file(OpenRegularFile(TableFile(directory).c_str(), O_RDONLY)) {
+    if (!file.IsOpen())
+        return;
+    lease = std::make_unique<CReadLease>(file.Get());
+    bytes = ReadBytes(file.Get(), TableFile(directory));
+}
+
+CFormerTable::~CFormerTable() = default;
+
+std::string CFormerTable::BaseOfOthers(std::string known) const {
+    return IsTable(bytes) ? bytes : std::move(known);
+}
+
+std::optional<std::string> CFormerTable::WrittenSince() {
+    if (!file.IsOpen() || lease->IsUnbroken())
+        return {};
+    lease.reset();
+    const CReadLease afterTheirs(file.Get());
+    if (lseek(file.Get(), 0, SEEK_SET) == -1)
+        throw SystemError("cannot read the former table", errno);
+    std::string now = ReadBytes(file.Get(), "the former table");
+    return now != bytes && IsTable(now) ? std::optional(std::move(now)) : std::nullopt;
+}
+
+void ReplaceMerged(const fs::path& directory, std::string base, std::string ours) {
+    for (;;) {
+        CFormerTable former(directory);
+        SaveTable(directory, MergeChanges(base, ours, former.Bytes()));
+        std::optional<std::string> written = former.WrittenSince();
+        if (!written)
+            return;
+        base = former.BaseOfOthers(std::move(base));
+        ours = *std::move(written);
+    }
+}
+
+}  // namespace vxsched

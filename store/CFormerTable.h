@@ -1,0 +1,49 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/CDescriptor.h"
+
+namespace vxsched {
+
+class CReadLease;
+
+// The table's file right before it is replaced, and what others write into it all the same: a
+// process whose load of the add-in has set the store mutex free may save at the same moment, and
+// its save goes to the file that has just lost its name. While this object lives, whoever opens the
+// file for writing waits, where the kernel grants that (CReadLease). For one thread.
+class CFormerTable {
+public:
+    // Reads the table's file of the directory; waits while it is being saved. Throws CError as
+    // ReadBytes() does.
+    explicit CFormerTable(const std::filesystem::path& directory);
+    ~CFormerTable();
+    CFormerTable(const CFormerTable&) = delete;
+    CFormerTable& operator=(const CFormerTable&) = delete;
+
+    // Empty, which no table is, if there is no file.
+    const std::string& Bytes() const { return bytes; }
+
+    // The table that somebody has changed who has written the file since: the one that was read or,
+    // if that was in the middle of a save, `known`.
+    std::string BaseOfOthers(std::string known) const;
+
+    // For a caller that has replaced the file: lets those go on who wait to write the former one,
+    // waits until they have, and returns the table that they have written; nothing if nobody has.
+    // Once.
+    std::optional<std::string> WrittenSince();
+
+private:
+    CDescriptor file;
+    std::unique_ptr<CReadLease> lease;
+    std::string bytes;
+};
+
+// Replaces the table by one with the changes that lead from `base` to `ours`, and with those that
+// others have saved meanwhile. The caller holds the store mutex. Throws CError as SaveTable() does.
+void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours);
+
+}  // namespace vxsched

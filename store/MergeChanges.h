@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace vxsched {
+
+// Two changes of one table that neither saw the other's: both read `base`; one has saved `theirs`,
+// and `ours` is about to replace it. Returns the bytes that hold both. A plain function of its
+// arguments.
+//
+// Tasks are told apart by name, and compared field by field: what only one side has changed is as
+// that side left it, and what both have changed is as in `theirs`. A task that one side has removed
+// is gone, unless it ran once and the other has given it another due time. New tasks of `ours` come
+// last. If any of the three is no table, or has two tasks of one name, the result is `ours`.
+std::string MergeChanges(std::string_view base, std::string ours, std::string_view theirs);
+
+}  // namespace vxsched
