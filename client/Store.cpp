@@ -9,6 +9,7 @@
 #include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
 #include "store/Backups.h"
+#include "store/CFormerTable.h"
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
@@ -339,7 +340,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
         canReplace(bytes);
     if (IsTable(bytes))
         KeepBeforeChange(options.directory, bytes);
-    ReplaceTable(options.directory, EncodeTable(tasks));
+    ReplaceMerged(options.directory, bytes, EncodeTable(tasks), ReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.
     AnnounceChange();
     return true;

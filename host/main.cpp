@@ -44,6 +44,7 @@
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
+#include "interpose/SemaphoreLoad.h"
 #include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
 #include "store/Layout.h"
@@ -258,8 +259,9 @@ static void Run(const THostOptions& options) {
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
     MakeLaunchRecordDirectory();
     CHeartbeat heartbeat;
-    TLoaded loaded = LoadAddIn(options, heartbeat.PreviousUptime(), history, [&] {
+    TLoaded loaded = LoadAddIn(options, heartbeat.PreviousUptime(), history, [&](int heldSet) {
         const CFrozenClock clock;
+        ReleaseAtLoad(heldSet);
         FollowNextLockedSet({ReplaceStoreMutex, OnWaitForStoreMutex});
         return std::make_unique<CAddInLibrary>(options.addIn);
     });

@@ -52,10 +52,11 @@ std::optional<std::string> CFormerTable::WrittenSince() {
     return now != bytes && IsTable(now) ? std::optional(std::move(now)) : std::nullopt;
 }
 
-void ReplaceMerged(const fs::path& directory, std::string base, std::string ours) {
+void ReplaceMerged(const fs::path& directory, std::string base, std::string ours,
+                   TWriteTable write) {
     for (;;) {
         CFormerTable former(directory);
-        SaveTable(directory, MergeChanges(base, ours, former.Bytes()));
+        write(directory, MergeChanges(base, ours, former.Bytes()));
         std::optional<std::string> written = former.WrittenSince();
         if (!written)
             return;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/CDescriptor.h"
 
@@ -42,8 +43,12 @@ private:
     std::string bytes;
 };
 
+using TWriteTable = void (*)(const std::filesystem::path& directory, std::string_view bytes);
+
 // Replaces the table by one with the changes that lead from `base` to `ours`, and with those that
-// others have saved meanwhile. The caller holds the store mutex. Throws CError as SaveTable() does.
-void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours);
+// others have saved meanwhile. The caller holds the store mutex. `write` is the function of
+// store/TableFile.h that writes it; throws CError as that does.
+void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours,
+                   TWriteTable write);
 
 }  // namespace vxsched

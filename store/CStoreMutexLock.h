@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <utility>
 
 #include "store/CWriterLock.h"
 
@@ -30,8 +31,8 @@ public:
 
     // The destructor no longer releases the mutex. For a process that loads the add-in while it
     // holds the mutex: the load sets the mutex free, and a second release would let two processes
-    // in at once from then on.
-    void Forget() { set = -1; }
+    // in at once from then on. Returns the semaphore set, -1 if none is held.
+    int Forget() { return std::exchange(set, -1); }
 
     // False for a reader if there is no store, or its semaphore was removed during the wait.
     bool IsHeld() const { return set != -1; }

@@ -26,6 +26,7 @@
 #include "client/change/Launches.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
+#include "interpose/SemaphoreLoad.h"
 #include "interpose/SemaphoreWait.h"
 #include "store/Backups.h"
 #include "store/CFormerTable.h"
@@ -176,7 +177,7 @@ void ReplacePaused(TTable table, const TCall& call) {
         task.last = call.seen.last;
         task.paused = true;
     }
-    ReplaceMerged(".", std::move(before), EncodeTable(table.tasks));
+    ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), SaveTable);
     AnnounceChange();
 }
 
@@ -219,7 +220,7 @@ void Make(const CAddIn& addIn, const TCall& call) {
 
 // Makes the change. False if a message has sent the client to wait or start over. The store mutex is
 // taken before the load of the add-in, so that the load, which sets it free, ends no other process's
-// hold; the load is its release. If the load fails, the kernel releases the mutex at the end of this
+// hold; the load releases it. If the load fails, the kernel releases the mutex at the end of this
 // process.
 bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
     auto lock =
@@ -231,7 +232,7 @@ bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
         ReplacePaused(*std::move(table), request.calls.front());
         return true;
     }
-    lock.Forget();
+    ReleaseAtLoad(lock.Forget());
     KeepLocking(writerLock);
     std::optional<CFrozenClock> clock(std::in_place);
     const CAddIn addIn(request.addIn);

@@ -36,7 +36,6 @@ CStoreGate::CStoreGate(std::chrono::milliseconds lockTimeout)
     }
 }
 
-void CStoreGate::Loaded() {
-    if (mutex)
-        mutex->Forget();
+int CStoreGate::LeaveMutexToLoad() {
+    return mutex ? mutex->Forget() : -1;
 }

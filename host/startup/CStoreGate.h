@@ -23,9 +23,9 @@ public:
     // store mutex cannot be used.
     explicit CStoreGate(std::chrono::milliseconds lockTimeout);
 
-    // The add-in has been loaded, which has set the mutex free. Releasing it again would let two
-    // holders in at once.
-    void Loaded();
+    // The load of the add-in, which is about to be made, releases the mutex; releasing it again
+    // would let two holders in at once. Returns its semaphore set, -1 if the mutex is not held.
+    int LeaveMutexToLoad();
 
 private:
     std::optional<vxsched::CWriterLock> writerLock;

@@ -15,6 +15,7 @@
 #include "host/startup/PrepareTable.h"
 #include "host/startup/RepairPlan.h"
 #include "store/Backups.h"
+#include "store/CFormerTable.h"
 #include "store/CTableLease.h"
 #include "store/TableFile.h"
 
@@ -107,7 +108,9 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
     for (const TOwedLaunch& launch : unknown)
         ForgetOwedLaunch(launch);
     if (prepared.tasks != tasks)
-        vxsched::ReplaceOrOverwriteTable(".", vxsched::EncodeTable(prepared.tasks));
+        vxsched::ReplaceMerged(".", vxsched::EncodeTable(tasks),
+                               vxsched::EncodeTable(prepared.tasks),
+                               vxsched::ReplaceOrOverwriteTable);
     for (const TLaunchRecord& record : records)
         RemoveLaunchRecord(record);
     CLaunchIntents::Instance().Clear();
@@ -116,7 +119,7 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
 
 TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& previous,
                   CRunHistory& history,
-                  const std::function<std::unique_ptr<CAddInLibrary>()>& load) {
+                  const std::function<std::unique_ptr<CAddInLibrary>(int)>& load) {
     CStoreGate gate(options.lockTimeout);
     TLoaded loaded;
     try {
@@ -127,7 +130,6 @@ TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& pre
                                      "was not changed.",
                                      error.what()));
     }
-    loaded.library = load();
-    gate.Loaded();
+    loaded.library = load(gate.LeaveMutexToLoad());
     return loaded;
 }

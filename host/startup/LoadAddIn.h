@@ -28,8 +28,9 @@ struct TLoaded {
 // logged and recorded in `history`. Tasks that came due during the uptime of the previous host,
 // `previous`, stay due.
 //
-// `load` must not change the table. Throws CHostError: cBadTable when the table cannot be read or
+// `load` gets the semaphore set of the store mutex, which this process holds until the load releases
+// it; -1 if it does not. `load` must not change the table. Throws CHostError: cBadTable when the table cannot be read or
 // repaired, cNoAddIn, cNoStore, cNoDirectory.
 TLoaded LoadAddIn(const THostOptions& options, const std::optional<TUptime>& previous,
                   CRunHistory& history,
-                  const std::function<std::unique_ptr<CAddInLibrary>()>& load);
+                  const std::function<std::unique_ptr<CAddInLibrary>(int)>& load);
