@@ -36,6 +36,8 @@ INTERPOSED int semctl(int set, int number, int command, ...) noexcept {
     int held = set;
     if (command != SETVAL || argument.val != 1 || !gHeld.compare_exchange_strong(held, cNoSet))
         return next(set, number, command, argument);
-    const int result = ReleaseIfTaken(set);
-    return result == -1 && errno == ERANGE ? 0 : result;
+    if (ReleaseIfTaken(set) == -1)
+        return errno == ERANGE ? 0 : -1;
+    // The mutex let several in, and this process was one of them.
+    return next(set, 0, GETVAL) > 1 ? next(set, number, command, argument) : 0;
 }

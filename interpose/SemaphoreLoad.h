@@ -6,5 +6,6 @@
 // may hold it.
 
 // The next time that this process sets the value of `set` to 1, as the load does, the set is
-// released instead, and only if this process still holds it. -1: none. Any thread may call it.
+// released instead, and only if this process still holds it; a value that lets several in is set all
+// the same. -1: none. Any thread may call it.
 void ReleaseAtLoad(int set);

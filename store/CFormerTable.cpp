@@ -37,8 +37,8 @@ CFormerTable::CFormerTable(const fs::path& directory)
 
 CFormerTable::~CFormerTable() = default;
 
-std::string CFormerTable::BaseOfOthers(std::string known) const {
-    return IsTable(bytes) ? bytes : std::move(known);
+std::string CFormerTable::BaseOfOthers(const std::string& known) const {
+    return IsTable(bytes) ? bytes : known;
 }
 
 std::optional<std::string> CFormerTable::WrittenSince() {
@@ -60,7 +60,7 @@ void ReplaceMerged(const fs::path& directory, std::string base, std::string ours
         std::optional<std::string> written = former.WrittenSince();
         if (!written)
             return;
-        base = former.BaseOfOthers(std::move(base));
+        base = former.BaseOfOthers(base);
         ours = *std::move(written);
     }
 }

@@ -30,7 +30,7 @@ public:
 
     // The table that somebody has changed who has written the file since: the one that was read or,
     // if that was in the middle of a save, `known`.
-    std::string BaseOfOthers(std::string known) const;
+    std::string BaseOfOthers(const std::string& known) const;
 
     // For a caller that has replaced the file: lets those go on who wait to write the former one,
     // waits until they have, and returns the table that they have written; nothing if nobody has.

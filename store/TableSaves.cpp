@@ -234,7 +234,7 @@ void Settle(TSave& save) {
         if (save.former)
             written = save.former->WrittenSince();
         if (written)
-            ReplaceMerged(".", save.former->BaseOfOthers(before), *std::move(written), SaveTable);
+            ReplaceMerged(".", save.former->BaseOfOthers(before), *written, SaveTable);
         // The add-in's list lacks it.
         if (written || save.isMerged)
             AnnounceChange();

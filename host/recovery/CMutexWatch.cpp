@@ -76,9 +76,9 @@ bool CMutexWatch::Heal() {
         return true;
     const std::string reason = vxsched::Describe(*result.holder);
     // A process that just ran at one check is not worth a line. A value above 1 keeps nobody
-    // waiting.
+    // waiting; it is not checked for ever if only the superuser could find out who holds it.
     const bool isLasting = reason == std::exchange(previousReason, reason);
     if (result.value == 0 && isLasting && reason != lastReason)
         LogWarning(fmt::format("the store mutex is not released: {}", lastReason = reason));
-    return result.value == 0;
+    return result.value == 0 || result.holder->reason == vxsched::TPossibleHolder::cMayHold;
 }

@@ -119,6 +119,8 @@ bool CTableGuard::Watch() {
 
 void CTableGuard::Run() {
     gIsHostThread = true;
+    // Others may have used the store since before the table's file was watched.
+    mutexWatch.Begin();
     // The constructor's check may have failed.
     bool retry = !lastValid;
     while (!isStopping) {

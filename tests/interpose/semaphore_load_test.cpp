@@ -64,3 +64,12 @@ TEST(SemaphoreLoad, SetsEveryOtherValue) {
     ASSERT_EQ(semctl(set, 0, SETVAL, 5), 0);
     EXPECT_EQ(semctl(set, 0, GETVAL), 5);
 }
+
+TEST(SemaphoreLoad, HealsAMutexThatLetsSeveralIn) {
+    const int set = MakeStoreMutex();
+    ASSERT_EQ(semctl(set, 0, SETVAL, 3), 0);
+    Take(set);
+    ReleaseAtLoad(set);
+    Load();
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+}

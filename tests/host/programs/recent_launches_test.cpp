@@ -12,6 +12,7 @@
 
 using namespace std::chrono_literals;
 
+static constexpr std::int64_t cDay = 24L * 3600;
 static const TRow cJob = {"job", cFar, 0, 24, PROGRAMS "/append-text", "log", 0};
 
 // Launches the only task, and waits until the host keeps nothing of the launch but the table.
@@ -25,7 +26,7 @@ static TRows LaunchTheOnlyTask() {
 }
 
 static void WaitForTheNextDueTime(const TRow& before) {
-    WaitUntil([&] { return ReadTable().at(0).next == before.next + 24 * 3600; });
+    WaitUntil([&] { return ReadTable().at(0).next == before.next + cDay; });
 }
 
 static std::size_t CountOfLaunches() {

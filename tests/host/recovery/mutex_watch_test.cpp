@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
+#include "host/recovery/CTableGuard.h"
 #include "store/CWriterLock.h"
 
 #include <chrono>
@@ -88,6 +89,35 @@ TEST(HostMutexWatch, ProcessThatMayHoldItIsLoggedOnceAndItsEndHealsIt) {
         WaitUntil(WorkerIsIdle);
         EXPECT_EQ(host.Stop(), 0);
         EXPECT_EQ(host.CountInOutput("the store mutex is not released"), 1U) << host.Output();
+    });
+}
+
+TEST(HostMutexWatch, MutexThatLetsSeveralInIsHealedAfterTheEndOfAProcessThatMayHoldIt) {
+    Inspectable([] {
+        WriteTable(cThree);
+        CHost host;
+        {
+            const CProgram other(LoadAndSleep());
+            WaitUntil([] { return fs::exists("ready"); });
+            Change(semget(cStoreKey, 1, 0), 2, 0);
+            OpenTheTable();
+            // Until a check has found that process.
+            std::this_thread::sleep_for(std::chrono::seconds(5));
+            EXPECT_EQ(StoreSemaphoreValue(), 3);
+        }
+        EXPECT_TRUE(host.WaitForOutput("let 3 processes in at once")) << host.Output();
+        EXPECT_EQ(host.Stop(), 0);
+    });
+}
+
+// Before the guard watches the table's file.
+TEST(HostMutexWatch, MutexThatWasWedgedDuringTheStartupIsHealed) {
+    Inspectable([] {
+        WriteTable(cThree);
+        Change(MakeStoreMutex(), 2, 0);
+        CTableGuard guard(0);
+        guard.Begin();
+        WaitUntil([] { return StoreSemaphoreValue() == 1; });
     });
 }
 
