@@ -1,9 +1,11 @@
 // The store mutex while a real host runs: a wedged one is set free, any other is left alone.
 
+#include <CEvent.h>
 #include <gtest/gtest.h>
 #include <sys/sem.h>
 #include "host/recovery/CTableGuard.h"
 #include "store/CWriterLock.h"
+#include "store/Layout.h"
 
 #include <chrono>
 #include <filesystem>
@@ -115,9 +117,17 @@ TEST(HostMutexWatch, MutexThatWasWedgedDuringTheStartupIsHealed) {
     Inspectable([] {
         WriteTable(cThree);
         Change(MakeStoreMutex(), 2, 0);
+        CEvent healed(vxsched::cStopEventName, false);
+        CForkedChild observer([&] {
+            WaitUntil([] { return StoreSemaphoreValue() == 1; });
+            healed.SetEvent();
+            return 0;
+        });
         CTableGuard guard(0);
         guard.Begin();
-        WaitUntil([] { return StoreSemaphoreValue() == 1; });
+        // A thread that waits for an event does not hold the mutex, unlike one that only sleeps.
+        healed.Wait(-1);
+        EXPECT_EQ(observer.Wait(), 0);
     });
 }
 
