@@ -25,7 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr char cForms[] =
-    "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
+    "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, friday noon, in 3h or now";
 constexpr char cSkippedByClock[] =
     "this local time does not exist: the clock is set forward over it";
 
@@ -74,7 +74,22 @@ date::local_days ReadDate(CParser& reader) {
     return date::local_days(date);
 }
 
+// `noon` or `midnight`; nothing if `word` is neither.
+std::optional<seconds> TimeOfDayCalled(std::string_view word) {
+    if (word == "noon")
+        return 12h;
+    if (word == "midnight")
+        return 0h;
+    return {};
+}
+
 seconds ReadTimeOfDay(CParser& reader) {
+    const std::size_t offset = reader.Offset();
+    if (reader.IsAtLetter()) {
+        if (const std::optional<seconds> time = TimeOfDayCalled(reader.TakeWord()))
+            return *time;
+        reader.Fail(offset, "expected a time of day such as 14:30");
+    }
     if (!reader.IsAtDigit())
         reader.Fail(reader.Offset(), "expected a time of day such as 14:30");
     seconds time = hours(ReadPart(reader, 23, "hour"));
@@ -137,7 +152,7 @@ TTime ReadDateAndTime(CParser& reader) {
         reader.SkipBlanks();
         if (IsAtZone(reader))
             reader.Fail(reader.Offset(), cZoneAlone);
-        if (!reader.IsAtDigit())
+        if (!reader.IsAtDigit() && !reader.IsAtLetter())
             return FirstShowing(wall, reader, offset);
         offset = reader.Offset();
         wall += ReadTimeOfDay(reader);
@@ -148,17 +163,39 @@ TTime ReadDateAndTime(CParser& reader) {
     return FirstShowing(wall, reader, offset);
 }
 
-// `day` is 0 for today, 1 for tomorrow.
+// `day` is 0 for today, 1 for tomorrow. Without a time of day it is midnight.
 TTime ReadTimeOfNamedDay(CParser& reader, TTime now, date::days day) {
     reader.SkipBlanks();
     const std::size_t offset = reader.Offset();
     const TWallTime midnight = date::floor<date::days>(LocalWallTimeAt(now)) + day;
-    return FirstShowing(midnight + ReadTimeOfDay(reader), reader, offset);
+    return FirstShowing(midnight + (reader.IsAtEnd() ? 0s : ReadTimeOfDay(reader)), reader, offset);
 }
 
-TTime ReadNextTimeOfDay(CParser& reader, TTime now) {
+// Sunday to Saturday in English, whole or as three letters; nothing for any other word.
+std::optional<date::weekday> WeekdayCalled(std::string_view word) {
+    constexpr std::string_view cNames[] = {"sunday",   "monday", "tuesday", "wednesday",
+                                           "thursday", "friday", "saturday"};
+    for (unsigned number = 0; number < std::size(cNames); ++number) {
+        if (word == cNames[number] || word == cNames[number].substr(0, 3))
+            return date::weekday(number);
+    }
+    return {};
+}
+
+// The first day of that name, today included, at whose time of day it is not before `now`.
+TTime ReadTimeOfWeekday(CParser& reader, TTime now, date::weekday weekday) {
+    reader.SkipBlanks();
     const std::size_t offset = reader.Offset();
-    const seconds timeOfDay = ReadTimeOfDay(reader);
+    const seconds timeOfDay = reader.IsAtEnd() ? 0s : ReadTimeOfDay(reader);
+    const date::local_days today = date::floor<date::days>(LocalWallTimeAt(now));
+    const date::local_days day = today + (weekday - date::weekday(today));
+    const std::vector<TTime> times = TimesShowing(day + timeOfDay);
+    const bool isPast = day == today && !times.empty() && times.front() < now;
+    return FirstShowing(day + (isPast ? date::days(7) : date::days(0)) + timeOfDay, reader, offset);
+}
+
+// `timeOfDay` has been read at `offset`.
+TTime ReadNextTimeOfDay(CParser& reader, TTime now, seconds timeOfDay, std::size_t offset) {
     reader.SkipBlanks();
     if (IsAtZone(reader))
         reader.Fail(reader.Offset(), "a zone is accepted only together with a date");
@@ -226,10 +263,12 @@ TTime ReadTimeInWords(CParser& reader, TTime now) {
         RequireSecondWord(reader, "a time of day such as 14:30", "today 14:30");
         return ReadTimeOfNamedDay(reader, now, date::days(0));
     }
-    if (word == "tomorrow") {
-        RequireSecondWord(reader, "a time of day such as 14:30", "tomorrow 14:30");
+    if (word == "tomorrow")
         return ReadTimeOfNamedDay(reader, now, date::days(1));
-    }
+    if (const std::optional<date::weekday> weekday = WeekdayCalled(word))
+        return ReadTimeOfWeekday(reader, now, *weekday);
+    if (const std::optional<seconds> timeOfDay = TimeOfDayCalled(word))
+        return ReadNextTimeOfDay(reader, now, *timeOfDay, offset);
     reader.Fail(offset, cForms);
 }
 
@@ -242,8 +281,11 @@ TTime ReadTime(CParser& reader, TTime now) {
         return ReadSecondsSince1970(reader);
     if (reader.IsAtDigit() && reader.NextAfterDigits() == '-')
         return ReadDateAndTime(reader);
-    if (reader.IsAtDigit() && reader.NextAfterDigits() == ':')
-        return ReadNextTimeOfDay(reader, now);
+    if (reader.IsAtDigit() && reader.NextAfterDigits() == ':') {
+        const std::size_t offset = reader.Offset();
+        const seconds timeOfDay = ReadTimeOfDay(reader);
+        return ReadNextTimeOfDay(reader, now, timeOfDay, offset);
+    }
     reader.Fail(reader.Offset(), cForms);
 }
 

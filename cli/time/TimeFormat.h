@@ -18,7 +18,10 @@ namespace vxsched {
 //                      are optional, as in 14:30:15; T may replace the blank
 //   2026-11-21         midnight, local time
 //   14:30              the next time at or after `now` when a local clock shows this
-//   today 14:30        or tomorrow, by the local calendar
+//   today 14:30        or tomorrow, by the local calendar; tomorrow alone is its midnight
+//   friday 14:30       or fri: the next time at or after `now` on a day of this name; friday alone is
+//                      the next midnight with which such a day begins
+//   noon, midnight     12:00 and 00:00, alone or wherever a time of day is
 //   now
 //   in 3h, +1d12h      from `now`, with s, m or min, h, d, w or English words; a day is 24 hours
 //   @1795267800        seconds since 1970, as FormatTime writes times outside the years 1 to 9999

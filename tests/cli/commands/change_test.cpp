@@ -141,7 +141,8 @@ TEST_F(Cli, TimeThatIsNotQuotedIsReportedAsSuch) {
     ExpectRefused(2, quote, {"edit", "a", "--at", "in", "3h"});
     ExpectRefused(2, quote, {"create", "b", "--at", "in", "3h", "--", cRecorder});
     ExpectRefused(2, quote, {"create", "b", "--at", "in", "3h", "--", cRecorder, "parameter"});
-    ExpectRefused(2, quote, {"next", "--until", "tomorrow", "14:30"});
+    ExpectRefused(2, quote, {"next", "--until", "today", "14:30"});
+    ExpectRefused(2, "unexpected argument \"14:30\"", {"next", "--until", "tomorrow", "14:30"});
     ExpectRefused(2, "unexpected argument \"14:30\"; quote an argument of several words",
                   {"edit", "a", "--at", "2026-11-21", "14:30"});
 }

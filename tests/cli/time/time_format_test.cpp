@@ -111,6 +111,24 @@ INSTANTIATE_TEST_SUITE_P(
         TAccepted{"Europe/Berlin", "Today  02:00:07", cNow, "2026-11-21T01:00:07Z"},
         TAccepted{"Europe/Berlin", "tomorrow 02:00", cNow, "2026-11-22T01:00:00Z"},
         TAccepted{"Europe/Berlin", "TOMORROW 23:59:59", cNow, "2026-11-22T22:59:59Z"},
+        TAccepted{"Europe/Berlin", "tomorrow", cNow, "2026-11-21T23:00:00Z"},
+        TAccepted{"Europe/Berlin", "tomorrow ", cNow, "2026-11-21T23:00:00Z"},
+        TAccepted{"Europe/Berlin", "tomorrow noon", cNow, "2026-11-22T11:00:00Z"},
+        TAccepted{"Europe/Berlin", "2026-11-21 midnight", cNow, "2026-11-20T23:00:00Z"},
+        TAccepted{"UTC", "noon", cNow, cNow},
+        TAccepted{"Europe/Berlin", "Noon", cNow, "2026-11-22T11:00:00Z"},
+        TAccepted{"Europe/Berlin", "midnight", cNow, "2026-11-21T23:00:00Z"},
+        // 2026-11-21 is a Saturday.
+        TAccepted{"UTC", "saturday 12:00", cNow, cNow},
+        TAccepted{"UTC", "saturday 12:00:01", cNow, "2026-11-21T12:00:01Z"},
+        TAccepted{"UTC", "Sat 11:59", cNow, "2026-11-28T11:59:00Z"},
+        TAccepted{"UTC", "saturday", cNow, "2026-11-28T00:00:00Z"},
+        TAccepted{"UTC", "sun", cNow, "2026-11-22T00:00:00Z"},
+        TAccepted{"UTC", "friday noon", cNow, "2026-11-27T12:00:00Z"},
+        TAccepted{"Europe/Berlin", "mon 02:30", cNow, "2026-11-23T01:30:00Z"},
+        TAccepted{"Europe/Berlin", "sunday 12:00", "2026-03-28T11:00:00Z", "2026-03-29T10:00:00Z"},
+        // It is Sunday in Kathmandu.
+        TAccepted{"Asia/Kathmandu", "sunday 01:00", "2026-11-21T19:00:00Z", "2026-11-21T19:15:00Z"},
         TAccepted{"Asia/Kathmandu", "today 01:00", "2026-11-21T19:00:00Z", "2026-11-21T19:15:00Z"},
         TAccepted{"America/New_York", "today 01:00", "2026-11-21T03:00:00Z",
                   "2026-11-20T06:00:00Z"},
@@ -207,6 +225,7 @@ TEST(ParseTime, LocalTimeThatTheClockSkipsIsRefused) {
         {"Australia/Lord_Howe", "2026-10-04 02:00", cNow, 11},
         {"Australia/Lord_Howe", "2026-10-04 02:29:59", cNow, 11},
         {"Europe/Berlin", "tomorrow 02:30", "2026-03-28T12:00:00Z", 9},
+        {"Europe/Berlin", "sunday 02:30", "2026-03-28T12:00:00Z", 7},
         {"Europe/Berlin", "today 02:30", "2026-03-29T12:00:00Z", 6},
         {"Europe/Berlin", "02:30", "2026-03-28T12:00:00Z", 0},
         {"Europe/Berlin", "02:30", "2026-03-29T00:59:59Z", 0},
@@ -237,15 +256,13 @@ TEST_P(RefusedTime, ReportsTheReasonAndTheOffset) {
 }
 
 static const char cForms[] =
-    "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, in 3h or now";
+    "expected a time such as 2026-11-21 14:30, 14:30, tomorrow 14:30, friday noon, in 3h or now";
 static const char cZoneForms[] = "a zone is written as Z, +01:00, +0100 or +01";
 // Unquoted, "in 3h" reaches the command as two arguments, and the first is taken for the time.
 static const char cInAlone[] =
     "expected a number with a unit, such as 6h; quote a time of several words: \"in 3h\"";
 static const char cTodayAlone[] =
     "expected a time of day such as 14:30; quote a time of several words: \"today 14:30\"";
-static const char cTomorrowAlone[] =
-    "expected a time of day such as 14:30; quote a time of several words: \"tomorrow 14:30\"";
 static const char cTooFar[] = "a zone must be from -14:00 to +14:00";
 
 INSTANTIATE_TEST_SUITE_P(
@@ -268,7 +285,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TRefused{"2026-11-x", 8, "the day must have two digits"},
                     TRefused{"2026-11", 7, "a date is written as 2026-11-21"},
                     TRefused{"2026-11/21", 7, "a date is written as 2026-11-21"},
-                    TRefused{"2026-11-21 noon", 11, "unexpected input after the time"},
+                    TRefused{"2026-11-21 nine", 11, "expected a time of day such as 14:30"},
                     TRefused{"2026-11-21, 14:30", 10, "unexpected input after the time"},
                     TRefused{"2026/11/21", 0, cForms}, TRefused{"20261121", 0, cForms},
                     TRefused{"21.11.2026", 0, cForms}));
@@ -294,9 +311,12 @@ INSTANTIATE_TEST_SUITE_P(
                     TRefused{"14:30:15:00", 8, "unexpected input after the time"},
                     TRefused{"14:30 tomorrow", 6, "unexpected input after the time"},
                     TRefused{"14:30pm", 5, "unexpected input after the time"},
-                    TRefused{"today", 5, cTodayAlone}, TRefused{"tomorrow", 8, cTomorrowAlone},
-                    TRefused{"tomorrow ", 9, cTomorrowAlone},
-                    TRefused{"tomorrow noon", 9, "expected a time of day such as 14:30"},
+                    TRefused{"today", 5, cTodayAlone},
+                    TRefused{"tomorrow nine", 9, "expected a time of day such as 14:30"},
+                    TRefused{"friday nine", 7, "expected a time of day such as 14:30"},
+                    TRefused{"friday 14:30 UTC", 13, "unexpected input after the time"},
+                    TRefused{"noon 14:30", 5, "unexpected input after the time"},
+                    TRefused{"fr", 0, cForms}, TRefused{"frida", 0, cForms},
                     TRefused{"tomorrow 25:00", 9, "the hour must be from 00 to 23"}));
 
 INSTANTIATE_TEST_SUITE_P(
