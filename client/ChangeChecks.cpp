@@ -10,6 +10,7 @@
 #include <vxsched/RunningPrograms.h>
 #include <vxsched/Validation.h>
 #include "store/MakeError.h"
+#include "store/NoSuchTask.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -34,16 +35,15 @@ void CheckHarm(const TTable& table) {
     }
 }
 
-void CheckName(const TTaskEntry* found, const TCall& call) {
+void CheckName(const TTable& table, const TCall& call) {
+    const TTaskEntry* const found = table.Find(call.task.name);
     if (found != nullptr && call.mustBeNew)
         throw MakeError(
             EError::cRefused,
             "there is a task \"{}\" already; replace or edit it, or choose another name",
             call.task.name);
     if (found == nullptr && call.mustExist)
-        throw MakeError(EError::cNotFound,
-                        "there is no task \"{}\"; names are compared byte for byte",
-                        call.task.name);
+        throw NoSuchTask(call.task.name, table, "names are compared byte for byte");
 }
 
 }  // namespace
@@ -73,8 +73,8 @@ void CheckCalls(const TTable& table, const TRequest& request) {
     CheckAccess();
     CheckHarm(table);
     for (const TCall& call : request.calls) {
+        CheckName(table, call);
         const TTaskEntry* const task = table.Find(call.task.name);
-        CheckName(task, call);
         if (task != nullptr)
             CheckState(*task, call, request.evenIfDue);
     }

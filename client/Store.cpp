@@ -15,6 +15,7 @@
 #include "store/CWriterLock.h"
 #include "store/Grid.h"
 #include "store/MakeError.h"
+#include "store/NoSuchTask.h"
 #include "store/TableFile.h"
 #include "store/WorkerState.h"
 
@@ -350,8 +351,7 @@ TTaskEntry CStore::Get(std::string_view name) const {
     const TTable table = Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw MakeError(EError::cNotFound,
-                        "there is no task \"{}\"; names are compared byte for byte", name);
+        throw NoSuchTask(name, table, "names are compared byte for byte");
     return *task;
 }
 

@@ -13,6 +13,7 @@
 #include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/MakeError.h"
+#include "store/NoSuchTask.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -41,7 +42,7 @@ void RequireTasks(const CStore& store, const TNames& names) {
     const TTable table = store.Read();
     for (const std::string& name : names) {
         if (table.Find(name) == nullptr)
-            throw MakeError(EError::cNotFound, "there is no task \"{}\"; see vxsched list", name);
+            throw NoSuchTask(name, table, "see vxsched list");
     }
 }
 

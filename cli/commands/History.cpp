@@ -11,7 +11,7 @@
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
 #include "runs/HistoryReader.h"
-#include "store/MakeError.h"
+#include "store/NoSuchTask.h"
 
 namespace vxsched {
 
@@ -21,10 +21,9 @@ constexpr std::size_t cDefaultCount = 20;
 constexpr char cNone[] = "-";
 
 void RequireTask(const TCommon& common, const std::string& name) {
-    if (CStore(common.store).Read().Find(name) == nullptr)
-        throw MakeError(EError::cNotFound,
-                        "there is no task \"{}\" and no record of a run of one; see vxsched list",
-                        name);
+    const TTable table = CStore(common.store).Read();
+    if (table.Find(name) == nullptr)
+        throw NoSuchTask(name, table, "nor is there a record of a run of it; see vxsched list");
 }
 
 EColour ColourOf(const TRunRecord& run) {

@@ -15,6 +15,7 @@
 #include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
 #include "store/MakeError.h"
+#include "store/NoSuchTask.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -71,19 +72,18 @@ bool HasRun(const TRunRecord& run) {
 
 // The error for a name that the table does not have. A task that runs once is removed when it is
 // launched, so the history may still have the name.
-CError NoTask(const TCommon& common, const std::string& name) {
-    std::string advice = "see vxsched list";
+CError NoTask(const TCommon& common, const std::string& name, const TTable& table) {
     try {
         const std::vector<TRunRecord> runs = LastRuns(common, name);
         if (!runs.empty())
-            advice = fmt::format(
-                "{}: see vxsched history {}",
+            return MakeError(
+                EError::cNotFound, "there is no task \"{}\"; {}: see vxsched history {}", name,
                 std::any_of(runs.begin(), runs.end(), HasRun) ? "it has run" : "it did not run",
                 name);
     } catch (const CError&) {
         // The history cannot be read; there is no such task all the same.
     }
-    return MakeError(EError::cNotFound, "there is no task \"{}\"; {}", name, advice);
+    return NoSuchTask(name, table, "see vxsched list");
 }
 
 // The time of the launch, or the due time of a run that was missed, and the outcome.
@@ -99,7 +99,7 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     const TTable table = CStore(common.store).Read();
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw NoTask(common, name);
+        throw NoTask(common, name, table);
     const TTime now = Now();
     const TTaskState state = StateOf(*task, CRunningPrograms(), now);
     const std::string why = WhyNot(common, *task, state, now);
