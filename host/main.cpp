@@ -27,6 +27,7 @@
 #include "host/recovery/CHeartbeat.h"
 #include "host/recovery/CTableGuard.h"
 #include "host/recovery/LaunchRecords.h"
+#include "host/service/CIdleWorker.h"
 #include "host/service/CMainLoop.h"
 #include "host/service/CServiceManager.h"
 #include "host/service/CSignals.h"
@@ -288,10 +289,12 @@ static void Run(const THostOptions& options) {
         if (loop.StopSignal())
             LogInfo("stopping on " + SignalName(*loop.StopSignal()));
     }
-    guard.End();
     heartbeat.Stop();
-    if (options.runOnce)
+    if (options.runOnce) {
+        const CIdleWorker idleWorker(*stopEvent);
         loop.WaitForPrograms();
+    }
+    guard.End();
     {
         // Destroying the add-in removes the store mutex, which a client in the middle of a change
         // needs. The directory lock is held, the writer lock comes after it.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdint>
 #include <ctime>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include "Process.h"
 #include "StoreSemaphore.h"
 #include "TableFile.h"
+#include "Tool.h"
 
 // One task for each second around the host's startup: earlier ones are missed, those that are due
 // in that second are launched, later ones wait.
@@ -50,6 +52,24 @@ TEST(HostRunOnce, WithNothingDueItEndsAtOnce) {
     CProgram host(HostWith({"--run-once"}));
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_TRUE(host.Output().ends_with("vxschedd: stopped\n")) << host.Output();
+}
+
+// After its tick the host only waits: changes need not wait for that.
+TEST(HostRunOnce, ClientsMakeChangesWhileItWaitsForPrograms) {
+    {
+        CHost killed;
+        killed.Kill(SIGKILL);
+        killed.Wait();
+    }
+    WriteTable({{"waits", std::time(nullptr), 0, 24, PROGRAMS "/wait-for-it", "it", 0}});
+    CProgram host(HostWith({"--run-once"}));
+    EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
+    const TToolRun run = RunTool({"pause", "waits"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_FALSE(HasEnded(host.Id()));
+    WriteFile("it", "");
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(ReadTable().at(0).paused, 1U);
 }
 
 TEST(HostRunOnce, AndCheckExcludeEachOther) {
