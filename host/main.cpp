@@ -271,7 +271,7 @@ static void Run(const THostOptions& options) {
     HandleLaunches(loaded.library->Tasks(), &output);
     COwedLaunches::Instance().TakeOver();
     heartbeat.Begin(loaded.upSince);
-    CTableGuard guard(options.snapshots);
+    CTableGuard guard(options.snapshots, CancelOwedLaunches);
     const CGuardRegistration registration(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
     startupStop.reset();

@@ -26,7 +26,7 @@ struct TRunRecord {
         cKilled,       // `number` is the signal
         cUnknown,      // it ended, but another process collected its status
         cLeftRunning,  // the host stopped before the program ended
-        cNotStarted,   // the launch failed; `error` is the reason
+        cNotStarted,   // the launch failed or was cancelled; `error` is the reason
         cRescheduled,  // missed while no host ran; the task was rescheduled
         cRemoved,      // missed while no host ran; the task, which runs once, was removed
         // The power failed during the launch; the task was rescheduled, or removed.

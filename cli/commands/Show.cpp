@@ -16,6 +16,7 @@
 #include "runs/HistoryReader.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
+#include "store/OwedLaunches.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -70,10 +71,25 @@ bool HasRun(const TRunRecord& run) {
     return run.outcome != TRunRecord::cNotStarted && HasLaunch(run);
 }
 
+// The due times of the task's launches that are owed.
+std::vector<TTime> OwedTimes(const TCommon& common, const std::string& name) {
+    std::vector<TTime> times;
+    for (const TOwedLaunch& launch : FindOwedLaunches(common.store.directory)) {
+        if (launch.task == name)
+            times.push_back(launch.due);
+    }
+    return times;
+}
+
 // The error for a name that the table does not have. A task that runs once is removed when it is
-// launched, so the history may still have the name.
+// launched or its launch is owed, so the history may still have the name.
 CError NoTask(const TCommon& common, const std::string& name, const TTable& table) {
     try {
+        if (const std::vector<TTime> owed = OwedTimes(common, name); !owed.empty())
+            return MakeError(
+                EError::cNotFound,
+                "there is no task \"{}\"; its launch is owed, due {}: see vxsched status", name,
+                FormatTime(owed.front(), common.zone));
         const std::vector<TRunRecord> runs = LastRuns(common, name);
         if (!runs.empty())
             return MakeError(
@@ -81,7 +97,7 @@ CError NoTask(const TCommon& common, const std::string& name, const TTable& tabl
                 std::any_of(runs.begin(), runs.end(), HasRun) ? "it has run" : "it did not run",
                 name);
     } catch (const CError&) {
-        // The history cannot be read; there is no such task all the same.
+        // A file cannot be read; there is no such task all the same.
     }
     return NoSuchTask(name, table, "see vxsched list");
 }
@@ -105,6 +121,7 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     const std::string why = WhyNot(common, *task, state, now);
     const std::string real = RealProgram(common.store.directory, task->program);
     const std::vector<TRunRecord> runs = LastRuns(common, name);
+    const std::vector<TTime> owed = OwedTimes(common, name);
     if (common.json) {
         nlohmann::ordered_json json = JsonOfTask(*task);
         json["real_program"] = JsonOfString(real);
@@ -113,6 +130,9 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
         json["state"] = state.Name();
         json["processes"] = state.processes;
         json["why_not_running"] = why.empty() ? nlohmann::ordered_json() : JsonOfString(why);
+        json["owed"] = nlohmann::ordered_json::array();
+        for (const TTime due : owed)
+            json["owed"].push_back(FormatIsoTime(due));
         json["last_runs"] = nlohmann::ordered_json::array();
         for (const TRunRecord& run : runs)
             json["last_runs"].push_back(JsonOf(run));
@@ -135,6 +155,11 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     line("Every", FormatPeriod(task->period));
     if (!why.empty())
         line("Not running", why);
+    for (const TTime due : owed)
+        line("Owed",
+             fmt::format("the launch due {}; it is made as soon as the system has a process "
+                         "for it",
+                         FormatTime(due, common.zone)));
     for (const TRunRecord& run : runs)
         line(&run == runs.data() ? "Last runs" : "", FormatRun(run, common.zone));
     return cDone;

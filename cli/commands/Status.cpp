@@ -18,6 +18,7 @@
 #include "store/CWriterLock.h"
 #include "store/LostTasks.h"
 #include "store/MutexHolders.h"
+#include "store/OwedLaunches.h"
 #include "store/StoreMutexState.h"
 #include "store/TableFile.h"
 
@@ -36,6 +37,7 @@ struct TStatus {
     std::string tableError;
     std::optional<std::string> missing;  // the message, if the table is missing
     std::vector<std::string> overdue;
+    std::vector<TOwedLaunch> owed;
     std::string file;
     std::uintmax_t size = 0;
 };
@@ -108,6 +110,7 @@ TStatus ReadStatus(const TCommon& common) {
         else
             status.tableError = error.what();
     }
+    status.owed = FindOwedLaunches(common.store.directory);
     status.missing = DescribeMissingTable(common.store.directory);
     const TTime now = Now();
     const CRunningPrograms running;
@@ -187,6 +190,10 @@ void PrintJson(const TStatus& status, COutput& output) {
     json["overdue"] = nlohmann::ordered_json::array();
     for (const std::string& name : status.overdue)
         json["overdue"].push_back(JsonOfString(name));
+    json["owed"] = nlohmann::ordered_json::array();
+    for (const TOwedLaunch& launch : status.owed)
+        json["owed"].push_back(
+            {{"name", JsonOfString(launch.task)}, {"due", FormatIsoTime(launch.due)}});
     output.Raw(Document(json));
 }
 
@@ -209,6 +216,9 @@ TExitStatus Status(const TCommon& common, COutput& output) {
         line("Table", DescribeTable(status));
         for (const std::string& name : status.overdue)
             line("Overdue", name);
+        for (const TOwedLaunch& launch : status.owed)
+            line("Owed",
+                 fmt::format("{}, due {}", launch.task, FormatTime(launch.due, common.zone)));
     }
     if (!status.damage.empty())
         return cDamagedStatus;

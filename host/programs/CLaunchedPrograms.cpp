@@ -56,6 +56,15 @@ void CLaunchedPrograms::LaunchFailed(const TRunRecord& run) {
     Record(run);
 }
 
+void CLaunchedPrograms::LaunchCancelled(const TRunRecord& run) {
+    LogNotice(fmt::format("the launch that is owed for {} is cancelled: {}", DescriptionOf(run),
+                          run.error));
+    const std::lock_guard<std::mutex> lock(mutex);
+    Record(run);
+    if (history != nullptr)
+        history->Sync();
+}
+
 void CLaunchedPrograms::WaitedFor(pid_t process, pid_t result, int status, const rusage& usage) {
     const std::lock_guard<std::mutex> lock(mutex);
     const auto found = programs.find(process);

@@ -33,6 +33,10 @@ public:
     // A program could not be launched, because of run.error.
     void LaunchFailed(const TRunRecord& run);
 
+    // A launch that this host owed is not made, because of run.error. Blocks until its record is on
+    // the disk.
+    void LaunchCancelled(const TRunRecord& run);
+
     // The add-in called waitpid() for `process`, with this result, status and usage. From now on
     // CollectFinished() may collect the program.
     void WaitedFor(pid_t process, pid_t result, int status, const rusage& usage);

@@ -4,11 +4,17 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
-#include <optional>
 
+#include <vxsched/Error.h>
 #include "host/CHostLog.h"
 #include "host/recovery/CLaunchIntents.h"
+#include "store/CStoreMutexLock.h"
+#include "store/TableFile.h"
+
+// Short: the main thread waits, and tries again in a second.
+static constexpr std::chrono::milliseconds cLockTimeout(100);
 
 COwedLaunches& COwedLaunches::Instance() {
     static COwedLaunches instance;
@@ -23,7 +29,7 @@ void COwedLaunches::TakeOver() {
     for (TOwedLaunch& launch : ReadOwedLaunches()) {
         LogNotice(
             fmt::format("task \"{}\" was due while the previous host was up, but the system "
-                        "had no process for it: it is launched now",
+                        "had no process for it: its launch is owed",
                         launch.task));
         launches.push_back(std::move(launch));
     }
@@ -41,24 +47,49 @@ void COwedLaunches::Add(const TOwedLaunch& launch) {
 void COwedLaunches::MakeAll(const std::function<bool(const TOwedLaunch&)>& make) {
     std::uint64_t ignored = 0;
     static_cast<void>(read(timer.Get(), &ignored, sizeof ignored) == -1);
-    const auto oldest = [this]() -> std::optional<TOwedLaunch> {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return launches.empty() ? std::nullopt : std::optional(launches.front());
-    };
-    // Other threads only add launches, so the oldest one is still the first afterwards.
-    while (const std::optional<TOwedLaunch> launch = oldest()) {
+    try {
+        TryToMakeAll(make);
+    } catch (const vxsched::CError&) {
+        // A tick is under way, or somebody is saving the table, or the guard reports what is wrong.
+    }
+    const std::lock_guard<std::mutex> lock(mutex);
+    SetTimer();
+}
+
+void COwedLaunches::TryToMakeAll(const std::function<bool(const TOwedLaunch&)>& make) {
+    const vxsched::CStoreMutexLock storeMutex(cLockTimeout);
+    const auto tasks = vxsched::DecodeTable(vxsched::ReadTableBytes("."), vxsched::Now()).tasks;
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (auto launch = launches.begin(); launch != launches.end();) {
+        // The table may have lost the task; the guard decides whether the launch is cancelled.
+        if (!WhyNotWanted(*launch, tasks).empty()) {
+            ++launch;
+            continue;
+        }
         CLaunchIntents::Instance().IntendOwed(IntentOf(*launch));
         const bool isMade = make(*launch);
         if (isMade)
             ForgetOwedLaunch(*launch);
         CLaunchIntents::Instance().Withdraw(IntentOf(*launch));
         if (!isMade)
-            break;
-        const std::lock_guard<std::mutex> lock(mutex);
-        launches.pop_front();
+            return;
+        launch = launches.erase(launch);
     }
+}
+
+// Leaves the timer, since the main thread may wait for the last launch: it wakes up once more.
+void COwedLaunches::Cancel(
+    const std::vector<vxsched::TTaskEntry>& tasks,
+    const std::function<void(const TOwedLaunch&, const std::string& reason)>& report) {
     const std::lock_guard<std::mutex> lock(mutex);
-    SetTimer();
+    std::erase_if(launches, [&](const TOwedLaunch& launch) {
+        const std::string reason = WhyNotWanted(launch, tasks);
+        if (reason.empty())
+            return false;
+        report(launch, reason);
+        ForgetOwedLaunch(launch);
+        return true;
+    });
 }
 
 std::size_t COwedLaunches::Count() {

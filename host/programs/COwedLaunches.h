@@ -4,6 +4,8 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "base/CDescriptor.h"
 #include "host/recovery/OwedLaunches.h"
@@ -26,18 +28,26 @@ public:
     // Readable when it is time for MakeAll(). -1 if the system has no timer.
     int Descriptor() const { return timer.Get(); }
 
-    // Calls `make` for the oldest launch, and for the next ones until it returns false because the
-    // system refuses one again; the others are no longer owed. `make` may take no lock that a
-    // caller of this object holds.
+    // Calls `make` for each launch that the table still asks for, the oldest first, until it returns
+    // false because the system refuses one again; the others are no longer owed. Does nothing if the
+    // table cannot be read at this moment. Holds the store mutex meanwhile, so that no launch is
+    // made after a change of its task was reported; waits for it only briefly.
     void MakeAll(const std::function<bool(const TOwedLaunch&)>& make);
+
+    // Calls `report`, with the reason, for each launch that `tasks` no longer asks for, and forgets
+    // it. `tasks` is a table of which no task was lost. The caller holds the store mutex.
+    void Cancel(const std::vector<vxsched::TTaskEntry>& tasks,
+                const std::function<void(const TOwedLaunch&, const std::string& reason)>& report);
 
     std::size_t Count();
 
 private:
+    void TryToMakeAll(const std::function<bool(const TOwedLaunch&)>& make);
     // The caller holds `mutex`.
     void SetTimer() const;
 
     const CDescriptor timer;
-    std::mutex mutex;  // guards `launches`
+    // Guards `launches`. Held during the launches; comes before the mutexes that these take.
+    std::mutex mutex;
     std::deque<TOwedLaunch> launches;
 };

@@ -212,13 +212,18 @@ void WarnOfOwed(const std::string& warning) {
         LogWarning(warning);
 }
 
-// False if the system still refuses the launch.
-bool MakeOwedLaunch(const TOwedLaunch& owed) {
+TRunRecord Describe(const TOwedLaunch& owed) {
     TRunRecord run;
     run.task = owed.task;
     run.due = owed.due;
     run.program = owed.program;
     run.parameter = owed.parameter;
+    return run;
+}
+
+// False if the system still refuses the launch.
+bool MakeOwedLaunch(const TOwedLaunch& owed) {
+    TRunRecord run = Describe(owed);
     std::string program = owed.program;
     std::string parameter = owed.parameter;
     char* const arguments[] = {program.data(), parameter.data(), nullptr};
@@ -277,7 +282,8 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
         COwedLaunches::Instance().Add({.task = *run.task,
                                        .due = *run.due,
                                        .program = run.program,
-                                       .parameter = run.parameter});
+                                       .parameter = run.parameter,
+                                       .period = task->period});
     } else {
         ReportFailure(run, result);
     }
@@ -286,6 +292,16 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
 
 void MakeOwedLaunches() {
     COwedLaunches::Instance().MakeAll(MakeOwedLaunch);
+}
+
+void CancelOwedLaunches(const std::vector<vxsched::TTaskEntry>& tasks) {
+    const auto report = [](const TOwedLaunch& owed, const std::string& reason) {
+        TRunRecord run = Describe(owed);
+        run.outcome = TRunRecord::cNotStarted;
+        run.error = reason;
+        CLaunchedPrograms::Instance().LaunchCancelled(run);
+    };
+    COwedLaunches::Instance().Cancel(tasks, report);
 }
 
 // Called by the add-in in place of waitpid(), on the worker, once after each launch. Results and

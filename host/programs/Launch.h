@@ -1,6 +1,9 @@
 #pragma once
 
 #include <list>
+#include <vector>
+
+#include <vxsched/Table.h>
 
 class CProgramOutput;
 class TTask;
@@ -13,9 +16,15 @@ class TTask;
 void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output);
 
 // Makes the launches that are owed because the system refused them for want of processes
-// (COwedLaunches), with the same handling; those that it refuses again stay owed. Blocks for disk
-// access only. For the main thread, while launches are handled.
+// (COwedLaunches), with the same handling; those that it refuses again stay owed. Takes the store
+// mutex; blocks briefly for that, and for disk access. For the main thread, while launches are
+// handled.
 void MakeOwedLaunches();
+
+// Gives up the owed launches whose tasks were removed, paused or given another program since; logs
+// and records that. `tasks` is a table of which no task was lost; the caller holds the store mutex.
+// Any thread may call it.
+void CancelOwedLaunches(const std::vector<vxsched::TTaskEntry>& tasks);
 
 // Gives posix_spawn() and waitpid() back to libc, under the same condition.
 void StopHandlingLaunches();

@@ -58,10 +58,11 @@ void LogErrors(const std::vector<std::string>& notes) {
 
 }  // namespace
 
-CTableGuard::CTableGuard(std::size_t snapshots)
+CTableGuard::CTableGuard(std::size_t snapshots, TListener validTableListener)
     : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       retryInterval(cFirstRetry, cLongestRetry),
-      mostSnapshots(snapshots) {
+      mostSnapshots(snapshots),
+      listener(validTableListener) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
             "cannot watch the directory \"{}\": {}. The table is checked every second instead.",
@@ -312,6 +313,8 @@ bool CTableGuard::Examine(const std::string& bytes) {
     // show the launches too.
     Keep(bytes);
     SettleLaunches(records, tasks);
+    if (listener != nullptr)
+        listener(tasks);
     return true;
 }
 

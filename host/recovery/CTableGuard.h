@@ -25,9 +25,13 @@
 // import, a repair) may have removed any.
 class CTableGuard {
 public:
+    // Is called with each table in which no task is lost, under the store mutex, on the thread that
+    // checks.
+    using TListener = void (*)(const std::vector<vxsched::TTaskEntry>& tasks);
+
     // Guards the table of the working directory, which has just been loaded, and checks it once.
     // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots; 0 disables them.
-    explicit CTableGuard(std::size_t snapshots);
+    explicit CTableGuard(std::size_t snapshots, TListener validTableListener = nullptr);
     ~CTableGuard();
 
     // Begins to guard. The worker runs from now on. If no thread can be started, which is logged,
@@ -104,6 +108,7 @@ private:
     // As bytes, which take less than half the memory of decoded tasks.
     std::optional<std::string> lastValid;
     const std::size_t mostSnapshots;
+    const TListener listener;
     CMutexWatch mutexWatch;
     std::optional<std::string> lastDamaged;  // has been reported and quarantined
     std::string lastError;                   // has been logged; not again at every retry

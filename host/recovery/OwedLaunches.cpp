@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -42,7 +43,7 @@ bool KeepOwedLaunch(const TOwedLaunch& launch) {
                               vxsched::EncodeTable({{.name = launch.task,
                                                      .next = launch.due,
                                                      .last = {},
-                                                     .period = 0,
+                                                     .period = launch.period,
                                                      .program = launch.program,
                                                      .parameter = launch.parameter,
                                                      .paused = false}}),
@@ -68,27 +69,35 @@ void ForgetOwedLaunch(const TOwedLaunch& launch) {
     Remove(OwedLaunchPath(launch));
 }
 
-// The launch that a file holds; nothing if it was made, or if the file is not one of a launch.
-static std::optional<TOwedLaunch> ReadOwedLaunch(const fs::path& file) {
-    try {
-        const std::string bytes = vxsched::ReadBytes(file);
-        if (bytes.empty()) {
-            Remove(file);
-            return {};
-        }
-        const std::vector<TTaskEntry> tasks = vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
-        if (tasks.size() != 1)
-            return {};
-        TOwedLaunch launch{.task = tasks[0].name,
-                           .due = tasks[0].next,
-                           .program = tasks[0].program,
-                           .parameter = tasks[0].parameter};
-        // Not of a file that was being written.
-        return OwedLaunchPath(launch) == file ? std::optional(launch) : std::nullopt;
-    } catch (const vxsched::CError& error) {
-        LogError(fmt::format("the launch of {} is lost: {}", file.string(), error.what()));
-        return {};
+std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<TTaskEntry>& tasks) {
+    if (launch.period == 0)
+        return "";
+    std::string why = "the task was removed";
+    for (const TTaskEntry& task : tasks) {
+        if (task.name != launch.task)
+            continue;
+        // A launch has the strings up to their first zero bytes.
+        if (task.program.c_str() != launch.program || task.parameter.c_str() != launch.parameter)
+            why = "the program of the task was changed";
+        else if (task.paused)
+            why = "the task was paused";
+        else
+            return "";
     }
+    return why;
+}
+
+// The launch that a file holds, which is removed if the launch was made; nothing if there is none.
+static std::optional<TOwedLaunch> TakeOver(const fs::path& file) {
+    try {
+        if (fs::is_empty(file))
+            Remove(file);
+        else
+            return vxsched::ReadOwedLaunch(file);
+    } catch (const std::exception& error) {
+        LogError(fmt::format("the launch of {} is lost: {}", file.string(), error.what()));
+    }
+    return {};
 }
 
 std::vector<TOwedLaunch> ReadOwedLaunches() {
@@ -96,7 +105,7 @@ std::vector<TOwedLaunch> ReadOwedLaunches() {
     std::error_code error;
     for (fs::directory_iterator entry(vxsched::cOwedLaunchDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        if (std::optional<TOwedLaunch> launch = ReadOwedLaunch(entry->path()))
+        if (std::optional<TOwedLaunch> launch = TakeOver(entry->path()))
             launches.push_back(*std::move(launch));
     }
     if (error && error != std::errc::no_such_file_or_directory)

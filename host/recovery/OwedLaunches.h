@@ -1,28 +1,23 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include <vxsched/Table.h>
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
+#include "store/OwedLaunches.h"
 
-// Owed launches, in files/owed/: one file for each launch that came due and that the system refused
-// for want of processes. The add-in takes the failure for a run, so the table does not show that
-// the launch is owed; the host makes it when it can, and the next host if this one is killed.
+// Launches that came due and that the system refused for want of processes. The add-in takes the
+// failure for a run, so the table does not show that the launch is owed; the host makes it when it
+// can, and the next host if this one is killed.
 //
-// A file's name is that of the launch record. It holds a table of the one task, whose `next` is the
-// due time. The launched process empties it right before it becomes the program, so an empty file
-// is of a launch that was made. A power failure may undo that; so each attempt has a launch intent
-// (CLaunchIntents.h), which stays until the removal of the file is on the disk.
+// The name of a file in files/owed/ is that of the launch record. The launched process empties the
+// file right before it becomes the program, so an empty file is of a launch that was made. A power
+// failure may undo that; so each attempt has a launch intent (CLaunchIntents.h), which stays until
+// the removal of the file is on the disk.
 
-struct TOwedLaunch {
-    std::string task;
-    vxsched::TTime due;
-    std::string program;  // as launched
-    std::string parameter;
-};
+using vxsched::TOwedLaunch;
 
 std::string OwedLaunchPath(const TOwedLaunch& launch);
 TLaunchIntent IntentOf(const TOwedLaunch& launch);
@@ -34,6 +29,11 @@ bool KeepOwedLaunch(const TOwedLaunch& launch);
 
 // Removes the file, and waits until that is on the disk.
 void ForgetOwedLaunch(const TOwedLaunch& launch);
+
+// Why a launch is not to be made any more: `tasks`, the present table, no longer has its task as it
+// was when it came due. Empty if it is still to be made, as that of a task that runs once always is:
+// the tick has removed it from the table.
+std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<vxsched::TTaskEntry>& tasks);
 
 // Returns the launches that the working directory still owes, in the order of their due times.
 // Files that cannot be read are left out, and logged.

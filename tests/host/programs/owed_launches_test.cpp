@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "GuardedTable.h"
 #include "HostProgram.h"
@@ -24,6 +25,9 @@ namespace {
 
 constexpr char cRefusal[] = "no processes";
 
+// For a command: it starts a process of its own.
+const TEnvironment cPermitted = {{"REFUSE_LAUNCHES", "none"}};
+
 // The system refuses each launch of a host until Permit().
 class OwedLaunches : public testing::Test {
 protected:
@@ -36,14 +40,47 @@ protected:
     static void Permit() { fs::remove(cRefusal); }
 
     // Has the host try to launch the task, which is due now, and returns it as it was.
-    static TRow Refuse(CHost& host) {
-        const TRow row = {"a task", std::time(nullptr), 0, 0, PROGRAMS "/append-text", "log", 0};
+    static TRow Refuse(CHost& host, std::uint32_t period = 0) {
+        TRow row = {"a task", std::time(nullptr), 0, period, PROGRAMS "/append-text", "log",
+                          0};
         ReplaceTable({row});
         WakeWorker();
         EXPECT_TRUE(host.WaitForOutput("is launched as soon as the system has a process for it"));
-        WaitForTable({});
+        WaitUntil([&] { return ReadFile(cTable) != BytesOf({row}); });
         WaitUntil(WorkerIsIdle);
         return row;
+    }
+
+    // The same on a host that ends before it can make the launch.
+    static TRow RefuseAndKill(std::uint32_t period = 0) {
+        CHost host;
+        TRow row = Refuse(host, period);
+        host.Kill(SIGKILL);
+        host.Wait();
+        return row;
+    }
+
+    // Leaves the task due, as a killed host does. Returns the due time.
+    static std::int64_t LeaveDue(std::uint32_t period) {
+        {
+            CHost host;
+            host.Kill(SIGKILL);
+            host.Wait();
+        }
+        const std::int64_t due = std::time(nullptr);
+        WriteTable({{"a task", due, 0, period, PROGRAMS "/append-text", "log", 0}});
+        return due;
+    }
+
+    static void ExpectCancelled(const std::string& reason) {
+        EXPECT_EQ(CountIn("files/owed"), 0U);
+        EXPECT_FALSE(fs::exists("log"));
+        const std::vector<std::string> history = Lines("files/history.jsonl");
+        ASSERT_EQ(history.size(), 1U);
+        const auto record = nlohmann::json::parse(history.front());
+        EXPECT_EQ(record.at("outcome"), "not started");
+        EXPECT_EQ(record.at("error"), reason);
+        EXPECT_FALSE(record.at("due").is_null());
     }
 
     static void ExpectNothingOwed() {
@@ -116,8 +153,7 @@ TEST_F(OwedLaunches, AreMadeByTheNextHost) {
 }
 
 TEST_F(OwedLaunches, AreMadeByAHostThatRunsOnce) {
-    WriteTable({{"a task", std::time(nullptr) + 1, 0, 0, PROGRAMS "/append-text", "log", 0}});
-    WaitUntil([] { return std::time(nullptr) == ReadTable()[0].next; });
+    LeaveDue(0);
     CProgram host(HostWith({"--run-once"}));
     EXPECT_TRUE(host.WaitForOutput("as soon as the system has a process")) << host.Output();
     Permit();
@@ -125,12 +161,117 @@ TEST_F(OwedLaunches, AreMadeByAHostThatRunsOnce) {
     ExpectNothingOwed();
 }
 
+// ---- A task that is changed meanwhile ------------------------------------------------------------
+
+namespace {
+
+struct TMeanwhile {
+    std::vector<std::string> command;
+    std::string reason;
+};
+
+const std::vector<TMeanwhile> cMeanwhile = {
+    {{"remove", "a task"}, "the task was removed"},
+    {{"pause", "a task"}, "the task was paused"},
+    {{"edit", "a task", "--program", "/bin/true"}, "the program of the task was changed"},
+    {{"edit", "a task", "--parameter", "other"}, "the program of the task was changed"},
+};
+
+}  // namespace
+
+TEST_F(OwedLaunches, OfATaskThatWasChangedMeanwhileAreNotMade) {
+    for (const auto& [command, reason] : cMeanwhile) {
+        fs::remove_all("files");
+        WriteFile(cRefusal, "");
+        CHost host;
+        Refuse(host, 24);
+        const TToolRun run = RunTool(command, cPermitted);
+        EXPECT_EQ(run.status, 0) << run.error;
+        Permit();
+        EXPECT_TRUE(host.WaitForOutput("is cancelled: " + reason)) << host.Output();
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(host.CountInOutput("is cancelled"), 1U) << host.Output();
+        ExpectCancelled(reason);
+    }
+}
+
+TEST_F(OwedLaunches, OfATaskThatWasChangedWhileNoHostRanAreNotMade) {
+    for (const auto& [command, reason] : cMeanwhile) {
+        fs::remove_all("files");
+        WriteFile(cRefusal, "");
+        RefuseAndKill(24);
+        const TToolRun run = RunTool(command, cPermitted);
+        EXPECT_EQ(run.status, 0) << run.error;
+        Permit();
+        CHost next;
+        EXPECT_TRUE(next.WaitForOutput("is cancelled: " + reason)) << next.Output();
+        EXPECT_EQ(next.Stop(), 0);
+        ExpectCancelled(reason);
+    }
+}
+
+TEST_F(OwedLaunches, OfATaskThatIsPausedAreNotWaitedForByAHostThatRunsOnce) {
+    const std::int64_t due = LeaveDue(24);
+    CProgram host(HostWith({"--run-once"}));
+    EXPECT_TRUE(host.WaitForOutput("as soon as the system has a process")) << host.Output();
+    WaitUntil([&] { return ReadTable()[0].next != due; });
+    const TToolRun run = RunTool({"pause", "a task"}, cPermitted);
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_EQ(host.Wait(), 0);
+    ExpectCancelled("the task was paused");
+}
+
+TEST_F(OwedLaunches, OfATaskWithAnotherDueTimeOrPeriodAreMade) {
+    CHost host;
+    Refuse(host, 24);
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"edit", "a task", "--at", "2090-01-01 00:00"}, {"period", "a task", "2d"}}) {
+        const TToolRun run = RunTool(command, cPermitted);
+        EXPECT_EQ(run.status, 0) << run.error;
+    }
+    Permit();
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+    ExpectNothingOwed();
+}
+
+// The guard restores the task.
+TEST_F(OwedLaunches, OfATaskThatTheTableLosesAreMade) {
+    CHost host;
+    Refuse(host, 24);
+    const std::string table = ReadFile(cTable);
+    WriteFile(cTable, "");
+    Permit();
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    EXPECT_EQ(host.Stop(), 0);
+    ExpectNothingOwed();
+    EXPECT_EQ(ReadFile(cTable), table);
+}
+
+// ---- vxsched ------------------------------------------------------------------------------------
+
+TEST_F(OwedLaunches, AreReportedByShowAndStatus) {
+    const TRow daily = RefuseAndKill(24);
+    const std::string due =
+        nlohmann::json::parse(RunTool({"status", "--json"}).output).at("owed").at(0).at("due");
+    EXPECT_EQ(
+        nlohmann::json::parse(RunTool({"show", daily.name, "--json"}).output).at("task").at("owed"),
+        nlohmann::json({due}));
+    EXPECT_NE(RunTool({"status"}).output.find("Owed       a task, due "), std::string::npos);
+    EXPECT_NE(RunTool({"show", daily.name}).output.find("Owed         the launch due "),
+              std::string::npos);
+    WriteTable({});
+    const TToolRun gone = RunTool({"show", daily.name});
+    EXPECT_NE(gone.error.find("there is no task \"a task\"; its launch is owed, due "),
+              std::string::npos)
+        << gone.error;
+}
+
+// ---- A startup ----------------------------------------------------------------------------------
+
 // As after a kill between the refusal and the save of the table.
 TEST_F(OwedLaunches, AreLeftToATableThatStillShowsThem) {
-    CHost host;
-    const TRow row = Refuse(host);
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRow row = RefuseAndKill();
     WriteTable({row});
     Permit();
     CHost next;
@@ -145,10 +286,7 @@ TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
     for (const bool hasRecord : {false, true}) {
         fs::remove_all("files");
         WriteFile(cRefusal, "");
-        CHost host;
-        const TRow row = Refuse(host);
-        host.Kill(SIGKILL);
-        host.Wait();
+        const TRow row = RefuseAndKill();
         const vxsched::TTime due{std::chrono::seconds(row.next)};
         if (hasRecord)
             WriteFile(LaunchRecordPath(row.name, due), "");
@@ -166,10 +304,7 @@ TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
 // As after a power failure that has lost the launch record and what was done to the owed launch's
 // file: the launch was made or not.
 TEST_F(OwedLaunches, WithAnIntentOfAnotherBootAreUnknownAndNotMade) {
-    CHost host;
-    const TRow row = Refuse(host);
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRow row = RefuseAndKill();
     WriteFile("boot-id", "another-boot\n");
     CLaunchIntents former("boot-id");
     former.Open();
@@ -182,7 +317,7 @@ TEST_F(OwedLaunches, WithAnIntentOfAnotherBootAreUnknownAndNotMade) {
         EXPECT_EQ(next.CountInOutput("launch unknown after a power failure: task \"a task\", due "),
                   startup == 1 ? 1U : 0U)
             << next.Output();
-        EXPECT_EQ(next.CountInOutput("it is launched now"), 0U) << next.Output();
+        EXPECT_EQ(next.CountInOutput("its launch is owed"), 0U) << next.Output();
         EXPECT_EQ(next.Stop(), 0);
     }
     EXPECT_EQ(CountIn("files/owed"), 0U);
