@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -15,6 +17,7 @@
 #include "base/Processes.h"
 #include "base/SameFile.h"
 #include "store/Layout.h"
+#include "store/MakeError.h"
 #include "store/StoreAccess.h"
 
 namespace vxsched {
@@ -103,6 +106,16 @@ std::optional<TSchedulingProcess> FindUnseenHost(const fs::path& file) {
     return TSchedulingProcess{0, !isKnown || own.st_ino == ipcNamespace};
 }
 
+// Throws CError (cNoAccess) if this user cannot see the lock of a host.
+void RequireAccessToLock(const fs::path& directory) {
+    struct stat status {};
+    if (stat((directory / cLockFile).c_str(), &status) == -1 && errno == EACCES)
+        throw MakeError(EError::cNoAccess,
+                        "cannot determine whether a scheduling process runs: cannot enter {}: "
+                        "{}; run this as the owner of the store",
+                        (directory / cFilesDirectory).string(), std::strerror(EACCES));
+}
+
 void Signal(const char* name, bool manualReset) {
     try {
         CEvent(name, manualReset).SetEvent();
@@ -128,6 +141,7 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
         process = FindHostIn(directory, status);
     if (process)
         return TSchedulingProcess{*process, SharesIpcNamespace(ProcessDirectory(*process))};
+    RequireAccessToLock(directory);
     return FindUnseenHost(directory / cLockFile);
 }
 

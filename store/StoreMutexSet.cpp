@@ -80,15 +80,18 @@ TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner) {
     }
 }
 
-bool InitialiseAbandonedSet(int set, const std::optional<TSetOwner>& owner) noexcept {
+bool IsSetAbandoned(int set) noexcept {
     const CDeadline deadline(cMakersTime);
     while (HasNoValue(set)) {
-        if (deadline.Pause())
-            continue;
-        // Its maker may have been killed before it did that, too.
-        return (!owner || TryToGiveTo(*owner, set)) && GiveFirstValue(set);
+        if (!deadline.Pause())
+            return true;
     }
     return false;
+}
+
+bool InitialiseAbandonedSet(int set, const std::optional<TSetOwner>& owner) noexcept {
+    // Its maker may have been killed before it gave the set to the owner, too.
+    return IsSetAbandoned(set) && (!owner || TryToGiveTo(*owner, set)) && GiveFirstValue(set);
 }
 
 }  // namespace vxsched

@@ -26,10 +26,14 @@ struct TStoreMutexSet {
 // when the process ends. `owner` is for the superuser, whose sets the store's owner could not use.
 TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner = {});
 
-// Gives a set its first value if the process that made it was killed before it did so: such a set
-// has the value 0 and was never operated on, and everybody would wait for it. A maker needs
-// microseconds, so this waits for 100 ms that somebody else does it, and not at all for a set that
-// has been used. `owner` as above. True if it gave the value. Does not throw.
+// Whether the process that made a set was killed before it gave it a value: such a set has the value
+// 0 and was never operated on, and everybody would wait for it. A maker needs microseconds, so this
+// waits for 100 ms that somebody gives the value, and not at all for a set that has been used. Does
+// not throw.
+bool IsSetAbandoned(int set) noexcept;
+
+// Gives an abandoned set its first value. Waits as IsSetAbandoned() does; `owner` as above. True if
+// it gave the value. Does not throw.
 bool InitialiseAbandonedSet(int set, const std::optional<TSetOwner>& owner = {}) noexcept;
 
 }  // namespace vxsched

@@ -19,6 +19,7 @@
 #include "store/LostTasks.h"
 #include "store/MutexHolders.h"
 #include "store/OwedLaunches.h"
+#include "store/StoreMutexSet.h"
 #include "store/StoreMutexState.h"
 #include "store/TableFile.h"
 
@@ -28,9 +29,11 @@ namespace {
 
 struct TStatus {
     std::optional<TSchedulingProcess> scheduler;
+    std::string schedulerError;  // why it is not known
     std::optional<TMutexState> mutex;
     std::string mutexError;
     bool isMutexWedged = false;
+    bool isMutexAbandoned = false;
     std::optional<TPossibleHolder> holder;  // of a mutex whose last user has ended
     std::optional<TTable> table;
     std::string damage;
@@ -60,7 +63,10 @@ void FindHolder(const std::filesystem::path& directory, TStatus& status) {
         return holder && holder->process == status.mutex->lastProcess &&
                holder->reason == TPossibleHolder::cMayHold;
     };
-    if (!status.mutex || status.mutex->value != 0 || mayBeLast(FindPossibleHolder(*status.mutex)))
+    if (!status.mutex || status.mutex->value != 0)
+        return;
+    status.isMutexAbandoned = IsSetAbandoned(status.mutex->set);
+    if (status.isMutexAbandoned || mayBeLast(FindPossibleHolder(*status.mutex)))
         return;
     CMutexHealer healer;
     const CDeadline deadline(2 * CMutexHealer::cUnchangedTime);
@@ -82,7 +88,11 @@ void FindHolder(const std::filesystem::path& directory, TStatus& status) {
 
 TStatus ReadStatus(const TCommon& common) {
     TStatus status;
-    status.scheduler = FindSchedulingProcess(common.store.directory);
+    try {
+        status.scheduler = FindSchedulingProcess(common.store.directory);
+    } catch (const CError& error) {
+        status.schedulerError = error.what();
+    }
     // Inspect the mutex before reading the table: reading takes the mutex, and would count as its
     // last use.
     try {
@@ -99,6 +109,9 @@ TStatus ReadStatus(const TCommon& common) {
     if (status.isMutexWedged)
         store.lockTimeout = std::chrono::milliseconds(0);
     try {
+        // A reader would give the mutex its value; this command changes nothing.
+        if (status.isMutexAbandoned)
+            throw CError(EError::cBusy, "not read, since the store mutex cannot be taken");
         status.table = CStore(store).Read();
         for (const TProblem& problem : status.table->problems) {
             if (problem.kind != TProblem::cUnusual)
@@ -137,6 +150,8 @@ std::optional<TTime> LastTick(const TStatus& status) {
 }
 
 std::string DescribeScheduler(const TStatus& status) {
+    if (!status.schedulerError.empty())
+        return status.schedulerError;
     if (!status.scheduler)
         return "none; start vxschedd in this directory";
     if (!status.scheduler->sharesStore)
@@ -149,6 +164,8 @@ std::string DescribeMutex(const TStatus& status) {
     const std::optional<TMutexState>& mutex = status.mutex;
     if (!mutex)
         return "not created yet";
+    if (status.isMutexAbandoned)
+        return "made, but never given a value, and cannot be taken; run vxsched repair";
     if (status.isMutexWedged)
         return "held by no process, and cannot be taken; run vxsched repair";
     if (status.holder)
@@ -179,6 +196,9 @@ void PrintJson(const TStatus& status, COutput& output) {
     json["scheduling_process"] = status.scheduler
                                      ? nlohmann::ordered_json(status.scheduler->process)
                                      : nlohmann::ordered_json();
+    json["scheduling_process_error"] = status.schedulerError.empty()
+                                           ? nlohmann::ordered_json()
+                                           : JsonOfString(status.schedulerError);
     json["reachable"] = HasScheduler(status);
     const std::optional<TTime> tick = LastTick(status);
     json["last_tick"] = JsonOfLast(tick.value_or(TTime()));

@@ -25,6 +25,8 @@ struct VXSCHED_PUBLIC TSchedulingProcess {
 // files/vxschedd.lock, also in another PID namespace; another host by /proc, as a process that
 // works in the directory, has the add-in mapped and several threads. The latter is found only if
 // this user may inspect it. Empty if there is none. The process may end at any time afterwards.
+// Throws CError (cNoAccess) if this user may not enter the store's directory "files", so that it is
+// not known whether there is one.
 VXSCHED_PUBLIC std::optional<TSchedulingProcess> FindSchedulingProcess(
     const std::filesystem::path& directory);
 

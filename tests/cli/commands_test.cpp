@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Cli.h"
+#include "ForeignStore.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "Recorder.h"
@@ -337,6 +338,31 @@ TEST_F(Cli, NoAccessIsStatusFour) {
         const TToolRun run = RunTool({"list"});
         EXPECT_EQ(run.status, 4);
         EXPECT_THAT(run.error, HasSubstr("files/scheduler.dat: Permission denied"));
+        return testing::Test::HasFailure() ? 2 : 42;
+    });
+    EXPECT_EQ(child.Wait(), 42);
+}
+
+// The lock that shows the scheduling process is in files/.
+TEST_F(Cli, WithoutAccessToTheFilesTheSchedulingProcessIsUnknown) {
+    REQUIRE_SUPERUSER();
+    WriteTable({Later("a")});
+    ASSERT_EQ(chmod("files", 0700), 0);
+    ASSERT_EQ(chmod(".", 0777), 0);
+    CForkedChild child([] {
+        if (setgid(cForeignUser) != 0 || setuid(cForeignUser) != 0)
+            return 1;
+        const std::string reason =
+            "cannot determine whether a scheduling process runs: cannot enter ./files: Permission "
+            "denied; run this as the owner of the store";
+        const TToolRun run = RunTool({"status"});
+        EXPECT_EQ(run.status, 4);
+        EXPECT_THAT(run.output, HasSubstr("Scheduler  " + reason + '\n'));
+        const TToolRun json = RunTool({"status", "--json"});
+        EXPECT_THAT(json.output, HasSubstr("\"scheduling_process_error\": \"" + reason));
+        const TToolRun wake = RunTool({"wake"});
+        EXPECT_EQ(wake.status, 4);
+        EXPECT_THAT(wake.error, HasSubstr(reason));
         return testing::Test::HasFailure() ? 2 : 42;
     });
     EXPECT_EQ(child.Wait(), 42);

@@ -230,6 +230,28 @@ TEST(WedgedMutex, IsNotAssumedByStatusDuringAChange) {
     });
 }
 
+// Its maker was killed before it gave the set a value.
+TEST(AbandonedMutex, IsReportedByStatusWithTheRemedyAndLeftAlone) {
+    WriteTable(cThree);
+    ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT | 0660), -1);
+    const vxsched::CWriterLock change(".", 0ms);
+    const TToolRun run = RunTool({"status"});
+    EXPECT_NE(run.output.find("Mutex      made, but never given a value, and cannot be taken; run "
+                              "vxsched repair"),
+              std::string::npos)
+        << run.output;
+    EXPECT_EQ(StoreSemaphoreValue(), 0);
+}
+
+TEST(AbandonedMutex, IsGivenItsValueByARepair) {
+    WriteTable(cThree);
+    ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT | 0660), -1);
+    const TToolRun run = RunTool({"repair"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    EXPECT_NE(RunTool({"status"}).output.find("3 tasks in "), std::string::npos);
+}
+
 TEST(WedgedMutex, IsReportedByStatusWithTheRemedyAndLeftAlone) {
     Inspectable([] {
         WriteTable(cThree);
