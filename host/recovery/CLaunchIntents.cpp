@@ -187,6 +187,9 @@ void CLaunchIntents::Intend(const TLaunchIntent& launch,
     if (!file.IsOpen() || isPending(launch))
         return;
     std::vector<TLaunchIntent> added = findDue();
+    // If the clock was set back since the tick has read it, the launch is not due any more.
+    if (std::find(added.begin(), added.end(), launch) == added.end())
+        added.push_back(launch);
     std::erase_if(added, isPending);
     if (WriteDown(added))
         pending.insert(pending.end(), added.begin(), added.end());

@@ -49,8 +49,8 @@ public:
     // require.
     void Clear();
 
-    // Writes all that `findDue` returns, and waits until it is on the disk, unless `launch` was
-    // written before. A failure is logged.
+    // Writes `launch` and all that `findDue` returns, and waits until it is on the disk, unless
+    // `launch` was written before. A failure is logged.
     void Intend(const TLaunchIntent& launch,
                 const std::function<std::vector<TLaunchIntent>()>& findDue);
 

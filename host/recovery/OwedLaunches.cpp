@@ -87,10 +87,17 @@ std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<TTaskEntry
     return why;
 }
 
-// The launch that a file holds, which is removed if the launch was made; nothing if there is none.
+// Whether a file was being written when a host was killed. The name of a task has no '@'.
+static bool IsUnfinished(const fs::path& file) {
+    const std::string name = file.filename().string();
+    return name.find(vxsched::cReplacementSuffix, name.rfind('@')) != std::string::npos;
+}
+
+// The launch that a file holds; nothing if the launch was made or the file is unfinished: such files
+// are removed.
 static std::optional<TOwedLaunch> TakeOver(const fs::path& file) {
     try {
-        if (fs::is_empty(file))
+        if (IsUnfinished(file) || fs::is_empty(file))
             Remove(file);
         else
             return vxsched::ReadOwedLaunch(file);

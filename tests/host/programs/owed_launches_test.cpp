@@ -301,6 +301,15 @@ TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
     }
 }
 
+// As after a kill while a file was written.
+TEST_F(OwedLaunches, UnfinishedFilesAreRemovedAtAStartup) {
+    fs::create_directories("files/owed");
+    WriteFile("files/owed/a%20task@5.new-77", "abc");
+    CHost host;
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(CountIn("files/owed"), 0U);
+}
+
 // As after a power failure that has lost the launch record and what was done to the owed launch's
 // file: the launch was made or not.
 TEST_F(OwedLaunches, WithAnIntentOfAnotherBootAreUnknownAndNotMade) {

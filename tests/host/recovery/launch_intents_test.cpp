@@ -65,6 +65,13 @@ TEST_F(LaunchIntents, OfATickAreWrittenTogetherAndOnce) {
     EXPECT_EQ(ReadFile(cIntents), written);
 }
 
+// The tick has read the clock before the host does, and the clock may be set back in between.
+TEST_F(LaunchIntents, OfALaunchThatIsNotDueAnyMoreIsWritten) {
+    const auto other = [] { return std::vector<TLaunchIntent>{cOther}; };
+    intents.Intend(cOne, other);
+    EXPECT_THAT(FoundUnder("second"), ElementsAre(cOther, cOne));
+}
+
 TEST_F(LaunchIntents, StayUntilTheTableShowsTheirLaunches) {
     Intend(cOne);
     Intend(cOther);
