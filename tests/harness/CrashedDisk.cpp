@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "Process.h"
 
@@ -211,4 +213,76 @@ void CCrashedDisk::WriteTo(const std::string& directory, EChoice choice,
                            std::mt19937& random) const {
     CChoices choices(choice, CountPending(*root), random);
     Write(*root, directory, choices);
+}
+
+// ---- Every state -------------------------------------------------------------------------------
+
+// The states of the object itself: of its content, or of its names, which lead to objects that may
+// have changes of their own. Changes that overwrite each other leave few different ones.
+std::vector<CCrashedDisk::TObject> CCrashedDisk::FindOwnStates(const TObject& object,
+                                                               std::size_t most) {
+    TObject initial = object;
+    initial.pending.clear();
+    std::vector<TObject> states = {initial};
+    const auto add = [&](const TObject& state) {
+        const bool isKnown = std::any_of(states.begin(), states.end(), [&](const TObject& known) {
+            return known.content == state.content && known.names == state.names;
+        });
+        if (!isKnown)
+            states.push_back(state);
+    };
+    for (const TChange& change : object.pending) {
+        const std::size_t count = states.size();
+        for (std::size_t index = 0; index < count && states.size() <= most; ++index) {
+            TObject state = states[index];
+            // The size may be on the disk without the bytes.
+            const std::size_t end = change.offset + change.bytes.size();
+            if (change.kind == TChange::cWrite && state.content.size() < end) {
+                state.content.resize(end);
+                add(state);
+                state = states[index];
+            }
+            Change(state, change);
+            add(state);
+        }
+    }
+    return states;
+}
+
+// Empty if there are more than `most`.
+std::vector<CCrashedDisk::TObjectPointer> CCrashedDisk::FindStatesOf(const TObject& object,
+                                                                     std::size_t most) {
+    std::vector<TObjectPointer> all;
+    for (const TObject& own : FindOwnStates(object, most)) {
+        // The states in which the names so far lead to a state of their objects.
+        std::vector<TObject> states = {own};
+        for (const auto& [name, below] : own.names) {
+            const std::vector<TObjectPointer> choices = FindStatesOf(*below, most);
+            if (choices.empty() || states.size() * choices.size() > most)
+                return {};
+            std::vector<TObject> longer;
+            for (const TObject& state : states) {
+                for (const TObjectPointer& choice : choices) {
+                    longer.push_back(state);
+                    longer.back().names[name] = choice;
+                }
+            }
+            states = std::move(longer);
+        }
+        if (all.size() + states.size() > most)
+            return {};
+        for (TObject& state : states)
+            all.push_back(std::make_shared<TObject>(std::move(state)));
+    }
+    return all;
+}
+
+std::vector<CCrashedDisk::TObjectPointer> CCrashedDisk::FindStates(std::size_t most) const {
+    return FindStatesOf(*root, most);
+}
+
+void CCrashedDisk::WriteTo(const std::string& directory, const TObject& state) {
+    std::mt19937 unused;
+    CChoices choices(cAll, 0, unused);
+    Write(state, directory, choices);
 }

@@ -50,7 +50,8 @@ public:
     // Writes the disk's content below `directory`, which does not exist.
     void WriteTo(const std::string& directory, EChoice choice, std::mt19937& random) const;
 
-private:
+    // A file, a link or a directory, with the changes that were not flushed; a state of the disk has
+    // none.
     struct TObject;
     using TObjectPointer = std::shared_ptr<TObject>;
     struct TChange {
@@ -66,7 +67,19 @@ private:
         std::map<std::string, TObjectPointer> names;
         std::vector<TChange> pending;
     };
+
+    // Every state that the disk may be in, without writes that are there in part, each once; empty
+    // if there are more than `most`.
+    std::vector<TObjectPointer> FindStates(std::size_t most) const;
+
+    // Writes one of these states.
+    static void WriteTo(const std::string& directory, const TObject& state);
+
+private:
     class CChoices;
+
+    static std::vector<TObject> FindOwnStates(const TObject& object, std::size_t most);
+    static std::vector<TObjectPointer> FindStatesOf(const TObject& object, std::size_t most);
 
     TObjectPointer Load(const std::string& path);
     void SetName(const std::string& path, const TObjectPointer& object);

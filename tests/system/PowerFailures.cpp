@@ -14,13 +14,14 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <random>
 #include <set>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "CrashedDisk.h"
@@ -302,9 +303,16 @@ void ExpectRecovery(const THistorySoFar& before, bool isPowerFailure) {
 
 // ---- Every state ----------------------------------------------------------------------------------
 
+// More states than this after one call are not enumerated.
+constexpr std::size_t cMostEnumerated = 256;
+
 struct TState {
-    std::size_t cut;                              // how many calls were made
-    std::optional<CCrashedDisk::EChoice> choice;  // empty: the host is killed, nothing is lost
+    struct TKill {};  // the host is killed, nothing is lost
+
+    std::size_t cut;  // how many calls were made
+    std::variant<TKill, CCrashedDisk::EChoice, CCrashedDisk::TObjectPointer> loss;
+
+    bool IsPowerFailure() const { return !std::holds_alternative<TKill>(loss); }
 };
 
 // Whether the next call is a launch. The launched process creates its launch record and empties the
@@ -316,18 +324,76 @@ bool IsOfALaunch(const std::vector<TFileCall>& calls, std::size_t next) {
     return is(next, "launch") || (is(next, "truncate") && is(next + 1, "launch"));
 }
 
-std::vector<TState> StatesOf(const std::vector<TFileCall>& calls) {
-    std::vector<TState> states;
+// Whether a call only changes files. Any other one flushes changes, or is one that a recovery has to
+// respect.
+bool IsChange(const TFileCall& call) {
+    static const std::set<std::string> changes = {"create", "mkdir",   "link",  "unlink",
+                                                  "rename", "symlink", "write", "truncate"};
+    return changes.contains(call.operation);
+}
+
+// Whether the calls up to the next cut are changes alone. Each state after this cut is then one
+// after the next cut, too, with the same expectations.
+bool IsCoveredByTheNext(const std::vector<TFileCall>& calls, std::size_t cut) {
+    do {
+        if (cut == calls.size() || !IsChange(calls[cut]))
+            return false;
+        ++cut;
+    } while (IsOfALaunch(calls, cut));
+    return true;
+}
+
+struct TStates {
+    std::vector<TState> all;
+    std::size_t enumerated = 0;
+    std::size_t drawnCuts = 0;  // with too many states
+};
+
+// Of each cut: a kill, and every state without writes that are there in part, if these are not too
+// many; else a choice of them. In addition, for what is there in part, two random states.
+TStates StatesOf(const std::vector<TFileCall>& calls) {
+    // Of the cuts that are no part of a launch; none where there are too many.
+    std::map<std::size_t, std::vector<CCrashedDisk::TObjectPointer>> every;
+    CCrashedDisk disk("initial");
     for (std::size_t cut = 1; cut <= calls.size(); ++cut) {
-        if (IsOfALaunch(calls, cut))
-            continue;
-        for (const CCrashedDisk::EChoice choice :
-             {CCrashedDisk::cNone, CCrashedDisk::cAll, CCrashedDisk::cOneLost,
-              CCrashedDisk::cOneKept, CCrashedDisk::cRandom, CCrashedDisk::cRandom})
-            states.push_back({cut, choice});
-        states.push_back({cut, {}});
+        disk.Apply(calls[cut - 1]);
+        if (!IsOfALaunch(calls, cut))
+            every[cut] = disk.FindStates(cMostEnumerated);
+    }
+    TStates states;
+    for (auto place = every.begin(); place != every.end(); ++place) {
+        const auto& [cut, enumerated] = *place;
+        states.all.push_back({cut, TState::TKill()});
+        for (int number = 0; number < 2; ++number)
+            states.all.push_back({cut, CCrashedDisk::cRandom});
+        if (enumerated.empty()) {
+            ++states.drawnCuts;
+            for (const CCrashedDisk::EChoice choice :
+                 {CCrashedDisk::cNone, CCrashedDisk::cAll, CCrashedDisk::cOneLost,
+                  CCrashedDisk::cOneKept})
+                states.all.push_back({cut, choice});
+        } else if (!IsCoveredByTheNext(calls, cut) || std::next(place)->second.empty()) {
+            states.enumerated += enumerated.size();
+            for (const CCrashedDisk::TObjectPointer& each : enumerated)
+                states.all.push_back({cut, each});
+        }
     }
     return states;
+}
+
+// The path is that of the recorded store, since the table has it in the paths of links.
+void WriteState(const CCrashedDisk& disk, const TState& state, std::mt19937& random) {
+    fs::create_directory("recorded");
+    if (const auto* const enumerated = std::get_if<CCrashedDisk::TObjectPointer>(&state.loss))
+        return CCrashedDisk::WriteTo("recorded", **enumerated);
+    const auto* const choice = std::get_if<CCrashedDisk::EChoice>(&state.loss);
+    disk.WriteTo("recorded", choice != nullptr ? *choice : CCrashedDisk::cAll, random);
+}
+
+std::string Describe(const TState& state) {
+    if (const auto* const choice = std::get_if<CCrashedDisk::EChoice>(&state.loss))
+        return fmt::format("choice {}", static_cast<int>(*choice));
+    return state.IsPowerFailure() ? "an enumerated state" : "a kill";
 }
 
 }  // namespace
@@ -336,7 +402,8 @@ void TryPowerFailures(std::size_t most) {
     WriteFile("boot-id", "00000000-0000-0000-0000-000000000000\n");
     Record();
     const std::vector<TFileCall> calls = ReadFileCalls("calls");
-    std::vector<TState> states = StatesOf(calls);
+    const TStates found = StatesOf(calls);
+    std::vector<TState> states = found.all;
     std::mt19937 random(1);
     if (most > 0) {
         std::shuffle(states.begin(), states.end(), random);
@@ -352,18 +419,17 @@ void TryPowerFailures(std::size_t most) {
             disk.Apply(calls[done]);
             before.Add(calls[done]);
         }
-        // The path is that of the recorded store, since the table has it in the paths of links.
-        fs::create_directory("recorded");
-        disk.WriteTo("recorded", state.choice.value_or(CCrashedDisk::cAll), random);
-        SCOPED_TRACE(fmt::format("after call {} of {}, {}, choice {}", state.cut, calls.size(),
-                                 calls[state.cut - 1].operation,
-                                 state.choice ? std::to_string(*state.choice) : "of a kill"));
+        WriteState(disk, state, random);
+        SCOPED_TRACE(fmt::format("after call {} of {}, {}, {}", state.cut, calls.size(),
+                                 calls[state.cut - 1].operation, Describe(state)));
         fs::current_path("recorded");
-        ExpectRecovery(before, state.choice.has_value());
+        ExpectRecovery(before, state.IsPowerFailure());
         fs::current_path("..");
         if (testing::Test::HasFailure())
             return;  // leaves the directory as the host has left it
         fs::remove_all("recorded");
     }
-    std::printf("%zu states after %zu calls\n", states.size(), calls.size());
+    std::printf(
+        "%zu states after %zu calls, of %zu; %zu of these enumerated, drawn after %zu calls\n",
+        states.size(), calls.size(), found.all.size(), found.enumerated, found.drawnCuts);
 }
