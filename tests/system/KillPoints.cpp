@@ -1,5 +1,6 @@
 #include "KillPoints.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -18,6 +19,7 @@
 #include <random>
 #include <system_error>
 
+#include "base/CDescriptor.h"
 #include "store/CStoreMutexLock.h"
 
 #include "GuardedTable.h"
@@ -27,6 +29,7 @@
 #include "TableFile.h"
 #include "Tool.h"
 #include "TracedProgram.h"
+#include "WedgedMutex.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -34,6 +37,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char cProgram[] = PROGRAMS "/append-text";
+constexpr char cRefusal[] = "no processes";  // while it is there, launches of a host are refused
 
 // What a scenario consists of. The functions run in the test's process.
 struct TScenario {
@@ -47,6 +51,8 @@ struct TScenario {
     std::function<void(CTracedProgram&)> act = {};
     // What has to hold after the kill, or after the end if the command was not killed.
     std::function<void(const CTracedProgram&, int status)> check;
+    // It sets a wedged mutex free, for which it has to inspect every process that it sees.
+    bool mustInspect = false;
 };
 
 std::vector<std::string> Tool(const std::vector<std::string>& arguments) {
@@ -63,7 +69,8 @@ void RemoveAllSets() {
 }
 
 void RemoveStore() {
-    for (const char* const path : {"files", "daily.log", "once.log", "missed.log", "job.log"})
+    for (const char* const path :
+         {"files", "daily.log", "once.log", "missed.log", "job.log", cRefusal})
         fs::remove_all(path);
     RemoveAllSets();
 }
@@ -81,8 +88,10 @@ std::size_t CountInHistory(const std::string& part) {
 }
 
 void ExpectNoUnfinishedFiles() {
-    EXPECT_EQ(CountIn("files", ".save-"), 0U);
-    EXPECT_EQ(CountIn("files", ".new-"), 0U);
+    for (const char* const directory : {"files", "files/owed", "files/snapshots"}) {
+        EXPECT_EQ(CountIn(directory, ".save-"), 0U) << directory;
+        EXPECT_EQ(CountIn(directory, ".new-"), 0U) << directory;
+    }
 }
 
 // Whether the host has done what it does after a tick: removed the launch records of what the table
@@ -256,6 +265,47 @@ TScenario RepairScenario() {
             }};
 }
 
+// The table of a running host is damaged, and another process keeps it open, so that the guard does
+// not restore it before the command is over.
+TScenario RepairNextToAHost() {
+    const auto host = std::make_shared<std::unique_ptr<CHost>>();
+    const auto reader = std::make_shared<CDescriptor>();
+    return {.name = "RepairNextToAHost",
+            .command = Tool({"repair"}),
+            .prepare =
+                [host, reader] {
+                    if (*host == nullptr) {
+                        PrepareForCommand();
+                        *host = std::make_unique<CHost>();
+                    } else {
+                        ReplaceAll(TableOfCommands());
+                    }
+                    *reader = CDescriptor(open(cTable, O_RDONLY | O_CLOEXEC));
+                    const std::string bytes = ReadFile(cTable);
+                    WriteFile(cTable, bytes.substr(0, bytes.size() - 60));
+                },
+            .check =
+                [reader](const CTracedProgram& traced, int status) {
+                    const std::string good = BytesOf(TableOfCommands());
+                    EXPECT_TRUE(ReadFile(cTable) == good || status != 0) << traced.Output();
+                    *reader = CDescriptor();
+                    WaitUntil([&] { return ReadFile(cTable) == good && IsSettled(); });
+                    ExpectAnotherCommandWorks("first");
+                }};
+}
+
+// The mutex is held by nobody and cannot be taken; the command sets it free.
+TScenario OnAWedgedMutex(const std::string& name, CTracedProgram::EVictim victim,
+                         const std::vector<std::string>& arguments) {
+    TScenario scenario = CommandScenario(name + "OnAWedgedMutex", victim, arguments);
+    scenario.prepare = [] {
+        PrepareForCommand();
+        Wedge();
+    };
+    scenario.mustInspect = true;
+    return scenario;
+}
+
 // ---- The host -----------------------------------------------------------------------------------
 
 // What a killed host has left, in the directory "killed", which was up at `since`.
@@ -417,6 +467,127 @@ TScenario StopScenario() {
                 }};
 }
 
+// The system refuses the launches of a tick, which the host then owes.
+TScenario RefusedTickScenario() {
+    const auto due = std::make_shared<std::int64_t>();
+    return {.name = "RefusedTick",
+            .command = HostWith({}),
+            .prepare = PrepareForTick,
+            .act =
+                [due](CTracedProgram& host) {
+                    WaitForHost(host);
+                    *due = MakeTasksDue();
+                    vxsched::AnnounceChange();
+                    WriteFile(cRefusal, "");
+                    host.Count();
+                    vxsched::WakeSchedulingProcess();
+                    WaitUntil([&] {
+                        return host.IsKilled() || (CountIn("files/owed", "@") == 2 && IsSettled());
+                    });
+                    kill(host.Id(), SIGKILL);
+                },
+            .check =
+                [due](const CTracedProgram& traced, int /*status*/) {
+                    fs::remove(cRefusal);
+                    CheckLaunches(*due, false, traced);
+                    EXPECT_EQ(CountIn("files/owed"), 0U);
+                }};
+}
+
+// Leaves a store in which the host owes the launches of both tasks. Returns their due time.
+std::int64_t LeaveOwedLaunches() {
+    PrepareForTick();
+    CHost host;
+    const std::int64_t due = MakeTasksDue();
+    vxsched::AnnounceChange();
+    WriteFile(cRefusal, "");
+    vxsched::WakeSchedulingProcess();
+    WaitUntil([] { return CountIn("files/owed", "@") == 2 && IsSettled(); });
+    host.Kill(SIGKILL);
+    host.Wait();
+    fs::remove(cRefusal);
+    fs::remove_all("owing");
+    fs::rename("files", "owing");
+    return due;
+}
+
+void PrepareOwedLaunches(std::int64_t& due) {
+    if (due == 0)
+        due = LeaveOwedLaunches();
+    RemoveStore();
+    fs::copy("owing", "files", fs::copy_options::recursive);
+}
+
+// The next host makes them.
+TScenario OwedLaunchesScenario() {
+    const auto due = std::make_shared<std::int64_t>();
+    return {.name = "OwedLaunches",
+            .command = HostWith({"--run-once"}),
+            .prepare = [due] { PrepareOwedLaunches(*due); },
+            .check =
+                [due](const CTracedProgram& traced, int /*status*/) {
+                    CheckLaunches(*due, false, traced);
+                    EXPECT_EQ(CountIn("files/owed"), 0U);
+                }};
+}
+
+// The launch of one is cancelled, since its task is paused; that of the task that runs once is made.
+TScenario CancelledLaunchScenario() {
+    const auto due = std::make_shared<std::int64_t>();
+    return {.name = "CancelledLaunch",
+            .command = HostWith({"--run-once"}),
+            .prepare =
+                [due] {
+                    PrepareOwedLaunches(*due);
+                    TRows rows = ReadTable();
+                    rows.at(0).paused = 1;
+                    WriteTable(rows);
+                },
+            .check =
+                [](const CTracedProgram& traced, int /*status*/) {
+                    const std::string output = traced.Output() + "\nnext:\n" + RunHostOnce();
+                    SCOPED_TRACE(output);
+                    EXPECT_EQ(CountOfLines("daily.log"), 0U);
+                    EXPECT_EQ(CountOfLines("once.log"), 1U);
+                    EXPECT_GE(CountInHistory("\"error\":\"the task was paused\""), 1U);
+                    EXPECT_EQ(NamesInTable(), "daily far");
+                    EXPECT_EQ(CountIn("files/owed"), 0U);
+                    ExpectAnotherCommandWorks("far");
+                    ExpectNoUnfinishedFiles();
+                }};
+}
+
+// The guard sets a wedged mutex free.
+TScenario WedgedMutexScenario() {
+    return {.name = "HostOnAWedgedMutex",
+            .command = HostWith({}),
+            .prepare = PrepareForTick,
+            .act =
+                [](CTracedProgram& host) {
+                    WaitForHost(host);
+                    Wedge();
+                    host.Count();
+                    WriteTable(ReadTable());
+                    WaitUntil([&] { return host.IsKilled() || StoreSemaphoreValue() == 1; });
+                    kill(host.Id(), SIGKILL);
+                },
+            .check =
+                [](const CTracedProgram& traced, int /*status*/) {
+                    const std::string output = traced.Output() + "\nnext:\n" + RunHostOnce();
+                    EXPECT_EQ(NamesInTable(), "daily once far") << output;
+                    ExpectAnotherCommandWorks("far");
+                    ExpectNoUnfinishedFiles();
+                },
+            .mustInspect = true};
+}
+
+// A check of the set-up changes nothing.
+TScenario SetUpCheckScenario() {
+    TScenario scenario = StartupScenario("SetUpCheck", false);
+    scenario.command = HostWith({"--check"});
+    return scenario;
+}
+
 // ---- All of them ----------------------------------------------------------------------------------
 
 const std::vector<std::string> cCreate = {"create", "new", "--at",   "2090-01-01 00:00", "--every",
@@ -434,6 +605,9 @@ std::vector<TScenario> Scenarios() {
         CommandScenario("Remove", command, {"remove", "first"}),
         CommandScenario("Run", command, cRun),
         CommandScenario("Import", command, {"import", "--replace"}),
+        CommandScenario("Edit", command, {"edit", "first", "--every", "2d"}),
+        CommandScenario("Resume", command, {"resume", "paused"}),
+        CommandScenario("Period", command, {"period", "first", "2d"}),
         RepairScenario(),
         CommandScenario("ChangeOfCreate", change, cCreate),
         CommandScenario("ChangeOfRemove", change, {"remove", "first"}),
@@ -441,16 +615,32 @@ std::vector<TScenario> Scenarios() {
         CommandScenario("ChangeOfEditOfAPausedTask", change, {"edit", "paused", "--every", "2d"}),
         CommandScenario("ChangeOfRemoveOfSeveral", change, {"remove", "first", "paused"}),
         CommandScenario("ChangeOfRun", change, cRun),
+        CommandScenario("ChangeOfPause", change, {"pause", "first"}),
+        CommandScenario("ChangeOfResume", change, {"resume", "paused"}),
+        CommandScenario("ChangeOfPeriod", change, {"period", "first", "2d"}),
         NextToAHost("Create", command, cCreate),
         NextToAHost("Remove", command, {"remove", "first"}),
         NextToAHost("Run", command, cRun),
         NextToAHost("ChangeOfCreate", change, cCreate),
         NextToAHost("ChangeOfRun", change, cRun),
+        NextToAHost("Pause", command, {"pause", "first"}),
+        NextToAHost("Import", command, {"import", "--replace"}),
+        NextToAHost("ChangeOfPause", change, {"pause", "first"}),
+        NextToAHost("ChangeOfEdit", change, {"edit", "first", "--every", "2d"}),
+        RepairNextToAHost(),
+        OnAWedgedMutex("Pause", command, {"pause", "first"}),
+        OnAWedgedMutex("ChangeOfPause", change, {"pause", "first"}),
+        OnAWedgedMutex("Repair", command, {"repair"}),
         StartupScenario("Startup", false),
         StartupScenario("StartupOnADamagedTable", true),
         TickScenario(),
         GuardScenario(),
         StopScenario(),
+        SetUpCheckScenario(),
+        RefusedTickScenario(),
+        OwedLaunchesScenario(),
+        CancelledLaunchScenario(),
+        WedgedMutexScenario(),
     };
 }
 
@@ -487,6 +677,28 @@ long NumberFrom(const char* variable, long otherwise) {
     return given != nullptr ? std::atol(given) : otherwise;
 }
 
+void TryPointsOf(const TScenario& scenario, std::size_t most) {
+    bool isKilled = false;
+    const long calls = RunPoint(scenario, 0, isKilled);
+    const auto stride = most == 0 ? 1L : std::max(1L, calls / static_cast<long>(most));
+    const long seed = NumberFrom("KILL_POINTS_SEED", std::random_device()() % 1'000'000);
+    std::printf("%s: %ld calls, KILL_POINTS_SEED=%ld\n", scenario.name.c_str(), calls, seed);
+    std::fflush(stdout);
+    const long only = NumberFrom("KILL_POINT", 0);
+    long tried = 0;
+    // The threads and processes of a run meet in another order in each run, so that a later run may
+    // make more calls.
+    for (long call = only != 0 ? only : 1 + seed % stride;
+         !testing::Test::HasFailure() && (call <= calls || isKilled); call += stride) {
+        RunPoint(scenario, call, isKilled);
+        tried += isKilled ? 1 : 0;
+        if (only != 0)
+            break;
+    }
+    std::printf("%s: killed at %ld of %ld calls\n", scenario.name.c_str(), tried, calls);
+    std::fflush(stdout);
+}
+
 }  // namespace
 
 std::vector<std::string> KillScenarios() {
@@ -500,25 +712,12 @@ void TryKillPoints(const std::string& name, std::size_t most) {
     WriteInput();
     for (const auto& [variable, value] : WithoutPauses())
         setenv(variable.c_str(), value.c_str(), 1);
+    setenv("REFUSE_LAUNCHES", fs::absolute(cRefusal).c_str(), 1);
     const std::vector<TScenario> scenarios = Scenarios();
     const auto scenario = std::find_if(scenarios.begin(), scenarios.end(),
                                        [&](const TScenario& it) { return it.name == name; });
-    bool isKilled = false;
-    const long calls = RunPoint(*scenario, 0, isKilled);
-    const auto stride = most == 0 ? 1L : std::max(1L, calls / static_cast<long>(most));
-    const long seed = NumberFrom("KILL_POINTS_SEED", std::random_device()() % 1'000'000);
-    std::printf("%s: %ld calls, KILL_POINTS_SEED=%ld\n", name.c_str(), calls, seed);
-    std::fflush(stdout);
-    const long only = NumberFrom("KILL_POINT", 0);
-    long tried = 0;
-    // The threads and processes of a run meet in another order in each run, so that a later run may
-    // make more calls.
-    for (long call = only != 0 ? only : 1 + seed % stride;
-         !testing::Test::HasFailure() && (call <= calls || isKilled); call += stride) {
-        RunPoint(*scenario, call, isKilled);
-        tried += isKilled ? 1 : 0;
-        if (only != 0)
-            break;
-    }
-    std::printf("%s: killed at %ld of %ld calls\n", name.c_str(), tried, calls);
+    if (scenario->mustInspect)
+        Inspectable([&] { TryPointsOf(*scenario, most); });
+    else
+        TryPointsOf(*scenario, most);
 }
