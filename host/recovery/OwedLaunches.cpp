@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -69,6 +70,11 @@ void ForgetOwedLaunch(const TOwedLaunch& launch) {
     Remove(OwedLaunchPath(launch));
 }
 
+// A program is launched with strings that end with their first zero bytes.
+static std::string_view AsLaunched(std::string_view string) {
+    return string.substr(0, string.find('\0'));
+}
+
 std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<TTaskEntry>& tasks) {
     if (launch.period == 0)
         return "";
@@ -76,8 +82,8 @@ std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<TTaskEntry
     for (const TTaskEntry& task : tasks) {
         if (task.name != launch.task)
             continue;
-        // A launch has the strings up to their first zero bytes.
-        if (task.program.c_str() != launch.program || task.parameter.c_str() != launch.parameter)
+        if (AsLaunched(task.program) != launch.program ||
+            AsLaunched(task.parameter) != launch.parameter)
             why = "the program of the task was changed";
         else if (task.paused)
             why = "the task was paused";

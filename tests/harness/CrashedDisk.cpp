@@ -205,7 +205,7 @@ void CCrashedDisk::Write(const TObject& object, const std::string& path, CChoice
     } else {
         fs::create_directory(path);
         for (const auto& [name, below] : state.names)
-            Write(*below, path + '/' + name, choices);
+            Write(*below, std::string(path).append(1, '/').append(name), choices);
     }
 }
 

@@ -115,6 +115,7 @@ TEST(MutexStress, DirectClientsOfEveryKindStopNobody) {
         std::map<int, int> statuses;
         for (int iteration = 0; iteration < Iterations(); ++iteration) {
             std::vector<std::unique_ptr<CProgram>> clients;
+            clients.reserve(cClients);
             for (int client = 0; client < cClients; ++client)
                 clients.push_back(std::make_unique<CProgram>(ThisProgramAs(
                     "DirectClient", {std::to_string(iteration) + '.' + std::to_string(client),

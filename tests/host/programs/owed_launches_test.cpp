@@ -41,8 +41,7 @@ protected:
 
     // Has the host try to launch the task, which is due now, and returns it as it was.
     static TRow Refuse(CHost& host, std::uint32_t period = 0) {
-        TRow row = {"a task", std::time(nullptr), 0, period, PROGRAMS "/append-text", "log",
-                          0};
+        TRow row = {"a task", std::time(nullptr), 0, period, PROGRAMS "/append-text", "log", 0};
         ReplaceTable({row});
         WakeWorker();
         EXPECT_TRUE(host.WaitForOutput("is launched as soon as the system has a process for it"));
