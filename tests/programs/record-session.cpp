@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string>
 
+#include "WriteInOneStep.h"
+
 int main(int argc, char** argv) {
     if (argc != 2)
         return 99;
@@ -23,12 +25,5 @@ int main(int argc, char** argv) {
     std::printf("output \033[1m of the program\n");
     std::fflush(stdout);
     std::fprintf(stderr, "error of the program\n");
-    // Renamed into place, so that a reader never finds half of it.
-    const std::string temporary = std::string(argv[1]) + ".new";
-    std::FILE* const file = std::fopen(temporary.c_str(), "w");
-    if (file == nullptr)
-        return 1;
-    std::fwrite(text.data(), 1, text.size(), file);
-    std::fclose(file);
-    return std::rename(temporary.c_str(), argv[1]) == 0 ? 0 : 1;
+    return WriteInOneStep(argv[1], text);
 }

@@ -408,19 +408,23 @@ TEST(Event, SetThatAKilledCloserHadRetiredIsReplaced) {
     EXPECT_EQ(CountSemaphoreSets(), 0);
 }
 
+// Sets who may use the semaphores of the only event.
+static void SetMode(unsigned short mode) {
+    TSemaphoreArgument argument{};
+    struct semid_ds status {};
+    argument.buf = &status;
+    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_STAT, argument), 0);
+    status.sem_perm.mode = mode;
+    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_SET, argument), 0);
+}
+
 // Another user's set can be retired for ever, and cannot be removed.
 TEST(Event, SetThatAnotherUserHasRetiredIsRefused) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only the superuser can become another user";
     CEvent event(cName, true);
-    TSemaphoreArgument argument{};
-    struct semid_ds status {};
-    argument.buf = &status;
-    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_STAT, argument), 0);
-    status.sem_perm.mode = 0666;
-    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_SET, argument), 0);
-    argument.val = 1;
-    ASSERT_EQ(semctl(TheOnlySet(), 2, SETVAL, argument), 0);
+    SetMode(0666);
+    ASSERT_EQ(semctl(TheOnlySet(), 2, SETVAL, 1), 0);
     CForkedChild other([] {
         if (setgid(65534) != 0 || setuid(65534) != 0)
             return 1;
@@ -560,12 +564,7 @@ TEST(Event, UseOfCountsOpenersAndWaitersWithoutBeingOne) {
 
 TEST(Event, UseOfAnUnreadableEventIsZero) {
     const CEvent event(cName, false);
-    TSemaphoreArgument argument{};
-    struct semid_ds status {};
-    argument.buf = &status;
-    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_STAT, argument), 0);
-    status.sem_perm.mode = 0;
-    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_SET, argument), 0);
+    SetMode(0);
     CForkedChild child([&] {
         if (!DropCapabilities())
             return 1;
@@ -604,12 +603,7 @@ TEST(Event, MoreOpenersThanTheSystemCountsAreAnError) {
 
 TEST(Event, MissingPermissionIsAnErrorWithNameAndReason) {
     CEvent event(cName, true);
-    TSemaphoreArgument argument{};
-    struct semid_ds status {};
-    argument.buf = &status;
-    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_STAT, argument), 0);
-    status.sem_perm.mode = 0;
-    ASSERT_EQ(semctl(TheOnlySet(), 0, IPC_SET, argument), 0);
+    SetMode(0);
     CForkedChild child([&] {
         if (!DropCapabilities())
             return 1;
