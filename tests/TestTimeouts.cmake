@@ -4,6 +4,6 @@ if(SANITIZE)
   set(TEST_TIMEOUT 240)
 endif()
 # For tests with thousands of iterations.
-set(SLOW_TEST_TIMEOUT 600)
+set(SLOW_TEST_TIMEOUT 1800)
 # For tests that compile something.
 set(BUILDING_TEST_TIMEOUT 300)
