@@ -47,7 +47,8 @@ using TWriteTable = void (*)(const std::filesystem::path& directory, std::string
 
 // Replaces the table by one with the changes that lead from `base` to `ours`, and with those that
 // others have saved meanwhile. The caller holds the store mutex. `write` is the function of
-// store/TableFile.h that writes it; throws CError as that does.
+// store/TableFile.h that writes it, ReplaceTable or SaveTable: one that opened the table's file
+// itself would wait for the lease. Throws CError as that does.
 void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours,
                    TWriteTable write);
 

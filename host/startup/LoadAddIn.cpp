@@ -90,6 +90,16 @@ static TRunRecord RunOfUnknown(const TOwedLaunch& launch, const std::vector<TTas
     return record;
 }
 
+// Writes the table, of which `before` was read; on a full disk without what others may have saved
+// since.
+static void WriteTable(std::string before, std::string after) {
+    try {
+        vxsched::ReplaceMerged(".", std::move(before), after, vxsched::ReplaceTable);
+    } catch (const vxsched::CError&) {
+        vxsched::ReplaceOrOverwriteTable(".", after);
+    }
+}
+
 // Returns when the uptime of this host begins. Locks: as for RepairTable().
 static vxsched::TTime Prepare(const THostOptions& options, const std::optional<TUptime>& previous,
                               CRunHistory& history) {
@@ -108,9 +118,7 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
     for (const TOwedLaunch& launch : unknown)
         ForgetOwedLaunch(launch);
     if (prepared.tasks != tasks)
-        vxsched::ReplaceMerged(".", vxsched::EncodeTable(tasks),
-                               vxsched::EncodeTable(prepared.tasks),
-                               vxsched::ReplaceOrOverwriteTable);
+        WriteTable(vxsched::EncodeTable(tasks), vxsched::EncodeTable(prepared.tasks));
     for (const TLaunchRecord& record : records)
         RemoveLaunchRecord(record);
     CLaunchIntents::Instance().Clear();
