@@ -1,6 +1,7 @@
 #include "store/CFormerTable.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
 #include "base/RegularFile.h"
+#include "base/SameFile.h"
 #include "store/CReadLease.h"
 #include "store/MergeChanges.h"
 #include "store/TableFile.h"
@@ -28,11 +30,11 @@ static bool IsTable(const std::string& bytes) {
 }
 
 CFormerTable::CFormerTable(const fs::path& directory)
-    : file(OpenRegularFile(TableFile(directory).c_str(), O_RDONLY)) {
+    : path(TableFile(directory)), file(OpenRegularFile(path.c_str(), O_RDONLY)) {
     if (!file.IsOpen())
         return;
     lease = std::make_unique<CReadLease>(file.Get());
-    bytes = ReadBytes(file.Get(), TableFile(directory));
+    bytes = ReadBytes(file.Get(), path);
 }
 
 CFormerTable::~CFormerTable() = default;
@@ -45,6 +47,10 @@ std::optional<std::string> CFormerTable::WrittenSince() {
     if (!file.IsOpen() || lease->IsUnbroken())
         return {};
     lease.reset();
+    struct stat status {};
+    // A table that could not be replaced was overwritten in place.
+    if (fstat(file.Get(), &status) == -1 || IsSameFile(path, status))
+        return {};
     const CReadLease afterTheirs(file.Get());
     if (lseek(file.Get(), 0, SEEK_SET) == -1)
         throw SystemError("cannot read the former table", errno);

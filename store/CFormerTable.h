@@ -38,6 +38,7 @@ public:
     std::optional<std::string> WrittenSince();
 
 private:
+    const std::filesystem::path path;
     CDescriptor file;
     std::unique_ptr<CReadLease> lease;
     std::string bytes;
