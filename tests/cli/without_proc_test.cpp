@@ -36,7 +36,7 @@ TEST_F(Cli, WithoutProcNoHelperOfThePresentDirectoryIsStarted) {
     CProgram tool(ThisProgramAs("ToolWithoutProc"));
     const int status = tool.Wait();
     if (status == 99)
-        GTEST_SKIP() << "the system does not permit a mount";
+        GTEST_SKIP() << cCannotMount;
     EXPECT_EQ(status, 1) << tool.Output();
     EXPECT_THAT(tool.Output(), HasSubstr("cannot read /proc/self/exe"));
     EXPECT_FALSE(std::filesystem::exists("started"));

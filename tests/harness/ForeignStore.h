@@ -6,14 +6,28 @@
 
 #include <string>
 
+#include "Process.h"
+
 // A store of another user's, on which the superuser works.
 
 inline constexpr uid_t cForeignUser = 65534;
 
-// Only the superuser can make files of another user's: no test of that has a meaning without.
-#define REQUIRE_SUPERUSER() \
-    if (geteuid() != 0)     \
-    GTEST_SKIP() << "only the superuser can make a store of another user's"
+// Whether this process may make files of another user's, and become that user. The superuser of a
+// user namespace may do so only with users that are in its map.
+inline bool HasASecondUser() {
+    CForkedChild child([] {
+        return geteuid() == 0 && setgid(cForeignUser) == 0 && setuid(cForeignUser) == 0 ? 42 : 1;
+    });
+    return child.Wait() == 42;
+}
+
+// The kernel lets nobody but the superuser have a second user: a user namespace of an ordinary user's
+// has one user only.
+#define REQUIRE_SUPERUSER()                                                                  \
+    if (!HasASecondUser())                                                                   \
+    GTEST_SKIP()                                                                             \
+        << "this test needs a second user, 65534, as whom only the superuser can work: run " \
+           "it as root, where /proc/self/uid_map has that user"
 
 // Gives the directory of the test with its "files", and the table if there is one, to that user.
 inline void GiveStoreTo(uid_t user) {

@@ -50,10 +50,23 @@ int CForkedChild::Wait() {
     return result;
 }
 
+bool EnterNamespaces(int flags) {
+    if (unshare(flags) == 0)
+        return true;
+    const std::string uid = std::to_string(getuid());
+    const std::string gid = std::to_string(getgid());
+    if (unshare(CLONE_NEWUSER | flags) != 0)
+        return false;
+    WriteFile("/proc/self/setgroups", "deny");
+    WriteFile("/proc/self/uid_map", uid + ' ' + uid + " 1");
+    WriteFile("/proc/self/gid_map", gid + ' ' + gid + " 1");
+    return true;
+}
+
 int RunInPidNamespace(const std::function<int()>& body) {
     constexpr int cNotPermitted = 125;
     CForkedChild outer([&] {
-        if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0)
+        if (!EnterNamespaces(CLONE_NEWPID | CLONE_NEWNS))
             return cNotPermitted;
         CForkedChild first([&] {
             if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
@@ -68,7 +81,7 @@ int RunInPidNamespace(const std::function<int()>& body) {
 }
 
 bool HideProc() {
-    return unshare(CLONE_NEWNS) == 0 &&
+    return EnterNamespaces(CLONE_NEWNS) &&
            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
 }

@@ -27,14 +27,25 @@ private:
     pid_t process;
 };
 
+// Has this process enter new namespaces of the kinds in `flags` (CLONE_NEW...). An ordinary user may
+// do that only together with a user namespace, in which it keeps its user id and is the only user.
+// False where the system does not permit it.
+bool EnterNamespaces(int flags);
+
 // Runs `body` in a child that is process 1 of a PID namespace of its own, with a /proc that shows
 // that namespace: every process there may be inspected. Returns body's result as CForkedChild does,
 // or -1 where the system does not permit it.
 int RunInPidNamespace(const std::function<int()>& body);
 
 // Hides /proc from this process and those that it starts from now on, in a mount namespace of its
-// own. False where the system does not permit it.
+// own. False where the system does not permit it, that is, for want of cCannotMount.
 bool HideProc();
+
+// What a system lacks in which no test can mount anything, not even in a user namespace of its own.
+inline constexpr char cCannotMount[] =
+    "the system permits neither this user to mount (CAP_SYS_ADMIN) nor user namespaces to ordinary "
+    "users (user.max_user_namespaces, kernel.unprivileged_userns_clone, or a container's filter of "
+    "system calls)";
 
 // A real program with its standard output and error in a pipe.
 class CProgram {

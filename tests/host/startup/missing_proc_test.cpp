@@ -27,7 +27,7 @@ TEST(HostStartup, WithoutProcNoAddInOfThePresentDirectoryIsTaken) {
     CProgram host(ThisProgramAs("HostWithoutProc"));
     const int status = host.Wait();
     if (status == 99)
-        GTEST_SKIP() << "the system does not permit a mount";
+        GTEST_SKIP() << cCannotMount;
     EXPECT_EQ(status, 5);
     EXPECT_NE(host.Output().find("cannot read /proc/self/exe"), std::string::npos) << host.Output();
     EXPECT_NE(host.Output().find("--addin"), std::string::npos) << host.Output();
