@@ -123,7 +123,7 @@ class CTracer {
 public:
     CTracer(CTracedProgram::TShared& sharedState, const std::vector<std::string>& command,
             const CTracedProgram::TOptions& options)
-        : shared(sharedState) {
+        : shared(sharedState), meanwhile(options.meanwhile) {
         // Orphans become children of this process, so that their end can be awaited.
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -229,11 +229,15 @@ private:
         if (shared.calls != shared.killAt)
             return;
         Describe(thread, info, shared.at);
-        kill(*victim, SIGKILL);
+        if (meanwhile)
+            meanwhile(*victim);
+        else
+            kill(*victim, SIGKILL);
         shared.isKilled = true;
     }
 
     CTracedProgram::TShared& shared;
+    const std::function<void(pid_t)> meanwhile;
     pid_t program = -1;
     std::optional<pid_t> child;
     std::map<pid_t, pid_t> threads;  // with their processes
