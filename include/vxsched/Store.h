@@ -88,8 +88,8 @@ public:
     // with the permissions of the owner of `files/`, as whom the scheduling process launches it.
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
-    // Adds an active task at the end of the table. With `replace` it replaces a task of the same
-    // name in its place and keeps the last launch. A repeating task whose due time is past by more
+    // Adds an active task at the end of the table. With `replace` a task of the same name keeps its
+    // position in the table and its last launch, and gets all other fields. A repeating task whose due time is past by more
     // than cJustPast is rescheduled to its next one. Returns the entry as it is in the table.
     // Throws cRefused on a validation error that is not forced, and without `replace` if the name
     // is taken.

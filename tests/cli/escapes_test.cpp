@@ -96,3 +96,56 @@ TEST_F(Cli, JsonEscapesWhatATerminalWouldObey) {
     Output({"import", "export"});
     EXPECT_EQ(ReadFile(cTable), before) << "an import reads the escapes";
 }
+
+// Whatever a table or a history holds, and wherever a command shows it.
+TEST_F(Cli, NoCommandShowsAControlCharacter) {
+    const std::string hostile = cHostile + "\n\r\t\x7f";
+    const std::string program = '/' + hostile;
+    const std::vector<std::vector<std::string>> commands = {
+        {"list"},
+        {"list", "--json"},
+        {"show", hostile},
+        {"show", hostile, "--json"},
+        {"next", "--count", "3"},
+        {"next", "--count", "3", "--json"},
+        {"history"},
+        {"history", "--json"},
+        {"history", hostile},
+        {"status"},
+        {"status", "--json"},
+        {"check"},
+        {"check", "--json"},
+        {"export"},
+        {"edit", hostile, "--parameter", hostile, "--dry-run"},
+        {"edit", hostile, "--parameter", hostile},
+        {"edit", hostile, "--program", program},
+        {"period", hostile, "2d"},
+        {"pause", hostile, "--dry-run"},
+        {"pause", hostile},
+        {"resume", hostile},
+        {"run", hostile},
+        {"import", "--merge", "import"},
+        {"remove", hostile, "--dry-run"},
+        {"remove", hostile},
+        {"create", hostile, "--at", "in 1h", "--force", "missing-program", "--", program, hostile},
+        {"import", "import", "--replace"},
+        {"repair", "--dry-run"},
+        {"repair"}};
+    for (const bool isTerminal : {false, true}) {
+        WriteTable({{hostile, 4'000'000'000, 0, 24, program, hostile, 0}});
+        WriteFile("import", Output({"export"}));
+        WriteFile(cHistory,
+                  Run("\\u001b[31m \\u009b \\u202e",
+                      R"("outcome":"not started","due":null,"error":"\u001b[31m \u009b")"));
+        for (const std::vector<std::string>& command : commands) {
+            if (command[0] == "repair" && ReadFile(cTable).size() > 20)
+                WriteFile(cTable, ReadFile(cTable).substr(0, ReadFile(cTable).size() - 1));
+            const TToolRun run =
+                isTerminal ? RunToolOnTerminal(command, 80, {{"NO_COLOR", "1"}}) : RunTool(command);
+            const std::string shown = run.output + run.error;
+            for (const char* const control :
+                 {"\033", "\xc2\x9b", " \x9b", "\xe2\x80\xae", "\r", "\t", "\x7f"})
+                EXPECT_THAT(shown, Not(HasSubstr(control))) << testing::PrintToString(command);
+        }
+    }
+}

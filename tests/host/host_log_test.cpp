@@ -1,4 +1,4 @@
-// The log of the host: its file, a pipe in its place, a stalled reader, and lines at debug level.
+// The log of the host: a file or a pipe, a stalled reader, and lines at debug level.
 
 #include <VXC_Log.h>
 #include <fcntl.h>
