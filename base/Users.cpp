@@ -17,6 +17,15 @@ TUser FindUser(uid_t id) {
     return known;
 }
 
+std::string NameOfGroup(gid_t id) {
+    group entry{};
+    group* found = nullptr;
+    std::array<char, 1 << 16> strings{};
+    if (getgrgid_r(id, &entry, strings.data(), strings.size(), &found) != 0 || found == nullptr)
+        return std::to_string(id);
+    return found->gr_name;
+}
+
 std::vector<gid_t> GroupsOf(uid_t id, gid_t group) {
     const TUser user = FindUser(id);
     if (!user.group)

@@ -16,6 +16,9 @@ struct TUser {
 };
 TUser FindUser(uid_t id);
 
+// The name of a group; its number if it has none.
+std::string NameOfGroup(gid_t id);
+
 // The groups of a user, the main one first, as a login or a service manager would set them; for one
 // without an entry, `group` alone.
 std::vector<gid_t> GroupsOf(uid_t id, gid_t group);

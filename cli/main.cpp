@@ -17,6 +17,7 @@
 #include "cli/time/PeriodFormat.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
+#include "store/StoreAccess.h"
 #include "store/StoreOwner.h"
 #include "store/TableFile.h"
 
@@ -372,9 +373,10 @@ void CCommandLine::AddMaintenance() {
 
 // A mistyped directory would otherwise look like an empty table.
 void CCommandLine::WarnIfNoHostHasRun() const {
-    std::error_code ignored;
-    if (std::filesystem::is_directory(directory, ignored) &&
-        !std::filesystem::exists(std::filesystem::path(directory) / cFilesDirectory, ignored))
+    std::error_code error;
+    if (std::filesystem::is_directory(directory, error) &&
+        !std::filesystem::exists(std::filesystem::path(directory) / cFilesDirectory, error) &&
+        !error)
         std::cerr << "vxsched: no host has run in " << Show(directory).string
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
@@ -452,10 +454,16 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
            (command->get_options(takesValue).empty() ? "" : "; quote an argument of several words");
 }
 
-// Adds the file and the remedy to the message for a damaged table: the library leaves both to its
-// callers, which may not be this command.
+// Adds to the message for a refused access whom the store is for, and to that for a damaged table the
+// file and the remedy: the library leaves these to its callers, which may not be this command.
 std::string CCommandLine::MessageFor(const CError& error) const {
     std::string message = error.what();
+    if (error.Code() == EError::cNoAccess) {
+        const std::string users = WhoMayUse(directory);
+        return users.empty() ? message
+                             : fmt::format("{}; the directory {} is for {}", message,
+                                           Show(directory).string, Show(users).string);
+    }
     if (error.Code() != EError::cDamaged)
         return message;
     const bool hasRemedy = message.find("repair the table") != std::string::npos;

@@ -41,7 +41,6 @@
 #include "host/startup/LoadAddIn.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/SetUpCheck.h"
-#include "host/startup/StoreSemaphores.h"
 #include "host/startup/WorkDirectory.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
@@ -50,6 +49,7 @@
 #include "runs/CRunHistory.h"
 #include "store/Layout.h"
 #include "store/StoreMutexSet.h"
+#include "store/StoreSemaphores.h"
 #include "store/TableSaves.h"
 
 // Opens /dev/null as those of descriptors 0 to 2 that the parent left closed. Otherwise the next
@@ -106,7 +106,7 @@ static int TryToReplaceStoreMutex(int removed) {
         const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
         if (set.isMade) {
             gMadeSet = set.id;
-            SetSemaphoreAccess(".");
+            vxsched::SetSemaphoreAccess(".");
         }
         if (lastRemoved.exchange(removed) != removed)
             LogWarning(fmt::format(
@@ -181,7 +181,7 @@ static void RequireAddIn(const std::string& path) {
 // Before any of them is opened: the add-in's load would wait for a mutex that another user holds,
 // and ends the process if it may not open an event.
 static void RequireOwnSemaphores() {
-    if (const std::string reason = WhySemaphoresAreRefused("."); !reason.empty())
+    if (const std::string reason = vxsched::WhySemaphoresAreRefused("."); !reason.empty())
         throw CHostError(cNoStore, reason);
 }
 
@@ -266,7 +266,7 @@ static void Run(const THostOptions& options) {
         FollowNextLockedSet({ReplaceStoreMutex, OnWaitForStoreMutex});
         return std::make_unique<CAddInLibrary>(options.addIn);
     });
-    SetSemaphoreAccess(".");
+    vxsched::SetSemaphoreAccess(".");
     // The load launches nothing.
     HandleLaunches(loaded.library->Tasks(), &output);
     COwedLaunches::Instance().TakeOver();

@@ -14,9 +14,11 @@
 #include "base/RotatedFile.h"
 #include "base/Sync.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 
 using vxsched::cFilesDirectory;
 using vxsched::cHistoryFile;
+using vxsched::PrivateMode;
 
 // Appends a line to the file. Returns the reason of a failure, or an empty string.
 static std::string Append(const std::string& line) {
@@ -28,6 +30,9 @@ static std::string Append(const std::string& line) {
     struct stat before {};
     if (fstat(file.Get(), &before) != 0)
         return std::strerror(errno);
+    // Not by open(), whose mode the umask narrows.
+    if (before.st_size == 0)
+        fchmod(file.Get(), PrivateMode("."));
     const ssize_t count = write(file.Get(), line.data(), line.size());
     if (count == static_cast<ssize_t>(line.size()))
         return "";

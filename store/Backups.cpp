@@ -17,6 +17,7 @@
 #include <vxsched/Error.h>
 #include "base/Sync.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -210,6 +211,14 @@ fs::path ReplaceKeepingLink(const fs::path& directory, std::string_view repaired
     return quarantine;
 }
 
+// False also if one of the files does not exist.
+bool HaveOneOwner(const fs::path& one, const fs::path& other) {
+    struct stat first {};
+    struct stat second {};
+    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
+           first.st_uid == second.st_uid;
+}
+
 }  // namespace
 
 std::vector<TBackupFile> ListBackups(const fs::path& directory) {
@@ -245,8 +254,9 @@ void RestoreBeforeChange(const fs::path& directory) {
         throw SystemError("cannot restore the backup " + before.string(), ENOENT);
     const std::string bytes = ReadBytes(before);
     DecodeTable(bytes, Now());
-    // A rename would replace the link, and leave its target damaged.
-    if (isLink)
+    // A rename would replace the link, and leave its target damaged; and it would give the table to
+    // the member of the store's group who has made the change.
+    if (isLink || !HaveOneOwner(before, TableFile(directory)))
         ReplaceOrOverwriteTable(directory, bytes);
     else
         RenameToTable(before, directory);
@@ -256,10 +266,12 @@ void KeepSnapshot(const fs::path& directory, std::string_view bytes, std::size_t
     const TSeries snapshots = Snapshots(directory);
     if (most == 0 || RefreshYoungest(snapshots, bytes))
         return;
-    if (mkdir(snapshots.directory.c_str(), 0700) == 0)
+    std::error_code ignored;
+    if (!fs::exists(snapshots.directory, ignored)) {
+        if (const int error = MakePrivateDirectory(snapshots.directory, directory); error != 0)
+            throw SystemError("cannot create " + snapshots.directory.string(), error);
         SyncDirectory(snapshots.directory.parent_path().c_str());
-    else if (errno != EEXIST)
-        throw SystemError("cannot create " + snapshots.directory.string(), errno);
+    }
     WriteNewFile(NextFile(snapshots), bytes, directory);
     RemoveAllBut(most, snapshots);
 }

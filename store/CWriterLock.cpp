@@ -38,11 +38,11 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
 }
 
 std::optional<TSetOwner> CWriterLock::OwnerForSets() const {
-    if (geteuid() != 0)
-        return {};
     struct stat status {};
     if (fstat(descriptor.Get(), &status) == -1)
         throw SystemError("cannot read the owner of the directory \"files\"", errno);
+    if (geteuid() != 0 && geteuid() == status.st_uid)
+        return {};
     return TSetOwner{status.st_uid, status.st_gid};
 }
 

@@ -22,8 +22,8 @@ public:
     CWriterLock(const CWriterLock&) = delete;
     CWriterLock& operator=(const CWriterLock&) = delete;
 
-    // Whom a set of semaphores that this process makes is to be given to: under the superuser the
-    // owner of the store, that of the directory "files", else nobody.
+    // Whom a set of semaphores that this process makes is to be given to: the owner of the store, that
+    // of the directory "files", with its group; nobody if that is this process's user.
     std::optional<TSetOwner> OwnerForSets() const;
 
 private:

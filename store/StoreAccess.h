@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <string>
 
 namespace vxsched {
 
@@ -16,12 +17,21 @@ namespace vxsched {
 // the directory cannot be examined.
 mode_t PrivateMode(const std::filesystem::path& directory);
 
-// Makes a directory in the store, for whom PrivateMode() says; one that exists stays as it is.
-// Returns 0, or an error number.
+// The mode of a table that is made where there is none: the add-in's 0644, or 0664 for a store that
+// is open to a group, whose members and owner have to write it whoever of them makes it.
+mode_t NewTableMode(const std::filesystem::path& directory);
+
+// Makes a directory in the store, for whom PrivateMode() says, with the group that the store is open
+// to for what is made in it; one that exists stays as it is. Returns 0, or an error number.
 int MakePrivateDirectory(const std::filesystem::path& path, const std::filesystem::path& store);
 
 // Whether a user may use the store of a directory: the superuser, this process's user, the owner of
 // the directory, and the members of the group that it is open to.
 bool MayUse(uid_t user, const std::filesystem::path& directory);
+
+// Whom the store of a directory is for, for a message to another user: "user keeper alone", or "user
+// keeper and the group team". Empty for the superuser and the owner, and if the directory cannot be
+// examined.
+std::string WhoMayUse(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -90,8 +90,10 @@ bool IsSetAbandoned(int set) noexcept {
 }
 
 bool InitialiseAbandonedSet(int set, const std::optional<TSetOwner>& owner) noexcept {
-    // Its maker may have been killed before it gave the set to the owner, too.
-    return IsSetAbandoned(set) && (!owner || TryToGiveTo(*owner, set)) && GiveFirstValue(set);
+    // Its maker may have been killed before it gave the set to the owner, too. A member of the store's
+    // group may not do it for another user's set, and can use that as it is.
+    return IsSetAbandoned(set) && (!owner || TryToGiveTo(*owner, set) || errno == EPERM) &&
+           GiveFirstValue(set);
 }
 
 }  // namespace vxsched

@@ -23,7 +23,8 @@ struct TStoreMutexSet {
 
 // Opens the set, or makes it, free, where there is none. Takes no lock and does not wait for a
 // holder; blocks for at most 100 ms, for a set without a value. The kernel undoes nothing of this
-// when the process ends. `owner` is for the superuser, whose sets the store's owner could not use.
+// when the process ends. `owner` is for the superuser and for members of the store's group,
+// whose sets the store's owner could not use.
 TStoreMutexSet OpenOrMakeStoreMutex(const std::optional<TSetOwner>& owner = {});
 
 // Whether the process that made a set was killed before it gave it a value: such a set has the value

@@ -69,11 +69,20 @@ void RequireSynced(bool isSynced, const fs::path& path) {
         throw SystemError("cannot sync " + path.string(), errno);
 }
 
+// Gives a file the owner and the group of `like`. False if only the superuser may do that; a member of
+// the group that the store is open to gives it the group.
+bool GiveTo(const struct stat& like, int descriptor) {
+    if (fchown(descriptor, like.st_uid, like.st_gid) == 0)
+        return true;
+    static_cast<void>(!fchown(descriptor, static_cast<uid_t>(-1), like.st_gid));
+    return false;
+}
+
 enum class EReplace { cKeepOwner, cAsPermitted };
 
 // Writes a temporary file, gives it the owner of `like` and the mode, and renames it to `target`.
-// With cKeepOwner it fails if it may not give the file to that owner.
-void Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
+// Returns false, and changes nothing, with cKeepOwner and if it may not give the file to that owner.
+bool Replace(const fs::path& target, std::string_view bytes, const std::optional<struct stat>& like,
              mode_t mode, EReplace how, const char* suffix = cReplacementSuffix) {
     const fs::path fresh = target.string() + suffix + std::to_string(getpid());
     const CDescriptor descriptor(
@@ -82,21 +91,28 @@ void Replace(const fs::path& target, std::string_view bytes, const std::optional
         throw SystemError("cannot write " + fresh.string(), errno);
     const CTemporary temporary(fresh);
     Write(descriptor.Get(), bytes, fresh);
-    if (like && fchown(descriptor.Get(), like->st_uid, like->st_gid) == -1 &&
-        how == EReplace::cKeepOwner)
-        throw SystemError("cannot keep the owner of " + target.string(), errno);
+    if (like && !GiveTo(*like, descriptor.Get()) && how == EReplace::cKeepOwner)
+        return false;
     fchmod(descriptor.Get(), mode);
     RequireSynced(SyncFile(descriptor.Get()), fresh);
     if (rename(fresh.c_str(), target.c_str()) == -1)
         throw SystemError("cannot replace " + target.string(), errno);
     SyncDirectory(target.parent_path().c_str());
+    return true;
 }
 
-// Of a table that exists, or as the add-in makes one.
-mode_t ModeOfTable(const fs::path& table) {
+// Of a table that exists, or that is to be made.
+mode_t ModeOfTable(const fs::path& table, const fs::path& directory) {
     struct stat status {};
     return stat(table.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_mode & 0777
-                                                                        : 0644;
+                                                                        : NewTableMode(directory);
+}
+
+void OverwriteTable(const fs::path& file, std::string_view bytes) {
+    const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_WRONLY);
+    if (!descriptor.IsOpen())
+        throw SystemError("cannot write " + file.string(), errno);
+    vxsched::OverwriteTable(descriptor.Get(), bytes, file);
 }
 
 void WriteAt(int descriptor, std::string_view bytes, std::size_t offset, const fs::path& path) {
@@ -162,7 +178,13 @@ static void ReplaceTableBy(const fs::path& directory, std::string_view bytes, co
     const fs::path file = TableFile(directory);
     RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
-    Replace(target, bytes, StatusOf(target), ModeOfTable(target), EReplace::cKeepOwner, suffix);
+    const std::optional<struct stat> status = StatusOf(target);
+    if (Replace(target, bytes, status, ModeOfTable(target, directory), EReplace::cKeepOwner, suffix))
+        return;
+    // Another name of the file is a copy that has to stay, see ReplaceDamaged().
+    if (status->st_nlink > 1)
+        throw SystemError("cannot keep the owner of " + target.string(), EPERM);
+    OverwriteTable(target, bytes);
 }
 
 void ReplaceTable(const fs::path& directory, std::string_view bytes) {
@@ -177,11 +199,7 @@ void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) 
     try {
         ReplaceTable(directory, bytes);
     } catch (const CError&) {
-        const fs::path file = TableFile(directory);
-        const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_WRONLY);
-        if (!descriptor.IsOpen())
-            throw SystemError("cannot write " + file.string(), errno);
-        OverwriteTable(descriptor.Get(), bytes, file);
+        OverwriteTable(TableFile(directory), bytes);
     }
 }
 
@@ -205,7 +223,7 @@ void OverwriteTable(int descriptor, std::string_view bytes, const fs::path& file
 
 void RenameToTable(const fs::path& file, const fs::path& directory) {
     const fs::path table = TableFile(directory);
-    chmod(file.c_str(), ModeOfTable(table));
+    chmod(file.c_str(), ModeOfTable(table, directory));
     if (rename(file.c_str(), table.c_str()) == -1)
         throw SystemError("cannot replace " + table.string() + " by " + file.string(), errno);
     SyncDirectory(table.parent_path().c_str());

@@ -39,7 +39,9 @@ std::string TableState(const std::filesystem::path& directory);
 
 // Replaces the table by `bytes` in one step, by rename(): a reader sees either the old bytes or the
 // new ones. Owner and mode stay. If the file is a symbolic link, its target is replaced; if there
-// is no target, nothing is. Throws CError (cNoAccess, cFailed); the old table stays then.
+// is no target, nothing is. A member of the group that the store is open to cannot make a file of the
+// owner's, and overwrites the table in place, as OverwriteTable() does. Throws CError (cNoAccess,
+// cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // The same for a change of one task: the table guard takes it for a save, which may have removed

@@ -46,6 +46,7 @@
 #include "store/CReadLease.h"
 #include "store/Layout.h"
 #include "store/MergeChanges.h"
+#include "store/StoreAccess.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -99,12 +100,12 @@ int Close(int descriptor) {
 }
 
 // Gives the temporary file the owner and mode of the table or, if there is none, the mode that the
-// add-in asks for. False if that fails, or if the table is a link or has several: a rename would
+// add-in asks for, wider in a store that is open to a group. False if that fails, or if the table is a link or has several: a rename would
 // replace the link.
 bool CopyPermissions(int descriptor, mode_t mode) {
     struct stat status {};
     if (lstat(cTableFile, &status) == -1)
-        return errno == ENOENT && fchmod(descriptor, mode & 0777) == 0;
+        return errno == ENOENT && fchmod(descriptor, (mode & 0777) | NewTableMode(".")) == 0;
     return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
            fchown(descriptor, status.st_uid, status.st_gid) == 0 &&
            fchmod(descriptor, status.st_mode & 07777) == 0;

@@ -166,12 +166,13 @@ void CEvent::Join() {
 
 // Removes this object from the openers, and the set from the system if it was the last one.
 // Retiring the set in the same step makes a process that opens the event in between create a new
-// set.
+// set. One that this process may not remove stays in use: retired, nobody else could open it.
 void CEvent::Leave() noexcept {
     const int id = semId;
     for (;;) {
         if (Atomically(id, {{cOpeners, -1, cNowUndo}, {cOpeners, 0, cNow}, {cRetired, 1, cNow}})) {
-            semctl(id, 0, IPC_RMID);
+            if (semctl(id, 0, IPC_RMID) == -1 && errno == EPERM)
+                Atomically(id, {{cRetired, -1, cNow}});
             return;
         }
         if (Atomically(id, {{cOpeners, -2, cNowUndo}, {cOpeners, 1, cNowUndo}}))

@@ -42,7 +42,8 @@ std::string ReadAll(std::istream& input, const std::string& file) {
 std::string ReadInput(const std::string& file) {
     std::ifstream stream;
     std::istream* input = &std::cin;
-    if (std::filesystem::is_directory(file))
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file, ignored))
         throw MakeError(EError::cRefused, "cannot import: {} is a directory", file);
     if (file != "-") {
         stream.open(file, std::ios::binary);

@@ -38,6 +38,7 @@
 #include "store/ProgramLinks.h"
 #include "store/StoreMutexSet.h"
 #include "store/StoreOwner.h"
+#include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
 #include "store/TableSaves.h"
 #include "store/WorkerState.h"
@@ -83,7 +84,7 @@ const CWriterLock* gWriterLock = nullptr;
 
 int ReplaceStoreMutex(int /*removed*/) noexcept {
     try {
-        return OpenOrMakeStoreMutex().id;
+        return OpenOrMakeStoreMutex(gWriterLock->OwnerForSets()).id;
     } catch (const std::exception&) {
         return -1;  // also when memory is exhausted
     }
@@ -237,6 +238,7 @@ bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
     std::optional<CFrozenClock> clock(std::in_place);
     const CAddIn addIn(request.addIn);
     clock.reset();
+    SetSemaphoreAccess(".");
     for (const TCall& call : request.calls)
         Make(addIn, call);
     return true;

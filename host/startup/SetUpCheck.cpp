@@ -17,9 +17,9 @@
 #include "host/startup/Descriptors.h"
 #include "host/startup/NamespaceChecks.h"
 #include "host/startup/RepairPlan.h"
-#include "host/startup/StoreSemaphores.h"
 #include "host/startup/WorkDirectory.h"
 #include "store/CStoreMutexLock.h"
+#include "store/StoreSemaphores.h"
 
 namespace {
 
@@ -132,7 +132,8 @@ TExitStatus CheckSetUp(const THostOptions& options) {
         CReport::Ok(fmt::format("{} can be used", options.directory));
     if (const std::string warning = WarningOfAccess(options.directory); !warning.empty())
         CReport::Warn(warning);
-    if (const std::string reason = WhySemaphoresAreRefused(options.directory); !reason.empty())
+    if (const std::string reason = vxsched::WhySemaphoresAreRefused(options.directory);
+        !reason.empty())
         report.Fail(cNoStore, reason);
     CheckAddIn(options.addIn, report);
     if (reasons.empty())

@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "ForeignStore.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
 
@@ -420,13 +421,12 @@ static void SetMode(unsigned short mode) {
 
 // Another user's set can be retired for ever, and cannot be removed.
 TEST(Event, SetThatAnotherUserHasRetiredIsRefused) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only the superuser can become another user";
+    REQUIRE_SUPERUSER();
     CEvent event(cName, true);
     SetMode(0666);
     ASSERT_EQ(semctl(TheOnlySet(), 2, SETVAL, 1), 0);
     CForkedChild other([] {
-        if (setgid(65534) != 0 || setuid(65534) != 0)
+        if (setgid(cForeignUser) != 0 || setuid(cForeignUser) != 0)
             return 1;
         try {
             const CEvent refused(cName, true);
@@ -436,6 +436,29 @@ TEST(Event, SetThatAnotherUserHasRetiredIsRefused) {
         }
     });
     EXPECT_EQ(other.Wait(), 42);
+}
+
+// It cannot be removed by that user, and one that is retired cannot be opened either.
+TEST(Event, SetOfAnotherUserIsNotRetiredByItsLastCloser) {
+    REQUIRE_SUPERUSER();
+    CForkedChild maker([] {
+        // Ends without closing it.
+        static_cast<void>(std::make_unique<CEvent>(cName, true).release());
+        SetMode(0666);
+        return 42;
+    });
+    ASSERT_EQ(maker.Wait(), 42);
+    CForkedChild other([] {
+        if (setgid(cForeignUser) != 0 || setuid(cForeignUser) != 0)
+            return 1;
+        for (int times = 0; times < 2; ++times)
+            CEvent(cName, true).SetEvent();
+        return 42;
+    });
+    EXPECT_EQ(other.Wait(), 42);
+    EXPECT_EQ(CEvent::UseOf(cName).openers, 0);
+    const CEvent event(cName, true);
+    EXPECT_EQ(CountSemaphoreSets(), 1);
 }
 
 TEST(Event, CopyInAForkedChildDoesNotCloseTheParents) {

@@ -1,4 +1,4 @@
-#include "host/startup/StoreSemaphores.h"
+#include "store/StoreSemaphores.h"
 
 #include <CEvent.h>
 #include <fmt/format.h>
@@ -14,21 +14,23 @@
 #include "store/StoreAccess.h"
 #include "store/StoreKey.h"
 
-using vxsched::TSemaphoreArgument;
+namespace vxsched {
+
+namespace {
 
 struct TStoreSet {
     const char* name;
     int id;  // -1: there is none
 };
 
-static std::array<TStoreSet, 3> StoreSets() {
-    return {{{"the store mutex", semget(vxsched::StoreKey(), 1, 0)},
-             {"the event of changed tasks", CEvent::UseOf(vxsched::cTaskChangedEventName).set},
-             {"the worker's stop event", CEvent::UseOf(vxsched::cStopEventName).set}}};
+std::array<TStoreSet, 3> StoreSets() {
+    return {{{"the store mutex", semget(StoreKey(), 1, 0)},
+             {"the event of changed tasks", CEvent::UseOf(cTaskChangedEventName).set},
+             {"the worker's stop event", CEvent::UseOf(cStopEventName).set}}};
 }
 
 // The state of a set also where this user may not read the set.
-static std::optional<struct semid_ds> StatusOf(int set) {
+std::optional<struct semid_ds> StatusOf(int set) {
     struct semid_ds status {};
     TSemaphoreArgument argument{};
     struct seminfo limits {};
@@ -42,7 +44,9 @@ static std::optional<struct semid_ds> StatusOf(int set) {
     return {};
 }
 
-std::string WhySemaphoresAreRefused(const std::string& directory) {
+}  // namespace
+
+std::string WhySemaphoresAreRefused(const std::filesystem::path& directory) {
     for (const TStoreSet& set : StoreSets()) {
         const auto status = set.id == -1 ? std::nullopt : StatusOf(set.id);
         if (!status)
@@ -51,7 +55,7 @@ std::string WhySemaphoresAreRefused(const std::string& directory) {
         const std::string remedy =
             fmt::format("Find out what made it, then remove it: ipcrm -s {}", set.id);
         for (const uid_t user : {access.uid, access.cuid}) {
-            if (!vxsched::MayUse(user, directory))
+            if (!MayUse(user, directory))
                 return fmt::format(
                     "{} is a semaphore set of user {}, who could keep the tasks from being "
                     "launched. {}",
@@ -66,9 +70,9 @@ std::string WhySemaphoresAreRefused(const std::string& directory) {
     return "";
 }
 
-void SetSemaphoreAccess(const std::string& directory) {
+void SetSemaphoreAccess(const std::filesystem::path& directory) {
     struct stat files {};
-    if (stat((directory + '/' + vxsched::cFilesDirectory).c_str(), &files) == -1)
+    if (stat((directory / cFilesDirectory).c_str(), &files) == -1)
         return;
     for (const TStoreSet& set : StoreSets()) {
         struct semid_ds status {};
@@ -76,8 +80,11 @@ void SetSemaphoreAccess(const std::string& directory) {
         argument.buf = &status;
         if (set.id == -1 || semctl(set.id, 0, IPC_STAT, argument) == -1)
             continue;
-        status.sem_perm.mode = static_cast<unsigned short>(vxsched::PrivateMode(directory));
+        status.sem_perm.mode = static_cast<unsigned short>(PrivateMode(directory));
+        status.sem_perm.uid = files.st_uid;
         status.sem_perm.gid = files.st_gid;
         semctl(set.id, 0, IPC_SET, argument);
     }
 }
+
+}  // namespace vxsched

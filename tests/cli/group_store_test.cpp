@@ -1,0 +1,256 @@
+// A store that its owner has opened to a group, and one that is the owner's alone: what a member of
+// the group may do, and another user.
+
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "GroupStore.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
+
+static const std::vector<std::vector<std::string>> cCommands = {
+    {"list"},     {"show", "a"},   {"next"},   {"history"},
+    {"export"},   {"pause", "a"},  {"repair"}, {"remove", "a"},
+    {"run", "a"}, {"import", "-"}, {"wake"},   {"create", "b", "--at", "in 1h", "--", cRecorder}};
+
+class GroupStore : public Cli {
+protected:
+    void SetUp() override {
+        REQUIRE_SUPERUSER();
+        if (!EnterUserDatabase())
+            GTEST_SKIP() << "CAP_SYS_ADMIN is missing: this test replaces /etc/passwd and "
+                            "/etc/group for itself by mounts";
+        WriteTable({Later("a"), Later("paused")});
+        for (const char* const path : {".", "files", cTable})
+            ASSERT_EQ(chown(path, cKeeper, cKeeper), 0);
+        ASSERT_EQ(chmod(".", 0700), 0);
+    }
+
+    // As docs/security.md has it.
+    static void OpenToGroup() {
+        CProgram shell(
+            {"/bin/sh", "-c",
+             "chgrp -R team . && chmod -R g+rwX . && find . -type d -exec chmod g+s {} +"});
+        ASSERT_EQ(shell.Wait(), 0) << shell.Output();
+    }
+
+    struct TRun {
+        int status;
+        std::string output;
+    };
+
+    static TRun RunAs(uid_t user, const std::vector<std::string>& arguments) {
+        std::vector<std::string> command = {TOOL_PROGRAM};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        CProgram tool(As(user, command));
+        const int status = tool.Wait();
+        return {status, tool.Output()};
+    }
+
+    static std::string OutputAs(uid_t user, const std::vector<std::string>& arguments) {
+        const TRun run = RunAs(user, arguments);
+        EXPECT_EQ(run.status, 0) << testing::PrintToString(arguments) << run.output;
+        EXPECT_THAT(run.output, Not(HasSubstr("vxsched: "))) << testing::PrintToString(arguments);
+        return run.output;
+    }
+
+    // Whoever has changed the table, it stays the keeper's, open to the group.
+    static void ExpectTableIsTheKeepers(const std::string& after) {
+        struct stat status {};
+        ASSERT_EQ(stat(cTable, &status), 0);
+        EXPECT_EQ(status.st_uid, cKeeper) << after;
+        EXPECT_EQ(status.st_gid, cStoreGroup) << after;
+        EXPECT_EQ(status.st_mode & 0777U, 0664U) << after;
+    }
+
+    // Every command that changes the table.
+    static void ChangeEverything(uid_t user) {
+        const std::string program = cRecorder;
+        OutputAs(user, {"create", "b", "--at", "in 2h", "--every", "1d", "--", program});
+        OutputAs(user, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+        OutputAs(user, {"edit", "b", "--at", "in 3h"});
+        OutputAs(user, {"pause", "paused"});
+        OutputAs(user, {"edit", "paused", "--parameter", "edited"});
+        OutputAs(user, {"resume", "paused"});
+        OutputAs(user, {"period", "b", "2d"});
+        OutputAs(user, {"remove", "linked"});
+        ExpectTableIsTheKeepers("changes");
+        WriteFile("export", OutputAs(user, {"export"}));
+        chmod("export", 0644);
+        OutputAs(user, {"remove", "b"});
+        OutputAs(user, {"import", "--merge", "export"});
+        EXPECT_THAT(NamesInTable(), HasSubstr("b"));
+        ExpectTableIsTheKeepers("an import");
+    }
+
+    static void ReadEverything(uid_t user) {
+        for (const char* const command : {"list", "next", "history", "check", "export"})
+            OutputAs(user, {command});
+        EXPECT_THAT(OutputAs(user, {"show", "a"}), HasSubstr(cRecorder));
+    }
+
+    static void ExpectAllRefused(uid_t user, const std::string& reason) {
+        const std::string before = ReadFile(cTable);
+        for (const std::vector<std::string>& command : cCommands) {
+            std::vector<std::string> whole = {"--directory", fs::current_path()};
+            whole.insert(whole.end(), command.begin(), command.end());
+            const TRun run = RunAs(user, whole);
+            EXPECT_NE(run.status, 0) << testing::PrintToString(command);
+            EXPECT_THAT(run.output, Not(HasSubstr("no host has run")));
+            EXPECT_THAT(run.output, Not(HasSubstr("filesystem error")));
+            // Another user cannot even find out whether a host runs, and the input is invalid.
+            if (command[0] != "wake" && command[0] != "import") {
+                EXPECT_EQ(run.status, 4) << testing::PrintToString(command);
+                EXPECT_THAT(run.output, HasSubstr(reason)) << testing::PrintToString(command);
+            }
+        }
+        EXPECT_EQ(ReadFile(cTable), before);
+    }
+
+    static void RepairAs(uid_t user) {
+        WriteFile(cTable, ReadFile(cTable).substr(0, 100));
+        const TRun run = RunAs(user, {"repair"});
+        EXPECT_EQ(run.status, 0) << run.output;
+        EXPECT_THAT(NamesInTable(), HasSubstr("b"));
+        ExpectTableIsTheKeepers("a repair");
+    }
+};
+
+TEST_F(GroupStore, MemberMayReadAndChangeAllOfAnOpenStore) {
+    OpenToGroup();
+    for (const uid_t user : {cMember, cKeeper, cMember}) {
+        ReadEverything(user);
+        ChangeEverything(user);
+        // Forced, since other tests may run this program as well.
+        const TRun run = RunAs(user, {"run", "a", "--force", "--wait"});
+        EXPECT_EQ(run.status, 0) << run.output;
+        RepairAs(user);
+        OutputAs(user, {"remove", "b"});
+    }
+}
+
+// What a member leaves in the IPC namespace without a host, the host can use.
+TEST_F(GroupStore, HostOfTheOwnerRunsAfterAMembersChange) {
+    OpenToGroup();
+    ChangeEverything(cMember);
+    CHost host(As(cKeeper, HostWith({})));
+    for (const key_t key : {cStoreKey, cTaskChangedKey, cStopKey}) {
+        struct semid_ds status {};
+        ASSERT_NE(semctl(semget(key, 0, 0), 0, IPC_STAT, &status), -1);
+        EXPECT_EQ(status.sem_perm.uid, cKeeper);
+        EXPECT_EQ(status.sem_perm.gid, cStoreGroup);
+        EXPECT_EQ(status.sem_perm.mode & 0777U, 0660U);
+    }
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+TEST_F(GroupStore, MemberMayDoAllOfItNextToAHost) {
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    ReadEverything(cMember);
+    ChangeEverything(cMember);
+    EXPECT_THAT(OutputAs(cMember, {"status"}), HasSubstr(std::to_string(host.Id())));
+    OutputAs(cMember, {"wake"});
+    // The host launches it, as the owner; the member reads what the host has recorded.
+    OutputAs(cMember, {"create", "due", "--", PROGRAMS "/record-session", "recorded"});
+    WaitUntil([] { return ReadFile("files/history.jsonl").find("\"due\",") != std::string::npos; });
+    EXPECT_THAT(ReadFile("recorded"), HasSubstr("\nuser 60001\n"));
+    EXPECT_THAT(OutputAs(cMember, {"history"}), HasSubstr("due"));
+    WaitUntil(WorkerIsIdle);
+    OutputAs(cMember, {"remove", "paused"});
+    ExpectTableIsTheKeepers("changes next to a host");
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+static bool HasSnapshotOf(const std::string& task) {
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator("files/snapshots", none)) {
+        // A temporary file becomes a snapshot by a new name.
+        if (entry.path().filename().string().find(".new-") == std::string::npos &&
+            ReadFile(entry.path()).find(task) != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+TEST_F(GroupStore, WhatAHostMakesInAnOpenStoreIsOpenToItsGroup) {
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    OutputAs(cKeeper, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+    WaitUntil([] { return HasSnapshotOf("linked"); });
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+    for (const char* const path : {"files/snapshots", "files/programs"}) {
+        struct stat status {};
+        ASSERT_EQ(stat(path, &status), 0) << path;
+        EXPECT_EQ(status.st_gid, cStoreGroup) << path;
+        EXPECT_EQ(status.st_mode & 07777U, 02770U) << path;
+    }
+    fs::remove("files/scheduler.dat.before");
+    WriteFile(cTable, "damaged");
+    EXPECT_EQ(RunAs(cMember, {"repair"}).status, 0);
+    EXPECT_THAT(NamesInTable(), HasSubstr("linked")) << "from a snapshot";
+}
+
+// The host can neither open such a set nor remove it, and must not try for ever.
+TEST_F(GroupStore, EventThatAMemberHasRetiredEndsTheHost) {
+    OpenToGroup();
+    CForkedChild member([] {
+        if (setgroups(1, &cStoreGroup) != 0 || setgid(cStoreGroup) != 0 || setuid(cMember) != 0)
+            return 1;
+        const int set = semget(cStopKey, 3, IPC_CREAT | IPC_EXCL | 0660);
+        return semctl(set, 2, SETVAL, 1) == 0 ? 42 : 2;
+    });
+    ASSERT_EQ(member.Wait(), 42);
+    CProgram host(As(cKeeper, HostWith({})));
+    EXPECT_EQ(host.Wait(), 7) << host.Output();
+    EXPECT_THAT(host.Output(), HasSubstr("Operation not permitted"));
+}
+
+// A store in which a host has worked may be opened to a group later.
+TEST_F(GroupStore, StoreIsOpenedToAGroupAfterItsHostHasRun) {
+    {
+        CHost host(As(cKeeper, HostWith({})));
+        OutputAs(cKeeper, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+        OutputAs(cKeeper, {"create", "b", "--", "/bin/true"});
+        WaitUntil([] { return fs::exists("files/history.jsonl"); });
+        EXPECT_EQ(host.Stop(), 0) << host.Output();
+    }
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    ReadEverything(cMember);
+    OutputAs(cMember, {"remove", "linked"});
+    ChangeEverything(cMember);
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+// ---- Who may not ---------------------------------------------------------------------------------
+
+TEST_F(GroupStore, PrivateStoreIsForItsOwnerAlone) {
+    CHost host(As(cKeeper, HostWith({})));
+    for (const uid_t user : {cMember, cStranger})
+        ExpectAllRefused(
+            user, "; the directory " + fs::current_path().string() + " is for user keeper alone");
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST_F(GroupStore, OpenStoreIsForItsOwnerAndTheGroupAlone) {
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    ExpectAllRefused(cStranger, " is for user keeper and the group team");
+    EXPECT_EQ(host.Stop(), 0);
+}
