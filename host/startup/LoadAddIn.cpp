@@ -92,7 +92,7 @@ static TRunRecord RunOfUnknown(const TOwedLaunch& launch, const std::vector<TTas
 
 // Writes the table, of which `before` was read; on a full disk without what others may have saved
 // since.
-static void WriteTable(std::string before, std::string after) {
+static void WriteTable(std::string before, const std::string& after) {
     try {
         vxsched::ReplaceMerged(".", std::move(before), after, vxsched::ReplaceTable);
     } catch (const vxsched::CError&) {
