@@ -179,7 +179,8 @@ static void ReplaceTableBy(const fs::path& directory, std::string_view bytes, co
     RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
     const std::optional<struct stat> status = StatusOf(target);
-    if (Replace(target, bytes, status, ModeOfTable(target, directory), EReplace::cKeepOwner, suffix))
+    if (Replace(target, bytes, status, ModeOfTable(target, directory), EReplace::cKeepOwner,
+                suffix))
         return;
     // Another name of the file is a copy that has to stay, see ReplaceDamaged().
     if (status->st_nlink > 1)
