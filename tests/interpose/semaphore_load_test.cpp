@@ -8,6 +8,8 @@
 #include "interpose/SemaphoreLoad.h"
 
 #include <csignal>
+#include <cstddef>
+#include <new>
 
 #include "Process.h"
 #include "StoreSemaphore.h"
@@ -19,10 +21,10 @@ static void Take(int set) {
     ASSERT_EQ(semop(set, &take, 1), 0);
 }
 
-// What each load of the add-in does.
+// What each load of the add-in does. The mutex is never destroyed, which would remove the set.
 static void Load() {
-    const CMutex* const mutex = new CMutex(cName);  // its destructor would remove the set
-    static_cast<void>(mutex);
+    alignas(CMutex) static std::byte place[sizeof(CMutex)];
+    new (place) CMutex(cName);
 }
 
 TEST(SemaphoreLoad, ReleasesWhatThisProcessHolds) {
