@@ -710,11 +710,21 @@ void TryPointsOf(const TScenario& scenario, std::size_t most) {
 
 }  // namespace
 
-std::vector<std::string> KillScenarios() {
+static std::vector<std::string> NamesOf(bool areOnAWedgedMutex) {
     std::vector<std::string> names;
-    for (const TScenario& scenario : Scenarios())
-        names.push_back(scenario.name);
+    for (const TScenario& scenario : Scenarios()) {
+        if (scenario.name.ends_with("OnAWedgedMutex") == areOnAWedgedMutex)
+            names.push_back(scenario.name);
+    }
     return names;
+}
+
+std::vector<std::string> KillScenarios() {
+    return NamesOf(false);
+}
+
+std::vector<std::string> KillScenariosOnAWedgedMutex() {
+    return NamesOf(true);
 }
 
 void TryKillPoints(const std::string& name, std::size_t most) {

@@ -10,8 +10,10 @@
 // missed. Where only the change process of a command is killed, what the command reports is what
 // the table shows.
 
-// The names of the scenarios.
+// The names of the scenarios. Those of the second kind wait at each call for the seconds after which
+// a wedged mutex is set free.
 std::vector<std::string> KillScenarios();
+std::vector<std::string> KillScenariosOnAWedgedMutex();
 
 // Tries `most` of the calls of a scenario, at equal distances from a random first one; 0: all. It
 // prints the seed; KILL_POINTS_SEED repeats a run, KILL_POINT tries one call. Fails the test for

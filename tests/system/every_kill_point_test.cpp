@@ -8,18 +8,28 @@
 
 #include "KillPoints.h"
 
-static std::size_t Most() {
+static std::size_t Most(std::size_t otherwise) {
     const char* const given = std::getenv("KILL_POINTS");
     if (given == nullptr)
-        return 20;
+        return otherwise;
     return std::string(given) == "all" ? 0 : std::stoul(given);
 }
 
 class EveryKillPoint : public testing::TestWithParam<std::string> {};
 
 TEST_P(EveryKillPoint, LosesNothing) {
-    TryKillPoints(GetParam(), Most());
+    TryKillPoints(GetParam(), Most(20));
+}
+
+class EveryKillPointOnAWedgedMutex : public testing::TestWithParam<std::string> {};
+
+TEST_P(EveryKillPointOnAWedgedMutex, LosesNothing) {
+    TryKillPoints(GetParam(), Most(4));
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, EveryKillPoint, testing::ValuesIn(KillScenarios()),
+                         [](const auto& scenario) { return scenario.param; });
+
+INSTANTIATE_TEST_SUITE_P(Of, EveryKillPointOnAWedgedMutex,
+                         testing::ValuesIn(KillScenariosOnAWedgedMutex()),
                          [](const auto& scenario) { return scenario.param; });
