@@ -39,6 +39,8 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
         actions.Open(STDOUT_FILENO, "/dev/null", O_WRONLY);
         actions.Open(STDERR_FILENO, "/dev/null", O_WRONLY);
     }
+    // The superuser's descriptors are not for the owner of a store, whose process this may be.
+    actions.CloseFrom(STDERR_FILENO + 1);
     // A session of its own, so that Ctrl-C at the caller's terminal does not end it half-way.
     CSpawnAttributes attributes;
     attributes.LeadSession();

@@ -1,6 +1,7 @@
 // The client library's changes while other clients or a scheduling process are running, and after
 // failures.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -11,6 +12,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
 #include <vxsched/Store.h>
+#include "base/CDescriptor.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ProgramLinks.h"
@@ -29,6 +31,7 @@
 #include "ClientError.h"
 #include "ClientStore.h"
 #include "FakeMonotonicClock.h"
+#include "GuardedTable.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "Recorder.h"
@@ -395,4 +398,23 @@ TEST_F(ClientStore, AddInWhoseSavesAreNotInOneStepIsRefusedBeforeTheLoad) {
     setenv("LD_PRELOAD", OWN_SUPPORT, 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
     expectRefused(store, "with the COpen of " OWN_SUPPORT " instead of");
+}
+
+// The superuser's would otherwise be open in a process of the store's owner.
+TEST(ChangeProcess, GetsNoOtherDescriptors) {
+    WriteTable({Row("first")});
+    WriteFile("secret", "");
+    const CDescriptor secret(open("secret", O_RDONLY));  // not close-on-exec
+    std::size_t count = 0;
+    bool isInherited = false;
+    const auto begin = [&] {
+        const std::string change = std::to_string(ChildOf(getpid()).value());
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/" + change + "/fd")) {
+            ++count;
+            isInherited |= std::filesystem::read_symlink(entry).filename() == "secret";
+        }
+    };
+    vxsched::CStore({.onBegin = begin}).Pause({"first"});
+    EXPECT_GT(count, 0U);
+    EXPECT_FALSE(isInherited);
 }
