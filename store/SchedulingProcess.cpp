@@ -15,6 +15,7 @@
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
 #include "base/Processes.h"
+#include "base/RegularFile.h"
 #include "base/SameFile.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -90,7 +91,7 @@ std::optional<pid_t> FindHostIn(const fs::path& store, const struct stat& direct
 // A host that /proc/locks does not show, since it runs in another PID namespace. Its lock is asked
 // for, and not tried. Its file has its IPC namespace in the second line.
 std::optional<TSchedulingProcess> FindUnseenHost(const fs::path& file) {
-    const CDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_RDONLY);
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;

@@ -399,6 +399,15 @@ TEST_F(Cli, ShowReportsWhyATaskIsNotRunning) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// Opening it would wait for its other end.
+TEST_F(Cli, PipeInPlaceOfTheHostsLockFileKeepsNobodyWaiting) {
+    WriteTable({});
+    ASSERT_EQ(mkfifo("files/vxschedd.lock", 0600), 0);
+    const TToolRun status = RunTool({"status"});
+    EXPECT_EQ(status.status, 6) << status.error;
+    EXPECT_THAT(status.output, HasSubstr("Scheduler  none"));
+}
+
 TEST_F(Cli, ShowOfARemovedTaskPointsToItsHistory) {
     WriteShowcase();
     ExpectRefused(3, "no task \"gone by now\"; it did not run: see vxsched history gone by now\n",
