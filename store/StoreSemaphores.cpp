@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
 #include <optional>
 
 #include "store/Layout.h"
@@ -21,12 +22,13 @@ namespace {
 struct TStoreSet {
     const char* name;
     int id;  // -1: there is none
+    unsigned long count;
 };
 
 std::array<TStoreSet, 3> StoreSets() {
-    return {{{"the store mutex", semget(StoreKey(), 1, 0)},
-             {"the event of changed tasks", CEvent::UseOf(cTaskChangedEventName).set},
-             {"the worker's stop event", CEvent::UseOf(cStopEventName).set}}};
+    return {{{"the store mutex", semget(StoreKey(), 0, 0), 1},
+             {"the event of changed tasks", CEvent::UseOf(cTaskChangedEventName).set, 3},
+             {"the worker's stop event", CEvent::UseOf(cStopEventName).set, 3}}};
 }
 
 // The state of a set also where this user may not read the set.
@@ -61,6 +63,12 @@ std::string WhySemaphoresAreRefused(const std::filesystem::path& directory) {
                     "launched. {}",
                     set.name, user, remedy);
         }
+        if (status->sem_nsems < set.count)
+            return fmt::format("{} has {} semaphore(s) instead of {}: no host can use it. {}",
+                               set.name, status->sem_nsems, set.count, remedy);
+        if (semctl(set.id, 0, GETVAL) == -1 && errno == EACCES)
+            return fmt::format("{} is a semaphore set of user {}, which this user may not use. {}",
+                               set.name, access.uid, remedy);
         if ((access.mode & 0006) != 0)
             return fmt::format(
                 "{} is a semaphore set that any user may access (mode {:04o}), and could keep the "

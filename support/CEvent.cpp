@@ -88,7 +88,8 @@ void CEvent::ResetEvent() {
 }
 
 CEvent::TUse CEvent::UseOf(const std::string& name) {
-    const int id = semget(KeyOf(name), cCount, 0);
+    // Any number of semaphores: a set that is too small for an event is found as well.
+    const int id = semget(KeyOf(name), 0, 0);
     if (id == -1)
         return {};
     return {.openers = std::max(0, semctl(id, cOpeners, GETVAL)),

@@ -98,6 +98,31 @@ TEST(HostSemaphores, ThatAnyUserMayAccessAreRefused) {
     ExpectRefused(cNoStoreStatus, "any user may access");
 }
 
+TEST(HostSemaphores, ThatAreTooFewForAnEventAreRefused) {
+    WriteTable({});
+    for (const key_t key : {cTaskChangedKey, cStopKey}) {
+        const int set = semget(key, 1, IPC_CREAT | 0600);
+        ExpectRefused(cNoStoreStatus, "has 1 semaphore(s) instead of 3");
+        ExpectRefused(cNoStoreStatus, "ipcrm -s " + std::to_string(set));
+        ASSERT_EQ(semctl(set, 0, IPC_RMID), 0);
+    }
+}
+
+// The superuser's sets are accepted, where the host may use them.
+TEST(HostSemaphores, ThatTheHostMayNotUseAreRefused) {
+    REQUIRE_SUPERUSER();
+    WriteTable({});
+    GiveStoreTo(cForeignUser);
+    ASSERT_EQ(chmod(".", 0700), 0);
+    semget(cTaskChangedKey, 3, IPC_CREAT | 0600);
+    CForkedChild owner([] {
+        BecomeForeignUser();
+        ExpectRefused(cNoStoreStatus, "is a semaphore set of user 0, which this user may not use");
+        return testing::Test::HasFailure() ? 1 : 42;
+    });
+    EXPECT_EQ(owner.Wait(), 42);
+}
+
 // One that the superuser's commands made before there was a host, and gave to the store's owner.
 TEST(HostSemaphores, OfTheOwnerAreAccepted) {
     REQUIRE_SUPERUSER();
