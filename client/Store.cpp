@@ -341,7 +341,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
         canReplace(bytes);
     if (IsTable(bytes))
         KeepBeforeChange(options.directory, bytes);
-    ReplaceMerged(options.directory, bytes, EncodeTable(tasks), ReplaceTable);
+    ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.
     AnnounceChange();
     return true;

@@ -43,8 +43,12 @@ std::string CFormerTable::BaseOfOthers(const std::string& known) const {
     return IsTable(bytes) ? bytes : known;
 }
 
+void CFormerTable::LetWritersGo() {
+    lease.reset();
+}
+
 std::optional<std::string> CFormerTable::WrittenSince() {
-    if (!file.IsOpen() || lease->IsUnbroken())
+    if (!file.IsOpen() || (lease && lease->IsUnbroken()))
         return {};
     lease.reset();
     struct stat status {};
@@ -59,10 +63,14 @@ std::optional<std::string> CFormerTable::WrittenSince() {
 }
 
 void ReplaceMerged(const fs::path& directory, std::string base, std::string ours,
-                   TWriteTable write) {
+                   TTryToWrite tryToWrite) {
     for (;;) {
         CFormerTable former(directory);
-        write(directory, MergeChanges(base, ours, former.Bytes()));
+        const std::string merged = MergeChanges(base, ours, former.Bytes());
+        if (!tryToWrite(directory, merged)) {
+            former.LetWritersGo();
+            OverwriteTable(directory, merged);
+        }
         std::optional<std::string> written = former.WrittenSince();
         if (!written)
             return;

@@ -32,6 +32,10 @@ public:
     // if that was in the middle of a save, `known`.
     std::string BaseOfOthers(const std::string& known) const;
 
+    // Ends the wait of those who wait to write the file: of this process, too, which is about to
+    // overwrite it in place.
+    void LetWritersGo();
+
     // For a caller that has replaced the file: lets those go on who wait to write the former one,
     // waits until they have, and returns the table that they have written; nothing if nobody has.
     // Once.
@@ -44,13 +48,13 @@ private:
     std::string bytes;
 };
 
-using TWriteTable = void (*)(const std::filesystem::path& directory, std::string_view bytes);
+// TryToReplaceTable() or TryToSaveTable().
+using TTryToWrite = bool (*)(const std::filesystem::path& directory, std::string_view bytes);
 
 // Replaces the table by one with the changes that lead from `base` to `ours`, and with those that
-// others have saved meanwhile. The caller holds the store mutex. `write` is the function of
-// store/TableFile.h that writes it, ReplaceTable or SaveTable: one that opened the table's file
-// itself would wait for the lease. Throws CError as that does.
+// others have saved meanwhile. The caller holds the store mutex. Throws CError as ReplaceTable()
+// does.
 void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours,
-                   TWriteTable write);
+                   TTryToWrite tryToWrite);
 
 }  // namespace vxsched

@@ -108,13 +108,6 @@ mode_t ModeOfTable(const fs::path& table, const fs::path& directory) {
                                                                         : NewTableMode(directory);
 }
 
-void OverwriteTable(const fs::path& file, std::string_view bytes) {
-    const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_WRONLY);
-    if (!descriptor.IsOpen())
-        throw SystemError("cannot write " + file.string(), errno);
-    vxsched::OverwriteTable(descriptor.Get(), bytes, file);
-}
-
 void WriteAt(int descriptor, std::string_view bytes, std::size_t offset, const fs::path& path) {
     if (!WriteAllAt(descriptor, bytes, static_cast<off_t>(offset)))
         throw SystemError("cannot write " + path.string(), errno);
@@ -173,7 +166,7 @@ std::string TableState(const fs::path& directory) {
            ' ' + std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size);
 }
 
-static void ReplaceTableBy(const fs::path& directory, std::string_view bytes, const char* suffix) {
+static bool TryToReplaceBy(const fs::path& directory, std::string_view bytes, const char* suffix) {
     std::error_code ignored;
     const fs::path file = TableFile(directory);
     RequireTarget(file);
@@ -181,26 +174,39 @@ static void ReplaceTableBy(const fs::path& directory, std::string_view bytes, co
     const std::optional<struct stat> status = StatusOf(target);
     if (Replace(target, bytes, status, ModeOfTable(target, directory), EReplace::cKeepOwner,
                 suffix))
-        return;
+        return true;
     // Another name of the file is a copy that has to stay, see ReplaceDamaged().
     if (status->st_nlink > 1)
         throw SystemError("cannot keep the owner of " + target.string(), EPERM);
-    OverwriteTable(target, bytes);
+    return false;
+}
+
+bool TryToReplaceTable(const fs::path& directory, std::string_view bytes) {
+    return TryToReplaceBy(directory, bytes, cReplacementSuffix);
+}
+
+bool TryToSaveTable(const fs::path& directory, std::string_view bytes) {
+    return TryToReplaceBy(directory, bytes, cSaveSuffix);
+}
+
+void OverwriteTable(const fs::path& directory, std::string_view bytes) {
+    const fs::path file = TableFile(directory);
+    const CDescriptor descriptor = OpenRegularFile(file.c_str(), O_WRONLY);
+    if (!descriptor.IsOpen())
+        throw SystemError("cannot write " + file.string(), errno);
+    OverwriteTable(descriptor.Get(), bytes, file);
 }
 
 void ReplaceTable(const fs::path& directory, std::string_view bytes) {
-    ReplaceTableBy(directory, bytes, cReplacementSuffix);
-}
-
-void SaveTable(const fs::path& directory, std::string_view bytes) {
-    ReplaceTableBy(directory, bytes, cSaveSuffix);
+    if (!TryToReplaceTable(directory, bytes))
+        OverwriteTable(directory, bytes);
 }
 
 void ReplaceOrOverwriteTable(const fs::path& directory, std::string_view bytes) {
     try {
         ReplaceTable(directory, bytes);
     } catch (const CError&) {
-        OverwriteTable(TableFile(directory), bytes);
+        OverwriteTable(directory, bytes);
     }
 }
 

@@ -44,9 +44,15 @@ std::string TableState(const std::filesystem::path& directory);
 // cFailed); the old table stays then.
 void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
+// The same without overwriting in place: returns false then, and has changed nothing.
+bool TryToReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
+
 // The same for a change of one task: the table guard takes it for a save, which may have removed
 // that task and no other.
-void SaveTable(const std::filesystem::path& directory, std::string_view bytes);
+bool TryToSaveTable(const std::filesystem::path& directory, std::string_view bytes);
+
+// Overwrites the table in place, see below. Throws CError (cNoAccess, cFailed).
+void OverwriteTable(const std::filesystem::path& directory, std::string_view bytes);
 
 // Like ReplaceTable(), but if that fails, on a full disk for example, overwrites the file in place:
 // better than an outdated table. A kill, a power failure or a CError during the overwrite leaves a

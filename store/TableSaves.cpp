@@ -235,7 +235,7 @@ void Settle(TSave& save) {
         if (save.former)
             written = save.former->WrittenSince();
         if (written)
-            ReplaceMerged(".", save.former->BaseOfOthers(before), *written, SaveTable);
+            ReplaceMerged(".", save.former->BaseOfOthers(before), *written, TryToSaveTable);
         // The add-in's list lacks it.
         if (written || save.isMerged)
             AnnounceChange();

@@ -178,7 +178,7 @@ void ReplacePaused(TTable table, const TCall& call) {
         task.last = call.seen.last;
         task.paused = true;
     }
-    ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), SaveTable);
+    ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToSaveTable);
     AnnounceChange();
 }
 

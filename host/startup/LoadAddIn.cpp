@@ -94,7 +94,7 @@ static TRunRecord RunOfUnknown(const TOwedLaunch& launch, const std::vector<TTas
 // since.
 static void WriteTable(std::string before, const std::string& after) {
     try {
-        vxsched::ReplaceMerged(".", std::move(before), after, vxsched::ReplaceTable);
+        vxsched::ReplaceMerged(".", std::move(before), after, vxsched::TryToReplaceTable);
     } catch (const vxsched::CError&) {
         vxsched::ReplaceOrOverwriteTable(".", after);
     }

@@ -1,0 +1,39 @@
+// The replacement of a table whose former file is kept from writers.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <vxsched/Table.h>
+#include "ForeignStore.h"
+#include "Process.h"
+#include "TableFile.h"
+#include "store/CFormerTable.h"
+#include "store/TableFile.h"
+
+// The kernel ends a lease after 45 s, for which this process would wait for itself.
+TEST(FormerTable, IsOverwrittenInPlaceWhereItsGroupCannotBeKept) {
+    REQUIRE_SUPERUSER();
+    WriteTable({});
+    GiveStoreTo(cForeignUser);
+    ASSERT_EQ(chown(cTable, cForeignUser, 0), 0);
+    CForkedChild owner([] {
+        if (setgroups(0, nullptr) != 0 || setgid(cForeignUser) != 0 || setuid(cForeignUser) != 0)
+            return 1;
+        alarm(30);
+        vxsched::ReplaceMerged(".", vxsched::EncodeTable({}),
+                               vxsched::EncodeTable({{.name = "new",
+                                                      .next = {},
+                                                      .last = {},
+                                                      .period = 0,
+                                                      .program = "",
+                                                      .parameter = "",
+                                                      .paused = false}}),
+                               vxsched::TryToReplaceTable);
+        return 42;
+    });
+    EXPECT_EQ(owner.Wait(), 42);
+    EXPECT_EQ(NamesInTable(), "new");
+}
