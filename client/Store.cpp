@@ -80,16 +80,6 @@ std::string ProgramOf(const TTaskEntry& entry, const TOutcome& outcome) {
     return outcome.program.empty() ? entry.program : outcome.program;
 }
 
-// True if the bytes are a valid table. A damaged one must not replace a valid backup.
-bool IsTable(const std::string& bytes) {
-    try {
-        DecodeTable(bytes, Now());
-        return true;
-    } catch (const CError&) {
-        return false;
-    }
-}
-
 // True if the table has the entry as requested, or as a tick since then has left it: launched and
 // rescheduled, or removed after its only run.
 bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
@@ -339,7 +329,8 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     const std::string bytes = ReadTableBytes(options.directory);
     if (canReplace)
         canReplace(bytes);
-    if (IsTable(bytes))
+    // A damaged one must not replace a valid backup.
+    if (IsValidTable(bytes))
         KeepBeforeChange(options.directory, bytes);
     ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.

@@ -19,16 +19,6 @@ namespace vxsched {
 
 namespace fs = std::filesystem;
 
-// A save that was cut short is none.
-static bool IsTable(const std::string& bytes) {
-    try {
-        DecodeTable(bytes, TTime());
-        return true;
-    } catch (const CError&) {
-        return false;
-    }
-}
-
 CFormerTable::CFormerTable(const fs::path& directory)
     : path(TableFile(directory)), file(OpenRegularFile(path.c_str(), O_RDONLY)) {
     if (!file.IsOpen())
@@ -40,7 +30,7 @@ CFormerTable::CFormerTable(const fs::path& directory)
 CFormerTable::~CFormerTable() = default;
 
 std::string CFormerTable::BaseOfOthers(const std::string& known) const {
-    return IsTable(bytes) ? bytes : known;
+    return IsValidTable(bytes) ? bytes : known;
 }
 
 void CFormerTable::LetWritersGo() {
@@ -59,7 +49,8 @@ std::optional<std::string> CFormerTable::WrittenSince() {
     if (lseek(file.Get(), 0, SEEK_SET) == -1)
         throw SystemError("cannot read the former table", errno);
     std::string now = ReadBytes(file.Get(), "the former table");
-    return now != bytes && IsTable(now) ? std::optional(std::move(now)) : std::nullopt;
+    // A save that was cut short is none.
+    return now != bytes && IsValidTable(now) ? std::optional(std::move(now)) : std::nullopt;
 }
 
 void ReplaceMerged(const fs::path& directory, std::string base, std::string ours,

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
+#include <vxsched/Table.h>
 #include "base/CDescriptor.h"
 #include "base/RegularFile.h"
 #include "base/Sync.h"
@@ -156,6 +157,15 @@ std::string ReadBytes(int descriptor, const fs::path& file) {
 
 std::string ReadTableBytes(const fs::path& directory) {
     return ReadBytes(TableFile(directory));
+}
+
+bool IsValidTable(std::string_view bytes) {
+    try {
+        DecodeTable(bytes, TTime());
+        return true;
+    } catch (const CError&) {
+        return false;
+    }
 }
 
 std::string TableState(const fs::path& directory) {

@@ -33,6 +33,9 @@ std::string ReadBytes(int descriptor, const std::filesystem::path& file);
 // part of the tick that holds it.
 std::string ReadTableBytes(const std::filesystem::path& directory);
 
+// Whether the bytes are a valid table, as DecodeTable() judges. Needs no lock.
+bool IsValidTable(std::string_view bytes);
+
 // A string that differs after each change of the table's file, made of its change time, inode and
 // size; empty if there is no file.
 std::string TableState(const std::filesystem::path& directory);
