@@ -66,7 +66,8 @@ std::atomic<int> gTemporary{-1};
 // Likewise the table, while it is rewritten in place.
 std::atomic<int> gInPlace{-1};
 
-// The table that the add-in's list shows: as it was read or saved last. Under the store mutex.
+// The table that the add-in's list shows: as it was read or saved last, empty if that is unknown.
+// Under the store mutex.
 std::string gKnown;
 
 std::atomic<bool> gHasReadFailed{false};
@@ -100,8 +101,8 @@ int Close(int descriptor) {
 }
 
 // Gives the temporary file the owner and mode of the table or, if there is none, the mode that the
-// add-in asks for, wider in a store that is open to a group. False if that fails, or if the table is a link or has several: a rename would
-// replace the link.
+// add-in asks for, wider in a store that is open to a group. False if that fails, or if the table is
+// a link or has several: a rename would replace the link.
 bool CopyPermissions(int descriptor, mode_t mode) {
     struct stat status {};
     if (lstat(cTableFile, &status) == -1)
@@ -273,6 +274,7 @@ int CloseFile(int descriptor, bool isComplete) {
     if (descriptor == gInPlace) {
         gInPlace = -1;
         SyncFile(descriptor);
+        gKnown.clear();  // the list shows this table now
     }
     const int result = Close(descriptor);
     if (result == -1)

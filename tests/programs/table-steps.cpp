@@ -1,10 +1,10 @@
 // table-steps STEP...: does with its table what the add-in does, in a program that makes the saves
 // in one step: stat, read, save. The steps no-directory and directory make "files" a file, or a
 // directory without a table; link makes the table a link to "target", pipe a FIFO. The step partial
-// begins a save that an exception ends. The steps load, add, again, other and late do it with a list of
-// tasks: load reads it, add saves it with the task "ours", again saves it as it is, other has another process add the task "theirs"
-// to the table, and late has it do so from before the next save to after it. Prints for each step
-// whether it succeeded.
+// begins a save that an exception ends. These steps do it with a list of tasks: load reads it, add
+// saves it with the task "ours", again as it is, drop without the last task; other has another
+// process add the task "theirs" to the table, and late has it do so from before the next save to
+// after it; single removes the table's second name. Prints for each step whether it succeeded.
 
 #include <COpen.h>
 #include <fcntl.h>
@@ -113,7 +113,11 @@ static bool Make(const std::string& step) {
         return Load();
     if (step == "add")
         gTasks.emplace_back().name = "ours";
-    if (step == "add" || step == "again")
+    if (step == "drop")
+        gTasks.pop_back();
+    if (step == "single")
+        return std::filesystem::remove("another name");
+    if (step == "add" || step == "again" || step == "drop")
         return SaveTasks();
     if (step == "other" || step == "late")
         return AddAsOther(step == "late");

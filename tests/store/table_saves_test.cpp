@@ -131,3 +131,11 @@ TEST(TableSaves, KeepItAtTheNextSaveOfTheSameListToo) {
 TEST(TableSaves, KeepWhatAnotherProcessWritesIntoTheFormerFile) {
     EXPECT_EQ(NamesAfter({"load", "late", "add"}), "first ours theirs");
 }
+
+// After a save in place it is not known what others have saved.
+TEST(TableSaves, BringNoTaskBackThatWasSavedInPlace) {
+    WriteTable({});
+    std::filesystem::create_hard_link(cTable, "another name");
+    EXPECT_EQ(StepsOf({"load", "add", "single", "drop"}), "load ok\nadd ok\nsingle ok\ndrop ok\n");
+    EXPECT_EQ(NamesInTable(), "");
+}
