@@ -30,6 +30,7 @@ inline constexpr char cProgramLinks[] = "files/programs";
 inline constexpr char cHistoryFile[] = "files/history.jsonl";
 inline constexpr char cLockFile[] = "files/vxschedd.lock";  // of the host
 inline constexpr char cLaunchRecordDirectory[] = "files/started";
+inline constexpr char cSettledLaunchDirectory[] = "files/settled";
 inline constexpr char cOwedLaunchDirectory[] = "files/owed";
 inline constexpr char cHeartbeatFile[] = "files/started/alive";
 inline constexpr char cLaunchIntentsFile[] = "files/started/intents";

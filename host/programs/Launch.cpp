@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <set>
 #include <string>
@@ -26,7 +27,6 @@
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
-#include "host/programs/CRecentLaunches.h"
 #include "host/programs/LaunchedTask.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
@@ -42,7 +42,6 @@ constexpr std::chrono::milliseconds cAgainPause(50);
 // Set while no worker runs, read on the worker.
 const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
-CRecentLaunches gRecent;  // of the worker
 
 // Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
 // and error, and no other descriptor. Before that, the new process creates the launch record at
@@ -74,8 +73,12 @@ const TTask* FindTask(const char* path, char* const arguments[]) {
     return nullptr;
 }
 
+vxsched::TTime TimeOf(time_t time) {
+    return vxsched::TTime(std::chrono::seconds(time));
+}
+
 TLaunchIntent IntentOf(const TTask& task) {
-    return {FileNameOf(task.name), vxsched::TTime(std::chrono::seconds(task.nextExecution))};
+    return {FileNameOf(task.name), TimeOf(task.nextExecution)};
 }
 
 // The tasks that are due now: those that this tick is about to launch, and seldom one that has come
@@ -98,7 +101,7 @@ TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]
     run.parameter = arguments[0] != nullptr && arguments[1] != nullptr ? arguments[1] : "";
     if (task != nullptr) {
         run.task = task->name;
-        run.due = vxsched::TTime(std::chrono::seconds(task->nextExecution));
+        run.due = TimeOf(task->nextExecution);
     }
     return run;
 }
@@ -110,6 +113,7 @@ struct TRequest {
     const posix_spawnattr_t* attributes;
     char* const* arguments;
     char* const* environment;
+    std::optional<vxsched::TTime> formerStart = std::nullopt;  // of TLaunchRecord
 };
 
 // Where the program of `run` writes; closed: where the host does.
@@ -159,7 +163,8 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
         if (run.task && run.due)
             RememberLaunch({.task = FileNameOf(*run.task),
                             .due = *run.due,
-                            .launched = std::chrono::floor<std::chrono::seconds>(*run.started)});
+                            .launched = std::chrono::floor<std::chrono::seconds>(*run.started),
+                            .formerStart = request.formerStart});
         CLaunchedPrograms::Instance().Launched(run);
     } else if (recordPath) {
         // The new process may have created the record before it failed.
@@ -168,18 +173,26 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
     return result;
 }
 
-// Whether the program of `task` was launched for its due time, as which process. To the add-in that
-// is a launch: it reschedules the task.
-bool IsMade(const TTask& task, pid_t& process) {
-    const std::optional<pid_t> found = gRecent.Find(task);
-    if (!found)
-        return false;
-    LogWarning(fmt::format(
-        "task \"{}\" is due again for a time for which it was launched, as process {}: another "
-        "process has saved the table as it was before. It is not launched a second time.",
-        task.name, *found));
-    process = *found;
-    return true;
+// The add-in's waitpid() finds no such process.
+constexpr pid_t cNoProcess = std::numeric_limits<pid_t>::max();
+
+// Whether the program of `task` was launched for its due time, by this host or the one before. To
+// the add-in that is a launch: it reschedules the task.
+bool IsMade(const TTask& task) {
+    const std::optional<TLaunchRecord> launch =
+        FindRecentLaunch({.name = task.name,
+                          .next = TimeOf(task.nextExecution),
+                          .last = TimeOf(task.lastExecuted),
+                          .period = task.period,
+                          .program = {},
+                          .parameter = {},
+                          .paused = false});
+    if (launch)
+        LogWarning(fmt::format(
+            "task \"{}\" is due again for a time for which it was launched, at {}: another process "
+            "has saved the table as it was before. It is not launched a second time.",
+            task.name, UtcTime(launch->launched)));
+    return launch.has_value();
 }
 
 void ReportFailure(TRunRecord& run, int error) {
@@ -253,26 +266,29 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
 // Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
 // from libc's function in what the program inherits where the add-in passes no attributes and no
 // actions, and adds the task's name and due time to the environment. A launch that the system
-// refuses for want of processes is made later, one that was made is not made again. Returns 0 or an error number, as libc's does; errno
-// is not defined.
+// refuses for want of processes is made later, one that was made is not made again. Returns 0 or an
+// error number, as libc's does; errno is not defined.
 static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const arguments[],
                  char* const environment[]) {
     const TTask* const task = FindTask(path, arguments);
-    if (task != nullptr && IsMade(*task, *process))
+    if (task != nullptr && IsMade(*task)) {
+        *process = cNoProcess;
         return 0;
+    }
     TRunRecord run = Describe(task, path, arguments);
     if (task != nullptr)
         CLaunchIntents::Instance().Intend(IntentOf(*task), FindDue);
-    const int result = LaunchWithRetries(run, {.path = path,
-                                               .actions = actions,
-                                               .attributes = attributes,
-                                               .arguments = arguments,
-                                               .environment = environment});
+    TRequest request = {.path = path,
+                        .actions = actions,
+                        .attributes = attributes,
+                        .arguments = arguments,
+                        .environment = environment};
+    if (task != nullptr)
+        request.formerStart = TimeOf(task->lastExecuted);
+    const int result = LaunchWithRetries(run, request);
     if (result == 0) {
         *process = run.process;
-        if (task != nullptr)
-            gRecent.Add(*task, run.process);
     } else if (result == EAGAIN && run.task && run.due) {
         LogWarning(
             fmt::format("cannot start {} yet: {}. Task \"{}\" is launched as soon as the "

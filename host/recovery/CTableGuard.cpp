@@ -43,11 +43,9 @@ std::vector<TTaskEntry> TasksOf(const std::string& bytes) {
     return vxsched::DecodeTable(bytes, vxsched::Now()).tasks;
 }
 
-// Removes what was kept of launches until the table shows them.
-void SettleLaunches(const std::vector<TLaunchRecord>& records,
-                    const std::vector<TTaskEntry>& tasks) {
-    for (const TLaunchRecord& record : FindSettled(records, tasks))
-        RemoveLaunchRecord(record);
+// Settles the launches that the table shows.
+void SettleShown(const std::vector<TLaunchRecord>& records, const std::vector<TTaskEntry>& tasks) {
+    SettleLaunches(FindSettled(records, tasks));
     CLaunchIntents::Instance().Settle(tasks);
 }
 
@@ -312,7 +310,7 @@ bool CTableGuard::Examine(const std::string& bytes) {
     // After the snapshot: should a power failure damage the table, what it is repaired from has to
     // show the launches too.
     Keep(bytes);
-    SettleLaunches(records, tasks);
+    SettleShown(records, tasks);
     if (listener != nullptr)
         listener(tasks);
     return true;
@@ -362,7 +360,7 @@ void CTableGuard::Restore(const std::string& bytes, const std::string& reason,
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
     LogError(fmt::format("{}: the table is restored, with {} task(s)", reason, tasks.size()));
-    SettleLaunches(ReadLaunchRecords(), tasks);
+    SettleShown(ReadLaunchRecords(), tasks);
     wereTasksDeleted = false;
     ReadEvents();
     saves = {};

@@ -7,10 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
-#include <optional>
 #include <system_error>
 
 #include <vxsched/Error.h>
@@ -23,11 +24,21 @@
 namespace fs = std::filesystem;
 
 using vxsched::cLaunchRecordDirectory;
+using vxsched::cSettledLaunchDirectory;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
+static constexpr std::chrono::minutes cLongerThanAnySave(1);
+
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
     return due == time && task == FileNameOf(name);
+}
+
+bool TLaunchRecord::IsLaunchOf(const TTaskEntry& entry) const {
+    if (!IsOf(entry.name, entry.next))
+        return false;
+    return !isSettled ||
+           (entry.period != 0 && (entry.last < launched || entry.last == formerStart));
 }
 
 bool MakeLaunchRecordDirectory() {
@@ -44,12 +55,16 @@ bool MakeLaunchRecordDirectory() {
     return false;
 }
 
-static std::string PathOf(const std::string& name, TTime due) {
-    return fmt::format("{}/{}@{}", cLaunchRecordDirectory, name, due.time_since_epoch().count());
+static std::string FileNameOf(const TLaunchRecord& record) {
+    return fmt::format("{}@{}", record.task, record.due.time_since_epoch().count());
+}
+
+static std::string PathOf(const char* directory, const TLaunchRecord& record) {
+    return fmt::format("{}/{}", directory, FileNameOf(record));
 }
 
 std::string LaunchRecordPath(const std::string& task, TTime due) {
-    return PathOf(FileNameOf(task), due);
+    return PathOf(cLaunchRecordDirectory, {.task = FileNameOf(task), .due = due, .launched = {}});
 }
 
 static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
@@ -65,38 +80,101 @@ static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
                          .launched = TTime(std::chrono::seconds(status.st_mtime))};
 }
 
-// The launches of this process. The worker adds, the table guard reads and removes. Guarded by
-// gMutex.
-static std::mutex gMutex;
-static std::vector<TLaunchRecord> gLaunches;
-
-void RememberLaunch(const TLaunchRecord& record) {
-    const std::lock_guard<std::mutex> lock(gMutex);
-    gLaunches.push_back(record);
-}
-
-std::vector<TLaunchRecord> ReadLaunchRecords() {
-    std::unique_lock<std::mutex> lock(gMutex);
-    std::vector<TLaunchRecord> records = gLaunches;
-    lock.unlock();
+// Adds the records of a directory.
+static std::error_code AddRecordsOf(const char* directory, std::vector<TLaunchRecord>& records) {
     std::error_code error;
-    for (fs::directory_iterator entry(cLaunchRecordDirectory, error);
+    for (fs::directory_iterator entry(directory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
         if (const auto record = ReadLaunchRecord(entry->path()))
             records.push_back(*record);
     }
+    return error;
+}
+
+namespace {
+
+using TClock = std::chrono::steady_clock;
+
+struct TRemembered {
+    TLaunchRecord record;
+    TClock::time_point settled;
+};
+
+// The launches of this process and the settled ones of former hosts, by the names of their files.
+// The worker adds and finds, the table guard reads and settles. Guarded by gMutex.
+std::mutex gMutex;
+std::map<std::string, TRemembered> gLaunches;
+
+}  // namespace
+
+void RememberLaunch(const TLaunchRecord& record) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gLaunches.insert_or_assign(FileNameOf(record), TRemembered{record, {}});
+}
+
+std::vector<TLaunchRecord> ReadLaunchRecords() {
+    std::vector<TLaunchRecord> records;
+    std::unique_lock<std::mutex> lock(gMutex);
+    for (const auto& [name, launch] : gLaunches) {
+        if (!launch.record.isSettled)
+            records.push_back(launch.record);
+    }
+    lock.unlock();
+    const std::error_code error = AddRecordsOf(cLaunchRecordDirectory, records);
     if (error && error != std::errc::no_such_file_or_directory)
         throw vxsched::SystemError(fmt::format("cannot read {}", cLaunchRecordDirectory),
                                    error.value());
     return records;
 }
 
-void RemoveLaunchRecord(const TLaunchRecord& record) {
+std::vector<TLaunchRecord> TakeOverSettledLaunches() {
+    std::vector<TLaunchRecord> records;
+    AddRecordsOf(cSettledLaunchDirectory, records);
     const std::lock_guard<std::mutex> lock(gMutex);
-    std::erase_if(gLaunches, [&](const TLaunchRecord& one) {
-        return one.task == record.task && one.due == record.due;
+    for (TLaunchRecord& record : records) {
+        record.isSettled = true;
+        gLaunches.insert_or_assign(FileNameOf(record), TRemembered{record, TClock::now()});
+    }
+    return records;
+}
+
+static bool MoveToSettled(const TLaunchRecord& record) {
+    const std::string from = PathOf(cLaunchRecordDirectory, record);
+    const std::string to = PathOf(cSettledLaunchDirectory, record);
+    if (rename(from.c_str(), to.c_str()) == 0)
+        return true;
+    return errno == ENOENT && mkdir(cSettledLaunchDirectory, 0700) == 0 &&
+           rename(from.c_str(), to.c_str()) == 0;
+}
+
+void SettleLaunches(const std::vector<TLaunchRecord>& records) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    const TClock::time_point now = TClock::now();
+    for (const TLaunchRecord& record : records) {
+        TRemembered& launch = gLaunches.try_emplace(FileNameOf(record), record, now).first->second;
+        launch.record.isSettled = true;
+        launch.settled = now;
+        if (!MoveToSettled(record))
+            unlink(PathOf(cLaunchRecordDirectory, record).c_str());
+    }
+    std::erase_if(gLaunches, [&](const auto& each) {
+        const TRemembered& launch = each.second;
+        const bool isOld = launch.record.isSettled && now - launch.settled >= cLongerThanAnySave;
+        if (isOld)
+            unlink(PathOf(cSettledLaunchDirectory, launch.record).c_str());
+        return isOld;
     });
-    unlink(PathOf(record.task, record.due).c_str());
+}
+
+std::optional<TLaunchRecord> FindRecentLaunch(const TTaskEntry& task) {
+    TLaunchRecord sought{.task = FileNameOf(task.name), .due = task.next, .launched = {}};
+    const std::lock_guard<std::mutex> lock(gMutex);
+    const auto found = gLaunches.find(FileNameOf(sought));
+    if (found == gLaunches.end())
+        return {};
+    sought = found->second.record;
+    sought.isSettled = true;
+    return sought.IsLaunchOf(task) ? std::optional(sought) : std::nullopt;
 }
 
 std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, TTime now,
@@ -104,7 +182,7 @@ std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, TTime 
     std::size_t changed = 0;
     for (const TLaunchRecord& record : records) {
         const auto task = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& each) {
-            return record.IsOf(each.name, each.next);
+            return record.IsLaunchOf(each);
         });
         const auto step =
             task == tasks.end() ? std::chrono::seconds(0) : vxsched::StepOf(task->period);

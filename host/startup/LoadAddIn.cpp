@@ -106,10 +106,12 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
     vxsched::RemoveLeftovers(".");
     const std::vector<TTaskEntry> tasks = RepairTable(options.lockTimeout);
     const std::vector<TLaunchRecord> records = ReadLaunchRecords();
+    std::vector<TLaunchRecord> launches = TakeOverSettledLaunches();
+    launches.insert(launches.end(), records.begin(), records.end());
     const std::vector<TLaunchIntent> intents = CLaunchIntents::Instance().Open();
     const std::vector<TOwedLaunch> unknown = SettleOwedLaunches(records, intents, tasks);
     const vxsched::TTime now = vxsched::Now();
-    TPrepared prepared = PrepareTable(tasks, records, intents, previous, now);
+    TPrepared prepared = PrepareTable(tasks, launches, intents, previous, now);
     for (const TOwedLaunch& launch : unknown)
         prepared.notLaunched.push_back(RunOfUnknown(launch, tasks));
     // Reported before the table is written: if the host is killed in between, or the power fails, a
@@ -119,8 +121,7 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
         ForgetOwedLaunch(launch);
     if (prepared.tasks != tasks)
         WriteTable(vxsched::EncodeTable(tasks), vxsched::EncodeTable(prepared.tasks));
-    for (const TLaunchRecord& record : records)
-        RemoveLaunchRecord(record);
+    SettleLaunches(records);
     CLaunchIntents::Instance().Clear();
     return BeginningOfUptime(prepared, now);
 }

@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 #include "host/recovery/LaunchRecords.h"
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "FakeMonotonicClock.h"
+#include "GuardedTable.h"
 #include "Process.h"
 #include "TableEntry.h"
+
+using namespace std::chrono_literals;
 
 TEST(LaunchRecords, AreFoundByTaskAndDueTimeWhateverTheName) {
     std::filesystem::create_directory("files");
@@ -24,7 +29,7 @@ TEST(LaunchRecords, AreFoundByTaskAndDueTimeWhateverTheName) {
         EXPECT_TRUE(records[0].IsOf(name, Later(3))) << name;
         EXPECT_FALSE(records[0].IsOf(name, Later(4))) << name;
         EXPECT_FALSE(records[0].IsOf(std::string(name) + "x", Later(3))) << name;
-        RemoveLaunchRecord(records[0]);
+        SettleLaunches(records);
         EXPECT_TRUE(ReadLaunchRecords().empty()) << name;
     }
 }
@@ -39,4 +44,63 @@ TEST(LaunchRecords, AreSettledByATableThatShowsTheLaunch) {
     ASSERT_EQ(settled.size(), 2U);
     EXPECT_EQ(settled[0].task, "rescheduled");
     EXPECT_EQ(settled[1].task, "gone");
+}
+
+TEST(LaunchRecords, SettledOneIsOfATaskThatRepeatsAndShowsAnEarlierStart) {
+    const TLaunchRecord settled = {.task = "task",
+                                   .due = cNow,
+                                   .launched = Later(5),
+                                   .formerStart = Later(9),
+                                   .isSettled = true};
+    vxsched::TTaskEntry task = Task("task", cNow, "/p", "");
+    task.period = 1;
+    const auto isLaunchOf = [&](vxsched::TTime last) {
+        task.last = last;
+        return settled.IsLaunchOf(task);
+    };
+    EXPECT_TRUE(isLaunchOf({}));
+    EXPECT_TRUE(isLaunchOf(Later(4)));
+    EXPECT_TRUE(isLaunchOf(Later(9))) << "the clock was set back before the launch";
+    EXPECT_FALSE(isLaunchOf(Later(5)));
+    EXPECT_FALSE(isLaunchOf(Later(6)));
+    task.next = Later(1);
+    EXPECT_FALSE(isLaunchOf({}));
+    task.next = cNow;
+    task.period = 0;
+    EXPECT_FALSE(isLaunchOf({}));
+}
+
+static bool IsFound(const TLaunchRecord& record) {
+    vxsched::TTaskEntry task = Task(record.task, record.due, "/p", "");
+    task.period = 1;
+    return FindRecentLaunch(task).has_value();
+}
+
+TEST(LaunchRecords, SettledOneIsFoundUntilItIsRemovedAfterAMinute) {
+    CFakeMonotonicClock clock;
+    std::filesystem::create_directory("files");
+    ASSERT_TRUE(MakeLaunchRecordDirectory());
+    const TLaunchRecord first = {.task = "first", .due = cNow, .launched = cNow};
+    const TLaunchRecord second = {.task = "second", .due = cNow, .launched = cNow};
+    WriteFile(LaunchRecordPath("first", cNow), "");
+    SettleLaunches({first});
+    clock.slept += 59s;
+    SettleLaunches({second});
+    EXPECT_TRUE(IsFound(first));
+    EXPECT_EQ(CountIn("files/settled", "first@"), 1U);
+    clock.slept += 1s;
+    SettleLaunches({});
+    EXPECT_FALSE(IsFound(first));
+    EXPECT_EQ(CountIn("files/settled", "first@"), 0U);
+    EXPECT_TRUE(IsFound(second));
+}
+
+TEST(LaunchRecords, SettledOneOfAFormerHostIsTakenOver) {
+    std::filesystem::remove_all("files");
+    std::filesystem::create_directories("files/settled");
+    WriteFile("files/settled/former@" + std::to_string(cNow.time_since_epoch().count()), "");
+    const std::vector<TLaunchRecord> records = TakeOverSettledLaunches();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_TRUE(records[0].isSettled);
+    EXPECT_TRUE(IsFound({.task = "former", .due = cNow, .launched = cNow}));
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "GuardedTable.h"
@@ -18,6 +19,7 @@ static const TRow cJob = {"job", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}
 // Launches the only task, and waits until the host keeps nothing of the launch but the table.
 // Returns the table as it was before.
 static TRows LaunchTheOnlyTask() {
+    std::filesystem::remove("log");
     TRows before = StartTheOnlyTask();
     WaitUntil([&] {
         return ReadTable().at(0).next != before.at(0).next && CountIn("files/started", "@") == 0;
@@ -35,7 +37,7 @@ static std::size_t CountOfLaunches() {
 }
 
 // As a direct client does that has read the table before the tick.
-TEST(RecentLaunches, DueTimeThatIsSavedAgainIsNotLaunchedAgain) {
+TEST(SettledLaunches, DueTimeThatIsSavedAgainIsNotLaunchedAgain) {
     WriteTable({cJob});
     CHost host;
     const TRows before = LaunchTheOnlyTask();
@@ -50,7 +52,59 @@ TEST(RecentLaunches, DueTimeThatIsSavedAgainIsNotLaunchedAgain) {
     EXPECT_EQ(host.CountInOutput("task \"job\" is due again for a time"), 1U) << host.Output();
 }
 
-TEST(RecentLaunches, TaskThatACommandMakesDueAgainIsLaunchedAgain) {
+static void ExpectNoSecondLaunchBy(CHost& host, const TRow& before) {
+    WaitForTheNextDueTime(before);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(CountOfLaunches(), 1U) << host.Output();
+}
+
+TEST(SettledLaunches, DueTimeThatIsSavedAgainAfterAKillIsNotLaunchedAgain) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    CHost next;
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteTable(before);
+    }
+    WakeChanged();
+    ExpectNoSecondLaunchBy(next, before[0]);
+    EXPECT_EQ(next.CountInOutput("task \"job\" is due again for a time"), 1U) << next.Output();
+}
+
+TEST(SettledLaunches, DueTimeThatIsSavedAgainWhileNoHostRunsIsNeitherLaunchedAgainNorMissed) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    WriteTable(before);
+    CHost next;
+    ExpectNoSecondLaunchBy(next, before[0]);
+    EXPECT_EQ(next.CountInOutput("missed"), 0U) << next.Output();
+}
+
+TEST(SettledLaunches, LaunchOfAKilledHostIsNotMadeAgainOnceTheNextHasAppliedIt) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    WriteTable(before);
+    {
+        CHost next;
+        WaitForTheNextDueTime(before[0]);
+        next.Kill(SIGKILL);
+        next.Wait();
+    }
+    WriteTable(before);
+    CHost last;
+    ExpectNoSecondLaunchBy(last, before[0]);
+}
+
+TEST(SettledLaunches, TaskThatACommandMakesDueAgainIsLaunchedAgain) {
     WriteTable({cJob});
     CHost host;
     const TRows before = LaunchTheOnlyTask();
