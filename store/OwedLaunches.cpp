@@ -29,7 +29,8 @@ std::optional<TOwedLaunch> ReadOwedLaunch(const fs::path& file) {
                        .due = task.next,
                        .program = task.program,
                        .parameter = task.parameter,
-                       .period = task.period};
+                       .period = task.period,
+                       .formerStart = task.last};
 }
 
 std::vector<TOwedLaunch> FindOwedLaunches(const fs::path& directory) {

@@ -21,6 +21,7 @@ struct TOwedLaunch {
     std::string program;  // as launched
     std::string parameter;
     std::uint32_t period = 0;  // of the task; 0: the table does not have the task any more
+    TTime formerStart{};       // the task's last start when it came due
 };
 
 // Returns the launch that a file holds; nothing if it was made, or if the file is not one of an

@@ -40,6 +40,10 @@ void COwedLaunches::Add(const TOwedLaunch& launch) {
     KeepOwedLaunch(launch);
     CLaunchIntents::Instance().Withdraw(IntentOf(launch));  // of the tick
     const std::lock_guard<std::mutex> lock(mutex);
+    // A direct client may have brought the due time back.
+    std::erase_if(launches, [&](const TOwedLaunch& each) {
+        return each.task == launch.task && each.due == launch.due;
+    });
     launches.push_back(launch);
     SetTimer();
 }

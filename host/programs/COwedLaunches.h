@@ -22,7 +22,8 @@ public:
     // Takes over what the former host owed. To be called once, after SettleOwedLaunches().
     void TakeOver();
 
-    // Keeps a launch that the system has refused. Does not block but for disk access.
+    // Keeps a launch that the system has refused, in place of one of the same task and due time.
+    // Does not block but for disk access.
     void Add(const TOwedLaunch& launch);
 
     // Readable when it is time for MakeAll(). -1 if the system has no timer.

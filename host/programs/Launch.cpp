@@ -142,9 +142,13 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
         return vxsched::SpawnForTask(request.environment, run.task ? run.task->c_str() : nullptr,
                                      run.due, spawnWith);
     };
-    std::optional<std::string> recordPath;
+    std::optional<TLaunchRecord> record;
     if (run.task && run.due)
-        recordPath = LaunchRecordPath(*run.task, *run.due);
+        record = {.task = FileNameOf(*run.task),
+                  .due = *run.due,
+                  .launched = std::chrono::floor<std::chrono::seconds>(*run.started),
+                  .formerStart = request.formerStart};
+    const auto recordPath = record ? std::optional(LaunchRecordPath(*record)) : std::nullopt;
     const auto lacksRecord = [&] { return recordPath && access(recordPath->c_str(), F_OK) != 0; };
     int result = spawn(recordPath);
     if (result == EAGAIN)
@@ -160,11 +164,8 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
         result = spawn(std::nullopt);
     }
     if (result == 0) {
-        if (run.task && run.due)
-            RememberLaunch({.task = FileNameOf(*run.task),
-                            .due = *run.due,
-                            .launched = std::chrono::floor<std::chrono::seconds>(*run.started),
-                            .formerStart = request.formerStart});
+        if (record)
+            RememberLaunch(*record);
         CLaunchedPrograms::Instance().Launched(run);
     } else if (recordPath) {
         // The new process may have created the record before it failed.
@@ -248,7 +249,8 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
                                .actions = nullptr,
                                .attributes = nullptr,
                                .arguments = arguments,
-                               .environment = environ},
+                               .environment = environ,
+                               .formerStart = owed.formerStart},
                               OpenOutput(run, WarnOfOwed), file);
     if (result == EAGAIN)
         return false;
@@ -299,7 +301,8 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
                                        .due = *run.due,
                                        .program = run.program,
                                        .parameter = run.parameter,
-                                       .period = task->period});
+                                       .period = task->period,
+                                       .formerStart = TimeOf(task->lastExecuted)});
     } else {
         ReportFailure(run, result);
     }

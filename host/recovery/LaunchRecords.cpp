@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <system_error>
 
 #include <vxsched/Error.h>
@@ -55,29 +56,54 @@ bool MakeLaunchRecordDirectory() {
     return false;
 }
 
-static std::string FileNameOf(const TLaunchRecord& record) {
-    return fmt::format("{}@{}", record.task, record.due.time_since_epoch().count());
+static std::int64_t SecondsOf(TTime time) {
+    return time.time_since_epoch().count();
+}
+
+// Also of a record whose former start is not known.
+static std::string BeginningOfName(const std::string& task, TTime due) {
+    return fmt::format("{}@{}", task, SecondsOf(due));
+}
+
+static std::string NameOf(const TLaunchRecord& record) {
+    const std::string beginning = BeginningOfName(record.task, record.due);
+    return record.formerStart ? fmt::format("{}@{}", beginning, SecondsOf(*record.formerStart))
+                              : beginning;
 }
 
 static std::string PathOf(const char* directory, const TLaunchRecord& record) {
-    return fmt::format("{}/{}", directory, FileNameOf(record));
+    return fmt::format("{}/{}", directory, NameOf(record));
 }
 
-std::string LaunchRecordPath(const std::string& task, TTime due) {
-    return PathOf(cLaunchRecordDirectory, {.task = FileNameOf(task), .due = due, .launched = {}});
+std::string LaunchRecordPath(const TLaunchRecord& record) {
+    return PathOf(cLaunchRecordDirectory, record);
+}
+
+static std::optional<TTime> ReadSeconds(std::string_view number) {
+    std::int64_t seconds = 0;
+    const char* const end = number.data() + number.size();
+    const auto result = std::from_chars(number.data(), end, seconds);
+    return result.ec == std::errc() && result.ptr == end
+               ? std::optional(TTime(std::chrono::seconds(seconds)))
+               : std::nullopt;
 }
 
 static std::optional<TLaunchRecord> ReadLaunchRecord(const fs::path& path) {
     const std::string name = path.filename().string();
-    const std::size_t at = name.rfind('@');
-    std::int64_t due = 0;
+    const std::size_t task = name.find('@');
     struct stat status {};
-    if (at == std::string::npos || stat(path.c_str(), &status) != 0 ||
-        std::from_chars(name.data() + at + 1, name.data() + name.size(), due).ec != std::errc())
+    if (task == std::string::npos || stat(path.c_str(), &status) != 0)
         return std::nullopt;
-    return TLaunchRecord{.task = name.substr(0, at),
-                         .due = TTime(std::chrono::seconds(due)),
-                         .launched = TTime(std::chrono::seconds(status.st_mtime))};
+    const std::string_view times = std::string_view(name).substr(task + 1);
+    const std::size_t due = std::min(times.find('@'), times.size());
+    const std::optional<TTime> dueTime = ReadSeconds(times.substr(0, due));
+    if (!dueTime)
+        return std::nullopt;
+    return TLaunchRecord{
+        .task = name.substr(0, task),
+        .due = *dueTime,
+        .launched = TTime(std::chrono::seconds(status.st_mtime)),
+        .formerStart = due < times.size() ? ReadSeconds(times.substr(due + 1)) : std::nullopt};
 }
 
 // Adds the records of a directory.
@@ -109,7 +135,7 @@ std::map<std::string, TRemembered> gLaunches;
 
 void RememberLaunch(const TLaunchRecord& record) {
     const std::lock_guard<std::mutex> lock(gMutex);
-    gLaunches.insert_or_assign(FileNameOf(record), TRemembered{record, {}});
+    gLaunches.insert_or_assign(NameOf(record), TRemembered{record, {}});
 }
 
 std::vector<TLaunchRecord> ReadLaunchRecords() {
@@ -133,7 +159,7 @@ std::vector<TLaunchRecord> TakeOverSettledLaunches() {
     const std::lock_guard<std::mutex> lock(gMutex);
     for (TLaunchRecord& record : records) {
         record.isSettled = true;
-        gLaunches.insert_or_assign(FileNameOf(record), TRemembered{record, TClock::now()});
+        gLaunches.insert_or_assign(NameOf(record), TRemembered{record, TClock::now()});
     }
     return records;
 }
@@ -151,7 +177,7 @@ void SettleLaunches(const std::vector<TLaunchRecord>& records) {
     const std::lock_guard<std::mutex> lock(gMutex);
     const TClock::time_point now = TClock::now();
     for (const TLaunchRecord& record : records) {
-        TRemembered& launch = gLaunches.try_emplace(FileNameOf(record), record, now).first->second;
+        TRemembered& launch = gLaunches.try_emplace(NameOf(record), record, now).first->second;
         launch.record.isSettled = true;
         launch.settled = now;
         if (!MoveToSettled(record))
@@ -167,14 +193,16 @@ void SettleLaunches(const std::vector<TLaunchRecord>& records) {
 }
 
 std::optional<TLaunchRecord> FindRecentLaunch(const TTaskEntry& task) {
-    TLaunchRecord sought{.task = FileNameOf(task.name), .due = task.next, .launched = {}};
+    const std::string beginning = BeginningOfName(FileNameOf(task.name), task.next);
     const std::lock_guard<std::mutex> lock(gMutex);
-    const auto found = gLaunches.find(FileNameOf(sought));
-    if (found == gLaunches.end())
-        return {};
-    sought = found->second.record;
-    sought.isSettled = true;
-    return sought.IsLaunchOf(task) ? std::optional(sought) : std::nullopt;
+    for (auto next = gLaunches.lower_bound(beginning);
+         next != gLaunches.end() && next->first.starts_with(beginning); ++next) {
+        TLaunchRecord launch = next->second.record;
+        launch.isSettled = true;
+        if (launch.IsLaunchOf(task))
+            return launch;
+    }
+    return {};
 }
 
 std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, TTime now,

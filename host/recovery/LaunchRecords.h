@@ -15,22 +15,23 @@
 // brings back: one that has read the table before the tick and saves it afterwards, since its load
 // or another's has set the store mutex free.
 //
-// A record's name is NAME@DUE: the task's name as FileNameOf() encodes it, and the due time in
-// seconds since 1970. The file is empty; its modification time is the launch time.
+// A record's name is NAME@DUE@FORMER: the task's name as FileNameOf() encodes it, without an '@',
+// the due time, and the task's last start before this one, in seconds since 1970; without @FORMER
+// if that is not known. The file is empty; its modification time is the launch time.
 
 struct TLaunchRecord {
     std::string task;  // as FileNameOf() encodes it
     vxsched::TTime due;
     vxsched::TTime launched;
-    // The task's last start before this one; known to the process that has made the launch.
     std::optional<vxsched::TTime> formerStart = std::nullopt;
     bool isSettled = false;
 
     bool IsOf(const std::string& name, vxsched::TTime time) const;
 
     // Whether the program was launched for the due time that the task has. Once the launch is
-    // settled, a task without it shows an earlier last start; one that a command makes due again
-    // shows this one. A task that runs once shows no such difference to one that was created anew.
+    // settled, a task without it shows the former start, or an earlier one than this; one that a
+    // command makes due again shows this one. A task that runs once shows no such difference to one
+    // that was created anew.
     bool IsLaunchOf(const vxsched::TTaskEntry& task) const;
 };
 
@@ -38,7 +39,7 @@ struct TLaunchRecord {
 // log, when that fails.
 bool MakeLaunchRecordDirectory();
 
-std::string LaunchRecordPath(const std::string& task, vxsched::TTime due);
+std::string LaunchRecordPath(const TLaunchRecord& record);
 
 // Remembers a launch of this process. It counts as a record for as long as the process lives,
 // whether it has a file or not. Any thread may call it.

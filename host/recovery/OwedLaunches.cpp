@@ -33,7 +33,10 @@ TLaunchIntent IntentOf(const TOwedLaunch& launch) {
 }
 
 bool KeepOwedLaunch(const TOwedLaunch& launch) {
-    RememberLaunch({.task = FileNameOf(launch.task), .due = launch.due, .launched = {}});
+    RememberLaunch({.task = FileNameOf(launch.task),
+                    .due = launch.due,
+                    .launched = {},
+                    .formerStart = launch.formerStart});
     try {
         if (mkdir(vxsched::cOwedLaunchDirectory, 0700) == -1 && errno != EEXIST)
             throw vxsched::SystemError(
@@ -43,7 +46,7 @@ bool KeepOwedLaunch(const TOwedLaunch& launch) {
         vxsched::WriteNewFile(OwedLaunchPath(launch),
                               vxsched::EncodeTable({{.name = launch.task,
                                                      .next = launch.due,
-                                                     .last = {},
+                                                     .last = launch.formerStart,
                                                      .period = launch.period,
                                                      .program = launch.program,
                                                      .parameter = launch.parameter,

@@ -26,7 +26,11 @@ TEST(FileNames, OfLongTasksFitAndDiffer) {
 }
 
 TEST(FileNames, OfLaunchRecordsAreTheSame) {
-    EXPECT_EQ(LaunchRecordPath("a/b c-1@2", vxsched::TTime(std::chrono::seconds(7))),
-              "files/started/" + FileNameOf("a/b c-1@2") + "@7");
+    TLaunchRecord record = {.task = FileNameOf("a/b c-1@2"),
+                            .due = vxsched::TTime(std::chrono::seconds(7)),
+                            .launched = {}};
+    EXPECT_EQ(LaunchRecordPath(record), "files/started/" + FileNameOf("a/b c-1@2") + "@7");
+    record.formerStart = vxsched::TTime(std::chrono::seconds(-1));
+    EXPECT_EQ(LaunchRecordPath(record), "files/started/" + FileNameOf("a/b c-1@2") + "@7@-1");
     EXPECT_EQ(FileNameOf("a@b"), "a%40b");
 }

@@ -1,6 +1,7 @@
 // Launches that the system refuses for want of processes: a real host makes them when it can.
 
 #include <gtest/gtest.h>
+#include "host/TaskFileName.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/OwedLaunches.h"
 
@@ -103,6 +104,23 @@ TEST_F(OwedLaunches, AreMadeWhenTheSystemHasProcessesAgain) {
     EXPECT_EQ(record.at("outcome"), "exited");
     EXPECT_EQ(record.at("name"), row.name);
     EXPECT_FALSE(record.at("due").is_null());
+}
+
+// As a direct client does that has read the table before the tick.
+TEST_F(OwedLaunches, AreNotOwedTwiceIfTheirDueTimeIsSavedAgain) {
+    for (const std::uint32_t period : {0U, 24U}) {
+        fs::remove("log");
+        WriteFile(cRefusal, "");
+        CHost host;
+        const TRow row = Refuse(host, period);
+        ReplaceTable({row});
+        WakeWorker();
+        WaitUntil([&] { return ReadFile(cTable) != BytesOf({row}); });
+        Permit();
+        WaitUntil([&] { return CountIn("files/owed") == 0; });
+        EXPECT_EQ(host.Stop(), 0);
+        EXPECT_EQ(Lines("log").size(), 1U) << host.Output();
+    }
 }
 
 // The tick tries many times before the launch is owed.
@@ -288,7 +306,8 @@ TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
         const TRow row = RefuseAndKill();
         const vxsched::TTime due{std::chrono::seconds(row.next)};
         if (hasRecord)
-            WriteFile(LaunchRecordPath(row.name, due), "");
+            WriteFile(LaunchRecordPath({.task = FileNameOf(row.name), .due = due, .launched = {}}),
+                      "");
         else
             WriteFile(
                 OwedLaunchPath({.task = row.name, .due = due, .program = "", .parameter = ""}), "");

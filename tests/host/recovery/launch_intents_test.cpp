@@ -165,7 +165,10 @@ static TRows LoseALaunchRecord() {
     host.Kill(SIGKILL);
     host.Wait();
     EXPECT_EQ(CountIn("files/started", "@"), 1U);
-    fs::remove(LaunchRecordPath("due", vxsched::TTime(std::chrono::seconds(rows.at(0).next))));
+    fs::remove(LaunchRecordPath({.task = "due",
+                                 .due = vxsched::TTime(std::chrono::seconds(rows.at(0).next)),
+                                 .launched = {},
+                                 .formerStart = vxsched::TTime()}));
     EXPECT_EQ(CountIn("files/started", "@"), 0U);
     return rows;
 }

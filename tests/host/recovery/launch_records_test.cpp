@@ -1,6 +1,7 @@
 // The records that launches leave until the table shows them.
 
 #include <gtest/gtest.h>
+#include "host/TaskFileName.h"
 #include "host/recovery/LaunchRecords.h"
 
 #include <chrono>
@@ -19,14 +20,20 @@ TEST(LaunchRecords, AreFoundByTaskAndDueTimeWhateverTheName) {
     std::filesystem::create_directory("files");
     ASSERT_TRUE(MakeLaunchRecordDirectory());
     ASSERT_TRUE(MakeLaunchRecordDirectory()) << "it may exist already";
+    std::optional<vxsched::TTime> former;
     const std::string longest(5'000, '\xe4');
     for (const std::string& name :
          {std::string("plain"), std::string("a/b"), std::string(".."), std::string("at@5"),
           std::string("%41"), std::string("\xff blank"), longest}) {
-        WriteFile(LaunchRecordPath(name, Later(3)), "");
+        former = former ? std::nullopt : std::optional(cNow);
+        WriteFile(
+            LaunchRecordPath(
+                {.task = FileNameOf(name), .due = Later(3), .launched = {}, .formerStart = former}),
+            "");
         const std::vector<TLaunchRecord> records = ReadLaunchRecords();
         ASSERT_EQ(records.size(), 1U) << name;
         EXPECT_TRUE(records[0].IsOf(name, Later(3))) << name;
+        EXPECT_EQ(records[0].formerStart, former) << name;
         EXPECT_FALSE(records[0].IsOf(name, Later(4))) << name;
         EXPECT_FALSE(records[0].IsOf(std::string(name) + "x", Later(3))) << name;
         SettleLaunches(records);
@@ -82,7 +89,7 @@ TEST(LaunchRecords, SettledOneIsFoundUntilItIsRemovedAfterAMinute) {
     ASSERT_TRUE(MakeLaunchRecordDirectory());
     const TLaunchRecord first = {.task = "first", .due = cNow, .launched = cNow};
     const TLaunchRecord second = {.task = "second", .due = cNow, .launched = cNow};
-    WriteFile(LaunchRecordPath("first", cNow), "");
+    WriteFile(LaunchRecordPath(first), "");
     SettleLaunches({first});
     clock.slept += 59s;
     SettleLaunches({second});
@@ -98,9 +105,11 @@ TEST(LaunchRecords, SettledOneIsFoundUntilItIsRemovedAfterAMinute) {
 TEST(LaunchRecords, SettledOneOfAFormerHostIsTakenOver) {
     std::filesystem::remove_all("files");
     std::filesystem::create_directories("files/settled");
-    WriteFile("files/settled/former@" + std::to_string(cNow.time_since_epoch().count()), "");
+    WriteFile("files/settled/former@" + std::to_string(cNow.time_since_epoch().count()) + "@-1",
+              "");
     const std::vector<TLaunchRecord> records = TakeOverSettledLaunches();
     ASSERT_EQ(records.size(), 1U);
     EXPECT_TRUE(records[0].isSettled);
+    EXPECT_EQ(records[0].formerStart, vxsched::TTime(-1s));
     EXPECT_TRUE(IsFound({.task = "former", .due = cNow, .launched = cNow}));
 }
