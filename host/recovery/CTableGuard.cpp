@@ -228,9 +228,16 @@ bool CTableGuard::TryToCheck() {
         // Lock order: the host holds the directory lock; the writer lock is skipped, since a client
         // may hold it for many seconds; locks inside the process come after the store mutex.
         const vxsched::CStoreMutexLock lock(cLockTimeout);
-        // A tick may be under way all the same, whose launches the table does not show yet.
-        if (isWorkerRunning && !vxsched::IsWorkerIdle())
+        // A direct client has removed the mutex; the worker makes it anew.
+        if (isWorkerRunning && !lock.IsHeld()) {
+            vxsched::WakeSchedulingProcess();
             return false;
+        }
+        // A tick may be under way all the same, whose launches the table does not show yet.
+        if (isWorkerRunning && !vxsched::IsWorkerIdle()) {
+            NoteDamage();
+            return false;
+        }
         ReadEvents();
         if (!isWatching)
             saves.replacedAll = true;
@@ -256,8 +263,10 @@ bool CTableGuard::TryToCheck() {
         retryInterval.Succeeded();
         return isDone;
     } catch (const vxsched::CError& error) {
-        if (error.Code() == vxsched::EError::cBusy)
+        if (error.Code() == vxsched::EError::cBusy) {
+            NoteDamage();
             return false;
+        }
         retryInterval.Failed();
         if (lastError != error.what()) {
             LogError(fmt::format("cannot check the table: {}. Retrying until it succeeds.",
@@ -265,6 +274,26 @@ bool CTableGuard::TryToCheck() {
             lastError = error.what();
         }
         return false;
+    }
+}
+
+// Notes damage that cannot be repaired yet. Before it can be, direct clients may save what is left
+// of the tasks over it, and each of their saves would count as leave to lose one.
+void CTableGuard::NoteDamage() {
+    const std::string state = vxsched::TableState(".");
+    if (isDamageNoted || !lastValid || state == lastNoted)
+        return;
+    const vxsched::CTableLease lease(vxsched::TableFile("."));
+    // Otherwise it may be a save that has only begun.
+    if (lease.State() != vxsched::CTableLease::cHeld)
+        return;
+    lastNoted = state;
+    try {
+        TasksOf(lease.Read());
+    } catch (const vxsched::CError& error) {
+        isDamageNoted = true;
+        LogError(
+            fmt::format("{}. It is restored as soon as the store mutex is free.", error.what()));
     }
 }
 
@@ -317,7 +346,7 @@ bool CTableGuard::Examine(const std::string& bytes) {
 }
 
 // Returns the tasks of the last valid table that are gone; none when these and the new ones are no
-// more than the saves that were seen. Each call of a client removes or creates one task at most, so
+// more than the saves that were seen, and no damage was in between. Each call of a client removes or creates one task at most, so
 // a save that does both has overwritten another client's.
 std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tasks) const {
     std::vector<TTaskEntry> lost;
@@ -335,7 +364,8 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
         if (!hasRun && !names.contains(task.name))
             lost.push_back(task);
     }
-    return lost.size() + created.size() > saves.count ? lost : std::vector<TTaskEntry>();
+    return isDamageNoted || lost.size() + created.size() > saves.count ? lost
+                                                                       : std::vector<TTaskEntry>();
 }
 
 // Replaces the table by `tasks`, with the launches made since, and logs `notes`, unless a
@@ -410,6 +440,7 @@ void CTableGuard::QuarantineOnce(const std::string& bytes, const std::string& re
 
 void CTableGuard::Keep(const std::string& bytes) {
     lastValid = bytes;
+    isDamageNoted = false;
     saves = {};
     isDirectoryNew = false;
     try {

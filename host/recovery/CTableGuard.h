@@ -73,6 +73,7 @@ private:
     // constructor's, then the guard's), while the worker is idle or does not run yet.
     bool Check();
     bool TryToCheck();
+    void NoteDamage();
     void ReportMissingDirectory();
     bool Examine(const std::string& bytes);
     void Restore(const std::string& bytes, const std::string& reason,
@@ -105,6 +106,8 @@ private:
         std::string state;
         std::chrono::steady_clock::time_point since;
     } unchanged;
+    bool isDamageNoted = false;  // since the last valid table
+    std::string lastNoted;       // the state of the file that NoteDamage() has read
     // As bytes, which take less than half the memory of decoded tasks.
     std::optional<std::string> lastValid;
     const std::size_t mostSnapshots;

@@ -82,6 +82,22 @@ TEST(HostGuard, TableThatADirectClientEmptiesIsRestored) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// A direct client is killed in its save while the guard cannot restore the table, as in a tick. The
+// load of the next one finds no task and saves that, and then it creates its own.
+TEST(HostGuard, DamageThatADirectClientHasSavedOverIsRepaired) {
+    WriteTable(cThree);
+    CHost host;
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+        EXPECT_TRUE(host.WaitForOutput("It is restored as soon as the store mutex is free"));
+        WriteTable({});
+        WriteTable({Row("direct")});
+    }
+    WaitForTable({Row("direct"), cThree[0], cThree[1], cThree[2]});
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
 // Two direct clients whose loads let them in under each other: one creates a task, and the other,
 // which has read the table before, overwrites that by its own.
 TEST(HostGuard, TaskThatAnotherOnesSaveHasOverwrittenIsRestored) {
