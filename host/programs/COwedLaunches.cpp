@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include <vxsched/Error.h>
+#include <vxsched/SchedulingProcess.h>
 #include "host/CHostLog.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "store/CStoreMutexLock.h"
@@ -62,6 +63,11 @@ void COwedLaunches::MakeAll(const std::function<bool(const TOwedLaunch&)>& make)
 
 void COwedLaunches::TryToMakeAll(const std::function<bool(const TOwedLaunch&)>& make) {
     const vxsched::CStoreMutexLock storeMutex(cLockTimeout);
+    // A direct client has removed the mutex; the worker makes it anew.
+    if (!storeMutex.IsHeld()) {
+        vxsched::WakeSchedulingProcess();
+        return;
+    }
     const auto tasks = vxsched::DecodeTable(vxsched::ReadTableBytes("."), vxsched::Now()).tasks;
     const std::lock_guard<std::mutex> lock(mutex);
     for (auto launch = launches.begin(); launch != launches.end();) {

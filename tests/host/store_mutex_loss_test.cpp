@@ -19,10 +19,12 @@ RUN_AGAIN(CreateAndExitNormally) {
     return 0;
 }
 
+// The host may have made it anew by the end of this.
 static void LoseTheMutex() {
+    const int lost = semget(cStoreKey, 1, 0);
     CProgram client(ThisProgramAs("CreateAndExitNormally", {"direct"}));
     EXPECT_EQ(client.Wait(), 0) << client.Output();
-    EXPECT_FALSE(StoreSemaphoreExists());
+    EXPECT_NE(semget(cStoreKey, 1, 0), lost);
 }
 
 static void Tick() {
@@ -44,6 +46,17 @@ TEST(HostMutexLoss, NextTickMakesItAnewAndTheLossIsLoggedOnce) {
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("the store mutex was removed"), 2U) << host.Output();
     EXPECT_EQ(CountSemaphoreSets(), 0) << "a host that stops leaves nothing";
+}
+
+TEST(HostMutexLoss, TableIsRestoredOnlyUnderANewOne) {
+    WriteTable(cThree);
+    CHost host;
+    LoseTheMutex();
+    WriteFile(cTable, BytesOf(cThree).substr(0, 60));
+    EXPECT_TRUE(host.WaitForOutput("the table is restored")) << host.Output();
+    const std::string log = host.Output();
+    EXPECT_LT(log.find("the store mutex was removed"), log.find("the table is restored")) << log;
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 TEST(HostMutexLoss, TicksExcludeOthersAgain) {
