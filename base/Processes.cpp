@@ -45,10 +45,15 @@ std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directo
     stat.name = line.substr(begin + 1, end - begin - 1);
     std::istringstream words(line.substr(end + 1));
     std::string skipped;
+    const auto skip = [&](int fields) {
+        for (int field = 0; field < fields; ++field)
+            words >> skipped;
+    };
     words >> stat.state;
-    for (int field = 0; field < 5; ++field)
-        words >> skipped;
+    skip(5);
     words >> stat.flags;
+    skip(41);
+    words >> stat.environmentEnd;
     return stat;
 }
 

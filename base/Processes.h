@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -25,6 +26,9 @@ struct TProcessStat {
     std::string name;  // the short one
     char state = 0;
     unsigned int flags = 0;
+    // The address of the end of its environment variables. 0 while an exec has not given it arguments
+    // and variables yet, without memory, and where this user may not inspect the process.
+    std::uint64_t environmentEnd = 0;
 
     bool IsKernelThread() const;
 

@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string_view>
 
+#include "base/CDeadline.h"
 #include "base/CDescriptor.h"
 #include "base/Processes.h"
 #include "base/SameFile.h"
@@ -18,6 +20,13 @@
 namespace vxsched {
 
 namespace {
+
+namespace fs = std::filesystem;
+
+// An exec takes microseconds between the new executable and its arguments, and longer if other
+// processes have the processor.
+constexpr std::chrono::seconds cExecLimit(5);
+constexpr std::chrono::milliseconds cPause(1);
 
 // Iterates over the processes in /proc, with as few system calls as possible: there may be
 // thousands.
@@ -43,10 +52,25 @@ public:
     }
 
     // The arguments of that process, its path first, each with a zero byte after it; empty if it
-    // cannot be read or has none. Valid until the next call of a member.
-    std::string_view CommandLine() { return Read(name + "/cmdline"); }
+    // cannot be read or has none. Valid until the next call of a member. A process that has just
+    // been launched is waited for: whoever launched it continues before it has its arguments.
+    std::string_view CommandLine() {
+        std::string_view line;
+        while ((line = Read(name + "/cmdline")).empty() && IsInExec() && execLimit.Pause(cPause)) {
+        }
+        return line;
+    }
 
 private:
+    // Kernel threads and zombies have no executable.
+    bool IsInExec() const {
+        struct stat program {};
+        if (fstatat(dirfd(directory), (name + "/exe").c_str(), &program, 0) == -1)
+            return false;
+        const std::optional<TProcessStat> stat = ReadProcessStat(fs::path("/proc") / name);
+        return stat && stat->environmentEnd == 0;
+    }
+
     // Kernel threads are often the majority of the processes, and none has a command line. Their
     // parent is kthreadd, process 2; containers have none.
     void FindKernelThreads() {
@@ -82,6 +106,7 @@ private:
     }
 
     DIR* directory;
+    const CDeadline execLimit{cExecLimit};  // for all of the processes
     std::vector<pid_t> kernelThreads;
     std::string name;
     std::string buffer = std::string(1 << 13, '\0');

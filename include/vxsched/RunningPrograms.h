@@ -16,7 +16,9 @@ namespace vxsched {
 // Immutable: threads may share one. Do not use it to wait for a program: process ids are reused.
 class VXSCHED_PUBLIC CRunningPrograms {
 public:
-    // Reads the command line of every process; does not block. Without /proc it finds none.
+    // Reads the command line of every process. Waits for those that are in the middle of an exec and
+    // have no arguments yet, usually microseconds, and up to 5 seconds for all of them. Without /proc
+    // it finds none.
     CRunningPrograms();
 
     // The ids, in ascending order, of the processes that run `program` with the single argument

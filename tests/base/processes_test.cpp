@@ -34,6 +34,18 @@ TEST(Processes, CollectedOneHasEnded) {
     EXPECT_TRUE(vxsched::HasEnded(id));
 }
 
+TEST(Processes, OneThatRunsHasArgumentsAndAZombieNone) {
+    const auto stat = vxsched::ReadProcessStat("/proc/self");
+    ASSERT_TRUE(stat.has_value());
+    EXPECT_NE(stat->environmentEnd, 0U);
+    const CForkedChild child([] { return 0; });
+    siginfo_t end{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child.Id()), &end, WEXITED | WNOWAIT), 0);
+    const auto zombie = vxsched::ReadProcessStat(vxsched::ProcessDirectory(child.Id()));
+    ASSERT_TRUE(zombie.has_value());
+    EXPECT_EQ(zombie->environmentEnd, 0U);
+}
+
 TEST(Processes, NamespaceThatCannotBeReadIsTakenForTheSame) {
     EXPECT_TRUE(vxsched::SharesIpcNamespace(vxsched::ProcessDirectory(getpid())));
     EXPECT_TRUE(vxsched::SharesIpcNamespace("/proc/0"));

@@ -1,10 +1,14 @@
 // Finding the processes of a task's program in /proc.
 
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vxsched/RunningPrograms.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -60,4 +64,18 @@ TEST(ClientRunning, ProgramWithMoreArgumentsIsNotATasks) {
 
 TEST(ClientRunning, MissingProgramRunsNowhere) {
     EXPECT_EQ(FindRunning("/no/such/program", "parameter"), TIds());
+}
+
+// The system lets whoever launches a program continue before it shows the program's arguments.
+TEST(ClientRunning, ProgramIsFoundFromItsLaunchOn) {
+    for (int launch = 0; launch < 50; ++launch) {
+        std::string program = cProgram;
+        std::string parameter = Own("launch " + std::to_string(launch));
+        char* const arguments[] = {program.data(), parameter.data(), nullptr};
+        pid_t process = 0;
+        ASSERT_EQ(posix_spawn(&process, program.c_str(), nullptr, nullptr, arguments, environ), 0);
+        EXPECT_EQ(FindRunning(program, parameter), TIds({process}));
+        kill(process, SIGKILL);
+        waitpid(process, nullptr, 0);
+    }
 }
