@@ -1,22 +1,49 @@
 #include "base/DisplayText.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 namespace vxsched {
 
 namespace {
 
-// Whether it has a terminal show what follows in another order: an embedding, an override, an
-// isolate, or the end of one.
-bool IsBidirectionalControl(std::uint32_t character) {
-    return (character >= 0x202a && character <= 0x202e) ||
-           (character >= 0x2066 && character <= 0x2069);
+struct TRange {
+    std::uint32_t first;
+    std::uint32_t last;
+};
+
+// The format characters that have no glyph of their own, and the two separators that end a line.
+// U+200C and U+200D are missing here: Persian and the scripts of India need them inside words, and
+// emoji need U+200D. They only choose the shapes of their neighbours.
+constexpr TRange cHidden[] = {
+    {0x00ad, 0x00ad},    // soft hyphen
+    {0x061c, 0x061c},    // Arabic letter mark
+    {0x180e, 0x180e},    // Mongolian vowel separator
+    {0x200b, 0x200b},    // zero width space
+    {0x200e, 0x200f},    // left-to-right and right-to-left mark
+    {0x2028, 0x2029},    // line and paragraph separator
+    {0x202a, 0x202e},    // bidirectional embeddings and overrides
+    {0x2060, 0x206f},    // word joiner, invisible operators, bidirectional isolates
+    {0xfeff, 0xfeff},    // zero width no-break space, the byte order mark
+    {0xfff9, 0xfffb},    // interlinear annotations
+    {0x1bca0, 0x1bca3},  // shorthand controls
+    {0x1d173, 0x1d17a},  // musical controls
+    {0xe0000, 0xe007f},  // tags
+};
+
+bool IsHidden(std::uint32_t character) {
+    return std::any_of(std::begin(cHidden), std::end(cHidden), [&](const TRange& range) {
+        return character >= range.first && character <= range.last;
+    });
 }
 
 struct TCharacter {
     std::size_t length;  // in bytes
-    bool isReadable;     // valid UTF-8, and no control character
+    bool isReadable;     // valid UTF-8, and neither a control character nor hidden
+    std::uint32_t number = 0;
 };
 
 // The character at the beginning of `string`, which is not empty; one byte if it is not UTF-8.
@@ -24,7 +51,7 @@ TCharacter FirstCharacter(std::string_view string) {
     constexpr TCharacter cInvalid{1, false};
     const auto lead = static_cast<unsigned char>(string.front());
     if (lead < 0x80)
-        return {1, lead >= 0x20 && lead != 0x7f};
+        return {1, lead >= 0x20 && lead != 0x7f, lead};
     const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
     if (lead < 0xc2 || lead > 0xf4 || string.size() < length)
         return cInvalid;
@@ -39,7 +66,15 @@ TCharacter FirstCharacter(std::string_view string) {
     const bool isSurrogate = character >= 0xd800 && character <= 0xdfff;
     if (character < cLeast[length - 2] || character > 0x10ffff || isSurrogate)
         return cInvalid;
-    return {length, character >= 0xa0 && !IsBidirectionalControl(character)};
+    return {length, character >= 0xa0 && !IsHidden(character), character};
+}
+
+// `number` of a character, for a JSON string: beyond U+FFFF two escapes, a surrogate pair.
+std::string JsonEscapeOf(std::uint32_t number) {
+    if (number <= 0xffff)
+        return fmt::format("\\u{:04x}", number);
+    const std::uint32_t offset = number - 0x10000;
+    return fmt::format("\\u{:04x}\\u{:04x}", 0xd800 + (offset >> 10U), 0xdc00 + (offset & 0x3ffU));
 }
 
 }  // namespace
@@ -67,6 +102,20 @@ TShown Show(std::string_view string) {
     TShown shown;
     shown.columns = AppendShown(string, shown.string);
     return shown;
+}
+
+std::string EscapeControls(std::string_view json) {
+    std::string escaped;
+    escaped.reserve(json.size());
+    while (!json.empty()) {
+        const TCharacter character = FirstCharacter(json);
+        if (character.isReadable || character.number < 0x20)  // a line end
+            escaped += json.substr(0, character.length);
+        else
+            escaped += JsonEscapeOf(character.number);
+        json.remove_prefix(character.length);
+    }
+    return escaped;
 }
 
 }  // namespace vxsched

@@ -13,12 +13,19 @@ struct TShown {
     std::size_t columns = 0;  // each character counts as one column
 };
 
-// Replaces each control character, line ends and bidirectional controls included, and each byte that
-// is not UTF-8 by U+FFFD: no string can send control sequences to the terminal, forge a line, or have
-// a line shown in another order.
+// Replaces by U+FFFD each byte that is not UTF-8, and each character that acts on others or that nobody
+// can see: control characters and line ends, bidirectional controls, line and paragraph separators,
+// and the other invisible format characters. So no string can send control sequences to the
+// terminal, forge a line, have a line shown in another order, or hide a part of itself. Letters of
+// every script stay, and so do U+200C and U+200D: see DisplayText.cpp.
 TShown Show(std::string_view string);
 
 // Like Show(), but appends the result to `to`. Returns the columns that were added.
 std::size_t AppendShown(std::string_view string, std::string& to);
+
+// JSON with an escape (\u009b) for each character in its strings that Show() would replace. JSON itself
+// demands that only for the characters below the blank. `json` is valid UTF-8, and ASCII outside of
+// its strings.
+std::string EscapeControls(std::string_view json);
 
 }  // namespace vxsched

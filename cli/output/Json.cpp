@@ -69,32 +69,6 @@ bool IsUtf8(const std::string& bytes) {
     }
 }
 
-// The number of the character that these bytes, valid UTF-8 and no more than three, encode.
-unsigned int NumberOf(std::string_view character) {
-    unsigned int number = static_cast<unsigned char>(character.front());
-    number &= character.size() == 1 ? 0x7fU : 0x7fU >> character.size();
-    for (const char next : character.substr(1))
-        number = number << 6U | (static_cast<unsigned char>(next) & 0x3fU);
-    return number;
-}
-
-// JSON itself demands escapes only for the characters below the blank. `json` is valid UTF-8, and
-// ASCII outside of its strings.
-std::string EscapeControls(const std::string& json) {
-    std::string escaped;
-    escaped.reserve(json.size());
-    for (std::size_t offset = 0, length = 0; offset < json.size(); offset += length) {
-        const auto lead = static_cast<unsigned char>(json[offset]);
-        length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-        const std::string_view character = std::string_view(json).substr(offset, length);
-        if (lead < 0x7f || Show(character).string == character)
-            escaped += character;
-        else
-            escaped += fmt::format("\\u{:04x}", NumberOf(character));
-    }
-    return escaped;
-}
-
 // Reads the fields of one task. Throws CError (cRefused) with the task and the field in its
 // message. `content` must outlive the reader.
 class CTaskReader {

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include "base/DisplayText.h"
 
+#include <initializer_list>
 #include <string>
 
+using vxsched::EscapeControls;
 using vxsched::Show;
 
 static const std::string cReplaced = "\xef\xbf\xbd";
@@ -28,11 +30,56 @@ TEST(DisplayText, ReplacesBytesThatAreNotUtf8) {
         EXPECT_EQ(Show(byte).string, cReplaced) << testing::PrintToString(byte);
 }
 
-// They would have a terminal show the rest of a line in another order.
+static void ExpectReplaced(std::initializer_list<const char*> characters) {
+    for (const char* const character : characters) {
+        const std::string one = character;
+        EXPECT_EQ(Show(one).string, cReplaced) << testing::PrintToString(one);
+        EXPECT_EQ(Show("a" + one + "b").string, "a" + cReplaced + "b");
+    }
+}
+
+// They would have a terminal show what follows in another order.
 TEST(DisplayText, ReplacesBidirectionalControls) {
-    for (const char* const control :
-         {"\xe2\x80\xaa", "\xe2\x80\xae", "\xe2\x81\xa6", "\xe2\x81\xa9"})
-        EXPECT_EQ(Show(control).string, cReplaced) << testing::PrintToString(control);
-    for (const char* const other : {"\xe2\x80\xa9", "\xe2\x80\xaf", "\xe2\x81\xa5", "\xe2\x81\xaa"})
+    ExpectReplaced({"\u200e", "\u200f", "\u061c", "\u202a", "\u202e", "\u2066", "\u2069"});
+}
+
+// Some programs begin a new line there.
+TEST(DisplayText, ReplacesLineAndParagraphSeparators) {
+    ExpectReplaced({"\u2028", "\u2029"});
+}
+
+TEST(DisplayText, ReplacesInvisibleCharacters) {
+    ExpectReplaced({"\u00ad", "\u180e", "\u200b", "\u2060", "\u2064", "\u206a", "\u206f", "\ufeff",
+                    "\ufff9", "\ufffb", "\U0001bca0", "\U0001d173", "\U0001d17a", "\U000e0001",
+                    "\U000e0020", "\U000e007f"});
+}
+
+TEST(DisplayText, KeepsWhatIsNextToTheReplaced) {
+    for (const char* const other :
+         {"\u00ac", "\u00ae", "\u061b", "\u061d", "\u200a", "\u2010", "\u2027", "\u202f", "\u205f",
+          "\u2070", "\ufefe", "\uff01", "\ufffc", "\U0001bc9f", "\U0001d172", "\U0001d17b"})
         EXPECT_EQ(Show(other).string, other) << testing::PrintToString(other);
+}
+
+// Arabic, Hebrew, Persian with a non-joiner, Hindi with a joiner, a family of emoji.
+TEST(DisplayText, KeepsTheLettersOfEveryScript) {
+    for (const char* const word :
+         {"\u0645\u0647\u0645\u0629", "\u05de\u05e9\u05d9\u05de\u05d4", "\u0645\u06cc\u200c\u062e",
+          "\u0915\u094d\u200d\u0937", "\U0001f468\u200d\U0001f469\u200d\U0001f467"})
+        EXPECT_EQ(Show(word).string, word);
+}
+
+// ---- In JSON ----------------------------------------------------------------------------------
+
+TEST(DisplayText, JsonHasEscapesForWhatIsReplaced) {
+    EXPECT_EQ(EscapeControls("{\"a\": \"\x7f \u0080 \u009f \u2028 \u202e \ufeff \u00e4 \u200c\"}"),
+              R"({"a": "\u007f \u0080 \u009f \u2028 \u202e \ufeff )"
+              "\u00e4 \u200c\"}");
+    EXPECT_EQ(EscapeControls("\U000e0001\U0001d173\U0001f600"), R"(\udb40\udc01\ud834\udd73)"
+                                                                "\U0001f600");
+}
+
+// Outside of the strings.
+TEST(DisplayText, JsonKeepsItsLines) {
+    EXPECT_EQ(EscapeControls("{\n  \"a\": 1\n}\n"), "{\n  \"a\": 1\n}\n");
 }

@@ -17,15 +17,19 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::Not;
 
-// An ESC, a C1 control character (CSI), a byte that is not UTF-8, a bidirectional control.
-static const std::string cHostile = "\033[31m \xc2\x9b \x9b \xe2\x80\xae";
+// An ESC, a C1 control character (CSI), a byte that is not UTF-8, and, after it, a bidirectional
+// control, a line separator, an invisible character.
+static const std::string cHostile = "\033[31m \xc2\x9b \x9b \u202e \u2028 \ufeff";
 static const std::string cReplaced = "\xef\xbf\xbd";
 
 static const std::string cForged = "x\nvxsched: forged";
 
-static void ExpectNoControls(const std::string& shown) {
-    for (const char* const control : {"\033", "\xc2\x9b", " \x9b", "\xe2\x80\xae"})
-        EXPECT_THAT(shown, Not(HasSubstr(control)));
+static const std::vector<std::string> cControls = {
+    "\033", "\xc2\x9b", " \x9b", "\u202e", "\u2028", "\ufeff", "\r", "\t", "\x7f"};
+
+static void ExpectNoControls(const std::string& shown, const std::vector<std::string>& command) {
+    for (const std::string& control : cControls)
+        EXPECT_THAT(shown, Not(HasSubstr(control))) << testing::PrintToString(command);
 }
 
 TEST_F(Cli, ArgumentForgesNoLineOfAnErrorMessage) {
@@ -83,7 +87,8 @@ TEST_F(Cli, SeveralErrorsHaveALineEach) {
 TEST_F(Cli, NamesAreExactForScriptsAndSafeOnATerminal) {
     WriteTable({Later(cHostile)});
     EXPECT_EQ(Output({"list", "--names"}), cHostile + '\n');
-    ExpectNoControls(RunToolOnTerminal({"list", "--names"}, 80).output);
+    const std::vector<std::string> names = {"list", "--names"};
+    ExpectNoControls(RunToolOnTerminal(names, 80).output, names);
 }
 
 TEST_F(Cli, JsonEscapesWhatATerminalWouldObey) {
@@ -142,10 +147,7 @@ TEST_F(Cli, NoCommandShowsAControlCharacter) {
                 WriteFile(cTable, ReadFile(cTable).substr(0, ReadFile(cTable).size() - 1));
             const TToolRun run =
                 isTerminal ? RunToolOnTerminal(command, 80, {{"NO_COLOR", "1"}}) : RunTool(command);
-            const std::string shown = run.output + run.error;
-            for (const char* const control :
-                 {"\033", "\xc2\x9b", " \x9b", "\xe2\x80\xae", "\r", "\t", "\x7f"})
-                EXPECT_THAT(shown, Not(HasSubstr(control))) << testing::PrintToString(command);
+            ExpectNoControls(run.output + run.error, command);
         }
     }
 }
