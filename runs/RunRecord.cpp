@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/DisplayText.h"
 #include "runs/ParseJson.h"
 
 using TJson = nlohmann::ordered_json;
@@ -82,7 +83,9 @@ TJson JsonOf(const TRunRecord& record) {
 }
 
 std::string JsonLine(const TRunRecord& record) {
-    return JsonOf(record).dump(-1, ' ', false, TJson::error_handler_t::replace) + '\n';
+    return vxsched::EscapeControls(
+               JsonOf(record).dump(-1, ' ', false, TJson::error_handler_t::replace)) +
+           '\n';
 }
 
 std::string AsRecorded(const std::string& string) {

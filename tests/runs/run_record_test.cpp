@@ -68,6 +68,27 @@ TEST(RunRecord, OfAMissedDueTimeHasWhatBecameOfTheTask) {
     EXPECT_NE(JsonLine(record).find(R"("task":"removed")"), std::string::npos);
 }
 
+// A terminal that shows the file obeys nothing in it.
+TEST(RunRecord, HasNoControlCharacterInItsLine) {
+    TRunRecord record = Exited();
+    record.task = "\u0080 \u009b \u009f \x7f \033 \n \u202e \u2028 \u00e4";
+    const std::string line = JsonLine(record);
+    EXPECT_NE(line.find(R"("\u0080 \u009b \u009f \u007f \u001b \n \u202e \u2028 )"
+                        "\u00e4\""),
+              std::string::npos)
+        << line;
+    EXPECT_EQ(ReadJsonLine(line), record);
+}
+
+// As former versions wrote it.
+TEST(RunRecord, WithRawControlCharactersIsRead) {
+    TRunRecord record = Exited();
+    record.task = "\u009b \u202e";
+    std::string line = JsonLine(Exited());
+    line.replace(line.find("nightly"), 7, *record.task);
+    EXPECT_EQ(ReadJsonLine(line), record);
+}
+
 TEST(RunRecord, OfAProgramLeftRunningHasNoEnd) {
     TRunRecord record = Exited();
     record.outcome = TRunRecord::cLeftRunning;
