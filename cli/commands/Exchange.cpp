@@ -8,6 +8,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <system_error>
+#include <unordered_map>
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
@@ -125,14 +126,16 @@ void CheckImported(const TCommon& common, const std::vector<TImported>& imported
 std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
                                const std::vector<TImported>& imported, EImport how) {
     std::vector<TTaskEntry> tasks = how == EImport::cReplace ? std::vector<TTaskEntry>() : present;
+    // Of several tasks of one name, the first counts.
+    std::unordered_map<std::string, std::size_t> indices;
+    for (std::size_t index = 0; index < tasks.size(); ++index)
+        indices.try_emplace(tasks[index].name, index);
     for (const TImported& one : imported) {
-        const auto found = std::find_if(tasks.begin(), tasks.end(), [&](const TTaskEntry& task) {
-            return task.name == one.task.name;
-        });
-        if (found == tasks.end() || how == EImport::cReplace)
+        const auto [found, isNew] = indices.try_emplace(one.task.name, tasks.size());
+        if (isNew || how == EImport::cReplace)
             tasks.push_back(one.task);
         else if (how == EImport::cMerge)
-            *found = one.task;
+            tasks[found->second] = one.task;
         else
             throw MakeError(EError::cRefused,
                             "a task \"{}\" already exists; use --merge to overwrite it, or "

@@ -47,6 +47,8 @@ TEST_F(Cli, DeepImportIsRefused) {
         WriteFile("import", document);
         ExpectRefused(1, "nested deeper than 64 levels", {"import", "import"});
     }
+    WriteFile("import", R"({"version": 1, "more": )" + Nested(64, "") + R"(, "tasks": []})");
+    ExpectRefused(1, "nested deeper than 64 levels", {"import", "import"});
     WriteFile("import", R"({"version": 1, "more": )" + Nested(63, "") + R"(, "tasks": []})");
     Output({"import", "import"});
 }

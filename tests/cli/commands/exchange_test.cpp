@@ -1,5 +1,6 @@
 // Runs the commands export and import of vxsched.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -53,6 +54,29 @@ TEST_F(Cli, ImportAddsMergesOrReplaces) {
     Output({"import", "--replace", "export"});
     EXPECT_EQ(NamesInTable(), "a b");
     ExpectRefused(2, "excludes", {"import", "--replace", "--merge", "export"});
+}
+
+// A search of the table for each task would take minutes, half of them under the store mutex.
+TEST_F(Cli, ImportOfATableOf150000TasksEnds) {
+    WriteTable({Later("a")});
+    std::string tasks;
+    for (int number = 0; number < 150'000; ++number)
+        tasks += fmt::format(R"({}{{"name": "{}", "next": 4000000000, "program": "{}"}})",
+                             number == 0 ? "" : ", ", number, cRecorder);
+    WriteFile("import", fmt::format(R"({{"version": 1, "tasks": [{}]}})", tasks));
+    EXPECT_THAT(Output({"import", "import"}), HasSubstr("the table has 150001 now"));
+}
+
+TEST_F(Cli, ImportOfATaskTwiceCountsAsAnOverwrite) {
+    WriteTable({Later("a")});
+    const std::string tasks = R"({"version": 1, "tasks": [
+        {"name": "b", "next": 4000000000, "program": "/bin/ls"},
+        {"name": "b", "next": 4000000001, "program": "/bin/ls"}]})";
+    WriteFile("import", tasks);
+    ExpectRefused(1, "a task \"b\" already exists", {"import", "import"});
+    Output({"import", "import", "--merge"});
+    EXPECT_EQ(NamesInTable(), "a b");
+    EXPECT_EQ(ReadTable()[1].next, 4'000'000'001);
 }
 
 TEST_F(Cli, ImportRefusesInvalidInput) {
