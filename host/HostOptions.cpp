@@ -28,15 +28,29 @@ static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
 }
 
-// Whether a file is, or would be, in a directory. Links are followed.
+// The directory of the file that opening a path opens or creates: links are followed, also one whose
+// target does not exist. A path that cannot be opened, as with too many links, may have any.
+static std::filesystem::path DirectoryOf(std::filesystem::path path) {
+    constexpr int cMostLinks = 40;  // as in the kernel
+    std::error_code ignored;
+    for (int links = 0; links < cMostLinks && std::filesystem::is_symlink(path, ignored); ++links)
+        path = path.parent_path() / std::filesystem::read_symlink(path, ignored);
+    return path.parent_path();
+}
+
+// Whether a file is, or would be, in a directory, however the paths are written.
 static bool IsIn(const std::string& file, const std::string& directory) {
     if (file.empty() || !directory.starts_with('/'))
         return false;
-    std::error_code ignored;
+    std::error_code error;
+    // Links are followed, and mounts. A directory that does not exist has no file yet, and is left to
+    // the comparison of the paths.
+    if (std::filesystem::equivalent(DirectoryOf(file), directory, error))
+        return true;
     const auto realPath = [&](const std::filesystem::path& path) {
-        return std::filesystem::weakly_canonical(path / ".", ignored);
+        return std::filesystem::weakly_canonical(path / ".", error);
     };
-    return realPath(std::filesystem::path(file).parent_path()) == realPath(directory);
+    return realPath(DirectoryOf(file)) == realPath(directory);
 }
 
 static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& lockTimeout) {

@@ -138,6 +138,33 @@ TEST(HostOutput, DirectoryOfTheLogIsRefused) {
     EXPECT_TRUE(std::filesystem::is_empty("out"));
 }
 
+// A link is opened where it leads to, also one that leads to a file that is not there yet.
+TEST(HostOutput, LogThatIsALinkIntoTheDirectoryOfTheOutputIsRefused) {
+    std::filesystem::create_directories("out/deeper");
+    std::filesystem::create_directory("logs");
+    std::filesystem::create_directory_symlink("out", "another-out");
+    std::filesystem::create_symlink("../another-out/task.log", "logs/link");
+    std::filesystem::create_symlink("link", "logs/chain");
+    std::filesystem::create_symlink("../out/deeper/log", "logs/deeper");
+    for (const bool exists : {false, true}) {
+        if (exists)
+            WriteFile("out/task.log", "");
+        for (const char* const log : {"logs/link", "logs/chain"}) {
+            CProgram host(HostWith({"--log", log, "--output", "out", "--run-once"}));
+            EXPECT_EQ(host.Wait(), 2) << log;
+            EXPECT_NE(host.Output().find("a task could write to the log"), std::string::npos)
+                << host.Output();
+        }
+        EXPECT_EQ(std::filesystem::exists("out/task.log"), exists);
+    }
+    EXPECT_EQ(ReadFile("out/task.log"), "");
+    CProgram host(HostWith({"--log", "logs/deeper", "--output", "out", "--check"}));
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+    std::filesystem::create_symlink("loop", "logs/loop");
+    CProgram looping(HostWith({"--log", "logs/loop", "--output", "out", "--check"}));
+    EXPECT_EQ(looping.Wait(), 1) << looping.Output();
+}
+
 // ---- The journal ------------------------------------------------------------------------------
 
 // Enters a mount namespace with a /run of its own.
