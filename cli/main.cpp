@@ -19,6 +19,7 @@
 #include "store/MakeError.h"
 #include "store/StoreAccess.h"
 #include "store/StoreOwner.h"
+#include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -454,22 +455,28 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
            (command->get_options(takesValue).empty() ? "" : "; quote an argument of several words");
 }
 
-// Adds to the message for a refused access whom the store is for, and to that for a damaged table the
-// file and the remedy: the library leaves these to its callers, which may not be this command.
+// Adds to the message what the library leaves to its callers, which may not be this command: for a
+// refused access whom the store is for, for a damaged table the file and the remedy, and, where they
+// may be the reason, which semaphores nobody should use.
 std::string CCommandLine::MessageFor(const CError& error) const {
     std::string message = error.what();
-    if (error.Code() == EError::cNoAccess) {
-        const std::string users = WhoMayUse(directory);
-        return users.empty() ? message
-                             : fmt::format("{}; the directory {} is for {}", message,
-                                           Show(directory).string, Show(users).string);
+    if (error.Code() == EError::cDamaged) {
+        const bool hasRemedy = message.find("repair the table") != std::string::npos;
+        return fmt::format(
+            "{}: {}{}", Show(TableFile(directory).string()).string, message,
+            hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
     }
-    if (error.Code() != EError::cDamaged)
-        return message;
-    const bool hasRemedy = message.find("repair the table") != std::string::npos;
-    return fmt::format(
-        "{}: {}{}", Show(TableFile(directory).string()).string, message,
-        hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
+    if (error.Code() == EError::cNoAccess) {
+        if (const std::string users = WhoMayUse(directory); !users.empty())
+            message += fmt::format("; the directory {} is for {}", Show(directory).string,
+                                   Show(users).string);
+    }
+    if (error.Code() == EError::cNoAccess || error.Code() == EError::cBusy ||
+        error.Code() == EError::cFailed) {
+        if (const std::string reason = WhySemaphoresAreRefused(directory); !reason.empty())
+            message += "; " + reason;
+    }
+    return message;
 }
 
 TExitStatus CCommandLine::Run(int argc, const char* const* argv) {

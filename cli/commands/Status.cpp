@@ -21,6 +21,7 @@
 #include "store/OwedLaunches.h"
 #include "store/StoreMutexSet.h"
 #include "store/StoreMutexState.h"
+#include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -232,6 +233,9 @@ TExitStatus Status(const TCommon& common, COutput& output) {
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
         line("Mutex", status.mutexError.empty() ? DescribeMutex(status) : status.mutexError);
+        if (const std::string reason = WhySemaphoresAreRefused(common.store.directory);
+            !reason.empty())
+            line("Semaphores", reason);
         line("File", status.file);
         line("Table", DescribeTable(status));
         for (const std::string& name : status.overdue)

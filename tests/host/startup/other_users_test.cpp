@@ -7,7 +7,9 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -26,15 +28,22 @@ using testing::HasSubstr;
 static constexpr int cNoDirectoryStatus = 3;
 static constexpr int cNoStoreStatus = 7;
 
+// A third user, who is neither the superuser nor the owner of the store.
+static constexpr uid_t cThirdUser = 65533;
+
+static void Become(uid_t user) {
+    ASSERT_EQ(setgid(user), 0);
+    ASSERT_EQ(setuid(user), 0);
+}
+
 static void BecomeForeignUser() {
-    ASSERT_EQ(setgid(cForeignUser), 0);
-    ASSERT_EQ(setuid(cForeignUser), 0);
+    Become(cForeignUser);
 }
 
 // Makes a set as another user; like all sets, it stays.
-static void MakeForeignSet(key_t key, int count, int mode) {
+static void MakeForeignSet(key_t key, int count, int mode, uid_t maker = cForeignUser) {
     CForkedChild user([&] {
-        BecomeForeignUser();
+        Become(maker);
         return semget(key, count, IPC_CREAT | IPC_EXCL | mode) == -1 ? 1 : 42;
     });
     ASSERT_EQ(user.Wait(), 42);
@@ -121,6 +130,85 @@ TEST(HostSemaphores, ThatTheHostMayNotUseAreRefused) {
         return testing::Test::HasFailure() ? 1 : 42;
     });
     EXPECT_EQ(owner.Wait(), 42);
+}
+
+static std::string ReasonForASetOf(uid_t user, key_t key) {
+    return " is a semaphore set of user " + std::to_string(user) +
+           ", who could keep the tasks from being launched. Find out what made it, then remove it: "
+           "ipcrm -s " +
+           std::to_string(semget(key, 0, 0));
+}
+
+// Runs a command, and expects it to fail and report a reason.
+static void ExpectReported(const std::string& reason, const std::vector<std::string>& command) {
+    const TToolRun run = RunTool(command);
+    EXPECT_NE(run.status, 0) << command.back();
+    EXPECT_THAT(run.output + run.error, HasSubstr(reason)) << command.back();
+}
+
+static const std::vector<std::string> cCreate = {"create", "new", "--at",
+                                                 "in 1h",  "--",  "/bin/true"};
+
+TEST(HostSemaphores, OfAnotherUserAreReportedByCommandsToo) {
+    REQUIRE_SUPERUSER();
+    WriteTable(cThree);
+    GiveStoreTo(cForeignUser);
+    for (const key_t key : {cStoreKey, cTaskChangedKey, cStopKey}) {
+        MakeForeignSet(key, key == cStoreKey ? 1 : 3, 0600, cThirdUser);
+        const std::string reason = ReasonForASetOf(cThirdUser, key);
+        CForkedChild owner([&] {
+            BecomeForeignUser();
+            ExpectRefused(cNoStoreStatus, reason);
+            ExpectReported(reason, {"status"});
+            // Without a host nobody is woken by the stop event.
+            if (key != cStopKey)
+                ExpectReported(reason, cCreate);
+            if (key == cStoreKey) {
+                ExpectReported(reason, {"list"});
+                ExpectReported(reason, {"repair"});
+                ExpectReported(reason, {"pause", "a"});
+            }
+            return testing::Test::HasFailure() ? 1 : 42;
+        });
+        EXPECT_EQ(owner.Wait(), 42);
+        ASSERT_EQ(semctl(semget(key, 0, 0), 0, IPC_RMID), 0);
+    }
+}
+
+TEST(HostSemaphores, OfAnotherUserThatAreHeldAreReportedByCommandsToo) {
+    REQUIRE_SUPERUSER();
+    WriteTable(cThree);
+    MakeForeignSet(cStoreKey, 1, 0666);
+    semctl(semget(cStoreKey, 0, 0), 0, SETVAL, 1);
+    CForkedChild holder([] {
+        BecomeForeignUser();
+        sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = SEM_UNDO};
+        semop(semget(cStoreKey, 0, 0), &take, 1);
+        pause();
+        return 0;
+    });
+    WaitUntil([] { return StoreSemaphoreValue() == 0; });
+    const std::string reason = ReasonForASetOf(cForeignUser, cStoreKey);
+    ExpectReported(reason, {"--lock-timeout", "0", "list"});
+    ExpectReported(reason, {"--lock-timeout", "0", "pause", "a"});
+    ExpectReported(reason, {"--lock-timeout", "0", "status"});
+    holder.Kill(SIGKILL);
+}
+
+TEST(HostSemaphores, ThatAreTooFewForAnEventAreReportedByCommandsToo) {
+    WriteTable({});
+    for (const key_t key : {cTaskChangedKey, cStopKey}) {
+        const int set = semget(key, 1, IPC_CREAT | 0600);
+        const std::string reason =
+            " has 1 semaphore(s) instead of 3: no host can use it. Find out what made it, then "
+            "remove it: ipcrm -s " +
+            std::to_string(set);
+        ExpectRefused(cNoStoreStatus, reason);
+        ExpectReported(reason, {"status"});
+        if (key == cTaskChangedKey)
+            ExpectReported(reason, cCreate);
+        ASSERT_EQ(semctl(set, 0, IPC_RMID), 0);
+    }
 }
 
 // One that the superuser's commands made before there was a host, and gave to the store's owner.
