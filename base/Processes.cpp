@@ -6,6 +6,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstdint>
+#include <fstream>
 #include <limits>
 #include <sstream>
 #include <system_error>
@@ -55,6 +56,34 @@ std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directo
     skip(41);
     words >> stat.environmentEnd;
     return stat;
+}
+
+std::vector<uid_t> UsersOf(pid_t process) {
+    constexpr std::string_view cLabel = "Uid:";
+    std::ifstream status(ProcessDirectory(process) / "status");
+    std::vector<uid_t> users;
+    for (std::string line; users.empty() && std::getline(status, line);) {
+        if (!line.starts_with(cLabel))
+            continue;
+        std::istringstream words(line.substr(cLabel.size()));
+        for (uid_t user = 0; words >> user;)
+            users.push_back(user);
+    }
+    return users;
+}
+
+std::optional<bool> MapsFile(pid_t process, std::string_view name) {
+    constexpr std::string_view cDeleted = " (deleted)";
+    const std::string wanted = '/' + std::string(name);
+    std::ifstream maps(ProcessDirectory(process) / "maps");
+    std::optional<bool> found;
+    for (std::string line; !found.value_or(false) && std::getline(maps, line);) {
+        std::string_view path = line;
+        if (path.ends_with(cDeleted))
+            path.remove_suffix(cDeleted.size());
+        found = path.ends_with(wanted);
+    }
+    return found;
 }
 
 bool HasEnded(pid_t process) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vxsched {
 
@@ -39,6 +40,15 @@ struct TProcessStat {
 
 // Empty if there is no such process or thread any more. `directory` is its directory in /proc.
 std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directory);
+
+// The real, effective, saved and file system user of a process; empty if there is no such process any
+// more. The owner of its directory in /proc is the effective user only, and not even that for a
+// process that may not be inspected.
+std::vector<uid_t> UsersOf(pid_t process);
+
+// Whether a process has mapped a file of that name, its program or a library, also one that was
+// replaced since; empty if this user may not inspect it, or if it is ending.
+std::optional<bool> MapsFile(pid_t process, std::string_view name);
 
 // Whether there is no such process any more, or only its zombie.
 bool HasEnded(pid_t process);

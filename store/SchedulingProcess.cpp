@@ -5,12 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
@@ -33,11 +35,12 @@ bool MayInspect(pid_t process) {
 }
 
 // Whether a process is of a user who may use the store. Any other who may read the directory could
-// lock it, or work in it, to be taken for its scheduling process.
+// lock it, or work in it, to be taken for its scheduling process; so could one by a set-user-ID
+// program, which has that user as its real one.
 bool MayScheduleIn(const fs::path& directory, pid_t process) {
-    struct stat status {};
-    return stat(ProcessDirectory(process).c_str(), &status) == 0 &&
-           MayUse(status.st_uid, directory);
+    const std::vector<uid_t> users = UsersOf(process);
+    return !users.empty() && std::all_of(users.begin(), users.end(),
+                                         [&](uid_t user) { return MayUse(user, directory); });
 }
 
 // The process that holds an flock() on the file. Trying to take the lock would show that, too, but
@@ -53,22 +56,14 @@ std::optional<pid_t> LockHolder(const fs::path& store, const struct stat& direct
         std::string number, kind, strength, access, process, which;
         words >> number >> kind >> strength >> access >> process >> which;
         // Inode numbers are unique within one file system only, so the process has to work in the
-        // directory as well, if this user may read that.
+        // directory as well, and to be a host, if this user may inspect it.
         const std::optional<pid_t> holder = ParseProcess(process);
         if (kind == "FLOCK" && which.ends_with(inode) && holder && MayScheduleIn(store, *holder) &&
-            (IsSameFile(ProcessDirectory(*holder) / "cwd", directory) || !MayInspect(*holder)))
+            (IsSameFile(ProcessDirectory(*holder) / "cwd", directory) || !MayInspect(*holder)) &&
+            MapsFile(*holder, cHostProgram).value_or(true))
             return holder;
     }
     return {};
-}
-
-bool MapsAddIn(pid_t process) {
-    std::ifstream maps(ProcessDirectory(process) / "maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.ends_with(cAddInFile))
-            return true;
-    }
-    return false;
 }
 
 bool HasSeveralThreads(pid_t process) {
@@ -82,7 +77,8 @@ std::optional<pid_t> FindHostIn(const fs::path& store, const struct stat& direct
     for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
         const std::optional<pid_t> process = ParseProcess(entry.path().filename().string());
         if (process && IsSameFile(entry.path() / "cwd", directory) &&
-            MayScheduleIn(store, *process) && MapsAddIn(*process) && HasSeveralThreads(*process))
+            MayScheduleIn(store, *process) && MapsFile(*process, cAddInFile).value_or(false) &&
+            HasSeveralThreads(*process))
             return process;
     }
     return {};

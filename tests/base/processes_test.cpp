@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
+#include <optional>
+#include <vector>
 
 #include "Process.h"
 
@@ -49,4 +52,25 @@ TEST(Processes, OneThatRunsHasArgumentsAndAZombieNone) {
 TEST(Processes, NamespaceThatCannotBeReadIsTakenForTheSame) {
     EXPECT_TRUE(vxsched::SharesIpcNamespace(vxsched::ProcessDirectory(getpid())));
     EXPECT_TRUE(vxsched::SharesIpcNamespace("/proc/0"));
+}
+
+TEST(Processes, UsersAreAllFour) {
+    EXPECT_EQ(vxsched::UsersOf(getpid()),
+              std::vector<uid_t>({getuid(), geteuid(), geteuid(), geteuid()}));
+    EXPECT_TRUE(vxsched::UsersOf(0).empty());
+}
+
+TEST(Processes, MappedFileIsFoundByItsWholeName) {
+    EXPECT_EQ(vxsched::MapsFile(getpid(), "processes_test"), true);
+    EXPECT_EQ(vxsched::MapsFile(getpid(), "rocesses_test"), false);
+    EXPECT_EQ(vxsched::MapsFile(0, "processes_test"), std::nullopt);
+}
+
+// As after an update of the program.
+TEST(Processes, MappedFileThatWasRemovedIsFound) {
+    std::filesystem::copy_file(PROGRAMS "/wait-forever", "replaced");
+    const CProgram program({"./replaced", "a"});
+    WaitUntil([&] { return vxsched::MapsFile(program.Id(), "replaced").value_or(false); });
+    std::filesystem::remove("replaced");
+    EXPECT_EQ(vxsched::MapsFile(program.Id(), "replaced"), true);
 }

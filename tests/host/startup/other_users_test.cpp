@@ -291,3 +291,51 @@ TEST(HostImpostor, IsNotTakenForTheHost) {
     EXPECT_THAT(status.output, testing::Not(HasSubstr(std::to_string(impostor.Id()))));
     impostor.Kill(SIGKILL);
 }
+
+// What is expected of `status` while a process that is no host holds the host's lock.
+static void ExpectNoHost() {
+    const TToolRun status = RunTool({"status"});
+    EXPECT_THAT(status.output, HasSubstr("none; start vxschedd in this directory"));
+    EXPECT_EQ(status.status, 6);
+}
+
+static void HoldTheLock() {
+    const int lock = open("files/vxschedd.lock", O_RDONLY);
+    if (flock(lock, LOCK_EX | LOCK_NB) != 0)
+        return;
+    WriteFile("locked", "");
+    pause();
+}
+
+// Another user runs it, and it works with the permissions of the superuser, who may use every store.
+TEST(HostImpostor, ThatIsASetUserIdProgramIsNotTakenForTheHost) {
+    REQUIRE_SUPERUSER();
+    WriteTable(cThree);
+    WriteFile("files/vxschedd.lock", "");
+    GiveStoreTo(cForeignUser);
+    CForkedChild impostor([] {
+        if (setresuid(cThirdUser, 0, 0) == 0)
+            HoldTheLock();
+        return 1;
+    });
+    WaitUntil([] { return fs::exists("locked"); });
+    CForkedChild owner([] {
+        BecomeForeignUser();  // who may not inspect it
+        ExpectNoHost();
+        return testing::Test::HasFailure() ? 1 : 42;
+    });
+    EXPECT_EQ(owner.Wait(), 42);
+    impostor.Kill(SIGKILL);
+}
+
+TEST(HostImpostor, ThatIsAnotherProgramOfTheOwnerIsNotTakenForTheHost) {
+    WriteTable(cThree);
+    WriteFile("files/vxschedd.lock", "");
+    CForkedChild impostor([] {
+        HoldTheLock();
+        return 1;
+    });
+    WaitUntil([] { return fs::exists("locked"); });
+    ExpectNoHost();
+    impostor.Kill(SIGKILL);
+}
