@@ -10,6 +10,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "HostProgram.h"
 #include "LogCapture.h"
@@ -44,6 +45,43 @@ TEST(HostLog, ShowsNothingThatATerminalWouldObey) {
                    : 1;
     });
     EXPECT_EQ(child.Wait(), 42);
+}
+
+// Nor may a path, or any other argument.
+TEST(HostLog, ArgumentForgesNoLineOfAnErrorMessage) {
+    const std::string replaced = "\xef\xbf\xbd";
+    const std::string forged = "x\nvxschedd: forged \033[31m \u009b \x9b \u202e \u2028 \ufeff";
+    std::filesystem::create_directory("dir" + forged);
+    WriteFile("file" + forged, "");
+    const std::vector<std::vector<std::string>> commands = {
+        HostWith({"--" + forged}),
+        HostWith({forged}),
+        HostWith({"--addin", forged}),
+        HostWith({"--addin", "./dir" + forged}),
+        HostWith({"--addin", "./file" + forged}),
+        HostWith({"--log", forged + "/log"}),
+        HostWith({"--log", "dir" + forged}),
+        HostWith({"--output", forged + "/output"}),
+        HostWith({"--output", "file" + forged}),
+        HostWith({"--output-size", forged}),
+        HostWith({"--history-size", forged}),
+        HostWith({"--lock-timeout", forged}),
+        HostWith({"--snapshots", forged}),
+        {HOST_PROGRAM, "--directory", forged},
+        {HOST_PROGRAM, "--directory", "file" + forged}};
+    for (std::vector<std::string> command : commands) {
+        CProgram host(command);
+        EXPECT_NE(host.Wait(), 0) << testing::PrintToString(command);
+        EXPECT_NE(host.Output().find("x" + replaced + "vxschedd: forged"), std::string::npos)
+            << host.Output();
+        command.emplace_back("--check");
+        CProgram check(command);
+        check.Wait();
+        const std::string shown = host.Output() + check.Output();
+        for (const char* const control :
+             {"\nvxschedd: forged", "\033", "\u009b", " \x9b", "\u202e", "\u2028", "\ufeff"})
+            EXPECT_EQ(shown.find(control), std::string::npos) << testing::PrintToString(shown);
+    }
 }
 
 TEST(HostLog, StalledReaderLosesLinesThatAreCountedAndDelaysNothing) {
