@@ -130,8 +130,8 @@ TEST_F(Cli, RunInAForeignStoreHasTheEnvironmentOfALogin) {
                                {"LD_LIBRARY_PATH", "/root"},
                                {"LANG", "C.UTF-8"},
                                {"TZ", "Europe/Berlin"}};
-    EXPECT_EQ(RunTool({"run", "a", "--wait"}, mine).status, 0);
-    EXPECT_EQ(RunTool({"run", "b"}, mine).status, 0);
+    EXPECT_EQ(RunTool({"run", "a", "--wait", "--force"}, mine).status, 0);
+    EXPECT_EQ(RunTool({"run", "b", "--force"}, mine).status, 0);
     for (const char* const file : {"first", "second"}) {
         const std::string recorded = FileOfForeignUser(file);
         EXPECT_THAT(recorded, HasSubstr("\nuser 65534\n"));
@@ -150,7 +150,7 @@ TEST_F(Cli, RunInAForeignStoreHasNoTerminal) {
     REQUIRE_SUPERUSER();
     WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0}});
     GiveStoreTo(cForeignUser);
-    const TToolRun run = RunToolOnTerminal({"run", "a", "--wait"}, 80);
+    const TToolRun run = RunToolOnTerminal({"run", "a", "--wait", "--force"}, 80);
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 0\n"));
     EXPECT_THAT(run.output, HasSubstr("output \033[1m of the program\n"));
@@ -161,7 +161,7 @@ TEST_F(Cli, RunInAForeignStoreHasNoTerminal) {
 // A program of the caller's own store keeps the terminal.
 TEST_F(Cli, RunInAnOwnStoreHasTheTerminal) {
     WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0}});
-    EXPECT_EQ(RunToolOnTerminal({"run", "a", "--wait"}, 80).status, 0);
+    EXPECT_EQ(RunToolOnTerminal({"run", "a", "--wait", "--force"}, 80).status, 0);
     EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 2\n"));
 }
 

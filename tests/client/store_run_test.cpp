@@ -1,5 +1,6 @@
 // Runs outside the schedule by the client library: their process, their exit status, and the table
-// afterwards.
+// afterwards. The processes of a program with the same parameter that other tests run count as the
+// task's, so a run that may not be refused is forced, or has a parameter of its own.
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -32,7 +33,7 @@ TEST_F(ClientStore, RunStartsTheProgramOutsideTheSchedule) {
     store.Create(Task("a", next), false);
     store.Pause({"a"});
     pid_t reported = 0;
-    const TRun run = store.Run("a", false, true, [&](pid_t process) { reported = process; });
+    const TRun run = store.Run("a", true, true, [&](pid_t process) { reported = process; });
     EXPECT_GT(run.process, 0);
     EXPECT_EQ(reported, run.process);
     EXPECT_EQ(run.status, 0);
@@ -47,19 +48,19 @@ TEST_F(ClientStore, RunGivesTheProgramTheTasksNameAndNoDueTime) {
     setenv("VXSCHED_TASK", "another", 1);
     setenv("VXSCHED_DUE", "1", 1);
     store.Create({"a", In(1h), 24, PROGRAMS "/record-environment", "variables"}, false);
-    store.Run("a", false, true);
+    store.Run("a", true, true);
     EXPECT_EQ(ReadFile("variables"), "VXSCHED_TASK=a\n");
 }
 
 TEST_F(ClientStore, RunReportsTheEnd) {
     store.Create({"a", In(1h), 24, PROGRAMS "/end-with", "status 3"}, false);
-    EXPECT_EQ(WEXITSTATUS(store.Run("a", false, true).status.value()), 3);
+    EXPECT_EQ(WEXITSTATUS(store.Run("a", true, true).status.value()), 3);
     store.Create({"a", In(1h), 24, PROGRAMS "/end-with", "signal 9"}, true);
-    EXPECT_EQ(WTERMSIG(store.Run("a", false, true).status.value()), SIGKILL);
+    EXPECT_EQ(WTERMSIG(store.Run("a", true, true).status.value()), SIGKILL);
 }
 
 TEST_F(ClientStore, RunOfWhatRunsAlreadyIsRefusedUnlessForced) {
-    store.Create({"a", In(1h), 24, PROGRAMS "/wait-for-it", "end it"}, false);
+    store.Create({"a", In(1h), 24, PROGRAMS "/wait-for-it", fs::absolute("end it")}, false);
     const TRun first = store.Run("a", false, false);
     const std::string message = ErrorOf(EError::cRefused, [&] { store.Run("a", false, false); });
     EXPECT_NE(message.find(std::to_string(first.process)), std::string::npos) << message;
@@ -82,7 +83,7 @@ TEST_F(ClientStore, EndOfARunIsKnownAlsoToAClientThatIgnoresChildren) {
     store.Create({"a", In(1h), 24, PROGRAMS "/end-with", "status 3"}, false);
     CForkedChild child([&] {
         std::signal(SIGCHLD, SIG_IGN);
-        return WEXITSTATUS(store.Run("a", false, true).status.value());
+        return WEXITSTATUS(store.Run("a", true, true).status.value());
     });
     EXPECT_EQ(child.Wait(), 3);
 }
@@ -112,7 +113,7 @@ TEST_F(ClientStore, TwoRunsAtOnceAreOne) {
 TEST_F(ClientStore, LastLaunchOfARunOutlivesWhatTheSchedulerWrites) {
     CHost host;
     store.Create(Task("a"), false);
-    store.Run("a", false, false);
+    store.Run("a", true, false);
     store.Create({"due", Now(), 24, cRecorder, "scheduled"}, false);
     EXPECT_EQ(RecordedArgument("scheduled"), "argument scheduled");
     WaitUntil([&] { return store.Read().Find("due")->last != TTime(); });

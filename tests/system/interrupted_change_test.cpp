@@ -158,7 +158,8 @@ TEST(InterruptedChange, OfAStoppedCommandDoesNotKeepTheLocks) {
 }
 
 TEST(InterruptedChange, WaitForARunEndsAndTheProgramGoesOn) {
-    WriteTable({{"waits", cFar, 0, 24, PROGRAMS "/wait-for-it", "end it", 0}});
+    // No other test's process has this parameter: it would count as the task's.
+    WriteTable({{"waits", cFar, 0, 24, PROGRAMS "/wait-for-it", fs::absolute("end it"), 0}});
     const std::unique_ptr<CProgram> command = Start({"run", "waits", "--wait"});
     ASSERT_TRUE(command->WaitForOutput("started waits as process"));
     command->Kill(SIGINT);

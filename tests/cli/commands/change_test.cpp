@@ -94,7 +94,7 @@ TEST_F(Cli, RunLaunchesTheProgramAndReportsItsExit) {
     row.program = PROGRAMS "/end-with";
     row.parameters = "status 3";
     WriteTable({row});
-    const TToolRun run = RunTool({"run", "a", "--wait"});
+    const TToolRun run = RunTool({"run", "a", "--wait", "--force"});
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.output, HasSubstr("started a as process "));
     EXPECT_THAT(run.output, HasSubstr("a exited with status 3\n"));
@@ -109,7 +109,7 @@ TEST_F(Cli, RunReportsTheSignalThatKilledTheProgram) {
         row.program = PROGRAMS "/end-with";
         row.parameters = parameters;
         WriteTable({row});
-        const TToolRun run = RunTool({"run", "a", "--wait"});
+        const TToolRun run = RunTool({"run", "a", "--wait", "--force"});
         EXPECT_EQ(run.status, 1) << run.error;
         EXPECT_THAT(run.output, HasSubstr(end));
     }
