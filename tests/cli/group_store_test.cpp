@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -175,6 +176,30 @@ TEST_F(GroupStore, MemberMayDoAllOfItNextToAHost) {
     OutputAs(cMember, {"remove", "paused"});
     ExpectTableIsTheKeepers("changes next to a host");
     EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+// Whoever makes it, with and without a host, owner and members can write it.
+TEST_F(GroupStore, TableThatIsMadeAnewIsOpenToTheGroup) {
+    OpenToGroup();
+    for (const bool hasHost : {false, true}) {
+        std::optional<CHost> host;
+        if (hasHost)
+            host.emplace(As(cKeeper, HostWith({})));
+        for (const uid_t maker : {cKeeper, cMember}) {
+            fs::remove(cTable);
+            OutputAs(maker, {"create", "b", "--at", "in 1h", "--", cRecorder});
+            struct stat status {};
+            ASSERT_EQ(stat(cTable, &status), 0);
+            EXPECT_EQ(status.st_gid, cStoreGroup) << maker << hasHost;
+            EXPECT_EQ(status.st_mode & 0777U, 0664U) << maker << hasHost;
+            for (const uid_t user : {cMember, cKeeper})
+                OutputAs(user, {"pause", "b"});
+            OutputAs(maker == cKeeper ? cMember : cKeeper, {"remove", "b"});
+        }
+        if (host) {
+            EXPECT_EQ(host->Stop(), 0) << host->Output();
+        }
+    }
 }
 
 static bool HasSnapshotOf(const std::string& task) {
