@@ -1,11 +1,14 @@
 #include "store/StoreAccess.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+#include <set>
+#include <system_error>
 #include <vector>
 
 #include "base/Users.h"
@@ -13,10 +16,12 @@
 
 namespace vxsched {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 // The group that the store is open to.
-std::optional<gid_t> GroupWithAccess(const std::filesystem::path& directory) {
+std::optional<gid_t> GroupWithAccess(const fs::path& directory) {
     struct stat store {};
     struct stat files {};
     const bool isOpen = stat(directory.c_str(), &store) == 0 &&
@@ -25,13 +30,94 @@ std::optional<gid_t> GroupWithAccess(const std::filesystem::path& directory) {
     return isOpen ? std::optional(files.st_gid) : std::nullopt;
 }
 
+// What others may not change, of one store.
+class CFilesCheck {
+public:
+    CFilesCheck(const fs::path& files, const struct stat& storeStatus,
+                const struct stat& filesStatus)
+        : path(files),
+          owner(storeStatus.st_uid),
+          mayBeEntered((storeStatus.st_mode & cEntry) != 0 && (filesStatus.st_mode & cEntry) != 0),
+          trusted{0, geteuid(), owner} {
+        // Also where the directory is closed to the group at present: the group may have worked here.
+        if ((filesStatus.st_mode & S_IWGRP) != 0)
+            group = filesStatus.st_gid;
+    }
+
+    // Why a directory or what is in it is refused, without what is in its directories; empty if it is
+    // not, or if there is none. It may be a link.
+    std::string WhyDirectoryIsRefused(const fs::path& directory) {
+        struct stat parent {};
+        if (stat(directory.c_str(), &parent) == -1)
+            return "";
+        if (std::string reason = WhyRefused(directory, parent, true); !reason.empty())
+            return reason;
+        const bool isReached = mayBeEntered && (parent.st_mode & cEntry) != 0;
+        std::error_code error;
+        for (fs::directory_iterator entry(directory, error);
+             !error && entry != fs::directory_iterator(); entry.increment(error)) {
+            struct stat status {};
+            // A temporary file may be gone by now.
+            if (lstat(entry->path().c_str(), &status) == -1)
+                continue;
+            if (std::string reason = WhyRefused(entry->path(), status, isReached); !reason.empty())
+                return reason;
+        }
+        return "";
+    }
+
+private:
+    static constexpr mode_t cEntry = S_IXGRP | S_IXOTH;
+
+    // `isReached`: others may enter the directory that it is in. They may also have a directory open
+    // since before they were shut out, and make files in it; a file, its mode then does not concern.
+    std::string WhyRefused(const fs::path& what, const struct stat& status, bool isReached) {
+        if (!IsTrusted(status.st_uid))
+            return fmt::format("{} belongs to user {}, who could have programs launched. {}",
+                               what.string(), FindUser(status.st_uid).name, Remedy());
+        const bool isWritable =
+            (status.st_mode & S_IWOTH) != 0 ||
+            ((status.st_mode & S_IWGRP) != 0 && group != std::optional(status.st_gid));
+        if (isWritable && (S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && isReached)))
+            return fmt::format(
+                "{} may be written by users who are not let into the store (mode {:04o}), and who "
+                "could have programs launched. {}",
+                what.string(), status.st_mode & 07777U, Remedy());
+        return "";
+    }
+
+    bool IsTrusted(uid_t user) {
+        if (trusted.contains(user))
+            return true;
+        const std::vector<gid_t> groups =
+            group ? GroupsOf(user, static_cast<gid_t>(-1)) : std::vector<gid_t>();
+        const bool isMember = std::find(groups.begin(), groups.end(), group) != groups.end();
+        if (isMember)
+            trusted.insert(user);
+        return isMember;
+    }
+
+    std::string Remedy() const {
+        const std::string user = FindUser(owner).name;
+        return fmt::format("Check what is there, then run chown -R {} {} && chmod -R {} {}",
+                           group ? user + ':' + NameOfGroup(*group) : user, path.string(),
+                           group ? "o-w" : "go-w", path.string());
+    }
+
+    const fs::path path;
+    const uid_t owner;
+    const bool mayBeEntered;
+    std::optional<gid_t> group;
+    std::set<uid_t> trusted;
+};
+
 }  // namespace
 
-mode_t PrivateMode(const std::filesystem::path& directory) {
+mode_t PrivateMode(const fs::path& directory) {
     return GroupWithAccess(directory) ? 0660 : 0600;
 }
 
-int MakePrivateDirectory(const std::filesystem::path& path, const std::filesystem::path& store) {
+int MakePrivateDirectory(const fs::path& path, const fs::path& store) {
     if (mkdir(path.c_str(), 0700) == -1)
         return errno == EEXIST ? 0 : errno;
     // Not by mkdir(), whose mode the umask narrows.
@@ -44,11 +130,11 @@ int MakePrivateDirectory(const std::filesystem::path& path, const std::filesyste
     return 0;
 }
 
-mode_t NewTableMode(const std::filesystem::path& directory) {
+mode_t NewTableMode(const fs::path& directory) {
     return GroupWithAccess(directory) ? 0664 : 0644;
 }
 
-bool MayUse(uid_t user, const std::filesystem::path& directory) {
+bool MayUse(uid_t user, const fs::path& directory) {
     struct stat store {};
     if (user == 0 || user == geteuid() ||
         (stat(directory.c_str(), &store) == 0 && store.st_uid == user))
@@ -60,7 +146,7 @@ bool MayUse(uid_t user, const std::filesystem::path& directory) {
     return std::find(groups.begin(), groups.end(), *group) != groups.end();
 }
 
-std::string WhoMayUse(const std::filesystem::path& directory) {
+std::string WhoMayUse(const fs::path& directory) {
     struct stat store {};
     struct stat files {};
     if (geteuid() == 0 || stat(directory.c_str(), &store) == -1 || store.st_uid == geteuid())
@@ -72,6 +158,24 @@ std::string WhoMayUse(const std::filesystem::path& directory) {
     return (store.st_mode & S_IXGRP) != 0 && mayGroupWrite
                ? owner + " and the group " + NameOfGroup(store.st_gid)
                : owner + " alone";
+}
+
+std::string WhyFilesAreRefused(const fs::path& directory) {
+    std::error_code error;
+    const fs::path files = fs::canonical(directory / cFilesDirectory, error);
+    struct stat storeStatus {};
+    struct stat filesStatus {};
+    if (error || stat(directory.c_str(), &storeStatus) == -1 ||
+        stat(files.c_str(), &filesStatus) == -1)
+        return "";
+    CFilesCheck check(files, storeStatus, filesStatus);
+    std::string reason = check.WhyDirectoryIsRefused(files);
+    for (const char* const name :
+         {cOwedLaunchDirectory, cLaunchRecordDirectory, cSnapshotDirectory, cProgramLinks}) {
+        if (reason.empty())
+            reason = check.WhyDirectoryIsRefused(files / fs::path(name).filename());
+    }
+    return reason;
 }
 
 }  // namespace vxsched

@@ -34,4 +34,11 @@ bool MayUse(uid_t user, const std::filesystem::path& directory);
 // examined.
 std::string WhoMayUse(const std::filesystem::path& directory);
 
+// Why a host must not use `files/` of a directory: it, something in it, or in one of the directories
+// there that a store has, belongs to a user who may not use the store, or may be written by others
+// than its owner and the group that may write `files/`. Who could put an owed launch, a backup or a
+// link to a program there would have the owner launch any program. With the commands that repair it;
+// empty if there is nothing of that kind.
+std::string WhyFilesAreRefused(const std::filesystem::path& directory);
+
 }  // namespace vxsched

@@ -14,6 +14,7 @@
 #include "base/Sync.h"
 #include "host/CHostError.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 #include "store/StoreOwner.h"
 
 using vxsched::cFilesDirectory;
@@ -35,13 +36,13 @@ static bool May(const std::string& path, int access) {
     return faccessat(AT_FDCWD, path.c_str(), access, AT_EACCESS) == 0;
 }
 
-// Why a host of the superuser does not run the tasks of a store: whoever may change the table would
-// have programs launched as the superuser. Empty for any other user.
+// Why a host does not run the tasks of a store: whoever may change the table of a host of the
+// superuser, or what any host finds in `files/`, would have programs launched as the host's user.
 static std::string WhyNotTrusted(const std::string& directory) {
     try {
         const auto owner = vxsched::FindForeignOwner(directory);
         if (!owner)
-            return "";
+            return vxsched::WhyFilesAreRefused(directory);
         return fmt::format(
             "{} belongs to user {}, whose programs a host of the superuser does not launch. Run "
             "vxschedd as that user, or give the directory to the superuser.",

@@ -4,8 +4,8 @@
 #include <vector>
 
 // Makes `directory` the working directory, and creates "files" in it if it is missing. Throws
-// CHostError (cNoDirectory) when the directory or the table cannot be used: among others under the
-// superuser, if somebody else may change the table.
+// CHostError (cNoDirectory) when the directory or the table cannot be used: among others if somebody
+// else may change what is in "files", or under the superuser the table.
 void EnterDirectory(const std::string& directory);
 
 // Returns the reasons why a host cannot run in `directory`, each with what to do; empty if it can.

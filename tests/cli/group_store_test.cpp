@@ -202,6 +202,39 @@ TEST_F(GroupStore, TableThatIsMadeAnewIsOpenToTheGroup) {
     }
 }
 
+// What vxschedd --check prints for the keeper.
+static std::string OutputOfCheck(int status) {
+    CProgram check(As(cKeeper, HostWith({"--check"})));
+    EXPECT_EQ(check.Wait(), status) << check.Output();
+    return check.Output();
+}
+
+TEST_F(GroupStore, IsAcceptedByItsHostAsMembersHaveLeftIt) {
+    OpenToGroup();
+    ASSERT_EQ(chmod(".", 0700), 0);
+    EXPECT_THAT(OutputOfCheck(0), Not(HasSubstr("may enter")))
+        << "closed by a unit without StateDirectoryMode=2770";
+    ASSERT_EQ(chmod(".", 02770), 0);
+    OutputAs(cMember, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+    ASSERT_EQ(OwnerOf("files/programs"), cMember);
+    EXPECT_THAT(OutputOfCheck(0), Not(HasSubstr("may enter")));
+}
+
+TEST_F(GroupStore, IsRefusedByItsHostWithWhatOthersMayChange) {
+    OpenToGroup();
+    const std::string files = fs::canonical("files");
+    const std::string repair =
+        "run chown -R keeper:team " + files + " && chmod -R o-w " + files + '\n';
+    OutputAs(cKeeper, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+    ASSERT_EQ(chown("files/programs", cStranger, cStoreGroup), 0);
+    EXPECT_THAT(OutputOfCheck(3), HasSubstr("files/programs belongs to user stranger"));
+    EXPECT_THAT(OutputOfCheck(3), HasSubstr(repair));
+    ASSERT_EQ(chown("files/programs", cMember, cStranger), 0);
+    ASSERT_EQ(chmod("files/programs", 0770), 0);
+    EXPECT_THAT(OutputOfCheck(3), HasSubstr("files/programs may be written by users"));
+    EXPECT_THAT(OutputOfCheck(3), HasSubstr(repair));
+}
+
 static bool HasSnapshotOf(const std::string& task) {
     std::error_code none;
     for (const auto& entry : fs::directory_iterator("files/snapshots", none)) {

@@ -24,6 +24,7 @@
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
+using testing::Not;
 
 static constexpr int cNoDirectoryStatus = 3;
 static constexpr int cNoStoreStatus = 7;
@@ -83,6 +84,130 @@ TEST(HostOfTheSuperuser, RefusesAStoreThatSomebodyElseMayChange) {
     GiveStoreTo(cForeignUser);
     ExpectRefused(cNoDirectoryStatus, "belongs to user 65534");
     EXPECT_FALSE(fs::exists("files/vxschedd.lock"));
+}
+
+// ---- What is below files/ -----------------------------------------------------------------------
+
+static const std::vector<std::string> cDirectoriesOfFiles = {"files/owed", "files/programs",
+                                                             "files/snapshots", "files/started"};
+
+static void MakeDirectoriesOfFiles() {
+    WriteTable({});
+    for (const std::string& directory : cDirectoriesOfFiles) {
+        fs::create_directory(directory);
+        ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
+        WriteFile(directory + "/file", "");
+        ASSERT_EQ(chmod((directory + "/file").c_str(), 0600), 0);
+    }
+}
+
+static void ExpectAccepted() {
+    CProgram host(HostWith({"--check"}));
+    EXPECT_EQ(host.Wait(), 0) << host.Output();
+}
+
+// Refused until the command of the message was run.
+static void ExpectRefusedAndRepaired(const std::string& message) {
+    const std::string files = fs::canonical("files");
+    const std::string command = "chown -R root " + files + " && chmod -R go-w " + files;
+    ExpectRefused(cNoDirectoryStatus, message);
+    ExpectRefused(cNoDirectoryStatus, "then run " + command + '\n');
+    CProgram shell({"/bin/sh", "-c", command});
+    ASSERT_EQ(shell.Wait(), 0) << shell.Output();
+    ExpectAccepted();
+}
+
+// What a member of a group to which the store was open has left there.
+TEST(HostOfTheSuperuser, RefusesWhatAnotherUserOwnsBelowFiles) {
+    REQUIRE_SUPERUSER();
+    MakeDirectoriesOfFiles();
+    ExpectAccepted();
+    std::vector<std::string> paths = {"files/scheduler.dat.before"};
+    WriteFile(paths[0], "");
+    for (const std::string& directory : cDirectoriesOfFiles)
+        paths.insert(paths.end(), {directory, directory + "/file"});
+    for (const std::string& path : paths) {
+        ASSERT_EQ(chown(path.c_str(), cForeignUser, cForeignUser), 0);
+        ExpectRefusedAndRepaired(path + " belongs to user ");
+    }
+    fs::remove_all("files/owed");
+    fs::create_directory_symlink(fs::absolute("files/started"), "files/owed");
+    ASSERT_EQ(lchown("files/owed", cForeignUser, cForeignUser), 0);
+    ExpectRefusedAndRepaired("files/owed belongs to user ");
+}
+
+TEST(HostOfTheSuperuser, RefusesWhatOthersMayWriteBelowFiles) {
+    REQUIRE_SUPERUSER();
+    MakeDirectoriesOfFiles();
+    ASSERT_EQ(chmod(".", 0755), 0);
+    ASSERT_EQ(chmod("files", 0755), 0);
+    for (const std::string& directory : cDirectoriesOfFiles) {
+        for (const unsigned int mode : {0720U, 0702U}) {
+            ASSERT_EQ(chmod(directory.c_str(), mode), 0);
+            ExpectRefusedAndRepaired(directory + " may be written by ");
+        }
+        ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+        ASSERT_EQ(chmod((directory + "/file").c_str(), 0660), 0);
+        ExpectRefusedAndRepaired(directory + "/file may be written by ");
+    }
+    ASSERT_EQ(chmod("files/owed/file", 0660), 0);
+    ASSERT_EQ(chmod("files/owed", 0700), 0);
+    ExpectAccepted();
+    fs::rename("files/owed", "owed");
+    fs::create_directory_symlink(fs::absolute("owed"), "files/owed");
+    ExpectAccepted();
+    ASSERT_EQ(chmod("owed", 0777), 0);
+    ExpectRefused(cNoDirectoryStatus, "files/owed may be written by ");
+}
+
+// The program in a file that a former member has left in files/owed is not launched.
+TEST(HostOfTheSuperuser, LaunchesNothingThatAnotherUserOwes) {
+    REQUIRE_SUPERUSER();
+    WriteTable({{"a", 1'000'000'000, 0, 0, PROGRAMS "/append-text", "launched", 0}});
+    fs::create_directory("files/owed");
+    fs::rename(cTable, "files/owed/a@1000000000");
+    WriteTable({});
+    ASSERT_EQ(chown("files/owed/a@1000000000", cForeignUser, cForeignUser), 0);
+    CProgram host(HostWith({"--run-once"}));
+    EXPECT_EQ(host.Wait(), cNoDirectoryStatus) << host.Output();
+    EXPECT_FALSE(fs::exists("launched"));
+}
+
+// An ordinary user's store is judged by the same rule.
+TEST(HostOfAnOrdinaryUser, RefusesWhatOthersOwnOrMayWriteBelowFiles) {
+    REQUIRE_SUPERUSER();
+    MakeDirectoriesOfFiles();
+    for (const auto& entry : fs::recursive_directory_iterator("."))
+        ASSERT_EQ(lchown(entry.path().c_str(), cForeignUser, cForeignUser), 0);
+    ASSERT_EQ(chown(".", cForeignUser, cForeignUser), 0);
+    const auto expect = [](int status, const std::string& message) {
+        CForkedChild owner([&] {
+            BecomeForeignUser();
+            for (const char* const option : {"--check", "--run-once"}) {
+                CProgram host(HostWith({option}));
+                EXPECT_EQ(host.Wait(), status) << host.Output();
+                EXPECT_THAT(host.Output(), HasSubstr(message));
+            }
+            return testing::Test::HasFailure() ? 1 : 42;
+        });
+        EXPECT_EQ(owner.Wait(), 42);
+    };
+    expect(0, "");
+    ASSERT_EQ(chown("files/owed", 60001, 60001), 0);
+    ASSERT_EQ(chmod("files/owed", 0777), 0);
+    expect(cNoDirectoryStatus, "files/owed belongs to user 60001");
+    ASSERT_EQ(chown("files/owed", cForeignUser, cForeignUser), 0);
+    expect(cNoDirectoryStatus, "files/owed may be written by ");
+    ASSERT_EQ(chmod("files/owed", 0700), 0);
+    ASSERT_EQ(chmod("files", 0777), 0);
+    expect(cNoDirectoryStatus, "files may be written by ");
+    ASSERT_EQ(chmod("files", 0700), 0);
+    ASSERT_EQ(chown("files", 60001, 60001), 0);
+    expect(cNoDirectoryStatus, "files belongs to user 60001");
+    ASSERT_EQ(chown("files", cForeignUser, cForeignUser), 0);
+    WriteFile("files/started/file", "");
+    ASSERT_EQ(chown("files/started/file", 0, 0), 0) << "the superuser may do anything anyhow";
+    expect(0, "");
 }
 
 TEST(HostSemaphores, OfAnotherUserAreRefused) {
@@ -288,7 +413,7 @@ TEST(HostImpostor, IsNotTakenForTheHost) {
         return !isFree;
     });
     const TToolRun status = RunTool({"status"});
-    EXPECT_THAT(status.output, testing::Not(HasSubstr(std::to_string(impostor.Id()))));
+    EXPECT_THAT(status.output, Not(HasSubstr(std::to_string(impostor.Id()))));
     impostor.Kill(SIGKILL);
 }
 
