@@ -85,15 +85,15 @@ std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
     struct stat status {};
     if (!May(directory, X_OK) || stat((directory + "/.").c_str(), &status) != 0)
         return {CannotWork(directory, errno)};
-    const std::string files = directory + '/' + cFilesDirectory;
-    if (!May(files, F_OK)) {
-        if (May(directory, W_OK | X_OK))
-            return {};
-        return {CannotCreate(directory, errno)};
-    }
     std::vector<std::string> reasons;
     if (const std::string reason = WhyNotTrusted(directory); !reason.empty())
         reasons.push_back(reason);
+    const std::string files = directory + '/' + cFilesDirectory;
+    if (!May(files, F_OK)) {
+        if (!May(directory, W_OK | X_OK))
+            reasons.push_back(CannotCreate(directory, errno));
+        return reasons;
+    }
     if (!May(files + "/.", W_OK | X_OK))
         reasons.push_back(
             fmt::format("cannot write to {}: {}. Run vxschedd as a user with write permission.",

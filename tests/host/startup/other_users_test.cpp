@@ -86,6 +86,17 @@ TEST(HostOfTheSuperuser, RefusesAStoreThatSomebodyElseMayChange) {
     EXPECT_FALSE(fs::exists("files/vxschedd.lock"));
 }
 
+// Before there is anything but the directory, the check and the host judge alike.
+TEST(HostOfTheSuperuser, RefusesADirectoryOfAnotherUserWithoutFiles) {
+    REQUIRE_SUPERUSER();
+    ASSERT_EQ(chown(".", cForeignUser, cForeignUser), 0);
+    ExpectRefused(cNoDirectoryStatus, "belongs to user 65534");
+    ASSERT_EQ(chown(".", 0, 0), 0);
+    ASSERT_EQ(chmod(".", 0777), 0);
+    ExpectRefused(cNoDirectoryStatus, "may be written by others");
+    EXPECT_FALSE(fs::exists("files"));
+}
+
 // ---- What is below files/ -----------------------------------------------------------------------
 
 static const std::vector<std::string> cDirectoriesOfFiles = {"files/owed", "files/programs",
