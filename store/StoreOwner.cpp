@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <iterator>
 #include <string>
@@ -51,23 +52,34 @@ void TakeEnvironmentOf(uid_t id) {
     setenv("PATH", _PATH_DEFPATH, 1);
 }
 
-// Opens one component of a path and checks it. A link is followed only if the superuser made it, in
-// a store that is the superuser's so far. Closed if there is nothing.
-CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
-                     std::optional<struct stat>& first) {
+// Opens one component of a path. A link is followed only if the superuser made it, and if the store,
+// as far as it is known, is the superuser's. Closed if there is nothing.
+CDescriptor OpenComponent(int parent, const char* name, const fs::path& path,
+                          bool isInForeignStore) {
     struct stat status {};
-    CDescriptor step(openat(parent, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    const bool isLink = step.IsOpen() && fstat(step.Get(), &status) == 0 && S_ISLNK(status.st_mode);
-    if (isLink && (status.st_uid != 0 || (first && first->st_uid != 0)))
+    CDescriptor component(openat(parent, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const bool isLink =
+        component.IsOpen() && fstat(component.Get(), &status) == 0 && S_ISLNK(status.st_mode);
+    if (isLink && (status.st_uid != 0 || isInForeignStore))
         throw MakeError(EError::cNoAccess,
                         "{} is a symbolic link of user {}, which is not followed for the "
                         "superuser; work as the owner of the store",
                         path.string(), status.st_uid);
     if (isLink)
-        step = CDescriptor(openat(parent, name, O_PATH | O_CLOEXEC));
-    if (!step.IsOpen() && errno == ENOENT)
+        component = CDescriptor(openat(parent, name, O_PATH | O_CLOEXEC));
+    if (!component.IsOpen() && errno != ENOENT)
+        throw SystemError("cannot open " + path.string(), errno);
+    return component;
+}
+
+// Opens the directory, the table or what is between them, and checks it. Closed if there is nothing.
+CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
+                     std::optional<struct stat>& first) {
+    struct stat status {};
+    CDescriptor step = OpenComponent(parent, name, path, first && first->st_uid != 0);
+    if (!step.IsOpen())
         return step;
-    if (!step.IsOpen() || fstat(step.Get(), &status) == -1)
+    if (fstat(step.Get(), &status) == -1)
         throw SystemError("cannot open " + path.string(), errno);
     // Anything else in the place of the table is refused by whoever opens it as a file.
     if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode))
@@ -92,17 +104,27 @@ CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
 std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     if (geteuid() != 0)
         return {};
-    // A name that ends with a slash would be followed.
-    const fs::path last = directory.has_filename() ? directory : directory.parent_path();
+    // One after the other: the system would follow a link before the last one, and before a slash.
+    std::vector<fs::path> components(directory.begin(), directory.end());
+    std::erase(components, fs::path());
+    CDescriptor parent(open(".", O_PATH | O_CLOEXEC));
+    fs::path path;
+    for (std::size_t index = 0; index + 1 < components.size() && parent.IsOpen(); ++index) {
+        path /= components[index];
+        parent = OpenComponent(parent.Get(), components[index].c_str(), path, false);
+    }
+    if (components.empty() || !parent.IsOpen())
+        return {};
+    path /= components.back();
     std::optional<struct stat> status;
-    const CDescriptor store = OpenStep(AT_FDCWD, last.c_str(), last, status);
+    const CDescriptor store = OpenStep(parent.Get(), components.back().c_str(), path, status);
     if (!store.IsOpen())
         return {};
     const CDescriptor files =
-        OpenStep(store.Get(), cFilesDirectory, last / cFilesDirectory, status);
+        OpenStep(store.Get(), cFilesDirectory, path / cFilesDirectory, status);
     if (files.IsOpen())
-        OpenStep(files.Get(), cTableName, last / cTableFile, status);
-    if (status->st_uid == 0)
+        OpenStep(files.Get(), cTableName, path / cTableFile, status);
+    if (!status || status->st_uid == 0)
         return {};
     return TStoreOwner{status->st_uid, GroupsOf(status->st_uid, status->st_gid)};
 }

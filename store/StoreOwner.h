@@ -17,10 +17,10 @@ struct TStoreOwner {
 };
 
 // Finds the owner of the store in `directory`. Empty unless this process is the superuser's and the
-// store another user's. Opens the directory, `files/` and the table one after the other; what does
-// not exist is skipped. Throws CError (cNoAccess), only under the superuser: one of them is a link
-// that the superuser has not made, may be written by others than its owner, or has another owner
-// than the directory.
+// store another user's. Opens the components of the path, `files/` and the table one after the other;
+// what does not exist is skipped. Throws CError (cNoAccess), only under the superuser: one of them is
+// a link that the superuser has not made; or the directory, `files/` or the table may be written by
+// others than its owner, or has another owner than the directory.
 std::optional<TStoreOwner> FindForeignOwner(const std::filesystem::path& directory);
 
 // Has this process be the foreign owner of a store from now on, if it has one, with the groups and the

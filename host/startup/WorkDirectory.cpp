@@ -64,12 +64,20 @@ std::string WarningOfAccess(const std::string& directory) {
         path, status.st_mode & 07777U, path);
 }
 
-void EnterDirectory(const std::string& directory) {
-    if (chdir(directory.c_str()) == -1)
-        throw CHostError(cNoDirectory, CannotWork(directory, errno));
-    if (const std::string reason = WhyNotTrusted("."); !reason.empty())
+static void RequireTrust(const std::string& path, const std::string& directory) {
+    if (const std::string reason = WhyNotTrusted(path); !reason.empty())
         throw CHostError(cNoDirectory,
                          fmt::format("cannot use the directory {}: {}", directory, reason));
+}
+
+void EnterDirectory(const std::string& directory) {
+    if (access((directory + "/.").c_str(), F_OK) == -1)
+        throw CHostError(cNoDirectory, CannotWork(directory, errno));
+    RequireTrust(directory, directory);
+    if (chdir(directory.c_str()) == -1)
+        throw CHostError(cNoDirectory, CannotWork(directory, errno));
+    // Where this process is now: the path may have led elsewhere meanwhile.
+    RequireTrust(".", directory);
     if (mkdir(cFilesDirectory, 0700) == 0)
         SyncDirectory(".");
     else if (errno != EEXIST)

@@ -61,7 +61,22 @@ TEST(StoreOwner, LinkOfAnotherUserIsNotFollowed) {
     EXPECT_THAT(WhyRefused(), testing::HasSubstr("./files is a symbolic link"));
     fs::create_directory_symlink(".", "store");
     ASSERT_EQ(lchown("store", cForeignUser, cForeignUser), 0);
-    EXPECT_THAT(WhyRefused("store/"), testing::HasSubstr("store is a symbolic link"));
+    for (const fs::path& path :
+         {fs::path("store"), fs::path("store/"), fs::path("store/."), fs::path("store//"),
+          fs::path("store/own"), fs::path("store/.."), fs::absolute("store/.")})
+        EXPECT_THAT(WhyRefused(path), testing::HasSubstr("store is a symbolic link")) << path;
+}
+
+TEST(StoreOwner, LinkOfTheSuperusersToADirectoryIsFollowed) {
+    REQUIRE_SUPERUSER();
+    fs::create_directories("parent/store/files");
+    fs::create_directory_symlink("parent", "link");
+    fs::create_directory_symlink("parent/store", "direct");
+    for (const char* const path : {"link/store", "link/./store/.", "direct", "direct/."})
+        EXPECT_EQ(WhyRefused(path), "") << path;
+    EXPECT_FALSE(FindForeignOwner("link/no/such"));
+    ASSERT_EQ(chown("parent/store", cForeignUser, cForeignUser), 0);
+    EXPECT_THAT(WhyRefused("link/store"), testing::HasSubstr("and the store to user 65534"));
 }
 
 TEST(StoreOwner, LinkOfTheSuperusersInItsOwnStoreIsFollowed) {

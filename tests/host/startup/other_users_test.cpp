@@ -97,6 +97,27 @@ TEST(HostOfTheSuperuser, RefusesADirectoryOfAnotherUserWithoutFiles) {
     EXPECT_FALSE(fs::exists("files"));
 }
 
+TEST(HostOfTheSuperuser, FollowsNoLinkOfAnotherUserToADirectory) {
+    REQUIRE_SUPERUSER();
+    fs::create_directory("store");
+    fs::create_directory_symlink("store", "link");
+    const auto expect = [](int status) {
+        for (const char* const directory : {"link", "link/", "link/.", "link/./", "link/../link"}) {
+            CProgram check({HOST_PROGRAM, "--directory", directory, "--check"});
+            EXPECT_EQ(check.Wait(), status) << directory << check.Output();
+        }
+    };
+    expect(0);
+    ASSERT_EQ(lchown("link", cForeignUser, cForeignUser), 0);
+    expect(cNoDirectoryStatus);
+    for (const char* const directory : {"link", "link/", "link/."}) {
+        CProgram host({HOST_PROGRAM, "--directory", directory});
+        EXPECT_EQ(host.Wait(), cNoDirectoryStatus) << directory;
+        EXPECT_THAT(host.Output(), HasSubstr("link is a symbolic link of user 65534"));
+    }
+    EXPECT_TRUE(fs::is_empty("store"));
+}
+
 // ---- What is below files/ -----------------------------------------------------------------------
 
 static const std::vector<std::string> cDirectoriesOfFiles = {"files/owed", "files/programs",
