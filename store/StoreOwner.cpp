@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <paths.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -129,14 +130,18 @@ std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     return TStoreOwner{status->st_uid, GroupsOf(status->st_uid, status->st_gid)};
 }
 
-bool BecomeForeignOwner(const fs::path& directory) {
+bool BecomeForeignOwner(const fs::path& directory, const std::function<void()>& before) {
     const std::optional<TStoreOwner> owner = FindForeignOwner(directory);
     if (!owner)
         return false;
+    if (before)
+        before();
     if (setgroups(owner->groups.size(), owner->groups.data()) == -1 ||
         setgid(owner->groups.front()) == -1 || setuid(owner->user) == -1)
         throw SystemError(
             "cannot become user " + std::to_string(owner->user) + ", who owns the store", errno);
+    // The kernel has just done so, unless fs.suid_dumpable permits it.
+    prctl(PR_SET_DUMPABLE, 0);
     TakeEnvironmentOf(owner->user);
     return true;
 }

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -26,8 +27,11 @@ std::optional<TStoreOwner> FindForeignOwner(const std::filesystem::path& directo
 // Has this process be the foreign owner of a store from now on, if it has one, with the groups and the
 // environment that a login would have: it cannot become the superuser again, and what it launches
 // learns nothing of the superuser's environment. Kept are LANG, LC_..., TZ and VXSCHED_NO_SYNC. Returns
-// whether there is such an owner. Throws as FindForeignOwner() does. To be called while the process has
-// one thread.
-bool BecomeForeignOwner(const std::filesystem::path& directory);
+// whether there is such an owner. The owner may not inspect this process: not its memory, which still
+// has the superuser's environment, and not its descriptors. `before` is called while it is still the
+// superuser's, to close what is not for the owner of a foreign store all the same. Throws as
+// FindForeignOwner() does. To be called while the process has one thread.
+bool BecomeForeignOwner(const std::filesystem::path& directory,
+                        const std::function<void()>& before = {});
 
 }  // namespace vxsched

@@ -332,8 +332,7 @@ int Main() {
     try {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
-        if (BecomeForeignOwner("."))
-            LeaveTerminals(nothing);
+        BecomeForeignOwner(".", [nothing] { LeaveTerminals(nothing); });
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
         SetFileStatusListener(NoteFileStatus);

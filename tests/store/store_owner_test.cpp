@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <vxsched/Error.h>
 
 #include <filesystem>
@@ -119,6 +120,23 @@ TEST(StoreOwner, PartsThatOthersMayWriteAreRefused) {
         }
         EXPECT_EQ(WhyRefused(), "");
     }
+}
+
+// Its memory still has what the superuser's environment was.
+TEST(StoreOwner, MayNotInspectTheProcessThatHasBecomeIt) {
+    REQUIRE_SUPERUSER();
+    WriteTable({});
+    GiveStoreTo(cForeignUser);
+    CForkedChild process([] {
+        prctl(PR_SET_DUMPABLE, 1);
+        bool wasSuperuser = false;
+        const bool isForeign =
+            vxsched::BecomeForeignOwner(".", [&] { wasSuperuser = geteuid() == 0; });
+        return isForeign && wasSuperuser && geteuid() == cForeignUser && prctl(PR_GET_DUMPABLE) != 1
+                   ? 42
+                   : 1;
+    });
+    EXPECT_EQ(process.Wait(), 42);
 }
 
 TEST(StoreOwner, OrdinaryUserIsNotConcerned) {

@@ -1,14 +1,17 @@
 // The superuser works on a store of another user's, who exchanges a part of it for a link while that
 // is under way: the directory, `files/` or the table. At whichever system call that happens, the
-// superuser's own files stay unread and unchanged.
+// superuser's own files stay unread and unchanged. Nor does the owner get a terminal of the superuser's.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
 
+#include <csignal>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -134,3 +137,63 @@ INSTANTIATE_TEST_SUITE_P(Of, ExchangedLink,
                          [](const auto& part) {
                              return std::string(fs::path(part.param).stem().string());
                          });
+
+// ---- Terminals ------------------------------------------------------------------------------------
+
+RUN_AGAIN(RunAndWaitInAForeignStore) {
+    const vxsched::CStore store({.directory = "store"});
+    try {
+        store.Run("a", true, true);
+    } catch (const vxsched::CError&) {
+        return 1;  // the change process was killed
+    }
+    return 0;
+}
+
+struct TChangeProcess {
+    bool isTheOwners;
+    bool hasTerminal;
+};
+
+// What the change process is before one of its system calls.
+static TChangeProcess ChangeProcessAt(long call, const std::string& terminal) {
+    const auto record = [&](pid_t process) {
+        const std::string path = "/proc/" + std::to_string(process);
+        const std::string status = ReadFile(path + "/status");
+        std::string state =
+            status.find("\nUid:\t0\t") == std::string::npos ? "the owner's, " : "the superuser's, ";
+        for (const char* const output : {"/fd/1", "/fd/2"})
+            state += fs::read_symlink(path + output) == terminal ? "terminal" : "";
+        WriteFile("state", state);
+        kill(process, SIGKILL);
+    };
+    MakeForeignStore();
+    CTracedProgram program(ThisProgramAs("RunAndWaitInAForeignStore"),
+                           {.victim = CTracedProgram::cItsChild,
+                            .killAt = call,
+                            .meanwhile = record,
+                            .output = terminal});
+    program.Wait();
+    EXPECT_TRUE(program.IsKilled()) << "it makes fewer calls than " << call;
+    const std::string state = ReadFile("state");
+    return {state.find("the owner's") == 0, state.find("terminal") != std::string::npos};
+}
+
+TEST(TerminalOfTheSuperuser, IsClosedBeforeTheChangeProcessBecomesTheOwner) {
+    REQUIRE_SUPERUSER();
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const std::string terminal = ptsname(master);
+    long superusers = 1;
+    EXPECT_TRUE(ChangeProcessAt(superusers, terminal).hasTerminal);
+    long owners = 2;
+    while (!ChangeProcessAt(owners, terminal).isTheOwners)
+        owners *= 2;
+    while (owners - superusers > 1) {
+        const long middle = (owners + superusers) / 2;
+        (ChangeProcessAt(middle, terminal).isTheOwners ? owners : superusers) = middle;
+    }
+    EXPECT_FALSE(ChangeProcessAt(owners, terminal).hasTerminal) << "call " << owners;
+    close(master);
+}
