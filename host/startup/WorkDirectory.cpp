@@ -12,6 +12,7 @@
 
 #include <vxsched/Error.h>
 #include "base/Sync.h"
+#include "base/Users.h"
 #include "host/CHostError.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
@@ -52,16 +53,41 @@ static std::string WhyNotTrusted(const std::string& directory) {
     }
 }
 
+// Whether all of a store is open to the group of its directory, as docs/security.md has it.
+static bool IsOpenToGroup(const std::string& directory, gid_t group) {
+    const auto isOpen = [&](const std::string& path, mode_t access) {
+        struct stat status {};
+        return stat(path.c_str(), &status) == 0 && status.st_gid == group &&
+               (status.st_mode & access) == access;
+    };
+    const std::string table = directory + '/' + cTableFile;
+    return isOpen(directory, S_ISGID | S_IRWXG) &&
+           isOpen(directory + '/' + cFilesDirectory, S_ISGID | S_IRWXG) &&
+           (!May(table, F_OK) || isOpen(table, S_IRGRP | S_IWGRP));
+}
+
 std::string WarningOfAccess(const std::string& directory) {
     struct stat status {};
-    if (stat(directory.c_str(), &status) == -1 || (status.st_mode & S_IRWXO) == 0)
+    if (stat(directory.c_str(), &status) == -1)
+        return "";
+    const bool isOpenToOthers = (status.st_mode & S_IRWXO) != 0;
+    const bool isHalfOpenToGroup =
+        (status.st_mode & S_IRWXG) != 0 && !IsOpenToGroup(directory, status.st_gid);
+    if (!isOpenToOthers && !isHalfOpenToGroup)
         return "";
     std::error_code ignored;
     const std::string path = std::filesystem::canonical(directory, ignored).string();
+    if (isOpenToOthers)
+        return fmt::format(
+            "any user may enter or read {} (mode {:04o}), and so lock the store or see its tasks: "
+            "run chmod {} {}",
+            path, status.st_mode & 07777U, isHalfOpenToGroup ? "go-rwx" : "o-rwx", path);
     return fmt::format(
-        "any user may enter or read {} (mode {:04o}), and so lock the store or see its tasks: run "
-        "chmod o-rwx {}",
-        path, status.st_mode & 07777U, path);
+        "the group {} may enter, read or write {} (mode {:04o}), and so lock the store or exchange "
+        "its table, and not all of the store is open to it: run chmod g-rwx {}, or open the whole "
+        "store to the group: chgrp -R GROUP {} && chmod -R g+rwX {} && find {} -type d -exec chmod "
+        "g+s {{}} +",
+        NameOfGroup(status.st_gid), path, status.st_mode & 07777U, path, path, path, path);
 }
 
 static void RequireTrust(const std::string& path, const std::string& directory) {

@@ -12,6 +12,6 @@ void EnterDirectory(const std::string& directory);
 // Changes nothing.
 std::vector<std::string> WhyNotToWorkIn(const std::string& directory);
 
-// A warning, with what to do, if users other than the owner and the group may enter or read the
-// directory: who may read a directory can lock it. Empty otherwise.
+// A warning, with what to do, if other users may enter, read or write the directory: who may read a
+// directory can lock it. A group to which all of the store is open is no such user. Empty otherwise.
 std::string WarningOfAccess(const std::string& directory);

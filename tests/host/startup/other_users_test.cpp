@@ -412,6 +412,34 @@ TEST(HostFiles, AreForTheOwnerAlone) {
     }
 }
 
+// Who may enter the directory may lock it; who may write in it may exchange `files/`.
+TEST(HostDirectory, ThatLetsOthersInIsReported) {
+    WriteTable({});
+    const std::string here = fs::current_path();
+    const auto warning = [](mode_t directory, mode_t files) {
+        EXPECT_EQ(chmod(".", directory), 0);
+        EXPECT_EQ(chmod("files", files), 0);
+        CProgram host(HostWith({"--check"}));
+        host.Wait();
+        return host.Output();
+    };
+    EXPECT_THAT(warning(0700, 0700), Not(HasSubstr("may enter")));
+    EXPECT_THAT(warning(0700, 0755), Not(HasSubstr("may enter"))) << "nobody comes to `files`";
+    EXPECT_THAT(warning(0755, 0700), HasSubstr("run chmod go-rwx " + here + '\n'));
+    EXPECT_THAT(warning(0705, 0700), HasSubstr("run chmod o-rwx " + here + '\n'));
+    for (const mode_t mode : {0710U, 0740U, 0750U, 0770U, 02770U}) {
+        const std::string output = warning(mode, 0700);
+        EXPECT_THAT(output, HasSubstr("warning: the group ")) << mode;
+        EXPECT_THAT(output, HasSubstr("run chmod g-rwx " + here)) << mode;
+    }
+    EXPECT_THAT(warning(0770, 02770), HasSubstr("run chmod g-rwx " + here));
+    EXPECT_THAT(warning(02770, 0770), HasSubstr("run chmod g-rwx " + here));
+    EXPECT_THAT(warning(02770, 02770), HasSubstr("run chmod g-rwx " + here)) << "the table";
+    ASSERT_EQ(chmod(cTable, 0664), 0);
+    EXPECT_THAT(warning(02770, 02770), Not(HasSubstr("may enter")));
+    EXPECT_THAT(warning(02775, 02770), HasSubstr("run chmod o-rwx " + here + '\n'));
+}
+
 // A launched program's files are as its owner expects.
 TEST(HostFiles, LeaveProgramsTheUmask) {
     umask(022);
