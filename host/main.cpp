@@ -7,6 +7,7 @@
 #include <malloc.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -62,6 +63,15 @@ static void OpenStandardDescriptors() {
     } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
     if (descriptor >= 0)
         close(descriptor);
+}
+
+// Has files and those of launched programs made for their owner to use, and for nobody else to write.
+// What the umask keeps from others besides, it still does.
+static void RestrictUmask() {
+    const mode_t former = umask(S_IWGRP | S_IWOTH);
+    // One that takes from the owner as well is a mistake, or nobody's choice.
+    if ((former & S_IRWXU) == 0)
+        umask(former | S_IWGRP | S_IWOTH);
 }
 
 // The guard to notify when the add-in has lost its tasks. The add-in may lose them before there is
@@ -312,6 +322,7 @@ static void Run(const THostOptions& options) {
 
 int main(int argc, char** argv) {
     OpenStandardDescriptors();
+    RestrictUmask();
     try {
         const std::optional<THostOptions> options = ParseHostOptions(argc, argv);
         if (!options)

@@ -121,12 +121,13 @@ int MakePrivateDirectory(const fs::path& path, const fs::path& store) {
     if (mkdir(path.c_str(), 0700) == -1)
         return errno == EEXIST ? 0 : errno;
     // Not by mkdir(), whose mode the umask narrows.
-    if (const std::optional<gid_t> group = GroupWithAccess(store)) {
-        static_cast<void>(!chown(path.c_str(), static_cast<uid_t>(-1), *group));
-        // A service may be denied the bit (RestrictSUIDSGID=); then only the group itself is set.
-        if (chmod(path.c_str(), 02770) == -1)
-            chmod(path.c_str(), 0770);
-    }
+    const std::optional<gid_t> group = GroupWithAccess(store);
+    if (!group)
+        return chmod(path.c_str(), 0700) == 0 ? 0 : errno;
+    static_cast<void>(!chown(path.c_str(), static_cast<uid_t>(-1), *group));
+    // A service may be denied the bit (RestrictSUIDSGID=); then only the group itself is set.
+    if (chmod(path.c_str(), 02770) == -1)
+        chmod(path.c_str(), 0770);
     return 0;
 }
 

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ForeignStore.h"
@@ -412,6 +413,14 @@ TEST(HostFiles, AreForTheOwnerAlone) {
     }
 }
 
+// Runs a program in a shell with that umask, since the test's own files are not to have it.
+static std::vector<std::string> WithUmask(const std::string& mask,
+                                          const std::vector<std::string>& command) {
+    std::vector<std::string> whole = {"/bin/sh", "-c", "umask " + mask + "; exec \"$@\"", "sh"};
+    whole.insert(whole.end(), command.begin(), command.end());
+    return whole;
+}
+
 // Who may enter the directory may lock it; who may write in it may exchange `files/`.
 TEST(HostDirectory, ThatLetsOthersInIsReported) {
     WriteTable({});
@@ -440,14 +449,36 @@ TEST(HostDirectory, ThatLetsOthersInIsReported) {
     EXPECT_THAT(warning(02775, 02770), HasSubstr("run chmod o-rwx " + here + '\n'));
 }
 
-// A launched program's files are as its owner expects.
-TEST(HostFiles, LeaveProgramsTheUmask) {
-    umask(022);
-    CHost host;
-    EXPECT_EQ(RunTool({"create", "a", "--", PROGRAMS "/append-text", "log"}).status, 0);
-    WaitUntil([] { return fs::exists("log"); });
-    EXPECT_EQ(ModeOf("log"), 0644U);
-    EXPECT_EQ(host.Stop(), 0);
+// A umask that takes from the owner would keep the host from its own files.
+TEST(HostFiles, AreTheOwnersWhateverTheUmask) {
+    CProgram host(WithUmask("0777", HostWith({"--log", "log", "--output", "output"})));
+    WaitUntil([] { return LogHolds("log", " as process ") && WorkerIsIdle(); });
+    for (const char* const directory : {"files", "files/started", "output"})
+        EXPECT_EQ(ModeOf(directory), 0700U) << directory;
+    for (const char* const file : {"log", "files/vxschedd.lock", "files/started/alive"})
+        EXPECT_EQ(ModeOf(file), 0600U) << file;
+    CProgram tool(
+        WithUmask("0777", {TOOL_PROGRAM, "create", "b", "--at", "in 1h", "--", "/usr/bin/free"}));
+    EXPECT_EQ(tool.Wait(), 0) << tool.Output();
+    EXPECT_EQ(ModeOf("files/programs"), 0700U);
+    EXPECT_EQ(ModeOf(cTable), 0644U);
+    host.Kill(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+// A launched program's files are as its owner expects: nobody else may write them, and a umask that
+// keeps others from more is kept.
+TEST(HostFiles, OfProgramsAreForTheOwnerToWrite) {
+    const std::vector<std::pair<std::string, unsigned int>> modes = {
+        {"022", 0644}, {"0", 0644}, {"0777", 0644}, {"0277", 0644}, {"027", 0640}, {"077", 0600}};
+    for (const auto& [mask, mode] : modes) {
+        CHost host(WithUmask(mask, HostWith({})));
+        const std::string file = "with-" + mask;
+        EXPECT_EQ(RunTool({"create", "a", "--", PROGRAMS "/append-text", file}).status, 0);
+        WaitUntil([&] { return fs::exists(file); });
+        EXPECT_EQ(ModeOf(file), mode) << mask;
+        EXPECT_EQ(host.Stop(), 0);
+    }
 }
 
 // Another user who may read the directory locks it, works in it, or both.
