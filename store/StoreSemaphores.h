@@ -15,7 +15,8 @@ std::string WhySemaphoresAreRefused(const std::filesystem::path& directory);
 
 // Gives the sets the owner and the group of `files/` and PrivateMode(), as far as this user may: the
 // add-in makes them for this process's user and group, who may be a member of the group that the
-// store is open to. To be called after each load of the add-in.
+// store is open to. To be called after each load of the add-in, and when the access to `files/` has
+// changed. Any thread may call it; it does not block.
 void SetSemaphoreAccess(const std::filesystem::path& directory);
 
 }  // namespace vxsched

@@ -25,6 +25,7 @@
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/Layout.h"
+#include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
 #include "store/WorkerState.h"
 
@@ -108,11 +109,11 @@ bool CTableGuard::Watch() {
     changes = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     struct stat table {};
     // If the table is a link, its target changes in another directory.
-    isWatching =
-        changes.IsOpen() &&
-        inotify_add_watch(changes.Get(), vxsched::cFilesDirectory,
-                          IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_MOVE_SELF) != -1 &&
-        (lstat(vxsched::cTableFile, &table) == -1 || !S_ISLNK(table.st_mode));
+    isWatching = changes.IsOpen() &&
+                 inotify_add_watch(changes.Get(), vxsched::cFilesDirectory,
+                                   IN_MODIFY | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_MOVE_SELF |
+                                       IN_ATTRIB) != -1 &&
+                 (lstat(vxsched::cTableFile, &table) == -1 || !S_ISLNK(table.st_mode));
     return isWatching;
 }
 
@@ -187,6 +188,12 @@ bool CTableGuard::ReadEvents() {
 }
 
 bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::string_view name) {
+    if ((mask & IN_ATTRIB) != 0) {
+        // The directory itself, perhaps opened to a group.
+        if (name.empty())
+            vxsched::SetSemaphoreAccess(".");
+        return false;
+    }
     // Some saves were not counted, so any task may have been removed on purpose.
     if ((mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_MOVE_SELF)) != 0)
         saves.replacedAll = true;

@@ -178,6 +178,21 @@ TEST_F(GroupStore, MemberMayDoAllOfItNextToAHost) {
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 
+// The semaphores as well, which no command of the owner opens here.
+TEST_F(GroupStore, IsOpenedWhileItsHostRuns) {
+    CHost host(As(cKeeper, HostWith({})));
+    OpenToGroup();
+    for (const key_t key : {cStoreKey, cTaskChangedKey, cStopKey}) {
+        WaitUntil([&] {
+            struct semid_ds status {};
+            return semctl(semget(key, 0, 0), 0, IPC_STAT, &status) != -1 &&
+                   status.sem_perm.gid == cStoreGroup && (status.sem_perm.mode & 0777U) == 0660;
+        });
+    }
+    OutputAs(cMember, {"pause", "a"});
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
 // Whoever makes it, with and without a host, owner and members can write it.
 TEST_F(GroupStore, TableThatIsMadeAnewIsOpenToTheGroup) {
     OpenToGroup();
