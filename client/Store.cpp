@@ -5,6 +5,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
 #include "base/DisplayText.h"
+#include "base/IsoTime.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
@@ -84,8 +85,9 @@ std::string ProgramOf(const TTaskEntry& entry, const TOutcome& outcome) {
 // rescheduled, or removed after its only run.
 bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
     const TTaskEntry* const found = table.Find(wanted.name);
+    // The host launches by the precise clock, which Now() may lag behind.
     if (found == nullptr)
-        return wanted.period == 0 && !wanted.paused && wanted.next <= Now();
+        return wanted.period == 0 && !wanted.paused && wanted.next <= CurrentMoment();
     const bool hasRun = found->last >= since;
     return (found->program == wanted.program || found->program == LaunchedPath(wanted.program)) &&
            found->parameter == wanted.parameter && found->period == wanted.period &&
