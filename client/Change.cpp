@@ -27,7 +27,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Time for the load and the calls, one of which may take the two seconds of a launch.
+// Time for the load and the calls.
 constexpr milliseconds cWork(10'000);
 constexpr milliseconds cCall(100);  // for each call: it writes the table
 constexpr milliseconds cPause(50);
@@ -213,7 +213,7 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
                             due);
         if (isDueBy(Now()))
             WakeSchedulingProcess();
-        // A tick takes two seconds for each launch: any change of the table counts as progress.
+        // A tick may launch many programs: any change of the table counts as progress.
         if (table.tasks != seen)
             progress = CDeadline(options.lockTimeout);
         seen = table.tasks;

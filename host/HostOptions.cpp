@@ -23,6 +23,9 @@ static std::string DefaultAddIn() {
 // A terabyte. A negative number is parsed as a far larger one, so this limit refuses it.
 static constexpr std::uint64_t cLargestSize = std::uint64_t{1} << 40;
 
+// Seconds. A worker that launches nothing for longer counts as stuck (CWorkerWatchdog).
+static constexpr int cLongestPause = 10;
+
 // The path is relative to the directory that the host was started in, which it is about to leave.
 static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
@@ -53,7 +56,17 @@ static bool IsIn(const std::string& file, const std::string& directory) {
     return realPath(DirectoryOf(file)) == realPath(directory);
 }
 
-static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& lockTimeout) {
+// An option in whole seconds.
+static void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& seconds, int longest,
+                       const char* description) {
+    app.add_option_function<int>(
+           name, [&seconds](int value) { seconds = std::chrono::seconds(value); }, description)
+        ->type_name("SECONDS")
+        ->default_str(std::to_string(seconds.count()))
+        ->check(CLI::Range(0, longest));
+}
+
+static void DescribeOptions(CLI::App& app, THostOptions& options) {
     app.add_option(
            "--directory", options.directory,
            "Directory to work in. The table is DIR/files/scheduler.dat; \"files\" is created")
@@ -88,11 +101,10 @@ static void DescribeOptions(CLI::App& app, THostOptions& options, unsigned int& 
         ->type_name("COUNT")
         ->capture_default_str()
         ->check(CLI::Range(std::size_t{0}, std::size_t{100'000}).description(""));
-    app.add_option("--lock-timeout", lockTimeout,
-                   "Seconds to wait at startup and exit for clients that are changing the table")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(CLI::Range(0, 3600));
+    AddSeconds(app, "--lock-timeout", options.lockTimeout, 3600,
+               "Seconds to wait at startup and exit for clients that are changing the table");
+    AddSeconds(app, "--launch-pause", options.launchPause, cLongestPause,
+               "Seconds to pause after each launch; clients and later launches wait meanwhile");
     auto* const check = app.add_flag(
         "--check", options.check, "Check whether a host could run here, change nothing, and exit");
     app.add_flag("--run-once", options.runOnce,
@@ -112,8 +124,7 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
                  "vxschedd");
     THostOptions options;
     options.addIn = DefaultAddIn();
-    auto lockTimeout = static_cast<unsigned int>(options.lockTimeout.count());
-    DescribeOptions(app, options, lockTimeout);
+    DescribeOptions(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& request) {
@@ -123,7 +134,6 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
         throw CHostError(cUsage,
                          std::string(error.what()) + ". Run vxschedd --help for the options.");
     }
-    options.lockTimeout = std::chrono::seconds(lockTimeout);
     if (options.addIn.empty())
         throw CHostError(cNoAddIn,
                          "cannot read /proc/self/exe, from which the add-in is found. Mount /proc, "

@@ -15,6 +15,7 @@ struct THostOptions {
     std::uint64_t historySize = std::uint64_t{1} << 20;  // bytes; 0: no history
     std::size_t snapshots = 24;                          // of the table; 0: none
     std::chrono::seconds lockTimeout{30};  // for clients that hold the store at startup and exit
+    std::chrono::seconds launchPause{0};   // after each launch, with the store mutex held
     bool check = false;                    // check the set-up only
     bool runOnce = false;                  // one tick only
 };

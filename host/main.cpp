@@ -15,8 +15,10 @@
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <vector>
 
 #include <vxsched/Error.h>
+#include <vxsched/Table.h>
 #include "base/SignalName.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
@@ -28,12 +30,14 @@
 #include "host/recovery/CHeartbeat.h"
 #include "host/recovery/CTableGuard.h"
 #include "host/recovery/LaunchRecords.h"
+#include "host/service/CDueTimer.h"
 #include "host/service/CIdleWorker.h"
 #include "host/service/CMainLoop.h"
 #include "host/service/CServiceManager.h"
 #include "host/service/CSignals.h"
 #include "host/service/CStartupStop.h"
 #include "host/service/CTickTimer.h"
+#include "host/service/EarliestDue.h"
 #include "host/startup/AddInFile.h"
 #include "host/startup/CAddInLibrary.h"
 #include "host/startup/CDirectoryLock.h"
@@ -151,9 +155,10 @@ static void RemoveMadeStoreMutex() {
 }
 
 // Runs on the thread that called time(), which the worker does at every tick.
-static void OnTimeCall(time_t now) {
+static time_t OnTimeCall(time_t now) {
     CHeartbeat::Beat(now);
     RestartTickTimer();
+    return TimeOfCall(now);
 }
 
 // Has the guard notified of lost tasks for as long as this object lives. To be made and destroyed
@@ -260,7 +265,7 @@ static void Run(const THostOptions& options) {
     vxsched::SaveTableInOneStep();
     SetFileStatusListener(vxsched::NoteFileStatus);
     vxsched::SetReadFailureListener(OnReadFailure);
-    SetTimeListener(OnTimeCall);
+    SetTimeHandler(OnTimeCall);
 
     const CProgramOutput output(options.output, options.outputSize);
     CRunHistory history(options.historySize, LogWarning);
@@ -278,10 +283,14 @@ static void Run(const THostOptions& options) {
     });
     vxsched::SetSemaphoreAccess(".");
     // The load launches nothing.
-    HandleLaunches(loaded.library->Tasks(), &output);
+    HandleLaunches(loaded.library->Tasks(), &output, options.launchPause);
     COwedLaunches::Instance().TakeOver();
     heartbeat.Begin(loaded.upSince);
-    CTableGuard guard(options.snapshots, CancelOwedLaunches);
+    CDueTimer dueTimer;
+    CTableGuard guard(options.snapshots, [&](const std::vector<vxsched::TTaskEntry>& tasks) {
+        dueTimer.TableChanged(EarliestDue(tasks));
+        CancelOwedLaunches(tasks);
+    });
     const CGuardRegistration registration(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
     startupStop.reset();
@@ -291,10 +300,15 @@ static void Run(const THostOptions& options) {
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
         malloc_trim(0);  // the startup has decoded the table several times
-        if (options.runOnce)
+        if (options.runOnce) {
             loop.WaitForTickEnd();
-        else
+        } else {
+            loop.Watch(dueTimer.Descriptor().Get(), [&] {
+                if (dueTimer.TakeWake())
+                    stopEvent->SetEvent();
+            });
             loop.WaitForStop();
+        }
         service.Stopping();
         if (loop.StopSignal())
             LogInfo("stopping on " + SignalName(*loop.StopSignal()));

@@ -7,7 +7,7 @@
 #include <limits>
 
 static std::atomic<bool> gIsFrozen{false};
-static std::atomic<void (*)(time_t)> gListener{nullptr};
+static std::atomic<time_t (*)(time_t)> gHandler{nullptr};
 
 CFrozenClock::CFrozenClock() {
     gIsFrozen = true;
@@ -17,19 +17,21 @@ CFrozenClock::~CFrozenClock() {
     gIsFrozen = false;
 }
 
-void SetTimeListener(void (*listener)(time_t now)) {
-    gListener = listener;
+void SetTimeHandler(time_t (*handler)(time_t now)) {
+    gHandler = handler;
 }
 
 // Called by the add-in at each tick and in its exported functions, and by the program, on any
-// thread. Unlike libc's it calls the listener, and returns the smallest time_t while the clock is
-// frozen. It reads the coarse clock, as libc's does. Never fails; errno is unchanged.
+// thread. Unlike libc's it reads the precise clock: the coarse one lags by milliseconds, so that a
+// tick at the very moment of a due time would not find the task due. It returns what the handler
+// does, if there is one, and the smallest time_t while the clock is frozen. Never fails; errno is
+// unchanged.
 INTERPOSED time_t time(time_t* out) noexcept {
     timespec now{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    if (const auto listener = gListener.load(std::memory_order_relaxed)) {
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (const auto handler = gHandler.load(std::memory_order_relaxed)) {
         const int error = errno;
-        listener(now.tv_sec);
+        now.tv_sec = handler(now.tv_sec);
         errno = error;
     }
     if (gIsFrozen.load(std::memory_order_relaxed))

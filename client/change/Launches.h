@@ -16,7 +16,8 @@ namespace vxsched {
 using TLaunchListener = std::function<void(pid_t process, int error)>;
 
 // Installs the handlers of the launches, before the add-in is loaded. From then on a launched
-// program inherits the standard descriptors only, an empty signal mask and default dispositions.
+// program inherits the standard descriptors only, an empty signal mask and default dispositions, and
+// the add-in does not pause after a launch.
 void ListenToLaunches(TLaunchListener listener);
 
 // Programs that are launched from now on get this name, up to a zero byte, as VXSCHED_TASK, and no

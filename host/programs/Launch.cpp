@@ -1,6 +1,6 @@
-// Handles the add-in's calls of posix_spawn() and waitpid(). A launched program gets a clean signal
-// mask, clean dispositions, no descriptor of the host, and its task's name and due time; every
-// launch and every end is logged and recorded. To the add-in both handlers behave like libc's
+// Handles the add-in's calls of posix_spawn(), waitpid() and sleep(). A launched program gets a clean
+// signal mask, clean dispositions, no descriptor of the host, and its task's name and due time;
+// every launch and every end is logged and recorded. To the add-in the handlers behave like libc's
 // functions.
 
 #include "host/programs/Launch.h"
@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -42,6 +43,15 @@ constexpr std::chrono::milliseconds cAgainPause(50);
 // Set while no worker runs, read on the worker.
 const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
+unsigned int gPause = 0;  // seconds
+
+// The calls of time() that the add-in is about to make for a launch on this thread: one for the time
+// of the launch, if it succeeded, and one to reschedule its task.
+struct TTimeCalls {
+    time_t due = 0;
+    int remaining = 0;
+};
+thread_local TTimeCalls gTimeCalls;
 
 // Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
 // and error, and no other descriptor. Before that, the new process creates the launch record at
@@ -196,6 +206,11 @@ bool IsMade(const TTask& task) {
     return launch.has_value();
 }
 
+// `result` is that of the launch.
+void ExpectTimeCalls(vxsched::TTime due, int result) {
+    gTimeCalls = {.due = due.time_since_epoch().count(), .remaining = result == 0 ? 2 : 1};
+}
+
 void ReportFailure(TRunRecord& run, int error) {
     run.outcome = TRunRecord::cNotStarted;
     run.ended = run.started;
@@ -276,6 +291,7 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     const TTask* const task = FindTask(path, arguments);
     if (task != nullptr && IsMade(*task)) {
         *process = cNoProcess;
+        ExpectTimeCalls(IntentOf(*task).due, 0);
         return 0;
     }
     TRunRecord run = Describe(task, path, arguments);
@@ -306,7 +322,15 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     } else {
         ReportFailure(run, result);
     }
+    ExpectTimeCalls(run.due.value_or(std::chrono::floor<std::chrono::seconds>(*run.started)),
+                    result);
     return result;
+}
+
+time_t TimeOfCall(time_t now) {
+    const bool reschedules = gTimeCalls.remaining == 1;
+    gTimeCalls.remaining = std::max(gTimeCalls.remaining - 1, 0);
+    return reschedules ? std::max(now, gTimeCalls.due + 1) : now;
 }
 
 void MakeOwedLaunches() {
@@ -337,14 +361,22 @@ static pid_t Wait(pid_t process, int* status, int options) {
     return result;
 }
 
-void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output) {
+// Called by the add-in in place of sleep(), on the worker, after each launch. Returns 0, as after a
+// complete sleep.
+static unsigned int Pause(unsigned int /*seconds*/) {
+    return gPause == 0 ? 0 : NextLaunchHandlers().sleep(gPause);
+}
+
+void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output,
+                    std::chrono::seconds pause) {
     gTasks = tasks;
     gOutput = output;
-    SetLaunchHandlers({.spawn = Spawn, .wait = Wait});
+    gPause = static_cast<unsigned int>(pause.count());
+    SetLaunchHandlers({.spawn = Spawn, .wait = Wait, .sleep = Pause});
 }
 
 void StopHandlingLaunches() {
-    SetLaunchHandlers({.spawn = nullptr, .wait = nullptr});
+    SetLaunchHandlers({.spawn = nullptr, .wait = nullptr, .sleep = nullptr});
     gTasks = nullptr;
     gOutput = nullptr;
 }

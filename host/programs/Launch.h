@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <ctime>
 #include <list>
 #include <vector>
 
@@ -9,11 +11,19 @@ class CProgramOutput;
 class TTask;
 
 // Takes over the launches of the add-in (interpose/Launch.h): from now on its calls of
-// posix_spawn() and waitpid() are handled here. `tasks` is the add-in's exported `gTaskList`, in
-// which each launch finds its task. Programs write where `output` decides; null: where the host
-// does. The caller keeps both alive for as long as the worker runs. To be called while no program
-// can be launched, since there is no lock.
-void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output);
+// posix_spawn() and waitpid() are handled here, and its sleep() after a launch takes `pause`, which
+// holds up the tick and the store mutex. `tasks` is the add-in's exported `gTaskList`, in which each
+// launch finds its task. Programs write where `output` decides; null: where the host does. The
+// caller keeps both alive for as long as the worker runs. To be called while no program can be
+// launched, since there is no lock.
+void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output,
+                    std::chrono::seconds pause);
+
+// The time that a call of time() on this thread returns when the clock shows `now`: `now`, but for
+// the call by which the add-in reschedules a task after a launch, or after one that failed. That one
+// returns a time after the due time. The add-in leaves a task that repeats due as long as the clock
+// shows its due time, and would launch it once more in the next tick of the same second.
+time_t TimeOfCall(time_t now);
 
 // Makes the launches that are owed because the system refused them for want of processes
 // (COwedLaunches), with the same handling; those that it refuses again stay owed. Takes the store
@@ -26,5 +36,5 @@ void MakeOwedLaunches();
 // Any thread may call it.
 void CancelOwedLaunches(const std::vector<vxsched::TTaskEntry>& tasks);
 
-// Gives posix_spawn() and waitpid() back to libc, under the same condition.
+// Gives the three functions back to libc, under the same condition.
 void StopHandlingLaunches();

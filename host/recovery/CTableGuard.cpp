@@ -14,6 +14,7 @@
 #include <new>
 #include <system_error>
 #include <unordered_set>
+#include <utility>
 
 #include <vxsched/Error.h>
 #include <vxsched/Repair.h>
@@ -61,7 +62,7 @@ CTableGuard::CTableGuard(std::size_t snapshots, TListener validTableListener)
     : wakeups(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       retryInterval(cFirstRetry, cLongestRetry),
       mostSnapshots(snapshots),
-      listener(validTableListener) {
+      listener(std::move(validTableListener)) {
     if (!Watch() && errno != 0)
         LogWarning(fmt::format(
             "cannot watch the directory \"{}\": {}. The table is checked every second instead.",
@@ -75,8 +76,8 @@ void CTableGuard::Begin() {
         thread = std::thread([this] { Run(); });
     } catch (const std::system_error& error) {
         LogWarning(
-            fmt::format("cannot guard the table: {}. Raise the limits on threads and memory "
-                        "(ulimit -u, -v), and restart vxschedd.",
+            fmt::format("cannot guard the table: {}. Tasks may be launched a minute late. Raise "
+                        "the limits on threads and memory (ulimit -u, -v), and restart vxschedd.",
                         error.what()));
     }
 }
@@ -343,12 +344,12 @@ bool CTableGuard::Examine(const std::string& bytes) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
         return false;
     }
+    if (listener)
+        listener(tasks);
     // After the snapshot: should a power failure damage the table, what it is repaired from has to
     // show the launches too.
     Keep(bytes);
     SettleShown(records, tasks);
-    if (listener != nullptr)
-        listener(tasks);
     return true;
 }
 

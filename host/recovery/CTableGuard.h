@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,12 +27,12 @@
 class CTableGuard {
 public:
     // Is called with each table in which no task is lost, under the store mutex, on the thread that
-    // checks.
-    using TListener = void (*)(const std::vector<vxsched::TTaskEntry>& tasks);
+    // checks: before anything of the table is kept, which waits for the disk.
+    using TListener = std::function<void(const std::vector<vxsched::TTaskEntry>& tasks)>;
 
     // Guards the table of the working directory, which has just been loaded, and checks it once.
     // Waits briefly for the store mutex. Keeps at most `snapshots` snapshots; 0 disables them.
-    explicit CTableGuard(std::size_t snapshots, TListener validTableListener = nullptr);
+    explicit CTableGuard(std::size_t snapshots, TListener validTableListener = {});
     ~CTableGuard();
 
     // Begins to guard. The worker runs from now on. If no thread can be started, which is logged,

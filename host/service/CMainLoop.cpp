@@ -18,7 +18,7 @@
 // How long the worker may seem dead if no service manager sets a limit. The log is all that depends
 // on it.
 static constexpr std::chrono::minutes cDefaultTimeout(2);
-// Ticks are a minute apart; after one that launches programs, a few seconds more.
+// Ticks are a minute apart at most; after one that launches programs, a few seconds more.
 static constexpr std::chrono::seconds cLateTick(75);
 // The end of a tick is polled for, since no event announces it.
 static constexpr std::chrono::milliseconds cTickPollInterval(5);

@@ -254,10 +254,11 @@ TEST_F(ClientStore, DueTasksAreStartedBeforeAChange) {
 }
 
 TEST_F(ClientStore, TickUnderWayIsWaitedForAndLosesNoChange) {
-    CHost host;
-    store.Create({"slow", Now(), 24, PROGRAMS "/wait-for-it", "end it"}, false);
-    WaitUntil([] { return StoreSemaphoreValue() == 0; });
-    store.Create(Task("other"), false);  // while the tick holds the mutex for two seconds
+    CHost host(HostThatPauses());
+    ReplaceTable({{"slow", Seconds(Now()), 0, 24, PROGRAMS "/wait-for-it", "end it", 0}});
+    WakeWorker();
+    EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
+    store.Create(Task("other"), false);  // while the tick pauses and holds the mutex
     EXPECT_EQ(NamesInTable(), "slow other");
     EXPECT_NE(::ReadTable()[0].last, 0) << "the tick's save is kept";
     WaitUntil([] { return StoreSemaphoreValue() == 1; });

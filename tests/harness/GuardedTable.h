@@ -43,8 +43,8 @@ inline void WakeChanged() {
     vxsched::WakeSchedulingProcess();
 }
 
-// Makes the only task due while a host runs and waits for its launch; the tick then pauses for two
-// seconds. Returns the table as it was written.
+// Makes the only task due while a host runs (HostThatPauses) and waits for its launch; the tick then
+// pauses for two seconds. Returns the table as it was written.
 inline TRows StartTheOnlyTask() {
     TRows rows = ReadTable();
     rows.at(0).next = std::time(nullptr);

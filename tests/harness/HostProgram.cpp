@@ -63,6 +63,10 @@ std::vector<std::string> HostWith(const std::vector<std::string>& options) {
     return command;
 }
 
+std::vector<std::string> HostThatPauses() {
+    return HostWith({"--launch-pause", "2"});
+}
+
 void WakeWorker() {
     CEvent("libVantrixScheduler.so", false).SetEvent();
 }

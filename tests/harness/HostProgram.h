@@ -28,6 +28,10 @@ public:
 // The command line of a host in this directory with further options.
 std::vector<std::string> HostWith(const std::vector<std::string>& options);
 
+// The command line of a host in this directory that pauses for two seconds after each launch, so that
+// a test can act in the middle of a tick.
+std::vector<std::string> HostThatPauses();
+
 // Signals the stop event, so that the worker ticks at once.
 void WakeWorker();
 

@@ -89,14 +89,12 @@ TToolRun RunToolOnTerminal(const std::vector<std::string>& arguments, unsigned s
     return run;
 }
 
-TEnvironment AtTime(long seconds) {
-    return {{"LD_PRELOAD", INTERPOSED_SYSTEM},
-            {"FAKE_TIME", std::to_string(seconds)},
-            {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+TEnvironment WithInterposedSystem() {
+    return {{"LD_PRELOAD", INTERPOSED_SYSTEM}, {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
 }
 
-TEnvironment WithoutPauses() {
-    return {{"LD_PRELOAD", INTERPOSED_SYSTEM},
-            {"SKIP_SLEEP", "1"},
-            {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+TEnvironment AtTime(long seconds) {
+    TEnvironment environment = WithInterposedSystem();
+    environment.emplace_back("FAKE_TIME", std::to_string(seconds));
+    return environment;
 }

@@ -26,5 +26,5 @@ TToolRun RunToolOnTerminal(const std::vector<std::string>& arguments, unsigned s
 // does not inherit it.
 TEnvironment AtTime(long seconds);
 
-// The environment that removes the two seconds' pause after each launch of a host.
-TEnvironment WithoutPauses();
+// The environment in which the variables of tests/preload/interposed-system.cpp have an effect.
+TEnvironment WithInterposedSystem();

@@ -161,7 +161,7 @@ TEST_P(HostStop, IsCleanAndLeavesNothing) {
 INSTANTIATE_TEST_SUITE_P(Signals, HostStop, testing::Values(SIGTERM, SIGINT));
 
 TEST(Host, StopDuringATickWaitsForItsEnd) {
-    CHost host;
+    CHost host(HostThatPauses());
     CreateDue("task", cRecorder, "the record");
     Lines("the record");
     EXPECT_EQ(host.Stop(), 0);
@@ -327,6 +327,7 @@ INSTANTIATE_TEST_SUITE_P(
         TCommandLine{{"--directory", ".", "--output-size", "large"}, 2, "--output-size"},
         TCommandLine{{"--directory", ".", "--history-size", "-1"}, 2, "--history-size"},
         TCommandLine{{"--directory", ".", "--lock-timeout", "-1"}, 2, "--lock-timeout"},
+        TCommandLine{{"--directory", ".", "--launch-pause", "11"}, 2, "--launch-pause"},
         TCommandLine{{"--directory", ".", "--check", "--output-size", "64KiB"}, 0, "ok: "},
         TCommandLine{{"--directory", "missing"},
                      3,

@@ -76,7 +76,7 @@ TEST(HostMutexLoss, TicksExcludeOthersAgain) {
 
 TEST(HostMutexLoss, TickDuringWhichItIsLostReleasesNoOther) {
     WriteTable({{"task", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
-    CHost host;
+    CHost host(HostThatPauses());
     StartTheOnlyTask();
     semctl(semget(cStoreKey, 1, 0), 0, IPC_RMID);
     MakeStoreMutex();

@@ -14,7 +14,7 @@ import tempfile
 from elf_files import plain_name, read
 
 # The functions of libc that vxschedd and vxsched-change interpose. The add-in calls each of them by this very name.
-INTERPOSED = {"time", "stat", "posix_spawn", "waitpid", "semctl", "semop"}
+INTERPOSED = {"time", "stat", "posix_spawn", "waitpid", "sleep", "semctl", "semop"}
 ADDIN = "libVantrixScheduler.so"
 SUPPORT = "libvxcsupport.so.0"
 BINDING = re.compile(r"binding file (.+) \[\d+\] to (.+) \[\d+\]: \w+ symbol `(.+?)'")

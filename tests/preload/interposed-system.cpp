@@ -1,7 +1,8 @@
 // Replaces parts of the system for a real program (LD_PRELOAD), as environment variables select:
-// FAKE_TIME freezes the clock at that second, SKIP_SLEEP makes sleep return at once, STOP_IN_SLEEP
-// makes it stop the process (SIGSTOP) first, NO_INOTIFY makes inotify unavailable, REFUSE_LAUNCHES
-// makes launches fail while a file of that name exists; the file gets a byte for each.
+// FAKE_TIME freezes the system clock at that second, STOP_IN_SLEEP makes sleep stop the process
+// (SIGSTOP) first, NO_INOTIFY makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a
+// file of that name exists; the file gets a byte for each. ENDLESS_MINUTES makes waits of 30 s and
+// more for a semaphore endless, as the worker's between two ticks.
 //
 // The symbols below are called by the program and the add-in, on whichever thread. Without its
 // variable each does what libc does.
@@ -9,6 +10,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,12 +20,20 @@
 #include <cstdlib>
 #include <ctime>
 
+// Fails as libc's does.
+extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
+    const char* const fake = std::getenv("FAKE_TIME");
+    const bool isSystemClock = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+    if (fake == nullptr || !isSystemClock)
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, out));
+    *out = {.tv_sec = std::atol(fake), .tv_nsec = 0};
+    return 0;
+}
+
 // Never fails and leaves errno alone.
 extern "C" time_t time(time_t* out) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    if (const char* const fake = std::getenv("FAKE_TIME"))
-        now.tv_sec = std::atol(fake);
     if (out != nullptr)
         *out = now.tv_sec;
     return now.tv_sec;
@@ -31,8 +43,6 @@ extern "C" time_t time(time_t* out) noexcept {
 extern "C" unsigned int sleep(unsigned int seconds) {
     if (std::getenv("STOP_IN_SLEEP") != nullptr)
         kill(getpid(), SIGSTOP);
-    if (std::getenv("SKIP_SLEEP") != nullptr)
-        return 0;
     static auto* const system =
         reinterpret_cast<unsigned int (*)(unsigned int)>(dlsym(RTLD_NEXT, "sleep"));
     return system(seconds);
@@ -64,4 +74,14 @@ extern "C" int posix_spawn(pid_t* process, const char* path,
     static auto* const system =
         reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
     return system(process, path, actions, attributes, arguments, environment);
+}
+
+// Fails as libc's does.
+extern "C" int semtimedop(int set, sembuf* operations, size_t count,
+                          const timespec* timeout) noexcept {
+    static auto* const system =
+        reinterpret_cast<decltype(&semtimedop)>(dlsym(RTLD_NEXT, "semtimedop"));
+    const bool isLong = timeout != nullptr && timeout->tv_sec >= 30;
+    const bool isEndless = isLong && std::getenv("ENDLESS_MINUTES") != nullptr;
+    return system(set, operations, count, isEndless ? nullptr : timeout);
 }

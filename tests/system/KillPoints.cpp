@@ -402,22 +402,22 @@ void PrepareForTick() {
     WriteTable(TableOfRunningHost(cFar));
 }
 
-// Returns the due time.
-std::int64_t MakeTasksDue() {
+// Returns the due time. The host then wakes its worker, which reads a table that is announced.
+std::int64_t MakeTasksDue(bool isAnnounced) {
     const std::int64_t due = std::time(nullptr) - 1;
     const vxsched::CStoreMutexLock lock(30s);
     WriteFile("files/due", BytesOf(TableOfRunningHost(due)));
     fs::rename("files/due", cTable);
+    if (isAnnounced)
+        vxsched::AnnounceChange();
     return due;
 }
 
 // Has the host tick while its tasks are due, and ends it once `isDone` holds.
 void TickUntil(CTracedProgram& host, std::int64_t& due, const std::function<bool()>& isDone) {
     WaitForHost(host);
-    due = MakeTasksDue();
-    vxsched::AnnounceChange();
     host.Count();
-    vxsched::WakeSchedulingProcess();
+    due = MakeTasksDue(true);
     WaitUntil([&] { return host.IsKilled() || isDone(); });
     kill(host.Id(), SIGKILL);
 }
@@ -472,7 +472,7 @@ TScenario StopScenario() {
             .act =
                 [due](CTracedProgram& host) {
                     WaitForHost(host);
-                    *due = MakeTasksDue();
+                    *due = MakeTasksDue(false);
                     host.Count();
                     kill(host.Id(), SIGTERM);
                 },
@@ -507,10 +507,8 @@ TScenario RefusedTickScenario() {
 std::int64_t LeaveOwedLaunches() {
     PrepareForTick();
     CHost host;
-    const std::int64_t due = MakeTasksDue();
-    vxsched::AnnounceChange();
     WriteFile(cRefusal, "");
-    vxsched::WakeSchedulingProcess();
+    const std::int64_t due = MakeTasksDue(true);
     WaitUntil([] { return CountIn("files/owed", "@") == 2 && IsSettled(); });
     host.Kill(SIGKILL);
     host.Wait();
@@ -729,7 +727,7 @@ std::vector<std::string> KillScenariosOnAWedgedMutex() {
 
 void TryKillPoints(const std::string& name, std::size_t most) {
     WriteInput();
-    for (const auto& [variable, value] : WithoutPauses())
+    for (const auto& [variable, value] : WithInterposedSystem())
         setenv(variable.c_str(), value.c_str(), 1);
     setenv("REFUSE_LAUNCHES", fs::absolute(cRefusal).c_str(), 1);
     const std::vector<TScenario> scenarios = Scenarios();

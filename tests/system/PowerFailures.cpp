@@ -44,7 +44,6 @@ using TDueTime = std::pair<std::string, std::int64_t>;  // a task and a due time
 
 void PreloadRecorder(const std::string& log) {
     setenv("LD_PRELOAD", FILE_RECORDER ":" INTERPOSED_SYSTEM, 1);
-    setenv("SKIP_SLEEP", "1", 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
     setenv("RECORD_CALLS", fs::absolute(log).c_str(), 1);
     setenv("REFUSE_LAUNCHES", cRefusal, 1);
@@ -89,9 +88,8 @@ public:
             Acknowledge("due", name, due);
     }
 
-    // Makes the tasks due a second ago and waits for the tick that launches them. Were they due in
-    // the second of the tick, the add-in, which does not pause here, would launch them once more in
-    // that second. No two ticks have the same due time.
+    // Makes the tasks due now and waits for the tick that launches them. No two ticks have the same
+    // due time.
     void Tick(const std::vector<std::string>& names) {
         BeginTick(names);
         WaitUntil([&] { return Lines("log").size() == launches; });
@@ -132,8 +130,8 @@ public:
 
 private:
     void BeginTick(const std::vector<std::string>& names) {
-        WaitUntil([&] { return std::time(nullptr) - 1 > lastDue; });
-        lastDue = std::time(nullptr) - 1;
+        WaitUntil([&] { return std::time(nullptr) > lastDue; });
+        lastDue = std::time(nullptr);
         MakeDue(lastDue, names);
         launches += names.size();
         WakeWorker();

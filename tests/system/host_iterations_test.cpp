@@ -68,8 +68,6 @@ public:
         fs::remove(log);
         fs::remove_all(directory);
         fs::create_directory(directory);
-        for (const auto& [name, value] : WithoutPauses())
-            setenv(name.c_str(), value.c_str(), 1);
     }
 
     // Puts the store on a file system of its own with this many blocks.
@@ -99,13 +97,12 @@ public:
     }
 
     // The command line that makes the job due. The due time is another in each iteration, so that
-    // the table shows whether it was launched. It is in the past: since launches take no pause
-    // here, a task could be due again within the same second.
+    // the table shows whether it was launched.
     std::vector<std::string> MakeDue(int iteration) {
         before = Next();
         const int offset = iteration % cOffsets;
         if (offset == 0)
-            latest = std::time(nullptr) - 1;
+            latest = std::time(nullptr);
         const std::string due = "@" + std::to_string(latest - offset);
         return {TOOL_PROGRAM, "edit", "job", "--at", due, "--every", "1d"};
     }

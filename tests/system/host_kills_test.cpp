@@ -22,8 +22,6 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 TEST(HostAfterAKill, TaskWhoseLaunchEndedTheHostDoesNotEndTheNext) {
-    for (const auto& [name, value] : WithoutPauses())
-        setenv(name.c_str(), value.c_str(), 1);
     WriteTable({{"bad", cFar, 0, 24, "/bin/a.sh", "", 0},
                 {"good", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     CHost host;
@@ -46,7 +44,7 @@ TEST(HostAfterAKill, TaskWhoseLaunchEndedTheHostDoesNotEndTheNext) {
 TEST(HostAfterAKill, UnsavedLaunchIsNotRepeated) {
     // The host is killed in the middle of a tick: the launch is made and not saved.
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
-    CHost host;
+    CHost host(HostThatPauses());
     const TRows rows = StartTheOnlyTask();
     host.Kill(SIGKILL);
     host.Wait();
@@ -80,8 +78,6 @@ TEST(HostAfterAKill, TasksDueUnderThePreviousHostAreLaunched) {
                 {"once", due, 0, 0, PROGRAMS "/append-text", "once", 0},
                 {"missed", due - 1'000'000, 0, 24, PROGRAMS "/append-text", "missed", 0}});
     WaitUntil([&] { return std::time(nullptr) > due; });
-    for (const auto& [name, value] : WithoutPauses())
-        setenv(name.c_str(), value.c_str(), 1);
     CHost host;
     WaitUntil([] { return fs::exists("log"); });
     EXPECT_EQ(RunTool({"wake"}).status, 0);

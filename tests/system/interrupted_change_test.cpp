@@ -188,10 +188,10 @@ static void LoadDirectly(TRows rows) {
     WriteTable(rows);
 }
 
-// The tick pauses for two seconds after a launch and then saves its own list.
+// The tick saves its own list after the pause.
 TEST(ChangeDuringATick, IsNotOverwrittenWhenADirectClientHasSetTheMutexFree) {
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("second")});
-    CHost host;
+    CHost host(HostThatPauses());
     LoadDirectly(StartTheOnlyTask());
     const TToolRun create = RunTool({"create", "new", "--at", "in 1h", "--", cRecorder});
     EXPECT_EQ(create.status, 0) << create.error;
@@ -239,7 +239,7 @@ static void WaitForTheLaunch() {
 // The client is stopped, so that it checks the change only after the tick has overwritten it.
 TEST(ChangeDuringATick, IsMadeAgainIfTheTickEndsBeforeTheClientChecks) {
     WriteTable(cDueAndSecond);
-    CHost host;
+    CHost host(HostThatPauses());
     CForkedChild client([] { return PauseAsATickBegins(60s); });
     WaitForTheLaunch();
     const pid_t changing = ChildOf(client.Id()).value();
@@ -257,7 +257,7 @@ TEST(ChangeDuringATick, IsMadeAgainIfTheTickEndsBeforeTheClientChecks) {
 // The change process is killed after it has saved, and the client settles the change during the tick.
 TEST(ChangeDuringATick, IsMadeAgainIfItsProcessIsKilledAsWell) {
     WriteTable(cDueAndSecond);
-    CHost host;
+    CHost host(HostThatPauses());
     CForkedChild client([] { return PauseAsATickBegins(60s); });
     WaitForTheLaunch();
     const pid_t changing = ChildOf(client.Id()).value();
@@ -285,7 +285,7 @@ TEST(ChangeDuringATick, IsReportedAsNotVerifiedIfTheTickDoesNotEnd) {
     setenv("LD_PRELOAD", INTERPOSED_SYSTEM, 1);
     setenv("STOP_IN_SLEEP", "1", 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-    CHost host;
+    CHost host(HostThatPauses());
     unsetenv("LD_PRELOAD");
     CForkedChild client([] { return PauseAsATickBegins(3s); });
     // All of its threads: the guard's would take the mutex.
@@ -301,7 +301,7 @@ TEST(ChangeDuringATick, IsReportedAsNotVerifiedIfTheTickDoesNotEnd) {
 // The tick changes the table that the import has read, so the import has to be tried again.
 TEST(ChangeDuringATick, ImportIsNotOverwrittenEither) {
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("second")});
-    CHost host;
+    CHost host(HostThatPauses());
     LoadDirectly(StartTheOnlyTask());
     const auto import = [] {
         return RunTool({"import", "--replace"}, {}, R"({"version": 1, "tasks": []})");

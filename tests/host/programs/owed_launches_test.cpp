@@ -33,7 +33,7 @@ const TEnvironment cPermitted = {{"REFUSE_LAUNCHES", "none"}};
 class OwedLaunches : public testing::Test {
 protected:
     OwedLaunches() {
-        for (const auto& [name, value] : WithoutPauses())
+        for (const auto& [name, value] : WithInterposedSystem())
             setenv(name.c_str(), value.c_str(), 1);
         setenv("REFUSE_LAUNCHES", fs::absolute(cRefusal).c_str(), 1);
         WriteFile(cRefusal, "");

@@ -160,7 +160,7 @@ TEST_F(LaunchIntents, WithoutAFileNothingFails) {
 static TRows LoseALaunchRecord() {
     fs::remove("log");
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
-    CHost host;
+    CHost host(HostThatPauses());
     TRows rows = StartTheOnlyTask();
     host.Kill(SIGKILL);
     host.Wait();

@@ -231,8 +231,6 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoLaunch) {
     rows.push_back({"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0});
     rows[0].parameters = std::string(10'000, 'p');
     WriteTable(rows);
-    for (const auto& [name, value] : WithoutPauses())
-        setenv(name.c_str(), value.c_str(), 1);
     CHost host;
     // No file of the host may grow beyond a few blocks, as on a full disk.
     const rlimit limit{.rlim_cur = 5'000, .rlim_max = RLIM_INFINITY};
@@ -269,7 +267,7 @@ TEST(HostGuard, TickDoesNotSaveIntoAPipe) {
     TRows rows = {{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}, Row("large")};
     rows[1].parameters = std::string(200'000, 'p');
     WriteTable(rows);
-    CHost host;
+    CHost host(HostThatPauses());
     const TRows due = StartTheOnlyTask();
     fs::create_hard_link(cTable, "former");
     ASSERT_EQ(mkfifo("pipe", 0644), 0);
@@ -291,7 +289,7 @@ TEST(HostGuard, TickDoesNotSaveIntoAPipe) {
 
 TEST(HostGuard, WithoutInotifyTheTableIsPolled) {
     WriteTable(cThree);
-    for (const auto& [name, value] : WithoutPauses())
+    for (const auto& [name, value] : WithInterposedSystem())
         setenv(name.c_str(), value.c_str(), 1);
     setenv("NO_INOTIFY", "1", 1);
     CHost host;
@@ -339,7 +337,7 @@ TEST(HostGuard, DirectoryThatIsRemovedDoesNotKeepAHostFromStopping) {
 
 TEST(HostGuard, DirectoryOfLaunchRecordsIsCreatedAgainForALaunch) {
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
-    CHost host;
+    CHost host(HostThatPauses());
     fs::remove_all("files/started");
     StartTheOnlyTask();
     EXPECT_EQ(CountIn("files/started", "due@"), 1U) << host.Output();
@@ -348,8 +346,6 @@ TEST(HostGuard, DirectoryOfLaunchRecordsIsCreatedAgainForALaunch) {
 }
 
 TEST(HostGuard, TableWhoseDiskIsGoneForAWhileIsLeftAlone) {
-    for (const auto& [name, value] : WithoutPauses())
-        setenv(name.c_str(), value.c_str(), 1);
     fs::create_directory("disk");
     WriteTable({{"due", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
     fs::rename(cTable, "disk/table");

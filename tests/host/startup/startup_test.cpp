@@ -51,7 +51,7 @@ static void TakeAllAccess(int id) {
 
 TEST(HostStartup, NumbersThatAreNoneAreRefused) {
     for (const char* const option :
-         {"--lock-timeout", "--snapshots", "--output-size", "--history-size"}) {
+         {"--lock-timeout", "--launch-pause", "--snapshots", "--output-size", "--history-size"}) {
         for (const char* const number : {"nan", "inf", "-inf", "1e400", "-1", "1e", "9e99GiB",
                                          "99999999999999999999", "99999999999TiB"}) {
             CProgram host(HostWith({option, number, "--check"}));

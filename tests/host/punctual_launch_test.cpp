@@ -1,0 +1,190 @@
+// When a real host launches tasks, without anybody who wakes it. The worker's waits of a minute have
+// no end here, so that only the host's wake at a due time ends them.
+
+#include <gtest/gtest.h>
+#include <vxsched/SchedulingProcess.h>
+#include "store/CStoreMutexLock.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "AddinLibrary.h"
+#include "GuardedTable.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "TableFile.h"
+#include "Tool.h"
+
+namespace {
+
+constexpr std::uint32_t cHours = 24;
+constexpr std::int64_t cPeriod = 86400;  // in seconds
+
+// No wait of a minute ends in the programs of the test.
+class PunctualLaunch : public testing::Test {
+protected:
+    PunctualLaunch() {
+        for (const auto& [name, value] : WithInterposedSystem())
+            setenv(name.c_str(), value.c_str(), 1);
+        setenv("ENDLESS_MINUTES", "1", 1);
+    }
+};
+
+std::int64_t Soon() {
+    return std::time(nullptr) + 2;
+}
+
+TRow TaskDue(const std::string& name, std::int64_t due, std::uint32_t period) {
+    return {name, due, 0, period, PROGRAMS "/append-text", "log", 0};
+}
+
+// How many programs have written their lines.
+std::size_t CountLaunches() {
+    const std::string lines = ReadFile("log");
+    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n'));
+}
+
+// Waits until that many programs were launched, and reads the table after the tick that launched the
+// last one.
+TRows TableAfter(std::size_t launches) {
+    WaitUntil([&] { return CountLaunches() >= launches; });
+    WaitUntil(WorkerIsIdle);
+    const vxsched::CStoreMutexLock lock(std::chrono::seconds(30));
+    return ReadTable();
+}
+
+}  // namespace
+
+// The tick at the very second of the due time reschedules the task as well.
+TEST_F(PunctualLaunch, TaskIsLaunchedAndRescheduledWhenItFallsDue) {
+    const std::int64_t due = Soon();
+    WriteTable({TaskDue("a task", due, cHours), Row("later")});
+    const CHost host;
+    const TRows rows = TableAfter(1);
+    ASSERT_EQ(rows.size(), 2U);
+    EXPECT_EQ(rows[0].next, due + cPeriod);
+    EXPECT_GE(rows[0].last, due);
+    EXPECT_EQ(rows[1], Row("later"));
+    EXPECT_EQ(CountLaunches(), 1U);
+}
+
+TEST_F(PunctualLaunch, EachOfAThousandTasksIsLaunchedOnce) {
+    const std::int64_t due = Soon();
+    TRows rows;
+    for (int number = 0; number < 1000; ++number)
+        rows.push_back(TaskDue("task " + std::to_string(number), due, cHours));
+    WriteTable(rows);
+    const CHost host;
+    for (const TRow& row : TableAfter(rows.size()))
+        EXPECT_EQ(row.next, due + cPeriod) << row.name;
+    EXPECT_EQ(CountLaunches(), rows.size());
+}
+
+// The tick skips the first task after it has removed one.
+TEST_F(PunctualLaunch, TasksThatRunOnceAreAllLaunched) {
+    const std::int64_t due = Soon();
+    WriteTable({TaskDue("first", due, 0), TaskDue("second", due, 0), TaskDue("third", due, 0)});
+    const CHost host;
+    EXPECT_EQ(TableAfter(3), TRows());
+    EXPECT_EQ(CountLaunches(), 3U);
+}
+
+// A launch that fails counts as one.
+TEST_F(PunctualLaunch, FailedLaunchIsNotRepeated) {
+    const std::int64_t due = Soon();
+    TRow missing = TaskDue("missing", due, cHours);
+    missing.program = "/no/such/program/at-all";
+    WriteTable({missing, TaskDue("a task", due + 1, cHours)});
+    CHost host;
+    const TRows rows = TableAfter(1);
+    EXPECT_EQ(rows.at(0).next, due + cPeriod);
+    EXPECT_EQ(rows.at(1).next, due + 1 + cPeriod);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("cannot start"), 1U) << host.Output();
+}
+
+// The clock stands still at the due time, as for all ticks within that second.
+TEST_F(PunctualLaunch, IsMadeOnceThoughTheDueSecondLasts) {
+    const std::int64_t due = std::time(nullptr);
+    TRow missing = TaskDue("missing", due, cHours);
+    missing.program = "/no/such/program/at-all";
+    WriteTable({TaskDue("a task", due, cHours), missing});
+    setenv("FAKE_TIME", std::to_string(due).c_str(), 1);
+    CHost host;
+    const TRows rows = TableAfter(1);
+    EXPECT_EQ(rows.at(0).next, due + cPeriod);
+    EXPECT_EQ(rows.at(0).last, due);
+    EXPECT_EQ(rows.at(1).next, due + cPeriod);
+    EXPECT_EQ(rows.at(1).last, 0);
+    WakeWorker();
+    EXPECT_EQ(TableAfter(1), rows);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("started process"), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("cannot start"), 1U) << host.Output();
+}
+
+RUN_AGAIN(CreateWithoutWaking) {
+    const CAddinLibrary library;
+    library.Create("new", std::stol(arguments.at(0)), 0, PROGRAMS "/append-text", "log");
+    _exit(0);
+}
+
+TEST_F(PunctualLaunch, TaskThatADirectClientCreatesIsLaunchedWhenItFallsDue) {
+    WriteTable({Row("later")});
+    const CHost host;
+    CProgram client(ThisProgramAs("CreateWithoutWaking", {std::to_string(Soon())}));
+    EXPECT_EQ(client.Wait(), 0) << client.Output();
+    EXPECT_EQ(TableAfter(1), TRows({Row("later")}));
+}
+
+TEST_F(PunctualLaunch, TaskOfARestoredTableIsLaunchedWhenItFallsDue) {
+    const TRows rows = {TaskDue("a task", Soon(), cHours), Row("later")};
+    WriteTable(rows);
+    CHost host;
+    WriteFile(cTable, BytesOf(rows).substr(0, 60));
+    EXPECT_TRUE(host.WaitForOutput("the table is restored")) << host.Output();
+    EXPECT_EQ(TableAfter(1).at(0).next, rows[0].next + cPeriod);
+    EXPECT_EQ(CountLaunches(), 1U);
+}
+
+// The wakes follow one another: each after the table was read after the launch before.
+TEST_F(PunctualLaunch, TasksOfSeveralSecondsAreLaunchedInTheirOrder) {
+    const std::int64_t due = Soon();
+    WriteTable({TaskDue("third", due + 2, cHours), TaskDue("second", due + 1, cHours),
+                TaskDue("first", due, cHours)});
+    CHost host;
+    TableAfter(3);
+    EXPECT_EQ(host.Stop(), 0);
+    std::size_t last = 0;
+    for (const std::string name : {"first", "second", "third"}) {
+        const std::size_t place = host.Output().find("for task \"" + name + "\"");
+        ASSERT_NE(place, std::string::npos) << host.Output();
+        EXPECT_LT(last, place) << name;
+        last = place;
+    }
+}
+
+TEST_F(PunctualLaunch, PausedTaskIsNot) {
+    const std::int64_t due = Soon();
+    TRow paused = TaskDue("paused", due, cHours);
+    paused.paused = 1;
+    WriteTable({paused, TaskDue("a task", due + 1, cHours)});
+    const CHost host;
+    EXPECT_EQ(TableAfter(1).at(0), paused);
+    EXPECT_EQ(CountLaunches(), 1U);
+}
+
+// A process that slept would be stopped for good.
+TEST_F(PunctualLaunch, NoLaunchSleeps) {
+    WriteTable({TaskDue("a task", Soon(), cHours)});
+    setenv("STOP_IN_SLEEP", "1", 1);
+    const CHost host;
+    TableAfter(1);
+    // Tests that run at the same time launch this program, too, and "running already" counts them.
+    const TToolRun run = RunTool({"run", "a task", "--force"});
+    ASSERT_EQ(run.status, 0) << run.error;
+    TableAfter(2);
+}
