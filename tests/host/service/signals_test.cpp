@@ -7,15 +7,22 @@
 
 #include <chrono>
 #include <csignal>
-#include <ctime>
+#include <cstdlib>
 #include <filesystem>
 
+#include "GuardedTable.h"
 #include "HostProgram.h"
 #include "StoreSemaphore.h"
+#include "Tool.h"
 
+// Only the signal makes this worker tick: its wait of a minute has no end, and the timer of due
+// times follows the system's clock, by which the task is due in decades.
 TEST(HostSignals, Usr1TicksAtOnce) {
+    for (const auto& [name, value] : AtTime(cFar))
+        setenv(name.c_str(), value.c_str(), 1);
+    setenv("ENDLESS_MINUTES", "1", 1);
     CHost host;
-    ReplaceTable({{"task", std::time(nullptr), 0, 1, PROGRAMS "/end-with", "status 0", 0}});
+    ReplaceTable({{"task", cFar, 0, 1, PROGRAMS "/end-with", "status 0", 0}});
     host.Kill(SIGUSR1);
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
     EXPECT_EQ(host.CountInOutput("SIGUSR1: ticking now"), 1U) << host.Output();
