@@ -150,6 +150,19 @@ TEST_F(PunctualLaunch, TaskOfARestoredTableIsLaunchedWhenItFallsDue) {
     EXPECT_EQ(CountLaunches(), 1U);
 }
 
+// The save that created it has lost the others, so the guard adds them.
+TEST_F(PunctualLaunch, NewTaskOfARestoredTableIsLaunchedWhenItFallsDue) {
+    WriteTable({Row("first"), Row("second")});
+    CHost host;
+    const TRow task = TaskDue("a task", Soon(), cHours);
+    WriteTable({task});
+    EXPECT_TRUE(host.WaitForOutput("the table is restored")) << host.Output();
+    const TRows rows = TableAfter(1);
+    ASSERT_EQ(rows.size(), 3U);
+    EXPECT_EQ(rows[0].next, task.next + cPeriod);
+    EXPECT_EQ(rows[1], Row("first"));
+}
+
 // The wakes follow one another: each after the table was read after the launch before.
 TEST_F(PunctualLaunch, TasksOfSeveralSecondsAreLaunchedInTheirOrder) {
     const std::int64_t due = Soon();
@@ -175,6 +188,25 @@ TEST_F(PunctualLaunch, PausedTaskIsNot) {
     const CHost host;
     EXPECT_EQ(TableAfter(1).at(0), paused);
     EXPECT_EQ(CountLaunches(), 1U);
+}
+
+// As by a direct client that has read the table before the tick: the task is not launched again
+// (RecentLaunches), and the tick that keeps it back reschedules it, so that no other follows.
+TEST_F(PunctualLaunch, DueTimeThatIsSavedAgainCostsOneTick) {
+    const TRows before = {TaskDue("a task", Soon(), cHours)};
+    WriteTable(before);
+    CHost host;
+    const TRows rows = TableAfter(1);
+    WaitUntil([] { return CountIn("files/started", "@") == 0; });
+    {
+        const vxsched::CStoreMutexLock lock(std::chrono::seconds(30));
+        WriteTable(before);
+        vxsched::AnnounceChange();
+    }
+    WaitUntil([&] { return ReadTable().at(0).next == rows.at(0).next; });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(CountLaunches(), 1U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("is due again for a time"), 1U) << host.Output();
 }
 
 // A process that slept would be stopped for good.
