@@ -5,12 +5,14 @@
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/OwedLaunches.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "GuardedTable.h"
@@ -81,6 +83,14 @@ protected:
         EXPECT_EQ(record.at("outcome"), "not started");
         EXPECT_EQ(record.at("error"), reason);
         EXPECT_FALSE(record.at("due").is_null());
+    }
+
+    static bool IsInASnapshot(const std::string& table) {
+        std::error_code ignored;
+        const fs::directory_iterator snapshots("files/snapshots", ignored);
+        return std::any_of(begin(snapshots), end(snapshots), [&](const fs::directory_entry& file) {
+            return ReadFile(file.path()) == table;
+        });
     }
 
     static void ExpectNothingOwed() {
@@ -257,6 +267,8 @@ TEST_F(OwedLaunches, OfATaskThatTheTableLosesAreMade) {
     CHost host;
     Refuse(host, 24);
     const std::string table = ReadFile(cTable);
+    // The guard restores only what it has read, after the tick.
+    WaitUntil([&] { return IsInASnapshot(table); });
     WriteFile(cTable, "");
     Permit();
     EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
