@@ -121,8 +121,8 @@ TEST(HostOfTheSuperuser, FollowsNoLinkOfAnotherUserToADirectory) {
 
 // ---- What is below files/ -----------------------------------------------------------------------
 
-static const std::vector<std::string> cDirectoriesOfFiles = {"files/owed", "files/programs",
-                                                             "files/snapshots", "files/started"};
+static const std::vector<std::string> cDirectoriesOfFiles = {
+    "files/owed", "files/programs", "files/settled", "files/snapshots", "files/started"};
 
 static void MakeDirectoriesOfFiles() {
     WriteTable({});
