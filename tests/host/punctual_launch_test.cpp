@@ -191,7 +191,7 @@ TEST_F(PunctualLaunch, PausedTaskIsNot) {
 }
 
 // As by a direct client that has read the table before the tick: the task is not launched again
-// (RecentLaunches), and the tick that keeps it back reschedules it, so that no other follows.
+// (SettledLaunches), and the tick that keeps it back reschedules it, so that no other follows.
 TEST_F(PunctualLaunch, DueTimeThatIsSavedAgainCostsOneTick) {
     const TRows before = {TaskDue("a task", Soon(), cHours)};
     WriteTable(before);
