@@ -170,7 +170,7 @@ TEST(HostHistory, DuplicatesOfATaskThatRunsOnceAreLaunchedAndRecordedOnceEach) {
     std::multiset<std::string> wantedRecords;
     for (const TRow& row : rows) {
         wanted.emplace(row.name, Utc(row.next));
-        wantedRecords.insert(row.name + '@' + std::to_string(row.next));
+        wantedRecords.insert(row.name + '@' + std::to_string(row.next) + "@0");
     }
     ReplaceTable(rows);
     WakeWorker();

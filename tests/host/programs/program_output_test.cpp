@@ -55,7 +55,7 @@ TEST(HostOutput, EachTaskHasAFileInTheGivenDirectoryWhichIsCreated) {
     ReplaceTable({{"one", 1, 0, 1, cWriter, "first", 0}, {"a/b", 1, 0, 1, cWriter, "second", 0}});
     WakeWorker();
     WaitUntil([] { return ReadFile("out/a%2Fb.log") == "output second\nerror second\ninput 0\n"; });
-    EXPECT_EQ(ReadFile("out/one.log"), "output first\nerror first\ninput 0\n");
+    WaitUntil([] { return ReadFile("out/one.log") == "output first\nerror first\ninput 0\n"; });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("output first\n"), 0U) << host.Output();
 }
@@ -69,7 +69,9 @@ TEST(HostOutput, FileIsAppendedToAndRotatedByALaunchThatFindsItTooLarge) {
     WakeWorker();
     WaitUntil([] { return ReadFile("out/large.log") == "output new\nerror new\ninput 0\n"; });
     EXPECT_EQ(ReadFile("out/large.log.1"), "123456789\n");
-    EXPECT_EQ(ReadFile("out/small.log"), "12345\noutput new\nerror new\ninput 0\n");
+    WaitUntil([] {
+        return ReadFile("out/small.log") == "12345\noutput new\nerror new\ninput 0\n";
+    });
     EXPECT_FALSE(std::filesystem::exists("out/small.log.1"));
     EXPECT_EQ(host.Stop(), 0);
 }
