@@ -14,6 +14,7 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
+#include "cli/time/PastTime.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -123,7 +124,7 @@ private:
     std::vector<std::string> forced;
 
     bool namesOnly = false;
-    bool failedOnly = false;
+    THistoryOptions historyOptions;
     std::optional<std::size_t> count;
     std::string until;
     TTaskArguments task;
@@ -207,15 +208,21 @@ void CCommandLine::AddQueries() {
         });
     Add(
         "history", "List the last runs of one task or of all tasks, as the host recorded them",
-        [this] { return History(common, task.name, count, failedOnly, output); },
+        [this] { return History(common, task.name, historyOptions, output); },
         [this, addJson](CLI::App& history) {
             addJson(history);
             history.add_option("name", task.name, "The task; it may have been removed since")
                 ->type_name("NAME");
-            history.add_option("--count", count, "Number of runs; default 20")
+            history
+                .add_option("--count", historyOptions.count,
+                            "Number of runs; 20 unless --since is given")
                 ->check(CLI::Range(1, 1'000'000).description(""))
                 ->type_name("NUMBER");
-            history.add_flag("--failed", failedOnly,
+            history
+                .add_option("--since", historyOptions.since,
+                            "List runs from this time on: 3h ago, yesterday, friday 14:30, ...")
+                ->type_name("TIME");
+            history.add_flag("--failed", historyOptions.failedOnly,
                              "List only runs that failed (status other than 0), were killed, could "
                              "not start or were missed");
         });
@@ -395,6 +402,8 @@ void CCommandLine::Parse(int argc, const char* const* argv) {
             ParseTime(*task.at, Now());
         if (!until.empty())
             ParseTime(until, Now());
+        if (!historyOptions.since.empty())
+            ParsePastTime(historyOptions.since, Now());
         throw;
     }
 }

@@ -52,9 +52,16 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
 TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
                  COutput& output);
 
-// Prints the last `count` runs, 20 by default, the latest last; of all tasks if `name` is empty.
-TExitStatus History(const TCommon& common, const std::string& name,
-                    std::optional<std::size_t> count, bool failedOnly, COutput& output);
+// Which runs are listed.
+struct THistoryOptions {
+    std::optional<std::size_t> count;  // the last ones; 20 unless `since` is given
+    std::string since;                 // those since this time, as ParsePastTime() reads it
+    bool failedOnly = false;
+};
+
+// Prints runs, the latest last; of all tasks if `name` is empty.
+TExitStatus History(const TCommon& common, const std::string& name, const THistoryOptions& options,
+                    COutput& output);
 TExitStatus Status(const TCommon& common, COutput& output);
 
 // Checks `file`, or the directory's table if it is empty. Returns cDamagedStatus for a table that

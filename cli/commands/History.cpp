@@ -10,6 +10,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
+#include "cli/time/PastTime.h"
 #include "runs/HistoryReader.h"
 #include "store/NoSuchTask.h"
 
@@ -30,6 +31,11 @@ EColour ColourOf(const TRunRecord& run) {
     if (HasNoFailure(run))
         return EColour::cPlain;
     return HasLaunch(run) ? EColour::cRed : EColour::cYellow;
+}
+
+// Its launch or, without one, its due time.
+std::optional<TTime> BeginningOf(const TRunRecord& run) {
+    return run.started ? std::chrono::floor<std::chrono::seconds>(*run.started) : run.due;
 }
 
 // The time from the due time to the launch.
@@ -72,8 +78,11 @@ void PrintJson(const std::vector<TRunRecord>& runs, COutput& output) {
 
 }  // namespace
 
-TExitStatus History(const TCommon& common, const std::string& name,
-                    std::optional<std::size_t> count, bool failedOnly, COutput& output) {
+TExitStatus History(const TCommon& common, const std::string& name, const THistoryOptions& options,
+                    COutput& output) {
+    std::optional<TTime> since;
+    if (!options.since.empty())
+        since = ParsePastTime(options.since, Now());
     THistory history =
         ReadHistory(common.store.directory, name.empty() ? std::nullopt : std::optional(name));
     for (const std::string& problem : history.problems)
@@ -81,9 +90,11 @@ TExitStatus History(const TCommon& common, const std::string& name,
     std::vector<TRunRecord>& runs = history.runs;
     if (runs.empty() && !name.empty())
         RequireTask(common, name);
-    if (failedOnly)
+    if (options.failedOnly)
         std::erase_if(runs, HasNoFailure);
-    const std::size_t most = count.value_or(cDefaultCount);
+    if (since)
+        std::erase_if(runs, [&](const TRunRecord& run) { return BeginningOf(run) < *since; });
+    const std::size_t most = options.count.value_or(since ? runs.size() : cDefaultCount);
     const std::size_t all = runs.size();
     if (all > most)
         runs.erase(runs.begin(), runs.end() - static_cast<std::ptrdiff_t>(most));

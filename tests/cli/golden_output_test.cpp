@@ -62,6 +62,7 @@ static const TGolden cGolden[] = {
     {"history", {"history"}},
     {"history-name", {"history", "backup"}},
     {"history-count", {"history", "--count", "2", "--utc"}},
+    {"history-since", {"history", "--since", "yesterday noon"}},
     {"history-failed", {"history", "--failed"}},
     {"history-json", {"history", "--json"}},
     {"history-never-ran", {"history", "holiday"}},

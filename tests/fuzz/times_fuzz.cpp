@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "base/IsoTime.h"
+#include "cli/time/PastTime.h"
 #include "cli/time/PeriodFormat.h"
 #include "cli/time/TimeFormat.h"
 #include "fuzz/Require.h"
@@ -48,6 +49,11 @@ static void ParseTimeOf(std::string_view argument) {
     for (const TTime now : cNows) {
         try {
             RequireSameAgain(ParseTime(argument, now));
+        } catch (const CParseError& error) {
+            RequireMessage(error, argument);
+        }
+        try {
+            RequireSameAgain(ParsePastTime(argument, now));
         } catch (const CParseError& error) {
             RequireMessage(error, argument);
         }

@@ -143,6 +143,7 @@ TEST_F(Cli, TimeThatIsNotQuotedIsReportedAsSuch) {
     ExpectRefused(2, quote, {"create", "b", "--at", "in", "3h", "--", cRecorder, "parameter"});
     ExpectRefused(2, quote, {"next", "--until", "today", "14:30"});
     ExpectRefused(2, "unexpected argument \"14:30\"", {"next", "--until", "tomorrow", "14:30"});
+    ExpectRefused(2, "quote a time of several words", {"history", "--since", "3h", "ago"});
     ExpectRefused(2, "unexpected argument \"14:30\"; quote an argument of several words",
                   {"edit", "a", "--at", "2026-11-21", "14:30"});
 }
