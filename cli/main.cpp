@@ -501,6 +501,9 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;
     common.store.onRetry = CInterruption::ChangeIsRetried;
+    common.store.onWarning = [](const std::string& warning) {
+        std::cerr << "vxsched: " << Show(warning).string << '\n';
+    };
     const CInterruption interruption;
     const TExitStatus status = chosen();
     try {

@@ -89,8 +89,13 @@ std::string Recover(const TStoreOptions& options, TAttempt& attempt) {
     } while (IsBeingSaved(options.directory, bytes) && deadline.Pause());
     RestoreBeforeChange(options.directory);
     table = DecodeTable(ReadTableBytes(options.directory), Now());
-    AnnounceChange();
-    return "the table was damaged and is restored as it was before";
+    std::string state = "the table was damaged and is restored as it was before";
+    try {
+        AnnounceChange();
+    } catch (const CError& error) {
+        state += fmt::format("; that could not be announced: {}", error.what());
+    }
+    return state;
 }
 
 std::string WithLog(std::string message, const std::vector<std::string>& log) {
@@ -151,6 +156,8 @@ private:
             made.error = ErrorOf(message.content);
         else if (message.kind == cMessageLog)
             made.outcome.log.push_back(message.content);
+        else if (message.kind == cMessageWarning)
+            made.outcome.warnings.push_back(message.content);
         else if (message.kind == cMessageLaunchFailed)
             made.outcome.launchError = message.content;
         else if (message.kind == cMessageEnded)
@@ -238,9 +245,11 @@ std::string MadeBefore(const std::vector<TCall>& calls, const std::string& missi
 }
 
 // Checks whether a change that was cut short is in the table, and takes that for the outcome. Throws
-// CError: cUnknown if that cannot be determined, cFailed if it was not made.
+// CError: cUnknown if that cannot be determined, and if it was not made, the error that kept it from
+// being made, cFailed if the change process reported none.
 void Settle(const TStoreOptions& options, const TChange& change, TAttempt& attempt,
             const std::string& why) {
+    const EError code = attempt.error ? attempt.error->Code() : EError::cFailed;
     const std::string what = WithLog(why, attempt.outcome.log);
     if (!attempt.isBegun)
         throw MakeError(EError::cFailed,
@@ -262,8 +271,8 @@ void Settle(const TStoreOptions& options, const TChange& change, TAttempt& attem
                         "the run of \"{}\" was cut short: {}; whether the program was launched is "
                         "not known; look for its process and its effects",
                         *missing, what);
-    throw MakeError(EError::cFailed, "the change of \"{}\" was not made: {}; {}{}", *missing, what,
-                    state, MadeBefore(change.calls, *missing));
+    throw MakeError(code, "the change of \"{}\" was not made: {}; {}{}", *missing, what, state,
+                    MadeBefore(change.calls, *missing));
 }
 
 [[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
@@ -322,7 +331,7 @@ TOutcome MakeOnce(const TStoreOptions& options, const TChange& change) {
     TAttempt attempt = AttemptInTurn(options, change);
     if (!attempt.changed.empty())
         throw CChangedMeanwhile(attempt.changed);
-    if (attempt.error && (!attempt.isBegun || attempt.error->Code() != EError::cFailed))
+    if (attempt.error && !attempt.isBegun)
         throw CError(*attempt.error);
     if (attempt.error || !attempt.cutShort.empty()) {
         Settle(options, change, attempt, attempt.error ? attempt.error->what() : attempt.cutShort);
@@ -358,19 +367,37 @@ void WaitForTheTicksEnd(const TStoreOptions& options) {
                         options.lockTimeout.count());
 }
 
+void Warn(const TStoreOptions& options, const std::string& warning) {
+    if (!warning.empty() && options.onWarning)
+        options.onWarning(warning);
+}
+
+void WakeAfterChange(const TStoreOptions& options) {
+    try {
+        if (FindSchedulingProcess(options.directory))
+            WakeSchedulingProcess();
+    } catch (const CError& error) {
+        Warn(options, fmt::format("the change is made and the scheduling process could not be "
+                                  "woken: {}; the change takes effect at its next tick, within a "
+                                  "minute",
+                                  error.what()));
+    }
+}
+
 TOutcome MakeChange(const TStoreOptions& options, const TChange& change) {
     RequireSharedStore(options);
     const CDeadline deadline(options.lockTimeout);
     for (;;) {
         TOutcome outcome = MakeOnce(options, change);
-        const bool hasScheduler = FindSchedulingProcess(options.directory).has_value();
         const std::optional<std::string> missing = change.findMissing(outcome);
         if (!missing) {
-            if (hasScheduler)
-                WakeSchedulingProcess();
+            for (const std::string& warning : outcome.warnings)
+                Warn(options, warning);
+            WakeAfterChange(options);
             return outcome;
         }
-        const bool isOverwritten = hasScheduler && outcome.log.empty();
+        const bool isOverwritten =
+            outcome.log.empty() && FindSchedulingProcess(options.directory).has_value();
         if (!isOverwritten || deadline.HasPassed())
             NotThere(*missing, outcome);
         if (options.onRetry)

@@ -17,12 +17,13 @@ namespace vxsched {
 
 // The result of a change.
 struct TOutcome {
-    TTable table;                  // read back after the calls
-    std::string program;           // of a created task, as in the table
-    std::vector<std::string> log;  // the add-in's messages
-    pid_t process = 0;             // the launched program; 0: none
-    std::string launchError;       // why a launch failed
-    std::optional<int> status;     // the program's wait status, if it was waited for
+    TTable table;                       // read back after the calls
+    std::string program;                // of a created task, as in the table
+    std::vector<std::string> log;       // the add-in's messages
+    pid_t process = 0;                  // the launched program; 0: none
+    std::string launchError;            // why a launch failed
+    std::optional<int> status;          // the program's wait status, if it was waited for
+    std::vector<std::string> warnings;  // of what failed after the change was made
 };
 
 // A task differs from TCall::seen; nothing was changed.
@@ -53,6 +54,14 @@ struct TChange {
 // tick would overwrite what is written while a direct client has set its mutex free. Waits at most
 // the lock timeout. Throws CError (cBusy). The caller holds neither the writer lock nor the store mutex.
 void WaitForTheTicksEnd(const TStoreOptions& options);
+
+// Reports what has failed after a change was made, by TStoreOptions::onWarning; nothing if
+// `warning` is empty.
+void Warn(const TStoreOptions& options, const std::string& warning);
+
+// Has the scheduling process, if there is one, take up a change that is made. A failure is a
+// warning. Does not block.
+void WakeAfterChange(const TStoreOptions& options);
 
 // Makes the change in a change process, by the rules of CStore (locks, blocking, failure), and
 // wakes the scheduling process afterwards. The caller holds neither the writer lock nor the store

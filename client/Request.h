@@ -68,6 +68,8 @@ inline constexpr char cMessageBegun[] = "begun";
 inline constexpr char cMessageProgram[] = "program";
 // A log message of the add-in.
 inline constexpr char cMessageLog[] = "log";
+// What has failed after the change was made, and what that means.
+inline constexpr char cMessageWarning[] = "warning";
 // cExecute: the process id.
 inline constexpr char cMessageLaunched[] = "launched";
 // cExecute: the reason.

@@ -10,6 +10,7 @@
 #include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
 #include "store/Backups.h"
+#include "store/CChangeEvent.h"
 #include "store/CFormerTable.h"
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
@@ -313,7 +314,16 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
     RequireSharedStore(options);
     while (!TryReplaceAll(tasks, canReplace))
         WaitForTheTicksEnd(options);
-    Wake();
+    WakeAfterChange(options);
+}
+
+// Opens the event that announces the replacement. Throws CError.
+static CChangeEvent OpenChangeEvent() {
+    try {
+        return CChangeEvent();
+    } catch (const CError& error) {
+        throw MakeError(error.Code(), "{}; nothing was changed", error.what());
+    }
 }
 
 // False, without a change, if a tick is under way, whose end would overwrite the new table.
@@ -326,6 +336,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     const auto mutexLock = LockForChange<CStoreMutexLock>(options.lockTimeout, writerLock);
     if (IsTickUnderWay(options.directory))
         return false;
+    CChangeEvent changeEvent = OpenChangeEvent();
     if (options.onBegin)
         options.onBegin();
     const std::string bytes = ReadTableBytes(options.directory);
@@ -336,7 +347,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
         KeepBeforeChange(options.directory, bytes);
     ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.
-    AnnounceChange();
+    Warn(options, changeEvent.Announce());
     return true;
 }
 

@@ -42,7 +42,9 @@ template <typename Call>
 vxsched_error Do(vxsched_store* store, const Call& call) {
     try {
         store->message.clear();
-        call(vxsched::CStore(store->options));
+        vxsched::TStoreOptions options = store->options;
+        options.onWarning = [store](const std::string& warning) { store->message = warning; };
+        call(vxsched::CStore(options));
         return VXSCHED_DONE;
     } catch (const vxsched::CError& error) {
         store->message = error.what();

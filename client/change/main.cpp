@@ -29,6 +29,7 @@
 #include "interpose/SemaphoreLoad.h"
 #include "interpose/SemaphoreWait.h"
 #include "store/Backups.h"
+#include "store/CChangeEvent.h"
 #include "store/CFormerTable.h"
 #include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
@@ -107,6 +108,24 @@ void KeepLocking(const CWriterLock& writerLock) {
     FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
 }
 
+// Announces a change that is made; a failure is a warning.
+void Announce(CChangeEvent& changeEvent) {
+    if (const std::string warning = changeEvent.Announce(); !warning.empty())
+        SendMessage(cMessageWarning, warning);
+}
+
+// Announces a launch, which nothing undoes; a failure is a warning.
+void AnnounceLaunch() {
+    try {
+        AnnounceChange();
+    } catch (const CError& error) {
+        SendMessage(cMessageWarning,
+                    fmt::format("the launch could not be announced: {}; a scheduling process that "
+                                "runs may overwrite the time of the task's last launch",
+                                error.what()));
+    }
+}
+
 // Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
 // if it does not answer: a client that is stopped must not keep the locks from everybody else.
 bool MayBegin() {
@@ -178,8 +197,9 @@ void ReplacePaused(TTable table, const TCall& call) {
         task.last = call.seen.last;
         task.paused = true;
     }
+    CChangeEvent changeEvent;
     ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToSaveTable);
-    AnnounceChange();
+    Announce(changeEvent);
 }
 
 void Create(const CAddIn& addIn, const TCall& call) {
@@ -282,7 +302,7 @@ void Serve(TRequest& request) {
         // The add-in does not announce a launch outside the schedule, and the scheduling process
         // would overwrite the task's last launch. So it is announced here, while the store mutex is
         // held.
-        AnnounceChange();
+        AnnounceLaunch();
         launched = process;
         if (process != 0)
             SendMessage(cMessageLaunched, std::to_string(process));

@@ -68,7 +68,8 @@ struct TRun {
 //    scheduling process runs in another IPC namespace. cFailed: a system call or the add-in failed.
 //    Any call may throw these; cRefused and cNotFound are stated at each function.
 // 5. After a change the table is read back and compared, and the scheduling process is woken, so
-//    that the change takes effect at once.
+//    that the change takes effect at once. If it cannot be notified, the call succeeds, and
+//    TStoreOptions::onWarning is called.
 // 6. Thread-safety: an object holds only its options; threads may use distinct objects freely, and
 //    share one that none of them assigns to. Calls from several threads or processes take effect
 //    one after the other. The caller may ignore SIGCHLD.

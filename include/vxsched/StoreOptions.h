@@ -30,6 +30,10 @@ struct TStoreOptions {
     // then made again: until the next onBegin, a process that ends cancels the change. Must not
     // throw, and return within seconds.
     std::function<void()> onRetry = {};
+    // Called on the calling thread when a change is made and what should follow it has failed, with
+    // what that means, for a person: the scheduling process could not be notified, so that the
+    // change takes effect later. The call succeeds all the same. Must not throw.
+    std::function<void(const std::string&)> onWarning = {};
 };
 
 }  // namespace vxsched
