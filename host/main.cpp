@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <memory>
@@ -143,7 +144,10 @@ static int ReplaceStoreMutex(int removed) noexcept {
     }
 }
 
+// Once a second. A host that waits is up, for however long: what comes due meanwhile is its job. It
+// does not tick, so the clock is not read by time(), which would restart the tick timer.
 static void OnWaitForStoreMutex() noexcept {
+    CHeartbeat::Beat(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
     if (gGuard != nullptr)
         gGuard->WatchMutex();
 }

@@ -18,8 +18,9 @@ struct TBoot {
 // Reads the boot of the system. The id is empty if it cannot be read.
 TBoot ReadBoot();
 
-// The heartbeat of a host, in files/started/alive: each call of time(), which every tick makes,
-// writes the time there. After a kill the file shows until when the host was up.
+// The heartbeat of a host, in files/started/alive: each call of time(), which every tick makes, and
+// each second of a tick's wait for the store mutex writes the time there. After a kill the file
+// shows until when the host was up.
 //
 // The content is 64 bytes: last, since (int64 each, seconds since 1970, in the machine's byte
 // order), and the boot in which `last` was written: its time (int64, milliseconds) and its id (40
