@@ -295,6 +295,22 @@ bool HasTickEnded(const TStoreOptions& options) {
     return true;
 }
 
+// Why a tick has not ended, and what to do. Without the lock of a vxschedd, a host in the middle of a
+// tick whose store mutex a direct client has set free is like a direct client with several threads.
+std::string DescribeTick(const TStoreOptions& options) {
+    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
+    if (scheduler && !scheduler->holdsLock)
+        return fmt::format(
+            "{} has loaded the add-in and has several threads, as a host in the middle of a tick "
+            "has, and did not become idle within {} ms; if it is a host, check its log, else it is "
+            "a client that keeps others from making changes: end it",
+            scheduler->Name(), options.lockTimeout.count());
+    return fmt::format(
+        "the scheduling process is in the middle of a tick, which did not end within {} ms; check "
+        "the host's log",
+        options.lockTimeout.count());
+}
+
 // Attempts the change until nothing keeps it from being made. Throws CError.
 TAttempt AttemptInTurn(const TStoreOptions& options, const TChange& change) {
     for (;;) {
@@ -312,11 +328,11 @@ TAttempt AttemptInTurn(const TStoreOptions& options, const TChange& change) {
 // Reads the table again once the tick is over that may have overwritten the change. Throws CError
 // (cUnknown).
 TTable ReadAfterTheTick(const TStoreOptions& options) {
-    std::string why = fmt::format("the tick did not end within {} ms; check the host's log",
-                                  options.lockTimeout.count());
+    std::string why;
     try {
         if (HasTickEnded(options))
             return ReadTable(options.directory, options.lockTimeout);
+        why = DescribeTick(options);
     } catch (const CError& error) {
         why = error.what();
     }
@@ -361,10 +377,7 @@ void RequireSharedStore(const TStoreOptions& options) {
 
 void WaitForTheTicksEnd(const TStoreOptions& options) {
     if (!HasTickEnded(options))
-        throw MakeError(EError::cBusy,
-                        "the scheduling process is in the middle of a tick, which did not end "
-                        "within {} ms; nothing was changed; check the host's log",
-                        options.lockTimeout.count());
+        throw MakeError(EError::cBusy, "nothing was changed: {}", DescribeTick(options));
 }
 
 void Warn(const TStoreOptions& options, const std::string& warning) {

@@ -100,7 +100,7 @@ std::optional<TSchedulingProcess> FindUnseenHost(const fs::path& file) {
     struct stat own {};
     const bool isKnown = static_cast<bool>(content >> process >> ipcNamespace) &&
                          stat("/proc/self/ns/ipc", &own) == 0;
-    return TSchedulingProcess{0, !isKnown || own.st_ino == ipcNamespace};
+    return TSchedulingProcess{0, !isKnown || own.st_ino == ipcNamespace, true};
 }
 
 // Throws CError (cNoAccess) if this user cannot see the lock of a host.
@@ -134,10 +134,12 @@ std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& director
     if (stat(directory.c_str(), &status) != 0)
         return {};
     std::optional<pid_t> process = LockHolder(directory, status);
+    const bool holdsLock = process.has_value();
     if (!process)
         process = FindHostIn(directory, status);
     if (process)
-        return TSchedulingProcess{*process, SharesIpcNamespace(ProcessDirectory(*process))};
+        return TSchedulingProcess{*process, SharesIpcNamespace(ProcessDirectory(*process)),
+                                  holdsLock};
     RequireAccessToLock(directory);
     return FindUnseenHost(directory / cLockFile);
 }

@@ -16,6 +16,7 @@ struct VXSCHED_PUBLIC TSchedulingProcess {
     pid_t process;     // 0 if it runs in a PID namespace that this process does not see
     bool sharesStore;  // it runs in this IPC namespace; otherwise its store mutex and events cannot
                        // be reached from here. True if its namespace cannot be read
+    bool holdsLock;    // it is a vxschedd. Otherwise it may be a direct client with several threads
 
     // For a message: "process 123".
     std::string Name() const;
