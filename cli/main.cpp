@@ -27,26 +27,6 @@ namespace vxsched {
 
 namespace {
 
-TExitStatus StatusOf(EError error) {
-    switch (error) {
-        case EError::cNotFound:
-            return cNotFoundStatus;
-        case EError::cNoAccess:
-            return cNoAccessStatus;
-        case EError::cDamaged:
-            return cDamagedStatus;
-        case EError::cNoScheduler:
-            return cNoSchedulerStatus;
-        case EError::cUnknown:
-            return cUnknownStatus;
-        case EError::cFailed:
-        case EError::cBusy:
-        case EError::cRefused:
-            break;
-    }
-    return cRefusedStatus;
-}
-
 // CLI::Range would print its bounds with six decimals, and accept NaN.
 std::string CheckLockTimeout(const std::string& argument) {
     char* end = nullptr;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vxsched/Error.h>
+
 // The exit statuses of vxsched. README.md documents them for users, so they must not change.
 namespace vxsched {
 
@@ -13,5 +15,25 @@ enum TExitStatus : int {
     cNoSchedulerStatus = 6,  // the command needs a scheduling process, and none is running
     cUnknownStatus = 9,      // the change was begun; whether the table has it is not known
 };
+
+inline TExitStatus StatusOf(EError error) {
+    switch (error) {
+        case EError::cNotFound:
+            return cNotFoundStatus;
+        case EError::cNoAccess:
+            return cNoAccessStatus;
+        case EError::cDamaged:
+            return cDamagedStatus;
+        case EError::cNoScheduler:
+            return cNoSchedulerStatus;
+        case EError::cUnknown:
+            return cUnknownStatus;
+        case EError::cFailed:
+        case EError::cBusy:
+        case EError::cRefused:
+            break;
+    }
+    return cRefusedStatus;
+}
 
 }  // namespace vxsched

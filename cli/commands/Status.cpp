@@ -38,7 +38,7 @@ struct TStatus {
     std::optional<TPossibleHolder> holder;  // of a mutex whose last user has ended
     std::optional<TTable> table;
     std::string damage;
-    std::string tableError;
+    std::optional<CError> tableError;    // why the table could not be read, unless it is damaged
     std::optional<std::string> missing;  // the message, if the table is missing
     std::vector<std::string> overdue;
     std::vector<TOwedLaunch> owed;
@@ -122,7 +122,7 @@ TStatus ReadStatus(const TCommon& common) {
         if (error.Code() == EError::cDamaged)
             status.damage = error.what();
         else
-            status.tableError = error.what();
+            status.tableError = error;
     }
     status.owed = FindOwedLaunches(common.store.directory);
     status.missing = DescribeMissingTable(common.store.directory);
@@ -161,10 +161,11 @@ std::string DescribeScheduler(const TStatus& status) {
     return status.scheduler->Name();
 }
 
-std::string DescribeMutex(const TStatus& status) {
+// What is wrong with the mutex, and what to do; empty if nothing is.
+std::string DescribeMutexProblem(const TStatus& status) {
     const std::optional<TMutexState>& mutex = status.mutex;
-    if (!mutex)
-        return "not created yet";
+    if (!status.mutexError.empty())
+        return status.mutexError;
     if (status.isMutexAbandoned)
         return "made, but never given a value, and cannot be taken; run vxsched repair";
     if (status.isMutexWedged)
@@ -172,20 +173,28 @@ std::string DescribeMutex(const TStatus& status) {
     if (status.holder)
         return fmt::format("held, last by process {}; {}", mutex->lastProcess,
                            Describe(*status.holder));
-    if (mutex->value == 0)
-        return fmt::format("held by process {}", mutex->lastProcess);
-    if (mutex->value == 1)
-        return "free";
-    return fmt::format(
-        "free, but its value is {}: as many processes can hold it at once; run vxsched repair",
-        mutex->value);
+    if (mutex && mutex->value > 1)
+        return fmt::format(
+            "free, but its value is {}: as many processes can hold it at once; run vxsched repair",
+            mutex->value);
+    return "";
+}
+
+std::string DescribeMutex(const TStatus& status) {
+    if (std::string problem = DescribeMutexProblem(status); !problem.empty())
+        return problem;
+    if (!status.mutex)
+        return "not created yet";
+    if (status.mutex->value == 0)
+        return fmt::format("held by process {}", status.mutex->lastProcess);
+    return "free";
 }
 
 std::string DescribeTable(const TStatus& status) {
     if (!status.damage.empty())
         return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
-        return status.tableError;
+        return status.tableError->what();
     if (status.missing)
         return *status.missing;
     return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
@@ -205,6 +214,9 @@ void PrintJson(const TStatus& status, COutput& output) {
     json["last_tick"] = JsonOfLast(tick.value_or(TTime()));
     json["mutex"] =
         status.mutex ? nlohmann::ordered_json(status.mutex->value) : nlohmann::ordered_json();
+    const std::string mutexProblem = DescribeMutexProblem(status);
+    json["mutex_problem"] =
+        mutexProblem.empty() ? nlohmann::ordered_json() : JsonOfString(mutexProblem);
     json["tasks"] = status.table ? nlohmann::ordered_json(status.table->tasks.size())
                                  : nlohmann::ordered_json();
     json["damage"] = status.damage.empty() ? nlohmann::ordered_json() : JsonOfString(status.damage);
@@ -232,7 +244,7 @@ TExitStatus Status(const TCommon& common, COutput& output) {
         line("Scheduler", DescribeScheduler(status));
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
-        line("Mutex", status.mutexError.empty() ? DescribeMutex(status) : status.mutexError);
+        line("Mutex", DescribeMutex(status));
         if (const std::string reason = WhySemaphoresAreRefused(common.store.directory);
             !reason.empty())
             line("Semaphores", reason);
@@ -246,8 +258,8 @@ TExitStatus Status(const TCommon& common, COutput& output) {
     }
     if (!status.damage.empty())
         return cDamagedStatus;
-    if (!status.table)
-        return cNoAccessStatus;
+    if (status.tableError)
+        return StatusOf(status.tableError->Code());
     return HasScheduler(status) ? cDone : cNoSchedulerStatus;
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/sem.h>
 #include "host/recovery/CTableGuard.h"
+#include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/Layout.h"
 
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "GuardedTable.h"
 #include "HostProgram.h"
@@ -153,6 +155,13 @@ TEST(HostMutexWatch, LongTickIsNoWedge) {
 
 // ---- With vxsched -------------------------------------------------------------------------------
 
+// Runs the command with --json.
+static void ExpectInJson(std::vector<std::string> command, const std::string& part) {
+    command.emplace_back("--json");
+    const std::string output = RunTool(command).output;
+    EXPECT_NE(output.find(part), std::string::npos) << output;
+}
+
 TEST(WedgedMutex, IsSetFreeByAChangeThatWaitsForIt) {
     Inspectable([] {
         WriteTable(cThree);
@@ -236,11 +245,21 @@ TEST(AbandonedMutex, IsReportedByStatusWithTheRemedyAndLeftAlone) {
     ASSERT_NE(semget(cStoreKey, 1, IPC_CREAT | 0660), -1);
     const vxsched::CWriterLock change(".", 0ms);
     const TToolRun run = RunTool({"status"});
-    EXPECT_NE(run.output.find("Mutex      made, but never given a value, and cannot be taken; run "
-                              "vxsched repair"),
-              std::string::npos)
-        << run.output;
+    const std::string problem =
+        "made, but never given a value, and cannot be taken; run vxsched repair";
+    EXPECT_NE(run.output.find("Mutex      " + problem), std::string::npos) << run.output;
+    EXPECT_EQ(run.status, 1);
+    ExpectInJson({"status"}, "\"mutex_problem\": \"" + problem + '"');
     EXPECT_EQ(StoreSemaphoreValue(), 0);
+}
+
+TEST(HeldMutex, IsNoProblemToStatus) {
+    WriteTable(cThree);
+    MakeStoreMutex();
+    const vxsched::CStoreMutexLock tick(10s);
+    ExpectInJson({"--lock-timeout", "0", "status"}, "\"mutex\": 0");
+    ExpectInJson({"--lock-timeout", "0", "status"}, "\"mutex_problem\": null");
+    EXPECT_EQ(RunTool({"--lock-timeout", "0", "status"}).status, 1) << "the table was not read";
 }
 
 TEST(AbandonedMutex, IsGivenItsValueByARepair) {
@@ -256,16 +275,19 @@ TEST(WedgedMutex, IsReportedByStatusWithTheRemedyAndLeftAlone) {
     Inspectable([] {
         WriteTable(cThree);
         Wedge();
-        EXPECT_NE(RunTool({"status"})
-                      .output.find("held by no process, and cannot be taken; run vxsched repair"),
-                  std::string::npos);
+        const std::string problem = "held by no process, and cannot be taken; run vxsched repair";
+        const TToolRun run = RunTool({"status"});
+        EXPECT_NE(run.output.find("Mutex      " + problem), std::string::npos) << run.output;
+        EXPECT_EQ(run.status, 1) << "no permission is lacking";
+        ExpectInJson({"status"}, "\"mutex_problem\": \"" + problem + '"');
         EXPECT_EQ(StoreSemaphoreValue(), 0);
         const CProgram other(LoadAndSleep());
         WaitUntil([] { return fs::exists("ready"); });
         Wedge();
         const std::string output = RunTool({"--lock-timeout", "0", "status"}).output;
-        EXPECT_NE(output.find("process " + std::to_string(other.Id())), std::string::npos)
-            << output;
+        const std::string holder = "process " + std::to_string(other.Id()) + ' ';
+        EXPECT_NE(output.find(holder), std::string::npos) << output;
+        ExpectInJson({"--lock-timeout", "0", "status"}, holder);
         EXPECT_EQ(StoreSemaphoreValue(), 0);
     });
 }
