@@ -1,12 +1,17 @@
 #include "base/Sync.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "base/CDescriptor.h"
+
+static std::atomic<void (*)(const std::string&)> gListener{nullptr};
 
 static bool Sync(int (*sync)(int), int descriptor) {
     static const bool isLeftOut = std::getenv("VXSCHED_NO_SYNC") != nullptr;
@@ -29,6 +34,20 @@ bool SyncData(int descriptor) {
 
 void SyncDirectory(const char* path) {
     const CDescriptor directory(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.IsOpen())
-        Sync(fsync, directory.Get());
+    const bool isFlushed = directory.IsOpen() && Sync(fsync, directory.Get());
+    if (!isFlushed && errno != EINVAL && errno != ENOENT)
+        ReportSyncFailure(path);
+}
+
+void ReportSyncFailure(const char* path) {
+    const int error = errno;
+    if (const auto listener = gListener.load())
+        listener(
+            fmt::format("cannot flush {} to the disk: {}; a power failure may lose or damage "
+                        "what was saved",
+                        path, std::strerror(error)));
+}
+
+void SetSyncFailureListener(void (*listener)(const std::string& message)) {
+    gListener = listener;
 }

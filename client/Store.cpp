@@ -6,6 +6,7 @@
 #include <vxsched/SchedulingProcess.h>
 #include "base/DisplayText.h"
 #include "base/IsoTime.h"
+#include "base/Sync.h"
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
@@ -317,6 +318,29 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
     WakeAfterChange(options);
 }
 
+// Keeps the message of the first flush that fails on this thread while the object lives.
+class CSyncFailure {
+public:
+    CSyncFailure() {
+        gMessage = &message;
+        SetSyncFailureListener(Note);
+    }
+    ~CSyncFailure() { gMessage = nullptr; }
+    CSyncFailure(const CSyncFailure&) = delete;
+    CSyncFailure& operator=(const CSyncFailure&) = delete;
+
+    const std::string& Message() const { return message; }
+
+private:
+    static void Note(const std::string& failure) {
+        if (gMessage != nullptr && gMessage->empty())
+            *gMessage = failure;
+    }
+
+    static inline thread_local std::string* gMessage = nullptr;
+    std::string message;
+};
+
 // Opens the event that announces the replacement. Throws CError.
 static CChangeEvent OpenChangeEvent() {
     try {
@@ -337,6 +361,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     if (IsTickUnderWay(options.directory))
         return false;
     CChangeEvent changeEvent = OpenChangeEvent();
+    const CSyncFailure syncFailure;
     if (options.onBegin)
         options.onBegin();
     const std::string bytes = ReadTableBytes(options.directory);
@@ -348,6 +373,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.
     Warn(options, changeEvent.Announce());
+    Warn(options, syncFailure.Message());
     return true;
 }
 

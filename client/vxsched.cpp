@@ -43,7 +43,9 @@ vxsched_error Do(vxsched_store* store, const Call& call) {
     try {
         store->message.clear();
         vxsched::TStoreOptions options = store->options;
-        options.onWarning = [store](const std::string& warning) { store->message = warning; };
+        options.onWarning = [store](const std::string& warning) {
+            store->message += (store->message.empty() ? "" : "\n") + warning;
+        };
         call(vxsched::CStore(options));
         return VXSCHED_DONE;
     } catch (const vxsched::CError& error) {

@@ -21,6 +21,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
 #include "base/SignalName.h"
+#include "base/Sync.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
@@ -107,6 +108,13 @@ static void OnInformation(const std::string& name, int value, void* /*context*/)
 static void OnReadFailure() {
     LogError(fmt::format("the add-in could not read its table: {}", std::strerror(errno)));
     ReportLoss();
+}
+
+// Runs on the thread that met the failure. Only the first is logged: a disk that fails does so often.
+static void OnSyncFailure(const std::string& message) {
+    static std::atomic<bool> isLogged{false};
+    if (!isLogged.exchange(true))
+        LogWarning(message + ". Check the disk. This is logged once.");
 }
 
 // The set of the store mutex that this host made after another process had removed the former one;
@@ -257,6 +265,7 @@ static void Run(const THostOptions& options) {
     if (!options.logFile.empty())
         log.WriteTo(options.logFile);
     ReserveDescriptors();
+    SetSyncFailureListener(OnSyncFailure);
     CSignals signals;
     CServiceManager service;
     std::optional<CStartupStop> startupStop(std::in_place);

@@ -273,7 +273,8 @@ int CloseFile(int descriptor, bool isComplete) {
         return CloseSave(descriptor, isComplete);
     if (descriptor == gInPlace) {
         gInPlace = -1;
-        SyncFile(descriptor);
+        if (!SyncFile(descriptor))
+            ReportSyncFailure(cTableFile);
         gKnown.clear();  // the list shows this table now
     }
     const int result = Close(descriptor);

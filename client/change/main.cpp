@@ -17,6 +17,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/Sync.h"
 #include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
@@ -106,6 +107,14 @@ void HealStoreMutex() noexcept {
 void KeepLocking(const CWriterLock& writerLock) {
     gWriterLock = &writerLock;
     FollowNextLockedSet({ReplaceStoreMutex, HealStoreMutex});
+}
+
+// The first failure is enough for the client.
+void WarnOfSyncFailure(const std::string& message) {
+    static bool isSent = false;
+    if (!isSent)
+        SendMessage(cMessageWarning, message);
+    isSent = true;
 }
 
 // Announces a change that is made; a failure is a warning.
@@ -355,6 +364,7 @@ int Main() {
         BecomeForeignOwner(".", [nothing] { LeaveTerminals(nothing); });
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
+        SetSyncFailureListener(WarnOfSyncFailure);
         SetFileStatusListener(NoteFileStatus);
         Serve(*request);
         return 0;

@@ -32,7 +32,8 @@ struct TStoreOptions {
     std::function<void()> onRetry = {};
     // Called on the calling thread when a change is made and what should follow it has failed, with
     // what that means, for a person: the scheduling process could not be notified, so that the
-    // change takes effect later. The call succeeds all the same. Must not throw.
+    // change takes effect later, or the disk could not be flushed, so that a power failure may lose
+    // it. The call succeeds all the same. Must not throw.
     std::function<void(const std::string&)> onWarning = {};
 };
 

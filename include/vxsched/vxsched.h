@@ -71,7 +71,8 @@ VXSCHED_PUBLIC void vxsched_close(vxsched_store* store);
 
 /* The message of the last call with this store: what failed, why, and what to do. After a success,
    a warning if the change is made and the scheduling process could not be notified of it, so that it
-   takes effect later; else empty. Never NULL. Valid until the next call with this store. */
+   takes effect later, or the disk could not be flushed, so that a power failure may lose it; else
+   empty. Never NULL. Valid until the next call with this store. */
 VXSCHED_PUBLIC const char* vxsched_message(const vxsched_store* store);
 
 /* Sets how long later calls wait for each lock and for the scheduling process, in milliseconds;

@@ -2,6 +2,9 @@
 // "files", the one whose number the environment variable FAULT_CALL holds fails, counted from 1
 // over all threads. The fault is reported on standard error as "injected fault N: CALL".
 //
+// REFUSE_FLUSHES makes every flush (fsync) of a directory fail with EIO, or, if it is "linked", every
+// one of a file with several hard links.
+//
 // The symbols below are called by the program, its libraries and the add-in, on whichever thread.
 // Each passes the call on to the next definition, except the one call that fails: it makes no
 // system call (close does close) and returns -1 with errno set to ENOSPC for calls that need room,
@@ -49,6 +52,15 @@ bool Fails(const char* call, int error) {
     return true;
 }
 
+bool IsRefused(int flushed) {
+    const char* const what = std::getenv("REFUSE_FLUSHES");
+    struct stat status {};
+    if (what == nullptr || fstat(flushed, &status) == -1)
+        return false;
+    return std::string_view(what) == "linked" ? S_ISREG(status.st_mode) && status.st_nlink > 1
+                                              : S_ISDIR(status.st_mode);
+}
+
 }  // namespace
 
 extern "C" int openat(int directory, const char* path, int flags, ...) {
@@ -90,6 +102,10 @@ extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
 
 extern "C" int fsync(int descriptor) {
     static auto* const system = NextDefinition<int(int)>("fsync");
+    if (IsRefused(descriptor)) {
+        errno = EIO;
+        return -1;
+    }
     return IsOfTheStore(descriptor) && Fails("fsync", EIO) ? -1 : system(descriptor);
 }
 
