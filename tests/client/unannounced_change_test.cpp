@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,7 +58,10 @@ public:
 private:
     static int Run() {
         const int lock = open("files/vxschedd.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (flock(lock, LOCK_EX) != 0)
+        const int program = open(HOST_PROGRAM, O_RDONLY | O_CLOEXEC);
+        // A process that holds the lock and maps the program is the host.
+        if (flock(lock, LOCK_EX) != 0 ||
+            mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, program, 0) == MAP_FAILED)
             return 1;
         sembuf take{.sem_num = 0, .sem_op = -1, .sem_flg = 0};
         return semop(MakeEventFor(0, cStopKey), &take, 1);
