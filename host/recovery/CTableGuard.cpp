@@ -239,6 +239,7 @@ bool CTableGuard::TryToCheck() {
         // A direct client has removed the mutex; the worker makes it anew.
         if (isWorkerRunning && !lock.IsHeld()) {
             vxsched::WakeSchedulingProcess();
+            retryInterval.Failed();
             return false;
         }
         // A tick may be under way all the same, whose launches the table does not show yet.
