@@ -69,9 +69,8 @@ TEST(HostOutput, FileIsAppendedToAndRotatedByALaunchThatFindsItTooLarge) {
     WakeWorker();
     WaitUntil([] { return ReadFile("out/large.log") == "output new\nerror new\ninput 0\n"; });
     EXPECT_EQ(ReadFile("out/large.log.1"), "123456789\n");
-    WaitUntil([] {
-        return ReadFile("out/small.log") == "12345\noutput new\nerror new\ninput 0\n";
-    });
+    WaitUntil(
+        [] { return ReadFile("out/small.log") == "12345\noutput new\nerror new\ninput 0\n"; });
     EXPECT_FALSE(std::filesystem::exists("out/small.log.1"));
     EXPECT_EQ(host.Stop(), 0);
 }
