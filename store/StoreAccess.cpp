@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/ShellWord.h"
 #include "base/Users.h"
 #include "store/Layout.h"
 
@@ -100,8 +101,9 @@ private:
     std::string Remedy() const {
         const std::string user = FindUser(owner).name;
         return fmt::format("Check what is there, then run chown -R {} {} && chmod -R {} {}",
-                           group ? user + ':' + NameOfGroup(*group) : user, path.string(),
-                           group ? "o-w" : "go-w", path.string());
+                           group ? user + ':' + NameOfGroup(*group) : user,
+                           ShellWord(path.string()), group ? "o-w" : "go-w",
+                           ShellWord(path.string()));
     }
 
     const fs::path path;

@@ -17,6 +17,7 @@
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
+#include "base/ShellWord.h"
 #include "base/Users.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
@@ -93,10 +94,12 @@ CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
                         "store of one owner only: run chown, or work as the owner of the store",
                         path.string(), status.st_uid, first->st_uid);
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        throw MakeError(EError::cNoAccess,
-                        "{} may be written by others than its owner (mode {:04o}); the superuser "
-                        "does not work on such a store: run chmod go-w {}, or work as the owner",
-                        path.string(), status.st_mode & 07777U, path.string());
+        throw MakeError(
+            EError::cNoAccess,
+            "{} may be written by others than its owner (mode {:04o}); the superuser "
+            "does not work on such a store: work as the owner, or take it from its group and "
+            "others by chmod go-w {}",
+            path.string(), status.st_mode & 07777U, ShellWord(path.string()));
     return step;
 }
 

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include <vxsched/Error.h>
+#include "base/ShellWord.h"
 #include "base/Sync.h"
 #include "base/Users.h"
 #include "host/CHostError.h"
@@ -77,17 +78,18 @@ std::string WarningOfAccess(const std::string& directory) {
         return "";
     std::error_code ignored;
     const std::string path = std::filesystem::canonical(directory, ignored).string();
+    const std::string word = vxsched::ShellWord(path);
     if (isOpenToOthers)
         return fmt::format(
             "any user may enter or read {} (mode {:04o}), and so lock the store or see its tasks: "
             "run chmod {} {}",
-            path, status.st_mode & 07777U, isHalfOpenToGroup ? "go-rwx" : "o-rwx", path);
+            path, status.st_mode & 07777U, isHalfOpenToGroup ? "go-rwx" : "o-rwx", word);
     return fmt::format(
         "the group {} may enter, read or write {} (mode {:04o}), and so lock the store or exchange "
         "its table, and not all of the store is open to it: run chmod g-rwx {}, or open the whole "
         "store to the group: chgrp -R GROUP {} && chmod -R g+rwX {} && find {} -type d -exec chmod "
         "g+s {{}} +",
-        NameOfGroup(status.st_gid), path, status.st_mode & 07777U, path, path, path, path);
+        NameOfGroup(status.st_gid), path, status.st_mode & 07777U, word, word, word, word);
 }
 
 static void RequireTrust(const std::string& path, const std::string& directory) {
