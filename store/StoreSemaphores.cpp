@@ -31,6 +31,11 @@ std::array<TStoreSet, 3> StoreSets() {
              {"the worker's stop event", CEvent::UseOf(cStopEventName).set, 3}}};
 }
 
+bool OwnsFiles(uid_t user, const std::filesystem::path& directory) {
+    struct stat files {};
+    return stat((directory / cFilesDirectory).c_str(), &files) == 0 && files.st_uid == user;
+}
+
 // The state of a set also where this user may not read the set.
 std::optional<struct semid_ds> StatusOf(int set) {
     struct semid_ds status {};
@@ -68,7 +73,10 @@ std::string WhySemaphoresAreRefused(const std::filesystem::path& directory) {
                                set.name, status->sem_nsems, set.count, remedy);
         if (semctl(set.id, 0, GETVAL) == -1 && errno == EACCES)
             return fmt::format("{} is a semaphore set of user {}, which this user may not use. {}",
-                               set.name, access.uid, remedy);
+                               set.name, access.uid,
+                               OwnsFiles(geteuid(), directory)
+                                   ? remedy
+                                   : "It is the store's own: run this as the owner of the store");
         if ((access.mode & 0006) != 0)
             return fmt::format(
                 "{} is a semaphore set that any user may access (mode {:04o}), and could keep the "

@@ -201,7 +201,7 @@ std::string DescribeTable(const TStatus& status) {
                        status.size);
 }
 
-void PrintJson(const TStatus& status, COutput& output) {
+void PrintJson(const TStatus& status, const std::string& semaphoresProblem, COutput& output) {
     nlohmann::ordered_json json;
     json["scheduling_process"] = status.scheduler
                                      ? nlohmann::ordered_json(status.scheduler->process)
@@ -217,6 +217,8 @@ void PrintJson(const TStatus& status, COutput& output) {
     const std::string mutexProblem = DescribeMutexProblem(status);
     json["mutex_problem"] =
         mutexProblem.empty() ? nlohmann::ordered_json() : JsonOfString(mutexProblem);
+    json["semaphores_problem"] =
+        semaphoresProblem.empty() ? nlohmann::ordered_json() : JsonOfString(semaphoresProblem);
     json["tasks"] = status.table ? nlohmann::ordered_json(status.table->tasks.size())
                                  : nlohmann::ordered_json();
     json["damage"] = status.damage.empty() ? nlohmann::ordered_json() : JsonOfString(status.damage);
@@ -234,8 +236,9 @@ void PrintJson(const TStatus& status, COutput& output) {
 
 TExitStatus Status(const TCommon& common, COutput& output) {
     const TStatus status = ReadStatus(common);
+    const std::string semaphoresProblem = WhySemaphoresAreRefused(common.store.directory);
     if (common.json) {
-        PrintJson(status, output);
+        PrintJson(status, semaphoresProblem, output);
     } else {
         const auto line = [&](std::string_view label, const std::string& value) {
             output.Line(output.Coloured(fmt::format("{:<11}", label), EColour::cBold) +
@@ -245,9 +248,8 @@ TExitStatus Status(const TCommon& common, COutput& output) {
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
         line("Mutex", DescribeMutex(status));
-        if (const std::string reason = WhySemaphoresAreRefused(common.store.directory);
-            !reason.empty())
-            line("Semaphores", reason);
+        if (!semaphoresProblem.empty())
+            line("Semaphores", semaphoresProblem);
         line("File", status.file);
         line("Table", DescribeTable(status));
         for (const std::string& name : status.overdue)

@@ -114,6 +114,7 @@ protected:
             EXPECT_NE(run.status, 0) << testing::PrintToString(command);
             EXPECT_THAT(run.output, Not(HasSubstr("no host has run")));
             EXPECT_THAT(run.output, Not(HasSubstr("filesystem error")));
+            EXPECT_THAT(run.output, Not(HasSubstr("ipcrm"))) << "of what the store needs";
             // Another user cannot even find out whether a host runs, and the input is invalid.
             if (command[0] != "wake" && command[0] != "import") {
                 EXPECT_EQ(run.status, 4) << testing::PrintToString(command);
