@@ -35,6 +35,7 @@
 #include "store/CMutexHealer.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
+#include "store/ForgetLaunches.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -183,6 +184,9 @@ std::optional<TTable> Begin(TRequest& request) {
     for (TCall& call : request.calls) {
         if (const TTaskEntry* const task = table.Find(call.task.name))
             call.seen = *task;
+        // A host that is killed now launches nothing twice: the table shows the launches.
+        if (call.function == TCall::cCreate)
+            ForgetLaunches(call.task.name, call.task.next);
         if (call.throughLink) {
             call.task.program = MakeSchedulable(request.directory, call.task.program);
             SendMessage(cMessageProgram, call.task.program);

@@ -14,7 +14,7 @@
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/SystemdLibrary.h"
-#include "host/TaskFileName.h"
+#include "store/TaskFileName.h"
 
 static constexpr char cInherit[] = "inherit";
 static constexpr char cJournal[] = "journal";
@@ -56,7 +56,7 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
 CDescriptor CProgramOutput::Open(const std::optional<std::string>& task, const TWarn& warn) const {
     if (where == cInherit)
         return CDescriptor();
-    const std::string name = task ? FileNameOf(*task) : cUnknown;
+    const std::string name = task ? vxsched::FileNameOf(*task) : cUnknown;
     return where == cJournal ? OpenJournal(cTaskPrefix + name, warn) : OpenFile(name, warn);
 }
 

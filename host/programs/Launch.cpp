@@ -24,7 +24,6 @@
 
 #include "base/Spawn.h"
 #include "host/CHostLog.h"
-#include "host/TaskFileName.h"
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
@@ -33,6 +32,7 @@
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
 #include "store/CLaunchEnvironment.h"
+#include "store/TaskFileName.h"
 
 namespace {
 
@@ -88,7 +88,7 @@ vxsched::TTime TimeOf(time_t time) {
 }
 
 TLaunchIntent IntentOf(const TTask& task) {
-    return {FileNameOf(task.name), TimeOf(task.nextExecution)};
+    return {vxsched::FileNameOf(task.name), TimeOf(task.nextExecution)};
 }
 
 // The tasks that are due now: those that this tick is about to launch, and seldom one that has come
@@ -154,7 +154,7 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
     };
     std::optional<TLaunchRecord> record;
     if (run.task && run.due)
-        record = {.task = FileNameOf(*run.task),
+        record = {.task = vxsched::FileNameOf(*run.task),
                   .due = *run.due,
                   .launched = std::chrono::floor<std::chrono::seconds>(*run.started),
                   .formerStart = request.formerStart};

@@ -18,8 +18,8 @@
 #include "base/RegularFile.h"
 #include "base/Sync.h"
 #include "host/CHostLog.h"
-#include "host/TaskFileName.h"
 #include "store/Layout.h"
+#include "store/TaskFileName.h"
 
 using vxsched::cLaunchIntentsFile;
 using vxsched::cLaunchRecordDirectory;
@@ -143,7 +143,7 @@ void Warn(const char* what) {
 }  // namespace
 
 bool TLaunchIntent::IsOf(const std::string& name, vxsched::TTime time) const {
-    return due == time && task == FileNameOf(name);
+    return due == time && task == vxsched::FileNameOf(name);
 }
 
 CLaunchIntents& CLaunchIntents::Instance() {

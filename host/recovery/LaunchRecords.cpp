@@ -18,9 +18,9 @@
 #include <vxsched/Error.h>
 #include "base/Sync.h"
 #include "host/CHostLog.h"
-#include "host/TaskFileName.h"
 #include "store/Grid.h"
 #include "store/Layout.h"
+#include "store/TaskFileName.h"
 
 namespace fs = std::filesystem;
 
@@ -32,7 +32,7 @@ using vxsched::TTime;
 static constexpr std::chrono::minutes cLongerThanAnySave(1);
 
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
-    return due == time && task == FileNameOf(name);
+    return due == time && task == vxsched::FileNameOf(name);
 }
 
 bool TLaunchRecord::IsLaunchOf(const TTaskEntry& entry) const {
@@ -123,6 +123,7 @@ using TClock = std::chrono::steady_clock;
 
 struct TRemembered {
     TLaunchRecord record;
+    bool hasFile;
     TClock::time_point settled;
 };
 
@@ -133,16 +134,28 @@ std::map<std::string, TRemembered> gLaunches;
 
 }  // namespace
 
+static bool IsThere(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// Whether a client has removed the record, to make its task due again (store/ForgetLaunches.h).
+static bool IsForgotten(const TRemembered& launch) {
+    return launch.hasFile && !IsThere(PathOf(cLaunchRecordDirectory, launch.record)) &&
+           !IsThere(PathOf(cSettledLaunchDirectory, launch.record)) &&
+           IsThere(cLaunchRecordDirectory);
+}
+
 void RememberLaunch(const TLaunchRecord& record) {
+    const bool hasFile = IsThere(LaunchRecordPath(record));
     const std::lock_guard<std::mutex> lock(gMutex);
-    gLaunches.insert_or_assign(NameOf(record), TRemembered{record, {}});
+    gLaunches.insert_or_assign(NameOf(record), TRemembered{record, hasFile, {}});
 }
 
 std::vector<TLaunchRecord> ReadLaunchRecords() {
     std::vector<TLaunchRecord> records;
     std::unique_lock<std::mutex> lock(gMutex);
     for (const auto& [name, launch] : gLaunches) {
-        if (!launch.record.isSettled)
+        if (!launch.record.isSettled && !IsForgotten(launch))
             records.push_back(launch.record);
     }
     lock.unlock();
@@ -159,28 +172,31 @@ std::vector<TLaunchRecord> TakeOverSettledLaunches() {
     const std::lock_guard<std::mutex> lock(gMutex);
     for (TLaunchRecord& record : records) {
         record.isSettled = true;
-        gLaunches.insert_or_assign(NameOf(record), TRemembered{record, TClock::now()});
+        gLaunches.insert_or_assign(NameOf(record), TRemembered{record, true, TClock::now()});
     }
     return records;
 }
 
+// Whether the settled record has a file now.
 static bool MoveToSettled(const TLaunchRecord& record) {
     const std::string from = PathOf(cLaunchRecordDirectory, record);
     const std::string to = PathOf(cSettledLaunchDirectory, record);
-    if (rename(from.c_str(), to.c_str()) == 0)
-        return true;
-    return errno == ENOENT && mkdir(cSettledLaunchDirectory, 0700) == 0 &&
-           rename(from.c_str(), to.c_str()) == 0;
+    if (rename(from.c_str(), to.c_str()) == -1 && errno == ENOENT &&
+        mkdir(cSettledLaunchDirectory, 0700) == 0)
+        rename(from.c_str(), to.c_str());
+    return IsThere(to);
 }
 
 void SettleLaunches(const std::vector<TLaunchRecord>& records) {
     const std::lock_guard<std::mutex> lock(gMutex);
     const TClock::time_point now = TClock::now();
     for (const TLaunchRecord& record : records) {
-        TRemembered& launch = gLaunches.try_emplace(NameOf(record), record, now).first->second;
+        TRemembered& launch =
+            gLaunches.try_emplace(NameOf(record), TRemembered{record, false, now}).first->second;
         launch.record.isSettled = true;
         launch.settled = now;
-        if (!MoveToSettled(record))
+        launch.hasFile = MoveToSettled(record);
+        if (!launch.hasFile)
             unlink(PathOf(cLaunchRecordDirectory, record).c_str());
     }
     std::erase_if(gLaunches, [&](const auto& each) {
@@ -193,13 +209,13 @@ void SettleLaunches(const std::vector<TLaunchRecord>& records) {
 }
 
 std::optional<TLaunchRecord> FindRecentLaunch(const TTaskEntry& task) {
-    const std::string beginning = BeginningOfName(FileNameOf(task.name), task.next);
+    const std::string beginning = BeginningOfName(vxsched::FileNameOf(task.name), task.next);
     const std::lock_guard<std::mutex> lock(gMutex);
     for (auto next = gLaunches.lower_bound(beginning);
          next != gLaunches.end() && next->first.starts_with(beginning); ++next) {
         TLaunchRecord launch = next->second.record;
         launch.isSettled = true;
-        if (launch.IsLaunchOf(task))
+        if (launch.IsLaunchOf(task) && !IsForgotten(next->second))
             return launch;
     }
     return {};

@@ -15,25 +15,25 @@
 #include <vxsched/Error.h>
 #include "base/Sync.h"
 #include "host/CHostLog.h"
-#include "host/TaskFileName.h"
 #include "store/Layout.h"
 #include "store/TableFile.h"
+#include "store/TaskFileName.h"
 
 namespace fs = std::filesystem;
 
 using vxsched::TTaskEntry;
 
 std::string OwedLaunchPath(const TOwedLaunch& launch) {
-    return fmt::format("{}/{}@{}", vxsched::cOwedLaunchDirectory, FileNameOf(launch.task),
+    return fmt::format("{}/{}@{}", vxsched::cOwedLaunchDirectory, vxsched::FileNameOf(launch.task),
                        launch.due.time_since_epoch().count());
 }
 
 TLaunchIntent IntentOf(const TOwedLaunch& launch) {
-    return {.task = FileNameOf(launch.task), .due = launch.due};
+    return {.task = vxsched::FileNameOf(launch.task), .due = launch.due};
 }
 
 bool KeepOwedLaunch(const TOwedLaunch& launch) {
-    RememberLaunch({.task = FileNameOf(launch.task),
+    RememberLaunch({.task = vxsched::FileNameOf(launch.task),
                     .due = launch.due,
                     .launched = {},
                     .formerStart = launch.formerStart});

@@ -1,9 +1,9 @@
 // Launches that the system refuses for want of processes: a real host makes them when it can.
 
 #include <gtest/gtest.h>
-#include "host/TaskFileName.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/OwedLaunches.h"
+#include "store/TaskFileName.h"
 
 #include <algorithm>
 #include <csignal>
@@ -318,7 +318,8 @@ TEST_F(OwedLaunches, ThatWereMadeAreNotMadeAgain) {
         const TRow row = RefuseAndKill();
         const vxsched::TTime due{std::chrono::seconds(row.next)};
         if (hasRecord)
-            WriteFile(LaunchRecordPath({.task = FileNameOf(row.name), .due = due, .launched = {}}),
+            WriteFile(LaunchRecordPath(
+                          {.task = vxsched::FileNameOf(row.name), .due = due, .launched = {}}),
                       "");
         else
             WriteFile(

@@ -1,8 +1,8 @@
 // The records that launches leave until the table shows them.
 
 #include <gtest/gtest.h>
-#include "host/TaskFileName.h"
 #include "host/recovery/LaunchRecords.h"
+#include "store/TaskFileName.h"
 
 #include <chrono>
 #include <filesystem>
@@ -26,10 +26,11 @@ TEST(LaunchRecords, AreFoundByTaskAndDueTimeWhateverTheName) {
          {std::string("plain"), std::string("a/b"), std::string(".."), std::string("at@5"),
           std::string("%41"), std::string("\xff blank"), longest}) {
         former = former ? std::nullopt : std::optional(cNow);
-        WriteFile(
-            LaunchRecordPath(
-                {.task = FileNameOf(name), .due = Later(3), .launched = {}, .formerStart = former}),
-            "");
+        WriteFile(LaunchRecordPath({.task = vxsched::FileNameOf(name),
+                                    .due = Later(3),
+                                    .launched = {},
+                                    .formerStart = former}),
+                  "");
         const std::vector<TLaunchRecord> records = ReadLaunchRecords();
         ASSERT_EQ(records.size(), 1U) << name;
         EXPECT_TRUE(records[0].IsOf(name, Later(3))) << name;
@@ -112,4 +113,14 @@ TEST(LaunchRecords, SettledOneOfAFormerHostIsTakenOver) {
     EXPECT_TRUE(records[0].isSettled);
     EXPECT_EQ(records[0].formerStart, vxsched::TTime(-1s));
     EXPECT_TRUE(IsFound({.task = "former", .due = cNow, .launched = cNow}));
+}
+
+TEST(LaunchRecords, HaveTheNamesOfTheirTasks) {
+    TLaunchRecord record = {.task = vxsched::FileNameOf("a/b c-1@2"),
+                            .due = vxsched::TTime(std::chrono::seconds(7)),
+                            .launched = {}};
+    EXPECT_EQ(LaunchRecordPath(record), "files/started/" + vxsched::FileNameOf("a/b c-1@2") + "@7");
+    record.formerStart = vxsched::TTime(std::chrono::seconds(-1));
+    EXPECT_EQ(LaunchRecordPath(record),
+              "files/started/" + vxsched::FileNameOf("a/b c-1@2") + "@7@-1");
 }

@@ -112,10 +112,28 @@ TEST(SettledLaunches, TaskThatACommandMakesDueAgainIsLaunchedAgain) {
     WriteTable({cJob});
     CHost host;
     const TRows before = LaunchTheOnlyTask();
-    const TToolRun edit =
-        RunTool({"edit", "job", "--at", "@" + std::to_string(before.at(0).next), "--every", "1d"});
-    EXPECT_EQ(edit.status, 0) << edit.error;
-    WaitUntil([] { return CountOfLaunches() == 2; });
+    const std::string due = "@" + std::to_string(before.at(0).next);
+    for (std::size_t launches = 2; launches <= 4; ++launches) {
+        const TToolRun edit = RunTool({"edit", "job", "--at", due, "--every", "1d"});
+        EXPECT_EQ(edit.status, 0) << edit.error;
+        WaitUntil([&] { return CountOfLaunches() == launches; });
+    }
     WaitForTheNextDueTime(before[0]);
     EXPECT_EQ(host.Stop(), 0);
+}
+
+// Several of them within a second.
+TEST(SettledLaunches, TaskThatACommandCreatesAnewIsLaunched) {
+    for (const char* const period : {"once", "1h"}) {
+        std::filesystem::remove("log");
+        WriteTable({});
+        CHost host;
+        for (std::size_t launches = 1; launches <= 10; ++launches) {
+            const TToolRun create = RunTool({"create", "job", "--replace", "--at", "now", "--every",
+                                             period, "--", cJob.program, cJob.parameters});
+            EXPECT_EQ(create.status, 0) << create.error;
+            WaitUntil([&] { return CountOfLaunches() == launches; });
+        }
+        EXPECT_EQ(host.Stop(), 0);
+    }
 }

@@ -1,9 +1,9 @@
 // What becomes of a table before the host loads it: which tasks were missed, and which stay due.
 
 #include <gtest/gtest.h>
-#include "host/TaskFileName.h"
 #include "host/recovery/LaunchRecords.h"
 #include "host/startup/PrepareTable.h"
+#include "store/TaskFileName.h"
 
 #include <chrono>
 #include <map>
@@ -106,7 +106,7 @@ TEST(PrepareTable, LaunchedTasksAreNotLaunchedAgain) {
                                            Task("not", Later(-7), "/p", "")};
     const std::vector<TLaunchRecord> records = {
         {.task = "launched", .due = Later(-7), .launched = Later(-6)},
-        {.task = FileNameOf("once launched"), .due = Later(-7), .launched = Later(-5)},
+        {.task = vxsched::FileNameOf("once launched"), .due = Later(-7), .launched = Later(-5)},
         {.task = "not", .due = Later(-3607), .launched = Later(-3600)}};
     const TPrepared prepared =
         Prepared(table, records, TUptime{.since = Later(-60), .until = cNow});
@@ -126,7 +126,7 @@ TEST(PrepareTable, IntentWithoutALaunchRecordLeavesALaunchUnknown) {
                                            Task("not", Later(-7), "/p", "")};
     std::vector<TLaunchIntent> intents;
     for (std::size_t index = 0; index < 4; ++index)
-        intents.push_back({FileNameOf(table[index].name), table[index].next});
+        intents.push_back({vxsched::FileNameOf(table[index].name), table[index].next});
     intents.push_back({"shown", Later(-7)});
     intents.push_back({"gone", Later(-7)});
     const TPrepared prepared =

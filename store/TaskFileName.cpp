@@ -1,9 +1,11 @@
-#include "host/TaskFileName.h"
+#include "store/TaskFileName.h"
 
 #include <VXC_CRC32.h>
 #include <fmt/format.h>
 
 #include <cstddef>
+
+namespace vxsched {
 
 // Together with a checksum and what callers add, less than the 255 bytes of a file name.
 static constexpr std::size_t cLongestName = 200;
@@ -28,3 +30,5 @@ std::string FileNameOf(const std::string& task) {
         name = fmt::format("{}%{:08X}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
     return name;
 }
+
+}  // namespace vxsched
