@@ -9,6 +9,7 @@
 
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
+#include "cli/time/PastTime.h"
 #include "cli/time/PeriodFormat.h"
 #include "fuzz/Require.h"
 #include "host/CHostError.h"
@@ -41,9 +42,10 @@ TExitStatus Next(const TCommon& /*common*/, std::optional<std::size_t> /*count*/
     return cDone;
 }
 TExitStatus History(const TCommon& /*common*/, const std::string& name,
-                    std::optional<std::size_t> /*count*/, bool /*failedOnly*/,
-                    COutput& /*output*/) {
+                    const THistoryOptions& options, COutput& /*output*/) {
     gTaken = {name};
+    if (!options.since.empty())
+        ParsePastTime(options.since, TTime());
     return cDone;
 }
 TExitStatus Status(const TCommon& /*common*/, COutput& /*output*/) {
