@@ -345,6 +345,12 @@ bool CTableGuard::Examine(const std::string& bytes) {
         Restore(bytes, "the add-in could not save its table", std::move(tasks));
         return false;
     }
+    // The worker would do the same at its next tick, if it were to read the table: what has saved it
+    // may not have announced that.
+    if (ApplyLaunchRecords(RecentLaunches(), vxsched::Now(), tasks) > 0) {
+        Restore(bytes, "a process has saved the table as it was before a launch", std::move(tasks));
+        return false;
+    }
     if (listener)
         listener(tasks);
     // After the snapshot: should a power failure damage the table, what it is repaired from has to

@@ -166,6 +166,16 @@ std::vector<TLaunchRecord> ReadLaunchRecords() {
     return records;
 }
 
+std::vector<TLaunchRecord> RecentLaunches() {
+    std::vector<TLaunchRecord> recent;
+    const std::lock_guard<std::mutex> lock(gMutex);
+    for (const auto& [name, launch] : gLaunches) {
+        if (launch.record.isSettled && !IsForgotten(launch))
+            recent.push_back(launch.record);
+    }
+    return recent;
+}
+
 std::vector<TLaunchRecord> TakeOverSettledLaunches() {
     std::vector<TLaunchRecord> records;
     AddRecordsOf(cSettledLaunchDirectory, records);

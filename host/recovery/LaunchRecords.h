@@ -50,6 +50,9 @@ void RememberLaunch(const TLaunchRecord& record);
 // programs would be launched twice. Any thread may call it.
 std::vector<TLaunchRecord> ReadLaunchRecords();
 
+// Returns the remembered settled launches that no client has made due again. Any thread may call it.
+std::vector<TLaunchRecord> RecentLaunches();
+
 // Returns the settled records that a former host has left and remembers them for a minute from now.
 // To be called once, at the startup. Those that cannot be read are left out.
 std::vector<TLaunchRecord> TakeOverSettledLaunches();
