@@ -182,10 +182,11 @@ std::optional<TTable> Begin(TRequest& request) {
     // Under the same writer lock as the calls, or another client might remove the link before its
     // task is in the table.
     for (TCall& call : request.calls) {
-        if (const TTaskEntry* const task = table.Find(call.task.name))
+        const TTaskEntry* const task = table.Find(call.task.name);
+        if (task != nullptr)
             call.seen = *task;
-        // A host that is killed now launches nothing twice: the table shows the launches.
-        if (call.function == TCall::cCreate)
+        // If the task has this due time already, its launch may not be in the table yet.
+        if (call.function == TCall::cCreate && (task == nullptr || task->next != call.task.next))
             ForgetLaunches(call.task.name, call.task.next);
         if (call.throughLink) {
             call.task.program = MakeSchedulable(request.directory, call.task.program);

@@ -149,3 +149,19 @@ TEST(SettledLaunches, TaskThatACommandCreatesAnewIsLaunched) {
         EXPECT_EQ(host.Stop(), 0);
     }
 }
+
+// Its host was killed after the launch, before the table showed it.
+TEST(SettledLaunches, TaskThatIsDueAndLaunchedKeepsItsRecordWhenACommandChangesIt) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    WriteTable(before);
+    for (const auto& file : std::filesystem::directory_iterator("files/settled"))
+        std::filesystem::rename(file.path(), "files/started" / file.path().filename());
+    const TToolRun edit = RunTool({"edit", "job", "--parameter", "log", "--even-if-due"});
+    EXPECT_EQ(edit.status, 0) << edit.error;
+    CHost next;
+    ExpectNoSecondLaunchBy(next, before[0]);
+}
