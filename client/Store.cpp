@@ -313,10 +313,15 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
 void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
                         const std::function<void(const std::string&)>& canReplace) const {
     RequireSharedStore(options);
-    while (!TryReplaceAll(tasks, canReplace))
+    std::vector<std::string> warnings;
+    while (!TryReplaceAll(tasks, canReplace, warnings))
         WaitForTheTicksEnd(options);
+    for (const std::string& warning : warnings)
+        Warn(options, warning);
     WakeAfterChange(options);
 }
+
+namespace {
 
 // Keeps the message of the first flush that fails on this thread while the object lives.
 class CSyncFailure {
@@ -341,6 +346,8 @@ private:
     std::string message;
 };
 
+}  // namespace
+
 // Opens the event that announces the replacement. Throws CError.
 static CChangeEvent OpenChangeEvent() {
     try {
@@ -350,9 +357,11 @@ static CChangeEvent OpenChangeEvent() {
     }
 }
 
-// False, without a change, if a tick is under way, whose end would overwrite the new table.
+// False, without a change, if a tick is under way, whose end would overwrite the new table. The
+// caller reports `warnings` after the locks are released: their reader may take its time.
 bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
-                           const std::function<void(const std::string&)>& canReplace) const {
+                           const std::function<void(const std::string&)>& canReplace,
+                           std::vector<std::string>& warnings) const {
     const COwnerAccess ownerAccess(options.directory);
     // Lock order: directory lock (hosts only), writer lock, store mutex. The writer lock keeps other
     // processes from loading the add-in, which would set the mutex free.
@@ -372,8 +381,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
         KeepBeforeChange(options.directory, bytes);
     ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.
-    Warn(options, changeEvent.Announce());
-    Warn(options, syncFailure.Message());
+    warnings = {changeEvent.Announce(), syncFailure.Message()};
     return true;
 }
 

@@ -90,10 +90,10 @@ public:
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
     // Adds an active task at the end of the table. With `replace` a task of the same name keeps its
-    // position in the table and its last launch, and gets all other fields. A repeating task whose due time is past by more
-    // than cJustPast is rescheduled to its next one. Returns the entry as it is in the table.
-    // Throws cRefused on a validation error that is not forced, and without `replace` if the name
-    // is taken.
+    // position in the table and its last launch, and gets all other fields. A repeating task whose
+    // due time is past by more than cJustPast is rescheduled to its next one. Returns the entry as
+    // it is in the table. Throws cRefused on a validation error that is not forced, and without
+    // `replace` if the name is taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
     // Returns the entry that Edit() would write, without a change. Throws like Edit().
@@ -152,7 +152,8 @@ public:
 private:
     TTaskEntry Get(std::string_view name) const;
     bool TryReplaceAll(const std::vector<TTaskEntry>& tasks,
-                       const std::function<void(const std::string& bytes)>& canReplace) const;
+                       const std::function<void(const std::string& bytes)>& canReplace,
+                       std::vector<std::string>& warnings) const;
     TTaskEntry TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const;
 
     TStoreOptions options;

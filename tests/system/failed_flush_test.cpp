@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -50,6 +53,47 @@ TEST(FailedFlush, IsAWarningOfACommand) {
     EXPECT_EQ(ReadTable(), TRows());
 }
 
+// A pipe that nobody reads, and that is full.
+class CStalledReader {
+public:
+    CStalledReader() {
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        while (write(ends[1], "x", 1) == 1) {
+        }
+        fcntl(ends[1], F_SETFL, 0);
+    }
+    ~CStalledReader() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    CStalledReader(const CStalledReader&) = delete;
+    CStalledReader& operator=(const CStalledReader&) = delete;
+
+    int End() const { return ends[1]; }
+
+private:
+    int ends[2] = {-1, -1};
+};
+
+TEST(FailedFlush, WarningThatNobodyReadsKeepsNobodyFromTheStore) {
+    WriteTable(cThree);
+    WriteFile("empty.json", R"({"version": 1, "tasks": []})");
+    const CStalledReader reader;
+    const CForkedChild import([&] {
+        setenv("LD_PRELOAD", INTERPOSED_SYSTEM, 1);
+        setenv("REFUSE_FLUSHES", "directories", 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+        dup2(reader.End(), STDERR_FILENO);
+        return execl(TOOL_PROGRAM, TOOL_PROGRAM, "import", "--replace", "empty.json", nullptr);
+    });
+    WaitUntil([] { return ReadTable().empty(); });
+    const TToolRun create =
+        RunTool({"create", "fourth", "--at", "2090-01-01 00:00", "--", "/bin/true"});
+    EXPECT_EQ(create.status, 0) << create.error;
+    EXPECT_FALSE(HasEnded(import.Id()));
+}
+
 // A table with two hard links is rewritten in place.
 TEST(FailedFlush, OfATableThatIsRewrittenInPlaceIsOneToo) {
     WriteTable(cThree);
@@ -67,8 +111,11 @@ TEST(FailedFlush, IsLoggedOnceByAHost) {
     for (const char* const name : {"LD_PRELOAD", "REFUSE_FLUSHES", "ASAN_OPTIONS"})
         unsetenv(name);
     // Each change is a table to keep, in a directory to flush.
-    for (const char* const name : {"first", "second"})
+    for (const char* const name : {"first", "second"}) {
+        const std::size_t snapshots = CountIn("files/snapshots");
         EXPECT_EQ(RunTool({"pause", name}).status, 0);
+        WaitUntil([&] { return CountIn("files/snapshots") > snapshots; });
+    }
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput(cWarning), 1U) << host.Output();
 }
