@@ -296,9 +296,15 @@ void CTableGuard::NoteDamage() {
     // Otherwise it may be a save that has only begun.
     if (lease.State() != vxsched::CTableLease::cHeld)
         return;
+    std::string bytes;
+    try {
+        bytes = lease.Read();
+    } catch (const vxsched::CError&) {
+        return;  // what cannot be read is reported by a check
+    }
     lastNoted = state;
     try {
-        TasksOf(lease.Read());
+        TasksOf(bytes);
     } catch (const vxsched::CError& error) {
         isDamageNoted = true;
         LogError(
@@ -361,8 +367,8 @@ bool CTableGuard::Examine(const std::string& bytes) {
 }
 
 // Returns the tasks of the last valid table that are gone; none when these and the new ones are no
-// more than the saves that were seen, and no damage was in between. Each call of a client removes or creates one task at most, so
-// a save that does both has overwritten another client's.
+// more than the saves that were seen, and no damage was in between. Each call of a client removes
+// or creates one task at most, so a save that does both has overwritten another client's.
 std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tasks) const {
     std::vector<TTaskEntry> lost;
     if (!lastValid || saves.replacedAll)
