@@ -49,6 +49,16 @@ void COwedLaunches::Add(const TOwedLaunch& launch) {
     SetTimer();
 }
 
+void COwedLaunches::Made(const std::string& task, vxsched::TTime due) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    std::erase_if(launches, [&](const TOwedLaunch& launch) {
+        const bool isMade = launch.task == task && launch.due == due;
+        if (isMade)
+            ForgetOwedLaunch(launch);
+        return isMade;
+    });
+}
+
 void COwedLaunches::MakeAll(const std::function<bool(const TOwedLaunch&)>& make) {
     std::uint64_t ignored = 0;
     static_cast<void>(read(timer.Get(), &ignored, sizeof ignored) == -1);

@@ -26,6 +26,9 @@ public:
     // Does not block but for disk access.
     void Add(const TOwedLaunch& launch);
 
+    // To be called when the launch was made otherwise: a direct client had brought its due time back.
+    void Made(const std::string& task, vxsched::TTime due);
+
     // Readable when it is time for MakeAll(). -1 if the system has no timer.
     int Descriptor() const { return timer.Get(); }
 

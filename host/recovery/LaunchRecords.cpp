@@ -145,6 +145,14 @@ static bool IsForgotten(const TRemembered& launch) {
            IsThere(cLaunchRecordDirectory);
 }
 
+// Whether a due time that is brought back is that of this launch, and not of one that is still owed,
+// nor one that a client has set again.
+static bool IsRecent(const TRemembered& launch) {
+    const bool isOld =
+        launch.record.isSettled && TClock::now() - launch.settled >= cLongerThanAnySave;
+    return launch.record.launched != TTime() && !isOld && !IsForgotten(launch);
+}
+
 void RememberLaunch(const TLaunchRecord& record) {
     const bool hasFile = IsThere(LaunchRecordPath(record));
     const std::lock_guard<std::mutex> lock(gMutex);
@@ -170,7 +178,7 @@ std::vector<TLaunchRecord> RecentLaunches() {
     std::vector<TLaunchRecord> recent;
     const std::lock_guard<std::mutex> lock(gMutex);
     for (const auto& [name, launch] : gLaunches) {
-        if (launch.record.isSettled && !IsForgotten(launch))
+        if (launch.record.isSettled && IsRecent(launch))
             recent.push_back(launch.record);
     }
     return recent;
@@ -225,7 +233,7 @@ std::optional<TLaunchRecord> FindRecentLaunch(const TTaskEntry& task) {
          next != gLaunches.end() && next->first.starts_with(beginning); ++next) {
         TLaunchRecord launch = next->second.record;
         launch.isSettled = true;
-        if (launch.IsLaunchOf(task) && !IsForgotten(next->second))
+        if (launch.IsLaunchOf(task) && IsRecent(next->second))
             return launch;
     }
     return {};

@@ -11,9 +11,9 @@
 // and its record cannot be separated, not even by a kill of the host.
 //
 // Once the table shows the launch, the record is settled: it moves to files/settled/ and is removed
-// at a check of the table a minute later. Until then it keeps a due time from being launched twice that a direct client
-// brings back: one that has read the table before the tick and saves it afterwards, since its load
-// or another's has set the store mutex free.
+// at a check of the table a minute later. Until then it keeps a due time from being launched twice
+// that a direct client brings back: one that has read the table before the tick and saves it
+// afterwards, since its load or another's has set the store mutex free.
 //
 // A record's name is NAME@DUE@FORMER: the task's name as FileNameOf() encodes it, without an '@',
 // the due time, and the task's last start before this one, in seconds since 1970; without @FORMER
@@ -50,7 +50,8 @@ void RememberLaunch(const TLaunchRecord& record);
 // programs would be launched twice. Any thread may call it.
 std::vector<TLaunchRecord> ReadLaunchRecords();
 
-// Returns the remembered settled launches that no client has made due again. Any thread may call it.
+// Returns the launches that were settled within the last minute and that no client has made due
+// again. Any thread may call it.
 std::vector<TLaunchRecord> RecentLaunches();
 
 // Returns the settled records that a former host has left and remembers them for a minute from now.
@@ -61,8 +62,9 @@ std::vector<TLaunchRecord> TakeOverSettledLaunches();
 // cannot be moved is removed, and remembered by this process only. Any thread may call it.
 void SettleLaunches(const std::vector<TLaunchRecord>& records);
 
-// Returns the remembered launch, settled or not, that was made for the due time of a task that
-// repeats, as IsLaunchOf() has it for a settled one. Any thread may call it.
+// Returns the remembered launch that was made for the due time of a task that repeats, as
+// IsLaunchOf() has it for a settled one: one that is not settled yet, or was within the last minute.
+// An owed launch is none. Any thread may call it.
 std::optional<TLaunchRecord> FindRecentLaunch(const vxsched::TTaskEntry& task);
 
 // Applies to `tasks` each launch that they do not show: the task is rescheduled to the first time on

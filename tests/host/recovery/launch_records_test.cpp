@@ -97,8 +97,8 @@ TEST(LaunchRecords, SettledOneIsFoundUntilItIsRemovedAfterAMinute) {
     EXPECT_TRUE(IsFound(first));
     EXPECT_EQ(CountIn("files/settled", "first@"), 1U);
     clock.slept += 1s;
-    SettleLaunches({});
     EXPECT_FALSE(IsFound(first));
+    SettleLaunches({});
     EXPECT_EQ(CountIn("files/settled", "first@"), 0U);
     EXPECT_TRUE(IsFound(second));
 }
