@@ -121,16 +121,31 @@ static void OnSyncFailure(const std::string& message) {
 // -1 if there is none.
 static std::atomic<int> gMadeSet{-1};
 
+static vxsched::TStoreMutexSet OpenOrMakeStoreMutex() {
+    const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
+    if (set.isMade) {
+        gMadeSet = set.id;
+        vxsched::SetSemaphoreAccess(".");
+    }
+    return set;
+}
+
+// For the time after the worker has ended, which makes a removed mutex anew at its next lock. What
+// is owed is launched under a store mutex only.
+static void KeepStoreMutex() {
+    try {
+        OpenOrMakeStoreMutex();
+    } catch (const std::exception&) {
+        // Tried again in a second.
+    }
+}
+
 // The next three functions run on the thread that locks: the worker, or the main thread.
 
 static int TryToReplaceStoreMutex(int removed) {
     static std::atomic<int> lastRemoved{-1};
     try {
-        const vxsched::TStoreMutexSet set = vxsched::OpenOrMakeStoreMutex();
-        if (set.isMade) {
-            gMadeSet = set.id;
-            vxsched::SetSemaphoreAccess(".");
-        }
+        const vxsched::TStoreMutexSet set = OpenOrMakeStoreMutex();
         if (lastRemoved.exchange(removed) != removed)
             LogWarning(fmt::format(
                 "the store mutex was removed, as by a process that loads the add-in itself and "
@@ -328,7 +343,7 @@ static void Run(const THostOptions& options) {
     }
     heartbeat.Stop();
     if (options.runOnce) {
-        const CIdleWorker idleWorker(*stopEvent);
+        const CIdleWorker idleWorker(*stopEvent, KeepStoreMutex);
         loop.WaitForPrograms();
     }
     guard.End();

@@ -10,15 +10,16 @@
 // be in the middle of a tick, and would put off their changes until it has ended.
 class CIdleWorker {
 public:
-    // The worker has ended. The caller keeps the event alive. If the system has no thread, clients
-    // wait.
-    explicit CIdleWorker(CEvent& stopEvent);
+    // The worker has ended. The caller keeps the event alive. `onWake` is called at each signal of
+    // the event and once a second; it must not throw. If the system has no thread, clients wait.
+    CIdleWorker(CEvent& stopEvent, void (*onWake)());
     ~CIdleWorker();  // blocks for at most a second
     CIdleWorker(const CIdleWorker&) = delete;
     CIdleWorker& operator=(const CIdleWorker&) = delete;
 
 private:
     CEvent& stopEvent;
+    void (*const onWake)();
     std::atomic<bool> isStopping{false};
     std::thread thread;
 };

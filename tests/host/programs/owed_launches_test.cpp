@@ -5,6 +5,9 @@
 #include "host/recovery/OwedLaunches.h"
 #include "store/TaskFileName.h"
 
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -133,6 +136,20 @@ TEST_F(OwedLaunches, AreNotOwedTwiceIfTheirDueTimeIsSavedAgain) {
     }
 }
 
+TEST_F(OwedLaunches, OfATaskThatIsMadeDueAgainWithAnotherParameterAreMadeWithThat) {
+    CHost host;
+    const TRow row = Refuse(host, 24);
+    const TToolRun edit = RunTool({"edit", row.name, "--at", '@' + std::to_string(row.next),
+                                   "--every", "1d", "--parameter", "another log"},
+                                  cPermitted);
+    EXPECT_EQ(edit.status, 0) << edit.error;
+    Permit();
+    WaitUntil([] { return fs::exists("another log"); });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_FALSE(fs::exists("log")) << host.Output();
+    EXPECT_EQ(Lines("another log").size(), 1U) << host.Output();
+}
+
 // The tick tries many times before the launch is owed.
 TEST_F(OwedLaunches, OutputIsOpenedOnceForAllAttemptsOfATick) {
     CHost host(HostWith({"--output", "out"}));
@@ -186,6 +203,21 @@ TEST_F(OwedLaunches, AreMadeByAHostThatRunsOnce) {
     Permit();
     EXPECT_EQ(host.Wait(), 0);
     ExpectNothingOwed();
+}
+
+// A direct client that exits normally removes the mutex; the worker, which would make it anew, has
+// ended.
+TEST_F(OwedLaunches, AreMadeByAHostThatRunsOnceUnderANewStoreMutex) {
+    LeaveDue(0);
+    CProgram host(HostWith({"--run-once"}));
+    EXPECT_TRUE(host.WaitForOutput("as soon as the system has a process")) << host.Output();
+    const auto attempts = fs::file_size(cRefusal);
+    WaitUntil([&] { return fs::file_size(cRefusal) > attempts; });
+    ASSERT_EQ(semctl(semget(cStoreKey, 1, 0), 0, IPC_RMID), 0);
+    Permit();
+    EXPECT_EQ(host.Wait(), 0);
+    ExpectNothingOwed();
+    EXPECT_FALSE(StoreSemaphoreExists());
 }
 
 // ---- A task that is changed meanwhile ------------------------------------------------------------
