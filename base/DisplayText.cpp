@@ -20,18 +20,23 @@ struct TRange {
 // emoji need U+200D. They only choose the shapes of their neighbours.
 constexpr TRange cHidden[] = {
     {0x00ad, 0x00ad},    // soft hyphen
+    {0x034f, 0x034f},    // combining grapheme joiner
     {0x061c, 0x061c},    // Arabic letter mark
+    {0x115f, 0x1160},    // Hangul fillers
     {0x180e, 0x180e},    // Mongolian vowel separator
     {0x200b, 0x200b},    // zero width space
     {0x200e, 0x200f},    // left-to-right and right-to-left mark
     {0x2028, 0x2029},    // line and paragraph separator
     {0x202a, 0x202e},    // bidirectional embeddings and overrides
     {0x2060, 0x206f},    // word joiner, invisible operators, bidirectional isolates
+    {0x2800, 0x2800},    // blank Braille pattern
+    {0x3164, 0x3164},    // Hangul filler
     {0xfeff, 0xfeff},    // zero width no-break space, the byte order mark
+    {0xffa0, 0xffa0},    // halfwidth Hangul filler
     {0xfff9, 0xfffb},    // interlinear annotations
     {0x1bca0, 0x1bca3},  // shorthand controls
     {0x1d173, 0x1d17a},  // musical controls
-    {0xe0000, 0xe007f},  // tags
+    {0xe0000, 0xe0fff},  // tags, variation selectors of ideographs
 };
 
 bool IsHidden(std::uint32_t character) {

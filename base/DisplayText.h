@@ -15,9 +15,10 @@ struct TShown {
 
 // Replaces by U+FFFD each byte that is not UTF-8, and each character that acts on others or that nobody
 // can see: control characters and line ends, bidirectional controls, line and paragraph separators,
-// and the other invisible format characters. So no string can send control sequences to the
+// fillers and the other invisible format characters. So no string can send control sequences to the
 // terminal, forge a line, have a line shown in another order, or hide a part of itself. Letters of
-// every script stay, and so do U+200C and U+200D: see DisplayText.cpp.
+// every script stay, and so do U+200C, U+200D and the variation selectors of emoji: see
+// DisplayText.cpp.
 TShown Show(std::string_view string);
 
 // Like Show(), but appends the result to `to`. Returns the columns that were added.

@@ -49,15 +49,18 @@ TEST(DisplayText, ReplacesLineAndParagraphSeparators) {
 }
 
 TEST(DisplayText, ReplacesInvisibleCharacters) {
-    ExpectReplaced({"\u00ad", "\u180e", "\u200b", "\u2060", "\u2064", "\u206a", "\u206f", "\ufeff",
-                    "\ufff9", "\ufffb", "\U0001bca0", "\U0001d173", "\U0001d17a", "\U000e0001",
-                    "\U000e0020", "\U000e007f"});
+    ExpectReplaced({"\u00ad",     "\u034f",     "\u115f",     "\u1160",     "\u180e",
+                    "\u200b",     "\u2060",     "\u2064",     "\u206a",     "\u206f",
+                    "\ufeff",     "\ufff9",     "\ufffb",     "\U0001bca0", "\U0001d173",
+                    "\U0001d17a", "\U000e0001", "\U000e0020", "\U000e007f", "\u2800",
+                    "\u3164",     "\uffa0",     "\U000e0100", "\U000e01ef"});
 }
 
 TEST(DisplayText, KeepsWhatIsNextToTheReplaced) {
     for (const char* const other :
-         {"\u00ac", "\u00ae", "\u061b", "\u061d", "\u200a", "\u2010", "\u2027", "\u202f", "\u205f",
-          "\u2070", "\ufefe", "\uff01", "\ufffc", "\U0001bc9f", "\U0001d172", "\U0001d17b"})
+         {"\u00ac", "\u00ae", "\u034e", "\u0350",     "\u115e",     "\u1161",    "\u061b",
+          "\u061d", "\u200a", "\u2010", "\u2027",     "\u202f",     "\u205f",    "\u2070",
+          "\ufefe", "\uff01", "\ufffc", "\U0001bc9f", "\U0001d172", "\U0001d17b"})
         EXPECT_EQ(Show(other).string, other) << testing::PrintToString(other);
 }
 
