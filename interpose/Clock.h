@@ -17,6 +17,6 @@ public:
 };
 
 // Sets the function to call with the system's time at every call of time(), on the calling thread;
-// each tick makes one such call. Its result is that of the call. It must not throw, nor call
-// time(). null: none. Any thread may set it.
+// each tick makes one such call. Its result is that of the call, unless the clock is frozen. It
+// must not throw, nor call time(). null: none. Any thread may set it.
 void SetTimeHandler(time_t (*handler)(time_t now));

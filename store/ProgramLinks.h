@@ -14,8 +14,8 @@ namespace vxsched {
 
 // Returns the path for the table for `program`, an absolute path: itself if the add-in launches it
 // as it is, else the path of a link to it, which is made if there is none yet. The program sees the
-// link's path as its argv[0]; the link is on the disk. Throws CError (cNoAccess, cFailed) if the link cannot be made; the
-// directory may have been made by then.
+// link's path as its argv[0]; the link is on the disk. Throws CError (cNoAccess, cFailed) if the
+// link cannot be made; the directory may have been made by then.
 std::string MakeSchedulable(const std::filesystem::path& directory, const std::string& program);
 
 // Makes the link `path`, as returned by MakeSchedulable(), to `program`, and its directory, unless

@@ -8,11 +8,11 @@ namespace vxsched {
 
 // From now on the files/scheduler.dat that a COpen of this process opens to save, by this spelling
 // of the path, is a temporary file, which replaces the table when it is closed complete; owner and
-// mode stay. The table is then on the disk. Where there can be no such file (the table is a link or has several, or its owner
-// cannot be restored) the table is rewritten in place. What is no regular file is not opened at
-// all. After a failed read of the table, saves are discarded until a read succeeds. To be called
-// before the add-in is loaded; it acts until the process ends. The store mutex is held while a
-// COpen has the table open.
+// mode stay. The table is then on the disk. Where there can be no such file (the table is a link or
+// has several, or its owner cannot be restored) the table is rewritten in place. What is no regular
+// file is not opened at all. After a failed read of the table, saves are discarded until a read
+// succeeds. To be called before the add-in is loaded; it acts until the process ends. The store
+// mutex is held while a COpen has the table open.
 void SaveTableInOneStep();
 
 // Takes the result of a check whether `path` exists: 0, or the errno. The add-in makes one before

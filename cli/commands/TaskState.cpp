@@ -6,7 +6,7 @@
 
 namespace vxsched {
 
-// The scheduling process ticks once a minute, so a task due for less than that is not late.
+// vxschedd launches a task in its due second, but other hosts of the add-in tick once a minute.
 static constexpr std::chrono::seconds cGrace(60);
 
 const char* TTaskState::Name() const {

@@ -7,10 +7,10 @@
 // Decides from outside the add-in whether its worker is alive.
 //
 // A healthy worker is nearly always idle, waiting for the stop event. During a tick it launches
-// programs one after the other, each with a pause of some seconds at most. So the worker is alive if it is
-// idle at the moment of a check, or if a program was launched since the last check that found it
-// alive. A worker that is in an endless catch-up, waits for a store mutex that is never released,
-// or has ended is neither.
+// programs one after the other, each with a pause of some seconds at most. So the worker is alive
+// if it is idle at the moment of a check, or if a program was launched since the last check that
+// found it alive. A worker that is in an endless catch-up, waits for a store mutex that is never
+// released, or has ended is neither.
 //
 // Limitation: whose worker waits for the event is not known. Another scheduling process in the IPC
 // namespace looks like an idle worker.

@@ -16,8 +16,9 @@ namespace vxsched {
 
 using TTime = std::chrono::sys_seconds;
 
-// The time by the coarse system clock, which the add-in reads. It may lag behind other clocks, that
-// of vxschedd among them, by a few milliseconds, so that those are already in the next second.
+// The time by time(), as the add-in reads it. In most processes that is the coarse system clock,
+// which may lag behind others, that of vxschedd among them, by a few milliseconds, so that those are
+// already in the next second.
 VXSCHED_PUBLIC TTime Now();
 
 // One task as the table holds it. Strings may contain any byte.

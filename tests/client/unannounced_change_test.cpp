@@ -151,7 +151,7 @@ TEST_F(UnannouncedChange, WarningIsTheMessageOfACallForC) {
     vxsched_close(forC);
 }
 
-// A refusal, unlike other failures, used to be reported without a check of what had been done.
+// Also a refusal is checked against what has been done.
 TEST_F(UnannouncedChange, EditOfAPausedTaskThatMayNotBeAnnouncedIsNotMade) {
     REQUIRE_SUPERUSER();
     TRow paused = Row("a");
