@@ -11,7 +11,7 @@ namespace vxsched {
 namespace {
 
 // Nobody types a longer name by hand, and the time grows with its square.
-constexpr std::size_t cLongestName = 64;
+constexpr std::size_t cLongestComparedName = 64;
 
 char Lower(char character) {
     return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
@@ -49,7 +49,7 @@ std::string_view Nearest(std::string_view name, const TTable& table) {
     for (const TTaskEntry& task : table.tasks) {
         const std::size_t shorter = std::min(name.size(), task.name.size());
         const std::size_t longer = std::max(name.size(), task.name.size());
-        if (longer > cLongestName || longer - shorter >= best)
+        if (longer > cLongestComparedName || longer - shorter >= best)
             continue;
         const std::size_t distance = Distance(name, task.name);
         if (distance < best && distance < longer) {

@@ -12,7 +12,7 @@ namespace vxsched {
 namespace {
 
 constexpr std::size_t cCount = 8;  // bytes of the number of tasks, before the first task
-constexpr std::size_t cLongestName = 4096;
+constexpr std::size_t cLongestTaskName = 4096;
 constexpr std::chrono::seconds cFarFromNow = std::chrono::hours(24LL * 365 * 10'000);
 
 bool IsPlausibleTime(TTime time) {
@@ -21,7 +21,7 @@ bool IsPlausibleTime(TTime time) {
 
 // Bytes that are not a task hardly ever pass these checks by chance.
 bool IsPlausible(const TTaskView& task) {
-    return !task.name.empty() && task.name.size() <= cLongestName && IsPlausibleTime(task.next) &&
+    return !task.name.empty() && task.name.size() <= cLongestTaskName && IsPlausibleTime(task.next) &&
            IsPlausibleTime(task.last) && !task.program.empty() && task.program.size() < PATH_MAX &&
            task.flag <= 1 && task.name.find('\0') == std::string_view::npos &&
            task.program.find('\0') == std::string_view::npos;

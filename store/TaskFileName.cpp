@@ -8,7 +8,7 @@
 namespace vxsched {
 
 // Together with a checksum and what callers add, less than the 255 bytes of a file name.
-static constexpr std::size_t cLongestName = 200;
+static constexpr std::size_t cLongestFileName = 200;
 
 static bool IsPlain(char character, bool isFirst) {
     return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
@@ -26,8 +26,8 @@ std::string FileNameOf(const std::string& task) {
         else
             name += fmt::format("%{:02X}", static_cast<unsigned char>(character));
     }
-    if (name.size() > cLongestName)
-        name = fmt::format("{}%{:08X}", name.substr(0, cLongestName), VXC_GenerateCRC32(task));
+    if (name.size() > cLongestFileName)
+        name = fmt::format("{}%{:08X}", name.substr(0, cLongestFileName), VXC_GenerateCRC32(task));
     return name;
 }
 

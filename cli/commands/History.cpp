@@ -19,8 +19,6 @@ namespace vxsched {
 namespace {
 
 constexpr std::size_t cDefaultCount = 20;
-constexpr char cNone[] = "-";
-
 void RequireTask(const TCommon& common, const std::string& name) {
     const TTable table = CStore(common.store).Read();
     if (table.Find(name) == nullptr)
@@ -40,7 +38,7 @@ std::optional<TTime> BeginningOf(const TRunRecord& run) {
 
 // The time from the due time to the launch.
 std::string Lateness(const TRunRecord& run) {
-    return run.due && run.started ? FormatSpan(*run.started - *run.due) : cNone;
+    return run.due && run.started ? FormatSpan(*run.started - *run.due) : cNoValue;
 }
 
 std::string ProcessorTime(const TRunRecord& run) {
@@ -60,11 +58,11 @@ void PrintTable(const std::vector<TRunRecord>& runs, EZone zone, COutput& output
         columns.Add(FormatMoment(run.due, zone));
         columns.Add(FormatMoment(run.started, zone));
         columns.Add(Lateness(run));
-        columns.Add(taken ? FormatSpan(*taken) : cNone);
-        columns.Add(hasUsage ? ProcessorTime(run) : cNone);
-        columns.Add(hasUsage ? Memory(run) : cNone);
+        columns.Add(taken ? FormatSpan(*taken) : cNoValue);
+        columns.Add(hasUsage ? ProcessorTime(run) : cNoValue);
+        columns.Add(hasUsage ? Memory(run) : cNoValue);
         columns.Add(FormatOutcome(run), ColourOf(run));
-        columns.Add(run.task.value_or(cNone), EColour::cBold);
+        columns.Add(run.task.value_or(cNoValue), EColour::cBold);
     }
     columns.Print(output);
 }

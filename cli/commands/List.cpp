@@ -14,8 +14,6 @@ namespace vxsched {
 
 namespace {
 
-constexpr char cNone[] = "-";
-
 struct TListed {
     const TTaskEntry* task;
     TTaskState state;
@@ -72,10 +70,10 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
     for (const TListed& one : listed) {
         const TTaskEntry& task = *one.task;
         const bool hasRun = task.last != TTime();
-        columns.Add(task.paused ? cNone : FormatTime(task.next, common.zone));
-        columns.Add(task.paused ? cNone : FormatDistance(Between(now, task.next)));
-        columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNone);
-        columns.Add(hasRun ? FormatDistance(Between(now, task.last)) : cNone);
+        columns.Add(task.paused ? cNoValue : FormatTime(task.next, common.zone));
+        columns.Add(task.paused ? cNoValue : FormatDistance(Between(now, task.next)));
+        columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNoValue);
+        columns.Add(hasRun ? FormatDistance(Between(now, task.last)) : cNoValue);
         columns.Add(FormatPeriod(task.period));
         columns.Add(one.state.Describe(), ColourOf(one.state));
         columns.Add(task.name, EColour::cBold);

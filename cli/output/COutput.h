@@ -44,6 +44,9 @@ private:
     bool hasColours = false;
 };
 
+// The content of a cell without a value.
+inline constexpr char cNoValue[] = "-";
+
 // A table with aligned columns. The last column takes the remaining width of the terminal; what does
 // not fit is cut off. Held in memory as a whole, since the widths depend on every row.
 class CColumns {

@@ -15,7 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char cForms[] =
+constexpr char cPastForms[] =
     "expected a time such as 2026-11-21 14:30, 14:30, yesterday 14:30, friday noon, 3h ago or now";
 
 // The last time at or before `now` when a local clock showed `timeOfDay`, on a day that is `step`
@@ -36,7 +36,7 @@ date::local_days LatestDay(TTime now) {
     return date::floor<date::days>(LocalWallTimeAt(now)) + date::days(1);
 }
 
-TTime ReadTimeOfWeekday(CParser& reader, TTime now, date::weekday weekday) {
+TTime ReadPastTimeOfWeekday(CParser& reader, TTime now, date::weekday weekday) {
     reader.SkipBlanks();
     const seconds timeOfDay = reader.IsAtEnd() ? 0s : ReadTimeOfDay(reader);
     const date::local_days latest = LatestDay(now);
@@ -50,7 +50,7 @@ TTime LastTimeOfDay(CParser& reader, TTime now, seconds timeOfDay) {
     return LastShowing(timeOfDay, LatestDay(now), date::days(1), now);
 }
 
-TTime ReadTimeInWords(CParser& reader, TTime now) {
+TTime ReadPastTimeInWords(CParser& reader, TTime now) {
     const std::size_t offset = reader.Offset();
     const std::string word = reader.TakeWord();
     if (word == "now")
@@ -60,10 +60,10 @@ TTime ReadTimeInWords(CParser& reader, TTime now) {
     if (word == "yesterday")
         return ReadTimeOfNamedDay(reader, now, date::days(-1));
     if (const std::optional<date::weekday> weekday = WeekdayCalled(word))
-        return ReadTimeOfWeekday(reader, now, *weekday);
+        return ReadPastTimeOfWeekday(reader, now, *weekday);
     if (const std::optional<seconds> timeOfDay = TimeOfDayCalled(word))
         return LastTimeOfDay(reader, now, *timeOfDay);
-    reader.Fail(offset, cForms);
+    reader.Fail(offset, cPastForms);
 }
 
 TTime ReadDistance(CParser& reader, TTime now) {
@@ -79,11 +79,11 @@ TTime ReadDistance(CParser& reader, TTime now) {
 
 TTime ReadPastTime(CParser& reader, TTime now) {
     if (reader.IsAtLetter())
-        return ReadTimeInWords(reader, now);
+        return ReadPastTimeInWords(reader, now);
     if (reader.TakeIf('@'))
         return ReadSecondsSince1970(reader);
     if (!reader.IsAtDigit())
-        reader.Fail(reader.Offset(), cForms);
+        reader.Fail(reader.Offset(), cPastForms);
     if (reader.NextAfterDigits() == '-')
         return ReadDateAndTime(reader);
     if (reader.NextAfterDigits() == ':')

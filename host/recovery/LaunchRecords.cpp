@@ -29,7 +29,7 @@ using vxsched::cSettledLaunchDirectory;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
-static constexpr std::chrono::minutes cLongerThanAnySave(1);
+static constexpr std::chrono::minutes cSettledFor(1);
 
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
     return due == time && task == vxsched::FileNameOf(name);
@@ -149,7 +149,7 @@ static bool IsForgotten(const TRemembered& launch) {
 // nor one that a client has set again.
 static bool IsRecent(const TRemembered& launch) {
     const bool isOld =
-        launch.record.isSettled && TClock::now() - launch.settled >= cLongerThanAnySave;
+        launch.record.isSettled && TClock::now() - launch.settled >= cSettledFor;
     return launch.record.launched != TTime() && !isOld && !IsForgotten(launch);
 }
 
@@ -219,7 +219,7 @@ void SettleLaunches(const std::vector<TLaunchRecord>& records) {
     }
     std::erase_if(gLaunches, [&](const auto& each) {
         const TRemembered& launch = each.second;
-        const bool isOld = launch.record.isSettled && now - launch.settled >= cLongerThanAnySave;
+        const bool isOld = launch.record.isSettled && now - launch.settled >= cSettledFor;
         if (isOld)
             unlink(PathOf(cSettledLaunchDirectory, launch.record).c_str());
         return isOld;
