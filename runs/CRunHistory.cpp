@@ -2,16 +2,20 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <string>
 
+#include "base/CDeadline.h"
 #include "base/CDescriptor.h"
 #include "base/OpenToAppend.h"
 #include "base/RotatedFile.h"
+#include "base/SameFile.h"
 #include "base/Sync.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
@@ -20,30 +24,54 @@ using vxsched::cFilesDirectory;
 using vxsched::cHistoryFile;
 using vxsched::PrivateMode;
 
-// Appends a line to the file. Returns the reason of a failure, or an empty string.
-static std::string Append(const std::string& line) {
+namespace {
+
+// Another writer needs microseconds. One that is stopped must not keep the host from its launches.
+constexpr std::chrono::seconds cLockTimeout(1);
+
+// Each rotation by another writer costs one. After that the line goes to what is history.jsonl.1 by now.
+constexpr int cMostAttempts = 100;
+
+// The history, to append to. Only who holds its lock rotates it, or removes a partial line.
+struct TOpened {
+    CDescriptor file;  // closed if it cannot be opened, because of `whyNot`
+    bool isLocked = false;
     std::string whyNot;
-    const CDescriptor file =
-        OpenToAppend(cHistoryFile, O_NOFOLLOW, 0600, EAppendable::cFile, whyNot);
-    if (!file.IsOpen())
-        return whyNot;
+};
+
+bool Lock(const CDescriptor& file, const CDeadline& deadline) {
+    while (flock(file.Get(), LOCK_EX | LOCK_NB) == -1) {
+        if (errno != EWOULDBLOCK || !deadline.Pause(std::chrono::milliseconds(1)))
+            return false;
+    }
+    return true;
+}
+
+bool IsCurrent(const CDescriptor& file) {
+    struct stat status {};
+    return fstat(file.Get(), &status) == 0 && vxsched::IsSameFile(cHistoryFile, status);
+}
+
+// Appends a line. Returns the reason of a failure, or an empty string.
+std::string Append(const TOpened& opened, const std::string& line) {
+    const int file = opened.file.Get();
     struct stat before {};
-    if (fstat(file.Get(), &before) != 0)
+    if (fstat(file, &before) != 0)
         return std::strerror(errno);
     // Not by open(), whose mode the umask narrows.
     if (before.st_size == 0)
-        fchmod(file.Get(), PrivateMode("."));
-    const ssize_t count = write(file.Get(), line.data(), line.size());
+        fchmod(file, PrivateMode("."));
+    const ssize_t count = write(file, line.data(), line.size());
     if (count == static_cast<ssize_t>(line.size()))
         return "";
     const int error = count == -1 ? errno : ENOSPC;
-    if (count > 0 && ftruncate(file.Get(), before.st_size) != 0)
+    if (count > 0 && opened.isLocked && ftruncate(file, before.st_size) != 0)
         return std::strerror(errno);
     return std::strerror(error);
 }
 
 // Whether a power failure has left a part of a line, which the next record must not be joined to.
-static bool EndsWithinALine() {
+bool EndsWithinALine() {
     const CDescriptor file(open(cHistoryFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     char last = '\n';
     if (file.IsOpen() && lseek(file.Get(), -1, SEEK_END) != -1)
@@ -51,18 +79,42 @@ static bool EndsWithinALine() {
     return last != '\n';
 }
 
+}  // namespace
+
+// Opens the file for a line of `size` bytes, after a rotation if there is no room for it.
+static TOpened Open(std::uint64_t limit, std::size_t size, std::chrono::seconds lockTimeout,
+                    const std::function<void(const std::string&)>& warn) {
+    const CDeadline deadline(lockTimeout);
+    for (int attempt = 1;; ++attempt) {
+        TOpened opened;
+        opened.file =
+            OpenToAppend(cHistoryFile, O_NOFOLLOW, 0600, EAppendable::cFile, opened.whyNot);
+        if (!opened.file.IsOpen())
+            return opened;
+        opened.isLocked = Lock(opened.file, deadline);
+        if (opened.isLocked && IsCurrent(opened.file) && !RotateBeyond(cHistoryFile, limit, size))
+            warn(fmt::format("cannot rename {}: {}; it grows beyond its size limit", cHistoryFile,
+                             std::strerror(errno)));
+        // It has been renamed, by this process or by the one that had the lock.
+        if (IsCurrent(opened.file) || attempt == cMostAttempts)
+            return opened;
+    }
+}
+
 void CRunHistory::Add(const TRunRecord& record) {
     if (limit == 0)
         return;
     const std::lock_guard<std::mutex> lock(mutex);
-    const std::string recorded = JsonLine(record);
-    const std::string line = (EndsWithinALine() ? "\n" : "") + recorded;
-    if (!RotateBeyond(cHistoryFile, limit, line.size()))
-        warn(fmt::format("cannot rename {}: {}; it grows beyond its size limit", cHistoryFile,
-                         std::strerror(errno)));
-    if (const std::string whyNot = Append(line); !whyNot.empty())
+    const std::string line = JsonLine(record);
+    const TOpened opened =
+        Open(limit, line.size(), isHeldUp ? std::chrono::seconds(0) : cLockTimeout, warn);
+    isHeldUp = !opened.isLocked;
+    const std::string whyNot = opened.file.IsOpen()
+                                   ? Append(opened, (EndsWithinALine() ? "\n" : "") + line)
+                                   : opened.whyNot;
+    if (!whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,
-                         recorded.substr(0, recorded.size() - 1)));
+                         line.substr(0, line.size() - 1)));
 }
 
 void CRunHistory::Sync() {

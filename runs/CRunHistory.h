@@ -9,7 +9,8 @@
 
 // Writes the run records of the working directory to files/history.jsonl, one line for each, each
 // by one write(). The file is opened for each record, so that it may be renamed or removed at any
-// time. Any thread may call Add(); one object for each directory, or rotation may happen twice.
+// time. Any thread of any process may call Add(): an advisory lock of the file keeps the writers
+// apart.
 class CRunHistory {
 public:
     // Before a line would take the file beyond `mostBytes` bytes, the file is renamed to
@@ -18,9 +19,10 @@ public:
     CRunHistory(std::uint64_t mostBytes, std::function<void(const std::string&)> logWarning)
         : limit(mostBytes), warn(std::move(logWarning)) {}
 
-    // Appends a record. Blocks for disk access only, also if a FIFO is in place of the file. A
-    // record that cannot be written is reported to `logWarning` and lost; a partial line is removed
-    // again.
+    // Appends a record. Blocks for disk access, and once for a second at most while another process
+    // has the file locked; then records are appended without a rotation, until the lock is free. A
+    // FIFO is not waited for. A record that cannot be written is reported to `logWarning` and lost;
+    // a partial line is removed again.
     void Add(const TRunRecord& record);
 
     // Waits until what was added is on the disk. A failure is reported to `logWarning`.
@@ -29,7 +31,6 @@ public:
 private:
     const std::uint64_t limit;
     const std::function<void(const std::string&)> warn;
-    // Held while one record is written: the file that Add() has found small enough, or has rotated,
-    // must be the one that it appends to.
-    std::mutex mutex;
+    std::mutex mutex;  // held while one record is written, so that threads need not poll the lock
+    bool isHeldUp = false;  // the lock could not be had; later records do not wait for it
 };

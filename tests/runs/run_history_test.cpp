@@ -2,16 +2,24 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <list>
+#include <map>
+#include <optional>
+#include <sstream>
 #include <string>
 
 #include "ExitedRun.h"
+#include "FakeMonotonicClock.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
 #include "runs/CRunHistory.h"
@@ -63,6 +71,74 @@ TEST_F(RunHistory, RecordLargerThanTheSizeIsKeptAlone) {
     history.Add(Numbered(2));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(2));
     EXPECT_EQ(ReadFile(cOlder), NumberedLine(1));
+}
+
+// Each line has the writer as its program, and its place in the writer's order as its process.
+static void ExpectEveryLine(const std::string& lines, int count) {
+    std::map<std::string, int> read;
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line);) {
+        const std::optional<TRunRecord> record = ReadJsonLine(line);
+        ASSERT_TRUE(record) << line;
+        ASSERT_EQ(record->process, ++read[record->program]) << line;
+    }
+    EXPECT_EQ(read.size(), 8U);
+    for (const auto& [writer, last] : read)
+        EXPECT_EQ(last, count) << writer;
+}
+
+// Processes that write at once, as hosts and runners do. The history is rotated before it has more
+// than `mostLines`.
+static void WriteFromEightProcesses(int lines, std::size_t mostLines) {
+    std::list<CForkedChild> writers;
+    for (const char writer : std::string("12345678")) {
+        writers.emplace_back([=] {
+            TRunRecord record = Exited();
+            record.program = writer;
+            record.process = lines;
+            CRunHistory history(mostLines * JsonLine(record).size(), Warn);
+            for (record.process = 1; record.process <= lines; ++record.process)
+                history.Add(record);
+            return 0;
+        });
+    }
+    for (CForkedChild& writer : writers)
+        EXPECT_EQ(writer.Wait(), 0);
+    EXPECT_FALSE(std::filesystem::exists("log")) << ReadFile("log");
+}
+
+TEST_F(RunHistory, LosesAndTearsNoLineOfEightProcesses) {
+    WriteFromEightProcesses(12'500, 60'000);
+    ExpectEveryLine(ReadFile(cOlder) + ReadFile(cHistory), 12'500);
+}
+
+// Only older lines are gone.
+TEST_F(RunHistory, IsRotatedByEightProcessesAtOnce) {
+    WriteFromEightProcesses(500, 40);
+    const std::string lines = ReadFile(cOlder) + ReadFile(cHistory);
+    EXPECT_GT(std::count(lines.begin(), lines.end(), '\n'), 40);
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line);)
+        EXPECT_TRUE(ReadJsonLine(line)) << line;
+}
+
+// A process that is stopped while it writes.
+TEST_F(RunHistory, LockThatIsNotReleasedIsWaitedForOnceAndKeepsNoRecordOut) {
+    WriteFile(cHistory, NumberedLine(1));
+    CDescriptor holder(open(cHistory, O_RDONLY));
+    ASSERT_EQ(flock(holder.Get(), LOCK_EX), 0);
+    CRunHistory history(NumberedLine(1).size(), Warn);
+    const CFakeMonotonicClock clock;
+    history.Add(Numbered(2));
+    const auto waited = clock.slept;
+    EXPECT_GE(waited, std::chrono::seconds(1));
+    history.Add(Numbered(3));
+    EXPECT_EQ(clock.slept, waited);
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + NumberedLine(2) + NumberedLine(3));
+    holder = CDescriptor();
+    history.Add(Numbered(4));
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(4));
+    EXPECT_FALSE(std::filesystem::exists("log")) << ReadFile("log");
 }
 
 TEST_F(RunHistory, SizeOfZeroKeepsNone) {
