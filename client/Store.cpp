@@ -16,6 +16,7 @@
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
+#include "store/ForgetLaunches.h"
 #include "store/Grid.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
@@ -376,9 +377,12 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
     const std::string bytes = ReadTableBytes(options.directory);
     if (canReplace)
         canReplace(bytes);
-    // A damaged one must not replace a valid backup.
-    if (IsValidTable(bytes))
+    // A damaged one must not replace a valid backup. Nor does it show which due times are set anew:
+    // its repair may bring back one whose launch it has lost.
+    if (IsValidTable(bytes)) {
         KeepBeforeChange(options.directory, bytes);
+        ForgetLaunches(options.directory, DecodeTable(bytes, Now()).tasks, tasks);
+    }
     ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
     // Before the mutex is released, or a tick may save its old list over the new table.
     warnings = {changeEvent.Announce(), syncFailure.Message()};

@@ -185,9 +185,8 @@ std::optional<TTable> Begin(TRequest& request) {
         const TTaskEntry* const task = table.Find(call.task.name);
         if (task != nullptr)
             call.seen = *task;
-        // If the task has this due time already, its launch may not be in the table yet.
-        if (call.function == TCall::cCreate && (task == nullptr || task->next != call.task.next))
-            ForgetLaunches(call.task.name, call.task.next);
+        if (call.function == TCall::cCreate)
+            ForgetLaunches(".", table.tasks, {call.task});
         if (call.throughLink) {
             call.task.program = MakeSchedulable(request.directory, call.task.program);
             SendMessage(cMessageProgram, call.task.program);

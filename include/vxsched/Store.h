@@ -140,7 +140,9 @@ public:
     // Replaces the whole table by `tasks` in one step, and announces the change to the scheduling
     // process. Not through the add-in: the file is replaced under the writer lock and the store
     // mutex (waits of rule 1), due tasks are not waited for, and the tasks are not validated, which
-    // is up to the caller. The previous table becomes the backup, unless it was damaged.
+    // is up to the caller. The previous table becomes the backup, unless it was damaged. If it was
+    // not, a due time that a task did not have in it counts as set anew: the task is launched at it,
+    // also if it was launched at it before.
     // `canReplace`, if set, is called with the previous bytes while both locks are held, and before
     // `tasks` is read, which it may still change; an exception that it throws leaves the table as
     // it is and passes to the caller.

@@ -134,6 +134,77 @@ TEST(SettledLaunches, TaskThatACommandMakesDueAgainIsLaunchedAgain) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+// Exports tables as they were before their launches, from a store of its own.
+static std::string ExportOf(const TRows& rows) {
+    std::filesystem::create_directories("exported/files");
+    WriteFile(std::string("exported/") + cTable, BytesOf(rows));
+    const TToolRun exported = RunTool({"--directory", "exported", "export"});
+    EXPECT_EQ(exported.status, 0) << exported.error;
+    WriteFile("export", exported.output);
+    return "export";
+}
+
+static void Import(const TRows& rows) {
+    const TToolRun import = RunTool({"import", "--merge", ExportOf(rows)});
+    EXPECT_EQ(import.status, 0) << import.error;
+}
+
+TEST(SettledLaunches, TaskThatAnImportMakesDueAgainIsLaunchedAgainOnce) {
+    WriteTable({cJob, Row("other")});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    for (std::size_t launches = 2; launches <= 3; ++launches) {
+        Import(before);
+        WaitUntil([&] { return CountOfLaunches() == launches; });
+        WaitForTheNextDueTime(before[0]);
+    }
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(CountOfLaunches(), 3U) << host.Output();
+}
+
+// While no host runs, and after a kill of the one that has launched it.
+TEST(SettledLaunches, TaskThatAnImportMakesDueAgainIsLaunchedByTheNextHost) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    Import(before);
+    CHost next;
+    WaitUntil([] { return CountOfLaunches() == 2; });
+    WaitForTheNextDueTime(before[0]);
+    EXPECT_EQ(next.Stop(), 0);
+}
+
+TEST(SettledLaunches, TaskThatAnImportAddsAgainIsLaunched) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    const TToolRun remove = RunTool({"remove", "job"});
+    EXPECT_EQ(remove.status, 0) << remove.error;
+    Import(before);
+    WaitUntil([] { return CountOfLaunches() == 2; });
+    WaitForTheNextDueTime(before[0]);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// A repair takes the due time from a backup that was made before the launch.
+TEST(SettledLaunches, DueTimeThatARepairRestoresIsNotLaunchedAgain) {
+    WriteTable({cJob});
+    CHost host;
+    const TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    std::filesystem::remove_all("files/snapshots");
+    WriteFile("files/scheduler.dat.before", BytesOf(before));
+    WriteFile(cTable, "damaged");
+    const TToolRun repair = RunTool({"repair"});
+    EXPECT_EQ(repair.status, 0) << repair.error;
+    EXPECT_EQ(ReadTable(), before);
+    CHost next;
+    ExpectNoSecondLaunchBy(next, before[0]);
+}
+
 // Several of them within a second.
 TEST(SettledLaunches, TaskThatACommandCreatesAnewIsLaunched) {
     for (const char* const period : {"once", "1h"}) {
