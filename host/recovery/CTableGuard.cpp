@@ -202,6 +202,11 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
         isWatching = false;
         isDirectoryNew = true;
     }
+    // A member of a group may not make a file of the owner's: the removal of a replacement announces
+    // that the table is overwritten by it in place.
+    if ((mask & IN_DELETE) != 0 && name.starts_with(vxsched::cTableName) &&
+        name.substr(std::strlen(vxsched::cTableName)).starts_with(vxsched::cReplacementSuffix))
+        saves.replacedAll = true;
     if ((mask & IN_MOVED_FROM) != 0 && name.find(vxsched::cSaveSuffix) != std::string_view::npos)
         saveCookie = cookie;
     if (name != vxsched::cTableName)

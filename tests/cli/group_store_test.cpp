@@ -29,6 +29,17 @@ static const std::vector<std::vector<std::string>> cCommands = {
     {"export"},   {"pause", "a"},  {"repair"}, {"remove", "a"},
     {"run", "a"}, {"import", "-"}, {"wake"},   {"create", "b", "--at", "in 1h", "--", cRecorder}};
 
+static bool HasSnapshotOf(const std::string& task) {
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator("files/snapshots", none)) {
+        // A temporary file becomes a snapshot by a new name.
+        if (entry.path().filename().string().find(".new-") == std::string::npos &&
+            ReadFile(entry.path()).find(task) != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
 class GroupStore : public Cli {
 protected:
     void SetUp() override {
@@ -179,6 +190,24 @@ TEST_F(GroupStore, MemberMayDoAllOfItNextToAHost) {
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 
+// A member overwrites the table in place, which the guard must not take for a save of one task.
+TEST_F(GroupStore, MembersReplacementIsNotTakenForALossByTheHost) {
+    WriteTable({Later("a"), Later("b"), Later("c")});
+    ASSERT_EQ(chown(cTable, cKeeper, cKeeper), 0);
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    WaitUntil([] { return HasSnapshotOf("c"); });
+    fs::create_directories("exported/files");
+    WriteFile(std::string("exported/") + cTable, BytesOf({Later("imported")}));
+    WriteFile("export", Output({"--directory", "exported", "export"}));
+    chmod("export", 0644);
+    OutputAs(cMember, {"import", "--replace", "export"});
+    WaitUntil([] { return HasSnapshotOf("imported"); });
+    EXPECT_EQ(NamesInTable(), "imported");
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+}
+
 // The semaphores as well, which no command of the owner opens here.
 TEST_F(GroupStore, IsOpenedWhileItsHostRuns) {
     CHost host(As(cKeeper, HostWith({})));
@@ -249,17 +278,6 @@ TEST_F(GroupStore, IsRefusedByItsHostWithWhatOthersMayChange) {
     ASSERT_EQ(chmod("files/programs", 0770), 0);
     EXPECT_THAT(OutputOfCheck(3), HasSubstr("files/programs may be written by users"));
     EXPECT_THAT(OutputOfCheck(3), HasSubstr(repair));
-}
-
-static bool HasSnapshotOf(const std::string& task) {
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator("files/snapshots", none)) {
-        // A temporary file becomes a snapshot by a new name.
-        if (entry.path().filename().string().find(".new-") == std::string::npos &&
-            ReadFile(entry.path()).find(task) != std::string::npos)
-            return true;
-    }
-    return false;
 }
 
 TEST_F(GroupStore, WhatAHostMakesInAnOpenStoreIsOpenToItsGroup) {
