@@ -281,7 +281,9 @@ void CCommandLine::AddChanges() {
     Add(
         "edit", "Change the given fields of a task", [this] { return Edit(common, task, output); },
         [this](CLI::App& edit) {
-            AddName(edit);
+            // The name of an argument must not be that of an option.
+            edit.add_option("task", task.name, "The task")->type_name("NAME")->required();
+            edit.add_option("--name", task.newName, "New name")->type_name("NAME");
             edit.add_option("--at", task.at, "Next due time; a past one is due now")
                 ->type_name("TIME");
             edit.add_option("--every", task.every, "Period")->type_name("PERIOD");

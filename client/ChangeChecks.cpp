@@ -11,6 +11,7 @@
 #include <vxsched/Validation.h>
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
+#include "store/OwedLaunches.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -44,9 +45,33 @@ void CheckName(const TTable& table, const TCall& call) {
             call.task.name);
     if (found == nullptr && call.mustExist)
         throw NoSuchTask(call.task.name, table, "names are compared byte for byte");
+    if (!call.newName.empty())
+        CheckNewName(table, call.newName);
+}
+
+// The host makes an owed launch only while the table has its task, by the name under which it came
+// due, and cancels it otherwise. That of a task that runs once is made without the task.
+void CheckOwed(const TCall& call) {
+    if (call.newName.empty())
+        return;
+    for (const TOwedLaunch& launch : FindOwedLaunches(".")) {
+        if (launch.task == call.task.name && launch.period != 0)
+            throw MakeError(EError::cRefused,
+                            "a launch of task \"{}\" is owed, since the system had no process for "
+                            "it when it came due, and a new name would cancel it; try again once "
+                            "the host has made it (vxsched show)",
+                            call.task.name);
+    }
 }
 
 }  // namespace
+
+void CheckNewName(const TTable& table, const std::string& name) {
+    if (table.Find(name) != nullptr)
+        throw MakeError(EError::cRefused,
+                        "there is a task \"{}\" already; choose another name, or remove that one",
+                        name);
+}
 
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
     if (call.function == TCall::cResume && task.period == 0 && IsDue(task) && !call.mayRemove)
@@ -58,6 +83,14 @@ void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
         throw MakeError(EError::cRefused,
                         "task \"{}\" is due itself: setting its period would reschedule it without "
                         "a run; edit its period instead, which leaves it due",
+                        task.name);
+    // Launch record and launch intent are of the task's name and due time.
+    if (!call.newName.empty() && evenIfDue && !task.paused && IsDue(task) &&
+        call.task.next == task.next)
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" is due itself: whether its program was launched already is "
+                        "recorded by its name; start a scheduling process first, and leave out "
+                        "--even-if-due, or give the task a new due time as well",
                         task.name);
     if (!call.mustNotRun)
         return;
@@ -74,6 +107,7 @@ void CheckCalls(const TTable& table, const TRequest& request) {
     CheckHarm(table);
     for (const TCall& call : request.calls) {
         CheckName(table, call);
+        CheckOwed(call);
         const TTaskEntry* const task = table.Find(call.task.name);
         if (task != nullptr)
             CheckState(*task, call, request.evenIfDue);

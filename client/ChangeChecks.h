@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "client/Request.h"
 
@@ -17,6 +18,10 @@ void CheckCalls(const TTable& table, const TRequest& request);
 // Throws CError (cRefused) if the state of the task forbids the call. Needs no lock: clients call
 // it for dry runs.
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue);
+
+// Throws CError (cRefused) if the table has a task of a name that another one is to get. Needs no
+// lock.
+void CheckNewName(const TTable& table, const std::string& name);
 
 // The first task that the change has to wait for: active, and due or about to be. Null if there is
 // none or the request does not wait (evenIfDue). It belongs to `table`.

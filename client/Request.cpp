@@ -28,7 +28,8 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.seen.paused);
     transfer(call.throughLink);
     transfer(call.keepDue);
-    transfer(call.staysPaused);
+    transfer(call.inOneStep);
+    transfer(call.newName);
     transfer(call.mayRemove);
     transfer(call.waitForEnd);
 }

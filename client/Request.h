@@ -22,7 +22,8 @@ struct TCall {
     // How the call is made.
     bool throughLink = false;  // cCreate: the program is the real path, which may need a link
     bool keepDue = false;      // cCreate: the due time is kept, even if it is past
-    bool staysPaused = false;  // cCreate: replaces a paused task by another one, in one step
+    bool inOneStep = false;    // cCreate: replaces a task that exists, without the add-in
+    std::string newName;       // cCreate in one step: the name that the task gets; empty: its own
     bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
     bool waitForEnd = false;   // cExecute: wait for the program's end and report it
 };

@@ -79,6 +79,14 @@ TTaskEntry EntryOf(const TNewTask& task) {
     return {task.name, task.due, TTime(), task.period, task.program, task.parameter, false};
 }
 
+// Throws CError (cNotFound) if the table has no task of that name.
+const TTaskEntry& TaskOf(const TTable& table, std::string_view name) {
+    const TTaskEntry* const task = table.Find(name);
+    if (task == nullptr)
+        throw NoSuchTask(name, table, "names are compared byte for byte");
+    return *task;
+}
+
 // The program as the change process has put it into the table: maybe a link.
 std::string ProgramOf(const TTaskEntry& entry, const TOutcome& outcome) {
     return outcome.program.empty() ? entry.program : outcome.program;
@@ -98,6 +106,14 @@ bool IsThere(const TTable& table, const TTaskEntry& wanted, TTime since) {
            (found->next == wanted.next || hasRun || wanted.next < since);
 }
 
+// The same of an entry that may have got another name. A task that runs once and that the table has
+// under neither name was launched after the edit.
+bool IsEdited(const TTable& table, const std::string& formerName, const TTaskEntry& wanted,
+              TTime since) {
+    return IsThere(table, wanted, since) &&
+           (table.Find(wanted.name) != nullptr || table.Find(formerName) == nullptr);
+}
+
 // The name of a task that is to be in the table and is not as it should be.
 std::optional<std::string> MissingUnless(bool isThere, std::string_view name) {
     return isThere ? std::nullopt : std::optional(std::string(name));
@@ -115,20 +131,27 @@ std::optional<std::string> FindUnchanged(const TOutcome& outcome, const std::vec
     return {};
 }
 
+// True if the edit changes no field but the name.
+bool IsOnlyRename(const TEdit& edit) {
+    return edit.name && !edit.due && !edit.period && !edit.program && !edit.parameter;
+}
+
 // The entry after an edit. Throws CError (cRefused) on a validation error.
 TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
                  const TForced& forced) {
+    entry.name = edit.name.value_or(entry.name);
     entry.next = edit.due.value_or(entry.next);
     entry.period = edit.period.value_or(entry.period);
     entry.program = edit.program.value_or(entry.program);
     entry.parameter = edit.parameter.value_or(entry.parameter);
-    if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
+    if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0) && !IsOnlyRename(edit))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now());
     std::vector<TValidationError> errors = FindUnforced(
         directory, entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
     std::erase_if(errors, [&](const TValidationError& error) {
-        return (!edit.program && error.IsAboutProgram()) ||
+        return (IsOnlyRename(edit) && !error.IsAboutName()) ||
+               (!edit.program && error.IsAboutProgram()) ||
                (!edit.parameter && error.kind == TValidationError::cParameterTooLong) ||
                (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
@@ -179,10 +202,16 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
 }
 
 TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
-    return After(options.directory, Get(name), edit, forced);
+    const TTable table = Read();
+    TTaskEntry entry = After(options.directory, TaskOf(table, name), edit, forced);
+    if (entry.name != name)
+        CheckNewName(table, entry.name);
+    return entry;
 }
 
 TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced& forced) const {
+    if (IsOnlyRename(edit) && *edit.name == name)
+        return Get(name);
     // A tick may launch and reschedule the task between the read and the change. An edit of the old
     // entry would undo that, and the task would run twice.
     for (int tries = cTries;; --tries) {
@@ -198,17 +227,22 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
     TTaskEntry entry = After(options.directory, seen, edit, forced);
     TCall create = CallOf(TCall::cCreate, entry);
+    create.task.name = seen.name;
+    const bool isRenamed = entry.name != seen.name;
+    if (isRenamed)
+        create.newName = entry.name;
     create.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
     // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
     create.keepDue = true;
     create.mustBeAsSeen = true;
     create.seen = seen;
-    // CreateTask makes an active task, also in place of a paused one.
-    create.staysPaused = entry.paused;
+    // CreateTask makes an active task, also in place of a paused one, and knows no former name.
+    create.inOneStep = entry.paused || isRenamed;
     const TTime since = Now();
     MakeChange(options, {{create}, [&](const TOutcome& made) {
                              entry.program = ProgramOf(entry, made);
-                             return MissingUnless(IsThere(made.table, entry, since), entry.name);
+                             return MissingUnless(IsEdited(made.table, seen.name, entry, since),
+                                                  seen.name);
                          }});
     return entry;
 }
@@ -390,11 +424,7 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
 }
 
 TTaskEntry CStore::Get(std::string_view name) const {
-    const TTable table = Read();
-    const TTaskEntry* const task = table.Find(name);
-    if (task == nullptr)
-        throw NoSuchTask(name, table, "names are compared byte for byte");
-    return *task;
+    return TaskOf(Read(), name);
 }
 
 }  // namespace vxsched

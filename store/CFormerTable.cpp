@@ -12,7 +12,6 @@
 #include "base/RegularFile.h"
 #include "base/SameFile.h"
 #include "store/CReadLease.h"
-#include "store/MergeChanges.h"
 #include "store/TableFile.h"
 
 namespace vxsched {
@@ -54,10 +53,14 @@ std::optional<std::string> CFormerTable::WrittenSince() {
 }
 
 void ReplaceMerged(const fs::path& directory, std::string base, std::string ours,
-                   TTryToWrite tryToWrite) {
+                   TTryToWrite tryToWrite, const std::optional<TRename>& rename) {
+    const auto renamed = [&](std::string bytes) {
+        return rename ? Renamed(std::move(bytes), *rename) : std::move(bytes);
+    };
     for (;;) {
         CFormerTable former(directory);
-        const std::string merged = MergeChanges(base, ours, former.Bytes());
+        const std::string merged =
+            MergeChanges(renamed(base), renamed(std::move(ours)), renamed(former.Bytes()));
         if (!tryToWrite(directory, merged)) {
             former.LetWritersGo();
             OverwriteTable(directory, merged);

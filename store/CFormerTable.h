@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/CDescriptor.h"
+#include "store/MergeChanges.h"
 
 namespace vxsched {
 
@@ -52,9 +53,10 @@ private:
 using TTryToWrite = bool (*)(const std::filesystem::path& directory, std::string_view bytes);
 
 // Replaces the table by one with the changes that lead from `base` to `ours`, and with those that
-// others have saved meanwhile. The caller holds the store mutex. Throws CError as ReplaceTable()
-// does.
+// others have saved meanwhile. `rename` is one of these changes: what others have saved of the task
+// under its former name is kept under the new one. The caller holds the store mutex. Throws CError as
+// ReplaceTable() does.
 void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours,
-                   TTryToWrite tryToWrite);
+                   TTryToWrite tryToWrite, const std::optional<TRename>& rename = {});
 
 }  // namespace vxsched

@@ -15,7 +15,7 @@ inline constexpr char cTableFile[] = "files/scheduler.dat";
 // The table as it was before the last change of a client.
 inline constexpr char cBackupFile[] = "files/scheduler.dat.before";
 // A temporary file is the table's path, one of these and the id of the process that writes it.
-inline constexpr char cSaveSuffix[] = ".save-";        // a save: one task was changed
+inline constexpr char cSaveSuffix[] = ".save-";        // a save: one task was changed, not its name
 inline constexpr char cReplacementSuffix[] = ".new-";  // any other
 // The name of a quarantined table, in the directory of files, is this and a timestamp.
 inline constexpr char cQuarantinePrefix[] = "scheduler.dat.damaged-";

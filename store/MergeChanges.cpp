@@ -1,5 +1,6 @@
 #include "store/MergeChanges.h"
 
+#include <algorithm>
 #include <unordered_map>
 #include <vector>
 
@@ -90,6 +91,21 @@ std::string MergeChanges(std::string_view base, std::string ours, std::string_vi
         // A damaged table is replaced.
     }
     return ours;
+}
+
+std::string Renamed(std::string bytes, const TRename& rename) {
+    try {
+        TTable table = DecodeTable(bytes, TTime());
+        const auto task =
+            std::find_if(table.tasks.begin(), table.tasks.end(),
+                         [&](const TTaskEntry& each) { return each.name == rename.from; });
+        if (task == table.tasks.end() || table.Find(rename.to) != nullptr)
+            return bytes;
+        task->name = rename.to;
+        return EncodeTable(table.tasks);
+    } catch (const CError&) {
+        return bytes;
+    }
 }
 
 }  // namespace vxsched

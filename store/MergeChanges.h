@@ -15,4 +15,15 @@ namespace vxsched {
 // last. If any of the three is no table, or has two tasks of one name, the result is `ours`.
 std::string MergeChanges(std::string_view base, std::string ours, std::string_view theirs);
 
+// A new name for a task.
+struct TRename {
+    std::string from;
+    std::string to;
+};
+
+// Returns the table with the task under its new name; the bytes as they are if they are no table, if
+// the task is not in it, or if another one has the name. If all tables of a merge are renamed, the
+// task is the same one in each of them. A plain function of its arguments.
+std::string Renamed(std::string bytes, const TRename& rename);
+
 }  // namespace vxsched

@@ -160,6 +160,10 @@ bool TValidationError::IsAboutProgram() const {
     return kind >= cNoProgram && kind <= cAbortingExtension;
 }
 
+bool TValidationError::IsAboutName() const {
+    return kind == cEmptyName || kind == cZeroByte;
+}
+
 std::string LaunchedPath(std::string_view program) {
     return std::string(program.substr(0, program.find_last_not_of(".exe") + 1));
 }

@@ -91,15 +91,19 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput
         edit.period = ParsePeriod(*arguments.every);
     edit.program = arguments.program;
     edit.parameter = arguments.parameter;
-    if (!edit.due && !edit.period && !edit.program && !edit.parameter)
-        throw CUsageError("edit: nothing to change; give --at, --every, --program or --parameter");
+    edit.name = arguments.newName;
+    if (!edit.due && !edit.period && !edit.program && !edit.parameter && !edit.name)
+        throw CUsageError(
+            "edit: nothing to change; give --name, --at, --every, --program or --parameter");
     const CStore store(common.store);
-    if (common.dryRun)
-        PrintLine(output, "would change " +
-                              Describe(common, store.Edited(arguments.name, edit, common.forced)));
-    else
-        PrintLine(output,
-                  "changed " + Describe(common, store.Edit(arguments.name, edit, common.forced)));
+    const TTaskEntry task = common.dryRun ? store.Edited(arguments.name, edit, common.forced)
+                                          : store.Edit(arguments.name, edit, common.forced);
+    const bool isRenamed = task.name != arguments.name;
+    const std::string what = isRenamed ? fmt::format("{} to ", arguments.name) : "";
+    const char* const done = isRenamed ? "renamed" : "changed";
+    const char* const would = isRenamed ? "would rename" : "would change";
+    PrintLine(output,
+              fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
     return cDone;
 }
 

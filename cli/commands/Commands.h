@@ -86,6 +86,7 @@ struct TTaskArguments {
     std::optional<std::string> every = {};
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
+    std::optional<std::string> newName = {};
 };
 TExitStatus Create(const TCommon& common, const TTaskArguments& task, bool replace,
                    COutput& output);

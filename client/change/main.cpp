@@ -159,6 +159,14 @@ bool MayTickOverwrite(const TRequest& request) {
     return (request.hasScheduler && !IsWorkerIdle()) || IsTickUnderWay(".");
 }
 
+// The task of cCreate under the name that it gets.
+TTaskEntry NamedTask(const TCall& call) {
+    TTaskEntry task = call.task;
+    if (!call.newName.empty())
+        task.name = call.newName;
+    return task;
+}
+
 // Checks the request and begins the change. Returns the table; empty if a message has sent the
 // client to wait or start over. The caller holds the writer lock and the store mutex.
 std::optional<TTable> Begin(TRequest& request) {
@@ -186,7 +194,7 @@ std::optional<TTable> Begin(TRequest& request) {
         if (task != nullptr)
             call.seen = *task;
         if (call.function == TCall::cCreate)
-            ForgetLaunches(".", table.tasks, {call.task});
+            ForgetLaunches(".", table.tasks, {NamedTask(call)});
         if (call.throughLink) {
             call.task.program = MakeSchedulable(request.directory, call.task.program);
             SendMessage(cMessageProgram, call.task.program);
@@ -198,20 +206,26 @@ std::optional<TTable> Begin(TRequest& request) {
     return table;
 }
 
-// Replaces a paused task by another one without the add-in, whose CreateTask would make an active
-// task: killed before PauseTask, this process would leave it active. The caller holds the writer
-// lock and the store mutex.
-void ReplacePaused(TTable table, const TCall& call) {
+// Replaces a task without the add-in, where that would take several saves, and a kill between two of
+// them would leave a paused task active, or a renamed one twice or not at all. The caller holds the
+// writer lock and the store mutex.
+void ReplaceTask(TTable table, const TCall& call) {
     std::string before = EncodeTable(table.tasks);
     for (TTaskEntry& task : table.tasks) {
         if (task.name != call.task.name)
             continue;
-        task = call.task;
+        task = NamedTask(call);
         task.last = call.seen.last;
-        task.paused = true;
+        task.paused = call.seen.paused;
+        break;
     }
     CChangeEvent changeEvent;
-    ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToSaveTable);
+    // The table guard would take a save that both removes a name and adds one for a loss.
+    if (call.newName.empty())
+        ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToSaveTable);
+    else
+        ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToReplaceTable,
+                      TRename{call.task.name, call.newName});
     Announce(changeEvent);
 }
 
@@ -262,8 +276,8 @@ bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
     std::optional<TTable> table = Begin(request);
     if (!table)
         return false;
-    if (request.calls.front().staysPaused) {
-        ReplacePaused(*std::move(table), request.calls.front());
+    if (request.calls.front().inOneStep) {
+        ReplaceTask(*std::move(table), request.calls.front());
         return true;
     }
     ReleaseAtLoad(lock.Forget());

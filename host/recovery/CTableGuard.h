@@ -23,7 +23,7 @@
 //
 // Which tasks count as removed on purpose: each observed save may have removed one task, or created
 // one; a task that runs once and was due may be gone; a process that replaces the whole table (an
-// import, a repair) may have removed any.
+// import, a repair, a change that renames a task) may have removed any.
 class CTableGuard {
 public:
     // Is called with each table in which no task is lost, under the store mutex, on the thread that

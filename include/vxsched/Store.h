@@ -35,6 +35,7 @@ struct TEdit {
     std::optional<std::uint32_t> period = {};
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
+    std::optional<std::string> name = {};  // the new one
 };
 
 // A launched program. If the launch fails, CError is thrown instead.
@@ -104,6 +105,12 @@ public:
     // program runs at once. A program that is not edited is not validated. If the task changes
     // meanwhile, the edit is applied to the changed task. Throws cNotFound, cRefused on a
     // validation error that is not forced, and cBusy if the task keeps changing.
+    //
+    // A task that gets a new name keeps its position and all fields that are not edited; the table
+    // has it under either name at any moment. Launches under the former name stay recorded by that.
+    // The own name is no change. Throws cRefused also if the new name is taken or invalid, if a
+    // launch of the task is owed, and, with evenIfDue, if the active task is due itself and remains
+    // so.
     TTaskEntry Edit(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
     // These three change all of the named tasks, or none if a name is unknown (cNotFound).

@@ -44,6 +44,9 @@ struct VXSCHED_PUBLIC TValidationError {
 
     // True if it concerns the program, and not the name, the strings, the due time or the period.
     bool IsAboutProgram() const;
+
+    // True if it concerns the name, or a zero byte in any string.
+    bool IsAboutName() const;
 };
 
 // The path that the add-in launches for a task's program: every '.', 'e' and 'x' at its end is cut

@@ -197,6 +197,9 @@ TEST_F(GroupStore, MembersReplacementIsNotTakenForALossByTheHost) {
     OpenToGroup();
     CHost host(As(cKeeper, HostWith({})));
     WaitUntil([] { return HasSnapshotOf("c"); });
+    OutputAs(cMember, {"edit", "b", "--name", "renamed"});
+    WaitUntil([] { return HasSnapshotOf("renamed"); });
+    EXPECT_EQ(NamesInTable(), "a renamed c");
     fs::create_directories("exported/files");
     WriteFile(std::string("exported/") + cTable, BytesOf({Later("imported")}));
     WriteFile("export", Output({"--directory", "exported", "export"}));

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <filesystem>
 #include <string>
 
 #include <vxsched/Table.h>
@@ -36,4 +38,23 @@ TEST(FormerTable, IsOverwrittenInPlaceWhereItsGroupCannotBeKept) {
     });
     EXPECT_EQ(owner.Wait(), 42);
     EXPECT_EQ(NamesInTable(), "new");
+}
+
+// Otherwise a task that runs once would be there under both names, and the change of one that repeats
+// would be lost.
+TEST(FormerTable, WhatOthersHaveSavedOfARenamedTaskIsKeptUnderItsNewName) {
+    std::filesystem::create_directory("files");
+    for (const std::uint32_t period : {0U, 24U}) {
+        const TRow before = {"a task", 1000, 0, period, "/bin/true", "", 0};
+        TRow ours = before;
+        ours.name = "renamed";
+        ours.parameters = "ours";
+        TRow theirs = before;
+        theirs.next = 2000;
+        WriteTable({theirs, {"other", 1000, 0, 0, "/bin/true", "", 0}});
+        vxsched::ReplaceMerged(".", BytesOf({before}), BytesOf({ours}), vxsched::TryToReplaceTable,
+                               vxsched::TRename{"a task", "renamed"});
+        EXPECT_EQ(ReadTable(), (TRows{{"renamed", 2000, 0, period, "/bin/true", "ours", 0},
+                                      {"other", 1000, 0, 0, "/bin/true", "", 0}}));
+    }
 }

@@ -9,6 +9,7 @@
 #include "store/MergeChanges.h"
 
 using vxsched::MergeChanges;
+using vxsched::Renamed;
 using vxsched::TTaskEntry;
 
 using TTasks = std::vector<TTaskEntry>;
@@ -94,4 +95,15 @@ TEST(MergeChanges, TakesOursWhereThereIsNothingToMerge) {
     EXPECT_EQ(MergeChanges(table, "cut", table + "x"), "cut");
     const std::string duplicate = Bytes({Task("a"), Task("a")});
     EXPECT_EQ(MergeChanges(table, ours, duplicate), ours);
+}
+
+TEST(Renamed, GivesTheTaskItsNewNameInItsPlace) {
+    EXPECT_EQ(Renamed(Bytes({Task("a"), Task("b"), Task("c")}), {"b", "new"}),
+              Bytes({Task("a"), Task("new"), Task("c")}));
+}
+
+TEST(Renamed, LeavesATableThatLacksTheTaskOrHasTheName) {
+    for (const std::string& bytes :
+         {Bytes({Task("a")}), Bytes({Task("b"), Task("new")}), std::string("no table")})
+        EXPECT_EQ(Renamed(bytes, {"b", "new"}), bytes);
 }

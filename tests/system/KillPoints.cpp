@@ -600,6 +600,8 @@ TScenario SetUpCheckScenario() {
 const std::vector<std::string> cCreate = {"create", "new", "--at",   "2090-01-01 00:00", "--every",
                                           "1d",     "--",  cProgram, "job.log"};
 
+const std::vector<std::string> cRename = {"edit", "first", "--name", "renamed", "--every", "2d"};
+
 // Tests that run at the same time launch this program, too, and "running already" counts them.
 const std::vector<std::string> cRun = {"run", "job", "--force"};
 
@@ -615,11 +617,13 @@ std::vector<TScenario> Scenarios() {
         CommandScenario("Edit", command, {"edit", "first", "--every", "2d"}),
         CommandScenario("Resume", command, {"resume", "paused"}),
         CommandScenario("Period", command, {"period", "first", "2d"}),
+        CommandScenario("Rename", command, cRename),
         RepairScenario(),
         CommandScenario("ChangeOfCreate", change, cCreate),
         CommandScenario("ChangeOfRemove", change, {"remove", "first"}),
         CommandScenario("ChangeOfEdit", change, {"edit", "first", "--every", "2d"}),
         CommandScenario("ChangeOfEditOfAPausedTask", change, {"edit", "paused", "--every", "2d"}),
+        CommandScenario("ChangeOfRename", change, cRename),
         CommandScenario("ChangeOfRemoveOfSeveral", change, {"remove", "first", "paused"}),
         CommandScenario("ChangeOfRun", change, cRun),
         CommandScenario("ChangeOfPause", change, {"pause", "first"}),
@@ -634,6 +638,8 @@ std::vector<TScenario> Scenarios() {
         NextToAHost("Import", command, {"import", "--replace"}),
         NextToAHost("ChangeOfPause", change, {"pause", "first"}),
         NextToAHost("ChangeOfEdit", change, {"edit", "first", "--every", "2d"}),
+        NextToAHost("Rename", command, cRename),
+        NextToAHost("ChangeOfRename", change, cRename),
         RepairNextToAHost(),
         OnAWedgedMutex("Pause", command, {"pause", "first"}),
         OnAWedgedMutex("ChangeOfPause", change, {"pause", "first"}),

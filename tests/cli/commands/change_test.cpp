@@ -69,6 +69,23 @@ TEST_F(Cli, EditPauseResumePeriodAndRemove) {
     EXPECT_EQ(NamesInTable(), "b");
 }
 
+TEST_F(Cli, EditRenames) {
+    const TRow row = Later("a");
+    WriteTable({row, Later("b"), Later("c")});
+    EXPECT_THAT(Output({"edit", "a", "--name", "first", "--dry-run"}),
+                testing::StartsWith("would rename a to first, every 1d, next due "));
+    EXPECT_THAT(Output({"edit", "a", "--name", "first", "--every", "2w"}),
+                testing::StartsWith("renamed a to first, every 2w, next due "));
+    EXPECT_EQ(ReadTable()[0], (TRow{"first", row.next, 0, 336, cRecorder, "a parameter", 0}));
+    Output({"edit", "first", "--name", "first"});
+    EXPECT_EQ(NamesInTable(), "first b c");
+    for (const char* const option : {"--utc", "--dry-run"}) {
+        ExpectRefused(1, "a task \"b\" already", {"edit", "first", "--name", "b", option});
+        ExpectRefused(1, "no name", {"edit", "first", "--name", "", option});
+        ExpectRefused(3, "did you mean \"first\"?", {"edit", "fisrt", "--name", "x", option});
+    }
+}
+
 TEST_F(Cli, DryRunReportsAndChangesNothing) {
     WriteTable({Later("a")});
     const std::string before = ReadFile(cTable);

@@ -269,6 +269,25 @@ TEST_F(OwedLaunches, OfATaskThatWasChangedWhileNoHostRanAreNotMade) {
     }
 }
 
+// A new name would cancel the launch.
+TEST_F(OwedLaunches, OfATaskKeepItFromBeingRenamedUntilTheyAreMade) {
+    CHost host;
+    Refuse(host, 24);
+    const std::vector<std::string> rename = {"edit", "a task", "--name", "renamed"};
+    const TToolRun refused = RunTool(rename, cPermitted);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.error.find("is owed"), std::string::npos) << refused.error;
+    EXPECT_EQ(NamesInTable(), "a task");
+    Permit();
+    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
+    WaitUntil([] { return CountIn("files/owed") == 0; });
+    const TToolRun made = RunTool(rename, cPermitted);
+    EXPECT_EQ(made.status, 0) << made.error;
+    EXPECT_EQ(NamesInTable(), "renamed");
+    EXPECT_EQ(host.Stop(), 0);
+    ExpectNothingOwed();
+}
+
 TEST_F(OwedLaunches, OfATaskThatIsPausedAreNotWaitedForByAHostThatRunsOnce) {
     const std::int64_t due = LeaveDue(24);
     CProgram host(HostWith({"--run-once"}));
