@@ -14,6 +14,7 @@
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/SystemdLibrary.h"
+#include "store/StoreOwner.h"
 #include "store/TaskFileName.h"
 
 static constexpr char cInherit[] = "inherit";
@@ -43,6 +44,10 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
         static_cast<void>(OpenJournal("vxschedd", LogWarning));
     if (where == cInherit || where == cJournal)
         return;
+    if (const std::string reason = vxsched::WhyNotToWriteIn(where); !reason.empty())
+        throw CHostError(cNoDirectory, fmt::format("cannot write the output of programs to {}: {}. "
+                                                   "Choose another directory with --output.",
+                                                   where, reason));
     if (mkdir(where.c_str(), 0700) == -1 && errno != EEXIST)
         throw CHostError(cNoDirectory, fmt::format("cannot create {}: {}. Choose another directory "
                                                    "with --output.",

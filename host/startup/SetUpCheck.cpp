@@ -19,6 +19,7 @@
 #include "host/startup/RepairPlan.h"
 #include "host/startup/WorkDirectory.h"
 #include "store/CStoreMutexLock.h"
+#include "store/StoreOwner.h"
 #include "store/StoreSemaphores.h"
 
 namespace {
@@ -107,18 +108,37 @@ void CheckTable(const THostOptions& options, CReport& report) {
     }
 }
 
-// Checks a file or directory that exists, or can be created.
-void CheckWritable(const std::string& path, TExitStatus failure, CReport& report) {
+// Why a file or directory can neither be written nor created; empty if it can.
+std::string WhyNotWritable(const std::string& path) {
     if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0)
-        return;
-    int error = errno;
-    if (error == ENOENT) {
-        const std::string directory = std::filesystem::path(path).parent_path().string();
-        if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0)
-            return;
-        error = errno;
-    }
-    report.Fail(failure, fmt::format("cannot write to {}: {}", path, std::strerror(error)));
+        return "";
+    const int error = errno;
+    if (error != ENOENT)
+        return std::strerror(error);
+    const std::string directory = std::filesystem::path(path).parent_path().string();
+    return faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0
+               ? ""
+               : std::strerror(errno);
+}
+
+void CheckLog(const std::string& path, CReport& report) {
+    if (const std::string reason = WhyNotWritable(path); !reason.empty())
+        report.Fail(cFailed, fmt::format("cannot write to {}: {}. Choose another file with --log.",
+                                         path, reason));
+}
+
+void CheckOutput(const std::string& directory, CReport& report) {
+    std::string reason = vxsched::WhyNotToWriteIn(directory);
+    if (reason.empty())
+        reason = WhyNotWritable(directory);
+    if (reason.empty() && faccessat(AT_FDCWD, (directory + "/.").c_str(), X_OK, AT_EACCESS) == -1 &&
+        errno != ENOENT)
+        reason = std::strerror(errno);
+    if (!reason.empty())
+        report.Fail(cNoDirectory,
+                    fmt::format("cannot write the output of programs to {}: {}. Choose another "
+                                "directory with --output.",
+                                directory, reason));
 }
 
 }  // namespace
@@ -139,9 +159,9 @@ TExitStatus CheckSetUp(const THostOptions& options) {
     if (reasons.empty())
         CheckTable(options, report);
     if (!options.logFile.empty())
-        CheckWritable(options.logFile, cFailed, report);
+        CheckLog(options.logFile, report);
     if (options.output != "inherit" && options.output != "journal")
-        CheckWritable(options.output, cNoDirectory, report);
+        CheckOutput(options.output, report);
     if (const std::string reason = WhyTooFewDescriptors(); !reason.empty())
         report.Fail(cFailed, reason);
     if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())

@@ -122,8 +122,16 @@ TEST(HostCheck, EachFaultHasTheExitStatusOfAHost) {
     EXPECT_EQ(
         check({"--addin", "./files"}, "files is not an add-in: cannot read the file: Is a dir"), 5);
     EXPECT_EQ(check({"--addin", "./files"}, "ok: the table is valid and has 0 task(s)"), 5);
-    EXPECT_EQ(check({"--output", "missing/out"}, "missing/out: No such file or directory"), 3);
-    EXPECT_EQ(check({"--log", "missing/log"}, "missing/log: No such file or directory"), 1);
+    EXPECT_EQ(check({"--output", "missing/out"},
+                    "missing/out: No such file or directory. Choose another directory with "
+                    "--output."),
+              3);
+    EXPECT_EQ(check({"--output", "note"},
+                    "note: Not a directory. Choose another directory with --output."),
+              3);
+    EXPECT_EQ(check({"--log", "missing/log"},
+                    "missing/log: No such file or directory. Choose another file with --log."),
+              1);
     CProgram nowhere({HOST_PROGRAM, "--directory", "nowhere", "--check"});
     EXPECT_EQ(nowhere.Wait(), 3);
     EXPECT_NE(nowhere.Output().find(
