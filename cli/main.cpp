@@ -457,11 +457,8 @@ std::string CCommandLine::MessageFor(const CError& error) const {
             "{}: {}{}", Show(TableFile(directory).string()).string, message,
             hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
     }
-    if (error.Code() == EError::cNoAccess) {
-        if (const std::string users = WhoMayUse(directory); !users.empty())
-            message += fmt::format("; the directory {} is for {}", Show(directory).string,
-                                   Show(users).string);
-    }
+    if (error.Code() == EError::cNoAccess)
+        message += Show(NoteOfUsers(directory)).string;
     if (error.Code() == EError::cNoAccess || error.Code() == EError::cBusy ||
         error.Code() == EError::cFailed) {
         if (const std::string reason = WhySemaphoresAreRefused(directory); !reason.empty())

@@ -131,8 +131,10 @@ std::string TSchedulingProcess::Name() const {
 
 std::optional<TSchedulingProcess> FindSchedulingProcess(const fs::path& directory) {
     struct stat status {};
-    if (stat(directory.c_str(), &status) != 0)
+    if (stat(directory.c_str(), &status) != 0) {
+        RequireAccessToLock(directory);
         return {};
+    }
     std::optional<pid_t> process = LockHolder(directory, status);
     const bool holdsLock = process.has_value();
     if (!process)

@@ -149,7 +149,7 @@ bool MayUse(uid_t user, const fs::path& directory) {
     return std::find(groups.begin(), groups.end(), *group) != groups.end();
 }
 
-std::string WhoMayUse(const fs::path& directory) {
+std::string NoteOfUsers(const fs::path& directory) {
     struct stat store {};
     struct stat files {};
     if (geteuid() == 0 || stat(directory.c_str(), &store) == -1 || store.st_uid == geteuid())
@@ -157,10 +157,11 @@ std::string WhoMayUse(const fs::path& directory) {
     // Another user may not even see `files/`.
     const bool mayGroupWrite =
         stat((directory / cFilesDirectory).c_str(), &files) == -1 || (files.st_mode & S_IWGRP) != 0;
-    const std::string owner = "user " + FindUser(store.st_uid).name;
-    return (store.st_mode & S_IXGRP) != 0 && mayGroupWrite
-               ? owner + " and the group " + NameOfGroup(store.st_gid)
-               : owner + " alone";
+    return fmt::format("; the directory {} is for user {} {}", directory.string(),
+                       FindUser(store.st_uid).name,
+                       (store.st_mode & S_IXGRP) != 0 && mayGroupWrite
+                           ? "and the group " + NameOfGroup(store.st_gid)
+                           : "alone");
 }
 
 std::string WhyFilesAreRefused(const fs::path& directory) {

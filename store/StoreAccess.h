@@ -29,10 +29,10 @@ int MakePrivateDirectory(const std::filesystem::path& path, const std::filesyste
 // the directory, and the members of the group that it is open to.
 bool MayUse(uid_t user, const std::filesystem::path& directory);
 
-// Whom the store of a directory is for, for a message to another user: "user keeper alone", or "user
-// keeper and the group team". Empty for the superuser and the owner, and if the directory cannot be
-// examined.
-std::string WhoMayUse(const std::filesystem::path& directory);
+// Whom the store of a directory is for, to be added to a message to another user: "; the directory DIR
+// is for user keeper alone", or "... user keeper and the group team". Empty for the superuser and the
+// owner, and if the directory cannot be examined.
+std::string NoteOfUsers(const std::filesystem::path& directory);
 
 // Why a host must not use `files/` of a directory: it, something in it, or in one of the directories
 // there that a store has, belongs to a user who may not use the store, or may be written by others

@@ -135,7 +135,10 @@ TTime Now() {
 TTable ReadTable(const std::filesystem::path& directory, std::chrono::milliseconds lockTimeout) {
     const COwnerAccess ownerAccess(directory);
     std::error_code error;
-    if (!std::filesystem::is_directory(directory, error))
+    const bool isThere = std::filesystem::is_directory(directory, error);
+    if (error == std::errc::permission_denied)
+        throw SystemError("cannot enter " + directory.string(), error.value());
+    if (!isThere)
         throw MakeError(EError::cFailed,
                         "there is no directory {}; give the working directory of the host",
                         directory.string());

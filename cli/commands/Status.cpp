@@ -19,6 +19,7 @@
 #include "store/LostTasks.h"
 #include "store/MutexHolders.h"
 #include "store/OwedLaunches.h"
+#include "store/StoreAccess.h"
 #include "store/StoreMutexSet.h"
 #include "store/StoreMutexState.h"
 #include "store/StoreSemaphores.h"
@@ -39,6 +40,7 @@ struct TStatus {
     std::optional<TTable> table;
     std::string damage;
     std::optional<CError> tableError;    // why the table could not be read, unless it is damaged
+    std::string tableProblem;            // the message of that error
     std::optional<std::string> missing;  // the message, if the table is missing
     std::vector<std::string> overdue;
     std::vector<TOwedLaunch> owed;
@@ -119,10 +121,14 @@ TStatus ReadStatus(const TCommon& common) {
                 status.damage = problem.message;
         }
     } catch (const CError& error) {
-        if (error.Code() == EError::cDamaged)
+        if (error.Code() == EError::cDamaged) {
             status.damage = error.what();
-        else
+        } else {
             status.tableError = error;
+            status.tableProblem = error.what();
+        }
+        if (error.Code() == EError::cNoAccess)
+            status.tableProblem += NoteOfUsers(common.store.directory);
     }
     status.owed = FindOwedLaunches(common.store.directory);
     status.missing = DescribeMissingTable(common.store.directory);
@@ -194,7 +200,7 @@ std::string DescribeTable(const TStatus& status) {
     if (!status.damage.empty())
         return fmt::format("{}; run vxsched repair", status.damage);
     if (!status.table)
-        return status.tableError->what();
+        return status.tableProblem;
     if (status.missing)
         return *status.missing;
     return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
@@ -221,6 +227,8 @@ void PrintJson(const TStatus& status, const std::string& semaphoresProblem, COut
         semaphoresProblem.empty() ? nlohmann::ordered_json() : JsonOfString(semaphoresProblem);
     json["tasks"] = status.table ? nlohmann::ordered_json(status.table->tasks.size())
                                  : nlohmann::ordered_json();
+    json["table_error"] =
+        status.tableProblem.empty() ? nlohmann::ordered_json() : JsonOfString(status.tableProblem);
     json["damage"] = status.damage.empty() ? nlohmann::ordered_json() : JsonOfString(status.damage);
     json["overdue"] = nlohmann::ordered_json::array();
     for (const std::string& name : status.overdue)

@@ -24,6 +24,12 @@ using vxsched::cLockFile;
 using vxsched::cTableFile;
 
 static std::string CannotWork(const std::string& directory, int error) {
+    if (error == EACCES)
+        return fmt::format(
+            "cannot enter the directory {}: {}{}. Run vxschedd as a user who may enter it, or "
+            "choose "
+            "another with --directory.",
+            directory, std::strerror(error), vxsched::NoteOfUsers(directory));
     return fmt::format(
         "cannot use the directory {}: {}. Create it, or choose another with --directory.",
         directory, std::strerror(error));
@@ -32,6 +38,12 @@ static std::string CannotWork(const std::string& directory, int error) {
 static std::string CannotCreate(const std::string& directory, int error) {
     return fmt::format("cannot create {}/{}: {}. Run vxschedd as a user with write permission.",
                        directory, cFilesDirectory, std::strerror(error));
+}
+
+static std::string CannotUse(const std::string& file, int error, const std::string& noteOfUsers) {
+    return fmt::format(
+        "cannot use {}: {}{}. Run vxschedd as a user with read and write permission.", file,
+        std::strerror(error), noteOfUsers);
 }
 
 static bool May(const std::string& path, int access) {
@@ -102,6 +114,7 @@ void EnterDirectory(const std::string& directory) {
     if (access((directory + "/.").c_str(), F_OK) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
     RequireTrust(directory, directory);
+    const std::string noteOfUsers = vxsched::NoteOfUsers(directory);
     if (chdir(directory.c_str()) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
     // Where this process is now: the path may have led elsewhere meanwhile.
@@ -112,9 +125,7 @@ void EnterDirectory(const std::string& directory) {
         throw CHostError(cNoDirectory, CannotCreate(directory, errno));
     // The add-in would treat a table without write permission as empty, and log nothing.
     if (!May(cTableFile, R_OK | W_OK) && errno != ENOENT)
-        throw CHostError(cNoDirectory, fmt::format("cannot use {}/{}: {}. Run vxschedd as a user "
-                                                   "with read and write permission.",
-                                                   directory, cTableFile, std::strerror(errno)));
+        throw CHostError(cNoDirectory, CannotUse(directory + '/' + cTableFile, errno, noteOfUsers));
 }
 
 std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
@@ -124,6 +135,7 @@ std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
     std::vector<std::string> reasons;
     if (const std::string reason = WhyNotTrusted(directory); !reason.empty())
         reasons.push_back(reason);
+    const std::string noteOfUsers = vxsched::NoteOfUsers(directory);
     const std::string files = directory + '/' + cFilesDirectory;
     if (!May(files, F_OK)) {
         if (!May(directory, W_OK | X_OK))
@@ -132,14 +144,12 @@ std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
     }
     if (!May(files + "/.", W_OK | X_OK))
         reasons.push_back(
-            fmt::format("cannot write to {}: {}. Run vxschedd as a user with write permission.",
-                        files, std::strerror(errno)));
+            fmt::format("cannot write to {}: {}{}. Run vxschedd as a user with write permission.",
+                        files, std::strerror(errno), noteOfUsers));
     for (const char* const file : {cTableFile, cLockFile}) {
         const std::string path = directory + '/' + file;
         if (!May(path, R_OK | W_OK) && errno != ENOENT)
-            reasons.push_back(fmt::format(
-                "cannot use {}: {}. Run vxschedd as a user with read and write permission.", path,
-                std::strerror(errno)));
+            reasons.push_back(CannotUse(path, errno, noteOfUsers));
     }
     return reasons;
 }

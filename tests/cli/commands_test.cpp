@@ -368,6 +368,45 @@ TEST_F(Cli, WithoutAccessToTheFilesTheSchedulingProcessIsUnknown) {
     EXPECT_EQ(child.Wait(), 42);
 }
 
+// The directory, what is in it, or what it is in may not be entered.
+TEST_F(Cli, WithoutAccessToTheDirectoryItsUsersAreReported) {
+    REQUIRE_SUPERUSER();
+    std::filesystem::create_directories("parent/store/files");
+    ASSERT_EQ(chmod(".", 0777), 0);
+    for (const char* const closed : {"parent/store", "parent/store/files", "parent"}) {
+        ASSERT_EQ(chmod(closed, 0700), 0);
+        CForkedChild child([&] {
+            if (setgid(cForeignUser) != 0 || setuid(cForeignUser) != 0)
+                return 1;
+            const bool isKnown = std::string(closed) != "parent";
+            const std::string users =
+                isKnown ? "; the directory parent/store is for user root alone" : "";
+            for (const char* const command : {"status", "list", "wake", "check", "history"}) {
+                const TToolRun run = RunTool({"--directory", "parent/store", command});
+                EXPECT_EQ(run.status, 4) << command << closed;
+                EXPECT_THAT(run.output + run.error, HasSubstr("Permission denied"));
+                EXPECT_THAT(run.output + run.error, HasSubstr(users)) << command << closed;
+                EXPECT_THAT(run.output + run.error, testing::Not(HasSubstr("no directory")));
+                EXPECT_THAT(run.output + run.error, testing::Not(HasSubstr("none;")));
+            }
+            return testing::Test::HasFailure() ? 2 : 42;
+        });
+        EXPECT_EQ(child.Wait(), 42);
+        ASSERT_EQ(chmod(closed, 0755), 0);
+    }
+}
+
+// What keeps the table from being read is in the JSON as well.
+TEST_F(Cli, StatusAsJsonHasWhyTheTableCannotBeRead) {
+    EXPECT_THAT(RunTool({"status", "--json"}).output, HasSubstr("\"table_error\": null"));
+    std::filesystem::create_directory("files");
+    std::filesystem::create_directory(cTable);
+    const TToolRun run = RunTool({"status", "--json"});
+    EXPECT_THAT(run.output, HasSubstr("\"table_error\": \"cannot read ./files/scheduler.dat: Is a "
+                                      "directory\""));
+    EXPECT_EQ(run.status, 1);
+}
+
 TEST_F(Cli, StatusShowsTheSchedulingProcessAndTheMutex) {
     CHost host;
     WaitUntil([&] {

@@ -484,6 +484,31 @@ TEST(HostDirectory, ThatLetsOthersInIsReported) {
     EXPECT_THAT(warning(02775, 02770), HasSubstr("run chmod o-rwx " + here + '\n'));
 }
 
+TEST(HostDirectory, ThatMayNotBeEnteredIsReportedWithItsUsers) {
+    REQUIRE_SUPERUSER();
+    fs::create_directories("parent/store/files");
+    ASSERT_EQ(chmod(".", 0755), 0);
+    for (const char* const closed : {"parent/store", "parent/store/files", "parent"}) {
+        ASSERT_EQ(chmod(closed, 0700), 0);
+        CForkedChild user([&] {
+            BecomeForeignUser();
+            for (const char* const option : {"--check", "--run-once"}) {
+                CProgram host({HOST_PROGRAM, "--directory", "parent/store", option});
+                EXPECT_EQ(host.Wait(), cNoDirectoryStatus) << closed;
+                EXPECT_THAT(host.Output(), HasSubstr("Permission denied"));
+                EXPECT_THAT(host.Output(), Not(HasSubstr("Create it")));
+                if (closed != std::string("parent")) {
+                    EXPECT_THAT(host.Output(),
+                                HasSubstr("; the directory parent/store is for user root alone."));
+                }
+            }
+            return testing::Test::HasFailure() ? 1 : 42;
+        });
+        EXPECT_EQ(user.Wait(), 42);
+        ASSERT_EQ(chmod(closed, 0755), 0);
+    }
+}
+
 // A umask that takes from the owner would keep the host from its own files.
 TEST(HostFiles, AreTheOwnersWhateverTheUmask) {
     CProgram host(WithUmask("0777", HostWith({"--log", "log", "--output", "output"})));
