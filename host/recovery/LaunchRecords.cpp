@@ -20,6 +20,7 @@
 #include "host/CHostLog.h"
 #include "store/Grid.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 #include "store/TaskFileName.h"
 
 namespace fs = std::filesystem;
@@ -42,17 +43,22 @@ bool TLaunchRecord::IsLaunchOf(const TTaskEntry& entry) const {
            (entry.period != 0 && (entry.last < launched || entry.last == formerStart));
 }
 
+static bool IsThere(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
 bool MakeLaunchRecordDirectory() {
-    if (mkdir(cLaunchRecordDirectory, 0700) == 0) {
+    if (IsThere(cLaunchRecordDirectory))
+        return true;
+    const int error = vxsched::MakePrivateDirectory(cLaunchRecordDirectory, ".");
+    if (error == 0) {
         SyncDirectory(vxsched::cFilesDirectory);
         return true;
     }
-    if (errno == EEXIST)
-        return true;
     LogWarning(
         fmt::format("cannot create {}: {}. If this host is killed during a tick, the next one may "
                     "launch programs a second time.",
-                    cLaunchRecordDirectory, std::strerror(errno)));
+                    cLaunchRecordDirectory, std::strerror(error)));
     return false;
 }
 
@@ -134,10 +140,6 @@ std::map<std::string, TRemembered> gLaunches;
 
 }  // namespace
 
-static bool IsThere(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 // Whether a client has removed the record, to make its task due again (store/ForgetLaunches.h).
 static bool IsForgotten(const TRemembered& launch) {
     return launch.hasFile && !IsThere(PathOf(cLaunchRecordDirectory, launch.record)) &&
@@ -200,7 +202,7 @@ static bool MoveToSettled(const TLaunchRecord& record) {
     const std::string from = PathOf(cLaunchRecordDirectory, record);
     const std::string to = PathOf(cSettledLaunchDirectory, record);
     if (rename(from.c_str(), to.c_str()) == -1 && errno == ENOENT &&
-        mkdir(cSettledLaunchDirectory, 0700) == 0)
+        vxsched::MakePrivateDirectory(cSettledLaunchDirectory, ".") == 0)
         rename(from.c_str(), to.c_str());
     return IsThere(to);
 }

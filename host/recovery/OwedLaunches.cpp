@@ -1,7 +1,6 @@
 #include "host/recovery/OwedLaunches.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "base/Sync.h"
 #include "host/CHostLog.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 #include "store/TableFile.h"
 #include "store/TaskFileName.h"
 
@@ -38,9 +38,10 @@ bool KeepOwedLaunch(const TOwedLaunch& launch) {
                     .launched = {},
                     .formerStart = launch.formerStart});
     try {
-        if (mkdir(vxsched::cOwedLaunchDirectory, 0700) == -1 && errno != EEXIST)
+        if (const int error = vxsched::MakePrivateDirectory(vxsched::cOwedLaunchDirectory, ".");
+            error != 0)
             throw vxsched::SystemError(
-                fmt::format("cannot create {}", vxsched::cOwedLaunchDirectory), errno);
+                fmt::format("cannot create {}", vxsched::cOwedLaunchDirectory), error);
         // The table that shows the launch as made is flushed to the disk after this.
         SyncDirectory(vxsched::cFilesDirectory);
         vxsched::WriteNewFile(OwedLaunchPath(launch),

@@ -8,6 +8,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -209,6 +210,21 @@ TEST_F(GroupStore, MembersReplacementIsNotTakenForALossByTheHost) {
     EXPECT_EQ(NamesInTable(), "imported");
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
+}
+
+// Also several times within one second: the command removes the record of the former launch.
+TEST_F(GroupStore, MemberMayHaveATaskLaunchedAgainForTheSameTime) {
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    for (std::size_t launches = 1; launches <= 10; ++launches) {
+        OutputAs(cMember, {"create", "again", "--replace", "--at", "now", "--",
+                           PROGRAMS "/append-text", "log"});
+        WaitUntil([&] {
+            const std::string log = ReadFile("log");
+            return static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n')) == launches;
+        });
+    }
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 
 // The semaphores as well, which no command of the owner opens here.

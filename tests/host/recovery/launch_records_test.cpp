@@ -1,7 +1,9 @@
 // The records that launches leave until the table shows them.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include "host/recovery/LaunchRecords.h"
+#include "host/recovery/OwedLaunches.h"
 #include "store/TaskFileName.h"
 
 #include <chrono>
@@ -39,6 +41,27 @@ TEST(LaunchRecords, AreFoundByTaskAndDueTimeWhateverTheName) {
         EXPECT_FALSE(records[0].IsOf(std::string(name) + "x", Later(3))) << name;
         SettleLaunches(records);
         EXPECT_TRUE(ReadLaunchRecords().empty()) << name;
+    }
+}
+
+// Of a store that is open to a group, and of one that is the owner's alone.
+TEST(LaunchRecords, AreInDirectoriesForThoseWhomTheStoreIsFor) {
+    for (const mode_t mode : {02770U, 0700U}) {
+        std::filesystem::remove_all("files");
+        std::filesystem::create_directory("files");
+        for (const char* const directory : {".", "files"})
+            ASSERT_EQ(chmod(directory, mode), 0);
+        ASSERT_TRUE(MakeLaunchRecordDirectory());
+        const TLaunchRecord record = {.task = "task", .due = cNow, .launched = cNow};
+        WriteFile(LaunchRecordPath(record), "");
+        SettleLaunches({record});
+        ASSERT_TRUE(
+            KeepOwedLaunch({.task = "task", .due = cNow, .program = "/p", .parameter = ""}));
+        for (const char* const directory : {"files/started", "files/settled", "files/owed"}) {
+            struct stat status {};
+            ASSERT_EQ(stat(directory, &status), 0) << directory;
+            EXPECT_EQ(status.st_mode & 07777U, mode) << directory;
+        }
     }
 }
 
