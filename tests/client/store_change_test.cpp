@@ -251,6 +251,7 @@ static std::string ErrorFor(const CStore& store, const fs::path& program) {
 // Whether the user of the test is the superuser or owns all of the files, it is the owner of the
 // store who launches the program.
 TEST_F(ClientStore, ProgramIsCheckedWithThePermissionsOfTheStoresOwner) {
+    ASSERT_TRUE(DropGainedCapabilities());
     const bool isSuperuser = geteuid() == 0;
     const uid_t owner = isSuperuser ? 65534 : geteuid();
     const gid_t group = isSuperuser ? 65534 : getegid();

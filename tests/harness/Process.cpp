@@ -63,6 +63,10 @@ bool EnterNamespaces(int flags) {
     return true;
 }
 
+bool DropGainedCapabilities() {
+    return geteuid() == 0 || DropCapabilities();
+}
+
 int RunInPidNamespace(const std::function<int()>& body) {
     constexpr int cNotPermitted = 125;
     CForkedChild outer([&] {
@@ -70,7 +74,7 @@ int RunInPidNamespace(const std::function<int()>& body) {
             return cNotPermitted;
         CForkedChild first([&] {
             if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                mount("proc", "/proc", "proc", 0, nullptr) != 0)
+                mount("proc", "/proc", "proc", 0, nullptr) != 0 || !DropGainedCapabilities())
                 return cNotPermitted;
             return body();
         });

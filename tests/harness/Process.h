@@ -32,6 +32,10 @@ private:
 // False where the system does not permit it.
 bool EnterNamespaces(int flags);
 
+// Drops the capabilities that an ordinary user has got with a user namespace. No program that this
+// process executes has them, and none of those without them may inspect this process otherwise.
+bool DropGainedCapabilities();
+
 // Runs `body` in a child that is process 1 of a PID namespace of its own, with a /proc that shows
 // that namespace: every process there may be inspected. Returns body's result as CForkedChild does,
 // or -1 where the system does not permit it.

@@ -254,6 +254,7 @@ TEST(AbandonedMutex, IsReportedByStatusWithTheRemedyAndLeftAlone) {
 }
 
 TEST(HeldMutex, IsNoProblemToStatus) {
+    ASSERT_TRUE(DropGainedCapabilities());
     WriteTable(cThree);
     MakeStoreMutex();
     const vxsched::CStoreMutexLock tick(10s);

@@ -605,6 +605,7 @@ TEST(HostImpostor, ThatIsASetUserIdProgramIsNotTakenForTheHost) {
 }
 
 TEST(HostImpostor, ThatIsAnotherProgramOfTheOwnerIsNotTakenForTheHost) {
+    ASSERT_TRUE(DropGainedCapabilities());
     WriteTable(cThree);
     WriteFile("files/vxschedd.lock", "");
     CForkedChild impostor([] {
