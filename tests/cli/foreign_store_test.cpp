@@ -152,7 +152,7 @@ TEST_F(Cli, RunInAForeignStoreHasNoTerminal) {
     GiveStoreTo(cForeignUser);
     const TToolRun run = RunToolOnTerminal({"run", "a", "--wait", "--force"}, 80);
     EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 0\n"));
+    EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 0\nterminal of the session no\n"));
     EXPECT_THAT(run.output, HasSubstr("output \033[1m of the program\n"));
     EXPECT_THAT(run.output, HasSubstr("error of the program\n"));
     EXPECT_THAT(run.output, testing::EndsWith("a exited with status 0\n"));

@@ -1,6 +1,7 @@
-// record-session FILE: writes its user, its environment and what its standard descriptors are to
-// FILE, and a line each to its standard output and error, then exits.
+// record-session FILE: writes its user, its environment, what its standard descriptors are and whether
+// its session has a terminal to FILE, and a line each to its standard output and error, then exits.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,6 +23,10 @@ int main(int argc, char** argv) {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         terminals += isatty(descriptor);
     text += "terminals " + std::to_string(terminals) + '\n';
+    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    text += std::string("terminal of the session ") + (terminal >= 0 ? "yes" : "no") + '\n';
+    if (terminal >= 0)
+        close(terminal);
     std::printf("output \033[1m of the program\n");
     std::fflush(stdout);
     std::fprintf(stderr, "error of the program\n");
