@@ -404,13 +404,22 @@ TEST(HostSemaphores, ThatAreTooFewForAnEventAreReportedByCommandsToo) {
     }
 }
 
-// One that the superuser's commands made before there was a host, and gave to the store's owner.
+// The superuser's command makes it before there is a host, and gives it to the store's owner.
 TEST(HostSemaphores, OfTheOwnerAreAccepted) {
     REQUIRE_SUPERUSER();
-    WriteTable({});
-    MakeStoreMutex();
-    CHost host;
-    EXPECT_EQ(host.Stop(), 0);
+    WriteTable({{"a", 4'000'000'000, 0, 24, "/bin/true", "", 0}});
+    GiveStoreTo(cForeignUser);
+    EXPECT_EQ(RunTool({"pause", "a"}).status, 0);
+    struct semid_ds status {};
+    ASSERT_NE(semctl(semget(cStoreKey, 0, 0), 0, IPC_STAT, &status), -1);
+    EXPECT_EQ(status.sem_perm.uid, cForeignUser);
+    CForkedChild owner([] {
+        BecomeForeignUser();
+        CHost host;
+        EXPECT_EQ(host.Stop(), 0) << host.Output();
+        return testing::Test::HasFailure() ? 1 : 42;
+    });
+    EXPECT_EQ(owner.Wait(), 42);
 }
 
 TEST(HostSemaphores, AreForTheOwnerAlone) {
