@@ -1,5 +1,7 @@
 #include "host/HostOptions.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <iostream>
@@ -63,7 +65,14 @@ static void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& se
            name, [&seconds](int value) { seconds = std::chrono::seconds(value); }, description)
         ->type_name("SECONDS")
         ->default_str(std::to_string(seconds.count()))
-        ->check(CLI::Range(0, longest));
+        ->check([longest](const std::string& argument) {
+            int value = -1;
+            const bool isNumber = CLI::detail::lexical_cast(argument, value);
+            return isNumber && value >= 0 && value <= longest
+                       ? ""
+                       : fmt::format("expected whole seconds from 0 to {}, not \"{}\"", longest,
+                                     argument);
+        });
 }
 
 static void DescribeOptions(CLI::App& app, THostOptions& options) {
@@ -88,14 +97,14 @@ static void DescribeOptions(CLI::App& app, THostOptions& options) {
            "--output-size", options.outputSize,
            "Size of a task's output file beyond which the next launch moves it to .1 (1 MiB)")
         ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(CLI::Range(std::uint64_t{0}, cLargestSize).description(""));
     app.add_option("--history-size", options.historySize,
                    "Size beyond which files/history.jsonl is moved to .1 (1 MiB); 0 disables the "
                    "history")
         ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(std::uint64_t{0}, cLargestSize));
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(CLI::Range(std::uint64_t{0}, cLargestSize).description(""));
     app.add_option("--snapshots", options.snapshots,
                    "Number of valid tables to keep in files/snapshots; 0 keeps none")
         ->type_name("COUNT")
@@ -112,6 +121,7 @@ static void DescribeOptions(CLI::App& app, THostOptions& options) {
         ->excludes(check);
     app.set_version_flag("--version", "vxschedd " VXSCHEDD_VERSION);
     app.footer(
+        "A size is a number of bytes, or has a unit: 64kb, 16mb.\n"
         "Signals: SIGTERM and SIGINT stop the host, SIGHUP reopens the log, SIGUSR1 ticks at "
         "once.\n"
         "Exit status: 0 stopped cleanly, 1 failed, 2 invalid command line, 3 the directory cannot\n"

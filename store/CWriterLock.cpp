@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include "base/CDeadline.h"
+#include "base/ShellWord.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 
@@ -21,8 +22,8 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
     if (!descriptor.IsOpen() && (errno == ENOENT || errno == ENOTDIR))
         throw MakeError(EError::cFailed,
                         "there is no directory {}: no host has run here; give the host's working "
-                        "directory, or create it to begin a table",
-                        files.string());
+                        "directory, or run mkdir {} to begin a table",
+                        files.string(), ShellWord(files.string()));
     if (!descriptor.IsOpen())
         throw SystemError("cannot open " + files.string(), errno);
     const CDeadline deadline(lockTimeout);

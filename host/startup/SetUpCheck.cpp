@@ -21,6 +21,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/StoreOwner.h"
 #include "store/StoreSemaphores.h"
+#include "store/TableFile.h"
 
 namespace {
 
@@ -86,6 +87,12 @@ TRepairPlan PlanUnderMutex(const THostOptions& options, CReport& report) {
     return PlanStartupRepair(options.directory);
 }
 
+bool IsTableMissing(const std::string& directory) {
+    std::error_code error;
+    return std::filesystem::symlink_status(vxsched::TableFile(directory), error).type() ==
+           std::filesystem::file_type::not_found;
+}
+
 void CheckTable(const THostOptions& options, CReport& report) {
     try {
         const TRepairPlan plan = PlanUnderMutex(options, report);
@@ -93,7 +100,9 @@ void CheckTable(const THostOptions& options, CReport& report) {
             CReport::Warn(value);
         for (const std::string& loss : plan.possibleLosses)
             CReport::Warn(loss);
-        if (plan.repairs.empty())
+        if (plan.repairs.empty() && IsTableMissing(options.directory))
+            CReport::Ok("there is no table yet");
+        else if (plan.repairs.empty())
             CReport::Ok(fmt::format("the table is valid and has {} task(s)", plan.tasks.size()));
         else
             CReport::Warn(

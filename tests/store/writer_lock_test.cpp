@@ -85,7 +85,7 @@ TEST(WriterLock, DeadHolderReleasesIt) {
 TEST(WriterLock, WithoutADirectorySaysWhatToDo) {
     EXPECT_EQ(ErrorOf(EError::cFailed, [] { const CWriterLock lock("none", 0ms); }),
               "there is no directory none/files: no host has run here; give the host's working "
-              "directory, or create it to begin a table");
+              "directory, or run mkdir none/files to begin a table");
 }
 
 TEST(WriterLock, MissingAccessIsReported) {

@@ -101,6 +101,16 @@ TEST(HostCheck, RunningHostIsNotDisturbed) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
+TEST(HostCheck, SecondsThatAreNotAcceptedAreReportedWithThoseThatAre) {
+    for (const char* const seconds : {"0.5", "3601", "-1", "x", ""}) {
+        CProgram host(HostWith({"--check", "--lock-timeout", seconds}));
+        EXPECT_EQ(host.Wait(), 2);
+        EXPECT_NE(host.Output().find("--lock-timeout: expected whole seconds from 0 to 3600, not"),
+                  std::string::npos)
+            << host.Output();
+    }
+}
+
 TEST(HostCheck, EachFaultHasTheExitStatusOfAHost) {
     std::filesystem::create_directory("files");
     std::filesystem::create_directory(cTable);
@@ -121,7 +131,7 @@ TEST(HostCheck, EachFaultHasTheExitStatusOfAHost) {
     EXPECT_EQ(check({"--addin", "./note"}, "note is not an add-in: it is not a shared library"), 5);
     EXPECT_EQ(
         check({"--addin", "./files"}, "files is not an add-in: cannot read the file: Is a dir"), 5);
-    EXPECT_EQ(check({"--addin", "./files"}, "ok: the table is valid and has 0 task(s)"), 5);
+    EXPECT_EQ(check({"--addin", "./files"}, "ok: there is no table yet\n"), 5);
     EXPECT_EQ(check({"--output", "missing/out"},
                     "missing/out: No such file or directory. Choose another directory with "
                     "--output."),
