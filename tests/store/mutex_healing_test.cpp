@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <unistd.h>
 #include "store/CMutexHealer.h"
@@ -143,7 +144,7 @@ TEST(MutexHealing, RepairSetsItFreeIfItsMakerWasKilled) {
 TEST(MutexHealing, ProcessOfAnotherIpcNamespaceDoesNotCount) {
     Inspectable([] {
         CForkedChild elsewhere([] {
-            if (unshare(CLONE_NEWIPC) != 0)
+            if (!EnterNamespaces(CLONE_NEWIPC))
                 return 1;
             const CProgram other(LoadAndSleep());
             for (;;)
@@ -282,8 +283,9 @@ TEST(MutexHealing, ProcessThatMayNotBeInspectedIsReported) {
     Inspectable([] {
         const int set = Wedge();
         semctl(set, 0, SETVAL, 0);
+        // Only with capabilities, which the child drops, may another process inspect this one.
+        prctl(PR_SET_DUMPABLE, 0);
         CForkedChild healing([] {
-            // Process 1 keeps the capabilities, so that this one may not inspect it.
             if (!DropCapabilities())
                 return 1;
             const CMutexHealer::TResult result = Heal();
