@@ -41,7 +41,7 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
     : where(wanted), limit(mostBytes) {
     // Warns at startup already if there is no journal.
     if (where == cJournal)
-        static_cast<void>(OpenJournal("vxschedd", LogWarning));
+        isJournalMissing = !OpenJournal("vxschedd", LogWarning).IsOpen();
     if (where == cInherit || where == cJournal)
         return;
     if (const std::string reason = vxsched::WhyNotToWriteIn(where); !reason.empty())
@@ -62,7 +62,12 @@ CDescriptor CProgramOutput::Open(const std::optional<std::string>& task, const T
     if (where == cInherit)
         return CDescriptor();
     const std::string name = task ? vxsched::FileNameOf(*task) : cUnknown;
-    return where == cJournal ? OpenJournal(cTaskPrefix + name, warn) : OpenFile(name, warn);
+    if (where != cJournal)
+        return OpenFile(name, warn);
+    CDescriptor stream =
+        OpenJournal(cTaskPrefix + name, isJournalMissing ? TWarn([](const auto&) {}) : warn);
+    isJournalMissing = !stream.IsOpen();
+    return stream;
 }
 
 CDescriptor CProgramOutput::OpenFile(const std::string& fileName, const TWarn& warn) const {

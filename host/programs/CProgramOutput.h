@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -31,4 +32,6 @@ private:
 
     const std::string where;
     const std::uint64_t limit;
+    // The log has been warned of it, and is not again for each launch.
+    mutable std::atomic<bool> isJournalMissing{false};
 };

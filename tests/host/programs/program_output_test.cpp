@@ -249,5 +249,9 @@ TEST(HostOutput, WithoutAJournalProgramsInheritAndTheLogIsWarned) {
     CreateDue("task", cWriter, "text");
     EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
     WaitForTheTicksEnd();
+    CreateDue("again", cWriter, "other");
+    EXPECT_TRUE(host.WaitForOutput("\noutput other\n")) << host.Output();
+    WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("cannot connect to the journal"), 1U) << "at the startup";
 }
