@@ -88,6 +88,7 @@ private:
     void AddName(CLI::App& command);
     void Parse(int argc, const char* const* argv);
     std::string ReasonOf(const CLI::ParseError& error) const;
+    void RequireQuotedTime() const;
     std::string ReasonOfUnexpected(const std::vector<std::string>& unexpected) const;
     void WarnIfNoHostHasRun() const;
 
@@ -371,13 +372,29 @@ void CCommandLine::WarnIfNoHostHasRun() const {
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
 
+// The second word of a time that was not quoted is read as the program.
+void CCommandLine::RequireQuotedTime() const {
+    if (!task.at || !task.program)
+        return;
+    const std::string words = *task.at + ' ' + *task.program;
+    try {
+        ParseTime(words, Now());
+    } catch (const CParseError&) {
+        return;
+    }
+    throw CLI::ValidationError("--at",
+                               fmt::format("quote a time of several words: --at \"{}\"", words));
+}
+
 void CCommandLine::Parse(int argc, const char* const* argv) {
     const char* const* const end = argv + argc;
     const char* const* const begin = argv + std::min(argc, 1);
     beforeSeparator.assign(begin, std::find(begin, end, std::string_view("--")));
     try {
         app.parse(argc, argv);
+        RequireQuotedTime();
     } catch (const CLI::ExtrasError&) {
+        RequireQuotedTime();
         // The rest of a time that was not quoted is left over. Report the time: its message has the
         // remedy.
         if (task.at)

@@ -160,6 +160,12 @@ TEST_F(Cli, TimeThatIsNotQuotedIsReportedAsSuch) {
     ExpectRefused(2, quote, {"create", "b", "--at", "in", "3h", "--", cRecorder, "parameter"});
     ExpectRefused(2, quote, {"next", "--until", "today", "14:30"});
     ExpectRefused(2, "unexpected argument \"14:30\"", {"next", "--until", "tomorrow", "14:30"});
+    for (const std::vector<std::string>& end : std::vector<std::vector<std::string>>{
+             {}, {"/bin/true"}, {"/bin/true", "x"}, {"--", "/bin/true", "x"}}) {
+        std::vector<std::string> arguments = {"create", "a", "--at", "friday", "14:30"};
+        arguments.insert(arguments.end(), end.begin(), end.end());
+        ExpectRefused(2, "--at: quote a time of several words: --at \"friday 14:30\"", arguments);
+    }
     ExpectRefused(2, "quote a time of several words", {"history", "--since", "3h", "ago"});
     ExpectRefused(2, "unexpected argument \"14:30\"; quote an argument of several words",
                   {"edit", "a", "--at", "2026-11-21", "14:30"});
