@@ -58,7 +58,7 @@ static int ModeOf(key_t key) {
 
 static unsigned int ModeOf(const std::string& path) {
     struct stat status {};
-    return lstat(path.c_str(), &status) == 0 ? status.st_mode & 0777U : 0U;
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0U;
 }
 
 static void ExpectRefused(int status, const std::string& message) {
@@ -442,6 +442,7 @@ TEST(HostFiles, AreForTheOwnerAlone) {
     CProgram host(HostWith({"--log", "log", "--output", "output"}));
     WaitUntil([] { return LogHolds("log", " as process ") && WorkerIsIdle(); });
     EXPECT_TRUE(LogHolds("log", "any user may enter or read"));
+    EXPECT_TRUE(LogHolds("log", "run chmod go-rwx " + fs::current_path().string()));
     EXPECT_EQ(RunTool({"create", "a", "--", "/bin/echo", "text"}).status, 0);
     WaitUntil([] { return fs::exists("files/history.jsonl"); });
     EXPECT_EQ(RunTool({"create", "b", "--at", "in 1h", "--", "/bin/true"}).status, 0);
@@ -449,6 +450,7 @@ TEST(HostFiles, AreForTheOwnerAlone) {
     WaitUntil([] { return CountIn("files/snapshots") > 1; });
     host.Kill(SIGTERM);
     EXPECT_EQ(host.Wait(), 0);
+    EXPECT_EQ(ModeOf("."), 0755U) << "it is the operator's";
     for (const auto& entry : fs::recursive_directory_iterator(".")) {
         const std::string path = entry.path().string();
         if (path != "./files/scheduler.dat" && !entry.is_symlink()) {
@@ -474,6 +476,8 @@ TEST(HostDirectory, ThatLetsOthersInIsReported) {
         EXPECT_EQ(chmod("files", files), 0);
         CProgram host(HostWith({"--check"}));
         host.Wait();
+        EXPECT_EQ(ModeOf("."), directory) << "it is the operator's";
+        EXPECT_EQ(ModeOf("files"), files);
         return host.Output();
     };
     EXPECT_THAT(warning(0700, 0700), Not(HasSubstr("may enter")));
