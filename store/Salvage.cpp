@@ -21,9 +21,10 @@ bool IsPlausibleTime(TTime time) {
 
 // Bytes that are not a task hardly ever pass these checks by chance.
 bool IsPlausible(const TTaskView& task) {
-    return !task.name.empty() && task.name.size() <= cLongestTaskName && IsPlausibleTime(task.next) &&
-           IsPlausibleTime(task.last) && !task.program.empty() && task.program.size() < PATH_MAX &&
-           task.flag <= 1 && task.name.find('\0') == std::string_view::npos &&
+    return !task.name.empty() && task.name.size() <= cLongestTaskName &&
+           IsPlausibleTime(task.next) && IsPlausibleTime(task.last) && !task.program.empty() &&
+           task.program.size() < PATH_MAX && task.flag <= 1 &&
+           task.name.find('\0') == std::string_view::npos &&
            task.program.find('\0') == std::string_view::npos;
 }
 

@@ -150,8 +150,7 @@ static bool IsForgotten(const TRemembered& launch) {
 // Whether a due time that is brought back is that of this launch, and not of one that is still owed,
 // nor one that a client has set again.
 static bool IsRecent(const TRemembered& launch) {
-    const bool isOld =
-        launch.record.isSettled && TClock::now() - launch.settled >= cSettledFor;
+    const bool isOld = launch.record.isSettled && TClock::now() - launch.settled >= cSettledFor;
     return launch.record.launched != TTime() && !isOld && !IsForgotten(launch);
 }
 
