@@ -1,9 +1,12 @@
 #include "store/ProgramLinks.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <set>
 #include <system_error>
 
@@ -11,6 +14,7 @@
 #include <vxsched/Validation.h>
 #include "base/Sync.h"
 #include "store/Layout.h"
+#include "store/OwedLaunches.h"
 #include "store/StoreAccess.h"
 
 namespace vxsched {
@@ -37,6 +41,20 @@ bool IsLinkTo(const fs::path& link, const std::string& program) {
     return fs::read_symlink(link, error).string() == program && !error;
 }
 
+// A script opens its link after the launch, and may do so again while it runs. By then a task that
+// runs once is not in the table any more.
+constexpr std::chrono::hours cKeptUnused(24);
+
+// The modification time of a link says since when no task uses it; that of one in use is 0.
+void SetUnusedSince(const fs::path& link, const timespec& time) {
+    const timespec times[] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, time};
+    utimensat(AT_FDCWD, link.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+void MarkUsed(const fs::path& link) {
+    SetUnusedSince(link, {});
+}
+
 bool LaunchLeavesAlone(const std::string& program) {
     const bool hasExtension = fs::path(program).filename().string().find('.') != std::string::npos;
     return !hasExtension && LaunchedPath(program) == program;
@@ -55,6 +73,7 @@ std::string MakeSchedulable(const fs::path& directory, const std::string& progra
         if (!isThere)
             fs::create_symlink(program, link, error);
         if (isThere || !error) {
+            MarkUsed(link);
             SyncLinks(directory);
             return link.string();
         }
@@ -69,6 +88,7 @@ void MakeLink(const std::string& path, const std::string& program) {
     MakePrivateDirectory(links, links.parent_path().parent_path());
     if (symlink(program.c_str(), path.c_str()) == -1 && !IsLinkTo(path, program))
         throw SystemError("cannot make the link " + path + " to " + program, errno);
+    MarkUsed(path);
 }
 
 void SyncLinks(const fs::path& directory) {
@@ -100,17 +120,33 @@ std::string RealProgram(const fs::path& directory, const std::string& program) {
     return error ? program : target.string();
 }
 
+static void RemoveIfLongUnused(const fs::path& link, const struct stat& status) {
+    const std::chrono::seconds since(status.st_mtim.tv_sec);
+    if (since == std::chrono::seconds(0))
+        SetUnusedSince(link, {.tv_sec = 0, .tv_nsec = UTIME_NOW});
+    else if (std::chrono::system_clock::now().time_since_epoch() - since > cKeptUnused)
+        unlink(link.c_str());
+}
+
 void RemoveUnusedLinks(const fs::path& directory, const TTable& table) {
     std::set<std::string> used;
-    for (const TTaskEntry& task : table.tasks) {
-        if (IsLinkPath(directory, task.program))
-            used.insert(fs::path(LaunchedPath(task.program)).filename().string());
-    }
+    const auto use = [&](const std::string& program) {
+        if (IsLinkPath(directory, program))
+            used.insert(fs::path(LaunchedPath(program)).filename().string());
+    };
+    for (const TTaskEntry& task : table.tasks)
+        use(task.program);
+    for (const TOwedLaunch& launch : FindOwedLaunches(directory))
+        use(launch.program);
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(LinksOf(directory), ignored)) {
-        const std::string name = LaunchedPath(entry.path().filename().string());
-        if (!used.contains(name) && entry.is_symlink(ignored))
-            fs::remove(entry.path(), ignored);
+        struct stat status {};
+        if (lstat(entry.path().c_str(), &status) == -1 || !S_ISLNK(status.st_mode))
+            continue;
+        if (!used.contains(LaunchedPath(entry.path().filename().string())))
+            RemoveIfLongUnused(entry.path(), status);
+        else if (status.st_mtim.tv_sec != 0)
+            MarkUsed(entry.path());
     }
 }
 

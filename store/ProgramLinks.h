@@ -37,8 +37,9 @@ bool IsLinkPathOfAnotherStore(const std::filesystem::path& directory, const std:
 // is no such link or the link is missing.
 std::string RealProgram(const std::filesystem::path& directory, const std::string& program);
 
-// Removes the links that no task of the table uses. Other files of the directory stay. Links that
-// cannot be removed stay, too; that is not an error.
+// Removes the links that have been used by no task of the table, and by no owed launch, for a day:
+// what was launched through one may still need it. Since when that is so is found out by the calls.
+// Other files of the directory stay. Links that cannot be removed stay, too; that is not an error.
 void RemoveUnusedLinks(const std::filesystem::path& directory, const TTable& table);
 
 }  // namespace vxsched

@@ -1,12 +1,14 @@
 // Links with safe names for programs that the add-in cannot launch by their own path: made once,
 // shown as the program that they lead to, removed with their last task.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <vxsched/Error.h>
 #include <vxsched/Validation.h>
 #include "store/ProgramLinks.h"
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -63,25 +65,70 @@ TEST(ClientLinks, OtherPathsAreWhatTheyAre) {
     EXPECT_EQ(RealProgram(".", Here("files/programs/gone-1")), Here("files/programs/gone-1"));
 }
 
-TEST(ClientLinks, LinkGoesWithTheLastTaskThatNeedsIt) {
+// As of a link that was found unused so long ago.
+static void LetAge(const std::string& link, std::chrono::hours age) {
+    struct stat status {};
+    ASSERT_EQ(lstat(link.c_str(), &status), 0);
+    const timespec times[] = {status.st_atim,
+                              {status.st_mtim.tv_sec - std::chrono::seconds(age).count(), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, link.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+TEST(ClientLinks, LinkIsKeptForADayAfterTheLastTaskThatNeedsIt) {
     fs::create_directory("files");
     const std::string one = MakeSchedulable(".", Program("free"));
     const std::string two = MakeSchedulable(".", Program("backup.sh"));
     WriteFile("files/programs/kept", "not a link");
     TTable table;
-    table.tasks = {TaskOf(one), TaskOf(two), TaskOf(one)};
+    table.tasks = {TaskOf(one), TaskOf(two)};
     RemoveUnusedLinks(".", table);
     EXPECT_TRUE(fs::is_symlink(one));
     table.tasks.erase(table.tasks.begin());
     RemoveUnusedLinks(".", table);
+    LetAge(one, std::chrono::hours(23));
+    RemoveUnusedLinks(".", table);
     EXPECT_TRUE(fs::is_symlink(one));
-    table.tasks.pop_back();
+    LetAge(one, std::chrono::hours(2));
     RemoveUnusedLinks(".", table);
     EXPECT_FALSE(fs::exists(fs::symlink_status(one)));
     EXPECT_TRUE(fs::is_symlink(two));
     EXPECT_TRUE(fs::exists("files/programs/kept"));
     fs::remove_all("files");
     RemoveUnusedLinks(".", table);
+}
+
+TEST(ClientLinks, LinkOfAnOwedLaunchIsKept) {
+    fs::create_directories("files/owed");
+    TTaskEntry owed = TaskOf(MakeSchedulable(".", Program("free")));
+    WriteFile("files/owed/task@10", EncodeTable({owed}));
+    const TTable table;
+    RemoveUnusedLinks(".", table);
+    LetAge(owed.program, std::chrono::hours(30));
+    RemoveUnusedLinks(".", table);
+    EXPECT_TRUE(fs::is_symlink(owed.program));
+    fs::remove_all("files/owed");
+    RemoveUnusedLinks(".", table);
+    LetAge(owed.program, std::chrono::hours(30));
+    RemoveUnusedLinks(".", table);
+    EXPECT_FALSE(fs::is_symlink(owed.program));
+}
+
+// A day begins when no task uses the link any more.
+TEST(ClientLinks, LinkThatIsUsedAgainIsKeptAnew) {
+    fs::create_directory("files");
+    const TTable without;
+    TTable with;
+    with.tasks = {TaskOf(MakeSchedulable(".", Program("free")))};
+    const std::string link = with.tasks[0].program;
+    RemoveUnusedLinks(".", without);
+    LetAge(link, std::chrono::hours(30));
+    MakeSchedulable(".", Program("free"));
+    RemoveUnusedLinks(".", without);
+    EXPECT_TRUE(fs::is_symlink(link)) << "made again";
+    LetAge(link, std::chrono::hours(30));
+    RemoveUnusedLinks(".", with);
+    RemoveUnusedLinks(".", without);
+    EXPECT_TRUE(fs::is_symlink(link)) << "in the table again";
 }
 
 TEST(ClientLinks, DirectoryThatCannotBeMadeIsAnErrorWithItsName) {
