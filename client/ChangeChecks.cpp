@@ -49,21 +49,6 @@ void CheckName(const TTable& table, const TCall& call) {
         CheckNewName(table, call.newName);
 }
 
-// The host makes an owed launch only while the table has its task, by the name under which it came
-// due, and cancels it otherwise. That of a task that runs once is made without the task.
-void CheckOwed(const TCall& call) {
-    if (call.newName.empty())
-        return;
-    for (const TOwedLaunch& launch : FindOwedLaunches(".")) {
-        if (launch.task == call.task.name && launch.period != 0)
-            throw MakeError(EError::cRefused,
-                            "a launch of task \"{}\" is owed, since the system had no process for "
-                            "it when it came due, and a new name would cancel it; try again once "
-                            "the host has made it (vxsched show)",
-                            call.task.name);
-    }
-}
-
 }  // namespace
 
 void CheckNewName(const TTable& table, const std::string& name) {
@@ -71,6 +56,21 @@ void CheckNewName(const TTable& table, const std::string& name) {
         throw MakeError(EError::cRefused,
                         "there is a task \"{}\" already; choose another name, or remove that one",
                         name);
+}
+
+// The host makes an owed launch only while the table has its task, by the name under which it came
+// due, and cancels it otherwise. That of a task that runs once is made without the task.
+void CheckOwed(const std::filesystem::path& directory, const TCall& call) {
+    if (call.newName.empty())
+        return;
+    for (const TOwedLaunch& launch : FindOwedLaunches(directory)) {
+        if (launch.task == call.task.name && launch.period != 0)
+            throw MakeError(EError::cRefused,
+                            "a launch of task \"{}\" is owed, since the system had no process for "
+                            "it when it came due, and a new name would cancel it; try again once "
+                            "the host has made it (vxsched show)",
+                            call.task.name);
+    }
 }
 
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
@@ -107,7 +107,7 @@ void CheckCalls(const TTable& table, const TRequest& request) {
     CheckHarm(table);
     for (const TCall& call : request.calls) {
         CheckName(table, call);
-        CheckOwed(call);
+        CheckOwed(".", call);
         const TTaskEntry* const task = table.Find(call.task.name);
         if (task != nullptr)
             CheckState(*task, call, request.evenIfDue);

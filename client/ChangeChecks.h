@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -18,6 +19,9 @@ void CheckCalls(const TTable& table, const TRequest& request);
 // Throws CError (cRefused) if the state of the task forbids the call. Needs no lock: clients call
 // it for dry runs.
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue);
+
+// Throws CError (cRefused) if a launch of the task is owed that the call would cancel. Needs no lock.
+void CheckOwed(const std::filesystem::path& directory, const TCall& call);
 
 // Throws CError (cRefused) if the table has a task of a name that another one is to get. Needs no
 // lock.

@@ -201,11 +201,32 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     return made != nullptr ? *made : entry;
 }
 
+// The call that makes `entry` of the task that was seen.
+static TCall EditCall(const TTaskEntry& seen, const TTaskEntry& entry, const TEdit& edit) {
+    TCall call = CallOf(TCall::cCreate, entry);
+    call.task.name = seen.name;
+    const bool isRenamed = entry.name != seen.name;
+    if (isRenamed)
+        call.newName = entry.name;
+    call.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
+    // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
+    call.keepDue = true;
+    call.mustBeAsSeen = true;
+    call.seen = seen;
+    // CreateTask makes an active task, also in place of a paused one, and knows no former name.
+    call.inOneStep = entry.paused || isRenamed;
+    return call;
+}
+
 TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
     const TTable table = Read();
-    TTaskEntry entry = After(options.directory, TaskOf(table, name), edit, forced);
-    if (entry.name != name)
-        CheckNewName(table, entry.name);
+    const TTaskEntry& seen = TaskOf(table, name);
+    TTaskEntry entry = After(options.directory, seen, edit, forced);
+    const TCall call = EditCall(seen, entry, edit);
+    if (!call.newName.empty())
+        CheckNewName(table, call.newName);
+    CheckOwed(options.directory, call);
+    CheckState(seen, call, options.evenIfDue);
     return entry;
 }
 
@@ -226,20 +247,8 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
     TTaskEntry entry = After(options.directory, seen, edit, forced);
-    TCall create = CallOf(TCall::cCreate, entry);
-    create.task.name = seen.name;
-    const bool isRenamed = entry.name != seen.name;
-    if (isRenamed)
-        create.newName = entry.name;
-    create.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
-    // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
-    create.keepDue = true;
-    create.mustBeAsSeen = true;
-    create.seen = seen;
-    // CreateTask makes an active task, also in place of a paused one, and knows no former name.
-    create.inOneStep = entry.paused || isRenamed;
     const TTime since = Now();
-    MakeChange(options, {{create}, [&](const TOutcome& made) {
+    MakeChange(options, {{EditCall(seen, entry, edit)}, [&](const TOutcome& made) {
                              entry.program = ProgramOf(entry, made);
                              return MissingUnless(IsEdited(made.table, seen.name, entry, since),
                                                   seen.name);
@@ -351,9 +360,9 @@ void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,
     std::vector<std::string> warnings;
     while (!TryReplaceAll(tasks, canReplace, warnings))
         WaitForTheTicksEnd(options);
+    WakeAfterChange(options);
     for (const std::string& warning : warnings)
         Warn(options, warning);
-    WakeAfterChange(options);
 }
 
 namespace {

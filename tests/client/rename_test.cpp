@@ -135,6 +135,9 @@ TEST_F(Rename, OfADueTaskIsRefusedWithoutAHostUnlessItGetsANewDueTime) {
         const std::string message =
             ErrorOf(EError::cRefused, [&] { evenIfDue.Edit("due", To("renamed")); });
         EXPECT_NE(message.find("is due itself"), std::string::npos) << message;
+        EXPECT_EQ(ErrorOf(EError::cRefused, [&] { evenIfDue.Edited("due", To("renamed")); }),
+                  message)
+            << "a dry run";
     });
     evenIfDue.Edit("other", To("another"));
     TEdit later = To("later");
