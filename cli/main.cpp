@@ -374,7 +374,7 @@ void CCommandLine::WarnIfNoHostHasRun() const {
 
 // The second word of a time that was not quoted is read as the program.
 void CCommandLine::RequireQuotedTime() const {
-    if (!task.at || !task.program)
+    if (!task.at || !task.program || !app.got_subcommand("create"))
         return;
     const std::string words = *task.at + ' ' + *task.program;
     try {

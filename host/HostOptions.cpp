@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <filesystem>
 #include <iostream>
 
@@ -67,8 +68,9 @@ static void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& se
         ->default_str(std::to_string(seconds.count()))
         ->check([longest](const std::string& argument) {
             int value = -1;
-            const bool isNumber = CLI::detail::lexical_cast(argument, value);
-            return isNumber && value >= 0 && value <= longest
+            const char* const end = argument.data() + argument.size();
+            const auto [parsed, error] = std::from_chars(argument.data(), end, value);
+            return error == std::errc() && parsed == end && value >= 0 && value <= longest
                        ? ""
                        : fmt::format("expected whole seconds from 0 to {}, not \"{}\"", longest,
                                      argument);

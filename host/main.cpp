@@ -16,6 +16,7 @@
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <vxsched/Error.h>
@@ -130,13 +131,17 @@ static vxsched::TStoreMutexSet OpenOrMakeStoreMutex() {
     return set;
 }
 
-// For the time after the worker has ended, which makes a removed mutex anew at its next lock. What
-// is owed is launched under a store mutex only.
+// For the time after the worker has ended, which would make a removed mutex anew at its next lock.
+// What is owed is launched under a store mutex only. Tried again in a second.
 static void KeepStoreMutex() {
+    static bool isFailureLogged = false;
     try {
-        OpenOrMakeStoreMutex();
-    } catch (const std::exception&) {
-        // Tried again in a second.
+        if (OpenOrMakeStoreMutex().isMade)
+            LogWarning("the store mutex was removed. The host uses a new one now.");
+        isFailureLogged = false;
+    } catch (const std::exception& error) {
+        if (!std::exchange(isFailureLogged, true))
+            LogError(fmt::format("the store mutex was removed and is missing: {}", error.what()));
     }
 }
 

@@ -29,7 +29,8 @@ namespace {
 // Another writer needs microseconds. One that is stopped must not keep the host from its launches.
 constexpr std::chrono::seconds cLockTimeout(1);
 
-// Each rotation by another writer costs one. After that the line goes to what is history.jsonl.1 by now.
+// Each rotation by another writer costs one. After that the line goes to what is history.jsonl.1 by
+// now.
 constexpr int cMostAttempts = 100;
 
 // The history, to append to. Only who holds its lock rotates it, or removes a partial line.
@@ -109,9 +110,10 @@ void CRunHistory::Add(const TRunRecord& record) {
     const TOpened opened =
         Open(limit, line.size(), isHeldUp ? std::chrono::seconds(0) : cLockTimeout, warn);
     isHeldUp = !opened.isLocked;
-    const std::string whyNot = opened.file.IsOpen()
-                                   ? Append(opened, (EndsWithinALine() ? "\n" : "") + line)
-                                   : opened.whyNot;
+    // Without the lock a part of a line may be one that another writer is writing.
+    const bool isJoined = opened.isLocked && EndsWithinALine();
+    const std::string whyNot =
+        opened.file.IsOpen() ? Append(opened, (isJoined ? "\n" : "") + line) : opened.whyNot;
     if (!whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,
                          line.substr(0, line.size() - 1)));

@@ -19,6 +19,7 @@ namespace vxsched {
 namespace {
 
 constexpr std::size_t cDefaultCount = 20;
+
 void RequireTask(const TCommon& common, const std::string& name) {
     const TTable table = CStore(common.store).Read();
     if (table.Find(name) == nullptr)

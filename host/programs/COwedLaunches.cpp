@@ -49,7 +49,7 @@ void COwedLaunches::Add(const TOwedLaunch& launch) {
     SetTimer();
 }
 
-void COwedLaunches::Made(const std::string& task, vxsched::TTime due) {
+void COwedLaunches::ForgetMade(const std::string& task, vxsched::TTime due) {
     const std::lock_guard<std::mutex> lock(mutex);
     std::erase_if(launches, [&](const TOwedLaunch& launch) {
         const bool isMade = launch.task == task && launch.due == due;

@@ -27,7 +27,7 @@ public:
     void Add(const TOwedLaunch& launch);
 
     // To be called when the launch was made otherwise: a direct client had brought its due time back.
-    void Made(const std::string& task, vxsched::TTime due);
+    void ForgetMade(const std::string& task, vxsched::TTime due);
 
     // Readable when it is time for MakeAll(). -1 if the system has no timer.
     int Descriptor() const { return timer.Get(); }

@@ -37,6 +37,13 @@ static CDescriptor OpenJournal(const std::string& identifier, const CProgramOutp
     return CDescriptor(descriptor);
 }
 
+static void RequireOwn(const std::string& where) {
+    if (const std::string reason = vxsched::WhyNotToWriteIn(where); !reason.empty())
+        throw CHostError(cNoDirectory, fmt::format("cannot write the output of programs to {}: {}. "
+                                                   "Choose another directory with --output.",
+                                                   where, reason));
+}
+
 CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostBytes)
     : where(wanted), limit(mostBytes) {
     // Warns at startup already if there is no journal.
@@ -44,14 +51,13 @@ CProgramOutput::CProgramOutput(const std::string& wanted, std::uint64_t mostByte
         isJournalMissing = !OpenJournal("vxschedd", LogWarning).IsOpen();
     if (where == cInherit || where == cJournal)
         return;
-    if (const std::string reason = vxsched::WhyNotToWriteIn(where); !reason.empty())
-        throw CHostError(cNoDirectory, fmt::format("cannot write the output of programs to {}: {}. "
-                                                   "Choose another directory with --output.",
-                                                   where, reason));
+    RequireOwn(where);
     if (mkdir(where.c_str(), 0700) == -1 && errno != EEXIST)
         throw CHostError(cNoDirectory, fmt::format("cannot create {}: {}. Choose another directory "
                                                    "with --output.",
                                                    where, std::strerror(errno)));
+    // Another user may have made it meanwhile.
+    RequireOwn(where);
     if (faccessat(AT_FDCWD, (where + "/.").c_str(), W_OK | X_OK, AT_EACCESS) == -1)
         throw CHostError(cNoDirectory, fmt::format("cannot create files in {}: {}. Choose another "
                                                    "directory with --output.",

@@ -308,7 +308,7 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     if (result == 0) {
         *process = run.process;
         if (run.task && run.due)
-            COwedLaunches::Instance().Made(*run.task, *run.due);
+            COwedLaunches::Instance().ForgetMade(*run.task, *run.due);
     } else if (result == EAGAIN && run.task && run.due) {
         LogWarning(
             fmt::format("cannot start {} yet: {}. Task \"{}\" is launched as soon as the "

@@ -203,7 +203,8 @@ bool CTableGuard::HandleEvent(std::uint32_t mask, std::uint32_t cookie, std::str
         isDirectoryNew = true;
     }
     // A member of a group may not make a file of the owner's: the removal of a replacement announces
-    // that the table is overwritten by it in place.
+    // that the table is overwritten by it in place. One that is removed after a failure announces
+    // that, too, and what is lost at that moment is not missed.
     if ((mask & IN_DELETE) != 0 && name.starts_with(vxsched::cTableName) &&
         name.substr(std::strlen(vxsched::cTableName)).starts_with(vxsched::cReplacementSuffix))
         saves.replacedAll = true;

@@ -27,8 +27,7 @@ static std::string CannotWork(const std::string& directory, int error) {
     if (error == EACCES)
         return fmt::format(
             "cannot enter the directory {}: {}{}. Run vxschedd as a user who may enter it, or "
-            "choose "
-            "another with --directory.",
+            "choose another with --directory.",
             directory, std::strerror(error), vxsched::NoteOfUsers(directory));
     return fmt::format(
         "cannot use the directory {}: {}. Create it, or choose another with --directory.",

@@ -87,7 +87,7 @@ static void ExpectEveryLine(const std::string& lines, int count) {
         EXPECT_EQ(last, count) << writer;
 }
 
-// Processes that write at once, as hosts and runners do. The history is rotated before it has more
+// Processes that write at once. The history is rotated before it has more
 // than `mostLines`.
 static void WriteFromEightProcesses(int lines, std::size_t mostLines) {
     std::list<CForkedChild> writers;

@@ -131,8 +131,10 @@ TEST(RenamedTask, DoesNotKeepATaskOfItsFormerNameFromItsLaunch) {
     Rename("job", "renamed");
     const std::string due = "@" + std::to_string(before.at(0).next);
     const TToolRun create = RunTool(
-        {"create", "job", "--at", due, "--every", "1d", "--", cJob.program, cJob.parameters});
+        {"create", "job", "--at", "in 1d", "--every", "1d", "--", cJob.program, cJob.parameters});
     EXPECT_EQ(create.status, 0) << create.error;
+    const TToolRun edit = RunTool({"edit", "job", "--at", due});
+    EXPECT_EQ(edit.status, 0) << edit.error;
     WaitUntil([] { return CountOfLaunches() == 2; });
     Rename("renamed", "renamed again", {"--at", due});
     WaitUntil([] { return CountOfLaunches() == 3; });

@@ -58,6 +58,8 @@ static long StopInStartup(long call) {
     return calls;
 }
 
+static int gSentAgain = 0;
+
 // Stops a host that is ready, and sends it the signal again at that call of its stop, or not again for
 // 0. Returns how many calls its stop has made.
 static long StopTwice(long call) {
@@ -68,6 +70,7 @@ static long StopTwice(long call) {
     host.Count();
     Terminate(host.Id());
     EXPECT_EQ(host.Wait(), 0) << " at " << host.At() << '\n' << host.Output();
+    gSentAgain += host.IsKilled() ? 1 : 0;
     return host.Calls();
 }
 
@@ -89,4 +92,5 @@ TEST(HostStop, OnceMoreAtEachCallOfItsStopLeavesAStoreThatTheNextOneUses) {
         StopTwice(call);
         ExpectNextHostToWork();
     }
+    EXPECT_GT(gSentAgain, cTriedOfStop / 2);
 }
