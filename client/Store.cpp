@@ -426,8 +426,11 @@ bool CStore::TryReplaceAll(const std::vector<TTaskEntry>& tasks,
         KeepBeforeChange(options.directory, bytes);
         ForgetLaunches(options.directory, DecodeTable(bytes, Now()).tasks, tasks);
     }
+    // Before the mutex is released, or a tick may save its old list over the new table: before the
+    // replacement, since this process may be killed after it, and after it, since the load of a direct
+    // client lets a tick in that takes the first one for the former table.
+    changeEvent.Announce();
     ReplaceMerged(options.directory, bytes, EncodeTable(tasks), TryToReplaceTable);
-    // Before the mutex is released, or a tick may save its old list over the new table.
     warnings = {changeEvent.Announce(), syncFailure.Message()};
     return true;
 }

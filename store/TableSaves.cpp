@@ -72,6 +72,7 @@ std::string gKnown;
 
 std::atomic<bool> gHasReadFailed{false};
 std::atomic<void (*)()> gReadFailureListener{nullptr};
+std::atomic<void (*)()> gSaveListener{nullptr};
 
 void ReadFailed(int error) {
     gHasReadFailed = true;
@@ -141,6 +142,8 @@ int OpenToSave(int flags, mode_t mode) {
         return open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (gTemporary != -1)
         return cVXC_OpenAsUsual;
+    if (const auto listener = gSaveListener.load())
+        listener();
     const int descriptor = OpenTemporary(flags, mode);
     if (descriptor == -1) {
         gInPlace = OpenTable(flags, mode);
@@ -315,6 +318,10 @@ void NoteFileStatus(const char* path, int error) {
 
 void SetReadFailureListener(void (*listener)()) {
     gReadFailureListener = listener;
+}
+
+void SetSaveListener(void (*listener)()) {
+    gSaveListener = listener;
 }
 
 // The dynamic linker searches the program and its libraries before the add-in and the libraries

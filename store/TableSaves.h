@@ -25,6 +25,10 @@ void NoteFileStatus(const char* path, int error);
 // the call. It must not throw. null: none. Any thread may set it.
 void SetReadFailureListener(void (*listener)());
 
+// Sets the function to call right before each save, with the store mutex held, on the thread that
+// saves. It must not throw. null: none. Any thread may set it.
+void SetSaveListener(void (*listener)());
+
 // Returns why the files of the add-in at `path`, once it is loaded into this process, would not
 // come to SaveTableInOneStep(): it is not this process's support library that it opens them with.
 // Empty if they would. Loads nothing. A file that cannot be read, or whose name has no directory so

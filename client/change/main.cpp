@@ -124,6 +124,17 @@ void Announce(CChangeEvent& changeEvent) {
         SendMessage(cMessageWarning, warning);
 }
 
+// Announces a save before it is made: killed after it, this process could not, and the scheduling
+// process, which has not read the table, would overwrite it. A tick in between waits for the store
+// mutex. A failure is reported when the change is announced.
+void AnnounceSave() noexcept {
+    try {
+        AnnounceChange();
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
 // Announces a launch, which nothing undoes; a failure is a warning.
 void AnnounceLaunch() {
     try {
@@ -220,6 +231,7 @@ void ReplaceTask(TTable table, const TCall& call) {
         break;
     }
     CChangeEvent changeEvent;
+    AnnounceSave();
     // The table guard would take a save that both removes a name and adds one for a loss.
     if (call.newName.empty())
         ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToSaveTable);
@@ -382,6 +394,7 @@ int Main() {
         BecomeForeignOwner(".", [nothing] { LeaveTerminals(nothing); });
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
+        SetSaveListener(AnnounceSave);
         SetSyncFailureListener(WarnOfSyncFailure);
         SetFileStatusListener(NoteFileStatus);
         Serve(*request);

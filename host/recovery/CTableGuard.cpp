@@ -363,6 +363,9 @@ bool CTableGuard::Examine(const std::string& bytes) {
         Restore(bytes, "a process has saved the table as it was before a launch", std::move(tasks));
         return false;
     }
+    // Whoever has saved it may have been killed before it could announce that.
+    if (isWorkerRunning && lastValid != bytes)
+        vxsched::AnnounceChange();
     if (listener)
         listener(tasks);
     // After the snapshot: should a power failure damage the table, what it is repaired from has to

@@ -1,5 +1,6 @@
 #include "KillPoints.h"
 
+#include <CEvent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
@@ -22,6 +23,7 @@
 #include "base/CDescriptor.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
+#include "store/Layout.h"
 
 #include "GuardedTable.h"
 #include "HostProgram.h"
@@ -189,8 +191,19 @@ void CheckRun(const CTracedProgram& traced, int status) {
     EXPECT_TRUE(runs == 0 || status != 1) << traced.Output();
 }
 
+// Open, as a scheduling process has it.
+std::unique_ptr<CEvent> gTaskChanged;
+
+// A worker reads no table whose change is not announced, and would overwrite it.
+void CheckAnnouncement(const TTables& tables, const CTracedProgram& traced) {
+    if (WithoutLaunchTimes(ReadTable()) == tables.before)
+        return;
+    EXPECT_NE(gTaskChanged->Wait(0), 0) << traced.At() << '\n' << traced.Output();
+}
+
 void CheckAfterCommand(TTables& tables, const CTracedProgram& traced, int status) {
     CheckTable(tables, traced, status);
+    CheckAnnouncement(tables, traced);
     CheckRun(traced, status);
     ExpectAnotherCommandWorks("second");
     const TRows expected = ReadTable();
@@ -201,8 +214,10 @@ void CheckAfterCommand(TTables& tables, const CTracedProgram& traced, int status
 }
 
 void PrepareForCommand() {
+    gTaskChanged.reset();
     RemoveStore();
     WriteTable(TableOfCommands());
+    gTaskChanged = std::make_unique<CEvent>(vxsched::cTaskChangedEventName, true);
 }
 
 TScenario CommandScenario(const std::string& name, CTracedProgram::EVictim victim,

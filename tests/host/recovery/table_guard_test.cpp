@@ -404,3 +404,16 @@ TEST(HostGuard, FailedLaunchIsNoReasonToRestoreATable) {
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
 }
+
+// As a client leaves it that is killed between its save and the announcement.
+TEST(HostGuard, ChangeThatNobodyHasAnnouncedReachesTheWorker) {
+    WriteTable({});
+    CHost host;
+    {
+        const vxsched::CStoreMutexLock lock(10s);
+        WriteTable({{"late", std::time(nullptr) + 1, 0, 0, PROGRAMS "/append-text", "log", 0}});
+    }
+    WaitUntil([] { return fs::exists("log"); });
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
