@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstring>
 #include <limits>
+#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
@@ -178,6 +179,15 @@ TTaskEntry NamedTask(const TCall& call) {
     return task;
 }
 
+// SetTaskPeriod counts from the former due time, and keeps that as long as the clock shows it: the
+// task would be launched for it once more. The caller holds the writer lock and the store mutex, for
+// a second at most.
+void WaitBeyondFormerDueTime(const TTaskEntry& task) {
+    const TTime former = task.next - std::chrono::hours(task.period);
+    while (!task.paused && Now() == former)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
 // Checks the request and begins the change. Returns the table; empty if a message has sent the
 // client to wait or start over. The caller holds the writer lock and the store mutex.
 std::optional<TTable> Begin(TRequest& request) {
@@ -204,6 +214,8 @@ std::optional<TTable> Begin(TRequest& request) {
         const TTaskEntry* const task = table.Find(call.task.name);
         if (task != nullptr)
             call.seen = *task;
+        if (call.function == TCall::cSetPeriod && task != nullptr && task->period != 0)
+            WaitBeyondFormerDueTime(*task);
         if (call.function == TCall::cCreate)
             ForgetLaunches(".", table.tasks, {NamedTask(call)});
         if (call.throughLink) {

@@ -220,3 +220,17 @@ TEST_F(PunctualLaunch, NoLaunchSleeps) {
     ASSERT_EQ(run.status, 0) << run.error;
     TableAfter(2);
 }
+
+// The new period counts from the due time that has just passed.
+TEST_F(PunctualLaunch, PeriodThatIsSetInTheDueSecondMakesNoSecondLaunch) {
+    const std::int64_t due = Soon();
+    WriteTable({TaskDue("a task", due, 1)});
+    CHost host;
+    TableAfter(1);
+    const TToolRun run = RunTool({"period", "a task", "2h"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    WaitUntil([&] { return std::time(nullptr) > due; });
+    EXPECT_EQ(TableAfter(1).at(0).next, due + 7200);
+    EXPECT_EQ(CountLaunches(), 1U);
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
