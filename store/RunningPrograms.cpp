@@ -55,8 +55,13 @@ public:
     // cannot be read or has none. Valid until the next call of a member. A process that has just
     // been launched is waited for: whoever launched it continues before it has its arguments.
     std::string_view CommandLine() {
-        std::string_view line;
-        while ((line = Read(name + "/cmdline")).empty() && IsInExec() && execLimit.Pause(cPause)) {
+        std::string_view line = Read(name + "/cmdline");
+        while (line.empty()) {
+            const bool isLast = !IsInExec() || !execLimit.Pause(cPause);
+            // Also if it is not in its exec any more: it may have got its arguments since.
+            line = Read(name + "/cmdline");
+            if (isLast)
+                break;
         }
         return line;
     }
