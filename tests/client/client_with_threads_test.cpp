@@ -56,8 +56,7 @@ TEST_F(ClientStore, ChangeThatAClientWithThreadsKeepsFromBeingMadeReportsThatPro
 TEST_F(ClientStore, ChangeThatAHostsTickKeepsFromBeingMadeRefersToItsLog) {
     WriteTable({Row("a")});
     CHost host;
-    host.Kill(SIGSTOP);
-    WaitUntil([] { return !WorkerIsIdle(); });
+    Suspend(host);
     const CStore hurried({.lockTimeout = 200ms});
     ExpectKept([&] {
         EXPECT_THAT(ErrorOf(EError::cBusy, [&] { hurried.ReplaceAll({}); }),

@@ -4,13 +4,16 @@
 #include "store/CStoreMutexLock.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <string>
 #include <system_error>
 
+#include "HostProgram.h"
 #include "Process.h"
+#include "StoreSemaphore.h"
 #include "TableFile.h"
 
 // A table that a real host guards: tasks that are not due, changes as a client makes them, and the
@@ -41,6 +44,13 @@ inline void WaitForTable(const TRows& rows) {
 inline void WakeChanged() {
     vxsched::AnnounceChange();
     vxsched::WakeSchedulingProcess();
+}
+
+// Stops a host by SIGSTOP while none of its threads has the store mutex.
+inline void Suspend(const CHost& host) {
+    const vxsched::CStoreMutexLock lock(std::chrono::seconds(30));
+    host.Kill(SIGSTOP);
+    WaitUntil([&] { return host.Status("State").starts_with('T') && !WorkerIsIdle(); });
 }
 
 // Makes the only task due while a host runs (HostThatPauses) and waits for its launch; the tick then

@@ -119,8 +119,7 @@ TEST(HostOnAFullDisk, TableThatCannotBeRestoredYetIsReportedOnce) {
         WriteTable(cThree);
         CHost host;
         FillDisk();
-        host.Kill(SIGSTOP);
-        WaitUntil([] { return !WorkerIsIdle(); });
+        Suspend(host);
         WriteFile(cTable, "");
         FillDisk();
         host.Kill(SIGCONT);

@@ -166,8 +166,7 @@ TEST(HostGuard, RemovalsInARowAreNotUndone) {
     rows.push_back(Row("fifth"));
     WriteTable(rows);
     CHost host;
-    host.Kill(SIGSTOP);
-    WaitUntil([] { return !WorkerIsIdle(); });
+    Suspend(host);
     CProgram client(
         ThisProgramAs("RemoveOneAfterTheOther", {"first", "second", "third", "fourth"}));
     EXPECT_EQ(client.Wait(), 0) << client.Output();
