@@ -46,6 +46,12 @@ inline void WakeChanged() {
     vxsched::WakeSchedulingProcess();
 }
 
+// Writes the table under the store mutex, and announces nothing.
+inline void SaveTable(const TRows& rows) {
+    const vxsched::CStoreMutexLock lock(std::chrono::seconds(10));
+    WriteTable(rows);
+}
+
 // Stops a host by SIGSTOP while none of its threads has the store mutex.
 inline void Suspend(const CHost& host) {
     const vxsched::CStoreMutexLock lock(std::chrono::seconds(30));
@@ -58,10 +64,7 @@ inline void Suspend(const CHost& host) {
 inline TRows StartTheOnlyTask() {
     TRows rows = ReadTable();
     rows.at(0).next = std::time(nullptr);
-    {
-        const vxsched::CStoreMutexLock lock(std::chrono::seconds(10));
-        WriteTable(rows);
-    }
+    SaveTable(rows);
     WakeChanged();
     WaitUntil([] { return std::filesystem::exists("log"); });
     return rows;

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -211,6 +212,11 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
+}
+
+std::size_t CountLines(const std::string& path) {
+    const std::string content = ReadFile(path);
+    return static_cast<std::size_t>(std::count(content.begin(), content.end(), '\n'));
 }
 
 void WriteFile(const std::string& path, const std::string& content) {

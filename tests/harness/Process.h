@@ -108,4 +108,7 @@ std::optional<pid_t> ChildOf(pid_t process);
 bool DropCapabilities();
 
 std::string ReadFile(const std::string& path);
+
+// The line breaks in a file; 0 if there is no file.
+std::size_t CountLines(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);

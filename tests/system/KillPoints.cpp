@@ -78,10 +78,6 @@ void RemoveStore() {
     RemoveAllSets();
 }
 
-std::size_t CountOfLines(const std::string& path) {
-    return fs::exists(path) ? Lines(path).size() : 0;
-}
-
 std::size_t CountInHistory(const std::string& part) {
     const std::string history = ReadFile("files/history.jsonl");
     std::size_t count = 0;
@@ -181,7 +177,7 @@ void CheckTable(TTables& tables, const CTracedProgram& traced, int status) {
 
 // The job runs at most once, and has run if the table or the command say so.
 void CheckRun(const CTracedProgram& traced, int status) {
-    const std::size_t runs = CountOfLines("job.log");
+    const std::size_t runs = CountLines("job.log");
     EXPECT_LE(runs, 1U);
     const TRows rows = ReadTable();
     const bool isInTable =
@@ -366,9 +362,9 @@ void CheckLaunches(std::int64_t due, bool hasMissed, const CTracedProgram& trace
     const std::string killed = ReadFile(cTable);
     const std::string output = traced.Output() + "\nthe next host:\n" + RunHostOnce();
     SCOPED_TRACE(output);
-    EXPECT_EQ(CountOfLines("daily.log"), 1U);
-    EXPECT_EQ(CountOfLines("once.log"), 1U);
-    EXPECT_EQ(CountOfLines("missed.log"), 0U);
+    EXPECT_EQ(CountLines("daily.log"), 1U);
+    EXPECT_EQ(CountLines("once.log"), 1U);
+    EXPECT_EQ(CountLines("missed.log"), 0U);
     TRows rows = ReadTable();
     EXPECT_EQ(NamesInTable(), hasMissed ? "daily missed far" : "daily far");
     EXPECT_EQ(rows.at(0).next, due + 24L * 3600);
@@ -569,8 +565,8 @@ TScenario CancelledLaunchScenario() {
                 [](const CTracedProgram& traced, int /*status*/) {
                     const std::string output = traced.Output() + "\nnext:\n" + RunHostOnce();
                     SCOPED_TRACE(output);
-                    EXPECT_EQ(CountOfLines("daily.log"), 0U);
-                    EXPECT_EQ(CountOfLines("once.log"), 1U);
+                    EXPECT_EQ(CountLines("daily.log"), 0U);
+                    EXPECT_EQ(CountLines("once.log"), 1U);
                     EXPECT_GE(CountInHistory("\"error\":\"the task was paused\""), 1U);
                     EXPECT_EQ(NamesInTable(), "daily far");
                     EXPECT_EQ(CountIn("files/owed"), 0U);

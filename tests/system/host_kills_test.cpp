@@ -2,9 +2,7 @@
 // none is launched twice.
 
 #include <gtest/gtest.h>
-#include "store/CStoreMutexLock.h"
 
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -18,7 +16,6 @@
 #include "TableFile.h"
 #include "Tool.h"
 
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 TEST(HostAfterAKill, TaskWhoseLaunchEndedTheHostDoesNotEndTheNext) {
@@ -27,10 +24,7 @@ TEST(HostAfterAKill, TaskWhoseLaunchEndedTheHostDoesNotEndTheNext) {
     CHost host;
     TRows rows = ReadTable();
     rows[0].next = rows[1].next = std::time(nullptr);
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(rows);
-    }
+    SaveTable(rows);
     WakeChanged();
     EXPECT_EQ(host.Wait(), 1000 + SIGABRT);
     WaitUntil([&] { return std::time(nullptr) > rows[0].next; });

@@ -40,10 +40,6 @@ static void WaitForTheGuard(const std::string& bytes) {
     });
 }
 
-static std::size_t CountOfLaunches() {
-    return fs::exists("log") ? Lines("log").size() : 0;
-}
-
 static bool IsInHistory(const std::string& name) {
     return ReadFile("files/history.jsonl").find("\"name\":\"" + name + '"') != std::string::npos;
 }
@@ -71,7 +67,7 @@ TEST(RenamedTask, IsLaunchedUnderItsNewName) {
     WaitUntil([] { return IsInHistory("renamed"); });
     EXPECT_EQ(NamesInTable(), "renamed");
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(CountOfLaunches(), 1U);
+    EXPECT_EQ(CountLines("log"), 1U);
     EXPECT_FALSE(IsInHistory("job"));
 }
 
@@ -94,7 +90,7 @@ TEST(RenamedTask, IsLaunchedOnceIfItIsDue) {
         WakeWorker();
         WaitUntil([] { return IsInHistory("job"); });
         EXPECT_EQ(host.Stop(), 0);
-        EXPECT_EQ(CountOfLaunches(), 1U) << host.Output();
+        EXPECT_EQ(CountLines("log"), 1U) << host.Output();
         EXPECT_FALSE(IsInHistory("renamed"));
         EXPECT_EQ(ReadTable(), TRows{row});
     }
@@ -120,7 +116,7 @@ TEST(RenamedTask, WithALaunchThatTheTableDoesNotShowIsRefusedUntilAHostRuns) {
     EXPECT_EQ(row.next, before[0].next + 24L * 3600);
     EXPECT_EQ(NamesInTable(), "renamed");
     EXPECT_EQ(next.Stop(), 0);
-    EXPECT_EQ(CountOfLaunches(), 1U) << next.Output();
+    EXPECT_EQ(CountLines("log"), 1U) << next.Output();
 }
 
 // A name is free again at once, also for the same due time.
@@ -135,9 +131,9 @@ TEST(RenamedTask, DoesNotKeepATaskOfItsFormerNameFromItsLaunch) {
     EXPECT_EQ(create.status, 0) << create.error;
     const TToolRun edit = RunTool({"edit", "job", "--at", due});
     EXPECT_EQ(edit.status, 0) << edit.error;
-    WaitUntil([] { return CountOfLaunches() == 2; });
+    WaitUntil([] { return CountLines("log") == 2; });
     Rename("renamed", "renamed again", {"--at", due});
-    WaitUntil([] { return CountOfLaunches() == 3; });
+    WaitUntil([] { return CountLines("log") == 3; });
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "renamed again job");
 }

@@ -12,8 +12,6 @@
 #include "TableFile.h"
 #include "Tool.h"
 
-using namespace std::chrono_literals;
-
 static constexpr std::int64_t cDay = 24L * 3600;
 static const TRow cJob = {"job", cFar, 0, 24, PROGRAMS "/append-text", "log", 0};
 
@@ -28,13 +26,18 @@ static TRows LaunchTheOnlyTask() {
     return before;
 }
 
-static void WaitForTheNextDueTime(const TRow& before) {
-    WaitUntil([&] { return ReadTable().at(0).next == before.next + cDay; });
+// The same of a table with this task only, and kills the host.
+static TRows LaunchAndKill(const TRow& task) {
+    WriteTable({task});
+    CHost host;
+    TRows before = LaunchTheOnlyTask();
+    host.Kill(SIGKILL);
+    host.Wait();
+    return before;
 }
 
-static std::size_t CountOfLaunches() {
-    const std::string log = ReadFile("log");
-    return static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n'));
+static void WaitForTheNextDueTime(const TRow& before) {
+    WaitUntil([&] { return ReadTable().at(0).next == before.next + cDay; });
 }
 
 // As a direct client does that has read the table before the tick.
@@ -42,14 +45,11 @@ TEST(SettledLaunches, DueTimeThatIsSavedAgainIsNotLaunchedAgain) {
     WriteTable({cJob});
     CHost host;
     const TRows before = LaunchTheOnlyTask();
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(before);
-    }
+    SaveTable(before);
     WakeChanged();
     WaitForTheNextDueTime(before[0]);
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(CountOfLaunches(), 1U) << host.Output();
+    EXPECT_EQ(CountLines("log"), 1U) << host.Output();
 }
 
 // The worker reads no table whose change was not announced.
@@ -57,45 +57,31 @@ TEST(SettledLaunches, DueTimeThatIsSavedAgainUnannouncedIsCorrected) {
     WriteTable({cJob});
     CHost host;
     const TRows before = LaunchTheOnlyTask();
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(before);
-    }
+    SaveTable(before);
     WaitForTheNextDueTime(before[0]);
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(CountOfLaunches(), 1U) << host.Output();
+    EXPECT_EQ(CountLines("log"), 1U) << host.Output();
 }
 
 static void ExpectNoSecondLaunchBy(CHost& host, const TRow& before) {
     WaitForTheNextDueTime(before);
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(CountOfLaunches(), 1U) << host.Output();
+    EXPECT_EQ(CountLines("log"), 1U) << host.Output();
 }
 
 // Also if the former launch was in the same second as this one, or the clock was set back since.
 TEST(SettledLaunches, DueTimeThatIsSavedAgainAfterAKillIsNotLaunchedAgain) {
     TRow job = cJob;
     job.last = std::time(nullptr) + 3600;
-    WriteTable({job});
-    CHost host;
-    const TRows before = LaunchTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRows before = LaunchAndKill(job);
     CHost next;
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(before);
-    }
+    SaveTable(before);
     WakeChanged();
     ExpectNoSecondLaunchBy(next, before[0]);
 }
 
 TEST(SettledLaunches, DueTimeThatIsSavedAgainWhileNoHostRunsIsNeitherLaunchedAgainNorMissed) {
-    WriteTable({cJob});
-    CHost host;
-    const TRows before = LaunchTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRows before = LaunchAndKill(cJob);
     WriteTable(before);
     CHost next;
     ExpectNoSecondLaunchBy(next, before[0]);
@@ -103,11 +89,7 @@ TEST(SettledLaunches, DueTimeThatIsSavedAgainWhileNoHostRunsIsNeitherLaunchedAga
 }
 
 TEST(SettledLaunches, LaunchOfAKilledHostIsNotMadeAgainOnceTheNextHasAppliedIt) {
-    WriteTable({cJob});
-    CHost host;
-    const TRows before = LaunchTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRows before = LaunchAndKill(cJob);
     WriteTable(before);
     {
         CHost next;
@@ -128,7 +110,7 @@ TEST(SettledLaunches, TaskThatACommandMakesDueAgainIsLaunchedAgain) {
     for (std::size_t launches = 2; launches <= 4; ++launches) {
         const TToolRun edit = RunTool({"edit", "job", "--at", due, "--every", "1d"});
         EXPECT_EQ(edit.status, 0) << edit.error;
-        WaitUntil([&] { return CountOfLaunches() == launches; });
+        WaitUntil([&] { return CountLines("log") == launches; });
     }
     WaitForTheNextDueTime(before[0]);
     EXPECT_EQ(host.Stop(), 0);
@@ -155,23 +137,19 @@ TEST(SettledLaunches, TaskThatAnImportMakesDueAgainIsLaunchedAgainOnce) {
     const TRows before = LaunchTheOnlyTask();
     for (std::size_t launches = 2; launches <= 3; ++launches) {
         Import(before);
-        WaitUntil([&] { return CountOfLaunches() == launches; });
+        WaitUntil([&] { return CountLines("log") == launches; });
         WaitForTheNextDueTime(before[0]);
     }
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(CountOfLaunches(), 3U) << host.Output();
+    EXPECT_EQ(CountLines("log"), 3U) << host.Output();
 }
 
 // While no host runs, and after a kill of the one that has launched it.
 TEST(SettledLaunches, TaskThatAnImportMakesDueAgainIsLaunchedByTheNextHost) {
-    WriteTable({cJob});
-    CHost host;
-    const TRows before = LaunchTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRows before = LaunchAndKill(cJob);
     Import(before);
     CHost next;
-    WaitUntil([] { return CountOfLaunches() == 2; });
+    WaitUntil([] { return CountLines("log") == 2; });
     WaitForTheNextDueTime(before[0]);
     EXPECT_EQ(next.Stop(), 0);
 }
@@ -183,18 +161,14 @@ TEST(SettledLaunches, TaskThatAnImportAddsAgainIsLaunched) {
     const TToolRun remove = RunTool({"remove", "job"});
     EXPECT_EQ(remove.status, 0) << remove.error;
     Import(before);
-    WaitUntil([] { return CountOfLaunches() == 2; });
+    WaitUntil([] { return CountLines("log") == 2; });
     WaitForTheNextDueTime(before[0]);
     EXPECT_EQ(host.Stop(), 0);
 }
 
 // A repair takes the due time from a backup that was made before the launch.
 TEST(SettledLaunches, DueTimeThatARepairRestoresIsNotLaunchedAgain) {
-    WriteTable({cJob});
-    CHost host;
-    const TRows before = LaunchTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRows before = LaunchAndKill(cJob);
     std::filesystem::remove_all("files/snapshots");
     WriteFile("files/scheduler.dat.before", BytesOf(before));
     WriteFile(cTable, "damaged");
@@ -215,7 +189,7 @@ TEST(SettledLaunches, TaskThatACommandCreatesAnewIsLaunched) {
             const TToolRun create = RunTool({"create", "job", "--replace", "--at", "now", "--every",
                                              period, "--", cJob.program, cJob.parameters});
             EXPECT_EQ(create.status, 0) << create.error;
-            WaitUntil([&] { return CountOfLaunches() == launches; });
+            WaitUntil([&] { return CountLines("log") == launches; });
         }
         EXPECT_EQ(host.Stop(), 0);
     }
@@ -223,11 +197,7 @@ TEST(SettledLaunches, TaskThatACommandCreatesAnewIsLaunched) {
 
 // Its host was killed after the launch, before the table showed it.
 TEST(SettledLaunches, TaskThatIsDueAndLaunchedKeepsItsRecordWhenACommandChangesIt) {
-    WriteTable({cJob});
-    CHost host;
-    const TRows before = LaunchTheOnlyTask();
-    host.Kill(SIGKILL);
-    host.Wait();
+    const TRows before = LaunchAndKill(cJob);
     WriteTable(before);
     for (const auto& file : std::filesystem::directory_iterator("files/settled"))
         std::filesystem::rename(file.path(), "files/started" / file.path().filename());

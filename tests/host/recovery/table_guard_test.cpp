@@ -104,10 +104,7 @@ TEST(HostGuard, TaskThatAnotherOnesSaveHasOverwrittenIsRestored) {
     WriteTable(cThree);
     CHost host;
     TRows rows = {cThree[0], cThree[1], Row("fourth")};
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(rows);
-    }
+    SaveTable(rows);
     rows.push_back(cThree[2]);
     WaitForTable(rows);
     EXPECT_TRUE(host.WaitForOutput("the table has lost \"third\"")) << host.Output();
@@ -236,10 +233,7 @@ TEST(HostGuard, TickThatCannotSaveLosesNoTaskAndNoLaunch) {
     rlimit before{};
     ASSERT_EQ(prlimit(host.Id(), RLIMIT_FSIZE, &limit, &before), 0);
     rows[3].next = std::time(nullptr);
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(rows);
-    }
+    SaveTable(rows);
     WakeChanged();
     EXPECT_TRUE(host.WaitForOutput("the add-in reports TasksDeleted = 1")) << host.Output();
     ASSERT_EQ(prlimit(host.Id(), RLIMIT_FSIZE, &before, nullptr), 0);
@@ -393,10 +387,7 @@ TEST(HostGuard, FailedLaunchIsNoReasonToRestoreATable) {
     CHost host;
     TRows rows = ReadTable();
     rows[0].next = std::time(nullptr);
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable(rows);
-    }
+    SaveTable(rows);
     WakeChanged();
     EXPECT_TRUE(host.WaitForOutput("cannot start")) << host.Output();
     EXPECT_EQ(CountIn("files/started", "due@"), 0U);
@@ -408,10 +399,7 @@ TEST(HostGuard, FailedLaunchIsNoReasonToRestoreATable) {
 TEST(HostGuard, ChangeThatNobodyHasAnnouncedReachesTheWorker) {
     WriteTable({});
     CHost host;
-    {
-        const vxsched::CStoreMutexLock lock(10s);
-        WriteTable({{"late", std::time(nullptr) + 1, 0, 0, PROGRAMS "/append-text", "log", 0}});
-    }
+    SaveTable({{"late", std::time(nullptr) + 1, 0, 0, PROGRAMS "/append-text", "log", 0}});
     WaitUntil([] { return fs::exists("log"); });
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0) << host.Output();
