@@ -67,7 +67,7 @@ TEST(HostMutexWatch, MutexThatLetsSeveralInIsSetToLetInOne) {
         Change(semget(cStoreKey, 1, 0), 2, 0);
         OpenTheTable();
         EXPECT_TRUE(host.WaitForOutput("let 3 processes in at once")) << host.Output();
-        EXPECT_EQ(StoreSemaphoreValue(), 1);
+        WaitUntil([] { return StoreSemaphoreValue() == 1; });
         EXPECT_EQ(host.Stop(), 0);
         EXPECT_FALSE(StoreSemaphoreExists());
     });

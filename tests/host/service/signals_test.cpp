@@ -46,8 +46,7 @@ TEST(HostSignals, StopAndContinuationLeaveTheWorkerWaitingForTheMutex) {
         WaitUntil([] { return CountWaitersForTheMutex() == 1 || StoreSemaphoreValue() != 0; });
         EXPECT_EQ(StoreSemaphoreValue(), 0) << "only its holder releases it";
     }
-    WaitUntil(WorkerIsIdle);
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    WaitUntil([] { return WorkerIsIdle() && StoreSemaphoreValue() == 1; });
     EXPECT_EQ(host.Stop(), 0);
 }
 

@@ -97,7 +97,7 @@ TEST(HostCheck, RunningHostIsNotDisturbed) {
     CHost host;
     CProgram check(HostWith({"--check"}));
     EXPECT_EQ(check.Wait(), 0) << check.Output();
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    WaitUntil([] { return StoreSemaphoreValue() == 1; });
     EXPECT_EQ(host.Stop(), 0);
 }
 

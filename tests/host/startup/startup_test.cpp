@@ -108,8 +108,7 @@ TEST(HostStartup, WaitsForAChangeInProgressAndReleasesTheMutexOnce) {
     EXPECT_EQ(flock(files, LOCK_EX | LOCK_NB), -1);
     client.reset();
     EXPECT_TRUE(host.WaitForOutput(" as process ")) << host.Output();
-    WaitUntil(WorkerIsIdle);
-    EXPECT_EQ(StoreSemaphoreValue(), 1);
+    WaitUntil([] { return WorkerIsIdle() && StoreSemaphoreValue() == 1; });
     EXPECT_EQ(flock(files, LOCK_EX | LOCK_NB), 0);
     close(files);
     EXPECT_GT(ReadTable().at(0).next, past);
