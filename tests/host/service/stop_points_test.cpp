@@ -58,11 +58,14 @@ static long StopInStartup(long call) {
     return calls;
 }
 
-static int gSentAgain = 0;
+struct TStop {
+    long calls;  // that the stop has made
+    bool wasSentAgain;
+};
 
 // Stops a host that is ready, and sends it the signal again at that call of its stop, or not again for
-// 0. Returns how many calls its stop has made.
-static long StopTwice(long call) {
+// 0.
+static TStop StopTwice(long call) {
     WriteTasks();
     CTracedProgram host(HostWith({}),
                         {.killAt = call, .countsAtOnce = false, .meanwhile = Terminate});
@@ -70,8 +73,7 @@ static long StopTwice(long call) {
     host.Count();
     Terminate(host.Id());
     EXPECT_EQ(host.Wait(), 0) << " at " << host.At() << '\n' << host.Output();
-    gSentAgain += host.IsKilled() ? 1 : 0;
-    return host.Calls();
+    return {host.Calls(), host.IsKilled()};
 }
 
 TEST(HostStop, AtEachCallOfItsStartupEndsTheHostAndLeavesAStoreThatTheNextOneUses) {
@@ -85,12 +87,13 @@ TEST(HostStop, AtEachCallOfItsStartupEndsTheHostAndLeavesAStoreThatTheNextOneUse
 }
 
 TEST(HostStop, OnceMoreAtEachCallOfItsStopLeavesAStoreThatTheNextOneUses) {
-    const long count = StopTwice(0);
+    const long count = StopTwice(0).calls;
+    int sentAgain = 0;
     ASSERT_GT(count, cTriedOfStop);
     for (long call = 1; call <= count; call += count / cTriedOfStop) {
         SCOPED_TRACE("a second stop at call " + std::to_string(call));
-        StopTwice(call);
+        sentAgain += StopTwice(call).wasSentAgain ? 1 : 0;
         ExpectNextHostToWork();
     }
-    EXPECT_GT(gSentAgain, cTriedOfStop / 2);
+    EXPECT_GT(sentAgain, cTriedOfStop / 2);
 }
