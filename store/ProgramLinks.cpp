@@ -45,10 +45,23 @@ bool IsLinkTo(const fs::path& link, const std::string& program) {
 // runs once is not in the table any more.
 constexpr std::chrono::hours cKeptUnused(24);
 
-// The modification time of a link says since when no task uses it; that of one in use is 0.
-void SetUnusedSince(const fs::path& link, const timespec& time) {
+bool SetTime(const fs::path& link, const timespec& time) {
     const timespec times[] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, time};
-    utimensat(AT_FDCWD, link.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    return utimensat(AT_FDCWD, link.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// The modification time of a link says since when no task uses it; that of one in use is 0. Only its
+// owner may set it: another member of the store's group makes the link anew.
+void SetUnusedSince(const fs::path& link, const timespec& time) {
+    if (SetTime(link, time) || errno != EPERM)
+        return;
+    std::error_code error;
+    const fs::path program = fs::read_symlink(link, error);
+    // No link that LinkName() names ends like this.
+    const fs::path made = link.string() + "-new";
+    unlink(made.c_str());
+    if (!error && symlink(program.c_str(), made.c_str()) == 0 && SetTime(made, time))
+        fs::rename(made, link, error);
 }
 
 void MarkUsed(const fs::path& link) {

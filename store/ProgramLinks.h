@@ -38,7 +38,8 @@ bool IsLinkPathOfAnotherStore(const std::filesystem::path& directory, const std:
 std::string RealProgram(const std::filesystem::path& directory, const std::string& program);
 
 // Removes the links that have been used by no task of the table, and by no owed launch, for a day:
-// what was launched through one may still need it. Since when that is so is found out by the calls.
+// what was launched through one may still need it. The day begins at the first call that finds the
+// link unused.
 // Other files of the directory stay. Links that cannot be removed stay, too; that is not an error.
 void RemoveUnusedLinks(const std::filesystem::path& directory, const TTable& table);
 

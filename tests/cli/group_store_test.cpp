@@ -1,6 +1,7 @@
 // A store that its owner has opened to a group, and one that is the owner's alone: what a member of
 // the group may do, and another user.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -9,6 +10,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -315,6 +318,41 @@ TEST_F(GroupStore, WhatAHostMakesInAnOpenStoreIsOpenToItsGroup) {
     WriteFile(cTable, "damaged");
     EXPECT_EQ(RunAs(cMember, {"repair"}).status, 0);
     EXPECT_THAT(NamesInTable(), HasSubstr("linked")) << "from a snapshot";
+}
+
+// As of a link that was found unused so long ago.
+static void LetAge(const std::string& link, std::chrono::hours age) {
+    const auto then = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() - age);
+    const timespec times[] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, {.tv_sec = then, .tv_nsec = 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, link.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+static time_t UnusedSince(const std::string& link) {
+    struct stat status {};
+    EXPECT_EQ(lstat(link.c_str(), &status), 0);
+    return status.st_mtim.tv_sec;
+}
+
+// A program may still open it.
+TEST_F(GroupStore, LinkThatAnotherMemberUsesAgainIsKeptAnew) {
+    OpenToGroup();
+    const std::string link = "files/programs/free-1";
+    const auto create = [&](uid_t user, const std::string& name) {
+        OutputAs(user, {"create", name, "--at", "in 2h", "--", "/usr/bin/free"});
+    };
+    create(cKeeper, "linked");
+    OutputAs(cKeeper, {"remove", "linked"});
+    LetAge(link, std::chrono::hours(30));
+    create(cMember, "again");
+    EXPECT_EQ(UnusedSince(link), 0);
+    OutputAs(cKeeper, {"remove", "again"});
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_NE(UnusedSince(link), 0);
+    LetAge(link, std::chrono::hours(30));
+    create(cMember, "other");
+    EXPECT_EQ(UnusedSince(link), 0);
+    EXPECT_EQ(fs::read_symlink(link), "/usr/bin/free");
+    EXPECT_EQ(std::distance(fs::directory_iterator("files/programs"), {}), 1);
 }
 
 // The host can neither open such a set nor remove it, and must not try for ever.

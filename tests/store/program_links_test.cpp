@@ -1,5 +1,5 @@
 // Links with safe names for programs that the add-in cannot launch by their own path: made once,
-// shown as the program that they lead to, removed with their last task.
+// shown as the program that they lead to, removed a day after they were found unused.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
