@@ -233,15 +233,22 @@ TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForce
 TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced& forced) const {
     if (IsOnlyRename(edit) && *edit.name == name)
         return Get(name);
+    const TTaskEntry first = Get(name);
+    TTaskEntry seen = first;
+    TEdit wanted = edit;
     // A tick may launch and reschedule the task between the read and the change. An edit of the old
     // entry would undo that, and the task would run twice.
     for (int tries = cTries;; --tries) {
         try {
-            return TryEdit(Get(name), edit, forced);
+            return TryEdit(seen, wanted, forced);
         } catch (const CChangedMeanwhile&) {
             if (tries == 0)
                 throw;
         }
+        seen = Get(name);
+        // Launched meanwhile for the due time that the edit names, the task is not due for it again.
+        if (wanted.due == first.next && seen.last > first.last)
+            wanted.due.reset();
     }
 }
 

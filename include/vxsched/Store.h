@@ -103,8 +103,9 @@ public:
     // Changes a task and returns the new entry. A paused task stays paused, and if it repeats and
     // its due time is past, it is rescheduled. An active task with a past due time is due: its
     // program runs at once. A program that is not edited is not validated. If the task changes
-    // meanwhile, the edit is applied to the changed task. Throws cNotFound, cRefused on a
-    // validation error that is not forced, and cBusy if the task keeps changing.
+    // meanwhile, the edit is applied to the changed task, without its due time if the task was
+    // launched for that meanwhile. Throws cNotFound, cRefused on a validation error that is not
+    // forced, and cBusy if the task keeps changing.
     //
     // A task that gets a new name keeps its position and all fields that are not edited; the table
     // has it under either name at any moment. Launches under the former name stay recorded by that.

@@ -7,13 +7,16 @@
 #include <unistd.h>
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
+#include "store/CWriterLock.h"
 #include "store/ProgramLinks.h"
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ClientError.h"
@@ -123,6 +126,21 @@ TEST_F(ClientStore, SetPeriodOfOnceKeepsTheTask) {
     store.Create(Task("a", next, 24), false);
     store.SetPeriod("a", 0);
     EXPECT_EQ(::ReadTable(), (TRows{{"a", Seconds(next), 0, 0, cRecorder, "a parameter", 0}}));
+}
+
+// The task had that due time when the edit began.
+TEST_F(ClientStore, EditSetsADueTimeThatAnotherClientChangesMeanwhile) {
+    const TRow row{"a", Seconds(In(1h)), 77, 24, cRecorder, "a parameter", 0};
+    TRow others = row;
+    others.next = Seconds(In(3h));
+    WriteTable({row});
+    std::optional<CWriterLock> writerLock(std::in_place, ".", 0ms);
+    std::thread edit([&] { store.Edit("a", {.due = TTime(std::chrono::seconds(row.next))}); });
+    WaitUntil([] { return HasChild(getpid(), "vxsched-change"); });
+    WriteTable({others});
+    writerLock.reset();
+    edit.join();
+    EXPECT_EQ(::ReadTable()[0].next, row.next);
 }
 
 TEST_F(ClientStore, EditChangesOnlyTheGivenFields) {

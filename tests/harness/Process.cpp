@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -212,6 +213,17 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
+}
+
+bool HasChild(pid_t parent, const std::string& name) {
+    const std::string wanted = '(' + name + ") S " + std::to_string(parent) + ' ';
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry("/proc", error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (ReadFile(entry->path() / "stat").find(wanted) != std::string::npos)
+            return true;
+    }
+    return false;
 }
 
 std::size_t CountLines(const std::string& path) {

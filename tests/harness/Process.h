@@ -109,6 +109,9 @@ bool DropCapabilities();
 
 std::string ReadFile(const std::string& path);
 
+// Whether a process of that short name, which is not running at the moment, is a child of `parent`.
+bool HasChild(pid_t parent, const std::string& name);
+
 // The line breaks in a file; 0 if there is no file.
 std::size_t CountLines(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);

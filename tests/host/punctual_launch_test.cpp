@@ -2,9 +2,11 @@
 // no end here, so that only the host's wake at a due time ends them.
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <vxsched/SchedulingProcess.h>
 #include "store/CStoreMutexLock.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -224,6 +226,30 @@ TEST_F(PunctualLaunch, PeriodThatIsSetInTheDueSecondMakesNoSecondLaunch) {
     EXPECT_EQ(run.status, 0) << run.error;
     WaitUntil([&] { return std::time(nullptr) > due; });
     EXPECT_EQ(TableAfter(1).at(0).next, due + 7200);
+    EXPECT_EQ(CountLines("log"), 1U);
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+// The host is stopped, without the store mutex, until the command waits for it.
+TEST_F(PunctualLaunch, EditThatNamesTheDueTimeOfTheTaskMakesNoSecondLaunch) {
+    WriteTable({Row("a task")});
+    CHost host;
+    Suspend(host);
+    const std::int64_t due = std::time(nullptr);
+    WriteTable({TaskDue("a task", due, cHours)});
+    vxsched::AnnounceChange();
+    CProgram edit(
+        {TOOL_PROGRAM, "edit", "a task", "--at", '@' + std::to_string(due), "--every", "2d"});
+    // It sleeps between two reads of the table.
+    const std::string call = "/proc/" + std::to_string(edit.Id()) + "/syscall";
+    const std::string sleep = std::to_string(SYS_clock_nanosleep) + ' ';
+    WaitUntil([&] { return ReadFile(call).starts_with(sleep); });
+    host.Kill(SIGCONT);
+    EXPECT_EQ(edit.Wait(), 0) << edit.Output();
+    WaitUntil([&] { return std::time(nullptr) > due; });
+    const TRow row = TableAfter(1).at(0);
+    EXPECT_EQ(row.next, due + cPeriod);
+    EXPECT_EQ(row.period, 2 * cHours);
     EXPECT_EQ(CountLines("log"), 1U);
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
