@@ -37,6 +37,7 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ForgetLaunches.h"
+#include "store/Grid.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -183,7 +184,7 @@ TTaskEntry NamedTask(const TCall& call) {
 // task would be launched for it once more. The caller holds the writer lock and the store mutex, for
 // a second at most.
 void WaitBeyondFormerDueTime(const TTaskEntry& task) {
-    const TTime former = task.next - std::chrono::hours(task.period);
+    const TTime former = task.next - StepOf(task.period);
     while (!task.paused && Now() == former)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }

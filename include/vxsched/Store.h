@@ -128,7 +128,7 @@ public:
     // Changes a task's period to `hours`, counted on from its previous due time, and returns the
     // new entry. 0 keeps the next due time and makes the task run once. Throws cNotFound, and
     // cRefused on a validation error that is not forced or, with evenIfDue, if the active task is
-    // due itself.
+    // due itself. Within a second after the task's due time it holds the locks for that second.
     TTaskEntry SetPeriod(std::string_view name, std::uint32_t hours,
                          const TForced& forced = {}) const;
 

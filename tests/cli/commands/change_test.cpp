@@ -104,6 +104,17 @@ TEST_F(Cli, DryRunReportsAndChangesNothing) {
     EXPECT_FALSE(StoreSemaphoreExists());
 }
 
+TEST_F(Cli, DryRunOfAPeriodRefusesWhatTheChangeRefuses) {
+    TRow due = Later("due");
+    due.next = 1000;
+    WriteTable({due});
+    const TToolRun real = RunTool({"period", "due", "2h", "--even-if-due"});
+    EXPECT_EQ(real.status, 1);
+    const TToolRun dry = RunTool({"period", "due", "2h", "--even-if-due", "--dry-run"});
+    EXPECT_EQ(dry.status, real.status);
+    EXPECT_EQ(dry.output, real.output);
+}
+
 TEST_F(Cli, RunLaunchesTheProgramAndReportsItsExit) {
     TRow row = Later("a");
     row.program = PROGRAMS "/end-with";
