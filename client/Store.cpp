@@ -302,14 +302,20 @@ void CStore::Resume(const std::vector<std::string>& names, const TForced& forced
                          }});
 }
 
+TTaskEntry CStore::WithPeriod(std::string_view name, std::uint32_t hours,
+                              const TForced& forced) const {
+    TTaskEntry entry = Edited(name, {.period = hours}, forced);
+    if (hours != 0)
+        CheckState(Get(name), CallOf(TCall::cSetPeriod, entry), options.evenIfDue);
+    return entry;
+}
+
 TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
                              const TForced& forced) const {
-    TEdit edit;
-    edit.period = hours;
-    TTaskEntry entry = Edited(name, edit, forced);
+    TTaskEntry entry = WithPeriod(name, hours, forced);
     // SetTaskPeriod would take a task that now runs once for a missed one and remove it.
     if (hours == 0)
-        return Edit(name, edit, forced);
+        return Edit(name, {.period = hours}, forced);
     const std::vector<TCall> calls = {CallOf(TCall::cSetPeriod, entry)};
     const auto hasPeriod = [&](const TTaskEntry* task, const TCall&) {
         return task != nullptr && task->period == hours;

@@ -128,11 +128,9 @@ TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std:
                       COutput& output) {
     const std::uint32_t hours = ParsePeriod(every);
     const CStore store(common.store);
-    TEdit edit;
-    edit.period = hours;
     if (common.dryRun)
         PrintLine(output,
-                  "would change " + Describe(common, store.Edited(name, edit, common.forced)));
+                  "would change " + Describe(common, store.WithPeriod(name, hours, common.forced)));
     else
         PrintLine(output,
                   "changed " + Describe(common, store.SetPeriod(name, hours, common.forced)));

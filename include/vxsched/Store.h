@@ -125,6 +125,10 @@ public:
     // Throws what Resume() would throw now, without a change.
     void CheckResume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
+    // Returns the entry that SetPeriod() would write, without a change. Throws like it.
+    TTaskEntry WithPeriod(std::string_view name, std::uint32_t hours,
+                          const TForced& forced = {}) const;
+
     // Changes a task's period to `hours`, counted on from its previous due time, and returns the
     // new entry. 0 keeps the next due time and makes the task run once. Throws cNotFound, and
     // cRefused on a validation error that is not forced or, with evenIfDue, if the active task is
