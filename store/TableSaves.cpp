@@ -27,6 +27,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -69,6 +70,18 @@ std::atomic<int> gInPlace{-1};
 // The table that the add-in's list shows: as it was read or saved last, empty if that is unknown.
 // Under the store mutex.
 std::string gKnown;
+// Of gKnown, for threads that may not hold the mutex any more.
+std::atomic<std::size_t> gKnownHash{0};
+
+std::size_t HashOf(std::string_view bytes) {
+    return std::hash<std::string_view>()(bytes);
+}
+
+// Returns what was known before.
+std::string Know(std::string bytes) {
+    gKnownHash = HashOf(bytes);
+    return std::exchange(gKnown, std::move(bytes));
+}
 
 std::atomic<bool> gHasReadFailed{false};
 std::atomic<void (*)()> gReadFailureListener{nullptr};
@@ -163,13 +176,13 @@ CDescriptor CopyOf(std::string_view bytes) {
 int OpenCopy(CDescriptor table) {
     try {
         const CReadLease nobodyWrites(table.Get());
-        gKnown = ReadBytes(table.Get(), cTableFile);
+        Know(ReadBytes(table.Get(), cTableFile));
         if (CDescriptor copy = CopyOf(gKnown); copy.IsOpen())
             return copy.Release();
     } catch (const std::exception&) {
         // The add-in's own read fails as well, or succeeds now.
     }
-    gKnown.clear();
+    Know("");
     lseek(table.Get(), 0, SEEK_SET);
     return table.Release();
 }
@@ -233,7 +246,7 @@ bool Complete(int descriptor, TSave& save) {
 
 // Has the table, which is replaced by now, hold what others have written into the former one.
 void Settle(TSave& save) {
-    const std::string before = std::exchange(gKnown, std::move(save.bytes));
+    const std::string before = Know(std::move(save.bytes));
     try {
         std::optional<std::string> written;
         if (save.former)
@@ -278,7 +291,7 @@ int CloseFile(int descriptor, bool isComplete) {
         gInPlace = -1;
         if (!SyncFile(descriptor))
             ReportSyncFailure(cTableFile);
-        gKnown.clear();  // the list shows this table now
+        Know("");  // the list shows this table now
     }
     const int result = Close(descriptor);
     if (result == -1)
@@ -322,6 +335,10 @@ void SetReadFailureListener(void (*listener)()) {
 
 void SetSaveListener(void (*listener)()) {
     gSaveListener = listener;
+}
+
+bool ListShows(std::string_view table) {
+    return gKnownHash == HashOf(table);
 }
 
 // The dynamic linker searches the program and its libraries before the add-in and the libraries

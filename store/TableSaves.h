@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace vxsched {
 
@@ -28,6 +29,10 @@ void SetReadFailureListener(void (*listener)());
 // Sets the function to call right before each save, with the store mutex held, on the thread that
 // saves. It must not throw. null: none. Any thread may set it.
 void SetSaveListener(void (*listener)());
+
+// Whether the add-in's list shows this table, as it was read or saved last. Compares hashes. False if
+// that is not known. Any thread may call it.
+bool ListShows(std::string_view table);
 
 // Returns why the files of the add-in at `path`, once it is loaded into this process, would not
 // come to SaveTableInOneStep(): it is not this process's support library that it opens them with.

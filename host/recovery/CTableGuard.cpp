@@ -28,6 +28,7 @@
 #include "store/Layout.h"
 #include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
+#include "store/TableSaves.h"
 #include "store/WorkerState.h"
 
 using vxsched::TTaskEntry;
@@ -364,14 +365,15 @@ bool CTableGuard::Examine(const std::string& bytes) {
         return false;
     }
     // Whoever has saved it may have been killed before it could announce that.
-    if (isWorkerRunning && lastValid != bytes)
-        vxsched::AnnounceChange();
+    const bool isUnannounced = isWorkerRunning && lastValid != bytes && !vxsched::ListShows(bytes);
     if (listener)
         listener(tasks);
     // After the snapshot: should a power failure damage the table, what it is repaired from has to
     // show the launches too.
     Keep(bytes);
     SettleShown(records, tasks);
+    if (isUnannounced)
+        vxsched::AnnounceChange();
     return true;
 }
 

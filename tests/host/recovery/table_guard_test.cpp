@@ -1,6 +1,7 @@
 // A table under a running host: kept when it is valid, restored when it is damaged, emptied or
 // gone.
 
+#include <CEvent.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
 #include "store/CStoreMutexLock.h"
+#include "store/Layout.h"
 
 #include <chrono>
 #include <csignal>
@@ -395,7 +397,20 @@ TEST(HostGuard, FailedLaunchIsNoReasonToRestoreATable) {
     EXPECT_EQ(host.CountInOutput("restored"), 0U) << host.Output();
 }
 
-// As a client leaves it that is killed between its save and the announcement.
+// The next tick would read the whole table before it launches.
+TEST(HostGuard, SaveOfTheWorkerIsNotAnnounced) {
+    WriteTable({{"job", cFar, 0, 24, PROGRAMS "/append-text", "log", 0}});
+    CEvent taskChanged(vxsched::cTaskChangedEventName, true);
+    CHost host;
+    const TRows before = StartTheOnlyTask();
+    WaitUntil([&] {
+        return ReadTable()[0].next != before[0].next && CountIn("files/started", "@") == 0;
+    });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(taskChanged.Wait(0), 0);
+}
+
+// As a direct client leaves it that is killed between its save and the announcement.
 TEST(HostGuard, ChangeThatNobodyHasAnnouncedReachesTheWorker) {
     WriteTable({});
     CHost host;
