@@ -219,6 +219,7 @@ static TCall EditCall(const TTaskEntry& seen, const TTaskEntry& entry, const TEd
 }
 
 TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
+    const COwnerAccess ownerAccess(options.directory);
     const TTable table = Read();
     const TTaskEntry& seen = TaskOf(table, name);
     TTaskEntry entry = After(options.directory, seen, edit, forced);

@@ -119,6 +119,7 @@ RUN_AGAIN(ClientOfAForeignStore) {
     try {
         for (const auto& task : store.Read().tasks)
             std::printf("%s\n", task.name.c_str());
+        std::printf("%s\n", store.Edited("a", {.name = "b"}).name.c_str());
         store.ReplaceAll({});
     } catch (const vxsched::CError& error) {
         std::printf("%s\n", error.what());
