@@ -62,19 +62,19 @@ static bool IsIn(const std::string& file, const std::string& directory) {
 // An option in whole seconds.
 static void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& seconds, int longest,
                        const char* description) {
-    app.add_option_function<int>(
-           name, [&seconds](int value) { seconds = std::chrono::seconds(value); }, description)
+    const auto read = [=, &seconds](const std::string& argument) {
+        int value = -1;
+        const char* const end = argument.data() + argument.size();
+        const auto [parsed, error] = std::from_chars(argument.data(), end, value);
+        if (error != std::errc() || parsed != end || value < 0 || value > longest)
+            throw CLI::ValidationError(
+                name,
+                fmt::format("expected whole seconds from 0 to {}, not \"{}\"", longest, argument));
+        seconds = std::chrono::seconds(value);
+    };
+    app.add_option_function<std::string>(name, read, description)
         ->type_name("SECONDS")
-        ->default_str(std::to_string(seconds.count()))
-        ->check([longest](const std::string& argument) {
-            int value = -1;
-            const char* const end = argument.data() + argument.size();
-            const auto [parsed, error] = std::from_chars(argument.data(), end, value);
-            return error == std::errc() && parsed == end && value >= 0 && value <= longest
-                       ? ""
-                       : fmt::format("expected whole seconds from 0 to {}, not \"{}\"", longest,
-                                     argument);
-        });
+        ->default_str(std::to_string(seconds.count()));
 }
 
 static void DescribeOptions(CLI::App& app, THostOptions& options) {

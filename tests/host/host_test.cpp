@@ -328,6 +328,10 @@ INSTANTIATE_TEST_SUITE_P(
         TCommandLine{{"--directory", ".", "--history-size", "-1"}, 2, "--history-size"},
         TCommandLine{{"--directory", ".", "--lock-timeout", "-1"}, 2, "--lock-timeout"},
         TCommandLine{{"--directory", ".", "--launch-pause", "11"}, 2, "--launch-pause"},
+        TCommandLine{
+            {"--directory", ".", "--lock-timeout", "0x10"}, 2, "expected whole seconds from 0 to"},
+        TCommandLine{{"--directory", ".", "--check", "--launch-pause", "010"}, 0, "ok: "},
+        TCommandLine{{"--directory", ".", "--check", "--launch-pause", "08"}, 0, "ok: "},
         TCommandLine{{"--directory", ".", "--check", "--output-size", "64KiB"}, 0, "ok: "},
         TCommandLine{{"--directory", "missing"},
                      3,
