@@ -110,10 +110,11 @@ void CRunHistory::Add(const TRunRecord& record) {
     const TOpened opened =
         Open(limit, line.size(), isHeldUp ? std::chrono::seconds(0) : cLockTimeout, warn);
     isHeldUp = !opened.isLocked;
-    // Without the lock a part of a line may be one that another writer is writing.
-    const bool isJoined = opened.isLocked && EndsWithinALine();
-    const std::string whyNot =
-        opened.file.IsOpen() ? Append(opened, (isJoined ? "\n" : "") + line) : opened.whyNot;
+    // Without the lock the part of a line may be one that another writer is writing: the record is cut
+    // in two whatever this one does.
+    const std::string whyNot = opened.file.IsOpen()
+                                   ? Append(opened, (EndsWithinALine() ? "\n" : "") + line)
+                                   : opened.whyNot;
     if (!whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,
                          line.substr(0, line.size() - 1)));

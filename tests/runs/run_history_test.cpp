@@ -87,8 +87,7 @@ static void ExpectEveryLine(const std::string& lines, int count) {
         EXPECT_EQ(last, count) << writer;
 }
 
-// Processes that write at once. The history is rotated before it has more
-// than `mostLines`.
+// Processes that write at once. The history is rotated before it has more than `mostLines`.
 static void WriteFromEightProcesses(int lines, std::size_t mostLines) {
     std::list<CForkedChild> writers;
     for (const char writer : std::string("12345678")) {
@@ -162,6 +161,16 @@ TEST_F(RunHistory, RecordIsNotJoinedToWhatAPowerFailureHasLeftOfALine) {
     history.Sync();
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + std::string(20, '\0') + '\n' + NumberedLine(2));
     EXPECT_FALSE(std::filesystem::exists("log"));
+}
+
+TEST_F(RunHistory, NorIfTheLockIsNotReleased) {
+    WriteFile(cHistory, NumberedLine(1) + "{\"version\":1");
+    const CDescriptor holder(open(cHistory, O_RDONLY));
+    ASSERT_EQ(flock(holder.Get(), LOCK_EX), 0);
+    CRunHistory history(1 << 20, Warn);
+    const CFakeMonotonicClock clock;
+    history.Add(Numbered(2));
+    EXPECT_EQ(ReadFile(cHistory), NumberedLine(1) + "{\"version\":1\n" + NumberedLine(2));
 }
 
 TEST_F(RunHistory, RecordThatDoesNotFitLeavesNoHalfOfItselfAndIsLogged) {
