@@ -56,14 +56,10 @@ public:
     // been launched is waited for: whoever launched it continues before it has its arguments.
     std::string_view CommandLine() {
         std::string_view line = Read(name + "/cmdline");
-        while (line.empty()) {
-            const bool isLast = !IsInExec() || !execLimit.Pause(cPause);
-            // Also if it is not in its exec any more: it may have got its arguments since.
+        while (line.empty() && IsInExec() && execLimit.Pause(cPause))
             line = Read(name + "/cmdline");
-            if (isLast)
-                break;
-        }
-        return line;
+        // It may have got its arguments just before it was not in its exec any more.
+        return line.empty() ? Read(name + "/cmdline") : line;
     }
 
 private:
