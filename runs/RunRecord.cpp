@@ -1,5 +1,8 @@
 #include "runs/RunRecord.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -7,6 +10,7 @@
 #include <utility>
 
 #include "base/DisplayText.h"
+#include "base/Processes.h"
 #include "runs/ParseJson.h"
 
 using TJson = nlohmann::ordered_json;
@@ -30,11 +34,38 @@ static constexpr TOutcomeNames cOutcomes[] = {
     {TRunRecord::cRemoved, "missed", "removed"},
     {TRunRecord::cLaunchUnknownRescheduled, "launch unknown", "rescheduled"},
     {TRunRecord::cLaunchUnknownRemoved, "launch unknown", "removed"},
+    {TRunRecord::cRunnerDied, "runner died", nullptr},
 };
 
 static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
     return *std::find_if(std::begin(cOutcomes), std::end(cOutcomes),
                          [&](const TOutcomeNames& one) { return one.outcome == outcome; });
+}
+
+std::optional<pid_t> RunnerOf(const std::string& id) {
+    return vxsched::ParseProcess(std::string_view(id).substr(id.rfind('-') + 1));
+}
+
+// The same digits as a number that is greater by one. As a time it may be none, and only orders the ids.
+static std::string After(std::string time) {
+    for (auto digit = time.rbegin(); digit != time.rend(); ++digit) {
+        if (*digit >= '0' && *digit < '9') {
+            ++*digit;
+            break;
+        }
+        if (*digit == '9')
+            *digit = '0';
+    }
+    return time;
+}
+
+std::string MakeRunId(TMoment now, const std::string& latest) {
+    std::string time = UtcTime(now);
+    std::erase_if(time, [](char character) { return character == ':' || character == '-'; });
+    const std::string former = latest.substr(0, latest.rfind('-'));
+    if (former.size() == time.size() && former >= time)
+        time = After(former);
+    return fmt::format("{}-{}", time, getpid());
 }
 
 static TJson TimeOrNull(const std::string& time) {
@@ -79,6 +110,17 @@ TJson JsonOf(const TRunRecord& record) {
     }
     if (record.process != 0)
         json["process"] = record.process;
+    if (!record.stoppedBy.empty())
+        json["stoppedBy"] = record.stoppedBy;
+    if (!record.id.empty()) {
+        json["run"] = record.id;
+        json["trigger"] = record.trigger;
+        json["attempt"] = record.attempt;
+        json["output"] = record.output;
+        json["outputBytes"] = record.outputBytes;
+    }
+    if (!record.outputError.empty())
+        json["outputError"] = record.outputError;
     return json;
 }
 
@@ -143,6 +185,13 @@ static TRunRecord ReadRecord(const TJson& json) {
                     .system = Microseconds(json.value("system", 0.0)),
                     .peakMemory = ReadInteger<long>(json, "peakMemory")};
     record.error = json.value("error", "");
+    record.stoppedBy = json.value("stoppedBy", "");
+    record.id = json.value("run", "");
+    record.trigger = json.value("trigger", "");
+    record.attempt = ReadInteger<int>(json, "attempt");
+    record.output = json.value("output", "");
+    record.outputBytes = ReadInteger<std::uint64_t>(json, "outputBytes");
+    record.outputError = json.value("outputError", "");
     return record;
 }
 

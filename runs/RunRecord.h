@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
@@ -19,6 +20,9 @@ struct TUsage {
     bool operator==(const TUsage&) const = default;
 };
 
+inline constexpr char cScheduled[] = "schedule";
+inline constexpr char cManual[] = "manual";
+
 // The record of one launch, or of one due time without a launch that is known of.
 struct TRunRecord {
     enum EOutcome {
@@ -32,6 +36,7 @@ struct TRunRecord {
         // The power failed during the launch; the task was rescheduled, or removed.
         cLaunchUnknownRescheduled,
         cLaunchUnknownRemoved,
+        cRunnerDied,  // the runner was killed; what became of its program is not known
     };
     EOutcome outcome = cExited;
     std::optional<std::string> task;  // empty if the launch cannot be assigned to a task
@@ -44,9 +49,24 @@ struct TRunRecord {
     int number = 0;                // see EOutcome
     TUsage usage;
     std::string error;
+    // The runner's records only:
+    std::string id;                 // of the run, unique in the store
+    std::string trigger;            // why it was launched: cScheduled or another
+    int attempt = 0;                // from 1
+    std::string output;             // the file of its output, from the working directory
+    std::uint64_t outputBytes = 0;  // that it has written until its end
+    std::string outputError;        // why not all of these were kept; empty if they were
+    std::string stoppedBy;          // the user who has had it stopped
 
     bool operator==(const TRunRecord&) const = default;
 };
+
+// The runner's process, which the id of a run ends with; empty if `id` is none.
+std::optional<pid_t> RunnerOf(const std::string& id);
+
+// The id of a run that begins now with this process as its runner. It is greater than `latest`, the id
+// of an earlier run or empty, also if the clock was set back since.
+std::string MakeRunId(TMoment now, const std::string& latest);
 
 // Converts a record to JSON; docs/operating.md lists the fields. Any thread may call these
 // functions.

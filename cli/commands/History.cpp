@@ -52,7 +52,8 @@ std::string Memory(const TRunRecord& run) {
 }
 
 void PrintTable(const std::vector<TRunRecord>& runs, EZone zone, COutput& output) {
-    CColumns columns({"DUE", "STARTED", "LATE", "TOOK", "CPU", "MEMORY", "OUTCOME", "NAME"});
+    CColumns columns(
+        {"DUE", "STARTED", "LATE", "TOOK", "CPU", "MEMORY", "OUTCOME", "NAME", "TRIGGER", "RUN"});
     for (const TRunRecord& run : runs) {
         const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
         const bool hasUsage = run.usage != TUsage();
@@ -64,6 +65,8 @@ void PrintTable(const std::vector<TRunRecord>& runs, EZone zone, COutput& output
         columns.Add(hasUsage ? Memory(run) : cNoValue);
         columns.Add(FormatOutcome(run), ColourOf(run));
         columns.Add(run.task.value_or(cNoValue), EColour::cBold);
+        columns.Add(run.trigger.empty() ? cNoValue : run.trigger);
+        columns.Add(run.id.empty() ? cNoValue : run.id);
     }
     columns.Print(output);
 }

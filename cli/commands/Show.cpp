@@ -105,8 +105,9 @@ CError NoTask(const TCommon& common, const std::string& name, const TTable& tabl
 // The time of the launch, or the due time of a run that was missed, and the outcome.
 std::string FormatRun(const TRunRecord& run, EZone zone) {
     const std::optional<std::chrono::milliseconds> taken = TimeTaken(run);
-    return fmt::format("{}: {}{}", FormatMoment(run.started ? run.started : run.due, zone),
-                       FormatOutcome(run), taken ? " after " + FormatSpan(*taken) : "");
+    return fmt::format("{}: {}{}{}", FormatMoment(run.started ? run.started : run.due, zone),
+                       FormatOutcome(run), taken ? " after " + FormatSpan(*taken) : "",
+                       run.outputError.empty() ? "" : "; its output is cut: " + run.outputError);
 }
 
 }  // namespace

@@ -26,6 +26,8 @@ std::string FormatOutcome(const TRunRecord& run) {
             return "launch unknown, rescheduled";
         case TRunRecord::cLaunchUnknownRemoved:
             return "launch unknown, removed";
+        case TRunRecord::cRunnerDied:
+            return "runner died";
     }
     return "";
 }

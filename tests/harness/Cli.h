@@ -76,23 +76,29 @@ protected:
                                     usage) +
                       Run("gone by now", R"("outcome":"missed","due":"2026-11-19T01:00:00.000Z",)"
                                          R"("task":"removed")"));
-        WriteFile(cHistory,
-                  Run("late \\u001b[31m", R"("outcome":"killed","due":"2026-11-20T00:30:00.000Z",)"
-                                          R"("started":"2026-11-20T00:30:01.000Z",)"
-                                          R"("ended":"2026-11-20T00:30:01.350Z","signal":15)" +
-                                              usage) +
-                      Run("backup", R"("outcome":"exited","due":"2026-11-20T00:30:00.000Z",)"
-                                    R"("started":"2026-11-20T00:30:04.500Z",)"
-                                    R"("ended":"2026-11-20T00:30:16.800Z","status":3)" +
+        WriteFile(
+            cHistory,
+            Run("late \\u001b[31m", R"("outcome":"killed","due":"2026-11-20T00:30:00.000Z",)"
+                                    R"("started":"2026-11-20T00:30:01.000Z",)"
+                                    R"("ended":"2026-11-20T00:30:01.350Z","signal":15)" +
                                         usage) +
-                      Run("backup", R"("outcome":"missed","due":"2026-11-20T12:30:00.000Z",)"
-                                    R"("task":"rescheduled")") +
-                      Run("\xc3\xa4rger", R"("outcome":"not started","due":null,)"
-                                          R"("started":"2026-11-20T13:00:00.000Z",)"
-                                          R"("ended":"2026-11-20T13:00:00.000Z",)"
-                                          R"("error":"No such file or directory")") +
-                      Run("backup", R"("outcome":"left running","due":"2026-11-21T00:30:00.000Z",)"
-                                    R"("started":"2026-11-21T00:30:01.000Z")"));
+                Run("backup", R"("outcome":"exited","due":"2026-11-20T00:30:00.000Z",)"
+                              R"("started":"2026-11-20T00:30:04.500Z",)"
+                              R"("ended":"2026-11-20T00:30:16.800Z","status":3)" +
+                                  usage +
+                                  R"(,"process":9,"run":"20261120T003004.500Z-8",)"
+                                  R"("trigger":"schedule","attempt":1,)"
+                                  R"("output":"files/output/backup/20261120T003004.500Z-8.log",)"
+                                  R"("outputBytes":70000,)"
+                                  R"("outputError":"No space left on device")") +
+                Run("backup", R"("outcome":"missed","due":"2026-11-20T12:30:00.000Z",)"
+                              R"("task":"rescheduled")") +
+                Run("\xc3\xa4rger", R"("outcome":"not started","due":null,)"
+                                    R"("started":"2026-11-20T13:00:00.000Z",)"
+                                    R"("ended":"2026-11-20T13:00:00.000Z",)"
+                                    R"("error":"No such file or directory")") +
+                Run("backup", R"("outcome":"left running","due":"2026-11-21T00:30:00.000Z",)"
+                              R"("started":"2026-11-21T00:30:01.000Z")"));
     }
 
     // A table with tasks of every kind around cNow, and a history of earlier runs.
