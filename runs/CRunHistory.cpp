@@ -102,9 +102,9 @@ static TOpened Open(std::uint64_t limit, std::size_t size, std::chrono::seconds 
     }
 }
 
-void CRunHistory::Add(const TRunRecord& record) {
+bool CRunHistory::Add(const TRunRecord& record) {
     if (limit == 0)
-        return;
+        return true;
     const std::lock_guard<std::mutex> lock(mutex);
     const std::string line = JsonLine(record);
     const TOpened opened =
@@ -118,6 +118,7 @@ void CRunHistory::Add(const TRunRecord& record) {
     if (!whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,
                          line.substr(0, line.size() - 1)));
+    return whyNot.empty();
 }
 
 void CRunHistory::Sync() {

@@ -21,9 +21,9 @@ public:
 
     // Appends a record. Blocks for disk access, and once for a second at most while another process
     // has the file locked; then records are appended without a rotation, until the lock is free. A
-    // FIFO is not waited for. A record that cannot be written is reported to `logWarning` and lost;
-    // a partial line is removed again.
-    void Add(const TRunRecord& record);
+    // FIFO is not waited for. Returns whether the record is written, or none is kept. One that is not
+    // is reported to `logWarning`; a partial line is removed again.
+    bool Add(const TRunRecord& record);
 
     // Waits until what was added is on the disk. A failure is reported to `logWarning`.
     void Sync();

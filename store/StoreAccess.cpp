@@ -174,8 +174,9 @@ std::string WhyFilesAreRefused(const fs::path& directory) {
         return "";
     CFilesCheck check(files, storeStatus, filesStatus);
     std::string reason = check.WhyDirectoryIsRefused(files);
-    for (const char* const name : {cOwedLaunchDirectory, cLaunchRecordDirectory,
-                                   cSettledLaunchDirectory, cSnapshotDirectory, cProgramLinks}) {
+    for (const char* const name :
+         {cOwedLaunchDirectory, cLaunchRecordDirectory, cSettledLaunchDirectory, cSnapshotDirectory,
+          cProgramLinks, cRunningDirectory}) {
         if (reason.empty())
             reason = check.WhyDirectoryIsRefused(files / fs::path(name).filename());
     }

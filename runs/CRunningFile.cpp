@@ -1,0 +1,228 @@
+#include "runs/CRunningFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <sstream>
+#include <system_error>
+
+#include "base/RegularFile.h"
+#include "base/SameFile.h"
+#include "base/WriteAll.h"
+#include "store/Layout.h"
+#include "store/StoreAccess.h"
+#include "store/TaskFileName.h"
+
+// The header does not declare its functions as those of C.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
+namespace fs = std::filesystem;
+
+using vxsched::cRunningDirectory;
+
+// RecordDeadRunners() may remove a file before its runner has locked it.
+static constexpr int cMostCreations = 10;
+
+// Of a few records, whose strings are as long as the system passes them to a program.
+static constexpr std::uint64_t cLongestFile = std::uint64_t{16} << 20U;
+
+static std::string PathOf(const std::string& id) {
+    return std::string(cRunningDirectory) + '/' + id;
+}
+
+// A lock of this process alone: a process that it has just made, and that has not executed its
+// program yet, does not share it.
+static bool Lock(const CDescriptor& file, int command) {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    return fcntl(file.Get(), command, &whole) == 0;
+}
+
+CRunningFile::CRunningFile(const TRunRecord& run) : path(PathOf(run.id)) {
+    for (int attempt = 0; attempt < cMostCreations; ++attempt) {
+        if (Create(run))
+            return;
+        if (errno != ENOENT)
+            break;
+    }
+    error = std::strerror(errno);
+    if (file.IsOpen())
+        unlink(path.c_str());
+}
+
+static CDescriptor CreateFile(const std::string& path) {
+    return CDescriptor(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+}
+
+// As it is recorded if its runner dies.
+static TRunRecord WithoutEnd(TRunRecord run) {
+    run.outcome = TRunRecord::cRunnerDied;
+    return run;
+}
+
+bool CRunningFile::Create(const TRunRecord& run) {
+    file = CreateFile(path);
+    if (!file.IsOpen() && errno == ENOENT) {
+        vxsched::MakePrivateDirectory(cRunningDirectory, ".");
+        file = CreateFile(path);
+    }
+    if (!file.IsOpen() || !Lock(file, F_SETLKW))
+        return false;
+    struct stat status {};
+    if (fstat(file.Get(), &status) == 0 && status.st_nlink == 0) {
+        errno = ENOENT;
+        return false;
+    }
+    return fchmod(file.Get(), vxsched::PrivateMode(".")) == 0 && Append(WithoutEnd(run));
+}
+
+// The last whole line counts.
+bool CRunningFile::Append(const TRunRecord& run) {
+    return WriteAll(file.Get(), JsonLine(run));
+}
+
+void CRunningFile::Update(const TRunRecord& run) {
+    if (error.empty())
+        Append(WithoutEnd(run));
+}
+
+void CRunningFile::Finish(const TRunRecord& run) {
+    if (error.empty())
+        Append(run);
+}
+
+void CRunningFile::Remove() {
+    if (error.empty())
+        unlink(path.c_str());
+}
+
+// The last record of a run's file.
+static std::optional<TRunRecord> LastRecordIn(const std::string& content) {
+    std::optional<TRunRecord> run;
+    std::istringstream lines(content);
+    for (std::string line; std::getline(lines, line);) {
+        if (const std::optional<TRunRecord> later = ReadJsonLine(line))
+            run = later;
+    }
+    return run;
+}
+
+// What is known of a run whose file cannot be read.
+static TRunRecord DescribeUnreadable(const std::string& id) {
+    TRunRecord run;
+    run.outcome = TRunRecord::cRunnerDied;
+    run.id = id;
+    return run;
+}
+
+// Records the run of a runner that has died, and removes its file; one without a line has had no run yet.
+static void RecordOne(const fs::path& path, const std::function<bool(const TRunRecord&)>& record) {
+    const CDescriptor file = OpenRegularFile(path.c_str(), O_RDWR | O_NOFOLLOW);
+    if (!file.IsOpen() || !Lock(file, F_SETLK))
+        return;
+    // Another process may have recorded it since.
+    struct stat status {};
+    if (fstat(file.Get(), &status) == -1 || !vxsched::IsSameFile(path, status))
+        return;
+    std::string content;
+    bool isDone = ReadRegularFile(file.Get(), cLongestFile, content) &&
+                  content.find('\n') == std::string::npos;
+    if (!isDone) {
+        TRunRecord run = LastRecordIn(content).value_or(DescribeUnreadable(path.filename()));
+        if (run.outcome == TRunRecord::cRunnerDied)
+            run.ended = CurrentMoment();
+        isDone = record(run);
+    }
+    if (isDone)
+        unlink(path.c_str());
+}
+
+void RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record) {
+    std::error_code error;
+    for (fs::directory_iterator entry(cRunningDirectory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error))
+        RecordOne(entry->path(), record);
+}
+
+namespace vxsched {
+
+// The process that has the file locked; empty if nobody has, 0 if it is not visible here. Asks only: a
+// lock that is tried would keep RecordDeadRunners() from its own.
+static std::optional<pid_t> HolderOf(const CDescriptor& file) {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    if (!file.IsOpen() || fcntl(file.Get(), F_GETLK, &whole) == -1 || whole.l_type == F_UNLCK)
+        return {};
+    return std::max(whole.l_pid, 0);
+}
+
+// Two names that no record tells apart have directories of their own.
+static bool IsOfTask(const TRunRecord& run, const std::string& task) {
+    return fs::path(run.output).parent_path().filename() == FileNameOf(task);
+}
+
+static std::optional<TRunning> ReadRunning(const fs::path& path, const std::string& task) {
+    const CDescriptor file = OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
+    const std::optional<pid_t> runner = HolderOf(file);
+    std::string content;
+    if (!runner || !ReadRegularFile(file.Get(), cLongestFile, content))
+        return {};
+    const std::optional<TRunRecord> run = LastRecordIn(content);
+    return run && IsOfTask(*run, task) ? std::optional(TRunning{*run, *runner}) : std::nullopt;
+}
+
+std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task) {
+    std::vector<TRunning> runs;
+    std::error_code error;
+    for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        if (const std::optional<TRunning> running = ReadRunning(entry->path(), task))
+            runs.push_back(*running);
+    }
+    std::sort(runs.begin(), runs.end(),
+              [](const TRunning& one, const TRunning& other) { return one.run.id < other.run.id; });
+    return runs;
+}
+
+static CDescriptor OpenFileOf(const std::string& directory, const std::string& id) {
+    const fs::path path = fs::path(directory) / cRunningDirectory / id;
+    return OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
+}
+
+bool IsRunning(const std::string& directory, const std::string& id) {
+    return HolderOf(OpenFileOf(directory, id)).has_value();
+}
+
+int Terminate(const std::string& directory, const TRunning& running) {
+    if (running.runner == 0)
+        return EXDEV;
+    const CDescriptor process(pidfd_open(running.runner, 0));
+    if (!process.IsOpen())
+        return errno == ESRCH ? 0 : errno;
+    // It has had the lock all the time, or it is not the runner.
+    if (HolderOf(OpenFileOf(directory, running.run.id)) != running.runner)
+        return 0;
+    return pidfd_send_signal(process.Get(), SIGTERM, nullptr, 0) == 0 || errno == ESRCH ? 0 : errno;
+}
+
+std::optional<TRunRecord> ReadRunningFile(const std::string& directory, const std::string& id) {
+    const CDescriptor file = OpenFileOf(directory, id);
+    std::string content;
+    if (!file.IsOpen())
+        return {};
+    if (!ReadRegularFile(file.Get(), cLongestFile, content))
+        return DescribeUnreadable(id);
+    return LastRecordIn(content).value_or(DescribeUnreadable(id));
+}
+
+}  // namespace vxsched

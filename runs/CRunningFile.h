@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/CDescriptor.h"
+#include "runs/RunRecord.h"
+
+// The file of a run in files/running/, there and locked while its runner lives. It holds the record
+// of the run if the runner dies, which is written when nobody holds the lock any more.
+class CRunningFile {
+public:
+    // Creates the file, whose name is run.id. A failure is returned by Error(), and there is no file.
+    explicit CRunningFile(const TRunRecord& run);
+    CRunningFile(const CRunningFile&) = delete;
+    CRunningFile& operator=(const CRunningFile&) = delete;
+
+    const std::string& Error() const { return error; }
+
+    // Has the record state what is known of the run since its launch.
+    void Update(const TRunRecord& run);
+
+    // Has the record be that of a run that has ended. Whoever finds the file after this process adds it
+    // to the history.
+    void Finish(const TRunRecord& run);
+
+    // Removes the file: the run is recorded.
+    void Remove();
+
+private:
+    bool Create(const TRunRecord& run);
+    bool Append(const TRunRecord& run);
+
+    const std::string path;
+    CDescriptor file;
+    std::string error;
+};
+
+// Calls `record` with each run in the working directory whose runner has died or could not record its
+// end, and removes its file if that returns true. Several processes may call this at once: each run is
+// recorded by one of them. Blocks for disk access only. Files that cannot be opened are left. Not for
+// the process of a CRunningFile, which would lose its lock.
+void RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record);
+
+namespace vxsched {
+
+// A run whose runner is alive.
+struct TRunning {
+    TRunRecord run;
+    pid_t runner = 0;  // 0: it is in another PID namespace
+};
+
+// The runs of a task that go on in the store of a directory, in the order of their ids. Blocks for
+// disk access only; what this user may not read is left out.
+std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task);
+
+// Sends the runner of a run SIGTERM, or nobody if it has ended. Returns 0 or an error number: EPERM for a
+// runner of another user's, EXDEV for one in another PID namespace.
+int Terminate(const std::string& directory, const TRunning& running);
+
+// Whether the runner of that run is alive.
+bool IsRunning(const std::string& directory, const std::string& id);
+
+// What the file of a run has, as long as there is one: how the run has ended if its runner could not
+// record that, cRunnerDied if the runner has died, and also while it is alive.
+std::optional<TRunRecord> ReadRunningFile(const std::string& directory, const std::string& id);
+
+}  // namespace vxsched
