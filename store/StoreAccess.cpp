@@ -176,7 +176,7 @@ std::string WhyFilesAreRefused(const fs::path& directory) {
     std::string reason = check.WhyDirectoryIsRefused(files);
     for (const char* const name :
          {cOwedLaunchDirectory, cLaunchRecordDirectory, cSettledLaunchDirectory, cSnapshotDirectory,
-          cProgramLinks, cRunningDirectory}) {
+          cProgramLinks, cOutputDirectory, cRunningDirectory}) {
         if (reason.empty())
             reason = check.WhyDirectoryIsRefused(files / fs::path(name).filename());
     }
