@@ -51,7 +51,9 @@ std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directo
             words >> skipped;
     };
     words >> stat.state;
-    skip(5);
+    skip(1);
+    words >> stat.group;
+    skip(3);
     words >> stat.flags;
     skip(41);
     words >> stat.environmentEnd;
@@ -89,6 +91,19 @@ std::optional<bool> MapsFile(pid_t process, std::string_view name) {
 bool HasEnded(pid_t process) {
     const std::optional<TProcessStat> stat = ReadProcessStat(ProcessDirectory(process));
     return stat ? stat->HasEnded() : kill(process, 0) == -1 && errno == ESRCH;
+}
+
+bool IsGroupAlive(pid_t group) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry("/proc", error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (!ParseProcess(entry->path().filename().native()))
+            continue;
+        const std::optional<TProcessStat> stat = ReadProcessStat(entry->path());
+        if (stat && stat->group == group && !stat->HasEnded())
+            return true;
+    }
+    return false;
 }
 
 bool SharesIpcNamespace(const std::filesystem::path& directory, const std::filesystem::path& own) {

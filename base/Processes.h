@@ -26,6 +26,7 @@ std::filesystem::path ProcessDirectory(pid_t process);
 struct TProcessStat {
     std::string name;  // the short one
     char state = 0;
+    pid_t group = 0;
     unsigned int flags = 0;
     // The address of the end of its environment variables. 0 while an exec has not given it arguments
     // and variables yet, without memory, and where this user may not inspect the process.
@@ -52,6 +53,9 @@ std::optional<bool> MapsFile(pid_t process, std::string_view name);
 
 // Whether there is no such process any more, or only its zombie.
 bool HasEnded(pid_t process);
+
+// Whether a process of that group runs. Reads all of /proc.
+bool IsGroupAlive(pid_t group);
 
 // Whether two processes are in the same IPC namespace, by their directories in /proc. A namespace
 // that cannot be read is taken for the same one, which is usual.

@@ -12,9 +12,10 @@ import sys
 import tempfile
 
 HARDENING = ["-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection", "-fvisibility=hidden"]
-PRODUCT = ("scheduler/ addin/ sync/ support/ base/ store/ runs/ interpose/ client/ host/ cli/").split()
+PRODUCT = ("scheduler/ addin/ sync/ support/ base/ store/ runs/ runner/ interpose/ client/ host/ cli/").split()
 SONAMES = {"libVantrixScheduler.so": "libVantrixScheduler.so", "libvxcsupport.so": "libvxcsupport.so.0",
            "libvxsched-client.so": "libvxsched-client.so.0"}
+PROGRAMS = {"vxschedd", "vxsched", "vxsched-change", "vxrun"}
 ENDBR64 = b"\xf3\x0f\x1e\xfa"
 
 
@@ -74,7 +75,8 @@ def main():
             problems += ["%s %s" % (os.path.relpath(path, build if path in built else installed), problem)
                          for problem in problems_of(path)]
         print("%d ELF files of the build and %d of the installation read" % (len(built), len(shipped)))
-        if len(built) < 8 or len(shipped) < 6:
+        problems += ["%s is not installed" % name for name in PROGRAMS - set(map(os.path.basename, shipped))]
+        if len(built) < 9 or len(shipped) < 7:
             problems.append("files are missing")
 
     # The programs and libraries of the tests are not shipped, but are run from any directory as well.

@@ -1,0 +1,167 @@
+#include "runner/CJob.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+#include "base/Processes.h"
+#include "base/Spawn.h"
+#include "base/Users.h"
+
+using TClock = std::chrono::steady_clock;
+
+static constexpr std::chrono::seconds cKillAfter(10);
+// Between two checks whether a process of the terminated group is left.
+static constexpr std::chrono::milliseconds cGroupInterval(50);
+
+CJob::CJob() {
+    sigset_t handled;
+    sigemptyset(&handled);
+    sigaddset(&handled, SIGTERM);
+    sigaddset(&handled, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &handled, nullptr);
+    signals = CDescriptor(signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+int CJob::Launch(const char* program, char* const arguments[]) {
+    std::array<int, 2> ends{};
+    if (!signals.IsOpen() || pipe2(ends.data(), O_CLOEXEC) == -1)
+        return errno;
+    pipe = CDescriptor(ends[0]);
+    const CDescriptor theirs(ends[1]);
+    fcntl(pipe.Get(), F_SETFL, O_NONBLOCK);
+    CSpawnAttributes attributes;
+    attributes.ResetSignals();
+    attributes.LeadSession();
+    CSpawnActions actions;
+    actions.Duplicate(theirs.Get(), STDOUT_FILENO);
+    actions.Duplicate(theirs.Get(), STDERR_FILENO);
+    actions.CloseFrom(STDERR_FILENO + 1);
+    return posix_spawn(&process, program, actions.Get(), attributes.Get(), arguments, environ);
+}
+
+// Reads once, at most so many bytes. False if there is nothing to read; at the end the pipe is closed.
+bool CJob::ReadOutput(std::size_t most) {
+    static std::array<char, 65536> block;
+    const ssize_t count = read(pipe.Get(), block.data(), std::min(most, block.size()));
+    if (count == 0 || (count == -1 && errno != EAGAIN && errno != EINTR))
+        pipe = CDescriptor();
+    if (count <= 0)
+        return false;
+    file->Append(std::string_view(block.data(), static_cast<std::size_t>(count)));
+    return true;
+}
+
+// Of a writer that goes on meanwhile, only what it has written by now.
+void CJob::ReadWhatIsThere() {
+    int size = 0;
+    if (ioctl(pipe.Get(), FIONREAD, &size) == -1)
+        return;
+    const std::uint64_t end = file->Count() + static_cast<std::uint64_t>(size);
+    while (file->Count() < end && ReadOutput(end - file->Count())) {
+    }
+    // Closes the pipe if nobody has it any more.
+    pollfd output{.fd = pipe.Get(), .events = POLLIN, .revents = 0};
+    if (poll(&output, 1, 0) == 1 && (output.revents & POLLIN) == 0)
+        ReadOutput(1);
+}
+
+void CJob::OnSignal() {
+    signalfd_siginfo signal{};
+    while (read(signals.Get(), &signal, sizeof signal) == sizeof signal) {
+        // One more puts the kill off no further.
+        if (signal.ssi_signo != SIGTERM || isStopped)
+            continue;
+        isStopped = true;
+        stoppedBy = FindUser(signal.ssi_uid).name;
+        kill(-process, SIGTERM);
+        killAt = TClock::now() + cKillAfter;
+    }
+}
+
+void CJob::Wait(int milliseconds) {
+    std::array<pollfd, 2> events{
+        {{.fd = signals.Get(), .events = POLLIN, .revents = 0},
+         {.fd = pipe.IsOpen() ? pipe.Get() : -1, .events = POLLIN, .revents = 0}}};
+    if (poll(events.data(), events.size(), milliseconds) == -1)
+        return;
+    if (events[0].revents != 0)
+        OnSignal();
+    if (events[1].revents != 0)
+        ReadOutput(SIZE_MAX);
+}
+
+// Does not collect it: until then no other process gets its number, which is that of its group.
+bool CJob::HasEnded() const {
+    siginfo_t end{};
+    return waitid(P_PID, static_cast<id_t>(process), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           end.si_pid == process;
+}
+
+void CJob::Collect(TRunRecord& run) {
+    int status = 0;
+    rusage usage{};
+    wait4(process, &status, 0, &usage);
+    const auto time = [](const timeval& value) {
+        return std::chrono::seconds(value.tv_sec) + std::chrono::microseconds(value.tv_usec);
+    };
+    run.ended = CurrentMoment();
+    run.outcome = WIFSIGNALED(status) ? TRunRecord::cKilled : TRunRecord::cExited;
+    run.number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+    run.usage = {.user = time(usage.ru_utime),
+                 .system = time(usage.ru_stime),
+                 .peakMemory = usage.ru_maxrss};
+    run.stoppedBy = stoppedBy;
+}
+
+// How long to wait for the program's end, or, once that has come, for that of its group; -1: for ever.
+int CJob::NextTimeout(bool hasEnded) const {
+    if (!killAt)
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*killAt - TClock::now());
+    return static_cast<int>(
+        std::clamp(left, std::chrono::milliseconds(0),
+                   hasEnded ? cGroupInterval : std::chrono::milliseconds(cKillAfter))
+            .count());
+}
+
+void CJob::WaitForEnd(TRunRecord& run) {
+    for (;;) {
+        const bool hasEnded = HasEnded();
+        // What the program leaves behind stays, unless it was terminated as well.
+        if (hasEnded && !(killAt && vxsched::IsGroupAlive(process)))
+            break;
+        const int timeout = NextTimeout(hasEnded);
+        if (timeout == 0) {
+            kill(-process, SIGKILL);
+            killAt.reset();
+        } else {
+            Wait(timeout);
+        }
+    }
+    Collect(run);
+    if (pipe.IsOpen())
+        ReadWhatIsThere();
+    run.outputBytes = file->Count();
+    run.outputError = file->Error();
+}
+
+void CJob::KeepOutput() {
+    // The number of the program may be that of another process by now.
+    signals = CDescriptor();
+    sigset_t handled;
+    sigemptyset(&handled);
+    sigaddset(&handled, SIGTERM);
+    sigprocmask(SIG_UNBLOCK, &handled, nullptr);
+    while (pipe.IsOpen())
+        Wait(-1);
+}

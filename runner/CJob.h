@@ -1,0 +1,57 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "base/CDescriptor.h"
+#include "runs/COutputFile.h"
+#include "runs/RunRecord.h"
+
+// A program that runs as a child of this process, with a pipe for its output. For a process of one
+// thread.
+class CJob {
+public:
+    // Blocks SIGTERM and SIGCHLD.
+    CJob();
+    CJob(const CJob&) = delete;
+    CJob& operator=(const CJob&) = delete;
+
+    // Launches the program, which leads a session of its own. Returns 0 or an error number.
+    int Launch(const char* program, char* const arguments[]);
+
+    // The output goes to `outputFile`, which the caller keeps. To be called before the next two.
+    void KeepIn(COutputFile& outputFile) { file = &outputFile; }
+
+    // Waits for the program's end, keeping its output. SIGTERM has the program's process group
+    // terminated, and what is left of it after ten seconds killed; its end is then waited for as well.
+    // Sets how `run` ended. The output that the program has written is kept by then.
+    void WaitForEnd(TRunRecord& run);
+
+    // Whether a process that the program has left behind may still write.
+    bool HasWriters() const { return pipe.IsOpen(); }
+
+    // Keeps what is written until everybody has closed the output, or SIGTERM ends this process.
+    void KeepOutput();
+
+    pid_t Process() const { return process; }
+
+private:
+    bool ReadOutput(std::size_t most);
+    void ReadWhatIsThere();
+    void Wait(int milliseconds);
+    void OnSignal();
+    bool HasEnded() const;
+    int NextTimeout(bool hasEnded) const;
+    void Collect(TRunRecord& run);
+
+    COutputFile* file = nullptr;
+    CDescriptor signals;
+    CDescriptor pipe;
+    pid_t process = 0;
+    bool isStopped = false;
+    std::string stoppedBy;
+    std::optional<std::chrono::steady_clock::time_point> killAt;
+};

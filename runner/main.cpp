@@ -1,0 +1,172 @@
+// vxrun: launches one program for vxschedd or vxsched, keeps its output, and records its end. It
+// outlives whoever has launched it.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "base/WriteAll.h"
+#include "runner/CJob.h"
+#include "runs/COutputFile.h"
+#include "runs/CRunHistory.h"
+#include "runs/CRunningFile.h"
+#include "runs/OutputFiles.h"
+#include "runs/RunRecord.h"
+#include "runs/RunRequest.h"
+
+namespace {
+
+constexpr int cUsage = 2;         // exit status
+constexpr int cNotStarted = 127;  // exit status, as a shell has it
+
+// A run is for its program to end, not for a reader of the log that goes, a terminal, or a limit.
+constexpr int cIgnored[] = {SIGPIPE, SIGHUP, SIGINT, SIGXFSZ};
+
+// A reader of the host's log that has stalled does not hold up a run for longer than this.
+constexpr int cStall = 1000;  // milliseconds
+
+void Warn(const std::string& message) {
+    const std::string line = ("vxrun: " + message).substr(0, PIPE_BUF - 1) + '\n';
+    pollfd log{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (poll(&log, 1, cStall) == 1)
+        static_cast<void>(WriteAll(STDERR_FILENO, line));
+}
+
+std::optional<TRunRequest> TakeRequest() {
+    const char* const variable = std::getenv(cRunVariable);
+    auto request = variable != nullptr ? DecodeRunRequest(variable) : std::nullopt;
+    unsetenv(cRunVariable);
+    return request;
+}
+
+TRunRecord Describe(char* const command[], const std::string& trigger) {
+    TRunRecord run;
+    run.started = CurrentMoment();
+    run.trigger = trigger;
+    run.attempt = 1;
+    run.program = command[0];
+    run.parameter = command[1] != nullptr ? command[1] : "";
+    if (const char* const task = std::getenv("VXSCHED_TASK"))
+        run.task = task;
+    if (const char* const due = std::getenv("VXSCHED_DUE"))
+        run.due = std::chrono::sys_seconds(std::chrono::seconds(std::strtoll(due, nullptr, 10)));
+    run.id = MakeRunId(*run.started, FindLatestOutput(run.task));
+    return run;
+}
+
+// False if the launcher is gone.
+bool Report(int pipe, int error, pid_t process, const std::string& run) {
+    TLaunchReport report{.error = error, .process = process, .run = {}};
+    run.copy(report.run, sizeof report.run - 1);
+    const bool isReported = write(pipe, &report, sizeof report) == sizeof report;
+    close(pipe);
+    return isReported;
+}
+
+// The system has no room for a process of the program's own, but has made this one.
+bool IsForWantOfRoom(int error) {
+    return error == EAGAIN || error == EMFILE || error == ENFILE;
+}
+
+// Executes the program in this process. Its launcher then waits for it and records its end; its output
+// is not kept.
+[[noreturn]] void Become(const TRunRequest& request, char* const command[]) {
+    setsid();
+    for (const int ignored : cIgnored)
+        std::signal(ignored, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    Report(request.report, 0, getpid(), "");
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+    execv(command[0], command);
+    _exit(cNotStarted);
+}
+
+// Ends this process as its program has ended, for whoever waits for it.
+[[noreturn]] void EndAs(const TRunRecord& run) {
+    if (run.outcome == TRunRecord::cExited)
+        _exit(run.number);
+    // The crash is the program's, which has been reported.
+    prctl(PR_SET_DUMPABLE, 0);
+    std::signal(run.number, SIG_DFL);
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_UNBLOCK, &all, nullptr);
+    raise(run.number);
+    _exit(128 + run.number);
+}
+
+int Run(const TRunRequest& request, char* const command[]) {
+    TRunRecord run = Describe(command, request.trigger);
+    run.output = OutputPathOf(run.task, run.id);
+    CRunHistory history(request.historySize, Warn);
+    CRunningFile running(run);
+    if (!running.Error().empty())
+        Warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
+                         run.id, running.Error()));
+    CJob job;
+    const int error = job.Launch(command[0], command);
+    if (error != 0) {
+        // Before the report: a kill in between must not leave two records of it.
+        running.Remove();
+        if (IsForWantOfRoom(error))
+            Become(request, command);
+        // The launcher records it, if it can.
+        if (!Report(request.report, error, 0, "")) {
+            run.outcome = TRunRecord::cNotStarted;
+            run.error = std::strerror(error);
+            run.ended = CurrentMoment();
+            history.Add(run);
+        }
+        return cNotStarted;
+    }
+    run.process = job.Process();
+    running.Update(run);
+    // The launcher waits for it with the store mutex held: nothing else comes before.
+    Report(request.report, 0, run.process, run.id);
+    COutputFile file(PrepareOutputFile(run.task, run.id), request.outputSize, Warn);
+    job.KeepIn(file);
+    job.WaitForEnd(run);
+    running.Finish(run);
+    if (history.Add(run))
+        running.Remove();
+    // The run has ended; its output has not.
+    if (job.HasWriters()) {
+        const pid_t keeper = fork();
+        if (keeper <= 0)
+            job.KeepOutput();
+        if (keeper == 0)
+            _exit(0);
+    }
+    EndAs(run);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (const int ignored : cIgnored)
+        std::signal(ignored, SIG_IGN);
+    // Until the program runs, which it then ends.
+    sigset_t held;
+    sigemptyset(&held);
+    sigaddset(&held, SIGTERM);
+    sigprocmask(SIG_BLOCK, &held, nullptr);
+    const std::optional<TRunRequest> request = TakeRequest();
+    if (!request || argc < 2) {
+        Warn("it is launched by vxschedd and vxsched, which pass what it needs. Use vxsched run.");
+        return cUsage;
+    }
+    return Run(*request, argv + 1);
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// What a launcher, the host or vxsched-change, asks of the runner besides the program: the content of
+// the environment variable VXSCHED_RUN, which the runner does not hand on.
+struct TRunRequest {
+    int report = -1;  // the descriptor of the pipe for a TLaunchReport
+    std::string trigger;
+    std::uint64_t historySize = 0;
+    std::uint64_t outputSize = 0;
+};
+
+inline constexpr char cRunVariable[] = "VXSCHED_RUN";
+
+// What the runner writes to the pipe, by one write(): that its program runs, or why it does not.
+struct TLaunchReport {
+    int error;  // of posix_spawn(); 0: the program runs
+    int process;
+    char run[64];  // the id of the run, with a zero byte after it
+};
+
+// How much is kept unless somebody has chosen, in bytes: of the history, and of each run's output.
+inline constexpr std::uint64_t cDefaultHistorySize = std::uint64_t{1} << 20;
+inline constexpr std::uint64_t cDefaultOutputSize = std::uint64_t{1} << 20;
+
+std::string EncodeRunRequest(const TRunRequest& request);
+
+// Empty if it is no request of this version.
+std::optional<TRunRequest> DecodeRunRequest(std::string_view text);
