@@ -23,7 +23,7 @@ static constexpr std::chrono::seconds cKillAfter(10);
 // Between two checks whether a process of the terminated group is left.
 static constexpr std::chrono::milliseconds cGroupInterval(50);
 
-CJob::CJob() {
+CJob::CJob(CCopy* outputCopy) : copy(outputCopy) {
     sigset_t handled;
     sigemptyset(&handled);
     sigaddset(&handled, SIGTERM);
@@ -53,11 +53,17 @@ int CJob::Launch(const char* program, char* const arguments[]) {
 bool CJob::ReadOutput(std::size_t most) {
     static std::array<char, 65536> block;
     const ssize_t count = read(pipe.Get(), block.data(), std::min(most, block.size()));
-    if (count == 0 || (count == -1 && errno != EAGAIN && errno != EINTR))
+    if (count == 0 || (count == -1 && errno != EAGAIN && errno != EINTR)) {
         pipe = CDescriptor();
+        if (copy != nullptr)
+            copy->Finish();
+    }
     if (count <= 0)
         return false;
-    file->Append(std::string_view(block.data(), static_cast<std::size_t>(count)));
+    const std::string_view bytes(block.data(), static_cast<std::size_t>(count));
+    file->Append(bytes);
+    if (copy != nullptr)
+        copy->Write(bytes);
     return true;
 }
 

@@ -4,9 +4,9 @@
 
 #include <chrono>
 #include <optional>
-#include <string>
 
 #include "base/CDescriptor.h"
+#include "runner/CCopy.h"
 #include "runs/COutputFile.h"
 #include "runs/RunRecord.h"
 
@@ -14,8 +14,9 @@
 // thread.
 class CJob {
 public:
-    // Blocks SIGTERM and SIGCHLD.
-    CJob();
+    // Blocks SIGTERM and SIGCHLD. The output is copied to `outputCopy`, if it is not null; the caller
+    // keeps it.
+    explicit CJob(CCopy* outputCopy);
     CJob(const CJob&) = delete;
     CJob& operator=(const CJob&) = delete;
 
@@ -48,6 +49,7 @@ private:
     void Collect(TRunRecord& run);
 
     COutputFile* file = nullptr;
+    CCopy* const copy;
     CDescriptor signals;
     CDescriptor pipe;
     pid_t process = 0;

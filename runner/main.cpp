@@ -16,7 +16,9 @@
 #include <optional>
 #include <string>
 
+#include "base/DisplayText.h"
 #include "base/WriteAll.h"
+#include "runner/CCopy.h"
 #include "runner/CJob.h"
 #include "runs/COutputFile.h"
 #include "runs/CRunHistory.h"
@@ -30,7 +32,7 @@ namespace {
 constexpr int cUsage = 2;         // exit status
 constexpr int cNotStarted = 127;  // exit status, as a shell has it
 
-// A run is for its program to end, not for a reader of the log that goes, a terminal, or a limit.
+// A run is for its program to end, not for a reader of the copy that goes, a terminal, or a limit.
 constexpr int cIgnored[] = {SIGPIPE, SIGHUP, SIGINT, SIGXFSZ};
 
 // A reader of the host's log that has stalled does not hold up a run for longer than this.
@@ -82,6 +84,8 @@ bool IsForWantOfRoom(int error) {
 // Executes the program in this process. Its launcher then waits for it and records its end; its output
 // is not kept.
 [[noreturn]] void Become(const TRunRequest& request, char* const command[]) {
+    if (request.copy == TRunRequest::cPlain)
+        dup2(STDOUT_FILENO, STDERR_FILENO);
     setsid();
     for (const int ignored : cIgnored)
         std::signal(ignored, SIG_DFL);
@@ -116,7 +120,12 @@ int Run(const TRunRequest& request, char* const command[]) {
     if (!running.Error().empty())
         Warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
                          run.id, running.Error()));
-    CJob job;
+    std::optional<CCopy> copy;
+    if (request.copy == TRunRequest::cPlain)
+        copy.emplace();
+    else if (request.copy == TRunRequest::cPrefixed)
+        copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
+    CJob job(copy ? &*copy : nullptr);
     const int error = job.Launch(command[0], command);
     if (error != 0) {
         // Before the report: a kill in between must not leave two records of it.

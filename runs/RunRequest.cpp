@@ -5,19 +5,22 @@
 #include <cstdio>
 
 std::string EncodeRunRequest(const TRunRequest& request) {
-    return fmt::format("1 {} {} {} {}", request.report, request.trigger, request.historySize,
-                       request.outputSize);
+    return fmt::format("1 {} {} {} {} {}", request.report, request.trigger, request.historySize,
+                       request.outputSize, static_cast<int>(request.copy));
 }
 
 std::optional<TRunRequest> DecodeRunRequest(std::string_view text) {
     TRunRequest request;
+    unsigned int copy = 0;
     char trigger[16];
     int end = 0;
     const std::string string(text);
-    const int count = std::sscanf(string.c_str(), "1 %d %15[a-z-] %lu %lu%n", &request.report,
-                                  trigger, &request.historySize, &request.outputSize, &end);
-    if (count != 4 || static_cast<std::size_t>(end) != string.size())
+    const int count = std::sscanf(string.c_str(), "1 %d %15[a-z-] %lu %lu %u%n", &request.report,
+                                  trigger, &request.historySize, &request.outputSize, &copy, &end);
+    if (count != 5 || static_cast<std::size_t>(end) != string.size() ||
+        copy > TRunRequest::cPrefixed)
         return {};
     request.trigger = trigger;
+    request.copy = static_cast<TRunRequest::ECopy>(copy);
     return request;
 }

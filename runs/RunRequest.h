@@ -8,10 +8,15 @@
 // What a launcher, the host or vxsched-change, asks of the runner besides the program: the content of
 // the environment variable VXSCHED_RUN, which the runner does not hand on.
 struct TRunRequest {
+    // What becomes of the output besides being kept: the runner's standard output gets it as it is,
+    // or each line after the task's name.
+    enum ECopy { cNoCopy, cPlain, cPrefixed };
+
     int report = -1;  // the descriptor of the pipe for a TLaunchReport
     std::string trigger;
     std::uint64_t historySize = 0;
     std::uint64_t outputSize = 0;
+    ECopy copy = cNoCopy;
 };
 
 inline constexpr char cRunVariable[] = "VXSCHED_RUN";

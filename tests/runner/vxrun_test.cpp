@@ -57,7 +57,8 @@ TRunRequest Request() {
 // A vxrun that runs a command as task "a task", due at second 5.
 class CRunner {
 public:
-    explicit CRunner(std::vector<std::string> command, TRunRequest request = Request()) {
+    explicit CRunner(std::vector<std::string> command, TRunRequest request = Request(),
+                     int output = STDOUT_FILENO) {
         std::array<int, 2> ends{};
         EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
         report = CDescriptor(ends[0]);
@@ -74,6 +75,7 @@ public:
         process = fork();
         if (process == 0) {
             fcntl(theirs.Get(), F_SETFD, 0);
+            dup2(output, STDOUT_FILENO);
             dup2(open(cErrors, O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
             execv(RUNNER_PROGRAM, arguments.data());
             _exit(126);
@@ -387,6 +389,43 @@ TEST_F(Runner, LinkToElsewhereIsNotFollowedForTheOutput) {
     fs::remove_all("elsewhere");
 }
 
+// ---- Copies of the output -------------------------------------------------------------------------
+
+namespace {
+
+std::string CopyOf(TRunRequest::ECopy copy, const std::string& command) {
+    TRunRequest request = Request();
+    request.copy = copy;
+    const CDescriptor file(open("copy", O_RDWR | O_CREAT | O_TRUNC, 0600));
+    CRunner runner({cShell, "-c", command}, request, file.Get());
+    EXPECT_EQ(runner.Wait(), 0);
+    return ReadFile("copy");
+}
+
+}  // namespace
+
+TEST_F(Runner, OutputIsCopiedIfAskedFor) {
+    const std::string command = "printf 'one\\ntwo\\n\\nlast'";
+    EXPECT_EQ(CopyOf(TRunRequest::cNoCopy, command), "");
+    EXPECT_EQ(CopyOf(TRunRequest::cPlain, command), "one\ntwo\n\nlast");
+    EXPECT_EQ(CopyOf(TRunRequest::cPrefixed, command),
+              "a task: one\na task: two\na task: \na task: last\n");
+    for (const TRunRecord& run : History())
+        EXPECT_EQ(OutputOf(run), "one\ntwo\n\nlast");
+}
+
+TEST_F(Runner, CopyThatNobodyReadsHoldsUpNoJob) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const CDescriptor reader(ends[0]);
+    const CDescriptor theirs(ends[1]);
+    TRunRequest request = Request();
+    request.copy = TRunRequest::cPrefixed;
+    CRunner runner({cShell, "-c", "seq 100000"}, request, theirs.Get());
+    EXPECT_EQ(runner.Wait(), 0);
+    EXPECT_EQ(OnlyRun().outputBytes, 588'895U);
+}
+
 // The runners in this directory.
 static std::vector<pid_t> RunnersHere() {
     std::vector<pid_t> runners;
@@ -576,6 +615,6 @@ TEST_F(Runner, WithoutARequestReportsWhoLaunchesIt) {
     EXPECT_EQ(child.Wait(), 2);
     EXPECT_THAT(ReadFile("errors"), HasSubstr("vxsched run"));
     for (const char* const request :
-         {"", "1", "2 3 manual 1 1", "1 3 manual 1", "1 3 manual 1 1 x", "1 x"})
+         {"", "1", "2 3 manual 1 1 0", "1 3 manual 1 1 9", "1 3 manual 1 1 0 x", "1 x"})
         EXPECT_FALSE(DecodeRunRequest(request)) << request;
 }
