@@ -106,6 +106,7 @@ private:
 
     bool namesOnly = false;
     THistoryOptions historyOptions;
+    TOutputOptions outputOptions;
     std::optional<std::size_t> count;
     std::string until;
     TTaskArguments task;
@@ -206,6 +207,21 @@ void CCommandLine::AddQueries() {
             history.add_flag("--failed", historyOptions.failedOnly,
                              "List only runs that failed (status other than 0), were killed, could "
                              "not start or were missed");
+        });
+    Add(
+        "output", "Print what the last run of a task has written, or an earlier one",
+        [this] { return PrintOutput(common, task.name, outputOptions, output); },
+        [this](CLI::App& print) {
+            print.add_option("name", task.name, "The task; it may have been removed since")
+                ->required()
+                ->type_name("NAME");
+            print
+                .add_option("--run", outputOptions.run,
+                            "Which run: 1 is the last, 2 the one before, up to 10")
+                ->check(CLI::Range(1, 1'000'000).description(""))
+                ->type_name("NUMBER");
+            print.add_flag("--follow", outputOptions.follow,
+                           "Print also what the run writes from now on, until it ends");
         });
     Add(
         "status", "Show the scheduling process, the store mutex and the table",

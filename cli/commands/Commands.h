@@ -62,6 +62,16 @@ struct THistoryOptions {
 // Prints runs, the latest last; of all tasks if `name` is empty.
 TExitStatus History(const TCommon& common, const std::string& name, const THistoryOptions& options,
                     COutput& output);
+
+// Which output of a task is printed, and for how long.
+struct TOutputOptions {
+    std::size_t run = 1;  // 1: that of the last run
+    bool follow = false;  // until the run ends
+};
+
+// Prints what a run has written, as far as it is kept.
+TExitStatus PrintOutput(const TCommon& common, const std::string& name,
+                        const TOutputOptions& options, COutput& output);
 TExitStatus Status(const TCommon& common, COutput& output);
 
 // Checks `file`, or the directory's table if it is empty. Returns cDamagedStatus for a table that

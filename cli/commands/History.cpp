@@ -8,23 +8,17 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/RequireTask.h"
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
 #include "cli/time/PastTime.h"
 #include "runs/HistoryReader.h"
-#include "store/NoSuchTask.h"
 
 namespace vxsched {
 
 namespace {
 
 constexpr std::size_t cDefaultCount = 20;
-
-void RequireTask(const TCommon& common, const std::string& name) {
-    const TTable table = CStore(common.store).Read();
-    if (table.Find(name) == nullptr)
-        throw NoSuchTask(name, table, "nor is there a record of a run of it; see vxsched list");
-}
 
 EColour ColourOf(const TRunRecord& run) {
     if (HasNoFailure(run))

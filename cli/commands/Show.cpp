@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include <vxsched/Error.h>
@@ -14,6 +15,7 @@
 #include "cli/output/RunFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/HistoryReader.h"
+#include "runs/OutputFiles.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/OwedLaunches.h"
@@ -71,6 +73,15 @@ bool HasRun(const TRunRecord& run) {
     return run.outcome != TRunRecord::cNotStarted && HasLaunch(run);
 }
 
+// The file of the last output that is kept; empty if there is none.
+std::string LastOutput(const TCommon& common, const std::string& name) {
+    const std::vector<TOutput> outputs = FindOutputs(common.store.directory, name);
+    if (outputs.empty())
+        return "";
+    return (std::filesystem::path(common.store.directory) / outputs.front().path)
+        .lexically_normal();
+}
+
 // The due times of the task's launches that are owed.
 std::vector<TTime> OwedTimes(const TCommon& common, const std::string& name) {
     std::vector<TTime> times;
@@ -123,6 +134,7 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     const std::string real = RealProgram(common.store.directory, task->program);
     const std::vector<TRunRecord> runs = LastRuns(common, name);
     const std::vector<TTime> owed = OwedTimes(common, name);
+    const std::string lastOutput = LastOutput(common, name);
     if (common.json) {
         nlohmann::ordered_json json = JsonOfTask(*task);
         json["real_program"] = JsonOfString(real);
@@ -137,6 +149,8 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
         json["last_runs"] = nlohmann::ordered_json::array();
         for (const TRunRecord& run : runs)
             json["last_runs"].push_back(JsonOf(run));
+        json["last_output"] =
+            lastOutput.empty() ? nlohmann::ordered_json() : JsonOfString(lastOutput);
         output.Raw(Document({{"task", json}}));
         return cDone;
     }
@@ -163,6 +177,8 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
                          FormatTime(due, common.zone)));
     for (const TRunRecord& run : runs)
         line(&run == runs.data() ? "Last runs" : "", FormatRun(run, common.zone));
+    if (!lastOutput.empty())
+        line("Last output", lastOutput);
     return cDone;
 }
 

@@ -97,6 +97,11 @@ TExitStatus Run(const TCommon& /*common*/, const std::string& name, bool /*force
     gTaken = {name};
     return cDone;
 }
+TExitStatus PrintOutput(const TCommon& /*common*/, const std::string& name,
+                        const TOutputOptions& /*options*/, COutput& /*output*/) {
+    gTaken = {name};
+    return cDone;
+}
 TExitStatus Wake(const TCommon& /*common*/, COutput& /*output*/) {
     return cDone;
 }
