@@ -9,6 +9,7 @@
 
 #include "base/FindLibraryDirectory.h"
 #include "host/CHostError.h"
+#include "runs/RunRequest.h"
 
 // The add-in next to this program, in the library directory of the build or of the installation;
 // else its bare name, which the dynamic linker looks up. Empty if the path of this program cannot be
@@ -32,31 +33,6 @@ static constexpr int cLongestPause = 10;
 // The path is relative to the directory that the host was started in, which it is about to leave.
 static void MakeAbsolute(std::string& path) {
     path = std::filesystem::absolute(path).string();
-}
-
-// The directory of the file that opening a path opens or creates: links are followed, also one whose
-// target does not exist. A path that cannot be opened, as with too many links, may have any.
-static std::filesystem::path DirectoryOf(std::filesystem::path path) {
-    constexpr int cMostLinks = 40;  // as in the kernel
-    std::error_code ignored;
-    for (int links = 0; links < cMostLinks && std::filesystem::is_symlink(path, ignored); ++links)
-        path = path.parent_path() / std::filesystem::read_symlink(path, ignored);
-    return path.parent_path();
-}
-
-// Whether a file is, or would be, in a directory, however the paths are written.
-static bool IsIn(const std::string& file, const std::string& directory) {
-    if (file.empty() || !directory.starts_with('/'))
-        return false;
-    std::error_code error;
-    // Links are followed, and mounts. A directory that does not exist has no file yet, and is left to
-    // the comparison of the paths.
-    if (std::filesystem::equivalent(DirectoryOf(file), directory, error))
-        return true;
-    const auto realPath = [&](const std::filesystem::path& path) {
-        return std::filesystem::weakly_canonical(path / ".", error);
-    };
-    return realPath(DirectoryOf(file)) == realPath(directory);
 }
 
 // An option in whole seconds.
@@ -91,13 +67,13 @@ static void DescribeOptions(CLI::App& app, THostOptions& options) {
         ->type_name("FILE");
     app.add_option(
            "--output", options.output,
-           "Where launched programs write: where the host does, to the journal, or to one file "
-           "per task in DIR")
-        ->type_name("inherit|journal|DIR")
+           "Where the output of launched programs is copied to: where the host writes, to the "
+           "journal, or nowhere; vxsched output prints it in any case")
+        ->type_name("inherit|journal|none")
+        ->check(CLI::IsMember({"inherit", "journal", "none"}).description(""))
         ->capture_default_str();
-    app.add_option(
-           "--output-size", options.outputSize,
-           "Size of a task's output file beyond which the next launch moves it to .1 (1 MiB)")
+    app.add_option("--output-size", options.outputSize,
+                   "How much of the output of each run is kept, its end (1 MiB)")
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false).description(""))
         ->check(CLI::Range(std::uint64_t{0}, cLargestSize).description(""));
@@ -135,6 +111,8 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
     CLI::App app("Runs the scheduler add-in in the foreground until SIGTERM or SIGINT.",
                  "vxschedd");
     THostOptions options;
+    options.historySize = cDefaultHistorySize;
+    options.outputSize = cDefaultOutputSize;
     options.addIn = DefaultAddIn();
     DescribeOptions(app, options);
     try {
@@ -152,13 +130,7 @@ std::optional<THostOptions> ParseHostOptions(int argc, const char* const* argv) 
                          "or pass the add-in's path with --addin.");
     if (options.addIn.find('/') != std::string::npos)
         MakeAbsolute(options.addIn);
-    if (options.output != "inherit" && options.output != "journal")
-        MakeAbsolute(options.output);
     if (!options.logFile.empty())
         MakeAbsolute(options.logFile);
-    if (IsIn(options.logFile, options.output))
-        throw CHostError(cUsage,
-                         "a task could write to the log, which is in the directory of --output. "
-                         "Choose another directory for one of them.");
     return options;
 }

@@ -5,15 +5,15 @@
 #include <optional>
 #include <string>
 
-// The options of vxschedd, as its help lists them, with their defaults.
+// The options of vxschedd, as its help lists them; ParseHostOptions() sets the defaults.
 struct THostOptions {
-    std::string directory;                               // as given
-    std::string addIn;                                   // path of the add-in's library
-    std::string logFile;                                 // empty: standard error
-    std::string output = "inherit";                      // see CProgramOutput
-    std::uint64_t outputSize = std::uint64_t{1} << 20;   // bytes
-    std::uint64_t historySize = std::uint64_t{1} << 20;  // bytes; 0: no history
-    std::size_t snapshots = 24;                          // of the table; 0: none
+    std::string directory;                 // as given
+    std::string addIn;                     // path of the add-in's library
+    std::string logFile;                   // empty: standard error
+    std::string output = "inherit";        // see CProgramOutput
+    std::uint64_t outputSize = 0;          // bytes
+    std::uint64_t historySize = 0;         // bytes; 0: no history
+    std::size_t snapshots = 24;            // of the table; 0: none
     std::chrono::seconds lockTimeout{30};  // for clients that hold the store at startup and exit
     std::chrono::seconds launchPause{0};   // after each launch, with the store mutex held
     bool check = false;                    // check the set-up only

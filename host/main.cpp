@@ -300,10 +300,11 @@ static void Run(const THostOptions& options) {
     vxsched::SetReadFailureListener(OnReadFailure);
     SetTimeHandler(OnTimeCall);
 
-    const CProgramOutput output(options.output, options.outputSize);
+    const CProgramOutput output(options.output);
     CRunHistory history(options.historySize, LogWarning);
     CLaunchedPrograms& programs = CLaunchedPrograms::Instance();
     programs.RecordIn(&history);
+    programs.RecordDead();
 
     const std::unique_ptr<CEvent> stopEvent = OpenStopEvent();
     MakeLaunchRecordDirectory();
@@ -316,7 +317,8 @@ static void Run(const THostOptions& options) {
     });
     vxsched::SetSemaphoreAccess(".");
     // The load launches nothing.
-    HandleLaunches(loaded.library->Tasks(), &output, options.launchPause);
+    HandleLaunches(loaded.library->Tasks(), &output, options.launchPause,
+                   {.history = options.historySize, .output = options.outputSize});
     COwedLaunches::Instance().TakeOver();
     heartbeat.Begin(loaded.upSince);
     CDueTimer dueTimer;

@@ -42,6 +42,7 @@ inline constexpr char cLaunchIntentsFile[] = "files/started/intents";
 inline constexpr char cHostProgram[] = "vxschedd";
 inline constexpr char cCommandProgram[] = "vxsched";
 inline constexpr char cChangeProgram[] = "vxsched-change";
+inline constexpr char cRunnerProgram[] = "vxrun";
 // In the directory of the libraries.
 inline constexpr char cChangeProgramFile[] = "vantrix/vxsched-change";
 inline constexpr char cClientLibrary[] = "libvxsched-client.so";  // and its version

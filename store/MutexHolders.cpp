@@ -35,9 +35,9 @@ enum class EUser {
     cClient   // a process with the client library, vxsched or vxsched-change
 };
 
-// The log waits under any lock for a reader that has stalled: for one descriptor and one second.
-constexpr std::uint64_t cLogDescriptors = 1;
-constexpr std::uint64_t cLogTimeout = 1000;
+// A host waits for one descriptor under the mutex: for a reader of its log that has stalled, and for
+// the report of a program's runner. Its loops wait for more.
+constexpr std::uint64_t cFewestOfALoop = 2;
 
 struct TContent {
     std::string bytes;
@@ -186,8 +186,7 @@ private:
             case SYS_ppoll:
                 // The loops of a host's main thread and of its guard.
                 return user == EUser::cClient ||
-                       (user == EUser::cHost &&
-                        (arguments[1] != cLogDescriptors || arguments[2] != cLogTimeout));
+                       (user == EUser::cHost && arguments[1] >= cFewestOfALoop);
             // A client that waits for its change process, for a lock or for a launched program.
             // Under the mutex it does this only in a change, for which it would need the writer
             // lock.

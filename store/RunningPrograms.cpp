@@ -16,6 +16,7 @@
 #include "base/CDescriptor.h"
 #include "base/Processes.h"
 #include "base/SameFile.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
@@ -123,6 +124,14 @@ std::string_view TakeLast(std::string_view& line) {
     return last;
 }
 
+// Whether the arguments before a program's path are those of its runner, which has the program as
+// its child.
+bool IsRunner(std::string_view line) {
+    if (line.ends_with('\0'))
+        line.remove_suffix(1);
+    return line.substr(line.rfind('/') + 1) == cRunnerProgram;
+}
+
 }  // namespace
 
 CRunningPrograms::CRunningPrograms() {
@@ -133,6 +142,8 @@ CRunningPrograms::CRunningPrograms() {
         if (line.empty())
             continue;
         const std::string_view program = TakeLast(line);
+        if (IsRunner(line))
+            continue;
         processes.emplace(parameter, TProcess{*id, std::string(program), !line.empty()});
     }
 }

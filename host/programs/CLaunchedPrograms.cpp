@@ -5,11 +5,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <system_error>
+#include <vector>
 
+#include <vxsched/Error.h>
 #include "base/SignalName.h"
 #include "host/CHostLog.h"
+#include "runs/CRunningFile.h"
+#include "runs/HistoryReader.h"
 
 static std::string DescriptionOf(const TRunRecord& run) {
     return fmt::format("{}: {} \"{}\"", run.task ? fmt::format("task \"{}\"", *run.task) : "a task",
@@ -40,11 +46,17 @@ void CLaunchedPrograms::RecordIn(CRunHistory* runHistory) {
     history = runHistory;
 }
 
-void CLaunchedPrograms::Launched(const TRunRecord& run) {
+void CLaunchedPrograms::Launched(const TRunRecord& run, pid_t child, bool hasRunner) {
     LogInfo(fmt::format("started process {} for {}", run.process, DescriptionOf(run)));
     const std::lock_guard<std::mutex> lock(mutex);
     ++launches;
-    programs[run.process] = {.run = run, .launched = std::chrono::steady_clock::now()};
+    programs[child] = {
+        .run = run, .launched = std::chrono::steady_clock::now(), .hasRunner = hasRunner};
+}
+
+void CLaunchedPrograms::RecordDead() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    RecordDeadRuns();
 }
 
 void CLaunchedPrograms::LaunchFailed(const TRunRecord& run) {
@@ -71,7 +83,7 @@ void CLaunchedPrograms::WaitedFor(pid_t process, pid_t result, int status, const
     if (found == programs.end())
         return;
     if (result == process) {
-        Ended(found->second, status, usage);
+        Ended(process, found->second, status, usage);
         programs.erase(found);
     } else {
         found->second.wasWaitedFor = true;
@@ -96,13 +108,13 @@ void CLaunchedPrograms::CollectFinished() {
         if (result == 0)
             continue;
         if (result == current->first) {
-            Ended(program, status, usage);
+            Ended(current->first, program, status, usage);
         } else {
             LogWarning(fmt::format("process {} ended, but something else collected its status, {}",
                                    current->first, DescriptionOf(program.run)));
             program.run.outcome = TRunRecord::cUnknown;
             program.run.ended = CurrentMoment();
-            Record(program.run);
+            RecordEnd(program);
         }
         programs.erase(current);
     }
@@ -114,7 +126,7 @@ void CLaunchedPrograms::LeaveRunning() {
         LogNotice(
             fmt::format("leaving process {} running, {}", process, DescriptionOf(program.run)));
         program.run.outcome = TRunRecord::cLeftRunning;
-        Record(program.run);
+        RecordEnd(program);
     }
     if (!programs.empty())
         LogNotice(fmt::format("leaving {} launched program(s) running", programs.size()));
@@ -131,7 +143,7 @@ std::size_t CLaunchedPrograms::CountLaunches() {
     return launches;
 }
 
-void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
+void CLaunchedPrograms::Ended(pid_t child, TProgram& program, int status, const rusage& usage) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.launched;
     TRunRecord& run = program.run;
     run.ended = CurrentMoment();
@@ -151,10 +163,55 @@ void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage
         LogInfo(message);
     else
         LogWarning(message);
+    RecordEnd(program);
+    if (!program.hasRunner || run.outcome != TRunRecord::cKilled)
+        return;
+    // It ends as its program does, or it was killed itself.
+    RecordDeadRuns();
+    if (run.process == child)
+        RecordUnreported(run);
+}
+
+void CLaunchedPrograms::RecordEnd(const TProgram& program) {
+    if (!program.hasRunner)
+        Record(program.run);
+}
+
+// Whether the history has such a run of a task. One that cannot be read has none.
+static bool IsRecorded(const std::optional<std::string>& task,
+                       const std::function<bool(const TRunRecord&)>& isIt) {
+    try {
+        const std::vector<TRunRecord> runs = vxsched::ReadHistory(".", task).runs;
+        return std::any_of(runs.begin(), runs.end(), isIt);
+    } catch (const vxsched::CError&) {
+        return false;
+    }
+}
+
+// A runner may have been killed after it had recorded its run.
+void CLaunchedPrograms::RecordDeadRuns() {
+    RecordDeadRunners([this](const TRunRecord& run) {
+        if (IsRecorded(run.task, [&](const TRunRecord& one) { return one.id == run.id; }))
+            return true;
+        const char* const what =
+            run.outcome == TRunRecord::cRunnerDied ? "was killed" : "could not record its end";
+        LogWarning(
+            fmt::format("the runner of process {} {}, {}", run.process, what, DescriptionOf(run)));
+        return Record(run);
+    });
+}
+
+// A runner was killed that has not reported its program, so that it may have left no record of it.
+void CLaunchedPrograms::RecordUnreported(TRunRecord run) {
+    const auto isIt = [&](const TRunRecord& one) {
+        return one.started >= run.started && RunnerOf(one.id) == run.process;
+    };
+    if (IsRecorded(run.task, isIt))
+        return;
+    run.outcome = TRunRecord::cRunnerDied;
     Record(run);
 }
 
-void CLaunchedPrograms::Record(const TRunRecord& run) {
-    if (history != nullptr)
-        history->Add(run);
+bool CLaunchedPrograms::Record(const TRunRecord& run) {
+    return history == nullptr || history->Add(run);
 }

@@ -26,9 +26,14 @@ public:
     // Records go to `runHistory` from now on; null: nowhere. The caller keeps it alive.
     void RecordIn(CRunHistory* runHistory);
 
-    // A program was launched, as run.process. It is not collected before WaitedFor(): the add-in is
-    // about to call waitpid() for it, and must get the answer.
-    void Launched(const TRunRecord& run);
+    // A program was launched, as run.process, by `child` of this process: its runner, which records
+    // its end, or itself. run.process is that of a runner that has not reported its program. The child
+    // is not collected before WaitedFor(): the add-in is about to call waitpid() for it, and must get
+    // the answer.
+    void Launched(const TRunRecord& run, pid_t child, bool hasRunner);
+
+    // Records the runs whose runners have died.
+    void RecordDead();
 
     // A program could not be launched, because of run.error.
     void LaunchFailed(const TRunRecord& run);
@@ -37,14 +42,15 @@ public:
     // the disk.
     void LaunchCancelled(const TRunRecord& run);
 
-    // The add-in called waitpid() for `process`, with this result, status and usage. From now on
+    // The add-in called waitpid() for the child `process`, with this result, status and usage. From now on
     // CollectFinished() may collect the program.
     void WaitedFor(pid_t process, pid_t result, int status, const rusage& usage);
 
     // Collects, each by its process id, all programs that have ended.
     void CollectFinished();
 
-    // Logs and records each program that still runs as left running, and forgets it.
+    // Logs each program that still runs as left running, records that if it has no runner, and forgets
+    // it.
     void LeaveRunning();
 
     // Readable when CollectFinished() should be called although no SIGCHLD came.
@@ -58,12 +64,16 @@ private:
         TRunRecord run;
         std::chrono::steady_clock::time_point launched;
         bool wasWaitedFor = false;
+        bool hasRunner = false;
     };
-    using TPrograms = std::map<pid_t, TProgram>;
+    using TPrograms = std::map<pid_t, TProgram>;  // by the child
 
     // The caller holds `mutex`.
-    void Ended(TProgram& program, int status, const rusage& usage);
-    void Record(const TRunRecord& run);
+    void Ended(pid_t child, TProgram& program, int status, const rusage& usage);
+    void RecordEnd(const TProgram& program);
+    bool Record(const TRunRecord& run);  // false if it could not be written
+    void RecordDeadRuns();
+    void RecordUnreported(TRunRecord run);
 
     std::mutex mutex;  // guards all below but wakeDescriptor
     TPrograms programs;

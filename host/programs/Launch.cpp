@@ -18,9 +18,10 @@
 #include <cstring>
 #include <limits>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "base/Spawn.h"
 #include "host/CHostLog.h"
@@ -31,7 +32,9 @@
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
+#include "runs/RunnerLaunch.h"
 #include "store/CLaunchEnvironment.h"
+#include "store/Layout.h"
 #include "store/TaskFileName.h"
 
 namespace {
@@ -44,6 +47,7 @@ constexpr std::chrono::milliseconds cAgainPause(50);
 const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
 unsigned int gPause = 0;  // seconds
+TKeptSizes gSizes;
 
 // The calls of time() that the add-in is about to make for a launch on this thread: one for the time
 // of the launch, if it succeeded, and one to reschedule its task.
@@ -53,9 +57,9 @@ struct TTimeCalls {
 };
 thread_local TTimeCalls gTimeCalls;
 
-// Gives the program /dev/null as standard input, `output` (-1: the host's own) as standard output
-// and error, and no other descriptor. Before that, the new process creates the launch record at
-// `recordPath` and empties the file of the owed launch at `owedPath`, if there are any.
+// What the new process does before it executes the program: it creates the launch record at
+// `recordPath` and empties the file of the owed launch at `owedPath`, if there are any. Then its
+// standard input is /dev/null, and its standard output `output` (-1: the host's own).
 void FillActions(CSpawnActions& actions, int output, const std::optional<std::string>& recordPath,
                  const std::optional<std::string>& owedPath) {
     if (recordPath)
@@ -63,11 +67,8 @@ void FillActions(CSpawnActions& actions, int output, const std::optional<std::st
     if (owedPath)
         actions.Open(STDIN_FILENO, *owedPath, O_WRONLY | O_TRUNC);
     actions.Open(STDIN_FILENO, "/dev/null", O_RDONLY);
-    if (output != -1) {
+    if (output != -1)
         actions.Duplicate(output, STDOUT_FILENO);
-        actions.Duplicate(output, STDERR_FILENO);
-    }
-    actions.CloseFrom(STDERR_FILENO + 1);
 }
 
 // The task that is being launched; null if it is unknown. The worker reads its own list, during its
@@ -107,6 +108,7 @@ std::vector<TLaunchIntent> FindDue() {
 // after its launch, so the task's next execution is still the due time.
 TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]) {
     TRunRecord run;
+    run.trigger = cScheduled;
     run.program = path;
     run.parameter = arguments[0] != nullptr && arguments[1] != nullptr ? arguments[1] : "";
     if (task != nullptr) {
@@ -119,38 +121,109 @@ TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]
 // How the add-in, or this host for what it owes, asks for a launch.
 struct TRequest {
     const char* path;
-    const posix_spawn_file_actions_t* actions;
-    const posix_spawnattr_t* attributes;
     char* const* arguments;
     char* const* environment;
     std::optional<vxsched::TTime> formerStart = std::nullopt;  // of TLaunchRecord
 };
 
 // Where the program of `run` writes; closed: where the host does.
-CDescriptor OpenOutput(const TRunRecord& run, const CProgramOutput::TWarn& warn) {
-    return gOutput != nullptr ? gOutput->Open(run.task, warn) : CDescriptor();
+CDescriptor OpenOutput(const TRunRecord& run) {
+    return gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
+}
+
+// The descriptor of the pipe for its report in a runner.
+constexpr int cReport = STDERR_FILENO + 1;
+
+// Launches the program itself, which the host then waits for.
+TLaunched LaunchDirectly(const TRunRecord& run, const TRequest& request, const CDescriptor& output,
+                         const std::optional<std::string>& recordPath,
+                         const std::optional<std::string>& owedPath) {
+    CSpawnAttributes attributes;
+    attributes.ResetSignals();
+    CSpawnActions actions;
+    FillActions(actions, output.Get(), recordPath, owedPath);
+    if (output.IsOpen())
+        actions.Duplicate(STDOUT_FILENO, STDERR_FILENO);
+    actions.CloseFrom(STDERR_FILENO + 1);
+    TLaunched launched;
+    const auto spawnWith = [&](char* const variables[]) {
+        return NextLaunchHandlers().spawn(&launched.child, request.path, actions.Get(),
+                                          attributes.Get(), request.arguments, variables);
+    };
+    launched.error = vxsched::SpawnForTask(
+        request.environment, run.task ? run.task->c_str() : nullptr, run.due, spawnWith);
+    launched.program = launched.child;
+    return launched;
+}
+
+TRunRequest::ECopy CopyTo(const CDescriptor& output) {
+    if (output.IsOpen())
+        return TRunRequest::cPlain;
+    return gOutput != nullptr && gOutput->IsCopied() ? TRunRequest::cPrefixed
+                                                     : TRunRequest::cNoCopy;
+}
+
+// Once for each reason, since it may hold for each launch.
+void WarnOfNoRunner(int error) {
+    static int lastError = 0;
+    if (std::exchange(lastError, error) != error)
+        LogWarning(
+            fmt::format("programs are launched without the runner {}, as from now: {}. Their "
+                        "output is not kept, and their end is recorded only while this host "
+                        "runs. Install the package anew.",
+                        vxsched::cRunnerProgram, std::strerror(error)));
+}
+
+// Launches the program through the runner; directly if that is not possible.
+TLaunched Spawn(const TRunRecord& run, const TRequest& request, const CDescriptor& output,
+                const std::optional<std::string>& recordPath,
+                const std::optional<std::string>& owedPath) {
+    static const std::string cRunner = FindRunner({""});
+    TRunRequest runRequest = {.report = cReport,
+                              .trigger = run.trigger,
+                              .historySize = gSizes.history,
+                              .outputSize = gSizes.output,
+                              .copy = CopyTo(output)};
+    const auto spawn = [&](pid_t* runner, int pipe, const std::string& variable) {
+        CSpawnAttributes attributes;
+        attributes.ResetSignals();
+        // What a terminal or a shell sends to the host's group is not for the runner.
+        attributes.LeadSession();
+        CSpawnActions actions;
+        FillActions(actions, output.Get(), recordPath, owedPath);
+        actions.Duplicate(pipe, cReport);
+        actions.CloseFrom(cReport + 1);
+        std::vector<char*> arguments{const_cast<char*>(cRunner.c_str())};
+        for (char* const* argument = request.arguments; *argument != nullptr; ++argument)
+            arguments.push_back(*argument);
+        arguments.push_back(nullptr);
+        const vxsched::CLaunchEnvironment environment(
+            request.environment, run.task ? run.task->c_str() : nullptr, run.due, variable.c_str());
+        return NextLaunchHandlers().spawn(runner, cRunner.c_str(), actions.Get(), attributes.Get(),
+                                          arguments.data(), environment.Get());
+    };
+    int error = ENOENT;
+    if (!cRunner.empty()) {
+        if (const auto launched = LaunchByRunner(runRequest, spawn, error))
+            return *launched;
+        if (error == EAGAIN)
+            return {.error = error};
+    }
+    TLaunched launched = LaunchDirectly(run, request, output, recordPath, owedPath);
+    // A program whose arguments and variables just fit has no room for what its runner needs.
+    if (launched.error == 0 && error != E2BIG)
+        WarnOfNoRunner(error);
+    return launched;
 }
 
 // Launches the program of `run`, and records that if the launch is made. `owedPath`, if set, is the
-// file of an owed launch, which the new process empties. `output` is that of OpenOutput(). Returns 0
-// or an error number; the caller reports an error.
-int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
-           const std::optional<std::string>& owedPath) {
+// file of an owed launch, which the new process empties. `output` is that of OpenOutput(). The caller
+// reports an error.
+TLaunched Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
+                 const std::optional<std::string>& owedPath) {
     run.started = CurrentMoment();
-    CSpawnAttributes cleanAttributes;
-    cleanAttributes.ResetSignals();
-    const auto spawn = [&](const std::optional<std::string>& createdPath) {
-        CSpawnActions cleanActions;
-        FillActions(cleanActions, output.Get(), createdPath, owedPath);
-        const auto spawnWith = [&](char* const variables[]) {
-            return NextLaunchHandlers().spawn(
-                &run.process, request.path,
-                request.actions != nullptr ? request.actions : cleanActions.Get(),
-                request.attributes != nullptr ? request.attributes : cleanAttributes.Get(),
-                request.arguments, variables);
-        };
-        return vxsched::SpawnForTask(request.environment, run.task ? run.task->c_str() : nullptr,
-                                     run.due, spawnWith);
+    const auto spawn = [&](const std::optional<std::string>& recordPath) {
+        return Spawn(run, request, output, recordPath, owedPath);
     };
     std::optional<TLaunchRecord> record;
     if (run.task && run.due)
@@ -160,28 +233,29 @@ int Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
                   .formerStart = request.formerStart};
     const auto recordPath = record ? std::optional(LaunchRecordPath(*record)) : std::nullopt;
     const auto lacksRecord = [&] { return recordPath && access(recordPath->c_str(), F_OK) != 0; };
-    int result = spawn(recordPath);
-    if (result == EAGAIN)
-        return result;
-    if (result != 0 && lacksRecord() && MakeLaunchRecordDirectory())
-        result = spawn(recordPath);
+    TLaunched launched = spawn(recordPath);
+    if (launched.error == EAGAIN)
+        return launched;
+    if (launched.error != 0 && lacksRecord() && MakeLaunchRecordDirectory())
+        launched = spawn(recordPath);
     // On a full disk the program is launched without a record rather than not at all.
-    if (result != 0 && lacksRecord()) {
+    if (launched.error != 0 && lacksRecord()) {
         LogWarning(
             fmt::format("cannot create the launch record {}: {}. If the host is killed before it "
                         "saves the table, the next host launches the program a second time.",
-                        *recordPath, std::strerror(result)));
-        result = spawn(std::nullopt);
+                        *recordPath, std::strerror(launched.error)));
+        launched = spawn(std::nullopt);
     }
-    if (result == 0) {
+    if (launched.error == 0) {
+        run.process = launched.program;
         if (record)
             RememberLaunch(*record);
-        CLaunchedPrograms::Instance().Launched(run);
+        CLaunchedPrograms::Instance().Launched(run, launched.child, launched.hasRunner);
     } else if (recordPath) {
         // The new process may have created the record before it failed.
         unlink(recordPath->c_str());
     }
-    return result;
+    return launched;
 }
 
 // The add-in's waitpid() finds no such process.
@@ -220,29 +294,22 @@ void ReportFailure(TRunRecord& run, int error) {
 
 // Tries again for at most a second, since the tick holds the store mutex; once a launch is owed,
 // the next ones need not wait.
-int LaunchWithRetries(TRunRecord& run, const TRequest& request) {
+TLaunched LaunchWithRetries(TRunRecord& run, const TRequest& request) {
     using TClock = std::chrono::steady_clock;
     const TClock::time_point end = TClock::now() + cAgainLimit;
-    const CDescriptor output = OpenOutput(run, LogWarning);
-    int result = Launch(run, request, output, {});
-    while (result == EAGAIN && COwedLaunches::Instance().Count() == 0 && TClock::now() < end) {
+    const CDescriptor output = OpenOutput(run);
+    TLaunched launched = Launch(run, request, output, {});
+    while (launched.error == EAGAIN && COwedLaunches::Instance().Count() == 0 &&
+           TClock::now() < end) {
         std::this_thread::sleep_for(cAgainPause);
-        result = Launch(run, request, output, {});
+        launched = Launch(run, request, output, {});
     }
-    return result;
-}
-
-// The warnings that the attempts at the oldest owed launch have logged; of the main thread.
-std::set<std::string> gOwedWarnings;
-
-// Attempts are made once a second, perhaps for hours: each warning is logged once.
-void WarnOfOwed(const std::string& warning) {
-    if (gOwedWarnings.insert(warning).second)
-        LogWarning(warning);
+    return launched;
 }
 
 TRunRecord Describe(const TOwedLaunch& owed) {
     TRunRecord run;
+    run.trigger = cScheduled;
     run.task = owed.task;
     run.due = owed.due;
     run.program = owed.program;
@@ -250,44 +317,49 @@ TRunRecord Describe(const TOwedLaunch& owed) {
     return run;
 }
 
+// Launches what the add-in has not asked for. `owedPath` is that of Launch().
+TLaunched LaunchForHost(TRunRecord& run, std::optional<vxsched::TTime> formerStart,
+                        const std::optional<std::string>& owedPath) {
+    std::string program = run.program;
+    std::string parameter = run.parameter;
+    char* const arguments[] = {program.data(), parameter.data(), nullptr};
+    TLaunched launched = Launch(run,
+                                {.path = program.c_str(),
+                                 .arguments = arguments,
+                                 .environment = environ,
+                                 .formerStart = formerStart},
+                                OpenOutput(run), owedPath);
+    // Nobody else waits for it.
+    if (launched.error == 0)
+        CLaunchedPrograms::Instance().WaitedFor(launched.child, 0, 0, {});
+    return launched;
+}
+
 // False if the system still refuses the launch.
 bool MakeOwedLaunch(const TOwedLaunch& owed) {
     TRunRecord run = Describe(owed);
-    std::string program = owed.program;
-    std::string parameter = owed.parameter;
-    char* const arguments[] = {program.data(), parameter.data(), nullptr};
     // On a full disk there may be no file.
     const std::string path = OwedLaunchPath(owed);
     const auto file = access(path.c_str(), F_OK) == 0 ? std::optional(path) : std::nullopt;
-    const int result = Launch(run,
-                              {.path = program.c_str(),
-                               .actions = nullptr,
-                               .attributes = nullptr,
-                               .arguments = arguments,
-                               .environment = environ,
-                               .formerStart = owed.formerStart},
-                              OpenOutput(run, WarnOfOwed), file);
-    if (result == EAGAIN)
+    const TLaunched launched = LaunchForHost(run, owed.formerStart, file);
+    if (launched.error == EAGAIN)
         return false;
-    gOwedWarnings.clear();
-    // Nobody else waits for it.
-    if (result == 0)
-        CLaunchedPrograms::Instance().WaitedFor(run.process, 0, 0, {});
-    else
-        ReportFailure(run, result);
+    if (launched.error != 0)
+        ReportFailure(run, launched.error);
     return true;
 }
 
 }  // namespace
 
 // Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
-// from libc's function in what the program inherits where the add-in passes no attributes and no
-// actions, and adds the task's name and due time to the environment. A launch that the system
-// refuses for want of processes is made later, one that was made is not made again. Returns 0 or an
-// error number, as libc's does; errno is not defined.
-static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
-                 const posix_spawnattr_t* attributes, char* const arguments[],
-                 char* const environment[]) {
+// from libc's function in what the program inherits, and adds the task's name and due time to the
+// environment; the add-in passes no attributes and no actions. The process is the program's runner,
+// which ends as the program does. A launch that the system refuses for want of processes is made
+// later, one that was made is not made again. Returns 0 or an error number, as libc's does; errno is
+// not defined.
+static int OnSpawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*actions*/,
+                   const posix_spawnattr_t* /*attributes*/, char* const arguments[],
+                   char* const environment[]) {
     const TTask* const task = FindTask(path, arguments);
     if (task != nullptr && IsMade(*task)) {
         *process = cNoProcess;
@@ -297,16 +369,13 @@ static int Spawn(pid_t* process, const char* path, const posix_spawn_file_action
     TRunRecord run = Describe(task, path, arguments);
     if (task != nullptr)
         CLaunchIntents::Instance().Intend(IntentOf(*task), FindDue);
-    TRequest request = {.path = path,
-                        .actions = actions,
-                        .attributes = attributes,
-                        .arguments = arguments,
-                        .environment = environment};
+    TRequest request = {.path = path, .arguments = arguments, .environment = environment};
     if (task != nullptr)
         request.formerStart = TimeOf(task->lastExecuted);
-    const int result = LaunchWithRetries(run, request);
+    const TLaunched launched = LaunchWithRetries(run, request);
+    const int result = launched.error;
     if (result == 0) {
-        *process = run.process;
+        *process = launched.child;
         if (run.task && run.due)
             COwedLaunches::Instance().ForgetMade(*run.task, *run.due);
     } else if (result == EAGAIN && run.task && run.due) {
@@ -370,11 +439,12 @@ static unsigned int Pause(unsigned int /*seconds*/) {
 }
 
 void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output,
-                    std::chrono::seconds pause) {
+                    std::chrono::seconds pause, const TKeptSizes& sizes) {
     gTasks = tasks;
     gOutput = output;
+    gSizes = sizes;
     gPause = static_cast<unsigned int>(pause.count());
-    SetLaunchHandlers({.spawn = Spawn, .wait = Wait, .sleep = Pause});
+    SetLaunchHandlers({.spawn = OnSpawn, .wait = Wait, .sleep = Pause});
 }
 
 void StopHandlingLaunches() {

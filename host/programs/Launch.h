@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <list>
 #include <vector>
@@ -10,14 +11,20 @@
 class CProgramOutput;
 class TTask;
 
+// How much is kept of what runs leave, in bytes.
+struct TKeptSizes {
+    std::uint64_t history = 0;
+    std::uint64_t output = 0;  // of each run
+};
+
 // Takes over the launches of the add-in (interpose/Launch.h): from now on its calls of
 // posix_spawn() and waitpid() are handled here, and its sleep() after a launch takes `pause`, which
 // holds up the tick and the store mutex. `tasks` is the add-in's exported `gTaskList`, in which each
-// launch finds its task. Programs write where `output` decides; null: where the host does. The
-// caller keeps both alive for as long as the worker runs. To be called while no program can be
-// launched, since there is no lock.
+// launch finds its task. What programs write is kept as `sizes` says and copied to where `output`
+// decides; null: nowhere. The caller keeps both alive for as long as the worker runs. To be called
+// while no program can be launched, since there is no lock.
 void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput* output,
-                    std::chrono::seconds pause);
+                    std::chrono::seconds pause, const TKeptSizes& sizes);
 
 // The time that a call of time() on this thread returns when the clock shows `now`: `now`, but for
 // the call by which the add-in reschedules a task after a launch, or after one that failed. That one

@@ -19,7 +19,6 @@
 #include "host/startup/RepairPlan.h"
 #include "host/startup/WorkDirectory.h"
 #include "store/CStoreMutexLock.h"
-#include "store/StoreOwner.h"
 #include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
 
@@ -136,20 +135,6 @@ void CheckLog(const std::string& path, CReport& report) {
                                          path, reason));
 }
 
-void CheckOutput(const std::string& directory, CReport& report) {
-    std::string reason = vxsched::WhyNotToWriteIn(directory);
-    if (reason.empty())
-        reason = WhyNotWritable(directory);
-    if (reason.empty() && faccessat(AT_FDCWD, (directory + "/.").c_str(), X_OK, AT_EACCESS) == -1 &&
-        errno != ENOENT)
-        reason = std::strerror(errno);
-    if (!reason.empty())
-        report.Fail(cNoDirectory,
-                    fmt::format("cannot write the output of programs to {}: {}. Choose another "
-                                "directory with --output.",
-                                directory, reason));
-}
-
 }  // namespace
 
 TExitStatus CheckSetUp(const THostOptions& options) {
@@ -169,8 +154,6 @@ TExitStatus CheckSetUp(const THostOptions& options) {
         CheckTable(options, report);
     if (!options.logFile.empty())
         CheckLog(options.logFile, report);
-    if (options.output != "inherit" && options.output != "journal")
-        CheckOutput(options.output, report);
     if (const std::string reason = WhyTooFewDescriptors(); !reason.empty())
         report.Fail(cFailed, reason);
     if (const std::string notice = NoticeOfPrivateNamespace(); !notice.empty())

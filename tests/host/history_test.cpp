@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -17,6 +19,7 @@
 
 #include "AddinLibrary.h"
 #include "HostProgram.h"
+#include "Process.h"
 #include "StoreSemaphore.h"
 #include "Tool.h"
 
@@ -211,18 +214,51 @@ TEST(HostHistory, LoadOfADirectClientDuringATickHidesNoTask) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostHistory, ProgramThatOutlivesTheHostIsRecordedAsLeftRunning) {
+TEST(HostHistory, ProgramThatOutlivesTheHostIsRecordedWhenItEnds) {
     CHost host;
     CreateDue("long", PROGRAMS "/wait-for-it", "end it");
     EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("leaving 1 launched program(s) running"), 1U) << host.Output();
     WriteFile("end it", "");
-    const std::vector<TJson> records = Records();
-    ASSERT_EQ(records.size(), 1U);
-    EXPECT_EQ(records[0].at("outcome"), "left running");
-    EXPECT_EQ(records[0].at("name"), "long");
-    EXPECT_FALSE(records[0].contains("ended"));
-    WaitUntil([] { return std::filesystem::exists("end it.seen"); });
+    const TJson record = RecordsOnceThereAre(1).at(0);
+    EXPECT_EQ(record.at("outcome"), "exited");
+    EXPECT_EQ(record.at("name"), "long");
+}
+
+// With their programs, which nobody else would end.
+static void KillRunners() {
+    for (const auto& entry : std::filesystem::directory_iterator("files/running")) {
+        const std::string id = entry.path().filename();
+        const pid_t runner = std::stoi(id.substr(id.rfind('-') + 1));
+        const std::optional<pid_t> program = ChildOf(runner);
+        kill(runner, SIGKILL);
+        WaitUntil([&] { return HasEnded(runner); });
+        kill(program.value(), SIGKILL);
+    }
+}
+
+// Nobody can tell how its program ended.
+TEST(HostHistory, RunWhoseRunnerIsKilledIsRecordedAsSuch) {
+    for (const bool isHostKilled : {false, true}) {
+        std::filesystem::remove(cHistory);
+        CHost host;
+        CreateDue("long", PROGRAMS "/wait-forever", "");
+        EXPECT_TRUE(host.WaitForOutput("started process")) << host.Output();
+        WaitForTheTicksEnd();
+        if (isHostKilled) {
+            host.Kill(SIGKILL);
+            host.Wait();
+        }
+        KillRunners();
+        std::optional<CHost> next;
+        if (isHostKilled)
+            next.emplace();
+        const TJson record = RecordsOnceThereAre(1).at(0);
+        EXPECT_EQ(record.at("outcome"), "runner died");
+        EXPECT_EQ(record.at("name"), "long");
+        EXPECT_TRUE(record.contains("ended"));
+    }
 }
 
 TEST(HostHistory, IsBoundedAsConfigured) {

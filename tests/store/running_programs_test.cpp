@@ -55,6 +55,16 @@ TEST(ClientRunning, ScriptIsFoundAfterItsInterpreter) {
     EXPECT_EQ(FindRunning(script, ""), TIds());
 }
 
+// Its arguments are the program's path and parameter.
+TEST(ClientRunning, RunnerOfTheProgramIsNotTheProgram) {
+    const std::string runner = std::filesystem::absolute("vxrun").string();
+    std::filesystem::create_symlink(cProgram, runner);
+    const CProgram running({runner, cProgram, Own("run")});
+    const CProgram other({std::filesystem::absolute(cProgram).string(), cProgram, Own("run")});
+    WaitUntil([&] { return !FindRunning(cProgram, Own("run")).empty(); });
+    EXPECT_EQ(FindRunning(cProgram, Own("run")), TIds({other.Id()}));
+}
+
 TEST(ClientRunning, ProgramWithMoreArgumentsIsNotATasks) {
     const CProgram one({cProgram, "first", Own("second")});
     const CProgram sentinel({cProgram, Own("sentinel")});

@@ -30,7 +30,7 @@ ARROWS = {
     "interpose": {"base"},
     "client": CLIENT,
     "client/change": CLIENT | {"client", "interpose", "scheduler"},
-    "host": HOST,  # all but main.cpp, which brings everything together
+    "host": HOST | {"runs"},  # all but main.cpp, which brings everything together
     "host/recovery": RECOVERY,
     "host/programs": RECOVERY | {"host/recovery", "interpose", "runs", "scheduler"},
     "host/startup": RECOVERY | {"host/recovery", "runs", "addin"},

@@ -150,35 +150,6 @@ TEST_F(OwedLaunches, OfATaskThatIsMadeDueAgainWithAnotherParameterAreMadeWithTha
     EXPECT_EQ(Lines("another log").size(), 1U) << host.Output();
 }
 
-// The tick tries many times before the launch is owed.
-TEST_F(OwedLaunches, OutputIsOpenedOnceForAllAttemptsOfATick) {
-    CHost host(HostWith({"--output", "out"}));
-    fs::create_directory("out/a%20task.log");
-    Refuse(host);
-    const std::string log = host.Output();
-    const std::string warning = "Is a directory. The program writes where the host does.";
-    const std::size_t first = log.find(warning);
-    ASSERT_NE(first, std::string::npos) << log;
-    EXPECT_GT(log.find(warning, first + 1), log.find("cannot start")) << log;
-    Permit();
-    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
-    EXPECT_EQ(host.Stop(), 0);
-}
-
-// The main thread tries once a second.
-TEST_F(OwedLaunches, OutputThatCannotBeOpenedIsLoggedOnceForAllAttempts) {
-    CHost host(HostWith({"--output", "out"}));
-    fs::create_directory("out/a%20task.log");
-    Refuse(host);
-    const std::string warning = "Is a directory. The program writes where the host does.";
-    const auto refusals = fs::file_size(cRefusal);
-    WaitUntil([&] { return fs::file_size(cRefusal) >= refusals + 3; });
-    Permit();
-    EXPECT_TRUE(host.WaitForOutput("exited with status 0")) << host.Output();
-    EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(host.CountInOutput(warning), 2U) << host.Output();
-}
-
 TEST_F(OwedLaunches, AreMadeByTheNextHost) {
     for (const int end : {SIGKILL, SIGTERM}) {
         fs::remove_all("files");

@@ -14,19 +14,38 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
+#include "GuardedTable.h"
 #include "HostProgram.h"
+#include "Process.h"
+#include "StoreSemaphore.h"
+#include "runs/COutputReader.h"
+#include "runs/OutputFiles.h"
 
 static const std::string cWriter = PROGRAMS "/write-lines";
 
-// ---- Inherited --------------------------------------------------------------------------------
+// What is kept of the task's last run.
+static std::string OutputOf(const std::string& task) {
+    const std::vector<vxsched::TOutput> outputs = vxsched::FindOutputs(".", task);
+    if (outputs.empty())
+        return "";
+    vxsched::COutputReader reader(outputs[0].path);
+    std::string output;
+    for (std::string bytes = reader.Next(); !bytes.empty(); bytes = reader.Next())
+        output += bytes;
+    return output;
+}
+
+// ---- Copied to where the host writes, or kept only --------------------------------------------
 
 TEST(HostOutput, IsInheritedByDefaultAndInputIsEmpty) {
     CHost host;
     CreateDue("task", cWriter, "text");
-    EXPECT_TRUE(host.WaitForOutput("\ninput 0\n")) << host.Output();
-    EXPECT_TRUE(host.WaitForOutput("\nerror text\n")) << host.Output();
-    EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\ntask: input 0\n")) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\ntask: error text\n")) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\ntask: output text\n")) << host.Output();
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -43,127 +62,67 @@ TEST(HostOutput, InputIsNotTheHosts) {
     WriteFile("input", "for the host");
     CHost host(ThisProgramAs("HostWithInput"));
     CreateDue("task", cWriter, "text");
-    EXPECT_TRUE(host.WaitForOutput("\ninput 0\n")) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\ntask: input 0\n")) << host.Output();
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
 }
 
-// ---- A file for each task ---------------------------------------------------------------------
-
-TEST(HostOutput, EachTaskHasAFileInTheGivenDirectoryWhichIsCreated) {
-    CHost host(HostWith({"--output", "out"}));
-    ReplaceTable({{"one", 1, 0, 1, cWriter, "first", 0}, {"a/b", 1, 0, 1, cWriter, "second", 0}});
-    WakeWorker();
-    WaitUntil([] { return ReadFile("out/a%2Fb.log") == "output second\nerror second\ninput 0\n"; });
-    WaitUntil([] { return ReadFile("out/one.log") == "output first\nerror first\ninput 0\n"; });
-    EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(host.CountInOutput("output first\n"), 0U) << host.Output();
-}
-
-TEST(HostOutput, FileIsAppendedToAndRotatedByALaunchThatFindsItTooLarge) {
-    std::filesystem::create_directory("out");
-    WriteFile("out/small.log", "12345\n");
-    WriteFile("out/large.log", "123456789\n");
-    CHost host(HostWith({"--output", "./out", "--output-size", "9"}));
-    ReplaceTable({{"small", 1, 0, 1, cWriter, "new", 0}, {"large", 1, 0, 1, cWriter, "new", 0}});
-    WakeWorker();
-    WaitUntil([] { return ReadFile("out/large.log") == "output new\nerror new\ninput 0\n"; });
-    EXPECT_EQ(ReadFile("out/large.log.1"), "123456789\n");
-    WaitUntil(
-        [] { return ReadFile("out/small.log") == "12345\noutput new\nerror new\ninput 0\n"; });
-    EXPECT_FALSE(std::filesystem::exists("out/small.log.1"));
-    EXPECT_EQ(host.Stop(), 0);
-}
-
-TEST(HostOutput, FileThatCannotBeOpenedLetsTheProgramInheritAndIsLogged) {
-    CHost host(HostWith({"--output", "out"}));
-    std::filesystem::create_directory("out/task.log");
+TEST(HostOutput, IsCopiedNowhereIfAskedFor) {
+    CHost host(HostWith({"--output", "none"}));
     CreateDue("task", cWriter, "text");
-    EXPECT_TRUE(host.WaitForOutput("task.log: Is a directory. The program writes where the host"))
-        << host.Output();
-    EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
+    WaitUntil([] { return OutputOf("task") == "output text\nerror text\ninput 0\n"; });
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("text\n"), 0U) << host.Output();
 }
 
-TEST(HostOutput, PipeInThePlaceOfAFileIsNotWaitedFor) {
-    CHost host(HostWith({"--output", "out"}));
-    ASSERT_EQ(mkfifo("out/task.log", 0644), 0);
+// Nor sends a name anything to a terminal.
+TEST(HostOutput, NameOfATaskForgesNoLine) {
+    CHost host;
+    CreateDue("task\nvxschedd\x1b", cWriter, "text");
+    EXPECT_TRUE(host.WaitForOutput("output text\n")) << host.Output();
+    WaitForTheTicksEnd();
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("\nvxschedd"), 0U) << host.Output();
+    EXPECT_EQ(host.CountInOutput("\x1b"), 0U) << host.Output();
+}
+
+TEST(HostOutput, IsKeptUpToItsSize) {
+    CHost host(HostWith({"--output-size", "8"}));
     CreateDue("task", cWriter, "text");
-    EXPECT_TRUE(
-        host.WaitForOutput("task.log: it is not a file, or a FIFO without a reader. The "
-                           "program writes where the host does"))
-        << host.Output();
-    EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
+    WaitUntil([] { return OutputOf("task") == "input 0\n"; });
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST(HostOutput, LinkToADeviceIsWrittenTo) {
-    std::filesystem::create_directory("out");
-    std::filesystem::create_symlink("/dev/null", "out/task.log");
-    CHost host(HostWith({"--output", "out"}));
-    CreateDue("task", cWriter, "text");
-    WaitForTheTicksEnd();
-    EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(host.CountInOutput("cannot open"), 0U) << host.Output();
-    EXPECT_EQ(host.CountInOutput("output text"), 0U) << host.Output();
-}
-
-TEST(HostOutput, DirectoryThatCannotBeUsedIsRefused) {
-    WriteFile("a file", "");
-    CProgram missing(HostWith({"--output", "missing/out"}));
-    EXPECT_EQ(missing.Wait(), 3);
-    EXPECT_NE(missing.Output().find("missing/out: No such file or directory. Choose another "
-                                    "directory with --output."),
-              std::string::npos)
-        << missing.Output();
-    CProgram file(HostWith({"--output", "./a file"}));
-    EXPECT_EQ(file.Wait(), 3);
-    EXPECT_NE(file.Output().find("a file: Not a directory"), std::string::npos) << file.Output();
-}
-
-// A task of that name would write into the log, and its launch would rotate it.
-TEST(HostOutput, DirectoryOfTheLogIsRefused) {
-    std::filesystem::create_directory("out");
-    std::filesystem::create_directory_symlink("out", "link");
-    for (const char* const output : {"out", "./out/", "link", "out/../out"}) {
-        for (const bool isCheck : {false, true}) {
-            CProgram host(HostWith({"--log", "out/vxschedd.log", "--output", output,
-                                    isCheck ? "--check" : "--run-once"}));
-            EXPECT_EQ(host.Wait(), 2) << output;
-            EXPECT_NE(host.Output().find("a task could write to the log"), std::string::npos)
-                << host.Output();
-        }
+// A kill or a restart of the host breaks no pipe of a running program.
+TEST(HostOutput, OfAProgramThatOutlivesTheHostIsKept) {
+    std::size_t runs = 0;
+    for (const int end : {SIGTERM, SIGKILL}) {
+        for (const char* const file : {"begun", "go", "host.log"})
+            std::filesystem::remove(file);
+        // The runner has the host's output too, and Wait() waits for the end of that.
+        CProgram host(
+            {"/bin/sh", "-c", "exec \"$0\" --directory . >> host.log 2>&1", HOST_PROGRAM});
+        WaitUntil([] { return LogHolds("host.log", " as process ") && WorkerIsIdle(); });
+        WriteFile("script",
+                  "echo before; touch begun; while [ -e script ] && [ ! -e go ]; do sleep 0.01; "
+                  "done; echo after; exit 3");
+        CreateDue("task", "/bin/sh", "script");
+        WaitUntil([] { return std::filesystem::exists("begun"); });
+        WaitForTheTicksEnd();
+        host.Kill(end);
+        host.Wait();
+        CHost next;
+        WriteFile("go", "");
+        ++runs;
+        WaitUntil([&] { return CountLines("files/history.jsonl") == runs; });
+        const std::string record = Lines("files/history.jsonl").back();
+        EXPECT_NE(record.find("\"outcome\":\"exited\""), std::string::npos) << record;
+        EXPECT_NE(record.find("\"status\":3"), std::string::npos) << record;
+        EXPECT_EQ(OutputOf("task"), "before\nafter\n");
+        EXPECT_EQ(next.Stop(), 0);
     }
-    EXPECT_TRUE(std::filesystem::is_empty("out"));
-}
-
-// A link is opened where it leads to, also one that leads to a file that is not there yet.
-TEST(HostOutput, LogThatIsALinkIntoTheDirectoryOfTheOutputIsRefused) {
-    std::filesystem::create_directories("out/deeper");
-    std::filesystem::create_directory("logs");
-    std::filesystem::create_directory_symlink("out", "another-out");
-    std::filesystem::create_symlink("../another-out/task.log", "logs/link");
-    std::filesystem::create_symlink("link", "logs/chain");
-    std::filesystem::create_symlink("../out/deeper/log", "logs/deeper");
-    for (const bool exists : {false, true}) {
-        if (exists)
-            WriteFile("out/task.log", "");
-        for (const char* const log : {"logs/link", "logs/chain"}) {
-            CProgram host(HostWith({"--log", log, "--output", "out", "--run-once"}));
-            EXPECT_EQ(host.Wait(), 2) << log;
-            EXPECT_NE(host.Output().find("a task could write to the log"), std::string::npos)
-                << host.Output();
-        }
-        EXPECT_EQ(std::filesystem::exists("out/task.log"), exists);
-    }
-    EXPECT_EQ(ReadFile("out/task.log"), "");
-    CProgram host(HostWith({"--log", "logs/deeper", "--output", "out", "--check"}));
-    EXPECT_EQ(host.Wait(), 0) << host.Output();
-    std::filesystem::create_symlink("loop", "logs/loop");
-    CProgram looping(HostWith({"--log", "logs/loop", "--output", "out", "--check"}));
-    EXPECT_EQ(looping.Wait(), 1) << looping.Output();
 }
 
 // ---- The journal ------------------------------------------------------------------------------
@@ -247,10 +206,10 @@ TEST(HostOutput, WithoutAJournalProgramsInheritAndTheLogIsWarned) {
     EXPECT_EQ(host.CountInOutput("cannot connect to the journal: No such file or directory"), 1U)
         << host.Output();
     CreateDue("task", cWriter, "text");
-    EXPECT_TRUE(host.WaitForOutput("\noutput text\n")) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\ntask: output text\n")) << host.Output();
     WaitForTheTicksEnd();
     CreateDue("again", cWriter, "other");
-    EXPECT_TRUE(host.WaitForOutput("\noutput other\n")) << host.Output();
+    EXPECT_TRUE(host.WaitForOutput("\nagain: output other\n")) << host.Output();
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(host.CountInOutput("cannot connect to the journal"), 1U) << "at the startup";

@@ -119,41 +119,6 @@ TEST(HostOfTheSuperuser, FollowsNoLinkOfAnotherUserToADirectory) {
     EXPECT_TRUE(fs::is_empty("store"));
 }
 
-// Whose links lead, and who could make a link there, decides where the superuser's programs write.
-TEST(HostOfTheSuperuser, WritesNoOutputWhereAnotherUserDecides) {
-    REQUIRE_SUPERUSER();
-    fs::create_directories("parent/out");
-    fs::create_directory_symlink("parent", "link");
-    const auto expect = [](const std::string& output, const std::string& reason) {
-        for (const char* const option : {"--check", "--run-once"}) {
-            CProgram host(HostWith({option, "--output", output}));
-            EXPECT_EQ(host.Wait(), reason.empty() ? 0 : cNoDirectoryStatus) << host.Output();
-            EXPECT_THAT(host.Output(), HasSubstr(reason));
-            if (!reason.empty()) {
-                EXPECT_THAT(host.Output(), HasSubstr("Choose another directory with --output."));
-            }
-        }
-    };
-    expect("link/out", "");
-    expect("link/new", "");
-    ASSERT_EQ(lchown("link", cForeignUser, cForeignUser), 0);
-    expect("link/out", "link is a symbolic link of user 65534");
-    expect("link/another", "link is a symbolic link of user 65534");
-    EXPECT_FALSE(fs::exists("parent/another"));
-    ASSERT_EQ(chown("parent/out", cForeignUser, cForeignUser), 0);
-    expect("parent/out", "parent/out belongs to user 65534");
-    ASSERT_EQ(chown("parent/out", 0, 0), 0);
-    for (const mode_t mode : {0720U, 0702U}) {
-        ASSERT_EQ(chmod("parent/out", mode), 0);
-        expect("parent/out", "parent/out may be written by others");
-    }
-    ASSERT_EQ(chmod("parent/out", 0755), 0);
-    fs::create_symlink("/dev/null", "parent/out/task.log");
-    expect("parent/out", "");
-    ASSERT_EQ(lchown("parent/out/task.log", cForeignUser, cForeignUser), 0);
-    expect("parent/out", "parent/out/task.log is a symbolic link of user 65534");
-}
-
 // ---- What is below files/ -----------------------------------------------------------------------
 
 static const std::vector<std::string> cDirectoriesOfFiles = {
@@ -439,7 +404,7 @@ TEST(HostSemaphores, AreForTheOwnerAlone) {
 TEST(HostFiles, AreForTheOwnerAlone) {
     chmod(".", 0755);
     umask(0);
-    CProgram host(HostWith({"--log", "log", "--output", "output"}));
+    CProgram host(HostWith({"--log", "log"}));
     WaitUntil([] { return LogHolds("log", " as process ") && WorkerIsIdle(); });
     EXPECT_TRUE(LogHolds("log", "any user may enter or read"));
     EXPECT_TRUE(LogHolds("log", "run chmod go-rwx " + fs::current_path().string()));
@@ -524,9 +489,9 @@ TEST(HostDirectory, ThatMayNotBeEnteredIsReportedWithItsUsers) {
 
 // A umask that takes from the owner would keep the host from its own files.
 TEST(HostFiles, AreTheOwnersWhateverTheUmask) {
-    CProgram host(WithUmask("0777", HostWith({"--log", "log", "--output", "output"})));
+    CProgram host(WithUmask("0777", HostWith({"--log", "log"})));
     WaitUntil([] { return LogHolds("log", " as process ") && WorkerIsIdle(); });
-    for (const char* const directory : {"files", "files/started", "output"})
+    for (const char* const directory : {"files", "files/started"})
         EXPECT_EQ(ModeOf(directory), 0700U) << directory;
     for (const char* const file : {"log", "files/vxschedd.lock", "files/started/alive"})
         EXPECT_EQ(ModeOf(file), 0600U) << file;

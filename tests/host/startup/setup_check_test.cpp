@@ -17,8 +17,7 @@ using namespace std::chrono_literals;
 
 TEST(HostCheck, ValidSetUpPassesAndNothingIsCreatedOrLoaded) {
     std::filesystem::create_directory("work");
-    CProgram host({HOST_PROGRAM, "--directory", "work", "--check", "--output", "work/out", "--log",
-                   "work/log"});
+    CProgram host({HOST_PROGRAM, "--directory", "work", "--check", "--log", "work/log"});
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_NE(host.Output().find("ok: work can be used\n"), std::string::npos) << host.Output();
     EXPECT_TRUE(host.Output().ends_with("ok: a host could run\n")) << host.Output();
@@ -132,13 +131,6 @@ TEST(HostCheck, EachFaultHasTheExitStatusOfAHost) {
     EXPECT_EQ(
         check({"--addin", "./files"}, "files is not an add-in: cannot read the file: Is a dir"), 5);
     EXPECT_EQ(check({"--addin", "./files"}, "ok: there is no table yet\n"), 5);
-    EXPECT_EQ(check({"--output", "missing/out"},
-                    "missing/out: No such file or directory. Choose another directory with "
-                    "--output."),
-              3);
-    EXPECT_EQ(check({"--output", "note"},
-                    "note: Not a directory. Choose another directory with --output."),
-              3);
     EXPECT_EQ(check({"--log", "missing/log"},
                     "missing/log: No such file or directory. Choose another file with --log."),
               1);

@@ -74,7 +74,7 @@ static std::vector<std::string> HostWithLimit(const std::string& limit,
 
 TEST(HostStartup, DescriptorsForItsRecordsAreReserved) {
     WriteTable({{"task", std::time(nullptr), 0, 0, PROGRAMS "/append-text", "launched", 0}});
-    CProgram host(HostWithLimit("-S -n 10", {"--run-once", "--output", "out"}));
+    CProgram host(HostWithLimit("-S -n 10", {"--run-once"}));
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_EQ(host.Output().find("Too many open files"), std::string::npos) << host.Output();
     EXPECT_EQ(Lines("files/history.jsonl").size(), 1U);
