@@ -1,7 +1,6 @@
 #include "store/StoreOwner.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <grp.h>
 #include <paths.h>
 #include <sys/prctl.h>
@@ -15,7 +14,6 @@
 #include <iterator>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
@@ -56,24 +54,19 @@ void TakeEnvironmentOf(uid_t id) {
     setenv("PATH", _PATH_DEFPATH, 1);
 }
 
-std::string DescribeLink(const fs::path& path, uid_t user) {
-    return fmt::format("{} is a symbolic link of user {}, which is not followed for the superuser",
-                       path.string(), user);
-}
-
-constexpr char cWorkAsOwner[] = "; work as the owner of the store";
-
 // Opens one component of a path. A link is followed only if the superuser made it, and if the store,
-// as far as it is known, is the superuser's. Closed if there is nothing. `remedy` is added to the
-// message about a link.
+// as far as it is known, is the superuser's. Closed if there is nothing.
 CDescriptor OpenComponent(int parent, const char* name, const fs::path& path,
-                          const char* remedy = cWorkAsOwner, bool isInForeignStore = false) {
+                          bool isInForeignStore) {
     struct stat status {};
     CDescriptor component(openat(parent, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const bool isLink =
         component.IsOpen() && fstat(component.Get(), &status) == 0 && S_ISLNK(status.st_mode);
     if (isLink && (status.st_uid != 0 || isInForeignStore))
-        throw MakeError(EError::cNoAccess, "{}{}", DescribeLink(path, status.st_uid), remedy);
+        throw MakeError(EError::cNoAccess,
+                        "{} is a symbolic link of user {}, which is not followed for the "
+                        "superuser; work as the owner of the store",
+                        path.string(), status.st_uid);
     if (isLink)
         component = CDescriptor(openat(parent, name, O_PATH | O_CLOEXEC));
     if (!component.IsOpen() && errno != ENOENT)
@@ -81,33 +74,11 @@ CDescriptor OpenComponent(int parent, const char* name, const fs::path& path,
     return component;
 }
 
-struct TParent {
-    CDescriptor descriptor;  // closed if it does not exist
-    fs::path last;           // the last component of the path
-    fs::path path;           // the whole path, without a slash at its end
-};
-
-// Opens what the last component of a path is in.
-TParent OpenParent(const fs::path& whole, const char* remedy = cWorkAsOwner) {
-    // One after the other: the system would follow a link before the last one, and before a slash.
-    std::vector<fs::path> components(whole.begin(), whole.end());
-    std::erase(components, fs::path());
-    CDescriptor parent(open(".", O_PATH | O_CLOEXEC));
-    fs::path path;
-    for (std::size_t index = 0; index + 1 < components.size() && parent.IsOpen(); ++index) {
-        path /= components[index];
-        parent = OpenComponent(parent.Get(), components[index].c_str(), path, remedy);
-    }
-    if (components.empty())
-        return {CDescriptor(), {}, {}};
-    return {std::move(parent), components.back(), path / components.back()};
-}
-
 // Opens the directory, the table or what is between them, and checks it. Closed if there is nothing.
 CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
                      std::optional<struct stat>& first) {
     struct stat status {};
-    CDescriptor step = OpenComponent(parent, name, path, cWorkAsOwner, first && first->st_uid != 0);
+    CDescriptor step = OpenComponent(parent, name, path, first && first->st_uid != 0);
     if (!step.IsOpen())
         return step;
     if (fstat(step.Get(), &status) == -1)
@@ -132,29 +103,25 @@ CDescriptor OpenStep(int parent, const char* name, const fs::path& path,
     return step;
 }
 
-// A link of another user's in a directory, described; empty if there is none.
-std::string FindForeignLink(const fs::path& directory) {
-    std::error_code error;
-    for (fs::directory_iterator entry(directory, error);
-         !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        struct stat status {};
-        if (lstat(entry->path().c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
-            status.st_uid != 0)
-            return DescribeLink(entry->path(), status.st_uid);
-    }
-    return "";
-}
-
 }  // namespace
 
 std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     if (geteuid() != 0)
         return {};
-    const auto [parent, last, path] = OpenParent(directory);
-    if (!parent.IsOpen())
+    // One after the other: the system would follow a link before the last one, and before a slash.
+    std::vector<fs::path> components(directory.begin(), directory.end());
+    std::erase(components, fs::path());
+    CDescriptor parent(open(".", O_PATH | O_CLOEXEC));
+    fs::path path;
+    for (std::size_t index = 0; index + 1 < components.size() && parent.IsOpen(); ++index) {
+        path /= components[index];
+        parent = OpenComponent(parent.Get(), components[index].c_str(), path, false);
+    }
+    if (components.empty() || !parent.IsOpen())
         return {};
+    path /= components.back();
     std::optional<struct stat> status;
-    const CDescriptor store = OpenStep(parent.Get(), last.c_str(), path, status);
+    const CDescriptor store = OpenStep(parent.Get(), components.back().c_str(), path, status);
     if (!store.IsOpen())
         return {};
     const CDescriptor files =
@@ -164,28 +131,6 @@ std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     if (!status || status->st_uid == 0)
         return {};
     return TStoreOwner{status->st_uid, GroupsOf(status->st_uid, status->st_gid)};
-}
-
-std::string WhyNotToWriteIn(const fs::path& directory) {
-    if (geteuid() != 0)
-        return "";
-    try {
-        const auto [parent, last, path] = OpenParent(directory, "");
-        if (!parent.IsOpen())
-            return "";
-        const CDescriptor opened = OpenComponent(parent.Get(), last.c_str(), path, "");
-        struct stat status {};
-        if (!opened.IsOpen() || fstat(opened.Get(), &status) == -1)
-            return "";
-        if (status.st_uid != 0)
-            return fmt::format("{} belongs to user {}", path.string(), status.st_uid);
-        if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-            return fmt::format("{} may be written by others than the superuser (mode {:04o})",
-                               path.string(), status.st_mode & 07777U);
-        return FindForeignLink(path);
-    } catch (const CError& error) {
-        return error.what();
-    }
 }
 
 bool BecomeForeignOwner(const fs::path& directory, const std::function<void()>& before) {

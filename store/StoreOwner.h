@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace vxsched {
@@ -24,11 +23,6 @@ struct TStoreOwner {
 // a link that the superuser has not made; or the directory, `files/` or the table may be written by
 // others than its owner, or has another owner than the directory.
 std::optional<TStoreOwner> FindForeignOwner(const std::filesystem::path& directory);
-
-// Why the superuser must not write into files of a directory, to which another user could give any
-// name: it belongs to another user, others may write it, or it, a link in it or on the path to it is
-// another user's. Empty for other users, for the superuser's own, and for one that does not exist.
-std::string WhyNotToWriteIn(const std::filesystem::path& directory);
 
 // Has this process be the foreign owner of a store from now on, if it has one, with the groups and the
 // environment that a login would have: it cannot become the superuser again, and what it launches
