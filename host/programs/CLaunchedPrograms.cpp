@@ -118,6 +118,17 @@ void CLaunchedPrograms::CollectFinished() {
         }
         programs.erase(current);
     }
+    if (getpid() == 1)
+        CollectOrphans();
+}
+
+// Up to the first process that the add-in has yet to wait for; WaitedFor() has this called again.
+void CLaunchedPrograms::CollectOrphans() {
+    const std::unique_lock<std::mutex> noLaunch(launching, std::try_to_lock);
+    siginfo_t ended{};
+    while (noLaunch && waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           ended.si_pid != 0 && !programs.contains(ended.si_pid))
+        wait4(ended.si_pid, nullptr, WNOHANG, nullptr);
 }
 
 void CLaunchedPrograms::LeaveRunning() {

@@ -26,6 +26,10 @@ public:
     // Records go to `runHistory` from now on; null: nowhere. The caller keeps it alive.
     void RecordIn(CRunHistory* runHistory);
 
+    // For the time from before a launch until Launched(): the child is not known yet, and must not be
+    // taken for an orphan.
+    [[nodiscard]] std::unique_lock<std::mutex> Launching() { return std::unique_lock(launching); }
+
     // A program was launched, as run.process, by `child` of this process: its runner, which records
     // its end, or itself. run.process is that of a runner that has not reported its program. The child
     // is not collected before WaitedFor(): the add-in is about to call waitpid() for it, and must get
@@ -46,7 +50,8 @@ public:
     // CollectFinished() may collect the program.
     void WaitedFor(pid_t process, pid_t result, int status, const rusage& usage);
 
-    // Collects, each by its process id, all programs that have ended.
+    // Collects, each by its process id, all programs that have ended. As process 1 of a container also
+    // the orphans that have: processes that programs have left to it.
     void CollectFinished();
 
     // Logs each program that still runs as left running, records that if it has no runner, and forgets
@@ -74,8 +79,10 @@ private:
     bool Record(const TRunRecord& run);  // false if it could not be written
     void RecordDeadRuns();
     void RecordUnreported(TRunRecord run);
+    void CollectOrphans();
 
-    std::mutex mutex;  // guards all below but wakeDescriptor
+    std::mutex launching;  // comes before `mutex`, but is only tried with that held
+    std::mutex mutex;      // guards all below but wakeDescriptor
     TPrograms programs;
     std::size_t launches = 0;
     CRunHistory* history = nullptr;

@@ -221,6 +221,7 @@ TLaunched Spawn(const TRunRecord& run, const TRequest& request, const CDescripto
 // reports an error.
 TLaunched Launch(TRunRecord& run, const TRequest& request, const CDescriptor& output,
                  const std::optional<std::string>& owedPath) {
+    const auto launching = CLaunchedPrograms::Instance().Launching();
     run.started = CurrentMoment();
     const auto spawn = [&](const std::optional<std::string>& recordPath) {
         return Spawn(run, request, output, recordPath, owedPath);
