@@ -36,6 +36,7 @@
 #include "host/service/CDueTimer.h"
 #include "host/service/CIdleWorker.h"
 #include "host/service/CMainLoop.h"
+#include "host/service/CRunnerWatch.h"
 #include "host/service/CServiceManager.h"
 #include "host/service/CSignals.h"
 #include "host/service/CStartupStop.h"
@@ -328,6 +329,7 @@ static void Run(const THostOptions& options) {
     });
     const CGuardRegistration registration(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
+    const CRunnerWatch runners(programs);
     startupStop.reset();
     {
         const CRunningWorker worker(loaded.library->AddIn());
@@ -342,6 +344,7 @@ static void Run(const THostOptions& options) {
                 if (dueTimer.TakeWake())
                     stopEvent->SetEvent();
             });
+            loop.Watch(runners.Descriptor(), [&] { runners.Record(); });
             loop.WaitForStop();
         }
         service.Stopping();

@@ -22,6 +22,7 @@
 #include "Process.h"
 #include "StoreSemaphore.h"
 #include "runs/COutputReader.h"
+#include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
 
 static const std::string cWriter = PROGRAMS "/write-lines";
@@ -123,6 +124,23 @@ TEST(HostOutput, OfAProgramThatOutlivesTheHostIsKept) {
         EXPECT_EQ(OutputOf("task"), "before\nafter\n");
         EXPECT_EQ(next.Stop(), 0);
     }
+}
+
+TEST(HostHistory, DeathOfARunnerOfTheHostBeforeIsRecordedWhileTheNextRuns) {
+    CProgram host({"/bin/sh", "-c", "exec \"$0\" --directory . >> host.log 2>&1", HOST_PROGRAM});
+    WaitUntil([] { return LogHolds("host.log", " as process ") && WorkerIsIdle(); });
+    CreateDue("task", "/bin/sleep", "1000");
+    WaitUntil([] { return !vxsched::FindRunningRuns(".", "task").empty(); });
+    WaitForTheTicksEnd();
+    host.Kill(SIGKILL);
+    host.Wait();
+    CHost next;
+    const vxsched::TRunning running = vxsched::FindRunningRuns(".", "task").at(0);
+    kill(running.runner, SIGKILL);
+    WaitUntil([] { return CountLines("files/history.jsonl") == 1; });
+    EXPECT_NE(Lines("files/history.jsonl").at(0).find("\"runner died\""), std::string::npos);
+    kill(running.run.process, SIGKILL);
+    EXPECT_EQ(next.Stop(), 0);
 }
 
 // ---- The journal ------------------------------------------------------------------------------
