@@ -36,6 +36,7 @@
 #include "host/service/CDueTimer.h"
 #include "host/service/CIdleWorker.h"
 #include "host/service/CMainLoop.h"
+#include "host/service/COutputCleaner.h"
 #include "host/service/CRunnerWatch.h"
 #include "host/service/CServiceManager.h"
 #include "host/service/CSignals.h"
@@ -329,6 +330,7 @@ static void Run(const THostOptions& options) {
     });
     const CGuardRegistration registration(guard);
     CMainLoop loop(signals, service, programs, *stopEvent);
+    const COutputCleaner outputs;
     const CRunnerWatch runners(programs);
     startupStop.reset();
     {
@@ -344,6 +346,7 @@ static void Run(const THostOptions& options) {
                 if (dueTimer.TakeWake())
                     stopEvent->SetEvent();
             });
+            loop.Watch(outputs.Descriptor(), [&] { outputs.Clean(); });
             loop.Watch(runners.Descriptor(), [&] { runners.Record(); });
             loop.WaitForStop();
         }
@@ -355,6 +358,7 @@ static void Run(const THostOptions& options) {
     if (options.runOnce) {
         const CIdleWorker idleWorker(*stopEvent, KeepStoreMutex);
         loop.WaitForPrograms();
+        outputs.Clean();
     }
     guard.End();
     {

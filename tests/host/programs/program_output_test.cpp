@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include "host/programs/CProgramOutput.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include "HostProgram.h"
 #include "Process.h"
 #include "StoreSemaphore.h"
+#include "runs/COutputFile.h"
 #include "runs/COutputReader.h"
 #include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
@@ -123,6 +125,30 @@ TEST(HostOutput, OfAProgramThatOutlivesTheHostIsKept) {
         EXPECT_NE(record.find("\"status\":3"), std::string::npos) << record;
         EXPECT_EQ(OutputOf("task"), "before\nafter\n");
         EXPECT_EQ(next.Stop(), 0);
+    }
+}
+
+// Leaves an output of a task, which is forty days old.
+static void LeaveOldOutput(const std::string& task) {
+    const std::filesystem::path path = PrepareOutputFile(task, "1");
+    COutputFile(path, 100).Append("old");
+    const auto time = std::filesystem::file_time_type::clock::now() - std::chrono::days(40);
+    std::filesystem::last_write_time(path, time);
+    std::filesystem::last_write_time(path.parent_path(), time);
+}
+
+TEST(HostOutput, OfATaskThatIsGoneIsRemovedOnceItIsOld) {
+    WriteTable({{"here", cFar, 0, 24, cWriter, "text", 0}});
+    const std::vector<std::vector<std::string>> hosts = {HostWith({}), HostWith({"--run-once"})};
+    for (const std::vector<std::string>& command : hosts) {
+        LeaveOldOutput("here");
+        LeaveOldOutput("gone");
+        CProgram host(command);
+        WaitUntil([] { return OutputOf("gone").empty(); });
+        host.Kill(SIGTERM);
+        EXPECT_EQ(host.Wait(), 0) << host.Output();
+        EXPECT_EQ(OutputOf("here"), "old");
+        std::filesystem::remove_all("files/output");
     }
 }
 
