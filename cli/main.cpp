@@ -209,6 +209,13 @@ void CCommandLine::AddQueries() {
                              "not start or were missed");
         });
     Add(
+        "stop", "Terminate the runs of a task that are under way, and wait for their end",
+        [this] { return Stop(common, task.name, output); },
+        [this](CLI::App& stop) {
+            AddName(stop);
+            AddDryRun(stop);
+        });
+    Add(
         "output", "Print what the last run of a task has written, or an earlier one",
         [this] { return PrintOutput(common, task.name, outputOptions, output); },
         [this](CLI::App& print) {

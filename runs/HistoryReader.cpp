@@ -90,7 +90,32 @@ void ReadLines(const TFile& file, const std::optional<std::string>& task, THisto
     }
 }
 
+// The last one. The id may occur in other lines, as in a parameter.
+std::optional<TRunRecord> FindRecordIn(const std::string& content, const std::string& id) {
+    for (std::size_t at = content.rfind(id); at != std::string::npos;) {
+        const std::size_t begin = content.rfind('\n', at) + 1;  // 0 in the first line
+        const std::size_t end = content.find('\n', at);
+        if (end != std::string::npos && end - begin <= cLongestLine) {
+            std::optional<TRunRecord> run =
+                ReadJsonLine(std::string_view(content).substr(begin, end - begin));
+            if (run && run->id == id)
+                return run;
+        }
+        at = begin == 0 ? std::string::npos : content.rfind(id, begin - 1);
+    }
+    return {};
+}
+
 }  // namespace
+
+std::optional<TRunRecord> FindRecord(const std::string& directory, const std::string& id) {
+    const std::vector<TFile> files = ReadFiles(fs::path(directory) / cHistoryFile);
+    for (auto file = files.rbegin(); file != files.rend(); ++file) {
+        if (std::optional<TRunRecord> run = FindRecordIn(file->content, id))
+            return run;
+    }
+    return {};
+}
 
 THistory ReadHistory(const std::string& directory, const std::optional<std::string>& task) {
     std::optional<std::string> recorded;

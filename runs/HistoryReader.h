@@ -19,4 +19,8 @@ struct THistory {
 // access only. Throws CError (cNoAccess) if a file cannot be read. Any thread may call it.
 THistory ReadHistory(const std::string& directory, const std::optional<std::string>& task);
 
+// The record of the run with that id, likewise; empty if there is none. Reads few lines of a long
+// history.
+std::optional<TRunRecord> FindRecord(const std::string& directory, const std::string& id);
+
 }  // namespace vxsched

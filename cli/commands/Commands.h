@@ -72,6 +72,10 @@ struct TOutputOptions {
 // Prints what a run has written, as far as it is kept.
 TExitStatus PrintOutput(const TCommon& common, const std::string& name,
                         const TOutputOptions& options, COutput& output);
+
+// Terminates the runs of a task and waits for their ends; what has not ended after ten seconds is
+// killed by its runner.
+TExitStatus Stop(const TCommon& common, const std::string& name, COutput& output);
 TExitStatus Status(const TCommon& common, COutput& output);
 
 // Checks `file`, or the directory's table if it is empty. Returns cDamagedStatus for a table that

@@ -97,6 +97,10 @@ TExitStatus Run(const TCommon& /*common*/, const std::string& name, bool /*force
     gTaken = {name};
     return cDone;
 }
+TExitStatus Stop(const TCommon& /*common*/, const std::string& name, COutput& /*output*/) {
+    gTaken = {name};
+    return cDone;
+}
 TExitStatus PrintOutput(const TCommon& /*common*/, const std::string& name,
                         const TOutputOptions& /*options*/, COutput& /*output*/) {
     gTaken = {name};

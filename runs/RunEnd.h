@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "runs/RunRecord.h"
+
+namespace vxsched {
+
+// Waits until a run in the store of a directory has ended, for at most `limit`, or without limit if
+// that is empty; false if it still runs then. A run has ended when its runner has. What a program
+// leaves behind is not waited for. `id` is that of a run that was launched.
+bool WaitForRun(const std::string& directory, const std::string& id,
+                std::optional<std::chrono::nanoseconds> limit = {});
+
+// How a run has ended, by the history or by what its runner has left; cUnknown if there is no record
+// of the run, as without a history. Blocks for disk access only. Throws CError (cNoAccess) if the
+// history cannot be read.
+TRunRecord FindEnd(const std::string& directory, const std::string& id);
+
+}  // namespace vxsched

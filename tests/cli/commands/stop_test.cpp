@@ -1,0 +1,109 @@
+// stop: ends the runs of a task, which a real host has launched.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "Cli.h"
+#include "HostProgram.h"
+#include "Process.h"
+#include "base/CDescriptor.h"
+#include "runs/OutputFiles.h"
+#include "runs/RunRecord.h"
+
+namespace fs = std::filesystem;
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+class CliStop : public Cli {
+protected:
+    CliStop() {
+        WriteFile("script",
+                  "trap 'echo bye; exit 5' TERM; touch begun; while :; do sleep 0.01; done");
+    }
+
+    static void Launch(const char* name) {
+        fs::remove("begun");
+        Output({"create", name, "--replace", "--every", "1d", "--", "/bin/sh", "script"});
+        WaitUntil([] { return fs::exists("begun"); });
+    }
+};
+
+}  // namespace
+
+TEST_F(CliStop, EndsTheRunsAndRecordsByWhom) {
+    CHost host;
+    Launch("job");
+    EXPECT_THAT(Output({"stop", "job", "--dry-run"}), StartsWith("would stop job, process "));
+    const std::string report = Output({"stop", "job"});
+    EXPECT_THAT(report, StartsWith("stopped job, process "));
+    EXPECT_THAT(report, HasSubstr(": exited 5\n"));
+    const auto record = nlohmann::json::parse(Lines(cHistory).back());
+    EXPECT_EQ(record.at("status"), 5);
+    EXPECT_NE(record.at("stoppedBy"), "");
+    EXPECT_THAT(Output({"output", "job"}), HasSubstr("bye\n"));
+    EXPECT_EQ(NamesInTable(), "job") << "only its run is ended";
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST_F(CliStop, EndsARunWhoseHostIsGone) {
+    CHost host;
+    Launch("job");
+    host.Kill(SIGKILL);
+    host.Wait();
+    EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
+}
+
+// The process that a file's name has may be any other by now.
+TEST_F(CliStop, SignalsWhoHasTheFileLockedAndNobodyElse) {
+    fs::create_directories("files/running");
+    CForkedChild innocent([] {
+        pause();
+        return 0;
+    });
+    TRunRecord run;
+    run.task = "job";
+    run.id = "20261122T120000.000Z-" + std::to_string(innocent.Id());
+    run.output = OutputPathOf(run.task, run.id);
+    run.outcome = TRunRecord::cRunnerDied;
+    const std::string path = "files/running/" + run.id;
+    WriteFile(path, JsonLine(run));
+    ExpectRefused(3, "no task \"job\"", {"stop", "job"});
+    CForkedChild holder([&] {
+        const CDescriptor file(open(path.c_str(), O_RDWR));
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        fcntl(file.Get(), F_SETLK, &whole);
+        WriteFile("locked", "");
+        pause();
+        return 0;
+    });
+    WaitUntil([] { return fs::exists("locked"); });
+    EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": runner died\n"));
+    EXPECT_EQ(holder.Wait(), 1000 + SIGTERM);
+    EXPECT_EQ(kill(innocent.Id(), 0), 0);
+    innocent.Kill(SIGKILL);
+}
+
+TEST_F(CliStop, OfATaskIsNotThatOfAnotherWithASimilarName) {
+    CHost host;
+    Launch("job\xff");
+    ExpectRefused(3, "no task", {"stop", "job\xfe"});
+    EXPECT_THAT(Output({"stop", "job\xff"}), HasSubstr(": exited 5\n"));
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+TEST_F(CliStop, WithoutARunIsRefused) {
+    WriteTable({Later("backup")});
+    ExpectRefused(1, "no run of \"backup\" is under way", {"stop", "backup"});
+    ExpectRefused(3, "did you mean \"backup\"?", {"stop", "bakcup"});
+}
