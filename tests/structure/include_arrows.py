@@ -15,6 +15,7 @@ from concurrent.futures import ThreadPoolExecutor
 # Each directory, and the ones whose headers its sources may include besides its own; docs/design.md draws them.
 STORE = {"base"}
 RUNS = STORE | {"store"}
+CONTROL = RUNS | {"runs"}
 CLIENT = STORE | {"store"}
 HOST = {"base"}
 RECOVERY = HOST | {"host", "store"}
@@ -27,6 +28,7 @@ ARROWS = {
     "base": set(),
     "store": STORE | {"scheduler"},
     "runs": RUNS,
+    "control": CONTROL,
     "interpose": {"base"},
     "client": CLIENT,
     "client/change": CLIENT | {"client", "interpose", "scheduler"},

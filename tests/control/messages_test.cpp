@@ -1,0 +1,116 @@
+// The messages of the control socket: what one side writes the other one reads, and what is neither
+// a request nor an answer is refused.
+
+#include "control/Messages.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+using namespace vxsched;
+
+using testing::HasSubstr;
+
+namespace {
+
+// What the host gets of a line; empty if it refuses it.
+std::optional<TLaunchRequest> Received(std::string line) {
+    std::optional<TLaunchRequest> received;
+    AnswerRequest(line, [&](const TLaunchRequest& request) {
+        received = request;
+        return TLaunchAnswer{.process = 1};
+    });
+    return received;
+}
+
+TLaunchAnswer AnswerTo(const std::string& line) {
+    std::string answer = AnswerRequest(line, [](const TLaunchRequest&) {
+        ADD_FAILURE() << "a launch";
+        return TLaunchAnswer();
+    });
+    EXPECT_EQ(answer.find('\n'), answer.size() - 1);
+    answer.pop_back();
+    return DecodeAnswer(answer).value();
+}
+
+std::string WithoutLineBreak(std::string line) {
+    EXPECT_EQ(line.find('\n'), line.size() - 1);
+    line.pop_back();
+    return line;
+}
+
+std::string AllBytes() {
+    std::string bytes;
+    for (int byte = 1; byte < 256; ++byte)
+        bytes += static_cast<char>(byte);
+    return bytes;
+}
+
+}  // namespace
+
+TEST(ControlMessages, RequestIsReadAsItWasWritten) {
+    const TLaunchRequest request = {"a \xc3\xa4 task", "/bin/echo", AllBytes()};
+    const std::string line = WithoutLineBreak(EncodeRequest(request));
+    for (const char character : line)
+        EXPECT_TRUE(character >= ' ' && character <= '~') << line;
+    EXPECT_EQ(Received(line), request);
+    EXPECT_EQ(Received(WithoutLineBreak(EncodeRequest({}))), TLaunchRequest());
+}
+
+TEST(ControlMessages, LongestArgumentOfAProgramFits) {
+    EXPECT_LE(EncodeRequest({"a task", "/bin/echo", std::string(131'071, '\x01')}).size(),
+              cLongestMessage);
+}
+
+TEST(ControlMessages, RequestIsThatOfTheDocument) {
+    const std::string line =
+        R"({"version":1,"request":"run","task":"backup","program":"/bin/cp","parameter":"-a"})";
+    EXPECT_EQ(WithoutLineBreak(EncodeRequest({"backup", "/bin/cp", "-a"})), line);
+    EXPECT_EQ(Received(line), (TLaunchRequest{"backup", "/bin/cp", "-a"}));
+}
+
+TEST(ControlMessages, AnswerIsReadAsItWasWritten) {
+    for (const TLaunchAnswer& answer :
+         {TLaunchAnswer{.process = 7, .run = "20261122T120000.000Z-6"}, TLaunchAnswer{.process = 7},
+          TLaunchAnswer{.error = ENOENT, .message = "No such file or directory"}})
+        EXPECT_EQ(DecodeAnswer(WithoutLineBreak(EncodeAnswer(answer))), answer);
+}
+
+TEST(ControlMessages, UnknownFieldsAreIgnored) {
+    EXPECT_TRUE(Received(R"({"version":1,"request":"run","task":"a","program":"/bin/cp",)"
+                         R"("parameter":"","other":[1,{}]})"));
+    EXPECT_TRUE(DecodeAnswer(R"({"version":1,"process":1,"run":"","other":null})"));
+}
+
+TEST(ControlMessages, WhatIsNoRequestIsRefusedWithAReason) {
+    const std::string fields = R"("task":"a","program":"/bin/cp","parameter":"")";
+    const std::string head = R"({"version":1,"request":"run",)";
+    EXPECT_EQ(AnswerTo(R"({"version":2,"request":"run",)" + fields + '}').error, EPROTONOSUPPORT);
+    EXPECT_EQ(AnswerTo(R"({"version":1,"request":"stop",)" + fields + '}').error, ENOSYS);
+    for (const std::string& line :
+         {std::string(), std::string("{}"), std::string("run"), std::string("[1]"),
+          std::string("\xff"), std::string(100'000, '['), "{\"request\":\"run\"," + fields + '}',
+          head + R"("task":"a","program":"/bin/cp"})",
+          head + R"("task":"a","program":"/bin/cp","parameter":7})",
+          head + R"("task":null,"program":"/bin/cp","parameter":""})",
+          head + R"("task":"\u0100","program":"/bin/cp","parameter":""})",
+          head + R"("task":"a\u0000b","program":"/bin/cp","parameter":""})",
+          head + fields + "} {}"})
+        EXPECT_EQ(AnswerTo(line).error, EINVAL) << line.substr(0, 200);
+    EXPECT_THAT(AnswerTo("{}").message, HasSubstr("not a request"));
+}
+
+TEST(ControlMessages, WhatIsNoAnswerIsNotTakenForOne) {
+    for (const char* const line :
+         {"", "{}", R"({"version":2,"process":1,"run":""})", R"({"version":1})",
+          R"({"version":1,"process":0,"run":""})", R"({"version":1,"process":-1,"run":""})",
+          R"({"version":1,"process":1})", R"({"version":1,"process":5000000000,"run":""})",
+          R"({"version":1,"process":1,"run":"../../etc"})",
+          R"({"version":1,"error":0,"message":""})", R"({"version":1,"error":2})",
+          R"({"version":1,"error":"2","message":""})"})
+        EXPECT_EQ(DecodeAnswer(line), std::nullopt) << line;
+}
