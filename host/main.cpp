@@ -15,6 +15,9 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -23,6 +26,7 @@
 #include <vxsched/Table.h>
 #include "base/SignalName.h"
 #include "base/Sync.h"
+#include "control/Messages.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
 #include "host/HostOptions.h"
@@ -33,6 +37,7 @@
 #include "host/recovery/CHeartbeat.h"
 #include "host/recovery/CTableGuard.h"
 #include "host/recovery/LaunchRecords.h"
+#include "host/service/CControlSocket.h"
 #include "host/service/CDueTimer.h"
 #include "host/service/CIdleWorker.h"
 #include "host/service/CMainLoop.h"
@@ -281,6 +286,18 @@ static std::optional<vxsched::CWriterLock> TryTakeWriterLock(
     }
 }
 
+// Answers a client of the control socket.
+static std::string AnswerClient(std::string_view line) {
+    return vxsched::AnswerRequest(line, [](const vxsched::TLaunchRequest& request) {
+        const TLaunched launched = LaunchByHand(request.task, request.program, request.parameter);
+        return vxsched::TLaunchAnswer{
+            .error = launched.error,
+            .message = launched.error != 0 ? std::strerror(launched.error) : "",
+            .process = launched.program,
+            .run = launched.run};
+    });
+}
+
 static void Run(const THostOptions& options) {
     CHostLog& log = CHostLog::Instance();
     log.CaptureAddInMessages();
@@ -296,6 +313,10 @@ static void Run(const THostOptions& options) {
     RequireAddIn(options.addIn);
     RequireOwnSemaphores();
     WarnOfPitfalls();
+    // A host that ticks once has no time for clients.
+    std::optional<CControlSocket> control;
+    if (!options.runOnce)
+        control.emplace(AnswerClient);
     VXC_SetInformationListener(OnInformation, nullptr);
     vxsched::SaveTableInOneStep();
     SetFileStatusListener(vxsched::NoteFileStatus);
@@ -336,6 +357,8 @@ static void Run(const THostOptions& options) {
     {
         const CRunningWorker worker(loaded.library->AddIn());
         guard.Begin();
+        if (control)
+            control->Listen();
         LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
         service.Ready();
         malloc_trim(0);  // the startup has decoded the table several times
@@ -348,7 +371,11 @@ static void Run(const THostOptions& options) {
             });
             loop.Watch(outputs.Descriptor(), [&] { outputs.Clean(); });
             loop.Watch(runners.Descriptor(), [&] { runners.Record(); });
+            loop.Watch(control->Descriptor(), [&] { control->Serve(); });
             loop.WaitForStop();
+            // A client that waits for an answer holds the store mutex, for which the worker may
+            // wait.
+            control.reset();
         }
         service.Stopping();
         if (loop.StopSignal())

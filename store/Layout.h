@@ -31,6 +31,7 @@ inline constexpr char cHistoryFile[] = "files/history.jsonl";
 inline constexpr char cOutputDirectory[] = "files/output";  // and a directory for each task
 inline constexpr char cRunningDirectory[] = "files/running";
 inline constexpr char cLockFile[] = "files/vxschedd.lock";  // of the host
+inline constexpr char cControlSocket[] = "files/control";   // of the host
 inline constexpr char cLaunchRecordDirectory[] = "files/started";
 inline constexpr char cSettledLaunchDirectory[] = "files/settled";
 inline constexpr char cOwedLaunchDirectory[] = "files/owed";

@@ -405,6 +405,19 @@ time_t TimeOfCall(time_t now) {
     return reschedules ? std::max(now, gTimeCalls.due + 1) : now;
 }
 
+TLaunched LaunchByHand(const std::string& task, const std::string& program,
+                       const std::string& parameter) {
+    TRunRecord run;
+    run.trigger = cManual;
+    run.task = task;
+    run.program = program;
+    run.parameter = parameter;
+    TLaunched launched = LaunchForHost(run, {}, {});
+    if (launched.error != 0)
+        ReportFailure(run, launched.error);
+    return launched;
+}
+
 void MakeOwedLaunches() {
     COwedLaunches::Instance().MakeAll(MakeOwedLaunch);
 }

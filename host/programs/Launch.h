@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
+#include <string>
 #include <vector>
 
 #include <vxsched/Table.h>
+#include "runs/RunnerLaunch.h"
 
 class CProgramOutput;
 class TTask;
@@ -31,6 +33,13 @@ void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput*
 // returns a time after the due time. The add-in leaves a task that repeats due as long as the clock
 // shows its due time, and would launch it once more in the next tick of the same second.
 time_t TimeOfCall(time_t now);
+
+// Launches a program of a task at once, outside the schedule, for a client that holds the store
+// mutex meanwhile, with the same handling as those of the add-in, but for due time and launch
+// record. Blocks until the program runs. For the main thread, while launches are handled. A failure
+// is logged and recorded.
+TLaunched LaunchByHand(const std::string& task, const std::string& program,
+                       const std::string& parameter);
 
 // Makes the launches that are owed because the system refused them for want of processes
 // (COwedLaunches), with the same handling; those that it refuses again stay owed. Takes the store

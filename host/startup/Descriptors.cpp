@@ -9,9 +9,9 @@
 
 #include "host/CHostError.h"
 
-// A running host has some twelve open, and opens at most four more at a time; the libraries that it
-// loads, and the add-in, have a share of the others.
-static constexpr rlim_t cNeeded = 32;
+// A running host has some fourteen open, opens at most four more at a time, and has up to eight
+// clients (CControlSocket); the libraries that it loads, and the add-in, have a share of the others.
+static constexpr rlim_t cNeeded = 48;
 
 static rlimit Limits() {
     rlimit limits{};

@@ -36,7 +36,7 @@ ARROWS = {
     "host/recovery": RECOVERY,
     "host/programs": RECOVERY | {"host/recovery", "interpose", "runs", "scheduler"},
     "host/startup": RECOVERY | {"host/recovery", "runs", "addin"},
-    "host/service": RECOVERY | {"host/recovery", "host/programs", "interpose", "runs"},
+    "host/service": RECOVERY | {"host/recovery", "host/programs", "control", "interpose", "runs"},
     "cli/time": CLI_TIME,
     "cli/output": CLI_OUTPUT,
     "cli/commands": CLI_OUTPUT | {"cli/output", "client"},

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "base/CDescriptor.h"
+
+// The socket by which clients ask this host for launches: files/control, for those users who may
+// use the store. A client sends one line and gets one, after which the connection is closed;
+// docs/control.md has the rules. Nothing here blocks, and no client can keep more than a line of
+// vxsched::cLongestMessage. For the main thread.
+class CControlSocket {
+public:
+    // Returns the answer to the line of a client, with its line break; the line comes without one.
+    using TAnswer = std::function<std::string(std::string_view line)>;
+
+    // Makes the socket in the working directory, in place of one that a host has left behind.
+    // Clients are refused until Listen(), and then do without the host. Changes the umask for a
+    // moment: to be constructed before there are threads. If the socket cannot be made, the log is
+    // warned.
+    explicit CControlSocket(TAnswer answerLine);
+
+    // Removes the file. Clients whose request was not read notice that.
+    ~CControlSocket();
+    CControlSocket(const CControlSocket&) = delete;
+    CControlSocket& operator=(const CControlSocket&) = delete;
+
+    void Listen();
+
+    // Readable when Serve() should be called; -1 if there is no socket.
+    int Descriptor() const { return events.Get(); }
+
+    // Accepts clients, reads what they have sent, and answers. A client that has gone gets no
+    // answer, and its request is not carried out.
+    void Serve();
+
+private:
+    struct TConnection {
+        CDescriptor socket;
+        std::string received;
+    };
+    // By the order in which they came. A descriptor is used again, such a number is not.
+    using TConnections = std::map<std::uint64_t, TConnection>;
+
+    void Make();
+    void AcceptAll();
+    void Add(CDescriptor socket);
+    void CloseOldest();
+    void OnReadable(TConnections::iterator connection, bool isClosed);
+    bool Register(int socket, std::uint64_t number, std::uint32_t which) const;
+
+    const TAnswer answer;
+    CDescriptor events;
+    CDescriptor listener;
+    bool isBound = false;
+    bool isRefusalLogged = false;
+    bool isFailureLogged = false;
+    std::uint64_t lastNumber = 0;
+    TConnections connections;
+};
