@@ -336,7 +336,8 @@ void CCommandLine::AddChanges() {
         [this](CLI::App& run) {
             AddName(run);
             run.add_flag("--force", force, "Start it even if it is already running");
-            run.add_flag("--wait", wait, "Wait until it exits; a failed run gives exit status 1");
+            run.add_flag("--wait", wait,
+                         "Print what it writes until it exits; a failed run gives exit status 1");
             AddDryRun(run);
         });
     Add(
@@ -515,7 +516,7 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
     if (mustBecomeOwner)
-        common.isForeign = BecomeForeignOwner(directory);
+        BecomeForeignOwner(directory);
     if (file.empty() && shell.empty())
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;

@@ -33,12 +33,9 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     std::array<char*, 2> arguments = {program.data(), nullptr};
     CSpawnActions actions;
     actions.Duplicate(processEnd.Get(), STDIN_FILENO);
-    // A launched program that is not waited for would otherwise keep the caller's output pipes
-    // open.
-    if (request.calls.empty() || !request.calls.back().waitForEnd) {
-        actions.Open(STDOUT_FILENO, "/dev/null", O_WRONLY);
-        actions.Open(STDERR_FILENO, "/dev/null", O_WRONLY);
-    }
+    // Nothing of the caller's terminal or pipes is for the change process, or for what it launches.
+    actions.Open(STDOUT_FILENO, "/dev/null", O_WRONLY);
+    actions.Open(STDERR_FILENO, "/dev/null", O_WRONLY);
     // The superuser's descriptors are not for the owner of a store, whose process this may be.
     actions.CloseFrom(STDERR_FILENO + 1);
     // A session of its own, so that Ctrl-C at the caller's terminal does not end it half-way.
@@ -71,8 +68,8 @@ void CChangeProcess::Kill() const {
     kill(process, SIGKILL);
 }
 
-std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::milliseconds> limit) {
-    const auto deadline = limit ? std::optional<CDeadline>(*limit) : std::nullopt;
+std::optional<TMessage> CChangeProcess::Next(std::chrono::milliseconds limit) {
+    const CDeadline deadline(limit);
     for (;;) {
         std::string left = received;
         const std::optional<std::string> kind = TakeField(left);
@@ -81,11 +78,11 @@ std::optional<TMessage> CChangeProcess::Next(std::optional<std::chrono::millisec
             return TMessage{*kind, std::move(*content)};
         }
         pollfd input{.fd = socket.Get(), .events = POLLIN, .revents = 0};
-        const timespec timeLeft = deadline ? deadline->TimeLeft() : timespec();
-        const int ready = ppoll(&input, 1, deadline ? &timeLeft : nullptr, nullptr);
+        const timespec timeLeft = deadline.TimeLeft();
+        const int ready = ppoll(&input, 1, &timeLeft, nullptr);
         if (ready == 0)
             throw MakeError(EError::cBusy, "the change process sent no message for {} ms",
-                            limit->count());
+                            limit.count());
         std::array<char, 1 << 16> block{};
         const ssize_t count = ready == -1 ? -1 : read(socket.Get(), block.data(), block.size());
         if (count > 0)

@@ -23,10 +23,9 @@ public:
     CChangeProcess(const CChangeProcess&) = delete;
     CChangeProcess& operator=(const CChangeProcess&) = delete;
 
-    // Waits for the next message, for at most `limit`, also if signal handlers run meanwhile, or
-    // without limit if that is empty.
+    // Waits for the next message, for at most `limit`, also if signal handlers run meanwhile.
     // Empty when the process has ended. Throws CError (cBusy) on a timeout.
-    std::optional<TMessage> Next(std::optional<std::chrono::milliseconds> limit);
+    std::optional<TMessage> Next(std::chrono::milliseconds limit);
 
     // Answers cMessageReady: the process may make the change.
     void Go() const;

@@ -113,10 +113,7 @@ public:
     TAttempt Make() {
         std::string hung;
         try {
-            // Once the table is read back, only the end of a launched program is awaited, without
-            // limit.
-            while (const std::optional<TMessage> message =
-                       process.Next(made.bytes ? std::nullopt : std::optional(Limit())))
+            while (const std::optional<TMessage> message = process.Next(Limit()))
                 Take(*message);
         } catch (const CError& error) {
             hung = error.what();
@@ -160,10 +157,8 @@ private:
             made.outcome.warnings.push_back(message.content);
         else if (message.kind == cMessageLaunchFailed)
             made.outcome.launchError = message.content;
-        else if (message.kind == cMessageEnded)
-            made.outcome.status = std::stoi(message.content);
         else if (message.kind == cMessageLaunched)
-            Launched(std::stoi(message.content));
+            Launched(message.content);
         else if (message.kind == cMessageMayBeOverwritten)
             made.mayBeOverwritten = true;
         else if (message.kind == cMessageTable)
@@ -176,10 +171,12 @@ private:
         process.Go();
     }
 
-    void Launched(pid_t launched) {
-        made.outcome.process = launched;
+    void Launched(const std::string& content) {
+        std::size_t blank = 0;
+        made.outcome.run.process = std::stoi(content, &blank);
+        made.outcome.run.id = content.substr(blank + 1);
         if (change.onLaunch)
-            change.onLaunch(launched);
+            change.onLaunch(made.outcome.run);
     }
 
     const TStoreOptions& options;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <vxsched/Error.h>
+#include <vxsched/Store.h>
 #include <vxsched/StoreOptions.h>
 #include <vxsched/Table.h>
 #include "client/Request.h"
@@ -17,12 +18,11 @@ namespace vxsched {
 
 // The result of a change.
 struct TOutcome {
-    TTable table;                       // read back after the calls
-    std::string program;                // of a created task, as in the table
-    std::vector<std::string> log;       // the add-in's messages
-    pid_t process = 0;                  // the launched program; 0: none
-    std::string launchError;            // why a launch failed
-    std::optional<int> status;          // the program's wait status, if it was waited for
+    TTable table;                  // read back after the calls
+    std::string program;           // of a created task, as in the table
+    std::vector<std::string> log;  // the add-in's messages
+    TRun run;                      // of the launched program; its process is 0 if there is none
+    std::string launchError;       // why a launch failed
     std::vector<std::string> warnings;  // of what failed after the change was made
 };
 
@@ -46,8 +46,8 @@ struct TChange {
     // Returns the name of a task that the outcome's table does not show as changed; empty if it
     // shows the whole change.
     std::function<std::optional<std::string>(const TOutcome&)> findMissing;
-    // Called with the process id right after a launch, on the calling thread; must not throw.
-    std::function<void(pid_t)> onLaunch = {};
+    // Called right after a launch, on the calling thread; must not throw.
+    std::function<void(const TRun&)> onLaunch = {};
 };
 
 // Before a change: waits until the worker is between two ticks, or the scheduling process has ended; a

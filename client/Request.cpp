@@ -31,7 +31,6 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.inOneStep);
     transfer(call.newName);
     transfer(call.mayRemove);
-    transfer(call.waitForEnd);
 }
 
 struct TWriter {

@@ -25,7 +25,6 @@ struct TCall {
     bool inOneStep = false;    // cCreate: replaces a task that exists, without the add-in
     std::string newName;       // cCreate in one step: the name that the task gets; empty: its own
     bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
-    bool waitForEnd = false;   // cExecute: wait for the program's end and report it
 };
 
 // The request to a change process: check the conditions, load the add-in, make the calls, and
@@ -71,7 +70,7 @@ inline constexpr char cMessageProgram[] = "program";
 inline constexpr char cMessageLog[] = "log";
 // What has failed after the change was made, and what that means.
 inline constexpr char cMessageWarning[] = "warning";
-// cExecute: the process id.
+// cExecute: the process id, a blank, the id of the run, which may be empty.
 inline constexpr char cMessageLaunched[] = "launched";
 // cExecute: the reason.
 inline constexpr char cMessageLaunchFailed[] = "launch failed";
@@ -79,8 +78,6 @@ inline constexpr char cMessageLaunchFailed[] = "launch failed";
 inline constexpr char cMessageMayBeOverwritten[] = "may be overwritten";
 // All calls are made: the bytes of the table.
 inline constexpr char cMessageTable[] = "table";
-// cExecute: the wait status.
-inline constexpr char cMessageEnded[] = "ended";
 
 // The calls are not made while an active task is due within this time: it might come due during
 // them.

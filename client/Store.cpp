@@ -10,6 +10,8 @@
 #include "client/Change.h"
 #include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
+#include "client/RunStatus.h"
+#include "runs/RunEnd.h"
 #include "store/Backups.h"
 #include "store/CChangeEvent.h"
 #include "store/CFormerTable.h"
@@ -342,30 +344,37 @@ static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool for
     return call;
 }
 
+// Waits for the end of a run, without limit, and returns its wait status. Throws as
+// FindWaitStatus().
+static int WaitForStatus(const std::filesystem::path& directory, const TRun& run) {
+    const COwnerAccess ownerAccess(directory);
+    if (!run.id.empty())
+        WaitForRun(directory, run.id);
+    return FindWaitStatus(directory, run);
+}
+
 void CStore::CheckRun(std::string_view name, bool force) const {
     const TTaskEntry task = Get(name);
     CheckState(task, RunCall(options.directory, task, force), options.evenIfDue);
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
-                 const std::function<void(pid_t)>& onLaunch) const {
-    TCall call = RunCall(options.directory, Get(name), force);
-    call.waitForEnd = waitForEnd;
+                 const std::function<void(const TRun&)>& onLaunch) const {
+    const TCall call = RunCall(options.directory, Get(name), force);
     const auto isAttempted = [](const TOutcome& made) {
-        return made.process != 0 || !made.launchError.empty();
+        return made.run.process != 0 || !made.launchError.empty();
     };
     const TOutcome outcome = MakeChange(
         options, {{call},
                   [&](const TOutcome& made) { return MissingUnless(isAttempted(made), name); },
                   onLaunch});
-    if (outcome.process == 0)
+    if (outcome.run.process == 0)
         throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
                         call.task.program, outcome.launchError);
-    if (waitForEnd && !outcome.status)
-        throw MakeError(EError::cFailed,
-                        "process {} was launched, but its exit status could not be read",
-                        outcome.process);
-    return {outcome.process, outcome.status};
+    TRun run = outcome.run;
+    if (waitForEnd)
+        run.status = WaitForStatus(options.directory, run);
+    return run;
 }
 
 void CStore::ReplaceAll(const std::vector<TTaskEntry>& tasks,

@@ -133,12 +133,10 @@ std::optional<TStoreOwner> FindForeignOwner(const fs::path& directory) {
     return TStoreOwner{status->st_uid, GroupsOf(status->st_uid, status->st_gid)};
 }
 
-bool BecomeForeignOwner(const fs::path& directory, const std::function<void()>& before) {
+bool BecomeForeignOwner(const fs::path& directory) {
     const std::optional<TStoreOwner> owner = FindForeignOwner(directory);
     if (!owner)
         return false;
-    if (before)
-        before();
     if (setgroups(owner->groups.size(), owner->groups.data()) == -1 ||
         setgid(owner->groups.front()) == -1 || setuid(owner->user) == -1)
         throw SystemError(

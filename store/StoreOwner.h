@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <vector>
 
@@ -24,14 +23,12 @@ struct TStoreOwner {
 // others than its owner, or has another owner than the directory.
 std::optional<TStoreOwner> FindForeignOwner(const std::filesystem::path& directory);
 
-// Has this process be the foreign owner of a store from now on, if it has one, with the groups and the
-// environment that a login would have: it cannot become the superuser again, and what it launches
-// learns nothing of the superuser's environment. Kept are LANG, LC_..., TZ and VXSCHED_NO_SYNC. Returns
-// whether there is such an owner. The owner may not inspect this process: not its memory, which still
-// has the superuser's environment, and not its descriptors. `before` is called while it is still the
-// superuser's, to close what is not for the owner of a foreign store all the same. Throws as
+// Has this process be the foreign owner of a store from now on, if it has one, with the groups and
+// the environment that a login would have: it cannot become the superuser again, and what it
+// launches learns nothing of the superuser's environment. Kept are LANG, LC_..., TZ and
+// VXSCHED_NO_SYNC. Returns whether there is such an owner. The owner may not inspect this process:
+// not its memory, which still has the superuser's environment, and not its descriptors. Throws as
 // FindForeignOwner() does. To be called while the process has one thread.
-bool BecomeForeignOwner(const std::filesystem::path& directory,
-                        const std::function<void()>& before = {});
+bool BecomeForeignOwner(const std::filesystem::path& directory);
 
 }  // namespace vxsched

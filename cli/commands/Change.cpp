@@ -3,15 +3,22 @@
 #include <fmt/format.h>
 #include <sys/wait.h>
 
-#include <iostream>
+#include <chrono>
+#include <filesystem>
+#include <optional>
 
 #include <vxsched/Error.h>
+#include "base/CDeadline.h"
 #include "base/DisplayText.h"
 #include "base/SignalName.h"
-#include "cli/commands/CTerminalPipe.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/Follow.h"
 #include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
+#include "client/RunStatus.h"
+#include "runs/CRunWatch.h"
+#include "runs/CRunningFile.h"
+#include "runs/OutputFiles.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/ProgramLinks.h"
@@ -137,6 +144,36 @@ TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std:
     return cDone;
 }
 
+// Opens the output of a run, which its runner makes just after the launch. Empty, once the run has
+// ended, if there is none.
+static std::optional<COutputReader> OpenOutput(const std::filesystem::path& store,
+                                               const std::string& name, const std::string& run) {
+    const CDeadline soon(std::chrono::seconds(1));
+    const CRunWatch watch(store);
+    for (;;) {
+        // Asked first: what is there at the end was made before it.
+        const bool goesOn = IsRunning(store, run);
+        try {
+            COutputReader reader(store / OutputPathOf(name, run));
+            static_cast<void>(reader.Written());
+            return reader;
+        } catch (const CError&) {
+            if (!goesOn)
+                return {};
+        }
+        if (!soon.Pause())
+            watch.Wait();
+    }
+}
+
+// Prints what a run writes until it has ended. Without the output the end is awaited all the same.
+static void Follow(const TCommon& common, const std::string& name, const TRun& run,
+                   COutput& output) {
+    const std::filesystem::path& store = common.store.directory;
+    if (std::optional<COutputReader> reader = OpenOutput(store, name, run.id))
+        PrintOutputOf(store, run.id, *reader, true, output);
+}
+
 TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
                 COutput& output) {
     const CStore store(common.store);
@@ -145,14 +182,8 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
         PrintLine(output, "would run " + name);
         return cDone;
     }
-    // The owner of the store must not get the terminal of the superuser.
-    std::optional<CTerminalPipe> pipe;
-    if (wait && common.isForeign)
-        pipe.emplace();
-    const TRun run = store.Run(name, force, wait, [&](pid_t process) {
-        if (pipe)
-            pipe->TakeTerminals();
-        PrintLine(output, fmt::format("started {} as process {}", name, process));
+    const TRun run = store.Run(name, force, false, [&](const TRun& launched) {
+        PrintLine(output, fmt::format("started {} as process {}", name, launched.process));
         try {
             output.Finish();
         } catch (const CError&) {
@@ -160,19 +191,20 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
             // Finish() of the command reports the error.
         }
         if (wait)
-            CInterruption::WaitsFor(process);
+            CInterruption::WaitsFor(launched.process);
     });
-    pipe.reset();
-    if (!run.status)
+    if (!wait)
         return cDone;
+    if (!run.id.empty())
+        Follow(common, name, run, output);
     CInterruption::WaitEnds();
-    if (WIFSIGNALED(*run.status)) {
-        PrintLine(output,
-                  fmt::format("{} was killed by {}", name, SignalName(WTERMSIG(*run.status))));
+    const int status = FindWaitStatus(common.store.directory, run);
+    if (WIFSIGNALED(status)) {
+        PrintLine(output, fmt::format("{} was killed by {}", name, SignalName(WTERMSIG(status))));
         return cRefusedStatus;
     }
-    PrintLine(output, fmt::format("{} exited with status {}", name, WEXITSTATUS(*run.status)));
-    return WEXITSTATUS(*run.status) == 0 ? cDone : cRefusedStatus;
+    PrintLine(output, fmt::format("{} exited with status {}", name, WEXITSTATUS(status)));
+    return WEXITSTATUS(status) == 0 ? cDone : cRefusedStatus;
 }
 
 TExitStatus Wake(const TCommon& common, COutput& output) {

@@ -24,7 +24,6 @@ struct TCommon {
     EZone zone = EZone::cLocal;
     bool json = false;
     bool dryRun = false;
-    bool isForeign = false;  // the superuser's command has become the owner of the store
     TForced forced = {};
 };
 
@@ -113,8 +112,8 @@ TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output);
 TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
                       COutput& output);
 
-// Launches the program of a task now. With `wait` it blocks until the program exits, without limit,
-// and returns cRefusedStatus if the run failed.
+// Launches the program of a task now. With `wait` it prints what the program writes until it exits,
+// without limit, and returns cRefusedStatus if the run failed.
 TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
                 COutput& output);
 TExitStatus Wake(const TCommon& common, COutput& output);

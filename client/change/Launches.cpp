@@ -1,68 +1,171 @@
 #include "client/change/Launches.h"
 
-#include <sys/wait.h>
+#include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <map>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <vector>
 
 #include "base/Spawn.h"
+#include "base/Users.h"
 #include "interpose/Launch.h"
+#include "runs/CRunHistory.h"
+#include "runs/RunRecord.h"
+#include "runs/RunRequest.h"
+#include "runs/RunnerLaunch.h"
 #include "store/CLaunchEnvironment.h"
+#include "store/Layout.h"
 
 namespace vxsched {
 
-static TLaunchListener gListener;
-static std::string gTask;
-static std::map<pid_t, int> gEnds;  // wait statuses of programs that the add-in has collected
+namespace {
 
-static int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t*,
-                 const posix_spawnattr_t*, char* const arguments[], char* const environment[]) {
+struct TLaunchRequest {
+    std::string task;
+    std::string program;
+    std::string parameter;
+};
+
+TLaunchListener gListener;
+std::string gTask;
+
+// The descriptor of the pipe for its report in a runner.
+constexpr int cReport = STDERR_FILENO + 1;
+
+// The host's own limit is not known here. A history that grows beyond it is rotated by the host; a
+// smaller limit would lose what the host's keeps.
+constexpr std::uint64_t cHistorySize = std::numeric_limits<std::uint64_t>::max();
+
+// The environment that a service manager would give a host.
+std::vector<std::string> EnvironmentOfAHost() {
+    const TUser user = FindUser(geteuid());
+    std::vector<std::string> variables = {
+        "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=" + user.home,
+        "LOGNAME=" + user.name, "USER=" + user.name, "SHELL=" + user.shell};
+    if (const char* const language = std::getenv("LANG"))
+        variables.push_back(std::string("LANG=") + language);
+    return variables;
+}
+
+std::vector<char*> PointersTo(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    pointers.reserve(strings.size() + 1);
+    for (std::string& string : strings)
+        pointers.push_back(string.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// Starts the runner; `task` may be null.
+int StartRunner(const std::string& path, const TLaunchRequest& request, const char* task,
+                pid_t* runner, int pipe, const std::string& variable) {
     CSpawnAttributes attributes;
     attributes.ResetSignals();
+    attributes.LeadSession();
     CSpawnActions actions;
-    actions.CloseFrom(STDERR_FILENO + 1);
-    const auto spawnWith = [&](char* const variables[]) {
-        return NextLaunchHandlers().spawn(process, path, actions.Get(), attributes.Get(), arguments,
-                                          variables);
-    };
-    const int error = SpawnForTask(environment, gTask.c_str(), std::nullopt, spawnWith);
-    gListener(error == 0 ? *process : 0, error);
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        actions.Open(descriptor, "/dev/null", O_RDWR);
+    actions.Duplicate(pipe, cReport);
+    actions.CloseFrom(cReport + 1);
+    std::vector<std::string> command = {path, request.program, request.parameter};
+    std::vector<std::string> inherited = EnvironmentOfAHost();
+    const std::vector<char*> arguments = PointersTo(command);
+    const std::vector<char*> variables = PointersTo(inherited);
+    const CLaunchEnvironment environment(variables.data(), task, std::nullopt, variable.c_str());
+    return NextLaunchHandlers().spawn(runner, path.c_str(), actions.Get(), attributes.Get(),
+                                      arguments.data(), environment.Get());
+}
+
+// Empty, because of `error`, if the runner could not be started.
+std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::string& runnerPath,
+                                    int& error) {
+    const TRunRequest runRequest = {.report = cReport,
+                                    .trigger = cManual,
+                                    .historySize = cHistorySize,
+                                    .outputSize = cDefaultOutputSize,
+                                    .copy = TRunRequest::cNoCopy};
+    // A program that gets too much with its task's name is launched without it.
+    for (const char* const task : {request.task.c_str(), static_cast<const char*>(nullptr)}) {
+        const auto start = [&](pid_t* runner, int pipe, const std::string& variable) {
+            return StartRunner(runnerPath, request, task, runner, pipe, variable);
+        };
+        if (auto launched = LaunchByRunner(runRequest, start, error))
+            return launched;
+        if (error != E2BIG)
+            break;
+    }
+    return {};
+}
+
+// As the host records it.
+void RecordFailure(const TLaunchRequest& request, const std::string& error) {
+    TRunRecord run;
+    run.outcome = TRunRecord::cNotStarted;
+    run.task = request.task;
+    run.program = request.program;
+    run.parameter = request.parameter;
+    run.started = CurrentMoment();
+    run.ended = run.started;
+    run.error = error;
+    CRunHistory(cHistorySize, [](const std::string&) {}).Add(run);
+}
+
+// Makes a launch. `error` is an error number.
+TLaunch Launch(const TLaunchRequest& request, int& error) {
+    TLaunch launch;
+    const std::string runner = FindRunner({VXSCHED_PROGRAM_DIRECTORY, "../../bin"});
+    if (runner.empty()) {
+        error = ENOENT;
+        launch.error = fmt::format("{} of this installation is missing", cRunnerProgram);
+    } else if (const auto launched = LaunchHere(request, runner, error)) {
+        error = launched->error;
+        launch.process = error == 0 ? launched->program : 0;
+        launch.run = launched->run;
+        launch.error = error != 0 ? std::strerror(error) : "";
+    } else {
+        launch.error = fmt::format("cannot start {}: {}", runner, std::strerror(error));
+    }
+    if (error != 0)
+        RecordFailure(request, launch.error);
+    return launch;
+}
+
+// Called by the add-in in place of posix_spawn(), under the store mutex, with its own environment
+// and no attributes. The process is none of this process's children. Returns 0 or an error number.
+int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*actions*/,
+          const posix_spawnattr_t* /*attributes*/, char* const arguments[],
+          char* const /*environment*/[]) {
+    const TLaunchRequest request = {.task = gTask.substr(0, gTask.find('\0')),
+                                    .program = path,
+                                    .parameter = arguments[1] != nullptr ? arguments[1] : ""};
+    int error = 0;
+    const TLaunch launch = Launch(request, error);
+    if (error == 0)
+        *process = launch.process;
+    gListener(launch);
     return error;
 }
 
-static pid_t Wait(pid_t process, int* status, int options) {
-    int known = 0;
-    const pid_t result = NextLaunchHandlers().wait(process, &known, options);
-    if (result > 0) {
-        gEnds[result] = known;
-        if (status != nullptr)
-            *status = known;
-    }
-    return result;
-}
-
 // The add-in's pause: nobody waits for the store mutex because of it.
-static unsigned int SkipPause(unsigned int /*seconds*/) {
+unsigned int SkipPause(unsigned int /*seconds*/) {
     return 0;
 }
 
+}  // namespace
+
 void ListenToLaunches(TLaunchListener listener) {
     gListener = std::move(listener);
-    SetLaunchHandlers({.spawn = Spawn, .wait = Wait, .sleep = SkipPause});
+    SetLaunchHandlers({.spawn = Spawn, .wait = nullptr, .sleep = SkipPause});
 }
 
 void SetLaunchedTask(const std::string& name) {
     gTask = name;
-}
-
-std::optional<int> WaitForEnd(pid_t process) {
-    int status = 0;
-    while (!gEnds.contains(process) && waitpid(process, &status, 0) == -1) {
-        if (errno != EINTR)
-            return {};
-    }
-    return gEnds[process];
 }
 
 }  // namespace vxsched

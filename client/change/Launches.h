@@ -3,29 +3,29 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <optional>
 #include <string>
 
 namespace vxsched {
 
 // The add-in's launches in a change process, which come here through the interposed functions. For
-// the one thread of that process.
+// the one thread of that process. This process makes them, by a runner, with the environment that
+// docs/operating.md describes. The history has them.
 
-// Called after each launch with the process id, or with 0 and the error number if it failed. The
-// store mutex is held.
-using TLaunchListener = std::function<void(pid_t process, int error)>;
+// What became of a launch.
+struct TLaunch {
+    pid_t process = 0;  // the launched program
+    std::string run;    // the id of the run; empty if it has no runner
+    std::string error;  // why nothing was launched
+};
 
-// Installs the handlers of the launches, before the add-in is loaded. From then on a launched
-// program inherits the standard descriptors only, an empty signal mask and default dispositions, and
-// the add-in does not pause after a launch.
+// Called after each launch. The store mutex is held.
+using TLaunchListener = std::function<void(const TLaunch& launch)>;
+
+// Installs the handlers of the launches, before the add-in is loaded. From then on the add-in does
+// not pause after a launch.
 void ListenToLaunches(TLaunchListener listener);
 
-// Programs that are launched from now on get this name, up to a zero byte, as VXSCHED_TASK, and no
-// VXSCHED_DUE: a launch outside the schedule has no due time.
+// Programs that are launched from now on are those of this task.
 void SetLaunchedTask(const std::string& name);
-
-// Waits for the end of a launched program, without limit, and returns its wait status, also if the
-// add-in has collected it already. Empty if the status cannot be read.
-std::optional<int> WaitForEnd(pid_t process);
 
 }  // namespace vxsched

@@ -349,17 +349,15 @@ void RequireSavesInOneStep(const std::string& addIn) {
 }
 
 void Serve(TRequest& request) {
-    pid_t launched = 0;
-    ListenToLaunches([&](pid_t process, int error) {
+    ListenToLaunches([](const TLaunch& launch) {
         // The add-in does not announce a launch outside the schedule, and the scheduling process
         // would overwrite the task's last launch. So it is announced here, while the store mutex is
         // held.
         AnnounceLaunch();
-        launched = process;
-        if (process != 0)
-            SendMessage(cMessageLaunched, std::to_string(process));
+        if (launch.process != 0)
+            SendMessage(cMessageLaunched, fmt::format("{} {}", launch.process, launch.run));
         else
-            SendMessage(cMessageLaunchFailed, std::strerror(error));
+            SendMessage(cMessageLaunchFailed, launch.error);
     });
     std::string bytes;
     {
@@ -372,19 +370,6 @@ void Serve(TRequest& request) {
     }
     // Without the locks, since a table of many tasks takes as long as the client to read it.
     SendMessage(cMessageTable, bytes);
-    if (launched == 0 || !request.calls.back().waitForEnd)
-        return;
-    if (const std::optional<int> status = WaitForEnd(launched))
-        SendMessage(cMessageEnded, std::to_string(*status));
-}
-
-// The owner of the store gets no terminal of the superuser's, who has made this process. `nothing` is
-// /dev/null.
-void LeaveTerminals(int nothing) {
-    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
-        if (isatty(output) != 0)
-            dup2(nothing, output);
-    }
 }
 
 int Main() {
@@ -396,15 +381,15 @@ int Main() {
     std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;
-    // The client may ignore SIGCHLD, and this process inherits that; waitpid() would find no
-    // status.
+    // The client may ignore SIGCHLD, and this process inherits that: a runner that could not launch
+    // its program would have no status.
     std::signal(SIGCHLD, SIG_DFL);
     VXC_SetLogSink([](const std::string& message, void*) { SendMessage(cMessageLog, message); },
                    nullptr);
     try {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
-        BecomeForeignOwner(".", [nothing] { LeaveTerminals(nothing); });
+        BecomeForeignOwner(".");
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
         SetSaveListener(AnnounceSave);

@@ -41,7 +41,8 @@ struct TEdit {
 // A launched program. If the launch fails, CError is thrown instead.
 struct TRun {
     pid_t process = 0;
-    std::optional<int> status;  // the wait status, as of waitpid(); empty if not waited for
+    std::string id = {};             // of the run, as in the history; empty if it has no runner
+    std::optional<int> status = {};  // the wait status, as of waitpid(); empty if not waited for
 };
 
 // The tasks of one directory.
@@ -137,14 +138,15 @@ public:
                          const TForced& forced = {}) const;
 
     // Launches the task's program now, outside the schedule, also if the task is paused; the next
-    // due time stays. Without `waitForEnd` the program's output goes to /dev/null; with it the
-    // program inherits the caller's, and the call waits for its end without limit. The program has
-    // the caller's environment, with the task's name as VXSCHED_TASK and without VXSCHED_DUE.
-    // `onLaunch`, if set, is called with the process id right after the launch, on the calling
-    // thread; it must not throw. Throws cNotFound, cRefused if the program cannot be launched as it
-    // is named or, without `force`, if it is still running, and cFailed if the launch failed.
+    // due time stays. The change process launches it, with an environment of its own
+    // (docs/operating.md). It has the task's name as VXSCHED_TASK, no VXSCHED_DUE, and nothing of
+    // the caller's. Its output and its end are recorded as those of any run. With `waitForEnd` the
+    // call waits for the program's end without limit. `onLaunch`, if set, is called right after the
+    // launch, on the calling thread; it must not throw. Throws cNotFound, cRefused if the program
+    // cannot be launched as it is named or, without `force`, if it is still running, and cFailed if
+    // the launch failed or its end is not known.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
-             const std::function<void(pid_t)>& onLaunch = {}) const;
+             const std::function<void(const TRun&)>& onLaunch = {}) const;
 
     // Throws what Run() would throw now, without a launch.
     void CheckRun(std::string_view name, bool force) const;

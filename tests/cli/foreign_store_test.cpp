@@ -135,17 +135,17 @@ TEST_F(Cli, RunInAForeignStoreHasTheEnvironmentOfALogin) {
     for (const char* const file : {"first", "second"}) {
         const std::string recorded = FileOfForeignUser(file);
         EXPECT_THAT(recorded, HasSubstr("\nuser 65534\n"));
-        for (const char* const variable :
-             {"\nHOME=", "\nUSER=", "\nLOGNAME=", "\nSHELL=", "\nPATH=/", "\nLANG=C.UTF-8\n",
-              "\nTZ=Europe/Berlin\n", "\nVXSCHED_TASK="})
+        for (const char* const variable : {"\nHOME=", "\nUSER=", "\nLOGNAME=", "\nSHELL=",
+                                           "\nPATH=/", "\nLANG=C.UTF-8\n", "\nVXSCHED_TASK="})
             EXPECT_THAT(recorded, HasSubstr(variable)) << file;
-        for (const char* const mines : {"SECRET", "root", "evil", "LD_LIBRARY_PATH"})
+        for (const char* const mines : {"SECRET", "root", "evil", "LD_LIBRARY_PATH", "Berlin"})
             EXPECT_THAT(recorded, testing::Not(HasSubstr(mines))) << file;
         EXPECT_THAT(recorded, HasSubstr("\ninput /dev/null\n"));
     }
 }
 
-// A program with the superuser's terminal could type commands into it.
+// A program with the superuser's terminal could type commands into it, and what it writes could
+// command the terminal.
 TEST_F(Cli, RunInAForeignStoreHasNoTerminal) {
     REQUIRE_SUPERUSER();
     WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0}});
@@ -153,19 +153,13 @@ TEST_F(Cli, RunInAForeignStoreHasNoTerminal) {
     const TToolRun run = RunToolOnTerminal({"run", "a", "--wait", "--force"}, 80);
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 0\nterminal of the session no\n"));
-    EXPECT_THAT(run.output, HasSubstr("output \033[1m of the program\n"));
+    EXPECT_THAT(run.output, HasSubstr("output \ufffd[1m of the program\n"));
     EXPECT_THAT(run.output, HasSubstr("error of the program\n"));
     EXPECT_THAT(run.output, testing::EndsWith("a exited with status 0\n"));
 }
 
-// A program of the caller's own store keeps the terminal.
-TEST_F(Cli, RunInAnOwnStoreHasTheTerminal) {
-    WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/record-session", "first", 0}});
-    EXPECT_EQ(RunToolOnTerminal({"run", "a", "--wait", "--force"}, 80).status, 0);
-    EXPECT_THAT(ReadFile("first"), HasSubstr("\nterminals 2\n"));
-}
-
-// A program that the launched one leaves behind has the pipe, and is not waited for.
+// A program that the launched one leaves behind goes on writing, and is not waited for. One that
+// writes without end may overwrite what is kept of the output.
 TEST_F(Cli, RunInAForeignStoreDoesNotWaitForWhatItsProgramLeavesRunning) {
     REQUIRE_SUPERUSER();
     WriteTable({{"a", 4'000'000'000, 0, 24, fs::absolute("begin").string(), "", 0}});
@@ -175,7 +169,10 @@ TEST_F(Cli, RunInAForeignStoreDoesNotWaitForWhatItsProgramLeavesRunning) {
         ASSERT_EQ(chmod("begin", 0755), 0);
         const TToolRun run = RunToolOnTerminal({"run", "a", "--wait"}, 80);
         EXPECT_EQ(run.status, 0);
-        EXPECT_THAT(run.output, HasSubstr("done\n"));
+        if (program != "yes") {
+            EXPECT_THAT(run.output, HasSubstr("done\n"));
+        }
+        EXPECT_THAT(run.output, testing::EndsWith("a exited with status 0\n"));
         kill(std::stoi(ReadFile("left")), SIGKILL);
     }
 }

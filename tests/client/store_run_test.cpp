@@ -32,10 +32,12 @@ TEST_F(ClientStore, RunStartsTheProgramOutsideTheSchedule) {
     const TTime next = In(1h);
     store.Create(Task("a", next), false);
     store.Pause({"a"});
-    pid_t reported = 0;
-    const TRun run = store.Run("a", true, true, [&](pid_t process) { reported = process; });
+    TRun reported;
+    const TRun run = store.Run("a", true, true, [&](const TRun& launched) { reported = launched; });
     EXPECT_GT(run.process, 0);
-    EXPECT_EQ(reported, run.process);
+    EXPECT_NE(run.id, "");
+    EXPECT_EQ(reported.process, run.process);
+    EXPECT_EQ(reported.id, run.id);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(RecordedArgument("a parameter"), "argument a parameter");
     const TRow row = ::ReadTable().at(0);

@@ -17,7 +17,7 @@
 #include "store/StoreOwner.h"
 
 // The target stays what it is, whoever owns the directory that it is given.
-#define BecomeForeignOwner(directory) (static_cast<void>(directory), false)
+#define BecomeForeignOwner(directory) static_cast<void>(directory)
 #define main VxschedMain
 #include "cli/main.cpp"
 #undef main

@@ -16,7 +16,7 @@ from concurrent.futures import ThreadPoolExecutor
 STORE = {"base"}
 RUNS = STORE | {"store"}
 CONTROL = RUNS | {"runs"}
-CLIENT = STORE | {"store"}
+CLIENT = RUNS | {"runs"}
 HOST = {"base"}
 RECOVERY = HOST | {"host", "store"}
 CLI_TIME = STORE | {"store"}
