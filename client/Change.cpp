@@ -157,6 +157,8 @@ private:
             made.outcome.warnings.push_back(message.content);
         else if (message.kind == cMessageLaunchFailed)
             made.outcome.launchError = message.content;
+        else if (message.kind == cMessageLaunchUnknown)
+            made.outcome.launchUnknown = message.content;
         else if (message.kind == cMessageLaunched)
             Launched(message.content);
         else if (message.kind == cMessageMayBeOverwritten)

@@ -23,6 +23,7 @@ struct TOutcome {
     std::vector<std::string> log;  // the add-in's messages
     TRun run;                      // of the launched program; its process is 0 if there is none
     std::string launchError;       // why a launch failed
+    std::string launchUnknown;     // why it is not known whether the program was launched
     std::vector<std::string> warnings;  // of what failed after the change was made
 };
 

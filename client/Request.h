@@ -74,6 +74,8 @@ inline constexpr char cMessageWarning[] = "warning";
 inline constexpr char cMessageLaunched[] = "launched";
 // cExecute: the reason.
 inline constexpr char cMessageLaunchFailed[] = "launch failed";
+// cExecute: why it is not known whether the program was launched.
+inline constexpr char cMessageLaunchUnknown[] = "launch unknown";
 // Empty: the calls are made, but a tick is under way, which may overwrite them at its end.
 inline constexpr char cMessageMayBeOverwritten[] = "may be overwritten";
 // All calls are made: the bytes of the table.

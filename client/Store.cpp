@@ -362,12 +362,16 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
                  const std::function<void(const TRun&)>& onLaunch) const {
     const TCall call = RunCall(options.directory, Get(name), force);
     const auto isAttempted = [](const TOutcome& made) {
-        return made.run.process != 0 || !made.launchError.empty();
+        return made.run.process != 0 || !made.launchError.empty() || !made.launchUnknown.empty();
     };
     const TOutcome outcome = MakeChange(
         options, {{call},
                   [&](const TOutcome& made) { return MissingUnless(isAttempted(made), name); },
                   onLaunch});
+    if (!outcome.launchUnknown.empty())
+        throw MakeError(EError::cUnknown,
+                        "whether \"{}\" was launched is not known: {}; see vxsched history {}",
+                        name, outcome.launchUnknown, name);
     if (outcome.run.process == 0)
         throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
                         call.task.program, outcome.launchError);

@@ -14,6 +14,7 @@
 
 #include "base/Spawn.h"
 #include "base/Users.h"
+#include "client/change/HostLaunch.h"
 #include "interpose/Launch.h"
 #include "runs/CRunHistory.h"
 #include "runs/RunRecord.h"
@@ -25,12 +26,6 @@
 namespace vxsched {
 
 namespace {
-
-struct TLaunchRequest {
-    std::string task;
-    std::string program;
-    std::string parameter;
-};
 
 TLaunchListener gListener;
 std::string gTask;
@@ -116,8 +111,8 @@ void RecordFailure(const TLaunchRequest& request, const std::string& error) {
     CRunHistory(cHistorySize, [](const std::string&) {}).Add(run);
 }
 
-// Makes a launch. `error` is an error number.
-TLaunch Launch(const TLaunchRequest& request, int& error) {
+// Makes a launch without a host. `error` is an error number.
+TLaunch LaunchWithoutHost(const TLaunchRequest& request, int& error) {
     TLaunch launch;
     const std::string runner = FindRunner({VXSCHED_PROGRAM_DIRECTORY, "../../bin"});
     if (runner.empty()) {
@@ -137,15 +132,26 @@ TLaunch Launch(const TLaunchRequest& request, int& error) {
 }
 
 // Called by the add-in in place of posix_spawn(), under the store mutex, with its own environment
-// and no attributes. The process is none of this process's children. Returns 0 or an error number.
+// and no attributes. The process is none of this process's children. Returns 0 or an error number:
+// EIO if it is not known whether the program was launched.
 int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*actions*/,
           const posix_spawnattr_t* /*attributes*/, char* const arguments[],
           char* const /*environment*/[]) {
     const TLaunchRequest request = {.task = gTask.substr(0, gTask.find('\0')),
                                     .program = path,
                                     .parameter = arguments[1] != nullptr ? arguments[1] : ""};
+    TLaunch launch;
     int error = 0;
-    const TLaunch launch = Launch(request, error);
+    if (const std::optional<THostAnswer> answered = LaunchByHost(request)) {
+        const TLaunchAnswer& answer = answered->answer;
+        error = answered->isKnown ? answer.error : EIO;
+        launch = {.process = answer.process,
+                  .run = answer.run,
+                  .error = answered->isKnown ? answer.message : "the host has not answered",
+                  .isKnown = answered->isKnown};
+    } else {
+        launch = LaunchWithoutHost(request, error);
+    }
     if (error == 0)
         *process = launch.process;
     gListener(launch);

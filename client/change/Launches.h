@@ -8,14 +8,16 @@
 namespace vxsched {
 
 // The add-in's launches in a change process, which come here through the interposed functions. For
-// the one thread of that process. This process makes them, by a runner, with the environment that
-// docs/operating.md describes. The history has them.
+// the one thread of that process. The host of the working directory makes them, with the
+// environment and the output of its other launches; without one this process makes them, by a
+// runner, with the environment that docs/operating.md describes. Either way the history has them.
 
 // What became of a launch.
 struct TLaunch {
-    pid_t process = 0;  // the launched program
-    std::string run;    // the id of the run; empty if it has no runner
-    std::string error;  // why nothing was launched
+    pid_t process = 0;    // the launched program
+    std::string run;      // the id of the run; empty if it has no runner
+    std::string error;    // why nothing was launched, or why that is not known
+    bool isKnown = true;  // else the host may have launched the program or not
 };
 
 // Called after each launch. The store mutex is held.

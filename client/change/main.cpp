@@ -357,7 +357,8 @@ void Serve(TRequest& request) {
         if (launch.process != 0)
             SendMessage(cMessageLaunched, fmt::format("{} {}", launch.process, launch.run));
         else
-            SendMessage(cMessageLaunchFailed, launch.error);
+            SendMessage(launch.isKnown ? cMessageLaunchFailed : cMessageLaunchUnknown,
+                        launch.error);
     });
     std::string bytes;
     {

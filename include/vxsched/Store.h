@@ -138,13 +138,15 @@ public:
                          const TForced& forced = {}) const;
 
     // Launches the task's program now, outside the schedule, also if the task is paused; the next
-    // due time stays. The change process launches it, with an environment of its own
-    // (docs/operating.md). It has the task's name as VXSCHED_TASK, no VXSCHED_DUE, and nothing of
-    // the caller's. Its output and its end are recorded as those of any run. With `waitForEnd` the
-    // call waits for the program's end without limit. `onLaunch`, if set, is called right after the
-    // launch, on the calling thread; it must not throw. Throws cNotFound, cRefused if the program
-    // cannot be launched as it is named or, without `force`, if it is still running, and cFailed if
-    // the launch failed or its end is not known.
+    // due time stays. The host launches it as it launches the due tasks; without one, or if the
+    // scheduling process is another program, the change process launches it, with an environment of
+    // its own (docs/operating.md). It has the task's name as VXSCHED_TASK, no VXSCHED_DUE, and
+    // nothing of the caller's. Its output and its end are recorded as those of any run. With
+    // `waitForEnd` the call waits for the program's end without limit. `onLaunch`, if set, is
+    // called right after the launch, on the calling thread; it must not throw. Throws cNotFound,
+    // cRefused if the program cannot be launched as it is named or, without `force`, if it is still
+    // running, cFailed if the launch failed or its end is not known, and cUnknown if the host ended
+    // before it reported whether the program was launched.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
              const std::function<void(const TRun&)>& onLaunch = {}) const;
 

@@ -110,9 +110,9 @@ VXSCHED_PUBLIC vxsched_error vxsched_resume(vxsched_store* store, const char* na
 VXSCHED_PUBLIC vxsched_error vxsched_set_period(vxsched_store* store, const char* name,
                                                 uint32_t hours);
 
-/* Launches the task's program now, outside the schedule, as a run whose output and end are
-   recorded; does not wait for its end. On success its process id is stored in `*process`, unless
-   that is NULL.
+/* Launches the task's program now, outside the schedule, by the host if one runs; does not wait for
+   its end. VXSCHED_UNKNOWN if the host ended before it reported whether the program was launched. On
+   success its process id is stored in `*process`, unless that is NULL.
    VXSCHED_REFUSED if the program cannot be launched as it is named or, without `force`, if it is
    still running; VXSCHED_NOT_FOUND if there is no such task. */
 VXSCHED_PUBLIC vxsched_error vxsched_run(vxsched_store* store, const char* name, bool force,

@@ -31,7 +31,7 @@ ARROWS = {
     "control": CONTROL,
     "interpose": {"base"},
     "client": CLIENT,
-    "client/change": CLIENT | {"client", "interpose", "scheduler"},
+    "client/change": CLIENT | {"client", "control", "interpose", "scheduler"},
     "host": HOST | {"runs"},  # all but main.cpp, which brings everything together
     "host/recovery": RECOVERY,
     "host/programs": RECOVERY | {"host/recovery", "interpose", "runs", "scheduler"},

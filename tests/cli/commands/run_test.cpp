@@ -1,18 +1,34 @@
-// run: launches a program now. The change process launches it, by a runner: the program is recorded,
-// and --wait shows what it writes and how it ends.
+// run: launches a program now. The host launches it, as it does the due tasks; without a host the
+// change process does. Either way the program is recorded, and --wait shows what it writes and how
+// it ends.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
+#include <vxsched/Store.h>
 #include "Cli.h"
+#include "ForeignStore.h"
+#include "GroupStore.h"
+#include "HostProgram.h"
 #include "Process.h"
+#include "base/CDescriptor.h"
 #include "runs/RunRecord.h"
+#include "store/Layout.h"
 
 namespace fs = std::filesystem;
 
@@ -58,11 +74,98 @@ protected:
         return records.empty() ? TJson::parse("{}") : records.back();
     }
 
+    static pid_t ReadPid(const char* file) {
+        WaitUntil([&] { return !ReadFileOrNothing(file).empty(); });
+        return std::stoi(ReadFileOrNothing(file));
+    }
+
 private:
     using TStrings = std::vector<std::string>;
+    static std::string ReadFileOrNothing(const char* file) {
+        const std::string content = fs::exists(file) ? ReadFile(file) : "";
+        return content.ends_with('\n') ? content : "";
+    }
+};
+
+// With a host and without one.
+class CliRunEitherWay : public CliRun, public testing::WithParamInterface<bool> {
+protected:
+    // To be called once the table is written.
+    void StartHost() {
+        if (GetParam())
+            host = std::make_unique<CHost>();
+    }
+    ~CliRunEitherWay() override {
+        if (host) {
+            EXPECT_EQ(host->Stop(), 0) << host->Output();
+        }
+    }
+
+    std::unique_ptr<CHost> host;
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, CliRunEitherWay, testing::Bool(),
+                         [](const auto& way) { return way.param ? "AHost" : "TheCaller"; });
+
+// A socket in place of the host's, which the test serves.
+class CControl {
+public:
+    CControl() : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        std::strcpy(address.sun_path, vxsched::cControlSocket);
+        EXPECT_EQ(bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener.Get(), 1), 0);
+    }
+
+    CDescriptor Accept() const {
+        return CDescriptor(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    }
+
+    static std::string ReadRequest(const CDescriptor& client) {
+        std::string line;
+        char byte = 0;
+        while (read(client.Get(), &byte, 1) == 1 && byte != '\n')
+            line += byte;
+        return line;
+    }
+
+private:
+    CDescriptor listener;
 };
 
 }  // namespace
+
+// ---- The same as a scheduled launch -------------------------------------------------------------
+
+TEST_F(CliRun, HasTheEnvironmentTheUserAndTheHistoryOfTheHostsLaunches) {
+    WriteJob("echo \"$MINE-$VXSCHED_TASK-$VXSCHED_DUE\"; id -u; pwd; exit 3");
+    setenv("MINE", "the host's", 1);
+    CHost host;
+    const TToolRun run = RunTool({"run", "job", "--wait"}, {{"MINE", "the caller's"}});
+    EXPECT_EQ(run.status, 1) << run.error;
+    EXPECT_EQ(OutputOfProgram(run), "the host's-job-\n" + std::to_string(getuid()) + '\n' +
+                                        fs::current_path().string() + '\n');
+    EXPECT_THAT(run.output, EndsWith("\njob exited with status 3\n"));
+    const TJson record = LastRecord();
+    EXPECT_EQ(record.at("name"), "job");
+    EXPECT_TRUE(record.at("due").is_null());
+    EXPECT_EQ(record.at("trigger"), "manual");
+    EXPECT_EQ(record.at("status"), 3);
+    EXPECT_NE(ReadTable().at(0).last, 0);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_THAT(host.Output(),
+                HasSubstr("started process " + record.at("process").dump() + " for task \"job\""));
+    EXPECT_THAT(host.Output(), HasSubstr("exited with status 3"));
+}
+
+// Its parent is the host, and not a process of the caller's.
+TEST_F(CliRun, IsLaunchedByTheHost) {
+    WriteJob("cut -d ' ' -f 4 /proc/$PPID/stat");
+    CHost host;
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_EQ(OutputOfProgram(run), std::to_string(host.Id()) + '\n');
+    EXPECT_EQ(host.Stop(), 0);
+}
 
 TEST_F(CliRun, WithoutAHostHasTheEnvironmentThatAHostWouldGive) {
     WriteJob("env; pwd");
@@ -95,4 +198,384 @@ TEST_F(CliRun, WithoutAHostRotatesNoHistory) {
     EXPECT_FALSE(fs::exists("files/history.jsonl.1"));
     EXPECT_TRUE(ReadFile(cHistory).starts_with(lines));
     EXPECT_EQ(LastRecord().at("name"), "job");
+}
+
+// The socket of a host that was killed is still there.
+TEST_F(CliRun, OfAStoreWhoseHostWasKilledIsLaunchedByTheCaller) {
+    WriteJob("echo done");
+    CHost host;
+    host.Kill(SIGKILL);
+    host.Wait();
+    EXPECT_TRUE(fs::is_socket(vxsched::cControlSocket));
+    EXPECT_THAT(Output({"run", "job", "--wait"}), HasSubstr("\ndone\n"));
+}
+
+TEST_P(CliRunEitherWay, FailedLaunchIsReportedAndRecorded) {
+    WriteFile("rubbish", "no program");
+    ASSERT_EQ(chmod("rubbish", 0755), 0);
+    TRow row = Job();
+    row.program = fs::absolute("rubbish");
+    WriteTable({row});
+    StartHost();
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.error, HasSubstr("rubbish\": Exec format error; check the program"));
+    EXPECT_EQ(run.output, "");
+    const TJson record = LastRecord();
+    EXPECT_EQ(record.at("outcome"), "not started");
+    EXPECT_EQ(record.at("error"), "Exec format error");
+    EXPECT_EQ(record.at("name"), "job");
+    EXPECT_TRUE(record.at("due").is_null());
+    EXPECT_EQ(ReadTable().at(0).last, 0);
+}
+
+TEST_P(CliRunEitherWay, PassesAnyBytes) {
+    TRow row = Job();
+    row.name = "a \xff task\n";
+    row.program = "/bin/echo";
+    row.parameters = "\xc3\xa4 \xfe \"\\ \t" + fs::current_path().string();
+    WriteTable({row});
+    StartHost();
+    const TToolRun run = RunTool({"run", row.name, "--wait", "--force"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_THAT(run.output, HasSubstr('\n' + row.parameters + '\n'));
+}
+
+// A request for it does not fit, so that the caller launches it.
+TEST_P(CliRunEitherWay, LaunchesATaskWithTheLongestStrings) {
+    TRow row = Job();
+    row.name = std::string(1'000'000, '\x01');
+    row.program = "/bin/echo";
+    row.parameters = std::string(131'071, 'p');
+    WriteTable({row});
+    StartHost();
+    CForkedChild client(
+        [&] { return vxsched::CStore({}).Run(row.name, true, true).status == 0 ? 42 : 1; });
+    EXPECT_EQ(client.Wait(), 42);
+}
+
+// ---- What programs do ---------------------------------------------------------------------------
+
+TEST_P(CliRunEitherWay, ProgramThatReadsItsInputGetsNone) {
+    WriteJob("cat; echo end");
+    StartHost();
+    const TToolRun run = RunTool({"run", "job", "--wait"}, {}, "typed");
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_EQ(OutputOfProgram(run), "end\n");
+}
+
+TEST_P(CliRunEitherWay, OutputIsThatOfBothStreamsInTheirOrder) {
+    WriteJob("echo one; echo two >&2; echo three");
+    StartHost();
+    EXPECT_EQ(OutputOfProgram(RunTool({"run", "job", "--wait"})), "one\ntwo\nthree\n");
+}
+
+TEST_P(CliRunEitherWay, OutputOfAHundredMegabytesIsCountedAndItsEndShown) {
+    WriteJob("head -c 100000000 /dev/zero | tr '\\0' x; echo; echo end; exit 4");
+    StartHost();
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_EQ(run.status, 1) << run.error;
+    EXPECT_THAT(OutputOfProgram(run), EndsWith("x\nend\n"));
+    EXPECT_THAT(run.output, EndsWith("\njob exited with status 4\n"));
+    EXPECT_EQ(LastRecord().at("outputBytes"), 100'000'005);
+}
+
+TEST_P(CliRunEitherWay, ProgramThatIsKilledIsReported) {
+    WriteJob("echo before; kill -KILL $$");
+    StartHost();
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(OutputOfProgram(run), "before\n");
+    EXPECT_THAT(run.output, EndsWith("job was killed by SIGKILL\n"));
+    EXPECT_EQ(LastRecord().at("signal"), SIGKILL);
+}
+
+// What it leaves behind writes nothing, or without end, and so overwrites what is kept of the
+// output.
+TEST_P(CliRunEitherWay, WhatAProgramLeavesBehindIsNotWaitedFor) {
+    for (const std::string left : {"sleep 1000", "yes"}) {
+        fs::remove("left");
+        WriteJob("echo begin; " + left + " & echo $! > left; exit 6");
+        if (!host)
+            StartHost();
+        const TToolRun run = RunTool({"run", "job", "--wait"});
+        kill(ReadPid("left"), SIGKILL);
+        EXPECT_EQ(run.status, 1);
+        if (left != "yes") {
+            EXPECT_EQ(OutputOfProgram(run), "begin\n");
+        }
+        EXPECT_THAT(run.output, EndsWith("job exited with status 6\n"));
+        EXPECT_EQ(LastRecord().at("status"), 6);
+    }
+}
+
+TEST_P(CliRunEitherWay, ProgramThatIsStoppedFromElsewhereIsReported) {
+    WriteJob("trap 'echo bye; exit 5' TERM; echo begun; while :; do sleep 0.01; done");
+    StartHost();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    ASSERT_TRUE(run.WaitForOutput("begun\n"));
+    EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
+    EXPECT_EQ(run.Wait(), 1);
+    EXPECT_THAT(run.Output(), EndsWith("bye\njob exited with status 5\n"));
+    EXPECT_NE(LastRecord().at("stoppedBy"), "");
+}
+
+TEST_P(CliRunEitherWay, InterruptedWaitLeavesTheProgramRunning) {
+    WriteJob("echo begun; while [ ! -e end ]; do sleep 0.01; done; exit 7");
+    StartHost();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    ASSERT_TRUE(run.WaitForOutput("begun\n"));
+    run.Kill(SIGINT);
+    EXPECT_EQ(run.Wait(), 1000 + SIGINT);
+    EXPECT_THAT(run.Output(), HasSubstr("interrupted; process "));
+    EXPECT_THAT(run.Output(), HasSubstr("keeps running"));
+    WriteFile("end", "");
+    WaitUntil([] { return !Records().empty(); });
+    EXPECT_EQ(LastRecord().at("status"), 7);
+}
+
+TEST_P(CliRunEitherWay, RunWhoseRunnerIsKilledHasFailed) {
+    WriteJob("echo $PPID > runner; echo $$ > program; sleep 1000");
+    StartHost();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    ASSERT_TRUE(run.WaitForOutput("started job"));
+    const pid_t program = ReadPid("program");
+    kill(ReadPid("runner"), SIGKILL);
+    EXPECT_EQ(run.Wait(), 1);
+    EXPECT_THAT(run.Output(), HasSubstr("the runner of process " + std::to_string(program) +
+                                        " was killed: how the program ends is not known"));
+    kill(-program, SIGKILL);
+    if (!host)
+        return;
+    WaitUntil([] { return !Records().empty(); });
+    EXPECT_EQ(LastRecord().at("outcome"), "runner died");
+}
+
+TEST_P(CliRunEitherWay, WithoutAHistoryTheEndIsNotKnown) {
+    WriteJob("echo done");
+    if (GetParam())
+        host = std::make_unique<CHost>(HostWith({"--history-size", "0"}));
+    else
+        fs::create_directory(cHistory);
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_NE(run.status, 0);
+    EXPECT_THAT(run.output, EndsWith("\ndone\n"));
+    EXPECT_THAT(run.error, testing::AnyOf(HasSubstr("there is no record of how"),
+                                          HasSubstr("it is not a file"),
+                                          HasSubstr("history.jsonl: Is a directory")));
+}
+
+// ---- Several at once ----------------------------------------------------------------------------
+
+TEST_P(CliRunEitherWay, OfTwoAtOnceOneIsRefused) {
+    WriteJob("echo $$ >> runs; while [ ! -e end ]; do sleep 0.01; done");
+    StartHost();
+    CProgram one({TOOL_PROGRAM, "run", "job"});
+    CProgram other({TOOL_PROGRAM, "run", "job"});
+    EXPECT_EQ(one.Wait() + other.Wait(), 1) << one.Output() << other.Output();
+    EXPECT_THAT(one.Output() + other.Output(), HasSubstr("running already"));
+    WaitUntil([] { return fs::exists("runs") && !Lines("runs").empty(); });
+    WriteFile("end", "");
+    WaitUntil([] { return Records().size() == 1; });
+    EXPECT_EQ(Lines("runs").size(), 1U);
+}
+
+TEST_P(CliRunEitherWay, ThoseThatAreForcedAreEachRecorded) {
+    WriteJob("echo $$");
+    StartHost();
+    std::vector<std::unique_ptr<CProgram>> runs;
+    for (int number = 0; number < 8; ++number)
+        runs.push_back(std::make_unique<CProgram>(
+            std::vector<std::string>{TOOL_PROGRAM, "run", "job", "--force", "--wait"}));
+    std::set<std::string> printed;
+    for (const auto& run : runs) {
+        EXPECT_EQ(run->Wait(), 0) << run->Output();
+        const std::size_t begin = run->Output().find('\n') + 1;
+        printed.insert(run->Output().substr(begin, run->Output().find('\n', begin) - begin));
+    }
+    std::set<std::string> recorded;
+    for (const TJson& record : Records())
+        recorded.insert(record.at("process").dump());
+    EXPECT_EQ(recorded.size(), 8U);
+    EXPECT_EQ(printed, recorded) << "each has shown the output of its own";
+}
+
+// A client that runs a task and a tick that launches it exclude each other.
+TEST_F(CliRun, WhileTheScheduleLaunchesTheSameTaskBothAreRecorded) {
+    WriteJob("echo run");
+    CHost host;
+    constexpr int cTimes = 5;
+    for (int time = 0; time < cTimes; ++time) {
+        CProgram run({TOOL_PROGRAM, "run", "job", "--force", "--wait"});
+        Output({"edit", "job", "--at", "now"});
+        EXPECT_EQ(run.Wait(), 0) << run.Output();
+        EXPECT_THAT(run.Output(), HasSubstr("\nrun\n"));
+        WaitUntil([] { return ReadTable().at(0).next > std::time(nullptr); });
+    }
+    WaitUntil([] { return Records().size() == 2 * cTimes; });
+    int scheduled = 0;
+    for (const TJson& record : Records()) {
+        EXPECT_EQ(record.at("status"), 0);
+        EXPECT_EQ(record.at("trigger"), record.at("due").is_null() ? "manual" : "schedule");
+        scheduled += record.at("due").is_null() ? 0 : 1;
+    }
+    EXPECT_EQ(scheduled, cTimes);
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// ---- The end of the host ------------------------------------------------------------------------
+
+TEST_F(CliRun, OutlivesTheHostAndItsEndIsReported) {
+    for (const int signal : {SIGKILL, SIGTERM}) {
+        fs::remove("end");
+        fs::remove(cHistory);
+        WriteJob("echo begun; while [ ! -e end ]; do sleep 0.01; done; echo late; exit 8");
+        CHost host;
+        CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+        ASSERT_TRUE(run.WaitForOutput("begun\n"));
+        host.Kill(signal);
+        host.Wait();
+        WriteFile("end", "");
+        EXPECT_EQ(run.Wait(), 1);
+        EXPECT_THAT(run.Output(), EndsWith("begun\nlate\njob exited with status 8\n"));
+        EXPECT_EQ(LastRecord().at("status"), 8);
+        EXPECT_EQ(Records().size(), 1U);
+    }
+}
+
+// The kernel reports to the client that nobody has read its request.
+TEST_F(CliRun, IsLaunchedByTheCallerIfTheHostIsKilledBeforeItReadsTheRequest) {
+    WriteJob("echo run >> runs; echo done");
+    auto control = std::make_unique<CControl>();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    {
+        const CDescriptor client = control->Accept();
+        char byte = 0;
+        EXPECT_EQ(recv(client.Get(), &byte, 1, MSG_PEEK), 1);
+        control.reset();
+    }
+    EXPECT_EQ(run.Wait(), 0) << run.Output();
+    EXPECT_THAT(run.Output(), EndsWith("\ndone\njob exited with status 0\n"));
+    EXPECT_EQ(Lines("runs").size(), 1U);
+}
+
+TEST_F(CliRun, IsNotLaunchedASecondTimeIfTheHostDoesNotAnswer) {
+    WriteJob("echo run >> runs");
+    for (const char* const answer : {"", "half an answer", "no answer\n", "{\"version\":2}\n"}) {
+        const CControl control;
+        CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+        {
+            const CDescriptor client = control.Accept();
+            const TJson request = TJson::parse(CControl::ReadRequest(client));
+            EXPECT_EQ(request.at("version"), 1);
+            EXPECT_EQ(request.at("request"), "run");
+            EXPECT_EQ(request.at("task"), "job");
+            EXPECT_EQ(request.at("program"), "/bin/sh");
+            EXPECT_EQ(request.at("parameter"), fs::absolute("script").string());
+            EXPECT_EQ(send(client.Get(), answer, std::strlen(answer), MSG_NOSIGNAL),
+                      static_cast<ssize_t>(std::strlen(answer)));
+        }
+        EXPECT_EQ(run.Wait(), 9) << answer;
+        EXPECT_THAT(run.Output(), HasSubstr("whether \"job\" was launched is not known"));
+        EXPECT_THAT(run.Output(), HasSubstr("see vxsched history job"));
+        fs::remove(vxsched::cControlSocket);
+    }
+    EXPECT_FALSE(fs::exists("runs"));
+    EXPECT_EQ(ReadTable().at(0).last, 0);
+}
+
+// The client holds the store mutex meanwhile, so it does not wait for long.
+TEST_F(CliRun, IsNotLaunchedASecondTimeIfTheHostIsSilent) {
+    WriteJob("echo run >> runs");
+    const CControl control;
+    CProgram run({TOOL_PROGRAM, "run", "job"});
+    const CDescriptor client = control.Accept();
+    CControl::ReadRequest(client);
+    EXPECT_EQ(run.Wait(), 9);
+    EXPECT_THAT(run.Output(), HasSubstr("is not known: the host has not answered"));
+    EXPECT_FALSE(fs::exists("runs"));
+}
+
+TEST_F(CliRun, ReportsTheErrorOfTheHost) {
+    WriteJob("echo run >> runs");
+    const CControl control;
+    CProgram run({TOOL_PROGRAM, "run", "job"});
+    {
+        const CDescriptor client = control.Accept();
+        CControl::ReadRequest(client);
+        const std::string answer = "{\"version\":1,\"error\":7,\"message\":\"too long\"}\n";
+        EXPECT_EQ(write(client.Get(), answer.data(), answer.size()),
+                  static_cast<ssize_t>(answer.size()));
+    }
+    EXPECT_EQ(run.Wait(), 1);
+    EXPECT_THAT(run.Output(), HasSubstr("cannot launch \"/bin/sh\": too long"));
+    EXPECT_FALSE(fs::exists("runs"));
+}
+
+// ---- The host -----------------------------------------------------------------------------------
+
+// As many clients as it likes, and nobody who talks too much, keep it from its work.
+TEST_F(CliRun, HostLaunchesOnTimeWhileItsSocketIsMisused) {
+    WriteJob("echo run");
+    CHost host;
+    std::vector<CDescriptor> clients;
+    for (int number = 0; number < 1000; ++number) {
+        CDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        std::strcpy(address.sun_path, vxsched::cControlSocket);
+        ASSERT_EQ(connect(client.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        static_cast<void>(send(client.Get(), "half a line", 11, MSG_NOSIGNAL | MSG_DONTWAIT));
+        if (number % 100 == 0) {
+            const std::string line(10'000'000, 'x');
+            EXPECT_LT(send(client.Get(), line.data(), line.size(), MSG_NOSIGNAL),
+                      static_cast<ssize_t>(line.size()))
+                << "the host closes the connection";
+        }
+        if (clients.size() < 500)
+            clients.push_back(std::move(client));
+    }
+    EXPECT_THAT(Output({"run", "job", "--wait"}), HasSubstr("\nrun\n"));
+    Output({"edit", "job", "--at", "now"});
+    WaitUntil([] { return Records().size() == 2; });
+    EXPECT_EQ(Records().at(0).at("trigger"), "manual");
+    EXPECT_EQ(Records().at(1).at("trigger"), "schedule");
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_FALSE(fs::exists(vxsched::cControlSocket));
+}
+
+// ---- Users --------------------------------------------------------------------------------------
+
+TEST_F(CliRun, OfTheSuperuserInAForeignStoreIsLaunchedByTheOwnersHost) {
+    REQUIRE_SUPERUSER();
+    WriteJob("id -u; cut -d ' ' -f 4 /proc/$PPID/stat");
+    ASSERT_EQ(chmod("script", 0644), 0);
+    GiveStoreTo(cForeignUser);
+    std::vector<std::string> command = {"/usr/bin/setpriv",           "--reuid",
+                                        std::to_string(cForeignUser), "--regid",
+                                        std::to_string(cForeignUser), "--clear-groups"};
+    for (const std::string& argument : HostWith({}))
+        command.push_back(argument);
+    CHost host(command);
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_EQ(OutputOfProgram(run),
+              std::to_string(cForeignUser) + '\n' + std::to_string(host.Id()) + '\n');
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+// The owner's host launches it, as the owner.
+TEST_F(CliRun, OfAMemberOfTheGroupRunsAsTheOwner) {
+    REQUIRE_SUPERUSER();
+    ASSERT_TRUE(EnterUserDatabase());
+    WriteJob("id -un");
+    ASSERT_EQ(chmod("script", 0644), 0);
+    CProgram shell({"/bin/sh", "-c",
+                    "chown -R keeper:team . && chmod -R g+rwX . && "
+                    "find . -type d -exec chmod g+s {} +"});
+    ASSERT_EQ(shell.Wait(), 0) << shell.Output();
+    CHost host(As(cKeeper, HostWith({})));
+    CProgram run(As(cMember, {TOOL_PROGRAM, "run", "job", "--wait"}));
+    EXPECT_EQ(run.Wait(), 0) << run.Output();
+    EXPECT_THAT(run.Output(), HasSubstr("\nkeeper\n"));
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
 }

@@ -1,0 +1,87 @@
+#include "client/change/HostLaunch.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "base/CDeadline.h"
+#include "base/CDescriptor.h"
+#include "base/WriteAll.h"
+#include "store/Layout.h"
+
+namespace vxsched {
+
+namespace {
+
+constexpr std::chrono::seconds cLimit(5);
+
+// Closed if nobody listens. A blocked connect() or send() ends after the limit.
+CDescriptor Connect() {
+    CDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval limit{.tv_sec = cLimit.count(), .tv_usec = 0};
+    setsockopt(made.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    static_assert(sizeof cControlSocket <= sizeof address.sun_path);
+    std::memcpy(address.sun_path, cControlSocket, sizeof cControlSocket);
+    if (connect(made.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+        return CDescriptor();
+    return made;
+}
+
+// Reads up to a line break. Returns an error number: 0, ETIMEDOUT, EPROTO if the host has closed
+// the connection, or that of recv().
+int ReadLine(const CDescriptor& socket, std::string& line) {
+    const CDeadline deadline(cLimit);
+    for (;;) {
+        pollfd input{.fd = socket.Get(), .events = POLLIN, .revents = 0};
+        const timespec left = deadline.TimeLeft();
+        const int ready = ppoll(&input, 1, &left, nullptr);
+        if (ready == 0)
+            return ETIMEDOUT;
+        std::array<char, 4096> block{};
+        const ssize_t count = ready == -1 ? -1 : recv(socket.Get(), block.data(), block.size(), 0);
+        if (count == 0)
+            return EPROTO;
+        if (count == -1 && errno == EINTR)
+            continue;
+        if (count == -1)
+            return errno;
+        line.append(block.data(), static_cast<std::size_t>(count));
+        if (const std::size_t end = line.find('\n'); end != std::string::npos) {
+            line.resize(end);
+            return 0;
+        }
+        if (line.size() > cLongestMessage)
+            return EPROTO;
+    }
+}
+
+}  // namespace
+
+std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request) {
+    const std::string message = EncodeRequest(request);
+    if (message.size() > cLongestMessage)
+        return {};
+    const CDescriptor socket = Connect();
+    // The host does nothing before it has the end of the line.
+    if (!socket.IsOpen() || !SendAll(socket.Get(), message))
+        return {};
+    std::string line;
+    const int error = ReadLine(socket, line);
+    // The host has closed the connection, or was killed, before it had read the request.
+    if (error == ECONNRESET)
+        return {};
+    if (error != 0)
+        return THostAnswer();
+    const std::optional<TLaunchAnswer> answer = DecodeAnswer(line);
+    return THostAnswer{.isKnown = answer.has_value(), .answer = answer.value_or(TLaunchAnswer())};
+}
+
+}  // namespace vxsched
