@@ -21,6 +21,8 @@
 #include <system_error>
 
 #include "base/CDescriptor.h"
+#include "runs/COutputReader.h"
+#include "runs/HistoryReader.h"
 #include "store/Backups.h"
 #include "store/CStoreMutexLock.h"
 #include "store/Layout.h"
@@ -40,6 +42,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char cProgram[] = PROGRAMS "/append-text";
+constexpr char cPrintingProgram[] = PROGRAMS "/append-and-print";
 constexpr char cRefusal[] = "no processes";  // while it is there, launches of a host are refused
 
 // What a scenario consists of. The functions run in the test's process.
@@ -177,6 +180,7 @@ void CheckTable(TTables& tables, const CTracedProgram& traced, int status) {
 
 // The job runs at most once, and has run if the table or the command say so.
 void CheckRun(const CTracedProgram& traced, int status) {
+    WaitUntil([] { return CountIn("files/running", "") == 0; });
     const std::size_t runs = CountLines("job.log");
     EXPECT_LE(runs, 1U);
     const TRows rows = ReadTable();
@@ -344,17 +348,36 @@ TFormerHost LeaveFormerHost() {
     host.Kill(SIGKILL);
     host.Wait();
     fs::remove_all("killed");
+    fs::remove("files/control");  // a socket cannot be copied
     fs::rename("files", "killed");
     return former;
 }
 
 // Two tasks that the former host left due, two that no host was there for, and one that is not due.
 TRows TableOfHost(std::int64_t due) {
-    return {{"daily", due, 0, 24, cProgram, "daily.log", 0},
-            {"once", due, 0, 0, cProgram, "once.log", 0},
-            {"missed", due - 1'000'000, 0, 24, cProgram, "missed.log", 0},
-            {"missed once", due - 1'000'000, 0, 0, cProgram, "missed.log", 0},
+    return {{"daily", due, 0, 24, cPrintingProgram, "daily.log", 0},
+            {"once", due, 0, 0, cPrintingProgram, "once.log", 0},
+            {"missed", due - 1'000'000, 0, 24, cPrintingProgram, "missed.log", 0},
+            {"missed once", due - 1'000'000, 0, 0, cPrintingProgram, "missed.log", 0},
             Row("far")};
+}
+
+// The record of the one run that a task had for a due time.
+TRunRecord OnlyRun(const std::string& task, std::int64_t due) {
+    std::vector<TRunRecord> runs = vxsched::ReadHistory(".", task).runs;
+    std::erase_if(runs, [&](const TRunRecord& run) {
+        return run.due != std::chrono::sys_seconds(std::chrono::seconds(due));
+    });
+    EXPECT_EQ(runs.size(), 1U) << task << ReadFile("files/history.jsonl");
+    return runs.empty() ? TRunRecord() : runs.front();
+}
+
+// The task's program has run to its end, and that is recorded with its output.
+void ExpectWholeRun(const std::string& task, const TRunRecord& run) {
+    EXPECT_EQ(run.outcome, TRunRecord::cExited) << task;
+    EXPECT_EQ(run.number, 0) << task;
+    EXPECT_EQ(CountLines(task + ".log"), 1U);
+    EXPECT_EQ(vxsched::COutputReader(run.output).Next(), task + ".log\n");
 }
 
 // After the next host, which launches what the killed one has not launched.
@@ -362,6 +385,9 @@ void CheckLaunches(std::int64_t due, bool hasMissed, const CTracedProgram& trace
     const std::string killed = ReadFile(cTable);
     const std::string output = traced.Output() + "\nthe next host:\n" + RunHostOnce();
     SCOPED_TRACE(output);
+    for (const char* const task : {"daily", "once"})
+        ExpectWholeRun(task, OnlyRun(task, due));
+    EXPECT_EQ(CountIn("files/running"), 0U);
     EXPECT_EQ(CountLines("daily.log"), 1U);
     EXPECT_EQ(CountLines("once.log"), 1U);
     EXPECT_EQ(CountLines("missed.log"), 0U);
@@ -377,23 +403,61 @@ void CheckLaunches(std::int64_t due, bool hasMissed, const CTracedProgram& trace
     ExpectNoUnfinishedFiles();
 }
 
+void PrepareForStartup(TFormerHost& former, bool isDamaged) {
+    if (former.since == 0)
+        former = LeaveFormerHost();
+    RemoveStore();
+    fs::copy("killed", "files", fs::copy_options::recursive);
+    const std::string bytes = BytesOf(TableOfHost(former.since - 5));
+    fs::remove_all("files/snapshots");
+    WriteFile("files/scheduler.dat.before", bytes);
+    WriteFile(cTable, isDamaged ? bytes.substr(0, 100) : bytes);
+}
+
 TScenario StartupScenario(const std::string& name, bool isDamaged) {
     const auto former = std::make_shared<TFormerHost>();
     return {.name = name,
             .command = HostWith({"--run-once"}),
-            .prepare =
-                [former, isDamaged] {
-                    if (former->since == 0)
-                        *former = LeaveFormerHost();
-                    RemoveStore();
-                    fs::copy("killed", "files", fs::copy_options::recursive);
-                    const std::string bytes = BytesOf(TableOfHost(former->since - 5));
-                    fs::remove_all("files/snapshots");
-                    WriteFile("files/scheduler.dat.before", bytes);
-                    WriteFile(cTable, isDamaged ? bytes.substr(0, 100) : bytes);
-                },
+            .prepare = [former, isDamaged] { PrepareForStartup(*former, isDamaged); },
             .check = [former](const CTracedProgram& traced,
                               int /*status*/) { CheckLaunches(former->since - 5, true, traced); }};
+}
+
+// After the kill of a runner whose host goes on, and the next host. What became of the program is
+// open; no other run is concerned.
+void CheckAfterRunner(std::int64_t due, const CTracedProgram& traced) {
+    const std::string output = traced.Output() + "\nthe next host:\n" + RunHostOnce();
+    SCOPED_TRACE(output);
+    int died = 0;
+    for (const char* const task : {"daily", "once"}) {
+        const TRunRecord run = OnlyRun(task, due);
+        if (run.outcome != TRunRecord::cRunnerDied) {
+            ExpectWholeRun(task, run);
+            continue;
+        }
+        ++died;
+        EXPECT_LE(CountLines(std::string(task) + ".log"), 1U);
+    }
+    EXPECT_LE(died, traced.IsKilled() ? 1 : 0);
+    EXPECT_EQ(CountIn("files/running"), 0U);
+    EXPECT_EQ(NamesInTable(), "daily missed far");
+    EXPECT_EQ(ReadTable().at(0).next, due + 24L * 3600);
+    ExpectAnotherCommandWorks("far");
+    ExpectNoUnfinishedFiles();
+}
+
+// The runner of the first program that a host launches.
+TScenario RunnerScenario() {
+    const auto former = std::make_shared<TFormerHost>();
+    return {.name = "Runner",
+            .victim = CTracedProgram::cItsChild,
+            .command = HostWith({"--run-once"}),
+            .prepare = [former] { PrepareForStartup(*former, false); },
+            .check =
+                [former](const CTracedProgram& traced, int status) {
+                    EXPECT_EQ(status, 0) << traced.Output();
+                    CheckAfterRunner(former->since - 5, traced);
+                }};
 }
 
 // A host that is idle after its startup.
@@ -525,6 +589,7 @@ std::int64_t LeaveOwedLaunches() {
     host.Wait();
     fs::remove(cRefusal);
     fs::remove_all("owing");
+    fs::remove("files/control");  // a socket cannot be copied
     fs::rename("files", "owing");
     return due;
 }
@@ -657,6 +722,7 @@ std::vector<TScenario> Scenarios() {
         OnAWedgedMutex("Repair", command, {"repair"}),
         StartupScenario("Startup", false),
         StartupScenario("StartupOnADamagedTable", true),
+        RunnerScenario(),
         TickScenario(),
         GuardScenario(),
         StopScenario(),
