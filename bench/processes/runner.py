@@ -1,0 +1,113 @@
+"""Measures what the runner costs: runner.py BUILD RESULT.json [--quick]
+
+Launches a small program through vxrun and directly, alternately, from start to end; and has two hosts, of which one has
+no vxrun next to it, launch 10, 100 and 1,000 jobs that are due at once, one host after the other; with --quick only the
+10. A job records the time at which it runs. RESULT.json gets the time of each launch and, for each burst, the time from
+the due second to the last job.
+"""
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+import isolation
+
+SIZES = (10, 100, 1000)
+SECOND = 1_000_000_000
+LONGEST = 60  # seconds until the last job of a burst runs
+WAYS = ("vxrun", "direct")
+
+
+def launch(build, way):
+    """The nanoseconds of one launch, by the clock and of processor time."""
+    program = os.path.join(build, "bench", "static_program")
+    command = [os.path.join(build, "bin", "vxrun"), program] if way == "vxrun" else [program]
+    reader, writer = os.pipe()
+    os.set_inheritable(writer, True)
+    environment = {**isolation.ENVIRONMENT, "VXSCHED_TASK": "job", "VXSCHED_DUE": "0",
+                   "VXSCHED_RUN": "1 %d schedule 1048576 1048576 0" % writer}
+    begin = time.monotonic_ns()
+    process = os.posix_spawn(command[0], command, environment)
+    _, status, usage = os.wait4(process, 0)
+    end = time.monotonic_ns()
+    os.close(reader)
+    os.close(writer)
+    if status != 0:
+        sys.exit("runner.py: %s ended with %d" % (command, status))
+    return end - begin, int((usage.ru_utime + usage.ru_stime) * SECOND)
+
+
+def launches(build, scratch, count):
+    os.chdir(scratch)
+    os.mkdir("files")
+    results = []
+    for _ in range(count):
+        for way in WAYS:
+            real, cpu = launch(build, way)
+            results.append({"run_name": "runner/launch/" + way, "run_type": "iteration", "real_time": real,
+                            "cpu_time": cpu})
+    return results
+
+
+def host_of(build, scratch, way):
+    if way == "vxrun":
+        return os.path.join(build, "bin", "vxschedd")
+    os.makedirs(os.path.join(scratch, "bin"), exist_ok=True)
+    host = os.path.join(scratch, "bin", "vxschedd")
+    if not os.path.exists(host):
+        shutil.copy(os.path.join(build, "bin", "vxschedd"), host)
+        os.symlink(os.path.join(build, "lib"), os.path.join(scratch, "lib"))
+    return host
+
+
+def burst(build, scratch, way, size):
+    """The nanoseconds from the due second to the last job."""
+    store = os.path.join(scratch, "%s-%d" % (way, size))
+    os.makedirs(os.path.join(store, "files"), mode=0o700)
+    due = int(time.time()) + 5
+    record = os.path.join(store, "times")
+    tasks = [{"name": "job %d" % number, "next": due, "last": 0, "period": 24, "paused": False, "parameter": record,
+              "program": os.path.join(build, "bench", "record_start")} for number in range(size)]
+    subprocess.run([os.path.join(build, "bin", "vxsched"), "--directory", store, "import"], text=True, check=True,
+                   input=json.dumps({"version": 1, "tasks": tasks}), stdout=subprocess.DEVNULL)
+    addin = os.path.join(build, "lib", "libVantrixScheduler.so")
+    host = subprocess.Popen([host_of(build, scratch, way), "--directory", store, "--addin", addin],
+                            stderr=subprocess.DEVNULL, env=isolation.ENVIRONMENT)
+    times = []
+    while len(times) < size and time.time() < due + LONGEST:
+        time.sleep(0.5)
+        if os.path.exists(record):
+            with open(record) as file:
+                times = [int(line) - due * SECOND for line in file]
+    host.terminate()
+    host.wait()
+    if len(times) != size:
+        sys.exit("runner.py: %d jobs ran instead of %d" % (len(times), size))
+    return max(times)
+
+
+def main():
+    arguments = [argument for argument in sys.argv[1:] if argument != "--quick"]
+    if len(arguments) != 2:
+        sys.exit(__doc__)
+    build, result = map(os.path.abspath, arguments)
+    is_quick = len(arguments) < len(sys.argv) - 1
+    isolation.enter()
+    scratch = tempfile.mkdtemp(prefix="bench-")
+    try:
+        results = launches(build, scratch, 3 if is_quick else 300)
+        for size in SIZES[:1] if is_quick else SIZES:
+            for way in WAYS:
+                results.append({"run_name": "runner/last/%s/%d" % (way, size), "run_type": "iteration",
+                                "real_time": burst(build, scratch, way, size)})
+    finally:
+        os.chdir("/")
+        shutil.rmtree(scratch, ignore_errors=True)
+    with open(result, "w") as file:
+        json.dump({"context": {}, "benchmarks": results}, file, indent=0)
+
+
+main()
