@@ -7,7 +7,6 @@
 #include <malloc.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,6 +25,7 @@
 #include <vxsched/Table.h>
 #include "base/SignalName.h"
 #include "base/Sync.h"
+#include "base/Umask.h"
 #include "control/Messages.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
@@ -77,15 +77,6 @@ static void OpenStandardDescriptors() {
     } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
     if (descriptor >= 0)
         close(descriptor);
-}
-
-// Has files and those of launched programs made for their owner to use, and for nobody else to write.
-// What the umask keeps from others besides, it still does.
-static void RestrictUmask() {
-    const mode_t former = umask(S_IWGRP | S_IWOTH);
-    // One that takes from the owner as well is a mistake, or nobody's choice.
-    if ((former & S_IRWXU) == 0)
-        umask(former | S_IWGRP | S_IWOTH);
 }
 
 // The guard to notify when the add-in has lost its tasks. The add-in may lose them before there is

@@ -19,6 +19,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
 #include "base/Sync.h"
+#include "base/Umask.h"
 #include "base/WriteAll.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
@@ -374,6 +375,7 @@ void Serve(TRequest& request) {
 }
 
 int Main() {
+    RestrictUmask();
     gClient = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);

@@ -519,6 +519,20 @@ TEST(HostFiles, OfProgramsAreForTheOwnerToWrite) {
     }
 }
 
+// As those of programs that a host launches.
+TEST(HostFiles, OfProgramsThatRunWithoutAHostAreForTheOwnerToWrite) {
+    const std::vector<std::pair<std::string, unsigned int>> modes = {
+        {"0", 0644}, {"0277", 0644}, {"027", 0640}};
+    fs::create_directory("files");
+    for (const auto& [mask, mode] : modes) {
+        const std::string file = "with-" + mask;
+        WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/append-text", file, 0}});
+        CProgram run(WithUmask(mask, {TOOL_PROGRAM, "run", "a", "--wait"}));
+        EXPECT_EQ(run.Wait(), 0) << run.Output();
+        EXPECT_EQ(ModeOf(file), mode) << mask;
+    }
+}
+
 // Another user who may read the directory locks it, works in it, or both.
 TEST(HostImpostor, IsNotTakenForTheHost) {
     REQUIRE_SUPERUSER();
