@@ -9,6 +9,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/RunningPrograms.h>
 #include <vxsched/Validation.h>
+#include "runs/CRunningFile.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/OwedLaunches.h"
@@ -92,9 +93,20 @@ void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
                         "recorded by its name; start a scheduling process first, and leave out "
                         "--even-if-due, or give the task a new due time as well",
                         task.name);
+}
+
+// A process that was launched by somebody else has no run; one that has executed another program since,
+// as a script that ends in exec, is known by its run alone.
+void CheckNotRunning(const std::filesystem::path& directory, const TTaskEntry& task,
+                     const TCall& call) {
     if (!call.mustNotRun)
         return;
-    const std::vector<pid_t> running = FindRunning(LaunchedPath(task.program), task.parameter);
+    std::vector<pid_t> running = FindRunning(LaunchedPath(task.program), task.parameter);
+    for (const TRunning& run : FindRunningRuns(directory, task.name)) {
+        // Of one that has ended, the runner is about to record that.
+        if (run.run.outcome == TRunRecord::cRunnerDied)
+            running.push_back(run.run.process != 0 ? run.run.process : run.runner);
+    }
     if (!running.empty())
         throw MakeError(EError::cRefused,
                         "task \"{}\" is running already, as process {}; wait for its end, or force "
@@ -109,8 +121,10 @@ void CheckCalls(const TTable& table, const TRequest& request) {
         CheckName(table, call);
         CheckOwed(".", call);
         const TTaskEntry* const task = table.Find(call.task.name);
-        if (task != nullptr)
-            CheckState(*task, call, request.evenIfDue);
+        if (task == nullptr)
+            continue;
+        CheckState(*task, call, request.evenIfDue);
+        CheckNotRunning(".", *task, call);
     }
 }
 

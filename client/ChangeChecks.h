@@ -20,6 +20,11 @@ void CheckCalls(const TTable& table, const TRequest& request);
 // it for dry runs.
 void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue);
 
+// Throws CError (cRefused) if the call is for a task that does not run, and that one is running. Needs
+// no lock.
+void CheckNotRunning(const std::filesystem::path& directory, const TTaskEntry& task,
+                     const TCall& call);
+
 // Throws CError (cRefused) if a launch of the task is owed that the call would cancel. Needs no lock.
 void CheckOwed(const std::filesystem::path& directory, const TCall& call);
 

@@ -16,7 +16,7 @@ struct TCall {
     // Conditions; if one does not hold, no call of the request is made.
     bool mustBeNew = false;
     bool mustExist = true;
-    bool mustNotRun = false;    // no process of the task's program is running
+    bool mustNotRun = false;    // no run of the task goes on, and no process of its program
     bool mustBeAsSeen = false;  // the task in the table equals `seen`
     TTaskEntry seen;
     // How the call is made.

@@ -355,7 +355,10 @@ static int WaitForStatus(const std::filesystem::path& directory, const TRun& run
 
 void CStore::CheckRun(std::string_view name, bool force) const {
     const TTaskEntry task = Get(name);
-    CheckState(task, RunCall(options.directory, task, force), options.evenIfDue);
+    const TCall call = RunCall(options.directory, task, force);
+    const COwnerAccess ownerAccess(options.directory);
+    CheckState(task, call, options.evenIfDue);
+    CheckNotRunning(options.directory, task, call);
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,

@@ -144,9 +144,9 @@ public:
     // nothing of the caller's. Its output and its end are recorded as those of any run. With
     // `waitForEnd` the call waits for the program's end without limit. `onLaunch`, if set, is
     // called right after the launch, on the calling thread; it must not throw. Throws cNotFound,
-    // cRefused if the program cannot be launched as it is named or, without `force`, if it is still
-    // running, cFailed if the launch failed or its end is not known, and cUnknown if the host ended
-    // before it reported whether the program was launched.
+    // cRefused if the program cannot be launched as it is named or, without `force`, if a run of
+    // the task or its program is running, cFailed if the launch failed or its end is not known, and
+    // cUnknown if the host ended before it reported whether the program was launched.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
              const std::function<void(const TRun&)>& onLaunch = {}) const;
 

@@ -27,6 +27,7 @@
 #include "HostProgram.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
+#include "runs/CRunningFile.h"
 #include "runs/RunRecord.h"
 #include "store/Layout.h"
 
@@ -378,6 +379,24 @@ TEST_P(CliRunEitherWay, OfTwoAtOnceOneIsRefused) {
     WriteFile("end", "");
     WaitUntil([] { return Records().size() == 1; });
     EXPECT_EQ(Lines("runs").size(), 1U);
+}
+
+// By its own program a process of such a script is not known as the task's.
+TEST_P(CliRunEitherWay, OfAScriptThatHasBecomeAnotherProgramIsRefused) {
+    WriteJob("exec " PROGRAMS "/wait-for-it " + fs::absolute("end").string());
+    StartHost();
+    CProgram first({TOOL_PROGRAM, "run", "job"});
+    EXPECT_EQ(first.Wait(), 0) << first.Output();
+    WaitUntil([] { return !vxsched::FindRunningRuns(".", "job").empty(); });
+    const std::string process =
+        std::to_string(vxsched::FindRunningRuns(".", "job").at(0).run.process);
+    WaitUntil([&] { return ReadFile("/proc/" + process + "/comm") == "wait-for-it\n"; });
+    ExpectRefused(1, "task \"job\" is running already, as process " + process, {"run", "job"});
+    ExpectRefused(1, "task \"job\" is running already", {"run", "job", "--dry-run"});
+    Output({"run", "job", "--force"});
+    WriteFile("end", "");
+    WaitUntil([] { return Records().size() == 2; });
+    Output({"run", "job", "--wait"});
 }
 
 TEST_P(CliRunEitherWay, ThoseThatAreForcedAreEachRecorded) {
