@@ -10,6 +10,7 @@
 #include <vxsched/SchedulingProcess.h>
 #include "base/CDeadline.h"
 #include "client/CChangeProcess.h"
+#include "client/ChangeChecks.h"
 #include "client/LibraryDirectory.h"
 #include "store/Backups.h"
 #include "store/COwnerAccess.h"
@@ -187,16 +188,20 @@ private:
     TAttempt made;
 };
 
+CError NobodyLaunches(const std::string& due) {
+    return MakeError(EError::cNoScheduler,
+                     "task \"{}\" is due and there is no scheduling process to launch it; start "
+                     "a scheduling process, or allow changes while tasks are due "
+                     "(--even-if-due), which leaves it due",
+                     due);
+}
+
 // Wakes the scheduling process until it has launched and rescheduled every due task. Throws CError
 // (cNoScheduler, cBusy).
 void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (!scheduler)
-        throw MakeError(EError::cNoScheduler,
-                        "task \"{}\" is due and there is no scheduling process to launch it; start "
-                        "a scheduling process, or allow changes while tasks are due "
-                        "(--even-if-due), which leaves it due",
-                        due);
+        throw NobodyLaunches(due);
     const CDeadline total(cMostTimeouts * options.lockTimeout);
     CDeadline progress(options.lockTimeout);
     CDeadline restart(cRestartLimit);
@@ -372,6 +377,19 @@ void RequireSharedStore(const TStoreOptions& options) {
                         "the scheduling process, {}, runs in another IPC namespace: it would not "
                         "notice a change and would overwrite it; run this in the same namespace",
                         scheduler->Name());
+}
+
+void CheckChange(const TStoreOptions& options, const std::vector<TCall>& calls) {
+    RequireSharedStore(options);
+    const COwnerAccess ownerAccess(options.directory);
+    const TTable table = ReadTable(options.directory, options.lockTimeout);
+    TRequest request;
+    request.evenIfDue = options.evenIfDue;
+    request.calls = calls;
+    const TTaskEntry* const due = FindDue(table, request);
+    if (due != nullptr && !FindSchedulingProcess(options.directory))
+        throw NobodyLaunches(due->name);
+    CheckCalls(options.directory, table, request);
 }
 
 void WaitForTheTicksEnd(const TStoreOptions& options) {

@@ -51,6 +51,10 @@ struct TChange {
     std::function<void(const TRun&)> onLaunch = {};
 };
 
+// Throws what MakeChange() would throw before it begins, without a change: for dry runs. A due task is
+// not waited for, and TCall::seen not checked. Waits for the store mutex. The caller does not hold it.
+void CheckChange(const TStoreOptions& options, const std::vector<TCall>& calls);
+
 // Before a change: waits until the worker is between two ticks, or the scheduling process has ended; a
 // tick would overwrite what is written while a direct client has set its mutex free. Waits at most
 // the lock timeout. Throws CError (cBusy). The caller holds neither the writer lock nor the store mutex.

@@ -23,10 +23,10 @@ bool IsDue(const TTaskEntry& task) {
     return task.next <= Now() + cAboutToBeDue;
 }
 
-void CheckAccess() {
-    if (faccessat(AT_FDCWD, TableFile(".").c_str(), R_OK | W_OK, AT_EACCESS) == -1 &&
-        errno != ENOENT)
-        throw SystemError("cannot write " + TableFile(".").string(), errno);
+void CheckAccess(const std::filesystem::path& directory) {
+    const std::filesystem::path file = TableFile(directory);
+    if (faccessat(AT_FDCWD, file.c_str(), R_OK | W_OK, AT_EACCESS) == -1 && errno != ENOENT)
+        throw SystemError("cannot write " + file.string(), errno);
 }
 
 void CheckHarm(const TTable& table) {
@@ -35,6 +35,13 @@ void CheckHarm(const TTable& table) {
             throw MakeError(EError::cDamaged, "{}; repair the table first (vxsched repair)",
                             problem.message);
     }
+}
+
+void CheckNewName(const TTable& table, const std::string& name) {
+    if (table.Find(name) != nullptr)
+        throw MakeError(EError::cRefused,
+                        "there is a task \"{}\" already; choose another name, or remove that one",
+                        name);
 }
 
 void CheckName(const TTable& table, const TCall& call) {
@@ -48,15 +55,6 @@ void CheckName(const TTable& table, const TCall& call) {
         throw NoSuchTask(call.task.name, table, "names are compared byte for byte");
     if (!call.newName.empty())
         CheckNewName(table, call.newName);
-}
-
-}  // namespace
-
-void CheckNewName(const TTable& table, const std::string& name) {
-    if (table.Find(name) != nullptr)
-        throw MakeError(EError::cRefused,
-                        "there is a task \"{}\" already; choose another name, or remove that one",
-                        name);
 }
 
 // The host makes an owed launch only while the table has its task, by the name under which it came
@@ -114,17 +112,20 @@ void CheckNotRunning(const std::filesystem::path& directory, const TTaskEntry& t
                         task.name, running.front());
 }
 
-void CheckCalls(const TTable& table, const TRequest& request) {
-    CheckAccess();
+}  // namespace
+
+void CheckCalls(const std::filesystem::path& directory, const TTable& table,
+                const TRequest& request) {
+    CheckAccess(directory);
     CheckHarm(table);
     for (const TCall& call : request.calls) {
         CheckName(table, call);
-        CheckOwed(".", call);
+        CheckOwed(directory, call);
         const TTaskEntry* const task = table.Find(call.task.name);
         if (task == nullptr)
             continue;
         CheckState(*task, call, request.evenIfDue);
-        CheckNotRunning(".", *task, call);
+        CheckNotRunning(directory, *task, call);
     }
 }
 

@@ -8,7 +8,6 @@
 #include "base/IsoTime.h"
 #include "base/Sync.h"
 #include "client/Change.h"
-#include "client/ChangeChecks.h"
 #include "client/LockForChange.h"
 #include "client/RunStatus.h"
 #include "runs/RunEnd.h"
@@ -225,11 +224,7 @@ TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForce
     const TTable table = Read();
     const TTaskEntry& seen = TaskOf(table, name);
     TTaskEntry entry = After(options.directory, seen, edit, forced);
-    const TCall call = EditCall(seen, entry, edit);
-    if (!call.newName.empty())
-        CheckNewName(table, call.newName);
-    CheckOwed(options.directory, call);
-    CheckState(seen, call, options.evenIfDue);
+    CheckChange(options, {EditCall(seen, entry, edit)});
     return entry;
 }
 
@@ -291,8 +286,7 @@ static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
 }
 
 void CStore::CheckResume(const std::vector<std::string>& names, const TForced& forced) const {
-    for (const TCall& call : ResumeCalls(names, forced))
-        CheckState(Get(call.task.name), call, options.evenIfDue);
+    CheckChange(options, ResumeCalls(names, forced));
 }
 
 void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
@@ -309,7 +303,7 @@ TTaskEntry CStore::WithPeriod(std::string_view name, std::uint32_t hours,
                               const TForced& forced) const {
     TTaskEntry entry = Edited(name, {.period = hours}, forced);
     if (hours != 0)
-        CheckState(Get(name), CallOf(TCall::cSetPeriod, entry), options.evenIfDue);
+        CheckChange(options, {CallOf(TCall::cSetPeriod, entry)});
     return entry;
 }
 
@@ -354,11 +348,7 @@ static int WaitForStatus(const std::filesystem::path& directory, const TRun& run
 }
 
 void CStore::CheckRun(std::string_view name, bool force) const {
-    const TTaskEntry task = Get(name);
-    const TCall call = RunCall(options.directory, task, force);
-    const COwnerAccess ownerAccess(options.directory);
-    CheckState(task, call, options.evenIfDue);
-    CheckNotRunning(options.directory, task, call);
+    CheckChange(options, {RunCall(options.directory, Get(name), force)});
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,

@@ -203,7 +203,7 @@ std::optional<TTable> Begin(TRequest& request) {
         SendMessage(cMessageDue, due->name);
         return {};
     }
-    CheckCalls(table, request);
+    CheckCalls(".", table, request);
     if (const TCall* const changed = FindChanged(table, request)) {
         SendMessage(cMessageChanged, changed->task.name);
         return {};

@@ -97,7 +97,7 @@ static const TGolden cGolden[] = {
     {"usage-period", {"period", "backup", "90m"}, 2},
     {"dry-create",
      {"create", "new", "--at", "tomorrow 02:00", "--every", "1d", "--dry-run", "--", "/bin/true"}},
-    {"dry-edit", {"edit", "backup", "--every", "6h", "--dry-run"}},
+    {"dry-edit", {"edit", "backup", "--every", "6h", "--dry-run", "--even-if-due"}},
     {"dry-remove", {"remove", "backup", "report", "--dry-run"}},
 };
 

@@ -368,6 +368,28 @@ TEST_P(CliRunEitherWay, WithoutAHistoryTheEndIsNotKnown) {
 
 // ---- Several at once ----------------------------------------------------------------------------
 
+// As the run itself would be, which waits for a host.
+TEST_F(CliRun, DryRunWhileATaskIsDueIsRefusedWithoutAHost) {
+    WriteJob("echo run >> runs");
+    TRow due = Job();
+    due.name = "due";
+    due.next = std::time(nullptr) - 1;
+    WriteTable({Job(), due});
+    ExpectRefused(6, "task \"due\" is due and there is no scheduling process", {"run", "job"});
+    ExpectRefused(6, "task \"due\" is due and there is no scheduling process",
+                  {"run", "job", "--dry-run"});
+    EXPECT_EQ(Output({"run", "job", "--dry-run", "--even-if-due"}), "would run job\n");
+    EXPECT_FALSE(fs::exists("runs"));
+}
+
+TEST_F(CliRun, DryRunWithAHarmfulTableIsRefused) {
+    WriteJob("echo run >> runs");
+    WriteTable({Job(), {"endless", 5, 0, 268435456, cRecorder, "", 1}});
+    ExpectRefused(5, "repair the table first", {"run", "job"});
+    ExpectRefused(5, "repair the table first", {"run", "job", "--dry-run"});
+    EXPECT_FALSE(fs::exists("runs"));
+}
+
 TEST_P(CliRunEitherWay, OfTwoAtOnceOneIsRefused) {
     WriteJob("echo $$ >> runs; while [ ! -e end ]; do sleep 0.01; done");
     StartHost();
