@@ -22,9 +22,9 @@ struct TOutcome {
     std::string program;           // of a created task, as in the table
     std::vector<std::string> log;  // the add-in's messages
     TRun run;                      // of the launched program; its process is 0 if there is none
-    std::string launchError;       // why a launch failed
-    std::string launchUnknown;     // why it is not known whether the program was launched
-    std::vector<std::string> warnings;  // of what failed after the change was made
+    std::optional<std::string> launchError;    // why a launch failed
+    std::optional<std::string> launchUnknown;  // why it is not known whether it was made
+    std::vector<std::string> warnings;         // of what failed after the change was made
 };
 
 // A task differs from TCall::seen; nothing was changed.

@@ -355,19 +355,19 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
                  const std::function<void(const TRun&)>& onLaunch) const {
     const TCall call = RunCall(options.directory, Get(name), force);
     const auto isAttempted = [](const TOutcome& made) {
-        return made.run.process != 0 || !made.launchError.empty() || !made.launchUnknown.empty();
+        return made.run.process != 0 || made.launchError || made.launchUnknown;
     };
     const TOutcome outcome = MakeChange(
         options, {{call},
                   [&](const TOutcome& made) { return MissingUnless(isAttempted(made), name); },
                   onLaunch});
-    if (!outcome.launchUnknown.empty())
+    if (outcome.launchUnknown)
         throw MakeError(EError::cUnknown,
                         "whether \"{}\" was launched is not known: {}; see vxsched history {}",
-                        name, outcome.launchUnknown, name);
+                        name, *outcome.launchUnknown, name);
     if (outcome.run.process == 0)
         throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
-                        call.task.program, outcome.launchError);
+                        call.task.program, outcome.launchError.value_or(""));
     TRun run = outcome.run;
     if (waitForEnd)
         run.status = WaitForStatus(options.directory, run);

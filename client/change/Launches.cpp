@@ -131,6 +131,19 @@ TLaunch LaunchWithoutHost(const TLaunchRequest& request, int& error) {
     return launch;
 }
 
+TLaunch LaunchOf(const THostAnswer& answered) {
+    const TLaunchAnswer& answer = answered.answer;
+    TLaunch launch = {.process = answer.process,
+                      .run = answer.run,
+                      .error = answer.message,
+                      .isKnown = answered.isKnown};
+    if (!answered.isKnown)
+        launch.error = "the host has not answered";
+    else if (answer.error != 0 && answer.message.empty())
+        launch.error = std::strerror(answer.error);
+    return launch;
+}
+
 // Called by the add-in in place of posix_spawn(), under the store mutex, with its own environment
 // and no attributes. The process is none of this process's children. Returns 0 or an error number:
 // EIO if it is not known whether the program was launched.
@@ -143,12 +156,8 @@ int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*
     TLaunch launch;
     int error = 0;
     if (const std::optional<THostAnswer> answered = LaunchByHost(request)) {
-        const TLaunchAnswer& answer = answered->answer;
-        error = answered->isKnown ? answer.error : EIO;
-        launch = {.process = answer.process,
-                  .run = answer.run,
-                  .error = answered->isKnown ? answer.message : "the host has not answered",
-                  .isKnown = answered->isKnown};
+        error = answered->isKnown ? answered->answer.error : EIO;
+        launch = LaunchOf(*answered);
     } else {
         launch = LaunchWithoutHost(request, error);
     }

@@ -553,6 +553,22 @@ TEST_F(CliRun, ReportsTheErrorOfTheHost) {
     EXPECT_FALSE(fs::exists("runs"));
 }
 
+TEST_F(CliRun, ReportsAnErrorOfTheHostWithoutAMessage) {
+    WriteJob("echo run >> runs");
+    const CControl control;
+    CProgram run({TOOL_PROGRAM, "run", "job"});
+    {
+        const CDescriptor client = control.Accept();
+        CControl::ReadRequest(client);
+        const std::string answer = "{\"version\":1,\"error\":7,\"message\":\"\"}\n";
+        EXPECT_EQ(write(client.Get(), answer.data(), answer.size()),
+                  static_cast<ssize_t>(answer.size()));
+    }
+    EXPECT_EQ(run.Wait(), 1);
+    EXPECT_THAT(run.Output(), HasSubstr("cannot launch \"/bin/sh\": Argument list too long"));
+    EXPECT_FALSE(fs::exists("runs"));
+}
+
 // ---- The host -----------------------------------------------------------------------------------
 
 // As many clients as it likes, and nobody who talks too much, keep it from its work.
