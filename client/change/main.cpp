@@ -121,33 +121,45 @@ void WarnOfSyncFailure(const std::string& message) {
     isSent = true;
 }
 
-// Announces a change that is made; a failure is a warning.
-void Announce(CChangeEvent& changeEvent) {
-    if (const std::string warning = changeEvent.Announce(); !warning.empty())
-        SendMessage(cMessageWarning, warning);
+void SendError(const CError& error) {
+    SendMessage(cMessageError, fmt::format("{} {}", static_cast<int>(error.Code()), error.what()));
+}
+
+// Announces a change of the table while the store mutex is held. If that fails, `failed` is called
+// with the error.
+template <typename Failed>
+void Announce(const Failed& failed) {
+    try {
+        AnnounceChange();
+    } catch (const CError& error) {
+        failed(error);
+    }
 }
 
 // Announces a save before it is made: killed after it, this process could not, and the scheduling
 // process, which has not read the table, would overwrite it. A tick in between waits for the store
-// mutex. A failure is reported when the change is announced.
+// mutex. One that cannot be announced is not made, for which the add-in is stopped by the end of this
+// process.
 void AnnounceSave() noexcept {
-    try {
-        AnnounceChange();
-    } catch (const std::exception&) {
-        return;
-    }
+    Announce([](const CError& error) {
+        SendError(error);
+        _exit(1);
+    });
 }
 
-// Announces a launch, which nothing undoes; a failure is a warning.
+// The same for a launch, which nothing undoes: its time is saved all the same.
+void AnnounceSaveOfLaunch() noexcept {
+    Announce([](const CError& /*reported at the launch*/) {});
+}
+
+// Announces a launch; a failure is a warning.
 void AnnounceLaunch() {
-    try {
-        AnnounceChange();
-    } catch (const CError& error) {
+    Announce([](const CError& error) {
         SendMessage(cMessageWarning,
                     fmt::format("the launch could not be announced: {}; a scheduling process that "
                                 "runs may overwrite the time of the task's last launch",
                                 error.what()));
-    }
+    });
 }
 
 // Asks the client whether it still wants the change. False if it has ended. Throws CError (cBusy)
@@ -252,7 +264,8 @@ void ReplaceTask(TTable table, const TCall& call) {
     else
         ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToReplaceTable,
                       TRename{call.task.name, call.newName});
-    Announce(changeEvent);
+    if (const std::string warning = changeEvent.Announce(); !warning.empty())
+        SendMessage(cMessageWarning, warning);
 }
 
 void Create(const CAddIn& addIn, const TCall& call) {
@@ -395,17 +408,16 @@ int Main() {
         BecomeForeignOwner(".");
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
-        SetSaveListener(AnnounceSave);
+        SetSaveListener(request->calls.back().function == TCall::cExecute ? AnnounceSaveOfLaunch
+                                                                          : AnnounceSave);
         SetSyncFailureListener(WarnOfSyncFailure);
         SetFileStatusListener(NoteFileStatus);
         Serve(*request);
         return 0;
     } catch (const CError& error) {
-        SendMessage(cMessageError,
-                    fmt::format("{} {}", static_cast<int>(error.Code()), error.what()));
+        SendError(error);
     } catch (const std::exception& error) {
-        SendMessage(cMessageError,
-                    fmt::format("{} {}", static_cast<int>(EError::cFailed), error.what()));
+        SendError(CError(EError::cFailed, error.what()));
     }
     return 1;
 }

@@ -132,6 +132,27 @@ TEST_F(UnannouncedChange, ChangeThatWakesNobodyIsMadeAndWarnsOfIt) {
     EXPECT_THAT(warnings, ElementsAre(HasSubstr("could not be woken")));
 }
 
+// The add-in has opened the event, and this process may not open it for the announcement.
+TEST_F(UnannouncedChange, ThatCouldNotBeAnnouncedBeforeItsSaveIsNotMade) {
+    TRow paused = Row("paused");
+    paused.paused = 1;
+    const auto expectRefused = [&](const std::function<void()>& change) {
+        WriteTable({Row("a"), paused});
+        semctl(semget(cTaskChangedKey, 0, 0), 0, IPC_RMID);
+        MakeEventFor(1, cTaskChangedKey);
+        ExpectKept([&] {
+            EXPECT_THAT(ErrorOf(EError::cFailed, change),
+                        HasSubstr("was not made: cannot signal the event"));
+        });
+    };
+    expectRefused([&] { store.Create(Task("b"), false); });
+    expectRefused([&] { store.Remove({"a"}); });
+    expectRefused([&] { store.Pause({"a"}); });
+    expectRefused([&] { store.Edit("a", {.parameter = "another"}); });
+    expectRefused([&] { store.Edit("paused", {.parameter = "another"}); });
+    EXPECT_THAT(warnings, ElementsAre());
+}
+
 // The program is launched by then.
 TEST_F(UnannouncedChange, LaunchWhoseAnnouncementFailsIsReportedAsMade) {
     WriteTable({{"a", cFar, 0, 24, cRecorder, "a parameter", 0}});
