@@ -181,25 +181,65 @@ std::vector<TValidationError> CStore::Check(const TNewTask& task, const TForced&
     return FindUnforced(options.directory, EntryOf(task), HowToLaunch(task.program), forced);
 }
 
-TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
-    RefuseFor(Check(task, forced));
-    TTaskEntry entry = EntryOf(task);
+// Makes a task; `seen`, if not null, is the one that it is to replace, as that must still be.
+static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool replace,
+                            const TTaskEntry* seen) {
     TCall call = CallOf(TCall::cCreate, entry);
-    call.throughLink = HowToLaunch(task.program) == EProgram::cThroughLink;
+    call.throughLink = HowToLaunch(entry.program) == EProgram::cThroughLink;
     call.mustExist = false;
     call.mustBeNew = !replace;
+    call.mustBeAsSeen = seen != nullptr;
+    if (seen != nullptr)
+        call.seen = *seen;
     // CreateTask reschedules or removes a task whose due time is past by the clock. A task that is
     // due now must not meet that fate a second later; a repeating one that is past is to be
     // rescheduled.
     const TTime since = Now();
-    call.keepDue = task.period == 0 || task.due >= since - cJustPast;
+    call.keepDue = entry.period == 0 || entry.next >= since - cJustPast;
     const TOutcome outcome = MakeChange(
         options, {{call}, [&](const TOutcome& made) {
                       entry.program = ProgramOf(entry, made);
                       return MissingUnless(IsThere(made.table, entry, since), entry.name);
                   }});
-    const TTaskEntry* const made = outcome.table.Find(task.name);
+    const TTaskEntry* const made = outcome.table.Find(entry.name);
     return made != nullptr ? *made : entry;
+}
+
+// Whether `first` was launched for its due time before the table had `found` in its place; null: no
+// task of its name.
+static bool IsLaunchedSince(const TTaskEntry& first, const TTaskEntry* found) {
+    return found != nullptr ? found->last > first.last
+                            : first.period == 0 && first.next <= CurrentMoment();
+}
+
+TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
+    RefuseFor(Check(task, forced));
+    TTaskEntry entry = EntryOf(task);
+    const auto find = [&] {
+        const TTable table = Read();
+        const TTaskEntry* const found = table.Find(task.name);
+        return found != nullptr ? std::optional(*found) : std::nullopt;
+    };
+    const std::optional<TTaskEntry> first = replace ? find() : std::nullopt;
+    if (!first || first->next != task.due)
+        return TryCreate(options, entry, replace, nullptr);
+    // As in Edit(): a tick may launch the task for the time that the new one names. That launch is then
+    // the new one's, which is due a period later, or has had its only run.
+    std::optional<TTaskEntry> seen = first;
+    for (int tries = cTries;; --tries) {
+        try {
+            return TryCreate(options, entry, replace, seen ? &*seen : nullptr);
+        } catch (const CChangedMeanwhile&) {
+            if (tries == 0)
+                throw;
+        }
+        seen = find();
+        if (entry.next != first->next || !IsLaunchedSince(*first, seen ? &*seen : nullptr))
+            continue;
+        if (entry.period == 0 && !seen)
+            return entry;
+        entry.next = entry.period == 0 ? seen->next : entry.next + StepOf(entry.period);
+    }
 }
 
 // The call that makes `entry` of the task that was seen.

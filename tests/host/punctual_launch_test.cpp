@@ -230,26 +230,64 @@ TEST_F(PunctualLaunch, PeriodThatIsSetInTheDueSecondMakesNoSecondLaunch) {
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 
-// The host is stopped, without the store mutex, until the command waits for it.
-TEST_F(PunctualLaunch, EditThatNamesTheDueTimeOfTheTaskMakesNoSecondLaunch) {
-    WriteTable({Row("a task")});
-    CHost host;
+// Makes a task of `hours` due at `due` and runs a command on it, which waits for the launch: the host
+// is stopped, without the store mutex, until then.
+static void ChangeDuringTheLaunch(const CHost& host, std::int64_t due, std::uint32_t hours,
+                                  const std::vector<std::string>& command) {
     Suspend(host);
-    const std::int64_t due = std::time(nullptr);
-    WriteTable({TaskDue("a task", due, cHours)});
+    WriteTable({TaskDue("a task", due, hours)});
     vxsched::AnnounceChange();
-    CProgram edit(
-        {TOOL_PROGRAM, "edit", "a task", "--at", '@' + std::to_string(due), "--every", "2d"});
+    CProgram change(command);
     // It sleeps between two reads of the table.
-    const std::string call = "/proc/" + std::to_string(edit.Id()) + "/syscall";
+    const std::string call = "/proc/" + std::to_string(change.Id()) + "/syscall";
     const std::string sleep = std::to_string(SYS_clock_nanosleep) + ' ';
     WaitUntil([&] { return ReadFile(call).starts_with(sleep); });
     host.Kill(SIGCONT);
-    EXPECT_EQ(edit.Wait(), 0) << edit.Output();
+    EXPECT_EQ(change.Wait(), 0) << change.Output();
     WaitUntil([&] { return std::time(nullptr) > due; });
+}
+
+TEST_F(PunctualLaunch, EditThatNamesTheDueTimeOfTheTaskMakesNoSecondLaunch) {
+    WriteTable({Row("a task")});
+    CHost host;
+    const std::int64_t due = std::time(nullptr);
+    ChangeDuringTheLaunch(
+        host, due, cHours,
+        {TOOL_PROGRAM, "edit", "a task", "--at", '@' + std::to_string(due), "--every", "2d"});
     const TRow row = TableAfter(1).at(0);
     EXPECT_EQ(row.next, due + cPeriod);
     EXPECT_EQ(row.period, 2 * cHours);
     EXPECT_EQ(CountLines("log"), 1U);
     EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+// The task that takes its place has had its launch for that time, too.
+TEST_F(PunctualLaunch, ReplacementThatNamesTheDueTimeOfTheTaskMakesNoSecondLaunch) {
+    WriteTable({Row("a task")});
+    CHost host;
+    const auto replace = [&](std::int64_t due, const char* every) {
+        return std::vector<std::string>{TOOL_PROGRAM, "create",
+                                        "a task",     "--replace",
+                                        "--at",       '@' + std::to_string(due),
+                                        "--every",    every,
+                                        "--",         PROGRAMS "/append-text",
+                                        "log"};
+    };
+    std::int64_t due = std::time(nullptr);
+    ChangeDuringTheLaunch(host, due, cHours, replace(due, "2d"));
+    TRow row = TableAfter(1).at(0);
+    EXPECT_EQ(row.next, due + 2 * cPeriod);
+    EXPECT_EQ(row.period, 2 * cHours);
+    EXPECT_EQ(CountLines("log"), 1U);
+    // Tasks that run once, and then are gone.
+    due = std::time(nullptr);
+    ChangeDuringTheLaunch(host, due, 0, replace(due, "2d"));
+    row = TableAfter(1).at(0);
+    EXPECT_EQ(row.next, due + 2 * cPeriod);
+    EXPECT_EQ(CountLines("log"), 2U);
+    due = std::time(nullptr);
+    ChangeDuringTheLaunch(host, due, 0, replace(due, "once"));
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+    EXPECT_EQ(CountLines("log"), 3U);
+    EXPECT_EQ(NamesInTable(), "");
 }
