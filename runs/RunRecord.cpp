@@ -42,6 +42,12 @@ static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
                          [&](const TOutcomeNames& one) { return one.outcome == outcome; });
 }
 
+void RecordNotStarted(TRunRecord& run, const std::string& error) {
+    run.outcome = TRunRecord::cNotStarted;
+    run.ended = run.started;
+    run.error = error;
+}
+
 std::optional<pid_t> RunnerOf(const std::string& id) {
     return vxsched::ParseProcess(std::string_view(id).substr(id.rfind('-') + 1));
 }

@@ -61,6 +61,9 @@ struct TRunRecord {
     bool operator==(const TRunRecord&) const = default;
 };
 
+// Has the record be that of a launch that was not made, because of `error`.
+void RecordNotStarted(TRunRecord& run, const std::string& error);
+
 // The runner's process, which the id of a run ends with; empty if `id` is none.
 std::optional<pid_t> RunnerOf(const std::string& id);
 

@@ -7,15 +7,18 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <system_error>
 
 #include "base/CDescriptor.h"
+#include "store/CLaunchEnvironment.h"
 #include "store/Layout.h"
 
 namespace fs = std::filesystem;
 
-static constexpr int cLongestStart = 10'000;  // milliseconds
+// The descriptor of the pipe for its report in a runner.
+static constexpr int cReport = STDERR_FILENO + 1;
 
 std::string FindRunner(const std::vector<fs::path>& directories) {
     std::error_code ignored;
@@ -33,9 +36,11 @@ std::string FindRunner(const std::vector<fs::path>& directories) {
 
 // The report of a runner; none if it ends without one. Of one that is late, a report without a process.
 static std::optional<TLaunchReport> ReadReport(int pipe) {
+    constexpr std::chrono::duration<int, std::milli> cLimit = cRunnerLimit;
     pollfd report{.fd = pipe, .events = POLLIN, .revents = 0};
     TLaunchReport launch{.error = 0, .process = 0, .run = {}};
-    if (poll(&report, 1, cLongestStart) == 1 && read(pipe, &launch, sizeof launch) != sizeof launch)
+    if (poll(&report, 1, cLimit.count()) == 1 &&
+        read(pipe, &launch, sizeof launch) != sizeof launch)
         return {};
     return launch;
 }
@@ -47,10 +52,28 @@ static bool EndsByItself(pid_t process) {
            end.si_code == CLD_EXITED;
 }
 
-std::optional<TLaunched> LaunchByRunner(
-    const TRunRequest& request,
-    const std::function<int(pid_t* runner, int pipe, const std::string& variable)>& spawn,
-    int& error) {
+// As posix_spawn(). `pipe` is for the report.
+static int StartRunner(const TRunnerLaunch& launch, int pipe, pid_t* process) {
+    CSpawnAttributes attributes;
+    attributes.ResetSignals();
+    attributes.LeadSession();
+    CSpawnActions actions;
+    launch.direct(actions);
+    actions.Duplicate(pipe, cReport);
+    actions.CloseFrom(cReport + 1);
+    std::vector<char*> arguments{const_cast<char*>(launch.runner.c_str())};
+    for (char* const* argument = launch.command; *argument != nullptr; ++argument)
+        arguments.push_back(*argument);
+    arguments.push_back(nullptr);
+    TRunRequest request = launch.request;
+    request.report = cReport;
+    const vxsched::CLaunchEnvironment environment(launch.environment, launch.task, launch.due,
+                                                  EncodeRunRequest(request).c_str());
+    return launch.spawn(process, launch.runner.c_str(), actions.Get(), attributes.Get(),
+                        arguments.data(), environment.Get());
+}
+
+std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) == -1) {
         error = errno;
@@ -59,7 +82,7 @@ std::optional<TLaunched> LaunchByRunner(
     const CDescriptor ours(ends[0]);
     CDescriptor theirs(ends[1]);
     TLaunched launched;
-    error = spawn(&launched.child, theirs.Get(), EncodeRunRequest(request));
+    error = StartRunner(launch, theirs.Get(), &launched.child);
     if (error != 0)
         return {};
     theirs = CDescriptor();

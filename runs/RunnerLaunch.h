@@ -1,14 +1,21 @@
 #pragma once
 
+#include <spawn.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include <vxsched/Table.h>
+#include "base/Spawn.h"
 #include "runs/RunRequest.h"
+
+// How long a launcher waits for the report of its runner.
+inline constexpr std::chrono::seconds cRunnerLimit(10);
 
 // The path of vxrun, in the first of `directories` that has it; these are relative to the directory of
 // this program. Empty if none has it. Any thread may call it.
@@ -24,13 +31,23 @@ struct TLaunched {
     std::string run = {};  // the id of the run; empty if it is not recorded by a runner
 };
 
-// Launches a program through the runner. `spawn` starts the runner with a pipe, which it is to have as
-// the descriptor request.report, and the request as the content of cRunVariable; it returns as
-// posix_spawn() does. Blocks until the runner has launched the program, for ten seconds at most. A
-// runner that has not reported by then, or that is killed before, may have launched the program, and
-// counts as having done so. Empty, with nothing launched, if the runner could not be started, because
-// of `error`; ENOEXEC if it ends without having tried, as one that the system cannot load does.
-std::optional<TLaunched> LaunchByRunner(
-    const TRunRequest& request,
-    const std::function<int(pid_t* runner, int pipe, const std::string& variable)>& spawn,
-    int& error);
+// A launch through the runner. The pointers are the caller's, for the time of the launch.
+struct TRunnerLaunch {
+    decltype(&posix_spawn) spawn;
+    std::string runner;                 // its path, as of FindRunner()
+    char* const* command;               // the program and its arguments
+    char* const* environment;           // the inherited one
+    const char* task = nullptr;         // its name; null: unknown
+    std::optional<vxsched::TTime> due;  // the due time, if the launch is for one
+    TRunRequest request;                // but for the pipe
+    // Adds what becomes of the descriptors 0 to 2. The runner has no others but its pipe.
+    std::function<void(CSpawnActions& actions)> direct;
+};
+
+// Launches a program through the runner, which leads a session of its own: what a terminal or a shell
+// sends to the launcher's group is not for it. Blocks until the runner has launched the program, for
+// cRunnerLimit at most. A runner that has not reported by then, or that is killed before, may have
+// launched the program, and counts as having done so. Empty, with nothing launched, if the runner could
+// not be started, because of `error`; ENOEXEC if it ends without having tried, as one that the system
+// cannot load does.
+std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error);

@@ -20,7 +20,6 @@
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
 #include "runs/RunnerLaunch.h"
-#include "store/CLaunchEnvironment.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -29,9 +28,6 @@ namespace {
 
 TLaunchListener gListener;
 std::string gTask;
-
-// The descriptor of the pipe for its report in a runner.
-constexpr int cReport = STDERR_FILENO + 1;
 
 // The host's own limit is not known here. A history that grows beyond it is rotated by the host; a
 // smaller limit would lose what the host's keeps.
@@ -57,57 +53,45 @@ std::vector<char*> PointersTo(std::vector<std::string>& strings) {
     return pointers;
 }
 
-// Starts the runner; `task` may be null.
-int StartRunner(const std::string& path, const TLaunchRequest& request, const char* task,
-                pid_t* runner, int pipe, const std::string& variable) {
-    CSpawnAttributes attributes;
-    attributes.ResetSignals();
-    attributes.LeadSession();
-    CSpawnActions actions;
-    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        actions.Open(descriptor, "/dev/null", O_RDWR);
-    actions.Duplicate(pipe, cReport);
-    actions.CloseFrom(cReport + 1);
-    std::vector<std::string> command = {path, request.program, request.parameter};
+// Empty, because of `error`, if the runner could not be started.
+std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::string& runner,
+                                    int& error) {
+    std::vector<std::string> command = {request.program, request.parameter};
     std::vector<std::string> inherited = EnvironmentOfAHost();
     const std::vector<char*> arguments = PointersTo(command);
     const std::vector<char*> variables = PointersTo(inherited);
-    const CLaunchEnvironment environment(variables.data(), task, std::nullopt, variable.c_str());
-    return NextLaunchHandlers().spawn(runner, path.c_str(), actions.Get(), attributes.Get(),
-                                      arguments.data(), environment.Get());
-}
-
-// Empty, because of `error`, if the runner could not be started.
-std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::string& runnerPath,
-                                    int& error) {
-    const TRunRequest runRequest = {.report = cReport,
-                                    .trigger = cManual,
-                                    .historySize = cHistorySize,
-                                    .outputSize = cDefaultOutputSize,
-                                    .copy = TRunRequest::cNoCopy};
+    TRunnerLaunch launch = {
+        .spawn = NextLaunchHandlers().spawn,
+        .runner = runner,
+        .command = arguments.data(),
+        .environment = variables.data(),
+        .task = request.task.c_str(),
+        .due = {},
+        .request = {.trigger = cManual,
+                    .historySize = cHistorySize,
+                    .outputSize = cDefaultOutputSize,
+                    .copy = TRunRequest::cNoCopy},
+        .direct = [](CSpawnActions& actions) {
+            for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+                actions.Open(descriptor, "/dev/null", O_RDWR);
+        }};
+    std::optional<TLaunched> launched = LaunchByRunner(launch, error);
     // A program that gets too much with its task's name is launched without it.
-    for (const char* const task : {request.task.c_str(), static_cast<const char*>(nullptr)}) {
-        const auto start = [&](pid_t* runner, int pipe, const std::string& variable) {
-            return StartRunner(runnerPath, request, task, runner, pipe, variable);
-        };
-        if (auto launched = LaunchByRunner(runRequest, start, error))
-            return launched;
-        if (error != E2BIG)
-            break;
+    if (!launched && error == E2BIG) {
+        launch.task = nullptr;
+        launched = LaunchByRunner(launch, error);
     }
-    return {};
+    return launched;
 }
 
 // As the host records it.
 void RecordFailure(const TLaunchRequest& request, const std::string& error) {
     TRunRecord run;
-    run.outcome = TRunRecord::cNotStarted;
     run.task = request.task;
     run.program = request.program;
     run.parameter = request.parameter;
     run.started = CurrentMoment();
-    run.ended = run.started;
-    run.error = error;
+    RecordNotStarted(run, error);
     CRunHistory(cHistorySize, [](const std::string&) {}).Add(run);
 }
 

@@ -131,9 +131,6 @@ CDescriptor OpenOutput(const TRunRecord& run) {
     return gOutput != nullptr ? gOutput->Open(run.task) : CDescriptor();
 }
 
-// The descriptor of the pipe for its report in a runner.
-constexpr int cReport = STDERR_FILENO + 1;
-
 // Launches the program itself, which the host then waits for.
 TLaunched LaunchDirectly(const TRunRecord& run, const TRequest& request, const CDescriptor& output,
                          const std::optional<std::string>& recordPath,
@@ -179,32 +176,22 @@ TLaunched Spawn(const TRunRecord& run, const TRequest& request, const CDescripto
                 const std::optional<std::string>& recordPath,
                 const std::optional<std::string>& owedPath) {
     static const std::string cRunner = FindRunner({""});
-    TRunRequest runRequest = {.report = cReport,
-                              .trigger = run.trigger,
-                              .historySize = gSizes.history,
-                              .outputSize = gSizes.output,
-                              .copy = CopyTo(output)};
-    const auto spawn = [&](pid_t* runner, int pipe, const std::string& variable) {
-        CSpawnAttributes attributes;
-        attributes.ResetSignals();
-        // What a terminal or a shell sends to the host's group is not for the runner.
-        attributes.LeadSession();
-        CSpawnActions actions;
-        FillActions(actions, output.Get(), recordPath, owedPath);
-        actions.Duplicate(pipe, cReport);
-        actions.CloseFrom(cReport + 1);
-        std::vector<char*> arguments{const_cast<char*>(cRunner.c_str())};
-        for (char* const* argument = request.arguments; *argument != nullptr; ++argument)
-            arguments.push_back(*argument);
-        arguments.push_back(nullptr);
-        const vxsched::CLaunchEnvironment environment(
-            request.environment, run.task ? run.task->c_str() : nullptr, run.due, variable.c_str());
-        return NextLaunchHandlers().spawn(runner, cRunner.c_str(), actions.Get(), attributes.Get(),
-                                          arguments.data(), environment.Get());
-    };
     int error = ENOENT;
     if (!cRunner.empty()) {
-        if (const auto launched = LaunchByRunner(runRequest, spawn, error))
+        const TRunnerLaunch launch = {.spawn = NextLaunchHandlers().spawn,
+                                      .runner = cRunner,
+                                      .command = request.arguments,
+                                      .environment = request.environment,
+                                      .task = run.task ? run.task->c_str() : nullptr,
+                                      .due = run.due,
+                                      .request = {.trigger = run.trigger,
+                                                  .historySize = gSizes.history,
+                                                  .outputSize = gSizes.output,
+                                                  .copy = CopyTo(output)},
+                                      .direct = [&](CSpawnActions& actions) {
+                                          FillActions(actions, output.Get(), recordPath, owedPath);
+                                      }};
+        if (const auto launched = LaunchByRunner(launch, error))
             return *launched;
         if (error == EAGAIN)
             return {.error = error};
@@ -287,9 +274,7 @@ void ExpectTimeCalls(vxsched::TTime due, int result) {
 }
 
 void ReportFailure(TRunRecord& run, int error) {
-    run.outcome = TRunRecord::cNotStarted;
-    run.ended = run.started;
-    run.error = std::strerror(error);
+    RecordNotStarted(run, std::strerror(error));
     CLaunchedPrograms::Instance().LaunchFailed(run);
 }
 
@@ -425,8 +410,7 @@ void MakeOwedLaunches() {
 void CancelOwedLaunches(const std::vector<vxsched::TTaskEntry>& tasks) {
     const auto report = [](const TOwedLaunch& owed, const std::string& reason) {
         TRunRecord run = Describe(owed);
-        run.outcome = TRunRecord::cNotStarted;
-        run.error = reason;
+        RecordNotStarted(run, reason);
         CLaunchedPrograms::Instance().LaunchCancelled(run);
     };
     COwedLaunches::Instance().Cancel(tasks, report);
