@@ -12,6 +12,7 @@
 static constexpr int cStall = 1000;  // milliseconds
 // Of a line's room, so that a long name leaves some for the line.
 static constexpr std::size_t cLongestPrefix = 256;
+static constexpr std::size_t cLongestCharacter = 4;  // bytes, of UTF-8
 
 // A description of its own, since others write to standard output as well and expect to block. None
 // for a socket, and for a file, whose position would not be shared.
@@ -39,16 +40,29 @@ CCopy::CCopy() : target(OpenTarget()), isByLine(false) {}
 void CCopy::Write(std::string_view bytes) {
     if (!isByLine)
         return Send(bytes);
-    for (const char byte : bytes) {
-        if (line.empty())
-            line = prefix;
-        line += byte;
-        if (byte == '\n' || line.size() >= PIPE_BUF - 1)
-            Finish();
-    }
+    AppendLines(shown.Add(bytes));
 }
 
 void CCopy::Finish() {
+    AppendLines(shown.End());
+    EndLine();
+}
+
+void CCopy::AppendLines(std::string_view text) {
+    for (const char byte : text) {
+        // No character is cut in two.
+        const bool isCharacter = (static_cast<unsigned char>(byte) & 0xc0U) != 0x80U;
+        if (isCharacter && line.size() >= PIPE_BUF - cLongestCharacter)
+            EndLine();
+        if (line.empty())
+            line = prefix;
+        line += byte;
+        if (byte == '\n')
+            EndLine();
+    }
+}
+
+void CCopy::EndLine() {
     if (line.empty())
         return;
     if (line.back() != '\n')

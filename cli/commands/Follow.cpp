@@ -2,11 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <iostream>
 
-#include "base/DisplayText.h"
+#include "base/CShownStream.h"
 #include "runs/CRunWatch.h"
 #include "runs/CRunningFile.h"
 
@@ -14,23 +13,8 @@ namespace vxsched {
 
 namespace {
 
-void Print(const std::string& bytes, COutput& output) {
-    if (!output.IsTerminal()) {
-        output.Raw(bytes);
-        return;
-    }
-    std::size_t begin = 0;
-    while (begin < bytes.size()) {
-        const std::size_t end = std::min(bytes.find_first_of("\n\t", begin), bytes.size());
-        output.Raw(Show(bytes.substr(begin, end - begin)).string);
-        if (end < bytes.size())
-            output.Raw(bytes.substr(end, 1));
-        begin = end + 1;
-    }
-}
-
 // Prints what is there by now: somebody may go on writing faster than it is printed.
-void PrintNew(COutputReader& reader, COutput& output) {
+void PrintNew(COutputReader& reader, CShownStream& shown, COutput& output) {
     const std::uint64_t end = reader.Written();
     for (;;) {
         const std::string bytes = reader.Next(end);
@@ -38,7 +22,7 @@ void PrintNew(COutputReader& reader, COutput& output) {
             std::cerr << fmt::format("vxsched: {} bytes are not kept any more\n", reader.Lost());
         if (bytes.empty())
             return;
-        Print(bytes, output);
+        output.Raw(output.IsTerminal() ? shown.Add(bytes) : bytes);
         output.Finish();
     }
 }
@@ -48,14 +32,16 @@ void PrintNew(COutputReader& reader, COutput& output) {
 void PrintOutputOf(const std::filesystem::path& store, const std::string& run,
                    COutputReader& reader, bool follow, COutput& output) {
     const CRunWatch watch(store, reader.Path());
+    CShownStream shown;
     for (;;) {
         // Asked first: what is written before the end is read after it.
         const bool goesOn = follow && IsRunning(store, run);
-        PrintNew(reader, output);
+        PrintNew(reader, shown, output);
         if (!goesOn)
-            return;
+            break;
         watch.Wait();
     }
+    output.Raw(shown.End());
 }
 
 }  // namespace vxsched

@@ -14,11 +14,13 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -28,6 +30,7 @@
 #include "Process.h"
 #include "Tool.h"
 #include "base/CDescriptor.h"
+#include "base/DisplayText.h"
 #include "base/Processes.h"
 #include "runs/COutputReader.h"
 #include "runs/CRunningFile.h"
@@ -412,6 +415,34 @@ TEST_F(Runner, OutputIsCopiedIfAskedFor) {
               "a task: one\na task: two\na task: \na task: last\n");
     for (const TRunRecord& run : History())
         EXPECT_EQ(OutputOf(run), "one\ntwo\n\nlast");
+}
+
+// Nor may a program hide the name of its task, or act on the terminal of whoever reads the copy.
+TEST_F(Runner, ControlCharactersAreReplacedInACopyByLine) {
+    const std::string command = R"(printf 'x\rforged: \033[2Jy\tz\177\302\233\n\303\244\377\b')";
+    const std::string bytes = "x\rforged: \x1b[2Jy\tz\x7f\xc2\x9b\n\xc3\xa4\xff\b";
+    EXPECT_EQ(CopyOf(TRunRequest::cPrefixed, command),
+              "a task: x\ufffdforged: \ufffd[2Jy\tz\ufffd\ufffd\na task: \xc3\xa4\ufffd\ufffd\n");
+    EXPECT_EQ(CopyOf(TRunRequest::cPlain, command), bytes);
+    for (const TRunRecord& run : History())
+        EXPECT_EQ(OutputOf(run), bytes);
+}
+
+// Neither where the runner's reads end nor where a long line is cut.
+TEST_F(Runner, NoCharacterIsCutInTwoInACopyByLine) {
+    std::string expected = "x";
+    for (int number = 0; number < 200'000; ++number)
+        expected += "\xe2\x82\xac";
+    WriteFile("long", expected);
+    std::string copied;
+    std::istringstream lines(CopyOf(TRunRequest::cPrefixed, "cat long; printf '\\342\\202'"));
+    for (std::string line; std::getline(lines, line);) {
+        ASSERT_TRUE(line.starts_with("a task: "));
+        EXPECT_LT(line.size(), std::size_t{PIPE_BUF});
+        EXPECT_EQ(vxsched::Show(line).string, line);
+        copied += line.substr(8);
+    }
+    EXPECT_EQ(copied, expected + "\ufffd\ufffd");
 }
 
 TEST_F(Runner, CopyThatNobodyReadsHoldsUpNoJob) {

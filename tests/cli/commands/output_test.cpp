@@ -92,6 +92,16 @@ TEST_F(CliOutput, IsRawInAPipeAndHasNoControlCharactersOnATerminal) {
               "one\ttwo\n\ufffd[31mred\ufffd[0m\ufffd\ufffd\n");
 }
 
+// Wherever the command's reads of the file end.
+TEST_F(CliOutput, CharacterIsNotCutInTwoOnATerminal) {
+    WriteTable({Later("a")});
+    std::string content = "x";
+    for (int number = 0; number < 200'000; ++number)
+        content += "\xc3\xa4";
+    Keep("a", "1", content + "\xc3", 1 << 20);
+    EXPECT_EQ(RunToolOnTerminal({"output", "a"}, 80).output, content + "\ufffd");
+}
+
 // A run that has a runner, this process.
 TEST_F(CliOutput, IsFollowedUntilTheRunEnds) {
     WriteTable({Later("a")});
