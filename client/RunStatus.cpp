@@ -11,7 +11,8 @@ namespace vxsched {
 int FindWaitStatus(const std::filesystem::path& directory, const TRun& run) {
     if (run.id.empty())
         throw MakeError(EError::cFailed,
-                        "process {} has no runner that reports its end; see vxsched history",
+                        "process {} has no runner that reports its end, or that could not make its "
+                        "file in files/running; see vxsched history",
                         run.process);
     const TRunRecord end = FindEnd(directory, run.id);
     switch (end.outcome) {
@@ -26,8 +27,8 @@ int FindWaitStatus(const std::filesystem::path& directory, const TRun& run) {
                 run.process);
         default:
             throw MakeError(EError::cFailed,
-                            "process {} has ended, and there is no record of how: the history is "
-                            "disabled, or could not be written",
+                            "there is no record of how process {} has ended, if it has: the "
+                            "history is disabled, or could not be written",
                             run.process);
     }
 }

@@ -144,7 +144,8 @@ int Run(const TRunRequest& request, char* const command[]) {
     run.process = job.Process();
     running.Update(run);
     // The launcher waits for it with the store mutex held: nothing else comes before.
-    Report(request.report, 0, run.process, run.id);
+    // Without its file nobody could find out that the run has ended.
+    Report(request.report, 0, run.process, running.Error().empty() ? run.id : "");
     COutputFile file(PrepareOutputFile(run.task, run.id), request.outputSize, Warn);
     job.KeepIn(file);
     job.WaitForEnd(run);

@@ -36,7 +36,7 @@ COutputFile::COutputFile(const std::string& outputPath, std::uint64_t size,
       file(Create(path)),
       header{.size = std::max<std::uint64_t>(size, 1)} {
     if (file.IsOpen())
-        fchmod(file.Get(), vxsched::PrivateMode("."));
+        vxsched::MakePrivate(file.Get(), ".");
     if (!file.IsOpen() || !WriteHeader())
         Fail();
 }

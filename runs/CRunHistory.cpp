@@ -22,7 +22,7 @@
 
 using vxsched::cFilesDirectory;
 using vxsched::cHistoryFile;
-using vxsched::PrivateMode;
+using vxsched::MakePrivate;
 
 namespace {
 
@@ -59,9 +59,8 @@ std::string Append(const TOpened& opened, const std::string& line) {
     struct stat before {};
     if (fstat(file, &before) != 0)
         return std::strerror(errno);
-    // Not by open(), whose mode the umask narrows.
     if (before.st_size == 0)
-        fchmod(file, PrivateMode("."));
+        MakePrivate(file, ".");
     const ssize_t count = write(file, line.data(), line.size());
     if (count == static_cast<ssize_t>(line.size()))
         return "";

@@ -83,7 +83,8 @@ bool CRunningFile::Create(const TRunRecord& run) {
         errno = ENOENT;
         return false;
     }
-    return fchmod(file.Get(), vxsched::PrivateMode(".")) == 0 && Append(WithoutEnd(run));
+    errno = vxsched::MakePrivate(file.Get(), ".");
+    return errno == 0 && Append(WithoutEnd(run));
 }
 
 // The last whole line counts.
@@ -200,7 +201,11 @@ static CDescriptor OpenFileOf(const std::string& directory, const std::string& i
 }
 
 bool IsRunning(const std::string& directory, const std::string& id) {
-    return HolderOf(OpenFileOf(directory, id)).has_value();
+    const CDescriptor file = OpenFileOf(directory, id);
+    // It is there; the run ends when it is removed.
+    if (!file.IsOpen())
+        return errno == EACCES || errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+    return HolderOf(file).has_value();
 }
 
 int Terminate(const std::string& directory, const TRunning& running) {

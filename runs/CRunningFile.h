@@ -62,7 +62,8 @@ std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::s
 // runner of another user's, EXDEV for one in another PID namespace.
 int Terminate(const std::string& directory, const TRunning& running);
 
-// Whether the runner of that run is alive.
+// Whether the runner of that run is alive. Also true if this user may not read its file, or the system
+// has no descriptor for that: the file is there until the run is recorded.
 bool IsRunning(const std::string& directory, const std::string& id);
 
 // What the file of a run has, as long as there is one: how the run has ended if its runner could not

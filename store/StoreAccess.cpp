@@ -133,6 +133,12 @@ int MakePrivateDirectory(const fs::path& path, const fs::path& store) {
     return 0;
 }
 
+int MakePrivate(int file, const fs::path& store) {
+    const std::optional<gid_t> group = GroupWithAccess(store);
+    const bool isOpen = group && fchown(file, static_cast<uid_t>(-1), *group) == 0;
+    return fchmod(file, isOpen ? 0660 : 0600) == 0 ? 0 : errno;
+}
+
 mode_t NewTableMode(const fs::path& directory) {
     return GroupWithAccess(directory) ? 0664 : 0644;
 }

@@ -25,6 +25,12 @@ mode_t NewTableMode(const std::filesystem::path& directory);
 // to for what is made in it; one that exists stays as it is. Returns 0, or an error number.
 int MakePrivateDirectory(const std::filesystem::path& path, const std::filesystem::path& store);
 
+// Has a file that this process has made in the store be for whom PrivateMode() says, with the group
+// that the store is open to; for its owner alone if it cannot have that group. Not by open(), whose
+// mode the umask narrows, and whose group depends on the directory's mode. Returns 0, or an error
+// number.
+int MakePrivate(int file, const std::filesystem::path& store);
+
 // Whether a user may use the store of a directory: the superuser, this process's user, the owner of
 // the directory, and the members of the group that it is open to.
 bool MayUse(uid_t user, const std::filesystem::path& directory);

@@ -387,6 +387,44 @@ TEST_F(GroupStore, StoreIsOpenedToAGroupAfterItsHostHasRun) {
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 
+// A task whose program goes on until there is the file "go".
+static TRow WaitingJob() {
+    WriteFile("script", "echo begun; while [ ! -e go ]; do sleep 0.01; done; echo late; exit 3");
+    chmod("script", 0644);
+    return {"job", std::time(nullptr) + cHour, 0, 24, "/bin/sh", fs::absolute("script"), 0};
+}
+
+// On a file system without it, or in a service that is denied it (RestrictSUIDSGID=).
+TEST_F(GroupStore, WhatARunLeavesIsOpenToTheGroupWithoutTheSetGroupIdBit) {
+    WriteTable({WaitingJob()});
+    fs::create_directories("files/output/job");
+    fs::create_directory("files/running");
+    CProgram shell({"/bin/sh", "-c", "chown -R keeper:team . && chmod -R g+rwX ."});
+    ASSERT_EQ(shell.Wait(), 0) << shell.Output();
+    CHost host(As(cKeeper, HostWith({})));
+    ASSERT_EQ(chown("files/control", cKeeper, cStoreGroup), 0);
+    CProgram run(As(cMember, {TOOL_PROGRAM, "run", "job", "--wait"}));
+    EXPECT_TRUE(run.WaitForOutput("begun\n")) << run.Output();
+    WriteFile("go", "");
+    EXPECT_EQ(run.Wait(), 1);
+    EXPECT_THAT(run.Output(), HasSubstr("\nbegun\nlate\njob exited with status 3\n"));
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
+TEST_F(GroupStore, RunWhoseFileAMemberMayNotReadIsFollowedToItsEnd) {
+    WriteTable({WaitingJob()});
+    OpenToGroup();
+    CHost host(As(cKeeper, HostWith({})));
+    OutputAs(cMember, {"run", "job"});
+    ASSERT_EQ(chmod(fs::directory_iterator("files/running")->path().c_str(), 0600), 0);
+    CProgram output(As(cMember, {TOOL_PROGRAM, "output", "job", "--follow"}));
+    EXPECT_TRUE(output.WaitForOutput("begun\n"));
+    WriteFile("go", "");
+    EXPECT_EQ(output.Wait(), 0);
+    EXPECT_EQ(output.Output(), "begun\nlate\n");
+    EXPECT_EQ(host.Stop(), 0) << host.Output();
+}
+
 // ---- Who may not ---------------------------------------------------------------------------------
 
 TEST_F(GroupStore, PrivateStoreIsForItsOwnerAlone) {

@@ -612,6 +612,18 @@ TEST_F(Runner, WhoseRecordCannotBeWrittenLeavesItToWhoeverFindsItsFile) {
     EXPECT_TRUE(DeadRunners().empty());
 }
 
+// Nobody could find out that the run has ended.
+TEST_F(Runner, ThatCannotMakeItsFileReportsNoRun) {
+    WriteFile("files/running", "no directory");
+    CRunner runner({cShell, "-c", "exit 3"});
+    const TLaunchReport report = runner.Report();
+    EXPECT_EQ(report.error, 0);
+    EXPECT_STREQ(report.run, "");
+    EXPECT_EQ(runner.Wait(), 3);
+    EXPECT_EQ(OnlyRun().process, report.process);
+    EXPECT_THAT(ReadFile(cErrors), HasSubstr("cannot make the file of run"));
+}
+
 TEST_F(Runner, FileThatCannotBeReadIsRecordedAsADeadRunner) {
     fs::create_directory("files/running");
     WriteFile("files/running/an id", "not a record\n");
