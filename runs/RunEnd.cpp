@@ -1,5 +1,6 @@
 #include "runs/RunEnd.h"
 
+#include <vxsched/Error.h>
 #include "base/CDeadline.h"
 #include "runs/CRunWatch.h"
 #include "runs/CRunningFile.h"
@@ -20,13 +21,19 @@ bool WaitForRun(const std::string& directory, const std::string& id,
 }
 
 TRunRecord FindEnd(const std::string& directory, const std::string& id) {
-    if (const std::optional<TRunRecord> run = FindRecord(directory, id))
-        return *run;
-    if (const std::optional<TRunRecord> run = ReadRunningFile(directory, id))
-        return *run;
-    // Whoever records the end of a dead runner removes its file afterwards.
-    if (const std::optional<TRunRecord> run = FindRecord(directory, id))
-        return *run;
+    // Before the history: whoever records the end of a dead runner removes its file afterwards.
+    const std::optional<TRunRecord> left = ReadRunningFile(directory, id);
+    if (left && left->outcome != TRunRecord::cRunnerDied)
+        return *left;
+    try {
+        if (const std::optional<TRunRecord> run = FindRecord(directory, id))
+            return *run;
+    } catch (const CError&) {
+        if (!left)
+            throw;
+    }
+    if (left)
+        return *left;
     TRunRecord unrecorded;
     unrecorded.id = id;
     unrecorded.outcome = TRunRecord::cUnknown;

@@ -14,9 +14,9 @@ namespace vxsched {
 bool WaitForRun(const std::string& directory, const std::string& id,
                 std::optional<std::chrono::nanoseconds> limit = {});
 
-// How a run has ended, by the history or by what its runner has left; cUnknown if there is no record
-// of the run, as without a history. Blocks for disk access only. Throws CError (cNoAccess) if the
-// history cannot be read.
+// How a run has ended, by what its runner has left or by the history; cUnknown if there is no record
+// of the run, as without a history. Blocks for disk access only. Throws CError (cNoAccess) if only
+// the history may have it, and that cannot be read.
 TRunRecord FindEnd(const std::string& directory, const std::string& id);
 
 }  // namespace vxsched
