@@ -146,20 +146,21 @@ int Run(const TRunRequest& request, char* const command[]) {
     // The launcher waits for it with the store mutex held: nothing else comes before.
     // Without its file nobody could find out that the run has ended.
     Report(request.report, 0, run.process, running.Error().empty() ? run.id : "");
-    COutputFile file(PrepareOutputFile(run.task, run.id), request.outputSize, Warn);
+    COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, Warn);
     job.KeepIn(file);
     job.WaitForEnd(run);
     running.Finish(run);
     if (history.Add(run))
         running.Remove();
-    // The run has ended; its output has not.
-    if (job.HasWriters()) {
-        const pid_t keeper = fork();
-        if (keeper <= 0)
-            job.KeepOutput();
-        if (keeper == 0)
-            _exit(0);
-    }
+    // The run has ended; its output may not have.
+    const bool isKept = job.HasWriters();
+    const pid_t keeper = isKept ? fork() : -1;
+    if (isKept && keeper <= 0)
+        job.KeepOutput();
+    file.Close();
+    RemoveOldOutputs(run.task);
+    if (keeper == 0)
+        _exit(0);
     EndAs(run);
 }
 

@@ -8,14 +8,19 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
+#include "base/RegularFile.h"
 #include "base/WriteAll.h"
 #include "store/StoreAccess.h"
 
 namespace fs = std::filesystem;
 
-static CDescriptor Create(const fs::path& path) {
+// RemoveUnwrittenOutput() may remove a file before its writer has locked it.
+static constexpr int cMostTries = 10;
+
+static CDescriptor CreateAt(const fs::path& path) {
     CDescriptor directory(open(".", O_PATH | O_CLOEXEC));
     int follow = 0;
     for (const fs::path& name : path.parent_path()) {
@@ -29,16 +34,39 @@ static CDescriptor Create(const fs::path& path) {
                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
+// A lock of the open file: a process that this one makes by a fork shares it.
+static bool LockAsWriter(const CDescriptor& file, int command) {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    return fcntl(file.Get(), command, &whole) == 0;
+}
+
+static bool IsRemoved(const CDescriptor& file) {
+    struct stat status {};
+    return fstat(file.Get(), &status) == 0 && status.st_nlink == 0;
+}
+
 COutputFile::COutputFile(const std::string& outputPath, std::uint64_t size,
                          std::function<void(const std::string&)> logWarning)
     : path(outputPath),
       warn(std::move(logWarning)),
-      file(Create(path)),
       header{.size = std::max<std::uint64_t>(size, 1)} {
-    if (file.IsOpen())
-        vxsched::MakePrivate(file.Get(), ".");
+    Create();
     if (!file.IsOpen() || !WriteHeader())
         Fail();
+}
+
+void COutputFile::Create() {
+    for (int tries = 0; tries < cMostTries; ++tries) {
+        file = CreateAt(path);
+        if (!file.IsOpen())
+            return;
+        // Where the file system has no locks, the file is not kept from removal.
+        LockAsWriter(file, F_OFD_SETLKW);
+        if (!IsRemoved(file))
+            break;
+    }
+    vxsched::MakePrivate(file.Get(), ".");
 }
 
 void COutputFile::Fail() {
@@ -81,4 +109,24 @@ bool COutputFile::Write(std::string_view bytes) {
         return false;
     header.written = header.claimed;
     return WriteHeader();
+}
+
+// The file of an output, locked if nobody writes it. What is no file, nobody writes.
+static bool LockUnwritten(const std::string& path, CDescriptor& file) {
+    file = OpenRegularFile(path.c_str(), O_WRONLY | O_NOFOLLOW);
+    if (!file.IsOpen())
+        return errno == ELOOP || errno == EISDIR || errno == cNotAFile || errno == ENOENT;
+    return LockAsWriter(file, F_OFD_SETLK) || (errno != EAGAIN && errno != EACCES);
+}
+
+bool IsOutputWritten(const std::string& path) {
+    CDescriptor file;
+    return !LockUnwritten(path, file);
+}
+
+bool RemoveUnwrittenOutput(const std::string& path) {
+    // The lock is held meanwhile, so that no writer takes it in between.
+    CDescriptor file;
+    std::error_code error;
+    return LockUnwritten(path, file) && (fs::remove(path, error) || !error);
 }

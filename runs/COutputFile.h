@@ -30,7 +30,12 @@ public:
     // Why the output is not kept, or only up to some point; empty if it is.
     const std::string& Error() const { return error; }
 
+    // Lets go of the file, to which nothing is appended any more. It counts as being written until all
+    // processes that have it, since a fork, have done so or have ended.
+    void Close() { file = CDescriptor(); }
+
 private:
+    void Create();
     bool WriteHeader();
     bool Write(std::string_view bytes);
     void Fail();
@@ -42,3 +47,10 @@ private:
     std::uint64_t count = 0;
     std::string error;
 };
+
+// Whether a COutputFile has that file, or this user cannot find out.
+bool IsOutputWritten(const std::string& path);
+
+// Removes a file unless IsOutputWritten(); false if it is still there. Several processes may do so at
+// once.
+bool RemoveUnwrittenOutput(const std::string& path);

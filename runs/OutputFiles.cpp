@@ -1,11 +1,17 @@
 #include "runs/OutputFiles.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
-#include "runs/CRunningFile.h"
+#include "base/CDeadline.h"
+#include "base/CDescriptor.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
 #include "store/TaskFileName.h"
@@ -16,6 +22,8 @@ using vxsched::TOutput;
 
 static constexpr std::size_t cMostOutputs = 10;
 static constexpr std::chrono::days cKeptOfOthers(30);
+// Another run's begin needs less than a millisecond; one that is stopped holds up no other.
+static constexpr std::chrono::seconds cLockTimeout(1);
 static constexpr char cSuffix[] = ".log";
 // No task's name is encoded as this.
 static constexpr char cUnknown[] = "%unknown";
@@ -40,31 +48,60 @@ static std::string DirectoryOf(const std::optional<std::string>& task) {
            (task ? vxsched::FileNameOf(*task) : cUnknown);
 }
 
-// False if there is none in the end, as where a link leads elsewhere.
-static bool MakeDirectory(const std::string& path) {
+// And no link, which may lead elsewhere.
+static bool IsOwnDirectory(const std::string& path) {
     std::error_code ignored;
-    return vxsched::MakePrivateDirectory(path, ".") == 0 &&
-           fs::is_directory(fs::symlink_status(path, ignored));
+    return fs::is_directory(fs::symlink_status(path, ignored));
 }
 
-// Removes all but the latest, and those whose runs go on.
-static void RemoveOldest(const std::vector<TOutput>& outputs) {
-    std::error_code ignored;
-    for (std::size_t number = cMostOutputs - 1; number < outputs.size(); ++number) {
-        if (!vxsched::IsRunning(".", outputs[number].id))
-            fs::remove(outputs[number].path, ignored);
+// False if there is none in the end.
+static bool MakeDirectory(const std::string& path) {
+    return vxsched::MakePrivateDirectory(path, ".") == 0 && IsOwnDirectory(path);
+}
+
+// Removes the oldest of `outputs` so that `most` are left, as far as they are not being written.
+static void RemoveOldest(const std::vector<TOutput>& outputs, std::size_t most) {
+    std::size_t count = outputs.size();
+    for (auto output = outputs.rbegin(); output != outputs.rend() && count > most; ++output) {
+        if (RemoveUnwrittenOutput(output->path))
+            --count;
     }
+}
+
+// Keeps others from making an output there, as far as that can be had. Until it is closed.
+static CDescriptor LockDirectory(const std::string& path) {
+    const CDeadline deadline(cLockTimeout);
+    CDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    while (flock(directory.Get(), LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK &&
+           deadline.Pause(std::chrono::milliseconds(1))) {
+    }
+    return directory;
 }
 
 std::string OutputPathOf(const std::optional<std::string>& task, const std::string& id) {
     return DirectoryOf(task) + '/' + id + cSuffix;
 }
 
-std::string PrepareOutputFile(const std::optional<std::string>& task, const std::string& id) {
+COutputFile MakeOutputFile(const std::optional<std::string>& task, const std::string& id,
+                           std::uint64_t size, std::function<void(const std::string&)> logWarning) {
     const std::string directory = DirectoryOf(task);
-    if (MakeDirectory(vxsched::cOutputDirectory) && MakeDirectory(directory))
-        RemoveOldest(OutputsIn(".", directory));
-    return OutputPathOf(task, id);
+    CDescriptor lock;
+    if (MakeDirectory(vxsched::cOutputDirectory) && MakeDirectory(directory)) {
+        lock = LockDirectory(directory);
+        RemoveOldest(OutputsIn(".", directory), cMostOutputs - 1);
+    }
+    return COutputFile(OutputPathOf(task, id), size, std::move(logWarning));
+}
+
+void RemoveOldOutputs(const std::optional<std::string>& task) {
+    const std::string directory = DirectoryOf(task);
+    if (!IsOwnDirectory(vxsched::cOutputDirectory) || !IsOwnDirectory(directory))
+        return;
+    std::vector<TOutput> outputs = OutputsIn(".", directory);
+    if (outputs.size() <= cMostOutputs)
+        return;
+    outputs.erase(outputs.begin());
+    RemoveOldest(outputs, cMostOutputs - 1);
 }
 
 std::string FindLatestOutput(const std::optional<std::string>& task) {
@@ -91,12 +128,12 @@ void RemoveOutputsOfOthers(const std::set<std::string>& tasks) {
             OutputsIn(".", std::string(vxsched::cOutputDirectory) + '/' + name);
         const bool areOld =
             IsOld(entry.path()) && std::all_of(outputs.begin(), outputs.end(), [](const auto& one) {
-                return IsOld(one.path) && !vxsched::IsRunning(".", one.id);
+                return IsOld(one.path) && !IsOutputWritten(one.path);
             });
         if (!areOld)
             continue;
         for (const TOutput& output : outputs)
-            fs::remove(output.path, ignored);
+            RemoveUnwrittenOutput(output.path);
         fs::remove(entry.path(), ignored);
     }
 }

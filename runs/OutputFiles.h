@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "runs/COutputFile.h"
 
 // The files of runs' outputs: files/output/TASK/ID.log, TASK the task's name as FileNameOf() encodes
 // it. The ids of later runs are greater, as far as the clock goes forward. Paths are relative to the
@@ -12,13 +16,19 @@
 // The path of the output of a run of a task, or of a launch of which no task is known.
 std::string OutputPathOf(const std::optional<std::string>& task, const std::string& id);
 
-// Returns that path, and makes its directory in the working directory; removes the oldest outputs there, so that the last
-// ten are there with this one, and those of runs that go on. What cannot be made or removed is left:
-// opening the file fails then, or there are more.
-std::string PrepareOutputFile(const std::optional<std::string>& task, const std::string& id);
+// Makes the file of an output in the working directory, as COutputFile has it, after RemoveOldOutputs()
+// has made room for it. Blocks for a second at most while other runs of the task begin.
+COutputFile MakeOutputFile(const std::optional<std::string>& task, const std::string& id,
+                           std::uint64_t size,
+                           std::function<void(const std::string&)> logWarning = {});
+
+// Removes the oldest outputs of a task in the working directory, so that ten are left. The latest is
+// kept, and those that are still being written; there may be more than ten of these. So is what this
+// user cannot remove.
+void RemoveOldOutputs(const std::optional<std::string>& task);
 
 // Removes the outputs in the working directory of tasks that are not among `tasks`, if all of a task's
-// are older than 30 days and none of its runs goes on: the task was removed, or has another name.
+// are older than 30 days and none is still being written: the task was removed, or has another name.
 void RemoveOutputsOfOthers(const std::set<std::string>& tasks);
 
 // The id of the last run of a task in the working directory whose output is kept; empty if there is

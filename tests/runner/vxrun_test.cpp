@@ -116,6 +116,21 @@ private:
     CDescriptor report;
 };
 
+// The runners in this directory.
+std::vector<pid_t> RunnersHere() {
+    std::vector<pid_t> runners;
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc", error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        std::error_code ignored;
+        const auto process = vxsched::ParseProcess(entry->path().filename().native());
+        if (process && fs::read_symlink(entry->path() / "exe", ignored) == RUNNER_PROGRAM &&
+            fs::read_symlink(entry->path() / "cwd", ignored) == fs::current_path())
+            runners.push_back(*process);
+    }
+    return runners;
+}
+
 class Runner : public testing::Test {
 protected:
     Runner() {
@@ -303,9 +318,30 @@ TEST_F(Runner, OutputsOfMoreThanTenRunsAreKeptWhileTheyGoOn) {
     for (const auto& runner : runners)
         EXPECT_EQ(runner->Wait(), 0);
     fs::remove("go");
-    CRunner next({cShell, "-c", "echo last"});
-    EXPECT_EQ(next.Wait(), 0);
     EXPECT_EQ(Outputs().size(), 10U);
+}
+
+// A daemon of one run may write for longer than ten more runs take.
+TEST_F(Runner, OutputThatIsStillWrittenIsOneOfTheTen) {
+    CRunner first({cShell, "-c",
+                   "(while [ -e files ] && [ ! -e go ]; do sleep 0.01; done; echo late) & echo "
+                   "early"});
+    EXPECT_EQ(first.Wait(), 0);
+    const TRunRecord run = OnlyRun();
+    for (int number = 0; number < 12; ++number) {
+        CRunner runner({cShell, "-c", "echo " + std::to_string(number)});
+        EXPECT_EQ(runner.Wait(), 0);
+    }
+    ASSERT_EQ(Outputs().size(), 10U);
+    EXPECT_EQ(Outputs().front(), run.output);
+    WriteFile("go", "");
+    WaitUntil([&] { return OutputOf(run) == "early\nlate\n"; });
+    WaitUntil([&] { return RunnersHere().empty(); });
+    fs::remove("go");
+    CRunner last({cShell, "-c", "echo last"});
+    EXPECT_EQ(last.Wait(), 0);
+    EXPECT_EQ(Outputs().size(), 10U);
+    EXPECT_FALSE(fs::exists(run.output));
 }
 
 // ---- An output that cannot be kept ------------------------------------------------------------------
@@ -455,21 +491,6 @@ TEST_F(Runner, CopyThatNobodyReadsHoldsUpNoJob) {
     CRunner runner({cShell, "-c", "seq 100000"}, request, theirs.Get());
     EXPECT_EQ(runner.Wait(), 0);
     EXPECT_EQ(OnlyRun().outputBytes, 588'895U);
-}
-
-// The runners in this directory.
-static std::vector<pid_t> RunnersHere() {
-    std::vector<pid_t> runners;
-    std::error_code error;
-    for (fs::directory_iterator entry("/proc", error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        std::error_code ignored;
-        const auto process = vxsched::ParseProcess(entry->path().filename().native());
-        if (process && fs::read_symlink(entry->path() / "exe", ignored) == RUNNER_PROGRAM &&
-            fs::read_symlink(entry->path() / "cwd", ignored) == fs::current_path())
-            runners.push_back(*process);
-    }
-    return runners;
 }
 
 // ---- Its own end ------------------------------------------------------------------------------------

@@ -1,18 +1,18 @@
 // Which outputs of runs are kept.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
+#include <list>
 #include <set>
 #include <string>
 
 #include "GuardedTable.h"
 #include "Process.h"
 #include "runs/COutputFile.h"
-#include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
-#include "runs/RunRecord.h"
 
 namespace fs = std::filesystem;
 
@@ -33,8 +33,8 @@ protected:
 
     // Leaves an output of that age.
     static fs::path Keep(const std::string& task, const std::string& id, TDays age) {
-        const fs::path path = PrepareOutputFile(task, id);
-        COutputFile(path, 100).Append("output");
+        MakeOutputFile(task, id, 100).Append("output");
+        const fs::path path = OutputPathOf(task, id);
         SetAge(path, age);
         SetAge(path.parent_path(), age);
         return path;
@@ -56,19 +56,45 @@ TEST_F(OutputFiles, OfTasksThatAreGoneAreRemovedOnceAllOfATaskAreOld) {
     EXPECT_EQ(CountIn("files/output"), 2U);
 }
 
-TEST_F(OutputFiles, OfARunThatGoesOnAreKept) {
-    TRunRecord run;
-    run.id = "1";
-    const CRunningFile running(run);
-    ASSERT_EQ(running.Error(), "");
-    Keep("gone", "1", TDays(31));
-    // The lock of this process is none to itself.
-    CForkedChild other([] {
-        RemoveOutputsOfOthers({});
-        return 0;
+// By the runner, or by who keeps what the program has left behind writes.
+TEST_F(OutputFiles, ThatAreStillWrittenAreKept) {
+    COutputFile file = MakeOutputFile("gone", "1", 100);
+    const fs::path path = OutputPathOf("gone", "1");
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    CForkedChild keeper([&] {
+        char byte = 0;
+        return static_cast<int>(read(ends[0], &byte, 1));
     });
-    EXPECT_EQ(other.Wait(), 0);
-    EXPECT_EQ(vxsched::FindOutputs(".", "gone").size(), 1U);
+    file.Close();
+    SetAge(path, TDays(31));
+    SetAge(path.parent_path(), TDays(31));
+    RemoveOutputsOfOthers({});
+    EXPECT_TRUE(fs::exists(path));
+    for (int number = 100; number < 120; ++number)
+        Keep("gone", std::to_string(number), TDays(0));
+    EXPECT_EQ(vxsched::FindOutputs(".", "gone").size(), 10U);
+    EXPECT_TRUE(fs::exists(path));
+    EXPECT_TRUE(IsOutputWritten(path));
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    EXPECT_EQ(keeper.Wait(), 1);
+    RemoveOldOutputs("gone");
+    EXPECT_TRUE(fs::exists(path)) << "there are ten";
+    Keep("gone", "120", TDays(0));
+    EXPECT_FALSE(fs::exists(path));
+}
+
+// Or a run whose ten predecessors go on would have no output.
+TEST_F(OutputFiles, LatestIsKeptBesidesThoseThatAreWritten) {
+    Keep("a", "1", TDays(0));
+    std::list<COutputFile> written;
+    for (int number = 100; number < 112; ++number)
+        written.emplace_back(OutputPathOf("a", std::to_string(number)), 100);
+    Keep("a", "112", TDays(0));
+    Keep("a", "113", TDays(0));
+    RemoveOldOutputs("a");
+    EXPECT_EQ(vxsched::FindOutputs(".", "a").size(), 13U);
+    EXPECT_EQ(vxsched::FindOutputs(".", "a").front().id, "113");
 }
 
 // Neither what is no directory of the outputs', nor what is no output.

@@ -24,9 +24,8 @@ protected:
     static std::string Keep(const std::string& task, const std::string& id,
                             const std::string& content, std::uint64_t size = 1000) {
         fs::create_directory("files");
-        const std::string path = PrepareOutputFile(task, id);
-        COutputFile(path, size).Append(content);
-        return path;
+        MakeOutputFile(task, id, size).Append(content);
+        return OutputPathOf(task, id);
     }
 };
 

@@ -130,8 +130,8 @@ TEST(HostOutput, OfAProgramThatOutlivesTheHostIsKept) {
 
 // Leaves an output of a task, which is forty days old.
 static void LeaveOldOutput(const std::string& task) {
-    const std::filesystem::path path = PrepareOutputFile(task, "1");
-    COutputFile(path, 100).Append("old");
+    MakeOutputFile(task, "1", 100).Append("old");
+    const std::filesystem::path path = OutputPathOf(task, "1");
     const auto time = std::filesystem::file_time_type::clock::now() - std::chrono::days(40);
     std::filesystem::last_write_time(path, time);
     std::filesystem::last_write_time(path.parent_path(), time);
