@@ -344,6 +344,37 @@ TEST_F(Runner, OutputThatIsStillWrittenIsOneOfTheTen) {
     EXPECT_FALSE(fs::exists(run.output));
 }
 
+TEST_F(Runner, OutputsOfRunsAtTheSameTimeAreRotatedToTheLatestTen) {
+    for (int round = 1; round <= 6; ++round) {
+        const std::string go = "go" + std::to_string(round);
+        std::vector<std::unique_ptr<CRunner>> runners;
+        for (int number = 0; number < 8; ++number)
+            runners.push_back(std::make_unique<CRunner>(
+                std::vector<std::string>{cShell, "-c",
+                                         "while [ -e files ] && [ ! -e " + go +
+                                             " ]; do sleep 0.01; done; seq 1000; echo end"}));
+        WriteFile(go, "");
+        for (const auto& runner : runners) {
+            EXPECT_LE(Outputs().size(), 10U);
+            EXPECT_EQ(runner->Wait(), 0);
+        }
+        fs::remove(go);
+        std::vector<std::string> all;
+        for (const TRunRecord& run : History()) {
+            EXPECT_EQ(run.outputError, "");
+            all.push_back(run.output);
+        }
+        std::sort(all.begin(), all.end());
+        const std::size_t kept = std::min<std::size_t>(all.size(), 10);
+        EXPECT_EQ(Outputs(),
+                  std::vector<std::string>(all.end() - static_cast<long>(kept), all.end()));
+        for (TRunRecord run; const std::string& path : Outputs()) {
+            run.output = path;
+            EXPECT_THAT(OutputOf(run), EndsWith("\n1000\nend\n"));
+        }
+    }
+}
+
 // ---- An output that cannot be kept ------------------------------------------------------------------
 
 TEST_F(Runner, JobWhoseOutputCannotBeKeptRunsAllTheSame) {
