@@ -117,15 +117,7 @@ void CJob::Collect(TRunRecord& run) {
     int status = 0;
     rusage usage{};
     wait4(process, &status, 0, &usage);
-    const auto time = [](const timeval& value) {
-        return std::chrono::seconds(value.tv_sec) + std::chrono::microseconds(value.tv_usec);
-    };
-    run.ended = CurrentMoment();
-    run.outcome = WIFSIGNALED(status) ? TRunRecord::cKilled : TRunRecord::cExited;
-    run.number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
-    run.usage = {.user = time(usage.ru_utime),
-                 .system = time(usage.ru_stime),
-                 .peakMemory = usage.ru_maxrss};
+    RecordProgramEnd(run, status, usage);
     run.stoppedBy = stoppedBy;
 }
 

@@ -1,6 +1,8 @@
 #include "runs/RunRecord.h"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +48,19 @@ void RecordNotStarted(TRunRecord& run, const std::string& error) {
     run.outcome = TRunRecord::cNotStarted;
     run.ended = run.started;
     run.error = error;
+}
+
+static std::chrono::microseconds TimeOf(const timeval& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+}
+
+void RecordProgramEnd(TRunRecord& run, int waitStatus, const rusage& usage) {
+    run.ended = CurrentMoment();
+    run.outcome = WIFSIGNALED(waitStatus) ? TRunRecord::cKilled : TRunRecord::cExited;
+    run.number = WIFSIGNALED(waitStatus) ? WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+    run.usage = {.user = TimeOf(usage.ru_utime),
+                 .system = TimeOf(usage.ru_stime),
+                 .peakMemory = usage.ru_maxrss};
 }
 
 std::optional<pid_t> RunnerOf(const std::string& id) {

@@ -11,6 +11,8 @@
 
 #include "base/IsoTime.h"
 
+struct rusage;
+
 // The resources that a program used, including those of the children that it waited for.
 struct TUsage {
     std::chrono::microseconds user{0};
@@ -63,6 +65,9 @@ struct TRunRecord {
 
 // Has the record be that of a launch that was not made, because of `error`.
 void RecordNotStarted(TRunRecord& run, const std::string& error);
+
+// Has the record be that of a program that ends now, by what wait4() reports.
+void RecordProgramEnd(TRunRecord& run, int waitStatus, const rusage& usage);
 
 // The runner's process, which the id of a run ends with; empty if `id` is none.
 std::optional<pid_t> RunnerOf(const std::string& id);

@@ -22,10 +22,6 @@ static std::string DescriptionOf(const TRunRecord& run) {
                        run.program.empty() ? "an empty path" : run.program, run.parameter);
 }
 
-static std::chrono::microseconds TimeOf(const timeval& time) {
-    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
-}
-
 static double Seconds(std::chrono::microseconds time) {
     return std::chrono::duration<double>(time).count();
 }
@@ -157,12 +153,7 @@ std::size_t CLaunchedPrograms::CountLaunches() {
 void CLaunchedPrograms::Ended(pid_t child, TProgram& program, int status, const rusage& usage) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.launched;
     TRunRecord& run = program.run;
-    run.ended = CurrentMoment();
-    run.outcome = WIFSIGNALED(status) ? TRunRecord::cKilled : TRunRecord::cExited;
-    run.number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
-    run.usage = {.user = TimeOf(usage.ru_utime),
-                 .system = TimeOf(usage.ru_stime),
-                 .peakMemory = usage.ru_maxrss};
+    RecordProgramEnd(run, status, usage);
     const std::string how = run.outcome == TRunRecord::cKilled
                                 ? "was killed by " + SignalName(run.number)
                                 : fmt::format("exited with status {}", run.number);
