@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
@@ -32,6 +33,10 @@ CJob::CJob(CCopy* outputCopy) : copy(outputCopy) {
     signals = CDescriptor(signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+static void AdoptOrphans(bool adopts) {
+    prctl(PR_SET_CHILD_SUBREAPER, adopts ? 1UL : 0UL);
+}
+
 int CJob::Launch(const char* program, char* const arguments[]) {
     std::array<int, 2> ends{};
     if (!signals.IsOpen() || pipe2(ends.data(), O_CLOEXEC) == -1)
@@ -46,7 +51,13 @@ int CJob::Launch(const char* program, char* const arguments[]) {
     actions.Duplicate(theirs.Get(), STDOUT_FILENO);
     actions.Duplicate(theirs.Get(), STDERR_FILENO);
     actions.CloseFrom(STDERR_FILENO + 1);
-    return posix_spawn(&process, program, actions.Get(), attributes.Get(), arguments, environ);
+    // Before the launch: the program's first orphan would have another parent.
+    AdoptOrphans(true);
+    const int error =
+        posix_spawn(&process, program, actions.Get(), attributes.Get(), arguments, environ);
+    if (error != 0)
+        AdoptOrphans(false);
+    return error;
 }
 
 // Reads once, at most so many bytes. False if there is nothing to read; at the end the pipe is closed.
@@ -100,8 +111,10 @@ void CJob::Wait(int milliseconds) {
          {.fd = pipe.IsOpen() ? pipe.Get() : -1, .events = POLLIN, .revents = 0}}};
     if (poll(events.data(), events.size(), milliseconds) == -1)
         return;
-    if (events[0].revents != 0)
+    if (events[0].revents != 0) {
         OnSignal();
+        CollectOrphans();
+    }
     if (events[1].revents != 0)
         ReadOutput(SIZE_MAX);
 }
@@ -113,10 +126,22 @@ bool CJob::HasEnded() const {
            end.si_pid == process;
 }
 
+// Up to the program, whose end HasEnded() finds.
+void CJob::CollectOrphans() const {
+    siginfo_t end{};
+    while (waitid(P_ALL, 0, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid != 0 &&
+           end.si_pid != process)
+        waitpid(end.si_pid, nullptr, WNOHANG);
+}
+
 void CJob::Collect(TRunRecord& run) {
     int status = 0;
+    waitpid(process, &status, 0);
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    // All of this process's children are the program and its orphans.
     rusage usage{};
-    wait4(process, &status, 0, &usage);
+    getrusage(RUSAGE_CHILDREN, &usage);
     RecordProgramEnd(run, status, usage);
     run.stoppedBy = stoppedBy;
 }
@@ -160,6 +185,10 @@ void CJob::KeepOutput() {
     sigemptyset(&handled);
     sigaddset(&handled, SIGTERM);
     sigprocmask(SIG_UNBLOCK, &handled, nullptr);
+    // Without room for a child this is the runner itself, which still has orphans.
+    std::signal(SIGCHLD, SIG_IGN);
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
     while (pipe.IsOpen())
         Wait(-1);
 }

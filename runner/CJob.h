@@ -20,7 +20,9 @@ public:
     CJob(const CJob&) = delete;
     CJob& operator=(const CJob&) = delete;
 
-    // Launches the program, which leads a session of its own. Returns 0 or an error number.
+    // Launches the program, which leads a session of its own. Returns 0 or an error number. This
+    // process becomes the parent of what the program's processes leave behind, and must have no
+    // other children.
     int Launch(const char* program, char* const arguments[]);
 
     // The output goes to `outputFile`, which the caller keeps. To be called before the next two.
@@ -28,13 +30,15 @@ public:
 
     // Waits for the program's end, keeping its output. SIGTERM has the program's process group
     // terminated, and what is left of it after ten seconds killed; its end is then waited for as well.
-    // Sets how `run` ended. The output that the program has written is kept by then.
+    // Sets how `run` ended, and the resources of all its processes that have ended by then. The
+    // output that the program has written is kept by then.
     void WaitForEnd(TRunRecord& run);
 
     // Whether a process that the program has left behind may still write.
     bool HasWriters() const { return pipe.IsOpen(); }
 
-    // Keeps what is written until everybody has closed the output, or SIGTERM ends this process.
+    // Keeps what is written until everybody has closed the output, or SIGTERM ends this process. To be
+    // called in a child of this process, if there can be one.
     void KeepOutput();
 
     pid_t Process() const { return process; }
@@ -44,6 +48,7 @@ private:
     void ReadWhatIsThere();
     void Wait(int milliseconds);
     void OnSignal();
+    void CollectOrphans() const;
     bool HasEnded() const;
     int NextTimeout(bool hasEnded) const;
     void Collect(TRunRecord& run);

@@ -13,7 +13,8 @@
 
 struct rusage;
 
-// The resources that a program used, including those of the children that it waited for.
+// The resources that a program used, including those of the processes that it has made and that have
+// ended before it; of a program without a runner, of those that it has waited for.
 struct TUsage {
     std::chrono::microseconds user{0};
     std::chrono::microseconds system{0};

@@ -524,6 +524,39 @@ TEST_F(Runner, CopyThatNobodyReadsHoldsUpNoJob) {
     EXPECT_EQ(OnlyRun().outputBytes, 588'895U);
 }
 
+// ---- What a program leaves behind -----------------------------------------------------------------
+
+// Whoever the program has not waited for, since it is not the parent, as of a daemon.
+TEST_F(Runner, ResourcesOfAnOrphanThatEndsBeforeTheProgramAreRecorded) {
+    const std::string orphan =
+        "sh -c 'echo $$ > pid.new; mv pid.new pid; exec " PROGRAMS "/use-resources \"use 400 32\"'";
+    CRunner runner({cShell, "-c",
+                    "(" + orphan +
+                        " &); while [ ! -e pid ]; do sleep 0.05; done; "
+                        "read -r pid < pid; while kill -0 $pid 2>/dev/null; do sleep 0.05; done"});
+    EXPECT_EQ(runner.Wait(), 0);
+    const TUsage usage = OnlyRun().usage;
+    EXPECT_GE(usage.user + usage.system, std::chrono::milliseconds(400));
+    EXPECT_GE(usage.peakMemory, 32 << 10);
+    fs::remove("pid");
+}
+
+TEST_F(Runner, CollectsTheOrphansOfItsProgram) {
+    CRunner runner({cShell, "-c",
+                    "for n in 1 2 3 4 5 6 7 8; do (sh -c 'sleep 0.0$0' $n &); done; touch ready;"
+                    "while [ -e files ] && [ ! -e go ]; do sleep 0.01; done"});
+    WaitUntil([] { return fs::exists("ready"); });
+    const std::string id = std::to_string(runner.Id());
+    WaitUntil([&] {
+        const std::string children = ReadFile("/proc/" + id + "/task/" + id + "/children");
+        return std::count(children.begin(), children.end(), ' ') == 1;
+    });
+    WriteFile("go", "");
+    EXPECT_EQ(runner.Wait(), 0);
+    fs::remove("go");
+    fs::remove("ready");
+}
+
 // ---- Its own end ------------------------------------------------------------------------------------
 
 TEST_F(Runner, ThatIsTerminatedTerminatesItsProgramAndRecordsWhoDidThat) {
