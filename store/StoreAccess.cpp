@@ -21,16 +21,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The group that the store is open to.
-std::optional<gid_t> GroupWithAccess(const fs::path& directory) {
-    struct stat store {};
-    struct stat files {};
-    const bool isOpen = stat(directory.c_str(), &store) == 0 &&
-                        stat((directory / cFilesDirectory).c_str(), &files) == 0 &&
-                        (store.st_mode & S_IXGRP) != 0 && (files.st_mode & S_IWGRP) != 0;
-    return isOpen ? std::optional(files.st_gid) : std::nullopt;
-}
-
 // What others may not change, of one store.
 class CFilesCheck {
 public:
@@ -114,6 +104,15 @@ private:
 };
 
 }  // namespace
+
+std::optional<gid_t> GroupWithAccess(const fs::path& directory) {
+    struct stat store {};
+    struct stat files {};
+    const bool isOpen = stat(directory.c_str(), &store) == 0 &&
+                        stat((directory / cFilesDirectory).c_str(), &files) == 0 &&
+                        (store.st_mode & S_IXGRP) != 0 && (files.st_mode & S_IWGRP) != 0;
+    return isOpen ? std::optional(files.st_gid) : std::nullopt;
+}
 
 mode_t PrivateMode(const fs::path& directory) {
     return GroupWithAccess(directory) ? 0660 : 0600;

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace vxsched {
@@ -11,6 +12,9 @@ namespace vxsched {
 // has opened it to a group: the group may then enter the directory and write in `files/`. That opens
 // the store to the group wholly, backups and semaphores included, since a member who may replace the
 // table may launch any program as the owner.
+
+// That group; empty for a store that is its owner's alone, and where the directory cannot be examined.
+std::optional<gid_t> GroupWithAccess(const std::filesystem::path& directory);
 
 // The mode of the files that host and clients write into the store of a directory, other than the
 // table, and of its semaphores: 0600, or 0660 for a store that is open to a group. 0600 also where

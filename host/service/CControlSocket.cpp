@@ -1,15 +1,19 @@
 #include "host/service/CControlSocket.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "base/Users.h"
@@ -24,46 +28,93 @@ using vxsched::cControlSocket;
 // behind; the oldest of them makes room. The host has descriptors for so many (Descriptors.h).
 static constexpr std::size_t cMostConnections = 8;
 
-// The number of the listening socket among the connections'.
+// The numbers of what is no connection, among the connections'.
 static constexpr std::uint64_t cListener = 0;
+static constexpr std::uint64_t cWatch = 1;
+static constexpr std::uint64_t cRetry = 2;
 
 // How many clients are accepted before the main loop does something else.
 static constexpr int cMostAccepted = 64;
 
 static constexpr int cBacklog = 64;
 
-CControlSocket::CControlSocket(TAnswer answerLine) : answer(std::move(answerLine)) {
+CControlSocket::CControlSocket(TAnswer answerLine)
+    : answer(std::move(answerLine)),
+      events(epoll_create1(EPOLL_CLOEXEC)),
+      retry(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+    Register(retry.Get(), cRetry, EPOLLIN);
     Make();
-    if (!isBound)
-        LogWarning(
-            fmt::format("cannot make the socket {}: {}. Programs that vxsched run launches "
-                        "are not launched by this host.",
-                        cControlSocket, std::strerror(errno)));
 }
 
+// The reason is logged once until it has gone.
 void CControlSocket::Make() {
+    isBound = Bind();
+    if (!isBound) {
+        const int error = errno;
+        if (!std::exchange(isBindFailureLogged, true))
+            LogWarning(fmt::format(
+                "cannot make the socket {}: {}. Programs that vxsched run launches are not "
+                "launched by this host until it can.",
+                cControlSocket,
+                error == EADDRINUSE ? "something else has that name; remove it"
+                                    : std::strerror(error)));
+        constexpr itimerspec cSecond = {.it_interval = {}, .it_value = {.tv_sec = 1, .tv_nsec = 0}};
+        timerfd_settime(retry.Get(), 0, &cSecond, nullptr);
+        return;
+    }
+    isBindFailureLogged = false;
+    Watch();
+    if (isListening)
+        StartListening();
+}
+
+// errno has the reason for a failure.
+bool CControlSocket::Bind() {
     listener = CDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    CDescriptor made(epoll_create1(EPOLL_CLOEXEC));
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     static_assert(sizeof cControlSocket <= sizeof address.sun_path);
     std::memcpy(address.sun_path, cControlSocket, sizeof cControlSocket);
-    if (!listener.IsOpen() || !made.IsOpen() ||
-        fchmod(listener.Get(), vxsched::PrivateMode(".")) == -1)
-        return;
-    struct stat former {};
-    if (lstat(cControlSocket, &former) == 0 && S_ISSOCK(former.st_mode))
-        unlink(cControlSocket);
     // The file gets the mode of the socket, but for the umask.
-    const mode_t mask = umask(0);
-    isBound =
-        bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    umask(mask);
-    if (isBound)
-        events = std::move(made);
+    if (!listener.IsOpen() || fchmod(listener.Get(), 0600) == -1)
+        return false;
+    struct stat status {};
+    if (lstat(cControlSocket, &status) == 0 && S_ISSOCK(status.st_mode))
+        unlink(cControlSocket);
+    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||
+        lstat(cControlSocket, &status) == -1)
+        return false;
+    device = status.st_dev;
+    inode = status.st_ino;
+    OpenToGroup();
+    return true;
+}
+
+// Where the directory does not pass its group on, the file has that of the process. A host that may
+// not set the group serves its own user alone.
+void CControlSocket::OpenToGroup() const {
+    const std::optional<gid_t> group = vxsched::GroupWithAccess(".");
+    if (group && lchown(cControlSocket, static_cast<uid_t>(-1), *group) == 0)
+        static_cast<void>(!fchmodat(AT_FDCWD, cControlSocket, vxsched::PrivateMode("."),
+                                    AT_SYMLINK_NOFOLLOW));
+}
+
+// The system reports when the file loses its name, and nothing of what happens beside it. Without a
+// watch, for want of the system's room, the file is not made again.
+void CControlSocket::Watch() {
+    watch = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    inotify_add_watch(watch.Get(), cControlSocket, IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW);
+    inotify_add_watch(watch.Get(), vxsched::cFilesDirectory, IN_MOVE_SELF | IN_ONLYDIR);
+    Register(watch.Get(), cWatch, EPOLLIN);
+}
+
+bool CControlSocket::IsThere() const {
+    struct stat status {};
+    return isBound && lstat(cControlSocket, &status) == 0 && status.st_dev == device &&
+           status.st_ino == inode;
 }
 
 CControlSocket::~CControlSocket() {
-    if (isBound)
+    if (IsThere())
         unlink(cControlSocket);
 }
 
@@ -74,11 +125,15 @@ bool CControlSocket::Register(int socket, std::uint64_t number, std::uint32_t wh
 
 // Edge-triggered: a client that cannot be accepted, for want of descriptors, must not keep the main
 // loop busy. The next client that comes is the next attempt.
-void CControlSocket::Listen() {
-    if (!isBound)
-        return;
+void CControlSocket::StartListening() const {
     listen(listener.Get(), cBacklog);
     Register(listener.Get(), cListener, EPOLLIN | EPOLLET);
+}
+
+void CControlSocket::Listen() {
+    isListening = true;
+    if (isBound)
+        StartListening();
 }
 
 void CControlSocket::Serve() {
@@ -90,10 +145,27 @@ void CControlSocket::Serve() {
             AcceptAll();
             continue;
         }
+        if (event.data.u64 == cWatch || event.data.u64 == cRetry) {
+            MakeIfGone(event.data.u64 == cWatch ? watch : retry);
+            continue;
+        }
         // It may have been closed since, to make room.
         if (const auto found = connections.find(event.data.u64); found != connections.end())
             OnReadable(found, (event.events & (EPOLLHUP | EPOLLERR)) != 0);
     }
+}
+
+// `reason` is the watch or the timer.
+void CControlSocket::MakeIfGone(const CDescriptor& reason) {
+    std::array<char, 4096> ignored;
+    while (read(reason.Get(), ignored.data(), ignored.size()) > 0) {
+    }
+    if (IsThere())
+        return;
+    if (isBound)
+        LogNotice(fmt::format("the socket {} was removed or replaced; it is made again",
+                              cControlSocket));
+    Make();
 }
 
 void CControlSocket::AcceptAll() {

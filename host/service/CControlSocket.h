@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -19,23 +21,24 @@ public:
     using TAnswer = std::function<std::string(std::string_view line)>;
 
     // Makes the socket in the working directory, in place of one that a host has left behind.
-    // Clients are refused until Listen(), and then do without the host. Changes the umask for a
-    // moment: to be constructed before there are threads. If the socket cannot be made, the log is
-    // warned.
+    // Clients are refused until Listen(), and then do without the host. If the socket cannot be made,
+    // the log is warned, and Serve() tries again each second.
     explicit CControlSocket(TAnswer answerLine);
 
-    // Removes the file. Clients whose request was not read notice that.
+    // Removes the file, unless it is another one's by now. Clients whose request was not read notice
+    // that.
     ~CControlSocket();
     CControlSocket(const CControlSocket&) = delete;
     CControlSocket& operator=(const CControlSocket&) = delete;
 
     void Listen();
 
-    // Readable when Serve() should be called; -1 if there is no socket.
+    // Readable when Serve() should be called.
     int Descriptor() const { return events.Get(); }
 
     // Accepts clients, reads what they have sent, and answers. A client that has gone gets no
-    // answer, and its request is not carried out.
+    // answer, and its request is not carried out. Makes the socket again if its file is gone or
+    // replaced.
     void Serve();
 
 private:
@@ -47,6 +50,12 @@ private:
     using TConnections = std::map<std::uint64_t, TConnection>;
 
     void Make();
+    bool Bind();
+    void OpenToGroup() const;
+    void Watch();
+    bool IsThere() const;
+    void MakeIfGone(const CDescriptor& reason);
+    void StartListening() const;
     void AcceptAll();
     void Add(CDescriptor socket);
     void CloseOldest();
@@ -54,11 +63,18 @@ private:
     bool Register(int socket, std::uint64_t number, std::uint32_t which) const;
 
     const TAnswer answer;
-    CDescriptor events;
+    const CDescriptor events;
+    const CDescriptor retry;  // a timer
+    CDescriptor watch;        // of the file
     CDescriptor listener;
+    // The file of the listener.
+    dev_t device = 0;
+    ino_t inode = 0;
     bool isBound = false;
+    bool isListening = false;
+    bool isBindFailureLogged = false;
     bool isRefusalLogged = false;
     bool isFailureLogged = false;
-    std::uint64_t lastNumber = 0;
+    std::uint64_t lastNumber = 2;  // after those of the listener, the watch and the timer
     TConnections connections;
 };

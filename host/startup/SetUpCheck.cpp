@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,7 @@
 #include "host/startup/RepairPlan.h"
 #include "host/startup/WorkDirectory.h"
 #include "store/CStoreMutexLock.h"
+#include "store/Layout.h"
 #include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
 
@@ -135,6 +137,17 @@ void CheckLog(const std::string& path, CReport& report) {
                                          path, reason));
 }
 
+// The host removes nothing that it does not know.
+void CheckControlSocket(const std::string& directory) {
+    const std::filesystem::path path = std::filesystem::path(directory) / vxsched::cControlSocket;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode))
+        CReport::Warn(
+            fmt::format("{} is not a socket, so vxsched run reaches no host: it launches programs "
+                        "itself. Remove it.",
+                        path.string()));
+}
+
 }  // namespace
 
 TExitStatus CheckSetUp(const THostOptions& options) {
@@ -152,6 +165,7 @@ TExitStatus CheckSetUp(const THostOptions& options) {
     CheckAddIn(options.addIn, report);
     if (reasons.empty())
         CheckTable(options, report);
+    CheckControlSocket(options.directory);
     if (!options.logFile.empty())
         CheckLog(options.logFile, report);
     if (const std::string reason = WhyTooFewDescriptors(); !reason.empty())

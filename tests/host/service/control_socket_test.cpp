@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -111,6 +112,24 @@ protected:
         }
     }
 
+    // Whether a client that comes now is served.
+    bool IsAnswered() {
+        Serve();
+        const CClient client;
+        client.Send("line\n");
+        Serve();
+        return client.Receive() == "answer\nclosed";
+    }
+
+    // Somebody else's socket, in place of what is there.
+    static void BindOther(const char* path) {
+        fs::remove(path);
+        const CDescriptor other(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        std::strcpy(address.sun_path, path);
+        ASSERT_EQ(bind(other.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+
     static unsigned int Mode() {
         struct stat status {};
         return lstat(cSocket, &status) == 0 ? status.st_mode & 07777U : 0U;
@@ -158,11 +177,52 @@ TEST_F(ControlSocket, OverwritesNoFileThatIsNone) {
     WriteFile("log", "");
     CHostLog::Instance().WriteTo("log");
     Make();
-    EXPECT_EQ(control->Descriptor(), -1);
     control->Listen();
     control.reset();
     EXPECT_EQ(ReadFile(cSocket), "somebody's");
     EXPECT_THAT(ReadFile("log"), HasSubstr("cannot make the socket files/control: "));
+}
+
+TEST_F(ControlSocket, IsMadeOnceWhatHasItsNameIsGone) {
+    control.reset();
+    fs::create_directory(cSocket);
+    Make();
+    control->Listen();
+    fs::remove(cSocket);
+    WaitUntil([this] { return IsAnswered(); });
+}
+
+TEST_F(ControlSocket, IsMadeAgainWhenItsFileIsGoneOrReplaced) {
+    const std::vector<std::function<void()>> harms = {
+        [] { fs::remove(cSocket); },
+        [] { fs::rename(cSocket, "files/elsewhere"); },
+        [] { BindOther(cSocket); },
+        [] {
+            BindOther("files/other");
+            fs::rename("files/other", cSocket);
+        },
+        [] {
+            fs::remove_all("files");
+            fs::create_directory("files");
+        },
+        [] {
+            fs::rename("files", "former");
+            fs::create_directory("files");
+        },
+    };
+    for (std::size_t number = 0; number < harms.size(); ++number) {
+        SCOPED_TRACE(number);
+        harms[number]();
+        WaitUntil([this] { return IsAnswered(); });
+        EXPECT_EQ(Mode(), 0600U);
+        EXPECT_FALSE(IsReadable()) << "the main loop has nothing to do";
+    }
+}
+
+TEST_F(ControlSocket, RemovesNoSocketOfAnotherProcess) {
+    BindOther(cSocket);
+    control.reset();
+    EXPECT_TRUE(fs::is_socket(cSocket));
 }
 
 TEST_F(ControlSocket, RefusesClientsUntilTheHostListens) {
@@ -180,6 +240,22 @@ TEST_F(ControlSocket, IsForTheGroupOfAStoreThatIsOpenToIt) {
         ASSERT_EQ(chmod(path, 02770), 0);
     }
     Make();
+    EXPECT_EQ(Mode(), 0660U);
+}
+
+// Neither the bit of the directory nor the process gives the file that group.
+TEST_F(ControlSocket, HasTheGroupOfAStoreWhoseDirectoriesLackTheBit) {
+    REQUIRE_SUPERUSER();
+    ASSERT_TRUE(EnterUserDatabase());
+    for (const char* const path : {".", "files"}) {
+        ASSERT_EQ(chown(path, cKeeper, cStoreGroup), 0);
+        ASSERT_EQ(chmod(path, 0770), 0);
+    }
+    umask(022);
+    Make();
+    struct stat status {};
+    ASSERT_EQ(lstat(cSocket, &status), 0);
+    EXPECT_EQ(status.st_gid, cStoreGroup);
     EXPECT_EQ(Mode(), 0660U);
 }
 

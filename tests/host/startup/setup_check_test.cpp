@@ -92,6 +92,15 @@ TEST(HostCheck, HolderThatIsTakenForHungIsReported) {
     EXPECT_EQ(StoreSemaphoreValue(), 0);
 }
 
+TEST(HostCheck, ReportsWhatHasTheNameOfTheControlSocket) {
+    std::filesystem::create_directory("files");
+    WriteFile("files/control", "");
+    CProgram check(HostWith({"--check"}));
+    EXPECT_EQ(check.Wait(), 0) << check.Output();
+    EXPECT_NE(check.Output().find("warning: ./files/control is not a socket"), std::string::npos)
+        << check.Output();
+}
+
 TEST(HostCheck, RunningHostIsNotDisturbed) {
     CHost host;
     CProgram check(HostWith({"--check"}));
