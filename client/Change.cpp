@@ -39,12 +39,14 @@ constexpr int cMostTimeouts = 10;
 
 TRequest RequestOf(const TStoreOptions& options, const TChange& change) {
     std::error_code error;
+    const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     return {std::filesystem::absolute(options.directory, error).string(),
             options.addIn.empty() ? LibraryDirectory() + '/' + cAddInFile
                                   : std::filesystem::absolute(options.addIn, error).string(),
             options.lockTimeout.count(),
             options.evenIfDue,
-            FindSchedulingProcess(options.directory).has_value(),
+            scheduler.has_value(),
+            scheduler && scheduler->holdsLock,
             change.calls};
 }
 

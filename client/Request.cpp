@@ -71,6 +71,7 @@ std::string Encode(const TRequest& request) {
     write(request.lockTimeout);
     write(request.evenIfDue);
     write(request.hasScheduler);
+    write(request.hasHost);
     for (const TCall& call : request.calls)
         ForEachField(call, write);
     return bytes;
@@ -84,6 +85,7 @@ TRequest DecodeRequest(std::string bytes) {
     read(request.lockTimeout);
     read(request.evenIfDue);
     read(request.hasScheduler);
+    read(request.hasHost);
     while (!bytes.empty()) {
         TCall call{};
         ForEachField(call, read);

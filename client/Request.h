@@ -36,6 +36,7 @@ struct TRequest {
     bool evenIfDue = false;        // load although tasks are due
     bool hasScheduler = false;     // a scheduling process runs; the change process may lack the
                                    // permission to find it
+    bool hasHost = false;          // that is a vxschedd, which holds the store's lock
     std::vector<TCall> calls;
 };
 

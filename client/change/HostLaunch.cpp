@@ -1,5 +1,6 @@
 #include "client/change/HostLaunch.h"
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -22,7 +23,7 @@ namespace {
 
 constexpr std::chrono::seconds cLimit(5);
 
-// Closed if nobody listens. A blocked connect() or send() ends after the limit.
+// Closed if nobody listens, with the reason in errno. A blocked connect() or send() ends after the limit.
 CDescriptor Connect() {
     CDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval limit{.tv_sec = cLimit.count(), .tv_usec = 0};
@@ -65,16 +66,19 @@ int ReadLine(const CDescriptor& socket, std::string& line) {
 
 }  // namespace
 
-std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request) {
+std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int& error) {
     const std::string message = EncodeRequest(request);
+    error = EMSGSIZE;
     if (message.size() > cLongestMessage)
         return {};
     const CDescriptor socket = Connect();
     // The host does nothing before it has the end of the line.
-    if (!socket.IsOpen() || !SendAll(socket.Get(), message))
+    if (!socket.IsOpen() || !SendAll(socket.Get(), message)) {
+        error = errno;
         return {};
+    }
     std::string line;
-    const int error = ReadLine(socket, line);
+    error = ReadLine(socket, line);
     // The host has closed the connection, or was killed, before it had read the request.
     if (error == ECONNRESET)
         return {};
@@ -82,6 +86,29 @@ std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request) {
         return THostAnswer();
     const std::optional<TLaunchAnswer> answer = DecodeAnswer(line);
     return THostAnswer{.isKnown = answer.has_value(), .answer = answer.value_or(TLaunchAnswer())};
+}
+
+std::string WhyNotByHost(int error) {
+    switch (error) {
+        case EMSGSIZE:
+            return fmt::format(
+                "a request takes at most {} bytes; shorten the task's name, program or parameter",
+                cLongestMessage);
+        case EACCES:
+            return fmt::format(
+                "cannot connect to {}: {}; its group is not the store's, so the host may not set "
+                "that; make its user a member and restart it",
+                cControlSocket, std::strerror(error));
+        case ECONNRESET:
+        case EPIPE:
+            return "it has turned the request away: it was ending, or had no descriptors; see its "
+                   "log";
+        default:
+            return fmt::format(
+                "cannot connect to {}: {}; it is starting or ending, or could not make its socket; "
+                "see its log, and vxschedd --check",
+                cControlSocket, std::strerror(error));
+    }
 }
 
 }  // namespace vxsched

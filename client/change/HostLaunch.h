@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "control/Messages.h"
 
@@ -13,8 +14,12 @@ struct THostAnswer {
 };
 
 // Has the host launch a program, by its control socket. Blocks until it has answered, for five
-// seconds at most: the caller holds the store mutex. Empty if there is no host that takes such
-// requests; then nothing was launched.
-std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request);
+// seconds at most: the caller holds the store mutex. Empty if no host is reached, because of `error`,
+// an error number; then nothing was launched.
+std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int& error);
+
+// Why a host that runs was not reached, and what to do, for a message. `error` is that of
+// LaunchByHost().
+std::string WhyNotByHost(int error);
 
 }  // namespace vxsched

@@ -139,11 +139,13 @@ int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*
                                     .parameter = arguments[1] != nullptr ? arguments[1] : ""};
     TLaunch launch;
     int error = 0;
-    if (const std::optional<THostAnswer> answered = LaunchByHost(request)) {
+    int hostError = 0;
+    if (const std::optional<THostAnswer> answered = LaunchByHost(request, hostError)) {
         error = answered->isKnown ? answered->answer.error : EIO;
         launch = LaunchOf(*answered);
     } else {
         launch = LaunchWithoutHost(request, error);
+        launch.hostError = hostError;
     }
     if (error == 0)
         *process = launch.process;

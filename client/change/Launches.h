@@ -18,6 +18,7 @@ struct TLaunch {
     std::string run;      // the id of the run; empty if it has no runner
     std::string error;    // why nothing was launched, or why that is not known
     bool isKnown = true;  // else the host may have launched the program or not
+    int hostError = 0;    // why no host was reached, and this process has launched it; 0: one was
 };
 
 // Called after each launch. The store mutex is held.

@@ -26,6 +26,7 @@
 #include "client/LockForChange.h"
 #include "client/Request.h"
 #include "client/change/CAddIn.h"
+#include "client/change/HostLaunch.h"
 #include "client/change/Launches.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
@@ -363,11 +364,16 @@ void RequireSavesInOneStep(const std::string& addIn) {
 }
 
 void Serve(TRequest& request) {
-    ListenToLaunches([](const TLaunch& launch) {
+    ListenToLaunches([&request](const TLaunch& launch) {
         // The add-in does not announce a launch outside the schedule, and the scheduling process
         // would overwrite the task's last launch. So it is announced here, while the store mutex is
         // held.
         AnnounceLaunch();
+        if (request.hasHost && launch.hostError != 0)
+            SendMessage(cMessageWarning, "the host that runs did not make the launch: " +
+                                             WhyNotByHost(launch.hostError) +
+                                             ". It was made without it, with another environment "
+                                             "and other limits");
         if (launch.process != 0)
             SendMessage(cMessageLaunched, fmt::format("{} {}", launch.process, launch.run));
         else

@@ -242,6 +242,34 @@ TEST_P(CliRunEitherWay, PassesAnyBytes) {
     EXPECT_THAT(run.output, HasSubstr('\n' + row.parameters + '\n'));
 }
 
+// The host makes its socket anew, unless something else has its name.
+TEST_F(CliRun, WarnsOfAHostThatIsNotReached) {
+    WriteJob("cut -d ' ' -f 4 /proc/$PPID/stat");
+    fs::create_directory(vxsched::cControlSocket);
+    CHost host;
+    const TToolRun run = RunTool({"run", "job", "--wait"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(OutputOfProgram(run), std::to_string(host.Id()) + '\n');
+    EXPECT_THAT(run.error, HasSubstr("vxsched: the host that runs did not make the launch: cannot "
+                                     "connect to files/control: Connection refused; "));
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_THAT(RunTool({"run", "job", "--wait"}).error, Not(HasSubstr("the host")))
+        << "no host runs";
+}
+
+TEST_F(CliRun, WarnsOfARequestThatIsTooLongForTheHost) {
+    TRow row = Job();
+    row.program = "/bin/echo";
+    row.parameters = std::string(131'071, '\x01');
+    row.name = std::string(100'000, '\x01');
+    WriteTable({row});
+    CHost host;
+    const TToolRun run = RunTool({"run", row.name, "--force"});
+    EXPECT_EQ(run.status, 0) << run.error;
+    EXPECT_THAT(run.error, HasSubstr("a request takes at most 1048576 bytes; shorten"));
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 // A request for it does not fit, so that the caller launches it.
 TEST_P(CliRunEitherWay, LaunchesATaskWithTheLongestStrings) {
     TRow row = Job();
