@@ -38,10 +38,16 @@ static constexpr int cMostAccepted = 64;
 
 static constexpr int cBacklog = 64;
 
+// A descriptor that is given up to turn a client away.
+static CDescriptor OpenSpare() {
+    return CDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
 CControlSocket::CControlSocket(TAnswer answerLine)
     : answer(std::move(answerLine)),
       events(epoll_create1(EPOLL_CLOEXEC)),
-      retry(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+      retry(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      spare(OpenSpare()) {
     Register(retry.Get(), cRetry, EPOLLIN);
     Make();
 }
@@ -123,8 +129,8 @@ bool CControlSocket::Register(int socket, std::uint64_t number, std::uint32_t wh
     return epoll_ctl(events.Get(), EPOLL_CTL_ADD, socket, &event) == 0;
 }
 
-// Edge-triggered: a client that cannot be accepted, for want of descriptors, must not keep the main
-// loop busy. The next client that comes is the next attempt.
+// Edge-triggered: a client that cannot even be turned away must not keep the main loop busy. The next
+// client that comes is the next attempt.
 void CControlSocket::StartListening() const {
     listen(listener.Get(), cBacklog);
     Register(listener.Get(), cListener, EPOLLIN | EPOLLET);
@@ -177,9 +183,10 @@ void CControlSocket::AcceptAll() {
             if (!std::exchange(isFailureLogged, true))
                 LogWarning(fmt::format("cannot accept a client on {}: {}. This is logged once.",
                                        cControlSocket, std::strerror(errno)));
-            if (connections.empty())
+            if (!connections.empty())
+                CloseOldest();
+            else if (!TurnAway())
                 return;
-            CloseOldest();
         } else if (errno != ECONNABORTED && errno != EINTR) {
             return;
         }
@@ -187,6 +194,16 @@ void CControlSocket::AcceptAll() {
     // There may be more: has the next call of Serve() come here again.
     epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.u64 = cListener}};
     epoll_ctl(events.Get(), EPOLL_CTL_MOD, listener.Get(), &event);
+}
+
+// Closes the connection of a client that waits, which then does without the host. False if that is not
+// possible either.
+bool CControlSocket::TurnAway() {
+    spare = CDescriptor();
+    const bool isAccepted =
+        CDescriptor(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)).IsOpen();
+    spare = OpenSpare();
+    return isAccepted;
 }
 
 void CControlSocket::Add(CDescriptor socket) {

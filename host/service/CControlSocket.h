@@ -58,6 +58,7 @@ private:
     void StartListening() const;
     void AcceptAll();
     void Add(CDescriptor socket);
+    bool TurnAway();
     void CloseOldest();
     void OnReadable(TConnections::iterator connection, bool isClosed);
     bool Register(int socket, std::uint64_t number, std::uint32_t which) const;
@@ -66,6 +67,7 @@ private:
     const CDescriptor events;
     const CDescriptor retry;  // a timer
     CDescriptor watch;        // of the file
+    CDescriptor spare;
     CDescriptor listener;
     // The file of the listener.
     dev_t device = 0;

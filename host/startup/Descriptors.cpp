@@ -9,7 +9,7 @@
 
 #include "host/CHostError.h"
 
-// A running host has some fourteen open, opens at most four more at a time, and has up to eight
+// A running host has some seventeen open, opens at most four more at a time, and has up to eight
 // clients (CControlSocket); the libraries that it loads, and the add-in, have a share of the others.
 static constexpr rlim_t cNeeded = 48;
 

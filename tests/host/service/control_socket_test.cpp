@@ -439,3 +439,27 @@ TEST_F(ControlSocket, WithoutDescriptorsKeepsTheMainLoopIdleAndRecovers) {
     Serve();
     EXPECT_THAT(lines, testing::UnorderedElementsAre("first", "second"));
 }
+
+// At the limit itself: who waits in vain for an answer would hold the store mutex meanwhile.
+TEST_F(ControlSocket, AtTheLimitOnDescriptorsTurnsClientsAway) {
+    const CClient one;
+    one.Send("one\n");
+    const CClient other;
+    rlimit limits{};
+    getrlimit(RLIMIT_NOFILE, &limits);
+    const rlim_t former = limits.rlim_cur;
+    limits.rlim_cur = 256;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limits), 0);
+    std::vector<CDescriptor> taken;
+    do
+        taken.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    while (taken.back().IsOpen());
+    Serve();
+    EXPECT_EQ(one.Receive(), "closed");
+    EXPECT_EQ(other.Receive(), "closed");
+    taken.clear();
+    limits.rlim_cur = former;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limits), 0);
+    EXPECT_THAT(lines, IsEmpty());
+    EXPECT_TRUE(IsAnswered());
+}
