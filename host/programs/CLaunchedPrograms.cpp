@@ -129,9 +129,9 @@ void CLaunchedPrograms::CollectOrphans() {
 
 void CLaunchedPrograms::LeaveRunning() {
     const std::lock_guard<std::mutex> lock(mutex);
-    for (auto& [process, program] : programs) {
-        LogNotice(
-            fmt::format("leaving process {} running, {}", process, DescriptionOf(program.run)));
+    for (auto& [child, program] : programs) {
+        LogNotice(fmt::format("leaving process {} running, {}", program.run.process,
+                              DescriptionOf(program.run)));
         program.run.outcome = TRunRecord::cLeftRunning;
         RecordEnd(program);
     }

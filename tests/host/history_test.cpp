@@ -226,6 +226,22 @@ TEST(HostHistory, ProgramThatOutlivesTheHostIsRecordedWhenItEnds) {
     EXPECT_EQ(record.at("name"), "long");
 }
 
+TEST(HostHistory, ProgramThatIsLeftRunningIsLoggedByItsOwnProcess) {
+    CHost host;
+    CreateDue("long", PROGRAMS "/wait-for-it", "end it");
+    EXPECT_TRUE(host.WaitForOutput(" for task \"long\"")) << host.Output();
+    const std::string started = "started process ";
+    const pid_t process =
+        std::stoi(host.Output().substr(host.Output().find(started) + started.size()));
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(
+        host.CountInOutput("leaving process " + std::to_string(process) + " running, task \"long\""),
+        1U)
+        << host.Output();
+    WriteFile("end it", "");
+    EXPECT_EQ(RecordsOnceThereAre(1).at(0).at("process"), process);
+}
+
 // With their programs, which nobody else would end.
 static void KillRunners() {
     for (const auto& entry : std::filesystem::directory_iterator("files/running")) {
