@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
@@ -46,6 +47,8 @@ static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
 
 void RecordNotStarted(TRunRecord& run, const std::string& error) {
     run.outcome = TRunRecord::cNotStarted;
+    if (run.id.empty())
+        run.id = MakeOwnRunId();
     run.ended = run.started;
     run.error = error;
 }
@@ -87,6 +90,21 @@ std::string MakeRunId(TMoment now, const std::string& latest) {
     if (former.size() == time.size() && former >= time)
         time = After(former);
     return fmt::format("{}-{}", time, getpid());
+}
+
+std::string MakeOwnRunId() {
+    static std::mutex mutex;
+    static std::string latest;
+    const std::lock_guard<std::mutex> lock(mutex);
+    latest = MakeRunId(CurrentMoment(), latest);
+    return latest;
+}
+
+const char* TriggerOf(std::chrono::sys_seconds due, TMoment launched, TMoment upSince) {
+    // The second in which the host came up is its own.
+    const bool isLate = due < std::chrono::floor<std::chrono::seconds>(upSince) ||
+                        launched - due > std::chrono::minutes(1);
+    return isLate ? cCaughtUp : cScheduled;
 }
 
 static TJson TimeOrNull(const std::string& time) {
@@ -133,10 +151,13 @@ TJson JsonOf(const TRunRecord& record) {
         json["process"] = record.process;
     if (!record.stoppedBy.empty())
         json["stoppedBy"] = record.stoppedBy;
-    if (!record.id.empty()) {
+    if (!record.id.empty())
         json["run"] = record.id;
+    if (!record.trigger.empty())
         json["trigger"] = record.trigger;
+    if (record.attempt != 0)
         json["attempt"] = record.attempt;
+    if (!record.output.empty()) {
         json["output"] = record.output;
         json["outputBytes"] = record.outputBytes;
     }

@@ -24,7 +24,12 @@ struct TUsage {
 };
 
 inline constexpr char cScheduled[] = "schedule";
+inline constexpr char cCaughtUp[] = "catch-up";
 inline constexpr char cManual[] = "manual";
+
+// The trigger of a launch for a due time: cCaughtUp if the task fell due before its host was up, or
+// more than a minute ago, as in a suspend; else cScheduled. Without a reason no tick comes later.
+const char* TriggerOf(std::chrono::sys_seconds due, TMoment launched, TMoment upSince);
 
 // The record of one launch, or of one due time without a launch that is known of.
 struct TRunRecord {
@@ -52,10 +57,10 @@ struct TRunRecord {
     int number = 0;                // see EOutcome
     TUsage usage;
     std::string error;
+    std::string id;       // of the run, unique in the store
+    std::string trigger;  // why it was launched: cScheduled or another
+    int attempt = 0;      // from 1; 0: none was made
     // The runner's records only:
-    std::string id;                 // of the run, unique in the store
-    std::string trigger;            // why it was launched: cScheduled or another
-    int attempt = 0;                // from 1
     std::string output;             // the file of its output, from the working directory
     std::uint64_t outputBytes = 0;  // that it has written until its end
     std::string outputError;        // why not all of these were kept; empty if they were
@@ -76,6 +81,9 @@ std::optional<pid_t> RunnerOf(const std::string& id);
 // The id of a run that begins now with this process as its runner. It is greater than `latest`, the id
 // of an earlier run or empty, also if the clock was set back since.
 std::string MakeRunId(TMoment now, const std::string& latest);
+
+// The id of a run that has no runner, and that this process records. It is greater than the former one.
+std::string MakeOwnRunId();
 
 // Converts a record to JSON; docs/operating.md lists the fields. Any thread may call these
 // functions.

@@ -87,6 +87,8 @@ std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::st
 // As the host records it.
 void RecordFailure(const TLaunchRequest& request, const std::string& error) {
     TRunRecord run;
+    run.trigger = cManual;
+    run.attempt = 1;
     run.task = request.task;
     run.program = request.program;
     run.parameter = request.parameter;

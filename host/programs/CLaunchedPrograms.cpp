@@ -211,6 +211,7 @@ void CLaunchedPrograms::RecordUnreported(TRunRecord run) {
     if (IsRecorded(run.task, isIt))
         return;
     run.outcome = TRunRecord::cRunnerDied;
+    run.id = MakeOwnRunId();
     Record(run);
 }
 

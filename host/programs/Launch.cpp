@@ -48,6 +48,7 @@ const std::list<TTask*>* const* gTasks = nullptr;
 const CProgramOutput* gOutput = nullptr;
 unsigned int gPause = 0;  // seconds
 TKeptSizes gSizes;
+TMoment gUpSince;
 
 // The calls of time() that the add-in is about to make for a launch on this thread: one for the time
 // of the launch, if it succeeded, and one to reschedule its task.
@@ -109,11 +110,13 @@ std::vector<TLaunchIntent> FindDue() {
 TRunRecord Describe(const TTask* task, const char* path, char* const arguments[]) {
     TRunRecord run;
     run.trigger = cScheduled;
+    run.attempt = 1;
     run.program = path;
     run.parameter = arguments[0] != nullptr && arguments[1] != nullptr ? arguments[1] : "";
     if (task != nullptr) {
         run.task = task->name;
         run.due = TimeOf(task->nextExecution);
+        run.trigger = TriggerOf(*run.due, CurrentMoment(), gUpSince);
     }
     return run;
 }
@@ -236,6 +239,8 @@ TLaunched Launch(TRunRecord& run, const TRequest& request, const CDescriptor& ou
     }
     if (launched.error == 0) {
         run.process = launched.program;
+        if (!launched.hasRunner)
+            run.id = MakeOwnRunId();
         if (record)
             RememberLaunch(*record);
         CLaunchedPrograms::Instance().Launched(run, launched.child, launched.hasRunner);
@@ -295,7 +300,8 @@ TLaunched LaunchWithRetries(TRunRecord& run, const TRequest& request) {
 
 TRunRecord Describe(const TOwedLaunch& owed) {
     TRunRecord run;
-    run.trigger = cScheduled;
+    run.trigger = cCaughtUp;
+    run.attempt = 1;
     run.task = owed.task;
     run.due = owed.due;
     run.program = owed.program;
@@ -394,6 +400,7 @@ TLaunched LaunchByHand(const std::string& task, const std::string& program,
                        const std::string& parameter) {
     TRunRecord run;
     run.trigger = cManual;
+    run.attempt = 1;
     run.task = task;
     run.program = program;
     run.parameter = parameter;
@@ -441,6 +448,7 @@ void HandleLaunches(const std::list<TTask*>* const* tasks, const CProgramOutput*
     gTasks = tasks;
     gOutput = output;
     gSizes = sizes;
+    gUpSince = CurrentMoment();
     gPause = static_cast<unsigned int>(pause.count());
     SetLaunchHandlers({.spawn = OnSpawn, .wait = Wait, .sleep = Pause});
 }

@@ -63,7 +63,10 @@ static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
             isUnknown ? "launch unknown after a power failure" : "missed while no host ran",
             *run.task, due.empty() ? "in a year that no calendar has" : due,
             isRescheduled ? "rescheduled" : "removed", run.program, run.parameter));
-        history.Add(run);
+        TRunRecord record = run;
+        record.id = MakeOwnRunId();
+        record.trigger = cScheduled;
+        history.Add(record);
     }
     if (!prepared.notLaunched.empty())
         history.Sync();

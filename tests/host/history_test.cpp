@@ -87,6 +87,15 @@ TEST(HostHistory, EachRunIsALineWithItsOutcome) {
     EXPECT_EQ(records[1].at("signal"), 9);
     EXPECT_EQ(records[2].at("outcome"), "not started");
     EXPECT_EQ(records[2].at("error"), "No such file or directory");
+    std::set<std::string> ids;
+    for (const TJson& record : records) {
+        ids.insert(record.value("run", ""));
+        EXPECT_NE(record.value("trigger", ""), "");
+        EXPECT_EQ(record.value("attempt", 0), 1);
+    }
+    EXPECT_EQ(ids.size(), 3U);
+    EXPECT_FALSE(ids.contains(""));
+    EXPECT_FALSE(records[2].contains("output"));
     EXPECT_EQ(host.Stop(), 0);
 }
 
@@ -318,8 +327,27 @@ TEST(HostHistory, MissedTasksAreLoggedAndRecorded) {
     EXPECT_FALSE(records[0].contains("started"));
     EXPECT_EQ(records[1].at("name"), "runs once");
     EXPECT_EQ(records[1].at("task"), "removed");
+    EXPECT_NE(records[0].at("run"), records[1].at("run"));
+    for (const TJson& record : records) {
+        EXPECT_EQ(record.at("trigger"), "schedule");
+        EXPECT_FALSE(record.contains("attempt")) << "none was made";
+    }
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(NamesInTable(), "repeats coming paused");
+}
+
+TEST(HostHistory, LaunchThatThePreviousHostDidNotMakeIsCaughtUpOn) {
+    {
+        CHost host;
+        host.Kill(SIGKILL);
+        host.Wait();
+    }
+    WriteTable({Due("late", PROGRAMS "/end-with", "status 0")});
+    CHost host;
+    EXPECT_EQ(RecordsOnceThereAre(1).at(0).at("trigger"), "catch-up");
+    CreateDue("punctual", PROGRAMS "/end-with", "status 0");
+    EXPECT_EQ(RecordsOnceThereAre(2).at(1).at("trigger"), "schedule");
+    EXPECT_EQ(host.Stop(), 0);
 }
 
 // A history fits into this limit, the table does not.

@@ -110,6 +110,50 @@ TEST(RunRecord, UnknownTaskAndDueTimeAreNull) {
     EXPECT_NE(JsonLine(record).find(R"("due":null)"), std::string::npos);
 }
 
+TEST(RunRecord, OfALaunchWithoutARunnerHasIdTriggerAndAttempt) {
+    TRunRecord record = Exited();
+    record.id = "20231114T221321.250Z-4700";
+    record.trigger = cCaughtUp;
+    record.attempt = 1;
+    const std::string line = JsonLine(record);
+    EXPECT_TRUE(line.ends_with(R"("run":"20231114T221321.250Z-4700","trigger":"catch-up",)"
+                               R"("attempt":1})"
+                               "\n"))
+        << line;
+    EXPECT_EQ(ReadJsonLine(line), record);
+}
+
+TEST(RunRecord, OfAMissedDueTimeHasNoAttempt) {
+    TRunRecord record;
+    record.outcome = TRunRecord::cRescheduled;
+    record.id = MakeOwnRunId();
+    record.trigger = cScheduled;
+    EXPECT_EQ(JsonLine(record).find("attempt"), std::string::npos);
+    EXPECT_EQ(ReadJsonLine(JsonLine(record)), record);
+}
+
+TEST(RunRecord, IdsOfOneProcessAreInOrderAndUnique) {
+    std::string former;
+    for (int number = 0; number < 1000; ++number) {
+        const std::string id = MakeOwnRunId();
+        EXPECT_GT(id, former);
+        former = id;
+    }
+}
+
+// As after a stop of the host, a suspend, or a clock that was set.
+TEST(RunRecord, LaunchOfADueTimeBeforeTheHostOrLongPastIsCaughtUp) {
+    const sys_seconds due(seconds(1000));
+    const auto at = [](int milliseconds) {
+        return TMoment(std::chrono::milliseconds(milliseconds));
+    };
+    EXPECT_STREQ(TriggerOf(due, at(1'000'100), at(900'000)), cScheduled);
+    EXPECT_STREQ(TriggerOf(due, at(1'060'000), at(900'000)), cScheduled);
+    EXPECT_STREQ(TriggerOf(due, at(1'060'001), at(900'000)), cCaughtUp);
+    EXPECT_STREQ(TriggerOf(due, at(1'001'500), at(1'000'999)), cScheduled);
+    EXPECT_STREQ(TriggerOf(due, at(1'001'500), at(1'001'000)), cCaughtUp);
+}
+
 TEST(RunRecord, StaysOneLineOfJsonWhateverItsStringsHold) {
     TRunRecord record = Exited();
     record.task = "line\nbreak \"quoted\" \\ and \xC3\xA4 and \xFF";

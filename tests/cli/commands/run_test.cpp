@@ -226,6 +226,9 @@ TEST_P(CliRunEitherWay, FailedLaunchIsReportedAndRecorded) {
     EXPECT_EQ(record.at("outcome"), "not started");
     EXPECT_EQ(record.at("error"), "Exec format error");
     EXPECT_EQ(record.at("name"), "job");
+    EXPECT_NE(record.value("run", ""), "");
+    EXPECT_EQ(record.value("trigger", ""), "manual");
+    EXPECT_EQ(record.value("attempt", 0), 1);
     EXPECT_TRUE(record.at("due").is_null());
     EXPECT_EQ(ReadTable().at(0).last, 0);
 }

@@ -86,6 +86,8 @@ protected:
         EXPECT_EQ(record.at("outcome"), "not started");
         EXPECT_EQ(record.at("error"), reason);
         EXPECT_FALSE(record.at("due").is_null());
+        EXPECT_NE(record.value("run", ""), "");
+        EXPECT_EQ(record.value("trigger", ""), "catch-up");
     }
 
     static bool IsInASnapshot(const std::string& table) {
@@ -117,6 +119,7 @@ TEST_F(OwedLaunches, AreMadeWhenTheSystemHasProcessesAgain) {
     EXPECT_EQ(record.at("outcome"), "exited");
     EXPECT_EQ(record.at("name"), row.name);
     EXPECT_FALSE(record.at("due").is_null());
+    EXPECT_EQ(record.at("trigger"), "catch-up");
 }
 
 // As a direct client does that has read the table before the tick.

@@ -56,7 +56,12 @@ protected:
         CHost host(Command());
         for (const std::string task : {"one", "two"}) {
             CreateDue(task, PROGRAMS "/append-text", task + ".log");
-            EXPECT_EQ(OnlyRun(task).outcome, TRunRecord::cExited);
+            const TRunRecord run = OnlyRun(task);
+            EXPECT_EQ(run.outcome, TRunRecord::cExited);
+            EXPECT_NE(run.id, "");
+            EXPECT_EQ(run.trigger, cScheduled);
+            EXPECT_EQ(run.attempt, 1);
+            EXPECT_EQ(run.output, "");
             EXPECT_EQ(Lines(task + ".log").size(), 1U);
             WaitForTheTicksEnd();
         }
@@ -96,6 +101,8 @@ TEST_F(RunnerLaunch, WithARunnerThatIsKilledIsRecordedAsThat) {
     const TRunRecord run = OnlyRun("one");
     EXPECT_EQ(run.outcome, TRunRecord::cRunnerDied);
     EXPECT_TRUE(run.due);
+    EXPECT_NE(run.id, "");
+    EXPECT_EQ(run.trigger, cScheduled);
     WaitForTheTicksEnd();
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_FALSE(fs::exists("one.log"));
