@@ -337,7 +337,7 @@ void CCommandLine::AddChanges() {
             AddName(run);
             run.add_flag("--force", force, "Start it even if it is already running");
             run.add_flag("--wait", wait,
-                         "Print what it writes until it exits; a failed run gives exit status 1");
+                         "Print what it writes until it exits, and exit with its status");
             AddDryRun(run);
         });
     Add(

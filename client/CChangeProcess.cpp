@@ -23,7 +23,7 @@
 
 namespace vxsched {
 
-CChangeProcess::CChangeProcess(const TRequest& request) {
+CChangeProcess::CChangeProcess(const TRequest& request, int output) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == -1)
         throw SystemError("cannot make a socket pair for the change process", errno);
@@ -31,13 +31,20 @@ CChangeProcess::CChangeProcess(const TRequest& request) {
     CDescriptor processEnd(ends[1]);
     std::string program = LibraryDirectory() + '/' + cChangeProgramFile;
     std::array<char*, 2> arguments = {program.data(), nullptr};
+    // Above those that the process gets, so that none of these overwrites it.
+    const CDescriptor passed(
+        request.hasOutput ? fcntl(output, F_DUPFD_CLOEXEC, cOutputDescriptor + 1) : -1);
+    if (request.hasOutput && !passed.IsOpen())
+        throw SystemError("cannot pass the output to the change process", errno);
     CSpawnActions actions;
     actions.Duplicate(processEnd.Get(), STDIN_FILENO);
     // Nothing of the caller's terminal or pipes is for the change process, or for what it launches.
     actions.Open(STDOUT_FILENO, "/dev/null", O_WRONLY);
     actions.Open(STDERR_FILENO, "/dev/null", O_WRONLY);
     // The superuser's descriptors are not for the owner of a store, whose process this may be.
-    actions.CloseFrom(STDERR_FILENO + 1);
+    if (request.hasOutput)
+        actions.Duplicate(passed.Get(), cOutputDescriptor);
+    actions.CloseFrom(request.hasOutput ? cOutputDescriptor + 1 : cOutputDescriptor);
     // A session of its own, so that Ctrl-C at the caller's terminal does not end it half-way.
     CSpawnAttributes attributes;
     attributes.LeadSession();

@@ -16,9 +16,10 @@ namespace vxsched {
 // thread at a time.
 class CChangeProcess {
 public:
-    // Starts the process and sends it the request; blocks while the process does not read it.
-    // Throws CError (cNoAccess, cFailed) if it cannot be started.
-    explicit CChangeProcess(const TRequest& request);
+    // Starts the process and sends it the request; blocks while the process does not read it. It gets
+    // `output` as cOutputDescriptor if request.hasOutput is set; the caller keeps it. Throws CError
+    // (cNoAccess, cFailed) if it cannot be started.
+    CChangeProcess(const TRequest& request, int output);
     ~CChangeProcess();
     CChangeProcess(const CChangeProcess&) = delete;
     CChangeProcess& operator=(const CChangeProcess&) = delete;

@@ -47,6 +47,7 @@ TRequest RequestOf(const TStoreOptions& options, const TChange& change) {
             options.evenIfDue,
             scheduler.has_value(),
             scheduler && scheduler->holdsLock,
+            change.output != -1,
             change.calls};
 }
 
@@ -111,7 +112,9 @@ std::string WithLog(std::string message, const std::vector<std::string>& log) {
 class CAttempt {
 public:
     CAttempt(const TStoreOptions& storeOptions, const TChange& requested)
-        : options(storeOptions), change(requested), process(RequestOf(storeOptions, requested)) {}
+        : options(storeOptions),
+          change(requested),
+          process(RequestOf(storeOptions, requested), requested.output) {}
 
     TAttempt Make() {
         std::string hung;

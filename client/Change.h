@@ -49,6 +49,8 @@ struct TChange {
     std::function<std::optional<std::string>(const TOutcome&)> findMissing;
     // Called right after a launch, on the calling thread; must not throw.
     std::function<void(const TRun&)> onLaunch = {};
+    // A stream socket that gets what the launched program writes; -1: none. The caller keeps it.
+    int output = -1;
 };
 
 // Throws what MakeChange() would throw before it begins, without a change: for dry runs. A due task is

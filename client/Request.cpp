@@ -72,6 +72,7 @@ std::string Encode(const TRequest& request) {
     write(request.evenIfDue);
     write(request.hasScheduler);
     write(request.hasHost);
+    write(request.hasOutput);
     for (const TCall& call : request.calls)
         ForEachField(call, write);
     return bytes;
@@ -86,6 +87,7 @@ TRequest DecodeRequest(std::string bytes) {
     read(request.evenIfDue);
     read(request.hasScheduler);
     read(request.hasHost);
+    read(request.hasOutput);
     while (!bytes.empty()) {
         TCall call{};
         ForEachField(call, read);

@@ -37,8 +37,12 @@ struct TRequest {
     bool hasScheduler = false;     // a scheduling process runs; the change process may lack the
                                    // permission to find it
     bool hasHost = false;          // that is a vxschedd, which holds the store's lock
+    bool hasOutput = false;        // the change process has cOutputDescriptor
     std::vector<TCall> calls;
 };
+
+// cExecute: a stream socket that gets what the launched program writes.
+inline constexpr int cOutputDescriptor = 3;
 
 std::string Encode(const TRequest& request);
 // Decodes what Encode() returned; other bytes are not checked for and may throw std::exception.

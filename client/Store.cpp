@@ -392,7 +392,7 @@ void CStore::CheckRun(std::string_view name, bool force) const {
 }
 
 TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
-                 const std::function<void(const TRun&)>& onLaunch) const {
+                 const std::function<void(const TRun&)>& onLaunch, int output) const {
     const TCall call = RunCall(options.directory, Get(name), force);
     const auto isAttempted = [](const TOutcome& made) {
         return made.run.process != 0 || made.launchError || made.launchUnknown;
@@ -400,7 +400,8 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
     const TOutcome outcome = MakeChange(
         options, {{call},
                   [&](const TOutcome& made) { return MissingUnless(isAttempted(made), name); },
-                  onLaunch});
+                  onLaunch,
+                  output});
     if (outcome.launchUnknown)
         throw MakeError(EError::cUnknown,
                         "whether \"{}\" was launched is not known: {}; see vxsched history {}",

@@ -278,9 +278,10 @@ static std::optional<vxsched::CWriterLock> TryTakeWriterLock(
 }
 
 // Answers a client of the control socket.
-static std::string AnswerClient(std::string_view line) {
-    return vxsched::AnswerRequest(line, [](const vxsched::TLaunchRequest& request) {
-        const TLaunched launched = LaunchByHand(request.task, request.program, request.parameter);
+static std::string AnswerClient(std::string_view line, int follower) {
+    return vxsched::AnswerRequest(line, [&](const vxsched::TLaunchRequest& request) {
+        const TLaunched launched =
+            LaunchByHand(request.task, request.program, request.parameter, follower);
         return vxsched::TLaunchAnswer{
             .error = launched.error,
             .message = launched.error != 0 ? std::strerror(launched.error) : "",

@@ -24,7 +24,8 @@ static constexpr std::chrono::seconds cKillAfter(10);
 // Between two checks whether a process of the terminated group is left.
 static constexpr std::chrono::milliseconds cGroupInterval(50);
 
-CJob::CJob(CCopy* outputCopy) : copy(outputCopy) {
+CJob::CJob(CCopy* outputCopy, CFollower& outputFollower)
+    : copy(outputCopy), follower(outputFollower) {
     sigset_t handled;
     sigemptyset(&handled);
     sigaddset(&handled, SIGTERM);
@@ -75,6 +76,7 @@ bool CJob::ReadOutput(std::size_t most) {
     file->Append(bytes);
     if (copy != nullptr)
         copy->Write(bytes);
+    follower.Take(bytes);
     return true;
 }
 
@@ -106,9 +108,11 @@ void CJob::OnSignal() {
 }
 
 void CJob::Wait(int milliseconds) {
-    std::array<pollfd, 2> events{
+    const int slow = follower.WaitsFor();
+    std::array<pollfd, 3> events{
         {{.fd = signals.Get(), .events = POLLIN, .revents = 0},
-         {.fd = pipe.IsOpen() ? pipe.Get() : -1, .events = POLLIN, .revents = 0}}};
+         {.fd = pipe.IsOpen() && slow == -1 ? pipe.Get() : -1, .events = POLLIN, .revents = 0},
+         {.fd = slow, .events = POLLOUT, .revents = 0}}};
     if (poll(events.data(), events.size(), milliseconds) == -1)
         return;
     if (events[0].revents != 0) {
@@ -117,6 +121,8 @@ void CJob::Wait(int milliseconds) {
     }
     if (events[1].revents != 0)
         ReadOutput(SIZE_MAX);
+    if (events[2].revents != 0)
+        follower.Send();
 }
 
 // Does not collect it: until then no other process gets its number, which is that of its group.
@@ -189,6 +195,6 @@ void CJob::KeepOutput() {
     std::signal(SIGCHLD, SIG_IGN);
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
-    while (pipe.IsOpen())
+    while (HasOutput())
         Wait(-1);
 }

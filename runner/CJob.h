@@ -7,6 +7,7 @@
 
 #include "base/CDescriptor.h"
 #include "runner/CCopy.h"
+#include "runner/CFollower.h"
 #include "runs/COutputFile.h"
 #include "runs/RunRecord.h"
 
@@ -14,9 +15,9 @@
 // thread.
 class CJob {
 public:
-    // Blocks SIGTERM and SIGCHLD. The output is copied to `outputCopy`, if it is not null; the caller
-    // keeps it.
-    explicit CJob(CCopy* outputCopy);
+    // Blocks SIGTERM and SIGCHLD. The output is copied to `outputCopy`, if it is not null, and to
+    // `outputFollower`; the caller keeps both.
+    CJob(CCopy* outputCopy, CFollower& outputFollower);
     CJob(const CJob&) = delete;
     CJob& operator=(const CJob&) = delete;
 
@@ -34,11 +35,12 @@ public:
     // output that the program has written is kept by then.
     void WaitForEnd(TRunRecord& run);
 
-    // Whether a process that the program has left behind may still write.
-    bool HasWriters() const { return pipe.IsOpen(); }
+    // Whether a process that the program has left behind may still write, or the follower has not read
+    // all yet.
+    bool HasOutput() const { return pipe.IsOpen() || follower.WaitsFor() != -1; }
 
-    // Keeps what is written until everybody has closed the output, or SIGTERM ends this process. To be
-    // called in a child of this process, if there can be one.
+    // Keeps what is written until everybody has closed the output and the follower has its part, or
+    // SIGTERM ends this process. To be called in a child of this process, if there can be one.
     void KeepOutput();
 
     pid_t Process() const { return process; }
@@ -55,6 +57,7 @@ private:
 
     COutputFile* file = nullptr;
     CCopy* const copy;
+    CFollower& follower;
     CDescriptor signals;
     CDescriptor pipe;
     pid_t process = 0;

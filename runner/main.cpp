@@ -125,7 +125,8 @@ int Run(const TRunRequest& request, char* const command[]) {
         copy.emplace();
     else if (request.copy == TRunRequest::cPrefixed)
         copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
-    CJob job(copy ? &*copy : nullptr);
+    CFollower follower(request.follower);
+    CJob job(copy ? &*copy : nullptr, follower);
     const int error = job.Launch(command[0], command);
     if (error != 0) {
         // Before the report: a kill in between must not leave two records of it.
@@ -152,8 +153,10 @@ int Run(const TRunRequest& request, char* const command[]) {
     running.Finish(run);
     if (history.Add(run))
         running.Remove();
+    // Whoever follows the run finds its record at the end of its output.
+    follower.End();
     // The run has ended; its output may not have.
-    const bool isKept = job.HasWriters();
+    const bool isKept = job.HasOutput();
     const pid_t keeper = isKept ? fork() : -1;
     if (isKept && keeper <= 0)
         job.KeepOutput();

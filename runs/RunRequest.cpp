@@ -5,8 +5,8 @@
 #include <cstdio>
 
 std::string EncodeRunRequest(const TRunRequest& request) {
-    return fmt::format("1 {} {} {} {} {}", request.report, request.trigger, request.historySize,
-                       request.outputSize, static_cast<int>(request.copy));
+    return fmt::format("1 {} {} {} {} {} {}", request.report, request.follower, request.trigger,
+                       request.historySize, request.outputSize, static_cast<int>(request.copy));
 }
 
 std::optional<TRunRequest> DecodeRunRequest(std::string_view text) {
@@ -15,9 +15,10 @@ std::optional<TRunRequest> DecodeRunRequest(std::string_view text) {
     char trigger[16];
     int end = 0;
     const std::string string(text);
-    const int count = std::sscanf(string.c_str(), "1 %d %15[a-z-] %lu %lu %u%n", &request.report,
-                                  trigger, &request.historySize, &request.outputSize, &copy, &end);
-    if (count != 5 || static_cast<std::size_t>(end) != string.size() ||
+    const int count = std::sscanf(string.c_str(), "1 %d %d %15[a-z-] %lu %lu %u%n", &request.report,
+                                  &request.follower, trigger, &request.historySize,
+                                  &request.outputSize, &copy, &end);
+    if (count != 6 || static_cast<std::size_t>(end) != string.size() ||
         copy > TRunRequest::cPrefixed)
         return {};
     request.trigger = trigger;

@@ -12,7 +12,8 @@ struct TRunRequest {
     // or each line after the task's name.
     enum ECopy { cNoCopy, cPlain, cPrefixed };
 
-    int report = -1;  // the descriptor of the pipe for a TLaunchReport
+    int report = -1;    // the descriptor of the pipe for a TLaunchReport
+    int follower = -1;  // of a stream socket to whoever reads the output until the end; -1: nobody
     std::string trigger;
     std::uint64_t historySize = 0;
     std::uint64_t outputSize = 0;

@@ -17,8 +17,9 @@
 
 namespace fs = std::filesystem;
 
-// The descriptor of the pipe for its report in a runner.
+// The descriptors in a runner of the pipe for its report, and of whoever follows its output.
 static constexpr int cReport = STDERR_FILENO + 1;
+static constexpr int cFollower = cReport + 1;
 
 std::string FindRunner(const std::vector<fs::path>& directories) {
     std::error_code ignored;
@@ -60,13 +61,17 @@ static int StartRunner(const TRunnerLaunch& launch, int pipe, pid_t* process) {
     CSpawnActions actions;
     launch.direct(actions);
     actions.Duplicate(pipe, cReport);
-    actions.CloseFrom(cReport + 1);
+    const bool isFollowed = launch.follower != -1;
+    if (isFollowed)
+        actions.Duplicate(launch.follower, cFollower);
+    actions.CloseFrom(isFollowed ? cFollower + 1 : cFollower);
     std::vector<char*> arguments{const_cast<char*>(launch.runner.c_str())};
     for (char* const* argument = launch.command; *argument != nullptr; ++argument)
         arguments.push_back(*argument);
     arguments.push_back(nullptr);
     TRunRequest request = launch.request;
     request.report = cReport;
+    request.follower = isFollowed ? cFollower : -1;
     const vxsched::CLaunchEnvironment environment(launch.environment, launch.task, launch.due,
                                                   EncodeRunRequest(request).c_str());
     return launch.spawn(process, launch.runner.c_str(), actions.Get(), attributes.Get(),

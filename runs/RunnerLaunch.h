@@ -39,8 +39,9 @@ struct TRunnerLaunch {
     char* const* environment;           // the inherited one
     const char* task = nullptr;         // its name; null: unknown
     std::optional<vxsched::TTime> due;  // the due time, if the launch is for one
-    TRunRequest request;                // but for the pipe
-    // Adds what becomes of the descriptors 0 to 2. The runner has no others but its pipe.
+    TRunRequest request;                // but for the pipe and the follower
+    int follower = -1;                  // of TRunRequest, in this process
+    // Adds what becomes of the descriptors 0 to 2. The runner has no others but its pipe and the follower.
     std::function<void(CSpawnActions& actions)> direct;
 };
 

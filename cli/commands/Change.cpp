@@ -1,24 +1,12 @@
-// create, edit, remove, pause, resume, period, run and wake.
+// create, edit, remove, pause, resume, period and wake.
 
 #include <fmt/format.h>
-#include <sys/wait.h>
-
-#include <chrono>
-#include <filesystem>
 #include <optional>
 
 #include <vxsched/Error.h>
-#include "base/CDeadline.h"
 #include "base/DisplayText.h"
-#include "base/SignalName.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/Follow.h"
-#include "cli/commands/Interruption.h"
 #include "cli/time/PeriodFormat.h"
-#include "client/RunStatus.h"
-#include "runs/CRunWatch.h"
-#include "runs/CRunningFile.h"
-#include "runs/OutputFiles.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/ProgramLinks.h"
@@ -142,69 +130,6 @@ TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std:
         PrintLine(output,
                   "changed " + Describe(common, store.SetPeriod(name, hours, common.forced)));
     return cDone;
-}
-
-// Opens the output of a run, which its runner makes just after the launch. Empty, once the run has
-// ended, if there is none.
-static std::optional<COutputReader> OpenOutput(const std::filesystem::path& store,
-                                               const std::string& name, const std::string& run) {
-    const CDeadline soon(std::chrono::seconds(1));
-    const CRunWatch watch(store);
-    for (;;) {
-        // Asked first: what is there at the end was made before it.
-        const bool goesOn = IsRunning(store, run);
-        try {
-            COutputReader reader(store / OutputPathOf(name, run));
-            static_cast<void>(reader.Written());
-            return reader;
-        } catch (const CError&) {
-            if (!goesOn)
-                return {};
-        }
-        if (!soon.Pause())
-            watch.Wait();
-    }
-}
-
-// Prints what a run writes until it has ended. Without the output the end is awaited all the same.
-static void Follow(const TCommon& common, const std::string& name, const TRun& run,
-                   COutput& output) {
-    const std::filesystem::path& store = common.store.directory;
-    if (std::optional<COutputReader> reader = OpenOutput(store, name, run.id))
-        PrintOutputOf(store, run.id, *reader, true, output);
-}
-
-TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
-                COutput& output) {
-    const CStore store(common.store);
-    if (common.dryRun) {
-        store.CheckRun(name, force);
-        PrintLine(output, "would run " + name);
-        return cDone;
-    }
-    const TRun run = store.Run(name, force, false, [&](const TRun& launched) {
-        PrintLine(output, fmt::format("started {} as process {}", name, launched.process));
-        try {
-            output.Finish();
-        } catch (const CError&) {
-            // The launch must not be abandoned for this. COutput keeps the line, and the last
-            // Finish() of the command reports the error.
-        }
-        if (wait)
-            CInterruption::WaitsFor(launched.process);
-    });
-    if (!wait)
-        return cDone;
-    if (!run.id.empty())
-        Follow(common, name, run, output);
-    CInterruption::WaitEnds();
-    const int status = FindWaitStatus(common.store.directory, run);
-    if (WIFSIGNALED(status)) {
-        PrintLine(output, fmt::format("{} was killed by {}", name, SignalName(WTERMSIG(status))));
-        return cRefusedStatus;
-    }
-    PrintLine(output, fmt::format("{} exited with status {}", name, WEXITSTATUS(status)));
-    return WEXITSTATUS(status) == 0 ? cDone : cRefusedStatus;
 }
 
 TExitStatus Wake(const TCommon& common, COutput& output) {

@@ -113,7 +113,7 @@ TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std:
                       COutput& output);
 
 // Launches the program of a task now. With `wait` it prints what the program writes until it exits,
-// without limit, and returns cRefusedStatus if the run failed.
+// without limit, and returns its exit status; 128 plus the number of the signal that killed it.
 TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool wait,
                 COutput& output);
 TExitStatus Wake(const TCommon& common, COutput& output);

@@ -14,7 +14,7 @@
 
 #include "base/CDeadline.h"
 #include "base/CDescriptor.h"
-#include "base/WriteAll.h"
+#include "base/PassDescriptor.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -66,14 +66,14 @@ int ReadLine(const CDescriptor& socket, std::string& line) {
 
 }  // namespace
 
-std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int& error) {
+std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int output, int& error) {
     const std::string message = EncodeRequest(request);
     error = EMSGSIZE;
     if (message.size() > cLongestMessage)
         return {};
     const CDescriptor socket = Connect();
     // The host does nothing before it has the end of the line.
-    if (!socket.IsOpen() || !SendAll(socket.Get(), message)) {
+    if (!socket.IsOpen() || !SendAllWith(socket.Get(), message, output)) {
         error = errno;
         return {};
     }

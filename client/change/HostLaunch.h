@@ -14,9 +14,9 @@ struct THostAnswer {
 };
 
 // Has the host launch a program, by its control socket. Blocks until it has answered, for five
-// seconds at most: the caller holds the store mutex. Empty if no host is reached, because of `error`,
-// an error number; then nothing was launched.
-std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int& error);
+// seconds at most: the caller holds the store mutex. The host passes `output` on (TChange::output).
+// Empty if no host is reached, because of `error`, an error number; then nothing was launched.
+std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int output, int& error);
 
 // Why a host that runs was not reached, and what to do, for a message. `error` is that of
 // LaunchByHost().

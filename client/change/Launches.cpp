@@ -28,6 +28,7 @@ namespace {
 
 TLaunchListener gListener;
 std::string gTask;
+int gOutput = -1;
 
 // The host's own limit is not known here. A history that grows beyond it is rotated by the host; a
 // smaller limit would lose what the host's keeps.
@@ -71,6 +72,7 @@ std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::st
                     .historySize = cHistorySize,
                     .outputSize = cDefaultOutputSize,
                     .copy = TRunRequest::cNoCopy},
+        .follower = gOutput,
         .direct = [](CSpawnActions& actions) {
             for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
                 actions.Open(descriptor, "/dev/null", O_RDWR);
@@ -142,7 +144,7 @@ int Spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*
     TLaunch launch;
     int error = 0;
     int hostError = 0;
-    if (const std::optional<THostAnswer> answered = LaunchByHost(request, hostError)) {
+    if (const std::optional<THostAnswer> answered = LaunchByHost(request, gOutput, hostError)) {
         error = answered->isKnown ? answered->answer.error : EIO;
         launch = LaunchOf(*answered);
     } else {
@@ -167,8 +169,9 @@ void ListenToLaunches(TLaunchListener listener) {
     SetLaunchHandlers({.spawn = Spawn, .wait = nullptr, .sleep = SkipPause});
 }
 
-void SetLaunchedTask(const std::string& name) {
+void SetLaunchedTask(const std::string& name, int output) {
     gTask = name;
+    gOutput = output;
 }
 
 }  // namespace vxsched

@@ -28,7 +28,8 @@ using TLaunchListener = std::function<void(const TLaunch& launch)>;
 // not pause after a launch.
 void ListenToLaunches(TLaunchListener listener);
 
-// Programs that are launched from now on are those of this task.
-void SetLaunchedTask(const std::string& name);
+// Programs that are launched from now on are those of this task. `output` is a stream socket that gets
+// what they write, and stays the caller's; -1: none.
+void SetLaunchedTask(const std::string& name, int output);
 
 }  // namespace vxsched

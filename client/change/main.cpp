@@ -18,6 +18,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/CDescriptor.h"
 #include "base/Sync.h"
 #include "base/Umask.h"
 #include "base/WriteAll.h"
@@ -56,6 +57,9 @@ namespace {
 
 // The socket to the client; it comes as standard input.
 int gClient = -1;
+
+// What the launched program writes goes there, if it is open.
+CDescriptor gOutput;
 
 // How long the client may leave a message unread or unanswered, in milliseconds.
 constexpr int cClientLimit = 5'000;
@@ -301,7 +305,7 @@ void Make(const CAddIn& addIn, const TCall& call) {
             addIn.setPeriod(name, call.task.period);
             return;
         case TCall::cExecute:
-            SetLaunchedTask(call.task.name);
+            SetLaunchedTask(call.task.name, gOutput.Get());
             return addIn.executeNow(name, true);
     }
 }
@@ -403,6 +407,10 @@ int Main() {
     std::optional<TRequest> request = ReadRequest();
     if (!request)
         return 1;
+    if (request->hasOutput) {
+        const CDescriptor inherited(cOutputDescriptor);
+        gOutput = CDescriptor(fcntl(inherited.Get(), F_DUPFD_CLOEXEC, 10));
+    }
     // The client may ignore SIGCHLD, and this process inherits that: a runner that could not launch
     // its program would have no status.
     std::signal(SIGCHLD, SIG_DFL);

@@ -127,6 +127,7 @@ struct TRequest {
     char* const* arguments;
     char* const* environment;
     std::optional<vxsched::TTime> formerStart = std::nullopt;  // of TLaunchRecord
+    int follower = -1;                                         // of LaunchByHand()
 };
 
 // Where the program of `run` writes; closed: where the host does.
@@ -191,6 +192,7 @@ TLaunched Spawn(const TRunRecord& run, const TRequest& request, const CDescripto
                                                   .historySize = gSizes.history,
                                                   .outputSize = gSizes.output,
                                                   .copy = CopyTo(output)},
+                                      .follower = request.follower,
                                       .direct = [&](CSpawnActions& actions) {
                                           FillActions(actions, output.Get(), recordPath, owedPath);
                                       }};
@@ -311,7 +313,7 @@ TRunRecord Describe(const TOwedLaunch& owed) {
 
 // Launches what the add-in has not asked for. `owedPath` is that of Launch().
 TLaunched LaunchForHost(TRunRecord& run, std::optional<vxsched::TTime> formerStart,
-                        const std::optional<std::string>& owedPath) {
+                        const std::optional<std::string>& owedPath, int follower) {
     std::string program = run.program;
     std::string parameter = run.parameter;
     char* const arguments[] = {program.data(), parameter.data(), nullptr};
@@ -319,7 +321,8 @@ TLaunched LaunchForHost(TRunRecord& run, std::optional<vxsched::TTime> formerSta
                                 {.path = program.c_str(),
                                  .arguments = arguments,
                                  .environment = environ,
-                                 .formerStart = formerStart},
+                                 .formerStart = formerStart,
+                                 .follower = follower},
                                 OpenOutput(run), owedPath);
     // Nobody else waits for it.
     if (launched.error == 0)
@@ -333,7 +336,7 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
     // On a full disk there may be no file.
     const std::string path = OwedLaunchPath(owed);
     const auto file = access(path.c_str(), F_OK) == 0 ? std::optional(path) : std::nullopt;
-    const TLaunched launched = LaunchForHost(run, owed.formerStart, file);
+    const TLaunched launched = LaunchForHost(run, owed.formerStart, file, -1);
     if (launched.error == EAGAIN)
         return false;
     if (launched.error != 0)
@@ -397,14 +400,14 @@ time_t TimeOfCall(time_t now) {
 }
 
 TLaunched LaunchByHand(const std::string& task, const std::string& program,
-                       const std::string& parameter) {
+                       const std::string& parameter, int follower) {
     TRunRecord run;
     run.trigger = cManual;
     run.attempt = 1;
     run.task = task;
     run.program = program;
     run.parameter = parameter;
-    TLaunched launched = LaunchForHost(run, {}, {});
+    TLaunched launched = LaunchForHost(run, {}, {}, follower);
     if (launched.error != 0)
         ReportFailure(run, launched.error);
     return launched;

@@ -36,10 +36,11 @@ time_t TimeOfCall(time_t now);
 
 // Launches a program of a task at once, outside the schedule, for a client that holds the store
 // mutex meanwhile, with the same handling as those of the add-in, but for due time and launch
-// record. Blocks until the program runs. For the main thread, while launches are handled. A failure
-// is logged and recorded.
+// record. `follower` is a stream socket that gets what the program writes, until its run has ended;
+// it stays the caller's; -1: none. Blocks until the program runs. For the main thread, while launches
+// are handled. A failure is logged and recorded.
 TLaunched LaunchByHand(const std::string& task, const std::string& program,
-                       const std::string& parameter);
+                       const std::string& parameter, int follower);
 
 // Makes the launches that are owed because the system refused them for want of processes
 // (COwedLaunches), with the same handling; those that it refuses again stay owed. Takes the store

@@ -16,6 +16,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/PassDescriptor.h"
 #include "base/Users.h"
 #include "control/Messages.h"
 #include "host/CHostLog.h"
@@ -100,8 +101,8 @@ bool CControlSocket::Bind() {
 void CControlSocket::OpenToGroup() const {
     const std::optional<gid_t> group = vxsched::GroupWithAccess(".");
     if (group && lchown(cControlSocket, static_cast<uid_t>(-1), *group) == 0)
-        static_cast<void>(!fchmodat(AT_FDCWD, cControlSocket, vxsched::PrivateMode("."),
-                                    AT_SYMLINK_NOFOLLOW));
+        static_cast<void>(
+            !fchmodat(AT_FDCWD, cControlSocket, vxsched::PrivateMode("."), AT_SYMLINK_NOFOLLOW));
 }
 
 // The system reports when the file loses its name, and nothing of what happens beside it. Without a
@@ -169,8 +170,8 @@ void CControlSocket::MakeIfGone(const CDescriptor& reason) {
     if (IsThere())
         return;
     if (isBound)
-        LogNotice(fmt::format("the socket {} was removed or replaced; it is made again",
-                              cControlSocket));
+        LogNotice(
+            fmt::format("the socket {} was removed or replaced; it is made again", cControlSocket));
     Make();
 }
 
@@ -232,10 +233,10 @@ void CControlSocket::CloseOldest() {
 
 // `isClosed`: the client is gone. One that has only ended what it sends waits for the answer.
 void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed) {
-    auto& [socket, received] = connection->second;
+    auto& [socket, passed, received] = connection->second;
     std::array<char, 65536> block{};
     const ssize_t count =
-        isClosed ? 0 : recv(socket.Get(), block.data(), block.size(), MSG_DONTWAIT);
+        isClosed ? 0 : ReceiveWith(socket.Get(), block.data(), block.size(), passed);
     if (count == -1 && (errno == EAGAIN || errno == EINTR))
         return;
     if (count > 0) {
@@ -246,7 +247,7 @@ void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed
         if (end == std::string_view::npos && !isTooLong)
             return;
         if (!isTooLong) {
-            const std::string line = answer(received);
+            const std::string line = answer(received, passed.Get());
             // What does not fit is for a client that does not read.
             static_cast<void>(
                 send(socket.Get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));

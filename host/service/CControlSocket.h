@@ -18,7 +18,8 @@
 class CControlSocket {
 public:
     // Returns the answer to the line of a client, with its line break; the line comes without one.
-    using TAnswer = std::function<std::string(std::string_view line)>;
+    // `passed` is a descriptor that the client has passed with it, and stays this object's; -1: none.
+    using TAnswer = std::function<std::string(std::string_view line, int passed)>;
 
     // Makes the socket in the working directory, in place of one that a host has left behind.
     // Clients are refused until Listen(), and then do without the host. If the socket cannot be made,
@@ -44,6 +45,7 @@ public:
 private:
     struct TConnection {
         CDescriptor socket;
+        CDescriptor passed;
         std::string received;
     };
     // By the order in which they came. A descriptor is used again, such a number is not.

@@ -10,8 +10,9 @@
 #include "host/CHostError.h"
 
 // A running host has some seventeen open, opens at most four more at a time, and has up to eight
-// clients (CControlSocket); the libraries that it loads, and the add-in, have a share of the others.
-static constexpr rlim_t cNeeded = 48;
+// clients that pass one each (CControlSocket); the libraries that it loads, and the add-in, have a
+// share of the others.
+static constexpr rlim_t cNeeded = 56;
 
 static rlimit Limits() {
     rlimit limits{};

@@ -143,12 +143,15 @@ public:
     // its own (docs/operating.md). It has the task's name as VXSCHED_TASK, no VXSCHED_DUE, and
     // nothing of the caller's. Its output and its end are recorded as those of any run. With
     // `waitForEnd` the call waits for the program's end without limit. `onLaunch`, if set, is
-    // called right after the launch, on the calling thread; it must not throw. Throws cNotFound,
+    // called right after the launch, on the calling thread; it must not throw. `output`, if it is
+    // not -1, is one end of a socketpair(AF_UNIX, SOCK_STREAM), which the caller keeps: it gets all
+    // that the program writes, until the run is recorded. The program waits for a reader that is
+    // slower than it is, and goes on without one that closes the other end. Throws cNotFound,
     // cRefused if the program cannot be launched as it is named or, without `force`, if a run of
     // the task or its program is running, cFailed if the launch failed or its end is not known, and
     // cUnknown if the host ended before it reported whether the program was launched.
     TRun Run(std::string_view name, bool force, bool waitForEnd,
-             const std::function<void(const TRun&)>& onLaunch = {}) const;
+             const std::function<void(const TRun&)>& onLaunch = {}, int output = -1) const;
 
     // Throws what Run() would throw now, without a launch.
     void CheckRun(std::string_view name, bool force) const;

@@ -406,8 +406,8 @@ TEST_F(GroupStore, WhatARunLeavesIsOpenToTheGroupWithoutTheSetGroupIdBit) {
     CProgram run(As(cMember, {TOOL_PROGRAM, "run", "job", "--wait"}));
     EXPECT_TRUE(run.WaitForOutput("begun\n")) << run.Output();
     WriteFile("go", "");
-    EXPECT_EQ(run.Wait(), 1);
-    EXPECT_THAT(run.Output(), HasSubstr("\nbegun\nlate\njob exited with status 3\n"));
+    EXPECT_EQ(run.Wait(), 3);
+    EXPECT_THAT(run.Output(), HasSubstr("\nbegun\nlate\nvxsched: job exited with status 3\n"));
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 

@@ -121,23 +121,22 @@ TEST_F(Cli, RunLaunchesTheProgramAndReportsItsExit) {
     row.parameters = "status 3";
     WriteTable({row});
     const TToolRun run = RunTool({"run", "a", "--wait", "--force"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_THAT(run.output, HasSubstr("started a as process "));
-    EXPECT_THAT(run.output, HasSubstr("a exited with status 3\n"));
+    EXPECT_EQ(run.status, 3);
+    EXPECT_THAT(run.error, HasSubstr("started a as process "));
+    EXPECT_THAT(run.error, HasSubstr("a exited with status 3\n"));
     ExpectRefused(3, "nobody", {"run", "nobody"});
 }
 
 TEST_F(Cli, RunReportsTheSignalThatKilledTheProgram) {
-    for (const auto& [parameters, end] : std::vector<std::pair<std::string, std::string>>{
-             {"signal 15", "a was killed by SIGTERM\n"},
-             {"signal 40", "a was killed by signal 40\n"}}) {
+    for (const auto& [signal, end] : {std::pair(15, "a was killed by SIGTERM\n"),
+                                      std::pair(40, "a was killed by signal 40\n")}) {
         TRow row = Later("a");
         row.program = PROGRAMS "/end-with";
-        row.parameters = parameters;
+        row.parameters = "signal " + std::to_string(signal);
         WriteTable({row});
         const TToolRun run = RunTool({"run", "a", "--wait", "--force"});
-        EXPECT_EQ(run.status, 1) << run.error;
-        EXPECT_THAT(run.output, HasSubstr(end));
+        EXPECT_EQ(run.status, 128 + signal) << run.error;
+        EXPECT_THAT(run.error, HasSubstr(end));
     }
 }
 

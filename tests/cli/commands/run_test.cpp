@@ -54,15 +54,6 @@ protected:
         return {"job", std::time(nullptr) + cHour, 0, 24, "/bin/sh", fs::absolute("script"), 0};
     }
 
-    // What a run prints between its first and its last line.
-    static std::string OutputOfProgram(const TToolRun& run) {
-        const std::size_t begin = run.output.find('\n') + 1;
-        const std::size_t end = run.output.rfind("job ");
-        EXPECT_THAT(run.output, StartsWith("started job as process "));
-        EXPECT_NE(end, std::string::npos);
-        return run.output.substr(begin, end - begin);
-    }
-
     static std::vector<TJson> Records() {
         std::vector<TJson> records;
         for (const std::string& line : fs::exists(cHistory) ? Lines(cHistory) : TStrings())
@@ -143,10 +134,11 @@ TEST_F(CliRun, HasTheEnvironmentTheUserAndTheHistoryOfTheHostsLaunches) {
     setenv("MINE", "the host's", 1);
     CHost host;
     const TToolRun run = RunTool({"run", "job", "--wait"}, {{"MINE", "the caller's"}});
-    EXPECT_EQ(run.status, 1) << run.error;
-    EXPECT_EQ(OutputOfProgram(run), "the host's-job-\n" + std::to_string(getuid()) + '\n' +
-                                        fs::current_path().string() + '\n');
-    EXPECT_THAT(run.output, EndsWith("\njob exited with status 3\n"));
+    EXPECT_EQ(run.status, 3) << run.error;
+    EXPECT_EQ(run.output, "the host's-job-\n" + std::to_string(getuid()) + '\n' +
+                              fs::current_path().string() + '\n');
+    EXPECT_THAT(run.error, StartsWith("vxsched: started job as process "));
+    EXPECT_THAT(run.error, EndsWith("\nvxsched: job exited with status 3\n"));
     const TJson record = LastRecord();
     EXPECT_EQ(record.at("name"), "job");
     EXPECT_TRUE(record.at("due").is_null());
@@ -164,7 +156,7 @@ TEST_F(CliRun, IsLaunchedByTheHost) {
     WriteJob("cut -d ' ' -f 4 /proc/$PPID/stat");
     CHost host;
     const TToolRun run = RunTool({"run", "job", "--wait"});
-    EXPECT_EQ(OutputOfProgram(run), std::to_string(host.Id()) + '\n');
+    EXPECT_EQ(run.output, std::to_string(host.Id()) + '\n');
     EXPECT_EQ(host.Stop(), 0);
 }
 
@@ -174,7 +166,7 @@ TEST_F(CliRun, WithoutAHostHasTheEnvironmentThatAHostWouldGive) {
         RunTool({"run", "job", "--wait"},
                 {{"MINE", "the caller's"}, {"PATH", "/mine"}, {"HOME", "/mine"}, {"LANG", "C"}});
     EXPECT_EQ(run.status, 0) << run.error;
-    const std::string output = OutputOfProgram(run);
+    const std::string output = run.output;
     for (const char* const line :
          {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\n", "HOME=/",
           "LOGNAME=", "USER=", "SHELL=/", "LANG=C\n", "VXSCHED_TASK=job\n"})
@@ -195,7 +187,7 @@ TEST_F(CliRun, WithoutAHostRotatesNoHistory) {
     while (lines.size() < std::size_t{2} << 20U)
         lines += JsonLine(run);
     WriteFile(cHistory, lines);
-    Output({"run", "job", "--wait"});
+    EXPECT_EQ(RunTool({"run", "job", "--wait"}).status, 0);
     EXPECT_FALSE(fs::exists("files/history.jsonl.1"));
     EXPECT_TRUE(ReadFile(cHistory).starts_with(lines));
     EXPECT_EQ(LastRecord().at("name"), "job");
@@ -208,7 +200,7 @@ TEST_F(CliRun, OfAStoreWhoseHostWasKilledIsLaunchedByTheCaller) {
     host.Kill(SIGKILL);
     host.Wait();
     EXPECT_TRUE(fs::is_socket(vxsched::cControlSocket));
-    EXPECT_THAT(Output({"run", "job", "--wait"}), HasSubstr("\ndone\n"));
+    EXPECT_EQ(RunTool({"run", "job", "--wait"}).output, "done\n");
 }
 
 TEST_P(CliRunEitherWay, FailedLaunchIsReportedAndRecorded) {
@@ -242,7 +234,7 @@ TEST_P(CliRunEitherWay, PassesAnyBytes) {
     StartHost();
     const TToolRun run = RunTool({"run", row.name, "--wait", "--force"});
     EXPECT_EQ(run.status, 0) << run.error;
-    EXPECT_THAT(run.output, HasSubstr('\n' + row.parameters + '\n'));
+    EXPECT_EQ(run.output, row.parameters + '\n');
 }
 
 // The host makes its socket anew, unless something else has its name.
@@ -252,7 +244,7 @@ TEST_F(CliRun, WarnsOfAHostThatIsNotReached) {
     CHost host;
     const TToolRun run = RunTool({"run", "job", "--wait"});
     EXPECT_EQ(run.status, 0);
-    EXPECT_NE(OutputOfProgram(run), std::to_string(host.Id()) + '\n');
+    EXPECT_NE(run.output, std::to_string(host.Id()) + '\n');
     EXPECT_THAT(run.error, HasSubstr("vxsched: the host that runs did not make the launch: cannot "
                                      "connect to files/control: Connection refused; "));
     EXPECT_EQ(host.Stop(), 0);
@@ -293,32 +285,86 @@ TEST_P(CliRunEitherWay, ProgramThatReadsItsInputGetsNone) {
     StartHost();
     const TToolRun run = RunTool({"run", "job", "--wait"}, {}, "typed");
     EXPECT_EQ(run.status, 0) << run.error;
-    EXPECT_EQ(OutputOfProgram(run), "end\n");
+    EXPECT_EQ(run.output, "end\n");
 }
 
 TEST_P(CliRunEitherWay, OutputIsThatOfBothStreamsInTheirOrder) {
     WriteJob("echo one; echo two >&2; echo three");
     StartHost();
-    EXPECT_EQ(OutputOfProgram(RunTool({"run", "job", "--wait"})), "one\ntwo\nthree\n");
+    EXPECT_EQ(RunTool({"run", "job", "--wait"}).output, "one\ntwo\nthree\n");
 }
 
-TEST_P(CliRunEitherWay, OutputOfAHundredMegabytesIsCountedAndItsEndShown) {
+// The program waits for the command, as for a pipe, so that none of it is lost.
+TEST_P(CliRunEitherWay, OutputOfAHundredMegabytesIsPrintedWhole) {
     WriteJob("head -c 100000000 /dev/zero | tr '\\0' x; echo; echo end; exit 4");
     StartHost();
     const TToolRun run = RunTool({"run", "job", "--wait"});
-    EXPECT_EQ(run.status, 1) << run.error;
-    EXPECT_THAT(OutputOfProgram(run), EndsWith("x\nend\n"));
-    EXPECT_THAT(run.output, EndsWith("\njob exited with status 4\n"));
+    EXPECT_EQ(run.status, 4) << run.error;
+    EXPECT_EQ(run.output.size(), 100'000'005U);
+    EXPECT_EQ(run.output.find_first_not_of('x'), 100'000'000U);
+    EXPECT_THAT(run.output, EndsWith("x\nend\n"));
     EXPECT_EQ(LastRecord().at("outputBytes"), 100'000'005);
+}
+
+// The socket has no room for it: the command reads it all after the program's end.
+TEST_P(CliRunEitherWay, OutputThatIsNotReadYetOutlivesTheProgramAndTheHost) {
+    WriteJob(
+        "echo begun; while [ ! -e write ]; do sleep 0.01; done; "
+        "head -c 250000 /dev/zero | tr '\\0' x; exit 4");
+    StartHost();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    ASSERT_TRUE(run.WaitForOutput("begun\n"));
+    run.Kill(SIGSTOP);
+    WriteFile("write", "");
+    WaitUntil([] { return !Records().empty(); });
+    EXPECT_EQ(LastRecord().at("outputBytes"), 250'006);
+    if (host) {
+        EXPECT_EQ(host->Stop(), 0) << host->Output();
+        host.reset();
+    }
+    run.Kill(SIGCONT);
+    EXPECT_TRUE(run.WaitForOutput("job exited with status 4\n"));
+    EXPECT_EQ(run.Wait(), 4);
+    EXPECT_THAT(run.Output(), HasSubstr(std::string(250'000, 'x')));
+}
+
+// A program that writes more than fits waits, and is stopped all the same.
+TEST_P(CliRunEitherWay, ProgramThatWaitsForAStoppedCommandCanBeStopped) {
+    WriteJob("echo begun; exec head -c 100000000 /dev/zero");
+    StartHost();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    ASSERT_TRUE(run.WaitForOutput("begun\n"));
+    run.Kill(SIGSTOP);
+    EXPECT_THAT(Output({"stop", "job"}), HasSubstr("SIGTERM"));
+    EXPECT_EQ(LastRecord().at("signal"), SIGTERM);
+    run.Kill(SIGCONT);
+    EXPECT_TRUE(run.WaitForOutput("job was killed by SIGTERM\n"));
+    EXPECT_EQ(run.Wait(), 128 + SIGTERM);
+}
+
+// The program gets no SIGPIPE, and its output is kept.
+TEST_P(CliRunEitherWay, ProgramGoesOnWhenTheCommandIsKilled) {
+    WriteJob(
+        "echo begun; while [ ! -e write ]; do sleep 0.01; done; "
+        "head -c 100000000 /dev/zero; echo end; exit 4");
+    StartHost();
+    CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+    ASSERT_TRUE(run.WaitForOutput("begun\n"));
+    run.Kill(SIGKILL);
+    run.Wait();
+    WriteFile("write", "");
+    WaitUntil([] { return !Records().empty(); });
+    EXPECT_EQ(LastRecord().at("status"), 4);
+    EXPECT_EQ(LastRecord().at("outputBytes"), 100'000'010);
 }
 
 TEST_P(CliRunEitherWay, ProgramThatIsKilledIsReported) {
     WriteJob("echo before; kill -KILL $$");
     StartHost();
     const TToolRun run = RunTool({"run", "job", "--wait"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(OutputOfProgram(run), "before\n");
-    EXPECT_THAT(run.output, EndsWith("job was killed by SIGKILL\n"));
+    EXPECT_EQ(run.status, 128 + SIGKILL);
+    EXPECT_EQ(run.output, "before\n");
+    EXPECT_THAT(run.error, EndsWith("job was killed by SIGKILL\n"));
     EXPECT_EQ(LastRecord().at("signal"), SIGKILL);
 }
 
@@ -332,11 +378,11 @@ TEST_P(CliRunEitherWay, WhatAProgramLeavesBehindIsNotWaitedFor) {
             StartHost();
         const TToolRun run = RunTool({"run", "job", "--wait"});
         kill(ReadPid("left"), SIGKILL);
-        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.status, 6);
         if (left != "yes") {
-            EXPECT_EQ(OutputOfProgram(run), "begin\n");
+            EXPECT_EQ(run.output, "begin\n");
         }
-        EXPECT_THAT(run.output, EndsWith("job exited with status 6\n"));
+        EXPECT_THAT(run.error, EndsWith("job exited with status 6\n"));
         EXPECT_EQ(LastRecord().at("status"), 6);
     }
 }
@@ -347,8 +393,8 @@ TEST_P(CliRunEitherWay, ProgramThatIsStoppedFromElsewhereIsReported) {
     CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
     ASSERT_TRUE(run.WaitForOutput("begun\n"));
     EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
-    EXPECT_EQ(run.Wait(), 1);
-    EXPECT_THAT(run.Output(), EndsWith("bye\njob exited with status 5\n"));
+    EXPECT_EQ(run.Wait(), 5);
+    EXPECT_THAT(run.Output(), EndsWith("bye\nvxsched: job exited with status 5\n"));
     EXPECT_NE(LastRecord().at("stoppedBy"), "");
 }
 
@@ -388,7 +434,7 @@ TEST_F(CliRun, WithoutAHistoryTheEndIsNotKnown) {
     CHost host(HostWith({"--history-size", "0"}));
     const TToolRun run = RunTool({"run", "job", "--wait"});
     EXPECT_EQ(run.status, 1);
-    EXPECT_THAT(run.output, EndsWith("\ndone\n"));
+    EXPECT_EQ(run.output, "done\n");
     EXPECT_THAT(run.error, HasSubstr("there is no record of how"));
     EXPECT_EQ(host.Stop(), 0);
 }
@@ -399,10 +445,9 @@ TEST_P(CliRunEitherWay, EndThatCannotBeRecordedIsKnown) {
     fs::create_directory(cHistory);
     StartHost();
     const TToolRun run = RunTool({"run", "job", "--wait"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.error, "");
-    EXPECT_EQ(OutputOfProgram(run), "done\n");
-    EXPECT_THAT(run.output, EndsWith("job exited with status 4\n"));
+    EXPECT_EQ(run.status, 4);
+    EXPECT_EQ(run.output, "done\n");
+    EXPECT_THAT(run.error, EndsWith("job exited with status 4\n"));
 }
 
 // ---- Several at once ----------------------------------------------------------------------------
@@ -457,7 +502,7 @@ TEST_P(CliRunEitherWay, OfAScriptThatHasBecomeAnotherProgramIsRefused) {
     Output({"run", "job", "--force"});
     WriteFile("end", "");
     WaitUntil([] { return Records().size() == 2; });
-    Output({"run", "job", "--wait"});
+    EXPECT_EQ(RunTool({"run", "job", "--wait"}).status, 0);
 }
 
 TEST_P(CliRunEitherWay, ThoseThatAreForcedAreEachRecorded) {
@@ -516,8 +561,8 @@ TEST_F(CliRun, OutlivesTheHostAndItsEndIsReported) {
         host.Kill(signal);
         host.Wait();
         WriteFile("end", "");
-        EXPECT_EQ(run.Wait(), 1);
-        EXPECT_THAT(run.Output(), EndsWith("begun\nlate\njob exited with status 8\n"));
+        EXPECT_EQ(run.Wait(), 8);
+        EXPECT_THAT(run.Output(), EndsWith("begun\nlate\nvxsched: job exited with status 8\n"));
         EXPECT_EQ(LastRecord().at("status"), 8);
         EXPECT_EQ(Records().size(), 1U);
     }
@@ -535,7 +580,7 @@ TEST_F(CliRun, IsLaunchedByTheCallerIfTheHostIsKilledBeforeItReadsTheRequest) {
         control.reset();
     }
     EXPECT_EQ(run.Wait(), 0) << run.Output();
-    EXPECT_THAT(run.Output(), EndsWith("\ndone\njob exited with status 0\n"));
+    EXPECT_THAT(run.Output(), EndsWith("\ndone\nvxsched: job exited with status 0\n"));
     EXPECT_EQ(Lines("runs").size(), 1U);
 }
 
@@ -630,7 +675,7 @@ TEST_F(CliRun, HostLaunchesOnTimeWhileItsSocketIsMisused) {
         if (clients.size() < 500)
             clients.push_back(std::move(client));
     }
-    EXPECT_THAT(Output({"run", "job", "--wait"}), HasSubstr("\nrun\n"));
+    EXPECT_EQ(RunTool({"run", "job", "--wait"}).output, "run\n");
     Output({"edit", "job", "--at", "now"});
     WaitUntil([] { return Records().size() == 2; });
     EXPECT_EQ(Records().at(0).at("trigger"), "manual");
@@ -654,8 +699,7 @@ TEST_F(CliRun, OfTheSuperuserInAForeignStoreIsLaunchedByTheOwnersHost) {
     CHost host(command);
     const TToolRun run = RunTool({"run", "job", "--wait"});
     EXPECT_EQ(run.status, 0) << run.error;
-    EXPECT_EQ(OutputOfProgram(run),
-              std::to_string(cForeignUser) + '\n' + std::to_string(host.Id()) + '\n');
+    EXPECT_EQ(run.output, std::to_string(cForeignUser) + '\n' + std::to_string(host.Id()) + '\n');
     EXPECT_EQ(host.Stop(), 0) << host.Output();
 }
 

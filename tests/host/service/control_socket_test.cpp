@@ -28,6 +28,7 @@
 #include "GroupStore.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
+#include "base/PassDescriptor.h"
 #include "control/Messages.h"
 #include "host/CHostLog.h"
 
@@ -72,6 +73,7 @@ public:
         }
     }
 
+    int Id() const { return socket.Get(); }
     void EndSending() const { shutdown(socket.Get(), SHUT_WR); }
     void Close() { socket = CDescriptor(); }
 
@@ -92,8 +94,11 @@ protected:
 
     void Make() {
         control.reset();
-        control.emplace([this](std::string_view line) {
+        control.emplace([this](std::string_view line, int passed) {
             lines.emplace_back(line);
+            if (passed != -1) {
+                EXPECT_EQ(write(passed, "passed", 6), 6);
+            }
             return answer;
         });
     }
@@ -160,7 +165,7 @@ TEST_F(ControlSocket, IsForItsUserAloneAndGoesWithTheHost) {
 TEST_F(ControlSocket, ReplacesOneThatAKilledHostHasLeft) {
     control.reset();
     CForkedChild killed([] {
-        const CControlSocket left([](std::string_view) { return ""; });
+        const CControlSocket left([](std::string_view, int) { return ""; });
         _exit(42);
         return 1;
     });
@@ -401,6 +406,37 @@ TEST_F(ControlSocket, OfAThousandConnectionsTheOldestMakeRoom) {
     Serve();
     EXPECT_EQ(clients.back()->Receive(), "answer\nclosed");
     EXPECT_THAT(lines, ElementsAre("line"));
+}
+
+// With any part of the line.
+TEST_F(ControlSocket, HandsOnTheDescriptorThatAClientPasses) {
+    const CClient client;
+    client.Send("a ");
+    WriteFile("file", "");
+    const CDescriptor file(open("file", O_WRONLY | O_CLOEXEC));
+    EXPECT_TRUE(SendAllWith(client.Id(), "line\n", file.Get()));
+    Serve();
+    EXPECT_THAT(lines, ElementsAre("a line"));
+    EXPECT_EQ(ReadFile("file"), "passed");
+}
+
+TEST_F(ControlSocket, KeepsOneDescriptorOfAClientAndNoneOnceItIsAnswered) {
+    const std::size_t before = CountDescriptors();
+    WriteFile("file", "");
+    const CDescriptor file(open("file", O_WRONLY | O_CLOEXEC));
+    {
+        const CClient client;
+        for (int number = 0; number < 100; ++number) {
+            EXPECT_TRUE(SendAllWith(client.Id(), "x", file.Get()));
+            Serve();
+        }
+        EXPECT_EQ(CountDescriptors(), before + 4) << "two sockets, the file, the one that is kept";
+        client.Send("\n");
+        Serve();
+        EXPECT_EQ(client.Receive(), "answer\nclosed");
+    }
+    EXPECT_EQ(ReadFile("file"), "passed");
+    EXPECT_EQ(CountDescriptors(), before + 1);
 }
 
 // More than wait to be accepted are refused by the system, as without a host.
