@@ -2,12 +2,14 @@
 
 Launches a small program through vxrun and directly, alternately, from start to end; and has two hosts, of which one has
 no vxrun next to it, launch 10, 100 and 1,000 jobs that are due at once, one host after the other; with --quick only the
-10. A job records the time at which it runs. RESULT.json gets the time of each launch and, for each burst, the time from
-the due second to the last job.
+10. Then a host launches 100 jobs of which each is due a second after the one before; with --quick 3. A job records the
+time at which it runs. RESULT.json gets the time of each launch, for each burst the time from the due second to the last
+job, and of the single jobs the median and the worst lateness.
 """
 import json
 import os
 import shutil
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -16,6 +18,7 @@ import time
 import isolation
 
 SIZES = (10, 100, 1000)
+SINGLES = 100
 SECOND = 1_000_000_000
 LONGEST = 60  # seconds until the last job of a burst runs
 WAYS = ("vxrun", "direct")
@@ -28,7 +31,7 @@ def launch(build, way):
     reader, writer = os.pipe()
     os.set_inheritable(writer, True)
     environment = {**isolation.ENVIRONMENT, "VXSCHED_TASK": "job", "VXSCHED_DUE": "0",
-                   "VXSCHED_RUN": "1 %d schedule 1048576 1048576 0" % writer}
+                   "VXSCHED_RUN": "1 %d -1 schedule 1048576 1048576 0" % writer}
     begin = time.monotonic_ns()
     process = os.posix_spawn(command[0], command, environment)
     _, status, usage = os.wait4(process, 0)
@@ -63,30 +66,30 @@ def host_of(build, scratch, way):
     return host
 
 
-def burst(build, scratch, way, size):
-    """The nanoseconds from the due second to the last job."""
-    store = os.path.join(scratch, "%s-%d" % (way, size))
+def lateness(build, scratch, way, size, interval):
+    """The nanoseconds from its due second to the run of each of so many jobs, due so many seconds after each other."""
+    store = os.path.join(scratch, "%s-%d-%d" % (way, size, interval))
     os.makedirs(os.path.join(store, "files"), mode=0o700)
     due = int(time.time()) + 5
     record = os.path.join(store, "times")
-    tasks = [{"name": "job %d" % number, "next": due, "last": 0, "period": 24, "paused": False, "parameter": record,
-              "program": os.path.join(build, "bench", "record_start")} for number in range(size)]
+    tasks = [{"name": "job %d" % number, "next": due + number * interval, "last": 0, "period": 24, "paused": False,
+              "parameter": record, "program": os.path.join(build, "bench", "record_start")} for number in range(size)]
     subprocess.run([os.path.join(build, "bin", "vxsched"), "--directory", store, "import"], text=True, check=True,
                    input=json.dumps({"version": 1, "tasks": tasks}), stdout=subprocess.DEVNULL)
     addin = os.path.join(build, "lib", "libVantrixScheduler.so")
     host = subprocess.Popen([host_of(build, scratch, way), "--directory", store, "--addin", addin],
                             stderr=subprocess.DEVNULL, env=isolation.ENVIRONMENT)
     times = []
-    while len(times) < size and time.time() < due + LONGEST:
+    while len(times) < size and time.time() < due + size * interval + LONGEST:
         time.sleep(0.5)
         if os.path.exists(record):
             with open(record) as file:
-                times = [int(line) - due * SECOND for line in file]
+                times = sorted(int(line) for line in file)
     host.terminate()
     host.wait()
     if len(times) != size:
         sys.exit("runner.py: %d jobs ran instead of %d" % (len(times), size))
-    return max(times)
+    return [ran - (due + number * interval) * SECOND for number, ran in enumerate(times)]
 
 
 def main():
@@ -102,7 +105,10 @@ def main():
         for size in SIZES[:1] if is_quick else SIZES:
             for way in WAYS:
                 results.append({"run_name": "runner/last/%s/%d" % (way, size), "run_type": "iteration",
-                                "real_time": burst(build, scratch, way, size)})
+                                "real_time": max(lateness(build, scratch, way, size, 0))})
+        single = lateness(build, scratch, "vxrun", 3 if is_quick else SINGLES, 1)
+        for name, value in (("median", statistics.median(single)), ("worst", max(single))):
+            results.append({"run_name": "runner/single/" + name, "run_type": "iteration", "real_time": value})
     finally:
         os.chdir("/")
         shutil.rmtree(scratch, ignore_errors=True)
