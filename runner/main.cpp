@@ -10,13 +10,17 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "base/CDescriptor.h"
 #include "base/DisplayText.h"
+#include "base/RegularFile.h"
 #include "base/WriteAll.h"
 #include "runner/CCopy.h"
 #include "runner/CJob.h"
@@ -35,6 +39,9 @@ constexpr int cNotStarted = 127;  // exit status, as a shell has it
 // A run is for its program to end, not for a reader of the copy that goes, a terminal, or a limit.
 constexpr int cIgnored[] = {SIGPIPE, SIGHUP, SIGINT, SIGXFSZ};
 
+// Of strings of a task, whose name has no limit but that of a table.
+constexpr std::uint64_t cLongestCommand = std::uint64_t{1} << 30U;
+
 // A reader of the host's log that has stalled does not hold up a run for longer than this.
 constexpr int cStall = 1000;  // milliseconds
 
@@ -50,6 +57,39 @@ std::optional<TRunRequest> TakeRequest() {
     auto request = variable != nullptr ? DecodeRunRequest(variable) : std::nullopt;
     unsetenv(cRunVariable);
     return request;
+}
+
+// The program and its arguments, with a null pointer after them: those of this process or, if it has
+// none, those of the file that is its standard input, with the variables there. Empty if there are none.
+std::vector<char*> TakeCommand(int argc, char** argv) {
+    if (argc >= 2)
+        return {argv + 1, argv + argc + 1};
+    static std::optional<TRunCommand> command;
+    std::string bytes;
+    if (ReadRegularFile(STDIN_FILENO, cLongestCommand, bytes))
+        command = DecodeRunCommand(bytes);
+    const CDescriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!command || dup2(nothing.Get(), STDIN_FILENO) == -1)
+        return {};
+    for (std::string& variable : command->variables)
+        putenv(variable.data());
+    std::vector<char*> pointers;
+    for (std::string& argument : command->arguments)
+        pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// A program that gets too much with its task's name and due time is launched without them. `launch`
+// returns an error number.
+template <typename Launch>
+int LaunchForTask(const Launch& launch) {
+    const int error = launch();
+    if (error != E2BIG)
+        return error;
+    for (const char* const variable : {"VXSCHED_TASK", "VXSCHED_DUE"})
+        unsetenv(variable);
+    return launch();
 }
 
 TRunRecord Describe(char* const command[], const std::string& trigger) {
@@ -94,7 +134,10 @@ bool IsForWantOfRoom(int error) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
     Report(request.report, 0, getpid(), "");
     close_range(STDERR_FILENO + 1, ~0U, 0);
-    execv(command[0], command);
+    LaunchForTask([&] {
+        execv(command[0], command);
+        return errno;
+    });
     _exit(cNotStarted);
 }
 
@@ -127,7 +170,7 @@ int Run(const TRunRequest& request, char* const command[]) {
         copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
     CFollower follower(request.follower);
     CJob job(copy ? &*copy : nullptr, follower);
-    const int error = job.Launch(command[0], command);
+    const int error = LaunchForTask([&] { return job.Launch(command[0], command); });
     if (error != 0) {
         // Before the report: a kill in between must not leave two records of it.
         running.Remove();
@@ -178,9 +221,10 @@ int main(int argc, char** argv) {
     sigaddset(&held, SIGTERM);
     sigprocmask(SIG_BLOCK, &held, nullptr);
     const std::optional<TRunRequest> request = TakeRequest();
-    if (!request || argc < 2) {
+    const std::vector<char*> command = request ? TakeCommand(argc, argv) : std::vector<char*>();
+    if (command.empty()) {
         Warn("it is launched by vxschedd and vxsched, which pass what it needs. Use vxsched run.");
         return cUsage;
     }
-    return Run(*request, argv + 1);
+    return Run(*request, command.data());
 }

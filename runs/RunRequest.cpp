@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <utility>
 
 std::string EncodeRunRequest(const TRunRequest& request) {
     return fmt::format("1 {} {} {} {} {} {}", request.report, request.follower, request.trigger,
@@ -24,4 +25,32 @@ std::optional<TRunRequest> DecodeRunRequest(std::string_view text) {
     request.trigger = trigger;
     request.copy = static_cast<TRunRequest::ECopy>(copy);
     return request;
+}
+
+// Each string has a zero byte after it, which none of them has in it. An empty one, which no variable
+// is, ends the variables.
+std::string EncodeRunCommand(const TRunCommand& command) {
+    std::string bytes;
+    for (const std::string& variable : command.variables)
+        bytes.append(variable).push_back('\0');
+    bytes += '\0';
+    for (const std::string& argument : command.arguments)
+        bytes.append(argument).push_back('\0');
+    return bytes;
+}
+
+std::optional<TRunCommand> DecodeRunCommand(std::string_view bytes) {
+    TRunCommand command;
+    bool isArgument = false;
+    while (!bytes.empty()) {
+        const std::size_t end = bytes.find('\0');
+        if (end == std::string_view::npos)
+            return {};
+        if (end == 0 && !isArgument)
+            isArgument = true;
+        else
+            (isArgument ? command.arguments : command.variables).emplace_back(bytes.substr(0, end));
+        bytes.remove_prefix(end + 1);
+    }
+    return command.arguments.empty() ? std::nullopt : std::optional(std::move(command));
 }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // What a launcher, the host or vxsched-change, asks of the runner besides the program: the content of
 // the environment variable VXSCHED_RUN, which the runner does not hand on.
@@ -37,3 +38,16 @@ std::string EncodeRunRequest(const TRunRequest& request);
 
 // Empty if it is no request of this version.
 std::optional<TRunRequest> DecodeRunRequest(std::string_view text);
+
+// What the runner sets and executes if the system has no room for it among the runner's own arguments
+// and variables: the content of the file that is then the standard input of the runner, which has no
+// arguments.
+struct TRunCommand {
+    std::vector<std::string> variables;  // "NAME=VALUE"
+    std::vector<std::string> arguments;  // the program first
+};
+
+std::string EncodeRunCommand(const TRunCommand& command);
+
+// Empty if the bytes are no such content.
+std::optional<TRunCommand> DecodeRunCommand(std::string_view bytes);

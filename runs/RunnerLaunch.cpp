@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,8 +11,10 @@
 #include <chrono>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "base/CDescriptor.h"
+#include "base/WriteAll.h"
 #include "store/CLaunchEnvironment.h"
 #include "store/Layout.h"
 
@@ -53,27 +56,49 @@ static bool EndsByItself(pid_t process) {
            end.si_code == CLD_EXITED;
 }
 
-// As posix_spawn(). `pipe` is for the report.
-static int StartRunner(const TRunnerLaunch& launch, int pipe, pid_t* process) {
+// A file in memory that the runner reads what it is to execute from; closed on failure.
+static CDescriptor FileOfCommand(const TRunnerLaunch& launch) {
+    TRunCommand command;
+    const vxsched::CLaunchEnvironment added(nullptr, launch.task, launch.due);
+    for (char* const* variable = added.Get(); variable != nullptr && *variable != nullptr;
+         ++variable)
+        command.variables.emplace_back(*variable);
+    for (char* const* argument = launch.command; *argument != nullptr; ++argument)
+        command.arguments.emplace_back(*argument);
+    CDescriptor file(memfd_create("command", MFD_CLOEXEC));
+    return file.IsOpen() && WriteAllAt(file.Get(), EncodeRunCommand(command), 0) ? std::move(file)
+                                                                                 : CDescriptor();
+}
+
+// As posix_spawn(). `pipe` is for the report. If `command` is open, the runner takes from it what is
+// else in its arguments and variables.
+static int StartRunner(const TRunnerLaunch& launch, const CDescriptor& command, int pipe,
+                       pid_t* process) {
     CSpawnAttributes attributes;
     attributes.ResetSignals();
     attributes.LeadSession();
     CSpawnActions actions;
     launch.direct(actions);
+    if (command.IsOpen())
+        actions.Duplicate(command.Get(), STDIN_FILENO);
     actions.Duplicate(pipe, cReport);
     const bool isFollowed = launch.follower != -1;
     if (isFollowed)
         actions.Duplicate(launch.follower, cFollower);
     actions.CloseFrom(isFollowed ? cFollower + 1 : cFollower);
     std::vector<char*> arguments{const_cast<char*>(launch.runner.c_str())};
-    for (char* const* argument = launch.command; *argument != nullptr; ++argument)
-        arguments.push_back(*argument);
+    if (!command.IsOpen()) {
+        for (char* const* argument = launch.command; *argument != nullptr; ++argument)
+            arguments.push_back(*argument);
+    }
     arguments.push_back(nullptr);
     TRunRequest request = launch.request;
     request.report = cReport;
     request.follower = isFollowed ? cFollower : -1;
-    const vxsched::CLaunchEnvironment environment(launch.environment, launch.task, launch.due,
-                                                  EncodeRunRequest(request).c_str());
+    const std::string variable = EncodeRunRequest(request);
+    const vxsched::CLaunchEnvironment environment(
+        launch.environment, command.IsOpen() ? nullptr : launch.task,
+        command.IsOpen() ? std::nullopt : launch.due, variable.c_str());
     return launch.spawn(process, launch.runner.c_str(), actions.Get(), attributes.Get(),
                         arguments.data(), environment.Get());
 }
@@ -87,7 +112,12 @@ std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error)
     const CDescriptor ours(ends[0]);
     CDescriptor theirs(ends[1]);
     TLaunched launched;
-    error = StartRunner(launch, theirs.Get(), &launched.child);
+    error = StartRunner(launch, CDescriptor(), theirs.Get(), &launched.child);
+    // A program that just gets what the system permits has a runner that would get more.
+    if (error == E2BIG) {
+        if (const CDescriptor command = FileOfCommand(launch); command.IsOpen())
+            error = StartRunner(launch, command, theirs.Get(), &launched.child);
+    }
     if (error != 0)
         return {};
     theirs = CDescriptor();

@@ -61,7 +61,7 @@ std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::st
     std::vector<std::string> inherited = EnvironmentOfAHost();
     const std::vector<char*> arguments = PointersTo(command);
     const std::vector<char*> variables = PointersTo(inherited);
-    TRunnerLaunch launch = {
+    const TRunnerLaunch launch = {
         .spawn = NextLaunchHandlers().spawn,
         .runner = runner,
         .command = arguments.data(),
@@ -77,13 +77,7 @@ std::optional<TLaunched> LaunchHere(const TLaunchRequest& request, const std::st
             for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
                 actions.Open(descriptor, "/dev/null", O_RDWR);
         }};
-    std::optional<TLaunched> launched = LaunchByRunner(launch, error);
-    // A program that gets too much with its task's name is launched without it.
-    if (!launched && error == E2BIG) {
-        launch.task = nullptr;
-        launched = LaunchByRunner(launch, error);
-    }
-    return launched;
+    return LaunchByRunner(launch, error);
 }
 
 // As the host records it.

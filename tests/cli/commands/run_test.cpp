@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -28,6 +29,7 @@
 #include "Process.h"
 #include "base/CDescriptor.h"
 #include "runs/CRunningFile.h"
+#include "runs/OutputFiles.h"
 #include "runs/RunRecord.h"
 #include "store/Layout.h"
 
@@ -64,6 +66,15 @@ protected:
         const std::vector<TJson> records = Records();
         EXPECT_FALSE(records.empty());
         return records.empty() ? TJson::parse("{}") : records.back();
+    }
+
+    static void ExpectOnlyRunOf(const std::string& task) {
+        ASSERT_EQ(Records().size(), 1U);
+        const TJson record = LastRecord();
+        EXPECT_TRUE(record.at("name") == task);
+        EXPECT_EQ(record.at("status"), 0);
+        EXPECT_EQ(record.at("output"), OutputPathOf(task, record.at("run")));
+        EXPECT_TRUE(fs::exists(record.at("output")));
     }
 
     static pid_t ReadPid(const char* file) {
@@ -276,6 +287,40 @@ TEST_P(CliRunEitherWay, LaunchesATaskWithTheLongestStrings) {
     CForkedChild client(
         [&] { return vxsched::CStore({}).Run(row.name, true, true).status == 0 ? 42 : 1; });
     EXPECT_EQ(client.Wait(), 42);
+    ExpectOnlyRunOf(row.name);
+}
+
+// The name has no room in the environment, and a request for it goes to the host.
+TEST_P(CliRunEitherWay, OfATaskWithALongNameIsRecordedAndItsOutputKept) {
+    TRow row = Job();
+    row.name = std::string(140'000, 'n');
+    row.program = PROGRAMS "/record-environment";
+    row.parameters = fs::absolute("variables");
+    WriteTable({row});
+    StartHost();
+    CForkedChild client(
+        [&] { return vxsched::CStore({}).Run(row.name, true, true).status == 0 ? 42 : 1; });
+    EXPECT_EQ(client.Wait(), 42);
+    ExpectOnlyRunOf(row.name);
+    EXPECT_EQ(ReadFile("variables"), "");
+}
+
+// What a program gets may have 128 KiB for a stack of that size, and its runner gets more.
+TEST_P(CliRunEitherWay, OfAProgramThatFillsTheSystemsLimitIsRecordedAndItsOutputKept) {
+    rlimit stack{};
+    getrlimit(RLIMIT_STACK, &stack);
+    stack.rlim_cur = 512 << 10U;
+    ASSERT_EQ(setrlimit(RLIMIT_STACK, &stack), 0);
+    TRow row = Job();
+    row.name = std::string(90'000, 'n');
+    row.program = "/bin/echo";
+    row.parameters = std::string(60'000, 'p');
+    WriteTable({row});
+    StartHost();
+    CForkedChild client(
+        [&] { return vxsched::CStore({}).Run(row.name, true, true).status == 0 ? 42 : 1; });
+    EXPECT_EQ(client.Wait(), 42);
+    ExpectOnlyRunOf(row.name);
 }
 
 // ---- What programs do ---------------------------------------------------------------------------
