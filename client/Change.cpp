@@ -12,6 +12,7 @@
 #include "client/CChangeProcess.h"
 #include "client/ChangeChecks.h"
 #include "client/LibraryDirectory.h"
+#include "runs/RunnerLaunch.h"
 #include "store/Backups.h"
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
@@ -137,9 +138,10 @@ public:
 
 private:
     // Between two messages the process waits for both locks, or loads the add-in, makes all of the
-    // calls and waits for the store mutex again.
+    // calls and waits for the store mutex again. A run waits for its runner besides.
     milliseconds Limit() const {
-        return 2 * options.lockTimeout + cWork + change.calls.size() * cCall;
+        return 2 * options.lockTimeout + cWork + change.calls.size() * cCall +
+               (IsRun(change.calls) ? milliseconds(cRunnerLimit) : milliseconds(0));
     }
 
     void Take(const TMessage& message) {
@@ -275,7 +277,7 @@ void Settle(const TStoreOptions& options, const TChange& change, TAttempt& attem
     const std::optional<std::string> missing = change.findMissing(attempt.outcome);
     if (!missing)
         return;
-    if (change.calls.back().function == TCall::cExecute)
+    if (IsRun(change.calls))
         throw MakeError(EError::cUnknown,
                         "the run of \"{}\" was cut short: {}; whether the program was launched is "
                         "not known; look for its process and its effects",
@@ -368,7 +370,7 @@ TOutcome MakeOnce(const TStoreOptions& options, const TChange& change) {
         }
     }
     // A launch is known without the table.
-    if (attempt.mayBeOverwritten && change.calls.back().function != TCall::cExecute)
+    if (attempt.mayBeOverwritten && !IsRun(change.calls))
         attempt.outcome.table = ReadAfterTheTick(options);
     return std::move(attempt.outcome);
 }

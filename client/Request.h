@@ -44,6 +44,11 @@ struct TRequest {
 // cExecute: a stream socket that gets what the launched program writes.
 inline constexpr int cOutputDescriptor = 3;
 
+// Whether the calls are a run of a task. There may be none.
+inline bool IsRun(const std::vector<TCall>& calls) {
+    return !calls.empty() && calls.back().function == TCall::cExecute;
+}
+
 std::string Encode(const TRequest& request);
 // Decodes what Encode() returned; other bytes are not checked for and may throw std::exception.
 TRequest DecodeRequest(std::string bytes);

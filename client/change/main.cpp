@@ -320,7 +320,7 @@ bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
     std::optional<TTable> table = Begin(request);
     if (!table)
         return false;
-    if (request.calls.front().inOneStep) {
+    if (!request.calls.empty() && request.calls.front().inOneStep) {
         ReplaceTask(*std::move(table), request.calls.front());
         return true;
     }
@@ -422,8 +422,7 @@ int Main() {
         BecomeForeignOwner(".");
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
-        SetSaveListener(request->calls.back().function == TCall::cExecute ? AnnounceSaveOfLaunch
-                                                                          : AnnounceSave);
+        SetSaveListener(IsRun(request->calls) ? AnnounceSaveOfLaunch : AnnounceSave);
         SetSyncFailureListener(WarnOfSyncFailure);
         SetFileStatusListener(NoteFileStatus);
         Serve(*request);

@@ -56,7 +56,8 @@ struct TRun {
 // 2. Blocking. Check() and Wake() do not block. Read(), Edited(), CheckResume() and CheckRun() wait
 //    for the store mutex. A change also has the wait of rule 3, and is made in a child process. The
 //    child process is killed when it sends no message for 2 x the lock timeout + 10 s + 0.1 s for
-//    each call of the add-in's functions. The table is then checked under both locks.
+//    each call of the add-in's functions, for a run + 10 s. The table is then checked under both
+//    locks.
 // 3. Due tasks. While an active task is due, a change first wakes the scheduling process and waits
 //    until it has launched the due tasks: at most lockTimeout without progress and 10 x lockTimeout
 //    in all, and again if other tasks have come due by then. Without a scheduling process the

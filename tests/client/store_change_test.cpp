@@ -89,6 +89,18 @@ TEST_F(ClientStore, RemoveTakesAllOrNothing) {
     EXPECT_EQ(NamesInTable(), "b");
 }
 
+TEST_F(ClientStore, ChangeOfNoTasksChangesNothing) {
+    std::vector<std::string> warnings;
+    const CStore warned({.onWarning = [&](const std::string& text) { warnings.push_back(text); }});
+    warned.Create(Task("a"), false);
+    ExpectKept([&] {
+        warned.Remove({});
+        warned.Pause({});
+        warned.Resume({});
+    });
+    EXPECT_TRUE(warnings.empty());
+}
+
 TEST_F(ClientStore, PauseAndResumeSwitchTheFlag) {
     store.Create(Task("a"), false);
     store.Pause({"a"});
