@@ -25,8 +25,6 @@ static constexpr std::chrono::days cKeptOfOthers(30);
 // Another run's begin needs less than a millisecond; one that is stopped holds up no other.
 static constexpr std::chrono::seconds cLockTimeout(1);
 static constexpr char cSuffix[] = ".log";
-// No task's name is encoded as this.
-static constexpr char cUnknown[] = "%unknown";
 
 // The latest first.
 static std::vector<TOutput> OutputsIn(const fs::path& store, const std::string& directory) {
@@ -44,8 +42,7 @@ static std::vector<TOutput> OutputsIn(const fs::path& store, const std::string& 
 }
 
 static std::string DirectoryOf(const std::optional<std::string>& task) {
-    return std::string(vxsched::cOutputDirectory) + '/' +
-           (task ? vxsched::FileNameOf(*task) : cUnknown);
+    return std::string(vxsched::cOutputDirectory) + '/' + vxsched::FileNameOrUnknown(task);
 }
 
 // And no link, which may lead elsewhere.

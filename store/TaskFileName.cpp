@@ -31,4 +31,8 @@ std::string FileNameOf(const std::string& task) {
     return name;
 }
 
+std::string FileNameOrUnknown(const std::optional<std::string>& task) {
+    return task ? FileNameOf(*task) : "%unknown";
+}
+
 }  // namespace vxsched

@@ -15,8 +15,6 @@ static constexpr char cJournal[] = "journal";
 // Of the identifier in the journal. A task's lines are not taken for those of the host, or of another
 // program, whatever its name: no encoded name has a slash.
 static constexpr char cTaskPrefix[] = "task/";
-// For a launch whose task is unknown. No task's name is encoded as this.
-static constexpr char cUnknown[] = "%unknown";
 
 CProgramOutput::CProgramOutput(const std::string& wanted) : where(wanted) {
     // Warns at startup already if there is no journal.
@@ -27,7 +25,7 @@ CProgramOutput::CProgramOutput(const std::string& wanted) : where(wanted) {
 CDescriptor CProgramOutput::Open(const std::optional<std::string>& task) const {
     if (where != cJournal)
         return CDescriptor();
-    return OpenJournal(cTaskPrefix + (task ? vxsched::FileNameOf(*task) : cUnknown));
+    return OpenJournal(cTaskPrefix + vxsched::FileNameOrUnknown(task));
 }
 
 CDescriptor CProgramOutput::OpenJournal(const std::string& identifier) const {
