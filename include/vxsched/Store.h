@@ -93,10 +93,12 @@ public:
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
     // Adds an active task at the end of the table. With `replace` a task of the same name keeps its
-    // position in the table and its last launch, and gets all other fields. A repeating task whose
-    // due time is past by more than cJustPast is rescheduled to its next one. Returns the entry as
-    // it is in the table. Throws cRefused on a validation error that is not forced, and without
-    // `replace` if the name is taken.
+    // position in the table and its last launch, and gets all other fields; if that had the same
+    // due time, and is launched for it while the call waits, the new one is not launched for it
+    // again: one that runs once is not made. A repeating task whose due time is past by more than
+    // cJustPast is rescheduled to its next one. Returns the entry as it is in the table. Throws
+    // cRefused on a validation error that is not forced, and without `replace` if the name is
+    // taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
     // Returns the entry that Edit() would write, without a change. Throws like Edit().
