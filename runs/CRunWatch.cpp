@@ -2,10 +2,8 @@
 
 #include <poll.h>
 #include <sys/inotify.h>
-#include <unistd.h>
 
-#include <array>
-
+#include "base/DrainDescriptor.h"
 #include "store/Layout.h"
 
 namespace vxsched {
@@ -26,9 +24,7 @@ CRunWatch::CRunWatch(const std::filesystem::path& store, const std::filesystem::
 void CRunWatch::Wait() const {
     pollfd event{.fd = events.Get(), .events = POLLIN, .revents = 0};
     poll(&event, 1, cLongestWait);
-    std::array<char, 4096> ignored;
-    while (read(events.Get(), ignored.data(), ignored.size()) > 0) {
-    }
+    DrainDescriptor(events.Get());
 }
 
 }  // namespace vxsched

@@ -1,7 +1,6 @@
 #include "host/programs/COwedLaunches.h"
 
 #include <fmt/format.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -9,6 +8,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/TimerSetting.h"
 #include "host/CHostLog.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "store/CStoreMutexLock.h"
@@ -119,7 +119,6 @@ std::size_t COwedLaunches::Count() {
 
 // In a second if anything is owed, else never.
 void COwedLaunches::SetTimer() const {
-    itimerspec setting{};
-    setting.it_value.tv_sec = launches.empty() ? 0 : 1;
+    const itimerspec setting = ExpireOnce(std::chrono::seconds(launches.empty() ? 0 : 1));
     timerfd_settime(timer.Get(), 0, &setting, nullptr);
 }

@@ -1,24 +1,17 @@
 #include "host/service/CDueTimer.h"
 
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
-using std::chrono::nanoseconds;
-using std::chrono::seconds;
+#include "base/TimerSetting.h"
 
-// A setting of zero stops the timer.
+using std::chrono::nanoseconds;
+
 static itimerspec SettingOf(std::optional<CDueWake::TTime> next) {
-    itimerspec setting{};
-    if (!next)
-        return setting;
-    const nanoseconds time = std::max(next->time_since_epoch(), nanoseconds(1));
-    const auto whole = std::chrono::floor<seconds>(time);
-    setting.it_value = {.tv_sec = whole.count(), .tv_nsec = nanoseconds(time - whole).count()};
-    return setting;
+    return ExpireOnce(next ? std::max(next->time_since_epoch(), nanoseconds(1)) : nanoseconds(0));
 }
 
 CDueTimer::CDueTimer() : timer(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {}

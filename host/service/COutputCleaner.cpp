@@ -1,6 +1,5 @@
 #include "host/service/COutputCleaner.h"
 
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +12,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
+#include "base/TimerSetting.h"
 #include "runs/OutputFiles.h"
 #include "store/CStoreMutexLock.h"
 #include "store/Layout.h"
@@ -23,10 +23,7 @@ static constexpr std::chrono::seconds cInterval = std::chrono::days(1);
 static constexpr std::chrono::seconds cRetry = std::chrono::minutes(1);
 
 static void SetTimer(const CDescriptor& timer, std::chrono::nanoseconds time) {
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    const itimerspec setting{
-        .it_interval = {},
-        .it_value = {.tv_sec = seconds.count(), .tv_nsec = (time - seconds).count()}};
+    const itimerspec setting = ExpireOnce(time);
     timerfd_settime(timer.Get(), 0, &setting, nullptr);
 }
 

@@ -1,11 +1,10 @@
 #include "host/service/CRunnerWatch.h"
 
 #include <sys/inotify.h>
-#include <unistd.h>
 
-#include <array>
 #include <cstdint>
 
+#include "base/DrainDescriptor.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
 
@@ -19,14 +18,8 @@ CRunnerWatch::CRunnerWatch(CLaunchedPrograms& launchedPrograms)
 }
 
 void CRunnerWatch::Record() const {
-    Drain();
+    DrainDescriptor(events.Get());
     programs.RecordDead();
     // The files that this has opened: what could not be recorded now is not tried again at once.
-    Drain();
-}
-
-void CRunnerWatch::Drain() const {
-    std::array<char, 4096> ignored;
-    while (read(events.Get(), ignored.data(), ignored.size()) > 0) {
-    }
+    DrainDescriptor(events.Get());
 }

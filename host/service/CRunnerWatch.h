@@ -17,8 +17,6 @@ public:
     void Record() const;
 
 private:
-    void Drain() const;
-
     CLaunchedPrograms& programs;
     const CDescriptor events;
 };

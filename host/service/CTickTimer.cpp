@@ -1,9 +1,8 @@
 #include "host/service/CTickTimer.h"
 
-#include <sys/timerfd.h>
-
 #include <atomic>
 
+#include "base/TimerSetting.h"
 #include "host/HostThread.h"
 
 static std::atomic<const CTickTimer*> gTimer{nullptr};
@@ -20,10 +19,7 @@ CTickTimer::~CTickTimer() {
 
 // Setting an expired timer makes its descriptor unreadable again.
 void CTickTimer::Restart() const {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
-    itimerspec setting{};
-    setting.it_value = {.tv_sec = seconds.count(),
-                        .tv_nsec = std::chrono::nanoseconds(limit - seconds).count()};
+    const itimerspec setting = ExpireOnce(limit);
     timerfd_settime(timer.Get(), 0, &setting, nullptr);
 }
 
