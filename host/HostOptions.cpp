@@ -73,7 +73,7 @@ static void DescribeOptions(CLI::App& app, THostOptions& options) {
         ->check(CLI::IsMember({"inherit", "journal", "none"}).description(""))
         ->capture_default_str();
     app.add_option("--output-size", options.outputSize,
-                   "How much of the output of each run is kept, its end (1 MiB)")
+                   "How much of the output of each run is kept, its end (1 MiB); 0 keeps none")
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false).description(""))
         ->check(CLI::Range(std::uint64_t{0}, cLargestSize).description(""));

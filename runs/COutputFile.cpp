@@ -48,9 +48,9 @@ static bool IsRemoved(const CDescriptor& file) {
 
 COutputFile::COutputFile(const std::string& outputPath, std::uint64_t size,
                          std::function<void(const std::string&)> logWarning)
-    : path(outputPath),
-      warn(std::move(logWarning)),
-      header{.size = std::max<std::uint64_t>(size, 1)} {
+    : path(outputPath), warn(std::move(logWarning)), header{.size = size} {
+    if (size == 0)
+        return;
     Create();
     if (!file.IsOpen() || !WriteHeader())
         Fail();
@@ -84,7 +84,7 @@ bool COutputFile::WriteHeader() {
 
 void COutputFile::Append(std::string_view bytes) {
     count += bytes.size();
-    while (error.empty() && !bytes.empty()) {
+    while (header.size > 0 && error.empty() && !bytes.empty()) {
         // A reader finds the other three quarters while one is overwritten.
         const std::string_view part = bytes.substr(0, std::max<std::uint64_t>(header.size / 4, 1));
         bytes.remove_prefix(part.size());

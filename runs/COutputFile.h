@@ -13,9 +13,9 @@
 class COutputFile {
 public:
     // Creates the file, for its owner alone or for whom the store of the working directory is open
-    // to, with room for the last `size` bytes of the output (at least 1). A file of that name, or
-    // anything else, is not opened, nor is a link in the path followed but for its first directory. On
-    // failure the output is only counted. `logWarning` is called with the message of the first
+    // to, with room for the last `size` bytes of the output; no file for 0. A file of that name, or
+    // anything else, is not opened, nor is a link in the path followed but for its first directory.
+    // On failure the output is only counted. `logWarning` is called with the message of the first
     // failure, here or in Append().
     COutputFile(const std::string& path, std::uint64_t size,
                 std::function<void(const std::string&)> logWarning = {});

@@ -83,7 +83,7 @@ COutputFile MakeOutputFile(const std::optional<std::string>& task, const std::st
                            std::uint64_t size, std::function<void(const std::string&)> logWarning) {
     const std::string directory = DirectoryOf(task);
     CDescriptor lock;
-    if (MakeDirectory(vxsched::cOutputDirectory) && MakeDirectory(directory)) {
+    if (size > 0 && MakeDirectory(vxsched::cOutputDirectory) && MakeDirectory(directory)) {
         lock = LockDirectory(directory);
         RemoveOldest(OutputsIn(".", directory), cMostOutputs - 1);
     }

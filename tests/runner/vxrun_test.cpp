@@ -295,6 +295,17 @@ TEST_F(Runner, OutputTakesNoMoreRoomThanItsSizeAtAnyTime) {
     EXPECT_EQ(OutputOf(OnlyRun()), std::string(cSize - 4, 'x') + "end\n");
 }
 
+TEST_F(Runner, OutputOfSizeZeroIsOnlyCounted) {
+    TRunRequest request = Request();
+    request.outputSize = 0;
+    CRunner runner({cShell, "-c", "echo lost; exit 3"}, request);
+    EXPECT_EQ(runner.Wait(), 3);
+    EXPECT_EQ(OnlyRun().outputBytes, 5U);
+    EXPECT_EQ(OnlyRun().outputError, "");
+    EXPECT_TRUE(Outputs().empty());
+    EXPECT_EQ(ReadFile(cErrors), "");
+}
+
 TEST_F(Runner, LastTenOutputsOfATaskAreKept) {
     std::vector<std::string> all;
     for (int number = 0; number < 13; ++number) {
