@@ -23,7 +23,7 @@ using vxsched::TOutput;
 static constexpr std::size_t cMostOutputs = 10;
 static constexpr std::chrono::days cKeptOfOthers(30);
 // Another run's begin needs less than a millisecond; one that is stopped holds up no other.
-static constexpr std::chrono::seconds cLockTimeout(1);
+static constexpr std::chrono::seconds cDirectoryTimeout(1);
 static constexpr char cSuffix[] = ".log";
 
 // The latest first.
@@ -67,7 +67,7 @@ static void RemoveOldest(const std::vector<TOutput>& outputs, std::size_t most) 
 
 // Keeps others from making an output there, as far as that can be had. Until it is closed.
 static CDescriptor LockDirectory(const std::string& path) {
-    const CDeadline deadline(cLockTimeout);
+    const CDeadline deadline(cDirectoryTimeout);
     CDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     while (flock(directory.Get(), LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK &&
            deadline.Pause(std::chrono::milliseconds(1))) {
