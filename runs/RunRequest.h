@@ -27,7 +27,9 @@ inline constexpr char cRunVariable[] = "VXSCHED_RUN";
 struct TLaunchReport {
     int error;  // of posix_spawn(); 0: the program runs
     int process;
-    char run[64];  // the id of the run, with a zero byte after it
+    // The id of the run, with a zero byte after it; empty if nobody can wait for its end, since its
+    // CRunningFile could not be made.
+    char run[64];
 };
 
 // How much is kept unless somebody has chosen, in bytes: of the history, and of each run's output.
