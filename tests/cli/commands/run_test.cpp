@@ -468,10 +468,14 @@ TEST_P(CliRunEitherWay, RunWhoseRunnerIsKilledHasFailed) {
     EXPECT_THAT(run.Output(), HasSubstr("the runner of process " + std::to_string(program) +
                                         " was killed: how the program ends is not known"));
     kill(-program, SIGKILL);
+    // Without a host nobody else notices, and the next one records it.
     if (!host)
-        return;
+        host = std::make_unique<CHost>();
     WaitUntil([] { return !Records().empty(); });
     EXPECT_EQ(LastRecord().at("outcome"), "runner died");
+    EXPECT_EQ(LastRecord().at("trigger"), "manual");
+    EXPECT_EQ(LastRecord().at("process"), program);
+    EXPECT_EQ(Records().size(), 1U);
 }
 
 TEST_F(CliRun, WithoutAHistoryTheEndIsNotKnown) {
