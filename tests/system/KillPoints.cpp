@@ -512,6 +512,59 @@ TScenario TickScenario() {
                            int /*status*/) { CheckLaunches(*due, false, traced); }};
 }
 
+// After a run that the host was asked for, and the next host. The program was launched at most once,
+// and each launch is in the history. What the command has reported is so.
+void CheckServedRun(int commandStatus, const std::string& reported, const CTracedProgram& traced) {
+    const std::string output =
+        traced.Output() + "\nthe command:\n" + reported + "\nthe next host:\n" + RunHostOnce();
+    SCOPED_TRACE(output);
+    EXPECT_TRUE(commandStatus == 0 || commandStatus == 1 || commandStatus == 9) << commandStatus;
+    WaitUntil([] { return CountIn("files/running", "") == 0; });
+    const std::size_t runs = CountLines("job.log");
+    EXPECT_LE(runs, 1U);
+    EXPECT_TRUE(runs == 1 || commandStatus != 0);
+    EXPECT_TRUE(runs == 0 || commandStatus != 1);
+    const TRows rows = ReadTable();
+    EXPECT_TRUE(runs == 1 || rows.at(3).last == 0);
+    EXPECT_TRUE(commandStatus != 0 || rows.at(3).last != 0);
+    EXPECT_EQ(WithoutLaunchTimes({rows.at(0), rows.at(1), rows.at(2)}),
+              (TRows{TableOfCommands()[0], TableOfCommands()[1], TableOfCommands()[2]}));
+    const std::vector<TRunRecord> records = vxsched::ReadHistory(".", "job").runs;
+    ASSERT_EQ(records.size(), runs);
+    for (const TRunRecord& record : records) {
+        EXPECT_EQ(record.outcome, TRunRecord::cExited);
+        EXPECT_EQ(record.trigger, cManual);
+        EXPECT_EQ(record.number, 0);
+    }
+    EXPECT_EQ(RunTool({"status"}).error, "");
+    ExpectAnotherCommandWorks("second");
+    ExpectNoUnfinishedFiles();
+}
+
+// The host serves a `run`, whose command is not killed and does not wait for ever.
+TScenario ServedRunScenario() {
+    const auto commandStatus = std::make_shared<int>();
+    const auto reported = std::make_shared<std::string>();
+    return {.name = "ServedRun",
+            .command = HostWith({}),
+            .prepare = PrepareForCommand,
+            .act =
+                [=](CTracedProgram& host) {
+                    WaitForHost(host);
+                    host.Count();
+                    // Tests that run at the same time launch this program, too.
+                    CProgram command(Tool({"run", "job", "--force"}));
+                    *commandStatus = command.Wait();
+                    *reported = command.Output();
+                    WaitUntil([&] { return host.IsKilled() || IsSettled(); });
+                    kill(host.Id(), SIGKILL);
+                },
+            .check =
+                [=](const CTracedProgram& traced, int /*status*/) {
+                    CheckServedRun(*commandStatus, *reported, traced);
+                }};
+}
+
 // The host's guard restores a table of which a direct client has left a part.
 TScenario GuardScenario() {
     const auto good = std::make_shared<TRows>(TableOfRunningHost(cFar));
@@ -724,6 +777,7 @@ std::vector<TScenario> Scenarios() {
         StartupScenario("StartupOnADamagedTable", true),
         RunnerScenario(),
         TickScenario(),
+        ServedRunScenario(),
         GuardScenario(),
         StopScenario(),
         SetUpCheckScenario(),
