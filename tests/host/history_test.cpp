@@ -243,9 +243,9 @@ TEST(HostHistory, ProgramThatIsLeftRunningIsLoggedByItsOwnProcess) {
     const pid_t process =
         std::stoi(host.Output().substr(host.Output().find(started) + started.size()));
     EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(
-        host.CountInOutput("leaving process " + std::to_string(process) + " running, task \"long\""),
-        1U)
+    EXPECT_EQ(host.CountInOutput("leaving process " + std::to_string(process) +
+                                 " running, task \"long\""),
+              1U)
         << host.Output();
     WriteFile("end it", "");
     EXPECT_EQ(RecordsOnceThereAre(1).at(0).at("process"), process);

@@ -559,10 +559,8 @@ TScenario ServedRunScenario() {
                     WaitUntil([&] { return host.IsKilled() || IsSettled(); });
                     kill(host.Id(), SIGKILL);
                 },
-            .check =
-                [=](const CTracedProgram& traced, int /*status*/) {
-                    CheckServedRun(*commandStatus, *reported, traced);
-                }};
+            .check = [=](const CTracedProgram& traced,
+                         int /*status*/) { CheckServedRun(*commandStatus, *reported, traced); }};
 }
 
 // The host's guard restores a table of which a direct client has left a part.
