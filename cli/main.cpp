@@ -1,6 +1,7 @@
 // The command vxsched: parses the command line, runs the command, and maps errors to exit statuses.
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -515,6 +516,7 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
         std::chrono::milliseconds(static_cast<std::int64_t>(lockTimeout * 1000));
     common.zone = utc ? EZone::cUtc : EZone::cLocal;
     common.forced = TForced(forced.begin(), forced.end());
+    common.caller = getuid();
     if (mustBecomeOwner)
         BecomeForeignOwner(directory);
     if (file.empty() && shell.empty())

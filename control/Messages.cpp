@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
+#include <variant>
 
 #include "runs/ParseJson.h"
 
@@ -16,6 +17,7 @@ using TJson = nlohmann::ordered_json;
 
 constexpr int cVersion = 1;
 constexpr char cRun[] = "run";
+constexpr char cStop[] = "stop";
 
 // A request that is not carried out.
 struct TRefusal {
@@ -74,14 +76,17 @@ std::string StringOf(const TJson& json, const char* field) {
     return bytes;
 }
 
-TLaunchRequest DecodeRequest(std::string_view line) {
+std::variant<TLaunchRequest, TStopRequest> DecodeRequest(std::string_view line) {
     try {
         const TJson json = ParseJson(line);
         if (json.at("version") != cVersion)
             throw TRefusal{EPROTONOSUPPORT, "this host knows requests of version 1"};
+        if (json.at("request") == cStop)
+            return TStopRequest{StringOf(json, "task"), StringOf(json, "run")};
         if (json.at("request") != cRun)
-            throw TRefusal{ENOSYS, "this host knows the request \"run\""};
-        return {StringOf(json, "task"), StringOf(json, "program"), StringOf(json, "parameter")};
+            throw TRefusal{ENOSYS, "this host knows the requests \"run\" and \"stop\""};
+        return TLaunchRequest{StringOf(json, "task"), StringOf(json, "program"),
+                              StringOf(json, "parameter")};
     } catch (const TJson::exception&) {
         throw TRefusal{EINVAL, "the line is not a request"};
     } catch (const CJsonTooDeep&) {
@@ -115,7 +120,57 @@ TLaunchAnswer ReadAnswer(const TJson& json) {
     return answer;
 }
 
+TStopAnswer ReadStopAnswer(const TJson& json) {
+    TStopAnswer answer;
+    if (!json.contains("error")) {
+        static_cast<void>(json.at("run").get<std::string>());
+        return answer;
+    }
+    answer.error = NumberOf(json, "error");
+    answer.message = json.at("message").get<std::string>();
+    if (answer.error == 0)
+        throw std::out_of_range("error");
+    return answer;
+}
+
+TJson NewError(int error, const std::string& message) {
+    TJson json = NewMessage();
+    json["error"] = error;
+    json["message"] = message;
+    return json;
+}
+
+std::string EncodeStopAnswer(const TStopRequest& request, const TStopAnswer& answer) {
+    if (answer.error != 0)
+        return LineOf(NewError(answer.error, answer.message));
+    TJson json = NewMessage();
+    json["run"] = CodePointsOf(request.run);
+    return LineOf(json);
+}
+
+// Empty if `line` is no message of this version that `read` reads.
+template <typename Answer>
+std::optional<Answer> Decode(std::string_view line, Answer (*read)(const TJson&)) {
+    try {
+        const TJson json = ParseJson(line);
+        if (json.at("version") == cVersion)
+            return read(json);
+    } catch (const TJson::exception&) {  // not an answer
+    } catch (const CJsonTooDeep&) {
+    } catch (const std::out_of_range&) {
+    }
+    return {};
+}
+
 }  // namespace
+
+std::string EncodeStopRequest(const TStopRequest& request) {
+    TJson json = NewMessage();
+    json["request"] = cStop;
+    json["task"] = CodePointsOf(request.task);
+    json["run"] = CodePointsOf(request.run);
+    return LineOf(json);
+}
 
 std::string EncodeRequest(const TLaunchRequest& request) {
     TJson json = NewMessage();
@@ -127,36 +182,33 @@ std::string EncodeRequest(const TLaunchRequest& request) {
 }
 
 std::string EncodeAnswer(const TLaunchAnswer& answer) {
+    if (answer.error != 0)
+        return LineOf(NewError(answer.error, answer.message));
     TJson json = NewMessage();
-    if (answer.error != 0) {
-        json["error"] = answer.error;
-        json["message"] = answer.message;
-    } else {
-        json["process"] = answer.process;
-        json["run"] = answer.run;
-    }
+    json["process"] = answer.process;
+    json["run"] = answer.run;
     return LineOf(json);
 }
 
 std::string AnswerRequest(std::string_view line,
-                          const std::function<TLaunchAnswer(const TLaunchRequest&)>& launch) {
+                          const std::function<TLaunchAnswer(const TLaunchRequest&)>& launch,
+                          const std::function<TStopAnswer(const TStopRequest&)>& stop) {
     try {
-        return EncodeAnswer(launch(DecodeRequest(line)));
+        const std::variant<TLaunchRequest, TStopRequest> request = DecodeRequest(line);
+        if (const auto* const stopRequest = std::get_if<TStopRequest>(&request))
+            return EncodeStopAnswer(*stopRequest, stop(*stopRequest));
+        return EncodeAnswer(launch(std::get<TLaunchRequest>(request)));
     } catch (const TRefusal& refusal) {
         return EncodeAnswer({.error = refusal.error, .message = refusal.message});
     }
 }
 
 std::optional<TLaunchAnswer> DecodeAnswer(std::string_view line) {
-    try {
-        const TJson json = ParseJson(line);
-        if (json.at("version") == cVersion)
-            return ReadAnswer(json);
-    } catch (const TJson::exception&) {  // not an answer
-    } catch (const CJsonTooDeep&) {
-    } catch (const std::out_of_range&) {
-    }
-    return {};
+    return Decode<TLaunchAnswer>(line, ReadAnswer);
+}
+
+std::optional<TStopAnswer> DecodeStopAnswer(std::string_view line) {
+    return Decode<TStopAnswer>(line, ReadStopAnswer);
 }
 
 }  // namespace vxsched

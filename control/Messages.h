@@ -35,16 +35,34 @@ struct TLaunchAnswer {
     bool operator==(const TLaunchAnswer&) const = default;
 };
 
+// End a run, as a SIGTERM to its runner does.
+struct TStopRequest {
+    std::string task;
+    std::string run;  // its id
+
+    bool operator==(const TStopRequest&) const = default;
+};
+
+struct TStopAnswer {
+    int error = 0;             // an error number; 0: the run was told to end, or has ended
+    std::string message = {};  // of an error
+
+    bool operator==(const TStopAnswer&) const = default;
+};
+
 // The lines, each with its line break.
 std::string EncodeRequest(const TLaunchRequest& request);
 std::string EncodeAnswer(const TLaunchAnswer& answer);
+std::string EncodeStopRequest(const TStopRequest& request);
 
-// Returns the line that answers the request in `line`, which has no line break: what `launch`
-// returns, or an error if the line is no request that this version knows.
+// Returns the line that answers the request in `line`, which has no line break: what `launch` or
+// `stop` returns, or an error if the line is no request that this version knows.
 std::string AnswerRequest(std::string_view line,
-                          const std::function<TLaunchAnswer(const TLaunchRequest&)>& launch);
+                          const std::function<TLaunchAnswer(const TLaunchRequest&)>& launch,
+                          const std::function<TStopAnswer(const TStopRequest&)>& stop);
 
 // Empty if `line`, without its line break, is no answer.
 std::optional<TLaunchAnswer> DecodeAnswer(std::string_view line);
+std::optional<TStopAnswer> DecodeStopAnswer(std::string_view line);
 
 }  // namespace vxsched

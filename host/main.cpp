@@ -26,6 +26,7 @@
 #include "base/SignalName.h"
 #include "base/Sync.h"
 #include "base/Umask.h"
+#include "base/Users.h"
 #include "control/Messages.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
@@ -62,6 +63,7 @@
 #include "interpose/SemaphoreLoad.h"
 #include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
+#include "runs/CRunningFile.h"
 #include "store/Layout.h"
 #include "store/StoreMutexSet.h"
 #include "store/StoreSemaphores.h"
@@ -277,17 +279,36 @@ static std::optional<vxsched::CWriterLock> TryTakeWriterLock(
     }
 }
 
-// Answers a client of the control socket.
-static std::string AnswerClient(std::string_view line, int follower) {
-    return vxsched::AnswerRequest(line, [&](const vxsched::TLaunchRequest& request) {
-        const TLaunched launched =
-            LaunchByHand(request.task, request.program, request.parameter, follower);
-        return vxsched::TLaunchAnswer{
-            .error = launched.error,
+static vxsched::TLaunchAnswer AnswerLaunch(const vxsched::TLaunchRequest& request, int follower) {
+    const TLaunched launched =
+        LaunchByHand(request.task, request.program, request.parameter, follower);
+    return {.error = launched.error,
             .message = launched.error != 0 ? std::strerror(launched.error) : "",
             .process = launched.program,
             .run = launched.run};
-    });
+}
+
+// A run that is not found has ended.
+static vxsched::TStopAnswer AnswerStop(const vxsched::TStopRequest& request, uid_t user) {
+    for (const vxsched::TRunning& running : vxsched::FindRunningRuns(".", request.task)) {
+        if (running.run.id != request.run)
+            continue;
+        LogNotice(fmt::format("user {} has run {} of task \"{}\" stopped", FindUser(user).name,
+                              request.run, request.task));
+        const int error = vxsched::Terminate(".", running, user);
+        return {.error = error, .message = error != 0 ? std::strerror(error) : ""};
+    }
+    return {};
+}
+
+// Answers a client of the control socket.
+static std::string AnswerClient(std::string_view line, const CControlSocket::TSender& sender) {
+    return vxsched::AnswerRequest(
+        line,
+        [&](const vxsched::TLaunchRequest& request) {
+            return AnswerLaunch(request, sender.passed);
+        },
+        [&](const vxsched::TStopRequest& request) { return AnswerStop(request, sender.user); });
 }
 
 static void Run(const THostOptions& options) {

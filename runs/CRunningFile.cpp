@@ -208,7 +208,7 @@ bool IsRunning(const std::string& directory, const std::string& id) {
     return HolderOf(file).has_value();
 }
 
-int Terminate(const std::string& directory, const TRunning& running) {
+int Terminate(const std::string& directory, const TRunning& running, uid_t user) {
     if (running.runner == 0)
         return EXDEV;
     const CDescriptor process(pidfd_open(running.runner, 0));
@@ -217,7 +217,13 @@ int Terminate(const std::string& directory, const TRunning& running) {
     // It has had the lock all the time, or it is not the runner.
     if (HolderOf(OpenFileOf(directory, running.run.id)) != running.runner)
         return 0;
-    return pidfd_send_signal(process.Get(), SIGTERM, nullptr, 0) == 0 || errno == ESRCH ? 0 : errno;
+    // The system leaves it to the sender of such a signal to name one.
+    siginfo_t signal{};
+    signal.si_signo = SIGTERM;
+    signal.si_code = SI_QUEUE;
+    signal.si_pid = getpid();
+    signal.si_uid = user;
+    return pidfd_send_signal(process.Get(), SIGTERM, &signal, 0) == 0 || errno == ESRCH ? 0 : errno;
 }
 
 std::optional<TRunRecord> ReadRunningFile(const std::string& directory, const std::string& id) {

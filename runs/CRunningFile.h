@@ -58,9 +58,10 @@ struct TRunning {
 // disk access only; what this user may not read is left out.
 std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task);
 
-// Sends the runner of a run SIGTERM, or nobody if it has ended. Returns 0 or an error number: EPERM for a
-// runner of another user's, EXDEV for one in another PID namespace.
-int Terminate(const std::string& directory, const TRunning& running);
+// Sends the runner of a run SIGTERM, or nobody if it has ended. The run's record names `user` as who has
+// had it stopped. Returns 0 or an error number: EPERM for a runner of another user's, EXDEV for one in
+// another PID namespace.
+int Terminate(const std::string& directory, const TRunning& running, uid_t user);
 
 // Whether the runner of that run is alive. Also true if this user may not read its file, or the system
 // has no descriptor for that: the file is there until the run is recorded.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fmt/format.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
@@ -25,6 +26,7 @@ struct TCommon {
     bool json = false;
     bool dryRun = false;
     TForced forced = {};
+    uid_t caller = 0;  // who runs this command; the superuser works as the owner of the store
 };
 
 // Conventions of the commands:

@@ -1,20 +1,30 @@
 // stop: ends the runs of a task.
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <vxsched/Error.h>
+#include "base/CDescriptor.h"
 #include "base/DisplayText.h"
+#include "base/Users.h"
+#include "base/WriteAll.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/RequireTask.h"
 #include "cli/output/RunFormat.h"
+#include "control/HostConnection.h"
+#include "control/Messages.h"
 #include "runs/CRunningFile.h"
 #include "runs/HistoryReader.h"
 #include "runs/RunEnd.h"
+#include "store/Layout.h"
 #include "store/MakeError.h"
 
 namespace vxsched {
@@ -37,27 +47,67 @@ void WaitForEnd(const TCommon& common, const TRunning& running) {
             running.run.process, running.run.task.value_or(""), running.runner);
 }
 
-CError FailureOf(const TRunning& running, int error) {
+// Has the host stop a run of a task. Returns why it has not; empty if it has.
+std::string StopByHost(const TCommon& common, const std::string& name, const TRunning& running) {
+    const CDescriptor socket = ConnectToHost(common.store.directory);
+    if (!socket.IsOpen())
+        return fmt::format("there is no host to do it ({}: {})", cControlSocket,
+                           std::strerror(errno));
+    std::string line;
+    if (!SendAll(socket.Get(), EncodeStopRequest({name, running.run.id})))
+        return fmt::format("the host has turned the request away: {}", std::strerror(errno));
+    if (const int error = ReadAnswer(socket, line); error != 0)
+        return fmt::format("the host has not answered: {}", std::strerror(error));
+    const std::optional<TStopAnswer> answer = DecodeStopAnswer(line);
+    if (!answer)
+        return "the host has not answered in a way that this program knows";
+    return answer->error == 0 ? "" : "the host refuses it: " + answer->message;
+}
+
+// The user whose runner a run has, who has made its file.
+std::string UserOf(const TCommon& common, const TRunning& running) {
+    struct stat status {};
+    const auto path =
+        std::filesystem::path(common.store.directory) / cRunningDirectory / running.run.id;
+    return stat(path.c_str(), &status) == 0 ? FindUser(status.st_uid).name : "?";
+}
+
+// Ends a run. Its runner may be another user's, or in another PID namespace, as that of the host.
+void TerminateOne(const TCommon& common, const std::string& name, const TRunning& running) {
+    const int error = Terminate(common.store.directory, running, common.caller);
+    if (error == 0)
+        return;
     const std::string what = fmt::format("cannot stop process {} of \"{}\"", running.run.process,
                                          running.run.task.value_or(""));
+    if (error != EPERM && error != EXDEV)
+        throw SystemError(what, error);
+    const std::string why = StopByHost(common, name, running);
+    if (why.empty())
+        return;
     if (error == EXDEV)
-        return CError(EError::cNoAccess,
-                      what + ": it runs in another PID namespace; run vxsched stop there");
-    return SystemError(what, error);
+        throw MakeError(EError::cNoAccess,
+                        "{}: it runs in another PID namespace, and {}; run vxsched stop there",
+                        what, why);
+    throw MakeError(
+        EError::cNoAccess,
+        "{}: its runner belongs to user {}, and {}; run vxsched stop as that user or as "
+        "the superuser, or start the host",
+        what, UserOf(common, running), why);
 }
 
 // One that cannot be terminated keeps no other one from it.
-void TerminateAll(const TCommon& common, const std::vector<TRunning>& runs) {
-    const TRunning* failed = nullptr;
-    int reason = 0;
+void TerminateAll(const TCommon& common, const std::string& name,
+                  const std::vector<TRunning>& runs) {
+    std::optional<CError> failure;
     for (const TRunning& running : runs) {
-        if (const int error = Terminate(common.store.directory, running); error != 0) {
-            failed = &running;
-            reason = error;
+        try {
+            TerminateOne(common, name, running);
+        } catch (const CError& error) {
+            failure = error;
         }
     }
-    if (failed != nullptr)
-        throw FailureOf(*failed, reason);
+    if (failure)
+        throw CError(*failure);
 }
 
 }  // namespace
@@ -71,7 +121,7 @@ TExitStatus Stop(const TCommon& common, const std::string& name, COutput& output
                         name, name);
     }
     if (!common.dryRun)
-        TerminateAll(common, runs);
+        TerminateAll(common, name, runs);
     for (const TRunning& running : runs) {
         if (!common.dryRun)
             WaitForEnd(common, running);

@@ -224,7 +224,7 @@ void CControlSocket::Add(CDescriptor socket) {
         CloseOldest();
     const std::uint64_t number = ++lastNumber;
     if (Register(socket.Get(), number, EPOLLIN))
-        connections[number].socket = std::move(socket);
+        connections[number] = {.socket = std::move(socket), .user = peer.uid, .passed = CDescriptor()};
 }
 
 void CControlSocket::CloseOldest() {
@@ -233,7 +233,7 @@ void CControlSocket::CloseOldest() {
 
 // `isClosed`: the client is gone. One that has only ended what it sends waits for the answer.
 void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed) {
-    auto& [socket, passed, received] = connection->second;
+    auto& [socket, user, passed, received] = connection->second;
     std::array<char, 65536> block{};
     const ssize_t count =
         isClosed ? 0 : ReceiveWith(socket.Get(), block.data(), block.size(), passed);
@@ -247,7 +247,7 @@ void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed
         if (end == std::string_view::npos && !isTooLong)
             return;
         if (!isTooLong) {
-            const std::string line = answer(received, passed.Get());
+            const std::string line = answer(received, {.user = user, .passed = passed.Get()});
             // What does not fit is for a client that does not read.
             static_cast<void>(
                 send(socket.Get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));

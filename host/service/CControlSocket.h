@@ -17,9 +17,14 @@
 // vxsched::cLongestMessage. For the main thread.
 class CControlSocket {
 public:
+    // Who has sent a line.
+    struct TSender {
+        uid_t user = 0;
+        int passed = -1;  // a descriptor that came with it, and stays the socket's; -1: none
+    };
+
     // Returns the answer to the line of a client, with its line break; the line comes without one.
-    // `passed` is a descriptor that the client has passed with it, and stays this object's; -1: none.
-    using TAnswer = std::function<std::string(std::string_view line, int passed)>;
+    using TAnswer = std::function<std::string(std::string_view line, const TSender& sender)>;
 
     // Makes the socket in the working directory, in place of one that a host has left behind.
     // Clients are refused until Listen(), and then do without the host. If the socket cannot be made,
@@ -45,8 +50,9 @@ public:
 private:
     struct TConnection {
         CDescriptor socket;
+        uid_t user = 0;
         CDescriptor passed;
-        std::string received;
+        std::string received = {};
     };
     // By the order in which they came. A descriptor is used again, such a number is not.
     using TConnections = std::map<std::uint64_t, TConnection>;

@@ -17,21 +17,32 @@ using testing::HasSubstr;
 
 namespace {
 
+TStopAnswer NoStop(const TStopRequest& /*request*/) {
+    ADD_FAILURE() << "a stop";
+    return {};
+}
+
 // What the host gets of a line; empty if it refuses it.
 std::optional<TLaunchRequest> Received(std::string line) {
     std::optional<TLaunchRequest> received;
-    AnswerRequest(line, [&](const TLaunchRequest& request) {
-        received = request;
-        return TLaunchAnswer{.process = 1};
-    });
+    AnswerRequest(
+        line,
+        [&](const TLaunchRequest& request) {
+            received = request;
+            return TLaunchAnswer{.process = 1};
+        },
+        NoStop);
     return received;
 }
 
 TLaunchAnswer AnswerTo(const std::string& line) {
-    std::string answer = AnswerRequest(line, [](const TLaunchRequest&) {
-        ADD_FAILURE() << "a launch";
-        return TLaunchAnswer();
-    });
+    std::string answer = AnswerRequest(
+        line,
+        [](const TLaunchRequest&) {
+            ADD_FAILURE() << "a launch";
+            return TLaunchAnswer();
+        },
+        NoStop);
     EXPECT_EQ(answer.find('\n'), answer.size() - 1);
     answer.pop_back();
     return DecodeAnswer(answer).value();
@@ -80,6 +91,36 @@ TEST(ControlMessages, AnswerIsReadAsItWasWritten) {
         EXPECT_EQ(DecodeAnswer(WithoutLineBreak(EncodeAnswer(answer))), answer);
 }
 
+TEST(ControlMessages, StopIsThatOfTheDocument) {
+    const TStopRequest request = {
+        "back\xff"
+        "up",
+        "20261122T120000.000Z-4710"};
+    const std::string line =
+        R"({"version":1,"request":"stop","task":"back\u00ffup","run":"20261122T120000.000Z-4710"})";
+    EXPECT_EQ(WithoutLineBreak(EncodeStopRequest(request)), line);
+    for (const TStopAnswer& answer :
+         {TStopAnswer(), TStopAnswer{.error = EPERM, .message = "Operation not permitted"}}) {
+        std::optional<TStopRequest> received;
+        const std::string answered = AnswerRequest(
+            line,
+            [](const TLaunchRequest&) {
+                ADD_FAILURE() << "a launch";
+                return TLaunchAnswer();
+            },
+            [&](const TStopRequest& stop) {
+                received = stop;
+                return answer;
+            });
+        EXPECT_EQ(received, request);
+        EXPECT_EQ(DecodeStopAnswer(WithoutLineBreak(answered)), answer) << answered;
+    }
+    for (const char* const other :
+         {"", "{}", R"({"version":1})", R"({"version":2,"run":"a"})", R"({"version":1,"run":1})",
+          R"({"version":1,"error":0,"message":""})", R"({"version":1,"error":1})"})
+        EXPECT_EQ(DecodeStopAnswer(other), std::nullopt) << other;
+}
+
 TEST(ControlMessages, UnknownFieldsAreIgnored) {
     EXPECT_TRUE(Received(R"({"version":1,"request":"run","task":"a","program":"/bin/cp",)"
                          R"("parameter":"","other":[1,{}]})"));
@@ -90,7 +131,7 @@ TEST(ControlMessages, WhatIsNoRequestIsRefusedWithAReason) {
     const std::string fields = R"("task":"a","program":"/bin/cp","parameter":"")";
     const std::string head = R"({"version":1,"request":"run",)";
     EXPECT_EQ(AnswerTo(R"({"version":2,"request":"run",)" + fields + '}').error, EPROTONOSUPPORT);
-    EXPECT_EQ(AnswerTo(R"({"version":1,"request":"stop",)" + fields + '}').error, ENOSYS);
+    EXPECT_EQ(AnswerTo(R"({"version":1,"request":"wait",)" + fields + '}').error, ENOSYS);
     for (const std::string& line :
          {std::string(), std::string("{}"), std::string("run"), std::string("[1]"),
           std::string("\xff"), std::string(100'000, '['), "{\"request\":\"run\"," + fields + '}',
@@ -99,6 +140,8 @@ TEST(ControlMessages, WhatIsNoRequestIsRefusedWithAReason) {
           head + R"("task":null,"program":"/bin/cp","parameter":""})",
           head + R"("task":"\u0100","program":"/bin/cp","parameter":""})",
           head + R"("task":"a\u0000b","program":"/bin/cp","parameter":""})",
+          std::string(R"({"version":1,"request":"stop","task":"a"})"),
+          std::string(R"({"version":1,"request":"stop","task":"a","run":1})"),
           head + fields + "} {}"})
         EXPECT_EQ(AnswerTo(line).error, EINVAL) << line.substr(0, 200);
     EXPECT_THAT(AnswerTo("{}").message, HasSubstr("not a request"));

@@ -15,25 +15,45 @@ static std::string_view WithoutLineBreak(const std::string& line) {
     return std::string_view(line).substr(0, line.size() - 1);
 }
 
+// What the host has received of a line, and its answer.
+struct TServed {
+    std::optional<TLaunchRequest> launch;
+    std::optional<TStopRequest> stop;
+    std::string answer;
+};
+
+static TServed Serve(std::string_view line) {
+    TServed served;
+    served.answer = AnswerRequest(
+        line,
+        [&](const TLaunchRequest& received) {
+            served.launch = received;
+            return TLaunchAnswer{.process = 1, .run = "a run"};
+        },
+        [&](const TStopRequest& received) {
+            served.stop = received;
+            return TStopAnswer();
+        });
+    return served;
+}
+
 static void TryRequest(std::string_view line) {
-    std::optional<TLaunchRequest> request;
-    const std::string answer = AnswerRequest(line, [&](const TLaunchRequest& received) {
-        request = received;
-        return TLaunchAnswer{.process = 1, .run = "a run"};
-    });
-    Require(DecodeAnswer(WithoutLineBreak(answer)).has_value(), "an answer cannot be read");
-    if (!request)
+    const TServed served = Serve(line);
+    const std::string_view answer = WithoutLineBreak(served.answer);
+    Require(served.stop ? DecodeStopAnswer(answer).has_value() : DecodeAnswer(answer).has_value(),
+            "an answer cannot be read");
+    if (!served.launch && !served.stop)
         return;
-    std::optional<TLaunchRequest> again;
-    const std::string written = EncodeRequest(*request);
-    AnswerRequest(WithoutLineBreak(written), [&](const TLaunchRequest& received) {
-        again = received;
-        return TLaunchAnswer();
-    });
-    Require(again == request, "a request differs after it was written and read");
+    const std::string written =
+        served.launch ? EncodeRequest(*served.launch) : EncodeStopRequest(*served.stop);
+    const TServed again = Serve(WithoutLineBreak(written));
+    Require(again.launch == served.launch && again.stop == served.stop,
+            "a request differs after it was written and read");
 }
 
 static void TryAnswer(std::string_view line) {
+    if (const std::optional<TStopAnswer> stopped = DecodeStopAnswer(line))
+        Require(stopped->error != 0 || stopped->message.empty(), "an answer is of both kinds");
     const std::optional<TLaunchAnswer> answer = DecodeAnswer(line);
     if (!answer)
         return;

@@ -7,10 +7,13 @@
 
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "Cli.h"
+#include "ForeignStore.h"
+#include "GroupStore.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
@@ -92,6 +95,64 @@ TEST_F(CliStop, SignalsWhoHasTheFileLockedAndNobodyElse) {
     EXPECT_EQ(holder.Wait(), 1000 + SIGTERM);
     EXPECT_EQ(kill(innocent.Id(), 0), 0);
     innocent.Kill(SIGKILL);
+}
+
+// Of the owner's runs, in a store that is open to a group.
+class CliStopByOthers : public CliStop {
+protected:
+    void SetUp() override {
+        REQUIRE_SUPERUSER();
+        if (!EnterUserDatabase())
+            GTEST_SKIP() << cCannotMount;
+        TRow row = Later("job");
+        row.program = "/bin/sh";
+        row.parameters = fs::absolute("script");
+        WriteTable({row});
+        ASSERT_EQ(chmod("script", 0644), 0);
+        CProgram shell({"/bin/sh", "-c",
+                        "chown -R keeper:team . && chmod -R g+rwX . && "
+                        "find . -type d -exec chmod g+s {} +"});
+        ASSERT_EQ(shell.Wait(), 0) << shell.Output();
+        host = std::make_unique<CHost>(As(cKeeper, HostWith({})));
+        CProgram run(As(cKeeper, {TOOL_PROGRAM, "run", "job"}));
+        ASSERT_EQ(run.Wait(), 0) << run.Output();
+        WaitUntil([] { return fs::exists("begun"); });
+    }
+
+    static nlohmann::json LastRecord() { return nlohmann::json::parse(Lines(cHistory).back()); }
+
+    std::unique_ptr<CHost> host;
+};
+
+// A member may not signal the owner's processes, but the host may.
+TEST_F(CliStopByOthers, MemberHasTheHostStopThem) {
+    CProgram stop(As(cMember, {TOOL_PROGRAM, "stop", "job"}));
+    EXPECT_EQ(stop.Wait(), 0) << stop.Output();
+    EXPECT_THAT(stop.Output(), HasSubstr(": exited 5\n"));
+    EXPECT_EQ(LastRecord().at("stoppedBy"), "member");
+    EXPECT_EQ(host->Stop(), 0);
+    EXPECT_EQ(host->CountInOutput("user member has run "), 1U) << host->Output();
+}
+
+TEST_F(CliStopByOthers, MemberWithoutAHostIsToldWhoMay) {
+    EXPECT_EQ(host->Stop(), 0);
+    CProgram stop(As(cMember, {TOOL_PROGRAM, "stop", "job"}));
+    EXPECT_EQ(stop.Wait(), 4) << stop.Output();
+    EXPECT_THAT(stop.Output(),
+                HasSubstr("its runner belongs to user keeper, and there is no host"));
+    EXPECT_THAT(stop.Output(), HasSubstr("run vxsched stop as that user or as the superuser"));
+    CProgram own(As(cKeeper, {TOOL_PROGRAM, "stop", "job"}));
+    EXPECT_EQ(own.Wait(), 0) << own.Output();
+    EXPECT_EQ(LastRecord().at("stoppedBy"), "keeper");
+}
+
+// Who works as the owner, but not in a store that others may write.
+TEST_F(CliStopByOthers, SuperuserIsRecordedAsSuch) {
+    CProgram shell({"/bin/sh", "-c", "chmod -R go-w ."});
+    ASSERT_EQ(shell.Wait(), 0) << shell.Output();
+    EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
+    EXPECT_EQ(LastRecord().at("stoppedBy"), "root");
+    EXPECT_EQ(host->Stop(), 0);
 }
 
 TEST_F(CliStop, OfATaskIsNotThatOfAnotherWithASimilarName) {

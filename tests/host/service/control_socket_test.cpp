@@ -94,10 +94,11 @@ protected:
 
     void Make() {
         control.reset();
-        control.emplace([this](std::string_view line, int passed) {
+        control.emplace([this](std::string_view line, const CControlSocket::TSender& sender) {
+            EXPECT_EQ(sender.user, getuid());
             lines.emplace_back(line);
-            if (passed != -1) {
-                EXPECT_EQ(write(passed, "passed", 6), 6);
+            if (sender.passed != -1) {
+                EXPECT_EQ(write(sender.passed, "passed", 6), 6);
             }
             return answer;
         });
@@ -165,7 +166,8 @@ TEST_F(ControlSocket, IsForItsUserAloneAndGoesWithTheHost) {
 TEST_F(ControlSocket, ReplacesOneThatAKilledHostHasLeft) {
     control.reset();
     CForkedChild killed([] {
-        const CControlSocket left([](std::string_view, int) { return ""; });
+        const CControlSocket left(
+            [](std::string_view, const CControlSocket::TSender&) { return ""; });
         _exit(42);
         return 1;
     });
