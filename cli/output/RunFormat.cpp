@@ -32,8 +32,8 @@ std::string FormatOutcome(const TRunRecord& run) {
     return "";
 }
 
-// An outcome that the host could not learn is not counted as a failure: the program may have
-// succeeded.
+// An outcome that the host could not learn, or that a later one has recorded, is not counted as a
+// failure: the program may have succeeded.
 bool HasNoFailure(const TRunRecord& run) {
     return (run.outcome == TRunRecord::cExited && run.number == 0) ||
            run.outcome == TRunRecord::cLeftRunning || run.outcome == TRunRecord::cUnknown;
