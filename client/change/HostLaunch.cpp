@@ -52,8 +52,8 @@ std::string WhyNotByHost(int error) {
                    "log";
         default:
             return fmt::format(
-                "cannot connect to {}: {}; it is starting or ending, or could not make its socket; "
-                "see its log, and vxschedd --check",
+                "cannot connect to {}: {}; it is starting or ending, runs once, or could not make "
+                "its socket; see its log, and vxschedd --check",
                 cControlSocket, std::strerror(error));
     }
 }

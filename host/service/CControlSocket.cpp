@@ -65,14 +65,21 @@ void CControlSocket::Make() {
                 cControlSocket,
                 error == EADDRINUSE ? "something else has that name; remove it"
                                     : std::strerror(error)));
-        constexpr itimerspec cSecond = {.it_interval = {}, .it_value = {.tv_sec = 1, .tv_nsec = 0}};
-        timerfd_settime(retry.Get(), 0, &cSecond, nullptr);
+        CheckInASecond();
         return;
     }
     isBindFailureLogged = false;
     Watch();
+    // Replaced before it was watched.
+    if (!IsThere())
+        CheckInASecond();
     if (isListening)
         StartListening();
+}
+
+void CControlSocket::CheckInASecond() const {
+    constexpr itimerspec cSecond = {.it_interval = {}, .it_value = {.tv_sec = 1, .tv_nsec = 0}};
+    timerfd_settime(retry.Get(), 0, &cSecond, nullptr);
 }
 
 // errno has the reason for a failure.
@@ -224,7 +231,8 @@ void CControlSocket::Add(CDescriptor socket) {
         CloseOldest();
     const std::uint64_t number = ++lastNumber;
     if (Register(socket.Get(), number, EPOLLIN))
-        connections[number] = {.socket = std::move(socket), .user = peer.uid, .passed = CDescriptor()};
+        connections[number] = {
+            .socket = std::move(socket), .user = peer.uid, .passed = CDescriptor()};
 }
 
 void CControlSocket::CloseOldest() {

@@ -58,6 +58,7 @@ private:
     using TConnections = std::map<std::uint64_t, TConnection>;
 
     void Make();
+    void CheckInASecond() const;
     bool Bind();
     void OpenToGroup() const;
     void Watch();
