@@ -37,7 +37,7 @@ CDescriptor ConnectToHost(const std::filesystem::path& directory) {
     return made;
 }
 
-int ReadAnswer(const CDescriptor& socket, std::string& line) {
+int ReceiveAnswer(const CDescriptor& socket, std::string& line) {
     const CDeadline deadline(cLimit);
     for (;;) {
         pollfd input{.fd = socket.Get(), .events = POLLIN, .revents = 0};

@@ -15,6 +15,6 @@ CDescriptor ConnectToHost(const std::filesystem::path& directory);
 
 // Reads the host's line, up to its line break, which is left out. Returns an error number: 0, ETIMEDOUT
 // after five seconds, EPROTO if the host has closed the connection, or that of recv().
-int ReadAnswer(const CDescriptor& socket, std::string& line);
+int ReceiveAnswer(const CDescriptor& socket, std::string& line);
 
 }  // namespace vxsched

@@ -56,7 +56,7 @@ std::string StopByHost(const TCommon& common, const std::string& name, const TRu
     std::string line;
     if (!SendAll(socket.Get(), EncodeStopRequest({name, running.run.id})))
         return fmt::format("the host has turned the request away: {}", std::strerror(errno));
-    if (const int error = ReadAnswer(socket, line); error != 0)
+    if (const int error = ReceiveAnswer(socket, line); error != 0)
         return fmt::format("the host has not answered: {}", std::strerror(error));
     const std::optional<TStopAnswer> answer = DecodeStopAnswer(line);
     if (!answer)

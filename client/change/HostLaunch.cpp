@@ -25,7 +25,7 @@ std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int outpu
         return {};
     }
     std::string line;
-    error = ReadAnswer(socket, line);
+    error = ReceiveAnswer(socket, line);
     // The host has closed the connection, or was killed, before it had read the request.
     if (error == ECONNRESET)
         return {};

@@ -30,9 +30,9 @@ using vxsched::cControlSocket;
 static constexpr std::size_t cMostConnections = 8;
 
 // The numbers of what is no connection, among the connections'.
-static constexpr std::uint64_t cListener = 0;
-static constexpr std::uint64_t cWatch = 1;
-static constexpr std::uint64_t cRetry = 2;
+static constexpr std::uint64_t cListenerNumber = 0;
+static constexpr std::uint64_t cWatchNumber = 1;
+static constexpr std::uint64_t cRetryNumber = 2;
 
 // How many clients are accepted before the main loop does something else.
 static constexpr int cMostAccepted = 64;
@@ -49,7 +49,7 @@ CControlSocket::CControlSocket(TAnswer answerLine)
       events(epoll_create1(EPOLL_CLOEXEC)),
       retry(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       spare(OpenSpare()) {
-    Register(retry.Get(), cRetry, EPOLLIN);
+    Register(retry.Get(), cRetryNumber, EPOLLIN);
     Make();
 }
 
@@ -118,7 +118,7 @@ void CControlSocket::Watch() {
     watch = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     inotify_add_watch(watch.Get(), cControlSocket, IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW);
     inotify_add_watch(watch.Get(), vxsched::cFilesDirectory, IN_MOVE_SELF | IN_ONLYDIR);
-    Register(watch.Get(), cWatch, EPOLLIN);
+    Register(watch.Get(), cWatchNumber, EPOLLIN);
 }
 
 bool CControlSocket::IsThere() const {
@@ -141,7 +141,7 @@ bool CControlSocket::Register(int socket, std::uint64_t number, std::uint32_t wh
 // client that comes is the next attempt.
 void CControlSocket::StartListening() const {
     listen(listener.Get(), cBacklog);
-    Register(listener.Get(), cListener, EPOLLIN | EPOLLET);
+    Register(listener.Get(), cListenerNumber, EPOLLIN | EPOLLET);
 }
 
 void CControlSocket::Listen() {
@@ -155,12 +155,12 @@ void CControlSocket::Serve() {
     const int count = epoll_wait(events.Get(), ready.data(), static_cast<int>(ready.size()), 0);
     for (int index = 0; index < count; ++index) {
         const epoll_event& event = ready.at(static_cast<std::size_t>(index));
-        if (event.data.u64 == cListener) {
+        if (event.data.u64 == cListenerNumber) {
             AcceptAll();
             continue;
         }
-        if (event.data.u64 == cWatch || event.data.u64 == cRetry) {
-            MakeIfGone(event.data.u64 == cWatch ? watch : retry);
+        if (event.data.u64 == cWatchNumber || event.data.u64 == cRetryNumber) {
+            MakeIfGone(event.data.u64 == cWatchNumber ? watch : retry);
             continue;
         }
         // It may have been closed since, to make room.
@@ -200,7 +200,7 @@ void CControlSocket::AcceptAll() {
         }
     }
     // There may be more: has the next call of Serve() come here again.
-    epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.u64 = cListener}};
+    epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.u64 = cListenerNumber}};
     epoll_ctl(events.Get(), EPOLL_CTL_MOD, listener.Get(), &event);
 }
 
