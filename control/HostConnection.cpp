@@ -13,11 +13,13 @@
 
 #include "base/CDeadline.h"
 #include "control/Messages.h"
+#include "runs/RunnerLaunch.h"
 #include "store/Layout.h"
 
 namespace vxsched {
 
-static constexpr std::chrono::seconds cLimit(5);
+// Longer than the host waits for a runner: a launch that is answered late is not one that is unknown.
+static constexpr std::chrono::seconds cLimit = cRunnerLimit + std::chrono::seconds(1);
 
 CDescriptor ConnectToHost(const std::filesystem::path& directory) {
     CDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
