@@ -126,15 +126,29 @@ static TRunRecord DescribeUnreadable(const std::string& id) {
     return run;
 }
 
+// The process that has the file locked; empty if nobody has, 0 if it is not visible here. Asks only: a
+// lock that is tried would keep RecordDeadRunners() from its own.
+static std::optional<pid_t> HolderOf(const CDescriptor& file) {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    if (!file.IsOpen() || fcntl(file.Get(), F_GETLK, &whole) == -1 || whole.l_type == F_UNLCK)
+        return {};
+    return std::max(whole.l_pid, 0);
+}
+
 // Records the run of a runner that has died, and removes its file; one without a line has had no run yet.
-static void RecordOne(const fs::path& path, const std::function<bool(const TRunRecord&)>& record) {
+// False if it has to be recorded later. The file of a runner that lives is opened for reading only:
+// whoever watches for closed files (CRunnerWatch) is told of none.
+static bool RecordOne(const fs::path& path, const std::function<bool(const TRunRecord&)>& record) {
+    if (HolderOf(OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW)))
+        return true;
     const CDescriptor file = OpenRegularFile(path.c_str(), O_RDWR | O_NOFOLLOW);
     if (!file.IsOpen() || !Lock(file, F_SETLK))
-        return;
+        return true;
     // Another process may have recorded it since.
     struct stat status {};
     if (fstat(file.Get(), &status) == -1 || !vxsched::IsSameFile(path, status))
-        return;
+        return true;
     std::string content;
     bool isDone = ReadRegularFile(file.Get(), cLongestFile, content) &&
                   content.find('\n') == std::string::npos;
@@ -146,26 +160,19 @@ static void RecordOne(const fs::path& path, const std::function<bool(const TRunR
     }
     if (isDone)
         unlink(path.c_str());
+    return isDone;
 }
 
-void RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record) {
+bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record) {
+    bool areDone = true;
     std::error_code error;
     for (fs::directory_iterator entry(cRunningDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error))
-        RecordOne(entry->path(), record);
+        areDone = RecordOne(entry->path(), record) && areDone;
+    return areDone;
 }
 
 namespace vxsched {
-
-// The process that has the file locked; empty if nobody has, 0 if it is not visible here. Asks only: a
-// lock that is tried would keep RecordDeadRunners() from its own.
-static std::optional<pid_t> HolderOf(const CDescriptor& file) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    if (!file.IsOpen() || fcntl(file.Get(), F_GETLK, &whole) == -1 || whole.l_type == F_UNLCK)
-        return {};
-    return std::max(whole.l_pid, 0);
-}
 
 // Two names that no record tells apart have directories of their own.
 static bool IsOfTask(const TRunRecord& run, const std::string& task) {

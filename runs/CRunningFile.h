@@ -41,10 +41,10 @@ private:
 };
 
 // Calls `record` with each run in the working directory whose runner has died or could not record its
-// end, and removes its file if that returns true. Several processes may call this at once: each run is
+// end, and removes its file if that returns true. Returns false if one was not recorded. Several processes may call this at once: each run is
 // recorded by one of them. Blocks for disk access only. Files that cannot be opened are left. Not for
 // the process of a CRunningFile, which would lose its lock.
-void RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record);
+bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record);
 
 namespace vxsched {
 

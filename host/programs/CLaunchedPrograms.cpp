@@ -50,9 +50,9 @@ void CLaunchedPrograms::Launched(const TRunRecord& run, pid_t child, bool hasRun
         .run = run, .launched = std::chrono::steady_clock::now(), .hasRunner = hasRunner};
 }
 
-void CLaunchedPrograms::RecordDead() {
+bool CLaunchedPrograms::RecordDead() {
     const std::lock_guard<std::mutex> lock(mutex);
-    RecordDeadRuns();
+    return RecordDeadRuns();
 }
 
 void CLaunchedPrograms::LaunchFailed(const TRunRecord& run) {
@@ -191,8 +191,8 @@ static bool IsRecorded(const std::optional<std::string>& task,
 }
 
 // A runner may have been killed after it had recorded its run.
-void CLaunchedPrograms::RecordDeadRuns() {
-    RecordDeadRunners([this](const TRunRecord& run) {
+bool CLaunchedPrograms::RecordDeadRuns() {
+    return RecordDeadRunners([this](const TRunRecord& run) {
         if (IsRecorded(run.task, [&](const TRunRecord& one) { return one.id == run.id; }))
             return true;
         const char* const what =

@@ -36,8 +36,8 @@ public:
     // the answer.
     void Launched(const TRunRecord& run, pid_t child, bool hasRunner);
 
-    // Records the runs whose runners have died.
-    void RecordDead();
+    // Records the runs whose runners have died. Returns false if one could not be recorded.
+    bool RecordDead();
 
     // A program could not be launched, because of run.error.
     void LaunchFailed(const TRunRecord& run);
@@ -77,7 +77,7 @@ private:
     void Ended(pid_t child, TProgram& program, int status, const rusage& usage);
     void RecordEnd(const TProgram& program);
     bool Record(const TRunRecord& run);  // false if it could not be written
-    void RecordDeadRuns();
+    bool RecordDeadRuns();
     void RecordUnreported(TRunRecord run);
     void CollectOrphans();
 

@@ -19,7 +19,7 @@ CRunnerWatch::CRunnerWatch(CLaunchedPrograms& launchedPrograms)
 
 void CRunnerWatch::Record() const {
     DrainDescriptor(events.Get());
-    programs.RecordDead();
-    // The files that this has opened: what could not be recorded now is not tried again at once.
-    DrainDescriptor(events.Get());
+    // Its own closing of a file that stays would have it tried again at once, for ever.
+    if (!programs.RecordDead())
+        DrainDescriptor(events.Get());
 }

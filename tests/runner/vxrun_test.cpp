@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <spawn.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -36,6 +37,7 @@
 #include "runs/CRunningFile.h"
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
+#include "store/Layout.h"
 
 namespace fs = std::filesystem;
 
@@ -182,6 +184,19 @@ protected:
 };
 
 }  // namespace
+
+// The host looks for the dead when such a file is closed, and would look again for ever.
+TEST_F(Runner, ThatLivesHasItsFileOpenedForReadingOnlyByWhoeverLooksForTheDead) {
+    CRunner runner({cShell, "-c", "while [ ! -e end ]; do sleep 0.01; done"});
+    EXPECT_EQ(runner.Report().error, 0);
+    const CDescriptor events(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    ASSERT_NE(inotify_add_watch(events.Get(), vxsched::cRunningDirectory, IN_CLOSE_WRITE), -1);
+    EXPECT_THAT(DeadRunners(), testing::IsEmpty());
+    char event[1024];
+    EXPECT_EQ(read(events.Get(), event, sizeof event), -1) << "a file that was written is closed";
+    WriteFile("end", "");
+    EXPECT_EQ(runner.Wait(), 0);
+}
 
 TEST_F(Runner, KeepsTheOutputAndRecordsTheEndOfItsProgram) {
     CRunner runner({cShell, "-c", "echo one; echo two >&2; exit 3"});
