@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <memory>
@@ -38,6 +39,12 @@ protected:
         fs::remove("begun");
         Output({"create", name, "--replace", "--every", "1d", "--", "/bin/sh", "script"});
         WaitUntil([] { return fs::exists("begun"); });
+        // The tick saves the launch after it.
+        WaitUntil([&] {
+            const auto table = ReadTable();
+            return std::any_of(table.begin(), table.end(),
+                               [&](const TRow& row) { return row.name == name && row.last != 0; });
+        });
     }
 };
 
