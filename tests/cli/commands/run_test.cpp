@@ -339,6 +339,16 @@ TEST_P(CliRunEitherWay, OutputIsThatOfBothStreamsInTheirOrder) {
     EXPECT_EQ(RunTool({"run", "job", "--wait"}).output, "one\ntwo\nthree\n");
 }
 
+// A terminal shows how it ended in a line of its own, and gets no control characters of the program.
+TEST_P(CliRunEitherWay, OutputOnATerminalIsShown) {
+    WriteJob("printf 'one\\033[1m\\ntwo'");
+    StartHost();
+    const TToolRun run = RunToolOnTerminal({"run", "job", "--wait"}, 80);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_THAT(run.output,
+                HasSubstr("\none\xef\xbf\xbd[1m\ntwo\nvxsched: job exited with status 0\n"));
+}
+
 // The program waits for the command, as for a pipe, so that none of it is lost.
 TEST_P(CliRunEitherWay, OutputOfAHundredMegabytesIsPrintedWhole) {
     WriteJob("head -c 100000000 /dev/zero | tr '\\0' x; echo; echo end; exit 4");
