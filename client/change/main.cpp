@@ -59,7 +59,7 @@ namespace {
 int gClient = -1;
 
 // What the launched program writes goes there, if it is open.
-CDescriptor gOutput;
+CDescriptor gRunOutput;
 
 // How long the client may leave a message unread or unanswered, in milliseconds.
 constexpr int cClientLimit = 5'000;
@@ -305,7 +305,7 @@ void Make(const CAddIn& addIn, const TCall& call) {
             addIn.setPeriod(name, call.task.period);
             return;
         case TCall::cExecute:
-            SetLaunchedTask(call.task.name, gOutput.Get());
+            SetLaunchedTask(call.task.name, gRunOutput.Get());
             return addIn.executeNow(name, true);
     }
 }
@@ -409,7 +409,7 @@ int Main() {
         return 1;
     if (request->hasOutput) {
         const CDescriptor inherited(cOutputDescriptor);
-        gOutput = CDescriptor(fcntl(inherited.Get(), F_DUPFD_CLOEXEC, 10));
+        gRunOutput = CDescriptor(fcntl(inherited.Get(), F_DUPFD_CLOEXEC, 10));
     }
     // The client may ignore SIGCHLD, and this process inherits that: a runner that could not launch
     // its program would have no status.
