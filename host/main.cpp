@@ -288,16 +288,20 @@ static vxsched::TLaunchAnswer AnswerLaunch(const vxsched::TLaunchRequest& reques
             .run = launched.run};
 }
 
-// A run that is not found has ended.
+// A run whose file is gone has ended.
 static vxsched::TStopAnswer AnswerStop(const vxsched::TStopRequest& request, uid_t user) {
     for (const vxsched::TRunning& running : vxsched::FindRunningRuns(".", request.task)) {
         if (running.run.id != request.run)
             continue;
+        const int error = vxsched::Terminate(".", running, user);
+        if (error != 0)
+            return {.error = error, .message = std::strerror(error)};
         LogNotice(fmt::format("user {} has run {} of task \"{}\" stopped", FindUser(user).name,
                               request.run, request.task));
-        const int error = vxsched::Terminate(".", running, user);
-        return {.error = error, .message = error != 0 ? std::strerror(error) : ""};
+        return {};
     }
+    if (vxsched::IsRunning(".", request.run))
+        return {.error = EACCES, .message = "the file of the run cannot be read"};
     return {};
 }
 
