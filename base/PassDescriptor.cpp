@@ -10,7 +10,6 @@
 
 namespace {
 
-// Room for one descriptor; the system closes those that do not fit.
 struct alignas(cmsghdr) TControl {
     char bytes[CMSG_SPACE(sizeof(int))];
 };
@@ -23,7 +22,8 @@ msghdr MessageOf(iovec& part, TControl& control) {
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     message.msg_control = control.bytes;
-    message.msg_controllen = sizeof control.bytes;
+    // Room for one descriptor. With the padding, as of CMSG_SPACE, the system would find room for two.
+    message.msg_controllen = CMSG_LEN(sizeof(int));
     return message;
 }
 
@@ -55,11 +55,18 @@ ssize_t ReceiveWith(int socket, char* block, std::size_t size, CDescriptor& pass
     if (count == -1)
         return count;
     const cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
-        return count;
+    const bool isCut = (message.msg_flags & MSG_CTRUNC) != 0;
+    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+        errno = EMFILE;
+        return isCut ? -1 : count;
+    }
     int received = -1;
     std::memcpy(&received, CMSG_DATA(header), sizeof received);
     const CDescriptor low(received);
+    // A socket of the sender's may be set to hold up whoever closes it.
+    const linger atOnce{.l_onoff = 0, .l_linger = 0};
+    setsockopt(low.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
     passed = CDescriptor(fcntl(low.Get(), F_DUPFD_CLOEXEC, cLowest));
-    return count;
+    errno = EMFILE;
+    return passed.IsOpen() && !isCut ? count : -1;
 }

@@ -14,6 +14,6 @@
 bool SendAllWith(int socket, std::string_view bytes, int passed);
 
 // Receives as recv() does, without blocking. A descriptor that comes with the bytes replaces `passed`,
-// numbered beyond the standard ones and those that a launched program is given; of several, the first
-// is taken and the others are closed.
+// numbered beyond the standard ones and those that a launched program is given. Returns -1 with EMFILE if
+// there is none free for it, or if several have come, which are closed but for one.
 ssize_t ReceiveWith(int socket, char* block, std::size_t size, CDescriptor& passed);

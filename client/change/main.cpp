@@ -420,6 +420,8 @@ int Main() {
         if (chdir(request->directory.c_str()) == -1)
             throw SystemError("cannot work in " + request->directory, errno);
         BecomeForeignOwner(".");
+        if (request->hasOutput && !gRunOutput.IsOpen())
+            throw SystemError("cannot keep a descriptor for the output", EMFILE);
         RequireSavesInOneStep(request->addIn);
         SaveTableInOneStep();
         SetSaveListener(IsRun(request->calls) ? AnnounceSaveOfLaunch : AnnounceSave);

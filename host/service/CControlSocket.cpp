@@ -16,7 +16,9 @@
 #include <optional>
 #include <utility>
 
+#include "base/DrainDescriptor.h"
 #include "base/PassDescriptor.h"
+#include "base/TimerSetting.h"
 #include "base/Users.h"
 #include "control/Messages.h"
 #include "host/CHostLog.h"
@@ -78,8 +80,8 @@ void CControlSocket::Make() {
 }
 
 void CControlSocket::CheckInASecond() const {
-    constexpr itimerspec cSecond = {.it_interval = {}, .it_value = {.tv_sec = 1, .tv_nsec = 0}};
-    timerfd_settime(retry.Get(), 0, &cSecond, nullptr);
+    const itimerspec second = ExpireOnce(std::chrono::seconds(1));
+    timerfd_settime(retry.Get(), 0, &second, nullptr);
 }
 
 // errno has the reason for a failure.
@@ -171,9 +173,7 @@ void CControlSocket::Serve() {
 
 // `reason` is the watch or the timer.
 void CControlSocket::MakeIfGone(const CDescriptor& reason) {
-    std::array<char, 4096> ignored;
-    while (read(reason.Get(), ignored.data(), ignored.size()) > 0) {
-    }
+    DrainDescriptor(reason.Get());
     if (IsThere())
         return;
     if (isBound)
@@ -239,6 +239,11 @@ void CControlSocket::CloseOldest() {
     connections.erase(connections.begin());
 }
 
+// What does not fit is for a client that does not read.
+static void Send(const CDescriptor& socket, const std::string& line) {
+    static_cast<void>(send(socket.Get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
 // `isClosed`: the client is gone. One that has only ended what it sends waits for the answer.
 void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed) {
     auto& [socket, user, passed, received] = connection->second;
@@ -247,6 +252,11 @@ void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed
         isClosed ? 0 : ReceiveWith(socket.Get(), block.data(), block.size(), passed);
     if (count == -1 && (errno == EAGAIN || errno == EINTR))
         return;
+    if (count == -1 && errno == EMFILE)
+        Send(socket,
+             vxsched::EncodeAnswer({.error = EMFILE,
+                                    .message = "the host could not take the descriptor that "
+                                               "was passed"}));
     if (count > 0) {
         const std::string_view added(block.data(), static_cast<std::size_t>(count));
         const std::size_t end = added.find('\n');
@@ -256,9 +266,7 @@ void CControlSocket::OnReadable(TConnections::iterator connection, bool isClosed
             return;
         if (!isTooLong) {
             const std::string line = answer(received, {.user = user, .passed = passed.Get()});
-            // What does not fit is for a client that does not read.
-            static_cast<void>(
-                send(socket.Get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+            Send(socket, line);
         }
     }
     connections.erase(connection);

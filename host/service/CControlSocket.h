@@ -11,7 +11,7 @@
 
 #include "base/CDescriptor.h"
 
-// The socket by which clients ask this host for launches: files/control, for those users who may
+// The socket by which clients have this host launch and stop programs: files/control, for those users who may
 // use the store. A client sends one line and gets one, after which the connection is closed;
 // docs/control.md has the rules. Nothing here blocks, and no client can keep more than a line of
 // vxsched::cLongestMessage. For the main thread.

@@ -441,6 +441,31 @@ TEST_F(ControlSocket, KeepsOneDescriptorOfAClientAndNoneOnceItIsAnswered) {
     EXPECT_EQ(CountDescriptors(), before + 1);
 }
 
+TEST_F(ControlSocket, RefusesSeveralDescriptorsAndKeepsNone) {
+    const std::size_t before = CountDescriptors();
+    {
+        const CClient client;
+        iovec part{.iov_base = const_cast<char*>("line\n"), .iov_len = 5};
+        alignas(cmsghdr) char bytes[CMSG_SPACE(2 * sizeof(int))] = {};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = bytes;
+        message.msg_controllen = sizeof bytes;
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(2 * sizeof(int));
+        const int several[] = {STDIN_FILENO, STDERR_FILENO};
+        std::memcpy(CMSG_DATA(header), several, sizeof several);
+        ASSERT_EQ(sendmsg(client.Id(), &message, MSG_NOSIGNAL), 5);
+        Serve();
+        EXPECT_THAT(client.Receive(), HasSubstr("could not take the descriptor"));
+    }
+    EXPECT_THAT(lines, IsEmpty());
+    EXPECT_EQ(CountDescriptors(), before);
+}
+
 // More than wait to be accepted are refused by the system, as without a host.
 TEST_F(ControlSocket, ThatIsNotServedForAWhileRefusesWhoeverComesTooLate) {
     std::vector<std::unique_ptr<CClient>> clients;
