@@ -94,6 +94,8 @@ void RemoveOldOutputs(const std::optional<std::string>& task) {
     const std::string directory = DirectoryOf(task);
     if (!IsOwnDirectory(vxsched::cOutputDirectory) || !IsOwnDirectory(directory))
         return;
+    // One who prunes has the files that it removes locked: another would take them for written ones.
+    const CDescriptor lock = LockDirectory(directory);
     std::vector<TOutput> outputs = OutputsIn(".", directory);
     if (outputs.size() <= cMostOutputs)
         return;
