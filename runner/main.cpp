@@ -196,6 +196,7 @@ int Run(const TRunRequest& request, char* const command[]) {
     running.Finish(run);
     if (history.Add(run))
         running.Remove();
+    running.Close();
     // Whoever follows the run finds its record at the end of its output.
     follower.End();
     // The run has ended; its output may not have.

@@ -35,6 +35,10 @@ static constexpr int cMostCreations = 10;
 // Of a few records, whose strings are as long as the system passes them to a program.
 static constexpr std::uint64_t cLongestFile = std::uint64_t{16} << 20U;
 
+// How often the run is written, and what its end takes at most besides what is known before.
+static constexpr int cMostRecords = 3;
+static constexpr std::size_t cEndSize = 1024;
+
 static std::string PathOf(const std::string& id) {
     return std::string(cRunningDirectory) + '/' + id;
 }
@@ -84,7 +88,13 @@ bool CRunningFile::Create(const TRunRecord& run) {
         return false;
     }
     errno = vxsched::MakePrivate(file.Get(), ".");
-    return errno == 0 && Append(WithoutEnd(run));
+    if (errno != 0)
+        return false;
+    // How the run ends has room on a disk that is full by then. In one block it has that anyway.
+    const off_t room = cMostRecords * static_cast<off_t>(JsonLine(run).size() + cEndSize);
+    if (room > status.st_blksize)
+        static_cast<void>(fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, room));
+    return Append(WithoutEnd(run));
 }
 
 // The last whole line counts.

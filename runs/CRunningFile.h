@@ -31,6 +31,9 @@ public:
     // Removes the file: the run is recorded.
     void Remove();
 
+    // Sets a file that is still there free for whoever records the run. The last call.
+    void Close() { file = CDescriptor(); }
+
 private:
     bool Create(const TRunRecord& run);
     bool Append(const TRunRecord& run);

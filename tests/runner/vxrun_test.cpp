@@ -401,6 +401,22 @@ TEST_F(Runner, OutputsOfRunsAtTheSameTimeAreRotatedToTheLatestTen) {
     }
 }
 
+// More than ten are kept while more than ten are written. Each that ends prunes, next to the others.
+TEST_F(Runner, OutputsOfManyRunsThatEndAtTheSameTimeArePrunedToTen) {
+    for (int round = 1; round <= 5; ++round) {
+        const std::string go = "go" + std::to_string(round);
+        std::vector<std::unique_ptr<CRunner>> runners;
+        for (int number = 0; number < 24; ++number)
+            runners.push_back(std::make_unique<CRunner>(std::vector<std::string>{
+                cShell, "-c",
+                "while [ -e files ] && [ ! -e " + go + " ]; do sleep 0.01; done; echo end"}));
+        WriteFile(go, "");
+        for (const auto& runner : runners)
+            EXPECT_EQ(runner->Wait(), 0);
+        EXPECT_EQ(Outputs().size(), 10U);
+    }
+}
+
 // ---- An output that cannot be kept ------------------------------------------------------------------
 
 TEST_F(Runner, JobWhoseOutputCannotBeKeptRunsAllTheSame) {
@@ -417,13 +433,14 @@ namespace {
 
 // The disk of the outputs has this many bytes. The exit status of `body`'s process; 2 if the system
 // permits no such disk.
-int OnADiskOf(const std::string& size, const std::function<void()>& body) {
+int OnADiskOf(const std::string& size, const std::function<void()>& body,
+              const char* directory = "files/output") {
     CForkedChild child([&] {
-        fs::create_directory("files/output");
+        fs::create_directory(directory);
         if (!EnterNamespaces(CLONE_NEWNS))
             return 2;
         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-        if (mount("none", "files/output", "tmpfs", 0, ("size=" + size + ",mode=0700").c_str()) != 0)
+        if (mount("none", directory, "tmpfs", 0, ("size=" + size + ",mode=0700").c_str()) != 0)
             return 2;
         body();
         return testing::Test::HasFailure() ? 1 : 42;
@@ -448,6 +465,31 @@ TEST_F(Runner, JobGoesOnOnAFullDiskAndWhatThereWasRoomForIsKept) {
         EXPECT_LT(kept.size(), 65536U);
         EXPECT_EQ(kept, std::string(kept.size(), 'x'));
     });
+    if (status == 2)
+        GTEST_SKIP() << cCannotMount;
+    EXPECT_EQ(status, 42);
+}
+
+// It has room from its begin on, however long the strings are.
+TEST_F(Runner, EndOfARunIsKnownOnADiskThatItHasFilled) {
+    const int status = OnADiskOf(
+        "256k",
+        [] {
+            fs::create_directory(cHistory);
+            WriteFile("script", "head -c 1000000 /dev/zero; exit 7");
+            std::string path;
+            while (path.size() < 3000)
+                path += "./";
+            TRunRequest request = Request();
+            request.outputSize = 1 << 20;
+            CRunner runner({cShell, path + "script"}, request);
+            EXPECT_EQ(runner.Wait(), 7);
+            const std::vector<TRunRecord> runs = DeadRunners();
+            ASSERT_EQ(runs.size(), 1U);
+            EXPECT_EQ(runs[0].outcome, TRunRecord::cExited);
+            EXPECT_EQ(runs[0].number, 7);
+        },
+        "files");
     if (status == 2)
         GTEST_SKIP() << cCannotMount;
     EXPECT_EQ(status, 42);
