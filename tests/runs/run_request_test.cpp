@@ -5,11 +5,40 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
+#include "Process.h"
+
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+TEST(RunRequest, IsReadAsItWasWritten) {
+    const TRunRequest request = {.report = 3,
+                                 .follower = 4,
+                                 .trigger = "catch-up",
+                                 .historySize = UINT64_MAX,
+                                 .outputSize = 1 << 20,
+                                 .copy = TRunRequest::cPrefixed};
+    const std::optional<TRunRequest> read = DecodeRunRequest(EncodeRunRequest(request));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->report, 3);
+    EXPECT_EQ(read->follower, 4);
+    EXPECT_EQ(read->trigger, "catch-up");
+    EXPECT_EQ(read->historySize, UINT64_MAX);
+    EXPECT_EQ(read->outputSize, std::uint64_t{1} << 20U);
+    EXPECT_EQ(read->copy, TRunRequest::cPrefixed);
+}
+
+// The fuzzer begins with these.
+TEST(RunRequest, OfTheCorpusIsReadUnlessItIsNone) {
+    const std::string corpus = std::string(CORPUS) + '/';
+    for (const char* const name : {"manual", "scheduled"})
+        EXPECT_TRUE(DecodeRunRequest(ReadFile(corpus + name))) << name;
+    for (const char* const name : {"other-version", "too-much"})
+        EXPECT_FALSE(DecodeRunRequest(ReadFile(corpus + name))) << name;
+}
 
 TEST(RunRequest, CommandIsReadAsItWasWritten) {
     const std::string longName = "VXSCHED_TASK=" + std::string(200'000, '\xff');
