@@ -171,8 +171,11 @@ void WarnOfNoRunner(int error) {
         LogWarning(
             fmt::format("programs are launched without the runner {}, as from now: {}. Their "
                         "output is not kept, and their end is recorded only while this host "
-                        "runs. Install the package anew.",
-                        vxsched::cRunnerProgram, std::strerror(error)));
+                        "runs. {}",
+                        vxsched::cRunnerProgram, std::strerror(error),
+                        error == EMFILE || error == ENFILE
+                            ? "Raise the limit on open files (ulimit -n, LimitNOFILE= of the unit)."
+                            : "Install the package anew."));
 }
 
 // Launches the program through the runner; directly if that is not possible.
