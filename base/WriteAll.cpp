@@ -1,5 +1,6 @@
 #include "base/WriteAll.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,6 +27,17 @@ static bool RepeatUntilAllIsWritten(std::string_view bytes, const Write& write) 
 bool WriteAll(int descriptor, std::string_view bytes) {
     return RepeatUntilAllIsWritten(
         bytes, [&](const char* data, std::size_t size) { return write(descriptor, data, size); });
+}
+
+bool WriteAllInTurn(int descriptor, std::string_view bytes) {
+    return RepeatUntilAllIsWritten(bytes, [&](const char* data, std::size_t size) {
+        const ssize_t count = write(descriptor, data, size);
+        if (count == -1 && errno == EAGAIN) {
+            pollfd reader{.fd = descriptor, .events = POLLOUT, .revents = 0};
+            errno = poll(&reader, 1, -1) == -1 ? errno : EINTR;
+        }
+        return count;
+    });
 }
 
 bool WriteAllAt(int descriptor, std::string_view bytes, off_t offset) {

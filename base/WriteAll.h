@@ -10,6 +10,9 @@
 
 bool WriteAll(int descriptor, std::string_view bytes);
 
+// The same to a descriptor that others may have set not to block: waits for its reader.
+bool WriteAllInTurn(int descriptor, std::string_view bytes);
+
 // To a file, from `offset` bytes after its begin on; its position stays where it is.
 bool WriteAllAt(int descriptor, std::string_view bytes, off_t offset);
 

@@ -13,6 +13,7 @@
 
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
+#include "base/StandardDescriptors.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
 #include "cli/time/PastTime.h"
@@ -575,6 +576,8 @@ int Main(int argc, const char* const* argv) {
 }  // namespace vxsched
 
 int main(int argc, char** argv) {
+    // What cannot be written to a standard output that was closed is an error all the same.
+    OpenStandardDescriptors(O_RDONLY);
     try {
         return vxsched::Main(argc, argv);
     } catch (...) {

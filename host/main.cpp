@@ -24,6 +24,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
 #include "base/SignalName.h"
+#include "base/StandardDescriptors.h"
 #include "base/Sync.h"
 #include "base/Umask.h"
 #include "base/Users.h"
@@ -68,18 +69,6 @@
 #include "store/StoreMutexSet.h"
 #include "store/StoreSemaphores.h"
 #include "store/TableSaves.h"
-
-// Opens /dev/null as those of descriptors 0 to 2 that the parent left closed. Otherwise the next
-// file to be opened, such as the table, would get the number of standard error, and the log would
-// be written into it.
-static void OpenStandardDescriptors() {
-    int descriptor = 0;
-    do {
-        descriptor = open("/dev/null", O_RDWR);
-    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-    if (descriptor >= 0)
-        close(descriptor);
-}
 
 // The guard to notify when the add-in has lost its tasks. The add-in may lose them before there is
 // a guard, while it is loaded; gAreTasksLost remembers that.
@@ -421,7 +410,7 @@ static void Run(const THostOptions& options) {
 }
 
 int main(int argc, char** argv) {
-    OpenStandardDescriptors();
+    OpenStandardDescriptors(O_RDWR);
     RestrictUmask();
     try {
         const std::optional<THostOptions> options = ParseHostOptions(argc, argv);

@@ -17,6 +17,8 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
 #include "client/RunStatus.h"
+#include "runs/CRunningFile.h"
+#include "runs/RunEnd.h"
 #include "store/MakeError.h"
 
 namespace vxsched {
@@ -66,9 +68,18 @@ TExitStatus LaunchAndWait(const CStore& store, const std::string& name, bool for
     };
     const TRun run = store.Run(name, force, false, onLaunch, theirs.Get());
     theirs = CDescriptor();
-    PrintAll(ours, output);
+    try {
+        PrintAll(ours, output);
+    } catch (const CError& error) {
+        throw MakeError(error.Code(), "{}; process {} keeps running", error.what(), run.process);
+    }
+    const std::string directory = store.Options().directory.string();
+    if (!run.id.empty() && IsRunning(directory, run.id)) {
+        Tell(fmt::format("the rest of the output is not printed; see vxsched output {}", name));
+        WaitForRun(directory, run.id);
+    }
     CInterruption::WaitEnds();
-    const int status = FindWaitStatus(store.Options().directory, run);
+    const int status = FindWaitStatus(directory, run);
     if (WIFSIGNALED(status)) {
         Tell(fmt::format("{} was killed by {}", name, SignalName(WTERMSIG(status))));
         return static_cast<TExitStatus>(cKilledStatus + WTERMSIG(status));

@@ -69,7 +69,7 @@ void COutput::Raw(std::string_view bytes) {
 }
 
 void COutput::Finish() {
-    if (!WriteAll(STDOUT_FILENO, pending))
+    if (!WriteAllInTurn(STDOUT_FILENO, pending))
         throw SystemError("cannot write to standard output", errno);
     pending.clear();
 }

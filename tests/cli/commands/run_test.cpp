@@ -5,12 +5,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -337,6 +339,60 @@ TEST_P(CliRunEitherWay, OutputIsThatOfBothStreamsInTheirOrder) {
     WriteJob("echo one; echo two >&2; echo three");
     StartHost();
     EXPECT_EQ(RunTool({"run", "job", "--wait"}).output, "one\ntwo\nthree\n");
+}
+
+// The socket of the output must not get the number of a standard stream.
+TEST_P(CliRunEitherWay, ClosedStreamsTakeNoOutputOfTheProgramFromTheOthers) {
+    WriteJob("head -c 3000000 /dev/zero | tr '\\0' x; exit 5");
+    StartHost();
+    CProgram silent({"/bin/sh", "-c", TOOL_PROGRAM " run job --wait > all 2>&-"});
+    EXPECT_EQ(silent.Wait(), 5);
+    EXPECT_EQ(ReadFile("all"), std::string(3'000'000, 'x'));
+    CProgram closed({"/bin/sh", "-c", TOOL_PROGRAM " run job --wait >&-"});
+    EXPECT_EQ(closed.Wait(), 1);
+    EXPECT_THAT(closed.Output(), HasSubstr("cannot write to standard output: Bad file descriptor; "
+                                           "process "));
+    EXPECT_THAT(closed.Output(), HasSubstr(" keeps running\n"));
+}
+
+TEST_P(CliRunEitherWay, ReaderIsAwaitedAlsoByAnOutputThatDoesNotBlock) {
+    WriteJob("head -c 3000000 /dev/zero; exit 5");
+    StartHost();
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const CDescriptor ours(ends[0]);
+    CDescriptor theirs(ends[1]);
+    fcntl(theirs.Get(), F_SETFL, O_NONBLOCK);
+    CForkedChild run([&] {
+        dup2(theirs.Get(), STDOUT_FILENO);
+        execl(TOOL_PROGRAM, TOOL_PROGRAM, "run", "job", "--wait", nullptr);
+        return 1;
+    });
+    theirs = CDescriptor();
+    WaitUntil([&] {
+        int size = 0;
+        return ioctl(ours.Get(), FIONREAD, &size) == 0 && size == 65536;
+    });
+    std::size_t count = 0;
+    std::array<char, 65536> block{};
+    for (ssize_t part = 0; (part = read(ours.Get(), block.data(), block.size())) > 0;)
+        count += static_cast<std::size_t>(part);
+    EXPECT_EQ(count, 3'000'000U);
+    EXPECT_EQ(run.Wait(), 5);
+}
+
+// Either nothing is launched, or all of the output is printed.
+TEST_P(CliRunEitherWay, WithFewDescriptorsNoOutputIsLostSilently) {
+    WriteJob("echo line; exit 5");
+    StartHost();
+    for (int limit = 8; limit < 16; ++limit) {
+        CProgram run(
+            {"/bin/sh", "-c",
+             "ulimit -n " + std::to_string(limit) + "; exec " TOOL_PROGRAM " run job --wait 2>&1"});
+        const int status = run.Wait();
+        EXPECT_EQ(status == 5, run.Output().find("line\n") != std::string::npos)
+            << limit << ": " << status << ' ' << run.Output();
+    }
 }
 
 // A terminal shows how it ended in a line of its own, and gets no control characters of the program.
