@@ -21,6 +21,7 @@
 #include <system_error>
 
 #include "base/CDescriptor.h"
+#include "client/LibraryDirectory.h"
 #include "runs/COutputReader.h"
 #include "runs/HistoryReader.h"
 #include "store/Backups.h"
@@ -38,6 +39,11 @@
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+
+// The client library is linked statically here, and none of its calls needs the directory.
+std::string vxsched::LibraryDirectory() {
+    return "";
+}
 
 namespace {
 
