@@ -527,7 +527,8 @@ TEST(HostFiles, OfProgramsThatRunWithoutAHostAreForTheOwnerToWrite) {
     for (const auto& [mask, mode] : modes) {
         const std::string file = "with-" + mask;
         WriteTable({{"a", 4'000'000'000, 0, 24, PROGRAMS "/append-text", file, 0}});
-        CProgram run(WithUmask(mask, {TOOL_PROGRAM, "run", "a", "--wait"}));
+        // Forced, since other tests may run this program as well.
+        CProgram run(WithUmask(mask, {TOOL_PROGRAM, "run", "a", "--force", "--wait"}));
         EXPECT_EQ(run.Wait(), 0) << run.Output();
         EXPECT_EQ(ModeOf(file), mode) << mask;
     }
