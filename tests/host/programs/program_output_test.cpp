@@ -144,7 +144,7 @@ TEST(HostOutput, OfATaskThatIsGoneIsRemovedOnceItIsOld) {
         LeaveOldOutput("here");
         LeaveOldOutput("gone");
         CProgram host(command);
-        WaitUntil([] { return OutputOf("gone").empty(); });
+        WaitUntil([] { return !std::filesystem::exists("files/output/gone"); });
         host.Kill(SIGTERM);
         EXPECT_EQ(host.Wait(), 0) << host.Output();
         EXPECT_EQ(OutputOf("here"), "old");
