@@ -12,6 +12,8 @@
 #include <chrono>
 
 #include "base/CDeadline.h"
+#include "base/CDescriptor.h"
+#include "base/PassDescriptor.h"
 #include "control/Messages.h"
 #include "runs/RunnerLaunch.h"
 #include "store/Layout.h"
@@ -21,7 +23,8 @@ namespace vxsched {
 // Longer than the host waits for a runner: a launch that is answered late is not one that is unknown.
 static constexpr std::chrono::seconds cLimit = cRunnerLimit + std::chrono::seconds(1);
 
-CDescriptor ConnectToHost(const std::filesystem::path& directory) {
+// Closed if none listens, with the reason in errno.
+static CDescriptor ConnectToHost(const std::filesystem::path& directory) {
     CDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval limit{.tv_sec = cLimit.count(), .tv_usec = 0};
     setsockopt(made.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
@@ -39,7 +42,8 @@ CDescriptor ConnectToHost(const std::filesystem::path& directory) {
     return made;
 }
 
-int ReceiveAnswer(const CDescriptor& socket, std::string& line) {
+// Reads the host's line. Returns an error number or 0.
+static int ReceiveLine(const CDescriptor& socket, std::string& line) {
     const CDeadline deadline(cLimit);
     for (;;) {
         pollfd input{.fd = socket.Get(), .events = POLLIN, .revents = 0};
@@ -63,6 +67,22 @@ int ReceiveAnswer(const CDescriptor& socket, std::string& line) {
         if (line.size() > cLongestMessage)
             return EPROTO;
     }
+}
+
+THostReply AskHost(const std::filesystem::path& directory, std::string_view request, int passed) {
+    const CDescriptor socket = ConnectToHost(directory);
+    if (!socket.IsOpen())
+        return {.outcome = THostReply::cNotReached, .error = errno};
+    // The host does nothing before it has the end of the line.
+    if (!SendAllWith(socket.Get(), request, passed))
+        return {.outcome = THostReply::cTurnedAway, .error = errno};
+    THostReply reply;
+    reply.error = ReceiveLine(socket, reply.line);
+    if (reply.error == ECONNRESET)
+        reply.outcome = THostReply::cTurnedAway;
+    else if (reply.error != 0)
+        reply.outcome = THostReply::cUnanswered;
+    return reply;
 }
 
 }  // namespace vxsched

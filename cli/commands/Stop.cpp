@@ -12,10 +12,8 @@
 #include <vector>
 
 #include <vxsched/Error.h>
-#include "base/CDescriptor.h"
 #include "base/DisplayText.h"
 #include "base/Users.h"
-#include "base/WriteAll.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/RequireTask.h"
 #include "cli/output/RunFormat.h"
@@ -49,16 +47,22 @@ void WaitForEnd(const TCommon& common, const TRunning& running) {
 
 // Has the host stop a run of a task. Returns why it has not; empty if it has.
 std::string StopByHost(const TCommon& common, const std::string& name, const TRunning& running) {
-    const CDescriptor socket = ConnectToHost(common.store.directory);
-    if (!socket.IsOpen())
-        return fmt::format("there is no host to do it ({}: {})", cControlSocket,
-                           std::strerror(errno));
-    std::string line;
-    if (!SendAll(socket.Get(), EncodeStopRequest({name, running.run.id})))
-        return fmt::format("the host has turned the request away: {}", std::strerror(errno));
-    if (const int error = ReceiveAnswer(socket, line); error != 0)
-        return fmt::format("the host has not answered: {}", std::strerror(error));
-    const std::optional<TStopAnswer> answer = DecodeStopAnswer(line);
+    const THostReply reply =
+        AskHost(common.store.directory,
+                EncodeStopRequest({running.run.task.value_or(name), running.run.id}));
+    switch (reply.outcome) {
+        case THostReply::cNotReached:
+            return fmt::format("there is no host to do it ({}: {})", cControlSocket,
+                               std::strerror(reply.error));
+        case THostReply::cTurnedAway:
+            return fmt::format("the host has turned the request away: {}",
+                               std::strerror(reply.error));
+        case THostReply::cUnanswered:
+            return fmt::format("the host has not answered: {}", std::strerror(reply.error));
+        case THostReply::cAnswered:
+            break;
+    }
+    const std::optional<TStopAnswer> answer = DecodeStopAnswer(reply.line);
     if (!answer)
         return "the host has not answered in a way that this program knows";
     return answer->error == 0 ? "" : "the host refuses it: " + answer->message;

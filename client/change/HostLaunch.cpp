@@ -6,8 +6,6 @@
 #include <cstring>
 #include <string>
 
-#include "base/CDescriptor.h"
-#include "base/PassDescriptor.h"
 #include "control/HostConnection.h"
 #include "store/Layout.h"
 
@@ -18,20 +16,13 @@ std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int outpu
     error = EMSGSIZE;
     if (message.size() > cLongestMessage)
         return {};
-    const CDescriptor socket = ConnectToHost(".");
-    // The host does nothing before it has the end of the line.
-    if (!socket.IsOpen() || !SendAllWith(socket.Get(), message, output)) {
-        error = errno;
+    const THostReply reply = AskHost(".", message, output);
+    error = reply.error;
+    if (reply.outcome == THostReply::cNotReached || reply.outcome == THostReply::cTurnedAway)
         return {};
-    }
-    std::string line;
-    error = ReceiveAnswer(socket, line);
-    // The host has closed the connection, or was killed, before it had read the request.
-    if (error == ECONNRESET)
-        return {};
-    if (error != 0)
+    if (reply.outcome == THostReply::cUnanswered)
         return THostAnswer();
-    const std::optional<TLaunchAnswer> answer = DecodeAnswer(line);
+    const std::optional<TLaunchAnswer> answer = DecodeAnswer(reply.line);
     return THostAnswer{.isKnown = answer.has_value(), .answer = answer.value_or(TLaunchAnswer())};
 }
 

@@ -13,8 +13,8 @@ struct THostAnswer {
     TLaunchAnswer answer;
 };
 
-// Has the host launch a program, by its control socket. Blocks until it has answered, for eleven
-// seconds at most: the caller holds the store mutex. The host passes `output` on (TChange::output).
+// Has the host launch a program, by its control socket. Blocks as AskHost() does: the caller
+// holds the store mutex. The host passes `output` on (TChange::output).
 // Empty if no host is reached, because of `error`, an error number; then nothing was launched.
 std::optional<THostAnswer> LaunchByHost(const TLaunchRequest& request, int output, int& error);
 
