@@ -189,22 +189,28 @@ static bool IsOfTask(const TRunRecord& run, const std::string& task) {
     return fs::path(run.output).parent_path().filename() == FileNameOf(task);
 }
 
-static std::optional<TRunning> ReadRunning(const fs::path& path, const std::string& task) {
+static std::optional<TRunning> ReadRunning(const fs::path& path) {
     const CDescriptor file = OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
     const std::optional<pid_t> runner = HolderOf(file);
     std::string content;
     if (!runner || !ReadRegularFile(file.Get(), cLongestFile, content))
         return {};
     const std::optional<TRunRecord> run = LastRecordIn(content);
-    return run && IsOfTask(*run, task) ? std::optional(TRunning{*run, *runner}) : std::nullopt;
+    return run ? std::optional(TRunning{*run, *runner}) : std::nullopt;
 }
 
 std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task) {
+    return FindRunningRuns(directory, [&](const TRunRecord& run) { return IsOfTask(run, task); });
+}
+
+std::vector<TRunning> FindRunningRuns(const std::string& directory,
+                                      const std::function<bool(const TRunRecord&)>& isWanted) {
     std::vector<TRunning> runs;
     std::error_code error;
     for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        if (const std::optional<TRunning> running = ReadRunning(entry->path(), task))
+        const std::optional<TRunning> running = ReadRunning(entry->path());
+        if (running && isWanted(running->run))
             runs.push_back(*running);
     }
     std::sort(runs.begin(), runs.end(),

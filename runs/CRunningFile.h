@@ -31,7 +31,7 @@ public:
     // Removes the file: the run is recorded.
     void Remove();
 
-    // Sets a file that is still there free for whoever records the run. The last call.
+    // Releases a file that is still there to whoever records the run. The last call.
     void Close() { file = CDescriptor(); }
 
 private:
@@ -44,9 +44,10 @@ private:
 };
 
 // Calls `record` with each run in the working directory whose runner has died or could not record its
-// end, and removes its file if that returns true. Returns false if one was not recorded. Several processes may call this at once: each run is
-// recorded by one of them. Blocks for disk access only. Files that cannot be opened are left. Not for
-// the process of a CRunningFile, which would lose its lock.
+// end, and removes its file if that returns true. Returns false if one was not recorded. Several
+// processes may call this at once: each run is recorded by one of them. Blocks for disk access only.
+// Files that cannot be opened are left. Not for the process of a CRunningFile, which would lose its
+// lock.
 bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record);
 
 namespace vxsched {
@@ -57,9 +58,12 @@ struct TRunning {
     pid_t runner = 0;  // 0: it is in another PID namespace
 };
 
-// The runs of a task that go on in the store of a directory, in the order of their ids. Blocks for
-// disk access only; what this user may not read is left out.
+// The runs under way in the store of a directory that were launched for a task of that name, or
+// those of which `isWanted` returns true, in the order of their ids. Blocks for disk access only;
+// what this user may not read is left out.
 std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task);
+std::vector<TRunning> FindRunningRuns(const std::string& directory,
+                                      const std::function<bool(const TRunRecord&)>& isWanted);
 
 // Sends the runner of a run SIGTERM, or nobody if it has ended. The run's record names `user` as who has
 // had it stopped. Returns 0 or an error number: EPERM for a runner of another user's, EXDEV for one in

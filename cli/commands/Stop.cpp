@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include <vxsched/Error.h>
+#include <vxsched/RunningPrograms.h>
 #include "base/DisplayText.h"
 #include "base/Users.h"
 #include "cli/commands/Commands.h"
@@ -114,10 +116,26 @@ void TerminateAll(const TCommon& common, const std::string& name,
         throw CError(*failure);
 }
 
+// A run that was launched before its task was renamed has the former name. One whose name a task has
+// is of that task, also where two tasks launch the same program.
+std::vector<TRunning> FindRunsOfFormerNames(const TCommon& common, const std::string& name) {
+    const TTable table = CStore(common.store).Read();
+    const TTaskEntry* const task = table.Find(name);
+    if (task == nullptr)
+        return {};
+    const std::vector<pid_t> processes = FindRunning(LaunchedPath(task->program), task->parameter);
+    return FindRunningRuns(common.store.directory, [&](const TRunRecord& run) {
+        return run.task && table.Find(*run.task) == nullptr &&
+               std::find(processes.begin(), processes.end(), run.process) != processes.end();
+    });
+}
+
 }  // namespace
 
 TExitStatus Stop(const TCommon& common, const std::string& name, COutput& output) {
-    const std::vector<TRunning> runs = FindRunningRuns(common.store.directory, name);
+    std::vector<TRunning> runs = FindRunningRuns(common.store.directory, name);
+    if (runs.empty())
+        runs = FindRunsOfFormerNames(common, name);
     if (runs.empty()) {
         if (ReadHistory(common.store.directory, name).runs.empty())
             RequireTask(common, name);

@@ -73,6 +73,25 @@ TEST_F(CliStop, EndsARunWhoseHostIsGone) {
     EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
 }
 
+TEST_F(CliStop, EndsARunOfBeforeItsTaskWasRenamed) {
+    CHost host;
+    Launch("job");
+    Output({"edit", "job", "--name", "new"});
+    EXPECT_THAT(Output({"stop", "new"}), HasSubstr(": exited 5\n"));
+    EXPECT_EQ(nlohmann::json::parse(Lines(cHistory).back()).at("name"), "job");
+    EXPECT_EQ(host.Stop(), 0);
+}
+
+// Their processes are told apart by the name of the run alone.
+TEST_F(CliStop, LeavesTheRunOfAnotherTaskWithTheSameProgram) {
+    CHost host;
+    Launch("job");
+    Output({"create", "other", "--at", "tomorrow", "--every", "1d", "--", "/bin/sh", "script"});
+    ExpectRefused(1, "no run of \"other\" is under way", {"stop", "other"});
+    EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
+    EXPECT_EQ(host.Stop(), 0);
+}
+
 // The process that a file's name has may be any other by now.
 TEST_F(CliStop, SignalsWhoHasTheFileLockedAndNobodyElse) {
     fs::create_directories("files/running");
