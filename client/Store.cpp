@@ -205,8 +205,8 @@ static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool
     return made != nullptr ? *made : entry;
 }
 
-// Whether `first` was launched for its due time before the table had `found` in its place; null: no
-// task of its name.
+// Whether `first` was launched for its due time since it was read. `found` is the task that has its
+// name now; null if none has.
 static bool IsLaunchedSince(const TTaskEntry& first, const TTaskEntry* found) {
     return found != nullptr ? found->last > first.last
                             : first.period == 0 && first.next <= CurrentMoment();
