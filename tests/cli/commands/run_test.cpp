@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -21,6 +22,8 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <vxsched/Store.h>
@@ -132,6 +135,11 @@ public:
         while (read(client.Get(), &byte, 1) == 1 && byte != '\n')
             line += byte;
         return line;
+    }
+
+    static void Answer(const CDescriptor& client, std::string_view answer) {
+        EXPECT_EQ(send(client.Get(), answer.data(), answer.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(answer.size()));
     }
 
 private:
@@ -717,8 +725,7 @@ TEST_F(CliRun, IsNotLaunchedASecondTimeIfTheHostDoesNotAnswer) {
             EXPECT_EQ(request.at("task"), "job");
             EXPECT_EQ(request.at("program"), "/bin/sh");
             EXPECT_EQ(request.at("parameter"), fs::absolute("script").string());
-            EXPECT_EQ(send(client.Get(), answer, std::strlen(answer), MSG_NOSIGNAL),
-                      static_cast<ssize_t>(std::strlen(answer)));
+            CControl::Answer(client, answer);
         }
         EXPECT_EQ(run.Wait(), 9) << answer;
         EXPECT_THAT(run.Output(), HasSubstr("whether \"job\" was launched is not known"));
@@ -741,35 +748,24 @@ TEST_F(CliRun, IsNotLaunchedASecondTimeIfTheHostIsSilent) {
     EXPECT_FALSE(fs::exists("runs"));
 }
 
+// By its number if it comes without a message.
 TEST_F(CliRun, ReportsTheErrorOfTheHost) {
     WriteJob("echo run >> runs");
-    const CControl control;
-    CProgram run({TOOL_PROGRAM, "run", "job"});
-    {
-        const CDescriptor client = control.Accept();
-        CControl::ReadRequest(client);
-        const std::string answer = "{\"version\":1,\"error\":7,\"message\":\"too long\"}\n";
-        EXPECT_EQ(write(client.Get(), answer.data(), answer.size()),
-                  static_cast<ssize_t>(answer.size()));
+    for (const auto& [message, reported] :
+         {std::pair("too long", "too long"), std::pair("", "Argument list too long")}) {
+        const CControl control;
+        CProgram run({TOOL_PROGRAM, "run", "job"});
+        {
+            const CDescriptor client = control.Accept();
+            CControl::ReadRequest(client);
+            CControl::Answer(
+                client,
+                TJson{{"version", 1}, {"error", E2BIG}, {"message", message}}.dump() + '\n');
+        }
+        EXPECT_EQ(run.Wait(), 1);
+        EXPECT_THAT(run.Output(), HasSubstr(std::string("cannot launch \"/bin/sh\": ") + reported));
+        fs::remove(vxsched::cControlSocket);
     }
-    EXPECT_EQ(run.Wait(), 1);
-    EXPECT_THAT(run.Output(), HasSubstr("cannot launch \"/bin/sh\": too long"));
-    EXPECT_FALSE(fs::exists("runs"));
-}
-
-TEST_F(CliRun, ReportsAnErrorOfTheHostWithoutAMessage) {
-    WriteJob("echo run >> runs");
-    const CControl control;
-    CProgram run({TOOL_PROGRAM, "run", "job"});
-    {
-        const CDescriptor client = control.Accept();
-        CControl::ReadRequest(client);
-        const std::string answer = "{\"version\":1,\"error\":7,\"message\":\"\"}\n";
-        EXPECT_EQ(write(client.Get(), answer.data(), answer.size()),
-                  static_cast<ssize_t>(answer.size()));
-    }
-    EXPECT_EQ(run.Wait(), 1);
-    EXPECT_THAT(run.Output(), HasSubstr("cannot launch \"/bin/sh\": Argument list too long"));
     EXPECT_FALSE(fs::exists("runs"));
 }
 
