@@ -20,12 +20,13 @@
 
 using TClock = std::chrono::steady_clock;
 
-static constexpr std::chrono::seconds cKillAfter(10);
 // Between two checks whether a process of the terminated group is left.
 static constexpr std::chrono::milliseconds cGroupInterval(50);
+// A killed process that waits for a disk or a file server does not end before that has answered.
+static constexpr std::chrono::seconds cDeathLimit(1);
 
-CJob::CJob(CCopy* outputCopy, CFollower& outputFollower)
-    : copy(outputCopy), follower(outputFollower) {
+CJob::CJob(CCopy* outputCopy, CFollower& outputFollower, std::chrono::milliseconds longestStop)
+    : copy(outputCopy), follower(outputFollower), killAfter(longestStop) {
     sigset_t handled;
     sigemptyset(&handled);
     sigaddset(&handled, SIGTERM);
@@ -98,12 +99,12 @@ void CJob::OnSignal() {
     signalfd_siginfo signal{};
     while (read(signals.Get(), &signal, sizeof signal) == sizeof signal) {
         // One more puts the kill off no further.
-        if (signal.ssi_signo != SIGTERM || isStopped)
+        if (signal.ssi_signo != SIGTERM || stop != cNothing)
             continue;
-        isStopped = true;
         stoppedBy = FindUser(signal.ssi_uid).name;
         kill(-process, SIGTERM);
-        killAt = TClock::now() + cKillAfter;
+        stop = cTerm;
+        stopLimit = TClock::now() + killAfter;
     }
 }
 
@@ -152,30 +153,38 @@ void CJob::Collect(TRunRecord& run) {
     run.stoppedBy = stoppedBy;
 }
 
-// How long to wait for the program's end, or, once that has come, for that of its group; -1: for ever.
-int CJob::NextTimeout(bool hasEnded) const {
-    if (!killAt)
+// What the program leaves behind stays, unless it was terminated as well.
+bool CJob::IsOver() const {
+    if (!HasEnded())
+        return false;
+    return stop == cNothing || (stop == cKill && TClock::now() >= stopLimit) ||
+           !vxsched::IsGroupAlive(process);
+}
+
+void CJob::Kill() {
+    kill(-process, SIGKILL);
+    stop = cKill;
+    stopLimit = TClock::now() + cDeathLimit;
+}
+
+// In milliseconds, -1: without limit. Of the program's end the system sends a signal, but of that of its
+// group none.
+int CJob::NextTimeout() const {
+    if (stop == cNothing)
         return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*killAt - TClock::now());
-    return static_cast<int>(
-        std::clamp(left, std::chrono::milliseconds(0),
-                   hasEnded ? cGroupInterval : std::chrono::milliseconds(cKillAfter))
-            .count());
+    if (HasEnded())
+        return static_cast<int>(cGroupInterval.count());
+    if (stop == cKill)
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(stopLimit - TClock::now());
+    return static_cast<int>(std::max(left, std::chrono::milliseconds(0)).count());
 }
 
 void CJob::WaitForEnd(TRunRecord& run) {
-    for (;;) {
-        const bool hasEnded = HasEnded();
-        // What the program leaves behind stays, unless it was terminated as well.
-        if (hasEnded && !(killAt && vxsched::IsGroupAlive(process)))
-            break;
-        const int timeout = NextTimeout(hasEnded);
-        if (timeout == 0) {
-            kill(-process, SIGKILL);
-            killAt.reset();
-        } else {
-            Wait(timeout);
-        }
+    while (!IsOver()) {
+        if (stop == cTerm && TClock::now() >= stopLimit)
+            Kill();
+        Wait(NextTimeout());
     }
     Collect(run);
     if (pipe.IsOpen())

@@ -3,7 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <optional>
+#include <string>
 
 #include "base/CDescriptor.h"
 #include "runner/CCopy.h"
@@ -16,8 +16,10 @@
 class CJob {
 public:
     // Blocks SIGTERM and SIGCHLD. The output is copied to `outputCopy`, if it is not null, and to
-    // `outputFollower`; the caller keeps both.
-    CJob(CCopy* outputCopy, CFollower& outputFollower);
+    // `outputFollower`; the caller keeps both. What has not ended so long after it was terminated is
+    // killed.
+    CJob(CCopy* outputCopy, CFollower& outputFollower,
+         std::chrono::milliseconds killAfter = std::chrono::seconds(10));
     CJob(const CJob&) = delete;
     CJob& operator=(const CJob&) = delete;
 
@@ -30,8 +32,8 @@ public:
     void KeepIn(COutputFile& outputFile) { file = &outputFile; }
 
     // Waits for the program's end, keeping its output. SIGTERM has the program's process group
-    // terminated, and what is left of it after ten seconds killed; its end is then waited for as well.
-    // Sets how `run` ended, and the resources of all its processes that have ended by then. The
+    // terminated, and later what is left of it killed; its end is then waited for as well, but for one
+    // second at most once it was killed. Sets how `run` ended, and the resources of all its processes that have ended by then. The
     // output that the program has written is kept by then.
     void WaitForEnd(TRunRecord& run);
 
@@ -52,7 +54,9 @@ private:
     void OnSignal();
     void CollectOrphans() const;
     bool HasEnded() const;
-    int NextTimeout(bool hasEnded) const;
+    int NextTimeout() const;
+    bool IsOver() const;
+    void Kill();
     void Collect(TRunRecord& run);
 
     COutputFile* file = nullptr;
@@ -61,7 +65,10 @@ private:
     CDescriptor signals;
     CDescriptor pipe;
     pid_t process = 0;
-    bool isStopped = false;
+    // What the program's process group was sent.
+    enum EStop { cNothing, cTerm, cKill };
+    EStop stop = cNothing;
     std::string stoppedBy;
-    std::optional<std::chrono::steady_clock::time_point> killAt;
+    const std::chrono::milliseconds killAfter;
+    std::chrono::steady_clock::time_point stopLimit;  // of the wait for its end since then
 };
