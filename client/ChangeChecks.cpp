@@ -7,9 +7,8 @@
 #include <cerrno>
 
 #include <vxsched/Error.h>
-#include <vxsched/RunningPrograms.h>
 #include <vxsched/Validation.h>
-#include "runs/CRunningFile.h"
+#include "runs/CRunningTasks.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/OwedLaunches.h"
@@ -93,18 +92,11 @@ void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
                         task.name);
 }
 
-// A process that was launched by somebody else has no run; one that has executed another program since,
-// as a script that ends in exec, is known by its run alone.
 void CheckNotRunning(const std::filesystem::path& directory, const TTaskEntry& task,
                      const TCall& call) {
     if (!call.mustNotRun)
         return;
-    std::vector<pid_t> running = FindRunning(LaunchedPath(task.program), task.parameter);
-    for (const TRunning& run : FindRunningRuns(directory, task.name)) {
-        // Of one that has ended, the runner is about to record that.
-        if (run.run.outcome == TRunRecord::cRunnerDied)
-            running.push_back(run.run.process != 0 ? run.run.process : run.runner);
-    }
+    const std::vector<pid_t> running = CRunningTasks(directory).Find(task);
     if (!running.empty())
         throw MakeError(EError::cRefused,
                         "task \"{}\" is running already, as process {}; wait for its end, or force "

@@ -184,9 +184,8 @@ bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record) {
 
 namespace vxsched {
 
-// Two names that no record tells apart have directories of their own.
-static bool IsOfTask(const TRunRecord& run, const std::string& task) {
-    return fs::path(run.output).parent_path().filename() == FileNameOf(task);
+std::string TaskFileNameOf(const TRunRecord& run) {
+    return fs::path(run.output).parent_path().filename();
 }
 
 static std::optional<TRunning> ReadRunning(const fs::path& path) {
@@ -200,7 +199,9 @@ static std::optional<TRunning> ReadRunning(const fs::path& path) {
 }
 
 std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task) {
-    return FindRunningRuns(directory, [&](const TRunRecord& run) { return IsOfTask(run, task); });
+    return FindRunningRuns(directory, [name = FileNameOf(task)](const TRunRecord& run) {
+        return TaskFileNameOf(run) == name;
+    });
 }
 
 std::vector<TRunning> FindRunningRuns(const std::string& directory,

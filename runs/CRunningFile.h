@@ -58,6 +58,10 @@ struct TRunning {
     pid_t runner = 0;  // 0: it is in another PID namespace
 };
 
+// The name of a run's task as FileNameOf() encodes it. Two names that no record tells apart, since they
+// are not UTF-8, differ in it.
+std::string TaskFileNameOf(const TRunRecord& run);
+
 // The runs under way in the store of a directory that were launched for a task of that name, or
 // those of which `isWanted` returns true, in the order of their ids. Blocks for disk access only;
 // what this user may not read is left out.

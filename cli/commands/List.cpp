@@ -95,7 +95,7 @@ TExitStatus List(const TCommon& common, bool namesOnly, COutput& output) {
         return cDone;
     }
     const TTime now = Now();
-    const CRunningPrograms running;
+    const CRunningTasks running(common.store.directory);
     std::vector<TListed> listed;
     listed.reserve(table.tasks.size());
     for (const TTaskEntry& task : table.tasks)

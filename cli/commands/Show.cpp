@@ -129,7 +129,7 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     if (task == nullptr)
         throw NoTask(common, name, table);
     const TTime now = Now();
-    const TTaskState state = StateOf(*task, CRunningPrograms(), now);
+    const TTaskState state = StateOf(*task, CRunningTasks(common.store.directory), now);
     const std::string why = WhyNot(common, *task, state, now);
     const std::string real = RealProgram(common.store.directory, task->program);
     const std::vector<TRunRecord> runs = LastRuns(common, name);

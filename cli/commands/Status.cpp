@@ -133,10 +133,9 @@ TStatus ReadStatus(const TCommon& common) {
     status.owed = FindOwedLaunches(common.store.directory);
     status.missing = DescribeMissingTable(common.store.directory);
     const TTime now = Now();
-    const CRunningPrograms running;
     if (status.table) {
         for (const TTaskEntry& task : status.table->tasks) {
-            if (!task.paused && StateOf(task, running, now).state == TTaskState::cOverdue)
+            if (IsOverdue(task, now))
                 status.overdue.push_back(task.name);
         }
     }

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <vxsched/Validation.h>
-
 namespace vxsched {
 
 // vxschedd launches a task in its due second, but other hosts of the add-in tick once a minute.
@@ -30,11 +28,15 @@ std::string TTaskState::Describe() const {
     return running.empty() ? Name() : fmt::format("{}, {}", Name(), running);
 }
 
-TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& programs, TTime now) {
-    const auto state = task.paused                ? TTaskState::cPaused
-                       : task.next < now - cGrace ? TTaskState::cOverdue
-                                                  : TTaskState::cActive;
-    return {state, programs.Find(LaunchedPath(task.program), task.parameter)};
+bool IsOverdue(const TTaskEntry& task, TTime now) {
+    return !task.paused && task.next < now - cGrace;
+}
+
+TTaskState StateOf(const TTaskEntry& task, const CRunningTasks& running, TTime now) {
+    const auto state = task.paused            ? TTaskState::cPaused
+                       : IsOverdue(task, now) ? TTaskState::cOverdue
+                                              : TTaskState::cActive;
+    return {state, running.Find(task)};
 }
 
 }  // namespace vxsched

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <vxsched/RunningPrograms.h>
 #include <vxsched/Table.h>
+#include "runs/CRunningTasks.h"
 
 namespace vxsched {
 
@@ -16,7 +16,7 @@ namespace vxsched {
 struct TTaskState {
     enum EState { cActive, cPaused, cOverdue };
     EState state;
-    std::vector<pid_t> processes;  // that run its program, ascending
+    std::vector<pid_t> processes;  // CRunningTasks::Find()
 
     // "active", "paused" or "overdue": for JSON.
     const char* Name() const;
@@ -25,7 +25,10 @@ struct TTaskState {
     std::string Describe() const;
 };
 
-// The state at `now`. A task is overdue if it has been due for more than a minute.
-TTaskState StateOf(const TTaskEntry& task, const CRunningPrograms& programs, TTime now);
+// Whether an active task has been due for more than a minute.
+bool IsOverdue(const TTaskEntry& task, TTime now);
+
+// The state at `now`.
+TTaskState StateOf(const TTaskEntry& task, const CRunningTasks& running, TTime now);
 
 }  // namespace vxsched

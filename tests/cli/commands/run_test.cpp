@@ -625,6 +625,9 @@ TEST_P(CliRunEitherWay, OfAScriptThatHasBecomeAnotherProgramIsRefused) {
     const std::string process =
         std::to_string(vxsched::FindRunningRuns(".", "job").at(0).run.process);
     WaitUntil([&] { return ReadFile("/proc/" + process + "/comm") == "wait-for-it\n"; });
+    EXPECT_THAT(Output({"list"}), HasSubstr("running " + process));
+    EXPECT_EQ(TJson::parse(Output({"show", "job", "--json"})).at("task").at("processes"),
+              TJson{std::stoi(process)});
     ExpectRefused(1, "task \"job\" is running already, as process " + process, {"run", "job"});
     ExpectRefused(1, "task \"job\" is running already", {"run", "job", "--dry-run"});
     Output({"run", "job", "--force"});
