@@ -188,15 +188,38 @@ std::string TaskFileNameOf(const TRunRecord& run) {
     return fs::path(run.output).parent_path().filename();
 }
 
-static std::optional<TRunning> ReadRunning(const fs::path& path) {
+namespace {
+
+struct TRunFile {
+    TRunRecord run;
+    std::optional<pid_t> runner;  // HolderOf()
+};
+
+std::optional<TRunFile> ReadRunFile(const fs::path& path) {
     const CDescriptor file = OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
     const std::optional<pid_t> runner = HolderOf(file);
     std::string content;
-    if (!runner || !ReadRegularFile(file.Get(), cLongestFile, content))
+    if (!file.IsOpen() || !ReadRegularFile(file.Get(), cLongestFile, content))
         return {};
     const std::optional<TRunRecord> run = LastRecordIn(content);
-    return run ? std::optional(TRunning{*run, *runner}) : std::nullopt;
+    return run ? std::optional(TRunFile{*run, runner}) : std::nullopt;
 }
+
+// In the order of the ids.
+std::vector<TRunFile> ReadRunFiles(const std::string& directory) {
+    std::vector<TRunFile> files;
+    std::error_code error;
+    for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        if (const std::optional<TRunFile> file = ReadRunFile(entry->path()))
+            files.push_back(*file);
+    }
+    std::sort(files.begin(), files.end(),
+              [](const TRunFile& one, const TRunFile& other) { return one.run.id < other.run.id; });
+    return files;
+}
+
+}  // namespace
 
 std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task) {
     return FindRunningRuns(directory, [name = FileNameOf(task)](const TRunRecord& run) {
@@ -207,15 +230,19 @@ std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::s
 std::vector<TRunning> FindRunningRuns(const std::string& directory,
                                       const std::function<bool(const TRunRecord&)>& isWanted) {
     std::vector<TRunning> runs;
-    std::error_code error;
-    for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
-         !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        const std::optional<TRunning> running = ReadRunning(entry->path());
-        if (running && isWanted(running->run))
-            runs.push_back(*running);
+    for (const TRunFile& file : ReadRunFiles(directory)) {
+        if (file.runner && isWanted(file.run))
+            runs.push_back({file.run, *file.runner});
     }
-    std::sort(runs.begin(), runs.end(),
-              [](const TRunning& one, const TRunning& other) { return one.run.id < other.run.id; });
+    return runs;
+}
+
+std::vector<TRunRecord> FindDeadRuns(const std::string& directory) {
+    std::vector<TRunRecord> runs;
+    for (const TRunFile& file : ReadRunFiles(directory)) {
+        if (!file.runner)
+            runs.push_back(file.run);
+    }
     return runs;
 }
 

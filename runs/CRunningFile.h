@@ -69,6 +69,11 @@ std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::s
 std::vector<TRunning> FindRunningRuns(const std::string& directory,
                                       const std::function<bool(const TRunRecord&)>& isWanted);
 
+// The runs in the store of a directory whose runner has died or could not record its end, as they would
+// be recorded. A runner may have been killed after it had recorded its run. Blocks for disk access
+// only; what this user may not read is left out.
+std::vector<TRunRecord> FindDeadRuns(const std::string& directory);
+
 // Sends the runner of a run SIGTERM, or nobody if it has ended. The run's record names `user` as who has
 // had it stopped. Returns 0 or an error number: EPERM for a runner of another user's, EXDEV for one in
 // another PID namespace.

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
@@ -10,6 +11,7 @@
 
 #include <vxsched/Error.h>
 #include "base/RegularFile.h"
+#include "runs/CRunningFile.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 
@@ -117,13 +119,29 @@ std::optional<TRunRecord> FindRecord(const std::string& directory, const std::st
     return {};
 }
 
+bool IsRecorded(const std::string& directory, const std::string& id) {
+    try {
+        return FindRecord(directory, id).has_value();
+    } catch (const CError&) {
+        return false;
+    }
+}
+
 THistory ReadHistory(const std::string& directory, const std::optional<std::string>& task) {
     std::optional<std::string> recorded;
     if (task)
         recorded = AsRecorded(*task);
     THistory history;
+    // Before the files: a run that is recorded meanwhile is in them.
+    const std::vector<TRunRecord> dead = FindDeadRuns(directory);
     for (const TFile& file : ReadFiles(fs::path(directory) / cHistoryFile))
         ReadLines(file, recorded, history);
+    for (const TRunRecord& run : dead) {
+        const auto isIt = [&](const TRunRecord& one) { return one.id == run.id; };
+        if ((!recorded || run.task == recorded) &&
+            std::none_of(history.runs.begin(), history.runs.end(), isIt))
+            history.runs.push_back(run);
+    }
     return history;
 }
 

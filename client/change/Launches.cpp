@@ -17,6 +17,8 @@
 #include "client/change/HostLaunch.h"
 #include "interpose/Launch.h"
 #include "runs/CRunHistory.h"
+#include "runs/CRunningFile.h"
+#include "runs/HistoryReader.h"
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
 #include "runs/RunnerLaunch.h"
@@ -93,8 +95,16 @@ void RecordFailure(const TLaunchRequest& request, const std::string& error) {
     CRunHistory(cHistorySize, [](const std::string&) {}).Add(run);
 }
 
+// Of runners that have died while no host was there to record that.
+void RecordDeadRuns() {
+    CRunHistory history(cHistorySize, [](const std::string&) {});
+    RecordDeadRunners(
+        [&](const TRunRecord& run) { return IsRecorded(".", run.id) || history.Add(run); });
+}
+
 // Makes a launch without a host. `error` is an error number.
 TLaunch LaunchWithoutHost(const TLaunchRequest& request, int& error) {
+    RecordDeadRuns();
     TLaunch launch;
     const std::string runner = FindRunner({VXSCHED_PROGRAM_DIRECTORY, "../../bin"});
     if (runner.empty()) {

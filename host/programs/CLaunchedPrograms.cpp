@@ -179,21 +179,10 @@ void CLaunchedPrograms::RecordEnd(const TProgram& program) {
         Record(program.run);
 }
 
-// Whether the history has such a run of a task. One that cannot be read has none.
-static bool IsRecorded(const std::optional<std::string>& task,
-                       const std::function<bool(const TRunRecord&)>& isIt) {
-    try {
-        const std::vector<TRunRecord> runs = vxsched::ReadHistory(".", task).runs;
-        return std::any_of(runs.begin(), runs.end(), isIt);
-    } catch (const vxsched::CError&) {
-        return false;
-    }
-}
-
 // A runner may have been killed after it had recorded its run.
 bool CLaunchedPrograms::RecordDeadRuns() {
     return RecordDeadRunners([this](const TRunRecord& run) {
-        if (IsRecorded(run.task, [&](const TRunRecord& one) { return one.id == run.id; }))
+        if (vxsched::IsRecorded(".", run.id))
             return true;
         const char* const what =
             run.outcome == TRunRecord::cRunnerDied ? "was killed" : "could not record its end";
@@ -208,8 +197,13 @@ void CLaunchedPrograms::RecordUnreported(TRunRecord run) {
     const auto isIt = [&](const TRunRecord& one) {
         return one.started >= run.started && RunnerOf(one.id) == run.process;
     };
-    if (IsRecorded(run.task, isIt))
-        return;
+    try {
+        const std::vector<TRunRecord> runs = vxsched::ReadHistory(".", run.task).runs;
+        if (std::any_of(runs.begin(), runs.end(), isIt))
+            return;
+    } catch (const vxsched::CError&) {
+        // One record too many is better than none.
+    }
     run.outcome = TRunRecord::cRunnerDied;
     run.id = MakeOwnRunId();
     Record(run);

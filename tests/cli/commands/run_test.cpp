@@ -40,6 +40,7 @@
 
 namespace fs = std::filesystem;
 
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -547,14 +548,21 @@ TEST_P(CliRunEitherWay, RunWhoseRunnerIsKilledHasFailed) {
     EXPECT_THAT(run.Output(), HasSubstr("the runner of process " + std::to_string(program) +
                                         " was killed: how the program ends is not known"));
     kill(-program, SIGKILL);
-    // Without a host nobody else notices, and the next one records it.
-    if (!host)
-        host = std::make_unique<CHost>();
+    EXPECT_THAT(Output({"history", "job", "--failed"}), HasSubstr("runner died"));
+    EXPECT_THAT(Output({"show", "job"}), HasSubstr("runner died"));
+    // Without a host nobody else notices, and the next launch records it.
+    if (!host) {
+        EXPECT_TRUE(Records().empty());
+        WriteJob("while [ -e files ] && [ ! -e end ]; do sleep 0.01; done");
+        Output({"run", "job"});
+    }
     WaitUntil([] { return !Records().empty(); });
     EXPECT_EQ(LastRecord().at("outcome"), "runner died");
     EXPECT_EQ(LastRecord().at("trigger"), "manual");
     EXPECT_EQ(LastRecord().at("process"), program);
     EXPECT_EQ(Records().size(), 1U);
+    EXPECT_THAT(Output({"history", "job"}), Not(ContainsRegex("runner died(.|\n)*runner died")));
+    WriteFile("end", "");
 }
 
 TEST_F(CliRun, WithoutAHistoryTheEndIsNotKnown) {
