@@ -76,13 +76,21 @@ std::string StringOf(const TJson& json, const char* field) {
     return bytes;
 }
 
+// Of a run, whose file has it as its name.
+std::string IdOf(const TJson& json) {
+    std::string id = StringOf(json, "run");
+    if (id.find('/') != std::string::npos)
+        throw TRefusal{EINVAL, "\"run\" has a slash, which is in no id of a run"};
+    return id;
+}
+
 std::variant<TLaunchRequest, TStopRequest> DecodeRequest(std::string_view line) {
     try {
         const TJson json = ParseJson(line);
         if (json.at("version") != cVersion)
             throw TRefusal{EPROTONOSUPPORT, "this host knows requests of version 1"};
         if (json.at("request") == cStop)
-            return TStopRequest{StringOf(json, "task"), StringOf(json, "run")};
+            return TStopRequest{StringOf(json, "task"), IdOf(json)};
         if (json.at("request") != cRun)
             throw TRefusal{ENOSYS, "this host knows the requests \"run\" and \"stop\""};
         return TLaunchRequest{StringOf(json, "task"), StringOf(json, "program"),

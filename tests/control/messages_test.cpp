@@ -132,6 +132,8 @@ TEST(ControlMessages, WhatIsNoRequestIsRefusedWithAReason) {
     const std::string head = R"({"version":1,"request":"run",)";
     EXPECT_EQ(AnswerTo(R"({"version":2,"request":"run",)" + fields + '}').error, EPROTONOSUPPORT);
     EXPECT_EQ(AnswerTo(R"({"version":1,"request":"wait",)" + fields + '}').error, ENOSYS);
+    EXPECT_EQ(AnswerTo(R"({"version":1,"request":"stop","task":"a","run":"../lock"})").error,
+              EINVAL);
     for (const std::string& line :
          {std::string(), std::string("{}"), std::string("run"), std::string("[1]"),
           std::string("\xff"), std::string(100'000, '['), "{\"request\":\"run\"," + fields + '}',
