@@ -86,6 +86,7 @@ private:
     void AddChanges();
     void AddMaintenance();
     void AddDryRun(CLI::App& command);
+    void AddChangeOptions(CLI::App& command);
     void AddForce(CLI::App& command);
     void AddName(CLI::App& command);
     void Parse(int argc, const char* const* argv);
@@ -142,8 +143,9 @@ CCommandLine::CCommandLine() {
     app.footer(
         "Times: 2026-11-21 14:30 (local; append Z or +01:00 for another zone), 14:30,\n"
         "noon, tomorrow, \"friday 02:00\", now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
-        "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task, 4 no access,\n"
-        "5 damaged table, 6 no scheduling process, 9 cut short, result unknown.");
+        "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task or\n"
+        "output, 4 no access, 5 damaged table, 6 no scheduling process, 9 cut short, result\n"
+        "unknown.");
     AddQueries();
     AddChanges();
     AddMaintenance();
@@ -191,7 +193,7 @@ void CCommandLine::AddQueries() {
             next.add_option("--until", until, "List runs up to this time")->type_name("TIME");
         });
     Add(
-        "history", "List the last runs of one task or of all tasks, as the host recorded them",
+        "history", "List the recorded runs of one task or of all tasks",
         [this] { return History(common, task.name, historyOptions, output); },
         [this, addJson](CLI::App& history) {
             addJson(history);
@@ -206,9 +208,10 @@ void CCommandLine::AddQueries() {
                 .add_option("--since", historyOptions.since,
                             "List runs from this time on: 3h ago, yesterday, friday 14:30, ...")
                 ->type_name("TIME");
-            history.add_flag("--failed", historyOptions.failedOnly,
-                             "List only runs that failed (status other than 0), were killed, could "
-                             "not start or were missed");
+            history.add_flag(
+                "--failed", historyOptions.failedOnly,
+                "List only runs that failed (status other than 0), were killed, could "
+                "not start or were missed, whose launch is unknown or whose runner died");
         });
     Add(
         "stop", "Terminate the runs of a task that are under way, and wait for their end",
@@ -248,6 +251,11 @@ void CCommandLine::AddQueries() {
 
 void CCommandLine::AddDryRun(CLI::App& command) {
     command.add_flag("--dry-run", common.dryRun, "Print what would be done and change nothing");
+}
+
+// For a change of the table.
+void CCommandLine::AddChangeOptions(CLI::App& command) {
+    AddDryRun(command);
     command.add_flag(
         "--even-if-due", common.store.evenIfDue,
         "Allow the change while tasks are due and no scheduling process runs; they stay due");
@@ -277,7 +285,7 @@ void CCommandLine::AddForNames(const char* name, const char* description,
         name, description, [this, command] { return command(common, names, output); },
         [this, isForcible](CLI::App& added) {
             added.add_option("name", names, "The tasks")->type_name("NAME")->required();
-            AddDryRun(added);
+            AddChangeOptions(added);
             if (isForcible)
                 AddForce(added);
         });
@@ -301,7 +309,7 @@ void CCommandLine::AddChanges() {
                 .add_option("parameter", task.parameter,
                             "The single argument that the program is launched with")
                 ->type_name("PARAMETER");
-            AddDryRun(create);
+            AddChangeOptions(create);
             AddForce(create);
         });
     Add(
@@ -317,7 +325,7 @@ void CCommandLine::AddChanges() {
                 ->type_name("PATH");
             edit.add_option("--parameter", task.parameter, "Argument of the program")
                 ->type_name("PARAMETER");
-            AddDryRun(edit);
+            AddChangeOptions(edit);
             AddForce(edit);
         });
     AddForNames("remove", "Remove tasks; if one does not exist, none is removed", Remove, false);
@@ -329,7 +337,7 @@ void CCommandLine::AddChanges() {
         [this](CLI::App& added) {
             AddName(added);
             added.add_option("period", period, "6h, 1d, 2w, once")->type_name("PERIOD")->required();
-            AddDryRun(added);
+            AddChangeOptions(added);
             AddForce(added);
         });
     Add(
@@ -340,7 +348,7 @@ void CCommandLine::AddChanges() {
             run.add_flag("--force", force, "Start it even if it is already running");
             run.add_flag("--wait", wait,
                          "Print what it writes until it exits, and exit with its status");
-            AddDryRun(run);
+            AddChangeOptions(run);
         });
     Add(
         "wake", "Make the scheduling process check for due tasks now",

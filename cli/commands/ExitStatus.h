@@ -9,7 +9,7 @@ enum TExitStatus : int {
     cDone = 0,
     cRefusedStatus = 1,      // or failed; nothing was changed unless the message reports a change
     cUsageStatus = 2,        // the command line could not be parsed
-    cNotFoundStatus = 3,     // there is no task of that name
+    cNotFoundStatus = 3,     // there is no task of that name, or no such output of it
     cNoAccessStatus = 4,     // this user lacks a permission
     cDamagedStatus = 5,      // the table is damaged, or loading it would hang a process
     cNoSchedulerStatus = 6,  // the command needs a scheduling process, and none is running

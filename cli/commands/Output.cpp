@@ -17,9 +17,8 @@ namespace {
 
 CError NoOutput(const TCommon& common, const std::string& name, std::size_t kept) {
     if (kept > 0)
-        return MakeError(EError::cNotFound,
-                         "there are {} outputs of \"{}\"; --run {} is the oldest", kept, name,
-                         kept);
+        return MakeError(EError::cNotFound, "{} {} of \"{}\" {} kept; --run {} is the oldest", kept,
+                         kept == 1 ? "output" : "outputs", name, kept == 1 ? "is" : "are", kept);
     if (ReadHistory(common.store.directory, name).runs.empty())
         RequireTask(common, name);
     return MakeError(EError::cNotFound, "no output of \"{}\" is kept; see vxsched history {}", name,

@@ -39,7 +39,7 @@ TEST_F(CliOutput, IsThatOfTheLastRunOrOfAnEarlierOne) {
     EXPECT_EQ(Output({"output", "a"}), "second\n");
     EXPECT_EQ(Output({"output", "a", "--run", "2"}), "first\n");
     EXPECT_EQ(Output({"output", "b"}), "another's\n") << "its task was removed";
-    ExpectRefused(3, "there are 2 outputs of \"a\"; --run 2 is the oldest",
+    ExpectRefused(3, "2 outputs of \"a\" are kept; --run 2 is the oldest",
                   {"output", "a", "--run", "3"});
     ExpectRefused(2, "--run", {"output", "a", "--run", "0"});
 }
