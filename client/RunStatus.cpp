@@ -11,8 +11,8 @@ namespace vxsched {
 int FindWaitStatus(const std::filesystem::path& directory, const TRun& run) {
     if (run.id.empty())
         throw MakeError(EError::cFailed,
-                        "process {} has no runner that reports its end, or that could not make its "
-                        "file in files/running; see vxsched history",
+                        "how process {} ends is not reported: it has no runner, or its runner was "
+                        "late or could not make its file in files/running; see vxsched history",
                         run.process);
     const TRunRecord end = FindEnd(directory, run.id);
     switch (end.outcome) {

@@ -68,7 +68,7 @@ static void DescribeOptions(CLI::App& app, THostOptions& options) {
     app.add_option(
            "--output", options.output,
            "Where the output of launched programs is copied to: where the host writes, to the "
-           "journal, or nowhere; vxsched output prints it in any case")
+           "journal, or nowhere; vxsched output prints what --output-size keeps")
         ->type_name("inherit|journal|none")
         ->check(CLI::IsMember({"inherit", "journal", "none"}).description(""))
         ->capture_default_str();

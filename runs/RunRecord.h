@@ -14,7 +14,8 @@
 struct rusage;
 
 // The resources that a program used, including those of the processes that it has made and that have
-// ended before it; of a program without a runner, of those that it has waited for.
+// ended before it; of a program without a runner, of those that it has waited for. The system counts
+// no process whose parent ignores SIGCHLD.
 struct TUsage {
     std::chrono::microseconds user{0};
     std::chrono::microseconds system{0};
@@ -53,7 +54,7 @@ struct TRunRecord {
     std::string parameter;
     pid_t process = 0;  // 0: there was none
     std::optional<TMoment> started;
-    std::optional<TMoment> ended;  // when the host collected its status
+    std::optional<TMoment> ended;  // when its status was collected
     int number = 0;                // see EOutcome
     TUsage usage;
     std::string error;

@@ -13,8 +13,8 @@
 
 // The socket by which clients have this host launch and stop programs: files/control, for those users who may
 // use the store. A client sends one line and gets one, after which the connection is closed;
-// docs/control.md has the rules. Nothing here blocks, and no client can keep more than a line of
-// vxsched::cLongestMessage. For the main thread.
+// docs/control.md has the rules. No client is waited for, and none can keep more than a line of
+// vxsched::cLongestMessage; a request is carried out before the next one is read. For the main thread.
 class CControlSocket {
 public:
     // Who has sent a line.
