@@ -130,10 +130,16 @@ std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error)
         error = ENOEXEC;
         return {};
     }
-    const TLaunchReport known = report.value_or(TLaunchReport{.error = 0, .process = 0, .run = {}});
-    launched.error = known.error;
-    launched.program = known.process != 0 ? known.process : launched.child;
-    launched.hasRunner = known.process != launched.child;
-    launched.run = known.run;
+    if (!report) {
+        launched.program = launched.child;
+        launched.kind = ELaunchedChild::cSilentRunner;
+        return launched;
+    }
+    launched.error = report->error;
+    launched.program = report->process;
+    // A runner that has no room for another process becomes the program.
+    if (report->process != launched.child)
+        launched.kind = ELaunchedChild::cRunner;
+    launched.run = report->run;
     return launched;
 }

@@ -21,13 +21,19 @@ inline constexpr std::chrono::seconds cRunnerLimit(10);
 // this program. Empty if none has it. Any thread may call it.
 std::string FindRunner(const std::vector<std::filesystem::path>& directories);
 
+// What a launcher has made. A runner records how the program ends, unless it is killed.
+enum class ELaunchedChild {
+    cProgram,
+    cRunner,
+    cSilentRunner,  // has not reported its program
+};
+
 // What became of a launch.
 struct TLaunched {
-    int error = 0;      // an error number; 0: launched
-    pid_t child = 0;    // of this process: the program, or its runner
-    pid_t program = 0;  // what runs; `child` if its runner has not reported that
-    // `child` is a runner, which records how the program ends unless it is killed.
-    bool hasRunner = false;
+    int error = 0;    // an error number; 0: launched
+    pid_t child = 0;  // of this process
+    ELaunchedChild kind = ELaunchedChild::cProgram;
+    pid_t program = 0;     // `child` if that is a silent runner
     std::string run = {};  // the id of the run; empty if it is not recorded by a runner
 };
 

@@ -42,12 +42,11 @@ void CLaunchedPrograms::RecordIn(CRunHistory* runHistory) {
     history = runHistory;
 }
 
-void CLaunchedPrograms::Launched(const TRunRecord& run, pid_t child, bool hasRunner) {
+void CLaunchedPrograms::Launched(const TRunRecord& run, pid_t child, ELaunchedChild kind) {
     LogInfo(fmt::format("started process {} for {}", run.process, DescriptionOf(run)));
     const std::lock_guard<std::mutex> lock(mutex);
     ++launches;
-    programs[child] = {
-        .run = run, .launched = std::chrono::steady_clock::now(), .hasRunner = hasRunner};
+    programs[child] = {.run = run, .launched = std::chrono::steady_clock::now(), .kind = kind};
 }
 
 bool CLaunchedPrograms::RecordDead() {
@@ -79,7 +78,7 @@ void CLaunchedPrograms::WaitedFor(pid_t process, pid_t result, int status, const
     if (found == programs.end())
         return;
     if (result == process) {
-        Ended(process, found->second, status, usage);
+        Ended(found->second, status, usage);
         programs.erase(found);
     } else {
         found->second.wasWaitedFor = true;
@@ -104,7 +103,7 @@ void CLaunchedPrograms::CollectFinished() {
         if (result == 0)
             continue;
         if (result == current->first) {
-            Ended(current->first, program, status, usage);
+            Ended(program, status, usage);
         } else {
             LogWarning(fmt::format("process {} ended, but something else collected its status, {}",
                                    current->first, DescriptionOf(program.run)));
@@ -150,7 +149,7 @@ std::size_t CLaunchedPrograms::CountLaunches() {
     return launches;
 }
 
-void CLaunchedPrograms::Ended(pid_t child, TProgram& program, int status, const rusage& usage) {
+void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - program.launched;
     TRunRecord& run = program.run;
     RecordProgramEnd(run, status, usage);
@@ -166,16 +165,16 @@ void CLaunchedPrograms::Ended(pid_t child, TProgram& program, int status, const 
     else
         LogWarning(message);
     RecordEnd(program);
-    if (!program.hasRunner || run.outcome != TRunRecord::cKilled)
+    if (program.kind == ELaunchedChild::cProgram || run.outcome != TRunRecord::cKilled)
         return;
     // It ends as its program does, or it was killed itself.
     RecordDeadRuns();
-    if (run.process == child)
+    if (program.kind == ELaunchedChild::cSilentRunner)
         RecordUnreported(run);
 }
 
 void CLaunchedPrograms::RecordEnd(const TProgram& program) {
-    if (!program.hasRunner)
+    if (program.kind == ELaunchedChild::cProgram)
         Record(program.run);
 }
 

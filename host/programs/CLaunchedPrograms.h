@@ -11,6 +11,7 @@
 #include "base/CDescriptor.h"
 #include "runs/CRunHistory.h"
 #include "runs/RunRecord.h"
+#include "runs/RunnerLaunch.h"
 
 // The programs that this process has launched and not yet collected. Every end is logged and
 // recorded once, with how the program ended, how long it ran and what it used. Any thread may call
@@ -30,11 +31,10 @@ public:
     // taken for an orphan.
     [[nodiscard]] std::unique_lock<std::mutex> Launching() { return std::unique_lock(launching); }
 
-    // A program was launched, as run.process, by `child` of this process: its runner, which records
-    // its end, or itself. run.process is that of a runner that has not reported its program. The child
-    // is not collected before WaitedFor(): the add-in is about to call waitpid() for it, and must get
+    // A program was launched, as run.process, by or as `child` of this process, as TLaunched has it.
+    // The child is not collected before WaitedFor(): the add-in is about to call waitpid() for it, and must get
     // the answer.
-    void Launched(const TRunRecord& run, pid_t child, bool hasRunner);
+    void Launched(const TRunRecord& run, pid_t child, ELaunchedChild kind);
 
     // Records the runs whose runners have died. Returns false if one could not be recorded.
     bool RecordDead();
@@ -69,12 +69,12 @@ private:
         TRunRecord run;
         std::chrono::steady_clock::time_point launched;
         bool wasWaitedFor = false;
-        bool hasRunner = false;
+        ELaunchedChild kind = ELaunchedChild::cProgram;
     };
     using TPrograms = std::map<pid_t, TProgram>;  // by the child
 
     // The caller holds `mutex`.
-    void Ended(pid_t child, TProgram& program, int status, const rusage& usage);
+    void Ended(TProgram& program, int status, const rusage& usage);
     void RecordEnd(const TProgram& program);
     bool Record(const TRunRecord& run);  // false if it could not be written
     bool RecordDeadRuns();

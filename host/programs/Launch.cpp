@@ -244,11 +244,11 @@ TLaunched Launch(TRunRecord& run, const TRequest& request, const CDescriptor& ou
     }
     if (launched.error == 0) {
         run.process = launched.program;
-        if (!launched.hasRunner)
+        if (launched.kind == ELaunchedChild::cProgram)
             run.id = MakeOwnRunId();
         if (record)
             RememberLaunch(*record);
-        CLaunchedPrograms::Instance().Launched(run, launched.child, launched.hasRunner);
+        CLaunchedPrograms::Instance().Launched(run, launched.child, launched.kind);
     } else if (recordPath) {
         // The new process may have created the record before it failed.
         unlink(recordPath->c_str());
