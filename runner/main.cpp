@@ -155,6 +155,38 @@ bool IsForWantOfRoom(int error) {
     _exit(128 + run.number);
 }
 
+// The launcher records the failure, if it can.
+void ReportFailure(const TRunRequest& request, TRunRecord& run, int error, CRunHistory& history) {
+    if (Report(request.report, error, 0, ""))
+        return;
+    RecordNotStarted(run, std::strerror(error));
+    history.Add(run);
+}
+
+// The end of a program that cannot be recorded stays in the file of its run, for whoever finds it.
+void RecordEnd(const TRunRecord& run, CRunningFile& running, CRunHistory& history) {
+    running.Finish(run);
+    if (history.Add(run))
+        running.Remove();
+    running.Close();
+}
+
+// Keeps what is written after the program's end: in a child of this process, whose parent waits for the
+// run, or in this one if the system has no room for a child.
+void KeepLaterOutput(CJob& job, COutputFile& file, const TRunRecord& run) {
+    bool isChild = false;
+    if (job.HasOutput()) {
+        const pid_t child = fork();
+        isChild = child == 0;
+        if (child <= 0)
+            job.KeepOutput();
+    }
+    file.Close();
+    RemoveOldOutputs(run.task);
+    if (isChild)
+        _exit(0);
+}
+
 int Run(const TRunRequest& request, char* const command[]) {
     TRunRecord run = Describe(command, request.trigger);
     run.output = OutputPathOf(run.task, run.id);
@@ -176,13 +208,7 @@ int Run(const TRunRequest& request, char* const command[]) {
         running.Remove();
         if (IsForWantOfRoom(error))
             Become(request, command);
-        // The launcher records it, if it can.
-        if (!Report(request.report, error, 0, "")) {
-            run.outcome = TRunRecord::cNotStarted;
-            run.error = std::strerror(error);
-            run.ended = CurrentMoment();
-            history.Add(run);
-        }
+        ReportFailure(request, run, error, history);
         return cNotStarted;
     }
     run.process = job.Process();
@@ -193,21 +219,10 @@ int Run(const TRunRequest& request, char* const command[]) {
     COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, Warn);
     job.KeepIn(file);
     job.WaitForEnd(run);
-    running.Finish(run);
-    if (history.Add(run))
-        running.Remove();
-    running.Close();
+    RecordEnd(run, running, history);
     // Whoever follows the run finds its record at the end of its output.
     follower.End();
-    // The run has ended; its output may not have.
-    const bool isKept = job.HasOutput();
-    const pid_t keeper = isKept ? fork() : -1;
-    if (isKept && keeper <= 0)
-        job.KeepOutput();
-    file.Close();
-    RemoveOldOutputs(run.task);
-    if (keeper == 0)
-        _exit(0);
+    KeepLaterOutput(job, file, run);
     EndAs(run);
 }
 
