@@ -64,7 +64,7 @@
 #include "interpose/SemaphoreLoad.h"
 #include "interpose/SemaphoreWait.h"
 #include "runs/CRunHistory.h"
-#include "runs/CRunningFile.h"
+#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 #include "store/StoreMutexSet.h"
 #include "store/StoreSemaphores.h"

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/FileLock.h"
 #include "base/RegularFile.h"
 #include "base/WriteAll.h"
 #include "store/StoreAccess.h"
@@ -34,13 +35,6 @@ static CDescriptor CreateAt(const fs::path& path) {
                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-// A lock of the open file: a process that this one makes by a fork shares it.
-static bool LockAsWriter(const CDescriptor& file, int command) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    return fcntl(file.Get(), command, &whole) == 0;
-}
-
 static bool IsRemoved(const CDescriptor& file) {
     struct stat status {};
     return fstat(file.Get(), &status) == 0 && status.st_nlink == 0;
@@ -62,7 +56,7 @@ void COutputFile::Create() {
         if (!file.IsOpen())
             return;
         // Where the file system has no locks, the file is not kept from removal.
-        LockAsWriter(file, F_OFD_SETLKW);
+        LockForWriting(file, F_OFD_SETLKW);
         if (!IsRemoved(file))
             break;
     }
@@ -116,7 +110,7 @@ static bool LockUnwritten(const std::string& path, CDescriptor& file) {
     file = OpenRegularFile(path.c_str(), O_WRONLY | O_NOFOLLOW);
     if (!file.IsOpen())
         return errno == ELOOP || errno == EISDIR || errno == cNotAFile || errno == ENOENT;
-    return LockAsWriter(file, F_OFD_SETLK) || (errno != EAGAIN && errno != EACCES);
+    return LockForWriting(file, F_OFD_SETLK) || (errno != EAGAIN && errno != EACCES);
 }
 
 bool IsOutputWritten(const std::string& path) {

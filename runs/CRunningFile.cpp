@@ -4,36 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <filesystem>
-#include <optional>
-#include <sstream>
-#include <system_error>
 
-#include "base/RegularFile.h"
-#include "base/SameFile.h"
+#include "base/FileLock.h"
 #include "base/WriteAll.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
-#include "store/TaskFileName.h"
-
-// The header does not declare its functions as those of C.
-extern "C" {
-#include <sys/pidfd.h>
-}
-
-namespace fs = std::filesystem;
 
 using vxsched::cRunningDirectory;
 
 // RecordDeadRunners() may remove a file before its runner has locked it.
 static constexpr int cMostCreations = 10;
-
-// Of a few records, whose strings are as long as the system passes them to a program.
-static constexpr std::uint64_t cLongestFile = std::uint64_t{16} << 20U;
 
 // How often the run is written, and what its end takes at most besides what is known before.
 static constexpr int cMostRecords = 3;
@@ -41,14 +23,6 @@ static constexpr std::size_t cEndSize = 1024;
 
 static std::string PathOf(const std::string& id) {
     return std::string(cRunningDirectory) + '/' + id;
-}
-
-// A lock of this process alone: a process that it has just made, and that has not executed its
-// program yet, does not share it.
-static bool Lock(const CDescriptor& file, int command) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    return fcntl(file.Get(), command, &whole) == 0;
 }
 
 CRunningFile::CRunningFile(const TRunRecord& run) : path(PathOf(run.id)) {
@@ -80,7 +54,9 @@ bool CRunningFile::Create(const TRunRecord& run) {
         vxsched::MakePrivateDirectory(cRunningDirectory, ".");
         file = CreateFile(path);
     }
-    if (!file.IsOpen() || !Lock(file, F_SETLKW))
+    // A lock of this process alone: a process that it has just made, and that has not executed its
+    // program yet, does not share it.
+    if (!file.IsOpen() || !LockForWriting(file, F_SETLKW))
         return false;
     struct stat status {};
     if (fstat(file.Get(), &status) == 0 && status.st_nlink == 0) {
@@ -116,175 +92,3 @@ void CRunningFile::Remove() {
     if (error.empty())
         unlink(path.c_str());
 }
-
-// The last record of a run's file.
-static std::optional<TRunRecord> LastRecordIn(const std::string& content) {
-    std::optional<TRunRecord> run;
-    std::istringstream lines(content);
-    for (std::string line; std::getline(lines, line);) {
-        if (const std::optional<TRunRecord> later = ReadJsonLine(line))
-            run = later;
-    }
-    return run;
-}
-
-// What is known of a run whose file cannot be read.
-static TRunRecord DescribeUnreadable(const std::string& id) {
-    TRunRecord run;
-    run.outcome = TRunRecord::cRunnerDied;
-    run.id = id;
-    return run;
-}
-
-// The process that has the file locked; empty if nobody has, 0 if it is not visible here. Asks only: a
-// lock that is tried would keep RecordDeadRunners() from its own.
-static std::optional<pid_t> HolderOf(const CDescriptor& file) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    if (!file.IsOpen() || fcntl(file.Get(), F_GETLK, &whole) == -1 || whole.l_type == F_UNLCK)
-        return {};
-    return std::max(whole.l_pid, 0);
-}
-
-// Records the run of a runner that has died, and removes its file; one without a line has had no run yet.
-// False if it has to be recorded later. The file of a runner that lives is opened for reading only:
-// whoever watches for closed files (CRunnerWatch) is told of none.
-static bool RecordOne(const fs::path& path, const std::function<bool(const TRunRecord&)>& record) {
-    if (HolderOf(OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW)))
-        return true;
-    const CDescriptor file = OpenRegularFile(path.c_str(), O_RDWR | O_NOFOLLOW);
-    if (!file.IsOpen() || !Lock(file, F_SETLK))
-        return true;
-    // Another process may have recorded it since.
-    struct stat status {};
-    if (fstat(file.Get(), &status) == -1 || !vxsched::IsSameFile(path, status))
-        return true;
-    std::string content;
-    bool isDone = ReadRegularFile(file.Get(), cLongestFile, content) &&
-                  content.find('\n') == std::string::npos;
-    if (!isDone) {
-        TRunRecord run = LastRecordIn(content).value_or(DescribeUnreadable(path.filename()));
-        if (run.outcome == TRunRecord::cRunnerDied)
-            run.ended = CurrentMoment();
-        isDone = record(run);
-    }
-    if (isDone)
-        unlink(path.c_str());
-    return isDone;
-}
-
-bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record) {
-    bool areDone = true;
-    std::error_code error;
-    for (fs::directory_iterator entry(cRunningDirectory, error);
-         !error && entry != fs::directory_iterator(); entry.increment(error))
-        areDone = RecordOne(entry->path(), record) && areDone;
-    return areDone;
-}
-
-namespace vxsched {
-
-std::string TaskFileNameOf(const TRunRecord& run) {
-    return fs::path(run.output).parent_path().filename();
-}
-
-namespace {
-
-struct TRunFile {
-    TRunRecord run;
-    std::optional<pid_t> runner;  // HolderOf()
-};
-
-std::optional<TRunFile> ReadRunFile(const fs::path& path) {
-    const CDescriptor file = OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
-    const std::optional<pid_t> runner = HolderOf(file);
-    std::string content;
-    if (!file.IsOpen() || !ReadRegularFile(file.Get(), cLongestFile, content))
-        return {};
-    const std::optional<TRunRecord> run = LastRecordIn(content);
-    return run ? std::optional(TRunFile{*run, runner}) : std::nullopt;
-}
-
-// In the order of the ids.
-std::vector<TRunFile> ReadRunFiles(const std::string& directory) {
-    std::vector<TRunFile> files;
-    std::error_code error;
-    for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
-         !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        if (const std::optional<TRunFile> file = ReadRunFile(entry->path()))
-            files.push_back(*file);
-    }
-    std::sort(files.begin(), files.end(),
-              [](const TRunFile& one, const TRunFile& other) { return one.run.id < other.run.id; });
-    return files;
-}
-
-}  // namespace
-
-std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task) {
-    return FindRunningRuns(directory, [name = FileNameOf(task)](const TRunRecord& run) {
-        return TaskFileNameOf(run) == name;
-    });
-}
-
-std::vector<TRunning> FindRunningRuns(const std::string& directory,
-                                      const std::function<bool(const TRunRecord&)>& isWanted) {
-    std::vector<TRunning> runs;
-    for (const TRunFile& file : ReadRunFiles(directory)) {
-        if (file.runner && isWanted(file.run))
-            runs.push_back({file.run, *file.runner});
-    }
-    return runs;
-}
-
-std::vector<TRunRecord> FindDeadRuns(const std::string& directory) {
-    std::vector<TRunRecord> runs;
-    for (const TRunFile& file : ReadRunFiles(directory)) {
-        if (!file.runner)
-            runs.push_back(file.run);
-    }
-    return runs;
-}
-
-static CDescriptor OpenFileOf(const std::string& directory, const std::string& id) {
-    const fs::path path = fs::path(directory) / cRunningDirectory / id;
-    return OpenRegularFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
-}
-
-bool IsRunning(const std::string& directory, const std::string& id) {
-    const CDescriptor file = OpenFileOf(directory, id);
-    // It is there; the run ends when it is removed.
-    if (!file.IsOpen())
-        return errno == EACCES || errno == EMFILE || errno == ENFILE || errno == ENOMEM;
-    return HolderOf(file).has_value();
-}
-
-int Terminate(const std::string& directory, const TRunning& running, uid_t user) {
-    if (running.runner == 0)
-        return EXDEV;
-    const CDescriptor process(pidfd_open(running.runner, 0));
-    if (!process.IsOpen())
-        return errno == ESRCH ? 0 : errno;
-    // It has had the lock all the time, or it is not the runner.
-    if (HolderOf(OpenFileOf(directory, running.run.id)) != running.runner)
-        return 0;
-    // The system leaves it to the sender of such a signal to name one.
-    siginfo_t signal{};
-    signal.si_signo = SIGTERM;
-    signal.si_code = SI_QUEUE;
-    signal.si_pid = getpid();
-    signal.si_uid = user;
-    return pidfd_send_signal(process.Get(), SIGTERM, &signal, 0) == 0 || errno == ESRCH ? 0 : errno;
-}
-
-std::optional<TRunRecord> ReadRunningFile(const std::string& directory, const std::string& id) {
-    const CDescriptor file = OpenFileOf(directory, id);
-    std::string content;
-    if (!file.IsOpen())
-        return {};
-    if (!ReadRegularFile(file.Get(), cLongestFile, content))
-        return DescribeUnreadable(id);
-    return LastRecordIn(content).value_or(DescribeUnreadable(id));
-}
-
-}  // namespace vxsched

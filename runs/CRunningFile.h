@@ -1,11 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <functional>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "base/CDescriptor.h"
 #include "runs/RunRecord.h"
@@ -42,49 +37,3 @@ private:
     CDescriptor file;
     std::string error;
 };
-
-// Calls `record` with each run in the working directory whose runner has died or could not record its
-// end, and removes its file if that returns true. Returns false if one was not recorded. Several
-// processes may call this at once: each run is recorded by one of them. Blocks for disk access only.
-// Files that cannot be opened are left. Not for the process of a CRunningFile, which would lose its
-// lock.
-bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record);
-
-namespace vxsched {
-
-// A run whose runner is alive.
-struct TRunning {
-    TRunRecord run;
-    pid_t runner = 0;  // 0: it is in another PID namespace
-};
-
-// The name of a run's task as FileNameOf() encodes it. Two names that no record tells apart, since they
-// are not UTF-8, differ in it.
-std::string TaskFileNameOf(const TRunRecord& run);
-
-// The runs under way in the store of a directory that were launched for a task of that name, or
-// those of which `isWanted` returns true, in the order of their ids. Blocks for disk access only;
-// what this user may not read is left out.
-std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task);
-std::vector<TRunning> FindRunningRuns(const std::string& directory,
-                                      const std::function<bool(const TRunRecord&)>& isWanted);
-
-// The runs in the store of a directory whose runner has died or could not record its end, as they would
-// be recorded. A runner may have been killed after it had recorded its run. Blocks for disk access
-// only; what this user may not read is left out.
-std::vector<TRunRecord> FindDeadRuns(const std::string& directory);
-
-// Sends the runner of a run SIGTERM, or nobody if it has ended. The run's record names `user` as who has
-// had it stopped. Returns 0 or an error number: EPERM for a runner of another user's, EXDEV for one in
-// another PID namespace.
-int Terminate(const std::string& directory, const TRunning& running, uid_t user);
-
-// Whether the runner of that run is alive. Also true if this user may not read its file, or the system
-// has no descriptor for that: the file is there until the run is recorded.
-bool IsRunning(const std::string& directory, const std::string& id);
-
-// What the file of a run has, as long as there is one: how the run has ended if its runner could not
-// record that, cRunnerDied if the runner has died, and also while it is alive.
-std::optional<TRunRecord> ReadRunningFile(const std::string& directory, const std::string& id);
-
-}  // namespace vxsched

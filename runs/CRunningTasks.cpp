@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include <vxsched/Validation.h>
-#include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
+#include "runs/RunningRuns.h"
 #include "store/TaskFileName.h"
 
 namespace vxsched {

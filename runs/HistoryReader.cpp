@@ -11,7 +11,7 @@
 
 #include <vxsched/Error.h>
 #include "base/RegularFile.h"
-#include "runs/CRunningFile.h"
+#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 

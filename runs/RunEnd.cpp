@@ -3,8 +3,8 @@
 #include <vxsched/Error.h>
 #include "base/CDeadline.h"
 #include "runs/CRunWatch.h"
-#include "runs/CRunningFile.h"
 #include "runs/HistoryReader.h"
+#include "runs/RunningRuns.h"
 
 namespace vxsched {
 

@@ -7,7 +7,7 @@
 
 #include "base/CShownStream.h"
 #include "runs/CRunWatch.h"
-#include "runs/CRunningFile.h"
+#include "runs/RunningRuns.h"
 
 namespace vxsched {
 

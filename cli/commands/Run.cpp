@@ -17,8 +17,8 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
 #include "client/RunStatus.h"
-#include "runs/CRunningFile.h"
 #include "runs/RunEnd.h"
+#include "runs/RunningRuns.h"
 #include "store/MakeError.h"
 
 namespace vxsched {

@@ -21,9 +21,9 @@
 #include "cli/output/RunFormat.h"
 #include "control/HostConnection.h"
 #include "control/Messages.h"
-#include "runs/CRunningFile.h"
 #include "runs/HistoryReader.h"
 #include "runs/RunEnd.h"
+#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 

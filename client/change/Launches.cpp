@@ -17,11 +17,11 @@
 #include "client/change/HostLaunch.h"
 #include "interpose/Launch.h"
 #include "runs/CRunHistory.h"
-#include "runs/CRunningFile.h"
 #include "runs/HistoryReader.h"
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
 #include "runs/RunnerLaunch.h"
+#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 
 namespace vxsched {

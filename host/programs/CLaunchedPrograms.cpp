@@ -14,8 +14,8 @@
 #include <vxsched/Error.h>
 #include "base/SignalName.h"
 #include "host/CHostLog.h"
-#include "runs/CRunningFile.h"
 #include "runs/HistoryReader.h"
+#include "runs/RunningRuns.h"
 
 static std::string DescriptionOf(const TRunRecord& run) {
     return fmt::format("{}: {} \"{}\"", run.task ? fmt::format("task \"{}\"", *run.task) : "a task",

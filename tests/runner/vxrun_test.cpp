@@ -34,9 +34,9 @@
 #include "base/DisplayText.h"
 #include "base/Processes.h"
 #include "runs/COutputReader.h"
-#include "runs/CRunningFile.h"
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
+#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 
 namespace fs = std::filesystem;

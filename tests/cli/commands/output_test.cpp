@@ -12,6 +12,7 @@
 #include "runs/COutputFile.h"
 #include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
+#include "runs/RunningRuns.h"
 
 namespace fs = std::filesystem;
 

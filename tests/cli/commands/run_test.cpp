@@ -33,9 +33,9 @@
 #include "HostProgram.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
-#include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
 #include "runs/RunRecord.h"
+#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 
 namespace fs = std::filesystem;

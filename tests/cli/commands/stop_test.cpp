@@ -106,7 +106,7 @@ TEST_F(CliStop, SignalsWhoHasTheFileLockedAndNobodyElse) {
     run.outcome = TRunRecord::cRunnerDied;
     const std::string path = "files/running/" + run.id;
     WriteFile(path, JsonLine(run));
-    ExpectRefused(3, "no task \"job\"", {"stop", "job"});
+    ExpectRefused(1, "no run of \"job\" is under way", {"stop", "job"});
     CForkedChild holder([&] {
         const CDescriptor file(open(path.c_str(), O_RDWR));
         struct flock whole {};

@@ -24,8 +24,8 @@
 #include "StoreSemaphore.h"
 #include "runs/COutputFile.h"
 #include "runs/COutputReader.h"
-#include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
+#include "runs/RunningRuns.h"
 
 static const std::string cWriter = PROGRAMS "/write-lines";
 
