@@ -32,12 +32,20 @@ using vxsched::TTime;
 
 static constexpr std::chrono::minutes cSettledFor(1);
 
+static std::string_view AsLaunched(std::string_view string) {
+    return string.substr(0, string.find('\0'));
+}
+
+bool TLaunchedProgram::IsOf(const TTaskEntry& task) const {
+    return AsLaunched(task.program) == program && AsLaunched(task.parameter) == parameter;
+}
+
 bool TLaunchRecord::IsOf(const std::string& name, TTime time) const {
     return due == time && task == vxsched::FileNameOf(name);
 }
 
 bool TLaunchRecord::IsLaunchOf(const TTaskEntry& entry) const {
-    if (!IsOf(entry.name, entry.next))
+    if (!IsOf(entry.name, entry.next) || (owed && !owed->IsOf(entry)))
         return false;
     return !isSettled ||
            (entry.period != 0 && (entry.last < launched || entry.last == formerStart));

@@ -19,12 +19,24 @@
 // the due time, and the task's last start before this one, in seconds since 1970; without @FORMER
 // if that is not known. The file is empty; its modification time is the launch time.
 
+struct TLaunchedProgram {
+    std::string program;
+    std::string parameter;
+
+    // Whether a task launches it. A program is launched with strings that end with their first zero
+    // bytes.
+    bool IsOf(const vxsched::TTaskEntry& task) const;
+};
+
 struct TLaunchRecord {
     std::string task;  // as FileNameOf() encodes it
     vxsched::TTime due;
     vxsched::TTime launched;
     std::optional<vxsched::TTime> formerStart = std::nullopt;
     bool isSettled = false;
+    // Of an owed launch, which has no record of its own. It is none of a task that has got another
+    // program since: that is due itself if a command gives it the same due time.
+    std::optional<TLaunchedProgram> owed = std::nullopt;
 
     bool IsOf(const std::string& name, vxsched::TTime time) const;
 

@@ -36,7 +36,8 @@ bool KeepOwedLaunch(const TOwedLaunch& launch) {
     RememberLaunch({.task = vxsched::FileNameOf(launch.task),
                     .due = launch.due,
                     .launched = {},
-                    .formerStart = launch.formerStart});
+                    .formerStart = launch.formerStart,
+                    .owed = {{launch.program, launch.parameter}}});
     try {
         if (const int error = vxsched::MakePrivateDirectory(vxsched::cOwedLaunchDirectory, ".");
             error != 0)
@@ -74,11 +75,6 @@ void ForgetOwedLaunch(const TOwedLaunch& launch) {
     Remove(OwedLaunchPath(launch));
 }
 
-// A program is launched with strings that end with their first zero bytes.
-static std::string_view AsLaunched(std::string_view string) {
-    return string.substr(0, string.find('\0'));
-}
-
 std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<TTaskEntry>& tasks) {
     if (launch.period == 0)
         return "";
@@ -86,8 +82,7 @@ std::string WhyNotWanted(const TOwedLaunch& launch, const std::vector<TTaskEntry
     for (const TTaskEntry& task : tasks) {
         if (task.name != launch.task)
             continue;
-        if (AsLaunched(task.program) != launch.program ||
-            AsLaunched(task.parameter) != launch.parameter)
+        if (!TLaunchedProgram{launch.program, launch.parameter}.IsOf(task))
             why = "the program of the task was changed";
         else if (task.paused)
             why = "the task was paused";

@@ -77,6 +77,28 @@ TEST(LaunchRecords, AreSettledByATableThatShowsTheLaunch) {
     EXPECT_EQ(settled[1].task, "gone");
 }
 
+// A command that makes the task due again may come before the check that would settle the launch.
+TEST(LaunchRecords, OwedOneIsNotOfATaskThatHasGotAnotherProgram) {
+    for (const std::uint32_t period : {0U, 24U}) {
+        vxsched::TTaskEntry task = Task("task", cNow, "/p", "a");
+        task.period = period;
+        const TLaunchRecord owed = {
+            .task = "task", .due = cNow, .launched = {}, .owed = {{"/p", "a"}}};
+        const auto isApplied = [&] {
+            std::vector<vxsched::TTaskEntry> tasks = {task};
+            return ApplyLaunchRecords({owed}, cNow, tasks) == 1;
+        };
+        EXPECT_TRUE(isApplied());
+        task.parameter = std::string("a\0b", 3);
+        EXPECT_TRUE(isApplied()) << "it is launched with the same";
+        task.parameter = "b";
+        EXPECT_FALSE(isApplied());
+        task.parameter = "a";
+        task.program = "/q";
+        EXPECT_FALSE(isApplied());
+    }
+}
+
 TEST(LaunchRecords, SettledOneIsOfATaskThatRepeatsAndShowsAnEarlierStart) {
     const TLaunchRecord settled = {.task = "task",
                                    .due = cNow,
