@@ -59,6 +59,14 @@ TRunRequest Request() {
     return request;
 }
 
+// For the report to a launcher that has gone.
+int OpenPipeWithoutReader() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    close(ends[0]);
+    return ends[1];
+}
+
 // A vxrun that runs a command as task "a task", due at second 5.
 class CRunner {
 public:
@@ -68,7 +76,8 @@ public:
         EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
         report = CDescriptor(ends[0]);
         const CDescriptor theirs(ends[1]);
-        request.report = theirs.Get();
+        if (request.report == -1)
+            request.report = theirs.Get();
         setenv("VXSCHED_RUN", EncodeRunRequest(request).c_str(), 1);
         setenv("VXSCHED_TASK", "a task", 1);
         setenv("VXSCHED_DUE", "5", 1);
@@ -79,7 +88,7 @@ public:
         arguments.push_back(nullptr);
         process = fork();
         if (process == 0) {
-            fcntl(theirs.Get(), F_SETFD, 0);
+            fcntl(request.report, F_SETFD, 0);
             dup2(output, STDOUT_FILENO);
             dup2(open(cErrors, O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
             execv(RUNNER_PROGRAM, arguments.data());
@@ -101,7 +110,6 @@ public:
         EXPECT_EQ(read(report.Get(), &launch, sizeof launch), ssize_t{sizeof launch});
         return launch;
     }
-    void LoseReport() { report = CDescriptor(); }
 
     // The exit status, or 1000 plus the number of the signal that killed it.
     int Wait() {
@@ -265,14 +273,13 @@ TEST_F(Runner, ProgramThatCannotBeStartedIsReportedAndLeavesNothing) {
 }
 
 TEST_F(Runner, ProgramThatCannotBeStartedIsRecordedIfNobodyGetsTheReport) {
-    CRunner runner({"/nonexistent", "x"});
-    runner.LoseReport();
-    runner.Wait();
-    // The report may have been written before.
-    for (const TRunRecord& run : History()) {
-        EXPECT_EQ(run.outcome, TRunRecord::cNotStarted);
-        EXPECT_EQ(run.error, "No such file or directory");
-    }
+    TRunRequest request = Request();
+    request.report = OpenPipeWithoutReader();
+    CRunner runner({"/nonexistent", "x"}, request);
+    EXPECT_EQ(runner.Wait(), 127);
+    ASSERT_EQ(History().size(), 1U);
+    EXPECT_EQ(History().at(0).outcome, TRunRecord::cNotStarted);
+    EXPECT_EQ(History().at(0).error, "No such file or directory");
 }
 
 // The run has ended; what it has left behind may write for as long as it likes.

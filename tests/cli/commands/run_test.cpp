@@ -40,6 +40,7 @@
 
 namespace fs = std::filesystem;
 
+using testing::AllOf;
 using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -348,6 +349,7 @@ TEST_P(CliRunEitherWay, OutputIsThatOfBothStreamsInTheirOrder) {
     WriteJob("echo one; echo two >&2; echo three");
     StartHost();
     EXPECT_EQ(RunTool({"run", "job", "--wait"}).output, "one\ntwo\nthree\n");
+    EXPECT_EQ(Output({"output", "job"}), "one\ntwo\nthree\n");
 }
 
 // The socket of the output must not get the number of a standard stream.
@@ -424,6 +426,9 @@ TEST_P(CliRunEitherWay, OutputOfAHundredMegabytesIsPrintedWhole) {
     EXPECT_EQ(run.output.find_first_not_of('x'), 100'000'000U);
     EXPECT_THAT(run.output, EndsWith("x\nend\n"));
     EXPECT_EQ(LastRecord().at("outputBytes"), 100'000'005);
+    const std::string kept = RunTool({"output", "job"}).output;
+    EXPECT_EQ(kept.size(), std::size_t{1} << 20U) << "as much as is kept by default";
+    EXPECT_TRUE(run.output.ends_with(kept));
 }
 
 // The pipe, the runner and the socket have room for it: the command reads it after the program's end.
@@ -486,6 +491,7 @@ TEST_P(CliRunEitherWay, ProgramThatIsKilledIsReported) {
     EXPECT_EQ(run.output, "before\n");
     EXPECT_THAT(run.error, EndsWith("job was killed by SIGKILL\n"));
     EXPECT_EQ(LastRecord().at("signal"), SIGKILL);
+    EXPECT_EQ(Output({"output", "job"}), "before\n");
 }
 
 // What it leaves behind writes nothing, or without end, and so overwrites what is kept of the
@@ -515,6 +521,8 @@ TEST_P(CliRunEitherWay, ProgramThatIsStoppedFromElsewhereIsReported) {
     EXPECT_THAT(Output({"stop", "job"}), HasSubstr(": exited 5\n"));
     EXPECT_EQ(run.Wait(), 5);
     EXPECT_THAT(run.Output(), EndsWith("bye\nvxsched: job exited with status 5\n"));
+    // In between may be what the shell writes of its sleep.
+    EXPECT_THAT(Output({"output", "job"}), AllOf(StartsWith("begun\n"), EndsWith("\nbye\n")));
     EXPECT_NE(LastRecord().at("stoppedBy"), "");
 }
 
@@ -662,6 +670,12 @@ TEST_P(CliRunEitherWay, ThoseThatAreForcedAreEachRecorded) {
         recorded.insert(record.at("process").dump());
     EXPECT_EQ(recorded.size(), 8U);
     EXPECT_EQ(printed, recorded) << "each has shown the output of its own";
+    std::set<std::string> kept;
+    for (int number = 1; number <= 8; ++number) {
+        const std::string output = Output({"output", "job", "--run", std::to_string(number)});
+        kept.insert(output.substr(0, output.find('\n')));
+    }
+    EXPECT_EQ(kept, recorded);
 }
 
 // A client that runs a task and a tick that launches it exclude each other.
@@ -702,6 +716,7 @@ TEST_F(CliRun, OutlivesTheHostAndItsEndIsReported) {
         WriteFile("end", "");
         EXPECT_EQ(run.Wait(), 8);
         EXPECT_THAT(run.Output(), EndsWith("begun\nlate\nvxsched: job exited with status 8\n"));
+        EXPECT_EQ(Output({"output", "job"}), "begun\nlate\n");
         EXPECT_EQ(LastRecord().at("status"), 8);
         EXPECT_EQ(Records().size(), 1U);
     }
@@ -784,7 +799,7 @@ TEST_F(CliRun, ReportsTheErrorOfTheHost) {
 
 // As many clients as it likes, and nobody who talks too much, keep it from its work. The task falls due
 // meanwhile; no wait of a minute ends in this host, so that only its main thread wakes the worker.
-TEST_F(CliRun, HostLaunchesOnTimeWhileItsSocketIsMisused) {
+TEST_F(CliRun, HostLaunchesADueTaskWhileItsSocketIsMisused) {
     for (const auto& [name, value] : WithInterposedSystem())
         setenv(name.c_str(), value.c_str(), 1);
     setenv("ENDLESS_MINUTES", "1", 1);
