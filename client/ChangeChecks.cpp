@@ -8,6 +8,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Validation.h>
+#include "base/ShellWord.h"
 #include "runs/CRunningTasks.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
@@ -39,7 +40,7 @@ void CheckHarm(const TTable& table) {
 void CheckNewName(const TTable& table, const std::string& name) {
     if (table.Find(name) != nullptr)
         throw MakeError(EError::cRefused,
-                        "there is a task \"{}\" already; choose another name, or remove that one",
+                        "a task \"{}\" already exists; choose another name, or remove that one",
                         name);
 }
 
@@ -48,10 +49,10 @@ void CheckName(const TTable& table, const TCall& call) {
     if (found != nullptr && call.mustBeNew)
         throw MakeError(
             EError::cRefused,
-            "there is a task \"{}\" already; replace or edit it, or choose another name",
+            "a task \"{}\" already exists; replace it (--replace), edit it, or choose another name",
             call.task.name);
     if (found == nullptr && call.mustExist)
-        throw NoSuchTask(call.task.name, table, "names are compared byte for byte");
+        throw NoSuchTask(call.task.name, table);
     if (!call.newName.empty())
         CheckNewName(table, call.newName);
 }
@@ -75,13 +76,15 @@ void CheckState(const TTaskEntry& task, const TCall& call, bool evenIfDue) {
     if (call.function == TCall::cResume && task.period == 0 && IsDue(task) && !call.mayRemove)
         throw MakeError(EError::cRefused,
                         "task \"{}\" runs once and its due time is past: resuming it would remove "
-                        "it without a run; give it a new due time first (or force \"past-due\")",
-                        task.name);
+                        "it without a run; give it a new due time first (vxsched edit {} --at "
+                        "TIME), or have it removed (--force past-due)",
+                        task.name, ShellWord(task.name));
     if (call.function == TCall::cSetPeriod && evenIfDue && !task.paused && IsDue(task))
         throw MakeError(EError::cRefused,
                         "task \"{}\" is due itself: setting its period would reschedule it without "
-                        "a run; edit its period instead, which leaves it due",
-                        task.name);
+                        "a run; edit its period instead (vxsched edit {} --every PERIOD), which "
+                        "leaves it due",
+                        task.name, ShellWord(task.name));
     // Launch record and launch intent are of the task's name and due time.
     if (!call.newName.empty() && evenIfDue && !task.paused && IsDue(task) &&
         call.task.next == task.next)
@@ -99,8 +102,8 @@ void CheckNotRunning(const std::filesystem::path& directory, const TTaskEntry& t
     const std::vector<pid_t> running = CRunningTasks(directory).Find(task);
     if (!running.empty())
         throw MakeError(EError::cRefused,
-                        "task \"{}\" is running already, as process {}; wait for its end, or force "
-                        "a second run",
+                        "task \"{}\" is running already, as process {}; wait for its end, or "
+                        "launch a second run (--force)",
                         task.name, running.front());
 }
 

@@ -15,7 +15,8 @@ Lock LockForChange(const Arguments&... arguments) {
         if (error.Code() != EError::cBusy)
             throw;
         throw MakeError(EError::cBusy,
-                        "{}; nothing was changed; try again, or with a longer lock timeout",
+                        "{}; nothing was changed; try again, or with a longer lock timeout "
+                        "(--lock-timeout)",
                         error.what());
     }
 }

@@ -2,10 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
 #include "base/DisplayText.h"
 #include "base/IsoTime.h"
+#include "base/ShellWord.h"
 #include "base/Sync.h"
 #include "client/Change.h"
 #include "client/LockForChange.h"
@@ -57,7 +60,7 @@ void RefuseFor(const std::vector<TValidationError>& errors) {
     for (const TValidationError& error : errors) {
         message += (message.empty() ? "" : "\n") + Show(error.message).string;
         if (error.canBeForced)
-            message += fmt::format(" (or force \"{}\")", error.Name());
+            message += fmt::format(" (or --force {})", error.Name());
     }
     throw CError(EError::cRefused, message);
 }
@@ -84,7 +87,7 @@ TTaskEntry EntryOf(const TNewTask& task) {
 const TTaskEntry& TaskOf(const TTable& table, std::string_view name) {
     const TTaskEntry* const task = table.Find(name);
     if (task == nullptr)
-        throw NoSuchTask(name, table, "names are compared byte for byte");
+        throw NoSuchTask(name, table);
     return *task;
 }
 
@@ -372,6 +375,12 @@ static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool for
         return (!error.IsAboutProgram() && error.kind != TValidationError::cParameterTooLong) ||
                error.kind == TValidationError::cRelativePath;
     });
+    // The --force of a run skips another check, so none of these can be forced.
+    for (TValidationError& error : errors) {
+        if (std::exchange(error.canBeForced, false))
+            error.message +=
+                fmt::format(" (vxsched edit {} --program PROGRAM)", ShellWord(task.name));
+    }
     RefuseFor(errors);
     TCall call = CallOf(TCall::cExecute, task);
     call.mustNotRun = !force;

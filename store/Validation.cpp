@@ -60,7 +60,8 @@ void FindMissing(const std::string& path, CValidationErrors& errors) {
     if (error != 0 && error != EACCES)
         errors.Warn(TValidationError::cMissingProgram,
                     fmt::format("there is no program \"{}\": each launch would fail, and the "
-                                "add-in would count it as a run; create the program first",
+                                "add-in would count it as a run; create the program first, or give "
+                                "another one",
                                 path));
     else if (error != 0 || !S_ISREG(status.st_mode) ||
              faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0)

@@ -37,7 +37,7 @@ void RequireTasks(const CStore& store, const TNames& names) {
     const TTable table = store.Read();
     for (const std::string& name : names) {
         if (table.Find(name) == nullptr)
-            throw NoSuchTask(name, table, "see vxsched list");
+            throw NoSuchTask(name, table);
     }
 }
 
@@ -67,9 +67,11 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool 
         for (const TValidationError& error : store.Check(task, common.forced))
             throw MakeError(EError::cRefused, "{}", error.message);
         if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
-            throw MakeError(EError::cRefused,
-                            "a task \"{}\" already exists; add --replace, or choose another name",
-                            task.name);
+            throw MakeError(
+                EError::cRefused,
+                "a task \"{}\" already exists; replace it (--replace), edit it, or choose "
+                "another name",
+                task.name);
         PrintLine(output, "would create " + Describe(common, {task.name, task.due, TTime(),
                                                               task.period, "", "", false}));
         return cDone;

@@ -110,7 +110,7 @@ CError NoTask(const TCommon& common, const std::string& name, const TTable& tabl
     } catch (const CError&) {
         // A file cannot be read; there is no such task all the same.
     }
-    return NoSuchTask(name, table, "see vxsched list");
+    return NoSuchTask(name, table);
 }
 
 // The time of the launch, or the due time of a run that was missed, and the outcome.

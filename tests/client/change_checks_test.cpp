@@ -29,7 +29,7 @@ TEST_F(ClientStore, ValidationErrorsAreRefusedByName) {
     TNewTask missing = Task("a");
     missing.program = "/no/such/program";
     const std::string message = ErrorOf(EError::cRefused, [&] { store.Create(missing, false); });
-    EXPECT_NE(message.find("force \"missing-program\""), std::string::npos) << message;
+    EXPECT_NE(message.find("(or --force missing-program)"), std::string::npos) << message;
     EXPECT_FALSE(fs::exists(cTable));
     store.Create(missing, false, {"missing-program"});
     EXPECT_EQ(NamesInTable(), "a");

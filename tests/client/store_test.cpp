@@ -83,7 +83,7 @@ TEST_F(ClientStore, ChangeLeavesTheMutexFreeAndTheSetThere) {
 }
 
 static const std::string cAdvice =
-    "; nothing was changed; try again, or with a longer lock timeout";
+    "; nothing was changed; try again, or with a longer lock timeout (--lock-timeout)";
 
 TEST_F(ClientStore, HolderIsWaitedForAndReportedOnATimeout) {
     store.Create(Task("a"), false);

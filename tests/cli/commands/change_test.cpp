@@ -42,6 +42,52 @@ TEST_F(Cli, CreateRefusesTasksThatWouldNotRun) {
     EXPECT_EQ(NamesInTable(), "a");
 }
 
+// What a message advises can be typed as it stands.
+TEST_F(Cli, RefusalsNameTheOptionThatAllowsTheChange) {
+    WriteTable({{"once", 5, 0, 0, cRecorder, "", 1}, Later("a")});
+    ExpectRefused(1, "create the program first, or give another one (or --force missing-program)\n",
+                  {"create", "b", "--at", "in 1h", "--", "/no/such"});
+    ExpectRefused(1, "(or --force relative-path)\n", {"edit", "a", "--program", "./recorder"});
+    ExpectRefused(1,
+                  "a new due time first (vxsched edit once --at TIME), or have it removed (--force "
+                  "past-due)\n",
+                  {"resume", "once"});
+    for (const char* const option : {"--utc", "--dry-run"})
+        ExpectRefused(1,
+                      "a task \"a\" already exists; replace it (--replace), edit it, or choose "
+                      "another name\n",
+                      {"create", "a", "--at", "in 1h", option, "--", cRecorder});
+    WriteTable({{"due", 1000, 0, 24, cRecorder, "", 0}});
+    ExpectRefused(1, "(vxsched edit due --every PERIOD), which leaves it due\n",
+                  {"period", "due", "2h", "--even-if-due"});
+}
+
+// A check of the program that the operator has skipped for the schedule stays one for a run.
+TEST_F(Cli, RunOfAMissingProgramAdvisesAnotherProgram) {
+    WriteTable({Later("a task")});
+    Output({"edit", "a task", "--program", "/no/such", "--force", "missing-program"});
+    for (const char* const option : {"--force", "--dry-run"})
+        ExpectRefused(1, "or give another one (vxsched edit 'a task' --program PROGRAM)\n",
+                      {"run", "a task", option});
+}
+
+TEST_F(Cli, UnknownTaskIsReportedWithTheSameAdviceByEveryCommand) {
+    WriteTable({Later("a")});
+    const std::vector<std::string> commands[] = {{"show", "nobody"},
+                                                 {"history", "nobody"},
+                                                 {"output", "nobody"},
+                                                 {"stop", "nobody"},
+                                                 {"run", "nobody"},
+                                                 {"edit", "nobody", "--every", "6h"},
+                                                 {"pause", "nobody"},
+                                                 {"resume", "nobody"},
+                                                 {"remove", "nobody"},
+                                                 {"period", "nobody", "6h"},
+                                                 {"pause", "nobody", "--dry-run"}};
+    for (const std::vector<std::string>& command : commands)
+        ExpectRefused(3, "; see vxsched list\n", command);
+}
+
 TEST_F(Cli, CreateLinksProgramsThatCannotBeNamedDirectly) {
     Output({"create", "a", "--at", "in 1h", "--", "/usr/bin/free", "-h"});
     EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), "/usr/bin/free");

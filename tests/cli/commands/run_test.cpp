@@ -644,7 +644,10 @@ TEST_P(CliRunEitherWay, OfAScriptThatHasBecomeAnotherProgramIsRefused) {
     EXPECT_THAT(Output({"list"}), HasSubstr("running " + process));
     EXPECT_EQ(TJson::parse(Output({"show", "job", "--json"})).at("task").at("processes"),
               TJson{std::stoi(process)});
-    ExpectRefused(1, "task \"job\" is running already, as process " + process, {"run", "job"});
+    ExpectRefused(1,
+                  "task \"job\" is running already, as process " + process +
+                      "; wait for its end, or launch a second run (--force)\n",
+                  {"run", "job"});
     ExpectRefused(1, "task \"job\" is running already", {"run", "job", "--dry-run"});
     Output({"run", "job", "--force"});
     WriteFile("end", "");
