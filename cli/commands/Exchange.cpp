@@ -1,16 +1,20 @@
 // export and import: the table as JSON and back, without losing a byte.
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
-#include <array>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <unordered_map>
+#include <vector>
 
 #include <vxsched/Error.h>
+#include "base/CDescriptor.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
@@ -26,34 +30,48 @@ namespace {
 // More than any export has: a table of a million tasks. The parsed input needs many times its bytes.
 constexpr std::size_t cMostInput = std::size_t{256} << 20;
 
-std::string ReadAll(std::istream& input, const std::string& file) {
+constexpr char cStandardInput[] = "-";
+
+// A file, a pipe or a terminal, to its end.
+std::string ReadAll(int descriptor) {
     std::string content;
-    std::array<char, 1 << 16> block{};
-    do {
-        input.read(block.data(), block.size());
-        content.append(block.data(), static_cast<std::size_t>(input.gcount()));
+    std::vector<char> block(std::size_t{1} << 16);
+    for (;;) {
+        const ssize_t count = read(descriptor, block.data(), block.size());
+        if (count == -1 && errno == EINTR)
+            continue;
+        if (count == -1)
+            throw MakeError(EError::cRefused, "{}", std::strerror(errno));
+        if (count == 0)
+            return content;
+        content.append(block.data(), static_cast<std::size_t>(count));
         if (content.size() > cMostInput)
-            throw MakeError(EError::cRefused,
-                            "cannot import: {} has more than {} MiB; import its tasks in parts",
-                            file, cMostInput >> 20U);
-    } while (input);
-    return content;
+            throw MakeError(EError::cRefused, "it has more than {} MiB; import its tasks in parts",
+                            cMostInput >> 20U);
+    }
 }
 
 std::string ReadInput(const std::string& file) {
-    std::ifstream stream;
-    std::istream* input = &std::cin;
-    std::error_code ignored;
-    if (std::filesystem::is_directory(file, ignored))
-        throw MakeError(EError::cRefused, "cannot import: {} is a directory", file);
-    if (file != "-") {
-        stream.open(file, std::ios::binary);
-        input = &stream;
+    CDescriptor opened;
+    if (file != cStandardInput) {
+        opened = CDescriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!opened.IsOpen())
+            throw MakeError(EError::cRefused, "{}", std::strerror(errno));
     }
-    std::string content = ReadAll(*input, file);
+    std::string content = ReadAll(opened.IsOpen() ? opened.Get() : STDIN_FILENO);
     if (content.empty())
-        throw MakeError(EError::cRefused, "cannot import: {} is empty or cannot be read", file);
+        throw CError(EError::cRefused, "it is empty");
     return content;
+}
+
+// Reads and checks the tasks of an input. Throws CError (cRefused) with the input's name.
+std::vector<TImported> ReadImport(const std::string& file) {
+    try {
+        return ReadTasks(ReadInput(file));
+    } catch (const CError& error) {
+        throw MakeError(error.Code(), "cannot import {}: {}",
+                        file == cStandardInput ? "standard input" : file, error.what());
+    }
 }
 
 void Warn(const std::string& name, const std::string& message) {
@@ -174,9 +192,8 @@ TExitStatus Export(const TCommon& common, COutput& output) {
 }
 
 TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output) {
-    const std::string input = ReadInput(file);  // which the owner of the store may not read
+    std::vector<TImported> imported = ReadImport(file);  // which the store's owner may not read
     BecomeForeignOwner(common.store.directory);
-    std::vector<TImported> imported = ReadTasks(input);
     ResolveLinks(common, imported);
     CheckImported(common, imported);
     const CStore store(common.store);

@@ -137,7 +137,7 @@ public:
 
 private:
     [[noreturn]] void Fail(const std::string& problem) const {
-        throw MakeError(EError::cRefused, "cannot import: {} {}", place, problem);
+        throw MakeError(EError::cRefused, "{} {}", place, problem);
     }
 
     const TJson& json;
@@ -211,23 +211,22 @@ std::vector<TImported> ReadTasks(const std::string& input) {
         document = ParseJson(input);
     } catch (const TJson::parse_error& error) {
         throw MakeError(EError::cRefused,
-                        "cannot import: the input is not valid JSON: {}; expected a document as "
+                        "it is not valid JSON: {}; expected a document as "
                         "vxsched export writes it",
                         DescribeParseError(input, error.byte));
     } catch (const CJsonTooDeep& error) {
-        throw MakeError(EError::cRefused, "cannot import: the input is not an export: {}",
-                        error.what());
+        throw MakeError(EError::cRefused, "it is not an export: {}", error.what());
     } catch (const TJson::out_of_range&) {
-        throw CError(EError::cRefused, "cannot import: the input has a number that is too large");
+        throw CError(EError::cRefused, "it has a number that is too large");
     }
     const bool isObject = document.is_object();
     if (!isObject || document.value("version", TJson()) != 1)
         throw CError(EError::cRefused,
-                     "cannot import: the input has no \"version\" of 1; expected a document as "
+                     "it has no \"version\" of 1; expected a document as "
                      "vxsched export writes it");
     const auto tasks = document.find("tasks");
     if (tasks == document.end() || !tasks->is_array())
-        throw CError(EError::cRefused, "cannot import: the input has no list \"tasks\"");
+        throw CError(EError::cRefused, "it has no list \"tasks\"");
     std::vector<TImported> imported;
     for (std::size_t index = 0; index < tasks->size(); ++index)
         imported.push_back(ReadTask((*tasks)[index], index));

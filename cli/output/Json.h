@@ -34,7 +34,8 @@ struct TImported {
 // Reads a document that Export() or a person wrote: {"version": 1, "tasks": [{"name", "next",
 // "last", "period", "program", "parameter", "paused", "real_program"}]}. Only name, next and
 // program are required; "next" and "last" are seconds, "period" is in hours. Throws CError
-// (cRefused) with the line and column, or with the task and its field.
+// (cRefused) with the line and column, or with the task and its field, to be printed after the
+// name of the input.
 std::vector<TImported> ReadTasks(const std::string& input);
 
 }  // namespace vxsched

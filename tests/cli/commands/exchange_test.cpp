@@ -110,7 +110,28 @@ TEST_F(Cli, ImportRefusesInvalidInput) {
     refuse(
         "step of zero",
         R"({"version": 1, "tasks": [{"name": "x", "next": 1, "program": "/bin/cat", "period": 268435456}]})");
-    ExpectRefused(1, "no such file", {"import", "no such file"});
+}
+
+TEST_F(Cli, ImportReportsWhichInputAndWhy) {
+    WriteTable({Later("a")});
+    WriteFile("empty", "");
+    WriteFile("bad", "{");
+    ExpectRefused(1, "cannot import no such file: No such file or directory\n",
+                  {"import", "no such file"});
+    ExpectRefused(1, "cannot import files: Is a directory\n", {"import", "files"});
+    ExpectRefused(1, "cannot import empty: it is empty\n", {"import", "empty"});
+    ExpectRefused(1, "cannot import bad: it is not valid JSON: line 1, column 2",
+                  {"import", "bad"});
+    const auto fromStandardInput = [](const std::vector<std::string>& command,
+                                      const std::string& input) {
+        const TToolRun run = RunTool(command, {}, input);
+        EXPECT_EQ(run.status, 1);
+        return run.error;
+    };
+    EXPECT_THAT(fromStandardInput({"import"}, ""),
+                HasSubstr("cannot import standard input: it is empty\n"));
+    EXPECT_THAT(fromStandardInput({"import", "-"}, "["),
+                HasSubstr("cannot import standard input: it is not valid JSON"));
 }
 
 // Makes a store in the directory "other" whose task "a" has a link to a program that no launch
