@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <vxsched/Error.h>
+#include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
@@ -80,6 +81,8 @@ void Print(const TCommon& common, const std::vector<TFinding>& findings, const s
 TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& output) {
     // vxsched repair works on the directory's table only, so it is no remedy for a file.
     const std::string remedy = file.empty() ? "; run vxsched repair" : "";
+    const std::string checked =
+        file.empty() ? AbsolutePath(TableFile(common.store.directory)) : file;
     TTable table;
     try {
         if (!file.empty() && !std::filesystem::exists(file))
@@ -90,7 +93,10 @@ TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& 
     } catch (const CError& error) {
         if (error.Code() != EError::cDamaged)
             throw;
-        Print(common, {{"damaged", error.what()}}, "damaged" + remedy, output);
+        if (common.json)
+            Print(common, {{"damaged", error.what()}}, "damaged" + remedy, output);
+        else
+            output.Line(Show(fmt::format("{}: {}{}", checked, error.what(), remedy)).string);
         return cDamagedStatus;
     }
     std::vector<TFinding> findings = FindingsOf(common, table);

@@ -8,6 +8,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -145,6 +146,26 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
     EXPECT_EQ(ReadFile(quarantined.substr(0, quarantined.find('\n'))), damaged);
 }
 
+TEST_F(Cli, CheckReportsDamageOnceAndWithTheFile) {
+    const std::string intact = BytesOf({Later("first"), Later("second")});
+    const std::string damaged = intact.substr(0, intact.size() - 20);
+    const std::string problem = "the table is damaged at offset ";
+    WriteFile("other", damaged);
+    TToolRun run = RunTool({"check", "other"});
+    EXPECT_EQ(run.status, 5);
+    EXPECT_THAT(run.output, testing::StartsWith("other: " + problem));
+    EXPECT_THAT(run.output, testing::Not(HasSubstr("repair"))) << "it repairs no other file";
+    EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 1);
+    EXPECT_EQ(run.error, "");
+    WriteFile(cTable, damaged);
+    run = RunTool({"check"});
+    EXPECT_EQ(run.status, 5);
+    EXPECT_THAT(run.output,
+                testing::StartsWith(fs::absolute("files/scheduler.dat: ").string() + problem));
+    EXPECT_THAT(run.output, testing::EndsWith("; run vxsched repair\n"));
+    EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 1);
+}
+
 static void ExpectCommandsToRefuseTheTable(const std::string& reason) {
     WriteFile("import", R"({"version": 1, "tasks": []})");
     std::vector<std::vector<std::string>> commands = cTableCommands;
@@ -259,7 +280,8 @@ TEST_F(Cli, CheckReportsProblemsAndTheirOffsets) {
     WriteFile("other", "abc");
     const TToolRun other = RunTool({"check", "other"});
     EXPECT_EQ(other.status, 5);
-    EXPECT_THAT(other.output, testing::EndsWith("\ndamaged\n"));
+    EXPECT_EQ(other.output,
+              "other: the table is damaged at offset 0: the file ends in the number of tasks\n");
     ExpectRefused(1, ": there is no such file", {"check", "no such file"});
 }
 
