@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include <vxsched/Error.h>
+#include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Follow.h"
 #include "cli/commands/RequireTask.h"
@@ -19,10 +20,19 @@ CError NoOutput(const TCommon& common, const std::string& name, std::size_t kept
     if (kept > 0)
         return MakeError(EError::cNotFound, "{} {} of \"{}\" {} kept; --run {} is the oldest", kept,
                          kept == 1 ? "output" : "outputs", name, kept == 1 ? "is" : "are", kept);
-    if (ReadHistory(common.store.directory, name).runs.empty())
-        RequireTask(common, name);
+    if (ReadHistory(common.store.directory, name).runs.empty()) {
+        if (RequireTask(common, name).last == TTime())
+            return MakeError(EError::cNotFound,
+                             "\"{}\" has not run, so it has no output; see vxsched show {}, or "
+                             "launch it by vxsched run {}",
+                             name, ShellWord(name), ShellWord(name));
+        return MakeError(EError::cNotFound,
+                         "no output of \"{}\" is kept, nor a record of a run of that name; "
+                         "the runs of a renamed task have its former one: see vxsched history",
+                         name);
+    }
     return MakeError(EError::cNotFound, "no output of \"{}\" is kept; see vxsched history {}", name,
-                     name);
+                     ShellWord(name));
 }
 
 }  // namespace

@@ -5,10 +5,12 @@
 
 namespace vxsched {
 
-void RequireTask(const TCommon& common, const std::string& name) {
+TTaskEntry RequireTask(const TCommon& common, const std::string& name) {
     const TTable table = CStore(common.store).Read();
-    if (table.Find(name) == nullptr)
+    const TTaskEntry* const task = table.Find(name);
+    if (task == nullptr)
         throw NoSuchTask(name, table, "nor is there a record of a run of it; see vxsched list");
+    return *task;
 }
 
 }  // namespace vxsched

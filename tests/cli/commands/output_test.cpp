@@ -47,7 +47,12 @@ TEST_F(CliOutput, IsThatOfTheLastRunOrOfAnEarlierOne) {
 
 TEST_F(CliOutput, ThatDoesNotExistIsReported) {
     WriteTable({Later("backup")});
-    ExpectRefused(3, "no output of \"backup\" is kept; see vxsched history backup",
+    ExpectRefused(3,
+                  "\"backup\" has not run, so it has no output; see vxsched show backup, or launch "
+                  "it by vxsched run backup\n",
+                  {"output", "backup"});
+    WriteFile(cHistory, Run("backup", R"("outcome":"missed","due":"2026-11-19T01:00:00.000Z")"));
+    ExpectRefused(3, "no output of \"backup\" is kept; see vxsched history backup\n",
                   {"output", "backup"});
     ExpectRefused(3, "did you mean \"backup\"?", {"output", "bakcup"});
     WriteFile(Keep("backup", "1", "text"), "no output");
@@ -55,12 +60,17 @@ TEST_F(CliOutput, ThatDoesNotExistIsReported) {
 }
 
 TEST_F(CliOutput, OfARenamedTaskIsUnderItsFormerName) {
-    WriteTable({Later("a")});
+    TRow row = Later("a");
+    row.last = 1000;
+    WriteTable({row});
     Keep("a", "1", "text\n");
     RunTool({"edit", "a", "--name", "b"});
     EXPECT_EQ(NamesInTable(), "b");
     EXPECT_EQ(Output({"output", "a"}), "text\n");
-    ExpectRefused(3, "no output of \"b\" is kept; see vxsched history b", {"output", "b"});
+    ExpectRefused(3,
+                  "no output of \"b\" is kept, nor a record of a run of that name; the runs of a "
+                  "renamed task have its former one: see vxsched history\n",
+                  {"output", "b"});
 }
 
 TEST_F(CliOutput, IsAFileThatShowReports) {
