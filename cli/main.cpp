@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include <vxsched/Error.h>
+#include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
 #include "base/StandardDescriptors.h"
 #include "cli/commands/Commands.h"
@@ -402,7 +403,7 @@ void CCommandLine::WarnIfNoHostHasRun() const {
     if (std::filesystem::is_directory(directory, error) &&
         !std::filesystem::exists(std::filesystem::path(directory) / cFilesDirectory, error) &&
         !error)
-        std::cerr << "vxsched: no host has run in " << Show(directory).string
+        std::cerr << "vxsched: no host has run in " << Show(AbsolutePath(directory)).string
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
 
@@ -505,7 +506,7 @@ std::string CCommandLine::MessageFor(const CError& error) const {
     if (error.Code() == EError::cDamaged) {
         const bool hasRemedy = message.find("repair the table") != std::string::npos;
         return fmt::format(
-            "{}: {}{}", Show(TableFile(directory).string()).string, message,
+            "{}: {}{}", Show(AbsolutePath(TableFile(directory))).string, message,
             hasRemedy ? "" : "; run vxsched check for details, vxsched repair to repair it");
     }
     if (error.Code() == EError::cNoAccess)

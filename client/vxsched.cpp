@@ -6,6 +6,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
+#include "base/AbsolutePath.h"
 #include "store/MakeError.h"
 
 struct vxsched_store {
@@ -137,6 +138,6 @@ vxsched_error vxsched_wake(vxsched_store* store) {
         if (!tasks.Wake())
             throw vxsched::MakeError(vxsched::EError::cNoScheduler,
                                      "there is no scheduling process in {}; start one there",
-                                     store->options.directory.string());
+                                     vxsched::AbsolutePath(store->options.directory));
     });
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include <vxsched/Error.h>
+#include "base/AbsolutePath.h"
 #include "base/CDeadline.h"
 #include "base/ShellWord.h"
 #include "store/Layout.h"
@@ -20,10 +21,11 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
     const std::filesystem::path files = directory / cFilesDirectory;
     descriptor = CDescriptor(open(files.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptor.IsOpen() && (errno == ENOENT || errno == ENOTDIR))
-        throw MakeError(EError::cFailed,
-                        "there is no directory {}: no host has run here; give the host's working "
-                        "directory, or run mkdir {} to begin a table",
-                        files.string(), ShellWord(files.string()));
+        throw MakeError(
+            EError::cFailed,
+            "there is no directory {}: no host has run there; set --directory or "
+            "VXSCHED_DIRECTORY to the host's working directory, or run mkdir {} to begin a table",
+            AbsolutePath(files), ShellWord(AbsolutePath(files)));
     if (!descriptor.IsOpen())
         throw SystemError("cannot open " + files.string(), errno);
     const CDeadline deadline(lockTimeout);
@@ -34,7 +36,7 @@ CWriterLock::CWriterLock(const std::filesystem::path& directory,
             throw MakeError(EError::cBusy,
                             "the writer lock of {} is held by other processes and did not become "
                             "free within {} ms",
-                            directory.string(), lockTimeout.count());
+                            AbsolutePath(directory), lockTimeout.count());
     }
 }
 

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/AbsolutePath.h"
 #include "base/ShellWord.h"
 #include "base/Users.h"
 #include "store/Layout.h"
@@ -162,7 +163,7 @@ std::string NoteOfUsers(const fs::path& directory) {
     // Another user may not even see `files/`.
     const bool mayGroupWrite =
         stat((directory / cFilesDirectory).c_str(), &files) == -1 || (files.st_mode & S_IWGRP) != 0;
-    return fmt::format("; the directory {} is for user {} {}", directory.string(),
+    return fmt::format("; the directory {} is for user {} {}", AbsolutePath(directory),
                        FindUser(store.st_uid).name,
                        (store.st_mode & S_IXGRP) != 0 && mayGroupWrite
                            ? "and the group " + NameOfGroup(store.st_gid)

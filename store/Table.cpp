@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include <vxsched/Error.h>
+#include "base/AbsolutePath.h"
 #include "store/COwnerAccess.h"
 #include "store/CStoreMutexLock.h"
 #include "store/EntryFields.h"
@@ -137,11 +138,12 @@ TTable ReadTable(const std::filesystem::path& directory, std::chrono::millisecon
     std::error_code error;
     const bool isThere = std::filesystem::is_directory(directory, error);
     if (error == std::errc::permission_denied)
-        throw SystemError("cannot enter " + directory.string(), error.value());
+        throw SystemError("cannot enter " + AbsolutePath(directory), error.value());
     if (!isThere)
         throw MakeError(EError::cFailed,
-                        "there is no directory {}; give the working directory of the host",
-                        directory.string());
+                        "there is no directory {}; set --directory or VXSCHED_DIRECTORY to the "
+                        "host's working directory",
+                        AbsolutePath(directory));
     std::string bytes;
     {
         // The store mutex alone: a reader need not wait for a change of several calls, which holds

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include <vxsched/Error.h>
+#include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/time/PeriodFormat.h"
@@ -139,7 +140,7 @@ TExitStatus Wake(const TCommon& common, COutput& output) {
     if (!store.Wake())
         throw MakeError(EError::cNoScheduler,
                         "no scheduling process runs in {}; start vxschedd there",
-                        common.store.directory.string());
+                        AbsolutePath(common.store.directory));
     output.Line("woke the scheduling process");
     return cDone;
 }

@@ -8,6 +8,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
@@ -42,7 +43,8 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     const std::optional<TSchedulingProcess> scheduler =
         FindSchedulingProcess(common.store.directory);
     if (!scheduler)
-        return "no scheduling process runs in this directory; start vxschedd";
+        return fmt::format("no scheduling process runs in {}; start vxschedd there",
+                           AbsolutePath(common.store.directory));
     if (!scheduler->sharesStore)
         return fmt::format("the scheduling process, {}, runs in another IPC namespace",
                            scheduler->Name());

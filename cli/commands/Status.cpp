@@ -9,6 +9,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
+#include "base/AbsolutePath.h"
 #include "base/CDeadline.h"
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
@@ -104,9 +105,10 @@ TStatus ReadStatus(const TCommon& common) {
     } catch (const CError& error) {
         status.mutexError = error.what();
     }
-    status.file = TableFile(common.store.directory).string();
+    status.file = AbsolutePath(TableFile(common.store.directory));
     std::error_code ignored;
-    if (const auto size = std::filesystem::file_size(status.file, ignored); !ignored)
+    if (const auto size = std::filesystem::file_size(TableFile(common.store.directory), ignored);
+        !ignored)
         status.size = size;
     TStoreOptions store = common.store;
     if (status.isMutexWedged)
@@ -155,11 +157,11 @@ std::optional<TTime> LastTick(const TStatus& status) {
     return status.mutex->lastUsed;
 }
 
-std::string DescribeScheduler(const TStatus& status) {
+std::string DescribeScheduler(const TStatus& status, const std::string& directory) {
     if (!status.schedulerError.empty())
         return status.schedulerError;
     if (!status.scheduler)
-        return "none; start vxschedd in this directory";
+        return fmt::format("none runs in {}; start vxschedd there", directory);
     if (!status.scheduler->sharesStore)
         return fmt::format("{}, in another IPC namespace; it cannot be reached from here",
                            status.scheduler->Name());
@@ -251,7 +253,7 @@ TExitStatus Status(const TCommon& common, COutput& output) {
             output.Line(output.Coloured(fmt::format("{:<11}", label), EColour::cBold) +
                         Show(value).string);
         };
-        line("Scheduler", DescribeScheduler(status));
+        line("Scheduler", DescribeScheduler(status, AbsolutePath(common.store.directory)));
         if (const std::optional<TTime> tick = LastTick(status))
             line("Last tick", FormatTime(*tick, common.zone));
         line("Mutex", DescribeMutex(status));

@@ -129,8 +129,8 @@ TEST_F(Cli, DamagedFileSurvivesEveryCommandUntilRepair) {
         EXPECT_EQ(run.status, command.front() == "repair" ? 0 : 5) << command.front() << run.error;
         EXPECT_EQ(ReadFile(cTable), damaged) << command.front();
         if (!run.error.empty()) {
-            EXPECT_THAT(run.error,
-                        testing::StartsWith("vxsched: ./files/scheduler.dat: the table is damaged"))
+            EXPECT_THAT(run.error, testing::StartsWith("vxsched: " + fs::absolute(cTable).string() +
+                                                       ": the table is damaged"))
                 << command.front();
             EXPECT_THAT(run.error, testing::EndsWith("; run vxsched check for details, "
                                                      "vxsched repair to repair it\n"))
@@ -258,7 +258,7 @@ TEST_F(Cli, ChangeOfAHarmfulTableReportsTheFileAndOneRemedy) {
     WriteTable({{"endless", 5, 0, 268435456, cRecorder, "", 1}});
     const TToolRun run = RunTool({"pause", "endless"});
     EXPECT_EQ(run.status, 5);
-    EXPECT_THAT(run.error, testing::StartsWith("vxsched: ./files/scheduler.dat: "));
+    EXPECT_THAT(run.error, testing::StartsWith("vxsched: " + fs::absolute(cTable).string() + ": "));
     EXPECT_THAT(run.error, HasSubstr("repair the table first"));
     EXPECT_THAT(run.error, testing::Not(HasSubstr("to repair it")));
 }
@@ -325,10 +325,27 @@ TEST_F(Cli, DirectoryComesFromTheOptionOrTheEnvironment) {
     EXPECT_EQ(RunTool({"list", "--names"}, {{"VXSCHED_DIRECTORY", here}}).output, "here\n");
     const TToolRun empty = RunTool({"list"});
     EXPECT_EQ(empty.status, 0);
-    EXPECT_THAT(empty.error, HasSubstr("no host has run in ."));
-    ExpectRefused(1, "no directory", {"--directory", "nowhere", "list"});
-    ExpectRefused(1, "no directory", {"create", "a", "--at", "in 1h", "--", cRecorder});
+    EXPECT_THAT(empty.error, HasSubstr("no host has run in " + here + "/elsewhere;"));
+    ExpectRefused(1, "there is no directory " + here + "/elsewhere/nowhere; set --directory",
+                  {"--directory", "nowhere", "list"});
+    ExpectRefused(1, "there is no directory " + here + "/elsewhere/files: ",
+                  {"create", "a", "--at", "in 1h", "--", cRecorder});
     fs::current_path(here);
+}
+
+// A "." does not show that it is another directory than was meant.
+TEST_F(Cli, AbsoluteDirectoryIsReported) {
+    WriteTable({Later("a")});
+    const std::string here = fs::current_path();
+    ExpectRefused(6, "no scheduling process runs in " + here + "; start vxschedd there\n",
+                  {"wake"});
+    for (const char* const directory : {".", "files/..", "./."}) {
+        const std::string shown = directory == std::string("files/..") ? here + "/files/.." : here;
+        const std::string output = RunTool({"--directory", directory, "status"}).output;
+        EXPECT_THAT(output, HasSubstr("Scheduler  none runs in " + shown + "; start vxschedd "));
+        EXPECT_THAT(output, HasSubstr("\nFile       " + shown + "/files/scheduler.dat\n"));
+    }
+    EXPECT_THAT(Output({"show", "a"}), HasSubstr("no scheduling process runs in " + here + ";"));
 }
 
 TEST_F(Cli, ReadingCommandsNeverLoadTheAddIn) {
@@ -394,6 +411,7 @@ TEST_F(Cli, WithoutAccessToTheFilesTheSchedulingProcessIsUnknown) {
 TEST_F(Cli, WithoutAccessToTheDirectoryItsUsersAreReported) {
     REQUIRE_SUPERUSER();
     std::filesystem::create_directories("parent/store/files");
+    const std::string store = fs::absolute("parent/store");
     ASSERT_EQ(chmod(".", 0777), 0);
     for (const char* const closed : {"parent/store", "parent/store/files", "parent"}) {
         ASSERT_EQ(chmod(closed, 0700), 0);
@@ -402,7 +420,7 @@ TEST_F(Cli, WithoutAccessToTheDirectoryItsUsersAreReported) {
                 return 1;
             const bool isKnown = std::string(closed) != "parent";
             const std::string users =
-                isKnown ? "; the directory parent/store is for user root alone" : "";
+                isKnown ? "; the directory " + store + " is for user root alone" : "";
             for (const char* const command : {"status", "list", "wake", "check", "history"}) {
                 const TToolRun run = RunTool({"--directory", "parent/store", command});
                 EXPECT_EQ(run.status, 4) << command << closed;

@@ -108,7 +108,8 @@ TEST_F(Cli, ImportForgesNoLineOfAnErrorMessage) {
 TEST_F(Cli, DirectoryForgesNoLineOfAnErrorMessage) {
     fs::create_directory(cForged);
     const TToolRun empty = RunTool({"list", "--directory", cForged});
-    EXPECT_THAT(empty.error, HasSubstr("no host has run in x" + cReplaced + "vxsched: forged "));
+    EXPECT_THAT(empty.error, HasSubstr("no host has run in " + fs::current_path().string() + "/x" +
+                                       cReplaced + "vxsched: forged "));
     fs::create_directory(cForged + "/files");
     WriteFile(cForged + "/files/scheduler.dat", "damaged");
     const std::vector<std::vector<std::string>> commands = {

@@ -41,9 +41,8 @@ TEST(WriterLock, HolderIsWaitedForUntilTheLockTimeout) {
     CFakeMonotonicClock clock;
     const std::string message = ErrorOf(EError::cBusy, [] { const CWriterLock lock(".", 1234ms); });
     EXPECT_EQ(clock.slept, 1234ms);
-    EXPECT_EQ(message,
-              "the writer lock of . is held by other processes and did not become free within 1234 "
-              "ms");
+    EXPECT_EQ(message, "the writer lock of " + std::filesystem::current_path().string() +
+                           " is held by other processes and did not become free within 1234 ms");
 }
 
 TEST(WriterLock, IsTakenAsSoonAsTheHolderReleasesIt) {
@@ -83,9 +82,12 @@ TEST(WriterLock, DeadHolderReleasesIt) {
 }
 
 TEST(WriterLock, WithoutADirectorySaysWhatToDo) {
+    const std::string here = std::filesystem::current_path();
     EXPECT_EQ(ErrorOf(EError::cFailed, [] { const CWriterLock lock("none", 0ms); }),
-              "there is no directory none/files: no host has run here; give the host's working "
-              "directory, or run mkdir none/files to begin a table");
+              "there is no directory " + here +
+                  "/none/files: no host has run there; set --directory or "
+                  "VXSCHED_DIRECTORY to the host's working directory, or run mkdir " +
+                  here + "/none/files to begin a table");
 }
 
 TEST(WriterLock, MissingAccessIsReported) {
