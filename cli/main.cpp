@@ -5,11 +5,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include <vxsched/Error.h>
 #include "base/AbsolutePath.h"
@@ -38,6 +42,27 @@ std::string CheckLockTimeout(const std::string& argument) {
         seconds <= 86400)
         return "";
     return fmt::format("expected a number of seconds from 0 to 86400, not \"{}\"", argument);
+}
+
+// The parser's own checks would have a wording of their own, as "Value x not in range".
+std::string CheckNumber(const std::string& argument) {
+    constexpr int cMost = 1'000'000;
+    int number = 0;
+    const char* const end = argument.data() + argument.size();
+    const auto [parsed, error] = std::from_chars(argument.data(), end, number);
+    if (error == std::errc() && parsed == end && number >= 1 && number <= cMost)
+        return "";
+    return fmt::format("expected a number from 1 to {}, not \"{}\"", cMost, argument);
+}
+
+// A check for one of these words, of which there are two or more.
+std::function<std::string(const std::string&)> OneOf(std::vector<std::string> words) {
+    return [words = std::move(words)](const std::string& argument) -> std::string {
+        if (std::find(words.begin(), words.end(), argument) != words.end())
+            return "";
+        return fmt::format("expected {} or {}, not \"{}\"",
+                           fmt::join(words.begin(), words.end() - 1, ", "), words.back(), argument);
+    };
 }
 
 // `what`, in the plural for several arguments, and the arguments: unknown options "-a", "-b".
@@ -145,7 +170,7 @@ CCommandLine::CCommandLine() {
         "Times: 2026-11-21 14:30 (local; append Z or +01:00 for another zone), 14:30,\n"
         "noon, tomorrow, \"friday 02:00\", now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
         "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task or\n"
-        "output, 4 no access, 5 damaged table, 6 no scheduling process, 9 cut short, result\n"
+        "output, 4 no permission, 5 damaged table, 6 no scheduling process, 9 cut short, result\n"
         "unknown.");
     AddQueries();
     AddChanges();
@@ -189,7 +214,7 @@ void CCommandLine::AddQueries() {
         [this, addJson](CLI::App& next) {
             addJson(next);
             next.add_option("--count", count, "Number of runs; 10 unless --until is given")
-                ->check(CLI::Range(1, 1'000'000).description(""))
+                ->check(CheckNumber)
                 ->type_name("NUMBER");
             next.add_option("--until", until, "List runs up to this time")->type_name("TIME");
         });
@@ -203,7 +228,7 @@ void CCommandLine::AddQueries() {
             history
                 .add_option("--count", historyOptions.count,
                             "Number of runs; 20 unless --since is given")
-                ->check(CLI::Range(1, 1'000'000).description(""))
+                ->check(CheckNumber)
                 ->type_name("NUMBER");
             history
                 .add_option("--since", historyOptions.since,
@@ -231,7 +256,7 @@ void CCommandLine::AddQueries() {
             print
                 .add_option("--run", outputOptions.run,
                             "Which run: 1 is the last, 2 the one before, up to 10")
-                ->check(CLI::Range(1, 1'000'000).description(""))
+                ->check(CheckNumber)
                 ->type_name("NUMBER");
             print.add_flag("--follow", outputOptions.follow,
                            "Print also what the run writes from now on, until it ends");
@@ -268,9 +293,8 @@ void CCommandLine::AddForce(CLI::App& command) {
                     "Skip a check; repeatable: missing-program, not-executable, relative-path, "
                     "wrapped-period, past-due")
         ->type_name("CHECK")
-        ->check(CLI::IsMember({"missing-program", "not-executable", "relative-path",
-                               "wrapped-period", "past-due"})
-                    .description(""))
+        ->check(OneOf(
+            {"missing-program", "not-executable", "relative-path", "wrapped-period", "past-due"}))
         ->expected(1)
         ->take_all();
 }
@@ -392,7 +416,7 @@ void CCommandLine::AddMaintenance() {
             completion.add_option("shell", shell, "bash, zsh or fish")
                 ->type_name("SHELL")
                 ->required()
-                ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));
+                ->check(OneOf({"bash", "zsh", "fish"}));
         },
         EIdentity::cCaller);
 }

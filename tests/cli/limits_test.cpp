@@ -145,4 +145,24 @@ TEST_F(Cli, NumbersThatAreNoneAreUsageErrors) {
         ExpectRefused(2, "--count: ", {"history", "--count", number});
     }
     ExpectRefused(2, "--count: ", {"next", "--count", "99999999999999999999"});
+    const std::string expected = ": expected a number from 1 to 1000000, not \"";
+    for (const char* const number :
+         {"0", "-1", "1000001", "99999999999999999999", "1.5", "x", ""}) {
+        const std::string message = expected + number + "\". See vxsched ";
+        ExpectRefused(2, "--count" + message + "next --help.\n", {"next", "--count", number});
+        ExpectRefused(2, "--count" + message + "history --help.\n", {"history", "--count", number});
+        ExpectRefused(2, "--run" + message + "output --help.\n", {"output", "a", "--run", number});
+    }
+    Output({"next", "--count", "1000000"});
+}
+
+TEST_F(Cli, WordsThatAreNoneOfTheAllowedAreUsageErrors) {
+    ExpectRefused(
+        2, "shell: expected bash, zsh or fish, not \"ksh\". See vxsched completion --help.\n",
+        {"completion", "ksh"});
+    ExpectRefused(
+        2,
+        "--force: expected missing-program, not-executable, relative-path, wrapped-period or "
+        "past-due, not \"all\". See vxsched create --help.\n",
+        {"create", "a", "--force", "all", "--", cRecorder});
 }
