@@ -10,12 +10,16 @@
 #include <iostream>
 #include <string>
 
+#include <vxsched/Error.h>
+#include <vxsched/SchedulingProcess.h>
 #include "base/CDescriptor.h"
 #include "base/CShownStream.h"
 #include "base/DisplayText.h"
+#include "base/ShellWord.h"
 #include "base/SignalName.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Interruption.h"
+#include "cli/commands/PausedTasks.h"
 #include "client/RunStatus.h"
 #include "runs/RunEnd.h"
 #include "runs/RunningRuns.h"
@@ -31,6 +35,28 @@ constexpr int cKilledStatus = 128;
 // Standard output has what the program writes, and nothing else.
 void Tell(const std::string& line) {
     std::cerr << "vxsched: " << Show(line).string << '\n';
+}
+
+// What follows a report of the launch: who has made it, unless the host has.
+std::string LauncherOf(const CStore& store) {
+    try {
+        const auto scheduler = FindSchedulingProcess(store.Options().directory);
+        if (!scheduler || !scheduler->holdsLock)
+            return " (by vxsched itself, since no vxschedd runs)";
+    } catch (const CError&) {
+        // Another user may not see it.
+    }
+    return "";
+}
+
+bool IsPaused(const CStore& store, const std::string& name) {
+    const auto paused = FindPausedTasks(store.Options().directory);
+    return paused && paused->contains(name);
+}
+
+void TellItIsPaused(const std::string& name) {
+    Tell(fmt::format("{} is paused and stays so; its schedule goes on with vxsched resume {}", name,
+                     ShellWord(name)));
 }
 
 // Prints what comes by the socket until everybody has closed its other end.
@@ -62,8 +88,12 @@ TExitStatus LaunchAndWait(const CStore& store, const std::string& name, bool for
         throw SystemError("cannot make a socket pair for the output", errno);
     const CDescriptor ours(ends[0]);
     CDescriptor theirs(ends[1]);
+    const bool isPaused = IsPaused(store, name);
+    const std::string launcher = LauncherOf(store);
     const auto onLaunch = [&](const TRun& launched) {
-        Tell(fmt::format("started {} as process {}", name, launched.process));
+        Tell(fmt::format("started {} as process {}{}", name, launched.process, launcher));
+        if (isPaused)
+            TellItIsPaused(name);
         CInterruption::WaitsFor(launched.process);
     };
     const TRun run = store.Run(name, force, false, onLaunch, theirs.Get());
@@ -96,12 +126,19 @@ TExitStatus Run(const TCommon& common, const std::string& name, bool force, bool
     if (common.dryRun) {
         store.CheckRun(name, force);
         output.Line(Show("would run " + name).string);
+        if (IsPaused(store, name))
+            TellItIsPaused(name);
         return cDone;
     }
     if (wait)
         return LaunchAndWait(store, name, force, output);
+    const bool isPaused = IsPaused(store, name);
+    const std::string launcher = LauncherOf(store);
     const TRun run = store.Run(name, force, false);
-    output.Line(Show(fmt::format("started {} as process {}", name, run.process)).string);
+    output.Line(
+        Show(fmt::format("started {} as process {}{}", name, run.process, launcher)).string);
+    if (isPaused)
+        TellItIsPaused(name);
     return cDone;
 }
 

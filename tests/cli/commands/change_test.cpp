@@ -192,7 +192,9 @@ TEST_F(Cli, ListShowsRunningProgramsWithTheirProcess) {
     row.parameters = fs::absolute("end it").string();
     WriteTable({row});
     const std::string started = Output({"run", "a"});
-    const std::string process = started.substr(started.rfind(' ') + 1);
+    const std::string before = "process ";
+    const std::string process =
+        std::to_string(std::stoi(started.substr(started.find(before) + before.size())));
     EXPECT_THAT(Output({"list"}), HasSubstr("running " + process.substr(0, process.size() - 1)));
     ExpectRefused(1, "running already", {"run", "a"});
     WriteFile("end it", "");

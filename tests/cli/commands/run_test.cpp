@@ -201,6 +201,42 @@ TEST_F(CliRun, WithoutAHostHasTheEnvironmentThatAHostWouldGive) {
     EXPECT_EQ(LastRecord().at("name"), "job");
 }
 
+TEST_P(CliRunEitherWay, ReportsWhoHasLaunchedIt) {
+    WriteJob("exit");
+    StartHost();
+    const std::string itself = " (by vxsched itself, since no vxschedd runs)\n";
+    const std::string started = "started job as process ";
+    const TToolRun waited = RunTool({"run", "job", "--wait"});
+    EXPECT_THAT(waited.error, StartsWith("vxsched: " + started));
+    const std::string output = Output({"run", "job"});
+    EXPECT_THAT(output, StartsWith(started));
+    if (host) {
+        EXPECT_THAT(waited.error + output, Not(HasSubstr("vxsched itself")));
+    } else {
+        EXPECT_THAT(waited.error, HasSubstr(itself));
+        EXPECT_THAT(output, EndsWith(itself));
+    }
+    WaitUntil([] { return Records().size() == 2; });
+}
+
+TEST_P(CliRunEitherWay, OfAPausedTaskReportsThatItStaysPaused) {
+    WriteFile("script", "exit");
+    TRow row = Job();
+    row.paused = 1;
+    WriteTable({row});
+    StartHost();
+    for (const char* const option : {"--wait", "--utc", "--dry-run"}) {
+        const TToolRun run = RunTool({"run", "job", option});
+        EXPECT_EQ(run.status, 0);
+        EXPECT_THAT(run.error,
+                    HasSubstr("vxsched: job is paused and stays so; its schedule goes on "
+                              "with vxsched resume job\n"));
+        WaitUntil([] { return vxsched::FindRunningRuns(".", "job").empty(); });
+    }
+    EXPECT_EQ(ReadTable().at(0).paused, 1U);
+    EXPECT_EQ(Records().size(), 2U);
+}
+
 // The host may keep more than by default.
 TEST_F(CliRun, WithoutAHostRotatesNoHistory) {
     WriteJob("exit");
