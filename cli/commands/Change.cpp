@@ -1,13 +1,18 @@
 // create, edit, remove, pause, resume, period and wake.
 
 #include <fmt/format.h>
+
 #include <optional>
+#include <string>
 
 #include <vxsched/Error.h>
 #include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
+#include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/PausedTasks.h"
 #include "cli/time/PeriodFormat.h"
+#include "runs/OutputFiles.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/ProgramLinks.h"
@@ -42,17 +47,42 @@ void RequireTasks(const CStore& store, const TNames& names) {
     }
 }
 
+// How a command reports a task: one that it has changed or would change, and one that was or is
+// already as it would make it.
+struct TWords {
+    const char* done;
+    const char* would;
+    const char* was = "";
+    const char* is = "";
+};
+
+// `paused`: what the change sets, if it pauses or resumes.
 template <typename Change>
-TExitStatus ChangeNames(const TCommon& common, const TNames& names, const char* done,
-                        const char* would, COutput& output, const Change& change) {
+TExitStatus ChangeNames(const TCommon& common, const TNames& names, const TWords& words,
+                        std::optional<bool> paused, COutput& output, const Change& change) {
     const CStore store(common.store);
+    const auto before = paused ? FindPausedTasks(common.store.directory) : std::nullopt;
     if (common.dryRun)
         RequireTasks(store, names);
     else
         change(store);
-    for (const std::string& name : names)
-        PrintLine(output, fmt::format("{} {}", common.dryRun ? would : done, name));
+    for (const std::string& name : names) {
+        if (before && before->contains(name) == *paused)
+            PrintLine(output, fmt::format("{} {}", name, common.dryRun ? words.is : words.was));
+        else
+            PrintLine(output, fmt::format("{} {}", common.dryRun ? words.would : words.done, name));
+    }
     return cDone;
+}
+
+// What is recorded of a task before its new name stays under the former one.
+std::string NoteOfFormerRuns(const TCommon& common, const std::string& name,
+                             const TTaskEntry& task) {
+    if (task.last == TTime() && FindOutputs(common.store.directory, name).empty())
+        return "";
+    return fmt::format(
+        "its former runs stay under {0}: see vxsched history {1}, vxsched output {1}", name,
+        ShellWord(name));
 }
 
 }  // namespace
@@ -102,23 +132,29 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput
     const char* const would = isRenamed ? "would rename" : "would change";
     PrintLine(output,
               fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
+    if (isRenamed) {
+        if (const std::string note = NoteOfFormerRuns(common, arguments.name, task); !note.empty())
+            PrintLine(output, note);
+    }
     return cDone;
 }
 
 TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output) {
-    return ChangeNames(common, names, "removed", "would remove", output,
+    return ChangeNames(common, names, {"removed", "would remove"}, {}, output,
                        [&](const CStore& store) { store.Remove(names); });
 }
 
 TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
-    return ChangeNames(common, names, "paused", "would pause", output,
+    const TWords words = {"paused", "would pause", "was paused already", "is paused already"};
+    return ChangeNames(common, names, words, true, output,
                        [&](const CStore& store) { store.Pause(names); });
 }
 
 TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
     if (common.dryRun)
         CStore(common.store).CheckResume(names, common.forced);
-    return ChangeNames(common, names, "resumed", "would resume", output,
+    const TWords words = {"resumed", "would resume", "was not paused", "is not paused"};
+    return ChangeNames(common, names, words, false, output,
                        [&](const CStore& store) { store.Resume(names, common.forced); });
 }
 

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -19,6 +21,10 @@
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
+
+static std::ptrdiff_t LinesOf(const std::string& output) {
+    return std::count(output.begin(), output.end(), '\n');
+}
 
 TEST_F(Cli, CreateTakesEverythingFromTheCommandLine) {
     EXPECT_THAT(Output({"create", "backup", "--at", "2030-01-02T03:04:05Z", "--every", "1d", "--",
@@ -113,6 +119,34 @@ TEST_F(Cli, EditPauseResumePeriodAndRemove) {
     EXPECT_EQ(NamesInTable(), "b");
 }
 
+TEST_F(Cli, TaskThatIsAlreadyPausedOrNotPausedIsReportedAsSuch) {
+    TRow paused = Later("paused");
+    paused.paused = 1;
+    WriteTable({Later("active"), paused});
+    EXPECT_EQ(Output({"resume", "active", "paused", "--dry-run"}),
+              "active is not paused\nwould resume paused\n");
+    EXPECT_EQ(Output({"resume", "active", "paused"}), "active was not paused\nresumed paused\n");
+    Output({"pause", "paused"});
+    EXPECT_EQ(Output({"pause", "active", "paused", "--dry-run"}),
+              "would pause active\npaused is paused already\n");
+    EXPECT_EQ(Output({"pause", "active", "paused"}), "paused active\npaused was paused already\n");
+    EXPECT_EQ(Output({"remove", "active"}), "removed active\n");
+}
+
+TEST_F(Cli, EditReportsWhereFormerRunsOfARenamedTaskAre) {
+    TRow row = Later("a task");
+    row.last = 1000;
+    WriteTable({row, Later("new")});
+    EXPECT_EQ(LinesOf(Output({"edit", "new", "--name", "newer"})), 1);
+    EXPECT_THAT(
+        Output({"edit", "a task", "--name", "b", "--dry-run"}),
+        testing::EndsWith("\nits former runs stay under a task: see vxsched history 'a task', "
+                          "vxsched output 'a task'\n"));
+    EXPECT_THAT(Output({"edit", "a task", "--name", "b"}),
+                HasSubstr("\nits former runs stay under a task: see vxsched history"));
+    EXPECT_EQ(LinesOf(Output({"edit", "b", "--every", "6h"})), 1);
+}
+
 TEST_F(Cli, EditRenames) {
     const TRow row = Later("a");
     WriteTable({row, Later("b"), Later("c")});
@@ -131,13 +165,15 @@ TEST_F(Cli, EditRenames) {
 }
 
 TEST_F(Cli, DryRunReportsAndChangesNothing) {
-    WriteTable({Later("a")});
+    TRow paused = Later("p");
+    paused.paused = 1;
+    WriteTable({Later("a"), paused});
     const std::string before = ReadFile(cTable);
     for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
              {"create", "b", "--at", "in 1h", "--dry-run", "--", "/usr/bin/free"},
              {"edit", "a", "--every", "6h", "--dry-run"},
              {"pause", "a", "--dry-run"},
-             {"resume", "a", "--dry-run"},
+             {"resume", "p", "--dry-run"},
              {"period", "a", "6h", "--dry-run"},
              {"run", "a", "--dry-run"},
              {"remove", "a", "--dry-run"}}) {
