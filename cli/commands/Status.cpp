@@ -157,6 +157,14 @@ std::optional<TTime> LastTick(const TStatus& status) {
     return status.mutex->lastUsed;
 }
 
+std::string DescribeLastTick(const TStatus& status, EZone zone) {
+    if (const std::optional<TTime> tick = LastTick(status))
+        return FormatTime(*tick, zone);
+    if (status.mutex && status.scheduler->process != 0)
+        return "not known, since another process has used the mutex after it";
+    return "not known";
+}
+
 std::string DescribeScheduler(const TStatus& status, const std::string& directory) {
     if (!status.schedulerError.empty())
         return status.schedulerError;
@@ -254,8 +262,8 @@ TExitStatus Status(const TCommon& common, COutput& output) {
                         Show(value).string);
         };
         line("Scheduler", DescribeScheduler(status, AbsolutePath(common.store.directory)));
-        if (const std::optional<TTime> tick = LastTick(status))
-            line("Last tick", FormatTime(*tick, common.zone));
+        if (HasScheduler(status))
+            line("Last tick", DescribeLastTick(status, common.zone));
         line("Mutex", DescribeMutex(status));
         if (!semaphoresProblem.empty())
             line("Semaphores", semaphoresProblem);
