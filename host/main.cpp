@@ -23,6 +23,7 @@
 
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
+#include "base/AbsolutePath.h"
 #include "base/SignalName.h"
 #include "base/StandardDescriptors.h"
 #include "base/Sync.h"
@@ -365,7 +366,7 @@ static void Run(const THostOptions& options) {
         guard.Begin();
         if (control)
             control->Listen();
-        LogInfo(fmt::format("running in {} as process {}", options.directory, getpid()));
+        LogInfo(fmt::format("running in {} as process {}", vxsched::AbsolutePath("."), getpid()));
         service.Ready();
         malloc_trim(0);  // the startup has decoded the table several times
         if (options.runOnce) {

@@ -61,7 +61,8 @@ TEST(HostSignals, HupReopensTheLog) {
     std::filesystem::create_directory("work");
     // The path is relative to the caller's working directory, not to the host's.
     CProgram host({HOST_PROGRAM, "--directory", "work", "--log", "log"});
-    WaitUntil([] { return LogHolds("log", "running in work") && WorkerIsIdle(); });
+    const std::string work = std::filesystem::absolute("work");
+    WaitUntil([&] { return LogHolds("log", "running in " + work + " as ") && WorkerIsIdle(); });
     std::filesystem::rename("log", "log.old");
     host.Kill(SIGHUP);
     WaitUntil([] { return LogHolds("log", "reopened the log"); });
