@@ -414,7 +414,7 @@ TRun CStore::Run(std::string_view name, bool force, bool waitForEnd,
     if (outcome.launchUnknown)
         throw MakeError(EError::cUnknown,
                         "whether \"{}\" was launched is not known: {}; see vxsched history {}",
-                        name, *outcome.launchUnknown, name);
+                        name, *outcome.launchUnknown, ShellWord(name));
     if (outcome.run.process == 0)
         throw MakeError(EError::cFailed, "cannot launch \"{}\": {}; check the program",
                         call.task.program, outcome.launchError.value_or(""));

@@ -16,6 +16,7 @@
 #include <vxsched/Error.h>
 #include "base/CDescriptor.h"
 #include "base/DisplayText.h"
+#include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
 #include "cli/output/Json.h"
 #include "store/MakeError.h"
@@ -101,8 +102,9 @@ void ResolveLinks(const TCommon& common, std::vector<TImported>& imported) {
         one.realProgram = std::filesystem::read_symlink(program, error).string();
         if (!NeedsOwnLink(common, one) && !std::filesystem::exists(program, error))
             Warn(one.task.name, fmt::format("its program \"{}\" is a link of another store, which "
-                                            "cannot be resolved; edit the task's program",
-                                            program));
+                                            "cannot be resolved; edit the task's program (vxsched "
+                                            "edit {} --program PROGRAM)",
+                                            program, ShellWord(one.task.name)));
     }
 }
 

@@ -105,7 +105,8 @@ TExitStatus LaunchAndWait(const CStore& store, const std::string& name, bool for
     }
     const std::string directory = store.Options().directory.string();
     if (!run.id.empty() && IsRunning(directory, run.id)) {
-        Tell(fmt::format("the rest of the output is not printed; see vxsched output {}", name));
+        Tell(fmt::format("the rest of the output is not printed; see vxsched output {}",
+                         ShellWord(name)));
         WaitForRun(directory, run.id);
     }
     CInterruption::WaitEnds();

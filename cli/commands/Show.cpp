@@ -10,6 +10,7 @@
 #include <vxsched/SchedulingProcess.h>
 #include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
+#include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/Json.h"
@@ -39,7 +40,7 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
             return error.message;
     }
     if (task.paused)
-        return fmt::format("it is paused; run vxsched resume {}", task.name);
+        return fmt::format("it is paused; run vxsched resume {}", ShellWord(task.name));
     const std::optional<TSchedulingProcess> scheduler =
         FindSchedulingProcess(common.store.directory);
     if (!scheduler)
@@ -108,7 +109,7 @@ CError NoTask(const TCommon& common, const std::string& name, const TTable& tabl
             return MakeError(
                 EError::cNotFound, "there is no task \"{}\"; {}: see vxsched history {}", name,
                 std::any_of(runs.begin(), runs.end(), HasRun) ? "it has run" : "it did not run",
-                name);
+                ShellWord(name));
     } catch (const CError&) {
         // A file cannot be read; there is no such task all the same.
     }

@@ -497,7 +497,7 @@ TEST_F(Cli, PipeInPlaceOfTheHostsLockFileKeepsNobodyWaiting) {
 
 TEST_F(Cli, ShowOfARemovedTaskPointsToItsHistory) {
     WriteShowcase();
-    ExpectRefused(3, "no task \"gone by now\"; it did not run: see vxsched history gone by now\n",
+    ExpectRefused(3, "no task \"gone by now\"; it did not run: see vxsched history 'gone by now'\n",
                   {"show", "gone by now"});
     WriteFile(cHistory, Run("once", R"("outcome":"exited","due":null,"status":0)"));
     ExpectRefused(3, "no task \"once\"; it has run: see vxsched history once\n", {"show", "once"});

@@ -94,6 +94,14 @@ TEST_F(Cli, UnknownTaskIsReportedWithTheSameAdviceByEveryCommand) {
         ExpectRefused(3, "; see vxsched list\n", command);
 }
 
+TEST_F(Cli, NamesInAdviceAreQuotedForAShell) {
+    TRow row = Later("a task");
+    row.paused = 1;
+    WriteTable({row});
+    EXPECT_THAT(Output({"show", "a task"}),
+                HasSubstr("it is paused; run vxsched resume 'a task'\n"));
+}
+
 TEST_F(Cli, CreateLinksProgramsThatCannotBeNamedDirectly) {
     Output({"create", "a", "--at", "in 1h", "--", "/usr/bin/free", "-h"});
     EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), "/usr/bin/free");

@@ -208,9 +208,11 @@ TEST_F(Cli, ImportResolvesLinksOfAnotherStoreOrReportsThem) {
     fs::remove("other/files/programs/tool-sh-1");
     const TToolRun run = RunTool({"import", "export"});
     EXPECT_EQ(run.status, 0);
-    EXPECT_THAT(run.error, HasSubstr("task \"b\": its program \"" +
-                                     fs::absolute("other/files/programs/tool-sh-1").string() +
-                                     "\" is a link of another store"));
+    EXPECT_THAT(run.error,
+                HasSubstr("task \"b\": its program \"" +
+                          fs::absolute("other/files/programs/tool-sh-1").string() +
+                          "\" is a link of another store, which cannot be resolved; "
+                          "edit the task's program (vxsched edit b --program PROGRAM)\n"));
     EXPECT_THAT(run.error, testing::Not(HasSubstr("task \"a\"")));
     EXPECT_EQ(ReadTable()[0].program, fs::absolute("files/programs/free-1").string());
     EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), fs::absolute("other/free"));
