@@ -15,6 +15,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/RunningPrograms.h>
 #include "base/DisplayText.h"
+#include "base/ShellWord.h"
 #include "base/Users.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/RequireTask.h"
@@ -140,7 +141,7 @@ TExitStatus Stop(const TCommon& common, const std::string& name, COutput& output
         if (ReadHistory(common.store.directory, name).runs.empty())
             RequireTask(common, name);
         throw MakeError(EError::cRefused, "no run of \"{}\" is under way; see vxsched history {}",
-                        name, name);
+                        name, ShellWord(name));
     }
     if (!common.dryRun)
         TerminateAll(common, name, runs);
