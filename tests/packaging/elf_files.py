@@ -12,7 +12,7 @@ import sys
 import tempfile
 
 HARDENING = ["-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection", "-fvisibility=hidden"]
-PRODUCT = ("scheduler/ addin/ sync/ support/ base/ store/ runs/ runner/ interpose/ client/ host/ cli/").split()
+PRODUCT = ("scheduler/ addin/ sync/ support/ base/ calendar/ store/ runs/ runner/ interpose/ client/ host/ cli/").split()
 SONAMES = {"libVantrixScheduler.so": "libVantrixScheduler.so", "libvxcsupport.so": "libvxcsupport.so.0",
            "libvxsched-client.so": "libvxsched-client.so.0"}
 PROGRAMS = {"vxschedd", "vxsched", "vxsched-change", "vxrun"}

@@ -26,6 +26,7 @@ ARROWS = {
     "addin": set(),
     "scheduler": {"sync", "addin"},
     "base": set(),
+    "calendar": {"base"},
     "store": STORE | {"scheduler"},
     "runs": RUNS,
     "control": CONTROL,
