@@ -134,6 +134,7 @@ private:
     std::vector<std::string> forced;
 
     bool namesOnly = false;
+    TCalendarOptions calendarOptions;
     THistoryOptions historyOptions;
     TOutputOptions outputOptions;
     std::optional<std::size_t> count;
@@ -218,6 +219,31 @@ void CCommandLine::AddQueries() {
                 ->type_name("NUMBER");
             next.add_option("--until", until, "List runs up to this time")->type_name("TIME");
         });
+    Add(
+        "calendar", "Show what a cron expression means, and its next launches",
+        [this] { return Calendar(common, calendarOptions, output); },
+        [this, addJson](CLI::App& calendar) {
+            addJson(calendar);
+            calendar
+                .add_option(
+                    "expression", calendarOptions.expression,
+                    "Minute, hour, day, month and weekday: \"30 2 * * mon-fri\"; or @daily, "
+                    "...")
+                ->type_name("EXPRESSION")
+                ->required();
+            calendar
+                .add_option("--zone", calendarOptions.zone,
+                            "Whose wall time it is, as Europe/Berlin; default the machine's")
+                ->type_name("ZONE");
+            calendar
+                .add_option("--from", calendarOptions.from,
+                            "List launches after this time; default now")
+                ->type_name("TIME");
+            calendar.add_option("--count", calendarOptions.count, "Number of launches; default 5")
+                ->check(CheckNumber)
+                ->type_name("NUMBER");
+        },
+        EIdentity::cCaller);
     Add(
         "history", "List the recorded runs of one task or of all tasks",
         [this] { return History(common, task.name, historyOptions, output); },
@@ -460,6 +486,8 @@ void CCommandLine::Parse(int argc, const char* const* argv) {
             ParseTime(*task.at, Now());
         if (!until.empty())
             ParseTime(until, Now());
+        if (!calendarOptions.from.empty())
+            ParseTime(calendarOptions.from, Now());
         if (!historyOptions.since.empty())
             ParsePastTime(historyOptions.since, Now());
         throw;
@@ -553,7 +581,7 @@ TExitStatus CCommandLine::Run(int argc, const char* const* argv) {
     common.caller = getuid();
     if (mustBecomeOwner)
         BecomeForeignOwner(directory);
-    if (file.empty() && shell.empty())
+    if (file.empty() && shell.empty() && !app.got_subcommand("calendar"))
         WarnIfNoHostHasRun();
     common.store.onBegin = CInterruption::ChangeBegins;
     common.store.onRetry = CInterruption::ChangeIsRetried;

@@ -53,6 +53,17 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
 TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const std::string& until,
                  COutput& output);
 
+// What is asked of an expression; empty: the machine's zone, now.
+struct TCalendarOptions {
+    std::string expression;
+    std::string zone;
+    std::string from;
+    std::size_t count = 5;
+};
+
+// Prints a cron expression normalised and in words, and its next launches. Uses no store.
+TExitStatus Calendar(const TCommon& common, const TCalendarOptions& options, COutput& output);
+
 // Which runs are listed.
 struct THistoryOptions {
     std::optional<std::size_t> count;  // the last ones; 20 unless `since` is given

@@ -41,6 +41,12 @@ TExitStatus Next(const TCommon& /*common*/, std::optional<std::size_t> /*count*/
         ParseTime(until, TTime());
     return cDone;
 }
+TExitStatus Calendar(const TCommon& /*common*/, const TCalendarOptions& options,
+                     COutput& /*output*/) {
+    gTaken = {options.expression};
+    ParseTime(options.from.empty() ? "now" : options.from, TTime());
+    return cDone;
+}
 TExitStatus History(const TCommon& /*common*/, const std::string& name,
                     const THistoryOptions& options, COutput& /*output*/) {
     gTaken = {name};
