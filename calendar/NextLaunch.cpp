@@ -61,7 +61,7 @@ std::optional<TWallTime> FirstShown(const CCronExpression& expression, TWallTime
     return {};
 }
 
-TWallTime Shown(sys_seconds time, seconds offset) {
+TWallTime WallAt(sys_seconds time, seconds offset) {
     return TWallTime(time.time_since_epoch() + offset);
 }
 
@@ -69,7 +69,7 @@ TWallTime Shown(sys_seconds time, seconds offset) {
 TWallTime FirstNew(const CTimeZone& zone, const CTimeZone::TPeriod& period) {
     const seconds before = zone.PeriodAt(period.begin - 1s).offset;
     const seconds back = before - period.offset;
-    return Shown(period.begin, back > 0s && back < cCorrection ? before : period.offset);
+    return WallAt(period.begin, back > 0s && back < cCorrection ? before : period.offset);
 }
 
 }  // namespace
@@ -80,15 +80,14 @@ std::optional<sys_seconds> NextLaunch(const CCronExpression& expression, const C
         return {};
     const bool isFixed = expression.IsAtFixedTime();
     sys_seconds from = std::max(after, cBeginning - 1s);
-    seconds later =
-        1s;  // the first launch may be that much after `from`; 0 at a change of the clock
+    seconds later = 1s;  // than `from`; a change of the clock itself may be a launch
     while (from < cEnd) {
         const CTimeZone::TPeriod period = zone.PeriodAt(from);
         const sys_seconds end = std::min(period.end, cEnd);
-        TWallTime wall = Shown(from, period.offset) + later;
+        TWallTime wall = WallAt(from, period.offset) + later;
         if (isFixed && period.begin > cBeginning)
             wall = std::max(wall, FirstNew(zone, period));
-        const TWallTime endShown = Shown(end, period.offset);
+        const TWallTime endShown = WallAt(end, period.offset);
         if (const std::optional<TWallTime> found = FirstShown(expression, wall, endShown))
             return sys_seconds(found->time_since_epoch() - period.offset);
         if (end >= cEnd)

@@ -10,8 +10,8 @@
 
 namespace vxsched {
 
-// The first launch after `after`, not at it. None for @reboot, and from the year 9999 on; a time
-// before the year 1 counts as its beginning.
+// The first launch after `after`, not at it. None for @reboot, from the year 9999 on, and of what
+// the clock skips each year; a time before the year 1 counts as its beginning.
 //
 // What changes of the clock by less than three hours do, as cron(8) of Debian states it:
 //   - A launch at a fixed time (CCronExpression::IsAtFixedTime) that the clock skips is made when

@@ -107,15 +107,9 @@ private:
             low = Value(values.substr(0, hyphen));
             high = hyphen == std::string_view::npos ? low : Value(values.substr(hyphen + 1));
         }
-        unsigned step = 1;
-        if (slash != std::string_view::npos) {
-            if (values != "*" && hyphen == std::string_view::npos)
-                Fail(fmt::format("has a step after a single value; write {}-{}/{}", values,
-                                 range.high, Shown(item.substr(slash + 1))));
-            step = Number(item.substr(slash + 1)).value_or(0);
-            if (step == 0)
-                Fail("has a step that is not a number from 1 on");
-        }
+        const bool isSpan = values == "*" || hyphen != std::string_view::npos;
+        const unsigned step =
+            slash == std::string_view::npos ? 1 : Step(values, isSpan, item.substr(slash + 1));
         if (low > high)
             Fail(fmt::format("has a range whose end is before its beginning{}",
                              which == ECronField::cWeekday && high == 0
@@ -123,6 +117,16 @@ private:
                                  : ""));
         for (unsigned value = low; value <= high; value += step)
             field.values |= std::uint64_t{1} << value;
+    }
+
+    unsigned Step(std::string_view values, bool isSpan, std::string_view digits) const {
+        if (!isSpan)
+            Fail(fmt::format("has a step after a single value; write {}-{}/{}", Shown(values),
+                             range.high, Shown(digits)));
+        const unsigned step = Number(digits).value_or(0);
+        if (step == 0)
+            Fail("has a step that is not a number from 1 on");
+        return step;
     }
 
     // A number, or nothing if it is none. One that is too large for any use stays so.

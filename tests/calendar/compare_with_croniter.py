@@ -7,15 +7,17 @@ The interpreter is Debian's, which has Debian's croniter and finds the system's 
 near a change of the clock.
 
 What croniter does otherwise than cron, and how it is compared all the same; no pair is left out:
-- Changes of the clock. croniter follows none of cron's rules: it launches what is skipped an hour early or late, or
-  twice. It is asked by the wall clock, without a zone. If no change is near, its answer is the launch. Otherwise
-  launch_at_change() maps all that it finds around the change to times, as cron(8) says.
+- Changes of the clock. croniter follows none of cron's rules: 30 2 * * * is half an hour late where 02:30 is skipped,
+  and an hour late on the day after a repeated hour, of which 30 * * * * gets only the first. So it is asked by the wall
+  clock, without a zone. If no change is near, its answer is the launch. Otherwise launch_at_change() maps all that it
+  finds around the change to times, as cron(8) says.
 - Day of the month and day of the week. croniter takes a field that has all values for one that says nothing; cron, each
   that begins with *. Where either day suffices, it finds no launch if the month has no such day, although the day of the
   week comes. It is asked for each of the two by itself, and where both are needed, for the days of the month, which the
   day of the week then sifts.
 - A list of days with the 29th to 31st or L. After a month that has no such day it may pass by the next day of the list:
-  1,31 on 27 February is 31 March. It is asked for each of these days by itself.
+  1,31 on 27 February is 31 March. It is asked for each of these days by itself. 30 days and L are 31 items, which it
+  takes for all days: each item is expanded by itself.
 - A list with *, as 5,* or *,5, is asked as what it is: all values.
 """
 import bisect
@@ -23,7 +25,7 @@ import heapq
 import random
 import subprocess
 import sys
-from datetime import datetime, timedelta, timezone
+from datetime import datetime, timedelta
 from zoneinfo import ZoneInfo
 
 from croniter import croniter, CroniterBadDateError
@@ -125,10 +127,10 @@ def asked(expression):
     """Expressions whose launches together are those of this one, each with one field of the day at most, and the days of
     the week that are needed besides; None for any."""
     fields = ["*" if "*" in field.split(",") else field for field in expression.split()]
-    listed = croniter.expand("0 0 %s * *" % fields[2])[0][2]
-    in_all_months = [str(day) for day in listed if day not in ("*", "l") and day <= 28]
-    days = ([",".join(in_all_months)] if in_all_months else []) + [str(day) for day in listed
-                                                                  if str(day) not in in_all_months]
+    listed = {day for item in fields[2].split(",") for day in croniter.expand("0 0 %s * *" % item)[0][2]}
+    in_all_months = sorted(day for day in listed if day not in ("*", "l") and day <= 28)
+    days = ([",".join(map(str, in_all_months))] if in_all_months else []) + [str(day) for day in listed
+                                                                            if day not in in_all_months]
     by_day = [" ".join((fields[0], fields[1], day, fields[3], "*")) for day in days]
     by_weekday = " ".join((fields[0], fields[1], "*", fields[3], fields[4]))
     if not any(expression.split()[index].startswith("*") for index in (2, 4)):
@@ -186,17 +188,17 @@ def launch_at_change(zone, after, expression):
 
 
 def expected(zone, after, expression):
-    """The launch, or "never"; and whether a change of the clock is near."""
+    """The launch, "never", or "none" if the clock skips each; and whether a change of the clock is near."""
     begin = zone.wall(after)
     wall = next(matches(expression, begin), None)
     if wall is None:
         return "never", False
     launch = int(wall.replace(tzinfo=zone.info).timestamp())
     if zone.has_change(after - NEAR, after + NEAR) or zone.has_change(launch - NEAR, launch + NEAR):
-        return launch_at_change(zone, after, expression), True
+        return launch_at_change(zone, after, expression) or "none", True
     if zone.has_change(after, launch):
         # What a change of the clock skips may come before what its wall clock shows.
-        at_change = launch_at_change(zone, after, expression)
+        at_change = launch_at_change(zone, after, expression) or "none"
         return at_change, at_change != launch
     return launch, False
 

@@ -329,6 +329,12 @@ TEST(NextLaunch, EndsBeforeTheYear9999) {
                             Utc("9998-12-31 23:00:00")));
 }
 
+// The clock of Troll skips the second hour of each last Sunday of March.
+TEST(NextLaunch, WildcardTimeThatIsSkippedEachYearNeverComes) {
+    EXPECT_FALSE(NextLaunch(ParseCron("* 1 26 mar */7"), CTimeZone::Named("Antarctica/Troll"),
+                            Utc("2006-01-01 00:00:00")));
+}
+
 // The launches of an expression are those minutes at which a clock that is looked at each minute
 // selects it, but for the changes of the clock.
 TEST(NextLaunch, IsWhatAClockShowsMinuteByMinute) {
