@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/time/Duration.h"
+#include "base/Duration.h"
 #include "cli/time/TimeParts.h"
 
 namespace vxsched {

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include <vxsched/Table.h>
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 
 namespace vxsched {
 

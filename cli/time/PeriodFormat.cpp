@@ -2,8 +2,8 @@
 
 #include <chrono>
 
-#include "cli/time/CParser.h"
-#include "cli/time/Duration.h"
+#include "base/CParser.h"
+#include "base/Duration.h"
 
 namespace vxsched {
 

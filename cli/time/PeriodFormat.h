@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 
 namespace vxsched {
 

@@ -8,9 +8,9 @@
 #include <optional>
 #include <vector>
 
+#include "base/CParser.h"
+#include "base/Duration.h"
 #include "base/WallTime.h"
-#include "cli/time/CParser.h"
-#include "cli/time/Duration.h"
 #include "cli/time/TimeParts.h"
 
 namespace vxsched {

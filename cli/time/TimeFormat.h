@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include <vxsched/Table.h>
+#include "base/CParseError.h"
 #include "base/IsoTime.h"
-#include "cli/time/CParseError.h"
 
 namespace vxsched {
 

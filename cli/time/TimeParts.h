@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include <vxsched/Table.h>
+#include "base/CParser.h"
 #include "base/WallTime.h"
-#include "cli/time/CParser.h"
 
 namespace vxsched {
 

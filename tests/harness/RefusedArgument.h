@@ -1,7 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 
 #include <cstddef>
 #include <optional>

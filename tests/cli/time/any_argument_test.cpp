@@ -2,7 +2,7 @@
 // that is safe to print.
 
 #include <gtest/gtest.h>
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 #include "cli/time/PeriodFormat.h"
 #include "cli/time/TimeFormat.h"
 

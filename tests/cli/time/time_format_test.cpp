@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 #include "cli/time/TimeFormat.h"
 
 #include <chrono>

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <string_view>
 
-#include "cli/time/CParser.h"
+#include "base/CParser.h"
 
 namespace vxsched {
 

@@ -1,4 +1,4 @@
-#include "cli/time/Duration.h"
+#include "base/Duration.h"
 
 #include <fmt/format.h>
 

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 
 #include <cstddef>
 #include <string>

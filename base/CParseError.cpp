@@ -1,4 +1,4 @@
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 
 #include <fmt/format.h>
 

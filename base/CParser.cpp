@@ -1,10 +1,10 @@
-#include "cli/time/CParser.h"
+#include "base/CParser.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 
-#include "cli/time/CParseError.h"
+#include "base/CParseError.h"
 
 namespace vxsched {
 
