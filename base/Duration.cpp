@@ -78,4 +78,14 @@ seconds ReadDuration(CParser& reader, seconds smallest, std::string_view tooSmal
     return sum;
 }
 
+std::string FormatDuration(seconds duration) {
+    std::string text;
+    for (const TUnit& unit : cUnits) {
+        if (const auto number = duration / unit.length; number != 0)
+            text += std::to_string(number) + unit.words[1];
+        duration %= unit.length;
+    }
+    return text;
+}
+
 }  // namespace vxsched

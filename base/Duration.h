@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <string>
 #include <string_view>
 
 #include "base/CParser.h"
@@ -16,5 +17,8 @@ namespace vxsched {
 // Throws CParseError; for a unit below `smallest` with the reason `tooSmall`.
 std::chrono::seconds ReadDuration(CParser& reader, std::chrono::seconds smallest,
                                   std::string_view tooSmall);
+
+// A positive duration as ReadDuration() reads it, without blanks: `2h30m`.
+std::string FormatDuration(std::chrono::seconds duration);
 
 }  // namespace vxsched

@@ -27,6 +27,7 @@ ARROWS = {
     "scheduler": {"sync", "addin"},
     "base": set(),
     "calendar": {"base"},
+    "jobs": {"base"},
     "store": STORE | {"scheduler"},
     "runs": RUNS,
     "control": CONTROL,

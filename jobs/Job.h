@@ -1,0 +1,42 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vxsched {
+
+// What the runner is to execute, and how. Strings may hold any byte but zero.
+struct TJob {
+    std::string task;  // its name in the records of a launch by a host that does not tell it
+
+    // The program and its arguments, as they are; empty if `shell` is set.
+    std::vector<std::string> command;
+    std::optional<std::string> shell;  // a text for `/bin/sh -c`
+
+    std::string user;                      // name or number; empty: the launcher's
+    std::string group;                     // name or number; empty: the user's main one
+    std::string directory;                 // absolute; empty: the user's home or the launcher's
+    std::optional<mode_t> umask;           // without: the launcher's
+    std::vector<std::string> environment;  // each NAME=VALUE
+    std::vector<std::string> environmentFiles;  // absolute paths of files of such lines
+
+    std::optional<std::chrono::seconds> timeout;    // after which the job is terminated
+    std::optional<std::chrono::seconds> killAfter;  // after which it is killed then
+    std::vector<std::uint8_t> success;              // the good exit statuses; empty: 0
+
+    // What becomes of a launch by the schedule while a run of the task is under way.
+    enum EOverlap { cSkip, cAllow };
+    EOverlap overlap = cSkip;
+
+    bool operator==(const TJob&) const = default;
+};
+
+// The program that is executed, and its arguments.
+std::vector<std::string> CommandOf(const TJob& job);
+
+}  // namespace vxsched

@@ -1,0 +1,183 @@
+#include "jobs/JobOptions.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <charconv>
+#include <system_error>
+
+#include "base/CParseError.h"
+#include "base/CParser.h"
+#include "base/Duration.h"
+#include "jobs/CJobError.h"
+
+namespace vxsched {
+
+namespace {
+
+using std::chrono::seconds;
+
+// Beyond this a number of milliseconds would not fit a timer.
+constexpr seconds cLongest = std::chrono::hours(24 * 3650);
+
+std::uint32_t NumberOf(std::string_view text, int base, std::uint32_t largest, const char* what) {
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    if (error != std::errc() || end != text.data() + text.size() || number > largest)
+        throw CJobError(fmt::format("give {}", what));
+    return number;
+}
+
+seconds DurationOf(const std::string& value) {
+    CParser parser("duration", value);
+    try {
+        const seconds duration = ReadDuration(parser, seconds(1), "");
+        parser.ExpectEnd();
+        if (duration > seconds(0) && duration <= cLongest)
+            return duration;
+    } catch (const CParseError&) {
+        // Its message has lines of its own.
+    }
+    throw CJobError("give a duration from 1s to 3650d, such as 90s, 5m or 2h30m");
+}
+
+std::string RequireText(const std::string& value) {
+    if (value.empty())
+        throw CJobError("give a value that is not empty");
+    return value;
+}
+
+std::string RequireAbsolute(const std::string& value) {
+    if (!value.starts_with('/'))
+        throw CJobError("give an absolute path");
+    return value;
+}
+
+template <std::string TJob::*Field>
+std::vector<std::string> TextIn(const TJob& job) {
+    return (job.*Field).empty() ? std::vector<std::string>() : std::vector{job.*Field};
+}
+
+template <std::vector<std::string> TJob::*Field>
+std::vector<std::string> TextsIn(const TJob& job) {
+    return job.*Field;
+}
+
+template <std::optional<seconds> TJob::*Field>
+void SetDuration(TJob& job, const std::string& value) {
+    job.*Field = DurationOf(value);
+}
+
+template <std::optional<seconds> TJob::*Field>
+std::vector<std::string> DurationIn(const TJob& job) {
+    return job.*Field ? std::vector{FormatDuration(*(job.*Field))} : std::vector<std::string>();
+}
+
+void SetUmask(TJob& job, const std::string& value) {
+    job.umask = NumberOf(value, 8, 0777, "an octal number from 0 to 777, such as 027");
+}
+
+std::vector<std::string> UmaskIn(const TJob& job) {
+    return job.umask ? std::vector{fmt::format("{:03o}", *job.umask)} : std::vector<std::string>();
+}
+
+void AddVariable(TJob& job, const std::string& value) {
+    if (const std::size_t equals = value.find('='); equals == 0 || equals == std::string::npos)
+        throw CJobError("give NAME=VALUE");
+    job.environment.push_back(value);
+}
+
+void SetSuccess(TJob& job, const std::string& value) {
+    std::vector<std::uint8_t> statuses;
+    for (std::size_t begin = 0; begin <= value.size();) {
+        const std::size_t end = std::min(value.find(',', begin), value.size());
+        statuses.push_back(static_cast<std::uint8_t>(
+            NumberOf(std::string_view(value).substr(begin, end - begin), 10, 255,
+                     "exit statuses from 0 to 255 with commas, such as 0,3")));
+        begin = end + 1;
+    }
+    job.success = statuses;
+}
+
+std::vector<std::string> SuccessIn(const TJob& job) {
+    return job.success.empty() ? std::vector<std::string>()
+                               : std::vector{fmt::format("{}", fmt::join(job.success, ","))};
+}
+
+void SetOverlap(TJob& job, const std::string& value) {
+    if (value != "skip" && value != "allow")
+        throw CJobError("give skip or allow");
+    job.overlap = value == "skip" ? TJob::cSkip : TJob::cAllow;
+}
+
+std::vector<std::string> OverlapIn(const TJob& job) {
+    return job.overlap == TJob::cAllow ? std::vector<std::string>{"allow"}
+                                       : std::vector<std::string>();
+}
+
+std::vector<std::string> ShellIn(const TJob& job) {
+    return job.shell ? std::vector{*job.shell} : std::vector<std::string>();
+}
+
+}  // namespace
+
+constexpr bool cOnce = false;
+constexpr bool cRepeatable = true;
+
+// In the order in which a line has them.
+const std::array<TJobOption, 12> cJobOptions = {{
+    {"task", "NAME", "The task's name in records", cOnce,
+     [](TJob& job, const std::string& value) { job.task = RequireText(value); },
+     TextIn<&TJob::task>},
+    {"user", "USER", "As whom the program runs", cOnce,
+     [](TJob& job, const std::string& value) { job.user = RequireText(value); },
+     TextIn<&TJob::user>},
+    {"group", "GROUP", "The program's group; default the user's", cOnce,
+     [](TJob& job, const std::string& value) { job.group = RequireText(value); },
+     TextIn<&TJob::group>},
+    {"directory", "DIR", "Where the program runs", cOnce,
+     [](TJob& job, const std::string& value) { job.directory = RequireAbsolute(value); },
+     TextIn<&TJob::directory>},
+    {"umask", "MODE", "The program's file mode creation mask, octal", cOnce, SetUmask, UmaskIn},
+    {"env", "NAME=VALUE", "A variable of the program; repeatable", cRepeatable, AddVariable,
+     TextsIn<&TJob::environment>},
+    {"env-file", "FILE", "A file of NAME=VALUE lines; repeatable", cRepeatable,
+     [](TJob& job, const std::string& value) {
+         job.environmentFiles.push_back(RequireAbsolute(value));
+     },
+     TextsIn<&TJob::environmentFiles>},
+    {"timeout", "DURATION", "Terminate the job after this time", cOnce, SetDuration<&TJob::timeout>,
+     DurationIn<&TJob::timeout>},
+    {"kill-after", "DURATION", "Kill what is left of it so much later; default 10s", cOnce,
+     SetDuration<&TJob::killAfter>, DurationIn<&TJob::killAfter>},
+    {"overlap", "WHAT", "While a run is under way: skip (default) or allow", cOnce, SetOverlap,
+     OverlapIn},
+    {"success", "STATUSES", "The good exit statuses; default 0", cOnce, SetSuccess, SuccessIn},
+    {"shell", "TEXT", "A text for /bin/sh -c in place of a program", cOnce,
+     [](TJob& job, const std::string& value) { job.shell = RequireText(value); }, ShellIn},
+}};
+
+void SetJobOption(TJob& job, const TJobOption& option, const std::string& value) {
+    try {
+        if (value.find('\0') != std::string::npos)
+            throw CJobError("give a value without zero bytes");
+        option.set(job, value);
+    } catch (const CJobError& error) {
+        throw CJobError(fmt::format("--{} \"{}\": {}", option.name, value, error.what()));
+    }
+}
+
+// Takes over what the other options make of the job.
+void ClearJobOption(TJob& job, const TJobOption& option) {
+    TJob cleared;
+    cleared.command = job.command;
+    for (const TJobOption& other : cJobOptions) {
+        if (&other == &option)
+            continue;
+        for (const std::string& value : other.values(job))
+            other.set(cleared, value);
+    }
+    job = cleared;
+}
+
+}  // namespace vxsched

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "jobs/Job.h"
+
+namespace vxsched {
+
+// An option of the runner, which is a field of a job. The commands that make tasks have the same ones.
+struct TJobOption {
+    const char* name;       // without the hyphens
+    const char* valueName;  // of its value in a help
+    const char* help;
+    bool isRepeatable;
+    // Takes a value; for a repeatable option one more. Throws CJobError, without the option's name.
+    void (*set)(TJob& job, const std::string& value);
+    // What `set` would make the same field of; empty if it is as without the option.
+    std::vector<std::string> (*values)(const TJob& job);
+};
+
+extern const std::array<TJobOption, 12> cJobOptions;
+
+// Has the option take a value. Throws CJobError, which names the option and the value.
+void SetJobOption(TJob& job, const TJobOption& option, const std::string& value);
+
+// Has the field of an option be as without it.
+void ClearJobOption(TJob& job, const TJobOption& option);
+
+}  // namespace vxsched
