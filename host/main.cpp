@@ -273,7 +273,7 @@ static vxsched::TLaunchAnswer AnswerLaunch(const vxsched::TLaunchRequest& reques
     const TLaunched launched =
         LaunchByHand(request.task, request.program, request.parameter, follower);
     return {.error = launched.error,
-            .message = launched.error != 0 ? std::strerror(launched.error) : "",
+            .message = launched.error != 0 ? launched.Reason() : "",
             .process = launched.program,
             .run = launched.run};
 }

@@ -1,7 +1,7 @@
 // vxrun: launches one program for vxschedd or vxsched, keeps its output, and records its end. It
-// outlives whoever has launched it.
+// outlives whoever has launched it. As the program of a task it executes the job that its argument
+// describes.
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -10,26 +10,31 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "base/CDescriptor.h"
 #include "base/DisplayText.h"
-#include "base/RegularFile.h"
 #include "base/WriteAll.h"
+#include "jobs/CJobError.h"
+#include "jobs/JobOptions.h"
+#include "runner/CCommand.h"
 #include "runner/CCopy.h"
 #include "runner/CJob.h"
+#include "runner/Request.h"
 #include "runs/COutputFile.h"
 #include "runs/CRunHistory.h"
 #include "runs/CRunningFile.h"
 #include "runs/OutputFiles.h"
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
+#include "store/Layout.h"
+
+using vxsched::TJob;
 
 namespace {
 
@@ -38,9 +43,6 @@ constexpr int cNotStarted = 127;  // exit status, as a shell has it
 
 // A run is for its program to end, not for a reader of the copy that goes, a terminal, or a limit.
 constexpr int cIgnored[] = {SIGPIPE, SIGHUP, SIGINT, SIGXFSZ};
-
-// Of strings of a task, whose name has no limit but that of a table.
-constexpr std::uint64_t cLongestCommand = std::uint64_t{1} << 30U;
 
 // A reader of the host's log that has stalled does not hold up a run for longer than this.
 constexpr int cStall = 1000;  // milliseconds
@@ -52,32 +54,10 @@ void Warn(const std::string& message) {
         static_cast<void>(WriteAll(STDERR_FILENO, line));
 }
 
-std::optional<TRunRequest> TakeRequest() {
-    const char* const variable = std::getenv(cRunVariable);
-    auto request = variable != nullptr ? DecodeRunRequest(variable) : std::nullopt;
-    unsetenv(cRunVariable);
-    return request;
-}
-
-// The program and its arguments, with a null pointer after them: those of this process or, if it has
-// none, those of the file that is its standard input, with the variables there. Empty if there are none.
-std::vector<char*> TakeCommand(int argc, char** argv) {
-    if (argc >= 2)
-        return {argv + 1, argv + argc + 1};
-    static std::optional<TRunCommand> command;
-    std::string bytes;
-    if (ReadRegularFile(STDIN_FILENO, cLongestCommand, bytes))
-        command = DecodeRunCommand(bytes);
-    const CDescriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!command || dup2(nothing.Get(), STDIN_FILENO) == -1)
-        return {};
-    for (std::string& variable : command->variables)
-        putenv(variable.data());
-    std::vector<char*> pointers;
-    for (std::string& argument : command->arguments)
-        pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    return pointers;
+// A launcher that knows the task's name has set it.
+void NameTask(const TJob& job) {
+    if (!job.task.empty())
+        setenv("VXSCHED_TASK", job.task.c_str(), 0);
 }
 
 // A program that gets too much with its task's name and due time is launched without them. `launch`
@@ -92,13 +72,15 @@ int LaunchForTask(const Launch& launch) {
     return launch();
 }
 
-TRunRecord Describe(char* const command[], const std::string& trigger) {
+// `arguments` are those of a job, or the single one of another program.
+TRunRecord Describe(const std::string& program, const std::string& arguments,
+                    const std::string& trigger) {
     TRunRecord run;
     run.started = CurrentMoment();
     run.trigger = trigger;
     run.attempt = 1;
-    run.program = command[0];
-    run.parameter = command[1] != nullptr ? command[1] : "";
+    run.program = program;
+    run.parameter = arguments;
     if (const char* const task = std::getenv("VXSCHED_TASK"))
         run.task = task;
     if (const char* const due = std::getenv("VXSCHED_DUE"))
@@ -108,12 +90,22 @@ TRunRecord Describe(char* const command[], const std::string& trigger) {
 }
 
 // False if the launcher is gone.
-bool Report(int pipe, int error, pid_t process, const std::string& run) {
-    TLaunchReport report{.error = error, .process = process, .run = {}};
-    run.copy(report.run, sizeof report.run - 1);
+bool Report(int pipe, const TLaunchReport& report) {
     const bool isReported = write(pipe, &report, sizeof report) == sizeof report;
     close(pipe);
     return isReported;
+}
+
+bool ReportLaunch(int pipe, pid_t process, const std::string& run) {
+    TLaunchReport report{.error = 0, .process = process, .run = {}, .reason = {}};
+    run.copy(report.run, sizeof report.run - 1);
+    return Report(pipe, report);
+}
+
+bool ReportError(int pipe, int error, const std::string& reason) {
+    TLaunchReport report{.error = error, .process = 0, .run = {}, .reason = {}};
+    reason.copy(report.reason, sizeof report.reason - 1);
+    return Report(pipe, report);
 }
 
 // The system has no room for a process of the program's own, but has made this one.
@@ -123,7 +115,7 @@ bool IsForWantOfRoom(int error) {
 
 // Executes the program in this process. Its launcher then waits for it and records its end; its output
 // is not kept.
-[[noreturn]] void Become(const TRunRequest& request, char* const command[]) {
+[[noreturn]] void Become(const TRunRequest& request, const CCommand& command) {
     if (request.copy == TRunRequest::cPlain)
         dup2(STDOUT_FILENO, STDERR_FILENO);
     setsid();
@@ -132,10 +124,10 @@ bool IsForWantOfRoom(int error) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    Report(request.report, 0, getpid(), "");
+    ReportLaunch(request.report, getpid(), "");
     close_range(STDERR_FILENO + 1, ~0U, 0);
     LaunchForTask([&] {
-        execv(command[0], command);
+        execv(command.Program(), command.Arguments());
         return errno;
     });
     _exit(cNotStarted);
@@ -155,12 +147,20 @@ bool IsForWantOfRoom(int error) {
     _exit(128 + run.number);
 }
 
-// The launcher records the failure, if it can.
-void ReportFailure(const TRunRequest& request, TRunRecord& run, int error, CRunHistory& history) {
-    if (Report(request.report, error, 0, ""))
+// The launcher records the failure, if there is one that can. An empty reason is that of `error`.
+void ReportFailure(const TRunRequest& request, TRunRecord& run, int error,
+                   const std::string& reason, CRunHistory& history) {
+    if (ReportError(request.report, error, reason))
         return;
-    RecordNotStarted(run, std::strerror(error));
+    RecordNotStarted(run, reason.empty() ? std::strerror(error) : reason);
     history.Add(run);
+}
+
+// To the launcher of a job the program that failed is this one. Empty: as any error of this number.
+std::string WhyNotStarted(const CCommand& command, const TJob* job, int error) {
+    if (job == nullptr)
+        return "";
+    return fmt::format("cannot start {}: {}", command.Program(), std::strerror(error));
 }
 
 // The end of a program that cannot be recorded stays in the file of its run, for whoever finds it.
@@ -187,13 +187,25 @@ void KeepLaterOutput(CJob& job, COutputFile& file, const TRunRecord& run) {
         _exit(0);
 }
 
-int Run(const TRunRequest& request, char* const command[]) {
-    TRunRecord run = Describe(command, request.trigger);
+// Without a store, as for somebody who tries a job by hand, nothing is kept of it.
+using TWarning = void (*)(const std::string& message);
+TWarning FindWarning() {
+    if (access(vxsched::cFilesDirectory, F_OK) == 0)
+        return Warn;
+    Warn(fmt::format("there is no {}/ here: the run is not recorded", vxsched::cFilesDirectory));
+    return [](const std::string& /*message*/) {};
+}
+
+// `job` is null for a program that is not of a job.
+int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
+    TRunRecord run =
+        Describe(command.Program(), command.ArgumentsAsText(job != nullptr), request.trigger);
     run.output = OutputPathOf(run.task, run.id);
-    CRunHistory history(request.historySize, Warn);
+    const TWarning warn = FindWarning();
+    CRunHistory history(request.historySize, warn);
     CRunningFile running(run);
     if (!running.Error().empty())
-        Warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
+        warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
                          run.id, running.Error()));
     std::optional<CCopy> copy;
     if (request.copy == TRunRequest::cPlain)
@@ -201,29 +213,74 @@ int Run(const TRunRequest& request, char* const command[]) {
     else if (request.copy == TRunRequest::cPrefixed)
         copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
     CFollower follower(request.follower);
-    CJob job(copy ? &*copy : nullptr, follower);
-    const int error = LaunchForTask([&] { return job.Launch(command[0], command); });
+    CJob process(copy ? &*copy : nullptr, follower);
+    const int error =
+        LaunchForTask([&] { return process.Launch(command.Program(), command.Arguments()); });
     if (error != 0) {
         // Before the report: a kill in between must not leave two records of it.
         running.Remove();
-        if (IsForWantOfRoom(error))
+        if (IsForWantOfRoom(error) && request.report != -1)
             Become(request, command);
-        ReportFailure(request, run, error, history);
+        const std::string reason = WhyNotStarted(command, job, error);
+        if (request.report == -1)
+            Warn(reason);
+        ReportFailure(request, run, error, reason, history);
         return cNotStarted;
     }
-    run.process = job.Process();
+    run.process = process.Process();
     running.Update(run);
     // The launcher waits for it with the store mutex held: nothing else comes before.
     // Without its file nobody could find out that the run has ended.
-    Report(request.report, 0, run.process, running.Error().empty() ? run.id : "");
-    COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, Warn);
-    job.KeepIn(file);
-    job.WaitForEnd(run);
+    ReportLaunch(request.report, run.process, running.Error().empty() ? run.id : "");
+    COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, warn);
+    process.KeepIn(file);
+    process.WaitForEnd(run);
     RecordEnd(run, running, history);
     // Whoever follows the run finds its record at the end of its output.
     follower.End();
-    KeepLaterOutput(job, file, run);
+    KeepLaterOutput(process, file, run);
     EndAs(run);
+}
+
+// The task's parameter is not the line of a job.
+int Refuse(const TRunRequest& request, const std::vector<std::string>& arguments,
+           const std::string& reason) {
+    Warn(reason);
+    const bool isLine = request.report != -1 || arguments.size() == 1;
+    TRunRecord run = Describe(vxsched::cRunnerProgram,
+                              isLine ? arguments.back() : JoinWords(arguments), request.trigger);
+    CRunHistory history(request.historySize, FindWarning());
+    ReportFailure(request, run, EINVAL, reason, history);
+    return cUsage;
+}
+
+int RunCommand(const TRunRequest& request, const std::vector<std::string>& words) {
+    std::optional<TJob> job;
+    try {
+        job = FindJob(request, words);
+    } catch (const vxsched::CJobError& error) {
+        return Refuse(request, words, fmt::format("cannot read the job: {}", error.what()));
+    }
+    if (!job)
+        return Run(request, CCommand(words), nullptr);
+    NameTask(*job);
+    return Run(request, CCommand(CommandOf(*job)), &*job);
+}
+
+int PrintHelp() {
+    fmt::print(
+        "vxrun executes a job and records how it ended. It is the program of a task, whose\n"
+        "parameter is the line of options and program; vxsched create makes such tasks.\n\n"
+        "Usage: vxrun [OPTIONS] -- PROGRAM [ARGUMENT...]\n"
+        "       vxrun [OPTIONS] --shell TEXT\n"
+        "       vxrun \"[OPTIONS] -- PROGRAM [ARGUMENT...]\"\n\n");
+    for (const vxsched::TJobOption& option : vxsched::cJobOptions)
+        fmt::print("  {:<22} {}\n", fmt::format("--{} {}", option.name, option.valueName),
+                   option.help);
+    fmt::print(
+        "\nExit status: that of the program, 128 + its signal, 127 if it was not started,\n"
+        "2 for a job that cannot be read.\n");
+    return 0;
 }
 
 }  // namespace
@@ -236,11 +293,18 @@ int main(int argc, char** argv) {
     sigemptyset(&held);
     sigaddset(&held, SIGTERM);
     sigprocmask(SIG_BLOCK, &held, nullptr);
-    const std::optional<TRunRequest> request = TakeRequest();
-    const std::vector<char*> command = request ? TakeCommand(argc, argv) : std::vector<char*>();
-    if (command.empty()) {
-        Warn("it is launched by vxschedd and vxsched, which pass what it needs. Use vxsched run.");
+    if (!IsAskedToRun() && argc == 1) {
+        Warn("it needs a job: see vxrun --help");
         return cUsage;
     }
-    return Run(*request, command.data());
+    if (!IsAskedToRun() && std::string_view(argv[1]) == "--help")
+        return PrintHelp();
+    const std::optional<TRunRequest> request = TakeRequest(argc);
+    const std::vector<std::string> words =
+        request ? TakeCommand(argc, argv) : std::vector<std::string>();
+    if (words.empty()) {
+        Warn("the request of its launcher is of another version. Restart vxschedd.");
+        return cUsage;
+    }
+    return RunCommand(*request, words);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <vxsched/Validation.h>
+#include "jobs/JobLine.h"
 #include "runs/OutputFiles.h"
 #include "runs/RunningRuns.h"
 #include "store/TaskFileName.h"
@@ -20,7 +21,10 @@ CRunningTasks::CRunningTasks(const std::string& directory) {
 }
 
 std::vector<pid_t> CRunningTasks::Find(const TTaskEntry& task) const {
-    std::vector<pid_t> found = programs.Find(LaunchedPath(task.program), task.parameter);
+    // The runner of a job is no process of its program, and has a run.
+    std::vector<pid_t> found;
+    if (!IsRunner(task.program))
+        found = programs.Find(LaunchedPath(task.program), task.parameter);
     const auto [begin, end] = runs.equal_range(FileNameOf(task.name));
     for (auto run = begin; run != end; ++run)
         found.push_back(run->second);

@@ -30,6 +30,8 @@ struct TLaunchReport {
     // The id of the run, with a zero byte after it; empty if nobody can wait for its end, since its
     // CRunningFile could not be made.
     char run[64];
+    // Of an error that the number does not tell, with a zero byte after it; else empty.
+    char reason[1024];
 };
 
 // How much is kept unless somebody has chosen, in bytes: of the history, and of each run's output.

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -42,7 +43,7 @@ std::string FindRunner(const std::vector<fs::path>& directories) {
 static std::optional<TLaunchReport> ReadReport(int pipe) {
     constexpr std::chrono::duration<int, std::milli> cLimit = cRunnerLimit;
     pollfd report{.fd = pipe, .events = POLLIN, .revents = 0};
-    TLaunchReport launch{.error = 0, .process = 0, .run = {}};
+    TLaunchReport launch{.error = 0, .process = 0, .run = {}, .reason = {}};
     if (poll(&report, 1, cLimit.count()) == 1 &&
         read(pipe, &launch, sizeof launch) != sizeof launch)
         return {};
@@ -103,6 +104,10 @@ static int StartRunner(const TRunnerLaunch& launch, const CDescriptor& command, 
                         arguments.data(), environment.Get());
 }
 
+std::string TLaunched::Reason() const {
+    return reason.empty() ? std::strerror(error) : reason;
+}
+
 std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) == -1) {
@@ -136,6 +141,7 @@ std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error)
         return launched;
     }
     launched.error = report->error;
+    launched.reason = report->reason;
     launched.program = report->process;
     // A runner that has no room for another process becomes the program.
     if (report->process != launched.child)

@@ -30,11 +30,15 @@ enum class ELaunchedChild {
 
 // What became of a launch.
 struct TLaunched {
-    int error = 0;    // an error number; 0: launched
-    pid_t child = 0;  // of this process
+    int error = 0;            // an error number; 0: launched
+    std::string reason = {};  // of the error, from the runner; empty: that of the number
+    pid_t child = 0;          // of this process
     ELaunchedChild kind = ELaunchedChild::cProgram;
     pid_t program = 0;     // `child` if that is a silent runner
     std::string run = {};  // the id of the run; empty if it is not recorded by a runner
+
+    // Of an error, for a person.
+    std::string Reason() const;
 };
 
 // A launch through the runner. The pointers are the caller's, for the time of the launch.

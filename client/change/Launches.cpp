@@ -114,7 +114,7 @@ TLaunch LaunchWithoutHost(const TLaunchRequest& request, int& error) {
         error = launched->error;
         launch.process = error == 0 ? launched->program : 0;
         launch.run = launched->run;
-        launch.error = error != 0 ? std::strerror(error) : "";
+        launch.error = error != 0 ? launched->Reason() : "";
     } else {
         launch.error = fmt::format("cannot start {}: {}", runner, std::strerror(error));
     }

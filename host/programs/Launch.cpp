@@ -32,6 +32,7 @@
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "interpose/Launch.h"
+#include "jobs/JobLine.h"
 #include "runs/RunnerLaunch.h"
 #include "store/CLaunchEnvironment.h"
 #include "store/Layout.h"
@@ -154,6 +155,9 @@ TLaunched LaunchDirectly(const TRunRecord& run, const TRequest& request, const C
     launched.error = vxsched::SpawnForTask(
         request.environment, run.task ? run.task->c_str() : nullptr, run.due, spawnWith);
     launched.program = launched.child;
+    // Without a launcher that asks for it, the runner of a job records that as well.
+    if (vxsched::IsRunner(request.path))
+        launched.kind = ELaunchedChild::cSilentRunner;
     return launched;
 }
 
@@ -283,8 +287,8 @@ void ExpectTimeCalls(vxsched::TTime due, int result) {
     gTimeCalls = {.due = due.time_since_epoch().count(), .remaining = result == 0 ? 2 : 1};
 }
 
-void ReportFailure(TRunRecord& run, int error) {
-    RecordNotStarted(run, std::strerror(error));
+void ReportFailure(TRunRecord& run, const TLaunched& launched) {
+    RecordNotStarted(run, launched.Reason());
     CLaunchedPrograms::Instance().LaunchFailed(run);
 }
 
@@ -343,7 +347,7 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
     if (launched.error == EAGAIN)
         return false;
     if (launched.error != 0)
-        ReportFailure(run, launched.error);
+        ReportFailure(run, launched);
     return true;
 }
 
@@ -389,7 +393,7 @@ static int OnSpawn(pid_t* process, const char* path, const posix_spawn_file_acti
                                        .period = task->period,
                                        .formerStart = TimeOf(task->lastExecuted)});
     } else {
-        ReportFailure(run, result);
+        ReportFailure(run, launched);
     }
     ExpectTimeCalls(run.due.value_or(std::chrono::floor<std::chrono::seconds>(*run.started)),
                     result);
@@ -412,7 +416,7 @@ TLaunched LaunchByHand(const std::string& task, const std::string& program,
     run.parameter = parameter;
     TLaunched launched = LaunchForHost(run, {}, {}, follower);
     if (launched.error != 0)
-        ReportFailure(run, launched.error);
+        ReportFailure(run, launched);
     return launched;
 }
 

@@ -106,7 +106,7 @@ public:
     pid_t Id() const { return process; }
 
     TLaunchReport Report() {
-        TLaunchReport launch{.error = -1, .process = -1, .run = {}};
+        TLaunchReport launch{.error = -1, .process = -1, .run = {}, .reason = {}};
         EXPECT_EQ(read(report.Get(), &launch, sizeof launch), ssize_t{sizeof launch});
         return launch;
     }
@@ -808,15 +808,15 @@ TEST_F(Runner, IdIsAfterThatOfTheLastOutput) {
     }
 }
 
-TEST_F(Runner, WithoutARequestReportsWhoLaunchesIt) {
+TEST_F(Runner, RefusesARequestOfAnotherVersion) {
     CForkedChild child([] {
-        unsetenv("VXSCHED_RUN");
+        setenv("VXSCHED_RUN", "1 x", 1);
         const CDescriptor file(open("errors", O_WRONLY | O_CREAT | O_TRUNC, 0600));
         dup2(file.Get(), STDERR_FILENO);
         return execl(RUNNER_PROGRAM, RUNNER_PROGRAM, "/bin/true", nullptr);
     });
     EXPECT_EQ(child.Wait(), 2);
-    EXPECT_THAT(ReadFile("errors"), HasSubstr("vxsched run"));
+    EXPECT_THAT(ReadFile("errors"), HasSubstr("of another version. Restart vxschedd."));
     for (const char* const request :
          {"", "1", "2 3 manual 1 1 0", "1 3 manual 1 1 9", "1 3 manual 1 1 0 x", "1 x"})
         EXPECT_FALSE(DecodeRunRequest(request)) << request;
