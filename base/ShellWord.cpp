@@ -21,4 +21,11 @@ std::string ShellWord(std::string_view string) {
     return word + '\'';
 }
 
+std::string JoinWords(const std::vector<std::string>& words) {
+    std::string line;
+    for (const std::string& word : words)
+        line += (line.empty() ? "" : " ") + ShellWord(word);
+    return line;
+}
+
 }  // namespace vxsched

@@ -97,10 +97,7 @@ std::string JobLine(const TJob& job) {
     }
     if (job.shell)
         return line.substr(0, line.size() - 1);
-    line += "--";
-    for (const std::string& word : job.command)
-        line += ' ' + ShellWord(word);
-    return line;
+    return line + "-- " + JoinWords(job.command);
 }
 
 }  // namespace vxsched

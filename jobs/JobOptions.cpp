@@ -135,7 +135,7 @@ const std::array<TJobOption, 12> cJobOptions = {{
     {"group", "GROUP", "The program's group; default the user's", cOnce,
      [](TJob& job, const std::string& value) { job.group = RequireText(value); },
      TextIn<&TJob::group>},
-    {"directory", "DIR", "Where the program runs", cOnce,
+    {"chdir", "DIR", "Where the program runs", cOnce,
      [](TJob& job, const std::string& value) { job.directory = RequireAbsolute(value); },
      TextIn<&TJob::directory>},
     {"umask", "MODE", "The program's file mode creation mask, octal", cOnce, SetUmask, UmaskIn},

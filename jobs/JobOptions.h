@@ -2,6 +2,7 @@
 
 #include <array>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "jobs/Job.h"
@@ -19,6 +20,10 @@ struct TJobOption {
     // What `set` would make the same field of; empty if it is as without the option.
     std::vector<std::string> (*values)(const TJob& job);
 };
+
+// The names of options that are no settings.
+inline constexpr std::string_view cTaskOption = "task";
+inline constexpr std::string_view cShellOption = "shell";
 
 extern const std::array<TJobOption, 12> cJobOptions;
 

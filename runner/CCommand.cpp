@@ -2,13 +2,6 @@
 
 #include "base/ShellWord.h"
 
-std::string JoinWords(const std::vector<std::string>& words) {
-    std::string joined;
-    for (const std::string& word : words)
-        joined += (joined.empty() ? "" : " ") + vxsched::ShellWord(word);
-    return joined;
-}
-
 CCommand::CCommand(std::vector<std::string> executed) : words(std::move(executed)) {
     for (std::string& word : words)
         pointers.push_back(word.data());
@@ -17,6 +10,6 @@ CCommand::CCommand(std::vector<std::string> executed) : words(std::move(executed
 
 std::string CCommand::ArgumentsAsText(bool isOfJob) const {
     if (isOfJob)
-        return JoinWords({words.begin() + 1, words.end()});
+        return vxsched::JoinWords({words.begin() + 1, words.end()});
     return words.size() > 1 ? words[1] : "";
 }

@@ -3,9 +3,6 @@
 #include <string>
 #include <vector>
 
-// The words as one line of a shell.
-std::string JoinWords(const std::vector<std::string>& words);
-
 // A program and its arguments, for the functions that execute them.
 class CCommand {
 public:

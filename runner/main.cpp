@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "base/DisplayText.h"
+#include "base/ShellWord.h"
 #include "base/WriteAll.h"
 #include "jobs/CJobError.h"
 #include "jobs/JobOptions.h"
@@ -247,8 +248,9 @@ int Refuse(const TRunRequest& request, const std::vector<std::string>& arguments
            const std::string& reason) {
     Warn(reason);
     const bool isLine = request.report != -1 || arguments.size() == 1;
-    TRunRecord run = Describe(vxsched::cRunnerProgram,
-                              isLine ? arguments.back() : JoinWords(arguments), request.trigger);
+    TRunRecord run =
+        Describe(vxsched::cRunnerProgram, isLine ? arguments.back() : vxsched::JoinWords(arguments),
+                 request.trigger);
     CRunHistory history(request.historySize, FindWarning());
     ReportFailure(request, run, EINVAL, reason, history);
     return cUsage;

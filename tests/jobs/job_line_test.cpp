@@ -38,7 +38,7 @@ static TJob FullJob() {
 
 TEST(JobLine, OfEachOptionIsReadBack) {
     EXPECT_EQ(JobLine(FullJob()),
-              "--task 'nightly dump' --user www-data --group 33 --directory /var/www --umask 027 "
+              "--task 'nightly dump' --user www-data --group 33 --chdir /var/www --umask 027 "
               "--env 'A=b c' --env EMPTY= --env-file /etc/default/x --env-file /etc/y --timeout "
               "2h30m --kill-after 1m30s --overlap allow --success 0,3 -- /usr/bin/python3 "
               "'/srv/clean up.py' --days 7 ''");
@@ -83,7 +83,7 @@ TEST(JobLine, ThatIsWrongIsRefusedWithTheReason) {
         {"--umask 1000 -- /bin/true", "--umask \"1000\": give an octal number"},
         {"--umask 8 -- /bin/true", "give an octal number"},
         {"--umask '' -- /bin/true", "give an octal number"},
-        {"--directory tmp -- /bin/true", "--directory \"tmp\": give an absolute path"},
+        {"--chdir tmp -- /bin/true", "--chdir \"tmp\": give an absolute path"},
         {"--env-file x -- /bin/true", "--env-file \"x\": give an absolute path"},
         {"--env NAME -- /bin/true", "--env \"NAME\": give NAME=VALUE"},
         {"--env =x -- /bin/true", "--env \"=x\": give NAME=VALUE"},
