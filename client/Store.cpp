@@ -13,6 +13,8 @@
 #include "client/Change.h"
 #include "client/LockForChange.h"
 #include "client/RunStatus.h"
+#include "jobs/CJobError.h"
+#include "jobs/JobLine.h"
 #include "runs/RunEnd.h"
 #include "store/Backups.h"
 #include "store/CChangeEvent.h"
@@ -137,26 +139,52 @@ std::optional<std::string> FindUnchanged(const TOutcome& outcome, const std::vec
 
 // True if the edit changes no field but the name.
 bool IsOnlyRename(const TEdit& edit) {
-    return edit.name && !edit.due && !edit.period && !edit.program && !edit.parameter;
+    return edit.name && !edit.due && !edit.period && !edit.program && !edit.parameter &&
+           !edit.command;
+}
+
+// Has the line of a job name the task, if it names one.
+void RenameJob(TTaskEntry& entry) {
+    if (!IsRunner(entry.program))
+        return;
+    try {
+        TJob job = ReadJobLine(entry.parameter);
+        if (job.task.empty())
+            return;
+        job.task = entry.name;
+        entry.parameter = JobLine(job);
+    } catch (const CJobError&) {
+        // It has no name that could be found.
+    }
 }
 
 // The entry after an edit. Throws CError (cRefused) on a validation error.
 TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
                  const TForced& forced) {
+    const TTaskEntry former = entry;
     entry.name = edit.name.value_or(entry.name);
     entry.next = edit.due.value_or(entry.next);
     entry.period = edit.period.value_or(entry.period);
     entry.program = edit.program.value_or(entry.program);
     entry.parameter = edit.parameter.value_or(entry.parameter);
+    if (edit.command)
+        edit.command(entry);
+    if (edit.name)
+        RenameJob(entry);
+    const bool hasProgram = edit.program || entry.program != former.program;
+    const bool hasParameter =
+        edit.parameter || (!IsOnlyRename(edit) && entry.parameter != former.parameter);
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0) && !IsOnlyRename(edit))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now());
     std::vector<TValidationError> errors = FindUnforced(
-        directory, entry, edit.program ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
+        directory, entry, hasProgram ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
     std::erase_if(errors, [&](const TValidationError& error) {
         return (IsOnlyRename(edit) && !error.IsAboutName()) ||
-               (!edit.program && error.IsAboutProgram()) ||
-               (!edit.parameter && error.kind == TValidationError::cParameterTooLong) ||
+               (!hasProgram && !hasParameter &&
+                (error.IsAboutProgram() || error.kind == TValidationError::cNoJob)) ||
+               (!hasProgram && error.IsAboutProgram() && !IsRunner(entry.program)) ||
+               (!hasParameter && error.kind == TValidationError::cParameterTooLong) ||
                (!entry.paused && !edit.due && !edit.period &&
                 error.kind == TValidationError::cPastDue);
     });
@@ -252,7 +280,8 @@ static TCall EditCall(const TTaskEntry& seen, const TTaskEntry& entry, const TEd
     const bool isRenamed = entry.name != seen.name;
     if (isRenamed)
         call.newName = entry.name;
-    call.throughLink = edit.program && HowToLaunch(entry.program) == EProgram::cThroughLink;
+    call.throughLink = (edit.program || entry.program != seen.program) &&
+                       HowToLaunch(entry.program) == EProgram::cThroughLink;
     // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
     call.keepDue = true;
     call.mustBeAsSeen = true;
@@ -372,7 +401,8 @@ static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool for
     // The due time and the period do not matter to a run outside the schedule. A relative path is
     // resolved in the store's directory, where the change process works like the host.
     std::erase_if(errors, [](const TValidationError& error) {
-        return (!error.IsAboutProgram() && error.kind != TValidationError::cParameterTooLong) ||
+        return (!error.IsAboutProgram() && error.kind != TValidationError::cParameterTooLong &&
+                error.kind != TValidationError::cNoJob) ||
                error.kind == TValidationError::cRelativePath;
     });
     // The --force of a run skips another check, so none of these can be forced.

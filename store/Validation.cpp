@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "jobs/CJobError.h"
+#include "jobs/JobLine.h"
 #include "store/Grid.h"
 
 namespace vxsched {
@@ -100,15 +102,8 @@ bool IsLaunchedAsNamed(const std::string& program, CValidationErrors& errors) {
     return true;
 }
 
-void ValidateProgram(const std::string& program, EProgram how, CValidationErrors& errors) {
-    if (program.empty()) {
-        errors.Refuse(TValidationError::cNoProgram,
-                      "the task has no program; give its absolute path");
-        return;
-    }
-    if (how == EProgram::cAsNamed && !IsLaunchedAsNamed(program, errors))
-        return;
-    const std::string launched = how == EProgram::cAsNamed ? LaunchedPath(program) : program;
+void ValidatePath(const std::string& program, const std::string& launched,
+                  CValidationErrors& errors) {
     if (launched.size() >= PATH_MAX) {
         errors.Refuse(TValidationError::cPathTooLong,
                       fmt::format("the program's path has {} bytes, but the system opens paths of "
@@ -122,6 +117,29 @@ void ValidateProgram(const std::string& program, EProgram how, CValidationErrors
                                 "process; give an absolute path",
                                 program));
     FindMissing(launched, errors);
+}
+
+void ValidateProgram(const std::string& program, EProgram how, CValidationErrors& errors) {
+    if (program.empty()) {
+        errors.Refuse(TValidationError::cNoProgram,
+                      "the task has no program; give its absolute path");
+        return;
+    }
+    if (how == EProgram::cAsNamed && !IsLaunchedAsNamed(program, errors))
+        return;
+    ValidatePath(program, how == EProgram::cAsNamed ? LaunchedPath(program) : program, errors);
+}
+
+// The program of a job is executed by its own path.
+void ValidateJob(const std::string& line, CValidationErrors& errors) {
+    try {
+        const std::string program = CommandOf(ReadJobLine(line)).front();
+        ValidatePath(program, program, errors);
+    } catch (const CJobError& error) {
+        errors.Refuse(
+            TValidationError::cNoJob,
+            fmt::format("the parameter is no job that vxrun could execute: {}", error.what()));
+    }
 }
 
 void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors) {
@@ -150,10 +168,10 @@ void ValidatePeriod(const TTaskEntry& task, TTime now, CValidationErrors& errors
 }  // namespace
 
 std::string_view TValidationError::Name() const {
-    static constexpr std::array<std::string_view, 14> names = {
+    static constexpr std::array<std::string_view, 15> names = {
         "empty-name",     "zero-byte",       "no-program",   "relative-path",      "path-too-long",
         "not-executable", "missing-program", "altered-path", "aborting-extension", "endless-period",
-        "too-far-back",   "wrapped-period",  "past-due",     "parameter-too-long"};
+        "too-far-back",   "wrapped-period",  "past-due",     "parameter-too-long", "no-job"};
     return names.at(static_cast<std::size_t>(kind));
 }
 
@@ -192,6 +210,8 @@ std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now, EProgr
                         "program; give a shorter one, or the path of a file that has it",
                         task.parameter.size(), cLongestArgument - 1));
     ValidateProgram(task.program.substr(0, task.program.find('\0')), how, errors);
+    if (IsRunner(task.program))
+        ValidateJob(task.parameter.substr(0, task.parameter.find('\0')), errors);
     ValidatePeriod(task, now, errors);
     return errors.WorstFirst();
 }

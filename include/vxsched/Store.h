@@ -35,7 +35,10 @@ struct TEdit {
     std::optional<std::uint32_t> period = {};
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
-    std::optional<std::string> name = {};  // the new one
+    std::optional<std::string> name = {};  // the new one; also that in the line of a job for vxrun
+    // If set, changes program and parameter, which are those of the task as it is then; instead of
+    // the two above. It may be called several times, and throw.
+    std::function<void(TTaskEntry& task)> command = {};
 };
 
 // A launched program. If the launch fails, CError is thrown instead.

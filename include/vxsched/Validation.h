@@ -34,6 +34,7 @@ struct VXSCHED_PUBLIC TValidationError {
         cWrappedPeriod,      // the period in seconds exceeds 32 bits, so the step is another
         cPastDue,            // the due time of a task that runs once is past, see cJustPast
         cParameterTooLong,   // 128 KiB or more: the system passes no such argument to a program
+        cNoJob,              // the program is vxrun, which does not understand the parameter
     };
     EKind kind;
     bool canBeForced;     // unwise for the task itself, harmless for everything else
@@ -62,7 +63,8 @@ enum class EProgram {
     cThroughLink,  // by a link with a safe name, so that its own name is not checked
 };
 
-// Validates a task as of `now`: its strings, program, period and due time. Returns the errors that
+// Validates a task as of `now`: its strings, program, period and due time; of the line of a job for
+// vxrun, the program that it names. Returns the errors that
 // cannot be forced first; empty if the task is valid. Inspects the program in the file system with
 // this process's permissions and working directory, which may differ from the scheduling process's.
 VXSCHED_PUBLIC std::vector<TValidationError> Validate(const TTaskEntry& task, TTime now,

@@ -148,24 +148,31 @@ TEST_F(JobProgram, OfATaskIsShownAsTheProcessOfTheRun) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST_F(JobProgram, ThatCannotBeExecutedIsReportedAndRecorded) {
+// By a client that checks nothing.
+TEST_F(JobProgram, ThatCannotBeExecutedIsReportedToTheHostWithTheReason) {
+    CHost host;
+    for (const auto& [line, reason] :
+         {std::pair{"--timeuot 2h -- /bin/true",
+                    "cannot read the job: unknown option \"--timeuot\""},
+          std::pair{"-- /nowhere", "cannot start /nowhere: No such file or directory"}}) {
+        fs::remove("files/history.jsonl");
+        CreateDue("job", RUNNER_PROGRAM, line);
+        const TRunRecord run = OnlyRun();
+        EXPECT_EQ(run.outcome, TRunRecord::cNotStarted);
+        EXPECT_THAT(run.error, StartsWith(reason));
+        WaitForTheTicksEnd();
+    }
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(host.CountInOutput("cannot start " RUNNER_PROGRAM ": cannot start /nowhere"), 1U)
+        << host.Output();
+}
+
+TEST_F(JobProgram, ThatCannotBeExecutedIsNotRunByHand) {
     WriteTable({{"wrong", 4102444800, 0, 24, RUNNER_PROGRAM, "--timeuot 2h -- /bin/true", 0},
                 {"missing", 4102444800, 0, 24, RUNNER_PROGRAM, "-- /nowhere", 0}});
-    CHost host;
-    const auto expect = [](const std::string& task, const std::string& reason, std::size_t count) {
-        const TToolRun run = RunTool({"run", task});
-        EXPECT_EQ(run.status, 1);
-        EXPECT_THAT(run.error, HasSubstr(reason));
-        const std::vector<TRunRecord> runs = vxsched::ReadHistory(".", task).runs;
-        ASSERT_EQ(runs.size(), count);
-        EXPECT_EQ(runs.back().outcome, TRunRecord::cNotStarted);
-        EXPECT_THAT(runs.back().error, HasSubstr(reason));
-    };
-    expect("wrong", "cannot read the job: unknown option \"--timeuot\"", 1);
-    expect("missing", "cannot start /nowhere: No such file or directory", 1);
-    EXPECT_EQ(host.Stop(), 0);
-    EXPECT_EQ(host.CountInOutput("unknown option \"--timeuot\""), 2U) << host.Output();
-    expect("wrong", "cannot read the job: unknown option \"--timeuot\"", 2);
+    EXPECT_THAT(RunTool({"run", "wrong"}).error, HasSubstr("unknown option \"--timeuot\""));
+    EXPECT_THAT(RunTool({"run", "missing"}).error, HasSubstr("there is no program \"/nowhere\""));
+    EXPECT_TRUE(vxsched::ReadHistory(".", {}).runs.empty());
 }
 
 // It is launched as any program, and records the run itself.

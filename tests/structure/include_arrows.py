@@ -13,12 +13,12 @@ import sys
 from concurrent.futures import ThreadPoolExecutor
 
 # Each directory, and the ones whose headers its sources may include besides its own; docs/design.md draws them.
-STORE = {"base"}
-RUNS = STORE | {"jobs", "store"}
+STORE = {"base", "jobs"}
+RUNS = STORE | {"store"}
 CONTROL = RUNS | {"runs"}
 CLIENT = RUNS | {"runs"}
 HOST = {"base"}
-RECOVERY = HOST | {"host", "store"}
+RECOVERY = HOST | {"host", "jobs", "store"}
 CLI_TIME = STORE | {"store"}
 CLI_OUTPUT = CLI_TIME | {"cli/time", "runs"}
 ARROWS = {
