@@ -23,6 +23,7 @@
 #include "cli/commands/Interruption.h"
 #include "cli/time/PastTime.h"
 #include "cli/time/PeriodFormat.h"
+#include "jobs/JobOptions.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 #include "store/StoreAccess.h"
@@ -115,9 +116,11 @@ private:
     void AddChangeOptions(CLI::App& command);
     void AddForce(CLI::App& command);
     void AddName(CLI::App& command);
+    void AddCommand(CLI::App& command);
     void Parse(int argc, const char* const* argv);
     std::string ReasonOf(const CLI::ParseError& error) const;
     void RequireQuotedTime() const;
+    void RequireSeparator(bool hasSeparator) const;
     std::string ReasonOfUnexpected(const std::vector<std::string>& unexpected) const;
     void WarnIfNoHostHasRun() const;
 
@@ -342,6 +345,28 @@ void CCommandLine::AddForNames(const char* name, const char* description,
         });
 }
 
+// What a task executes.
+void CCommandLine::AddCommand(CLI::App& command) {
+    for (const TJobOption& option : cJobOptions) {
+        if (option.name == cTaskOption)
+            continue;
+        command
+            .add_option_function<std::vector<std::string>>(
+                fmt::format("--{}", option.name),
+                [this, &option](const std::vector<std::string>& values) {
+                    task.options[option.name] = values;
+                },
+                option.help)
+            ->type_name(option.valueName)
+            ->expected(1)
+            ->take_all();
+    }
+    command
+        .add_option("program", task.command,
+                    "Absolute path of the program, and its arguments; write -- before it")
+        ->type_name("PROGRAM");
+}
+
 void CCommandLine::AddChanges() {
     Add(
         "create", "Create a task, or replace one",
@@ -351,15 +376,7 @@ void CCommandLine::AddChanges() {
             create.add_option("--at", task.at, "First due time; default now")->type_name("TIME");
             create.add_option("--every", task.every, "Period; default once")->type_name("PERIOD");
             create.add_flag("--replace", replace, "Replace the task if one of this name exists");
-            create
-                .add_option("program", task.program,
-                            "Absolute path of the program; write -- before it and its parameter")
-                ->type_name("PROGRAM")
-                ->required();
-            create
-                .add_option("parameter", task.parameter,
-                            "The single argument that the program is launched with")
-                ->type_name("PARAMETER");
+            AddCommand(create);
             AddChangeOptions(create);
             AddForce(create);
         });
@@ -374,8 +391,9 @@ void CCommandLine::AddChanges() {
             edit.add_option("--every", task.every, "Period")->type_name("PERIOD");
             edit.add_option("--program", task.program, "Absolute path of the program")
                 ->type_name("PATH");
-            edit.add_option("--parameter", task.parameter, "Argument of the program")
+            edit.add_option("--parameter", task.parameter, "The single argument of the program")
                 ->type_name("PARAMETER");
+            AddCommand(edit);
             AddChangeOptions(edit);
             AddForce(edit);
         });
@@ -459,9 +477,9 @@ void CCommandLine::WarnIfNoHostHasRun() const {
 
 // The second word of a time that was not quoted is read as the program.
 void CCommandLine::RequireQuotedTime() const {
-    if (!task.at || !task.program || !app.got_subcommand("create"))
+    if (!task.at || task.command.empty())
         return;
-    const std::string words = *task.at + ' ' + *task.program;
+    const std::string words = *task.at + ' ' + task.command.front();
     try {
         ParseTime(words, Now());
     } catch (const CParseError&) {
@@ -471,6 +489,16 @@ void CCommandLine::RequireQuotedTime() const {
                                fmt::format("quote a time of several words: --at \"{}\"", words));
 }
 
+// The rest of a value that was not quoted would become a task's program.
+void CCommandLine::RequireSeparator(bool hasSeparator) const {
+    if (app.got_subcommand("edit") && !task.command.empty() && !hasSeparator)
+        throw CLI::ParseError(
+            fmt::format("unexpected argument \"{}\"; quote an argument of several words, and write "
+                        "-- before a program",
+                        task.command.front()),
+            CLI::ExitCodes::ExtrasError);
+}
+
 void CCommandLine::Parse(int argc, const char* const* argv) {
     const char* const* const end = argv + argc;
     const char* const* const begin = argv + std::min(argc, 1);
@@ -478,6 +506,7 @@ void CCommandLine::Parse(int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
         RequireQuotedTime();
+        RequireSeparator(static_cast<std::ptrdiff_t>(beforeSeparator.size()) < end - begin);
     } catch (const CLI::ExtrasError&) {
         RequireQuotedTime();
         // The rest of a time that was not quoted is left over. Report the time: its message has the
@@ -529,20 +558,15 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
         app.get_subcommands().empty() ? nullptr : app.get_subcommands().front();
     if (command == nullptr && !arguments.empty())
         return fmt::format("unknown command \"{}\"", arguments.front());
-    const bool isCreate = command != nullptr && command->get_name() == "create";
     std::string reason;
     if (!options.empty()) {
         reason = Listed("unknown option", options);
-        if (isCreate && task.program)
+        if (!task.command.empty())
             reason += "; write -- before the program to pass options to it";
     }
     if (arguments.empty())
         return reason;
     reason += (reason.empty() ? "" : "; ") + Listed("unexpected argument", arguments);
-    if (isCreate) {
-        return fmt::format("{}; a program gets a single argument, so quote it: \"{} {}\"", reason,
-                           task.parameter.value_or(""), fmt::join(arguments, " "));
-    }
     const auto takesValue = [](const CLI::Option* option) {
         return option->get_expected_max() > 0;
     };

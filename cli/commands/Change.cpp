@@ -11,6 +11,7 @@
 #include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/PausedTasks.h"
+#include "cli/commands/TaskCommand.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/OutputFiles.h"
 #include "store/MakeError.h"
@@ -90,9 +91,12 @@ std::string NoteOfFormerRuns(const TCommon& common, const std::string& name,
 TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
                    COutput& output) {
     const TTime now = Now();
+    TTaskEntry entry;
+    entry.name = arguments.name;
+    CreateCommand(entry, arguments);
     const TNewTask task{arguments.name, ParseTime(arguments.at.value_or("now"), now),
-                        ParsePeriod(arguments.every.value_or("once")),
-                        arguments.program.value_or(""), arguments.parameter.value_or("")};
+                        ParsePeriod(arguments.every.value_or("once")), entry.program,
+                        entry.parameter};
     const CStore store(common.store);
     if (common.dryRun) {
         for (const TValidationError& error : store.Check(task, common.forced))
@@ -117,12 +121,15 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput
         edit.due = ParseTime(*arguments.at, Now());
     if (arguments.every)
         edit.period = ParsePeriod(*arguments.every);
-    edit.program = arguments.program;
-    edit.parameter = arguments.parameter;
     edit.name = arguments.newName;
-    if (!edit.due && !edit.period && !edit.program && !edit.parameter && !edit.name)
+    if (!edit.due && !edit.period && !edit.name && !ChangesCommand(arguments))
         throw CUsageError(
-            "edit: nothing to change; give --name, --at, --every, --program or --parameter");
+            "edit: nothing to change; give --name, --at, --every, another option, or a program "
+            "after --");
+    if (edit.due || edit.period || ChangesCommand(arguments))
+        edit.command = [&](TTaskEntry& task) {
+            EditCommand(common.store.directory, task, arguments);
+        };
     const CStore store(common.store);
     const TTaskEntry task = common.dryRun ? store.Edited(arguments.name, edit, common.forced)
                                           : store.Edit(arguments.name, edit, common.forced);

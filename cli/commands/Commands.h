@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -105,6 +106,9 @@ enum class EImport { cAdd, cMerge, cReplace };
 // Imports `file`, or standard input for "-".
 TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 
+// Values of options of a job (jobs/JobOptions.h) by their names, each with those that were given.
+using TJobArguments = std::map<std::string, std::vector<std::string>>;
+
 // The arguments for one task as they were typed. An omitted one is empty, which differs from "".
 struct TTaskArguments {
     std::string name;
@@ -113,6 +117,8 @@ struct TTaskArguments {
     std::optional<std::string> program = {};
     std::optional<std::string> parameter = {};
     std::optional<std::string> newName = {};
+    std::vector<std::string> command = {};  // the program and its arguments
+    TJobArguments options = {};
 };
 TExitStatus Create(const TCommon& common, const TTaskArguments& task, bool replace,
                    COutput& output);

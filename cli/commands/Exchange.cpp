@@ -18,6 +18,7 @@
 #include "base/DisplayText.h"
 #include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
+#include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -187,6 +188,8 @@ TExitStatus Export(const TCommon& common, COutput& output) {
         const std::string real = RealProgram(common.store.directory, task.program);
         if (real != task.program)
             json["real_program"] = JsonOfString(real);
+        if (const std::optional<TJob> job = FindJob(task))
+            AddJob(json, *job);
         tasks.push_back(json);
     }
     output.Raw(Document({{"tasks", tasks}}));

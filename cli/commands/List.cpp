@@ -6,9 +6,9 @@
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
+#include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
 #include "cli/time/PeriodFormat.h"
-#include "store/ProgramLinks.h"
 
 namespace vxsched {
 
@@ -40,15 +40,12 @@ bool ComesBefore(const TListed& first, const TListed& second) {
     return first.task->next < second.task->next;
 }
 
-std::string CommandOf(const TCommon& common, const TTaskEntry& task) {
-    const std::string program = RealProgram(common.store.directory, task.program);
-    return task.parameter.empty() ? program : program + ' ' + task.parameter;
-}
-
 nlohmann::ordered_json JsonOf(const TCommon& common, const TListed& listed) {
     const TTaskEntry& task = *listed.task;
     nlohmann::ordered_json json = JsonOfTask(task);
-    json["real_program"] = JsonOfString(RealProgram(common.store.directory, task.program));
+    json["real_program"] = JsonOfString(ProgramOf(common.store.directory, task));
+    if (const std::optional<TJob> job = FindJob(task))
+        AddJob(json, *job);
     json["next_time"] = FormatIsoTime(task.next);
     json["last_time"] = JsonOfLast(task.last);
     json["state"] = listed.state.Name();
@@ -77,7 +74,7 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
         columns.Add(FormatPeriod(task.period));
         columns.Add(one.state.Describe(), ColourOf(one.state));
         columns.Add(task.name, EColour::cBold);
-        columns.Add(CommandOf(common, task));
+        columns.Add(FormatCommand(common.store.directory, task));
     }
     columns.Print(output);
     output.Line("");

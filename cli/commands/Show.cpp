@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include <vxsched/Error.h>
@@ -13,9 +14,11 @@
 #include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
+#include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
 #include "cli/time/PeriodFormat.h"
+#include "jobs/JobOptions.h"
 #include "runs/HistoryReader.h"
 #include "runs/OutputFiles.h"
 #include "store/MakeError.h"
@@ -36,7 +39,7 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     real.program = RealProgram(common.store.directory, task.program);
     const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
     for (const TValidationError& error : Validate(real, now, how)) {
-        if (error.IsAboutProgram())
+        if (error.IsAboutProgram() || error.kind == TValidationError::cNoJob)
             return error.message;
     }
     if (task.paused)
@@ -124,6 +127,26 @@ std::string FormatRun(const TRunRecord& run, EZone zone) {
                        run.outputError.empty() ? "" : "; its output is cut: " + run.outputError);
 }
 
+using TLine = std::function<void(std::string_view label, const std::string& value)>;
+
+// Each option after its name, as it is typed.
+void ShowOptions(const TJob& job, const TLine& line) {
+    for (const TJobOption& option : cJobOptions) {
+        if (option.name == cTaskOption || option.name == cShellOption)
+            continue;
+        for (const std::string& value : option.values(job))
+            line(fmt::format("--{}", option.name), value);
+    }
+}
+
+void ShowProgram(const TCommon& common, const TTaskEntry& task, const TLine& line) {
+    const std::string real = RealProgram(common.store.directory, task.program);
+    line("Program", real);
+    if (real != task.program)
+        line("Through", task.program);
+    line("Parameter", task.parameter);
+}
+
 }  // namespace
 
 TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& output) {
@@ -134,13 +157,15 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     const TTime now = Now();
     const TTaskState state = StateOf(*task, CRunningTasks(common.store.directory), now);
     const std::string why = WhyNot(common, *task, state, now);
-    const std::string real = RealProgram(common.store.directory, task->program);
+    const std::optional<TJob> job = FindJob(*task);
     const std::vector<TRunRecord> runs = LastRuns(common, name);
     const std::vector<TTime> owed = OwedTimes(common, name);
     const std::string lastOutput = LastOutput(common, name);
     if (common.json) {
         nlohmann::ordered_json json = JsonOfTask(*task);
-        json["real_program"] = JsonOfString(real);
+        json["real_program"] = JsonOfString(ProgramOf(common.store.directory, *task));
+        if (job)
+            AddJob(json, *job);
         json["next_time"] = FormatIsoTime(task->next);
         json["last_time"] = JsonOfLast(task->last);
         json["state"] = state.Name();
@@ -163,10 +188,12 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     };
     line("Name", task->name);
     line("State", state.Describe());
-    line("Program", real);
-    if (real != task->program)
-        line("Through", task->program);
-    line("Parameter", task->parameter);
+    if (job) {
+        line(job->shell ? "Shell" : "Command", FormatCommand(common.store.directory, *task));
+        ShowOptions(*job, line);
+    } else {
+        ShowProgram(common, *task, line);
+    }
     line("Next due", TimeAndDistance(task->next, now, common.zone));
     line("Last launch",
          task->last == TTime() ? "never" : TimeAndDistance(task->last, now, common.zone));

@@ -59,7 +59,6 @@ TEST_F(Cli, ArgumentForgesNoLineOfAnErrorMessage) {
         {"create", "b", "--", '/' + cForged},
         {"create", "b", "--", "/bin/sh." + cForged},
         {"create", "b", "--dry-run", "--", '/' + cForged},
-        {"create", "b", "--", cRecorder, "one", cForged},
         {"check", cForged},
         {"import", cForged},
         {"list", cForged},

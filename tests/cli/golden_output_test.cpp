@@ -102,7 +102,7 @@ static const TGolden cGolden[] = {
     {"usage-unknown", {"lst"}, 2},
     {"usage-missing", {"show"}, 2},
     {"usage-unexpected", {"show", "x", "--bogus", "y", "--worse"}, 2},
-    {"usage-program-arguments", {"create", "x", "--every", "1d", "--", "/bin/echo", "a", "b"}, 2},
+    {"usage-program-and-shell", {"create", "x", "--shell", "ls", "--", "/bin/echo", "a", "b"}, 2},
     {"usage-program-option", {"create", "x", "/bin/echo", "-n"}, 2},
     {"usage-lock-timeout", {"list", "--lock-timeout", "abc"}, 2},
     {"usage-time", {"create", "a", "--at", "2026-02-30 14:30", "--", "/bin/true"}, 2},

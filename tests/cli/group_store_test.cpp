@@ -85,6 +85,11 @@ protected:
         return run.output;
     }
 
+    static void CreateLinkedAs(uid_t user, const std::string& name) {
+        CProgram client(As(user, {PROGRAMS "/create-linked", ".", name, "/usr/bin/free"}));
+        EXPECT_EQ(client.Wait(), 0) << client.Output();
+    }
+
     // Whoever has changed the table, it stays the keeper's, open to the group.
     static void ExpectTableIsTheKeepers(const std::string& after) {
         struct stat status {};
@@ -98,7 +103,7 @@ protected:
     static void ChangeEverything(uid_t user) {
         const std::string program = cRecorder;
         OutputAs(user, {"create", "b", "--at", "in 2h", "--every", "1d", "--", program});
-        OutputAs(user, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+        CreateLinkedAs(user, "linked");
         OutputAs(user, {"edit", "b", "--at", "in 3h"});
         OutputAs(user, {"pause", "paused"});
         OutputAs(user, {"edit", "paused", "--parameter", "edited"});
@@ -282,7 +287,7 @@ TEST_F(GroupStore, IsAcceptedByItsHostAsMembersHaveLeftIt) {
     EXPECT_THAT(OutputOfCheck(0), Not(HasSubstr("may enter")))
         << "closed by a unit without StateDirectoryMode=2770";
     ASSERT_EQ(chmod(".", 02770), 0);
-    OutputAs(cMember, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+    CreateLinkedAs(cMember, "linked");
     ASSERT_EQ(OwnerOf("files/programs"), cMember);
     EXPECT_THAT(OutputOfCheck(0), Not(HasSubstr("may enter")));
 }
@@ -292,7 +297,7 @@ TEST_F(GroupStore, IsRefusedByItsHostWithWhatOthersMayChange) {
     const std::string files = fs::canonical("files");
     const std::string repair =
         "run chown -R keeper:team " + files + " && chmod -R o-w " + files + '\n';
-    OutputAs(cKeeper, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+    CreateLinkedAs(cKeeper, "linked");
     ASSERT_EQ(chown("files/programs", cStranger, cStoreGroup), 0);
     EXPECT_THAT(OutputOfCheck(3), HasSubstr("files/programs belongs to user stranger"));
     EXPECT_THAT(OutputOfCheck(3), HasSubstr(repair));
@@ -305,7 +310,7 @@ TEST_F(GroupStore, IsRefusedByItsHostWithWhatOthersMayChange) {
 TEST_F(GroupStore, WhatAHostMakesInAnOpenStoreIsOpenToItsGroup) {
     OpenToGroup();
     CHost host(As(cKeeper, HostWith({})));
-    OutputAs(cKeeper, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+    CreateLinkedAs(cKeeper, "linked");
     WaitUntil([] { return HasSnapshotOf("linked"); });
     EXPECT_EQ(host.Stop(), 0) << host.Output();
     for (const char* const path : {"files/snapshots", "files/programs"}) {
@@ -337,19 +342,16 @@ static time_t UnusedSince(const std::string& link) {
 TEST_F(GroupStore, LinkThatAnotherMemberUsesAgainIsKeptAnew) {
     OpenToGroup();
     const std::string link = "files/programs/free-1";
-    const auto create = [&](uid_t user, const std::string& name) {
-        OutputAs(user, {"create", name, "--at", "in 2h", "--", "/usr/bin/free"});
-    };
-    create(cKeeper, "linked");
+    CreateLinkedAs(cKeeper, "linked");
     OutputAs(cKeeper, {"remove", "linked"});
     LetAge(link, std::chrono::hours(30));
-    create(cMember, "again");
+    CreateLinkedAs(cMember, "again");
     EXPECT_EQ(UnusedSince(link), 0);
     OutputAs(cKeeper, {"remove", "again"});
     EXPECT_TRUE(fs::is_symlink(link));
     EXPECT_NE(UnusedSince(link), 0);
     LetAge(link, std::chrono::hours(30));
-    create(cMember, "other");
+    CreateLinkedAs(cMember, "other");
     EXPECT_EQ(UnusedSince(link), 0);
     EXPECT_EQ(fs::read_symlink(link), "/usr/bin/free");
     EXPECT_EQ(std::distance(fs::directory_iterator("files/programs"), {}), 1);
@@ -374,7 +376,7 @@ TEST_F(GroupStore, EventThatAMemberHasRetiredEndsTheHost) {
 TEST_F(GroupStore, StoreIsOpenedToAGroupAfterItsHostHasRun) {
     {
         CHost host(As(cKeeper, HostWith({})));
-        OutputAs(cKeeper, {"create", "linked", "--at", "in 2h", "--", "/usr/bin/free"});
+        CreateLinkedAs(cKeeper, "linked");
         OutputAs(cKeeper, {"create", "b", "--", "/bin/true"});
         WaitUntil([] { return fs::exists("files/history.jsonl"); });
         EXPECT_EQ(host.Stop(), 0) << host.Output();

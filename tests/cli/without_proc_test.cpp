@@ -18,7 +18,7 @@ using testing::HasSubstr;
 RUN_AGAIN(ToolWithoutProc) {
     if (!HideProc())
         return 99;
-    execl(TOOL_PROGRAM, TOOL_PROGRAM, "create", "b", "--at", "in 1h", "--", cRecorder.c_str(),
+    execl(TOOL_PROGRAM, TOOL_PROGRAM, "create", "b", "--at", "in 1h", "--", cRecorder.c_str(), "x",
           static_cast<char*>(nullptr));
     return 98;
 }

@@ -143,9 +143,8 @@ static void ExportFromAnotherStore() {
         fs::permissions(name, fs::perms::owner_all);
     }
     const auto create = [](const std::string& name, const std::string& program) {
-        const TToolRun run = RunTool({"create", name, "--directory", "other", "--at", "in 1h", "--",
-                                      fs::absolute(program).string()});
-        EXPECT_EQ(run.status, 0) << run.error;
+        CProgram client({PROGRAMS "/create-linked", "other", name, fs::absolute(program).string()});
+        EXPECT_EQ(client.Wait(), 0) << client.Output();
     };
     create("a", "other/free");
     create("b", "other/tool.sh");

@@ -1,0 +1,148 @@
+#include "cli/commands/TaskCommand.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include <vxsched/Error.h>
+#include <vxsched/Validation.h>
+#include "base/ShellWord.h"
+#include "jobs/CJobError.h"
+#include "jobs/JobLine.h"
+#include "jobs/JobOptions.h"
+#include "runs/RunnerLaunch.h"
+#include "store/Layout.h"
+#include "store/MakeError.h"
+#include "store/ProgramLinks.h"
+
+namespace vxsched {
+
+namespace {
+
+// The path would be cut, or abort the scheduling process.
+bool IsLaunchedAsNamed(const TTaskEntry& task) {
+    const std::vector<TValidationError> errors = Validate(task, Now());
+    return std::none_of(errors.begin(), errors.end(), [](const TValidationError& error) {
+        return error.kind == TValidationError::cAlteredPath ||
+               error.kind == TValidationError::cAbortingExtension;
+    });
+}
+
+bool HasOptions(const TJob& job) {
+    return std::any_of(cJobOptions.begin(), cJobOptions.end(), [&](const TJobOption& option) {
+        return option.name != cTaskOption && !option.values(job).empty();
+    });
+}
+
+void SetCommand(TTaskEntry& task, TJob job) {
+    if (!HasOptions(job) && job.command.size() == 2) {
+        task.program = job.command[0];
+        task.parameter = job.command[1];
+        if (IsLaunchedAsNamed(task))
+            return;
+    }
+    const std::string runner = FindRunner({""});
+    if (runner.empty())
+        throw MakeError(EError::cFailed,
+                        "{} of this installation is missing, which is to execute the program; "
+                        "install the package anew",
+                        cRunnerProgram);
+    job.task = task.name;
+    task.program = runner;
+    task.parameter = JobLine(job);
+}
+
+// Values that `edit` gives take the place of the former ones; a single empty one removes the option.
+void TakeOption(TJob& job, const TJobOption& option, const std::vector<std::string>& values) {
+    if (values.size() > 1 && !option.isRepeatable)
+        throw CUsageError(fmt::format("--{} is given twice; give it once", option.name));
+    ClearJobOption(job, option);
+    if (values == std::vector<std::string>{""})
+        return;
+    for (const std::string& value : values)
+        SetJobOption(job, option, value);
+}
+
+void TakeOptions(TJob& job, const TTaskArguments& arguments) {
+    try {
+        for (const TJobOption& option : cJobOptions) {
+            if (const auto given = arguments.options.find(option.name);
+                given != arguments.options.end())
+                TakeOption(job, option, given->second);
+        }
+    } catch (const CJobError& error) {
+        throw CUsageError(error.what());
+    }
+}
+
+bool GivesShell(const TTaskArguments& arguments) {
+    return arguments.options.contains(std::string(cShellOption));
+}
+
+// What the task executes by the table.
+TJob JobOf(const std::string& directory, const TTaskEntry& task, const TTaskArguments& arguments) {
+    TJob job;
+    if (!IsRunner(task.program)) {
+        job.command = {RealProgram(directory, task.program), task.parameter};
+        return job;
+    }
+    try {
+        return ReadJobLine(task.parameter);
+    } catch (const CJobError& error) {
+        if (!arguments.command.empty() || GivesShell(arguments))
+            return job;
+        throw MakeError(
+            EError::cRefused,
+            "the parameter of task \"{}\" is no job that {} could execute: {}; give the "
+            "task a program (vxsched edit {} -- PROGRAM)",
+            task.name, cRunnerProgram, error.what(), ShellWord(task.name));
+    }
+}
+
+}  // namespace
+
+void CreateCommand(TTaskEntry& task, const TTaskArguments& arguments) {
+    if (arguments.command.empty() && !GivesShell(arguments))
+        throw CUsageError("create: give a program after --, or a text by --shell");
+    if (!arguments.command.empty() && GivesShell(arguments))
+        throw CUsageError("create: a program and --shell; give one of them");
+    TJob job;
+    job.command = arguments.command;
+    TakeOptions(job, arguments);
+    SetCommand(task, job);
+}
+
+bool ChangesCommand(const TTaskArguments& arguments) {
+    return arguments.program || arguments.parameter || !arguments.command.empty() ||
+           !arguments.options.empty();
+}
+
+void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArguments& arguments) {
+    if (!ChangesCommand(arguments) && !IsLinkPath(directory, task.program))
+        return;
+    const bool givesProgram = arguments.program || arguments.parameter;
+    if (int{GivesShell(arguments)} + int{givesProgram} + int{!arguments.command.empty()} > 1)
+        throw CUsageError(
+            "edit: give one of --shell, --program with --parameter, and a program after --");
+    TJob job = JobOf(directory, task, arguments);
+    if (!arguments.command.empty())
+        job.command = arguments.command;
+    if (arguments.program && job.command.empty())
+        job.command = {*arguments.program};
+    else if (arguments.program)
+        job.command.front() = *arguments.program;
+    if (arguments.parameter && job.command.empty())
+        throw CUsageError("edit: --parameter is for a program; change the text by --shell");
+    if (arguments.parameter)
+        job.command = {job.command.front(), *arguments.parameter};
+    if (!arguments.command.empty() || arguments.program)
+        job.shell.reset();
+    if (GivesShell(arguments))
+        job.command.clear();
+    TakeOptions(job, arguments);
+    if (job.command.empty() && !job.shell)
+        throw CUsageError(
+            "edit: --shell \"\" leaves the task without a program; give one after --");
+    SetCommand(task, job);
+}
+
+}  // namespace vxsched

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include <vxsched/Table.h>
+#include "cli/commands/Commands.h"
+
+namespace vxsched {
+
+// What a task executes, as `create` and `edit` put it into the table: a program and its single argument
+// as they are if a launch passes them on unchanged, else the runner and the line of a job.
+
+// Of `create`: sets program and parameter of the task, which has its name. Throws CUsageError for
+// arguments that are none, and CError (cFailed) if the runner is needed and missing.
+void CreateCommand(TTaskEntry& task, const TTaskArguments& arguments);
+
+// Of `edit`: changes program and parameter of the task, which has its new name already. A program
+// that is launched by a link in files/programs/ is given to the runner in any case. Throws as
+// CreateCommand(), and CError (cRefused) if the task has a parameter that is no job, and options of one
+// are to be changed.
+void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArguments& arguments);
+
+// Whether arguments of `edit` change what the task executes.
+bool ChangesCommand(const TTaskArguments& arguments);
+
+}  // namespace vxsched
