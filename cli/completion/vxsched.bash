@@ -16,11 +16,19 @@ _vxsched() {
     done
     local IFS=$'\n'
     case $previous in
-    --directory)
+    --directory | --chdir)
         COMPREPLY=($(compgen -d -- "$word"))
         return
         ;;
-    --program)
+    --user)
+        COMPREPLY=($(compgen -u -- "$word"))
+        return
+        ;;
+    --group)
+        COMPREPLY=($(compgen -g -- "$word"))
+        return
+        ;;
+    --program | --env-file)
         COMPREPLY=($(compgen -f -- "$word"))
         return
         ;;
