@@ -153,8 +153,6 @@ private:
             Begin();
         else if (message.kind == cMessageBegun)
             made.isBegun = true;
-        else if (message.kind == cMessageProgram)
-            made.outcome.program = message.content;
         else if (message.kind == cMessageChanged)
             made.changed = message.content;
         else if (message.kind == cMessageError)

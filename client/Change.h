@@ -19,7 +19,6 @@ namespace vxsched {
 // The result of a change.
 struct TOutcome {
     TTable table;                  // read back after the calls
-    std::string program;           // of a created task, as in the table
     std::vector<std::string> log;  // the add-in's messages
     TRun run;                      // of the launched program; its process is 0 if there is none
     std::optional<std::string> launchError;    // why a launch failed

@@ -26,7 +26,6 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.seen.program);
     transfer(call.seen.parameter);
     transfer(call.seen.paused);
-    transfer(call.throughLink);
     transfer(call.keepDue);
     transfer(call.inOneStep);
     transfer(call.newName);

@@ -20,11 +20,10 @@ struct TCall {
     bool mustBeAsSeen = false;  // the task in the table equals `seen`
     TTaskEntry seen;
     // How the call is made.
-    bool throughLink = false;  // cCreate: the program is the real path, which may need a link
-    bool keepDue = false;      // cCreate: the due time is kept, even if it is past
-    bool inOneStep = false;    // cCreate: replaces a task that exists, without the add-in
-    std::string newName;       // cCreate in one step: the name that the task gets; empty: its own
-    bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
+    bool keepDue = false;    // cCreate: the due time is kept, even if it is past
+    bool inOneStep = false;  // cCreate: replaces a task that exists, without the add-in
+    std::string newName;     // cCreate in one step: the name that the task gets; empty: its own
+    bool mayRemove = false;  // cResume: it may remove a task that runs once without a run
 };
 
 // The request to a change process: check the conditions, load the add-in, make the calls, and
@@ -74,8 +73,6 @@ inline constexpr char cMessageReady[] = "ready";
 inline constexpr char cMessageError[] = "error";
 // Empty: from here on the change has effects.
 inline constexpr char cMessageBegun[] = "begun";
-// cCreate: the program as in the table.
-inline constexpr char cMessageProgram[] = "program";
 // A log message of the add-in.
 inline constexpr char cMessageLog[] = "log";
 // What has failed after the change was made, and what that means.

@@ -11,6 +11,7 @@
 #include "base/ShellWord.h"
 #include "base/Sync.h"
 #include "client/Change.h"
+#include "client/GiveToRunner.h"
 #include "client/LockForChange.h"
 #include "client/RunStatus.h"
 #include "jobs/CJobError.h"
@@ -26,6 +27,7 @@
 #include "store/Grid.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
+#include "store/ProgramLinks.h"
 #include "store/TableFile.h"
 #include "store/WorkerState.h"
 
@@ -68,21 +70,29 @@ void RefuseFor(const std::vector<TValidationError>& errors) {
 }
 
 std::vector<TValidationError> FindUnforced(const fs::path& directory, const TTaskEntry& task,
-                                           EProgram how, const TForced& forced) {
+                                           const TForced& forced) {
     const COwnerAccess ownerAccess(directory);
-    std::vector<TValidationError> errors = Validate(task, Now(), how);
+    std::vector<TValidationError> errors = Validate(task, Now());
     std::erase_if(errors, [&](const TValidationError& error) {
         return error.canBeForced && forced.contains(error.Name());
     });
     return errors;
 }
 
-EProgram HowToLaunch(const std::string& program) {
-    return program.starts_with('/') ? EProgram::cThroughLink : EProgram::cAsNamed;
+// A program whose path a launch would alter is executed by the runner.
+void MakeSchedulable(TTaskEntry& entry) {
+    if (!NeedsRunner(entry.program))
+        return;
+    TJob job;
+    job.command = {entry.program, entry.parameter};
+    GiveToRunner(entry, job);
 }
 
 TTaskEntry EntryOf(const TNewTask& task) {
-    return {task.name, task.due, TTime(), task.period, task.program, task.parameter, false};
+    TTaskEntry entry = {task.name,    task.due,       TTime(), task.period,
+                        task.program, task.parameter, false};
+    MakeSchedulable(entry);
+    return entry;
 }
 
 // Throws CError (cNotFound) if the table has no task of that name.
@@ -91,11 +101,6 @@ const TTaskEntry& TaskOf(const TTable& table, std::string_view name) {
     if (task == nullptr)
         throw NoSuchTask(name, table);
     return *task;
-}
-
-// The program as the change process has put it into the table: maybe a link.
-std::string ProgramOf(const TTaskEntry& entry, const TOutcome& outcome) {
-    return outcome.program.empty() ? entry.program : outcome.program;
 }
 
 // True if the table has the entry as requested, or as a tick since then has left it: launched and
@@ -169,15 +174,17 @@ TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
     entry.parameter = edit.parameter.value_or(entry.parameter);
     if (edit.command)
         edit.command(entry);
+    const bool hasProgram = edit.program || entry.program != former.program;
+    const bool hasParameter = edit.parameter || entry.parameter != former.parameter;
+    if (!IsOnlyRename(edit))
+        entry.program = RealProgram(directory, entry.program);
+    if (entry.program != former.program)
+        MakeSchedulable(entry);
     if (edit.name)
         RenameJob(entry);
-    const bool hasProgram = edit.program || entry.program != former.program;
-    const bool hasParameter =
-        edit.parameter || (!IsOnlyRename(edit) && entry.parameter != former.parameter);
     if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0) && !IsOnlyRename(edit))
         entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now());
-    std::vector<TValidationError> errors = FindUnforced(
-        directory, entry, hasProgram ? HowToLaunch(entry.program) : EProgram::cAsNamed, forced);
+    std::vector<TValidationError> errors = FindUnforced(directory, entry, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
     std::erase_if(errors, [&](const TValidationError& error) {
         return (IsOnlyRename(edit) && !error.IsAboutName()) ||
@@ -209,14 +216,13 @@ bool CStore::Wake() const {
 }
 
 std::vector<TValidationError> CStore::Check(const TNewTask& task, const TForced& forced) const {
-    return FindUnforced(options.directory, EntryOf(task), HowToLaunch(task.program), forced);
+    return FindUnforced(options.directory, EntryOf(task), forced);
 }
 
 // Makes a task; `seen`, if not null, is the one that it is to replace, as that must still be.
 static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool replace,
                             const TTaskEntry* seen) {
     TCall call = CallOf(TCall::cCreate, entry);
-    call.throughLink = HowToLaunch(entry.program) == EProgram::cThroughLink;
     call.mustExist = false;
     call.mustBeNew = !replace;
     call.mustBeAsSeen = seen != nullptr;
@@ -229,7 +235,6 @@ static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool
     call.keepDue = entry.period == 0 || entry.next >= since - cJustPast;
     const TOutcome outcome = MakeChange(
         options, {{call}, [&](const TOutcome& made) {
-                      entry.program = ProgramOf(entry, made);
                       return MissingUnless(IsThere(made.table, entry, since), entry.name);
                   }});
     const TTaskEntry* const made = outcome.table.Find(entry.name);
@@ -274,14 +279,12 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
 }
 
 // The call that makes `entry` of the task that was seen.
-static TCall EditCall(const TTaskEntry& seen, const TTaskEntry& entry, const TEdit& edit) {
+static TCall EditCall(const TTaskEntry& seen, const TTaskEntry& entry) {
     TCall call = CallOf(TCall::cCreate, entry);
     call.task.name = seen.name;
     const bool isRenamed = entry.name != seen.name;
     if (isRenamed)
         call.newName = entry.name;
-    call.throughLink = (edit.program || entry.program != seen.program) &&
-                       HowToLaunch(entry.program) == EProgram::cThroughLink;
     // CreateTask would reschedule or remove a task that is due; an edit must not cost it its run.
     call.keepDue = true;
     call.mustBeAsSeen = true;
@@ -296,7 +299,7 @@ TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForce
     const TTable table = Read();
     const TTaskEntry& seen = TaskOf(table, name);
     TTaskEntry entry = After(options.directory, seen, edit, forced);
-    CheckChange(options, {EditCall(seen, entry, edit)});
+    CheckChange(options, {EditCall(seen, entry)});
     return entry;
 }
 
@@ -325,8 +328,7 @@ TTaskEntry CStore::Edit(std::string_view name, const TEdit& edit, const TForced&
 TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const {
     TTaskEntry entry = After(options.directory, seen, edit, forced);
     const TTime since = Now();
-    MakeChange(options, {{EditCall(seen, entry, edit)}, [&](const TOutcome& made) {
-                             entry.program = ProgramOf(entry, made);
+    MakeChange(options, {{EditCall(seen, entry)}, [&](const TOutcome& made) {
                              return MissingUnless(IsEdited(made.table, seen.name, entry, since),
                                                   seen.name);
                          }});
@@ -397,7 +399,7 @@ TTaskEntry CStore::SetPeriod(std::string_view name, std::uint32_t hours,
 
 static TCall RunCall(const fs::path& directory, const TTaskEntry& task, bool force) {
     const COwnerAccess ownerAccess(directory);
-    std::vector<TValidationError> errors = Validate(task, Now(), EProgram::cAsNamed);
+    std::vector<TValidationError> errors = Validate(task, Now());
     // The due time and the period do not matter to a run outside the schedule. A relative path is
     // resolved in the store's directory, where the change process works like the host.
     std::erase_if(errors, [](const TValidationError& error) {

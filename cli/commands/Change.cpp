@@ -126,7 +126,7 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput
         throw CUsageError(
             "edit: nothing to change; give --name, --at, --every, another option, or a program "
             "after --");
-    if (edit.due || edit.period || ChangesCommand(arguments))
+    if (ChangesCommand(arguments))
         edit.command = [&](TTaskEntry& task) {
             EditCommand(common.store.directory, task, arguments);
         };

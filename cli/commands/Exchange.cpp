@@ -20,6 +20,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
+#include "client/GiveToRunner.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 #include "store/StoreOwner.h"
@@ -80,32 +81,33 @@ void Warn(const std::string& name, const std::string& message) {
     std::cerr << "vxsched: task \"" << Show(name).string << "\": " << Show(message).string << '\n';
 }
 
-// True if the task's program is a link of this directory, and the import has the link's target.
-bool HasItsLink(const TCommon& common, const TImported& imported) {
-    return !imported.realProgram.empty() &&
-           IsLinkPath(common.store.directory, imported.task.program);
-}
-
-// True if the task's program is a link of another store, whose place a link of this one takes.
-bool NeedsOwnLink(const TCommon& common, const TImported& imported) {
+// True if the task's program is a link of a store to the program of which the export has the path.
+bool IsLinkToReal(const TCommon& common, const TImported& imported) {
     return imported.realProgram.starts_with('/') &&
-           IsLinkPathOfAnotherStore(common.store.directory, imported.task.program);
+           (IsLinkPath(common.store.directory, imported.task.program) ||
+            IsLinkPathOfAnotherStore(common.store.directory, imported.task.program));
 }
 
-// Finds the real programs of links of other stores whose export does not have them. A link that
+// Has the runner execute the programs that the tasks launch through links. A link of another store that
 // cannot be resolved is only warned about: its task harms no other.
 void ResolveLinks(const TCommon& common, std::vector<TImported>& imported) {
     for (TImported& one : imported) {
-        const std::string& program = one.task.program;
-        if (!IsLinkPathOfAnotherStore(common.store.directory, program) || NeedsOwnLink(common, one))
-            continue;
-        std::error_code error;
-        one.realProgram = std::filesystem::read_symlink(program, error).string();
-        if (!NeedsOwnLink(common, one) && !std::filesystem::exists(program, error))
-            Warn(one.task.name, fmt::format("its program \"{}\" is a link of another store, which "
+        TTaskEntry& task = one.task;
+        if (IsLinkPathOfAnotherStore(common.store.directory, task.program) &&
+            !IsLinkToReal(common, one)) {
+            std::error_code error;
+            one.realProgram = std::filesystem::read_symlink(task.program, error).string();
+            if (!IsLinkToReal(common, one) && !std::filesystem::exists(task.program, error))
+                Warn(task.name, fmt::format("its program \"{}\" is a link of another store, which "
                                             "cannot be resolved; edit the task's program (vxsched "
                                             "edit {} --program PROGRAM)",
-                                            program, ShellWord(one.task.name)));
+                                            task.program, ShellWord(task.name)));
+        }
+        if (IsLinkToReal(common, one)) {
+            TJob job;
+            job.command = {one.realProgram, task.parameter};
+            GiveToRunner(task, job);
+        }
     }
 }
 
@@ -128,18 +130,13 @@ bool IsHarmful(TValidationError::EKind kind) {
 
 // Throws CError (cRefused) for a task that would harm other tasks or processes. Prints a warning
 // about one that would harm only itself.
-void CheckImported(const TCommon& common, const std::vector<TImported>& imported) {
+void CheckImported(const std::vector<TImported>& imported) {
     for (const TImported& one : imported) {
-        TTaskEntry task = one.task;
-        const bool isLink = HasItsLink(common, one) || NeedsOwnLink(common, one);
-        if (isLink)
-            task.program = one.realProgram;
-        for (const TValidationError& error :
-             Validate(task, Now(), isLink ? EProgram::cThroughLink : EProgram::cAsNamed)) {
+        for (const TValidationError& error : Validate(one.task, Now())) {
             if (IsHarmful(error.kind))
-                throw MakeError(EError::cRefused, "cannot import task \"{}\": {}", task.name,
+                throw MakeError(EError::cRefused, "cannot import task \"{}\": {}", one.task.name,
                                 error.message);
-            Warn(task.name, error.message);
+            Warn(one.task.name, error.message);
         }
     }
 }
@@ -166,18 +163,6 @@ std::vector<TTaskEntry> Joined(const std::vector<TTaskEntry>& present,
     return tasks;
 }
 
-// Makes the links that the imported tasks refer to, and has tasks with links of other stores refer
-// to links of this one. The caller holds the writer lock.
-void MakeLinks(const TCommon& common, std::vector<TImported>& imported) {
-    for (TImported& one : imported) {
-        if (HasItsLink(common, one))
-            MakeLink(one.task.program, one.realProgram);
-        else if (NeedsOwnLink(common, one))
-            one.task.program = MakeSchedulable(common.store.directory, one.realProgram);
-    }
-    SyncLinks(common.store.directory);
-}
-
 }  // namespace
 
 TExitStatus Export(const TCommon& common, COutput& output) {
@@ -200,7 +185,7 @@ TExitStatus Import(const TCommon& common, const std::string& file, EImport how, 
     std::vector<TImported> imported = ReadImport(file);  // which the store's owner may not read
     BecomeForeignOwner(common.store.directory);
     ResolveLinks(common, imported);
-    CheckImported(common, imported);
+    CheckImported(imported);
     const CStore store(common.store);
     const TTable present = store.Read();
     std::vector<TTaskEntry> tasks = Joined(present.tasks, imported, how);
@@ -215,8 +200,6 @@ TExitStatus Import(const TCommon& common, const std::string& file, EImport how, 
         if (DecodeTable(bytes, Now()).tasks != present.tasks)
             throw CError(EError::cBusy,
                          "the table changed during the import; nothing was imported; try again");
-        MakeLinks(common, imported);
-        tasks = Joined(present.tasks, imported, how);
     });
     output.Line(fmt::format("imported {}; the table has {} now", count, tasks.size()));
     return cDone;

@@ -4,12 +4,11 @@
 #include <string_view>
 
 #include <vxsched/Error.h>
-#include <vxsched/Validation.h>
 #include "base/ShellWord.h"
+#include "client/GiveToRunner.h"
 #include "jobs/CJobError.h"
 #include "jobs/JobLine.h"
 #include "jobs/JobOptions.h"
-#include "runs/RunnerLaunch.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -18,37 +17,19 @@ namespace vxsched {
 
 namespace {
 
-// The path would be cut, or abort the scheduling process.
-bool IsLaunchedAsNamed(const TTaskEntry& task) {
-    const std::vector<TValidationError> errors = Validate(task, Now());
-    return std::none_of(errors.begin(), errors.end(), [](const TValidationError& error) {
-        return error.kind == TValidationError::cAlteredPath ||
-               error.kind == TValidationError::cAbortingExtension;
-    });
-}
-
 bool HasOptions(const TJob& job) {
     return std::any_of(cJobOptions.begin(), cJobOptions.end(), [&](const TJobOption& option) {
         return option.name != cTaskOption && !option.values(job).empty();
     });
 }
 
-void SetCommand(TTaskEntry& task, TJob job) {
-    if (!HasOptions(job) && job.command.size() == 2) {
-        task.program = job.command[0];
-        task.parameter = job.command[1];
-        if (IsLaunchedAsNamed(task))
-            return;
+void SetCommand(TTaskEntry& task, const TJob& job) {
+    if (HasOptions(job) || job.command.size() != 2 || NeedsRunner(job.command.front())) {
+        GiveToRunner(task, job);
+        return;
     }
-    const std::string runner = FindRunner({""});
-    if (runner.empty())
-        throw MakeError(EError::cFailed,
-                        "{} of this installation is missing, which is to execute the program; "
-                        "install the package anew",
-                        cRunnerProgram);
-    job.task = task.name;
-    task.program = runner;
-    task.parameter = JobLine(job);
+    task.program = job.command[0];
+    task.parameter = job.command[1];
 }
 
 // Values that `edit` gives take the place of the former ones; a single empty one removes the option.
@@ -117,7 +98,7 @@ bool ChangesCommand(const TTaskArguments& arguments) {
 }
 
 void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArguments& arguments) {
-    if (!ChangesCommand(arguments) && !IsLinkPath(directory, task.program))
+    if (!ChangesCommand(arguments))
         return;
     const bool givesProgram = arguments.program || arguments.parameter;
     if (int{GivesShell(arguments)} + int{givesProgram} + int{!arguments.command.empty()} > 1)

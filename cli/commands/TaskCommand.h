@@ -14,8 +14,7 @@ namespace vxsched {
 // arguments that are none, and CError (cFailed) if the runner is needed and missing.
 void CreateCommand(TTaskEntry& task, const TTaskArguments& arguments);
 
-// Of `edit`: changes program and parameter of the task, which has its new name already. A program
-// that is launched by a link in files/programs/ is given to the runner in any case. Throws as
+// Of `edit`: changes program and parameter of the task, which has its new name already. Throws as
 // CreateCommand(), and CError (cRefused) if the task has a parameter that is no job, and options of one
 // are to be changed.
 void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArguments& arguments);

@@ -227,8 +227,6 @@ std::optional<TTable> Begin(TRequest& request) {
     }
     if (!MayBegin())
         return {};
-    // Under the same writer lock as the calls, or another client might remove the link before its
-    // task is in the table.
     for (TCall& call : request.calls) {
         const TTaskEntry* const task = table.Find(call.task.name);
         if (task != nullptr)
@@ -237,10 +235,6 @@ std::optional<TTable> Begin(TRequest& request) {
             WaitBeyondFormerDueTime(*task);
         if (call.function == TCall::cCreate)
             ForgetLaunches(".", table.tasks, {NamedTask(call)});
-        if (call.throughLink) {
-            call.task.program = MakeSchedulable(request.directory, call.task.program);
-            SendMessage(cMessageProgram, call.task.program);
-        }
     }
     RemoveLeftovers(".");
     KeepBeforeChange(".", bytes);

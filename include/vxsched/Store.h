@@ -24,8 +24,8 @@ struct TNewTask {
     std::string name;
     TTime due;
     std::uint32_t period = 0;  // hours; 0 runs once
-    std::string program;       // the real path; if the add-in cannot launch it by that path, the
-                               // table gets a link to it in files/programs/
+    std::string program;       // if the add-in cannot launch it by that path, it is executed by
+                               // the runner, which the table then has as the program
     std::string parameter;     // the program's single argument
 };
 
@@ -109,7 +109,8 @@ public:
 
     // Changes a task and returns the new entry. A paused task stays paused, and if it repeats and
     // its due time is past, it is rescheduled. An active task with a past due time is due: its
-    // program runs at once. A program that is not edited is not validated. If the task changes
+    // program runs at once. A program that is not edited is not validated; one that is launched
+    // through a link of an earlier version is executed by the runner from then on. If the task changes
     // meanwhile, the edit is applied to the changed task, without its due time if the task was
     // launched for that meanwhile. Throws cNotFound, cRefused on a validation error that is not
     // forced, and cBusy if the task keeps changing.

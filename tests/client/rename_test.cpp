@@ -87,11 +87,12 @@ TEST_F(Rename, IsMadeInOneStepWithOtherEdits) {
     edit.parameter = "other";
     store.Edit("a task", edit);
     const TRow row = ::ReadTable().at(0);
-    EXPECT_EQ(row, (TRow{"renamed", Seconds(*edit.due), 77, 48, row.program, "other", 0}));
-    EXPECT_EQ(fs::read_symlink(row.program), "/usr/bin/free");
+    EXPECT_EQ(row, (TRow{"renamed", Seconds(*edit.due), 77, 48, row.program,
+                         "--task renamed -- /usr/bin/free other", 0}));
+    EXPECT_EQ(row.program, RUNNER_PROGRAM);
     store.Edit("renamed", To("again"));
     EXPECT_EQ(::ReadTable().at(0).program, row.program);
-    EXPECT_TRUE(fs::is_symlink(row.program)) << "a link is named after its program";
+    EXPECT_EQ(::ReadTable().at(0).parameters, "--task again -- /usr/bin/free other");
 }
 
 TEST_F(Rename, ToANameThatIsTakenOrInvalidIsRefused) {

@@ -8,7 +8,6 @@
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
 #include "store/CWriterLock.h"
-#include "store/ProgramLinks.h"
 
 #include <chrono>
 #include <cstdint>
@@ -22,6 +21,7 @@
 #include "ClientError.h"
 #include "ClientStore.h"
 #include "Process.h"
+#include "ProgramLink.h"
 #include "Recorder.h"
 #include "TableFile.h"
 
@@ -200,30 +200,35 @@ TEST_F(ClientStore, LongStringsGoThrough) {
     EXPECT_EQ(::ReadTable(), TRows());
 }
 
-TEST_F(ClientStore, ProgramThatALaunchWouldAlterGetsALink) {
-    WriteFile("backup.sh", "#!/bin/sh\nexit 7\n");
-    chmod("backup.sh", 0755);
-    TNewTask task = Task("a");
-    task.program = (fs::current_path() / "backup.sh").string();
-    const TTaskEntry made = store.Create(task, false);
-    EXPECT_NE(made.program, task.program);
-    EXPECT_EQ(RealProgram(".", made.program), task.program);
-    EXPECT_EQ(WEXITSTATUS(store.Run("a", false, true).status.value()), 7);
-    EXPECT_EQ(store.Edit("a", {.program = cRecorder}).program, cRecorder);
-    EXPECT_EQ(store.Edit("a", {.program = task.program}).program, made.program);
+TEST_F(ClientStore, ProgramThatALaunchWouldAlterIsExecutedByTheRunner) {
+    for (const std::string name : {"backup.sh", "free", "box", "x.exe", "many.dots.e"}) {
+        const std::string program = fs::absolute(name).string();
+        WriteFile(program, "#!/bin/sh\n[ \"$0\" = " + program + " ] && exit $1\n");
+        chmod(program.c_str(), 0755);
+        TNewTask task = Task("a");
+        task.program = program;
+        task.parameter = "7";
+        const TTaskEntry made = store.Create(task, true);
+        EXPECT_EQ(made.program, RUNNER_PROGRAM);
+        EXPECT_EQ(made.parameter, "--task a -- " + program + " 7");
+        EXPECT_EQ(WEXITSTATUS(store.Run("a", false, true).status.value()), 7);
+        EXPECT_EQ(store.Edit("a", {.program = cRecorder, .parameter = "x"}).program, cRecorder);
+        EXPECT_EQ(store.Edit("a", {.program = program, .parameter = "7"}).parameter,
+                  made.parameter);
+    }
+    EXPECT_FALSE(fs::exists("files/programs"));
 }
 
-// The same directory may be written in several ways.
-TEST_F(ClientStore, LinksAreKeptWhateverTheDirectoryIsCalled) {
-    fs::create_directory_symlink(fs::current_path(), "another-name");
-    const CStore other({.directory = "another-name"});
-    TNewTask task = Task("a");
-    task.program = "/usr/bin/free";
-    const TTaskEntry made = other.Create(task, false);
+TEST_F(ClientStore, LinkOfAnEarlierVersionIsKeptUntilAnEdit) {
+    const std::string link = MakeProgramLink("/usr/bin/free", "free-1");
+    WriteTable({{"a", 4102444800, 0, 24, link, "x", 0}});
     store.Create(Task("b"), false);
-    EXPECT_TRUE(fs::is_symlink(made.program));
-    EXPECT_EQ(RealProgram(".", made.program), "/usr/bin/free");
-    EXPECT_TRUE(store.Edit("a", {.parameter = "another"}).program == made.program);
+    store.Pause({"a"});
+    EXPECT_EQ(store.Edit("a", {.name = "c"}).program, link);
+    const TTaskEntry edited = store.Edit("c", {.period = 48});
+    EXPECT_EQ(edited.program, RUNNER_PROGRAM);
+    EXPECT_EQ(edited.parameter, "--task c -- /usr/bin/free x");
+    EXPECT_TRUE(fs::is_symlink(link)) << "what was launched through it may need it";
 }
 
 // Only the superuser can make files for other users. For any other user the directory is the user's

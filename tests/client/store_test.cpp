@@ -15,7 +15,6 @@
 #include "base/CDescriptor.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
-#include "store/ProgramLinks.h"
 
 #include <chrono>
 #include <csignal>
@@ -146,35 +145,6 @@ TEST_F(ClientStore, HolderThatWasResetMeanwhileDoesNotLetTwoIn) {
         AddinLoad();
     }
     EXPECT_EQ(StoreSemaphoreValue(), 1);
-}
-
-TEST_F(ClientStore, ParallelTasksOfProgramsWithOneNameKeepTheirOwn) {
-    for (int number = 0; number < 8; ++number) {
-        fs::create_directory("d" + std::to_string(number));
-        fs::create_symlink("/bin/ls", "d" + std::to_string(number) + "/p.sh");
-    }
-    std::vector<std::thread> clients;
-    for (int number = 0; number < 8; ++number) {
-        clients.emplace_back([number] {
-            const CStore own({});
-            TNewTask task = Task("t" + std::to_string(number));
-            task.program = fs::absolute("d" + std::to_string(number) + "/p.sh").string();
-            for (int iteration = 0; iteration < 4; ++iteration) {
-                own.Create(task, true);
-                if (iteration < 3)
-                    own.Remove({task.name});
-            }
-        });
-    }
-    for (std::thread& client : clients)
-        client.join();
-    for (int number = 0; number < 8; ++number) {
-        const TTable table = store.Read();
-        const TTaskEntry* const task = table.Find("t" + std::to_string(number));
-        ASSERT_NE(task, nullptr);
-        EXPECT_EQ(RealProgram(".", task->program),
-                  fs::absolute("d" + std::to_string(number) + "/p.sh"));
-    }
 }
 
 // ---- With a scheduling process ----------------------------------------------------------------

@@ -10,6 +10,7 @@
 
 #include "Cli.h"
 #include "Process.h"
+#include "ProgramLink.h"
 #include "Recorder.h"
 #include "TableFile.h"
 #include "Tool.h"
@@ -136,33 +137,18 @@ TEST_F(Cli, ImportReportsWhichInputAndWhy) {
 
 // Makes a store in the directory "other" whose task "a" has a link to a program that no launch
 // would find by its name, and exports it to the file "export".
-static void ExportFromAnotherStore() {
-    fs::create_directories("other/files");
-    for (const char* const name : {"other/free", "other/tool.sh"}) {
-        WriteFile(name, "");
-        fs::permissions(name, fs::perms::owner_all);
-    }
-    const auto create = [](const std::string& name, const std::string& program) {
-        CProgram client({PROGRAMS "/create-linked", "other", name, fs::absolute(program).string()});
-        EXPECT_EQ(client.Wait(), 0) << client.Output();
-    };
-    create("a", "other/free");
-    create("b", "other/tool.sh");
-    WriteFile("export", RunTool({"export", "--directory", "other"}).output);
-}
-
-static std::vector<std::string> TargetsOfLinks() {
-    std::vector<std::string> targets;
-    for (const TRow& row : ReadTable())
-        targets.push_back(fs::read_symlink(row.program).string());
-    return targets;
-}
-
-static std::vector<std::string> DirectoriesOfLinks() {
-    std::vector<std::string> directories;
-    for (const TRow& row : ReadTable())
-        directories.push_back(fs::path(row.program).parent_path().string());
-    return directories;
+// A store whose table has links to two programs; the export has them or, if it is of a table that came
+// there by other means, their paths only.
+static void ExportFromAnotherStore(bool hasRealPrograms) {
+    fs::create_directories("other");
+    fs::current_path("other");
+    WriteTable({{"a", 4102444800, 0, 24, MakeProgramLink("/usr/bin/free", "free-1"), "-m", 0},
+                {"b", 4102444800, 0, 24, MakeProgramLink("/opt/tool.sh", "tool-sh-1"), "", 0}});
+    fs::current_path("..");
+    if (!hasRealPrograms)
+        fs::copy("other/files/scheduler.dat", cTable);
+    WriteFile("export", RunTool({"export", "--directory", hasRealPrograms ? "other" : "."}).output);
+    WriteTable({});
 }
 
 TEST_F(Cli, ImportRefusesWhatNoLaunchCanPass) {
@@ -182,39 +168,28 @@ TEST_F(Cli, ImportRefusesWhatNoLaunchCanPass) {
     EXPECT_EQ(import(cRecorder, std::string(131'071, 'a')).status, 0);
 }
 
-TEST_F(Cli, ImportMakesTheLinksOfAnotherStoreItsOwn) {
-    ExportFromAnotherStore();
-    const std::vector<std::string> programs = {fs::absolute("other/free").string(),
-                                               fs::absolute("other/tool.sh").string()};
-    const std::string links = fs::absolute("files/programs").string();
-    EXPECT_THAT(Output({"import", "--dry-run", "export"}), HasSubstr("would import 2 tasks"));
-    EXPECT_FALSE(fs::exists(links));
+TEST_F(Cli, ImportGivesTheProgramsOfLinksOfAnotherStoreToTheRunner) {
+    ExportFromAnotherStore(true);
     fs::remove_all("other/files");
-    Output({"import", "export"});
-    EXPECT_EQ(TargetsOfLinks(), programs);
-    EXPECT_THAT(DirectoriesOfLinks(), testing::Each(links));
-    Output({"import", "--replace", "export"});
-    EXPECT_EQ(TargetsOfLinks(), programs) << "the links are used again";
-    EXPECT_EQ(ReadTable()[0].program, links + "/free-1");
+    EXPECT_EQ(RunTool({"import", "export"}).status, 0);
+    EXPECT_EQ(ReadTable(),
+              (TRows{{"a", 4102444800, 0, 24, RUNNER_PROGRAM, "--task a -- /usr/bin/free -m", 0},
+                     {"b", 4102444800, 0, 24, RUNNER_PROGRAM, "--task b -- /opt/tool.sh ''", 0}}));
+    EXPECT_FALSE(fs::exists("files/programs"));
 }
 
-// A store that was filled from another one by other means exports the paths of its links only.
 TEST_F(Cli, ImportResolvesLinksOfAnotherStoreOrReportsThem) {
-    ExportFromAnotherStore();
-    fs::copy("other/files/scheduler.dat", cTable);
-    WriteFile("export", Output({"export"}));
-    WriteTable({});
-    fs::remove("other/files/programs/tool-sh-1");
+    ExportFromAnotherStore(false);
+    const std::string gone = fs::absolute("other/files/programs/tool-sh-1").string();
+    fs::remove(gone);
     const TToolRun run = RunTool({"import", "export"});
     EXPECT_EQ(run.status, 0);
     EXPECT_THAT(run.error,
-                HasSubstr("task \"b\": its program \"" +
-                          fs::absolute("other/files/programs/tool-sh-1").string() +
+                HasSubstr("task \"b\": its program \"" + gone +
                           "\" is a link of another store, which cannot be resolved; "
                           "edit the task's program (vxsched edit b --program PROGRAM)\n"));
     EXPECT_THAT(run.error, testing::Not(HasSubstr("task \"a\"")));
-    EXPECT_EQ(ReadTable()[0].program, fs::absolute("files/programs/free-1").string());
-    EXPECT_EQ(fs::read_symlink(ReadTable()[0].program), fs::absolute("other/free"));
+    EXPECT_EQ(ReadTable()[0].parameters, "--task a -- /usr/bin/free -m");
 }
 
 TEST_F(Cli, ImportTrustsTheRealProgramOnlyOfItsOwnLinks) {
@@ -238,7 +213,7 @@ TEST_F(Cli, ImportTrustsTheRealProgramOnlyOfItsOwnLinks) {
                      R"(", "real_program": "/usr/bin/free"})")
                   .status,
               0);
-    EXPECT_EQ(fs::read_symlink(link), "/usr/bin/free");
+    EXPECT_EQ(ReadTable()[0].parameters, "--task x -- /usr/bin/free ''");
     EXPECT_EQ(
         import(R"({"name": "y", "next": )" + later + R"(, "program": "/usr/bin/free"})").status, 0)
         << "harms no other task, so it is only warned about";

@@ -11,6 +11,7 @@
 #include "Cli.h"
 #include "HostProgram.h"
 #include "Process.h"
+#include "ProgramLink.h"
 
 namespace fs = std::filesystem;
 
@@ -165,11 +166,8 @@ TEST_F(CliJob, ThatIsWrongIsRefused) {
     EXPECT_EQ(ReadTable()[1].program, "/bin/echo");
 }
 
-// As tables have them that an earlier version or another client has made.
 TEST_F(CliJob, TakesThePlaceOfALinkAtTheNextEdit) {
-    CProgram client({PROGRAMS "/create-linked", ".", "job", "/usr/bin/free"});
-    ASSERT_EQ(client.Wait(), 0) << client.Output();
-    ASSERT_THAT(Row().program, HasSubstr("/files/programs/"));
+    WriteTable({{"job", 4102444800, 0, 24, MakeProgramLink("/usr/bin/free", "free-1"), "", 0}});
     EXPECT_THAT(Output({"list"}), HasSubstr("/usr/bin/free"));
     EXPECT_THAT(Output({"show", "job"}), HasSubstr("Program      /usr/bin/free\n"));
     Output({"edit", "job", "--name", "job"});

@@ -1,4 +1,4 @@
-// A script that was launched through a link, and needs it while it runs.
+// A script that needs its own path while it runs.
 
 #include <gtest/gtest.h>
 
