@@ -17,6 +17,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <system_error>
 
 #include "ExitedRun.h"
 #include "FakeMonotonicClock.h"
@@ -120,6 +121,43 @@ TEST_F(RunHistory, IsRotatedByEightProcessesAtOnce) {
     const std::string lines = ReadFile(cOlder) + ReadFile(cHistory);
     EXPECT_GT(std::count(lines.begin(), lines.end(), '\n'), 40);
     ExpectLastLines(lines, 500);
+}
+
+// How often a process has the history open.
+static std::size_t OpenHistories(pid_t process) {
+    std::size_t count = 0;
+    const std::string directory = "/proc/" + std::to_string(process) + "/fd";
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        std::error_code closedMeanwhile;
+        if (std::filesystem::read_symlink(entry, closedMeanwhile).filename() == "history.jsonl")
+            ++count;
+    }
+    return count;
+}
+
+// A second rotation would drop the lines of the first.
+TEST_F(RunHistory, IsRotatedOnceByEightProcessesThatFindItFull) {
+    std::string full;
+    for (int number = 1; number <= 9; ++number)
+        full += NumberedLine(number);
+    WriteFile(cHistory, full);
+    const CDescriptor holder(open(cHistory, O_RDONLY));
+    ASSERT_EQ(flock(holder.Get(), LOCK_EX), 0);
+    std::list<CForkedChild> writers;
+    for (int number = 11; number <= 18; ++number) {
+        writers.emplace_back([&full, number] {
+            return CRunHistory(full.size(), Warn).Add(Numbered(number)) ? 0 : 1;
+        });
+        // Besides the holder's; or it has waited for too long, and has written without the lock.
+        WaitUntil(
+            [&] { return OpenHistories(writers.back().Id()) == 2 || ReadFile(cHistory) != full; });
+    }
+    ASSERT_EQ(flock(holder.Get(), LOCK_UN), 0);
+    for (CForkedChild& writer : writers)
+        EXPECT_EQ(writer.Wait(), 0);
+    const std::string lines = ReadFile(cOlder) + ReadFile(cHistory);
+    EXPECT_EQ(lines.substr(0, full.size()), full);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 9 + 8);
 }
 
 // A process that is stopped while it writes.
