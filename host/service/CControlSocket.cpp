@@ -3,22 +3,15 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/epoll.h>
-#include <sys/inotify.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <utility>
 
-#include "base/DrainDescriptor.h"
 #include "base/PassDescriptor.h"
-#include "base/TimerSetting.h"
 #include "base/Users.h"
 #include "control/Messages.h"
 #include "host/CHostLog.h"
@@ -47,91 +40,17 @@ static CDescriptor OpenSpare() {
 }
 
 CControlSocket::CControlSocket(TAnswer answerLine)
-    : answer(std::move(answerLine)),
-      events(epoll_create1(EPOLL_CLOEXEC)),
-      retry(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
-      spare(OpenSpare()) {
-    Register(retry.Get(), cRetryNumber, EPOLLIN);
-    Make();
+    : answer(std::move(answerLine)), events(epoll_create1(EPOLL_CLOEXEC)), spare(OpenSpare()) {
+    Register(file.Retry().Get(), cRetryNumber, EPOLLIN);
+    UseFile();
 }
 
-// The reason is logged once until it has gone.
-void CControlSocket::Make() {
-    isBound = Bind();
-    if (!isBound) {
-        const int error = errno;
-        if (!std::exchange(isBindFailureLogged, true))
-            LogWarning(fmt::format(
-                "cannot make the socket {}: {}. Programs that vxsched run launches are not "
-                "launched by this host until it can.",
-                cControlSocket,
-                error == EADDRINUSE ? "something else has that name; remove it"
-                                    : std::strerror(error)));
-        CheckInASecond();
+void CControlSocket::UseFile() const {
+    if (!file.IsMade())
         return;
-    }
-    isBindFailureLogged = false;
-    Watch();
-    // Replaced before it was watched.
-    if (!IsThere())
-        CheckInASecond();
+    Register(file.Watch().Get(), cWatchNumber, EPOLLIN);
     if (isListening)
         StartListening();
-}
-
-void CControlSocket::CheckInASecond() const {
-    const itimerspec second = ExpireOnce(std::chrono::seconds(1));
-    timerfd_settime(retry.Get(), 0, &second, nullptr);
-}
-
-// errno has the reason for a failure.
-bool CControlSocket::Bind() {
-    listener = CDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    static_assert(sizeof cControlSocket <= sizeof address.sun_path);
-    std::memcpy(address.sun_path, cControlSocket, sizeof cControlSocket);
-    // The file gets the mode of the socket, but for the umask.
-    if (!listener.IsOpen() || fchmod(listener.Get(), 0600) == -1)
-        return false;
-    struct stat status {};
-    if (lstat(cControlSocket, &status) == 0 && S_ISSOCK(status.st_mode))
-        unlink(cControlSocket);
-    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||
-        lstat(cControlSocket, &status) == -1)
-        return false;
-    device = status.st_dev;
-    inode = status.st_ino;
-    OpenToGroup();
-    return true;
-}
-
-// Where the directory does not pass its group on, the file has that of the process. A host that may
-// not set the group serves its own user alone.
-void CControlSocket::OpenToGroup() const {
-    const std::optional<gid_t> group = vxsched::GroupWithAccess(".");
-    if (group && lchown(cControlSocket, static_cast<uid_t>(-1), *group) == 0)
-        static_cast<void>(
-            !fchmodat(AT_FDCWD, cControlSocket, vxsched::PrivateMode("."), AT_SYMLINK_NOFOLLOW));
-}
-
-// The system reports when the file loses its name, and nothing of what happens beside it. Without a
-// watch, for want of the system's room, the file is not made again.
-void CControlSocket::Watch() {
-    watch = CDescriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    inotify_add_watch(watch.Get(), cControlSocket, IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW);
-    inotify_add_watch(watch.Get(), vxsched::cFilesDirectory, IN_MOVE_SELF | IN_ONLYDIR);
-    Register(watch.Get(), cWatchNumber, EPOLLIN);
-}
-
-bool CControlSocket::IsThere() const {
-    struct stat status {};
-    return isBound && lstat(cControlSocket, &status) == 0 && status.st_dev == device &&
-           status.st_ino == inode;
-}
-
-CControlSocket::~CControlSocket() {
-    if (IsThere())
-        unlink(cControlSocket);
 }
 
 bool CControlSocket::Register(int socket, std::uint64_t number, std::uint32_t which) const {
@@ -142,13 +61,13 @@ bool CControlSocket::Register(int socket, std::uint64_t number, std::uint32_t wh
 // Edge-triggered: a client that cannot even be turned away must not keep the main loop busy. The next
 // client that comes is the next attempt.
 void CControlSocket::StartListening() const {
-    listen(listener.Get(), cBacklog);
-    Register(listener.Get(), cListenerNumber, EPOLLIN | EPOLLET);
+    listen(file.Socket().Get(), cBacklog);
+    Register(file.Socket().Get(), cListenerNumber, EPOLLIN | EPOLLET);
 }
 
 void CControlSocket::Listen() {
     isListening = true;
-    if (isBound)
+    if (file.IsMade())
         StartListening();
 }
 
@@ -162,7 +81,8 @@ void CControlSocket::Serve() {
             continue;
         }
         if (event.data.u64 == cWatchNumber || event.data.u64 == cRetryNumber) {
-            MakeIfGone(event.data.u64 == cWatchNumber ? watch : retry);
+            if (file.MakeIfGone())
+                UseFile();
             continue;
         }
         // It may have been closed since, to make room.
@@ -171,20 +91,10 @@ void CControlSocket::Serve() {
     }
 }
 
-// `reason` is the watch or the timer.
-void CControlSocket::MakeIfGone(const CDescriptor& reason) {
-    DrainDescriptor(reason.Get());
-    if (IsThere())
-        return;
-    if (isBound)
-        LogNotice(
-            fmt::format("the socket {} was removed or replaced; it is made again", cControlSocket));
-    Make();
-}
-
 void CControlSocket::AcceptAll() {
     for (int accepted = 0; accepted < cMostAccepted; ++accepted) {
-        CDescriptor socket(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        CDescriptor socket(
+            accept4(file.Socket().Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket.IsOpen()) {
             Add(std::move(socket));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
@@ -201,7 +111,7 @@ void CControlSocket::AcceptAll() {
     }
     // There may be more: has the next call of Serve() come here again.
     epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.u64 = cListenerNumber}};
-    epoll_ctl(events.Get(), EPOLL_CTL_MOD, listener.Get(), &event);
+    epoll_ctl(events.Get(), EPOLL_CTL_MOD, file.Socket().Get(), &event);
 }
 
 // Closes the connection of a client that waits, which then does without the host. False if that is not
@@ -209,7 +119,7 @@ void CControlSocket::AcceptAll() {
 bool CControlSocket::TurnAway() {
     spare = CDescriptor();
     const bool isAccepted =
-        CDescriptor(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)).IsOpen();
+        CDescriptor(accept4(file.Socket().Get(), nullptr, nullptr, SOCK_CLOEXEC)).IsOpen();
     spare = OpenSpare();
     return isAccepted;
 }

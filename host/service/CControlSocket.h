@@ -10,9 +10,10 @@
 #include <string_view>
 
 #include "base/CDescriptor.h"
+#include "host/service/CControlFile.h"
 
-// The socket by which clients have this host launch and stop programs: files/control, for those users who may
-// use the store. A client sends one line and gets one, after which the connection is closed;
+// The connections by which clients have this host launch and stop programs, over the socket
+// files/control. A client sends one line and gets one, after which the connection is closed;
 // docs/control.md has the rules. No client is waited for, and none can keep more than a line of
 // vxsched::cLongestMessage; a request is carried out before the next one is read. For the main thread.
 class CControlSocket {
@@ -26,14 +27,11 @@ public:
     // Returns the answer to the line of a client, with its line break; the line comes without one.
     using TAnswer = std::function<std::string(std::string_view line, const TSender& sender)>;
 
-    // Makes the socket in the working directory, in place of one that a host has left behind.
-    // Clients are refused until Listen(), and then do without the host. If the socket cannot be made,
-    // the log is warned, and Serve() tries again each second.
+    // Makes the socket. Clients are refused until Listen(), and then do without the host. If the
+    // socket cannot be made, Serve() tries again each second. At the end, clients whose request was
+    // not read notice that.
     explicit CControlSocket(TAnswer answerLine);
-
-    // Removes the file, unless it is another one's by now. Clients whose request was not read notice
-    // that.
-    ~CControlSocket();
+    ~CControlSocket() = default;
     CControlSocket(const CControlSocket&) = delete;
     CControlSocket& operator=(const CControlSocket&) = delete;
 
@@ -57,13 +55,7 @@ private:
     // By the order in which they came. A descriptor is used again, such a number is not.
     using TConnections = std::map<std::uint64_t, TConnection>;
 
-    void Make();
-    void CheckInASecond() const;
-    bool Bind();
-    void OpenToGroup() const;
-    void Watch();
-    bool IsThere() const;
-    void MakeIfGone(const CDescriptor& reason);
+    void UseFile() const;
     void StartListening() const;
     void AcceptAll();
     void Add(CDescriptor socket);
@@ -74,16 +66,9 @@ private:
 
     const TAnswer answer;
     const CDescriptor events;
-    const CDescriptor retry;  // a timer
-    CDescriptor watch;        // of the file
+    CControlFile file;
     CDescriptor spare;
-    CDescriptor listener;
-    // The file of the listener.
-    dev_t device = 0;
-    ino_t inode = 0;
-    bool isBound = false;
     bool isListening = false;
-    bool isBindFailureLogged = false;
     bool isRefusalLogged = false;
     bool isFailureLogged = false;
     std::uint64_t lastNumber = 2;  // after those of the listener, the watch and the timer

@@ -25,7 +25,6 @@
 #include <vector>
 
 #include "ForeignStore.h"
-#include "GroupStore.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
 #include "base/PassDescriptor.h"
@@ -154,42 +153,6 @@ protected:
 
 // ---- The file -----------------------------------------------------------------------------------
 
-TEST_F(ControlSocket, IsForItsUserAloneAndGoesWithTheHost) {
-    umask(0);
-    Make();
-    EXPECT_EQ(Mode(), 0600U);
-    EXPECT_EQ(umask(0), 0U) << "the umask is as before";
-    control.reset();
-    EXPECT_FALSE(fs::exists(cSocket));
-}
-
-TEST_F(ControlSocket, ReplacesOneThatAKilledHostHasLeft) {
-    control.reset();
-    CForkedChild killed([] {
-        const CControlSocket left(
-            [](std::string_view, const CControlSocket::TSender&) { return ""; });
-        _exit(42);
-        return 1;
-    });
-    EXPECT_EQ(killed.Wait(), 42);
-    EXPECT_EQ(CClient().error, ECONNREFUSED);
-    Make();
-    control->Listen();
-    EXPECT_EQ(CClient().error, 0);
-}
-
-TEST_F(ControlSocket, OverwritesNoFileThatIsNone) {
-    control.reset();
-    WriteFile(cSocket, "somebody's");
-    WriteFile("log", "");
-    CHostLog::Instance().WriteTo("log");
-    Make();
-    control->Listen();
-    control.reset();
-    EXPECT_EQ(ReadFile(cSocket), "somebody's");
-    EXPECT_THAT(ReadFile("log"), HasSubstr("cannot make the socket files/control: "));
-}
-
 TEST_F(ControlSocket, IsMadeOnceWhatHasItsNameIsGone) {
     control.reset();
     fs::create_directory(cSocket);
@@ -226,44 +189,11 @@ TEST_F(ControlSocket, IsMadeAgainWhenItsFileIsGoneOrReplaced) {
     }
 }
 
-TEST_F(ControlSocket, RemovesNoSocketOfAnotherProcess) {
-    BindOther(cSocket);
-    control.reset();
-    EXPECT_TRUE(fs::is_socket(cSocket));
-}
-
 TEST_F(ControlSocket, RefusesClientsUntilTheHostListens) {
     Make();
     EXPECT_EQ(CClient().error, ECONNREFUSED);
     control->Listen();
     EXPECT_EQ(CClient().error, 0);
-}
-
-TEST_F(ControlSocket, IsForTheGroupOfAStoreThatIsOpenToIt) {
-    REQUIRE_SUPERUSER();
-    ASSERT_TRUE(EnterUserDatabase());
-    for (const char* const path : {".", "files"}) {
-        ASSERT_EQ(chown(path, cKeeper, cStoreGroup), 0);
-        ASSERT_EQ(chmod(path, 02770), 0);
-    }
-    Make();
-    EXPECT_EQ(Mode(), 0660U);
-}
-
-// Neither the bit of the directory nor the process gives the file that group.
-TEST_F(ControlSocket, HasTheGroupOfAStoreWhoseDirectoriesLackTheBit) {
-    REQUIRE_SUPERUSER();
-    ASSERT_TRUE(EnterUserDatabase());
-    for (const char* const path : {".", "files"}) {
-        ASSERT_EQ(chown(path, cKeeper, cStoreGroup), 0);
-        ASSERT_EQ(chmod(path, 0770), 0);
-    }
-    umask(022);
-    Make();
-    struct stat status {};
-    ASSERT_EQ(lstat(cSocket, &status), 0);
-    EXPECT_EQ(status.st_gid, cStoreGroup);
-    EXPECT_EQ(Mode(), 0660U);
 }
 
 // ---- Users --------------------------------------------------------------------------------------
