@@ -46,6 +46,7 @@ struct TStatus {
     std::vector<std::string> overdue;
     std::vector<TOwedLaunch> owed;
     std::string file;
+    bool hasTable = false;
     std::uintmax_t size = 0;
 };
 
@@ -108,8 +109,10 @@ TStatus ReadStatus(const TCommon& common) {
     status.file = AbsolutePath(TableFile(common.store.directory));
     std::error_code ignored;
     if (const auto size = std::filesystem::file_size(TableFile(common.store.directory), ignored);
-        !ignored)
+        !ignored) {
+        status.hasTable = true;
         status.size = size;
+    }
     TStoreOptions store = common.store;
     if (status.isMutexWedged)
         store.lockTimeout = std::chrono::milliseconds(0);
@@ -212,6 +215,8 @@ std::string DescribeTable(const TStatus& status) {
         return status.tableProblem;
     if (status.missing)
         return *status.missing;
+    if (!status.hasTable)
+        return "not there yet; the first task makes it";
     return fmt::format("{} in {} bytes, valid", CountOf(status.table->tasks.size(), "task"),
                        status.size);
 }

@@ -254,6 +254,14 @@ TEST_F(Cli, MissingTableWithoutABackupOfTasksIsValid) {
     EXPECT_EQ(Output({"repair"}), "the table is valid; nothing to repair\n");
 }
 
+TEST_F(Cli, StatusReportsThatThereIsNoTableYet) {
+    EXPECT_THAT(RunTool({"status"}).output,
+                HasSubstr("Table      not there yet; the first task makes it\n"));
+    EXPECT_THAT(RunTool({"status", "--json"}).output, HasSubstr("\"tasks\": 0,"));
+    WriteTable({});
+    EXPECT_THAT(RunTool({"status"}).output, HasSubstr("Table      0 tasks in "));
+}
+
 TEST_F(Cli, ChangeOfAHarmfulTableReportsTheFileAndOneRemedy) {
     WriteTable({{"endless", 5, 0, 268435456, cRecorder, "", 1}});
     const TToolRun run = RunTool({"pause", "endless"});
