@@ -219,9 +219,9 @@ std::vector<TValidationError> CStore::Check(const TNewTask& task, const TForced&
     return FindUnforced(options.directory, EntryOf(task), forced);
 }
 
-// Makes a task; `seen`, if not null, is the one that it is to replace, as that must still be.
-static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool replace,
-                            const TTaskEntry* seen) {
+// The call that makes a task; `seen`, if not null, is the one that it is to replace, as that must
+// still be.
+static TCall CreateCall(const TTaskEntry& entry, bool replace, const TTaskEntry* seen) {
     TCall call = CallOf(TCall::cCreate, entry);
     call.mustExist = false;
     call.mustBeNew = !replace;
@@ -231,8 +231,14 @@ static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool
     // CreateTask reschedules or removes a task whose due time is past by the clock. A task that is
     // due now must not meet that fate a second later; a repeating one that is past is to be
     // rescheduled.
+    call.keepDue = entry.period == 0 || entry.next >= Now() - cJustPast;
+    return call;
+}
+
+static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool replace,
+                            const TTaskEntry* seen) {
     const TTime since = Now();
-    call.keepDue = entry.period == 0 || entry.next >= since - cJustPast;
+    const TCall call = CreateCall(entry, replace, seen);
     const TOutcome outcome = MakeChange(
         options, {{call}, [&](const TOutcome& made) {
                       return MissingUnless(IsThere(made.table, entry, since), entry.name);
@@ -246,6 +252,11 @@ static TTaskEntry TryCreate(const TStoreOptions& options, TTaskEntry entry, bool
 static bool IsLaunchedSince(const TTaskEntry& first, const TTaskEntry* found) {
     return found != nullptr ? found->last > first.last
                             : first.period == 0 && first.next <= CurrentMoment();
+}
+
+void CStore::CheckCreate(const TNewTask& task, bool replace, const TForced& forced) const {
+    RefuseFor(Check(task, forced));
+    CheckChange(options, {CreateCall(EntryOf(task), replace, nullptr)});
 }
 
 TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
@@ -335,11 +346,19 @@ TTaskEntry CStore::TryEdit(const TTaskEntry& seen, const TEdit& edit, const TFor
     return entry;
 }
 
+void CStore::CheckRemove(const std::vector<std::string>& names) const {
+    CheckChange(options, CallsOf(TCall::cDestroy, names));
+}
+
 void CStore::Remove(const std::vector<std::string>& names) const {
     const std::vector<TCall> calls = CallsOf(TCall::cDestroy, names);
     const auto isGone = [](const TTaskEntry* task, const TCall&) { return task == nullptr; };
     MakeChange(options,
                {calls, [&](const TOutcome& made) { return FindUnchanged(made, calls, isGone); }});
+}
+
+void CStore::CheckPause(const std::vector<std::string>& names) const {
+    CheckChange(options, CallsOf(TCall::cPause, names));
 }
 
 void CStore::Pause(const std::vector<std::string>& names) const {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <optional>
+#include <set>
 #include <string>
 
 #include <vxsched/Error.h>
@@ -15,7 +16,6 @@
 #include "cli/time/PeriodFormat.h"
 #include "runs/OutputFiles.h"
 #include "store/MakeError.h"
-#include "store/NoSuchTask.h"
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
@@ -39,15 +39,6 @@ void PrintLine(COutput& output, const std::string& line) {
     output.Line(Show(line).string);
 }
 
-// Throws CError (cNotFound) for an unknown name, as the change itself would.
-void RequireTasks(const CStore& store, const TNames& names) {
-    const TTable table = store.Read();
-    for (const std::string& name : names) {
-        if (table.Find(name) == nullptr)
-            throw NoSuchTask(name, table);
-    }
-}
-
 // How a command reports a task: one that it has changed or would change, and one that was or is
 // already as it would make it.
 struct TWords {
@@ -57,18 +48,36 @@ struct TWords {
     const char* is = "";
 };
 
-// `paused`: what the change sets, if it pauses or resumes.
-template <typename Change>
+// Those that a resume removes, if that is forced: they run once, and their due time is past.
+std::set<std::string> FindPastTasks(const CStore& store, const TNames& names) {
+    std::set<std::string> past;
+    const TTable table = store.Read();
+    const TTime now = Now();
+    for (const std::string& name : names) {
+        const TTaskEntry* const task = table.Find(name);
+        if (task != nullptr && task->period == 0 && task->next <= now)
+            past.insert(name);
+    }
+    return past;
+}
+
+// `paused`: what the change sets, if it pauses or resumes. `removed`: the tasks that it removes
+// instead.
+template <typename Check, typename Change>
 TExitStatus ChangeNames(const TCommon& common, const TNames& names, const TWords& words,
-                        std::optional<bool> paused, COutput& output, const Change& change) {
+                        std::optional<bool> paused, const std::set<std::string>& removed,
+                        COutput& output, const Check& check, const Change& change) {
     const CStore store(common.store);
     const auto before = paused ? FindPausedTasks(common.store.directory) : std::nullopt;
     if (common.dryRun)
-        RequireTasks(store, names);
+        check(store);
     else
         change(store);
     for (const std::string& name : names) {
-        if (before && before->contains(name) == *paused)
+        if (removed.contains(name))
+            PrintLine(output, fmt::format("{} {}: it runs once and its due time is past",
+                                          common.dryRun ? "would remove" : "removed", name));
+        else if (before && before->contains(name) == *paused)
             PrintLine(output, fmt::format("{} {}", name, common.dryRun ? words.is : words.was));
         else
             PrintLine(output, fmt::format("{} {}", common.dryRun ? words.would : words.done, name));
@@ -99,14 +108,7 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool 
                         entry.parameter};
     const CStore store(common.store);
     if (common.dryRun) {
-        for (const TValidationError& error : store.Check(task, common.forced))
-            throw MakeError(EError::cRefused, "{}", error.message);
-        if (const TTable table = store.Read(); table.Find(task.name) != nullptr && !replace)
-            throw MakeError(
-                EError::cRefused,
-                "a task \"{}\" already exists; replace it (--replace), edit it, or choose "
-                "another name",
-                task.name);
+        store.CheckCreate(task, replace, common.forced);
         PrintLine(output, "would create " + Describe(common, {task.name, task.due, TTime(),
                                                               task.period, "", "", false}));
         return cDone;
@@ -147,22 +149,29 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput
 }
 
 TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output) {
-    return ChangeNames(common, names, {"removed", "would remove"}, {}, output,
-                       [&](const CStore& store) { store.Remove(names); });
+    return ChangeNames(
+        common, names, {"removed", "would remove"}, {}, {}, output,
+        [&](const CStore& store) { store.CheckRemove(names); },
+        [&](const CStore& store) { store.Remove(names); });
 }
 
 TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
     const TWords words = {"paused", "would pause", "was paused already", "is paused already"};
-    return ChangeNames(common, names, words, true, output,
-                       [&](const CStore& store) { store.Pause(names); });
+    return ChangeNames(
+        common, names, words, true, {}, output,
+        [&](const CStore& store) { store.CheckPause(names); },
+        [&](const CStore& store) { store.Pause(names); });
 }
 
 TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
-    if (common.dryRun)
-        CStore(common.store).CheckResume(names, common.forced);
     const TWords words = {"resumed", "would resume", "was not paused", "is not paused"};
-    return ChangeNames(common, names, words, false, output,
-                       [&](const CStore& store) { store.Resume(names, common.forced); });
+    const std::set<std::string> removed = common.forced.contains("past-due")
+                                              ? FindPastTasks(CStore(common.store), names)
+                                              : std::set<std::string>();
+    return ChangeNames(
+        common, names, words, false, removed, output,
+        [&](const CStore& store) { store.CheckResume(names, common.forced); },
+        [&](const CStore& store) { store.Resume(names, common.forced); });
 }
 
 TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,

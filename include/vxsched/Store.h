@@ -56,7 +56,7 @@ struct TRun {
 // 1. Locks. Each call takes the locks that it needs: the writer lock, then the store mutex, each
 //    with a wait of at most TStoreOptions::lockTimeout. The caller must hold neither. Holders are
 //    waited for, never interrupted, whether a tick or another client.
-// 2. Blocking. Check() and Wake() do not block. Read(), Edited(), CheckResume() and CheckRun() wait
+// 2. Blocking. Check() and Wake() do not block. Read(), Edited() and the other checks of a change wait
 //    for the store mutex. A change also has the wait of rule 3, and is made in a child process. The
 //    child process is killed when it sends no message for 2 x the lock timeout + 10 s + 0.1 s for
 //    each call of the add-in's functions, for a run + 10 s. The table is then checked under both
@@ -104,6 +104,9 @@ public:
     // taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
+    // Throws what Create() would throw now, without a change.
+    void CheckCreate(const TNewTask& task, bool replace, const TForced& forced = {}) const;
+
     // Returns the entry that Edit() would write, without a change. Throws like Edit().
     TTaskEntry Edited(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
@@ -130,7 +133,9 @@ public:
     // rescheduled.
     void Resume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
-    // Throws what Resume() would throw now, without a change.
+    // Throw what Remove(), Pause() and Resume() would throw now, without a change.
+    void CheckRemove(const std::vector<std::string>& names) const;
+    void CheckPause(const std::vector<std::string>& names) const;
     void CheckResume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
     // Returns the entry that SetPeriod() would write, without a change. Throws like it.

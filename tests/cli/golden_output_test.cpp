@@ -108,9 +108,10 @@ static const TGolden cGolden[] = {
     {"usage-time", {"create", "a", "--at", "2026-02-30 14:30", "--", "/bin/true"}, 2},
     {"usage-period", {"period", "backup", "90m"}, 2},
     {"dry-create",
-     {"create", "new", "--at", "tomorrow 02:00", "--every", "1d", "--dry-run", "--", "/bin/true"}},
+     {"create", "new", "--at", "tomorrow 02:00", "--every", "1d", "--dry-run", "--even-if-due",
+      "--", "/bin/true"}},
     {"dry-edit", {"edit", "backup", "--every", "6h", "--dry-run", "--even-if-due"}},
-    {"dry-remove", {"remove", "backup", "report", "--dry-run"}},
+    {"dry-remove", {"remove", "backup", "report", "--dry-run", "--even-if-due"}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Output, CliGolden, testing::ValuesIn(cGolden), [](const auto& golden) {

@@ -134,6 +134,19 @@ TEST_F(Cli, TaskThatIsAlreadyPausedOrNotPausedIsReportedAsSuch) {
     EXPECT_EQ(Output({"remove", "active"}), "removed active\n");
 }
 
+// A task that runs once and whose due time is past has no run left that it could be resumed for.
+TEST_F(Cli, ResumeReportsTheTasksThatItRemoves) {
+    TRow paused = Later("paused");
+    paused.paused = 1;
+    WriteTable({{"once", 5, 0, 0, cRecorder, "", 1}, paused});
+    const std::string why = "once: it runs once and its due time is past\n";
+    EXPECT_EQ(Output({"resume", "once", "paused", "--force", "past-due", "--dry-run"}),
+              "would remove " + why + "would resume paused\n");
+    EXPECT_EQ(Output({"resume", "once", "paused", "--force", "past-due"}),
+              "removed " + why + "resumed paused\n");
+    EXPECT_EQ(NamesInTable(), "paused");
+}
+
 TEST_F(Cli, EditReportsWhereFormerRunsOfARenamedTaskAre) {
     TRow row = Later("a task");
     row.last = 1000;
@@ -292,6 +305,26 @@ TEST_F(Cli, DryRunRefusesTheSameAsTheCommand) {
                 {"missing", 4'000'000'000, 0, 24, "/no/such", "", 1}});
     ExpectRefused(1, "give it a new due time", {"resume", "once", "--dry-run"});
     ExpectRefused(1, "no program", {"run", "missing", "--dry-run"});
+}
+
+TEST_F(Cli, DryRunsRefuseADueTaskThatNobodyLaunches) {
+    TRow paused = Later("p");
+    paused.paused = 1;
+    WriteTable({{"due", 5, 0, 0, cRecorder, "", 0}, Later("a"), paused});
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"edit", "a", "--every", "6h", "--dry-run"},
+             {"pause", "a", "--dry-run"},
+             {"resume", "p", "--dry-run"},
+             {"period", "a", "6h", "--dry-run"},
+             {"run", "a", "--dry-run"},
+             {"remove", "a", "--dry-run"},
+             {"create", "b", "--at", "in 1h", "--dry-run", "--", cRecorder}}) {
+        SCOPED_TRACE(command.front());
+        ExpectRefused(6, "\"due\" is due", command);
+        std::vector<std::string> allowed = command;
+        allowed.insert(allowed.begin() + 1, "--even-if-due");
+        EXPECT_THAT(Output(allowed), testing::StartsWith("would "));
+    }
 }
 
 TEST_F(Cli, ProgramThatIsNotWaitedForKeepsNoPipeOpen) {
