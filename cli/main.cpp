@@ -20,6 +20,7 @@
 #include "base/DisplayText.h"
 #include "base/StandardDescriptors.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/DefaultCounts.h"
 #include "cli/commands/Interruption.h"
 #include "cli/time/PastTime.h"
 #include "cli/time/PeriodFormat.h"
@@ -217,7 +218,9 @@ void CCommandLine::AddQueries() {
         [this] { return Next(common, count, until, output); },
         [this, addJson](CLI::App& next) {
             addJson(next);
-            next.add_option("--count", count, "Number of runs; 10 unless --until is given")
+            next.add_option(
+                    "--count", count,
+                    fmt::format("Number of runs; {} unless --until is given", cDefaultComingRuns))
                 ->check(CheckNumber)
                 ->type_name("NUMBER");
             next.add_option("--until", until, "List runs up to this time")->type_name("TIME");
@@ -255,8 +258,9 @@ void CCommandLine::AddQueries() {
             history.add_option("name", task.name, "The task; it may have been removed since")
                 ->type_name("NAME");
             history
-                .add_option("--count", historyOptions.count,
-                            "Number of runs; 20 unless --since is given")
+                .add_option(
+                    "--count", historyOptions.count,
+                    fmt::format("Number of runs; {} unless --since is given", cDefaultRecords))
                 ->check(CheckNumber)
                 ->type_name("NUMBER");
             history

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/DisplayText.h"
+#include "base/InSeconds.h"
 #include "base/Processes.h"
 #include "runs/ParseJson.h"
 
@@ -111,10 +112,6 @@ static TJson TimeOrNull(const std::string& time) {
     return time.empty() ? TJson(nullptr) : TJson(time);
 }
 
-static double Seconds(std::chrono::microseconds time) {
-    return std::chrono::duration<double>(time).count();
-}
-
 // Bounded, so that sums of such times are in range.
 static std::chrono::microseconds Microseconds(double seconds) {
     constexpr double cMost = 1e12;
@@ -143,8 +140,8 @@ TJson JsonOf(const TRunRecord& record) {
     if (record.outcome == TRunRecord::cNotStarted)
         json["error"] = record.error;
     if (record.outcome == TRunRecord::cExited || record.outcome == TRunRecord::cKilled) {
-        json["user"] = Seconds(record.usage.user);
-        json["system"] = Seconds(record.usage.system);
+        json["user"] = InSeconds(record.usage.user);
+        json["system"] = InSeconds(record.usage.system);
         json["peakMemory"] = record.usage.peakMemory;
     }
     if (record.process != 0)

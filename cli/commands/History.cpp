@@ -8,6 +8,7 @@
 #include <vxsched/Error.h>
 #include "base/DisplayText.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/DefaultCounts.h"
 #include "cli/commands/RequireTask.h"
 #include "cli/output/Json.h"
 #include "cli/output/RunFormat.h"
@@ -17,8 +18,6 @@
 namespace vxsched {
 
 namespace {
-
-constexpr std::size_t cDefaultCount = 20;
 
 EColour ColourOf(const TRunRecord& run) {
     if (HasNoFailure(run))
@@ -90,7 +89,7 @@ TExitStatus History(const TCommon& common, const std::string& name, const THisto
         std::erase_if(runs, HasNoFailure);
     if (since)
         std::erase_if(runs, [&](const TRunRecord& run) { return BeginningOf(run) < *since; });
-    const std::size_t most = options.count.value_or(since ? runs.size() : cDefaultCount);
+    const std::size_t most = options.count.value_or(since ? runs.size() : cDefaultRecords);
     const std::size_t all = runs.size();
     if (all > most)
         runs.erase(runs.begin(), runs.end() - static_cast<std::ptrdiff_t>(most));

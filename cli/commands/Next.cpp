@@ -5,6 +5,7 @@
 #include <queue>
 
 #include "cli/commands/Commands.h"
+#include "cli/commands/DefaultCounts.h"
 #include "cli/output/Json.h"
 #include "cli/time/PeriodFormat.h"
 #include "store/Grid.h"
@@ -13,7 +14,6 @@ namespace vxsched {
 
 namespace {
 
-constexpr std::size_t cDefaultCount = 10;
 constexpr TTime cFarthest(std::chrono::seconds(1LL << 60));  // a run from then on is a task's last
 constexpr std::size_t cMost = 100'000;  // bounds the output for a distant end time
 
@@ -63,7 +63,7 @@ TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const 
                  COutput& output) {
     const TTime now = Now();
     const TTime end = until.empty() ? TTime::max() : ParseTime(until, now);
-    const std::size_t most = count.value_or(until.empty() ? cDefaultCount : cMost);
+    const std::size_t most = count.value_or(until.empty() ? cDefaultComingRuns : cMost);
     const TTable table = CStore(common.store).Read();
     CComingRuns runs(table.tasks, now);
     CColumns columns({"TIME", "LEFT", "EVERY", "NAME"});

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <vxsched/Error.h>
+#include "base/InSeconds.h"
 #include "base/SignalName.h"
 #include "host/CHostLog.h"
 #include "runs/HistoryReader.h"
@@ -20,10 +21,6 @@
 static std::string DescriptionOf(const TRunRecord& run) {
     return fmt::format("{}: {} \"{}\"", run.task ? fmt::format("task \"{}\"", *run.task) : "a task",
                        run.program.empty() ? "an empty path" : run.program, run.parameter);
-}
-
-static double Seconds(std::chrono::microseconds time) {
-    return std::chrono::duration<double>(time).count();
 }
 
 CLaunchedPrograms& CLaunchedPrograms::Instance() {
@@ -158,7 +155,7 @@ void CLaunchedPrograms::Ended(TProgram& program, int status, const rusage& usage
                                 : fmt::format("exited with status {}", run.number);
     const std::string message = fmt::format(
         "process {} {} after {:.1f} s (user {:.3f} s, system {:.3f} s, peak memory {} KiB), {}",
-        run.process, how, time.count(), Seconds(run.usage.user), Seconds(run.usage.system),
+        run.process, how, time.count(), InSeconds(run.usage.user), InSeconds(run.usage.system),
         run.usage.peakMemory, DescriptionOf(run));
     if (run.outcome == TRunRecord::cExited && run.number == 0)
         LogInfo(message);
