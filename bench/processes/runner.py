@@ -2,9 +2,10 @@
 
 Launches a small program through vxrun and directly, alternately, from start to end; and has two hosts, of which one has
 no vxrun next to it, launch 10, 100 and 1,000 jobs that are due at once, one host after the other; with --quick only the
-10. Then a host launches 100 jobs of which each is due a second after the one before; with --quick 3. A job records the
-time at which it runs. RESULT.json gets the time of each launch, for each burst the time from the due second to the last
-job, and of the single jobs the median and the worst lateness.
+10. In the due second a client creates a task, which waits for the tick. Then a host launches 100 jobs of which each is
+due a second after the one before; with --quick 3. A job records the time at which it runs. RESULT.json gets the time of
+each launch, for each burst the time from the due second to the last job and the client's wait, and of the single jobs
+the median and the worst lateness.
 """
 import json
 import os
@@ -66,8 +67,18 @@ def host_of(build, scratch, way):
     return host
 
 
+def change(build, store, moment):
+    """The nanoseconds that a client's change takes that begins right after this moment, in seconds."""
+    time.sleep(max(moment + 0.02 - time.time(), 0))
+    begin = time.monotonic_ns()
+    subprocess.run([os.path.join(build, "bin", "vxsched"), "--directory", store, "create", "other", "--at", "in 1h",
+                    "--", os.path.join(build, "bench", "record_start"), "x"], check=True, stdout=subprocess.DEVNULL)
+    return time.monotonic_ns() - begin
+
+
 def lateness(build, scratch, way, size, interval):
-    """The nanoseconds from its due second to the run of each of so many jobs, due so many seconds after each other."""
+    """The nanoseconds from its due second to the run of each of so many jobs, due so many seconds after each other, and
+    those that a change takes in the first one's."""
     store = os.path.join(scratch, "%s-%d-%d" % (way, size, interval))
     os.makedirs(os.path.join(store, "files"), mode=0o700)
     due = int(time.time()) + 5
@@ -79,6 +90,7 @@ def lateness(build, scratch, way, size, interval):
     addin = os.path.join(build, "lib", "libVantrixScheduler.so")
     host = subprocess.Popen([host_of(build, scratch, way), "--directory", store, "--addin", addin],
                             stderr=subprocess.DEVNULL, env=isolation.ENVIRONMENT)
+    wait = change(build, store, due)
     times = []
     while len(times) < size and time.time() < due + size * interval + LONGEST:
         time.sleep(0.5)
@@ -89,7 +101,7 @@ def lateness(build, scratch, way, size, interval):
     host.wait()
     if len(times) != size:
         sys.exit("runner.py: %d jobs ran instead of %d" % (len(times), size))
-    return [ran - (due + number * interval) * SECOND for number, ran in enumerate(times)]
+    return [ran - (due + number * interval) * SECOND for number, ran in enumerate(times)], wait
 
 
 def main():
@@ -104,9 +116,11 @@ def main():
         results = launches(build, scratch, 3 if is_quick else 300)
         for size in SIZES[:1] if is_quick else SIZES:
             for way in WAYS:
-                results.append({"run_name": "runner/last/%s/%d" % (way, size), "run_type": "iteration",
-                                "real_time": max(lateness(build, scratch, way, size, 0))})
-        single = lateness(build, scratch, "vxrun", 3 if is_quick else SINGLES, 1)
+                late, wait = lateness(build, scratch, way, size, 0)
+                for name, value in (("last", max(late)), ("wait", wait)):
+                    results.append({"run_name": "runner/%s/%s/%d" % (name, way, size), "run_type": "iteration",
+                                    "real_time": value})
+        single, _ = lateness(build, scratch, "vxrun", 3 if is_quick else SINGLES, 1)
         for name, value in (("median", statistics.median(single)), ("worst", max(single))):
             results.append({"run_name": "runner/single/" + name, "run_type": "iteration", "real_time": value})
     finally:
