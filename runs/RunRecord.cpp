@@ -39,6 +39,7 @@ static constexpr TOutcomeNames cOutcomes[] = {
     {TRunRecord::cLaunchUnknownRescheduled, "launch unknown", "rescheduled"},
     {TRunRecord::cLaunchUnknownRemoved, "launch unknown", "removed"},
     {TRunRecord::cRunnerDied, "runner died", nullptr},
+    {TRunRecord::cSkipped, "skipped", nullptr},
 };
 
 static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
@@ -52,6 +53,13 @@ void RecordNotStarted(TRunRecord& run, const std::string& error) {
         run.id = MakeOwnRunId();
     run.ended = run.started;
     run.error = error;
+}
+
+void RecordSkipped(TRunRecord& run, const std::string& underWay) {
+    run.outcome = TRunRecord::cSkipped;
+    run.ended = run.started;
+    run.attempt = 0;
+    run.underWay = underWay;
 }
 
 static std::chrono::microseconds TimeOf(const timeval& time) {
@@ -139,6 +147,12 @@ TJson JsonOf(const TRunRecord& record) {
         json["signal"] = record.number;
     if (record.outcome == TRunRecord::cNotStarted)
         json["error"] = record.error;
+    if (record.success)
+        json["success"] = *record.success;
+    if (record.timeLimit)
+        json["timeLimit"] = record.timeLimit->count();
+    if (!record.underWay.empty())
+        json["underWay"] = record.underWay;
     if (record.outcome == TRunRecord::cExited || record.outcome == TRunRecord::cKilled) {
         json["user"] = InSeconds(record.usage.user);
         json["system"] = InSeconds(record.usage.system);
@@ -225,6 +239,11 @@ static TRunRecord ReadRecord(const TJson& json) {
                     .peakMemory = ReadInteger<long>(json, "peakMemory")};
     record.error = json.value("error", "");
     record.stoppedBy = json.value("stoppedBy", "");
+    record.underWay = json.value("underWay", "");
+    if (json.contains("timeLimit"))
+        record.timeLimit = std::chrono::seconds(ReadInteger<std::int32_t>(json, "timeLimit"));
+    if (json.contains("success"))
+        record.success = json.at("success").get<bool>();
     record.id = json.value("run", "");
     record.trigger = json.value("trigger", "");
     record.attempt = ReadInteger<int>(json, "attempt");

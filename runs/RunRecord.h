@@ -46,6 +46,7 @@ struct TRunRecord {
         cLaunchUnknownRescheduled,
         cLaunchUnknownRemoved,
         cRunnerDied,  // the runner was killed; what became of its program is not known
+        cSkipped,     // not launched, since another run was under way, `underWay`
     };
     EOutcome outcome = cExited;
     std::optional<std::string> task;  // empty if the launch cannot be assigned to a task
@@ -66,12 +67,19 @@ struct TRunRecord {
     std::uint64_t outputBytes = 0;  // that it has written until its end
     std::string outputError;        // why not all of these were kept; empty if they were
     std::string stoppedBy;          // the user who has had it stopped
+    std::string underWay;           // the id of a run
+    // The job's time limit, if it was terminated for having exceeded that.
+    std::optional<std::chrono::seconds> timeLimit;
+    std::optional<bool> success;  // whether its end is good; only of a job that says which ends are
 
     bool operator==(const TRunRecord&) const = default;
 };
 
 // Has the record be that of a launch that was not made, because of `error`.
 void RecordNotStarted(TRunRecord& run, const std::string& error);
+
+// Has the record be that of a launch that was not made, since the run of that id was under way.
+void RecordSkipped(TRunRecord& run, const std::string& underWay);
 
 // Has the record be that of a program that ends now, by what wait4() reports.
 void RecordProgramEnd(TRunRecord& run, int waitStatus, const rusage& usage);

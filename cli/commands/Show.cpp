@@ -76,7 +76,8 @@ std::vector<TRunRecord> LastRuns(const TCommon& common, const std::string& name)
 }
 
 bool HasRun(const TRunRecord& run) {
-    return run.outcome != TRunRecord::cNotStarted && HasLaunch(run);
+    return run.outcome != TRunRecord::cNotStarted && run.outcome != TRunRecord::cSkipped &&
+           HasLaunch(run);
 }
 
 // The file of the last output that is kept; empty if there is none.

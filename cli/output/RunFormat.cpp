@@ -2,16 +2,23 @@
 
 #include <fmt/format.h>
 
+#include "base/Duration.h"
 #include "base/SignalName.h"
 
 namespace vxsched {
 
+static std::string AfterItsLimit(const TRunRecord& run) {
+    return run.timeLimit ? fmt::format("terminated after its time limit of {}: ",
+                                       FormatDuration(*run.timeLimit))
+                         : "";
+}
+
 std::string FormatOutcome(const TRunRecord& run) {
     switch (run.outcome) {
         case TRunRecord::cExited:
-            return fmt::format("exited {}", run.number);
+            return AfterItsLimit(run) + fmt::format("exited {}", run.number);
         case TRunRecord::cKilled:
-            return "killed by " + SignalName(run.number);
+            return AfterItsLimit(run) + "killed by " + SignalName(run.number);
         case TRunRecord::cUnknown:
             return "unknown";
         case TRunRecord::cLeftRunning:
@@ -28,6 +35,8 @@ std::string FormatOutcome(const TRunRecord& run) {
             return "launch unknown, removed";
         case TRunRecord::cRunnerDied:
             return "runner died";
+        case TRunRecord::cSkipped:
+            return fmt::format("skipped: run {} is under way", run.underWay);
     }
     return "";
 }
@@ -35,8 +44,19 @@ std::string FormatOutcome(const TRunRecord& run) {
 // An outcome that the host could not learn, or that a later one has recorded, is not counted as a
 // failure: the program may have succeeded.
 bool HasNoFailure(const TRunRecord& run) {
-    return (run.outcome == TRunRecord::cExited && run.number == 0) ||
-           run.outcome == TRunRecord::cLeftRunning || run.outcome == TRunRecord::cUnknown;
+    if (run.timeLimit)
+        return false;
+    switch (run.outcome) {
+        case TRunRecord::cExited:
+        case TRunRecord::cKilled:
+            return run.success.value_or(run.outcome == TRunRecord::cExited && run.number == 0);
+        case TRunRecord::cLeftRunning:
+        case TRunRecord::cUnknown:
+        case TRunRecord::cSkipped:
+            return true;
+        default:
+            return false;
+    }
 }
 
 bool HasLaunch(const TRunRecord& run) {
@@ -56,7 +76,8 @@ std::string FormatMoment(const std::optional<TMoment>& moment, EZone zone) {
 }
 
 std::optional<std::chrono::milliseconds> TimeTaken(const TRunRecord& run) {
-    if (!run.started || !run.ended || run.outcome == TRunRecord::cNotStarted)
+    if (!run.started || !run.ended || run.outcome == TRunRecord::cNotStarted ||
+        run.outcome == TRunRecord::cSkipped)
         return {};
     return *run.ended - *run.started;
 }

@@ -132,6 +132,33 @@ TEST(RunRecord, OfAMissedDueTimeHasNoAttempt) {
     EXPECT_EQ(ReadJsonLine(JsonLine(record)), record);
 }
 
+TEST(RunRecord, OfAJobThatExceededItsTimeLimitHasThat) {
+    TRunRecord record = Exited();
+    record.timeLimit = seconds(7200);
+    record.success = false;
+    const std::string line = JsonLine(record);
+    EXPECT_NE(line.find(R"("status":3,"success":false,"timeLimit":7200,"user":1.5)"),
+              std::string::npos)
+        << line;
+    EXPECT_EQ(ReadJsonLine(line), record);
+}
+
+TEST(RunRecord, OfASkippedLaunchNamesTheRunThatIsUnderWay) {
+    TRunRecord record = Exited();
+    record.process = 0;
+    record.number = 0;
+    record.usage = {};
+    record.attempt = 1;
+    record.id = "20231114T221321.250Z-4700";
+    RecordSkipped(record, "20231114T221221.250Z-4699");
+    EXPECT_EQ(record.ended, record.started);
+    const std::string line = JsonLine(record);
+    EXPECT_NE(line.find(R"("outcome":"skipped")"), std::string::npos) << line;
+    EXPECT_NE(line.find(R"("underWay":"20231114T221221.250Z-4699")"), std::string::npos) << line;
+    EXPECT_EQ(line.find("attempt"), std::string::npos) << line;
+    EXPECT_EQ(ReadJsonLine(line), record);
+}
+
 TEST(RunRecord, IdsOfOneProcessAreInOrderAndUnique) {
     std::string former;
     for (int number = 0; number < 1000; ++number) {

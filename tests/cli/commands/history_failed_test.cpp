@@ -1,11 +1,14 @@
 // history --failed: which records count as failed.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "Cli.h"
+
+using testing::HasSubstr;
 
 // Any end but success, and a due time that was not caught up on. What may have been a success, or goes
 // on, is no failure, nor is what a later host records in a way that is not known here.
@@ -26,7 +29,12 @@ TEST_F(Cli, FailedRunsAreThoseThatDidNotSucceed) {
         {"launch unknown once", R"("outcome":"launch unknown","task":"removed")", true},
         {"left running", R"("outcome":"left running")", false},
         {"unknown", R"("outcome":"unknown")", false},
-        {"later", R"("outcome":"skipped")", false},
+        {"good status", R"("outcome":"exited","status":3,"success":true)", false},
+        {"bad status", R"("outcome":"exited","status":0,"success":false)", true},
+        {"good, but late", R"("outcome":"exited","status":0,"success":true,"timeLimit":60)", true},
+        {"late", R"("outcome":"exited","status":0,"timeLimit":60)", true},
+        {"skipped", R"("outcome":"skipped","underWay":"20261122T120000.000Z-1")", false},
+        {"later", R"("outcome":"postponed")", false},
     };
     std::string lines;
     std::string wanted;
@@ -41,4 +49,14 @@ TEST_F(Cli, FailedRunsAreThoseThatDidNotSucceed) {
     for (const auto& run : json.at("runs"))
         listed += run.at("name").get<std::string>() + '\n';
     EXPECT_EQ(listed, wanted);
+}
+
+TEST_F(Cli, HistoryTellsOfATimeLimitAndOfTheRunBecauseOfWhichOneIsSkipped) {
+    WriteFile(cHistory, Run("one", R"("outcome":"killed","signal":15,"timeLimit":7200)") +
+                            Run("two", R"("outcome":"exited","status":0,"timeLimit":5)") +
+                            Run("three", R"("outcome":"skipped","underWay":"an id")"));
+    const std::string history = Output({"history"});
+    EXPECT_THAT(history, HasSubstr("terminated after its time limit of 2h: killed by SIGTERM"));
+    EXPECT_THAT(history, HasSubstr("terminated after its time limit of 5s: exited 0"));
+    EXPECT_THAT(history, HasSubstr("skipped: run an id is under way"));
 }
