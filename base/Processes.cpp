@@ -50,9 +50,7 @@ std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directo
         for (int field = 0; field < fields; ++field)
             words >> skipped;
     };
-    words >> stat.state;
-    skip(1);
-    words >> stat.group;
+    words >> stat.state >> stat.parent >> stat.group;
     skip(3);
     words >> stat.flags;
     skip(41);

@@ -26,6 +26,7 @@ std::filesystem::path ProcessDirectory(pid_t process);
 struct TProcessStat {
     std::string name;  // the short one
     char state = 0;
+    pid_t parent = 0;
     pid_t group = 0;
     unsigned int flags = 0;
     // The address of the end of its environment variables. 0 while an exec has not given it arguments

@@ -4,6 +4,8 @@
 #include <pwd.h>
 
 #include <array>
+#include <charconv>
+#include <system_error>
 
 TUser FindUser(uid_t id) {
     passwd entry{};
@@ -15,6 +17,36 @@ TUser FindUser(uid_t id) {
     if (*found->pw_shell != '\0')
         known.shell = found->pw_shell;
     return known;
+}
+
+// All bits set is no id: the calls that take one leave the present one then.
+template <typename Id>
+static std::optional<Id> ParseId(const std::string& digits) {
+    Id id = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [parsed, error] = std::from_chars(digits.data(), end, id);
+    return error == std::errc() && parsed == end && id != static_cast<Id>(-1) ? std::optional(id)
+                                                                              : std::nullopt;
+}
+
+std::optional<uid_t> FindUserId(const std::string& nameOrNumber) {
+    passwd entry{};
+    passwd* found = nullptr;
+    std::array<char, 1 << 14> strings{};
+    if (getpwnam_r(nameOrNumber.c_str(), &entry, strings.data(), strings.size(), &found) == 0 &&
+        found != nullptr)
+        return found->pw_uid;
+    return ParseId<uid_t>(nameOrNumber);
+}
+
+std::optional<gid_t> FindGroupId(const std::string& nameOrNumber) {
+    group entry{};
+    group* found = nullptr;
+    std::array<char, 1 << 16> strings{};
+    if (getgrnam_r(nameOrNumber.c_str(), &entry, strings.data(), strings.size(), &found) == 0 &&
+        found != nullptr)
+        return found->gr_gid;
+    return ParseId<gid_t>(nameOrNumber);
 }
 
 std::string NameOfGroup(gid_t id) {

@@ -16,6 +16,12 @@ struct TUser {
 };
 TUser FindUser(uid_t id);
 
+// The user of a name, or else of a number, which needs no entry; empty if there is none.
+std::optional<uid_t> FindUserId(const std::string& nameOrNumber);
+
+// The same of a group.
+std::optional<gid_t> FindGroupId(const std::string& nameOrNumber);
+
 // The name of a group; its number if it has none.
 std::string NameOfGroup(gid_t id);
 

@@ -13,10 +13,13 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <limits>
+#include <vector>
 
 #include "base/Processes.h"
 #include "base/Spawn.h"
 #include "base/Users.h"
+#include "runner/Descendants.h"
 
 using TClock = std::chrono::steady_clock;
 
@@ -24,6 +27,8 @@ using TClock = std::chrono::steady_clock;
 static constexpr std::chrono::milliseconds cGroupInterval(50);
 // A killed process that waits for a disk or a file server does not end before that has answered.
 static constexpr std::chrono::seconds cDeathLimit(1);
+// Of stopping what a fork bomb has made since the last one.
+static constexpr int cMostRounds = 100;
 
 CJob::CJob(CCopy* outputCopy, CFollower& outputFollower, std::chrono::milliseconds longestStop)
     : copy(outputCopy), follower(outputFollower), killAfter(longestStop) {
@@ -39,13 +44,36 @@ static void AdoptOrphans(bool adopts) {
     prctl(PR_SET_CHILD_SUBREAPER, adopts ? 1UL : 0UL);
 }
 
-int CJob::Launch(const char* program, char* const arguments[]) {
+// For what the program writes; returns its end of the pipe.
+CDescriptor CJob::OpenPipe() {
     std::array<int, 2> ends{};
     if (!signals.IsOpen() || pipe2(ends.data(), O_CLOEXEC) == -1)
-        return errno;
+        return CDescriptor();
     pipe = CDescriptor(ends[0]);
-    const CDescriptor theirs(ends[1]);
     fcntl(pipe.Get(), F_SETFL, O_NONBLOCK);
+    return CDescriptor(ends[1]);
+}
+
+TExecuted CJob::Launch(const TExecution& execution, const char* program, char* const arguments[]) {
+    if (execution.IsPlain()) {
+        const int error = Spawn(program, arguments, PointersTo(execution.environment).data());
+        return {.step = IsForWantOfRoom(error) ? EStep::cProcess : EStep::cProgram, .error = error};
+    }
+    const CDescriptor theirs = OpenPipe();
+    if (!theirs.IsOpen())
+        return {.step = EStep::cProcess, .error = errno};
+    AdoptOrphans(true);
+    const TExecuted executed = Execute(execution, program, arguments, theirs.Get(), &process);
+    launched = TClock::now();
+    if (executed.error != 0)
+        AdoptOrphans(false);
+    return executed;
+}
+
+int CJob::Spawn(const char* program, char* const arguments[], char* const environment[]) {
+    const CDescriptor theirs = OpenPipe();
+    if (!theirs.IsOpen())
+        return errno;
     CSpawnAttributes attributes;
     attributes.ResetSignals();
     attributes.LeadSession();
@@ -56,7 +84,8 @@ int CJob::Launch(const char* program, char* const arguments[]) {
     // Before the launch: the program's first orphan would have another parent.
     AdoptOrphans(true);
     const int error =
-        posix_spawn(&process, program, actions.Get(), attributes.Get(), arguments, environ);
+        posix_spawn(&process, program, actions.Get(), attributes.Get(), arguments, environment);
+    launched = TClock::now();
     if (error != 0)
         AdoptOrphans(false);
     return error;
@@ -102,9 +131,7 @@ void CJob::OnSignal() {
         if (signal.ssi_signo != SIGTERM || stop != cNothing)
             continue;
         stoppedBy = FindUser(signal.ssi_uid).name;
-        kill(-process, SIGTERM);
-        stop = cTerm;
-        stopLimit = TClock::now() + killAfter;
+        Terminate();
     }
 }
 
@@ -128,9 +155,17 @@ void CJob::Wait(int milliseconds) {
 
 // Does not collect it: until then no other process gets its number, which is that of its group.
 bool CJob::HasEnded() const {
+    if (waitStatus)
+        return true;
     siginfo_t end{};
     return waitid(P_PID, static_cast<id_t>(process), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&
            end.si_pid == process;
+}
+
+void CJob::CollectProgram() {
+    int status = 0;
+    if (!waitStatus && waitpid(process, &status, 0) == process)
+        waitStatus = status;
 }
 
 // Up to the program, whose end HasEnded() finds.
@@ -142,48 +177,120 @@ void CJob::CollectOrphans() const {
 }
 
 void CJob::Collect(TRunRecord& run) {
-    int status = 0;
-    waitpid(process, &status, 0);
+    CollectProgram();
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     // All of this process's children are the program and its orphans.
     rusage usage{};
     getrusage(RUSAGE_CHILDREN, &usage);
-    RecordProgramEnd(run, status, usage);
+    RecordProgramEnd(run, waitStatus.value_or(0), usage);
     run.stoppedBy = stoppedBy;
+    if (hasExceededItsTime)
+        run.timeLimit = std::chrono::ceil<std::chrono::seconds>(*timeLimit);
 }
 
 // What the program leaves behind stays, unless it was terminated as well.
-bool CJob::IsOver() const {
+bool CJob::IsOver() {
     if (!HasEnded())
         return false;
-    return stop == cNothing || (stop == cKill && TClock::now() >= stopLimit) ||
-           !vxsched::IsGroupAlive(process);
+    return stop == cNothing || (stop == cKill && TClock::now() >= stopLimit) || !IsAnyLeft();
+}
+
+bool CJob::IsAnyLeft() {
+    if (reach == cGroup)
+        return vxsched::IsGroupAlive(process);
+    // What FindDescendants() misses would go on. Whoever loses its parent becomes a child of this process,
+    // so that as long as any of them lives one of its children does.
+    CollectProgram();
+    pid_t child = 0;
+    while ((child = waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    return child == 0;
+}
+
+// Each once: many programs end at the second signal without what they do at the first. What is made
+// meanwhile, or loses its parent, is found by the next call.
+void CJob::TerminateDescendants() {
+    for (const pid_t descendant : FindDescendants()) {
+        if (terminated.insert(descendant).second)
+            kill(descendant, SIGTERM);
+    }
+}
+
+// What is stopped makes no more processes: they would be made faster than they are found.
+void CJob::KillDescendants() {
+    std::set<pid_t> stopped;
+    bool isAnyNew = true;
+    for (int round = 0; round < cMostRounds && isAnyNew; ++round) {
+        isAnyNew = false;
+        for (const pid_t descendant : FindDescendants()) {
+            if (!stopped.insert(descendant).second)
+                continue;
+            kill(descendant, SIGSTOP);
+            isAnyNew = true;
+        }
+    }
+    for (const pid_t descendant : stopped)
+        kill(descendant, SIGKILL);
+}
+
+void CJob::Terminate() {
+    stop = cTerm;
+    stopLimit = TClock::now() + killAfter;
+    if (reach == cDescendants)
+        TerminateDescendants();
+    else
+        kill(-process, SIGTERM);
 }
 
 void CJob::Kill() {
-    kill(-process, SIGKILL);
     stop = cKill;
     stopLimit = TClock::now() + cDeathLimit;
+    if (reach == cDescendants)
+        KillDescendants();
+    else
+        kill(-process, SIGKILL);
+}
+
+bool CJob::HasExceededItsTime() const {
+    return timeLimit && TClock::now() >= launched + *timeLimit;
+}
+
+static int MillisecondsUntil(TClock::time_point time) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - TClock::now()).count();
+    return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
 }
 
 // In milliseconds, -1: without limit. Of the program's end the system sends a signal, but of that of its
-// group none.
+// group none, and of what its descendants make none.
 int CJob::NextTimeout() const {
     if (stop == cNothing)
-        return -1;
-    if (HasEnded())
+        return timeLimit ? MillisecondsUntil(launched + *timeLimit) : -1;
+    if (reach == cDescendants || HasEnded())
         return static_cast<int>(cGroupInterval.count());
-    if (stop == cKill)
-        return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(stopLimit - TClock::now());
-    return static_cast<int>(std::max(left, std::chrono::milliseconds(0)).count());
+    return stop == cKill ? -1 : MillisecondsUntil(stopLimit);
+}
+
+void CJob::GoOnStopping() {
+    const TClock::time_point now = TClock::now();
+    if (stop == cTerm && now >= stopLimit)
+        return Kill();
+    if (stop == cNothing || reach == cGroup || now < nextRound)
+        return;
+    nextRound = now + cGroupInterval;
+    if (stop == cTerm)
+        TerminateDescendants();
+    else
+        KillDescendants();
 }
 
 void CJob::WaitForEnd(TRunRecord& run) {
     while (!IsOver()) {
-        if (stop == cTerm && TClock::now() >= stopLimit)
-            Kill();
+        if (stop == cNothing && HasExceededItsTime()) {
+            hasExceededItsTime = true;
+            Terminate();
+        }
+        GoOnStopping();
         Wait(NextTimeout());
     }
     Collect(run);

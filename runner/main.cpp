@@ -7,7 +7,9 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -26,6 +28,9 @@
 #include "runner/CCommand.h"
 #include "runner/CCopy.h"
 #include "runner/CJob.h"
+#include "runner/CLaunchError.h"
+#include "runner/Execute.h"
+#include "runner/Execution.h"
 #include "runner/Request.h"
 #include "runs/COutputFile.h"
 #include "runs/CRunHistory.h"
@@ -62,14 +67,15 @@ void NameTask(const TJob& job) {
 }
 
 // A program that gets too much with its task's name and due time is launched without them. `launch`
-// returns an error number.
+// returns TExecuted.
 template <typename Launch>
-int LaunchForTask(const Launch& launch) {
-    const int error = launch();
-    if (error != E2BIG)
-        return error;
-    for (const char* const variable : {"VXSCHED_TASK", "VXSCHED_DUE"})
-        unsetenv(variable);
+TExecuted LaunchForTask(TExecution& execution, const Launch& launch) {
+    const TExecuted executed = launch();
+    if (executed.error != E2BIG)
+        return executed;
+    std::erase_if(execution.environment, [](const std::string& variable) {
+        return variable.starts_with("VXSCHED_TASK=") || variable.starts_with("VXSCHED_DUE=");
+    });
     return launch();
 }
 
@@ -109,14 +115,13 @@ bool ReportError(int pipe, int error, const std::string& reason) {
     return Report(pipe, report);
 }
 
-// The system has no room for a process of the program's own, but has made this one.
-bool IsForWantOfRoom(int error) {
-    return error == EAGAIN || error == EMFILE || error == ENFILE;
-}
-
-// Executes the program in this process. Its launcher then waits for it and records its end; its output
-// is not kept.
-[[noreturn]] void Become(const TRunRequest& request, const CCommand& command) {
+// Executes the program in this process, as the system has no room for one more, but has made this one.
+// Its launcher then waits for it and records its end; its output is not kept, and no limit of a job is.
+// Returns what failed before the launcher was told.
+TExecuted Become(const TRunRequest& request, const CCommand& command, TExecution& execution) {
+    const TExecuted entered = Enter(execution);
+    if (entered.error != 0)
+        return entered;
     if (request.copy == TRunRequest::cPlain)
         dup2(STDOUT_FILENO, STDERR_FILENO);
     setsid();
@@ -127,9 +132,9 @@ bool IsForWantOfRoom(int error) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
     ReportLaunch(request.report, getpid(), "");
     close_range(STDERR_FILENO + 1, ~0U, 0);
-    LaunchForTask([&] {
-        execv(command.Program(), command.Arguments());
-        return errno;
+    LaunchForTask(execution, [&] {
+        execve(command.Program(), command.Arguments(), PointersTo(execution.environment).data());
+        return TExecuted{.step = EStep::cProgram, .error = errno};
     });
     _exit(cNotStarted);
 }
@@ -157,11 +162,17 @@ void ReportFailure(const TRunRequest& request, TRunRecord& run, int error,
     history.Add(run);
 }
 
-// To the launcher of a job the program that failed is this one. Empty: as any error of this number.
-std::string WhyNotStarted(const CCommand& command, const TJob* job, int error) {
-    if (job == nullptr)
-        return "";
-    return fmt::format("cannot start {}: {}", command.Program(), std::strerror(error));
+// For the launcher, to which EAGAIN means that the system has made no process at all.
+int ErrorOf(const TExecuted& executed) {
+    return executed.error == EAGAIN ? EBUSY : executed.error;
+}
+
+int EndNotStarted(const TRunRequest& request, TRunRecord& run, int error, const std::string& reason,
+                  CRunHistory& history) {
+    if (request.report == -1)
+        Warn(reason);
+    ReportFailure(request, run, error, reason, history);
+    return cNotStarted;
 }
 
 // The end of a program that cannot be recorded stays in the file of its run, for whoever finds it.
@@ -197,6 +208,32 @@ TWarning FindWarning() {
     return [](const std::string& /*message*/) {};
 }
 
+TExecution FindExecution(const TJob* job) {
+    if (job == nullptr)
+        return InheritedExecution();
+    return ExecutionOf(*job, std::getenv("VXSCHED_TASK"), std::getenv("VXSCHED_DUE"));
+}
+
+std::chrono::milliseconds KillAfter(const TJob* job) {
+    return job != nullptr && job->killAfter ? *job->killAfter : cDefaultKillAfter;
+}
+
+void LimitJob(CJob& process, const TJob* job) {
+    if (job == nullptr)
+        return;
+    process.ReachAll();
+    if (job->timeout)
+        process.LimitTime(*job->timeout);
+}
+
+void JudgeEnd(TRunRecord& run, const TJob* job) {
+    if (job == nullptr || job->success.empty())
+        return;
+    run.success =
+        run.outcome == TRunRecord::cExited &&
+        std::find(job->success.begin(), job->success.end(), run.number) != job->success.end();
+}
+
 // `job` is null for a program that is not of a job.
 int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
     TRunRecord run =
@@ -204,6 +241,12 @@ int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
     run.output = OutputPathOf(run.task, run.id);
     const TWarning warn = FindWarning();
     CRunHistory history(request.historySize, warn);
+    TExecution execution;
+    try {
+        execution = FindExecution(job);
+    } catch (const CLaunchError& error) {
+        return EndNotStarted(request, run, error.Error(), error.what(), history);
+    }
     CRunningFile running(run);
     if (!running.Error().empty())
         warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
@@ -214,19 +257,20 @@ int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
     else if (request.copy == TRunRequest::cPrefixed)
         copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
     CFollower follower(request.follower);
-    CJob process(copy ? &*copy : nullptr, follower);
-    const int error =
-        LaunchForTask([&] { return process.Launch(command.Program(), command.Arguments()); });
-    if (error != 0) {
+    CJob process(copy ? &*copy : nullptr, follower, KillAfter(job));
+    LimitJob(process, job);
+    TExecuted executed = LaunchForTask(execution, [&] {
+        return process.Launch(execution, command.Program(), command.Arguments());
+    });
+    if (executed.error != 0) {
         // Before the report: a kill in between must not leave two records of it.
         running.Remove();
-        if (IsForWantOfRoom(error) && request.report != -1)
-            Become(request, command);
-        const std::string reason = WhyNotStarted(command, job, error);
-        if (request.report == -1)
-            Warn(reason);
-        ReportFailure(request, run, error, reason, history);
-        return cNotStarted;
+        if (executed.step == EStep::cProcess && request.report != -1)
+            executed = Become(request, command, execution);
+        // To the launcher of a job the program that failed is this one.
+        const std::string reason =
+            job == nullptr ? "" : Describe(executed, execution, command.Program());
+        return EndNotStarted(request, run, ErrorOf(executed), reason, history);
     }
     run.process = process.Process();
     running.Update(run);
@@ -236,6 +280,7 @@ int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
     COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, warn);
     process.KeepIn(file);
     process.WaitForEnd(run);
+    JudgeEnd(run, job);
     RecordEnd(run, running, history);
     // Whoever follows the run finds its record at the end of its output.
     follower.End();

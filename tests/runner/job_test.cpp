@@ -26,7 +26,7 @@ static TRunRecord Stop(const std::string& script, pid_t& group) {
     char* const command[] = {program.data(), option.data(), text.data(), nullptr};
     CFollower follower(-1);
     CJob job(nullptr, follower, std::chrono::milliseconds(100));
-    EXPECT_EQ(job.Launch(command[0], command), 0);
+    EXPECT_EQ(job.Launch(InheritedExecution(), command[0], command).error, 0);
     COutputFile file("output", 1000);
     job.KeepIn(file);
     WaitUntil([] { return fs::exists("begun"); });

@@ -761,6 +761,28 @@ TEST_F(Runner, ThatGetsNoDescriptorForItsProgramBecomesIt) {
     EXPECT_EQ(CountIn("files/running"), 0U);
 }
 
+TEST_F(Runner, ThatGetsNoDescriptorForTheProgramOfAJobBecomesItAsTheJobSays) {
+    const std::string about = fs::absolute("about");
+    fs::remove(about);
+    rlimit former{};
+    getrlimit(RLIMIT_NOFILE, &former);
+    const int first = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(first);
+    const rlimit few{.rlim_cur = static_cast<rlim_t>(first) + 3, .rlim_max = former.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    CRunner runner(
+        {RUNNER_PROGRAM, "--chdir / --umask 027 --env 'FILE=" + about +
+                             "' --shell '(pwd; umask; env | wc -l) > \"$FILE\"; exit 3'"});
+    setrlimit(RLIMIT_NOFILE, &former);
+    const TLaunchReport report = runner.Report();
+    EXPECT_EQ(report.error, 0);
+    EXPECT_EQ(report.process, runner.Id());
+    EXPECT_STREQ(report.run, "");
+    EXPECT_EQ(runner.Wait(), 3);
+    EXPECT_THAT(Lines(about), ElementsAre("/", "0027", testing::_));
+    EXPECT_EQ(CountIn("files/running"), 0U);
+}
+
 TEST_F(Runner, WhoseRecordCannotBeWrittenLeavesItToWhoeverFindsItsFile) {
     fs::create_directory(cHistory);
     CRunner runner({cShell, "-c", "exit 3"});
