@@ -29,6 +29,7 @@
 #include "runner/CCopy.h"
 #include "runner/CJob.h"
 #include "runner/CLaunchError.h"
+#include "runner/COverlapLock.h"
 #include "runner/Execute.h"
 #include "runner/Execution.h"
 #include "runner/Request.h"
@@ -175,6 +176,16 @@ int EndNotStarted(const TRunRequest& request, TRunRecord& run, int error, const 
     return cNotStarted;
 }
 
+// The launcher has nothing to wait for. A record before the report: a kill in between leaves one of it.
+int Skip(const TRunRequest& request, TRunRecord& run, const std::string& underWay,
+         CRunHistory& history) {
+    run.output.clear();
+    RecordSkipped(run, underWay);
+    history.Add(run);
+    ReportLaunch(request.report, getpid(), run.id);
+    return 0;
+}
+
 // The end of a program that cannot be recorded stays in the file of its run, for whoever finds it.
 void RecordEnd(const TRunRecord& run, CRunningFile& running, CRunHistory& history) {
     running.Finish(run);
@@ -247,7 +258,14 @@ int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
     } catch (const CLaunchError& error) {
         return EndNotStarted(request, run, error.Error(), error.what(), history);
     }
+    std::optional<COverlapLock> turn;
+    if (job != nullptr && job->overlap == TJob::cSkip && run.trigger != cManual) {
+        turn.emplace();
+        if (const std::optional<std::string> underWay = COverlapLock::FindOther(run))
+            return Skip(request, run, *underWay, history);
+    }
     CRunningFile running(run);
+    turn.reset();
     if (!running.Error().empty())
         warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
                          run.id, running.Error()));

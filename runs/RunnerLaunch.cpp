@@ -144,7 +144,7 @@ std::optional<TLaunched> LaunchByRunner(const TRunnerLaunch& launch, int& error)
     launched.reason = report->reason;
     launched.program = report->process;
     // A runner that has no room for another process becomes the program.
-    if (report->process != launched.child)
+    if (report->process != launched.child || report->run[0] != '\0')
         launched.kind = ELaunchedChild::cRunner;
     launched.run = report->run;
     return launched;
