@@ -62,6 +62,10 @@ TExecuted CJob::Launch(const TExecution& execution, const char* program, char* c
     const CDescriptor theirs = OpenPipe();
     if (!theirs.IsOpen())
         return {.step = EStep::cProcess, .error = errno};
+    // Or it could write there, but not open /dev/stdout.
+    if (execution.identity)
+        static_cast<void>(
+            !fchown(theirs.Get(), execution.identity->user, execution.identity->group));
     AdoptOrphans(true);
     const TExecuted executed = Execute(execution, program, arguments, theirs.Get(), &process);
     launched = TClock::now();

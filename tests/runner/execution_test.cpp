@@ -258,6 +258,13 @@ TEST_F(Execution, UserHasTheGroupsOfALogin) {
                 EndsWith("it belongs to user keeper; it has to be root's or the job's user's"));
 }
 
+TEST_F(Execution, UserMayOpenTheOutputOnceMore) {
+    REQUIRE_SUPERUSER();
+    EXPECT_EQ(Run({"--user", "nobody", "--chdir", "/", "--shell",
+                   "echo a > /dev/stdout; echo b > /dev/stderr"}),
+              "a\nb\n");
+}
+
 // Nothing of the runner's is left to it: it cannot become root again.
 TEST_F(Execution, UserHasNoCapabilityOfRoots) {
     REQUIRE_SUPERUSER();
