@@ -135,7 +135,7 @@ void CJob::OnSignal() {
         if (signal.ssi_signo != SIGTERM || stop != cNothing)
             continue;
         stoppedBy = FindUser(signal.ssi_uid).name;
-        Terminate();
+        Terminate(killAfter);
     }
 }
 
@@ -238,9 +238,9 @@ void CJob::KillDescendants() {
         kill(descendant, SIGKILL);
 }
 
-void CJob::Terminate() {
+void CJob::Terminate(std::chrono::milliseconds killLater) {
     stop = cTerm;
-    stopLimit = TClock::now() + killAfter;
+    stopLimit = TClock::now() + killLater;
     if (reach == cDescendants)
         TerminateDescendants();
     else
@@ -292,7 +292,7 @@ void CJob::WaitForEnd(TRunRecord& run) {
     while (!IsOver()) {
         if (stop == cNothing && HasExceededItsTime()) {
             hasExceededItsTime = true;
-            Terminate();
+            Terminate(killAfterLimit);
         }
         GoOnStopping();
         Wait(NextTimeout());

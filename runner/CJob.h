@@ -37,8 +37,11 @@ public:
     void ReachAll() { reach = cDescendants; }
 
     // Stops the program, as SIGTERM to this process does, after it has run for so long without a
-    // suspended machine. To be called before the launch.
-    void LimitTime(std::chrono::milliseconds limit) { timeLimit = limit; }
+    // suspended machine; what has not ended so long after that is killed. To be called before the launch.
+    void LimitTime(std::chrono::milliseconds limit, std::chrono::milliseconds killLater) {
+        timeLimit = limit;
+        killAfterLimit = killLater;
+    }
 
     // The output goes to `outputFile`, which the caller keeps. To be called before the next two.
     void KeepIn(COutputFile& outputFile) { file = &outputFile; }
@@ -72,7 +75,7 @@ private:
     int NextTimeout() const;
     bool IsOver();
     bool IsAnyLeft();
-    void Terminate();
+    void Terminate(std::chrono::milliseconds killLater);
     void Kill();
     void TerminateDescendants();
     void KillDescendants();
@@ -98,6 +101,7 @@ private:
     std::chrono::steady_clock::time_point nextRound;  // of looking for more of them
     std::string stoppedBy;
     std::optional<std::chrono::milliseconds> timeLimit;
+    std::chrono::milliseconds killAfterLimit = cDefaultKillAfter;
     std::chrono::steady_clock::time_point launched;
     bool hasExceededItsTime = false;
     const std::chrono::milliseconds killAfter;

@@ -225,16 +225,12 @@ TExecution FindExecution(const TJob* job) {
     return ExecutionOf(*job, std::getenv("VXSCHED_TASK"), std::getenv("VXSCHED_DUE"));
 }
 
-std::chrono::milliseconds KillAfter(const TJob* job) {
-    return job != nullptr && job->killAfter ? *job->killAfter : cDefaultKillAfter;
-}
-
 void LimitJob(CJob& process, const TJob* job) {
     if (job == nullptr)
         return;
     process.ReachAll();
     if (job->timeout)
-        process.LimitTime(*job->timeout);
+        process.LimitTime(*job->timeout, job->killAfter.value_or(cDefaultKillAfter));
 }
 
 void JudgeEnd(TRunRecord& run, const TJob* job) {
@@ -275,7 +271,7 @@ int Run(const TRunRequest& request, const CCommand& command, const TJob* job) {
     else if (request.copy == TRunRequest::cPrefixed)
         copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
     CFollower follower(request.follower);
-    CJob process(copy ? &*copy : nullptr, follower, KillAfter(job));
+    CJob process(copy ? &*copy : nullptr, follower);
     LimitJob(process, job);
     TExecuted executed = LaunchForTask(execution, [&] {
         return process.Launch(execution, command.Program(), command.Arguments());

@@ -39,7 +39,7 @@ protected:
         }
 
         TRunRecord RunFor(milliseconds limit) {
-            job.LimitTime(limit);
+            job.LimitTime(limit, milliseconds(100));
             Launch();
             return Wait();
         }
@@ -91,6 +91,15 @@ TEST_F(JobLimit, IsRecordedWhateverTheJobMakesOfTheSignal) {
     const TRunRecord run =
         CShellJob("trap 'exit 0' TERM; touch begun; while :; do sleep 0.01; done")
             .RunFor(milliseconds(1000));
+    EXPECT_EQ(run.timeLimit, std::chrono::seconds(1));
+}
+
+// By its own delay, not by that of a stop.
+TEST_F(JobLimit, KillsWhatIgnoresIt) {
+    const TRunRecord run =
+        CShellJob("trap '' TERM; while :; do sleep 0.01; done", std::chrono::hours(24))
+            .RunFor(milliseconds(1000));
+    EXPECT_EQ(run.outcome, TRunRecord::cKilled);
     EXPECT_EQ(run.timeLimit, std::chrono::seconds(1));
 }
 
