@@ -102,7 +102,7 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool 
     const TTime now = Now();
     TTaskEntry entry;
     entry.name = arguments.name;
-    CreateCommand(entry, arguments);
+    CreateCommand(common.store.directory, entry, arguments);
     const TNewTask task{arguments.name, ParseTime(arguments.at.value_or("now"), now),
                         ParsePeriod(arguments.every.value_or("once")), entry.program,
                         entry.parameter};

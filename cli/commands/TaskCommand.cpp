@@ -1,10 +1,15 @@
 #include "cli/commands/TaskCommand.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <optional>
 #include <string_view>
 
 #include <vxsched/Error.h>
 #include "base/ShellWord.h"
+#include "base/Users.h"
 #include "client/GiveToRunner.h"
 #include "jobs/CJobError.h"
 #include "jobs/JobLine.h"
@@ -14,6 +19,8 @@
 #include "store/ProgramLinks.h"
 
 namespace vxsched {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -55,6 +62,23 @@ void TakeOptions(TJob& job, const TTaskArguments& arguments) {
     }
 }
 
+// Refuses what the runner would refuse at each launch.
+void RequireIdentity(const std::string& directory, const TJob& job) {
+    const std::optional<uid_t> user = FindUserId(job.user);
+    if (!job.user.empty() && !user)
+        throw MakeError(EError::cRefused, "--user {}: there is no such user", job.user);
+    if (!job.group.empty() && !FindGroupId(job.group))
+        throw MakeError(EError::cRefused, "--group {}: there is no such group", job.group);
+    struct stat files {};
+    if (stat((fs::path(directory) / cFilesDirectory).c_str(), &files) == -1 || files.st_uid == 0)
+        return;
+    if (!job.group.empty() || (!job.user.empty() && user != files.st_uid))
+        throw MakeError(EError::cRefused,
+                        "--{}: the store belongs to user {}, and a job runs as another user or "
+                        "group only in a store that root owns",
+                        job.group.empty() ? "user" : "group", FindUser(files.st_uid).name);
+}
+
 bool GivesShell(const TTaskArguments& arguments) {
     return arguments.options.contains(std::string(cShellOption));
 }
@@ -81,7 +105,8 @@ TJob JobOf(const std::string& directory, const TTaskEntry& task, const TTaskArgu
 
 }  // namespace
 
-void CreateCommand(TTaskEntry& task, const TTaskArguments& arguments) {
+void CreateCommand(const std::string& directory, TTaskEntry& task,
+                   const TTaskArguments& arguments) {
     if (arguments.command.empty() && !GivesShell(arguments))
         throw CUsageError("create: give a program after --, or a text by --shell");
     if (!arguments.command.empty() && GivesShell(arguments))
@@ -89,6 +114,7 @@ void CreateCommand(TTaskEntry& task, const TTaskArguments& arguments) {
     TJob job;
     job.command = arguments.command;
     TakeOptions(job, arguments);
+    RequireIdentity(directory, job);
     SetCommand(task, job);
 }
 
@@ -120,6 +146,8 @@ void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArgu
     if (GivesShell(arguments))
         job.command.clear();
     TakeOptions(job, arguments);
+    if (arguments.options.contains("user") || arguments.options.contains("group"))
+        RequireIdentity(directory, job);
     if (job.command.empty() && !job.shell)
         throw CUsageError(
             "edit: --shell \"\" leaves the task without a program; give one after --");

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -155,6 +157,10 @@ TEST_F(CliJob, ThatIsWrongIsRefused) {
            {"edit", "job", "--", "ls", "-l", "x"});
     expect(1, "the parameter has ",
            {"edit", "job", "--", "/bin/echo", std::string(131'060, 'a'), "b"});
+    expect(1, "--user nobody-here: there is no such user",
+           {"edit", "job", "--user", "nobody-here", "--", "/bin/true"});
+    expect(1, "--group none-here: there is no such group",
+           {"edit", "job", "--group", "none-here", "--", "/bin/true"});
     ExpectRefused(2, "a program after --, or a text by --shell", {"create", "new"});
     ExpectRefused(2, "leaves the task without a program", {"edit", "job", "--shell", ""});
     ExpectRefused(1, "the parameter of task \"broken\" is no job",
@@ -164,6 +170,27 @@ TEST_F(CliJob, ThatIsWrongIsRefused) {
     Output({"edit", "broken", "--every", "2d"});
     Output({"edit", "broken", "--", "/bin/echo", "one"});
     EXPECT_EQ(ReadTable()[1].program, "/bin/echo");
+}
+
+TEST_F(CliJob, OfAnotherUserIsForAStoreOfRoots) {
+    Create({"--user", std::to_string(getuid()), "--", "/bin/true"});
+    struct stat files {};
+    ASSERT_EQ(stat("files", &files), 0);
+    const bool isRoot = files.st_uid == 0;
+    if (isRoot)
+        Output({"edit", "job", "--user", "1", "--group", "1"});
+    const auto giveTo = [](uid_t user) {
+        for (const char* const path : {".", "files", cTable})
+            ASSERT_EQ(chown(path, user, user), 0);
+    };
+    if (isRoot)
+        giveTo(1);
+    for (const std::vector<std::string>& option :
+         {std::vector<std::string>{"--user", isRoot ? "2" : "0"}, {"--group", "2"}})
+        ExpectRefused(1, option[0] + ": the store belongs to user ",
+                      {"create", "new", option[0], option[1], "--", "/bin/true"});
+    if (isRoot)
+        giveTo(0);
 }
 
 TEST_F(CliJob, TakesThePlaceOfALinkAtTheNextEdit) {
