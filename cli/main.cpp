@@ -73,6 +73,26 @@ std::string Listed(const std::string& what, const std::vector<std::string>& argu
                        fmt::join(arguments, "\", \""));
 }
 
+// The parser takes an argument in brackets for a list of several, where several are possible.
+constexpr char cBracketMark = '\x01';
+
+bool IsInBrackets(std::string_view value) {
+    return value.starts_with('[') && value.ends_with(']');
+}
+
+// Marks such arguments and values of options at their end, and what ends like the mark.
+std::vector<std::string> ProtectBrackets(int argc, const char* const* argv) {
+    std::vector<std::string> arguments(argv, argv + argc);
+    for (std::string& argument : arguments) {
+        const std::size_t equals = argument.starts_with("--") ? argument.find('=') : 0;
+        const std::string_view value = std::string_view(argument).substr(
+            equals == 0 || equals == std::string::npos ? 0 : equals + 1);
+        if (IsInBrackets(value) || value.ends_with(cBracketMark))
+            argument += cBracketMark;
+    }
+    return arguments;
+}
+
 // The options of every command and their values, and the command that was chosen.
 class CCommandLine {
 public:
@@ -119,6 +139,7 @@ private:
     void AddName(CLI::App& command);
     void AddCommand(CLI::App& command);
     void Parse(int argc, const char* const* argv);
+    void RestoreBrackets();
     std::string ReasonOf(const CLI::ParseError& error) const;
     void RequireQuotedTime() const;
     void RequireSeparator(bool hasSeparator) const;
@@ -503,12 +524,38 @@ void CCommandLine::RequireSeparator(bool hasSeparator) const {
             CLI::ExitCodes::ExtrasError);
 }
 
+// Takes the mark off every value that ProtectBrackets() may have marked.
+void CCommandLine::RestoreBrackets() {
+    const auto restore = [](std::string& value) {
+        if (value.ends_with(cBracketMark))
+            value.pop_back();
+    };
+    for (std::string* const value :
+         {&directory, &until, &period, &file, &shell, &task.name, &calendarOptions.expression,
+          &calendarOptions.zone, &calendarOptions.from, &historyOptions.since})
+        restore(*value);
+    for (std::optional<std::string>* const value :
+         {&task.at, &task.every, &task.program, &task.parameter, &task.newName}) {
+        if (*value)
+            restore(**value);
+    }
+    std::for_each(names.begin(), names.end(), restore);
+    std::for_each(task.command.begin(), task.command.end(), restore);
+    for (auto& [option, values] : task.options)
+        std::for_each(values.begin(), values.end(), restore);
+}
+
 void CCommandLine::Parse(int argc, const char* const* argv) {
-    const char* const* const end = argv + argc;
-    const char* const* const begin = argv + std::min(argc, 1);
+    const std::vector<std::string> arguments = ProtectBrackets(argc, argv);
+    std::vector<const char*> pointers;
+    for (const std::string& argument : arguments)
+        pointers.push_back(argument.c_str());
+    const auto begin = pointers.begin() + std::min(argc, 1);
+    const auto end = pointers.end();
     beforeSeparator.assign(begin, std::find(begin, end, std::string_view("--")));
     try {
-        app.parse(argc, argv);
+        app.parse(argc, pointers.data());
+        RestoreBrackets();
         RequireQuotedTime();
         RequireSeparator(static_cast<std::ptrdiff_t>(beforeSeparator.size()) < end - begin);
     } catch (const CLI::ExtrasError&) {

@@ -74,7 +74,8 @@ TExitStatus Import(const TCommon& /*common*/, const std::string& file, EImport /
 }
 TExitStatus Create(const TCommon& /*common*/, const TTaskArguments& task, bool /*replace*/,
                    COutput& /*output*/) {
-    gTaken = {task.name, task.program.value_or(""), task.parameter.value_or("")};
+    gTaken = {task.name};
+    gTaken.insert(gTaken.end(), task.command.begin(), task.command.end());
     ParseTime(task.at.value_or("now"), TTime());
     ParsePeriod(task.every.value_or("once"));
     return cDone;
@@ -216,7 +217,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     }
     RunVxsched(arguments);
     RunVxschedd(arguments);
-    if (arguments.size() == 3)
+    if (arguments.size() >= 2)
         RequireTaken({"create"}, arguments);
     if (!arguments.empty())
         RequireTaken({"remove"}, arguments);

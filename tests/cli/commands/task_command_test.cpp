@@ -57,6 +57,7 @@ TEST_F(CliJob, IsMadeOfWhatTheTableCannotHold) {
         {{"/bin/echo", "one", "two three"}, "/bin/echo one 'two three'"},
         {{"/usr/bin/free", "-m"}, "/usr/bin/free -m"},
         {{"/bin/echo", "--user", "--", ""}, "/bin/echo --user -- ''"},
+        {{"/bin/echo", "[a,b]", "{}", "[]"}, "/bin/echo '[a,b]' '{}' '[]'"},
     };
     for (const auto& [command, line] : cases) {
         std::vector<std::string> arguments = {"--replace", "--"};
@@ -104,6 +105,8 @@ TEST_F(CliJob, IsEditedOptionByOption) {
     ExpectLine("--task job --env A=1 --env B=2 --timeout 3h -- /bin/echo one two");
     Output({"edit", "job", "--env", "C=3"});
     ExpectLine("--task job --env C=3 --timeout 3h -- /bin/echo one two");
+    Output({"edit", "job", "--env=D=[4,5]"});
+    ExpectLine("--task job --env 'D=[4,5]' --timeout 3h -- /bin/echo one two");
     Output({"edit", "job", "--env", "", "--umask", "22"});
     ExpectLine("--task job --umask 022 --timeout 3h -- /bin/echo one two");
     Output({"edit", "job", "--program", "/bin/printf"});
