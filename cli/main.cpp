@@ -548,6 +548,7 @@ void CCommandLine::RestoreBrackets() {
 void CCommandLine::Parse(int argc, const char* const* argv) {
     const std::vector<std::string> arguments = ProtectBrackets(argc, argv);
     std::vector<const char*> pointers;
+    pointers.reserve(arguments.size());
     for (const std::string& argument : arguments)
         pointers.push_back(argument.c_str());
     const auto begin = pointers.begin() + std::min(argc, 1);
