@@ -20,8 +20,9 @@ inline constexpr uid_t cMember = 60002;
 inline constexpr uid_t cStranger = 60003;
 inline constexpr gid_t cStoreGroup = 60010;
 
-// Each has a group of its own, and two are in the store's. The databases of users and groups are
-// replaced for this process and those that it starts. False where the system does not permit it.
+// Each has a group of its own, two are in the store's, and the stranger's home is missing. The
+// databases of users and groups are replaced for this process and those that it starts. False where
+// the system does not permit it.
 inline bool EnterUserDatabase() {
     const std::string passwd = std::filesystem::absolute("passwd");
     const std::string group = std::filesystem::absolute("group");
@@ -29,7 +30,8 @@ inline bool EnterUserDatabase() {
               "root:x:0:0::/:/bin/sh\n"
               "keeper:x:60001:60001::/:/bin/sh\n"
               "member:x:60002:60002::/:/bin/sh\n"
-              "stranger:x:60003:60003::/:/bin/sh\n");
+              "stranger:x:60003:60003::" +
+                  std::filesystem::absolute("homeless").string() + ":/bin/sh\n");
     WriteFile(group,
               "root:x:0:\nkeeper:x:60001:\nmember:x:60002:\nstranger:x:60003:\n"
               "team:x:60010:keeper,member\n");

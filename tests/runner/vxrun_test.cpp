@@ -264,7 +264,7 @@ TEST_F(Runner, ProgramHasCleanSignalsNoOtherDescriptorAndASessionOfItsOwn) {
 }
 
 TEST_F(Runner, ProgramThatCannotBeStartedIsReportedAndLeavesNothing) {
-    CRunner runner({"/nonexistent", "x"});
+    CRunner runner({fs::absolute("absent"), "x"});
     EXPECT_EQ(runner.Report().error, ENOENT);
     EXPECT_EQ(runner.Wait(), 127);
     EXPECT_FALSE(fs::exists(cHistory));
@@ -275,7 +275,7 @@ TEST_F(Runner, ProgramThatCannotBeStartedIsReportedAndLeavesNothing) {
 TEST_F(Runner, ProgramThatCannotBeStartedIsRecordedIfNobodyGetsTheReport) {
     TRunRequest request = Request();
     request.report = OpenPipeWithoutReader();
-    CRunner runner({"/nonexistent", "x"}, request);
+    CRunner runner({fs::absolute("absent"), "x"}, request);
     EXPECT_EQ(runner.Wait(), 127);
     ASSERT_EQ(History().size(), 1U);
     EXPECT_EQ(History().at(0).outcome, TRunRecord::cNotStarted);
