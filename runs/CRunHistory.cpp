@@ -30,7 +30,7 @@ namespace {
 constexpr std::chrono::seconds cLockTimeout(1);
 
 // Each rotation by another writer costs one. After that the line goes to what is history.jsonl.1 by
-// now.
+// now, unless that has been removed as well.
 constexpr int cMostAttempts = 100;
 
 // The history, to append to. Only who holds its lock rotates it, or removes a partial line.
@@ -51,6 +51,12 @@ bool Lock(const CDescriptor& file, const CDeadline& deadline) {
 bool IsCurrent(const CDescriptor& file) {
     struct stat status {};
     return fstat(file.Get(), &status) == 0 && vxsched::IsSameFile(cHistoryFile, status);
+}
+
+// Whether no reader finds the file. A file system that counts no links has it all the same.
+bool IsRemoved(const CDescriptor& file) {
+    struct stat status {};
+    return fstat(file.Get(), &status) == 0 && status.st_nlink == 0 && !IsCurrent(file);
 }
 
 // Appends a line. Returns the reason of a failure, or an empty string.
@@ -82,9 +88,8 @@ bool EndsWithinALine() {
 }  // namespace
 
 // Opens the file for a line of `size` bytes, after a rotation if there is no room for it.
-static TOpened Open(std::uint64_t limit, std::size_t size, std::chrono::seconds lockTimeout,
+static TOpened Open(std::uint64_t limit, std::size_t size, const CDeadline& deadline,
                     const std::function<void(const std::string&)>& warn) {
-    const CDeadline deadline(lockTimeout);
     for (int attempt = 1;; ++attempt) {
         TOpened opened;
         opened.file =
@@ -106,14 +111,19 @@ bool CRunHistory::Add(const TRunRecord& record) {
         return true;
     const std::lock_guard<std::mutex> lock(mutex);
     const std::string line = JsonLine(record);
-    const TOpened opened =
-        Open(limit, line.size(), isHeldUp ? std::chrono::seconds(0) : cLockTimeout, warn);
+    const CDeadline deadline(isHeldUp ? std::chrono::seconds(0) : cLockTimeout);
+    TOpened opened;
+    std::string whyNot;
+    // A file that is not locked, or was given up as the current one, may have been rotated twice before
+    // the write. What is written again is in no other file: the removed one is gone.
+    do {
+        opened = Open(limit, line.size(), deadline, warn);
+        // Without the lock the part of a line may be one that another writer is writing: the record is
+        // cut in two whatever this one does.
+        whyNot = opened.file.IsOpen() ? Append(opened, (EndsWithinALine() ? "\n" : "") + line)
+                                      : opened.whyNot;
+    } while (whyNot.empty() && IsRemoved(opened.file));
     isHeldUp = !opened.isLocked;
-    // Without the lock the part of a line may be one that another writer is writing: the record is cut
-    // in two whatever this one does.
-    const std::string whyNot = opened.file.IsOpen()
-                                   ? Append(opened, (EndsWithinALine() ? "\n" : "") + line)
-                                   : opened.whyNot;
     if (!whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,
                          line.substr(0, line.size() - 1)));

@@ -18,6 +18,7 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "ExitedRun.h"
 #include "FakeMonotonicClock.h"
@@ -177,6 +178,33 @@ TEST_F(RunHistory, LockThatIsNotReleasedIsWaitedForOnceAndKeepsNoRecordOut) {
     history.Add(Numbered(4));
     EXPECT_EQ(ReadFile(cHistory), NumberedLine(4));
     EXPECT_FALSE(std::filesystem::exists("log")) << ReadFile("log");
+}
+
+// Whenever the writer has waited, its file has been rotated twice, and so removed.
+TEST_F(RunHistory, RecordIsKeptHoweverOftenTheHistoryIsRotatedMeanwhile) {
+    WriteFile(cHistory, "");
+    CDescriptor holder;
+    const auto rotate = [&] {
+        std::filesystem::rename(cHistory, cOlder);
+        CDescriptor next(open(cHistory, O_RDWR | O_CREAT | O_EXCL, 0600));
+        ASSERT_EQ(flock(next.Get(), LOCK_EX), 0);
+        holder = std::move(next);
+    };
+    rotate();
+    CRunHistory history(1 << 20, Warn);
+    CFakeMonotonicClock clock;
+    int waits = 0;
+    clock.onSleep = [&] {
+        if (++waits < 500) {
+            rotate();
+            rotate();
+        } else {
+            holder = CDescriptor();
+        }
+    };
+    EXPECT_TRUE(history.Add(Numbered(1)));
+    EXPECT_EQ(ReadFile(cOlder) + ReadFile(cHistory), NumberedLine(1));
+    EXPECT_FALSE(std::filesystem::exists("log"));
 }
 
 TEST_F(RunHistory, SizeOfZeroKeepsNone) {
