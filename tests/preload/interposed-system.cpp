@@ -2,13 +2,15 @@
 // FAKE_TIME freezes the system clock at that second, STOP_IN_SLEEP makes sleep stop the process
 // (SIGSTOP) first, NO_INOTIFY makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a
 // file of that name exists; the file gets a byte for each. ENDLESS_MINUTES makes waits of 30 s and
-// more for a semaphore endless, as the worker's between two ticks.
+// more for a semaphore endless, as the worker's between two ticks. SHORT_REPLY_WAITS makes waits of
+// 10 to 20 s for a descriptor end at once, as those for an answer of the host.
 //
 // The symbols below are called by the program and the add-in, on whichever thread. Without its
 // variable each does what libc does.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -84,4 +86,14 @@ extern "C" int semtimedop(int set, sembuf* operations, size_t count,
     const bool isLong = timeout != nullptr && timeout->tv_sec >= 30;
     const bool isEndless = isLong && std::getenv("ENDLESS_MINUTES") != nullptr;
     return system(set, operations, count, isEndless ? nullptr : timeout);
+}
+
+// Fails as libc's does.
+extern "C" int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout,
+                     const sigset_t* signals) {
+    static auto* const system = reinterpret_cast<decltype(&ppoll)>(dlsym(RTLD_NEXT, "ppoll"));
+    const bool isLong = timeout != nullptr && timeout->tv_sec >= 10 && timeout->tv_sec < 20;
+    const bool isShort = isLong && std::getenv("SHORT_REPLY_WAITS") != nullptr;
+    const timespec none{};
+    return system(descriptors, count, isShort ? &none : timeout, signals);
 }

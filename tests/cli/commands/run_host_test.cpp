@@ -132,6 +132,9 @@ TEST_F(CliRun, IsNotLaunchedASecondTimeIfTheHostDoesNotAnswer) {
 
 // The client holds the store mutex meanwhile, so it does not wait for long.
 TEST_F(CliRun, IsNotLaunchedASecondTimeIfTheHostIsSilent) {
+    for (const auto& [name, value] : WithInterposedSystem())
+        setenv(name.c_str(), value.c_str(), 1);
+    setenv("SHORT_REPLY_WAITS", "1", 1);
     WriteJob("echo run >> runs");
     const CControl control;
     CProgram run({TOOL_PROGRAM, "run", "job"});
