@@ -1,0 +1,300 @@
+#include "runner/RunProgram.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include "base/DisplayText.h"
+#include "base/ShellWord.h"
+#include "base/WriteAll.h"
+#include "runner/CCopy.h"
+#include "runner/CJob.h"
+#include "runner/CLaunchError.h"
+#include "runner/COverlapLock.h"
+#include "runner/Execute.h"
+#include "runner/Execution.h"
+#include "runs/COutputFile.h"
+#include "runs/CRunHistory.h"
+#include "runs/CRunningFile.h"
+#include "runs/OutputFiles.h"
+#include "runs/RunRecord.h"
+#include "store/Layout.h"
+
+using vxsched::TJob;
+
+// A reader of the host's log that has stalled does not hold up a run for longer than this.
+static constexpr int cStall = 1000;  // milliseconds
+
+static constexpr int cIgnored[] = {SIGPIPE, SIGHUP, SIGINT, SIGXFSZ};
+
+void IgnoreSignals() {
+    for (const int ignored : cIgnored)
+        std::signal(ignored, SIG_IGN);
+}
+
+void Warn(const std::string& message) {
+    const std::string line = ("vxrun: " + message).substr(0, PIPE_BUF - 1) + '\n';
+    pollfd log{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (poll(&log, 1, cStall) == 1)
+        static_cast<void>(WriteAll(STDERR_FILENO, line));
+}
+
+namespace {
+
+// A program that gets too much with its task's name and due time is launched without them. `launch`
+// returns TExecuted.
+template <typename Launch>
+TExecuted LaunchForTask(TExecution& execution, const Launch& launch) {
+    const TExecuted executed = launch();
+    if (executed.error != E2BIG)
+        return executed;
+    std::erase_if(execution.environment, [](const std::string& variable) {
+        return variable.starts_with("VXSCHED_TASK=") || variable.starts_with("VXSCHED_DUE=");
+    });
+    return launch();
+}
+
+// `arguments` are those of a job, or the single one of another program.
+TRunRecord Describe(const std::string& program, const std::string& arguments,
+                    const std::string& trigger) {
+    TRunRecord run;
+    run.started = CurrentMoment();
+    run.trigger = trigger;
+    run.attempt = 1;
+    run.program = program;
+    run.parameter = arguments;
+    if (const char* const task = std::getenv("VXSCHED_TASK"))
+        run.task = task;
+    if (const char* const due = std::getenv("VXSCHED_DUE"))
+        run.due = std::chrono::sys_seconds(std::chrono::seconds(std::strtoll(due, nullptr, 10)));
+    run.id = MakeRunId(*run.started, FindLatestOutput(run.task));
+    return run;
+}
+
+// False if the launcher is gone.
+bool Report(int pipe, const TLaunchReport& report) {
+    const bool isReported = write(pipe, &report, sizeof report) == sizeof report;
+    close(pipe);
+    return isReported;
+}
+
+bool ReportLaunch(int pipe, pid_t process, const std::string& run) {
+    TLaunchReport report{.error = 0, .process = process, .run = {}, .reason = {}};
+    run.copy(report.run, sizeof report.run - 1);
+    return Report(pipe, report);
+}
+
+bool ReportError(int pipe, int error, const std::string& reason) {
+    TLaunchReport report{.error = error, .process = 0, .run = {}, .reason = {}};
+    reason.copy(report.reason, sizeof report.reason - 1);
+    return Report(pipe, report);
+}
+
+// Executes the program in this process, as the system has no room for one more, but has made this one.
+// Its launcher then waits for it and records its end; its output is not kept, and no limit of a job is.
+// Returns what failed before the launcher was told.
+TExecuted Become(const TRunRequest& request, const CCommand& command, TExecution& execution) {
+    const TExecuted entered = Enter(execution);
+    if (entered.error != 0)
+        return entered;
+    if (request.copy == TRunRequest::cPlain)
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+    setsid();
+    for (const int ignored : cIgnored)
+        std::signal(ignored, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    ReportLaunch(request.report, getpid(), "");
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+    LaunchForTask(execution, [&] {
+        execve(command.Program(), command.Arguments(), PointersTo(execution.environment).data());
+        return TExecuted{.step = EStep::cProgram, .error = errno};
+    });
+    _exit(cNotStarted);
+}
+
+// Ends this process as its program has ended, for whoever waits for it.
+[[noreturn]] void EndAs(const TRunRecord& run) {
+    if (run.outcome == TRunRecord::cExited)
+        _exit(run.number);
+    // The crash is the program's, which has been reported.
+    prctl(PR_SET_DUMPABLE, 0);
+    std::signal(run.number, SIG_DFL);
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_UNBLOCK, &all, nullptr);
+    raise(run.number);
+    _exit(128 + run.number);
+}
+
+// The launcher records the failure, if there is one that can. An empty reason is that of `error`.
+void ReportFailure(const TRunRequest& request, TRunRecord& run, int error,
+                   const std::string& reason, CRunHistory& history) {
+    if (ReportError(request.report, error, reason))
+        return;
+    RecordNotStarted(run, reason.empty() ? std::strerror(error) : reason);
+    history.Add(run);
+}
+
+// For the launcher, to which EAGAIN means that the system has made no process at all.
+int ErrorOf(const TExecuted& executed) {
+    return executed.error == EAGAIN ? EBUSY : executed.error;
+}
+
+int EndNotStarted(const TRunRequest& request, TRunRecord& run, int error, const std::string& reason,
+                  CRunHistory& history) {
+    if (request.report == -1)
+        Warn(reason);
+    ReportFailure(request, run, error, reason, history);
+    return cNotStarted;
+}
+
+// The launcher has nothing to wait for. A record before the report: a kill in between leaves one of it.
+int Skip(const TRunRequest& request, TRunRecord& run, const std::string& underWay,
+         CRunHistory& history) {
+    run.output.clear();
+    RecordSkipped(run, underWay);
+    history.Add(run);
+    ReportLaunch(request.report, getpid(), run.id);
+    return 0;
+}
+
+// The end of a program that cannot be recorded stays in the file of its run, for whoever finds it.
+void RecordEnd(const TRunRecord& run, CRunningFile& running, CRunHistory& history) {
+    running.Finish(run);
+    if (history.Add(run))
+        running.Remove();
+    running.Close();
+}
+
+// Keeps what is written after the program's end: in a child of this process, whose parent waits for the
+// run, or in this one if the system has no room for a child.
+void KeepLaterOutput(CJob& job, COutputFile& file, const TRunRecord& run) {
+    bool isChild = false;
+    if (job.HasOutput()) {
+        const pid_t child = fork();
+        isChild = child == 0;
+        if (child <= 0)
+            job.KeepOutput();
+    }
+    file.Close();
+    RemoveOldOutputs(run.task);
+    if (isChild)
+        _exit(0);
+}
+
+// Without a store, as for somebody who tries a job by hand, nothing is kept of it.
+using TWarning = void (*)(const std::string& message);
+TWarning FindWarning() {
+    if (access(vxsched::cFilesDirectory, F_OK) == 0)
+        return Warn;
+    Warn(fmt::format("there is no {}/ here: the run is not recorded", vxsched::cFilesDirectory));
+    return [](const std::string& /*message*/) {};
+}
+
+TExecution FindExecution(const TJob* job) {
+    if (job == nullptr)
+        return InheritedExecution();
+    return ExecutionOf(*job, std::getenv("VXSCHED_TASK"), std::getenv("VXSCHED_DUE"));
+}
+
+void LimitJob(CJob& process, const TJob* job) {
+    if (job == nullptr)
+        return;
+    process.ReachAll();
+    if (job->timeout)
+        process.LimitTime(*job->timeout, job->killAfter.value_or(cDefaultKillAfter));
+}
+
+void JudgeEnd(TRunRecord& run, const TJob* job) {
+    if (job == nullptr || job->success.empty())
+        return;
+    run.success =
+        run.outcome == TRunRecord::cExited &&
+        std::find(job->success.begin(), job->success.end(), run.number) != job->success.end();
+}
+
+}  // namespace
+
+int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* job) {
+    TRunRecord run =
+        Describe(command.Program(), command.ArgumentsAsText(job != nullptr), request.trigger);
+    run.output = OutputPathOf(run.task, run.id);
+    const TWarning warn = FindWarning();
+    CRunHistory history(request.historySize, warn);
+    TExecution execution;
+    try {
+        execution = FindExecution(job);
+    } catch (const CLaunchError& error) {
+        return EndNotStarted(request, run, error.Error(), error.what(), history);
+    }
+    std::optional<COverlapLock> turn;
+    if (job != nullptr && job->overlap == TJob::cSkip && run.trigger != cManual) {
+        turn.emplace();
+        if (const std::optional<std::string> underWay = COverlapLock::FindOther(run))
+            return Skip(request, run, *underWay, history);
+    }
+    CRunningFile running(run);
+    turn.reset();
+    if (!running.Error().empty())
+        warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
+                         run.id, running.Error()));
+    std::optional<CCopy> copy;
+    if (request.copy == TRunRequest::cPlain)
+        copy.emplace();
+    else if (request.copy == TRunRequest::cPrefixed)
+        copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
+    CFollower follower(request.follower);
+    CJob process(copy ? &*copy : nullptr, follower);
+    LimitJob(process, job);
+    TExecuted executed = LaunchForTask(execution, [&] {
+        return process.Launch(execution, command.Program(), command.Arguments());
+    });
+    if (executed.error != 0) {
+        // Before the report: a kill in between must not leave two records of it.
+        running.Remove();
+        if (executed.step == EStep::cProcess && request.report != -1)
+            executed = Become(request, command, execution);
+        // To the launcher of a job the program that failed is this one.
+        const std::string reason =
+            job == nullptr ? "" : Describe(executed, execution, command.Program());
+        return EndNotStarted(request, run, ErrorOf(executed), reason, history);
+    }
+    run.process = process.Process();
+    running.Update(run);
+    // The launcher waits for it with the store mutex held: nothing else comes before.
+    // Without its file nobody could find out that the run has ended.
+    ReportLaunch(request.report, run.process, running.Error().empty() ? run.id : "");
+    COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, warn);
+    process.KeepIn(file);
+    process.WaitForEnd(run);
+    JudgeEnd(run, job);
+    RecordEnd(run, running, history);
+    // Whoever follows the run finds its record at the end of its output.
+    follower.End();
+    KeepLaterOutput(process, file, run);
+    EndAs(run);
+}
+
+int RefuseLine(const TRunRequest& request, const std::vector<std::string>& arguments,
+           const std::string& reason) {
+    Warn(reason);
+    const bool isLine = request.report != -1 || arguments.size() == 1;
+    TRunRecord run =
+        Describe(vxsched::cRunnerProgram, isLine ? arguments.back() : vxsched::JoinWords(arguments),
+                 request.trigger);
+    CRunHistory history(request.historySize, FindWarning());
+    ReportFailure(request, run, EINVAL, reason, history);
+    return cUsage;
+}
