@@ -10,6 +10,8 @@
 
 namespace vxsched {
 
+inline constexpr std::chrono::minutes cDefaultBackoff(1);
+
 // What the runner is to execute, and how. Strings may hold any byte but zero.
 struct TJob {
     std::string task;  // its name in the records of a launch by a host that does not tell it
@@ -32,6 +34,10 @@ struct TJob {
     // What becomes of a launch by the schedule while a run of the task is under way.
     enum EOverlap { cSkip, cAllow };
     EOverlap overlap = cSkip;
+
+    std::uint32_t retries = 0;  // further attempts of a run that has failed
+    std::optional<std::chrono::seconds>
+        backoff;  // before the first of them; without: cDefaultBackoff
 
     bool operator==(const TJob&) const = default;
 };

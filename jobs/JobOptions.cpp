@@ -28,17 +28,18 @@ std::uint32_t NumberOf(std::string_view text, int base, std::uint32_t largest, c
     return number;
 }
 
-seconds DurationOf(const std::string& value) {
+seconds DurationOf(const std::string& value, seconds shortest = seconds(1)) {
     CParser parser("duration", value);
     try {
         const seconds duration = ReadDuration(parser, seconds(1), "");
         parser.ExpectEnd();
-        if (duration > seconds(0) && duration <= cLongest)
+        if (duration >= shortest && duration <= cLongest)
             return duration;
     } catch (const CParseError&) {
         // Its message has lines of its own.
     }
-    throw CJobError("give a duration from 1s to 3650d, such as 90s, 5m or 2h30m");
+    throw CJobError(fmt::format("give a duration from {}s to 3650d, such as 90s, 5m or 2h30m",
+                                shortest.count()));
 }
 
 std::string RequireText(const std::string& value) {
@@ -115,6 +116,24 @@ std::vector<std::string> OverlapIn(const TJob& job) {
                                        : std::vector<std::string>();
 }
 
+void SetRetries(TJob& job, const std::string& value) {
+    job.retries = NumberOf(value, 10, 100, "a number from 0 to 100");
+}
+
+std::vector<std::string> RetriesIn(const TJob& job) {
+    return job.retries == 0 ? std::vector<std::string>()
+                            : std::vector{fmt::format("{}", job.retries)};
+}
+
+void SetBackoff(TJob& job, const std::string& value) {
+    job.backoff = DurationOf(value, seconds(0));
+}
+
+std::vector<std::string> BackoffIn(const TJob& job) {
+    return job.backoff == seconds(0) ? std::vector<std::string>{"0s"}
+                                     : DurationIn<&TJob::backoff>(job);
+}
+
 std::vector<std::string> ShellIn(const TJob& job) {
     return job.shell ? std::vector{*job.shell} : std::vector<std::string>();
 }
@@ -125,7 +144,7 @@ constexpr bool cOnce = false;
 constexpr bool cRepeatable = true;
 
 // In the order in which a line has them.
-const std::array<TJobOption, 12> cJobOptions = {{
+const std::array<TJobOption, 14> cJobOptions = {{
     {"task", "NAME", "The task's name in records", cOnce,
      [](TJob& job, const std::string& value) { job.task = RequireText(value); },
      TextIn<&TJob::task>},
@@ -153,6 +172,9 @@ const std::array<TJobOption, 12> cJobOptions = {{
     {"overlap", "WHAT", "While a run is under way: skip (default) or allow", cOnce, SetOverlap,
      OverlapIn},
     {"success", "STATUSES", "The good exit statuses; default 0", cOnce, SetSuccess, SuccessIn},
+    {"retry", "N", "Attempt a failed run so many times more", cOnce, SetRetries, RetriesIn},
+    {"backoff", "DURATION", "Wait so long before, then twice as long; default 1m", cOnce,
+     SetBackoff, BackoffIn},
     {"shell", "TEXT", "A text for /bin/sh -c in place of a program", cOnce,
      [](TJob& job, const std::string& value) { job.shell = RequireText(value); }, ShellIn},
 }};

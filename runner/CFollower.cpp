@@ -31,6 +31,11 @@ void CFollower::Send() {
     CloseIfDone();
 }
 
+void CFollower::HandOver() {
+    socket = CDescriptor();
+    pending.clear();
+}
+
 void CFollower::End() {
     isEnding = true;
     CloseIfDone();

@@ -23,6 +23,9 @@ public:
     // should be read for this reader; -1: nothing is held back.
     int WaitsFor() const { return pending.empty() ? -1 : socket.Get(); }
 
+    // Another process sends what is held back, and what comes.
+    void HandOver();
+
     // The reader gets nothing more but what is held back, and then the end.
     void End();
 

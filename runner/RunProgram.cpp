@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,17 +11,22 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <optional>
 
 #include "base/DisplayText.h"
 #include "base/ShellWord.h"
+#include "base/Users.h"
 #include "base/WriteAll.h"
 #include "runner/CCopy.h"
 #include "runner/CJob.h"
 #include "runner/CLaunchError.h"
+#include "runner/CNextRunner.h"
 #include "runner/COverlapLock.h"
+#include "runner/EndBySignal.h"
 #include "runner/Execute.h"
 #include "runner/Execution.h"
+#include "runner/Pause.h"
 #include "runs/COutputFile.h"
 #include "runs/CRunHistory.h"
 #include "runs/CRunningFile.h"
@@ -30,6 +34,7 @@
 #include "runs/RunRecord.h"
 #include "store/Layout.h"
 
+using vxsched::cDefaultBackoff;
 using vxsched::TJob;
 
 // A reader of the host's log that has stalled does not hold up a run for longer than this.
@@ -126,16 +131,11 @@ TExecuted Become(const TRunRequest& request, const CCommand& command, TExecution
 
 // Ends this process as its program has ended, for whoever waits for it.
 [[noreturn]] void EndAs(const TRunRecord& run) {
+    if (run.outcome == TRunRecord::cNotStarted)
+        _exit(cNotStarted);
     if (run.outcome == TRunRecord::cExited)
         _exit(run.number);
-    // The crash is the program's, which has been reported.
-    prctl(PR_SET_DUMPABLE, 0);
-    std::signal(run.number, SIG_DFL);
-    sigset_t all;
-    sigfillset(&all);
-    sigprocmask(SIG_UNBLOCK, &all, nullptr);
-    raise(run.number);
-    _exit(128 + run.number);
+    EndBySignal(run.number);
 }
 
 // The launcher records the failure, if there is one that can. An empty reason is that of `error`.
@@ -227,6 +227,109 @@ void JudgeEnd(TRunRecord& run, const TJob* job) {
 
 }  // namespace
 
+namespace {
+
+// What all attempts of a run have in common.
+struct TAttempts {
+    const TRunRequest& request;
+    const CCommand& command;
+    const TJob* job;  // or null
+    TExecution& execution;
+    CRunHistory& history;
+    TWarning warn;
+    CCopy* copy;  // or null
+    CFollower& follower;
+};
+
+// False if it was stopped meanwhile, which `run` then says.
+bool WaitForTurn(TRunRecord& run, const TJob& job) {
+    const std::optional<uid_t> stopper =
+        Pause(PauseAfter(run.attempt - 1, job.backoff.value_or(cDefaultBackoff), MakeRandom()));
+    run.started = CurrentMoment();
+    if (!stopper)
+        return true;
+    RecordNotStarted(run, "it was stopped before it began");
+    run.stoppedBy = FindUser(*stopper).name;
+    return false;
+}
+
+// Returns when the program has ended; `file`, which stays empty if it was not started, then has its
+// output. The launcher of the first attempt records one that is not started: this process then ends.
+void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, CJob& process,
+             std::optional<COutputFile>& file) {
+    const auto& [request, command, job, execution, history, warn, copy, follower] = attempts;
+    const bool isFirst = run.attempt == 1;
+    LimitJob(process, job);
+    TExecuted executed = LaunchForTask(execution, [&] {
+        return process.Launch(execution, command.Program(), command.Arguments());
+    });
+    if (executed.error != 0) {
+        // To the launcher of a job the program that failed is this one.
+        const std::string reason =
+            job == nullptr ? "" : Describe(executed, execution, command.Program());
+        if (!isFirst) {
+            warn(reason);
+            return RecordNotStarted(run, reason);
+        }
+        // Before the report: a kill in between must not leave two records of it.
+        running.Remove();
+        if (executed.step == EStep::cProcess && request.report != -1)
+            executed = Become(request, command, execution);
+        _exit(EndNotStarted(request, run, ErrorOf(executed), reason, history));
+    }
+    run.process = process.Process();
+    running.Update(run);
+    // The launcher waits for it with the store mutex held: nothing else comes before.
+    // Without its file nobody could find out that the run has ended.
+    if (isFirst)
+        ReportLaunch(request.report, run.process, running.Error().empty() ? run.id : "");
+    file.emplace(MakeOutputFile(run.task, run.id, request.outputSize, warn));
+    process.KeepIn(*file);
+    process.WaitForEnd(run);
+    JudgeEnd(run, job);
+}
+
+bool IsToBeRetried(const TRunRecord& run, const TJob* job) {
+    return job != nullptr && run.attempt <= static_cast<int>(job->retries) &&
+           run.stoppedBy.empty() && !HasNoFailure(run);
+}
+
+// Returns in the copy of this process that makes the next attempt only.
+CNextRunner MakeAttempt(const TAttempts& attempts, TRunRecord& run, CRunningFile& running) {
+    CJob process(attempts.copy, attempts.follower);
+    std::optional<COutputFile> file;
+    if (run.attempt == 1 || WaitForTurn(run, *attempts.job))
+        Execute(attempts, run, running, process, file);
+    CNextRunner next;
+    const pid_t copy = IsToBeRetried(run, attempts.job) ? next.Fork() : -1;
+    if (copy == 0)
+        return next;
+    if (copy != -1)
+        next.WaitForBegin();
+    RecordEnd(run, running, attempts.history);
+    if (copy != -1) {
+        next.Release();
+        attempts.follower.HandOver();
+    } else {
+        // Whoever follows the run finds its record at the end of its output.
+        attempts.follower.End();
+    }
+    if (file)
+        KeepLaterOutput(process, *file, run);
+    // Whoever has launched this process as a program waits for all attempts.
+    if (copy != -1 && attempts.request.report == -1)
+        next.EndAsIt();
+    EndAs(run);
+}
+
+void WarnWithoutFile(const CRunningFile& running, const TRunRecord& run, TWarning warn) {
+    if (!running.Error().empty())
+        warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
+                         run.id, running.Error()));
+}
+
+}  // namespace
+
 int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* job) {
     TRunRecord run =
         Describe(command.Program(), command.ArgumentsAsText(job != nullptr), request.trigger);
@@ -245,50 +348,29 @@ int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* 
         if (const std::optional<std::string> underWay = COverlapLock::FindOther(run))
             return Skip(request, run, *underWay, history);
     }
-    CRunningFile running(run);
+    auto running = std::make_unique<CRunningFile>(run);
     turn.reset();
-    if (!running.Error().empty())
-        warn(fmt::format("cannot make the file of run {}: {}. vxsched stop does not find the run.",
-                         run.id, running.Error()));
+    WarnWithoutFile(*running, run, warn);
     std::optional<CCopy> copy;
     if (request.copy == TRunRequest::cPlain)
         copy.emplace();
     else if (request.copy == TRunRequest::cPrefixed)
         copy.emplace(vxsched::Show(run.task.value_or("?")).string + ": ");
     CFollower follower(request.follower);
-    CJob process(copy ? &*copy : nullptr, follower);
-    LimitJob(process, job);
-    TExecuted executed = LaunchForTask(execution, [&] {
-        return process.Launch(execution, command.Program(), command.Arguments());
-    });
-    if (executed.error != 0) {
-        // Before the report: a kill in between must not leave two records of it.
-        running.Remove();
-        if (executed.step == EStep::cProcess && request.report != -1)
-            executed = Become(request, command, execution);
-        // To the launcher of a job the program that failed is this one.
-        const std::string reason =
-            job == nullptr ? "" : Describe(executed, execution, command.Program());
-        return EndNotStarted(request, run, ErrorOf(executed), reason, history);
+    const TAttempts attempts{
+        request, command, job, execution, history, warn, copy ? &*copy : nullptr, follower};
+    for (;;) {
+        CNextRunner here = MakeAttempt(attempts, run, *running);
+        run = MakeRetry(run);
+        run.output = OutputPathOf(run.task, run.id);
+        running = std::make_unique<CRunningFile>(run);
+        WarnWithoutFile(*running, run, warn);
+        here.Begin();
     }
-    run.process = process.Process();
-    running.Update(run);
-    // The launcher waits for it with the store mutex held: nothing else comes before.
-    // Without its file nobody could find out that the run has ended.
-    ReportLaunch(request.report, run.process, running.Error().empty() ? run.id : "");
-    COutputFile file = MakeOutputFile(run.task, run.id, request.outputSize, warn);
-    process.KeepIn(file);
-    process.WaitForEnd(run);
-    JudgeEnd(run, job);
-    RecordEnd(run, running, history);
-    // Whoever follows the run finds its record at the end of its output.
-    follower.End();
-    KeepLaterOutput(process, file, run);
-    EndAs(run);
 }
 
 int RefuseLine(const TRunRequest& request, const std::vector<std::string>& arguments,
-           const std::string& reason) {
+               const std::string& reason) {
     Warn(reason);
     const bool isLine = request.report != -1 || arguments.size() == 1;
     TRunRecord run =

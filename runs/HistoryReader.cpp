@@ -93,14 +93,16 @@ void ReadLines(const TFile& file, const std::optional<std::string>& task, THisto
 }
 
 // The last one. The id may occur in other lines, as in a parameter.
-std::optional<TRunRecord> FindRecordIn(const std::string& content, const std::string& id) {
+template <typename Wanted>
+std::optional<TRunRecord> FindRecordIn(const std::string& content, const std::string& id,
+                                       const Wanted& isWanted) {
     for (std::size_t at = content.rfind(id); at != std::string::npos;) {
         const std::size_t begin = content.rfind('\n', at) + 1;  // 0 in the first line
         const std::size_t end = content.find('\n', at);
         if (end != std::string::npos && end - begin <= cLongestLine) {
             std::optional<TRunRecord> run =
                 ReadJsonLine(std::string_view(content).substr(begin, end - begin));
-            if (run && run->id == id)
+            if (run && isWanted(*run))
                 return run;
         }
         at = begin == 0 ? std::string::npos : content.rfind(id, begin - 1);
@@ -108,15 +110,26 @@ std::optional<TRunRecord> FindRecordIn(const std::string& content, const std::st
     return {};
 }
 
-}  // namespace
-
-std::optional<TRunRecord> FindRecord(const std::string& directory, const std::string& id) {
+template <typename Wanted>
+std::optional<TRunRecord> FindRecordOf(const std::string& directory, const std::string& id,
+                                       const Wanted& isWanted) {
     const std::vector<TFile> files = ReadFiles(fs::path(directory) / cHistoryFile);
     for (auto file = files.rbegin(); file != files.rend(); ++file) {
-        if (std::optional<TRunRecord> run = FindRecordIn(file->content, id))
+        if (std::optional<TRunRecord> run = FindRecordIn(file->content, id, isWanted))
             return run;
     }
     return {};
+}
+
+}  // namespace
+
+std::optional<TRunRecord> FindRecord(const std::string& directory, const std::string& id) {
+    return FindRecordOf(directory, id, [&](const TRunRecord& run) { return run.id == id; });
+}
+
+std::optional<TRunRecord> FindLastAttempt(const std::string& directory, const std::string& id) {
+    return FindRecordOf(directory, id,
+                        [&](const TRunRecord& run) { return run.id == id || run.retryOf == id; });
 }
 
 bool IsRecorded(const std::string& directory, const std::string& id) {

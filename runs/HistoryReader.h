@@ -24,7 +24,10 @@ THistory ReadHistory(const std::string& directory, const std::optional<std::stri
 // history.
 std::optional<TRunRecord> FindRecord(const std::string& directory, const std::string& id);
 
-// Whether there is one. A history that cannot be read has none.
+// The record of the last attempt of the run with that id, the only one unless it was retried.
+std::optional<TRunRecord> FindLastAttempt(const std::string& directory, const std::string& id);
+
+// Whether the run with that id has a record. A history that cannot be read has none.
 bool IsRecorded(const std::string& directory, const std::string& id);
 
 }  // namespace vxsched

@@ -8,11 +8,18 @@
 
 namespace vxsched {
 
+// The run of the next attempt begins before that of one is over.
+static bool IsUnderWay(const std::string& directory, const std::string& id) {
+    return IsRunning(directory, id) || !FindRunningRuns(directory, [&](const TRunRecord& run) {
+                                            return run.retryOf == id;
+                                        }).empty();
+}
+
 bool WaitForRun(const std::string& directory, const std::string& id,
                 std::optional<std::chrono::nanoseconds> limit) {
     const CRunWatch watch(directory);
     const auto deadline = limit ? std::optional<CDeadline>(*limit) : std::nullopt;
-    while (IsRunning(directory, id)) {
+    while (IsUnderWay(directory, id)) {
         if (deadline && deadline->HasPassed())
             return false;
         watch.Wait();
@@ -26,7 +33,7 @@ TRunRecord FindEnd(const std::string& directory, const std::string& id) {
     if (left && left->outcome != TRunRecord::cRunnerDied)
         return *left;
     try {
-        if (const std::optional<TRunRecord> run = FindRecord(directory, id))
+        if (const std::optional<TRunRecord> run = FindLastAttempt(directory, id))
             return *run;
     } catch (const CError&) {
         if (!left)

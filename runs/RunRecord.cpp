@@ -62,6 +62,36 @@ void RecordSkipped(TRunRecord& run, const std::string& underWay) {
     run.underWay = underWay;
 }
 
+bool HasNoFailure(const TRunRecord& run) {
+    if (run.timeLimit)
+        return false;
+    switch (run.outcome) {
+        case TRunRecord::cExited:
+        case TRunRecord::cKilled:
+            return run.success.value_or(run.outcome == TRunRecord::cExited && run.number == 0);
+        case TRunRecord::cLeftRunning:
+        case TRunRecord::cUnknown:
+        case TRunRecord::cSkipped:
+            return true;
+        default:
+            return false;
+    }
+}
+
+TRunRecord MakeRetry(const TRunRecord& run) {
+    TRunRecord retry;
+    retry.task = run.task;
+    retry.due = run.due;
+    retry.program = run.program;
+    retry.parameter = run.parameter;
+    retry.trigger = cRetry;
+    retry.attempt = run.attempt + 1;
+    retry.retryOf = run.retryOf.empty() ? run.id : run.retryOf;
+    retry.started = CurrentMoment();
+    retry.id = MakeRunId(*retry.started, run.id);
+    return retry;
+}
+
 static std::chrono::microseconds TimeOf(const timeval& time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
 }
@@ -168,6 +198,8 @@ TJson JsonOf(const TRunRecord& record) {
         json["trigger"] = record.trigger;
     if (record.attempt != 0)
         json["attempt"] = record.attempt;
+    if (!record.retryOf.empty())
+        json["retryOf"] = record.retryOf;
     if (!record.output.empty()) {
         json["output"] = record.output;
         json["outputBytes"] = record.outputBytes;
@@ -247,6 +279,7 @@ static TRunRecord ReadRecord(const TJson& json) {
     record.id = json.value("run", "");
     record.trigger = json.value("trigger", "");
     record.attempt = ReadInteger<int>(json, "attempt");
+    record.retryOf = json.value("retryOf", "");
     record.output = json.value("output", "");
     record.outputBytes = ReadInteger<std::uint64_t>(json, "outputBytes");
     record.outputError = json.value("outputError", "");

@@ -27,6 +27,7 @@ struct TUsage {
 inline constexpr char cScheduled[] = "schedule";
 inline constexpr char cCaughtUp[] = "catch-up";
 inline constexpr char cManual[] = "manual";
+inline constexpr char cRetry[] = "retry";
 
 // The trigger of a launch for a due time: cCaughtUp if the task fell due before its host was up, or
 // more than a minute ago, as in a suspend; else cScheduled. Without a reason no tick comes later.
@@ -62,6 +63,7 @@ struct TRunRecord {
     std::string id;       // of the run, unique in the store
     std::string trigger;  // why it was launched: cScheduled or another
     int attempt = 0;      // from 1; 0: none was made
+    std::string retryOf;  // the id of the first attempt, of a later one
     // The runner's records only:
     std::string output;             // the file of its output, from the working directory
     std::uint64_t outputBytes = 0;  // that it has written until its end
@@ -83,6 +85,15 @@ void RecordSkipped(TRunRecord& run, const std::string& underWay);
 
 // Has the record be that of a program that ends now, by what wait4() reports.
 void RecordProgramEnd(TRunRecord& run, int waitStatus, const rusage& usage);
+
+// False for a run that needs attention: it exited with a status other than 0, or than those that its
+// job says are good, was killed, has exceeded its time limit, could not start or was missed, or it is
+// unknown whether it was launched. An outcome that the host could not learn, or that a later one has
+// recorded, is no failure: the program may have succeeded.
+bool HasNoFailure(const TRunRecord& run);
+
+// The record of the attempt after `run`, which begins now with this process as its runner.
+TRunRecord MakeRetry(const TRunRecord& run);
 
 // The runner's process, which the id of a run ends with; empty if `id` is none.
 std::optional<pid_t> RunnerOf(const std::string& id);

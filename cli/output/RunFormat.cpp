@@ -41,24 +41,6 @@ std::string FormatOutcome(const TRunRecord& run) {
     return "";
 }
 
-// An outcome that the host could not learn, or that a later one has recorded, is not counted as a
-// failure: the program may have succeeded.
-bool HasNoFailure(const TRunRecord& run) {
-    if (run.timeLimit)
-        return false;
-    switch (run.outcome) {
-        case TRunRecord::cExited:
-        case TRunRecord::cKilled:
-            return run.success.value_or(run.outcome == TRunRecord::cExited && run.number == 0);
-        case TRunRecord::cLeftRunning:
-        case TRunRecord::cUnknown:
-        case TRunRecord::cSkipped:
-            return true;
-        default:
-            return false;
-    }
-}
-
 bool HasLaunch(const TRunRecord& run) {
     switch (run.outcome) {
         case TRunRecord::cRescheduled:

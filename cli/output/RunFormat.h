@@ -13,11 +13,6 @@ namespace vxsched {
 // The outcome: "exited 3", "killed by SIGKILL", "missed, rescheduled".
 std::string FormatOutcome(const TRunRecord& run);
 
-// False for a run that needs attention: it exited with a status other than 0, or than those that its
-// job says are good, was killed, has exceeded its time limit, could not start or was missed, or it is
-// unknown whether it was launched.
-bool HasNoFailure(const TRunRecord& run);
-
 // False for a due time without a launch that is known of.
 bool HasLaunch(const TRunRecord& run);
 

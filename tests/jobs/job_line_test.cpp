@@ -33,6 +33,8 @@ static TJob FullJob() {
     job.killAfter = 90s;
     job.success = {0, 3};
     job.overlap = TJob::cAllow;
+    job.retries = 3;
+    job.backoff = 90s;
     return job;
 }
 
@@ -40,8 +42,8 @@ TEST(JobLine, OfEachOptionIsReadBack) {
     EXPECT_EQ(JobLine(FullJob()),
               "--task 'nightly dump' --user www-data --group 33 --chdir /var/www --umask 027 "
               "--env 'A=b c' --env EMPTY= --env-file /etc/default/x --env-file /etc/y --timeout "
-              "2h30m --kill-after 1m30s --overlap allow --success 0,3 -- /usr/bin/python3 "
-              "'/srv/clean up.py' --days 7 ''");
+              "2h30m --kill-after 1m30s --overlap allow --success 0,3 --retry 3 --backoff 1m30s "
+              "-- /usr/bin/python3 '/srv/clean up.py' --days 7 ''");
     EXPECT_EQ(ReadJobLine(JobLine(FullJob())), FullJob());
 }
 
@@ -77,6 +79,9 @@ TEST(JobLine, ThatIsWrongIsRefusedWithTheReason) {
         {"--task '' -- /bin/true", "--task \"\": give a value that is not empty"},
         {"--task a --task b -- /bin/true", "--task is given twice"},
         {"--timeout 5 -- /bin/true", "--timeout \"5\": give a duration"},
+        {"--retry 101 -- /bin/true", "--retry \"101\": give a number from 0 to 100"},
+        {"--retry -1 -- /bin/true", "--retry \"-1\": give a number from 0 to 100"},
+        {"--backoff 1 -- /bin/true", "--backoff \"1\": give a duration from 0s"},
         {"--timeout 0s -- /bin/true", "--timeout \"0s\": give a duration"},
         {"--timeout 3651d -- /bin/true", "--timeout \"3651d\": give a duration"},
         {"--timeout '5m\n' -- /bin/true", "give a duration"},
