@@ -39,6 +39,12 @@ struct TJob {
     std::optional<std::chrono::seconds>
         backoff;  // before the first of them; without: cDefaultBackoff
 
+    // Texts for `/bin/sh -c` at the end of a run, and whom to write to; empty: none.
+    std::string onFailure;
+    std::string onSuccess;
+    std::string onRecovery;
+    std::string mail;
+
     bool operator==(const TJob&) const = default;
 };
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
 #include <charconv>
 #include <system_error>
 
@@ -116,6 +117,20 @@ std::vector<std::string> OverlapIn(const TJob& job) {
                                        : std::vector<std::string>();
 }
 
+template <std::string TJob::*Field>
+void SetText(TJob& job, const std::string& value) {
+    job.*Field = RequireText(value);
+}
+
+// It becomes a header of a mail.
+void SetMail(TJob& job, const std::string& value) {
+    const bool isSafe =
+        std::all_of(value.begin(), value.end(), [](char one) { return one >= ' ' && one <= '~'; });
+    if (value.empty() || !isSafe || value.size() > 900)
+        throw CJobError("give an address of ASCII characters, such as root or admin@example.org");
+    job.mail = value;
+}
+
 void SetRetries(TJob& job, const std::string& value) {
     job.retries = NumberOf(value, 10, 100, "a number from 0 to 100");
 }
@@ -144,7 +159,7 @@ constexpr bool cOnce = false;
 constexpr bool cRepeatable = true;
 
 // In the order in which a line has them.
-const std::array<TJobOption, 14> cJobOptions = {{
+const std::array<TJobOption, 18> cJobOptions = {{
     {"task", "NAME", "The task's name in records", cOnce,
      [](TJob& job, const std::string& value) { job.task = RequireText(value); },
      TextIn<&TJob::task>},
@@ -175,6 +190,14 @@ const std::array<TJobOption, 14> cJobOptions = {{
     {"retry", "N", "Attempt a failed run so many times more", cOnce, SetRetries, RetriesIn},
     {"backoff", "DURATION", "Wait so long before, then twice as long; default 1m", cOnce,
      SetBackoff, BackoffIn},
+    {"on-failure", "COMMAND", "Execute it after a run that has failed", cOnce,
+     SetText<&TJob::onFailure>, TextIn<&TJob::onFailure>},
+    {"on-success", "COMMAND", "Execute it after one that has not", cOnce, SetText<&TJob::onSuccess>,
+     TextIn<&TJob::onSuccess>},
+    {"on-recovery", "COMMAND", "Execute it after the first such one since a failure", cOnce,
+     SetText<&TJob::onRecovery>, TextIn<&TJob::onRecovery>},
+    {"mail", "ADDRESS", "Write there of a failure and of its end", cOnce, SetMail,
+     TextIn<&TJob::mail>},
     {"shell", "TEXT", "A text for /bin/sh -c in place of a program", cOnce,
      [](TJob& job, const std::string& value) { job.shell = RequireText(value); }, ShellIn},
 }};

@@ -27,6 +27,7 @@
 #include "runner/Execute.h"
 #include "runner/Execution.h"
 #include "runner/Pause.h"
+#include "runner/TellOfEnd.h"
 #include "runs/COutputFile.h"
 #include "runs/CRunHistory.h"
 #include "runs/CRunningFile.h"
@@ -253,6 +254,20 @@ bool WaitForTurn(TRunRecord& run, const TJob& job) {
     return false;
 }
 
+// The launcher does not wait for it.
+void TellOfFailedLaunch(const TAttempts& attempts, TRunRecord& run, const std::string& reason) {
+    if (attempts.job == nullptr || !IsEndTold(*attempts.job))
+        return;
+    RecordNotStarted(run, reason);
+    const bool isApart = attempts.request.report != -1;
+    if (isApart && fork() != 0)
+        return;
+    attempts.follower.HandOver();
+    TellOfEnd(*attempts.job, run, attempts.execution, attempts.warn);
+    if (isApart)
+        _exit(0);
+}
+
 // Returns when the program has ended; `file`, which stays empty if it was not started, then has its
 // output. The launcher of the first attempt records one that is not started: this process then ends.
 void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, CJob& process,
@@ -275,7 +290,9 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
         running.Remove();
         if (executed.step == EStep::cProcess && request.report != -1)
             executed = Become(request, command, execution);
-        _exit(EndNotStarted(request, run, ErrorOf(executed), reason, history));
+        const int status = EndNotStarted(request, run, ErrorOf(executed), reason, history);
+        TellOfFailedLaunch(attempts, run, reason);
+        _exit(status);
     }
     run.process = process.Process();
     running.Update(run);
@@ -316,6 +333,8 @@ CNextRunner MakeAttempt(const TAttempts& attempts, TRunRecord& run, CRunningFile
     }
     if (file)
         KeepLaterOutput(process, *file, run);
+    if (copy == -1 && attempts.job != nullptr && IsEndTold(*attempts.job))
+        TellOfEnd(*attempts.job, run, attempts.execution, attempts.warn);
     // Whoever has launched this process as a program waits for all attempts.
     if (copy != -1 && attempts.request.report == -1)
         next.EndAsIt();

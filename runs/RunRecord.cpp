@@ -47,6 +47,10 @@ static const TOutcomeNames& NamesOf(TRunRecord::EOutcome outcome) {
                          [&](const TOutcomeNames& one) { return one.outcome == outcome; });
 }
 
+const char* OutcomeName(const TRunRecord& run) {
+    return NamesOf(run.outcome).name;
+}
+
 void RecordNotStarted(TRunRecord& run, const std::string& error) {
     run.outcome = TRunRecord::cNotStarted;
     if (run.id.empty())

@@ -86,6 +86,9 @@ void RecordSkipped(TRunRecord& run, const std::string& underWay);
 // Has the record be that of a program that ends now, by what wait4() reports.
 void RecordProgramEnd(TRunRecord& run, int waitStatus, const rusage& usage);
 
+// What the field "outcome" of the record's JSON says.
+const char* OutcomeName(const TRunRecord& run);
+
 // False for a run that needs attention: it exited with a status other than 0, or than those that its
 // job says are good, was killed, has exceeded its time limit, could not start or was missed, or it is
 // unknown whether it was launched. An outcome that the host could not learn, or that a later one has

@@ -35,15 +35,21 @@ static TJob FullJob() {
     job.overlap = TJob::cAllow;
     job.retries = 3;
     job.backoff = 90s;
+    job.onFailure = "logger failed";
+    job.onSuccess = "true";
+    job.onRecovery = "logger again";
+    job.mail = "root";
     return job;
 }
 
 TEST(JobLine, OfEachOptionIsReadBack) {
-    EXPECT_EQ(JobLine(FullJob()),
-              "--task 'nightly dump' --user www-data --group 33 --chdir /var/www --umask 027 "
-              "--env 'A=b c' --env EMPTY= --env-file /etc/default/x --env-file /etc/y --timeout "
-              "2h30m --kill-after 1m30s --overlap allow --success 0,3 --retry 3 --backoff 1m30s "
-              "-- /usr/bin/python3 '/srv/clean up.py' --days 7 ''");
+    EXPECT_EQ(
+        JobLine(FullJob()),
+        "--task 'nightly dump' --user www-data --group 33 --chdir /var/www --umask 027 "
+        "--env 'A=b c' --env EMPTY= --env-file /etc/default/x --env-file /etc/y --timeout "
+        "2h30m --kill-after 1m30s --overlap allow --success 0,3 --retry 3 --backoff 1m30s "
+        "--on-failure 'logger failed' --on-success true --on-recovery 'logger again' --mail root "
+        "-- /usr/bin/python3 '/srv/clean up.py' --days 7 ''");
     EXPECT_EQ(ReadJobLine(JobLine(FullJob())), FullJob());
 }
 
@@ -79,6 +85,9 @@ TEST(JobLine, ThatIsWrongIsRefusedWithTheReason) {
         {"--task '' -- /bin/true", "--task \"\": give a value that is not empty"},
         {"--task a --task b -- /bin/true", "--task is given twice"},
         {"--timeout 5 -- /bin/true", "--timeout \"5\": give a duration"},
+        {"--mail 'a\nb' -- /bin/true", "give an address of ASCII characters"},
+        {"--mail '' -- /bin/true", "give an address of ASCII characters"},
+        {"--on-failure '' -- /bin/true", "--on-failure \"\": give a value that is not empty"},
         {"--retry 101 -- /bin/true", "--retry \"101\": give a number from 0 to 100"},
         {"--retry -1 -- /bin/true", "--retry \"-1\": give a number from 0 to 100"},
         {"--backoff 1 -- /bin/true", "--backoff \"1\": give a duration from 0s"},
