@@ -35,6 +35,8 @@ struct TJob {
     enum EOverlap { cSkip, cAllow };
     EOverlap overlap = cSkip;
 
+    std::optional<std::chrono::seconds> randomDelay;  // before a launch by the schedule, at most
+
     std::uint32_t retries = 0;  // further attempts of a run that has failed
     std::optional<std::chrono::seconds>
         backoff;  // before the first of them; without: cDefaultBackoff

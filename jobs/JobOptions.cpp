@@ -159,7 +159,7 @@ constexpr bool cOnce = false;
 constexpr bool cRepeatable = true;
 
 // In the order in which a line has them.
-const std::array<TJobOption, 18> cJobOptions = {{
+const std::array<TJobOption, 19> cJobOptions = {{
     {"task", "NAME", "The task's name in records", cOnce,
      [](TJob& job, const std::string& value) { job.task = RequireText(value); },
      TextIn<&TJob::task>},
@@ -186,6 +186,8 @@ const std::array<TJobOption, 18> cJobOptions = {{
      SetDuration<&TJob::killAfter>, DurationIn<&TJob::killAfter>},
     {"overlap", "WHAT", "While a run is under way: skip (default) or allow", cOnce, SetOverlap,
      OverlapIn},
+    {"random-delay", "DURATION", "Wait before a launch by the schedule, at random up to this",
+     cOnce, SetDuration<&TJob::randomDelay>, DurationIn<&TJob::randomDelay>},
     {"success", "STATUSES", "The good exit statuses; default 0", cOnce, SetSuccess, SuccessIn},
     {"retry", "N", "Attempt a failed run so many times more", cOnce, SetRetries, RetriesIn},
     {"backoff", "DURATION", "Wait so long before, then twice as long; default 1m", cOnce,

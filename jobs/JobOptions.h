@@ -25,7 +25,7 @@ struct TJobOption {
 inline constexpr std::string_view cTaskOption = "task";
 inline constexpr std::string_view cShellOption = "shell";
 
-extern const std::array<TJobOption, 18> cJobOptions;
+extern const std::array<TJobOption, 19> cJobOptions;
 
 // Has the option take a value. Throws CJobError, which names the option and the value.
 void SetJobOption(TJob& job, const TJobOption& option, const std::string& value);

@@ -226,10 +226,6 @@ void JudgeEnd(TRunRecord& run, const TJob* job) {
         std::find(job->success.begin(), job->success.end(), run.number) != job->success.end();
 }
 
-}  // namespace
-
-namespace {
-
 // What all attempts of a run have in common.
 struct TAttempts {
     const TRunRequest& request;
@@ -242,10 +238,23 @@ struct TAttempts {
     CFollower& follower;
 };
 
+// Whether the launcher is told of the launch before the program is started: it does not wait for that.
+bool IsReportedBefore(const TAttempts& attempts, const TRunRecord& run,
+                      const CRunningFile& running) {
+    return run.attempt > 1 || (attempts.job != nullptr && attempts.job->randomDelay &&
+                               run.trigger != cManual && running.Error().empty());
+}
+
+std::chrono::milliseconds PauseBefore(const TRunRecord& run, const TJob& job) {
+    if (run.attempt > 1)
+        return PauseAfter(run.attempt - 1, job.backoff.value_or(cDefaultBackoff), MakeRandom());
+    const std::chrono::duration<double, std::milli> longest = *job.randomDelay;
+    return std::chrono::floor<std::chrono::milliseconds>(MakeRandom() * longest);
+}
+
 // False if it was stopped meanwhile, which `run` then says.
 bool WaitForTurn(TRunRecord& run, const TJob& job) {
-    const std::optional<uid_t> stopper =
-        Pause(PauseAfter(run.attempt - 1, job.backoff.value_or(cDefaultBackoff), MakeRandom()));
+    const std::optional<uid_t> stopper = Pause(PauseBefore(run, job));
     run.started = CurrentMoment();
     if (!stopper)
         return true;
@@ -269,11 +278,11 @@ void TellOfFailedLaunch(const TAttempts& attempts, TRunRecord& run, const std::s
 }
 
 // Returns when the program has ended; `file`, which stays empty if it was not started, then has its
-// output. The launcher of the first attempt records one that is not started: this process then ends.
+// output. A launcher that waits for the report records one that is not started: this process then ends.
 void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, CJob& process,
              std::optional<COutputFile>& file) {
     const auto& [request, command, job, execution, history, warn, copy, follower] = attempts;
-    const bool isFirst = run.attempt == 1;
+    const bool isReported = IsReportedBefore(attempts, run, running);
     LimitJob(process, job);
     TExecuted executed = LaunchForTask(execution, [&] {
         return process.Launch(execution, command.Program(), command.Arguments());
@@ -282,7 +291,7 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
         // To the launcher of a job the program that failed is this one.
         const std::string reason =
             job == nullptr ? "" : Describe(executed, execution, command.Program());
-        if (!isFirst) {
+        if (isReported) {
             warn(reason);
             return RecordNotStarted(run, reason);
         }
@@ -298,7 +307,7 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
     running.Update(run);
     // The launcher waits for it with the store mutex held: nothing else comes before.
     // Without its file nobody could find out that the run has ended.
-    if (isFirst)
+    if (!isReported)
         ReportLaunch(request.report, run.process, running.Error().empty() ? run.id : "");
     file.emplace(MakeOutputFile(run.task, run.id, request.outputSize, warn));
     process.KeepIn(*file);
@@ -308,14 +317,18 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
 
 bool IsToBeRetried(const TRunRecord& run, const TJob* job) {
     return job != nullptr && run.attempt <= static_cast<int>(job->retries) &&
-           run.stoppedBy.empty() && !HasNoFailure(run);
+           run.stoppedBy.empty() && !HasNoFailure(run) &&
+           (run.outcome != TRunRecord::cNotStarted || run.attempt > 1);
 }
 
 // Returns in the copy of this process that makes the next attempt only.
 CNextRunner MakeAttempt(const TAttempts& attempts, TRunRecord& run, CRunningFile& running) {
     CJob process(attempts.copy, attempts.follower);
     std::optional<COutputFile> file;
-    if (run.attempt == 1 || WaitForTurn(run, *attempts.job))
+    const bool isReported = IsReportedBefore(attempts, run, running);
+    if (isReported && run.attempt == 1)
+        ReportLaunch(attempts.request.report, getpid(), run.id);
+    if (!isReported || WaitForTurn(run, *attempts.job))
         Execute(attempts, run, running, process, file);
     CNextRunner next;
     const pid_t copy = IsToBeRetried(run, attempts.job) ? next.Fork() : -1;

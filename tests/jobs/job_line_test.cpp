@@ -33,6 +33,7 @@ static TJob FullJob() {
     job.killAfter = 90s;
     job.success = {0, 3};
     job.overlap = TJob::cAllow;
+    job.randomDelay = 10min;
     job.retries = 3;
     job.backoff = 90s;
     job.onFailure = "logger failed";
@@ -47,7 +48,8 @@ TEST(JobLine, OfEachOptionIsReadBack) {
         JobLine(FullJob()),
         "--task 'nightly dump' --user www-data --group 33 --chdir /var/www --umask 027 "
         "--env 'A=b c' --env EMPTY= --env-file /etc/default/x --env-file /etc/y --timeout "
-        "2h30m --kill-after 1m30s --overlap allow --success 0,3 --retry 3 --backoff 1m30s "
+        "2h30m --kill-after 1m30s --overlap allow --random-delay 10m --success 0,3 --retry 3 "
+        "--backoff 1m30s "
         "--on-failure 'logger failed' --on-success true --on-recovery 'logger again' --mail root "
         "-- /usr/bin/python3 '/srv/clean up.py' --days 7 ''");
     EXPECT_EQ(ReadJobLine(JobLine(FullJob())), FullJob());
