@@ -32,7 +32,7 @@ struct TJob {
     std::vector<std::uint8_t> success;              // the good exit statuses; empty: 0
 
     // What becomes of a launch by the schedule while a run of the task is under way.
-    enum EOverlap { cSkip, cAllow };
+    enum EOverlap { cSkip, cQueue, cAllow, cReplace };
     EOverlap overlap = cSkip;
 
     std::optional<std::chrono::seconds> randomDelay;  // before a launch by the schedule, at most

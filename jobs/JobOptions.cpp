@@ -106,15 +106,19 @@ std::vector<std::string> SuccessIn(const TJob& job) {
                                : std::vector{fmt::format("{}", fmt::join(job.success, ","))};
 }
 
+// In the order of EOverlap.
+constexpr std::array<std::string_view, 4> cOverlaps = {"skip", "queue", "allow", "replace"};
+
 void SetOverlap(TJob& job, const std::string& value) {
-    if (value != "skip" && value != "allow")
-        throw CJobError("give skip or allow");
-    job.overlap = value == "skip" ? TJob::cSkip : TJob::cAllow;
+    const auto* const found = std::find(cOverlaps.begin(), cOverlaps.end(), value);
+    if (found == cOverlaps.end())
+        throw CJobError("give skip, queue, allow or replace");
+    job.overlap = static_cast<TJob::EOverlap>(found - cOverlaps.begin());
 }
 
 std::vector<std::string> OverlapIn(const TJob& job) {
-    return job.overlap == TJob::cAllow ? std::vector<std::string>{"allow"}
-                                       : std::vector<std::string>();
+    return job.overlap == TJob::cSkip ? std::vector<std::string>()
+                                      : std::vector{std::string(cOverlaps.at(job.overlap))};
 }
 
 template <std::string TJob::*Field>
@@ -184,8 +188,8 @@ const std::array<TJobOption, 19> cJobOptions = {{
      DurationIn<&TJob::timeout>},
     {"kill-after", "DURATION", "Kill what is left of it so much later; default 10s", cOnce,
      SetDuration<&TJob::killAfter>, DurationIn<&TJob::killAfter>},
-    {"overlap", "WHAT", "While a run is under way: skip (default) or allow", cOnce, SetOverlap,
-     OverlapIn},
+    {"overlap", "WHAT", "While a run is under way: skip (default), queue, allow, replace", cOnce,
+     SetOverlap, OverlapIn},
     {"random-delay", "DURATION", "Wait before a launch by the schedule, at random up to this",
      cOnce, SetDuration<&TJob::randomDelay>, DurationIn<&TJob::randomDelay>},
     {"success", "STATUSES", "The good exit statuses; default 0", cOnce, SetSuccess, SuccessIn},

@@ -5,10 +5,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <vector>
 
 #include "base/CDeadline.h"
-#include "runs/RunningRuns.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
 
@@ -36,13 +34,13 @@ static bool IsOfDeadRunner(const vxsched::TRunning& running) {
     return running.runner != 0 && RunnerOf(running.run.id) != running.runner;
 }
 
-std::optional<std::string> COverlapLock::FindOther(const TRunRecord& run) {
+std::vector<vxsched::TRunning> COverlapLock::FindOthers(const TRunRecord& run) {
     if (!run.task)
         return {};
-    for (const vxsched::TRunning& running : vxsched::FindRunningRuns(".", *run.task)) {
-        // One whose runner has recorded its end is over.
-        if (running.run.outcome == TRunRecord::cRunnerDied && !IsOfDeadRunner(running))
-            return running.run.id;
-    }
-    return {};
+    std::vector<vxsched::TRunning> others = vxsched::FindRunningRuns(".", *run.task, run.id);
+    // One whose runner has recorded its end is over.
+    std::erase_if(others, [](const vxsched::TRunning& running) {
+        return running.run.outcome != TRunRecord::cRunnerDied || IsOfDeadRunner(running);
+    });
+    return others;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <optional>
-#include <string>
+#include <vector>
 
 #include "base/CDescriptor.h"
 #include "runs/RunRecord.h"
+#include "runs/RunningRuns.h"
 
 // Held while a runner finds out whether a run of its task is under way, and makes its CRunningFile if
 // none is: of several that begin at once, one launches its program. For the store of the working
@@ -15,9 +15,9 @@ public:
     // without such locks.
     COverlapLock();
 
-    // The id of a run of the same task whose runner is alive; empty if there is none, or `run` is of no
-    // known task. Not for a process that has a CRunningFile, which would lose its lock.
-    static std::optional<std::string> FindOther(const TRunRecord& run);
+    // The other runs of the same task whose runner is alive; none if `run` is of no known task. One that
+    // waits for another has that one's id in `underWay`.
+    static std::vector<vxsched::TRunning> FindOthers(const TRunRecord& run);
 
 private:
     CDescriptor directory;

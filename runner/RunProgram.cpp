@@ -41,6 +41,9 @@ using vxsched::TJob;
 // A reader of the host's log that has stalled does not hold up a run for longer than this.
 static constexpr int cStall = 1000;  // milliseconds
 
+// Between two checks whether another run of the task has ended.
+static constexpr std::chrono::milliseconds cOthersInterval(200);
+
 static constexpr int cIgnored[] = {SIGPIPE, SIGHUP, SIGINT, SIGXFSZ};
 
 void IgnoreSignals() {
@@ -241,20 +244,33 @@ struct TAttempts {
 // Whether the launcher is told of the launch before the program is started: it does not wait for that.
 bool IsReportedBefore(const TAttempts& attempts, const TRunRecord& run,
                       const CRunningFile& running) {
-    return run.attempt > 1 || (attempts.job != nullptr && attempts.job->randomDelay &&
-                               run.trigger != cManual && running.Error().empty());
+    return run.attempt > 1 || !run.underWay.empty() ||
+           (attempts.job != nullptr && attempts.job->randomDelay && run.trigger != cManual &&
+            running.Error().empty());
 }
 
 std::chrono::milliseconds PauseBefore(const TRunRecord& run, const TJob& job) {
     if (run.attempt > 1)
         return PauseAfter(run.attempt - 1, job.backoff.value_or(cDefaultBackoff), MakeRandom());
-    const std::chrono::duration<double, std::milli> longest = *job.randomDelay;
+    const std::chrono::duration<double, std::milli> longest =
+        job.randomDelay.value_or(std::chrono::seconds(0));
     return std::chrono::floor<std::chrono::milliseconds>(MakeRandom() * longest);
+}
+
+// Until no other run of the task is under way. As Pause().
+std::optional<uid_t> PauseForOthers(TRunRecord& run) {
+    std::optional<uid_t> stopper;
+    while (!run.underWay.empty() && !COverlapLock::FindOthers(run).empty() && !stopper)
+        stopper = Pause(cOthersInterval);
+    return stopper;
 }
 
 // False if it was stopped meanwhile, which `run` then says.
 bool WaitForTurn(TRunRecord& run, const TJob& job) {
-    const std::optional<uid_t> stopper = Pause(PauseBefore(run, job));
+    std::optional<uid_t> stopper = PauseForOthers(run);
+    run.underWay.clear();
+    if (!stopper)
+        stopper = Pause(PauseBefore(run, job));
     run.started = CurrentMoment();
     if (!stopper)
         return true;
@@ -280,9 +296,8 @@ void TellOfFailedLaunch(const TAttempts& attempts, TRunRecord& run, const std::s
 // Returns when the program has ended; `file`, which stays empty if it was not started, then has its
 // output. A launcher that waits for the report records one that is not started: this process then ends.
 void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, CJob& process,
-             std::optional<COutputFile>& file) {
+             std::optional<COutputFile>& file, bool isReported) {
     const auto& [request, command, job, execution, history, warn, copy, follower] = attempts;
-    const bool isReported = IsReportedBefore(attempts, run, running);
     LimitJob(process, job);
     TExecuted executed = LaunchForTask(execution, [&] {
         return process.Launch(execution, command.Program(), command.Arguments());
@@ -329,7 +344,7 @@ CNextRunner MakeAttempt(const TAttempts& attempts, TRunRecord& run, CRunningFile
     if (isReported && run.attempt == 1)
         ReportLaunch(attempts.request.report, getpid(), run.id);
     if (!isReported || WaitForTurn(run, *attempts.job))
-        Execute(attempts, run, running, process, file);
+        Execute(attempts, run, running, process, file, isReported);
     CNextRunner next;
     const pid_t copy = IsToBeRetried(run, attempts.job) ? next.Fork() : -1;
     if (copy == 0)
@@ -360,6 +375,20 @@ void WarnWithoutFile(const CRunningFile& running, const TRunRecord& run, TWarnin
                          run.id, running.Error()));
 }
 
+// The id of the run because of which this one is skipped; empty if it is not. One that is to wait for
+// another has that in `underWay` then; one that takes the place of others has them stopped.
+std::optional<std::string> FindHindrance(TRunRecord& run, TJob::EOverlap overlap) {
+    for (const vxsched::TRunning& other : COverlapLock::FindOthers(run)) {
+        const bool isWaiting = !other.run.underWay.empty();
+        if (overlap == TJob::cSkip || (overlap == TJob::cQueue && isWaiting))
+            return other.run.id;
+        if (overlap == TJob::cReplace && vxsched::Terminate(".", other, getuid()) != 0)
+            return other.run.id;
+        run.underWay = other.run.id;
+    }
+    return {};
+}
+
 }  // namespace
 
 int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* job) {
@@ -375,14 +404,17 @@ int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* 
         return EndNotStarted(request, run, error.Error(), error.what(), history);
     }
     std::optional<COverlapLock> turn;
-    if (job != nullptr && job->overlap == TJob::cSkip && run.trigger != cManual) {
+    if (job != nullptr && job->overlap != TJob::cAllow && run.trigger != cManual) {
         turn.emplace();
-        if (const std::optional<std::string> underWay = COverlapLock::FindOther(run))
+        if (const std::optional<std::string> underWay = FindHindrance(run, job->overlap))
             return Skip(request, run, *underWay, history);
     }
     auto running = std::make_unique<CRunningFile>(run);
     turn.reset();
     WarnWithoutFile(*running, run, warn);
+    // Without its file nobody finds a run that waits.
+    if (!run.underWay.empty() && !running->Error().empty())
+        return Skip(request, run, run.underWay, history);
     std::optional<CCopy> copy;
     if (request.copy == TRunRequest::cPlain)
         copy.emplace();

@@ -119,11 +119,13 @@ std::optional<TRunFile> ReadRunFile(const fs::path& path) {
 }
 
 // In the order of the ids.
-std::vector<TRunFile> ReadRunFiles(const std::string& directory) {
+std::vector<TRunFile> ReadRunFiles(const std::string& directory, const std::string& own = "") {
     std::vector<TRunFile> files;
     std::error_code error;
     for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        if (entry->path().filename() == own)
+            continue;
         if (const std::optional<TRunFile> file = ReadRunFile(entry->path()))
             files.push_back(*file);
     }
@@ -134,16 +136,19 @@ std::vector<TRunFile> ReadRunFiles(const std::string& directory) {
 
 }  // namespace
 
-std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task) {
-    return FindRunningRuns(directory, [name = FileNameOf(task)](const TRunRecord& run) {
+std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task,
+                                      const std::string& own) {
+    const auto isOfTask = [name = FileNameOf(task)](const TRunRecord& run) {
         return TaskFileNameOf(run) == name;
-    });
+    };
+    return FindRunningRuns(directory, isOfTask, own);
 }
 
 std::vector<TRunning> FindRunningRuns(const std::string& directory,
-                                      const std::function<bool(const TRunRecord&)>& isWanted) {
+                                      const std::function<bool(const TRunRecord&)>& isWanted,
+                                      const std::string& own) {
     std::vector<TRunning> runs;
-    for (const TRunFile& file : ReadRunFiles(directory)) {
+    for (const TRunFile& file : ReadRunFiles(directory, own)) {
         if (file.runner && isWanted(file.run))
             runs.push_back({file.run, *file.runner});
     }

@@ -32,10 +32,13 @@ std::string TaskFileNameOf(const TRunRecord& run);
 
 // The runs under way in the store of a directory that were launched for a task of that name, or
 // those of which `isWanted` returns true, in the order of their ids. Blocks for disk access only;
-// what this user may not read is left out.
-std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task);
+// what this user may not read is left out. The file of the run `own` is not opened: its runner may call
+// this.
+std::vector<TRunning> FindRunningRuns(const std::string& directory, const std::string& task,
+                                      const std::string& own = "");
 std::vector<TRunning> FindRunningRuns(const std::string& directory,
-                                      const std::function<bool(const TRunRecord&)>& isWanted);
+                                      const std::function<bool(const TRunRecord&)>& isWanted,
+                                      const std::string& own = "");
 
 // The runs in the store of a directory whose runner has died or could not record its end, as they would
 // be recorded. A runner may have been killed after it had recorded its run. Blocks for disk access

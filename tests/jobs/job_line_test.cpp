@@ -106,7 +106,7 @@ TEST(JobLine, ThatIsWrongIsRefusedWithTheReason) {
         {"--success 0,256 -- /bin/true", "--success \"0,256\": give exit statuses"},
         {"--success 0, -- /bin/true", "give exit statuses"},
         {"--success ,, -- /bin/true", "give exit statuses"},
-        {"--overlap maybe -- /bin/true", "--overlap \"maybe\": give skip or allow"},
+        {"--overlap maybe -- /bin/true", "--overlap \"maybe\": give skip, queue, allow or replace"},
         {"--shell x -- /bin/true", "--shell and a program, \"/bin/true\"; give one of them"},
         {"--shell '' ", "--shell \"\": give a value that is not empty"},
         {"-- '/bin/true", "is not closed"},

@@ -53,6 +53,8 @@ protected:
 
     static std::vector<TRunRecord> History() { return vxsched::ReadHistory(".", {}).runs; }
 
+    static std::size_t CountRunning() { return vxsched::FindRunningRuns(".", "job").size(); }
+
     static std::size_t CountSkipped() {
         const std::vector<TRunRecord> runs = History();
         return static_cast<std::size_t>(std::count_if(
@@ -164,4 +166,83 @@ TEST_F(Overlap, HostRecordsASkippedLaunchOnce) {
     EXPECT_EQ(RunTool({"history", "job", "--failed", "--json"}).output.find("skipped"),
               std::string::npos);
     EXPECT_THAT(RunTool({"history", "job"}).output, HasSubstr("skipped: run "));
+}
+
+// ---- Waiting and replacing --------------------------------------------------------------------
+
+TEST_F(Overlap, OneLaunchWaitsIfTheJobSaysSo) {
+    const auto first = Launch("--task job --overlap queue");
+    WaitUntil([] { return CountBegun() == 1; });
+    const auto second = Launch("--task job --overlap queue");
+    WaitUntil([] { return CountRunning() == 2; });
+    const auto third = Launch("--task job --overlap queue");
+    EXPECT_EQ(third->Wait(), 0);
+    EXPECT_EQ(CountSkipped(), 1U);
+    EXPECT_EQ(History()[0].underWay, vxsched::FindRunningRuns(".", "job").at(1).run.id);
+    EXPECT_EQ(CountBegun(), 1U);
+    WriteFile("go", "");
+    EXPECT_EQ(first->Wait(), 0);
+    EXPECT_EQ(second->Wait(), 0);
+    EXPECT_EQ(CountBegun(), 2U);
+    ASSERT_EQ(History().size(), 3U);
+    EXPECT_EQ(History()[2].underWay, "");
+    EXPECT_GE(*History()[2].started, *History()[1].ended);
+}
+
+TEST_F(Overlap, LaunchThatWaitsCanBeStopped) {
+    const auto first = Launch("--task job");
+    WaitUntil([] { return CountBegun() == 1; });
+    const auto second = Launch("--task job --overlap queue");
+    WaitUntil([] { return CountRunning() == 2; });
+    second->Kill(SIGTERM);
+    EXPECT_EQ(second->Wait(), 127);
+    ASSERT_EQ(History().size(), 1U);
+    EXPECT_EQ(History()[0].error, "it was stopped before it began");
+    WriteFile("go", "");
+    EXPECT_EQ(first->Wait(), 0);
+    EXPECT_EQ(CountBegun(), 1U);
+}
+
+TEST_F(Overlap, RunIsReplacedIfTheJobSaysSo) {
+    const auto first = Launch("--task job --retry 3");
+    WaitUntil([] { return CountBegun() == 1; });
+    const auto second = Launch("--task job --overlap replace");
+    EXPECT_EQ(first->Wait(), 1000 + SIGTERM);
+    WaitUntil([] { return CountBegun() == 2; });
+    WriteFile("go", "");
+    EXPECT_EQ(second->Wait(), 0);
+    ASSERT_EQ(History().size(), 2U);
+    EXPECT_NE(History()[0].stoppedBy, "");
+    EXPECT_EQ(CountSkipped(), 0U);
+}
+
+TEST_F(Overlap, LaunchThatWaitsIsReplacedToo) {
+    CProgram first({RUNNER_PROGRAM,
+                    "--task job --shell 'trap \"\" TERM; touch begun/1; "
+                    "while [ -e files ] && [ ! -e go ]; do sleep 0.01; done'"});
+    WaitUntil([] { return CountBegun() == 1; });
+    const auto second = Launch("--task job --overlap queue");
+    WaitUntil([] { return CountRunning() == 2; });
+    const auto third = Launch("--task job --overlap replace");
+    EXPECT_EQ(second->Wait(), 127);
+    EXPECT_EQ(CountBegun(), 1U);
+    WriteFile("go", "");
+    EXPECT_EQ(third->Wait(), 0);
+    EXPECT_EQ(CountBegun(), 2U);
+}
+
+TEST_F(Overlap, HostDoesNotWaitForALaunchThatWaits) {
+    CHost host;
+    const std::string line = std::string("--overlap queue ") + cText;
+    CreateDue("job", RUNNER_PROGRAM, line);
+    WaitUntil([] { return CountBegun() == 1; });
+    WaitForTheTicksEnd();
+    CreateDue("job", RUNNER_PROGRAM, line);
+    WaitUntil([] { return CountRunning() == 2; });
+    WaitForTheTicksEnd();
+    WriteFile("go", "");
+    WaitUntil([] { return History().size() == 2; });
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(CountBegun(), 2U);
+    EXPECT_EQ(CountSkipped(), 0U);
 }
