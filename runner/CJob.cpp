@@ -225,14 +225,18 @@ void CJob::TerminateDescendants() {
 void CJob::KillDescendants() {
     std::set<pid_t> stopped;
     bool isAnyNew = true;
-    for (int round = 0; round < cMostRounds && isAnyNew; ++round) {
-        isAnyNew = false;
-        for (const pid_t descendant : FindDescendants()) {
+    const auto stopNew = [&](const std::vector<pid_t>& found) {
+        for (const pid_t descendant : found) {
             if (!stopped.insert(descendant).second)
                 continue;
             kill(descendant, SIGSTOP);
             isAnyNew = true;
         }
+    };
+    for (int round = 0; round < cMostRounds && isAnyNew; ++round) {
+        isAnyNew = false;
+        stopNew(FindChildren());
+        stopNew(FindDescendants());
     }
     for (const pid_t descendant : stopped)
         kill(descendant, SIGKILL);

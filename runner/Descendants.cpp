@@ -3,11 +3,22 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
+#include <string>
 #include <system_error>
 
 #include "base/Processes.h"
+
+std::vector<pid_t> FindChildren() {
+    const std::string self = std::to_string(getpid());
+    std::ifstream file("/proc/self/task/" + self + "/children");
+    std::vector<pid_t> children;
+    for (pid_t child = 0; file >> child;)
+        children.push_back(child);
+    return children;
+}
 
 std::vector<pid_t> FindDescendants() {
     std::multimap<pid_t, pid_t> children;
