@@ -370,11 +370,25 @@ void CCommandLine::AddForNames(const char* name, const char* description,
         });
 }
 
-// What a task executes.
+// Short forms of --cron: the name of an option, of its value, and its help.
+constexpr std::array<std::array<const char*, 3>, 3> cCalendarOptions = {
+    {{"daily", "TIME", "Launch every day: 02:30"},
+     {"weekly", "'DAYS TIME'", "Launch on days of the week: 'mon,fri 08:30'"},
+     {"monthly", "'DAYS TIME'", "Launch on days of the month, L is the last: '1,L 08:30'"}}};
+
+// What a task executes, and by which calendar.
 void CCommandLine::AddCommand(CLI::App& command) {
     for (const TJobOption& option : cJobOptions) {
         if (option.name == cTaskOption)
             continue;
+        if (option.implied != nullptr) {
+            // A flag takes a value by = only, so that it does not take the program for one.
+            command
+                .add_flag(fmt::format("--{}{{{}}}", option.name, option.implied),
+                          task.options[option.name], option.help)
+                ->type_name(fmt::format("[={}]", option.valueName));
+            continue;
+        }
         command
             .add_option_function<std::vector<std::string>>(
                 fmt::format("--{}", option.name),
@@ -385,6 +399,14 @@ void CCommandLine::AddCommand(CLI::App& command) {
             ->type_name(option.valueName)
             ->expected(1)
             ->take_all();
+    }
+    for (const auto& [name, valueName, help] : cCalendarOptions) {
+        command
+            .add_option_function<std::string>(
+                fmt::format("--{}", name),
+                [this, name](const std::string& value) { task.calendar.emplace_back(name, value); },
+                help)
+            ->type_name(valueName);
     }
     command
         .add_option("program", task.command,
@@ -543,6 +565,8 @@ void CCommandLine::RestoreBrackets() {
     std::for_each(task.command.begin(), task.command.end(), restore);
     for (auto& [option, values] : task.options)
         std::for_each(values.begin(), values.end(), restore);
+    for (auto& [option, value] : task.calendar)
+        restore(value);
 }
 
 void CCommandLine::Parse(int argc, const char* const* argv) {
@@ -556,6 +580,7 @@ void CCommandLine::Parse(int argc, const char* const* argv) {
     beforeSeparator.assign(begin, std::find(begin, end, std::string_view("--")));
     try {
         app.parse(argc, pointers.data());
+        std::erase_if(task.options, [](const auto& option) { return option.second.empty(); });
         RestoreBrackets();
         RequireQuotedTime();
         RequireSeparator(static_cast<std::ptrdiff_t>(beforeSeparator.size()) < end - begin);

@@ -21,6 +21,7 @@
 #include "store/CChangeEvent.h"
 #include "store/CFormerTable.h"
 #include "store/COwnerAccess.h"
+#include "store/CSchedule.h"
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ForgetLaunches.h"
@@ -88,10 +89,34 @@ void MakeSchedulable(TTaskEntry& entry) {
     GiveToRunner(entry, job);
 }
 
+// Of a task with a calendar, which sets its due time and has no other period in the table. Throws
+// CError (cRefused) if the edit sets them, or the calendar cannot be used.
+void ScheduleByCalendar(TTaskEntry& entry, const CSchedule& schedule) {
+    entry.period = cCalendarPeriod;
+    entry.next = schedule.FirstFrom(Now() + std::chrono::seconds(1));
+    if (entry.next == cNever || schedule.IsOver(entry.next))
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" would never be launched: its calendar has no time {}; change "
+                        "--cron or --until",
+                        entry.name,
+                        entry.next == cNever ? "that a clock shows" : "before that of --until");
+}
+
+// Requires that the schedule of an entry can be used.
+CSchedule ScheduleOf(const TTaskEntry& entry) {
+    CSchedule schedule(entry);
+    if (!schedule.Problem().empty())
+        throw MakeError(EError::cRefused, "{}", schedule.Problem());
+    return schedule;
+}
+
 TTaskEntry EntryOf(const TNewTask& task) {
     TTaskEntry entry = {task.name,    task.due,       TTime(), task.period,
                         task.program, task.parameter, false};
     MakeSchedulable(entry);
+    const CSchedule schedule = ScheduleOf(entry);
+    if (schedule.HasCalendar())
+        ScheduleByCalendar(entry, schedule);
     return entry;
 }
 
@@ -163,6 +188,26 @@ void RenameJob(TTaskEntry& entry) {
     }
 }
 
+void EditSchedule(TTaskEntry& entry, const TTaskEntry& former, const TEdit& edit) {
+    const bool hasCommand = entry.program != former.program || entry.parameter != former.parameter;
+    const CSchedule schedule = hasCommand ? ScheduleOf(entry) : CSchedule(entry);
+    if (schedule.HasCalendar() && (edit.due || edit.period))
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" is launched by its calendar, which sets its due times; change "
+                        "that (--cron), or remove it (--cron \"\") for a period",
+                        entry.name);
+    if (!schedule.HasCalendar() && CSchedule(former).HasCalendar() && !edit.period)
+        throw MakeError(EError::cRefused,
+                        "without its calendar task \"{}\" has no period; give it one (--every)",
+                        entry.name);
+    // A launch that is due stays so.
+    const bool isDue = !entry.paused && entry.next <= Now() && schedule.IsLaunchTime(entry.next);
+    if (schedule.HasCalendar() && !isDue && (hasCommand || entry.paused))
+        ScheduleByCalendar(entry, schedule);
+    else if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
+        entry.next = schedule.FirstFrom(Now());
+}
+
 // The entry after an edit. Throws CError (cRefused) on a validation error.
 TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
                  const TForced& forced) {
@@ -182,8 +227,8 @@ TTaskEntry After(const fs::path& directory, TTaskEntry entry, const TEdit& edit,
         MakeSchedulable(entry);
     if (edit.name)
         RenameJob(entry);
-    if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0) && !IsOnlyRename(edit))
-        entry.next = NextOnGrid(entry.next, StepOf(entry.period), Now());
+    if (!IsOnlyRename(edit))
+        EditSchedule(entry, former, edit);
     std::vector<TValidationError> errors = FindUnforced(directory, entry, forced);
     // Fields that the edit leaves alone are no reason to refuse it.
     std::erase_if(errors, [&](const TValidationError& error) {
@@ -254,9 +299,11 @@ static bool IsLaunchedSince(const TTaskEntry& first, const TTaskEntry* found) {
                             : first.period == 0 && first.next <= CurrentMoment();
 }
 
-void CStore::CheckCreate(const TNewTask& task, bool replace, const TForced& forced) const {
+TTaskEntry CStore::CheckCreate(const TNewTask& task, bool replace, const TForced& forced) const {
     RefuseFor(Check(task, forced));
-    CheckChange(options, {CreateCall(EntryOf(task), replace, nullptr)});
+    TTaskEntry entry = EntryOf(task);
+    CheckChange(options, {CreateCall(entry, replace, nullptr)});
+    return entry;
 }
 
 TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& forced) const {
@@ -370,26 +417,46 @@ void CStore::Pause(const std::vector<std::string>& names) const {
                {calls, [&](const TOutcome& made) { return FindUnchanged(made, calls, isPaused); }});
 }
 
-static std::vector<TCall> ResumeCalls(const std::vector<std::string>& names,
+// The add-in would move a past due time along the grid; that of a task with a calendar is set by it.
+static std::vector<TCall> ResumeCalls(const TTable& table, const std::vector<std::string>& names,
                                       const TForced& forced) {
     std::vector<TCall> calls = CallsOf(TCall::cResume, names);
-    for (TCall& call : calls)
+    for (TCall& call : calls) {
+        const TTaskEntry* const task = table.Find(call.task.name);
         call.mayRemove = forced.contains("past-due");
+        if (task == nullptr)
+            continue;
+        const CSchedule schedule(*task);
+        if (!schedule.HasCalendar())
+            continue;
+        TTaskEntry entry = *task;
+        entry.paused = false;
+        ScheduleByCalendar(entry, schedule);
+        call = EditCall(*task, entry);
+    }
     return calls;
 }
 
 void CStore::CheckResume(const std::vector<std::string>& names, const TForced& forced) const {
-    CheckChange(options, ResumeCalls(names, forced));
+    CheckChange(options, ResumeCalls(Read(), names, forced));
 }
 
 void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
-    const std::vector<TCall> calls = ResumeCalls(names, forced);
     const auto isResumed = [](const TTaskEntry* task, const TCall& call) {
         return task == nullptr ? call.mayRemove : !task->paused;
     };
-    MakeChange(options, {calls, [&](const TOutcome& made) {
-                             return FindUnchanged(made, calls, isResumed);
-                         }});
+    for (int tries = cTries;; --tries) {
+        const std::vector<TCall> calls = ResumeCalls(Read(), names, forced);
+        try {
+            MakeChange(options, {calls, [&](const TOutcome& made) {
+                                     return FindUnchanged(made, calls, isResumed);
+                                 }});
+            return;
+        } catch (const CChangedMeanwhile&) {
+            if (tries == 0)
+                throw;
+        }
+    }
 }
 
 TTaskEntry CStore::WithPeriod(std::string_view name, std::uint32_t hours,

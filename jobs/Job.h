@@ -11,6 +11,8 @@
 namespace vxsched {
 
 inline constexpr std::chrono::minutes cDefaultBackoff(1);
+// Of TJob::catchUp: however late.
+inline constexpr std::chrono::seconds cAnyDelay = std::chrono::seconds::max();
 
 // What the runner is to execute, and how. Strings may hold any byte but zero.
 struct TJob {
@@ -19,6 +21,15 @@ struct TJob {
     // The program and its arguments, as they are; empty if `shell` is set.
     std::vector<std::string> command;
     std::optional<std::string> shell;  // a text for `/bin/sh -c`
+
+    // The calendar by which the task is launched; the table's period is an hour then.
+    std::string cron;  // an expression, as ParseCron() reads it; empty: the grid of the period
+    std::string zone;  // of that; empty: the machine's
+    // How late a launch is still made that was due while no host ran, or the machine slept; without:
+    // none is.
+    std::optional<std::chrono::seconds> catchUp;
+    std::optional<std::chrono::sys_seconds>
+        until;  // without a launch after that, the task is removed
 
     std::string user;                      // name or number; empty: the launcher's
     std::string group;                     // name or number; empty: the user's main one

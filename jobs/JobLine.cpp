@@ -57,7 +57,9 @@ public:
     }
 
 private:
-    const std::string& Value(const TJobOption& option) {
+    std::string Value(const TJobOption& option) {
+        if (option.implied != nullptr)
+            return option.implied;
         if (next == arguments.size())
             throw CJobError(
                 fmt::format("--{} has no value; give it a {}", option.name, option.valueName));
@@ -89,11 +91,19 @@ TJob ReadJobLine(std::string_view line) {
     return ParseJob(SplitWords(line));
 }
 
+// The value of an option that may stand alone is part of its word.
+static std::string OptionInLine(const TJobOption& option, const std::string& value) {
+    if (option.implied == nullptr)
+        return fmt::format("--{} {}", option.name, ShellWord(value));
+    return value == option.implied ? fmt::format("--{}", option.name)
+                                   : fmt::format("--{}={}", option.name, value);
+}
+
 std::string JobLine(const TJob& job) {
     std::string line;
     for (const TJobOption& option : cJobOptions) {
         for (const std::string& value : option.values(job))
-            line += fmt::format("--{} {} ", option.name, ShellWord(value));
+            line += OptionInLine(option, value) + ' ';
     }
     if (job.shell)
         return line.substr(0, line.size() - 1);

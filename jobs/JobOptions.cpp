@@ -10,6 +10,9 @@
 #include "base/CParseError.h"
 #include "base/CParser.h"
 #include "base/Duration.h"
+#include "base/IsoTime.h"
+#include "calendar/CCalendarError.h"
+#include "calendar/ParseCron.h"
 #include "jobs/CJobError.h"
 
 namespace vxsched {
@@ -73,6 +76,41 @@ void SetDuration(TJob& job, const std::string& value) {
 template <std::optional<seconds> TJob::*Field>
 std::vector<std::string> DurationIn(const TJob& job) {
     return job.*Field ? std::vector{FormatDuration(*(job.*Field))} : std::vector<std::string>();
+}
+
+void SetCron(TJob& job, const std::string& value) {
+    try {
+        ParseCron(value);
+    } catch (const CCalendarError& error) {
+        throw CJobError(error.what());
+    }
+    job.cron = value;
+}
+
+constexpr char cAny[] = "any";
+
+// An option that may stand alone has no empty value by which to remove it.
+void SetCatchUp(TJob& job, const std::string& value) {
+    if (value == "no")
+        job.catchUp.reset();
+    else
+        job.catchUp = value == cAny ? cAnyDelay : DurationOf(value);
+}
+
+std::vector<std::string> CatchUpIn(const TJob& job) {
+    return job.catchUp == cAnyDelay ? std::vector<std::string>{cAny}
+                                    : DurationIn<&TJob::catchUp>(job);
+}
+
+void SetUntil(TJob& job, const std::string& value) {
+    const std::optional<TMoment> time = ReadUtcTime(value);
+    if (!time)
+        throw CJobError("give a time such as 2026-12-31T23:00:00.000Z");
+    job.until = std::chrono::floor<seconds>(*time);
+}
+
+std::vector<std::string> UntilIn(const TJob& job) {
+    return job.until ? std::vector{UtcTime(*job.until)} : std::vector<std::string>();
 }
 
 void SetUmask(TJob& job, const std::string& value) {
@@ -163,10 +201,19 @@ constexpr bool cOnce = false;
 constexpr bool cRepeatable = true;
 
 // In the order in which a line has them.
-const std::array<TJobOption, 19> cJobOptions = {{
+const std::array<TJobOption, 23> cJobOptions = {{
     {"task", "NAME", "The task's name in records", cOnce,
      [](TJob& job, const std::string& value) { job.task = RequireText(value); },
      TextIn<&TJob::task>},
+    {"cron", "EXPRESSION", "The calendar of launches, in place of a period", cOnce, SetCron,
+     TextIn<&TJob::cron>},
+    {"zone", "ZONE", "Its time zone, such as Europe/Berlin; default the machine's", cOnce,
+     [](TJob& job, const std::string& value) { job.zone = RequireText(value); },
+     TextIn<&TJob::zone>},
+    {"catch-up", "DURATION", "Launch once what was missed, if no later than that", cOnce,
+     SetCatchUp, CatchUpIn, cAny},
+    {"until", "TIME", "Remove the task after its last launch before this time", cOnce, SetUntil,
+     UntilIn},
     {"user", "USER", "As whom the program runs", cOnce,
      [](TJob& job, const std::string& value) { job.user = RequireText(value); },
      TextIn<&TJob::user>},

@@ -19,13 +19,16 @@ struct TJobOption {
     void (*set)(TJob& job, const std::string& value);
     // What `set` would make the same field of; empty if it is as without the option.
     std::vector<std::string> (*values)(const TJob& job);
+    const char* implied = nullptr;  // the value of the option alone; null: it has to be given one
 };
 
 // The names of options that are no settings.
 inline constexpr std::string_view cTaskOption = "task";
 inline constexpr std::string_view cShellOption = "shell";
+inline constexpr std::string_view cCronOption = "cron";
+inline constexpr std::string_view cUntilOption = "until";
 
-extern const std::array<TJobOption, 19> cJobOptions;
+extern const std::array<TJobOption, 23> cJobOptions;
 
 // Has the option take a value. Throws CJobError, which names the option and the value.
 void SetJobOption(TJob& job, const TJobOption& option, const std::string& value);

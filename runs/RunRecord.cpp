@@ -181,6 +181,8 @@ TJson JsonOf(const TRunRecord& record) {
         json["signal"] = record.number;
     if (record.outcome == TRunRecord::cNotStarted)
         json["error"] = record.error;
+    if (record.missed != 0)
+        json["missed"] = record.missed;
     if (record.success)
         json["success"] = *record.success;
     if (record.timeLimit)
@@ -278,6 +280,7 @@ static TRunRecord ReadRecord(const TJson& json) {
     record.underWay = json.value("underWay", "");
     if (json.contains("timeLimit"))
         record.timeLimit = std::chrono::seconds(ReadInteger<std::int32_t>(json, "timeLimit"));
+    record.missed = ReadInteger<std::size_t>(json, "missed");
     if (json.contains("success"))
         record.success = json.at("success").get<bool>();
     record.id = json.value("run", "");

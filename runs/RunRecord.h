@@ -72,6 +72,8 @@ struct TRunRecord {
     std::string underWay;           // the id of a run
     // The job's time limit, if it was terminated for having exceeded that.
     std::optional<std::chrono::seconds> timeLimit;
+    // Due times without a launch that the record stands for, of which `due` is the first; 0: that one.
+    std::size_t missed = 0;
     std::optional<bool> success;  // whether its end is good; only of a job that says which ends are
 
     bool operator==(const TRunRecord&) const = default;

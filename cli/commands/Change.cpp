@@ -1,6 +1,7 @@
 // create, edit, remove, pause, resume, period and wake.
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <optional>
 #include <set>
@@ -10,11 +11,14 @@
 #include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
 #include "base/ShellWord.h"
+#include "cli/commands/CalendarArguments.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/PausedTasks.h"
 #include "cli/commands/TaskCommand.h"
+#include "cli/output/JobFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "runs/OutputFiles.h"
+#include "store/CSchedule.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
 
@@ -29,7 +33,10 @@ std::string Describe(const TCommon& common, const TTaskEntry& task) {
                                  ? "now"
                                  : fmt::format("{} (in {})", FormatTime(task.next, common.zone),
                                                FormatDistance(Between(now, task.next)));
-    const std::string every = task.period == 0 ? "once" : "every " + FormatPeriod(task.period);
+    const std::string schedule = FormatSchedule(task);
+    const std::string every = task.period == 0                ? schedule
+                              : CSchedule(task).HasCalendar() ? "by the calendar " + schedule
+                                                              : "every " + schedule;
     return fmt::format("{}, {}, {} {}{}", task.name, every,
                        task.paused ? "paused, next due" : "next due", when,
                        common.dryRun ? " (nothing was changed)" : "");
@@ -37,6 +44,24 @@ std::string Describe(const TCommon& common, const TTaskEntry& task) {
 
 void PrintLine(COutput& output, const std::string& line) {
     output.Line(Show(line).string);
+}
+
+// The launches of a calendar after the next one, which show whether it is what was meant.
+void PrintLaunches(const TCommon& common, const TTaskEntry& task, COutput& output) {
+    constexpr int cShown = 4;
+    const CSchedule schedule(task);
+    if (!schedule.HasCalendar())
+        return;
+    std::vector<std::string> launches;
+    TTime launch = task.next;
+    while (launches.size() < cShown) {
+        launch = schedule.FirstFrom(launch + std::chrono::seconds(1));
+        if (launch == cNever || schedule.IsOver(launch))
+            break;
+        launches.push_back(FormatTime(launch, common.zone));
+    }
+    if (!launches.empty())
+        PrintLine(output, fmt::format("then {}", fmt::join(launches, ", ")));
 }
 
 // How a command reports a task: one that it has changed or would change, and one that was or is
@@ -97,27 +122,31 @@ std::string NoteOfFormerRuns(const TCommon& common, const std::string& name,
 
 }  // namespace
 
-TExitStatus Create(const TCommon& common, const TTaskArguments& arguments, bool replace,
+TExitStatus Create(const TCommon& common, const TTaskArguments& typed, bool replace,
                    COutput& output) {
     const TTime now = Now();
+    const TTaskArguments arguments = ByCron(typed);
     TTaskEntry entry;
     entry.name = arguments.name;
     CreateCommand(common.store.directory, entry, arguments);
-    const TNewTask task{arguments.name, ParseTime(arguments.at.value_or("now"), now),
-                        ParsePeriod(arguments.every.value_or("once")), entry.program,
-                        entry.parameter};
+    entry.next = ParseTime(arguments.at.value_or("now"), now);
+    entry.period = ParsePeriod(arguments.every.value_or("once"));
+    const TNewTask task{entry.name, entry.next, entry.period, entry.program, entry.parameter};
     const CStore store(common.store);
     if (common.dryRun) {
-        store.CheckCreate(task, replace, common.forced);
-        PrintLine(output, "would create " + Describe(common, {task.name, task.due, TTime(),
-                                                              task.period, "", "", false}));
+        const TTaskEntry made = store.CheckCreate(task, replace, common.forced);
+        PrintLine(output, "would create " + Describe(common, made));
+        PrintLaunches(common, made, output);
         return cDone;
     }
-    PrintLine(output, "created " + Describe(common, store.Create(task, replace, common.forced)));
+    const TTaskEntry made = store.Create(task, replace, common.forced);
+    PrintLine(output, "created " + Describe(common, made));
+    PrintLaunches(common, made, output);
     return cDone;
 }
 
-TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput& output) {
+TExitStatus Edit(const TCommon& common, const TTaskArguments& typed, COutput& output) {
+    const TTaskArguments arguments = ByCron(typed);
     TEdit edit;
     if (arguments.at)
         edit.due = ParseTime(*arguments.at, Now());
@@ -141,6 +170,7 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& arguments, COutput
     const char* const would = isRenamed ? "would rename" : "would change";
     PrintLine(output,
               fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
+    PrintLaunches(common, task, output);
     if (isRenamed) {
         if (const std::string note = NoteOfFormerRuns(common, arguments.name, task); !note.empty())
             PrintLine(output, note);

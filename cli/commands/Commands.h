@@ -119,6 +119,8 @@ struct TTaskArguments {
     std::optional<std::string> newName = {};
     std::vector<std::string> command = {};  // the program and its arguments
     TJobArguments options = {};
+    // Short forms of a calendar: "daily", "weekly" or "monthly", and the value.
+    std::vector<std::pair<std::string, std::string>> calendar = {};
 };
 TExitStatus Create(const TCommon& common, const TTaskArguments& task, bool replace,
                    COutput& output);

@@ -8,7 +8,6 @@
 #include "cli/commands/TaskState.h"
 #include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
-#include "cli/time/PeriodFormat.h"
 
 namespace vxsched {
 
@@ -71,7 +70,7 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
         columns.Add(task.paused ? cNoValue : FormatDistance(Between(now, task.next)));
         columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNoValue);
         columns.Add(hasRun ? FormatDistance(Between(now, task.last)) : cNoValue);
-        columns.Add(FormatPeriod(task.period));
+        columns.Add(FormatSchedule(task));
         columns.Add(one.state.Describe(), ColourOf(one.state));
         columns.Add(task.name, EColour::cBold);
         columns.Add(FormatCommand(common.store.directory, task));

@@ -1,13 +1,15 @@
 // next: the coming runs of all tasks.
 
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <queue>
 
 #include "cli/commands/Commands.h"
 #include "cli/commands/DefaultCounts.h"
+#include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
-#include "cli/time/PeriodFormat.h"
+#include "store/CSchedule.h"
 #include "store/Grid.h"
 
 namespace vxsched {
@@ -27,7 +29,7 @@ struct TComing {
 };
 
 // The coming runs of all active tasks in time order. A task that is already due runs once now, and
-// then on its grid.
+// then by its schedule.
 class CComingRuns {
 public:
     CComingRuns(const std::vector<TTaskEntry>& allTasks, TTime moment)
@@ -44,16 +46,19 @@ public:
         const TComing first = coming.top();
         coming.pop();
         const TTaskEntry& task = tasks[first.index];
-        const std::chrono::seconds step = StepOf(task.period);
-        if (step != std::chrono::seconds(0) && first.time < cFarthest)
-            coming.push(
-                {NextOnGrid(task.next, step, first.time + std::chrono::seconds(1)), first.index});
+        if (StepOf(task.period) == std::chrono::seconds(0) || first.time >= cFarthest)
+            return first;
+        const CSchedule& schedule = schedules.try_emplace(first.index, task).first->second;
+        const TTime next = schedule.FirstFrom(first.time + std::chrono::seconds(1));
+        if (!schedule.IsOver(next) && (next < cNever || !schedule.HasCalendar()))
+            coming.push({next, first.index});
         return first;
     }
 
 private:
     const std::vector<TTaskEntry>& tasks;
     const TTime now;
+    std::map<std::size_t, CSchedule> schedules;  // by the index of the task
     std::priority_queue<TComing, std::vector<TComing>, std::greater<>> coming;
 };
 
@@ -81,7 +86,7 @@ TExitStatus Next(const TCommon& common, std::optional<std::size_t> count, const 
         }
         columns.Add(FormatTime(run->time, common.zone));
         columns.Add(FormatDistance(Between(now, run->time)));
-        columns.Add(FormatPeriod(task.period));
+        columns.Add(FormatSchedule(task));
         columns.Add(task.name);
     }
     // The limit was this command's choice, so the user must learn of it.

@@ -12,6 +12,7 @@
 #include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
 #include "base/ShellWord.h"
+#include "calendar/Describe.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/TaskState.h"
 #include "cli/output/JobFormat.h"
@@ -21,6 +22,7 @@
 #include "jobs/JobOptions.h"
 #include "runs/HistoryReader.h"
 #include "runs/OutputFiles.h"
+#include "store/CSchedule.h"
 #include "store/MakeError.h"
 #include "store/NoSuchTask.h"
 #include "store/OwedLaunches.h"
@@ -38,6 +40,8 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
     TTaskEntry real = task;
     real.program = RealProgram(common.store.directory, task.program);
     const EProgram how = real.program == task.program ? EProgram::cAsNamed : EProgram::cThroughLink;
+    if (const CSchedule schedule(task); !schedule.Problem().empty())
+        return schedule.Problem();
     for (const TValidationError& error : Validate(real, now, how)) {
         if (error.IsAboutProgram() || error.kind == TValidationError::cNoJob)
             return error.message;
@@ -140,6 +144,16 @@ void ShowOptions(const TJob& job, const TLine& line) {
     }
 }
 
+void ShowSchedule(const TTaskEntry& task, const TLine& line) {
+    const CSchedule schedule(task);
+    if (!schedule.HasCalendar()) {
+        line("Every", FormatPeriod(task.period));
+        return;
+    }
+    line("Calendar", Describe(schedule.Expression()));
+    line("Zone", schedule.Zone().Name());
+}
+
 void ShowProgram(const TCommon& common, const TTaskEntry& task, const TLine& line) {
     const std::string real = RealProgram(common.store.directory, task.program);
     line("Program", real);
@@ -198,7 +212,7 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     line("Next due", TimeAndDistance(task->next, now, common.zone));
     line("Last launch",
          task->last == TTime() ? "never" : TimeAndDistance(task->last, now, common.zone));
-    line("Every", FormatPeriod(task->period));
+    ShowSchedule(*task, line);
     if (!why.empty())
         line("Not running", why);
     for (const TTime due : owed)

@@ -1,9 +1,12 @@
 #include "cli/output/JobFormat.h"
 
+#include <fmt/format.h>
+
 #include <nlohmann/json.hpp>
 
 #include "base/ShellWord.h"
 #include "cli/output/Json.h"
+#include "cli/time/PeriodFormat.h"
 #include "jobs/CJobError.h"
 #include "jobs/JobLine.h"
 #include "jobs/JobOptions.h"
@@ -39,6 +42,13 @@ std::string FormatCommand(const std::string& directory, const TTaskEntry& task) 
         return job->shell ? *job->shell : JoinWords(job->command);
     const std::string program = RealProgram(directory, task.program);
     return task.parameter.empty() ? program : program + ' ' + task.parameter;
+}
+
+std::string FormatSchedule(const TTaskEntry& task) {
+    const std::optional<TJob> job = FindJob(task);
+    if (!job || job->cron.empty())
+        return FormatPeriod(task.period);
+    return job->zone.empty() ? job->cron : fmt::format("{} {}", job->cron, job->zone);
 }
 
 void AddJob(nlohmann::ordered_json& json, const TJob& job) {

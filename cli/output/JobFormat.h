@@ -21,6 +21,9 @@ std::string ProgramOf(const std::string& directory, const TTaskEntry& task);
 // program and its parameter.
 std::string FormatCommand(const std::string& directory, const TTaskEntry& task);
 
+// By what a task is launched: the expression of its calendar and its zone, else its period, `once` for none.
+std::string FormatSchedule(const TTaskEntry& task);
+
 // Adds the fields of a job: "command", an array, or "shell", and "options", an object of the options that
 // are set, each a string or, if it is repeatable, an array.
 void AddJob(nlohmann::ordered_json& json, const TJob& job);

@@ -13,6 +13,10 @@ static std::string AfterItsLimit(const TRunRecord& run) {
                          : "";
 }
 
+static std::string Missed(const TRunRecord& run) {
+    return run.missed == 0 ? "missed" : fmt::format("missed {} times", run.missed);
+}
+
 std::string FormatOutcome(const TRunRecord& run) {
     switch (run.outcome) {
         case TRunRecord::cExited:
@@ -26,9 +30,9 @@ std::string FormatOutcome(const TRunRecord& run) {
         case TRunRecord::cNotStarted:
             return "not started: " + run.error;
         case TRunRecord::cRescheduled:
-            return "missed, rescheduled";
+            return Missed(run) + ", rescheduled";
         case TRunRecord::cRemoved:
-            return "missed, removed";
+            return Missed(run) + ", removed";
         case TRunRecord::cLaunchUnknownRescheduled:
             return "launch unknown, rescheduled";
         case TRunRecord::cLaunchUnknownRemoved:

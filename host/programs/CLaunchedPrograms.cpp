@@ -60,6 +60,14 @@ void CLaunchedPrograms::LaunchFailed(const TRunRecord& run) {
     Record(run);
 }
 
+void CLaunchedPrograms::LaunchMissed(const TRunRecord& run) {
+    LogWarning(fmt::format("missed while the machine slept, or its clock was set{}: {}",
+                           run.missed == 0 ? "" : fmt::format(", {} times", run.missed),
+                           DescriptionOf(run)));
+    const std::lock_guard<std::mutex> lock(mutex);
+    Record(run);
+}
+
 void CLaunchedPrograms::LaunchCancelled(const TRunRecord& run) {
     LogNotice(fmt::format("the launch that is owed for {} is cancelled: {}", DescriptionOf(run),
                           run.error));

@@ -42,6 +42,9 @@ public:
     // A program could not be launched, because of run.error.
     void LaunchFailed(const TRunRecord& run);
 
+    // Logs and records due times that passed without a launch.
+    void LaunchMissed(const TRunRecord& run);
+
     // A launch that this host owed is not made, because of run.error. Blocks until its record is on
     // the disk.
     void LaunchCancelled(const TRunRecord& run);

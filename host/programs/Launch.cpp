@@ -28,6 +28,7 @@
 #include "host/programs/CLaunchedPrograms.h"
 #include "host/programs/COwedLaunches.h"
 #include "host/programs/CProgramOutput.h"
+#include "host/programs/CalendarTasks.h"
 #include "host/programs/LaunchedTask.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
@@ -37,6 +38,10 @@
 #include "store/CLaunchEnvironment.h"
 #include "store/Layout.h"
 #include "store/TaskFileName.h"
+
+using vxsched::CSchedule;
+using vxsched::TTaskEntry;
+using vxsched::TTime;
 
 namespace {
 
@@ -55,6 +60,7 @@ TMoment gUpSince;
 // of the launch, if it succeeded, and one to reschedule its task.
 struct TTimeCalls {
     time_t due = 0;
+    std::optional<vxsched::TTime> next;  // the due time that the rescheduling leaves alone
     int remaining = 0;
 };
 thread_local TTimeCalls gTimeCalls;
@@ -75,9 +81,9 @@ void FillActions(CSpawnActions& actions, int output, const std::optional<std::st
 
 // The task that is being launched; null if it is unknown. The worker reads its own list, during its
 // tick, which holds the store mutex: nothing changes the list meanwhile.
-const TTask* FindTask(const char* path, char* const arguments[]) {
+TTask* FindTask(const char* path, char* const arguments[]) {
     const char* const parameters = arguments[0] != nullptr ? arguments[1] : nullptr;
-    if (const TTask* const task = FindLaunchedTask(**gTasks, path, parameters))
+    if (TTask* const task = FindLaunchedTask(**gTasks, path, parameters))
         return task;
     LogWarning(
         fmt::format("program {} belongs to no task of the add-in's list. It is launched, and "
@@ -263,17 +269,20 @@ TLaunched Launch(TRunRecord& run, const TRequest& request, const CDescriptor& ou
 // The add-in's waitpid() finds no such process.
 constexpr pid_t cNoProcess = std::numeric_limits<pid_t>::max();
 
+TTaskEntry EntryOf(const TTask& task) {
+    return {.name = task.name,
+            .next = TimeOf(task.nextExecution),
+            .last = TimeOf(task.lastExecuted),
+            .period = task.period,
+            .program = task.program,
+            .parameter = task.parameters,
+            .paused = task.paused != 0};
+}
+
 // Whether the program of `task` was launched for its due time, by this host or the one before. To
 // the add-in that is a launch: it reschedules the task.
-bool IsMade(const TTask& task) {
-    const std::optional<TLaunchRecord> launch =
-        FindRecentLaunch({.name = task.name,
-                          .next = TimeOf(task.nextExecution),
-                          .last = TimeOf(task.lastExecuted),
-                          .period = task.period,
-                          .program = {},
-                          .parameter = {},
-                          .paused = false});
+bool IsMade(const TTaskEntry& task) {
+    const std::optional<TLaunchRecord> launch = FindRecentLaunch(task);
     if (launch)
         LogWarning(fmt::format(
             "task \"{}\" is due again for a time for which it was launched, at {}: another process "
@@ -282,9 +291,10 @@ bool IsMade(const TTask& task) {
     return launch.has_value();
 }
 
-// `result` is that of the launch.
-void ExpectTimeCalls(vxsched::TTime due, int result) {
-    gTimeCalls = {.due = due.time_since_epoch().count(), .remaining = result == 0 ? 2 : 1};
+// `result` is that of the launch; `next` the task's due time after it, if that is set already.
+void ExpectTimeCalls(vxsched::TTime due, int result, std::optional<vxsched::TTime> next) {
+    gTimeCalls = {
+        .due = due.time_since_epoch().count(), .next = next, .remaining = result == 0 ? 2 : 1};
 }
 
 void ReportFailure(TRunRecord& run, const TLaunched& launched) {
@@ -351,59 +361,90 @@ bool MakeOwedLaunch(const TOwedLaunch& owed) {
     return true;
 }
 
+// Launches a program of no known task.
+int LaunchUnknown(const TRequest& request, pid_t* process) {
+    TRunRecord run = Describe(nullptr, request.path, request.arguments);
+    const TLaunched launched = LaunchWithRetries(run, request);
+    if (launched.error == 0)
+        *process = launched.child;
+    else
+        ReportFailure(run, launched);
+    return launched.error;
+}
+
+// Launches the program of a task that the tick has found due.
+int LaunchDue(const TTask& task, TRequest request, pid_t* process) {
+    TRunRecord run = Describe(&task, request.path, request.arguments);
+    CLaunchIntents::Instance().Intend(IntentOf(task), FindDue);
+    request.formerStart = TimeOf(task.lastExecuted);
+    const TLaunched launched = LaunchWithRetries(run, request);
+    if (launched.error == 0) {
+        *process = launched.child;
+        COwedLaunches::Instance().ForgetMade(*run.task, *run.due);
+    } else if (launched.error == EAGAIN) {
+        LogWarning(
+            fmt::format("cannot start {} yet: {}. Task \"{}\" is launched as soon as the "
+                        "system has a process for it. Raise the limit on processes (ulimit "
+                        "-u, TasksMax= of the unit).",
+                        run.program, std::strerror(launched.error), *run.task));
+        COwedLaunches::Instance().Add({.task = *run.task,
+                                       .due = *run.due,
+                                       .program = run.program,
+                                       .parameter = run.parameter,
+                                       .period = task.period,
+                                       .formerStart = TimeOf(task.lastExecuted)});
+    } else {
+        ReportFailure(run, launched);
+    }
+    return launched.error;
+}
+
 }  // namespace
 
 // Called by the add-in in place of posix_spawn(), on the worker, under the store mutex. Differs
 // from libc's function in what the program inherits, and adds the task's name and due time to the
 // environment; the add-in passes no attributes and no actions. The process is the program's runner,
 // which ends as the program does. A launch that the system refuses for want of processes is made
-// later, one that was made is not made again. Returns 0 or an error number, as libc's does; errno is
+// later, one that was made is not made again, and of a task with a calendar none is made that its
+// calendar does not have. The task's next due time by its calendar is set. Returns 0 or an error number, as libc's does; errno is
 // not defined.
 static int OnSpawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* /*actions*/,
                    const posix_spawnattr_t* /*attributes*/, char* const arguments[],
                    char* const environment[]) {
-    const TTask* const task = FindTask(path, arguments);
-    if (task != nullptr && IsMade(*task)) {
+    const TRequest request = {.path = path, .arguments = arguments, .environment = environment};
+    TTask* const task = FindTask(path, arguments);
+    if (task == nullptr) {
+        const TTime now = std::chrono::floor<std::chrono::seconds>(CurrentMoment());
+        const int result = LaunchUnknown(request, process);
+        ExpectTimeCalls(now, result, {});
+        return result;
+    }
+    const TTaskEntry entry = EntryOf(*task);
+    const CSchedule schedule(entry);
+    int result = ECANCELED;
+    bool isLaunched = true;
+    if (IsMade(entry)) {
         *process = cNoProcess;
-        ExpectTimeCalls(IntentOf(*task).due, 0);
-        return 0;
-    }
-    TRunRecord run = Describe(task, path, arguments);
-    if (task != nullptr)
-        CLaunchIntents::Instance().Intend(IntentOf(*task), FindDue);
-    TRequest request = {.path = path, .arguments = arguments, .environment = environment};
-    if (task != nullptr)
-        request.formerStart = TimeOf(task->lastExecuted);
-    const TLaunched launched = LaunchWithRetries(run, request);
-    const int result = launched.error;
-    if (result == 0) {
-        *process = launched.child;
-        if (run.task && run.due)
-            COwedLaunches::Instance().ForgetMade(*run.task, *run.due);
-    } else if (result == EAGAIN && run.task && run.due) {
-        LogWarning(
-            fmt::format("cannot start {} yet: {}. Task \"{}\" is launched as soon as the "
-                        "system has a process for it. Raise the limit on processes (ulimit "
-                        "-u, TasksMax= of the unit).",
-                        run.program, std::strerror(result), *run.task));
-        COwedLaunches::Instance().Add({.task = *run.task,
-                                       .due = *run.due,
-                                       .program = run.program,
-                                       .parameter = run.parameter,
-                                       .period = task->period,
-                                       .formerStart = TimeOf(task->lastExecuted)});
+        result = 0;
+    } else if (IsToBeLaunched(entry, schedule)) {
+        result = LaunchDue(*task, request, process);
     } else {
-        ReportFailure(run, launched);
+        isLaunched = false;
     }
-    ExpectTimeCalls(run.due.value_or(std::chrono::floor<std::chrono::seconds>(*run.started)),
-                    result);
+    ExpectTimeCalls(entry.next, result, Reschedule(*task, schedule, isLaunched));
     return result;
 }
 
 time_t TimeOfCall(time_t now) {
+    NoteClock();
     const bool reschedules = gTimeCalls.remaining == 1;
     gTimeCalls.remaining = std::max(gTimeCalls.remaining - 1, 0);
-    return reschedules ? std::max(now, gTimeCalls.due + 1) : now;
+    if (!reschedules)
+        return now;
+    // From its due time on the add-in would move a task to the grid, however late it reschedules it.
+    if (gTimeCalls.next)
+        return std::min(now, gTimeCalls.next->time_since_epoch().count() - 1);
+    return std::max(now, gTimeCalls.due + 1);
 }
 
 TLaunched LaunchByHand(const std::string& task, const std::string& program,

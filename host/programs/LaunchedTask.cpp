@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-const TTask* FindLaunchedTask(const std::list<TTask*>& tasks, const char* program,
-                              const char* parameters) {
+TTask* FindLaunchedTask(const std::list<TTask*>& tasks, const char* program,
+                        const char* parameters) {
     const auto found = std::find_if(tasks.begin(), tasks.end(), [&](const TTask* task) {
         return task->program.data() == program && task->parameters.data() == parameters;
     });

@@ -11,5 +11,5 @@ class TTask;
 //
 // For the thread that launches, during the launch: it holds the store mutex, and no other thread
 // touches the list.
-const TTask* FindLaunchedTask(const std::list<TTask*>& tasks, const char* program,
-                              const char* parameters);
+TTask* FindLaunchedTask(const std::list<TTask*>& tasks, const char* program,
+                        const char* parameters);

@@ -24,7 +24,9 @@
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "store/Backups.h"
+#include "store/CSchedule.h"
 #include "store/CStoreMutexLock.h"
+#include "store/Grid.h"
 #include "store/Layout.h"
 #include "store/StoreSemaphores.h"
 #include "store/TableFile.h"
@@ -377,6 +379,15 @@ bool CTableGuard::Examine(const std::string& bytes) {
     return true;
 }
 
+// Whether the launch of a task that was due has removed it.
+static bool IsOverAfter(const TTaskEntry& task, vxsched::TTime now) {
+    if (task.next > now || task.period == 0)
+        return task.next <= now;
+    const vxsched::CSchedule schedule(task);
+    return vxsched::StepOf(task.period).count() != 0 &&
+           schedule.IsOver(schedule.FirstFrom(std::max(now, task.next + std::chrono::seconds(1))));
+}
+
 // Returns the tasks of the last valid table that are gone; none when these and the new ones are no
 // more than the saves that were seen, and no damage was in between. Each call of a client removes
 // or creates one task at most, so a save that does both has overwritten another client's.
@@ -392,8 +403,7 @@ std::vector<TTaskEntry> CTableGuard::FindLost(const std::vector<TTaskEntry>& tas
     std::unordered_set<std::string_view> created = names;
     for (const TTaskEntry& task : former) {
         created.erase(task.name);
-        const bool hasRun = task.period == 0 && task.next <= now;
-        if (!hasRun && !names.contains(task.name))
+        if (!names.contains(task.name) && !IsOverAfter(task, now))
             lost.push_back(task);
     }
     return isDamageNoted || lost.size() + created.size() > saves.count ? lost

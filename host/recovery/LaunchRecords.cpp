@@ -18,6 +18,7 @@
 #include <vxsched/Error.h>
 #include "base/Sync.h"
 #include "host/CHostLog.h"
+#include "store/CSchedule.h"
 #include "store/Grid.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
@@ -265,8 +266,10 @@ std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, TTime 
             continue;
         }
         task->last = std::max(task->last, record.launched);
-        task->next = vxsched::NextOnGrid(task->next, step,
-                                         std::max(now, task->next + std::chrono::seconds(1)));
+        const vxsched::CSchedule schedule(*task);
+        task->next = schedule.FirstFrom(std::max(now, task->next + std::chrono::seconds(1)));
+        if (schedule.IsOver(task->next))
+            tasks.erase(task);
     }
     return changed;
 }

@@ -79,8 +79,8 @@ void SettleLaunches(const std::vector<TLaunchRecord>& records);
 // An owed launch is none. Any thread may call it.
 std::optional<TLaunchRecord> FindRecentLaunch(const vxsched::TTaskEntry& task);
 
-// Applies to `tasks` each launch that they do not show: the task is rescheduled to the first time on
-// its grid that is after the due time and not before `now`, or removed if it runs once. Returns how
+// Applies to `tasks` each launch that they do not show: the task is rescheduled to the first time of
+// its schedule that is after the due time and not before `now`, or removed if it runs once or is over. Returns how
 // many tasks were changed.
 std::size_t ApplyLaunchRecords(const std::vector<TLaunchRecord>& records, vxsched::TTime now,
                                std::vector<vxsched::TTaskEntry>& tasks);

@@ -59,9 +59,10 @@ static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
         const bool isRescheduled = run.outcome == TRunRecord::cRescheduled ||
                                    run.outcome == TRunRecord::cLaunchUnknownRescheduled;
         LogWarning(fmt::format(
-            "{}: task \"{}\", due {}, {}: {} \"{}\"",
+            "{}: task \"{}\", due {}, {}{}: {} \"{}\"",
             isUnknown ? "launch unknown after a power failure" : "missed while no host ran",
             *run.task, due.empty() ? "in a year that no calendar has" : due,
+            run.missed == 0 ? "" : fmt::format("and {} times until now, ", run.missed - 1),
             isRescheduled ? "rescheduled" : "removed", run.program, run.parameter));
         TRunRecord record = run;
         record.id = MakeOwnRunId();
@@ -70,6 +71,9 @@ static void ReportPrepared(const TPrepared& prepared, CRunHistory& history) {
     }
     if (!prepared.notLaunched.empty())
         history.Sync();
+    for (const TTaskEntry& task : prepared.caughtUp)
+        LogNotice(fmt::format("task \"{}\" was due at {} while no host ran: it catches up",
+                              task.name, UtcTime(task.next)));
     for (const TTaskEntry& task : prepared.late)
         LogNotice(
             fmt::format("task \"{}\" was due at {} while the previous host was up, which ended "

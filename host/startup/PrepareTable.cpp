@@ -4,8 +4,11 @@
 #include <utility>
 
 #include <vxsched/Validation.h>
+#include "store/CSchedule.h"
 #include "store/Grid.h"
 
+using std::chrono::seconds;
+using vxsched::CSchedule;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
@@ -36,32 +39,80 @@ static TRunRecord RunOf(const TTaskEntry& task, TRunRecord::EOutcome outcome,
     return record;
 }
 
+namespace {
+
+// The times of a task that passed without a launch: `count` from `first` to `last`.
+struct TMissed {
+    std::size_t count = 0;
+    TTime first;
+    TTime last;
+};
+
+TMissed FindMissed(const TTaskEntry& task, const CSchedule& schedule, TTime now) {
+    if (schedule.HasCalendar()) {
+        const auto [count, first, last] = schedule.PassedUntil(now - seconds(1));
+        return {count, first, last};
+    }
+    if (task.period == 0)
+        return {1, task.next, task.next};
+    const std::chrono::seconds step = vxsched::StepOf(task.period);
+    return {1, task.next, schedule.FirstFrom(now) - step};
+}
+
+// Reschedules the task, be it missed or not, or removes it.
+void Reschedule(TTaskEntry task, const CSchedule& schedule, TTime now, TPrepared& prepared) {
+    if (task.period == 0)
+        return;
+    const TTime earliest = schedule.HasCalendar() ? now : std::max(now, task.next + seconds(1));
+    task.next = schedule.FirstFrom(earliest);
+    if (!schedule.IsOver(task.next))
+        prepared.tasks.push_back(std::move(task));
+}
+
+void PrepareMissed(TTaskEntry task, const CSchedule& schedule, TTime now, TPrepared& prepared) {
+    TMissed missed = FindMissed(task, schedule, now);
+    const bool isCaughtUp = missed.count > 0 && schedule.CatchUp() &&
+                            now - missed.last <= *schedule.CatchUp() &&
+                            !vxsched::AbortsLaunch(task.program);
+    if (isCaughtUp)
+        --missed.count;
+    if (missed.count > 0) {
+        TRunRecord record = RunOf(task, TRunRecord::cRemoved, TRunRecord::cRescheduled);
+        record.due = missed.first;
+        record.missed = missed.count == 1 ? 0 : missed.count;
+        prepared.notLaunched.push_back(record);
+    }
+    if (!isCaughtUp)
+        return Reschedule(std::move(task), schedule, now, prepared);
+    task.next = missed.last;
+    prepared.caughtUp.push_back(task);
+    prepared.tasks.push_back(std::move(task));
+}
+
+}  // namespace
+
 TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TLaunchRecord>& records,
                        const std::vector<TLaunchIntent>& intents,
                        const std::optional<TUptime>& previous, TTime now) {
     ApplyLaunchRecords(records, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
+        const CSchedule schedule(task);
+        const bool isLaunchTime = schedule.IsLaunchTime(task.next);
         // Also a task that is due later, because the clock was set back.
         const bool isIntended = IsIntended(intents, task);
-        if (!isIntended && (task.paused || task.next >= now)) {
+        if (!isIntended && (task.paused || (task.next >= now && isLaunchTime))) {
             prepared.tasks.push_back(std::move(task));
-            continue;
-        }
-        if (!isIntended && IsLate(task, previous)) {
+        } else if (isIntended) {
+            prepared.notLaunched.push_back(RunOf(task, TRunRecord::cLaunchUnknownRemoved,
+                                                 TRunRecord::cLaunchUnknownRescheduled));
+            Reschedule(std::move(task), schedule, now, prepared);
+        } else if (isLaunchTime && IsLate(task, previous)) {
             prepared.late.push_back(task);
             prepared.tasks.push_back(std::move(task));
-            continue;
+        } else {
+            PrepareMissed(std::move(task), schedule, now, prepared);
         }
-        prepared.notLaunched.push_back(
-            isIntended ? RunOf(task, TRunRecord::cLaunchUnknownRemoved,
-                               TRunRecord::cLaunchUnknownRescheduled)
-                       : RunOf(task, TRunRecord::cRemoved, TRunRecord::cRescheduled));
-        if (task.period == 0)
-            continue;
-        task.next = vxsched::NextOnGrid(task.next, vxsched::StepOf(task.period),
-                                        std::max(now, task.next + std::chrono::seconds(1)));
-        prepared.tasks.push_back(std::move(task));
     }
     return prepared;
 }

@@ -14,6 +14,7 @@ struct TPrepared {
     std::vector<vxsched::TTaskEntry> tasks;
     std::vector<TRunRecord> notLaunched;    // missed or unknown: rescheduled, or removed
     std::vector<vxsched::TTaskEntry> late;  // due while the previous host was up: to be launched
+    std::vector<vxsched::TTaskEntry> caughtUp;  // missed, and to be launched all the same
 };
 
 // Decides about the active tasks that are due at `now`:
@@ -24,6 +25,8 @@ struct TPrepared {
 // - A task that came due during `previous`, the uptime of the previous host, stays due.
 // - Any other was missed: it is rescheduled on its grid, or removed if it runs once, as the
 //   add-in's load would do.
+// What was missed is counted by the calendar of a task that has one. The last time that was missed stays
+// due if the task's job asks for that (TJob::catchUp). A job that is over (TJob::until) is removed.
 // Paused tasks stay as they are.
 TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks,
                        const std::vector<TLaunchRecord>& records,

@@ -95,7 +95,8 @@ public:
     // with the permissions of the owner of `files/`, as whom the scheduling process launches it.
     std::vector<TValidationError> Check(const TNewTask& task, const TForced& forced) const;
 
-    // Adds an active task at the end of the table. With `replace` a task of the same name keeps its
+    // Adds an active task at the end of the table. If it is a job for vxrun with a calendar, that sets
+    // due time and period, whatever `task` has. With `replace` a task of the same name keeps its
     // position in the table and its last launch, and gets all other fields; if that had the same
     // due time, and is launched for it while the call waits, the new one is not launched for it
     // again: one that runs once is not made. A repeating task whose due time is past by more than
@@ -104,13 +105,14 @@ public:
     // taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
-    // Throws what Create() would throw now, without a change.
-    void CheckCreate(const TNewTask& task, bool replace, const TForced& forced = {}) const;
+    // Returns the entry that Create() would make now, without a change. Throws like it.
+    TTaskEntry CheckCreate(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
     // Returns the entry that Edit() would write, without a change. Throws like Edit().
     TTaskEntry Edited(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
-    // Changes a task and returns the new entry. A paused task stays paused, and if it repeats and
+    // Changes a task and returns the new entry. A calendar of its job sets the due time; an edit of due
+    // time or period is refused then. A paused task stays paused, and if it repeats and
     // its due time is past, it is rescheduled. An active task with a past due time is due: its
     // program runs at once. A program that is not edited is not validated; one that is launched
     // through a link of an earlier version is executed by the runner from then on. If the task changes

@@ -13,12 +13,12 @@ import sys
 from concurrent.futures import ThreadPoolExecutor
 
 # Each directory, and the ones whose headers its sources may include besides its own; docs/design.md draws them.
-STORE = {"base", "jobs"}
+STORE = {"base", "calendar", "jobs"}
 RUNS = STORE | {"store"}
 CONTROL = RUNS | {"runs"}
 CLIENT = RUNS | {"runs"}
 HOST = {"base"}
-RECOVERY = HOST | {"host", "jobs", "store"}
+RECOVERY = HOST | {"calendar", "host", "jobs", "store"}
 CLI_TIME = STORE | {"store"}
 CLI_OUTPUT = CLI_TIME | {"cli/time", "runs"}
 ARROWS = {
@@ -27,7 +27,7 @@ ARROWS = {
     "scheduler": {"sync", "addin"},
     "base": set(),
     "calendar": {"base"},
-    "jobs": {"base"},
+    "jobs": {"base", "calendar"},
     "store": STORE | {"scheduler"},
     "runs": RUNS,
     "control": CONTROL,
@@ -41,7 +41,7 @@ ARROWS = {
     "host/service": RECOVERY | {"host/recovery", "host/programs", "control", "interpose", "runs"},
     "cli/time": CLI_TIME,
     "cli/output": CLI_OUTPUT,
-    "cli/commands": CLI_OUTPUT | {"cli/output", "calendar", "client", "control"},
+    "cli/commands": CLI_OUTPUT | {"cli/output", "client", "control"},
 }
 
 # Headers without a directory of their own in an include: the support library's, and <vxsched/...>. They are seen by the
