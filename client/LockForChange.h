@@ -5,12 +5,12 @@
 
 namespace vxsched {
 
-// Takes a lock before a change has begun; `arguments` are those of its constructor. Throws what that
-// throws; the message of cBusy adds that nothing was changed, and what to do.
-template <typename Lock, typename... Arguments>
-Lock LockForChange(const Arguments&... arguments) {
+// Does what a change needs before it begins, such as a read, which may find the store in use. Throws
+// what `action` throws; the message of cBusy adds that nothing was changed, and what to do.
+template <typename Action>
+auto DoBeforeChange(const Action& action) {
     try {
-        return Lock(arguments...);
+        return action();
     } catch (const CError& error) {
         if (error.Code() != EError::cBusy)
             throw;
@@ -19,6 +19,12 @@ Lock LockForChange(const Arguments&... arguments) {
                         "(--lock-timeout)",
                         error.what());
     }
+}
+
+// Takes a lock before a change has begun; `arguments` are those of its constructor.
+template <typename Lock, typename... Arguments>
+Lock LockForChange(const Arguments&... arguments) {
+    return DoBeforeChange([&] { return Lock(arguments...); });
 }
 
 }  // namespace vxsched

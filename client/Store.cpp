@@ -252,6 +252,11 @@ TTable CStore::Read() const {
     return ReadTable(options.directory, options.lockTimeout);
 }
 
+// To be called before a change that depends on the table.
+static TTable ReadForChange(const CStore& store) {
+    return DoBeforeChange([&] { return store.Read(); });
+}
+
 bool CStore::Wake() const {
     const std::optional<TSchedulingProcess> scheduler = FindSchedulingProcess(options.directory);
     if (!scheduler || !scheduler->sharesStore)
@@ -310,12 +315,12 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
     RefuseFor(Check(task, forced));
     TTaskEntry entry = EntryOf(task);
     const auto find = [&] {
-        const TTable table = Read();
+        const TTable table = ReadForChange(*this);
         const TTaskEntry* const found = table.Find(task.name);
         return found != nullptr ? std::optional(*found) : std::nullopt;
     };
     const std::optional<TTaskEntry> first = replace ? find() : std::nullopt;
-    if (!first || first->next != task.due)
+    if (!first || first->next != entry.next)
         return TryCreate(options, entry, replace, nullptr);
     // As in Edit(): a tick may launch the task for the time that the new one names. That launch is then
     // the new one's, which is due a period later, or has had its only run.
@@ -332,7 +337,9 @@ TTaskEntry CStore::Create(const TNewTask& task, bool replace, const TForced& for
             continue;
         if (entry.period == 0 && !seen)
             return entry;
-        entry.next = entry.period == 0 ? seen->next : entry.next + StepOf(entry.period);
+        entry.next = entry.period == 0
+                         ? seen->next
+                         : CSchedule(entry).FirstFrom(entry.next + std::chrono::seconds(1));
     }
 }
 
@@ -354,7 +361,7 @@ static TCall EditCall(const TTaskEntry& seen, const TTaskEntry& entry) {
 
 TTaskEntry CStore::Edited(std::string_view name, const TEdit& edit, const TForced& forced) const {
     const COwnerAccess ownerAccess(options.directory);
-    const TTable table = Read();
+    const TTable table = ReadForChange(*this);
     const TTaskEntry& seen = TaskOf(table, name);
     TTaskEntry entry = After(options.directory, seen, edit, forced);
     CheckChange(options, {EditCall(seen, entry)});
@@ -438,7 +445,7 @@ static std::vector<TCall> ResumeCalls(const TTable& table, const std::vector<std
 }
 
 void CStore::CheckResume(const std::vector<std::string>& names, const TForced& forced) const {
-    CheckChange(options, ResumeCalls(Read(), names, forced));
+    CheckChange(options, ResumeCalls(ReadForChange(*this), names, forced));
 }
 
 void CStore::Resume(const std::vector<std::string>& names, const TForced& forced) const {
@@ -446,7 +453,7 @@ void CStore::Resume(const std::vector<std::string>& names, const TForced& forced
         return task == nullptr ? call.mayRemove : !task->paused;
     };
     for (int tries = cTries;; --tries) {
-        const std::vector<TCall> calls = ResumeCalls(Read(), names, forced);
+        const std::vector<TCall> calls = ResumeCalls(ReadForChange(*this), names, forced);
         try {
             MakeChange(options, {calls, [&](const TOutcome& made) {
                                      return FindUnchanged(made, calls, isResumed);

@@ -23,6 +23,10 @@ static TJob FullJob() {
     TJob job;
     job.task = "nightly dump";
     job.command = {"/usr/bin/python3", "/srv/clean up.py", "--days", "7", ""};
+    job.cron = "30 2 * * mon-fri";
+    job.zone = "Europe/Berlin";
+    job.catchUp = 2h;
+    job.until = std::chrono::sys_seconds(1'795'271'400s);
     job.user = "www-data";
     job.group = "33";
     job.directory = "/var/www";
@@ -46,7 +50,8 @@ static TJob FullJob() {
 TEST(JobLine, OfEachOptionIsReadBack) {
     EXPECT_EQ(
         JobLine(FullJob()),
-        "--task 'nightly dump' --user www-data --group 33 --chdir /var/www --umask 027 "
+        "--task 'nightly dump' --cron '30 2 * * mon-fri' --zone Europe/Berlin --catch-up=2h "
+        "--until 2026-11-21T14:30:00.000Z --user www-data --group 33 --chdir /var/www --umask 027 "
         "--env 'A=b c' --env EMPTY= --env-file /etc/default/x --env-file /etc/y --timeout "
         "2h30m --kill-after 1m30s --overlap allow --random-delay 10m --success 0,3 --retry 3 "
         "--backoff 1m30s "
@@ -61,6 +66,19 @@ TEST(JobLine, OfATextForAShellIsReadBack) {
     EXPECT_EQ(JobLine(job), R"(--shell 'pg_dump db | gzip > '\''a b'\''')");
     EXPECT_EQ(ReadJobLine(JobLine(job)), job);
     EXPECT_THAT(CommandOf(job), ElementsAre("/bin/sh", "-c", *job.shell));
+}
+
+// Its value is optional, so that the next word is not its value.
+TEST(JobLine, TakesTheLimitOfALaunchThatIsCaughtUpWithAnEqualsSignOnly) {
+    EXPECT_EQ(ReadJobLine("--catch-up /bin/echo 2h").catchUp, vxsched::cAnyDelay);
+    EXPECT_THAT(ReadJobLine("--catch-up 2h").command, ElementsAre("2h"));
+    EXPECT_EQ(ReadJobLine("--catch-up=any /bin/echo").catchUp, vxsched::cAnyDelay);
+    EXPECT_EQ(ReadJobLine("--catch-up=no /bin/echo").catchUp, std::nullopt);
+    TJob job;
+    job.command = {"/bin/echo"};
+    job.catchUp = vxsched::cAnyDelay;
+    EXPECT_EQ(JobLine(job), "--catch-up -- /bin/echo");
+    EXPECT_EQ(ReadJobLine(JobLine(job)), job);
 }
 
 TEST(JobLine, NeedsNoSeparatorBeforeAProgramAndNoEqualsSign) {
@@ -107,6 +125,10 @@ TEST(JobLine, ThatIsWrongIsRefusedWithTheReason) {
         {"--success 0, -- /bin/true", "give exit statuses"},
         {"--success ,, -- /bin/true", "give exit statuses"},
         {"--overlap maybe -- /bin/true", "--overlap \"maybe\": give skip, queue, allow or replace"},
+        {"--cron '61 * * * *' -- /bin/true", "--cron \"61 * * * *\": "},
+        {"--cron '0 0 30 feb *' -- /bin/true", "never"},
+        {"--catch-up=soon -- /bin/true", "--catch-up \"soon\": give a duration"},
+        {"--until tomorrow -- /bin/true", "--until \"tomorrow\": "},
         {"--shell x -- /bin/true", "--shell and a program, \"/bin/true\"; give one of them"},
         {"--shell '' ", "--shell \"\": give a value that is not empty"},
         {"-- '/bin/true", "is not closed"},
