@@ -165,6 +165,7 @@ private:
     std::optional<std::size_t> count;
     std::string until;
     TTaskArguments task;
+    std::string flagValue;  // its option takes it
     TNames names;
     bool replace = false;
     bool merge = false;
@@ -382,11 +383,13 @@ void CCommandLine::AddCommand(CLI::App& command) {
         if (option.name == cTaskOption)
             continue;
         if (option.implied != nullptr) {
-            // A flag takes a value by = only, so that it does not take the program for one.
-            command
-                .add_flag(fmt::format("--{}{{{}}}", option.name, option.implied),
-                          task.options[option.name], option.help)
-                ->type_name(fmt::format("[={}]", option.valueName));
+            // A flag takes a value by = only, so that it does not take the program for one. Without a
+            // value it is "true".
+            command.add_flag(fmt::format("--{}", option.name), flagValue, option.help)
+                ->type_name(fmt::format("[={}]", option.valueName))
+                ->each([this, &option](const std::string& value) {
+                    task.options[option.name].push_back(value == "true" ? option.implied : value);
+                });
             continue;
         }
         command

@@ -94,12 +94,18 @@ void MakeSchedulable(TTaskEntry& entry) {
 void ScheduleByCalendar(TTaskEntry& entry, const CSchedule& schedule) {
     entry.period = cCalendarPeriod;
     entry.next = schedule.FirstFrom(Now() + std::chrono::seconds(1));
-    if (entry.next == cNever || schedule.IsOver(entry.next))
-        throw MakeError(EError::cRefused,
-                        "task \"{}\" would never be launched: its calendar has no time {}; change "
-                        "--cron or --until",
-                        entry.name,
-                        entry.next == cNever ? "that a clock shows" : "before that of --until");
+    if (entry.next == cNever)
+        throw MakeError(
+            EError::cRefused,
+            "task \"{}\" would never be launched: no clock shows a time of its calendar; "
+            "change that (--cron)",
+            entry.name);
+    if (schedule.IsOver(entry.next))
+        throw MakeError(
+            EError::cRefused,
+            "task \"{}\" would never be launched: it ends (--until) before the next time of "
+            "its calendar, {}",
+            entry.name, UtcTime(entry.next));
 }
 
 // Requires that the schedule of an entry can be used.
@@ -202,7 +208,8 @@ void EditSchedule(TTaskEntry& entry, const TTaskEntry& former, const TEdit& edit
                         entry.name);
     // A launch that is due stays so.
     const bool isDue = !entry.paused && entry.next <= Now() && schedule.IsLaunchTime(entry.next);
-    if (schedule.HasCalendar() && !isDue && (hasCommand || entry.paused))
+    const bool isOff = hasCommand || entry.paused || !schedule.IsLaunchTime(entry.next);
+    if (schedule.HasCalendar() && !isDue && isOff)
         ScheduleByCalendar(entry, schedule);
     else if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
         entry.next = schedule.FirstFrom(Now());

@@ -26,6 +26,7 @@ struct TJobOption {
 inline constexpr std::string_view cTaskOption = "task";
 inline constexpr std::string_view cShellOption = "shell";
 inline constexpr std::string_view cCronOption = "cron";
+inline constexpr std::string_view cZoneOption = "zone";
 inline constexpr std::string_view cUntilOption = "until";
 
 extern const std::array<TJobOption, 23> cJobOptions;

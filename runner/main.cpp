@@ -14,6 +14,7 @@
 #include "jobs/CJobError.h"
 #include "jobs/JobOptions.h"
 #include "runner/CCommand.h"
+#include "runner/ForeignLaunch.h"
 #include "runner/Request.h"
 #include "runner/RunProgram.h"
 
@@ -36,6 +37,16 @@ int RunCommand(const TRunRequest& request, const std::vector<std::string>& words
     }
     if (!job)
         return RunProgram(request, CCommand(words), nullptr);
+    if (IsForeignLaunch(*job, words.size())) {
+        const TForeignLaunch launch = FindForeignLaunch(*job, words.front());
+        if (!launch.task.empty()) {
+            job->task = launch.task;
+            RearmTask(launch.task, job->cron);
+        }
+        if (!launch.due)
+            return 0;
+        setenv("VXSCHED_DUE", std::to_string(launch.due->time_since_epoch().count()).c_str(), 1);
+    }
     NameTask(*job);
     return RunProgram(request, CCommand(CommandOf(*job)), &*job);
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include <vxsched/Error.h>
 #include "base/AbsolutePath.h"
@@ -13,10 +14,12 @@
 #include "base/ShellWord.h"
 #include "cli/commands/CalendarArguments.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/LaunchesAhead.h"
 #include "cli/commands/PausedTasks.h"
 #include "cli/commands/TaskCommand.h"
 #include "cli/output/JobFormat.h"
 #include "cli/time/PeriodFormat.h"
+#include "jobs/JobOptions.h"
 #include "runs/OutputFiles.h"
 #include "store/CSchedule.h"
 #include "store/MakeError.h"
@@ -44,24 +47,6 @@ std::string Describe(const TCommon& common, const TTaskEntry& task) {
 
 void PrintLine(COutput& output, const std::string& line) {
     output.Line(Show(line).string);
-}
-
-// The launches of a calendar after the next one, which show whether it is what was meant.
-void PrintLaunches(const TCommon& common, const TTaskEntry& task, COutput& output) {
-    constexpr int cShown = 4;
-    const CSchedule schedule(task);
-    if (!schedule.HasCalendar())
-        return;
-    std::vector<std::string> launches;
-    TTime launch = task.next;
-    while (launches.size() < cShown) {
-        launch = schedule.FirstFrom(launch + std::chrono::seconds(1));
-        if (launch == cNever || schedule.IsOver(launch))
-            break;
-        launches.push_back(FormatTime(launch, common.zone));
-    }
-    if (!launches.empty())
-        PrintLine(output, fmt::format("then {}", fmt::join(launches, ", ")));
 }
 
 // How a command reports a task: one that it has changed or would change, and one that was or is
@@ -110,6 +95,14 @@ TExitStatus ChangeNames(const TCommon& common, const TNames& names, const TWords
     return cDone;
 }
 
+bool ChangesSchedule(const TTaskArguments& arguments) {
+    const auto isGiven = [&](std::string_view option) {
+        return arguments.options.contains(std::string(option));
+    };
+    return arguments.at || arguments.every || isGiven(cCronOption) || isGiven(cZoneOption) ||
+           isGiven(cUntilOption);
+}
+
 // What is recorded of a task before its new name stays under the former one.
 std::string NoteOfFormerRuns(const TCommon& common, const std::string& name,
                              const TTaskEntry& task) {
@@ -136,12 +129,12 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& typed, bool repl
     if (common.dryRun) {
         const TTaskEntry made = store.CheckCreate(task, replace, common.forced);
         PrintLine(output, "would create " + Describe(common, made));
-        PrintLaunches(common, made, output);
+        PrintLaunchesAhead(common, made, output);
         return cDone;
     }
     const TTaskEntry made = store.Create(task, replace, common.forced);
     PrintLine(output, "created " + Describe(common, made));
-    PrintLaunches(common, made, output);
+    PrintLaunchesAhead(common, made, output);
     return cDone;
 }
 
@@ -170,7 +163,8 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& typed, COutput& ou
     const char* const would = isRenamed ? "would rename" : "would change";
     PrintLine(output,
               fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
-    PrintLaunches(common, task, output);
+    if (ChangesSchedule(arguments))
+        PrintLaunchesAhead(common, task, output);
     if (isRenamed) {
         if (const std::string note = NoteOfFormerRuns(common, arguments.name, task); !note.empty())
             PrintLine(output, note);

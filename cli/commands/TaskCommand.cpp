@@ -60,6 +60,13 @@ void TakeOptions(TJob& job, const TTaskArguments& arguments) {
     } catch (const CJobError& error) {
         throw CUsageError(error.what());
     }
+    // The zone of a calendar goes with it.
+    if (job.cron.empty() && !job.zone.empty() &&
+        arguments.options.contains(std::string(cZoneOption)))
+        throw CUsageError(
+            "--zone is that of a calendar; give one by --cron, --daily, --weekly or --monthly");
+    if (job.cron.empty())
+        job.zone.clear();
 }
 
 // Refuses what the runner would refuse at each launch.

@@ -233,7 +233,8 @@ TEST_F(CalendarLaunch, IsCaughtUpAtAStartupIfTheJobAsksForIt) {
 
 TEST_F(CalendarLaunch, OfAJobThatIsOverIsNotCaughtUp) {
     SetClock(cStart + cHour);
-    WriteTable({Job(cStart, cDaily + " --until 2026-11-21T14:29:00.000Z --catch-up"), Row("other")});
+    WriteTable(
+        {Job(cStart, cDaily + " --until 2026-11-21T14:29:00.000Z --catch-up"), Row("other")});
     CHost host;
     EXPECT_EQ(TickAt(cStart + cHour), TRows({Row("other")}));
     EXPECT_EQ(host.Stop(), 0);

@@ -109,8 +109,8 @@ TEST(Schedule, DueTimeThatTheCalendarLacksStandsForNoneBeforeTheLastLaunch) {
 }
 
 TEST(Schedule, EndsWithUntil) {
-    const CSchedule schedule(JobDue(
-        cSaturday, "--cron '*/15 * * * *' --zone UTC --until 2026-11-21T15:00:00.000Z"));
+    const CSchedule schedule(
+        JobDue(cSaturday, "--cron '*/15 * * * *' --zone UTC --until 2026-11-21T15:00:00.000Z"));
     EXPECT_FALSE(schedule.IsOver(cSaturday));
     EXPECT_FALSE(schedule.IsOver(cSaturday + 30min));
     EXPECT_TRUE(schedule.IsOver(cSaturday + 30min + 1s));
