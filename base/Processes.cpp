@@ -53,7 +53,9 @@ std::optional<TProcessStat> ReadProcessStat(const std::filesystem::path& directo
     words >> stat.state >> stat.parent >> stat.group;
     skip(3);
     words >> stat.flags;
-    skip(41);
+    skip(12);
+    words >> stat.start;
+    skip(28);
     words >> stat.environmentEnd;
     return stat;
 }

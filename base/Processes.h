@@ -29,6 +29,8 @@ struct TProcessStat {
     pid_t parent = 0;
     pid_t group = 0;
     unsigned int flags = 0;
+    std::uint64_t start =
+        0;  // in clock ticks since the system's; no later process of its number has it
     // The address of the end of its environment variables. 0 while an exec has not given it arguments
     // and variables yet, without memory, and where this user may not inspect the process.
     std::uint64_t environmentEnd = 0;

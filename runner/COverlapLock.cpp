@@ -42,5 +42,7 @@ std::vector<vxsched::TRunning> COverlapLock::FindOthers(const TRunRecord& run) {
     std::erase_if(others, [](const vxsched::TRunning& running) {
         return running.run.outcome != TRunRecord::cRunnerDied || IsOfDeadRunner(running);
     });
+    const std::vector<vxsched::TRunning> orphans = vxsched::FindOrphans(".", *run.task, run.id);
+    others.insert(others.end(), orphans.begin(), orphans.end());
     return others;
 }

@@ -15,7 +15,7 @@ public:
     // without such locks.
     COverlapLock();
 
-    // The other runs of the same task whose runner is alive; none if `run` is of no known task. One that
+    // The other runs of the same task whose runner or program is alive; none if `run` is of no known task. One that
     // waits for another has that one's id in `underWay`.
     static std::vector<vxsched::TRunning> FindOthers(const TRunRecord& run);
 

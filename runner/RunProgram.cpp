@@ -15,6 +15,7 @@
 #include <optional>
 
 #include "base/DisplayText.h"
+#include "base/Processes.h"
 #include "base/ShellWord.h"
 #include "base/Users.h"
 #include "base/WriteAll.h"
@@ -319,6 +320,8 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
         _exit(status);
     }
     run.process = process.Process();
+    if (const auto stat = vxsched::ReadProcessStat(vxsched::ProcessDirectory(run.process)))
+        run.processStart = stat->start;
     running.Update(run);
     // The launcher waits for it with the store mutex held: nothing else comes before.
     // Without its file nobody could find out that the run has ended.

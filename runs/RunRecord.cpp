@@ -196,6 +196,8 @@ TJson JsonOf(const TRunRecord& record) {
     }
     if (record.process != 0)
         json["process"] = record.process;
+    if (record.processStart != 0 && record.outcome == TRunRecord::cRunnerDied)
+        json["processStart"] = record.processStart;
     if (!record.stoppedBy.empty())
         json["stoppedBy"] = record.stoppedBy;
     if (!record.id.empty())
@@ -269,6 +271,7 @@ static TRunRecord ReadRecord(const TJson& json) {
     record.program = json.at("program");
     record.parameter = json.at("parameter");
     record.process = ReadInteger<pid_t>(json, "process");
+    record.processStart = ReadInteger<std::uint64_t>(json, "processStart");
     record.started = ReadTime(json, "started");
     record.ended = ReadTime(json, "ended");
     record.number = ReadInteger<int>(json, json.contains("status") ? "status" : "signal");

@@ -54,7 +54,8 @@ struct TRunRecord {
     std::optional<std::chrono::sys_seconds> due;
     std::string program;
     std::string parameter;
-    pid_t process = 0;  // 0: there was none
+    pid_t process = 0;               // 0: there was none
+    std::uint64_t processStart = 0;  // TProcessStat::start, of cRunnerDied: the process may go on
     std::optional<TMoment> started;
     std::optional<TMoment> ended;  // when its status was collected
     int number = 0;                // see EOutcome

@@ -13,9 +13,11 @@
 
 #include "base/CDescriptor.h"
 #include "base/FileLock.h"
+#include "base/Processes.h"
 #include "base/RegularFile.h"
 #include "base/SameFile.h"
 #include "store/Layout.h"
+#include "store/StoreAccess.h"
 #include "store/TaskFileName.h"
 
 // The header does not declare its functions as those of C.
@@ -25,6 +27,7 @@ extern "C" {
 
 namespace fs = std::filesystem;
 
+using vxsched::cOrphanDirectory;
 using vxsched::cRunningDirectory;
 
 // Of a few records, whose strings are as long as the system passes them to a program.
@@ -39,6 +42,22 @@ static std::optional<TRunRecord> LastRecordIn(const std::string& content) {
             run = later;
     }
     return run;
+}
+
+// Whether the process of a run's program goes on.
+static bool HasProcess(const TRunRecord& run) {
+    if (run.outcome != TRunRecord::cRunnerDied || run.process == 0)
+        return false;
+    const auto stat = vxsched::ReadProcessStat(vxsched::ProcessDirectory(run.process));
+    return stat && stat->start == run.processStart && !stat->HasEnded();
+}
+
+// Removes the file of a run that is recorded, unless it is that of an orphan.
+static void RemoveRecorded(const fs::path& path, const TRunRecord& run) {
+    const fs::path kept = fs::path(cOrphanDirectory) / path.filename();
+    if (!HasProcess(run) || vxsched::MakePrivateDirectory(cOrphanDirectory, ".") != 0 ||
+        rename(path.c_str(), kept.c_str()) == -1)
+        unlink(path.c_str());
 }
 
 // What is known of a run whose file cannot be read.
@@ -80,9 +99,11 @@ static bool RecordOne(const fs::path& path, const std::function<bool(const TRunR
         if (run.outcome == TRunRecord::cRunnerDied)
             run.ended = CurrentMoment();
         isDone = record(run);
-    }
-    if (isDone)
+        if (isDone)
+            RemoveRecorded(path, run);
+    } else {
         unlink(path.c_str());
+    }
     return isDone;
 }
 
@@ -119,10 +140,11 @@ std::optional<TRunFile> ReadRunFile(const fs::path& path) {
 }
 
 // In the order of the ids.
-std::vector<TRunFile> ReadRunFiles(const std::string& directory, const std::string& own = "") {
+std::vector<TRunFile> ReadRunFiles(const std::string& directory, const std::string& own = "",
+                                   const char* name = cRunningDirectory) {
     std::vector<TRunFile> files;
     std::error_code error;
-    for (fs::directory_iterator entry(fs::path(directory) / cRunningDirectory, error);
+    for (fs::directory_iterator entry(fs::path(directory) / name, error);
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
         if (entry->path().filename() == own)
             continue;
@@ -155,6 +177,23 @@ std::vector<TRunning> FindRunningRuns(const std::string& directory,
     return runs;
 }
 
+std::vector<TRunning> FindOrphans(const std::string& directory, const std::string& task,
+                                  const std::string& own) {
+    const std::string name = FileNameOf(task);
+    std::vector<TRunning> orphans;
+    for (const TRunFile& file : ReadRunFiles(directory, own)) {
+        if (!file.runner && TaskFileNameOf(file.run) == name && HasProcess(file.run))
+            orphans.push_back({.run = file.run, .isOrphan = true});
+    }
+    for (const TRunFile& file : ReadRunFiles(directory, "", cOrphanDirectory)) {
+        if (!HasProcess(file.run))
+            unlink((fs::path(directory) / cOrphanDirectory / file.run.id).c_str());
+        else if (TaskFileNameOf(file.run) == name)
+            orphans.push_back({.run = file.run, .isOrphan = true});
+    }
+    return orphans;
+}
+
 std::vector<TRunRecord> FindDeadRuns(const std::string& directory) {
     std::vector<TRunRecord> runs;
     for (const TRunFile& file : ReadRunFiles(directory)) {
@@ -178,6 +217,8 @@ bool IsRunning(const std::string& directory, const std::string& id) {
 }
 
 int Terminate(const std::string& directory, const TRunning& running, uid_t user) {
+    if (running.isOrphan)
+        return !HasProcess(running.run) || kill(-running.run.process, SIGTERM) == 0 ? 0 : errno;
     if (running.runner == 0)
         return EXDEV;
     const CDescriptor process(pidfd_open(running.runner, 0));

@@ -9,7 +9,8 @@
 
 #include "runs/RunRecord.h"
 
-// The runs that have a CRunningFile: those under way, and those whose runner has died.
+// The runs that have a CRunningFile: those under way, and those whose runner has died. The file of one
+// whose program goes on without its runner is kept in files/orphans/ once the run is recorded.
 
 // Calls `record` with each run in the working directory whose runner has died or could not record its
 // end, and removes its file if that returns true. Returns false if one was not recorded. Several
@@ -20,10 +21,11 @@ bool RecordDeadRunners(const std::function<bool(const TRunRecord&)>& record);
 
 namespace vxsched {
 
-// A run whose runner is alive.
+// A run whose runner is alive, or the process of its program.
 struct TRunning {
     TRunRecord run;
-    pid_t runner = 0;  // 0: it is in another PID namespace
+    pid_t runner = 0;       // 0: it is in another PID namespace
+    bool isOrphan = false;  // its runner has died
 };
 
 // The name of a run's task as FileNameOf() encodes it. Two names that no record tells apart, since they
@@ -40,12 +42,19 @@ std::vector<TRunning> FindRunningRuns(const std::string& directory,
                                       const std::function<bool(const TRunRecord&)>& isWanted,
                                       const std::string& own = "");
 
+// The runs of a task whose runner has died, and whose program goes on: its process is the one that was
+// launched. What its other processes do is not known. Blocks for disk access only. Forgets those that
+// have ended, if this user may.
+std::vector<TRunning> FindOrphans(const std::string& directory, const std::string& task,
+                                  const std::string& own = "");
+
 // The runs in the store of a directory whose runner has died or could not record its end, as they would
 // be recorded. A runner may have been killed after it had recorded its run. Blocks for disk access
 // only; what this user may not read is left out.
 std::vector<TRunRecord> FindDeadRuns(const std::string& directory);
 
-// Sends the runner of a run SIGTERM, or nobody if it has ended. The run's record names `user` as who has
+// Sends the runner of a run SIGTERM, that of an orphan to the process group of its program, or nobody if
+// it has ended. The run's record names `user` as who has
 // had it stopped. Returns 0 or an error number: EPERM for a runner of another user's, EXDEV for one in
 // another PID namespace.
 int Terminate(const std::string& directory, const TRunning& running, uid_t user);

@@ -30,6 +30,7 @@ inline constexpr char cProgramLinks[] = "files/programs";
 inline constexpr char cHistoryFile[] = "files/history.jsonl";
 inline constexpr char cOutputDirectory[] = "files/output";  // and a directory for each task
 inline constexpr char cRunningDirectory[] = "files/running";
+inline constexpr char cOrphanDirectory[] = "files/orphans";
 inline constexpr char cLockFile[] = "files/vxschedd.lock";  // of the host
 inline constexpr char cControlSocket[] = "files/control";   // of the host
 inline constexpr char cLaunchRecordDirectory[] = "files/started";

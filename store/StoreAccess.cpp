@@ -182,7 +182,7 @@ std::string WhyFilesAreRefused(const fs::path& directory) {
     std::string reason = check.WhyDirectoryIsRefused(files);
     for (const char* const name :
          {cOwedLaunchDirectory, cLaunchRecordDirectory, cSettledLaunchDirectory, cSnapshotDirectory,
-          cProgramLinks, cOutputDirectory, cRunningDirectory}) {
+          cProgramLinks, cOutputDirectory, cRunningDirectory, cOrphanDirectory}) {
         if (reason.empty())
             reason = check.WhyDirectoryIsRefused(files / fs::path(name).filename());
     }

@@ -55,11 +55,22 @@ protected:
 
     static std::size_t CountRunning() { return vxsched::FindRunningRuns(".", "job").size(); }
 
-    static std::size_t CountSkipped() {
+    static std::size_t CountSkipped() { return CountRuns(TRunRecord::cSkipped); }
+    static std::size_t CountDead() { return CountRuns(TRunRecord::cRunnerDied); }
+
+    // Once its file has the process of its program.
+    static void KillRunner(CProgram& runner) {
+        WaitUntil([] { return vxsched::FindRunningRuns(".", "job").at(0).run.process != 0; });
+        runner.Kill(SIGKILL);
+        EXPECT_EQ(runner.Wait(), 1000 + SIGKILL);
+    }
+
+private:
+    static std::size_t CountRuns(TRunRecord::EOutcome outcome) {
         const std::vector<TRunRecord> runs = History();
-        return static_cast<std::size_t>(std::count_if(
-            runs.begin(), runs.end(),
-            [](const TRunRecord& run) { return run.outcome == TRunRecord::cSkipped; }));
+        return static_cast<std::size_t>(
+            std::count_if(runs.begin(), runs.end(),
+                          [&](const TRunRecord& run) { return run.outcome == outcome; }));
     }
 };
 
@@ -136,16 +147,48 @@ TEST_F(Overlap, IsAllowedByHand) {
     EXPECT_EQ(CountSkipped(), 0U);
 }
 
-TEST_F(Overlap, RunWhoseRunnerWasKilledIsNotUnderWay) {
+TEST_F(Overlap, RunWhoseRunnerWasKilledIsUnderWayWhileItsProgramLives) {
     const auto first = Launch("--task job");
     WaitUntil([] { return CountBegun() == 1; });
-    first->Kill(SIGKILL);
-    EXPECT_EQ(first->Wait(), 1000 + SIGKILL);
+    KillRunner(*first);
     const auto second = Launch("--task job");
+    EXPECT_EQ(second->Wait(), 0);
+    EXPECT_EQ(CountSkipped(), 1U);
+    CHost().Stop();
+    EXPECT_EQ(CountDead(), 1U) << "the host has recorded it";
+    const auto third = Launch("--task job");
+    EXPECT_EQ(third->Wait(), 0);
+    EXPECT_EQ(CountSkipped(), 2U);
+    EXPECT_EQ(CountBegun(), 1U);
+    WriteFile("go", "");
+    WaitUntil([] { return vxsched::FindOrphans(".", "job").empty(); });
+    const auto fourth = Launch("--task job");
+    EXPECT_EQ(fourth->Wait(), 0);
+    EXPECT_EQ(CountBegun(), 2U);
+    EXPECT_TRUE(fs::is_empty("files/orphans"));
+}
+
+TEST_F(Overlap, ProgramWhoseRunnerWasKilledIsReplaced) {
+    const auto first = Launch("--task job");
+    WaitUntil([] { return CountBegun() == 1; });
+    KillRunner(*first);
+    const auto second = Launch("--task job --overlap replace");
     WaitUntil([] { return CountBegun() == 2; });
+    EXPECT_TRUE(vxsched::FindOrphans(".", "job").empty());
     WriteFile("go", "");
     EXPECT_EQ(second->Wait(), 0);
     EXPECT_EQ(CountSkipped(), 0U);
+}
+
+// A process that got the number of one that has ended is another one.
+TEST_F(Overlap, ProcessOfTheSameNumberIsNotTheProgram) {
+    const auto first = Launch("--task job");
+    WaitUntil([] { return CountBegun() == 1; });
+    KillRunner(*first);
+    TRunRecord run = vxsched::FindOrphans(".", "job").at(0).run;
+    run.processStart += 1;
+    WriteFile("files/running/" + run.id, JsonLine(run));
+    EXPECT_TRUE(vxsched::FindOrphans(".", "job").empty());
 }
 
 TEST_F(Overlap, HostRecordsASkippedLaunchOnce) {
