@@ -72,9 +72,11 @@ std::optional<TTime> Reschedule(TTask& task, const CSchedule& schedule, bool isL
     const TTime due = TTime(seconds(task.nextExecution));
     if (schedule.HasCalendar()) {
         const CSchedule::TPassed passed = schedule.PassedUntil(now);
-        const std::size_t launched = isLaunched && passed.count > 0 ? 1 : 0;
-        if (passed.count > launched)
-            RecordMissed(task, passed.first, passed.count - launched);
+        // The launch was for the due time, the first of them.
+        if (!isLaunched && passed.count > 0)
+            RecordMissed(task, passed.first, passed.count);
+        if (isLaunched && passed.count > 1)
+            RecordMissed(task, schedule.FirstFrom(passed.first + seconds(1)), passed.count - 1);
     }
     const TTime next = schedule.FirstFrom(std::max(now, due) + seconds(1));
     if (schedule.IsOver(next)) {

@@ -20,7 +20,7 @@ void NoteClock();
 bool IsToBeLaunched(const vxsched::TTaskEntry& task, const vxsched::CSchedule& schedule);
 
 // Sets the due time of a task with a calendar that was due, and logs and records the launch times that
-// passed meanwhile. `isLaunched`: the last of them was launched. Has the add-in remove a task whose job
+// passed meanwhile. `isLaunched`: the first of them was launched. Has the add-in remove a task whose job
 // is over, as it removes one that runs once. `schedule` is that of the task before. Returns the due
 // time that it has set; empty if the add-in is to set it. For the worker, during the launch.
 std::optional<vxsched::TTime> Reschedule(TTask& task, const vxsched::CSchedule& schedule,

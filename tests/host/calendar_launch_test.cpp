@@ -151,6 +151,7 @@ TEST_F(CalendarLaunch, IsCaughtUpAfterASuspendIfTheJobAsksForIt) {
     EXPECT_EQ(CountLaunches(), 1U);
     ASSERT_EQ(Missed().size(), 1U);
     EXPECT_EQ(Missed()[0].at("missed"), 7);
+    EXPECT_EQ(Missed()[0].at("due"), "2026-11-21T15:00:00.000Z") << "the launch is that of 14:45";
 }
 
 TEST_F(CalendarLaunch, IsCaughtUpNoLaterThanTheJobSays) {
