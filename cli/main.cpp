@@ -371,8 +371,13 @@ void CCommandLine::AddForNames(const char* name, const char* description,
         });
 }
 
-// Short forms of --cron: the name of an option, of its value, and its help.
-constexpr std::array<std::array<const char*, 3>, 3> cCalendarOptions = {
+// A short form of --cron.
+struct TCalendarOption {
+    const char* name;
+    const char* valueName;
+    const char* help;
+};
+constexpr std::array<TCalendarOption, 3> cCalendarOptions = {
     {{"daily", "TIME", "Launch every day: 02:30"},
      {"weekly", "'DAYS TIME'", "Launch on days of the week: 'mon,fri 08:30'"},
      {"monthly", "'DAYS TIME'", "Launch on days of the month, L is the last: '1,L 08:30'"}}};
@@ -403,13 +408,13 @@ void CCommandLine::AddCommand(CLI::App& command) {
             ->expected(1)
             ->take_all();
     }
-    for (const auto& [name, valueName, help] : cCalendarOptions) {
+    for (const TCalendarOption& option : cCalendarOptions) {
+        const auto take = [this, &option](const std::string& value) {
+            task.calendar.emplace_back(option.name, value);
+        };
         command
-            .add_option_function<std::string>(
-                fmt::format("--{}", name),
-                [this, name](const std::string& value) { task.calendar.emplace_back(name, value); },
-                help)
-            ->type_name(valueName);
+            .add_option_function<std::string>(fmt::format("--{}", option.name), take, option.help)
+            ->type_name(option.valueName);
     }
     command
         .add_option("program", task.command,

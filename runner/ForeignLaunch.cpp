@@ -85,7 +85,7 @@ static void ExecuteCommand(const std::vector<std::string>& words) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
     execvp(words.front().c_str(), PointersTo(words).data());
     Warn("cannot start " + words.front() + ", which would set the task's next due time");
-    _exit(cNotStarted);
+    _exit(cNotStartedStatus);
 }
 
 void RearmTask(const std::string& task, const std::string& cron) {

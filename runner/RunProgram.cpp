@@ -131,13 +131,13 @@ TExecuted Become(const TRunRequest& request, const CCommand& command, TExecution
         execve(command.Program(), command.Arguments(), PointersTo(execution.environment).data());
         return TExecuted{.step = EStep::cProgram, .error = errno};
     });
-    _exit(cNotStarted);
+    _exit(cNotStartedStatus);
 }
 
 // Ends this process as its program has ended, for whoever waits for it.
 [[noreturn]] void EndAs(const TRunRecord& run) {
     if (run.outcome == TRunRecord::cNotStarted)
-        _exit(cNotStarted);
+        _exit(cNotStartedStatus);
     if (run.outcome == TRunRecord::cExited)
         _exit(run.number);
     EndBySignal(run.number);
@@ -162,7 +162,7 @@ int EndNotStarted(const TRunRequest& request, TRunRecord& run, int error, const 
     if (request.report == -1)
         Warn(reason);
     ReportFailure(request, run, error, reason, history);
-    return cNotStarted;
+    return cNotStartedStatus;
 }
 
 // The launcher has nothing to wait for. A record before the report: a kill in between leaves one of it.
@@ -298,7 +298,10 @@ void TellOfFailedLaunch(const TAttempts& attempts, TRunRecord& run, const std::s
 // output. A launcher that waits for the report records one that is not started: this process then ends.
 void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, CJob& process,
              std::optional<COutputFile>& file, bool isReported) {
-    const auto& [request, command, job, execution, history, warn, copy, follower] = attempts;
+    const TRunRequest& request = attempts.request;
+    const CCommand& command = attempts.command;
+    const TJob* const job = attempts.job;
+    TExecution& execution = attempts.execution;
     LimitJob(process, job);
     TExecuted executed = LaunchForTask(execution, [&] {
         return process.Launch(execution, command.Program(), command.Arguments());
@@ -308,14 +311,14 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
         const std::string reason =
             job == nullptr ? "" : Describe(executed, execution, command.Program());
         if (isReported) {
-            warn(reason);
+            attempts.warn(reason);
             return RecordNotStarted(run, reason);
         }
         // Before the report: a kill in between must not leave two records of it.
         running.Remove();
         if (executed.step == EStep::cProcess && request.report != -1)
             executed = Become(request, command, execution);
-        const int status = EndNotStarted(request, run, ErrorOf(executed), reason, history);
+        const int status = EndNotStarted(request, run, ErrorOf(executed), reason, attempts.history);
         TellOfFailedLaunch(attempts, run, reason);
         _exit(status);
     }
@@ -327,7 +330,7 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
     // Without its file nobody could find out that the run has ended.
     if (!isReported)
         ReportLaunch(request.report, run.process, running.Error().empty() ? run.id : "");
-    file.emplace(MakeOutputFile(run.task, run.id, request.outputSize, warn));
+    file.emplace(MakeOutputFile(run.task, run.id, request.outputSize, attempts.warn));
     process.KeepIn(*file);
     process.WaitForEnd(run);
     JudgeEnd(run, job);
@@ -445,5 +448,5 @@ int RefuseLine(const TRunRequest& request, const std::vector<std::string>& argum
                  request.trigger);
     CRunHistory history(request.historySize, FindWarning());
     ReportFailure(request, run, EINVAL, reason, history);
-    return cUsage;
+    return cUsageStatus;
 }

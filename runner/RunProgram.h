@@ -8,8 +8,8 @@
 #include "runs/RunRequest.h"
 
 // Exit statuses of the runner.
-inline constexpr int cUsage = 2;
-inline constexpr int cNotStarted = 127;  // as a shell has it
+inline constexpr int cUsageStatus = 2;
+inline constexpr int cNotStartedStatus = 127;  // as a shell has it
 
 // A run is for its program to end, not for a reader of the copy that goes, a terminal, or a limit.
 void IgnoreSignals();

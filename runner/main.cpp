@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
     sigprocmask(SIG_BLOCK, &held, nullptr);
     if (!IsAskedToRun() && argc == 1) {
         Warn("it needs a job: see vxrun --help");
-        return cUsage;
+        return cUsageStatus;
     }
     if (!IsAskedToRun() && std::string_view(argv[1]) == "--help")
         return PrintHelp();
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
         request ? TakeCommand(argc, argv) : std::vector<std::string>();
     if (words.empty()) {
         Warn("the request of its launcher is of another version. Restart vxschedd.");
-        return cUsage;
+        return cUsageStatus;
     }
     return RunCommand(*request, words);
 }
