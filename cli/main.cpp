@@ -195,7 +195,8 @@ CCommandLine::CCommandLine() {
     app.add_flag("--utc", utc, "Print times in UTC");
     app.footer(
         "Times: 2026-11-21 14:30 (local; append Z or +01:00 for another zone), 14:30,\n"
-        "noon, tomorrow, \"friday 02:00\", now, \"in 3h\", +90m. Periods: 6h, 1d, 2w, once.\n"
+        "noon, midnight, tomorrow, friday, \"friday 02:00\", now, \"in 3h\", +90m.\n"
+        "Periods: 15m, 6h, 1d, 2w, once.\n"
         "Exit status: 0 success, 1 refused or failed, 2 usage error, 3 no such task or\n"
         "output, 4 no permission, 5 damaged table, 6 no scheduling process, 9 cut short, result\n"
         "unknown.");

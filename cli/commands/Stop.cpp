@@ -36,7 +36,9 @@ namespace {
 constexpr std::chrono::seconds cLongestEnd(30);
 
 std::string OutcomeOf(const TCommon& common, const std::string& run) {
-    return FormatOutcome(FindEnd(common.store.directory, run));
+    TRunRecord end = FindEnd(common.store.directory, run);
+    end.stoppedBy.clear();  // the line says that it is stopped
+    return FormatOutcome(end);
 }
 
 void WaitForEnd(const TCommon& common, const TRunning& running) {

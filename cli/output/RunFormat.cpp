@@ -7,10 +7,12 @@
 
 namespace vxsched {
 
-static std::string AfterItsLimit(const TRunRecord& run) {
-    return run.timeLimit ? fmt::format("terminated after its time limit of {}: ",
-                                       FormatDuration(*run.timeLimit))
-                         : "";
+// What ended it, if that was not the program itself.
+static std::string AfterItsStop(const TRunRecord& run) {
+    if (run.timeLimit)
+        return fmt::format("terminated after its time limit of {}: ",
+                           FormatDuration(*run.timeLimit));
+    return run.stoppedBy.empty() ? "" : fmt::format("stopped by {}: ", run.stoppedBy);
 }
 
 static std::string Missed(const TRunRecord& run) {
@@ -20,9 +22,9 @@ static std::string Missed(const TRunRecord& run) {
 std::string FormatOutcome(const TRunRecord& run) {
     switch (run.outcome) {
         case TRunRecord::cExited:
-            return AfterItsLimit(run) + fmt::format("exited {}", run.number);
+            return AfterItsStop(run) + fmt::format("exited {}", run.number);
         case TRunRecord::cKilled:
-            return AfterItsLimit(run) + "killed by " + SignalName(run.number);
+            return AfterItsStop(run) + "killed by " + SignalName(run.number);
         case TRunRecord::cUnknown:
             return "unknown";
         case TRunRecord::cLeftRunning:

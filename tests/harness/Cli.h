@@ -78,10 +78,11 @@ protected:
                                          R"("task":"removed")"));
         WriteFile(
             cHistory,
-            Run("late \\u001b[31m", R"("outcome":"killed","due":"2026-11-20T00:30:00.000Z",)"
-                                    R"("started":"2026-11-20T00:30:01.000Z",)"
-                                    R"("ended":"2026-11-20T00:30:01.350Z","signal":15)" +
-                                        usage) +
+            Run("late \\u001b[31m",
+                R"("outcome":"killed","due":"2026-11-20T00:30:00.000Z",)"
+                R"("started":"2026-11-20T00:30:01.000Z",)"
+                R"("ended":"2026-11-20T00:30:01.350Z","signal":15,"stoppedBy":"bob")" +
+                    usage) +
                 Run("backup", R"("outcome":"exited","due":"2026-11-20T00:30:00.000Z",)"
                               R"("started":"2026-11-20T00:30:04.500Z",)"
                               R"("ended":"2026-11-20T00:30:16.800Z","status":3)" +

@@ -13,6 +13,7 @@
 
 #include "Process.h"
 #include "base/Processes.h"
+#include "base/Users.h"
 #include "runner/CJob.h"
 #include "runner/Descendants.h"
 #include "runs/HistoryReader.h"
@@ -125,7 +126,7 @@ TEST_F(JobLimit, KillsWhatIgnoresTheRequestToEnd) {
     const TRunRecord run =
         CShellJob("trap '' TERM; touch begun; while :; do sleep 0.01; done").Stop();
     EXPECT_EQ(run.number, SIGKILL);
-    EXPECT_NE(run.stoppedBy, "");
+    EXPECT_EQ(run.stoppedBy, FindUser(getuid()).name);
     EXPECT_FALSE(run.timeLimit);
 }
 

@@ -14,6 +14,7 @@
 
 #include "Process.h"
 #include "base/Processes.h"
+#include "base/Users.h"
 
 namespace fs = std::filesystem;
 
@@ -42,7 +43,7 @@ TEST(Job, ThatIgnoresTheRequestToEndIsKilled) {
     const TRunRecord run = Stop("trap '' TERM; touch begun; while :; do sleep 0.01; done", group);
     EXPECT_EQ(run.outcome, TRunRecord::cKilled);
     EXPECT_EQ(run.number, SIGKILL);
-    EXPECT_NE(run.stoppedBy, "");
+    EXPECT_EQ(run.stoppedBy, FindUser(getuid()).name);
     EXPECT_FALSE(vxsched::IsGroupAlive(group));
 }
 

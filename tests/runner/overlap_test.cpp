@@ -14,6 +14,7 @@
 #include "HostProgram.h"
 #include "Process.h"
 #include "Tool.h"
+#include "base/Users.h"
 #include "runs/HistoryReader.h"
 #include "runs/RunRecord.h"
 #include "runs/RunningRuns.h"
@@ -255,7 +256,7 @@ TEST_F(Overlap, RunIsReplacedIfTheJobSaysSo) {
     WriteFile("go", "");
     EXPECT_EQ(second->Wait(), 0);
     ASSERT_EQ(History().size(), 2U);
-    EXPECT_NE(History()[0].stoppedBy, "");
+    EXPECT_EQ(History()[0].stoppedBy, FindUser(getuid()).name);
     EXPECT_EQ(CountSkipped(), 0U);
 }
 

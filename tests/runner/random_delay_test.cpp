@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include "HostProgram.h"
 #include "Process.h"
 #include "Tool.h"
+#include "base/Users.h"
 #include "runs/HistoryReader.h"
 #include "runs/RunRecord.h"
 #include "runs/RunningRuns.h"
@@ -55,7 +57,7 @@ TEST_F(RandomDelay, IsUnderWayAndReportedAtOnce) {
     EXPECT_EQ(RunTool({"stop", "job"}).status, 0);
     ASSERT_EQ(History().size(), 2U);
     EXPECT_EQ(History()[1].id, running.run.id);
-    EXPECT_NE(History()[1].stoppedBy, "");
+    EXPECT_EQ(History()[1].stoppedBy, FindUser(getuid()).name);
 }
 
 TEST_F(RandomDelay, EndsWithinItsTime) {

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include "Process.h"
 #include "TableFile.h"
 #include "Tool.h"
+#include "base/Users.h"
 #include "runner/Pause.h"
 #include "runs/HistoryReader.h"
 #include "runs/RunRecord.h"
@@ -107,7 +109,7 @@ TEST_F(Retry, IsNotMadeOfARunThatWasStopped) {
     runner->Kill(SIGTERM);
     EXPECT_EQ(runner->Wait(), 1000 + SIGTERM);
     ASSERT_EQ(History().size(), 1U);
-    EXPECT_NE(History()[0].stoppedBy, "");
+    EXPECT_EQ(History()[0].stoppedBy, FindUser(getuid()).name);
 }
 
 TEST_F(Retry, IsUnderWayWhileItWaits) {
@@ -128,7 +130,7 @@ TEST_F(Retry, IsUnderWayWhileItWaits) {
     ASSERT_EQ(runs.size(), 3U);
     EXPECT_EQ(runs[2].outcome, TRunRecord::cNotStarted);
     EXPECT_EQ(runs[2].error, "it was stopped before it began");
-    EXPECT_NE(runs[2].stoppedBy, "");
+    EXPECT_EQ(runs[2].stoppedBy, FindUser(getuid()).name);
     EXPECT_TRUE(Running().empty());
 }
 

@@ -33,6 +33,7 @@
 #include "base/CDescriptor.h"
 #include "base/DisplayText.h"
 #include "base/Processes.h"
+#include "base/Users.h"
 #include "runs/COutputReader.h"
 #include "runs/RunRecord.h"
 #include "runs/RunRequest.h"
@@ -643,7 +644,7 @@ TEST_F(Runner, ThatIsTerminatedTerminatesItsProgramAndRecordsWhoDidThat) {
     EXPECT_EQ(runner.Wait(), 5);
     const TRunRecord run = OnlyRun();
     EXPECT_EQ(run.outcome, TRunRecord::cExited);
-    EXPECT_NE(run.stoppedBy, "");
+    EXPECT_EQ(run.stoppedBy, FindUser(getuid()).name);
     EXPECT_THAT(OutputOf(run), EndsWith("bye\n"));
 }
 

@@ -18,6 +18,7 @@
 #include "HostProgram.h"
 #include "Process.h"
 #include "base/CDescriptor.h"
+#include "base/Users.h"
 #include "runs/OutputFiles.h"
 #include "runs/RunRecord.h"
 
@@ -59,7 +60,7 @@ TEST_F(CliStop, EndsTheRunsAndRecordsByWhom) {
     EXPECT_THAT(report, HasSubstr(": exited 5\n"));
     const auto record = nlohmann::json::parse(Lines(cHistory).back());
     EXPECT_EQ(record.at("status"), 5);
-    EXPECT_NE(record.at("stoppedBy"), "");
+    EXPECT_EQ(record.at("stoppedBy"), FindUser(getuid()).name);
     EXPECT_THAT(Output({"output", "job"}), HasSubstr("bye\n"));
     EXPECT_EQ(NamesInTable(), "job") << "only its run is ended";
     EXPECT_EQ(host.Stop(), 0);
