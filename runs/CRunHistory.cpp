@@ -54,7 +54,7 @@ bool IsCurrent(const CDescriptor& file) {
 }
 
 // Whether no reader finds the file. A file system that counts no links has it all the same.
-bool IsRemoved(const CDescriptor& file) {
+bool IsRotatedAway(const CDescriptor& file) {
     struct stat status {};
     return fstat(file.Get(), &status) == 0 && status.st_nlink == 0 && !IsCurrent(file);
 }
@@ -122,7 +122,7 @@ bool CRunHistory::Add(const TRunRecord& record) {
         // cut in two whatever this one does.
         whyNot = opened.file.IsOpen() ? Append(opened, (EndsWithinALine() ? "\n" : "") + line)
                                       : opened.whyNot;
-    } while (whyNot.empty() && IsRemoved(opened.file));
+    } while (whyNot.empty() && IsRotatedAway(opened.file));
     isHeldUp = !opened.isLocked;
     if (!whyNot.empty())
         warn(fmt::format("cannot write to {}: {}; lost the record {}", cHistoryFile, whyNot,

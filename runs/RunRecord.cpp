@@ -88,7 +88,7 @@ TRunRecord MakeRetry(const TRunRecord& run) {
     retry.due = run.due;
     retry.program = run.program;
     retry.parameter = run.parameter;
-    retry.trigger = cRetry;
+    retry.trigger = cRetried;
     retry.attempt = run.attempt + 1;
     retry.retryOf = run.retryOf.empty() ? run.id : run.retryOf;
     retry.started = CurrentMoment();

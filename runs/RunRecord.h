@@ -27,7 +27,7 @@ struct TUsage {
 inline constexpr char cScheduled[] = "schedule";
 inline constexpr char cCaughtUp[] = "catch-up";
 inline constexpr char cManual[] = "manual";
-inline constexpr char cRetry[] = "retry";
+inline constexpr char cRetried[] = "retry";
 
 // The trigger of a launch for a due time: cCaughtUp if the task fell due before its host was up, or
 // more than a minute ago, as in a suspend; else cScheduled. Without a reason no tick comes later.

@@ -73,7 +73,7 @@ TEST_F(Retry, IsMadeUntilAnAttemptEndsWell) {
     EXPECT_EQ(runs[0].retryOf, "");
     for (const int attempt : {2, 3}) {
         const TRunRecord& run = runs[static_cast<std::size_t>(attempt) - 1];
-        EXPECT_EQ(run.trigger, cRetry);
+        EXPECT_EQ(run.trigger, cRetried);
         EXPECT_EQ(run.attempt, attempt);
         EXPECT_EQ(run.retryOf, runs[0].id);
         EXPECT_EQ(run.task, "job");
