@@ -5,11 +5,17 @@
 #include <gtest/gtest.h>
 #include <vxsched/SchedulingProcess.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <random>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "GuardedTable.h"
@@ -18,6 +24,7 @@
 #include "StoreSemaphore.h"
 #include "TableFile.h"
 #include "Tool.h"
+#include "base/IsoTime.h"
 
 using testing::HasSubstr;
 using TJson = nlohmann::json;
@@ -60,6 +67,12 @@ protected:
         WakeWorker();
         WaitUntil(WorkerIsIdle);
         return ReadTable();
+    }
+
+    static std::int64_t SecondsOf(const std::string& time) {
+        const std::optional<TMoment> moment = ReadUtcTime(time);
+        return moment ? std::chrono::floor<std::chrono::seconds>(*moment).time_since_epoch().count()
+                      : 0;
     }
 
     static std::size_t CountLaunches() { return CountLines("log"); }
@@ -260,4 +273,46 @@ TEST_F(CalendarLaunch, ThatAKilledHostHasMadeIsNotRepeated) {
     EXPECT_EQ(TickAt(cStart + cMinute).at(0).next, cStart + 15 * cMinute);
     EXPECT_EQ(host.Stop(), 0);
     EXPECT_EQ(CountLaunches(), 1U);
+}
+
+// The host is killed at a random moment of a tick that launches three tasks, and started again.
+TEST_F(CalendarLaunch, IsMadeOnceOrMissedOverKills) {
+    constexpr int cMinutes = 40;
+    const std::string line =
+        "--cron '* * * * *' --zone UTC --overlap allow --shell 'echo $VXSCHED_TASK $VXSCHED_DUE >> "
+        "log'";
+    TRows rows;
+    for (const char* const name : {"one", "two", "three"})
+        rows.push_back({name, cStart + cMinute, 0, 1, RUNNER_PROGRAM, line, 0});
+    WriteTable(rows);
+    auto host = std::make_unique<CHost>();
+    std::mt19937 random(20261123);
+    for (int minute = 1; minute <= cMinutes; ++minute) {
+        SetClock(cStart + minute * cMinute);
+        WakeWorker();
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 8000));
+        host->Kill(SIGKILL);
+        host->Wait();
+        host = std::make_unique<CHost>();
+    }
+    TickAt(cStart + cMinutes * cMinute);
+    std::multiset<std::string> made;
+    for (const TJson& missed : Missed()) {
+        const std::int64_t due = SecondsOf(missed.at("due"));
+        for (int number = 0; number < missed.value("missed", 1); ++number)
+            made.insert(missed.at("name").get<std::string>() + ' ' +
+                        std::to_string(due + number * cMinute));
+    }
+    const std::size_t missed = made.size();
+    WaitUntil([&] { return CountLaunches() + missed >= 3 * cMinutes; });
+    EXPECT_EQ(host->Stop(), 0);
+    for (const std::string& launch : Lines("log"))
+        made.insert(launch);
+    for (const TRow& row : rows) {
+        for (int minute = 1; minute <= cMinutes; ++minute) {
+            const std::string launch = row.name + ' ' + std::to_string(cStart + minute * cMinute);
+            EXPECT_EQ(made.count(launch), 1U) << launch;
+        }
+    }
+    EXPECT_EQ(made.size(), 3U * cMinutes);
 }
