@@ -452,13 +452,29 @@ void CheckAfterRunner(std::int64_t due, const CTracedProgram& traced) {
     ExpectNoUnfinishedFiles();
 }
 
+// Has the first task of a table execute the same as a job that uses all that a runner has for one.
+void MakeJob(const std::string& table) {
+    TRows rows = ReadTable();
+    rows.at(0).parameters =
+        "--task daily --env A=1 --umask 022 --timeout 1h --success 0,3 --overlap queue --retry 1 "
+        "--backoff 0s --on-failure true --on-success true --on-recovery true -- " +
+        rows.at(0).program + ' ' + rows.at(0).parameters;
+    rows.at(0).program = RUNNER_PROGRAM;
+    WriteFile(table, BytesOf(rows));
+}
+
 // The runner of the first program that a host launches.
-TScenario RunnerScenario() {
+TScenario RunnerScenario(const std::string& name, bool isOfJob) {
     const auto former = std::make_shared<TFormerHost>();
-    return {.name = "Runner",
+    return {.name = name,
             .victim = CTracedProgram::cItsChild,
             .command = HostWith({"--run-once"}),
-            .prepare = [former] { PrepareForStartup(*former, false); },
+            .prepare =
+                [former, isOfJob] {
+                    PrepareForStartup(*former, false);
+                    if (isOfJob)
+                        MakeJob(cTable);
+                },
             .check =
                 [former](const CTracedProgram& traced, int status) {
                     EXPECT_EQ(status, 0) << traced.Output();
@@ -779,7 +795,8 @@ std::vector<TScenario> Scenarios() {
         OnAWedgedMutex("Repair", command, {"repair"}),
         StartupScenario("Startup", false),
         StartupScenario("StartupOnADamagedTable", true),
-        RunnerScenario(),
+        RunnerScenario("Runner", false),
+        RunnerScenario("RunnerOfAJob", true),
         TickScenario(),
         ServedRunScenario(),
         GuardScenario(),
