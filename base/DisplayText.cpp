@@ -109,6 +109,10 @@ TShown Show(std::string_view string) {
     return shown;
 }
 
+std::string ShowBeginning(std::string_view string, std::size_t most) {
+    return Show(string.substr(0, most)).string + (string.size() > most ? "..." : "");
+}
+
 std::string EscapeControls(std::string_view json) {
     std::string escaped;
     escaped.reserve(json.size());

@@ -21,6 +21,9 @@ struct TShown {
 // DisplayText.cpp.
 TShown Show(std::string_view string);
 
+// The first `most` bytes by Show(), and "..." if there are more: for a message that stays short.
+std::string ShowBeginning(std::string_view string, std::size_t most = 60);
+
 // Like Show(), but appends the result to `to`. Returns the columns that were added.
 std::size_t AppendShown(std::string_view string, std::string& to);
 

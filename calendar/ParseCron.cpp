@@ -16,7 +16,6 @@ namespace {
 
 // A list of all minutes has 169 characters.
 constexpr std::size_t cLongest = 1000;
-constexpr std::size_t cMostShown = 60;  // bytes of the input in a message
 
 constexpr std::string_view cBlanks = " \t";
 
@@ -26,12 +25,9 @@ constexpr std::pair<std::string_view, std::string_view> cNicknames[] = {
     {"@annually", "0 0 1 1 *"},
 };
 
-std::string Shown(std::string_view text) {
-    return Show(text.substr(0, cMostShown)).string + (text.size() > cMostShown ? "..." : "");
-}
-
 [[noreturn]] void Refuse(std::string_view text, std::string_view reason) {
-    throw CCalendarError(fmt::format("cannot read the expression \"{}\": {}", Shown(text), reason));
+    throw CCalendarError(
+        fmt::format("cannot read the expression \"{}\": {}", ShowBeginning(text), reason));
 }
 
 // Locale or not, only ASCII letters have a lower case here.
@@ -86,7 +82,7 @@ private:
     [[noreturn]] void Fail(std::string_view reason) const {
         Refuse(whole, fmt::format("the {} \"{}\" {}; allowed is {}, a list of these (A,B), a range "
                                   "(A-B), *, and a step after a range or * (A-B/C)",
-                                  range.name, Shown(typed), reason, range.allowed));
+                                  range.name, ShowBeginning(typed), reason, range.allowed));
     }
 
     void ReadItem(std::string_view item) {
@@ -121,8 +117,8 @@ private:
 
     unsigned Step(std::string_view values, bool isSpan, std::string_view digits) const {
         if (!isSpan)
-            Fail(fmt::format("has a step after a single value; write {}-{}/{}", Shown(values),
-                             range.high, Shown(digits)));
+            Fail(fmt::format("has a step after a single value; write {}-{}/{}",
+                             ShowBeginning(values), range.high, ShowBeginning(digits)));
         const unsigned step = Number(digits).value_or(0);
         if (step == 0)
             Fail("has a step that is not a number from 1 on");
@@ -144,14 +140,15 @@ private:
     unsigned Value(std::string_view word) const {
         if (const std::optional<unsigned> number = Number(word)) {
             if (*number < range.low || *number > range.high)
-                Fail(fmt::format("has {}, which is out of range", Shown(word)));
+                Fail(fmt::format("has {}, which is out of range", ShowBeginning(word)));
             return *number;
         }
         const std::size_t place =
             word.size() == 3 ? range.names.find(word) : std::string_view::npos;
         if (place == std::string_view::npos || place % 3 != 0)
-            Fail(word.empty() ? "lacks a value"
-                              : fmt::format("has \"{}\", which cannot be read", Shown(word)));
+            Fail(word.empty()
+                     ? "lacks a value"
+                     : fmt::format("has \"{}\", which cannot be read", ShowBeginning(word)));
         return range.low + static_cast<unsigned>(place / 3);
     }
 
@@ -206,7 +203,7 @@ CCronExpression ParseCron(std::string_view text) {
     const CCronExpression expression(fields);
     if (!expression.EverComes())
         Refuse(text, fmt::format("it never comes: no month of \"{}\" has a day of \"{}\"",
-                                 Shown(typed[3]), Shown(typed[2])));
+                                 ShowBeginning(typed[3]), ShowBeginning(typed[2])));
     return expression;
 }
 

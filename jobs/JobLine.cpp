@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "base/DisplayText.h"
 #include "base/ShellWord.h"
 #include "jobs/CJobError.h"
 #include "jobs/JobOptions.h"
@@ -24,7 +25,8 @@ const TJobOption& OptionOf(std::string_view name) {
         if (name == option.name)
             return option;
     }
-    throw CJobError(fmt::format("unknown option \"--{}\"; write -- before the program", name));
+    throw CJobError(
+        fmt::format("unknown option \"--{}\"; write -- before the program", ShowBeginning(name)));
 }
 
 // The options of a command line, which end at `--` and at the first argument that is none.
@@ -39,8 +41,8 @@ public:
             if (argument == "--")
                 return;
             if (!argument.starts_with("--"))
-                throw CJobError(
-                    fmt::format("unknown option \"{}\"; write -- before the program", argument));
+                throw CJobError(fmt::format("unknown option \"{}\"; write -- before the program",
+                                            ShowBeginning(argument)));
             const std::size_t equals = std::min(argument.find('='), argument.size());
             const TJobOption& option = OptionOf(std::string_view(argument).substr(2, equals - 2));
             if (!option.isRepeatable &&
@@ -78,8 +80,8 @@ TJob ParseJob(const std::vector<std::string>& arguments) {
     parser.ParseInto(job);
     job.command = parser.Rest();
     if (job.shell && !job.command.empty())
-        throw CJobError(
-            fmt::format("--shell and a program, \"{}\"; give one of them", job.command.front()));
+        throw CJobError(fmt::format("--shell and a program, \"{}\"; give one of them",
+                                    ShowBeginning(job.command.front())));
     if (!job.shell && job.command.empty())
         throw CJobError("there is no program; give its path after --, or a text by --shell");
     if (!job.shell && job.command.front().empty())

@@ -9,6 +9,7 @@
 
 #include "base/CParseError.h"
 #include "base/CParser.h"
+#include "base/DisplayText.h"
 #include "base/Duration.h"
 #include "base/IsoTime.h"
 #include "calendar/CCalendarError.h"
@@ -261,7 +262,8 @@ void SetJobOption(TJob& job, const TJobOption& option, const std::string& value)
             throw CJobError("give a value without zero bytes");
         option.set(job, value);
     } catch (const CJobError& error) {
-        throw CJobError(fmt::format("--{} \"{}\": {}", option.name, value, error.what()));
+        throw CJobError(
+            fmt::format("--{} \"{}\": {}", option.name, ShowBeginning(value), error.what()));
     }
 }
 
