@@ -132,3 +132,28 @@ TEST_F(CliRun, WhileTheScheduleLaunchesTheSameTaskBothAreRecorded) {
     EXPECT_EQ(scheduled, cTimes);
     EXPECT_EQ(host.Stop(), 0);
 }
+
+// Without --force the run is refused if the other one is under way by then.
+TEST_F(CliRun, WhileTheScheduleLaunchesTheSameTaskIsMadeOrRefused) {
+    WriteJob("echo run");
+    CHost host;
+    constexpr int cTimes = 5;
+    int made = 0;
+    for (int time = 0; time < cTimes; ++time) {
+        CProgram run({TOOL_PROGRAM, "run", "job", "--wait"});
+        Output({"edit", "job", "--at", "now"});
+        if (run.Wait() == 0)
+            ++made;
+        else
+            EXPECT_THAT(run.Output(), HasSubstr("running already"));
+        WaitUntil([] { return ReadTable().at(0).next > std::time(nullptr); });
+    }
+    const auto expected = static_cast<std::size_t>(cTimes + made);
+    WaitUntil([&] { return Records().size() >= expected; });
+    EXPECT_EQ(host.Stop(), 0);
+    int manual = 0;
+    for (const TJson& record : Records())
+        manual += record.at("trigger") == "manual" ? 1 : 0;
+    EXPECT_EQ(manual, made);
+    EXPECT_EQ(Records().size(), expected);
+}
