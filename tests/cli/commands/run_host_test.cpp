@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -180,6 +181,8 @@ TEST_F(CliRun, HostLaunchesADueTaskWhileItsSocketIsMisused) {
     timed.next = std::time(nullptr) + 2;
     WriteTable({Job(), timed});
     CHost host;
+    const rlimit enough{.rlim_cur = 2000, .rlim_max = 2000};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
     std::vector<CDescriptor> clients;
     for (int number = 0; number < 1000 || Records().empty(); ++number) {
         CDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -193,7 +196,7 @@ TEST_F(CliRun, HostLaunchesADueTaskWhileItsSocketIsMisused) {
                       static_cast<ssize_t>(line.size()))
                 << "the host closes the connection";
         }
-        if (clients.size() < 500)
+        if (clients.size() < 1000)
             clients.push_back(std::move(client));
     }
     EXPECT_EQ(Records().at(0).at("name"), "timed");

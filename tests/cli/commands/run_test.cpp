@@ -62,7 +62,7 @@ TEST_F(CliRun, IsLaunchedByTheHost) {
     EXPECT_EQ(host.Stop(), 0);
 }
 
-TEST_F(CliRun, WithoutAHostHasTheEnvironmentThatAHostWouldGive) {
+TEST_F(CliRun, WithoutAHostHasAnEnvironmentOfItsOwn) {
     WriteJob("env; pwd");
     const TToolRun run =
         RunTool({"run", "job", "--wait"},
