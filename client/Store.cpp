@@ -94,7 +94,7 @@ void MakeSchedulable(TTaskEntry& entry) {
 void ScheduleByCalendar(TTaskEntry& entry, const CSchedule& schedule) {
     entry.period = cCalendarPeriod;
     entry.next = schedule.FirstFrom(Now() + std::chrono::seconds(1));
-    if (entry.next == cNever)
+    if (entry.next == cNever && !schedule.IsAtStartup())
         throw MakeError(
             EError::cRefused,
             "task \"{}\" would never be launched: no clock shows a time of its calendar; "

@@ -33,7 +33,7 @@ CSchedule::CSchedule(const TTaskEntry& task)
 }
 
 bool CSchedule::IsLaunchTime(TTime time) const {
-    return !expression || (!expression->IsReboot() && FirstFrom(time) == time);
+    return !expression || IsAtStartup() || FirstFrom(time) == time;
 }
 
 TTime CSchedule::FirstFrom(TTime time) const {
@@ -45,6 +45,8 @@ TTime CSchedule::FirstFrom(TTime time) const {
 
 CSchedule::TPassed CSchedule::PassedUntil(TTime time) const {
     constexpr std::size_t cMost = 100'000;
+    if (IsAtStartup())
+        return due <= time ? TPassed{1, due, due} : TPassed();
     const bool standsForAnHour = !IsLaunchTime(due) && formerLaunch != TTime();
     const TTime begin =
         standsForAnHour ? std::max(formerLaunch, due - std::chrono::hours(1)) + seconds(1) : due;

@@ -16,7 +16,7 @@ namespace vxsched {
 // time of the calendar: a host that does not know of calendars launches it within the hour.
 inline constexpr std::uint32_t cCalendarPeriod = 1;
 
-// The due time of a task that no clock launches.
+// The due time of a task that no clock launches, but a startup of the machine (@reboot).
 inline constexpr TTime cNever(std::chrono::seconds(253'402'214'400));  // 9999-12-31
 
 // The schedule of a task as it was when this was made. Reads the zone's file. Throws nothing but
@@ -26,6 +26,8 @@ public:
     explicit CSchedule(const TTaskEntry& task);
 
     bool HasCalendar() const { return expression.has_value(); }
+    // Whether it is launched when a host starts for the first time since the machine has.
+    bool IsAtStartup() const { return expression && expression->IsReboot(); }
     // Of a task with a calendar.
     const CCronExpression& Expression() const { return *expression; }
     const CTimeZone& Zone() const { return *zone; }
@@ -41,8 +43,8 @@ public:
     // launches it any more. Requires that the task repeats and that its step is not zero.
     TTime FirstFrom(TTime time) const;
 
-    // Whether the job is to be launched at that time no more: TJob::until.
-    bool IsOver(TTime launch) const { return until && launch > *until; }
+    // Whether the job is to be launched at that time no more: TJob::until. False for cNever.
+    bool IsOver(TTime launch) const { return until && launch > *until && launch != cNever; }
 
     // The launch times from the due time of the task to `time`, counted to a hundred thousand. A due time
     // that is none stands for those of the hour before it, since the task's last launch: a host without

@@ -32,7 +32,8 @@ namespace {
 // "backup, every 1d, next due 2026-11-22 02:00:00 (in 11h 5min)".
 std::string Describe(const TCommon& common, const TTaskEntry& task) {
     const TTime now = Now();
-    const std::string when = task.next <= now
+    const std::string when = task.next == cNever ? "at the next startup"
+                             : task.next <= now
                                  ? "now"
                                  : fmt::format("{} (in {})", FormatTime(task.next, common.zone),
                                                FormatDistance(Between(now, task.next)));

@@ -8,6 +8,7 @@
 #include "cli/commands/TaskState.h"
 #include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
+#include "store/CSchedule.h"
 
 namespace vxsched {
 
@@ -66,8 +67,12 @@ void PrintTable(const TCommon& common, const std::vector<TListed>& listed, TTime
     for (const TListed& one : listed) {
         const TTaskEntry& task = *one.task;
         const bool hasRun = task.last != TTime();
-        columns.Add(task.paused ? cNoValue : FormatTime(task.next, common.zone));
-        columns.Add(task.paused ? cNoValue : FormatDistance(Between(now, task.next)));
+        const bool isAtStartup = task.next == cNever;
+        columns.Add(task.paused   ? cNoValue
+                    : isAtStartup ? "at startup"
+                                  : FormatTime(task.next, common.zone));
+        columns.Add(task.paused || isAtStartup ? cNoValue
+                                               : FormatDistance(Between(now, task.next)));
         columns.Add(hasRun ? FormatTime(task.last, common.zone) : cNoValue);
         columns.Add(hasRun ? FormatDistance(Between(now, task.last)) : cNoValue);
         columns.Add(FormatSchedule(task));

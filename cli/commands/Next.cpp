@@ -35,7 +35,7 @@ public:
     CComingRuns(const std::vector<TTaskEntry>& allTasks, TTime moment)
         : tasks(allTasks), now(moment) {
         for (std::size_t index = 0; index < tasks.size(); ++index) {
-            if (!tasks[index].paused)
+            if (!tasks[index].paused && tasks[index].next != cNever)
                 coming.push({std::max(tasks[index].next, now), index});
         }
     }

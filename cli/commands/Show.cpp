@@ -61,6 +61,8 @@ std::string WhyNot(const TCommon& common, const TTaskEntry& task, const TTaskSta
             "it is overdue although the scheduling process, {}, is running; check the log of that "
             "process",
             scheduler->Name());
+    if (task.next == cNever)
+        return "it is launched at the next startup of the machine";
     return fmt::format("it is not due until {}", FormatTime(task.next, common.zone));
 }
 
@@ -209,7 +211,8 @@ TExitStatus ShowTask(const TCommon& common, const std::string& name, COutput& ou
     } else {
         ShowProgram(common, *task, line);
     }
-    line("Next due", TimeAndDistance(task->next, now, common.zone));
+    line("Next due", task->next == cNever ? "at the next startup"
+                                          : TimeAndDistance(task->next, now, common.zone));
     line("Last launch",
          task->last == TTime() ? "never" : TimeAndDistance(task->last, now, common.zone));
     ShowSchedule(*task, line);

@@ -8,6 +8,7 @@
 #include "base/CDeadline.h"
 #include "host/CHostError.h"
 #include "host/CHostLog.h"
+#include "host/recovery/CHeartbeat.h"
 #include "host/recovery/CLaunchIntents.h"
 #include "host/recovery/LaunchRecords.h"
 #include "host/recovery/OwedLaunches.h"
@@ -118,7 +119,8 @@ static vxsched::TTime Prepare(const THostOptions& options, const std::optional<T
     const std::vector<TLaunchIntent> intents = CLaunchIntents::Instance().Open();
     const std::vector<TOwedLaunch> unknown = SettleOwedLaunches(records, intents, tasks);
     const vxsched::TTime now = vxsched::Now();
-    TPrepared prepared = PrepareTable(tasks, launches, intents, previous, now);
+    const vxsched::TTime booted(std::chrono::floor<std::chrono::seconds>(ReadBoot().time));
+    TPrepared prepared = PrepareTable(tasks, launches, intents, previous, now, booted);
     for (const TOwedLaunch& launch : unknown)
         prepared.notLaunched.push_back(RunOfUnknown(launch, tasks));
     // Reported before the table is written: if the host is killed in between, or the power fails, a

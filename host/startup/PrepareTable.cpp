@@ -93,11 +93,17 @@ void PrepareMissed(TTaskEntry task, const CSchedule& schedule, TTime now, TPrepa
 
 TPrepared PrepareTable(std::vector<TTaskEntry> tasks, const std::vector<TLaunchRecord>& records,
                        const std::vector<TLaunchIntent>& intents,
-                       const std::optional<TUptime>& previous, TTime now) {
+                       const std::optional<TUptime>& previous, TTime now, TTime booted) {
     ApplyLaunchRecords(records, now, tasks);
     TPrepared prepared;
     for (TTaskEntry& task : tasks) {
         const CSchedule schedule(task);
+        if (schedule.IsAtStartup() && !task.paused && task.next == vxsched::cNever) {
+            if (schedule.IsOver(now))
+                continue;
+            if (task.last < booted)
+                task.next = now;
+        }
         const bool isLaunchTime = schedule.IsLaunchTime(task.next);
         // Also a task that is due later, because the clock was set back.
         const bool isIntended = IsIntended(intents, task);

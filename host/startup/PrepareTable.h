@@ -27,11 +27,13 @@ struct TPrepared {
 //   add-in's load would do.
 // What was missed is counted by the calendar of a task that has one. The last time that was missed stays
 // due if the task's job asks for that (TJob::catchUp). A job that is over (TJob::until) is removed.
+// A task that is launched at startups of the machine, and was not since `booted`, is due.
 // Paused tasks stay as they are.
 TPrepared PrepareTable(std::vector<vxsched::TTaskEntry> tasks,
                        const std::vector<TLaunchRecord>& records,
                        const std::vector<TLaunchIntent>& intents,
-                       const std::optional<TUptime>& previous, vxsched::TTime now);
+                       const std::optional<TUptime>& previous, vxsched::TTime now,
+                       vxsched::TTime booted);
 
 // Returns when the uptime of this host begins: with the earliest due time that it took over, else
 // now. If this host is killed too, the next one takes over the same tasks.

@@ -217,6 +217,20 @@ TEST_F(CalendarLaunch, OfAZoneThatIsMissingIsNotMadeAndReported) {
     EXPECT_THAT(host.Output(), HasSubstr("Europe/Atlantis"));
 }
 
+// The machine's startup is that of the test's machine.
+TEST_F(CalendarLaunch, OfStartupsIsMadeByTheFirstHostOfABoot) {
+    const std::string options = "--cron @reboot";
+    constexpr std::int64_t cNever = 253'402'214'400;
+    WriteTable({Job(cNever, options)});
+    for (int time = 0; time < 2; ++time) {
+        CHost host;
+        EXPECT_EQ(TickAt(cStart), TRows({Job(cNever, options, cStart)}));
+        EXPECT_EQ(host.Stop(), 0);
+    }
+    EXPECT_EQ(CountLaunches(), 1U);
+    EXPECT_EQ(Missed().size(), 0U);
+}
+
 // ---- What passed while no host ran --------------------------------------------------------------
 
 TEST_F(CalendarLaunch, OfTimesThatPassedWithoutAHostAreMissed) {

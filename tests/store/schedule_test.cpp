@@ -117,13 +117,17 @@ TEST(Schedule, EndsWithUntil) {
     EXPECT_EQ(schedule.PassedUntil(cSaturday + 24h).count, 3U);
 }
 
-TEST(Schedule, CanBeThatOfNoClock) {
-    const CSchedule schedule(JobDue(cNever, "--cron @reboot"));
+TEST(Schedule, CanBeThatOfStartups) {
+    const CSchedule schedule(JobDue(cNever, "--cron @reboot --until 2026-12-01T00:00:00.000Z"));
     EXPECT_TRUE(schedule.HasCalendar());
+    EXPECT_TRUE(schedule.IsAtStartup());
     EXPECT_EQ(schedule.FirstFrom(cSaturday), cNever);
-    EXPECT_FALSE(schedule.IsLaunchTime(cSaturday));
-    EXPECT_FALSE(schedule.IsLaunchTime(cNever));
-    EXPECT_EQ(schedule.PassedUntil(cNever).count, 0U);
+    EXPECT_EQ(schedule.PassedUntil(cSaturday).count, 0U);
+    EXPECT_FALSE(schedule.IsOver(cNever));
+    EXPECT_TRUE(schedule.IsOver(cSaturday + 24h * 30));
+    const CSchedule due(JobDue(cSaturday, "--cron @reboot"));
+    EXPECT_TRUE(due.IsLaunchTime(cSaturday)) << "whoever has set it";
+    EXPECT_EQ(due.PassedUntil(cSaturday).count, 1U);
 }
 
 TEST(Schedule, OfACalendarThatCannotBeReadIsTheGridAndAProblem) {

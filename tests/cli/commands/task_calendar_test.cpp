@@ -89,7 +89,6 @@ TEST_F(CliTaskCalendar, IsRefusedWithTheReason) {
         ExpectRefusedAtNow(message, options);
     };
     refused("it never comes", {"--cron", "0 0 30 2 *"});
-    refused("no clock shows a time of its calendar", {"--cron", "@reboot"});
     refused("--daily: ", {"--daily", "24:00"});
     refused("--weekly: ", {"--weekly", "caturday 08:00"});
     refused("--monthly: ", {"--monthly", "32 08:00"});
@@ -192,6 +191,17 @@ TEST_F(CliTaskCalendar, ResumeOfAJobThatIsOverIsRefused) {
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.error, HasSubstr("it ends (--until)"));
     EXPECT_EQ(Job(), row);
+}
+
+TEST_F(CliTaskCalendar, OfStartupsHasNoDueTime) {
+    EXPECT_EQ(Create({"--cron", "@reboot"}),
+              "created job, by the calendar @reboot, next due at the next startup\n");
+    EXPECT_THAT(AtNow({"list"}), HasSubstr("\nat startup  -  "));
+    EXPECT_THAT(AtNow({"show", "job"}), HasSubstr("Next due     at the next startup\n"));
+    EXPECT_EQ(json::parse(AtNow({"next", "--json"})).at("runs").size(), 0U);
+    AtNow({"pause", "job"});
+    AtNow({"resume", "job"});
+    EXPECT_EQ(Job().next, 253'402'214'400);
 }
 
 // 02:30 in Berlin is 03:30 from the end of March on.

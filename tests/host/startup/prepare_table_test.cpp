@@ -12,7 +12,9 @@
 #include <vector>
 
 #include "TableEntry.h"
+#include "store/CSchedule.h"
 
+using vxsched::cNever;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
@@ -33,7 +35,7 @@ static TPrepared Prepared(const std::vector<TTaskEntry>& table,
                           const std::vector<TLaunchRecord>& records = {},
                           const std::optional<TUptime>& previous = {},
                           const std::vector<TLaunchIntent>& intents = {}) {
-    return PrepareTable(table, records, intents, previous, cNow);
+    return PrepareTable(table, records, intents, previous, cNow, Later(-100));
 }
 
 static std::string NamesOf(const std::vector<TTaskEntry>& tasks) {
@@ -139,4 +141,61 @@ TEST(PrepareTable, IntentWithoutALaunchRecordLeavesALaunchUnknown) {
     EXPECT_EQ(NamesOf(prepared.tasks), "launched;perhaps;after a clock set back;shown;not;");
     EXPECT_EQ(prepared.tasks[1].next, Later(3593));
     EXPECT_EQ(prepared.tasks[2].next, Later(3607));
+}
+
+// ---- Jobs with a calendar -----------------------------------------------------------------------
+
+// cNow is 1970-01-12 13:46:40 UTC.
+static TTaskEntry Job(const std::string& options, TTime next, TTime last = TTime()) {
+    TTaskEntry task = Task("job", next, "/usr/bin/vxrun", options + " -- /bin/true");
+    task.last = last;
+    return task;
+}
+
+TEST(PrepareTable, TaskOfStartupsIsDueOnceInEachBoot) {
+    const std::string options = "--cron @reboot";
+    EXPECT_EQ(Prepared({Job(options, cNever)}).tasks[0].next, cNow);
+    EXPECT_EQ(Prepared({Job(options, cNever, Later(-101))}).tasks[0].next, cNow);
+    EXPECT_EQ(Prepared({Job(options, cNever, Later(-100))}).tasks[0].next, cNever);
+    TTaskEntry paused = Job(options, cNever);
+    paused.paused = true;
+    EXPECT_EQ(Prepared({paused}).tasks[0], paused);
+    EXPECT_TRUE(
+        Prepared({Job(options + " --until 1970-01-01T00:00:00.000Z", cNever)}).tasks.empty());
+    EXPECT_TRUE(Prepared({Job(options, cNever)}).notLaunched.empty());
+}
+
+// It was due when the host ended that should have launched it.
+TEST(PrepareTable, TaskOfStartupsThatWasNotLaunchedStaysDue) {
+    const TPrepared prepared = Prepared({Job("--cron @reboot", Later(-7))}, {},
+                                        TUptime{.since = Later(-60), .until = cNow});
+    EXPECT_EQ(NamesOf(prepared.late), "job;");
+    EXPECT_EQ(prepared.tasks[0].next, Later(-7));
+}
+
+TEST(PrepareTable, WhatWasMissedIsCountedByTheCalendar) {
+    const TPrepared prepared = Prepared({Job("--cron '*/10 * * * *' --zone UTC", Later(-3400))});
+    EXPECT_EQ(Named(prepared.notLaunched), "job rescheduled;");
+    EXPECT_EQ(prepared.notLaunched[0].due, Later(-3400));
+    EXPECT_EQ(prepared.notLaunched[0].missed, 6U);
+    EXPECT_EQ(prepared.tasks[0].next, Later(200));
+}
+
+TEST(PrepareTable, LastTimeThatWasMissedIsCaughtUpIfItIsNotTooLate) {
+    const std::string cron = "--cron '*/10 * * * *' --zone UTC --catch-up=";
+    const TPrepared prepared = Prepared({Job(cron + "7m", Later(-3400))});
+    EXPECT_EQ(NamesOf(prepared.caughtUp), "job;");
+    EXPECT_EQ(prepared.tasks[0].next, Later(-400));
+    EXPECT_EQ(prepared.notLaunched[0].missed, 5U);
+    EXPECT_EQ(Prepared({Job(cron + "6m", Later(-3400))}).caughtUp.size(), 0U);
+    EXPECT_EQ(NamesOf(Prepared({Job("--catch-up", Later(-7))}).caughtUp), "job;") << "of a period";
+}
+
+TEST(PrepareTable, JobThatIsOverIsRemoved) {
+    const std::string until = " --until 1970-01-12T13:50:00.000Z";
+    EXPECT_EQ(Prepared({Job("--cron '*/10 * * * *' --zone UTC" + until, Later(-400))}).tasks.size(),
+              1U);
+    EXPECT_EQ(Prepared({Job("--cron '0 * * * *' --zone UTC" + until, Later(-2800))}).tasks.size(),
+              0U);
+    EXPECT_EQ(Prepared({Job(until, Later(-7))}).tasks.size(), 0U) << "of a period of an hour";
 }
