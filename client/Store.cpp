@@ -89,6 +89,15 @@ void MakeSchedulable(TTaskEntry& entry) {
     GiveToRunner(entry, job);
 }
 
+// Throws CError (cRefused) if the job is over before its due time.
+void RequireLaunch(const TTaskEntry& entry, const CSchedule& schedule) {
+    if (schedule.IsOver(entry.next))
+        throw MakeError(EError::cRefused,
+                        "task \"{}\" would never be launched: it ends (--until) before its due "
+                        "time, {}",
+                        entry.name, UtcTime(entry.next));
+}
+
 // Of a task with a calendar, which sets its due time and has no other period in the table. Throws
 // CError (cRefused) if the edit sets them, or the calendar cannot be used.
 void ScheduleByCalendar(TTaskEntry& entry, const CSchedule& schedule) {
@@ -100,12 +109,7 @@ void ScheduleByCalendar(TTaskEntry& entry, const CSchedule& schedule) {
             "task \"{}\" would never be launched: no clock shows a time of its calendar; "
             "change that (--cron)",
             entry.name);
-    if (schedule.IsOver(entry.next))
-        throw MakeError(
-            EError::cRefused,
-            "task \"{}\" would never be launched: it ends (--until) before the next time of "
-            "its calendar, {}",
-            entry.name, UtcTime(entry.next));
+    RequireLaunch(entry, schedule);
 }
 
 // Requires that the schedule of an entry can be used.
@@ -123,6 +127,7 @@ TTaskEntry EntryOf(const TNewTask& task) {
     const CSchedule schedule = ScheduleOf(entry);
     if (schedule.HasCalendar())
         ScheduleByCalendar(entry, schedule);
+    RequireLaunch(entry, schedule);
     return entry;
 }
 
@@ -213,6 +218,8 @@ void EditSchedule(TTaskEntry& entry, const TTaskEntry& former, const TEdit& edit
         ScheduleByCalendar(entry, schedule);
     else if (entry.paused && StepOf(entry.period) != std::chrono::seconds(0))
         entry.next = schedule.FirstFrom(Now());
+    if (hasCommand || edit.due)
+        RequireLaunch(entry, schedule);
 }
 
 // The entry after an edit. Throws CError (cRefused) on a validation error.

@@ -100,8 +100,11 @@ TEST_F(CliTaskCalendar, IsRefusedWithTheReason) {
     refused("--every and a calendar", {"--daily", "02:30", "--every", "1d"});
     refused("every 7 minutes", {"--every", "7m"});
     refused("whole number of hours", {"--every", "90m"});
-    refused("it ends (--until) before the next time of its calendar, 2026-11-22T",
+    refused("it ends (--until) before its due time, 2026-11-22T",
             {"--daily", "02:30", "--until", "today 20:00"});
+    refused("it ends (--until) before its due time", {"--at", "in 2h", "--until", "in 1h"});
+    ExpectRefusedAtNow("it ends (--until) before its due time",
+                       {"edit", "job", "--until", "today 20:00"});
 }
 
 TEST_F(CliTaskCalendar, IsShownAsItIsWritten) {
