@@ -58,9 +58,12 @@ int PrintHelp() {
         "Usage: vxrun [OPTIONS] -- PROGRAM [ARGUMENT...]\n"
         "       vxrun [OPTIONS] --shell TEXT\n"
         "       vxrun \"[OPTIONS] -- PROGRAM [ARGUMENT...]\"\n\n");
-    for (const vxsched::TJobOption& option : vxsched::cJobOptions)
-        fmt::print("  {:<22} {}\n", fmt::format("--{} {}", option.name, option.valueName),
-                   option.help);
+    for (const vxsched::TJobOption& option : vxsched::cJobOptions) {
+        const std::string usage = option.implied != nullptr
+                                      ? fmt::format("--{}[={}]", option.name, option.valueName)
+                                      : fmt::format("--{} {}", option.name, option.valueName);
+        fmt::print("  {:<23} {}\n", usage, option.help);
+    }
     fmt::print(
         "\nExit status: that of the program, 128 + its signal, 127 if it was not started,\n"
         "2 for a job that cannot be read.\n");

@@ -116,7 +116,9 @@ TEST_F(JobProgram, WithoutAStoreRecordsNothing) {
 
 TEST_F(JobProgram, WithoutAJobIsAUsageError) {
     EXPECT_THAT(Run({}, 2), HasSubstr("vxrun: it needs a job: see vxrun --help\n"));
-    EXPECT_THAT(Run({"--help"}, 0), HasSubstr("--timeout DURATION"));
+    const std::string help = Run({"--help"}, 0);
+    EXPECT_THAT(help, HasSubstr("--timeout DURATION"));
+    EXPECT_THAT(help, HasSubstr("--catch-up[=DURATION]"));
     EXPECT_TRUE(vxsched::ReadHistory(".", {}).runs.empty());
 }
 
