@@ -18,6 +18,7 @@
 #include <vxsched/Error.h>
 #include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
+#include "base/FindNearest.h"
 #include "base/StandardDescriptors.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/DefaultCounts.h"
@@ -143,6 +144,7 @@ private:
     std::string ReasonOf(const CLI::ParseError& error) const;
     void RequireQuotedTime() const;
     void RequireSeparator(bool hasSeparator) const;
+    std::string ReasonOfUnknown(const std::string& typed) const;
     std::string ReasonOfUnexpected(const std::vector<std::string>& unexpected) const;
     void WarnIfNoHostHasRun() const;
 
@@ -631,6 +633,15 @@ std::string CCommandLine::ReasonOf(const CLI::ParseError& error) const {
     return error.what();
 }
 
+std::string CCommandLine::ReasonOfUnknown(const std::string& typed) const {
+    std::vector<std::string> commands;
+    for (const CLI::App* const one : app.get_subcommands([](const CLI::App*) { return true; }))
+        commands.push_back(one->get_name());
+    const std::string_view nearest = FindNearest(typed, {commands.begin(), commands.end()});
+    return fmt::format("unknown command \"{}\"{}", typed,
+                       nearest.empty() ? "" : fmt::format(" (did you mean {}?)", nearest));
+}
+
 std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& unexpected) const {
     std::vector<std::string> options;
     std::vector<std::string> arguments;
@@ -643,7 +654,7 @@ std::string CCommandLine::ReasonOfUnexpected(const std::vector<std::string>& une
     const CLI::App* const command =
         app.get_subcommands().empty() ? nullptr : app.get_subcommands().front();
     if (command == nullptr && !arguments.empty())
-        return fmt::format("unknown command \"{}\"", arguments.front());
+        return ReasonOfUnknown(arguments.front());
     std::string reason;
     if (!options.empty()) {
         reason = Listed("unknown option", options);
