@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Process.h"
+#include "StoreSemaphore.h"
 #include "TableFile.h"
 #include "Tool.h"
 #include "runs/HistoryReader.h"
@@ -28,6 +29,7 @@ class ForeignLaunch : public testing::Test {
 protected:
     ForeignLaunch() {
         fs::create_directory("files");
+        MakeStoreMutex();  // as the host's load
         for (const auto& [name, value] : AtTime(cNow))
             setenv(name.c_str(), value.c_str(), 1);
         unsetenv("VXSCHED_TASK");
