@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 
 #include "base/IsoTime.h"
 #include "host/CHostLog.h"
@@ -16,7 +17,8 @@ using vxsched::CSchedule;
 using vxsched::TTaskEntry;
 using vxsched::TTime;
 
-// Of the worker.
+// Each thread that calls time() notes the clock.
+static std::mutex gClockMutex;
 static std::optional<std::chrono::nanoseconds> gLead;  // of the clock over that which never sleeps
 static TTime gAwakeSince = TTime::min();
 
@@ -26,11 +28,17 @@ static TTime CurrentTime() {
 
 // The steady clock stands still while the machine sleeps, and is never set.
 void NoteClock() {
+    const std::lock_guard lock(gClockMutex);
     const std::chrono::nanoseconds lead =
         CurrentMoment().time_since_epoch() - std::chrono::steady_clock::now().time_since_epoch();
     if (gLead && lead - *gLead > std::chrono::minutes(1))
         gAwakeSince = CurrentTime();
     gLead = lead;
+}
+
+static TTime AwakeSince() {
+    const std::lock_guard lock(gClockMutex);
+    return gAwakeSince;
 }
 
 bool IsToBeLaunched(const TTaskEntry& task, const CSchedule& schedule) {
@@ -48,7 +56,7 @@ bool IsToBeLaunched(const TTaskEntry& task, const CSchedule& schedule) {
             task.name, UtcTime(task.next)));
         return false;
     }
-    return passed.last >= gAwakeSince ||
+    return passed.last >= AwakeSince() ||
            (schedule.CatchUp() && now - passed.last <= *schedule.CatchUp());
 }
 

@@ -10,8 +10,8 @@
 
 class TTask;
 
-// To be called at each tick, on the worker. Finds out from the clocks whether the machine slept since
-// the former call, or its clock was set forward, by more than a minute.
+// To be called at each tick, and at any other time by any thread. Finds out from the clocks whether the
+// machine slept since the former call, or its clock was set forward, by more than a minute.
 void NoteClock();
 
 // Whether a due task is to be launched; true for one without a calendar. If not, the reason is logged:
