@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <vxsched/SchedulingProcess.h>
 
 #include <chrono>
@@ -77,6 +79,14 @@ protected:
 
     static std::size_t CountLaunches() { return CountLines("log"); }
 
+    // Stops the host and waits for what it has launched, which goes on without it.
+    static void StopWithItsJobs(CHost& host) {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        EXPECT_EQ(host.Stop(), 0);
+        while (wait(nullptr) > 0) {
+        }
+    }
+
     // The records of times that were missed.
     static std::vector<TJson> Missed() {
         std::vector<TJson> missed;
@@ -99,8 +109,7 @@ TEST_F(CalendarLaunch, ReschedulesTheTaskByTheCalendar) {
     EXPECT_EQ(TickAt(cStart), TRows({Job(cStart + cDay, cDaily, cStart)}));
     EXPECT_EQ(TickAt(cStart + cDay - 1), TRows({Job(cStart + cDay, cDaily, cStart)}));
     EXPECT_EQ(TickAt(cStart + cDay), TRows({Job(cStart + 2 * cDay, cDaily, cStart + cDay)}));
-    WaitUntil([] { return CountLaunches() == 2; });
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 2U);
     EXPECT_EQ(Missed().size(), 0U);
 }
@@ -123,7 +132,7 @@ TEST_F(CalendarLaunch, IsNotMadeAtATimeThatTheCalendarLacks) {
     CHost host;
     EXPECT_EQ(TickAt(cStart).at(0).next, cStart + 12 * cHour + 30 * cMinute);
     EXPECT_EQ(ReadTable().at(0).last, 0);
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 0U);
     EXPECT_EQ(Missed().size(), 0U);
 }
@@ -135,7 +144,7 @@ TEST_F(CalendarLaunch, IsMadeThoughTheTickIsLate) {
     TickAt(cStart + 50);
     EXPECT_EQ(TickAt(cStart + cMinute + 40),
               TRows({Job(cStart + 2 * cMinute, options, cStart + cMinute + 40)}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 1U);
 }
 
@@ -145,7 +154,7 @@ TEST_F(CalendarLaunch, OfTimesThatPassedInASuspendAreMissed) {
     TickAt(cStart);
     const TRows rows = TickAt(cStart + 2 * cHour + cMinute);
     EXPECT_EQ(rows, TRows({Job(cStart + 2 * cHour + 15 * cMinute, cQuarters)}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 0U);
     ASSERT_EQ(Missed().size(), 1U);
     EXPECT_EQ(Missed()[0].at("missed"), 8);
@@ -159,8 +168,7 @@ TEST_F(CalendarLaunch, IsCaughtUpAfterASuspendIfTheJobAsksForIt) {
     TickAt(cStart);
     const std::int64_t woken = cStart + 2 * cHour + cMinute;
     EXPECT_EQ(TickAt(woken), TRows({Job(cStart + 2 * cHour + 15 * cMinute, options, woken)}));
-    WaitUntil([] { return CountLaunches() == 1; });
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 1U);
     ASSERT_EQ(Missed().size(), 1U);
     EXPECT_EQ(Missed()[0].at("missed"), 7);
@@ -172,7 +180,7 @@ TEST_F(CalendarLaunch, IsCaughtUpNoLaterThanTheJobSays) {
     CHost host;
     TickAt(cStart);
     TickAt(cStart + 3 * cHour + 1);
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 0U);
     EXPECT_EQ(Missed().size(), 1U);
 }
@@ -186,7 +194,7 @@ TEST_F(CalendarLaunch, IsNotRepeatedAfterTheClockWasSetBack) {
     EXPECT_EQ(TickAt(cStart - cHour), rows);
     EXPECT_EQ(TickAt(cStart), rows);
     EXPECT_EQ(TickAt(cStart + 15 * cMinute).at(0).next, cStart + 30 * cMinute);
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 2U);
 }
 
@@ -195,7 +203,7 @@ TEST_F(CalendarLaunch, TaskIsRemovedAfterItsLastLaunch) {
     CHost host;
     EXPECT_EQ(TickAt(cStart).size(), 2U);
     EXPECT_EQ(TickAt(cStart + 15 * cMinute), TRows({Row("other")}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 2U);
 }
 
@@ -203,7 +211,7 @@ TEST_F(CalendarLaunch, TaskOfAPeriodEndsAsItsJobSays) {
     WriteTable({Job(cStart, "--until 2026-11-21T15:29:59.000Z"), Row("other")});
     CHost host;
     EXPECT_EQ(TickAt(cStart), TRows({Row("other")}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 1U);
 }
 
@@ -211,7 +219,7 @@ TEST_F(CalendarLaunch, OfAZoneThatIsMissingIsNotMadeAndReported) {
     WriteTable({Job(cStart, "--cron '30 14 * * *' --zone Europe/Atlantis")});
     CHost host;
     EXPECT_EQ(TickAt(cStart).at(0).next, cStart + cHour);
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 0U);
     EXPECT_THAT(host.Output(), HasSubstr("task \"job\" is not launched: "));
     EXPECT_THAT(host.Output(), HasSubstr("Europe/Atlantis"));
@@ -225,7 +233,7 @@ TEST_F(CalendarLaunch, OfStartupsIsMadeByTheFirstHostOfABoot) {
     for (int time = 0; time < 2; ++time) {
         CHost host;
         EXPECT_EQ(TickAt(cStart), TRows({Job(cNever, options, cStart)}));
-        EXPECT_EQ(host.Stop(), 0);
+        StopWithItsJobs(host);
     }
     EXPECT_EQ(CountLaunches(), 1U);
     EXPECT_EQ(Missed().size(), 0U);
@@ -237,7 +245,7 @@ TEST_F(CalendarLaunch, OfTimesThatPassedWithoutAHostAreMissed) {
     WriteTable({Job(cStart - cDay, cQuarters)});
     CHost host;
     EXPECT_EQ(TickAt(cStart + 1), TRows({Job(cStart + 15 * cMinute, cQuarters, cStart)}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 1U) << "the one that is due at this second";
     ASSERT_EQ(Missed().size(), 1U);
     EXPECT_EQ(Missed()[0].at("missed"), 96);
@@ -252,7 +260,7 @@ TEST_F(CalendarLaunch, IsCaughtUpAtAStartupIfTheJobAsksForIt) {
     WriteTable({Job(cStart - cDay, options)});
     CHost host;
     EXPECT_EQ(TickAt(cStart + cHour), TRows({Job(cStart + cDay, options, cStart + cHour)}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 1U);
     ASSERT_EQ(Missed().size(), 1U);
     EXPECT_EQ(Missed()[0].count("missed"), 0U) << "a single one is not counted";
@@ -265,7 +273,7 @@ TEST_F(CalendarLaunch, OfAJobThatIsOverIsNotCaughtUp) {
         {Job(cStart, cDaily + " --until 2026-11-21T14:29:00.000Z --catch-up"), Row("other")});
     CHost host;
     EXPECT_EQ(TickAt(cStart + cHour), TRows({Row("other")}));
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 0U);
 }
 
@@ -285,7 +293,7 @@ TEST_F(CalendarLaunch, ThatAKilledHostHasMadeIsNotRepeated) {
     SetClock(cStart + cMinute);
     CHost host;
     EXPECT_EQ(TickAt(cStart + cMinute).at(0).next, cStart + 15 * cMinute);
-    EXPECT_EQ(host.Stop(), 0);
+    StopWithItsJobs(host);
     EXPECT_EQ(CountLaunches(), 1U);
 }
 
@@ -320,7 +328,7 @@ TEST_F(CalendarLaunch, IsMadeOnceOrMissedOverKills) {
     }
     const std::size_t missed = made.size();
     WaitUntil([&] { return CountLaunches() + missed >= cAll; });
-    EXPECT_EQ(host->Stop(), 0);
+    StopWithItsJobs(*host);
     for (const std::string& launch : Lines("log"))
         made.insert(launch);
     for (const TRow& row : rows) {
