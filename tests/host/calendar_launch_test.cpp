@@ -3,13 +3,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <vxsched/SchedulingProcess.h>
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -21,11 +18,10 @@
 #include <vector>
 
 #include "GuardedTable.h"
+#include "HostClock.h"
 #include "HostProgram.h"
 #include "Process.h"
-#include "StoreSemaphore.h"
 #include "TableFile.h"
-#include "Tool.h"
 #include "base/IsoTime.h"
 
 using testing::HasSubstr;
@@ -45,30 +41,12 @@ class CalendarLaunch : public testing::Test {
 protected:
     CalendarLaunch() {
         std::filesystem::create_directory("files");
-        for (const auto& [name, value] : WithInterposedSystem())
-            setenv(name.c_str(), value.c_str(), 1);
-        setenv("FAKE_TIME", std::filesystem::absolute("clock").c_str(), 1);
-        SetClock(cStart);
-    }
-
-    // In one step: a process may read it at any time.
-    static void SetClock(std::int64_t time) {
-        WriteFile("clock.new", std::to_string(time));
-        std::filesystem::rename("clock.new", "clock");
+        UseHostClock(cStart);
     }
 
     static TRow Job(std::int64_t due, const std::string& options, std::int64_t last = 0) {
         const std::string line = options + " -- " + PROGRAMS + "/append-text log";
         return {"job", due, last, 1, RUNNER_PROGRAM, line, 0};
-    }
-
-    // The table after a tick at that time.
-    static TRows TickAt(std::int64_t time) {
-        WaitUntil(WorkerIsIdle);
-        SetClock(time);
-        WakeWorker();
-        WaitUntil(WorkerIsIdle);
-        return ReadTable();
     }
 
     static std::int64_t SecondsOf(const std::string& time) {
@@ -78,14 +56,6 @@ protected:
     }
 
     static std::size_t CountLaunches() { return CountLines("log"); }
-
-    // Stops the host and waits for what it has launched, which goes on without it.
-    static void StopWithItsJobs(CHost& host) {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-        EXPECT_EQ(host.Stop(), 0);
-        while (wait(nullptr) > 0) {
-        }
-    }
 
     // The records of times that were missed.
     static std::vector<TJson> Missed() {
