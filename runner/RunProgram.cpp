@@ -19,6 +19,7 @@
 #include "base/ShellWord.h"
 #include "base/Users.h"
 #include "base/WriteAll.h"
+#include "jobs/JobLine.h"
 #include "runner/CCopy.h"
 #include "runner/CJob.h"
 #include "runner/CLaunchError.h"
@@ -76,11 +77,12 @@ TExecuted LaunchForTask(TExecution& execution, const Launch& launch) {
 
 // `arguments` are those of a job, or the single one of another program.
 TRunRecord Describe(const std::string& program, const std::string& arguments,
-                    const std::string& trigger) {
+                    const TRunRequest& request) {
     TRunRecord run;
     run.started = CurrentMoment();
-    run.trigger = trigger;
-    run.attempt = 1;
+    run.trigger = request.trigger;
+    run.attempt = request.attempt;
+    run.retryOf = request.retryOf;
     run.program = program;
     run.parameter = arguments;
     if (const char* const task = std::getenv("VXSCHED_TASK"))
@@ -169,6 +171,7 @@ int EndNotStarted(const TRunRequest& request, TRunRecord& run, int error, const 
 int Skip(const TRunRequest& request, TRunRecord& run, const std::string& underWay,
          CRunHistory& history) {
     run.output.clear();
+    run.job.clear();
     RecordSkipped(run, underWay);
     history.Add(run);
     ReportLaunch(request.report, getpid(), run.id);
@@ -275,6 +278,7 @@ bool WaitForTurn(TRunRecord& run, const TJob& job) {
     run.started = CurrentMoment();
     if (!stopper)
         return true;
+    run.job.clear();
     RecordNotStarted(run, "it was stopped before it began");
     run.stoppedBy = FindUser(*stopper).name;
     return false;
@@ -303,6 +307,10 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
     const TJob* const job = attempts.job;
     TExecution& execution = attempts.execution;
     LimitJob(process, job);
+    if (!run.job.empty()) {
+        run.job.clear();
+        running.Update(run);
+    }
     TExecuted executed = LaunchForTask(execution, [&] {
         return process.Launch(execution, command.Program(), command.Arguments());
     });
@@ -336,6 +344,13 @@ void Execute(const TAttempts& attempts, TRunRecord& run, CRunningFile& running, 
     JudgeEnd(run, job);
 }
 
+// Has the file of the run say, until its program is launched, that it has not begun: a host then knows
+// that a run whose runner was killed has to be attempted again, and how.
+void NoteJob(TRunRecord& run, const TJob* job) {
+    if (job != nullptr && (job->retries > 0 || job->randomDelay || !run.underWay.empty()))
+        run.job = vxsched::JobLine(*job);
+}
+
 bool IsToBeRetried(const TRunRecord& run, const TJob* job) {
     return job != nullptr && run.attempt <= static_cast<int>(job->retries) &&
            run.stoppedBy.empty() && !HasNoFailure(run) &&
@@ -347,7 +362,7 @@ CNextRunner MakeAttempt(const TAttempts& attempts, TRunRecord& run, CRunningFile
     CJob process(attempts.copy, attempts.follower);
     std::optional<COutputFile> file;
     const bool isReported = IsReportedBefore(attempts, run, running);
-    if (isReported && run.attempt == 1)
+    if (isReported && run.attempt == attempts.request.attempt)
         ReportLaunch(attempts.request.report, getpid(), run.id);
     if (!isReported || WaitForTurn(run, *attempts.job))
         Execute(attempts, run, running, process, file, isReported);
@@ -398,8 +413,7 @@ std::optional<std::string> FindHindrance(TRunRecord& run, TJob::EOverlap overlap
 }  // namespace
 
 int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* job) {
-    TRunRecord run =
-        Describe(command.Program(), command.ArgumentsAsText(job != nullptr), request.trigger);
+    TRunRecord run = Describe(command.Program(), command.ArgumentsAsText(job != nullptr), request);
     run.output = OutputPathOf(run.task, run.id);
     const TWarning warn = FindWarning();
     CRunHistory history(request.historySize, warn);
@@ -415,6 +429,7 @@ int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* 
         if (const std::optional<std::string> underWay = FindHindrance(run, job->overlap))
             return Skip(request, run, *underWay, history);
     }
+    NoteJob(run, job);
     auto running = std::make_unique<CRunningFile>(run);
     turn.reset();
     WarnWithoutFile(*running, run, warn);
@@ -433,6 +448,7 @@ int RunProgram(const TRunRequest& request, const CCommand& command, const TJob* 
         CNextRunner here = MakeAttempt(attempts, run, *running);
         run = MakeRetry(run);
         run.output = OutputPathOf(run.task, run.id);
+        NoteJob(run, job);
         running = std::make_unique<CRunningFile>(run);
         WarnWithoutFile(*running, run, warn);
         here.Begin();
@@ -443,9 +459,8 @@ int RefuseLine(const TRunRequest& request, const std::vector<std::string>& argum
                const std::string& reason) {
     Warn(reason);
     const bool isLine = request.report != -1 || arguments.size() == 1;
-    TRunRecord run =
-        Describe(vxsched::cRunnerProgram, isLine ? arguments.back() : vxsched::JoinWords(arguments),
-                 request.trigger);
+    TRunRecord run = Describe(vxsched::cRunnerProgram,
+                              isLine ? arguments.back() : vxsched::JoinWords(arguments), request);
     CRunHistory history(request.historySize, FindWarning());
     ReportFailure(request, run, EINVAL, reason, history);
     return cUsageStatus;

@@ -18,7 +18,7 @@ using vxsched::cRunningDirectory;
 static constexpr int cMostCreations = 10;
 
 // How often the run is written, and what its end takes at most besides what is known before.
-static constexpr int cMostRecords = 3;
+static constexpr int cMostRecords = 4;
 static constexpr std::size_t cEndSize = 1024;
 
 static std::string PathOf(const std::string& id) {

@@ -1,5 +1,7 @@
 #include "runs/RunEnd.h"
 
+#include <algorithm>
+
 #include <vxsched/Error.h>
 #include "base/CDeadline.h"
 #include "runs/CRunWatch.h"
@@ -25,6 +27,23 @@ bool WaitForRun(const std::string& directory, const std::string& id,
         watch.Wait();
     }
     return true;
+}
+
+bool HasLaterAttempt(const std::string& directory, const TRunRecord& run) {
+    const std::string& first = run.retryOf.empty() ? run.id : run.retryOf;
+    const auto isLater = [&](const TRunRecord& one) {
+        return one.retryOf == first && one.attempt > run.attempt;
+    };
+    // In the order in which an attempt passes through them.
+    if (!FindRunningRuns(directory, isLater, run.id).empty() ||
+        std::ranges::any_of(FindDeadRuns(directory, run.id), isLater))
+        return true;
+    try {
+        const std::optional<TRunRecord> last = FindLastAttempt(directory, first);
+        return last && isLater(*last);
+    } catch (const CError&) {
+        return false;
+    }
 }
 
 TRunRecord FindEnd(const std::string& directory, const std::string& id) {

@@ -208,6 +208,8 @@ TJson JsonOf(const TRunRecord& record) {
         json["attempt"] = record.attempt;
     if (!record.retryOf.empty())
         json["retryOf"] = record.retryOf;
+    if (!record.job.empty())
+        json["job"] = record.job;
     if (!record.output.empty()) {
         json["output"] = record.output;
         json["outputBytes"] = record.outputBytes;
@@ -290,6 +292,7 @@ static TRunRecord ReadRecord(const TJson& json) {
     record.trigger = json.value("trigger", "");
     record.attempt = ReadInteger<int>(json, "attempt");
     record.retryOf = json.value("retryOf", "");
+    record.job = json.value("job", "");
     record.output = json.value("output", "");
     record.outputBytes = ReadInteger<std::uint64_t>(json, "outputBytes");
     record.outputError = json.value("outputError", "");

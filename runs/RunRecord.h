@@ -76,6 +76,8 @@ struct TRunRecord {
     // Due times without a launch that the record stands for, of which `due` is the first; 0: that one.
     std::size_t missed = 0;
     std::optional<bool> success;  // whether its end is good; only of a job that says which ends are
+    // The line of a job whose program has not begun; only in the file of its run, not in the history.
+    std::string job;
 
     bool operator==(const TRunRecord&) const = default;
 };

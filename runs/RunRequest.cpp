@@ -6,8 +6,13 @@
 #include <utility>
 
 std::string EncodeRunRequest(const TRunRequest& request) {
-    return fmt::format("1 {} {} {} {} {} {}", request.report, request.follower, request.trigger,
-                       request.historySize, request.outputSize, static_cast<int>(request.copy));
+    std::string text =
+        fmt::format("1 {} {} {} {} {} {}", request.report, request.follower, request.trigger,
+                    request.historySize, request.outputSize, static_cast<int>(request.copy));
+    // A runner of an older version knows no such request.
+    if (request.attempt > 1)
+        text += fmt::format(" {} {}", request.attempt, request.retryOf);
+    return text;
 }
 
 std::optional<TRunRequest> DecodeRunRequest(std::string_view text) {
@@ -16,12 +21,16 @@ std::optional<TRunRequest> DecodeRunRequest(std::string_view text) {
     char trigger[16];
     int end = 0;
     const std::string string(text);
-    const int count = std::sscanf(string.c_str(), "1 %d %d %15[a-z-] %lu %lu %u%n", &request.report,
-                                  &request.follower, trigger, &request.historySize,
-                                  &request.outputSize, &copy, &end);
-    if (count != 6 || static_cast<std::size_t>(end) != string.size() ||
-        copy > TRunRequest::cPrefixed)
+    char retryOf[64] = {};
+    const int count =
+        std::sscanf(string.c_str(), "1 %d %d %15[a-z-] %lu %lu %u%n %d %63[0-9TZ.-]%n",
+                    &request.report, &request.follower, trigger, &request.historySize,
+                    &request.outputSize, &copy, &end, &request.attempt, retryOf, &end);
+    const bool isFirst = count == 6;
+    if ((!isFirst && (count != 8 || request.attempt < 2)) ||
+        static_cast<std::size_t>(end) != string.size() || copy > TRunRequest::cPrefixed)
         return {};
+    request.retryOf = retryOf;
     request.trigger = trigger;
     request.copy = static_cast<TRunRequest::ECopy>(copy);
     return request;

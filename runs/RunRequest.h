@@ -19,6 +19,8 @@ struct TRunRequest {
     std::uint64_t historySize = 0;
     std::uint64_t outputSize = 0;
     ECopy copy = cNoCopy;
+    int attempt = 1;           // of TRunRecord
+    std::string retryOf = {};  // of TRunRecord; empty for the first attempt
 };
 
 inline constexpr char cRunVariable[] = "VXSCHED_RUN";

@@ -68,6 +68,12 @@ static TRunRecord DescribeUnreadable(const std::string& id) {
     return run;
 }
 
+// Has the record of a run whose runner has died say so if its program had not begun.
+static void RecordLoss(TRunRecord& run) {
+    if (!run.job.empty())
+        RecordNotStarted(run, "its runner was killed before the program began");
+}
+
 // The process that has the file locked; empty if nobody has, 0 if it is not visible here. Asks only: a
 // lock that is tried would keep RecordDeadRunners() from its own.
 static std::optional<pid_t> HolderOf(const CDescriptor& file) {
@@ -96,7 +102,8 @@ static bool RecordOne(const fs::path& path, const std::function<bool(const TRunR
                   content.find('\n') == std::string::npos;
     if (!isDone) {
         TRunRecord run = LastRecordIn(content).value_or(DescribeUnreadable(path.filename()));
-        if (run.outcome == TRunRecord::cRunnerDied)
+        RecordLoss(run);
+        if (run.outcome == TRunRecord::cRunnerDied || !run.job.empty())
             run.ended = CurrentMoment();
         isDone = record(run);
         if (isDone)
@@ -194,11 +201,14 @@ std::vector<TRunning> FindOrphans(const std::string& directory, const std::strin
     return orphans;
 }
 
-std::vector<TRunRecord> FindDeadRuns(const std::string& directory) {
+std::vector<TRunRecord> FindDeadRuns(const std::string& directory, const std::string& own) {
     std::vector<TRunRecord> runs;
-    for (const TRunFile& file : ReadRunFiles(directory)) {
-        if (!file.runner)
+    for (const TRunFile& file : ReadRunFiles(directory, own)) {
+        if (!file.runner) {
             runs.push_back(file.run);
+            RecordLoss(runs.back());
+            runs.back().job.clear();
+        }
     }
     return runs;
 }

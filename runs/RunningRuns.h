@@ -50,8 +50,8 @@ std::vector<TRunning> FindOrphans(const std::string& directory, const std::strin
 
 // The runs in the store of a directory whose runner has died or could not record its end, as they would
 // be recorded. A runner may have been killed after it had recorded its run. Blocks for disk access
-// only; what this user may not read is left out.
-std::vector<TRunRecord> FindDeadRuns(const std::string& directory);
+// only; what this user may not read is left out. The file of the run `own` is not opened.
+std::vector<TRunRecord> FindDeadRuns(const std::string& directory, const std::string& own = "");
 
 // Sends the runner of a run SIGTERM, that of an orphan to the process group of its program, or nobody if
 // it has ended. The run's record names `user` as who has

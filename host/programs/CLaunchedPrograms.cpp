@@ -9,13 +9,17 @@
 #include <cerrno>
 #include <functional>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <vxsched/Error.h>
 #include "base/InSeconds.h"
 #include "base/SignalName.h"
 #include "host/CHostLog.h"
+#include "jobs/CJobError.h"
+#include "jobs/JobLine.h"
 #include "runs/HistoryReader.h"
+#include "runs/RunEnd.h"
 #include "runs/RunningRuns.h"
 
 static std::string DescriptionOf(const TRunRecord& run) {
@@ -49,6 +53,17 @@ void CLaunchedPrograms::Launched(const TRunRecord& run, pid_t child, ELaunchedCh
 bool CLaunchedPrograms::RecordDead() {
     const std::lock_guard<std::mutex> lock(mutex);
     return RecordDeadRuns();
+}
+
+std::vector<TRunRecord> CLaunchedPrograms::TakeLostRuns() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(lostRuns, {});
+}
+
+void CLaunchedPrograms::RetryMade(const TRunRecord& lost) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    retriedRuns.insert(lost.id);
+    RecordDeadRuns();
 }
 
 void CLaunchedPrograms::LaunchFailed(const TRunRecord& run) {
@@ -183,17 +198,43 @@ void CLaunchedPrograms::RecordEnd(const TProgram& program) {
         Record(program.run);
 }
 
-// A runner may have been killed after it had recorded its run.
-bool CLaunchedPrograms::RecordDeadRuns() {
-    return RecordDeadRunners([this](const TRunRecord& run) {
-        if (vxsched::IsRecorded(".", run.id))
-            return true;
+// Whether the job of a run whose runner was killed has it attempted again. The next attempt may have
+// been launched by a host that was killed before it could record this one.
+bool CLaunchedPrograms::IsLost(const TRunRecord& run) const {
+    try {
+        return !run.job.empty() && !retriedRuns.contains(run.id) &&
+               run.attempt <= static_cast<int>(vxsched::ReadJobLine(run.job).retries) &&
+               !vxsched::HasLaterAttempt(".", run);
+    } catch (const vxsched::CJobError&) {
+        return false;
+    }
+}
+
+bool CLaunchedPrograms::RecordDeadRun(TRunRecord run) {
+    // A runner may have been killed after it had recorded its run.
+    if (vxsched::IsRecorded(".", run.id))
+        return true;
+    if (IsLost(run)) {
+        lostRuns.push_back(run);
+        static_cast<void>(eventfd_write(wakeDescriptor.Get(), 1));
+        return false;
+    }
+    if (!run.job.empty()) {
+        LogWarning(
+            fmt::format("a runner was killed before its program began, {}", DescriptionOf(run)));
+        run.job.clear();
+    } else {
         const char* const what =
             run.outcome == TRunRecord::cRunnerDied ? "was killed" : "could not record its end";
         LogWarning(
             fmt::format("the runner of process {} {}, {}", run.process, what, DescriptionOf(run)));
-        return Record(run);
-    });
+    }
+    return Record(run);
+}
+
+bool CLaunchedPrograms::RecordDeadRuns() {
+    lostRuns.clear();  // they are found again
+    return RecordDeadRunners([this](const TRunRecord& run) { return RecordDeadRun(run); });
 }
 
 // A runner was killed that has not reported its program, so that it may have left no record of it.

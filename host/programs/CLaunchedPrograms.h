@@ -6,7 +6,9 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "base/CDescriptor.h"
 #include "runs/CRunHistory.h"
@@ -39,6 +41,11 @@ public:
     // Records the runs whose runners have died. Returns false if one could not be recorded.
     bool RecordDead();
 
+    // The runs whose runners were killed before their programs began, and that their jobs have attempted
+    // again. Each is recorded once RetryMade() was called for it.
+    std::vector<TRunRecord> TakeLostRuns();
+    void RetryMade(const TRunRecord& lost);
+
     // A program could not be launched, because of run.error.
     void LaunchFailed(const TRunRecord& run);
 
@@ -61,7 +68,7 @@ public:
     // it.
     void LeaveRunning();
 
-    // Readable when CollectFinished() should be called although no SIGCHLD came.
+    // Readable when CollectFinished() should be called although no SIGCHLD came, and TakeLostRuns().
     int WakeDescriptor() const { return wakeDescriptor.Get(); }
 
     std::size_t Count();          // running programs
@@ -81,6 +88,8 @@ private:
     void RecordEnd(const TProgram& program);
     bool Record(const TRunRecord& run);  // false if it could not be written
     bool RecordDeadRuns();
+    bool RecordDeadRun(TRunRecord run);
+    bool IsLost(const TRunRecord& run) const;
     void RecordUnreported(TRunRecord run);
     void CollectOrphans();
 
@@ -88,6 +97,8 @@ private:
     std::mutex mutex;      // guards all below but wakeDescriptor
     TPrograms programs;
     std::size_t launches = 0;
+    std::vector<TRunRecord> lostRuns;
+    std::set<std::string> retriedRuns;  // their ids
     CRunHistory* history = nullptr;
     CDescriptor wakeDescriptor;
 };

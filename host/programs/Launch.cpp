@@ -204,7 +204,9 @@ TLaunched Spawn(const TRunRecord& run, const TRequest& request, const CDescripto
                                       .request = {.trigger = run.trigger,
                                                   .historySize = gSizes.history,
                                                   .outputSize = gSizes.output,
-                                                  .copy = CopyTo(output)},
+                                                  .copy = CopyTo(output),
+                                                  .attempt = run.attempt,
+                                                  .retryOf = run.retryOf},
                                       .follower = request.follower,
                                       .direct = [&](CSpawnActions& actions) {
                                           FillActions(actions, output.Get(), recordPath, owedPath);
@@ -232,7 +234,7 @@ TLaunched Launch(TRunRecord& run, const TRequest& request, const CDescriptor& ou
         return Spawn(run, request, output, recordPath, owedPath);
     };
     std::optional<TLaunchRecord> record;
-    if (run.task && run.due)
+    if (run.task && run.due && run.attempt == 1)
         record = {.task = vxsched::FileNameOf(*run.task),
                   .due = *run.due,
                   .launched = std::chrono::floor<std::chrono::seconds>(*run.started),
@@ -463,6 +465,22 @@ TLaunched LaunchByHand(const std::string& task, const std::string& program,
 
 void MakeOwedLaunches() {
     COwedLaunches::Instance().MakeAll(MakeOwedLaunch);
+}
+
+void RetryLostRuns() {
+    CLaunchedPrograms& programs = CLaunchedPrograms::Instance();
+    for (const TRunRecord& lost : programs.TakeLostRuns()) {
+        TRunRecord next = MakeRetry(lost);
+        next.id.clear();  // its runner makes one
+        next.program = vxsched::cRunnerProgram;
+        next.parameter = lost.job;
+        const TLaunched launched = LaunchForHost(next, {}, {}, -1);
+        if (launched.error == EAGAIN)
+            continue;
+        if (launched.error != 0)
+            ReportFailure(next, launched);
+        programs.RetryMade(lost);
+    }
 }
 
 void CancelOwedLaunches(const std::vector<vxsched::TTaskEntry>& tasks) {

@@ -48,6 +48,11 @@ TLaunched LaunchByHand(const std::string& task, const std::string& program,
 // handled.
 void MakeOwedLaunches();
 
+// Makes the next attempt of each run whose runner was killed before its program began, if the job has it
+// retried. One that the system has no process for is made when another runner dies, or by the next
+// host. Blocks until the runners have begun. For the main thread, while launches are handled.
+void RetryLostRuns();
+
 // Gives up the owed launches whose tasks were removed, paused or given another program since; logs
 // and records that. `tasks` is a table of which no task was lost; the caller holds the store mutex.
 // Any thread may call it.

@@ -32,7 +32,10 @@ CMainLoop::CMainLoop(CSignals& hostSignals, CServiceManager& serviceManager,
       watchdog(service.WatchdogTimeout().count() > 0 ? service.WatchdogTimeout() : cDefaultTimeout,
                TClock::now()) {
     Watch(signals.Descriptor(), [this] { ReadSignals(); });
-    Watch(programs.WakeDescriptor(), [this] { programs.CollectFinished(); });
+    Watch(programs.WakeDescriptor(), [this] {
+        programs.CollectFinished();
+        RetryLostRuns();
+    });
     Watch(COwedLaunches::Instance().Descriptor(), MakeOwedLaunches);
     gIsHostThread = true;
     // For the service manager's watchdog the worker is checked at fixed intervals anyway.

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "GuardedTable.h"
 #include "HostProgram.h"
 #include "Process.h"
 #include "TableFile.h"
@@ -149,8 +150,90 @@ TEST_F(Retry, OfARunnerThatWasKilledIsRecorded) {
     kill(Running()[0].runner, SIGKILL);
     EXPECT_EQ(runner->Wait(), 1000 + SIGKILL);
     ASSERT_EQ(History().size(), 2U);
-    EXPECT_EQ(History()[1].outcome, TRunRecord::cRunnerDied);
+    EXPECT_EQ(History()[1].outcome, TRunRecord::cNotStarted);
+    EXPECT_EQ(History()[1].error, "its runner was killed before the program began");
     EXPECT_EQ(History()[1].attempt, 2);
+    const CHost host;
+    WaitUntil([] { return CountIn("files/running") == 0; });
+    EXPECT_EQ(History().size(), 2U) << "there is no third attempt";
+}
+
+// A run waits before its first attempt; its runner is killed, alone or with the host.
+TEST_F(Retry, IsMadeOfARunWhoseRunnerWasKilledBeforeItBegan) {
+    const std::string job = "--retry 1 --backoff 0s --random-delay 1000h " + FailingFirst(0);
+    for (const bool isHostKilled : {false, true}) {
+        fs::remove_all("files");
+        fs::remove("attempts");
+        fs::create_directory("files");
+        auto host = std::make_unique<CHost>();
+        CreateDue("job", RUNNER_PROGRAM, job);
+        WaitUntil([] { return Running().size() == 1; });
+        WaitForTheTicksEnd();
+        if (isHostKilled) {
+            host->Kill(SIGKILL);
+            host->Wait();
+        }
+        kill(Running()[0].runner, SIGKILL);
+        if (isHostKilled)
+            host = std::make_unique<CHost>();
+        WaitUntil([] { return History().size() == 2 && CountIn("files/running") == 0; });
+        EXPECT_EQ(host->Stop(), 0);
+        const std::vector<TRunRecord> runs = History();
+        const std::size_t lost = runs[0].attempt == 1 ? 0 : 1;
+        EXPECT_EQ(runs[lost].error, "its runner was killed before the program began");
+        EXPECT_EQ(runs[lost].job, "");
+        EXPECT_TRUE(runs[lost].ended);
+        const TRunRecord& retry = runs[1 - lost];
+        EXPECT_EQ(retry.attempt, 2);
+        EXPECT_EQ(retry.retryOf, runs[lost].id);
+        EXPECT_EQ(retry.trigger, cRetried);
+        EXPECT_EQ(retry.due, runs[lost].due);
+        EXPECT_EQ(retry.outcome, TRunRecord::cExited);
+        EXPECT_EQ(retry.number, 0);
+        EXPECT_EQ(CountBegun(), 1U) << host->Output();
+    }
+}
+
+// The host was killed before it could record the attempt whose next it has launched.
+TEST_F(Retry, IsNotMadeTwiceOfARunWhoseRunnerWasKilled) {
+    const std::string job = "--retry 5 --backoff 0s --random-delay 1000h " + FailingFirst(0);
+    auto host = std::make_unique<CHost>();
+    CreateDue("job", RUNNER_PROGRAM, job);
+    WaitUntil([] { return Running().size() == 1; });
+    WaitForTheTicksEnd();
+    const std::string path = "files/running/" + Running()[0].run.id;
+    const std::string killed = ReadFile(path);
+    kill(Running()[0].runner, SIGKILL);
+    WaitUntil([] { return CountBegun() == 1 && History().size() == 2; });
+    host->Kill(SIGKILL);
+    host->Wait();
+    const std::string history = ReadFile("files/history.jsonl");
+    std::string without;
+    for (const std::string& line : Lines("files/history.jsonl")) {
+        if (line.find("its runner was killed") == std::string::npos)
+            without += line + '\n';
+    }
+    WriteFile("files/history.jsonl", without);
+    WriteFile(path, killed);
+    host = std::make_unique<CHost>();
+    WaitUntil([] { return History().size() == 2 && CountIn("files/running") == 0; });
+    EXPECT_EQ(host->Stop(), 0);
+    EXPECT_EQ(CountBegun(), 1U);
+    EXPECT_EQ(History().size(), 2U);
+}
+
+TEST_F(Retry, IsNotMadeOfARunWhoseRunnerWasKilledWhileItsProgramRan) {
+    CHost host;
+    CreateDue("job", RUNNER_PROGRAM, "--retry 1 --backoff 0s " PROGRAMS "/wait-forever");
+    WaitUntil([] { return Running().size() == 1 && Running()[0].run.process != 0; });
+    WaitForTheTicksEnd();
+    const pid_t program = Running()[0].run.process;
+    kill(Running()[0].runner, SIGKILL);
+    WaitUntil([] { return History().size() == 1; });
+    kill(program, SIGKILL);
+    EXPECT_EQ(host.Stop(), 0);
+    EXPECT_EQ(History().size(), 1U);
+    EXPECT_EQ(History()[0].outcome, TRunRecord::cRunnerDied);
 }
 
 TEST_F(Retry, IsWaitedForByWhoeverRunsTheTask) {

@@ -29,6 +29,25 @@ TEST(RunRequest, IsReadAsItWasWritten) {
     EXPECT_EQ(read->historySize, UINT64_MAX);
     EXPECT_EQ(read->outputSize, std::uint64_t{1} << 20U);
     EXPECT_EQ(read->copy, TRunRequest::cPrefixed);
+    EXPECT_EQ(read->attempt, 1);
+    EXPECT_EQ(read->retryOf, "");
+}
+
+TEST(RunRequest, OfALaterAttemptIsReadAsItWasWritten) {
+    const std::string text = EncodeRunRequest({.report = 3,
+                                               .trigger = "retry",
+                                               .attempt = 12,
+                                               .retryOf = "20261123T101112.131Z-4194304"});
+    const std::optional<TRunRequest> read = DecodeRunRequest(text);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->attempt, 12);
+    EXPECT_EQ(read->retryOf, "20261123T101112.131Z-4194304");
+    EXPECT_EQ(EncodeRunRequest(*read), text);
+    for (const std::string& wrong : {text + " ", text + "x", text + " 3"})
+        EXPECT_FALSE(DecodeRunRequest(wrong)) << wrong;
+    const std::string first = EncodeRunRequest({.report = 3, .trigger = "retry"});
+    for (const char* const wrong : {" ", " 2", " 2 ", " 1 2026Z-1", " -2 2026Z-1", " 2 run"})
+        EXPECT_FALSE(DecodeRunRequest(first + wrong)) << wrong;
 }
 
 // The fuzzer begins with these.
