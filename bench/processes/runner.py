@@ -3,13 +3,15 @@
 Launches a small program through vxrun and directly, alternately, from start to end; and has two hosts, of which one has
 no vxrun next to it, launch 10, 100 and 1,000 jobs that are due at once, one host after the other; with --quick only the
 10. In the due second a client creates a task, which waits for the tick. Then a host launches 100 jobs of which each is
-due a second after the one before; with --quick 3. A job records the time at which it runs. RESULT.json gets the time of
-each launch, for each burst the time from the due second to the last job and the client's wait, and of the single jobs
-the median and the worst lateness.
+due a second after the one before; with --quick 3. A job records the time at which it runs. Two jobs that wait are
+launched as well. RESULT.json gets the time of each launch, for each burst the time from the due second to the last job
+and the client's wait, of the single jobs the median and the worst lateness, and the memory that the runner of a waiting
+job shares with no other process.
 """
 import json
 import os
 import shutil
+import signal
 import statistics
 import subprocess
 import sys
@@ -42,6 +44,33 @@ def launch(build, way):
     if status != 0:
         sys.exit("runner.py: %s ended with %d" % (command, status))
     return end - begin, int((usage.ru_utime + usage.ru_stime) * SECOND)
+
+
+def start_job(build):
+    """The process of the runner of a job whose program runs."""
+    reader, writer = os.pipe()
+    os.set_inheritable(writer, True)
+    environment = {**isolation.ENVIRONMENT, "VXSCHED_TASK": "job", "VXSCHED_DUE": "0",
+                   "VXSCHED_RUN": "1 %d -1 schedule 1048576 1048576 0" % writer}
+    runner = os.path.join(build, "bin", "vxrun")
+    line = "--overlap allow --timeout 1h --retry 1 -- /usr/bin/sleep 1000"
+    process = os.posix_spawn(runner, [runner, runner, line], environment)
+    os.close(writer)
+    os.read(reader, 4096)  # the report
+    os.close(reader)
+    return process
+
+
+def private_memory(build):
+    """The bytes of memory that one of two runners shares with no process: both have the same code."""
+    runners = [start_job(build), start_job(build)]
+    time.sleep(1)  # until they wait for the programs' ends
+    with open("/proc/%d/smaps_rollup" % runners[0]) as file:
+        kibibytes = [int(line.split()[1]) for line in file if line.startswith("Private_")]
+    for runner in runners:
+        os.kill(runner, signal.SIGTERM)
+        os.waitpid(runner, 0)
+    return 1024 * sum(kibibytes)
 
 
 def launches(build, scratch, count):
@@ -114,6 +143,7 @@ def main():
     scratch = tempfile.mkdtemp(prefix="bench-")
     try:
         results = launches(build, scratch, 3 if is_quick else 300)
+        results.append({"run_name": "runner/memory", "run_type": "iteration", "real_time": private_memory(build)})
         for size in SIZES[:1] if is_quick else SIZES:
             for way in WAYS:
                 late, wait = lateness(build, scratch, way, size, 0)
