@@ -229,7 +229,10 @@ bool CLaunchedPrograms::RecordDeadRun(TRunRecord run) {
         LogWarning(
             fmt::format("the runner of process {} {}, {}", run.process, what, DescriptionOf(run)));
     }
-    return Record(run);
+    const bool isRecorded = Record(run);
+    if (isRecorded)
+        retriedRuns.erase(run.id);
+    return isRecorded;
 }
 
 bool CLaunchedPrograms::RecordDeadRuns() {

@@ -98,7 +98,7 @@ private:
     TPrograms programs;
     std::size_t launches = 0;
     std::vector<TRunRecord> lostRuns;
-    std::set<std::string> retriedRuns;  // their ids
+    std::set<std::string> retriedRuns;  // the ids of those that are still to be recorded
     CRunHistory* history = nullptr;
     CDescriptor wakeDescriptor;
 };
