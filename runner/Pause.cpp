@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <csignal>
 #include <ctime>
 #include <random>
@@ -13,11 +12,11 @@ static constexpr milliseconds cLongestPause = std::chrono::hours(1);
 static constexpr double cJitter = 0.25;
 
 milliseconds PauseAfter(int attempt, std::chrono::seconds backoff, double random) {
-    const auto limit = static_cast<double>(cLongestPause.count());
-    const double plain = std::min(
-        std::ldexp(static_cast<double>(milliseconds(backoff).count()), attempt - 1), limit);
-    const double varied = plain * (1 - cJitter + 2 * cJitter * random);
-    return milliseconds(std::llround(std::min(varied, limit)));
+    milliseconds plain = backoff;
+    for (int doubled = 1; doubled < attempt && plain < cLongestPause; ++doubled)
+        plain *= 2;
+    const auto varied = std::min(plain, cLongestPause) * (1 - cJitter + 2 * cJitter * random);
+    return std::min(std::chrono::round<milliseconds>(varied), cLongestPause);
 }
 
 double MakeRandom() {

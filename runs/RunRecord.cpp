@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -157,7 +156,8 @@ static TJson TimeOrNull(const std::string& time) {
 // Bounded, so that sums of such times are in range.
 static std::chrono::microseconds Microseconds(double seconds) {
     constexpr double cMost = 1e12;
-    return std::chrono::microseconds(std::llround(std::clamp(seconds, 0.0, cMost) * 1e6));
+    return std::chrono::round<std::chrono::microseconds>(
+        std::chrono::duration<double>(std::clamp(seconds, 0.0, cMost)));
 }
 
 TJson JsonOf(const TRunRecord& record) {
