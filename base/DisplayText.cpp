@@ -116,9 +116,16 @@ std::string ShowBeginning(std::string_view string, std::size_t most) {
 std::string EscapeControls(std::string_view json) {
     std::string escaped;
     escaped.reserve(json.size());
+    const auto isPlain = [](unsigned char byte) { return byte < 0x7F; };
     while (!json.empty()) {
+        // Nearly all of it is.
+        const auto end = std::find_if_not(json.begin(), json.end(), isPlain);
+        escaped.append(json.begin(), end);
+        json.remove_prefix(static_cast<std::size_t>(end - json.begin()));
+        if (json.empty())
+            break;
         const TCharacter character = FirstCharacter(json);
-        if (character.isReadable || character.number < 0x20)  // a line end
+        if (character.isReadable)
             escaped += json.substr(0, character.length);
         else
             escaped += JsonEscapeOf(character.number);

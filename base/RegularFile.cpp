@@ -3,12 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 
 #include "base/CDeadline.h"
 
-static constexpr std::size_t cBlock = 1 << 16;
+// What is read at least of a file that has more than its size says, as those of /proc.
+static constexpr std::size_t cBlock = 1 << 12;
 
 static CDescriptor Failed(int error) {
     errno = error;
@@ -69,7 +71,7 @@ bool ReadRegularFile(int descriptor, std::uint64_t most, std::string& bytes) {
         if (length > most)
             return TooLarge();
         if (length == bytes.size())
-            bytes.resize(length + cBlock);
+            bytes.resize(std::max(2 * length, cBlock));
     }
     bytes.resize(length);
     return true;

@@ -17,8 +17,9 @@ using vxsched::cRunningDirectory;
 // RecordDeadRunners() may remove a file before its runner has locked it.
 static constexpr int cMostCreations = 10;
 
-// How often the run is written, and what its end takes at most besides what is known before.
-static constexpr int cMostRecords = 4;
+// How often a run is written, once more if its program begins later, and what its end takes at most
+// besides what is known before.
+static constexpr int cMostRecords = 3;
 static constexpr std::size_t cEndSize = 1024;
 
 static std::string PathOf(const std::string& id) {
@@ -67,7 +68,8 @@ bool CRunningFile::Create(const TRunRecord& run) {
     if (errno != 0)
         return false;
     // How the run ends has room on a disk that is full by then. In one block it has that anyway.
-    const off_t room = cMostRecords * static_cast<off_t>(JsonLine(run).size() + cEndSize);
+    const int records = cMostRecords + (run.job.empty() ? 0 : 1);
+    const off_t room = records * static_cast<off_t>(JsonLine(run).size() + cEndSize);
     if (room > status.st_blksize)
         static_cast<void>(fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, room));
     return Append(WithoutEnd(run));
