@@ -78,11 +78,12 @@ void CChangeProcess::Kill() const {
 std::optional<TMessage> CChangeProcess::Next(std::chrono::milliseconds limit) {
     const CDeadline deadline(limit);
     for (;;) {
-        std::string left = received;
-        const std::optional<std::string> kind = TakeField(left);
-        if (std::optional<std::string> content = kind ? TakeField(left) : std::nullopt) {
-            received = std::move(left);
-            return TMessage{*kind, std::move(*content)};
+        std::string_view left = received;
+        const std::optional<std::string_view> kind = TakeField(left);
+        if (const auto content = kind ? TakeField(left) : std::nullopt) {
+            TMessage message{std::string(*kind), std::string(*content)};
+            received.erase(0, received.size() - left.size());
+            return message;
         }
         pollfd input{.fd = socket.Get(), .events = POLLIN, .revents = 0};
         const timespec timeLeft = deadline.TimeLeft();

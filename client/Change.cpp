@@ -1,7 +1,6 @@
 #include "client/Change.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <system_error>
@@ -9,6 +8,7 @@
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
 #include "base/CDeadline.h"
+#include "client/ApplyCalls.h"
 #include "client/CChangeProcess.h"
 #include "client/ChangeChecks.h"
 #include "client/LibraryDirectory.h"
@@ -29,9 +29,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Time for the load and the calls.
+// Time for the calls, or the load of the add-in and a launch.
 constexpr milliseconds cWork(10'000);
-constexpr milliseconds cCall(100);  // for each call: it writes the table
 constexpr milliseconds cPause(50);
 // For so long after the end of the scheduling process a restarted one is waited for.
 constexpr milliseconds cRestartLimit(3'000);
@@ -137,10 +136,10 @@ public:
     }
 
 private:
-    // Between two messages the process waits for both locks, or loads the add-in, makes all of the
-    // calls and waits for the store mutex again. A run waits for its runner besides.
+    // Between two messages the process waits for both locks, or makes the change and waits for the store
+    // mutex again. A run waits for its runner besides.
     milliseconds Limit() const {
-        return 2 * options.lockTimeout + cWork + change.calls.size() * cCall +
+        return 2 * options.lockTimeout + cWork +
                (IsRun(change.calls) ? milliseconds(cRunnerLimit) : milliseconds(0));
     }
 
@@ -242,17 +241,6 @@ void WaitUntilLaunched(const TStoreOptions& options, const std::string& due) {
                     due, scheduler->Name(), options.lockTimeout.count(), cMostTimeouts);
 }
 
-// States which changes were made: the calls are made one after the other, and each saves the table.
-std::string MadeBefore(const std::vector<TCall>& calls, const std::string& missing) {
-    std::vector<std::string> made;
-    for (const TCall& call : calls) {
-        if (call.task.name == missing)
-            break;
-        made.push_back('"' + call.task.name + '"');
-    }
-    return made.empty() ? "" : fmt::format("; the change of {} was made", fmt::join(made, ", "));
-}
-
 // Checks whether a change that was cut short is in the table, and takes that for the outcome. Throws
 // CError: cUnknown if that cannot be determined, and if it was not made, the error that kept it from
 // being made, cFailed if the change process reported none.
@@ -280,8 +268,7 @@ void Settle(const TStoreOptions& options, const TChange& change, TAttempt& attem
                         "the run of \"{}\" was cut short: {}; whether the program was launched is "
                         "not known; look for its process and its effects",
                         *missing, what);
-    throw MakeError(code, "the change of \"{}\" was not made: {}; {}{}", *missing, what, state,
-                    MadeBefore(change.calls, *missing));
+    throw MakeError(code, "the change of \"{}\" was not made: {}; {}", *missing, what, state);
 }
 
 [[noreturn]] void NotThere(std::string_view name, const TOutcome& outcome) {
@@ -394,7 +381,10 @@ void CheckChange(const TStoreOptions& options, const std::vector<TCall>& calls) 
     const TTaskEntry* const due = FindDue(table, request);
     if (due != nullptr && !FindSchedulingProcess(options.directory))
         throw NobodyLaunches(due->name);
-    CheckCalls(options.directory, table, request);
+    CheckTable(options.directory, table);
+    CAppliedCalls applied(table.tasks);
+    for (const TCall& call : calls)
+        applied.Apply(options.directory, call, options.evenIfDue);
 }
 
 void WaitForTheTicksEnd(const TStoreOptions& options) {

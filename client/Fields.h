@@ -19,17 +19,17 @@ inline void PutField(std::string& bytes, std::string_view field) {
     bytes += field;
 }
 
-// Removes the first field from `bytes` and returns it; empty, and `bytes` unchanged, if it is not
-// complete yet.
-inline std::optional<std::string> TakeField(std::string& bytes) {
+// Removes the first field from `bytes` and returns it, which is part of them; empty, and `bytes`
+// unchanged, if it is not complete yet.
+inline std::optional<std::string_view> TakeField(std::string_view& bytes) {
     std::uint32_t length = 0;
     if (bytes.size() < sizeof length)
         return {};
     std::memcpy(&length, bytes.data(), sizeof length);
     if (bytes.size() - sizeof length < length)
         return {};
-    std::string field = bytes.substr(sizeof length, length);
-    bytes.erase(0, sizeof length + length);
+    const std::string_view field = bytes.substr(sizeof length, length);
+    bytes.remove_prefix(sizeof length + length);
     return field;
 }
 

@@ -15,6 +15,7 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.task.period);
     transfer(call.task.program);
     transfer(call.task.parameter);
+    transfer(call.task.paused);
     transfer(call.mustBeNew);
     transfer(call.mustExist);
     transfer(call.mustNotRun);
@@ -27,7 +28,6 @@ void ForEachField(Call& call, const Transfer& transfer) {
     transfer(call.seen.parameter);
     transfer(call.seen.paused);
     transfer(call.keepDue);
-    transfer(call.inOneStep);
     transfer(call.newName);
     transfer(call.mayRemove);
 }
@@ -46,7 +46,7 @@ struct TWriter {
 };
 
 struct TReader {
-    std::string& bytes;
+    std::string_view& bytes;
 
     void operator()(std::string& string) const { string = TakeField(bytes).value_or(""); }
     void operator()(TTime& time) const {
@@ -56,7 +56,7 @@ struct TReader {
     }
     template <typename Number>
     void operator()(Number& number) const {
-        number = static_cast<Number>(std::stoll(TakeField(bytes).value_or("0")));
+        number = static_cast<Number>(std::stoll(std::string(TakeField(bytes).value_or("0"))));
     }
 };
 
@@ -77,7 +77,7 @@ std::string Encode(const TRequest& request) {
     return bytes;
 }
 
-TRequest DecodeRequest(std::string bytes) {
+TRequest DecodeRequest(std::string_view bytes) {
     TRequest request;
     const TReader read{bytes};
     read(request.directory);
@@ -88,7 +88,7 @@ TRequest DecodeRequest(std::string bytes) {
     read(request.hasHost);
     read(request.hasOutput);
     while (!bytes.empty()) {
-        TCall call{};
+        TCall call;
         ForEachField(call, read);
         request.calls.push_back(std::move(call));
     }

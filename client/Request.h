@@ -2,37 +2,38 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <vxsched/Table.h>
 
 namespace vxsched {
 
-// One call of an exported function of the add-in.
+// The change of one task, as an exported function of the add-in would make it, or a run of it. The
+// calls of a request are made in their order, each on what the ones before have left.
 struct TCall {
     enum EFunction { cCreate, cDestroy, cPause, cResume, cSetPeriod, cExecute };
-    EFunction function;
-    TTaskEntry task;  // the name; cCreate: all but last and paused; cSetPeriod: the period
+    EFunction function = cCreate;
+    TTaskEntry task = {};  // the name; cCreate: all but last; cSetPeriod: the period
     // Conditions; if one does not hold, no call of the request is made.
     bool mustBeNew = false;
     bool mustExist = true;
     bool mustNotRun = false;    // no run of the task goes on, and no process of its program
     bool mustBeAsSeen = false;  // the task in the table equals `seen`
-    TTaskEntry seen;
+    TTaskEntry seen = {};
     // How the call is made.
-    bool keepDue = false;    // cCreate: the due time is kept, even if it is past
-    bool inOneStep = false;  // cCreate: replaces a task that exists, without the add-in
-    std::string newName;     // cCreate in one step: the name that the task gets; empty: its own
-    bool mayRemove = false;  // cResume: it may remove a task that runs once without a run
+    bool keepDue = false;      // cCreate: the due time is kept, even if it is past
+    std::string newName = {};  // cCreate: the name that the task gets; empty: its own
+    bool mayRemove = false;    // cResume: it may remove a task that runs once without a run
 };
 
-// The request to a change process: check the conditions, load the add-in, make the calls, and
-// remove the program links that no task uses any more.
+// The request to a change process: check the conditions, make all of the calls or, if one cannot be
+// made, none, and remove the program links that no task uses any more.
 struct TRequest {
     std::string directory;
     std::string addIn;
     std::int64_t lockTimeout = 0;  // milliseconds, for the writer lock and the store mutex each
-    bool evenIfDue = false;        // load although tasks are due
+    bool evenIfDue = false;        // make the calls although tasks are due
     bool hasScheduler = false;     // a scheduling process runs; the change process may lack the
                                    // permission to find it
     bool hasHost = false;          // that is a vxschedd, which holds the store's lock
@@ -50,7 +51,7 @@ inline bool IsRun(const std::vector<TCall>& calls) {
 
 std::string Encode(const TRequest& request);
 // Decodes what Encode() returned; other bytes are not checked for and may throw std::exception.
-TRequest DecodeRequest(std::string bytes);
+TRequest DecodeRequest(std::string_view bytes);
 
 // A message of a change process, sent as two fields.
 struct TMessage {

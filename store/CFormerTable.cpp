@@ -53,14 +53,16 @@ std::optional<std::string> CFormerTable::WrittenSince() {
 }
 
 void ReplaceMerged(const fs::path& directory, std::string base, std::string ours,
-                   TTryToWrite tryToWrite, const std::optional<TRename>& rename) {
+                   TTryToWrite tryToWrite, const std::vector<TRename>& renames) {
+    base = Renamed(std::move(base), renames);
+    // Once replaced, the table has the new names.
+    bool isReplaced = false;
     const auto renamed = [&](std::string bytes) {
-        return rename ? Renamed(std::move(bytes), *rename) : std::move(bytes);
+        return isReplaced ? std::move(bytes) : Renamed(std::move(bytes), renames);
     };
-    for (;;) {
+    for (;; isReplaced = true) {
         CFormerTable former(directory);
-        const std::string merged =
-            MergeChanges(renamed(base), renamed(std::move(ours)), renamed(former.Bytes()));
+        const std::string merged = MergeChanges(base, std::move(ours), renamed(former.Bytes()));
         if (!tryToWrite(directory, merged)) {
             former.LetWritersGo();
             OverwriteTable(directory, merged);
@@ -68,8 +70,9 @@ void ReplaceMerged(const fs::path& directory, std::string base, std::string ours
         std::optional<std::string> written = former.WrittenSince();
         if (!written)
             return;
-        base = former.BaseOfOthers(base);
-        ours = *std::move(written);
+        if (IsValidTable(former.Bytes()))
+            base = renamed(former.Bytes());
+        ours = renamed(*std::move(written));
     }
 }
 

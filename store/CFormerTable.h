@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/CDescriptor.h"
 #include "store/MergeChanges.h"
@@ -49,14 +50,14 @@ private:
     std::string bytes;
 };
 
-// TryToReplaceTable() or TryToSaveTable().
+// TryToReplaceTable(), TryToSaveTasks() or TryToSaveTable().
 using TTryToWrite = bool (*)(const std::filesystem::path& directory, std::string_view bytes);
 
 // Replaces the table by one with the changes that lead from `base` to `ours`, and with those that
-// others have saved meanwhile. `rename` is one of these changes: what others have saved of the task
-// under its former name is kept under the new one. The caller holds the store mutex. Throws CError as
-// ReplaceTable() does.
+// others have saved meanwhile. `renames` are among these changes, in their order: what others have
+// saved of a task under its former name is kept under the new one. The caller holds the store mutex.
+// Throws CError as ReplaceTable() does.
 void ReplaceMerged(const std::filesystem::path& directory, std::string base, std::string ours,
-                   TTryToWrite tryToWrite, const std::optional<TRename>& rename = {});
+                   TTryToWrite tryToWrite, const std::vector<TRename>& renames = {});
 
 }  // namespace vxsched

@@ -84,6 +84,10 @@ CStoreMutexLock::CStoreMutexLock(std::chrono::milliseconds lockTimeout,
     }
 }
 
+bool CStoreMutexLock::IsLost() const {
+    return set != -1 && (semctl(set, 0, GETVAL) != 0 || semctl(set, 0, GETPID) != getpid());
+}
+
 CStoreMutexLock::~CStoreMutexLock() {
     if (set == -1)
         return;

@@ -34,6 +34,10 @@ public:
     // in at once from then on. Returns the semaphore set, -1 if none is held.
     int Forget() { return std::exchange(set, -1); }
 
+    // Whether another process has set the mutex free meanwhile, by a load of the add-in, or removed it:
+    // somebody else may hold it. Where nothing was held, nothing is lost.
+    bool IsLost() const;
+
     // False for a reader if there is no store, or its semaphore was removed during the wait.
     bool IsHeld() const { return set != -1; }
 

@@ -1,11 +1,11 @@
 #include "store/MergeChanges.h"
 
-#include <algorithm>
 #include <unordered_map>
 #include <vector>
 
 #include <vxsched/Error.h>
 #include <vxsched/Table.h>
+#include "store/CNamedTasks.h"
 
 namespace vxsched {
 
@@ -93,16 +93,16 @@ std::string MergeChanges(std::string_view base, std::string ours, std::string_vi
     return ours;
 }
 
-std::string Renamed(std::string bytes, const TRename& rename) {
+std::string Renamed(std::string bytes, const std::vector<TRename>& renames) {
+    if (renames.empty())
+        return bytes;
     try {
-        TTable table = DecodeTable(bytes, TTime());
-        const auto task =
-            std::find_if(table.tasks.begin(), table.tasks.end(),
-                         [&](const TTaskEntry& each) { return each.name == rename.from; });
-        if (task == table.tasks.end() || table.Find(rename.to) != nullptr)
-            return bytes;
-        task->name = rename.to;
-        return EncodeTable(table.tasks);
+        CNamedTasks tasks(DecodeTable(bytes, TTime()).tasks);
+        for (const TRename& rename : renames) {
+            if (tasks.Find(rename.from) != nullptr && tasks.Find(rename.to) == nullptr)
+                tasks.Rename(rename.from, rename.to);
+        }
+        return EncodeTable(tasks.Tasks());
     } catch (const CError&) {
         return bytes;
     }

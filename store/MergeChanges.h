@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vxsched {
 
@@ -21,9 +22,10 @@ struct TRename {
     std::string to;
 };
 
-// Returns the table with the task under its new name; the bytes as they are if they are no table, if
-// the task is not in it, or if another one has the name. If all tables of a merge are renamed, the
-// task is the same one in each of them. A plain function of its arguments.
-std::string Renamed(std::string bytes, const TRename& rename);
+// Returns the table after the renames, made one after the other; one whose task is not in the table,
+// or whose new name another task has, is left out. The bytes as they are if they are no table. If the
+// other tables of a merge are renamed like `ours`, a task is the same one in each of them. A plain
+// function of its arguments.
+std::string Renamed(std::string bytes, const std::vector<TRename>& renames);
 
 }  // namespace vxsched

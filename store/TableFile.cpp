@@ -182,8 +182,10 @@ static bool TryToReplaceBy(const fs::path& directory, std::string_view bytes, co
     RequireTarget(file);
     const fs::path target = fs::exists(file, ignored) ? fs::canonical(file, ignored) : file;
     const std::optional<struct stat> status = StatusOf(target);
-    if (Replace(target, bytes, status, ModeOfTable(target, directory), EReplace::cKeepOwner,
-                suffix))
+    // A table that is made anew has no owner to keep.
+    const EReplace how =
+        fs::exists(target, ignored) ? EReplace::cKeepOwner : EReplace::cAsPermitted;
+    if (Replace(target, bytes, status, ModeOfTable(target, directory), how, suffix))
         return true;
     // Another name of the file is a copy that has to stay, see ReplaceDamaged().
     if (status->st_nlink > 1)
@@ -195,8 +197,17 @@ bool TryToReplaceTable(const fs::path& directory, std::string_view bytes) {
     return TryToReplaceBy(directory, bytes, cReplacementSuffix);
 }
 
+static bool HasSeveralNames(const fs::path& table) {
+    struct stat status {};
+    return stat(table.c_str(), &status) == 0 && status.st_nlink > 1;
+}
+
+bool TryToSaveTasks(const fs::path& directory, std::string_view bytes) {
+    return !HasSeveralNames(TableFile(directory)) && TryToReplaceTable(directory, bytes);
+}
+
 bool TryToSaveTable(const fs::path& directory, std::string_view bytes) {
-    return TryToReplaceBy(directory, bytes, cSaveSuffix);
+    return !HasSeveralNames(TableFile(directory)) && TryToReplaceBy(directory, bytes, cSaveSuffix);
 }
 
 void OverwriteTable(const fs::path& directory, std::string_view bytes) {

@@ -50,6 +50,10 @@ void ReplaceTable(const std::filesystem::path& directory, std::string_view bytes
 // The same without overwriting in place: returns false then, and has changed nothing.
 bool TryToReplaceTable(const std::filesystem::path& directory, std::string_view bytes);
 
+// The same for a change of tasks. Where the table has several names (hard links), false: a rename would
+// separate them.
+bool TryToSaveTasks(const std::filesystem::path& directory, std::string_view bytes);
+
 // The same for a change of one task: the table guard takes it for a save, which may have removed
 // that task and no other.
 bool TryToSaveTable(const std::filesystem::path& directory, std::string_view bytes);

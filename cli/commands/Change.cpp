@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include <vxsched/Changes.h>
 #include <vxsched/Error.h>
 #include "base/AbsolutePath.h"
 #include "base/DisplayText.h"
@@ -66,24 +67,27 @@ std::set<std::string> FindPastTasks(const CStore& store, const TNames& names) {
     const TTime now = Now();
     for (const std::string& name : names) {
         const TTaskEntry* const task = table.Find(name);
-        if (task != nullptr && task->period == 0 && task->next <= now)
+        if (task != nullptr && task->paused && task->period == 0 && task->next <= now)
             past.insert(name);
     }
     return past;
 }
 
+// Makes the changes, or checks them for a dry run.
+std::vector<TTaskEntry> Make(const TCommon& common, CChanges& changes) {
+    return common.dryRun ? changes.Check() : changes.Commit();
+}
+
 // `paused`: what the change sets, if it pauses or resumes. `removed`: the tasks that it removes
 // instead.
-template <typename Check, typename Change>
+template <typename Note>
 TExitStatus ChangeNames(const TCommon& common, const TNames& names, const TWords& words,
                         std::optional<bool> paused, const std::set<std::string>& removed,
-                        COutput& output, const Check& check, const Change& change) {
-    const CStore store(common.store);
+                        COutput& output, const Note& note) {
     const auto before = paused ? FindPausedTasks(common.store.directory) : std::nullopt;
-    if (common.dryRun)
-        check(store);
-    else
-        change(store);
+    CChanges changes(common.store);
+    note(changes);
+    Make(common, changes);
     for (const std::string& name : names) {
         if (removed.contains(name))
             PrintLine(output, fmt::format("{} {}: it runs once and its due time is past",
@@ -126,15 +130,10 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& typed, bool repl
     entry.next = ParseTime(arguments.at.value_or("now"), now);
     entry.period = ParsePeriod(arguments.every.value_or("once"));
     const TNewTask task{entry.name, entry.next, entry.period, entry.program, entry.parameter};
-    const CStore store(common.store);
-    if (common.dryRun) {
-        const TTaskEntry made = store.CheckCreate(task, replace, common.forced);
-        PrintLine(output, "would create " + Describe(common, made));
-        PrintLaunchesAhead(common, made, output);
-        return cDone;
-    }
-    const TTaskEntry made = store.Create(task, replace, common.forced);
-    PrintLine(output, "created " + Describe(common, made));
+    CChanges changes(common.store);
+    changes.Create(task, replace, common.forced);
+    const TTaskEntry made = Make(common, changes).front();
+    PrintLine(output, (common.dryRun ? "would create " : "created ") + Describe(common, made));
     PrintLaunchesAhead(common, made, output);
     return cDone;
 }
@@ -155,9 +154,9 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& typed, COutput& ou
         edit.command = [&](TTaskEntry& task) {
             EditCommand(common.store.directory, task, arguments);
         };
-    const CStore store(common.store);
-    const TTaskEntry task = common.dryRun ? store.Edited(arguments.name, edit, common.forced)
-                                          : store.Edit(arguments.name, edit, common.forced);
+    CChanges changes(common.store);
+    changes.Edit(arguments.name, edit, common.forced);
+    const TTaskEntry task = Make(common, changes).front();
     const bool isRenamed = task.name != arguments.name;
     const std::string what = isRenamed ? fmt::format("{} to ", arguments.name) : "";
     const char* const done = isRenamed ? "renamed" : "changed";
@@ -174,18 +173,14 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& typed, COutput& ou
 }
 
 TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output) {
-    return ChangeNames(
-        common, names, {"removed", "would remove"}, {}, {}, output,
-        [&](const CStore& store) { store.CheckRemove(names); },
-        [&](const CStore& store) { store.Remove(names); });
+    return ChangeNames(common, names, {"removed", "would remove"}, {}, {}, output,
+                       [&](CChanges& changes) { changes.Remove(names); });
 }
 
 TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
     const TWords words = {"paused", "would pause", "was paused already", "is paused already"};
-    return ChangeNames(
-        common, names, words, true, {}, output,
-        [&](const CStore& store) { store.CheckPause(names); },
-        [&](const CStore& store) { store.Pause(names); });
+    return ChangeNames(common, names, words, true, {}, output,
+                       [&](CChanges& changes) { changes.Pause(names); });
 }
 
 TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
@@ -193,22 +188,16 @@ TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) 
     const std::set<std::string> removed = common.forced.contains("past-due")
                                               ? FindPastTasks(CStore(common.store), names)
                                               : std::set<std::string>();
-    return ChangeNames(
-        common, names, words, false, removed, output,
-        [&](const CStore& store) { store.CheckResume(names, common.forced); },
-        [&](const CStore& store) { store.Resume(names, common.forced); });
+    return ChangeNames(common, names, words, false, removed, output,
+                       [&](CChanges& changes) { changes.Resume(names, common.forced); });
 }
 
 TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
                       COutput& output) {
-    const std::uint32_t hours = ParsePeriod(every);
-    const CStore store(common.store);
-    if (common.dryRun)
-        PrintLine(output,
-                  "would change " + Describe(common, store.WithPeriod(name, hours, common.forced)));
-    else
-        PrintLine(output,
-                  "changed " + Describe(common, store.SetPeriod(name, hours, common.forced)));
+    CChanges changes(common.store);
+    changes.SetPeriod(name, ParsePeriod(every), common.forced);
+    PrintLine(output, (common.dryRun ? "would change " : "changed ") +
+                          Describe(common, Make(common, changes).front()));
     return cDone;
 }
 

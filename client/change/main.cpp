@@ -1,6 +1,6 @@
-// vxsched-change: makes one change of a table through the add-in, and ends without removing the
-// store mutex. The client library starts one for each change, so that a hang or crash of the add-in
-// cannot reach the client.
+// vxsched-change: makes one change of a table, or has the add-in launch the program of a task. The
+// client library starts one for each: a client that is stopped or killed keeps no lock, and a hang or
+// crash of the add-in cannot reach it.
 
 #include <VXC_Log.h>
 #include <fcntl.h>
@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstring>
 #include <limits>
-#include <thread>
 
 #include <vxsched/Error.h>
 #include <vxsched/SchedulingProcess.h>
@@ -22,13 +21,14 @@
 #include "base/Sync.h"
 #include "base/Umask.h"
 #include "base/WriteAll.h"
+#include "client/ApplyCalls.h"
 #include "client/ChangeChecks.h"
 #include "client/Fields.h"
 #include "client/LockForChange.h"
 #include "client/Request.h"
-#include "client/change/CAddIn.h"
 #include "client/change/HostLaunch.h"
 #include "client/change/Launches.h"
+#include "client/change/LoadAddIn.h"
 #include "interpose/Clock.h"
 #include "interpose/FileStatus.h"
 #include "interpose/SemaphoreLoad.h"
@@ -40,7 +40,6 @@
 #include "store/CStoreMutexLock.h"
 #include "store/CWriterLock.h"
 #include "store/ForgetLaunches.h"
-#include "store/Grid.h"
 #include "store/Layout.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -78,16 +77,17 @@ void SendMessage(const char* kind, const std::string& content) {
 // Reads the request; empty if the client ended before it had sent all of it.
 std::optional<TRequest> ReadRequest() {
     std::string bytes;
-    std::optional<std::string> field;
-    char block[4096];
-    while (!(field = TakeField(bytes))) {
+    char block[1 << 16];
+    for (;;) {
+        std::string_view left = bytes;
+        if (const std::optional<std::string_view> field = TakeField(left))
+            return DecodeRequest(*field);
         const ssize_t count = read(gClient, block, sizeof block);
         if (count > 0)
             bytes.append(block, static_cast<std::size_t>(count));
         else if (count == 0 || errno != EINTR)
             return {};
     }
-    return DecodeRequest(std::move(*field));
 }
 
 // The writer lock under which the add-in locks the store mutex.
@@ -190,143 +190,97 @@ bool MayTickOverwrite(const TRequest& request) {
     return (request.hasScheduler && !IsWorkerIdle()) || IsTickUnderWay(".");
 }
 
-// The task of cCreate under the name that it gets.
-TTaskEntry NamedTask(const TCall& call) {
-    TTaskEntry task = call.task;
-    if (!call.newName.empty())
-        task.name = call.newName;
-    return task;
-}
+// A request that can be carried out.
+struct TPrepared {
+    std::string bytes;  // of the table as it is
+    TTable table;
+    CAppliedCalls applied;
+};
 
-// SetTaskPeriod counts from the former due time, and keeps that as long as the clock shows it: the
-// task would be launched for it once more. The caller holds the writer lock and the store mutex, for
-// a second at most.
-void WaitBeyondFormerDueTime(const TTaskEntry& task) {
-    const TTime former = task.next - StepOf(task.period);
-    while (!task.paused && Now() == former)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-}
-
-// Checks the request and begins the change. Returns the table; empty if a message has sent the
-// client to wait or start over. The caller holds the writer lock and the store mutex.
-std::optional<TTable> Begin(TRequest& request) {
+// Checks the request; empty if a message has sent the client to wait or start over. The caller holds the
+// writer lock and the store mutex.
+std::optional<TPrepared> Prepare(const TRequest& request) {
     if (MayTickOverwrite(request)) {
         SendMessage(cMessageTick, "");
         return {};
     }
-    const std::string bytes = ReadTableBytes(".");
+    std::string bytes = ReadTableBytes(".");
     TTable table = DecodeTable(bytes, Now());
     if (const TTaskEntry* const due = FindDue(table, request)) {
         SendMessage(cMessageDue, due->name);
         return {};
     }
-    CheckCalls(".", table, request);
-    if (const TCall* const changed = FindChanged(table, request)) {
-        SendMessage(cMessageChanged, changed->task.name);
-        return {};
+    CheckTable(".", table);
+    CAppliedCalls applied(table.tasks);
+    for (const TCall& call : request.calls) {
+        if (!applied.Apply(".", call, request.evenIfDue)) {
+            SendMessage(cMessageChanged, call.task.name);
+            return {};
+        }
     }
-    if (!MayBegin())
-        return {};
-    for (TCall& call : request.calls) {
-        const TTaskEntry* const task = table.Find(call.task.name);
-        if (task != nullptr)
-            call.seen = *task;
-        if (call.function == TCall::cSetPeriod && task != nullptr && task->period != 0)
-            WaitBeyondFormerDueTime(*task);
-        if (call.function == TCall::cCreate)
-            ForgetLaunches(".", table.tasks, {NamedTask(call)});
-    }
-    RemoveLeftovers(".");
-    KeepBeforeChange(".", bytes);
-    SendMessage(cMessageBegun, "");
-    return table;
+    return TPrepared{std::move(bytes), std::move(table), std::move(applied)};
 }
 
-// Replaces a task without the add-in, where that would take several saves, and a kill between two of
-// them would leave a paused task active, or a renamed one twice or not at all. The caller holds the
-// writer lock and the store mutex.
-void ReplaceTask(TTable table, const TCall& call) {
-    std::string before = EncodeTable(table.tasks);
-    for (TTaskEntry& task : table.tasks) {
-        if (task.name != call.task.name)
-            continue;
-        task = NamedTask(call);
-        task.last = call.seen.last;
-        task.paused = call.seen.paused;
-        break;
-    }
+// What precedes any change. The caller holds the writer lock and the store mutex.
+void Keep(const TPrepared& prepared) {
+    RemoveLeftovers(".");
+    KeepBeforeChange(".", prepared.bytes);
+}
+
+// Saves the changed table in one step: a kill leaves all of the change or nothing of it. Not through
+// the add-in, whose functions save after each task. The caller holds the writer lock and the store
+// mutex.
+void Save(TPrepared prepared, bool isOneTask) {
+    ForgetLaunches(".", prepared.table.tasks, prepared.applied.made);
+    SendMessage(cMessageBegun, "");
     CChangeEvent changeEvent;
     AnnounceSave();
-    // The table guard would take a save that both removes a name and adds one for a loss.
-    if (call.newName.empty())
-        ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToSaveTable);
-    else
-        ReplaceMerged(".", std::move(before), EncodeTable(table.tasks), TryToReplaceTable,
-                      TRename{call.task.name, call.newName});
+    // The table guard would take a save that removes several names, or that both removes a name and adds
+    // one, for a loss.
+    const bool isSave = isOneTask && prepared.applied.renames.empty();
+    ReplaceMerged(".", std::move(prepared.bytes), EncodeTable(prepared.applied.tasks.Tasks()),
+                  isSave ? TryToSaveTable : TryToSaveTasks, prepared.applied.renames);
     if (const std::string warning = changeEvent.Announce(); !warning.empty())
         SendMessage(cMessageWarning, warning);
 }
 
-void Create(const CAddIn& addIn, const TCall& call) {
-    const long due = call.task.next.time_since_epoch().count();
-    std::optional<CFrozenClock> clock;
-    if (call.keepDue)
-        clock.emplace();
-    addIn.create(call.task.name.c_str(), &due, call.task.period, call.task.program.c_str(),
-                 call.task.parameter.c_str());
-}
-
-// ResumeTask removes a task that runs once if its due time is past by the clock.
-void Resume(const CAddIn& addIn, const TCall& call) {
-    std::optional<CFrozenClock> clock;
-    if (!call.mayRemove && call.seen.period == 0)
-        clock.emplace();
-    addIn.resume(call.task.name.c_str());
-}
-
-void Make(const CAddIn& addIn, const TCall& call) {
-    const char* const name = call.task.name.c_str();
-    switch (call.function) {
-        case TCall::cCreate:
-            return Create(addIn, call);
-        case TCall::cDestroy:
-            return addIn.destroy(name);
-        case TCall::cPause:
-            return addIn.pause(name);
-        case TCall::cResume:
-            return Resume(addIn, call);
-        case TCall::cSetPeriod:
-            addIn.setPeriod(name, call.task.period);
-            return;
-        case TCall::cExecute:
-            SetLaunchedTask(call.task.name, gRunOutput.Get());
-            return addIn.executeNow(name, true);
-    }
-}
-
-// Makes the change. False if a message has sent the client to wait or start over. The store mutex is
-// taken before the load of the add-in, so that the load, which sets it free, ends no other process's
-// hold; the load releases it. If the load fails, the kernel releases the mutex at the end of this
-// process.
-bool MakeChange(TRequest& request, const CWriterLock& writerLock) {
-    auto lock =
-        LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout), writerLock);
-    std::optional<TTable> table = Begin(request);
-    if (!table)
-        return false;
-    if (!request.calls.empty() && request.calls.front().inOneStep) {
-        ReplaceTask(*std::move(table), request.calls.front());
-        return true;
-    }
+// Has the add-in launch the program of a task. The store mutex is taken before the load of the add-in,
+// so that the load, which sets it free, ends no other process's hold; the load releases it. If the load
+// fails, the kernel releases the mutex at the end of this process.
+void Execute(const TRequest& request, CStoreMutexLock& lock, const CWriterLock& writerLock) {
     ReleaseAtLoad(lock.Forget());
     KeepLocking(writerLock);
     std::optional<CFrozenClock> clock(std::in_place);
-    const CAddIn addIn(request.addIn);
+    const auto executeTaskNow = LoadAddIn(request.addIn);
     clock.reset();
+    SendMessage(cMessageBegun, "");
     SetSemaphoreAccess(".");
-    for (const TCall& call : request.calls)
-        Make(addIn, call);
-    return true;
+    const std::string& name = request.calls.back().task.name;
+    SetLaunchedTask(name, gRunOutput.Get());
+    executeTaskNow(name.c_str(), true);
+}
+
+// Makes the change. False if a message has sent the client to wait or start over.
+bool MakeChange(const TRequest& request, const CWriterLock& writerLock) {
+    for (bool mayBegin = false;;) {
+        auto lock = LockForChange<CStoreMutexLock>(std::chrono::milliseconds(request.lockTimeout),
+                                                   writerLock);
+        SetSemaphoreAccess(".");
+        std::optional<TPrepared> prepared = Prepare(request);
+        if (!prepared || (!mayBegin && !MayBegin()))
+            return false;
+        mayBegin = true;
+        // A direct client whose load has set the mutex free meanwhile would overwrite the change by the
+        // table that it has read before.
+        if (lock.IsLost())
+            continue;
+        Keep(*prepared);
+        if (IsRun(request.calls))
+            Execute(request, lock, writerLock);
+        else
+            Save(*std::move(prepared), request.calls.size() == 1);
+        return true;
+    }
 }
 
 std::string ReadBack(const TRequest& request, const CWriterLock& writerLock) {
@@ -361,7 +315,7 @@ void RequireSavesInOneStep(const std::string& addIn) {
             addIn, reason);
 }
 
-void Serve(TRequest& request) {
+void Serve(const TRequest& request) {
     ListenToLaunches([&request](const TLaunch& launch) {
         // The add-in does not announce a launch outside the schedule, and the scheduling process
         // would overwrite the task's last launch. So it is announced here, while the store mutex is

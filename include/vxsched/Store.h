@@ -50,17 +50,16 @@ struct TRun {
 
 // The tasks of one directory.
 //
-// Reading has no effect on the store. A change is made through the add-in, in a child process of
-// its own (vxsched-change), so that a hang or crash of the add-in cannot reach the caller. Rules:
+// Reading has no effect on the store. A change is made in a child process (vxsched-change), so that a
+// caller that is stopped or killed keeps no lock: as the add-in's function would make it, in one save.
+// A run is made through the add-in, whose hang or crash cannot reach the caller either. Rules:
 //
 // 1. Locks. Each call takes the locks that it needs: the writer lock, then the store mutex, each
 //    with a wait of at most TStoreOptions::lockTimeout. The caller must hold neither. Holders are
 //    waited for, never interrupted, whether a tick or another client.
-// 2. Blocking. Check() and Wake() do not block. Read(), Edited() and the other checks of a change wait
-//    for the store mutex. A change also has the wait of rule 3, and is made in a child process. The
-//    child process is killed when it sends no message for 2 x the lock timeout + 10 s + 0.1 s for
-//    each call of the add-in's functions, for a run + 10 s. The table is then checked under both
-//    locks.
+// 2. Blocking. Check() and Wake() do not block. Read() and CheckRun() wait for the store mutex. A change also has the wait of rule 3, and is made in a child process. The
+//    child process is killed when it sends no message for 2 x the lock timeout + 10 s, for a run +
+//    10 s. The table is then checked under both locks.
 // 3. Due tasks. While an active task is due, a change first wakes the scheduling process and waits
 //    until it has launched the due tasks: at most lockTimeout without progress and 10 x lockTimeout
 //    in all, and again if other tasks have come due by then. Without a scheduling process the
@@ -105,12 +104,6 @@ public:
     // taken.
     TTaskEntry Create(const TNewTask& task, bool replace, const TForced& forced = {}) const;
 
-    // Returns the entry that Create() would make now, without a change. Throws like it.
-    TTaskEntry CheckCreate(const TNewTask& task, bool replace, const TForced& forced = {}) const;
-
-    // Returns the entry that Edit() would write, without a change. Throws like Edit().
-    TTaskEntry Edited(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
-
     // Changes a task and returns the new entry. A calendar of its job sets the due time; an edit of due
     // time or period is refused then. A paused task stays paused, and if it repeats and
     // its due time is past, it is rescheduled. An active task with a past due time is due: its
@@ -127,7 +120,8 @@ public:
     // so.
     TTaskEntry Edit(std::string_view name, const TEdit& edit, const TForced& forced = {}) const;
 
-    // These three change all of the named tasks, or none if a name is unknown (cNotFound).
+    // These three change all of the named tasks in one step, or none if a name is unknown (cNotFound).
+    // CChanges makes different changes in one step.
     void Remove(const std::vector<std::string>& names) const;
     void Pause(const std::vector<std::string>& names) const;
     // A task that runs once and whose due time passed while it was paused would be removed without
@@ -135,19 +129,10 @@ public:
     // rescheduled.
     void Resume(const std::vector<std::string>& names, const TForced& forced = {}) const;
 
-    // Throw what Remove(), Pause() and Resume() would throw now, without a change.
-    void CheckRemove(const std::vector<std::string>& names) const;
-    void CheckPause(const std::vector<std::string>& names) const;
-    void CheckResume(const std::vector<std::string>& names, const TForced& forced = {}) const;
-
-    // Returns the entry that SetPeriod() would write, without a change. Throws like it.
-    TTaskEntry WithPeriod(std::string_view name, std::uint32_t hours,
-                          const TForced& forced = {}) const;
-
     // Changes a task's period to `hours`, counted on from its previous due time, and returns the
     // new entry. 0 keeps the next due time and makes the task run once. Throws cNotFound, and
     // cRefused on a validation error that is not forced or, with evenIfDue, if the active task is
-    // due itself. Within a second after the task's due time it holds the locks for that second.
+    // due itself.
     TTaskEntry SetPeriod(std::string_view name, std::uint32_t hours,
                          const TForced& forced = {}) const;
 
@@ -189,7 +174,6 @@ private:
     bool TryReplaceAll(const std::vector<TTaskEntry>& tasks,
                        const std::function<void(const std::string& bytes)>& canReplace,
                        std::vector<std::string>& warnings) const;
-    TTaskEntry TryEdit(const TTaskEntry& seen, const TEdit& edit, const TForced& forced) const;
 
     TStoreOptions options;
 };

@@ -15,8 +15,7 @@
       and waits until that has launched the due tasks, at most the lock timeout without progress and
       ten times that in all; without a scheduling process in this IPC namespace it returns
       VXSCHED_NO_SCHEDULER. A change is made in a child process. The child process is killed when
-      it sends no message for 2 x the lock timeout + 10 s + 0.1 s for each call of the add-in's
-      functions.
+      it sends no message for 2 x the lock timeout + 10 s, for a run + 10 s.
    6. A vxsched_store is for one thread at a time; threads may use distinct ones at the same time.
       `store` must not be null. It holds no lock, file or memory of the table between calls.
    7. No exception leaves these functions. They install no signal handler. */

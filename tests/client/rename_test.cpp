@@ -1,6 +1,7 @@
 // An edit that gives a task another name: what stays, and what is refused.
 
 #include <gtest/gtest.h>
+#include <vxsched/Changes.h>
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
 
@@ -31,6 +32,13 @@ protected:
 
     static TRow Row(const std::string& name) {
         return {name, Seconds(In(1h)), 77, 24, cRecorder, "a parameter", 0};
+    }
+
+    // A dry run.
+    static void Check(const CStore& tasks, const std::string& name, const TEdit& edit) {
+        CChanges changes(tasks.Options());
+        changes.Edit(name, edit);
+        changes.Check();
     }
 
     const CStore evenIfDue{{.lockTimeout = 60s, .evenIfDue = true}};
@@ -101,7 +109,7 @@ TEST_F(Rename, ToANameThatIsTakenOrInvalidIsRefused) {
         for (const std::string& name :
              {std::string("taken"), std::string(), std::string("a\0b", 3)}) {
             ErrorOf(EError::cRefused, [&] { store.Edit("a task", To(name)); });
-            ErrorOf(EError::cRefused, [&] { store.Edited("a task", To(name)); });
+            ErrorOf(EError::cRefused, [&] { Check(store, "a task", To(name)); });
             TEdit edit = To(name);
             edit.period = 48;
             ErrorOf(EError::cRefused, [&] { store.Edit("a task", edit); });
@@ -136,7 +144,7 @@ TEST_F(Rename, OfADueTaskIsRefusedWithoutAHostUnlessItGetsANewDueTime) {
         const std::string message =
             ErrorOf(EError::cRefused, [&] { evenIfDue.Edit("due", To("renamed")); });
         EXPECT_NE(message.find("is due itself"), std::string::npos) << message;
-        EXPECT_EQ(ErrorOf(EError::cRefused, [&] { evenIfDue.Edited("due", To("renamed")); }),
+        EXPECT_EQ(ErrorOf(EError::cRefused, [&] { Check(evenIfDue, "due", To("renamed")); }),
                   message)
             << "a dry run";
     });

@@ -56,7 +56,7 @@ TEST_F(ClientStore, MissingAddInIsReportedAndReleasesTheMutex) {
     const CStore without({.addIn = "./no-add-in.so"});
     ExpectKept([&] {
         const std::string message =
-            ErrorOf(EError::cFailed, [&] { without.Create(Task("b"), false); });
+            ErrorOf(EError::cFailed, [&] { without.Run("a", true, false); });
         EXPECT_NE(message.find("no-add-in.so"), std::string::npos) << message;
     });
     EXPECT_EQ(StoreSemaphoreValue(), 1);
@@ -263,7 +263,7 @@ TEST_F(ClientStore, SaveThatFailsLeavesTheTable) {
     CForkedChild client([&] { return CreateBeyondTheLimit(task); });
     EXPECT_EQ(client.Wait(), 42) << ReadFile("error");
     EXPECT_EQ(ReadFile(cTable), before);
-    EXPECT_NE(ReadFile("error").find("as it was before"), std::string::npos) << ReadFile("error");
+    EXPECT_NE(ReadFile("error").find("was not made"), std::string::npos) << ReadFile("error");
     EXPECT_EQ(StoreSemaphoreValue(), 1);
     EXPECT_EQ(std::distance(fs::directory_iterator("files"), fs::directory_iterator()), 2)
         << "the table and the backup";

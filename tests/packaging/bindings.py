@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs vxschedd --run-once and vxsched create, reads how the dynamic linker bound their symbols, and fails when a call of
+"""Runs vxschedd --run-once and vxsched run, reads how the dynamic linker bound their symbols, and fails when a call of
 the add-in goes past a function that the program interposes, or when the program interposes anything else.
 
 bindings.py BUILD-DIRECTORY
@@ -71,9 +71,10 @@ def main():
     build = os.path.realpath(sys.argv[1])
     host = os.path.join(build, "bin", "vxschedd")
     change = os.path.join(build, "lib", "vantrix", "vxsched-change")
-    create = [os.path.join(build, "bin", "vxsched"), "create", "backup", "--at", "2099-01-01 00:00", "--", "/bin/true"]
+    tool = os.path.join(build, "bin", "vxsched")
+    run = ["sh", "-c", '"$0" create backup --at "2099-01-01 00:00" -- /bin/true && exec "$0" run backup', tool]
     problems = []
-    for program, command in ((host, [host, "--directory", ".", "--run-once"]), (change, create)):
+    for program, command in ((host, [host, "--directory", ".", "--run-once"]), (change, run)):
         name = os.path.basename(program)
         found = bindings_of(name, command)
         print("%d symbols of %s and its libraries are bound" % (len(found), name))

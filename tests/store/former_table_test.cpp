@@ -53,7 +53,7 @@ TEST(FormerTable, WhatOthersHaveSavedOfARenamedTaskIsKeptUnderItsNewName) {
         theirs.next = 2000;
         WriteTable({theirs, {"other", 1000, 0, 0, "/bin/true", "", 0}});
         vxsched::ReplaceMerged(".", BytesOf({before}), BytesOf({ours}), vxsched::TryToReplaceTable,
-                               vxsched::TRename{"a task", "renamed"});
+                               {{"a task", "renamed"}});
         EXPECT_EQ(ReadTable(), (TRows{{"renamed", 2000, 0, period, "/bin/true", "ours", 0},
                                       {"other", 1000, 0, 0, "/bin/true", "", 0}}));
     }

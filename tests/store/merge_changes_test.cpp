@@ -98,12 +98,12 @@ TEST(MergeChanges, TakesOursWhereThereIsNothingToMerge) {
 }
 
 TEST(Renamed, GivesTheTaskItsNewNameInItsPlace) {
-    EXPECT_EQ(Renamed(Bytes({Task("a"), Task("b"), Task("c")}), {"b", "new"}),
+    EXPECT_EQ(Renamed(Bytes({Task("a"), Task("b"), Task("c")}), {{"b", "new"}}),
               Bytes({Task("a"), Task("new"), Task("c")}));
 }
 
 TEST(Renamed, LeavesATableThatLacksTheTaskOrHasTheName) {
     for (const std::string& bytes :
          {Bytes({Task("a")}), Bytes({Task("b"), Task("new")}), std::string("no table")})
-        EXPECT_EQ(Renamed(bytes, {"b", "new"}), bytes);
+        EXPECT_EQ(Renamed(bytes, {{"b", "new"}}), bytes);
 }

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vxsched/Changes.h>
 #include <vxsched/Error.h>
 #include <vxsched/Store.h>
 
@@ -119,7 +120,9 @@ RUN_AGAIN(ClientOfAForeignStore) {
     try {
         for (const auto& task : store.Read().tasks)
             std::printf("%s\n", task.name.c_str());
-        std::printf("%s\n", store.Edited("a", {.name = "b"}).name.c_str());
+        vxsched::CChanges changes(store.Options());
+        changes.Edit("a", {.name = "b"});
+        std::printf("%s\n", changes.Check().front().name.c_str());
         store.ReplaceAll({});
     } catch (const vxsched::CError& error) {
         std::printf("%s\n", error.what());
