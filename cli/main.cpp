@@ -23,6 +23,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/DefaultCounts.h"
 #include "cli/commands/Interruption.h"
+#include "cli/commands/Selection.h"
 #include "cli/time/PastTime.h"
 #include "cli/time/PeriodFormat.h"
 #include "jobs/JobOptions.h"
@@ -128,9 +129,10 @@ private:
     // options of all commands would take a quarter of a short command's time.
     void Add(const char* name, const char* description, TCommand command, TOptions options,
              EIdentity identity = EIdentity::cOwner);
-    void AddForNames(const char* name, const char* description,
-                     TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
-                     bool isForcible);
+    void AddForSelected(const char* name, const char* description,
+                        TExitStatus (*command)(const TCommon&, const TSelection&, COutput&),
+                        bool isForcible);
+    void AddSelection(CLI::App& command, const char* valueName, const char* description);
     void AddQueries();
     void AddChanges();
     void AddMaintenance();
@@ -138,12 +140,13 @@ private:
     void AddChangeOptions(CLI::App& command);
     void AddForce(CLI::App& command);
     void AddName(CLI::App& command);
-    void AddCommand(CLI::App& command);
+    void AddJobOptions(CLI::App& command);
+    void AddProgram(CLI::App& command);
     void Parse(int argc, const char* const* argv);
     void RestoreBrackets();
     std::string ReasonOf(const CLI::ParseError& error) const;
     void RequireQuotedTime() const;
-    void RequireSeparator(bool hasSeparator) const;
+    void TakeCommandAfterSeparator(std::size_t words);
     std::string ReasonOfUnknown(const std::string& typed) const;
     std::string ReasonOfUnexpected(const std::vector<std::string>& unexpected) const;
     void WarnIfNoHostHasRun() const;
@@ -168,12 +171,11 @@ private:
     std::string until;
     TTaskArguments task;
     std::string flagValue;  // its option takes it
-    TNames names;
+    TSelection selection;
     bool replace = false;
     bool merge = false;
     bool force = false;
     bool wait = false;
-    std::string period;
     std::string file;
     std::string shell;
 };
@@ -361,13 +363,26 @@ void CCommandLine::AddName(CLI::App& command) {
     command.add_option("name", task.name, "The task")->type_name("NAME")->required();
 }
 
-void CCommandLine::AddForNames(const char* name, const char* description,
-                               TExitStatus (*command)(const TCommon&, const TNames&, COutput&),
-                               bool isForcible) {
+void CCommandLine::AddSelection(CLI::App& command, const char* valueName, const char* description) {
+    // The name of an argument must not be that of an option.
+    command.add_option("tasks", selection.patterns, description)->type_name(valueName);
+    command.add_flag("--all", selection.all, "Change all tasks");
+}
+
+// A word of a value that was not quoted, or a program without --, is read as a name.
+constexpr char cAdviceOnSeparator[] =
+    "quote an argument of several words, write -- before a program, and see vxsched list";
+
+constexpr char cTasksHelp[] = "The tasks; quote a pattern of names, as in 'backup-*'";
+
+void CCommandLine::AddForSelected(const char* name, const char* description,
+                                  TExitStatus (*command)(const TCommon&, const TSelection&,
+                                                         COutput&),
+                                  bool isForcible) {
     Add(
-        name, description, [this, command] { return command(common, names, output); },
+        name, description, [this, command] { return command(common, selection, output); },
         [this, isForcible](CLI::App& added) {
-            added.add_option("name", names, "The tasks")->type_name("NAME")->required();
+            AddSelection(added, "NAME", cTasksHelp);
             AddChangeOptions(added);
             if (isForcible)
                 AddForce(added);
@@ -385,8 +400,8 @@ constexpr std::array<TCalendarOption, 3> cCalendarOptions = {
      {"weekly", "'DAYS TIME'", "Launch on days of the week: 'mon,fri 08:30'"},
      {"monthly", "'DAYS TIME'", "Launch on days of the month, L is the last: '1,L 08:30'"}}};
 
-// What a task executes, and by which calendar.
-void CCommandLine::AddCommand(CLI::App& command) {
+// How a task is executed, and by which calendar.
+void CCommandLine::AddJobOptions(CLI::App& command) {
     for (const TJobOption& option : cJobOptions) {
         if (option.name == cTaskOption)
             continue;
@@ -419,6 +434,9 @@ void CCommandLine::AddCommand(CLI::App& command) {
             .add_option_function<std::string>(fmt::format("--{}", option.name), take, option.help)
             ->type_name(option.valueName);
     }
+}
+
+void CCommandLine::AddProgram(CLI::App& command) {
     command
         .add_option("program", task.command,
                     "Absolute path of the program, and its arguments; write -- before it")
@@ -434,15 +452,19 @@ void CCommandLine::AddChanges() {
             create.add_option("--at", task.at, "First due time; default now")->type_name("TIME");
             create.add_option("--every", task.every, "Period; default once")->type_name("PERIOD");
             create.add_flag("--replace", replace, "Replace the task if one of this name exists");
-            AddCommand(create);
+            AddJobOptions(create);
+            AddProgram(create);
             AddChangeOptions(create);
             AddForce(create);
         });
     Add(
-        "edit", "Change the given fields of a task", [this] { return Edit(common, task, output); },
+        "edit", "Change the given fields of tasks",
+        [this] {
+            selection.advice = cAdviceOnSeparator;
+            return Edit(common, selection, task, output);
+        },
         [this](CLI::App& edit) {
-            // The name of an argument must not be that of an option.
-            edit.add_option("task", task.name, "The task")->type_name("NAME")->required();
+            AddSelection(edit, "NAME", cTasksHelp);
             edit.add_option("--name", task.newName, "New name")->type_name("NAME");
             edit.add_option("--at", task.at, "Next due time; a past one is due now")
                 ->type_name("TIME");
@@ -451,19 +473,27 @@ void CCommandLine::AddChanges() {
                 ->type_name("PATH");
             edit.add_option("--parameter", task.parameter, "The single argument of the program")
                 ->type_name("PARAMETER");
-            AddCommand(edit);
+            AddJobOptions(edit);
+            AddProgram(edit);
             AddChangeOptions(edit);
             AddForce(edit);
         });
-    AddForNames("remove", "Remove tasks; if one does not exist, none is removed", Remove, false);
-    AddForNames("pause", "Skip tasks until they are resumed", Pause, false);
-    AddForNames("resume", "Undo a pause; a missed task is rescheduled", Resume, true);
+    AddForSelected("remove", "Remove tasks; if one does not exist, none is removed", Remove, false);
+    AddForSelected("pause", "Skip tasks until they are resumed", Pause, false);
+    AddForSelected("resume", "Undo a pause; a missed task is rescheduled", Resume, true);
     Add(
         "period", "Change the period; the next due time stays on the task's grid",
-        [this] { return SetPeriod(common, task.name, period, output); },
+        [this] {
+            if (selection.patterns.empty())
+                throw CUsageError("period: a period is required: 6h, 1d, 2w, once");
+            const std::string period = selection.patterns.back();
+            selection.patterns.pop_back();
+            return SetPeriod(common, selection, period, output);
+        },
         [this](CLI::App& added) {
-            AddName(added);
-            added.add_option("period", period, "6h, 1d, 2w, once")->type_name("PERIOD")->required();
+            AddSelection(added, "NAME PERIOD",
+                         "The tasks, or a quoted pattern of names, as 'backup-*'; then the period: "
+                         "6h, 1d, 2w, once");
             AddChangeOptions(added);
             AddForce(added);
         });
@@ -533,28 +563,31 @@ void CCommandLine::WarnIfNoHostHasRun() const {
                   << "; set --directory or VXSCHED_DIRECTORY to select another directory\n";
 }
 
-// The second word of a time that was not quoted is read as the program.
+// The second word of a time that was not quoted is read as the program, or as a task's name.
 void CCommandLine::RequireQuotedTime() const {
-    if (!task.at || task.command.empty())
+    if (!task.at)
         return;
-    const std::string words = *task.at + ' ' + task.command.front();
-    try {
-        ParseTime(words, Now());
-    } catch (const CParseError&) {
-        return;
+    std::vector<std::string> rest = selection.patterns;
+    if (!task.command.empty())
+        rest.push_back(task.command.front());
+    for (const std::string& word : rest) {
+        const std::string words = *task.at + ' ' + word;
+        try {
+            ParseTime(words, Now());
+        } catch (const CParseError&) {
+            continue;
+        }
+        throw CLI::ValidationError(
+            "--at", fmt::format("quote a time of several words: --at \"{}\"", words));
     }
-    throw CLI::ValidationError("--at",
-                               fmt::format("quote a time of several words: --at \"{}\"", words));
 }
 
-// The rest of a value that was not quoted would become a task's program.
-void CCommandLine::RequireSeparator(bool hasSeparator) const {
-    if (app.got_subcommand("edit") && !task.command.empty() && !hasSeparator)
-        throw CLI::ParseError(
-            fmt::format("unexpected argument \"{}\"; quote an argument of several words, and write "
-                        "-- before a program",
-                        task.command.front()),
-            CLI::ExitCodes::ExtrasError);
+// The parser takes all words for names. Those after -- are the command of the edited tasks.
+void CCommandLine::TakeCommandAfterSeparator(std::size_t words) {
+    const auto first = selection.patterns.end() -
+                       static_cast<std::ptrdiff_t>(std::min(words, selection.patterns.size()));
+    task.command.assign(first, selection.patterns.end());
+    selection.patterns.erase(first, selection.patterns.end());
 }
 
 // Takes the mark off every value that ProtectBrackets() may have marked.
@@ -564,7 +597,7 @@ void CCommandLine::RestoreBrackets() {
             value.pop_back();
     };
     for (std::string* const value :
-         {&directory, &until, &period, &file, &shell, &task.name, &calendarOptions.expression,
+         {&directory, &until, &file, &shell, &task.name, &calendarOptions.expression,
           &calendarOptions.zone, &calendarOptions.from, &historyOptions.since})
         restore(*value);
     for (std::optional<std::string>* const value :
@@ -572,7 +605,7 @@ void CCommandLine::RestoreBrackets() {
         if (*value)
             restore(**value);
     }
-    std::for_each(names.begin(), names.end(), restore);
+    std::for_each(selection.patterns.begin(), selection.patterns.end(), restore);
     std::for_each(task.command.begin(), task.command.end(), restore);
     for (auto& [option, values] : task.options)
         std::for_each(values.begin(), values.end(), restore);
@@ -593,8 +626,10 @@ void CCommandLine::Parse(int argc, const char* const* argv) {
         app.parse(argc, pointers.data());
         std::erase_if(task.options, [](const auto& option) { return option.second.empty(); });
         RestoreBrackets();
+        const auto left = end - begin - static_cast<std::ptrdiff_t>(beforeSeparator.size());
+        if (app.got_subcommand("edit") && left > 0)
+            TakeCommandAfterSeparator(static_cast<std::size_t>(left - 1));
         RequireQuotedTime();
-        RequireSeparator(static_cast<std::ptrdiff_t>(beforeSeparator.size()) < end - begin);
     } catch (const CLI::ExtrasError&) {
         RequireQuotedTime();
         // The rest of a time that was not quoted is left over. Report the time: its message has the

@@ -17,11 +17,13 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/LaunchesAhead.h"
 #include "cli/commands/PausedTasks.h"
+#include "cli/commands/Selection.h"
 #include "cli/commands/TaskCommand.h"
 #include "cli/output/JobFormat.h"
 #include "cli/time/PeriodFormat.h"
 #include "jobs/JobOptions.h"
 #include "runs/OutputFiles.h"
+#include "store/CNamedTasks.h"
 #include "store/CSchedule.h"
 #include "store/MakeError.h"
 #include "store/ProgramLinks.h"
@@ -63,10 +65,10 @@ struct TWords {
 // Those that a resume removes, if that is forced: they run once, and their due time is past.
 std::set<std::string> FindPastTasks(const CStore& store, const TNames& names) {
     std::set<std::string> past;
-    const TTable table = store.Read();
+    CNamedTasks tasks(store.Read().tasks);
     const TTime now = Now();
     for (const std::string& name : names) {
-        const TTaskEntry* const task = table.Find(name);
+        const TTaskEntry* const task = tasks.Find(name);
         if (task != nullptr && task->paused && task->period == 0 && task->next <= now)
             past.insert(name);
     }
@@ -78,12 +80,12 @@ std::vector<TTaskEntry> Make(const TCommon& common, CChanges& changes) {
     return common.dryRun ? changes.Check() : changes.Commit();
 }
 
-// `paused`: what the change sets, if it pauses or resumes. `removed`: the tasks that it removes
-// instead.
+// Makes the changes that `note` notes for the names, and reports each. `paused`: what the change sets,
+// if it pauses or resumes. `removed`: the tasks that it removes instead.
 template <typename Note>
-TExitStatus ChangeNames(const TCommon& common, const TNames& names, const TWords& words,
-                        std::optional<bool> paused, const std::set<std::string>& removed,
-                        COutput& output, const Note& note) {
+void ChangeNames(const TCommon& common, const TNames& names, const TWords& words,
+                 std::optional<bool> paused, const std::set<std::string>& removed, COutput& output,
+                 const Note& note) {
     const auto before = paused ? FindPausedTasks(common.store.directory) : std::nullopt;
     CChanges changes(common.store);
     note(changes);
@@ -97,7 +99,6 @@ TExitStatus ChangeNames(const TCommon& common, const TNames& names, const TWords
         else
             PrintLine(output, fmt::format("{} {}", common.dryRun ? words.would : words.done, name));
     }
-    return cDone;
 }
 
 bool ChangesSchedule(const TTaskArguments& arguments) {
@@ -116,6 +117,20 @@ std::string NoteOfFormerRuns(const TCommon& common, const std::string& name,
     return fmt::format(
         "its former runs stay under {0}: see vxsched history {1}, vxsched output {1}", name,
         ShellWord(name));
+}
+
+// Of a task that had that name before the edit.
+void PrintEdited(const TCommon& common, const std::string& name, const TTaskEntry& task,
+                 COutput& output) {
+    const bool isRenamed = task.name != name;
+    const std::string what = isRenamed ? fmt::format("{} to ", name) : "";
+    const char* const done = isRenamed ? "renamed" : "changed";
+    const char* const would = isRenamed ? "would rename" : "would change";
+    PrintLine(output,
+              fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
+    const std::string note = isRenamed ? NoteOfFormerRuns(common, name, task) : "";
+    if (!note.empty())
+        PrintLine(output, note);
 }
 
 }  // namespace
@@ -138,7 +153,8 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& typed, bool repl
     return cDone;
 }
 
-TExitStatus Edit(const TCommon& common, const TTaskArguments& typed, COutput& output) {
+TExitStatus Edit(const TCommon& common, const TSelection& selection, const TTaskArguments& typed,
+                 COutput& output) {
     const TTaskArguments arguments = ByCron(typed);
     TEdit edit;
     if (arguments.at)
@@ -154,50 +170,61 @@ TExitStatus Edit(const TCommon& common, const TTaskArguments& typed, COutput& ou
         edit.command = [&](TTaskEntry& task) {
             EditCommand(common.store.directory, task, arguments);
         };
-    CChanges changes(common.store);
-    changes.Edit(arguments.name, edit, common.forced);
-    const TTaskEntry task = Make(common, changes).front();
-    const bool isRenamed = task.name != arguments.name;
-    const std::string what = isRenamed ? fmt::format("{} to ", arguments.name) : "";
-    const char* const done = isRenamed ? "renamed" : "changed";
-    const char* const would = isRenamed ? "would rename" : "would change";
-    PrintLine(output,
-              fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
-    if (ChangesSchedule(arguments))
-        PrintLaunchesAhead(common, task, output);
-    if (isRenamed) {
-        if (const std::string note = NoteOfFormerRuns(common, arguments.name, task); !note.empty())
-            PrintLine(output, note);
-    }
+    ForSelected(common, selection, [&](const TNames& names) {
+        if (edit.name && names.size() != 1)
+            throw CUsageError("edit: --name takes one task, since names are unique");
+        CChanges changes(common.store);
+        for (const std::string& name : names)
+            changes.Edit(name, edit, common.forced);
+        for (const TTaskEntry& task : Make(common, changes)) {
+            PrintEdited(common, edit.name ? names.front() : task.name, task, output);
+            if (ChangesSchedule(arguments) && names.size() == 1)
+                PrintLaunchesAhead(common, task, output);
+        }
+    });
     return cDone;
 }
 
-TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output) {
-    return ChangeNames(common, names, {"removed", "would remove"}, {}, {}, output,
-                       [&](CChanges& changes) { changes.Remove(names); });
+TExitStatus Remove(const TCommon& common, const TSelection& selection, COutput& output) {
+    ForSelected(common, selection, [&](const TNames& names) {
+        ChangeNames(common, names, {"removed", "would remove"}, {}, {}, output,
+                    [&](CChanges& changes) { changes.Remove(names); });
+    });
+    return cDone;
 }
 
-TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Pause(const TCommon& common, const TSelection& selection, COutput& output) {
     const TWords words = {"paused", "would pause", "was paused already", "is paused already"};
-    return ChangeNames(common, names, words, true, {}, output,
-                       [&](CChanges& changes) { changes.Pause(names); });
+    ForSelected(common, selection, [&](const TNames& names) {
+        ChangeNames(common, names, words, true, {}, output,
+                    [&](CChanges& changes) { changes.Pause(names); });
+    });
+    return cDone;
 }
 
-TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
+TExitStatus Resume(const TCommon& common, const TSelection& selection, COutput& output) {
     const TWords words = {"resumed", "would resume", "was not paused", "is not paused"};
-    const std::set<std::string> removed = common.forced.contains("past-due")
-                                              ? FindPastTasks(CStore(common.store), names)
-                                              : std::set<std::string>();
-    return ChangeNames(common, names, words, false, removed, output,
-                       [&](CChanges& changes) { changes.Resume(names, common.forced); });
+    ForSelected(common, selection, [&](const TNames& names) {
+        const std::set<std::string> removed = common.forced.contains("past-due")
+                                                  ? FindPastTasks(CStore(common.store), names)
+                                                  : std::set<std::string>();
+        ChangeNames(common, names, words, false, removed, output,
+                    [&](CChanges& changes) { changes.Resume(names, common.forced); });
+    });
+    return cDone;
 }
 
-TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
+TExitStatus SetPeriod(const TCommon& common, const TSelection& selection, const std::string& every,
                       COutput& output) {
-    CChanges changes(common.store);
-    changes.SetPeriod(name, ParsePeriod(every), common.forced);
-    PrintLine(output, (common.dryRun ? "would change " : "changed ") +
-                          Describe(common, Make(common, changes).front()));
+    const std::uint32_t hours = ParsePeriod(every);
+    ForSelected(common, selection, [&](const TNames& names) {
+        CChanges changes(common.store);
+        for (const std::string& name : names)
+            changes.SetPeriod(name, hours, common.forced);
+        for (const TTaskEntry& task : Make(common, changes))
+            PrintLine(output,
+                      (common.dryRun ? "would change " : "changed ") + Describe(common, task));
+    });
     return cDone;
 }
 

@@ -109,6 +109,8 @@ TExitStatus Import(const TCommon& common, const std::string& file, EImport how, 
 // Values of options of a job (jobs/JobOptions.h) by their names, each with those that were given.
 using TJobArguments = std::map<std::string, std::vector<std::string>>;
 
+using TNames = std::vector<std::string>;
+
 // The arguments for one task as they were typed. An omitted one is empty, which differs from "".
 struct TTaskArguments {
     std::string name;
@@ -124,13 +126,15 @@ struct TTaskArguments {
 };
 TExitStatus Create(const TCommon& common, const TTaskArguments& task, bool replace,
                    COutput& output);
-TExitStatus Edit(const TCommon& common, const TTaskArguments& task, COutput& output);
 
-using TNames = std::vector<std::string>;
-TExitStatus Remove(const TCommon& common, const TNames& names, COutput& output);
-TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output);
-TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output);
-TExitStatus SetPeriod(const TCommon& common, const std::string& name, const std::string& every,
+// These change all of the selected tasks in one step, or none. `task` has the changes, but no name.
+struct TSelection;
+TExitStatus Edit(const TCommon& common, const TSelection& selection, const TTaskArguments& task,
+                 COutput& output);
+TExitStatus Remove(const TCommon& common, const TSelection& selection, COutput& output);
+TExitStatus Pause(const TCommon& common, const TSelection& selection, COutput& output);
+TExitStatus Resume(const TCommon& common, const TSelection& selection, COutput& output);
+TExitStatus SetPeriod(const TCommon& common, const TSelection& selection, const std::string& every,
                       COutput& output);
 
 // Launches the program of a task now. With `wait` it prints what the program writes until it exits,

@@ -279,8 +279,6 @@ TEST_F(Cli, TimeThatIsNotQuotedIsReportedAsSuch) {
 TEST_F(Cli, UnknownOptionsAreThoseBeforeTheSeparator) {
     ExpectRefused(2, "unknown option \"-b\"; write -- before the program to pass options to it.",
                   {"create", "x", cRecorder, "a", "-b"});
-    ExpectRefused(2, "unexpected argument \"x\"; quote an argument of several words, and write --",
-                  {"edit", "x", "--name", "y", "x"});
     ExpectRefused(2, "unknown option \"--bogus\". See vxsched --help.\n", {"--bogus"});
     ExpectRefused(2, "unexpected argument \"extra\". See vxsched list --help.\n",
                   {"list", "extra"});
