@@ -306,13 +306,17 @@ void TidyLinks(const TRequest& request, const std::string& bytes) {
     RemoveUnusedLinks(request.directory, *table);
 }
 
-void RequireSavesInOneStep(const std::string& addIn) {
+// Has the add-in, which saves the time of a launch, do so in one step. Throws CError (cFailed).
+void PrepareForAddIn(const std::string& addIn) {
     if (const std::string reason = WhySavesAreNotInOneStep(addIn); !reason.empty())
         throw MakeError(
             EError::cFailed,
             "the add-in {} is refused, since a save that is interrupted would lose tasks: {}. Run "
             "the client without another support library (LD_PRELOAD), or with another add-in",
             addIn, reason);
+    SaveTableInOneStep();
+    SetSaveListener(AnnounceSaveOfLaunch);
+    SetFileStatusListener(NoteFileStatus);
 }
 
 void Serve(const TRequest& request) {
@@ -370,11 +374,9 @@ int Main() {
         BecomeForeignOwner(".");
         if (request->hasOutput && !gRunOutput.IsOpen())
             throw SystemError("cannot keep a descriptor for the output", EMFILE);
-        RequireSavesInOneStep(request->addIn);
-        SaveTableInOneStep();
-        SetSaveListener(IsRun(request->calls) ? AnnounceSaveOfLaunch : AnnounceSave);
         SetSyncFailureListener(WarnOfSyncFailure);
-        SetFileStatusListener(NoteFileStatus);
+        if (IsRun(request->calls))
+            PrepareForAddIn(request->addIn);
         Serve(*request);
         return 0;
     } catch (const CError& error) {

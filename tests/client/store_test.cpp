@@ -360,7 +360,7 @@ TEST_F(ClientStore, AddInWhoseSavesAreNotInOneStepIsRefusedBeforeTheLoad) {
     store.Create(Task("a"), false);
     const auto expectRefused = [](const CStore& refused, const char* reason) {
         ExpectKept([&] {
-            EXPECT_THAT(ErrorOf(EError::cFailed, [&] { refused.Pause({"a"}); }),
+            EXPECT_THAT(ErrorOf(EError::cFailed, [&] { refused.Run("a", true, false); }),
                         testing::HasSubstr(reason));
         });
     };
