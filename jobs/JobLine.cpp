@@ -29,56 +29,46 @@ const TJobOption& OptionOf(std::string_view name) {
         fmt::format("unknown option \"--{}\"; write -- before the program", ShowBeginning(name)));
 }
 
-// The options of a command line, which end at `--` and at the first argument that is none.
-class COptionParser {
-public:
-    explicit COptionParser(const std::vector<std::string>& parsed) : arguments(parsed) {}
-
-    void ParseInto(TJob& job) {
-        std::vector<std::string_view> given;
-        while (next < arguments.size() && arguments[next].starts_with('-')) {
-            const std::string& argument = arguments[next++];
-            if (argument == "--")
-                return;
-            if (!argument.starts_with("--"))
-                throw CJobError(fmt::format("unknown option \"{}\"; write -- before the program",
-                                            ShowBeginning(argument)));
-            const std::size_t equals = std::min(argument.find('='), argument.size());
-            const TJobOption& option = OptionOf(std::string_view(argument).substr(2, equals - 2));
-            if (!option.isRepeatable &&
-                std::find(given.begin(), given.end(), option.name) != given.end())
-                throw CJobError(fmt::format("--{} is given twice; give it once", option.name));
-            given.emplace_back(option.name);
-            SetJobOption(job, option,
-                         equals < argument.size() ? argument.substr(equals + 1) : Value(option));
-        }
-    }
-
-    std::vector<std::string> Rest() const {
-        return {arguments.begin() + static_cast<std::ptrdiff_t>(next), arguments.end()};
-    }
-
-private:
-    std::string Value(const TJobOption& option) {
-        if (option.implied != nullptr)
-            return option.implied;
-        if (next == arguments.size())
-            throw CJobError(
-                fmt::format("--{} has no value; give it a {}", option.name, option.valueName));
-        return arguments[next++];
-    }
-
-    const std::vector<std::string>& arguments;
-    std::size_t next = 0;
-};
+// The value of an option that does not have it in its own word.
+std::string ValueOf(const TJobOption& option, const std::vector<std::string>& words,
+                    std::size_t& next) {
+    if (option.implied != nullptr)
+        return option.implied;
+    if (next == words.size())
+        throw CJobError(
+            fmt::format("--{} has no value; give it a {}", option.name, option.valueName));
+    return words[next++];
+}
 
 }  // namespace
 
+std::vector<std::string> ReadOptions(const std::vector<std::string>& words,
+                                     const TOptionTaker& take) {
+    std::size_t next = 0;
+    while (next < words.size() && words[next].starts_with('-')) {
+        const std::string& word = words[next++];
+        if (word == "--")
+            break;
+        if (!word.starts_with("--"))
+            throw CJobError(fmt::format("unknown option \"{}\"; write -- before the program",
+                                        ShowBeginning(word)));
+        const std::size_t equals = std::min(word.find('='), word.size());
+        const TJobOption& option = OptionOf(std::string_view(word).substr(2, equals - 2));
+        take(option, equals < word.size() ? word.substr(equals + 1) : ValueOf(option, words, next));
+    }
+    return {words.begin() + static_cast<std::ptrdiff_t>(next), words.end()};
+}
+
 TJob ParseJob(const std::vector<std::string>& arguments) {
     TJob job;
-    COptionParser parser(arguments);
-    parser.ParseInto(job);
-    job.command = parser.Rest();
+    std::vector<std::string_view> given;
+    job.command = ReadOptions(arguments, [&](const TJobOption& option, const std::string& value) {
+        if (!option.isRepeatable &&
+            std::find(given.begin(), given.end(), option.name) != given.end())
+            throw CJobError(fmt::format("--{} is given twice; give it once", option.name));
+        given.emplace_back(option.name);
+        SetJobOption(job, option, value);
+    });
     if (job.shell && !job.command.empty())
         throw CJobError(fmt::format("--shell and a program, \"{}\"; give one of them",
                                     ShowBeginning(job.command.front())));

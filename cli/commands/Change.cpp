@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -18,9 +19,9 @@
 #include "cli/commands/LaunchesAhead.h"
 #include "cli/commands/PausedTasks.h"
 #include "cli/commands/Selection.h"
-#include "cli/commands/TaskCommand.h"
 #include "cli/output/JobFormat.h"
 #include "cli/time/PeriodFormat.h"
+#include "jobs/CJobError.h"
 #include "jobs/JobOptions.h"
 #include "runs/OutputFiles.h"
 #include "store/CNamedTasks.h"
@@ -73,6 +74,15 @@ std::set<std::string> FindPastTasks(const CStore& store, const TNames& names) {
             past.insert(name);
     }
     return past;
+}
+
+// Reports arguments that are no job as those of the command.
+void AsUsage(const char* command, const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const CJobError& error) {
+        throw CUsageError(fmt::format("{}: {}", command, error.what()));
+    }
 }
 
 // Makes the changes, or checks them for a dry run.
@@ -141,7 +151,7 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& typed, bool repl
     const TTaskArguments arguments = ByCron(typed);
     TTaskEntry entry;
     entry.name = arguments.name;
-    CreateCommand(common.store.directory, entry, arguments);
+    AsUsage("create", [&] { MakeJob(common.store.directory, entry, arguments); });
     entry.next = ParseTime(arguments.at.value_or("now"), now);
     entry.period = ParsePeriod(arguments.every.value_or("once"));
     const TNewTask task{entry.name, entry.next, entry.period, entry.program, entry.parameter};
@@ -162,13 +172,13 @@ TExitStatus Edit(const TCommon& common, const TSelection& selection, const TTask
     if (arguments.every)
         edit.period = ParsePeriod(*arguments.every);
     edit.name = arguments.newName;
-    if (!edit.due && !edit.period && !edit.name && !ChangesCommand(arguments))
+    if (!edit.due && !edit.period && !edit.name && arguments.IsEmpty())
         throw CUsageError(
             "edit: nothing to change; give --name, --at, --every, another option, or a program "
             "after --");
-    if (ChangesCommand(arguments))
+    if (!arguments.IsEmpty())
         edit.command = [&](TTaskEntry& task) {
-            EditCommand(common.store.directory, task, arguments);
+            AsUsage("edit", [&] { ChangeJob(common.store.directory, task, arguments); });
         };
     ForSelected(common, selection, [&](const TNames& names) {
         if (edit.name && names.size() != 1)

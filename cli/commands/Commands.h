@@ -17,6 +17,7 @@
 #include "cli/commands/ExitStatus.h"
 #include "cli/output/COutput.h"
 #include "cli/time/TimeFormat.h"
+#include "client/TaskJob.h"
 
 namespace vxsched {
 
@@ -106,21 +107,14 @@ enum class EImport { cAdd, cMerge, cReplace };
 // Imports `file`, or standard input for "-".
 TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 
-// Values of options of a job (jobs/JobOptions.h) by their names, each with those that were given.
-using TJobArguments = std::map<std::string, std::vector<std::string>>;
-
 using TNames = std::vector<std::string>;
 
 // The arguments for one task as they were typed. An omitted one is empty, which differs from "".
-struct TTaskArguments {
+struct TTaskArguments : TJobChange {
     std::string name;
     std::optional<std::string> at = {};
     std::optional<std::string> every = {};
-    std::optional<std::string> program = {};
-    std::optional<std::string> parameter = {};
     std::optional<std::string> newName = {};
-    std::vector<std::string> command = {};  // the program and its arguments
-    TJobArguments options = {};
     // Short forms of a calendar: "daily", "weekly" or "monthly", and the value.
     std::vector<std::pair<std::string, std::string>> calendar = {};
 };

@@ -1,4 +1,6 @@
-#include "cli/commands/TaskCommand.h"
+#include "client/TaskJob.h"
+
+#include <fmt/format.h>
 
 #include <sys/stat.h>
 
@@ -42,7 +44,7 @@ void SetCommand(TTaskEntry& task, const TJob& job) {
 // Values that `edit` gives take the place of the former ones; a single empty one removes the option.
 void TakeOption(TJob& job, const TJobOption& option, const std::vector<std::string>& values) {
     if (values.size() > 1 && !option.isRepeatable)
-        throw CUsageError(fmt::format("--{} is given twice; give it once", option.name));
+        throw CJobError(fmt::format("--{} is given twice; give it once", option.name));
     ClearJobOption(job, option);
     if (values == std::vector<std::string>{""})
         return;
@@ -50,34 +52,30 @@ void TakeOption(TJob& job, const TJobOption& option, const std::vector<std::stri
         SetJobOption(job, option, value);
 }
 
-void TakeOptions(TJob& job, const TTaskArguments& arguments) {
-    try {
-        for (const TJobOption& option : cJobOptions) {
-            if (const auto given = arguments.options.find(option.name);
-                given != arguments.options.end())
-                TakeOption(job, option, given->second);
-        }
-    } catch (const CJobError& error) {
-        throw CUsageError(error.what());
+void TakeOptions(TJob& job, const TJobChange& arguments) {
+    for (const TJobOption& option : cJobOptions) {
+        if (const auto given = arguments.options.find(option.name);
+            given != arguments.options.end())
+            TakeOption(job, option, given->second);
     }
     // The zone of a calendar goes with it.
     if (job.cron.empty() && !job.zone.empty() &&
         arguments.options.contains(std::string(cZoneOption)))
-        throw CUsageError(
+        throw CJobError(
             "--zone is that of a calendar; give one by --cron, --daily, --weekly or --monthly");
     if (job.cron.empty())
         job.zone.clear();
 }
 
 // Refuses what the runner would refuse at each launch.
-void RequireIdentity(const std::string& directory, const TJob& job) {
+void RequireIdentity(const fs::path& directory, const TJob& job) {
     const std::optional<uid_t> user = FindUserId(job.user);
     if (!job.user.empty() && !user)
         throw MakeError(EError::cRefused, "--user {}: there is no such user", job.user);
     if (!job.group.empty() && !FindGroupId(job.group))
         throw MakeError(EError::cRefused, "--group {}: there is no such group", job.group);
     struct stat files {};
-    if (stat((fs::path(directory) / cFilesDirectory).c_str(), &files) == -1 || files.st_uid == 0)
+    if (stat((directory / cFilesDirectory).c_str(), &files) == -1 || files.st_uid == 0)
         return;
     if (!job.group.empty() || (!job.user.empty() && user != files.st_uid))
         throw MakeError(EError::cRefused,
@@ -86,12 +84,12 @@ void RequireIdentity(const std::string& directory, const TJob& job) {
                         job.group.empty() ? "user" : "group", FindUser(files.st_uid).name);
 }
 
-bool GivesShell(const TTaskArguments& arguments) {
+bool GivesShell(const TJobChange& arguments) {
     return arguments.options.contains(std::string(cShellOption));
 }
 
 // What the task executes by the table.
-TJob JobOf(const std::string& directory, const TTaskEntry& task, const TTaskArguments& arguments) {
+TJob JobOf(const fs::path& directory, const TTaskEntry& task, const TJobChange& arguments) {
     TJob job;
     if (!IsRunner(task.program)) {
         job.command = {RealProgram(directory, task.program), task.parameter};
@@ -112,12 +110,11 @@ TJob JobOf(const std::string& directory, const TTaskEntry& task, const TTaskArgu
 
 }  // namespace
 
-void CreateCommand(const std::string& directory, TTaskEntry& task,
-                   const TTaskArguments& arguments) {
+void MakeJob(const fs::path& directory, TTaskEntry& task, const TJobChange& arguments) {
     if (arguments.command.empty() && !GivesShell(arguments))
-        throw CUsageError("create: give a program after --, or a text by --shell");
+        throw CJobError("give a program after --, or a text by --shell");
     if (!arguments.command.empty() && GivesShell(arguments))
-        throw CUsageError("create: a program and --shell; give one of them");
+        throw CJobError("a program and --shell; give one of them");
     TJob job;
     job.command = arguments.command;
     TakeOptions(job, arguments);
@@ -125,18 +122,24 @@ void CreateCommand(const std::string& directory, TTaskEntry& task,
     SetCommand(task, job);
 }
 
-bool ChangesCommand(const TTaskArguments& arguments) {
-    return arguments.program || arguments.parameter || !arguments.command.empty() ||
-           !arguments.options.empty();
+bool TJobChange::IsEmpty() const {
+    return !program && !parameter && command.empty() && options.empty();
 }
 
-void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArguments& arguments) {
-    if (!ChangesCommand(arguments))
+TJobChange ReadJobChange(const std::vector<std::string>& words) {
+    TJobChange job;
+    job.command = ReadOptions(words, [&](const TJobOption& option, const std::string& value) {
+        job.options[option.name].push_back(value);
+    });
+    return job;
+}
+
+void ChangeJob(const fs::path& directory, TTaskEntry& task, const TJobChange& arguments) {
+    if (arguments.IsEmpty())
         return;
     const bool givesProgram = arguments.program || arguments.parameter;
     if (int{GivesShell(arguments)} + int{givesProgram} + int{!arguments.command.empty()} > 1)
-        throw CUsageError(
-            "edit: give one of --shell, --program with --parameter, and a program after --");
+        throw CJobError("give one of --shell, --program with --parameter, and a program after --");
     TJob job = JobOf(directory, task, arguments);
     if (!arguments.command.empty())
         job.command = arguments.command;
@@ -145,7 +148,7 @@ void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArgu
     else if (arguments.program)
         job.command.front() = *arguments.program;
     if (arguments.parameter && job.command.empty())
-        throw CUsageError("edit: --parameter is for a program; change the text by --shell");
+        throw CJobError("--parameter is for a program; change the text by --shell");
     if (arguments.parameter)
         job.command = {job.command.front(), *arguments.parameter};
     if (!arguments.command.empty() || arguments.program)
@@ -156,8 +159,7 @@ void EditCommand(const std::string& directory, TTaskEntry& task, const TTaskArgu
     if (arguments.options.contains("user") || arguments.options.contains("group"))
         RequireIdentity(directory, job);
     if (job.command.empty() && !job.shell)
-        throw CUsageError(
-            "edit: --shell \"\" leaves the task without a program; give one after --");
+        throw CJobError("--shell \"\" leaves the task without a program; give one after --");
     SetCommand(task, job);
 }
 
