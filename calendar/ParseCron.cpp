@@ -9,6 +9,7 @@
 
 #include "base/DisplayText.h"
 #include "calendar/CCalendarError.h"
+#include "calendar/CNeverComes.h"
 
 namespace vxsched {
 
@@ -25,9 +26,9 @@ constexpr std::pair<std::string_view, std::string_view> cNicknames[] = {
     {"@annually", "0 0 1 1 *"},
 };
 
+template <typename Error = CCalendarError>
 [[noreturn]] void Refuse(std::string_view text, std::string_view reason) {
-    throw CCalendarError(
-        fmt::format("cannot read the expression \"{}\": {}", ShowBeginning(text), reason));
+    throw Error(fmt::format("cannot read the expression \"{}\": {}", ShowBeginning(text), reason));
 }
 
 // Locale or not, only ASCII letters have a lower case here.
@@ -79,8 +80,10 @@ public:
     }
 
 private:
+    template <typename Error = CCalendarError>
     [[noreturn]] void Fail(std::string_view reason) const {
-        Refuse(whole, fmt::format("the {} \"{}\" {}; allowed is {}, a list of these (A,B), a range "
+        Refuse<Error>(whole,
+                      fmt::format("the {} \"{}\" {}; allowed is {}, a list of these (A,B), a range "
                                   "(A-B), *, and a step after a range or * (A-B/C)",
                                   range.name, ShowBeginning(typed), reason, range.allowed));
     }
@@ -107,10 +110,10 @@ private:
         const unsigned step =
             slash == std::string_view::npos ? 1 : Step(values, isSpan, item.substr(slash + 1));
         if (low > high)
-            Fail(fmt::format("has a range whose end is before its beginning{}",
-                             which == ECronField::cWeekday && high == 0
-                                 ? ", where Sunday as an end is written as 7"
-                                 : ""));
+            Fail<CNeverComes>(fmt::format("has a range whose end is before its beginning{}",
+                                          which == ECronField::cWeekday && high == 0
+                                              ? ", where Sunday as an end is written as 7"
+                                              : ""));
         for (unsigned value = low; value <= high; value += step)
             field.values |= std::uint64_t{1} << value;
     }
@@ -202,8 +205,9 @@ CCronExpression ParseCron(std::string_view text) {
             CFieldReader(text, typed[index], words[index], static_cast<ECronField>(index)).Read();
     const CCronExpression expression(fields);
     if (!expression.EverComes())
-        Refuse(text, fmt::format("it never comes: no month of \"{}\" has a day of \"{}\"",
-                                 ShowBeginning(typed[3]), ShowBeginning(typed[2])));
+        Refuse<CNeverComes>(text,
+                            fmt::format("it never comes: no month of \"{}\" has a day of \"{}\"",
+                                        ShowBeginning(typed[3]), ShowBeginning(typed[2])));
     return expression;
 }
 

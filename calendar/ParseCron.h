@@ -13,7 +13,7 @@ namespace vxsched {
 // numbers, names of three letters, ranges, and * , the latter two also with a step: 0-30/10.
 // Besides what cron has, L is the last day of the month. Capitals make no difference.
 //
-// Throws CCalendarError, also for what never comes, and for what cron accepts without ever making a
+// Throws CCalendarError; CNeverComes, which is one, for what never comes, and for what cron accepts without ever making a
 // launch of it: 5-1.
 CCronExpression ParseCron(std::string_view text);
 

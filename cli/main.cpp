@@ -132,6 +132,7 @@ private:
     void AddForSelected(const char* name, const char* description,
                         TExitStatus (*command)(const TCommon&, const TSelection&, COutput&),
                         bool isForcible);
+    void AddCrontabOptions(CLI::App& import, CLI::Option* whole);
     void AddSelection(CLI::App& command, const char* valueName, const char* description);
     void AddQueries();
     void AddChanges();
@@ -177,6 +178,8 @@ private:
     bool force = false;
     bool wait = false;
     std::string file;
+    bool isCrontab = false;
+    TCrontabOptions crontab;
     std::string shell;
 };
 
@@ -512,6 +515,33 @@ void CCommandLine::AddChanges() {
         [this] { return Wake(common, output); }, [](CLI::App& /*wake*/) {});
 }
 
+void CCommandLine::AddCrontabOptions(CLI::App& import, CLI::Option* whole) {
+    CLI::Option* const isOf =
+        import.add_flag("--crontab", isCrontab, "The file is a crontab; each job becomes a task")
+            ->excludes(whole);
+    CLI::Option* const user =
+        import
+            .add_option("--user", crontab.user, "Whose crontab it is; the tasks run as this user")
+            ->type_name("USER")
+            ->needs(isOf);
+    import
+        .add_flag("--system", crontab.isSystem,
+                  "A crontab of the system, or a directory of these: each line has a user")
+        ->needs(isOf)
+        ->excludes(user);
+    import.add_flag("--partial", crontab.isPartial, "Import the jobs of a file with wrong lines")
+        ->needs(isOf);
+    import
+        .add_option_function<std::string>(
+            "--dialect",
+            [this](const std::string& dialect) { crontab.isCronie = dialect == "cronie";
+},
+            "Whose crontab it is: debian, or cronie, which has CRON_TZ")
+        ->type_name("CRON")
+        ->check(OneOf({"debian", "cronie"}))
+        ->needs(isOf);
+}  // namespace
+
 void CCommandLine::AddMaintenance() {
     const auto addDryRun = [this](CLI::App& command) {
         command.add_flag("--dry-run", common.dryRun, "Print what would be done and change nothing");
@@ -523,21 +553,25 @@ void CCommandLine::AddMaintenance() {
         "export", "Print the table as JSON", [this] { return Export(common, output); },
         [](CLI::App& /*export*/) {});
     Add(
-        "import", "Import the tasks of an export",
+        "import", "Import the tasks of an export, or the jobs of a crontab",
         [this] {
-            return Import(common, file.empty() ? "-" : file,
+            const std::string& from = file.empty() ? "-" : file;
+            if (isCrontab)
+                return ImportCrontab(common, from, crontab, merge, output);
+            return Import(common, from,
                           replace ? EImport::cReplace
                           : merge ? EImport::cMerge
                                   : EImport::cAdd,
                           output);
         },
         [this, addDryRun](CLI::App& import) {
-            import.add_option("file", file, "Exported file; standard input if omitted or -")
+            import.add_option("file", file, "File to read; standard input if omitted or -")
                 ->type_name("FILE");
             CLI::Option* const whole =
                 import.add_flag("--replace", replace, "Replace the whole table");
             import.add_flag("--merge", merge, "Overwrite tasks that have the same name")
                 ->excludes(whole);
+            AddCrontabOptions(import, whole);
             addDryRun(import);
         },
         EIdentity::cCaller);
@@ -597,7 +631,7 @@ void CCommandLine::RestoreBrackets() {
             value.pop_back();
     };
     for (std::string* const value :
-         {&directory, &until, &file, &shell, &task.name, &calendarOptions.expression,
+         {&directory, &until, &file, &crontab.user, &shell, &task.name, &calendarOptions.expression,
           &calendarOptions.zone, &calendarOptions.from, &historyOptions.since})
         restore(*value);
     for (std::optional<std::string>* const value :
@@ -788,7 +822,7 @@ int Main(int argc, const char* const* argv) {
     }
 }
 
-}  // namespace
+}  // namespace vxsched
 
 }  // namespace vxsched
 

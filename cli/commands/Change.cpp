@@ -16,6 +16,7 @@
 #include "base/ShellWord.h"
 #include "cli/commands/CalendarArguments.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/DescribeTask.h"
 #include "cli/commands/LaunchesAhead.h"
 #include "cli/commands/PausedTasks.h"
 #include "cli/commands/Selection.h"
@@ -32,23 +33,6 @@
 namespace vxsched {
 
 namespace {
-
-// "backup, every 1d, next due 2026-11-22 02:00:00 (in 11h 5min)".
-std::string Describe(const TCommon& common, const TTaskEntry& task) {
-    const TTime now = Now();
-    const std::string when = task.next == cNever ? "at the next startup"
-                             : task.next <= now
-                                 ? "now"
-                                 : fmt::format("{} (in {})", FormatTime(task.next, common.zone),
-                                               FormatDistance(Between(now, task.next)));
-    const std::string schedule = FormatSchedule(task);
-    const std::string every = task.period == 0                ? schedule
-                              : CSchedule(task).HasCalendar() ? "by the calendar " + schedule
-                                                              : "every " + schedule;
-    return fmt::format("{}, {}, {} {}{}", task.name, every,
-                       task.paused ? "paused, next due" : "next due", when,
-                       common.dryRun ? " (nothing was changed)" : "");
-}
 
 void PrintLine(COutput& output, const std::string& line) {
     output.Line(Show(line).string);
@@ -136,8 +120,8 @@ void PrintEdited(const TCommon& common, const std::string& name, const TTaskEntr
     const std::string what = isRenamed ? fmt::format("{} to ", name) : "";
     const char* const done = isRenamed ? "renamed" : "changed";
     const char* const would = isRenamed ? "would rename" : "would change";
-    PrintLine(output,
-              fmt::format("{} {}{}", common.dryRun ? would : done, what, Describe(common, task)));
+    PrintLine(output, fmt::format("{} {}{}", common.dryRun ? would : done, what,
+                                  DescribeTask(common, task)));
     const std::string note = isRenamed ? NoteOfFormerRuns(common, name, task) : "";
     if (!note.empty())
         PrintLine(output, note);
@@ -158,7 +142,7 @@ TExitStatus Create(const TCommon& common, const TTaskArguments& typed, bool repl
     CChanges changes(common.store);
     changes.Create(task, replace, common.forced);
     const TTaskEntry made = Make(common, changes).front();
-    PrintLine(output, (common.dryRun ? "would create " : "created ") + Describe(common, made));
+    PrintLine(output, (common.dryRun ? "would create " : "created ") + DescribeTask(common, made));
     PrintLaunchesAhead(common, made, output);
     return cDone;
 }
@@ -233,7 +217,7 @@ TExitStatus SetPeriod(const TCommon& common, const TSelection& selection, const 
             changes.SetPeriod(name, hours, common.forced);
         for (const TTaskEntry& task : Make(common, changes))
             PrintLine(output,
-                      (common.dryRun ? "would change " : "changed ") + Describe(common, task));
+                      (common.dryRun ? "would change " : "changed ") + DescribeTask(common, task));
     });
     return cDone;
 }

@@ -104,6 +104,20 @@ TExitStatus Export(const TCommon& common, COutput& output);
 // table.
 enum class EImport { cAdd, cMerge, cReplace };
 
+// How a crontab is imported.
+struct TCrontabOptions {
+    std::string user;       // whose it is; empty: the store's owner's
+    bool isSystem = false;  // each line has a user
+    bool isCronie = false;
+    bool isPartial = false;  // the other lines of a file with wrong ones
+};
+
+// Imports a crontab from `file`, which may be a directory of them if they are the system's, or from
+// standard input for "-". With `merge` it changes tasks that have another command, calendar or
+// environment by now.
+TExitStatus ImportCrontab(const TCommon& common, const std::string& file,
+                          const TCrontabOptions& options, bool merge, COutput& output);
+
 // Imports `file`, or standard input for "-".
 TExitStatus Import(const TCommon& common, const std::string& file, EImport how, COutput& output);
 

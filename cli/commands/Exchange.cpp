@@ -1,11 +1,7 @@
 // export and import: the table as JSON and back, without losing a byte.
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -14,10 +10,10 @@
 #include <vector>
 
 #include <vxsched/Error.h>
-#include "base/CDescriptor.h"
 #include "base/DisplayText.h"
 #include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
+#include "cli/commands/ReadInput.h"
 #include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
 #include "client/GiveToRunner.h"
@@ -29,43 +25,6 @@
 namespace vxsched {
 
 namespace {
-
-// More than any export has: a table of a million tasks. The parsed input needs many times its bytes.
-constexpr std::size_t cMostInput = std::size_t{256} << 20;
-
-constexpr char cStandardInput[] = "-";
-
-// A file, a pipe or a terminal, to its end.
-std::string ReadAll(int descriptor) {
-    std::string content;
-    std::vector<char> block(std::size_t{1} << 16);
-    for (;;) {
-        const ssize_t count = read(descriptor, block.data(), block.size());
-        if (count == -1 && errno == EINTR)
-            continue;
-        if (count == -1)
-            throw MakeError(EError::cRefused, "{}", std::strerror(errno));
-        if (count == 0)
-            return content;
-        content.append(block.data(), static_cast<std::size_t>(count));
-        if (content.size() > cMostInput)
-            throw MakeError(EError::cRefused, "it has more than {} MiB; import its tasks in parts",
-                            cMostInput >> 20U);
-    }
-}
-
-std::string ReadInput(const std::string& file) {
-    CDescriptor opened;
-    if (file != cStandardInput) {
-        opened = CDescriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!opened.IsOpen())
-            throw MakeError(EError::cRefused, "{}", std::strerror(errno));
-    }
-    std::string content = ReadAll(opened.IsOpen() ? opened.Get() : STDIN_FILENO);
-    if (content.empty())
-        throw CError(EError::cRefused, "it is empty");
-    return content;
-}
 
 // Reads and checks the tasks of an input. Throws CError (cRefused) with the input's name.
 std::vector<TImported> ReadImport(const std::string& file) {

@@ -80,23 +80,32 @@ TExitStatus Create(const TCommon& /*common*/, const TTaskArguments& task, bool /
     ParsePeriod(task.every.value_or("once"));
     return cDone;
 }
-TExitStatus Edit(const TCommon& common, const TTaskArguments& task, COutput& output) {
-    return Create(common, task, false, output);
-}
-TExitStatus Remove(const TCommon& /*common*/, const TNames& names, COutput& /*output*/) {
-    gTaken = names;
+TExitStatus Edit(const TCommon& common, const TSelection& selection, const TTaskArguments& task,
+                 COutput& output) {
+    Create(common, task, false, output);
+    gTaken.insert(gTaken.end(), selection.patterns.begin(), selection.patterns.end());
     return cDone;
 }
-TExitStatus Pause(const TCommon& common, const TNames& names, COutput& output) {
-    return Remove(common, names, output);
+TExitStatus Remove(const TCommon& /*common*/, const TSelection& selection, COutput& /*output*/) {
+    gTaken = selection.patterns;
+    return cDone;
 }
-TExitStatus Resume(const TCommon& common, const TNames& names, COutput& output) {
-    return Remove(common, names, output);
+TExitStatus Pause(const TCommon& common, const TSelection& selection, COutput& output) {
+    return Remove(common, selection, output);
 }
-TExitStatus SetPeriod(const TCommon& /*common*/, const std::string& name, const std::string& every,
-                      COutput& /*output*/) {
-    gTaken = {name, every};
+TExitStatus Resume(const TCommon& common, const TSelection& selection, COutput& output) {
+    return Remove(common, selection, output);
+}
+TExitStatus SetPeriod(const TCommon& common, const TSelection& selection, const std::string& every,
+                      COutput& output) {
+    Remove(common, selection, output);
+    gTaken.push_back(every);
     ParsePeriod(every);
+    return cDone;
+}
+TExitStatus ImportCrontab(const TCommon& /*common*/, const std::string& file,
+                          const TCrontabOptions& options, bool /*merge*/, COutput& /*output*/) {
+    gTaken = {file, options.user};
     return cDone;
 }
 TExitStatus Run(const TCommon& /*common*/, const std::string& name, bool /*force*/, bool /*wait*/,

@@ -28,6 +28,7 @@ ARROWS = {
     "base": set(),
     "calendar": {"base"},
     "jobs": {"base", "calendar"},
+    "crontab": {"base", "calendar"},
     "store": STORE | {"scheduler"},
     "runs": RUNS,
     "control": CONTROL,
@@ -41,7 +42,7 @@ ARROWS = {
     "host/service": RECOVERY | {"host/recovery", "host/programs", "control", "interpose", "runs"},
     "cli/time": CLI_TIME,
     "cli/output": CLI_OUTPUT,
-    "cli/commands": CLI_OUTPUT | {"cli/output", "client", "control"},
+    "cli/commands": CLI_OUTPUT | {"cli/output", "client", "control", "crontab"},
 }
 
 # Headers without a directory of their own in an include: the support library's, and <vxsched/...>. They are seen by the
