@@ -359,6 +359,7 @@ void CCommandLine::AddForce(CLI::App& command) {
         ->check(OneOf(
             {"missing-program", "not-executable", "relative-path", "wrapped-period", "past-due"}))
         ->expected(1)
+        ->allow_extra_args(false)
         ->take_all();
 }
 
@@ -427,6 +428,7 @@ void CCommandLine::AddJobOptions(CLI::App& command) {
                 option.help)
             ->type_name(option.valueName)
             ->expected(1)
+            ->allow_extra_args(false)  // else it would take a -- after its value
             ->take_all();
     }
     for (const TCalendarOption& option : cCalendarOptions) {
@@ -550,8 +552,20 @@ void CCommandLine::AddMaintenance() {
         "repair", "Repair a damaged table, keeping every task that can be read",
         [this] { return Repair(common, output); }, addDryRun, EIdentity::cCaller);
     Add(
-        "export", "Print the table as JSON", [this] { return Export(common, output); },
-        [](CLI::App& /*export*/) {});
+        "export", "Print the table as JSON or as a crontab",
+        [this] {
+            return isCrontab ? ExportCrontab(common, crontab.isSystem, output)
+                             : Export(common, output);
+        },
+        [this](CLI::App& added) {
+            CLI::Option* const isOf =
+                added.add_flag("--crontab", isCrontab,
+                               "Print a crontab, and to standard error what it cannot say");
+            added
+                .add_flag("--system", crontab.isSystem,
+                          "A crontab of the system: each line has a user")
+                ->needs(isOf);
+        });
     Add(
         "import", "Import the tasks of an export, or the jobs of a crontab",
         [this] {

@@ -100,6 +100,10 @@ TExitStatus CheckTable(const TCommon& common, const std::string& file, COutput& 
 TExitStatus Repair(const TCommon& common, COutput& output);
 TExitStatus Export(const TCommon& common, COutput& output);
 
+// Prints the table as a crontab, the system's with a column of users. What that cannot say of a task is
+// a message, and the status cRefusedStatus.
+TExitStatus ExportCrontab(const TCommon& common, bool isSystem, COutput& output);
+
 // What to do about tasks that the table already has: refuse, overwrite them, replace the whole
 // table.
 enum class EImport { cAdd, cMerge, cReplace };

@@ -67,6 +67,9 @@ TExitStatus Repair(const TCommon& /*common*/, COutput& /*output*/) {
 TExitStatus Export(const TCommon& /*common*/, COutput& /*output*/) {
     return cDone;
 }
+TExitStatus ExportCrontab(const TCommon& /*common*/, bool /*isSystem*/, COutput& /*output*/) {
+    return cDone;
+}
 TExitStatus Import(const TCommon& /*common*/, const std::string& file, EImport /*how*/,
                    COutput& /*output*/) {
     gTaken = {file};

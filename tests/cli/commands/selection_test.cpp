@@ -95,6 +95,6 @@ TEST_F(CliSelection, OfAStrayWordIsExplained) {
     ExpectRefused(2, "quote a time of several words: --at \"in 3h\"",
                   {"edit", "report", "--at", "in", "3h"});
     ExpectRefused(3, "there is no task \"2\"; quote an argument of several words",
-                  {"edit", "report", "--every", "1d", "2"});
+                  {"edit", "report", "--cron", "30", "2"});
     ExpectRefused(3, "write -- before a program", {"edit", "report", "--every", "1d", cRecorder});
 }

@@ -226,3 +226,15 @@ TEST_F(CliJob, IsLaunchedByTheScheduleWithItsArguments) {
     EXPECT_EQ(record.at("trigger"), "schedule");
     EXPECT_EQ(host.Stop(), 0);
 }
+
+// The parser would take the -- for the end of a list of values, and the rest for options.
+TEST_F(CliJob, OptionBeforeTheSeparatorTakesItsValueAlone) {
+    for (const auto& [option, value] : {std::pair("--cron", "1 2 3 4 5"),
+                                        {"--env", "A=b"},
+                                        {"--force", "past-due"},
+                                        {"--mail", "a@example.org"}}) {
+        Output({"create", "job", option, value, "--", "/bin/ls", "-l", "--all"});
+        EXPECT_THAT(ReadTable()[0].parameters, testing::EndsWith("-- /bin/ls -l --all"));
+        Output({"remove", "job", "--even-if-due"});
+    }
+}
