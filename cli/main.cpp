@@ -156,15 +156,12 @@ private:
     COutput output;
     TCommon common;
     TCommand chosen;
-    bool mustBecomeOwner = false;
     std::vector<std::string> beforeSeparator;  // the arguments before --
 
     std::string directory = ".";
     double lockTimeout = 60;  // seconds
-    bool utc = false;
     std::vector<std::string> forced;
 
-    bool namesOnly = false;
     TCalendarOptions calendarOptions;
     THistoryOptions historyOptions;
     TOutputOptions outputOptions;
@@ -173,14 +170,17 @@ private:
     TTaskArguments task;
     std::string flagValue;  // its option takes it
     TSelection selection;
+    TCrontabOptions crontab;
+    std::string file;
+    std::string shell;
+    bool mustBecomeOwner = false;
+    bool utc = false;
+    bool namesOnly = false;
     bool replace = false;
     bool merge = false;
     bool force = false;
     bool wait = false;
-    std::string file;
     bool isCrontab = false;
-    TCrontabOptions crontab;
-    std::string shell;
 };
 
 CCommandLine::CCommandLine() {

@@ -14,15 +14,15 @@ namespace vxsched {
 namespace {
 
 constexpr std::size_t cLongest = 60;
-constexpr std::string_view cBlanks = " \t";
+constexpr std::string_view cWordEnds = " \t";
 
 std::vector<std::string_view> WordsOf(std::string_view text) {
     std::vector<std::string_view> words;
     while (!text.empty()) {
-        const std::size_t begin = text.find_first_not_of(cBlanks);
+        const std::size_t begin = text.find_first_not_of(cWordEnds);
         if (begin == std::string_view::npos)
             break;
-        const std::size_t end = std::min(text.find_first_of(cBlanks, begin), text.size());
+        const std::size_t end = std::min(text.find_first_of(cWordEnds, begin), text.size());
         words.push_back(text.substr(begin, end - begin));
         text.remove_prefix(end);
     }

@@ -57,11 +57,9 @@ std::optional<std::string> TakeQuoted(std::string_view& text, bool isName) {
         text.remove_prefix(end + 1);
         return inside;
     }
-    std::size_t end = text.size();
-    if (isName)
-        end = std::min(text.find_first_of(std::string(cSpaces) + '='), text.size());
-    else
-        end = text.find_last_not_of(cSpaces) + 1;
+    const std::size_t end =
+        isName ? std::min(text.find_first_of(std::string(cSpaces) + '='), text.size())
+               : text.find_last_not_of(cSpaces) + 1;
     std::string taken(text.substr(0, end));
     text.remove_prefix(end);
     return taken;

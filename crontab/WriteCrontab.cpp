@@ -15,7 +15,7 @@ constexpr char cShell[] = "SHELL";
 // What cron reads as the variable; empty if nothing is read so.
 std::string LineOf(const std::string& name, const std::string& value) {
     for (const char* const quote : {"", "\"", "'"}) {
-        const std::string line = fmt::format("{}={}{}{}\n", name, quote, value, quote);
+        std::string line = fmt::format("{}={}{}{}\n", name, quote, value, quote);
         const TCrontab read = ReadCrontab(line + "@daily x\n", false);
         if (read.wrong.empty() && read.jobs.size() == 1 &&
             read.jobs.front().environment == std::map<std::string, std::string>{{name, value}})

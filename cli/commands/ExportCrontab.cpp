@@ -69,7 +69,7 @@ std::string ScheduleOfPeriod(const TTaskEntry& task, TLosses& losses) {
     }
     const CTimeZone machine = CTimeZone::OfMachine();
     const CTimeZone::TPeriod offset = machine.PeriodAt(task.next);
-    const std::string schedule = ScheduleOf(task.period, task.next + offset.offset);
+    std::string schedule = ScheduleOf(task.period, task.next + offset.offset);
     if (schedule.empty())
         losses.push_back(fmt::format("a crontab cannot say its period of {} hours", task.period));
     else if (offset.end < task.next + hours(24 * 366) && task.period > 1)
