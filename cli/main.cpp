@@ -545,12 +545,10 @@ void CCommandLine::AddCrontabOptions(CLI::App& import, CLI::Option* whole) {
 }  // namespace
 
 void CCommandLine::AddMaintenance() {
-    const auto addDryRun = [this](CLI::App& command) {
-        command.add_flag("--dry-run", common.dryRun, "Print what would be done and change nothing");
-    };
     Add(
         "repair", "Repair a damaged table, keeping every task that can be read",
-        [this] { return Repair(common, output); }, addDryRun, EIdentity::cCaller);
+        [this] { return Repair(common, output); }, [this](CLI::App& repair) { AddDryRun(repair); },
+        EIdentity::cCaller);
     Add(
         "export", "Print the table as JSON or as a crontab",
         [this] {
@@ -578,7 +576,7 @@ void CCommandLine::AddMaintenance() {
                                   : EImport::cAdd,
                           output);
         },
-        [this, addDryRun](CLI::App& import) {
+        [this](CLI::App& import) {
             import.add_option("file", file, "File to read; standard input if omitted or -")
                 ->type_name("FILE");
             CLI::Option* const whole =
@@ -586,7 +584,7 @@ void CCommandLine::AddMaintenance() {
             import.add_flag("--merge", merge, "Overwrite tasks that have the same name")
                 ->excludes(whole);
             AddCrontabOptions(import, whole);
-            addDryRun(import);
+            AddChangeOptions(import);
         },
         EIdentity::cCaller);
     Add(

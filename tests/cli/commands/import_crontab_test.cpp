@@ -2,9 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -41,17 +41,17 @@ protected:
         std::map<std::string, std::string> jobs;
         for (const TRow& row : ReadTable()) {
             std::string job = row.parameters;
-            const std::string home = " --chdir " + std::string(HomeOfUser());
+            const std::string home = " --chdir " + HomeOfUser() + ' ';
             if (const std::size_t place = job.find(home); place != std::string::npos)
-                job.erase(place, home.size());
+                job.erase(place, home.size() - 1);
             jobs[row.name] = job;
         }
         return jobs;
     }
 
     static std::string HomeOfUser() {
-        const char* const home = std::getenv("HOME");
-        return home != nullptr ? home : "/";
+        const passwd* const user = getpwuid(geteuid());
+        return user != nullptr ? user->pw_dir : "/";
     }
 };
 
@@ -132,6 +132,14 @@ TEST_F(CliImportCrontab, WarningsDoNotKeepItFromBeingImported) {
     EXPECT_THAT(run.error, HasSubstr("vxsched: warning: tab:1: the command begins with the name"));
     EXPECT_THAT(run.error, HasSubstr("vxsched: warning: tab:2: "));
     EXPECT_EQ(ReadTable().size(), 1U);
+}
+
+TEST_F(CliImportCrontab, WaitsForDueTasksAsAnyChange) {
+    WriteTable({{"due", cNow - 30 * cDay, 0, 24, cRecorder, "", 0}});
+    WriteFile("tab", "1 2 * * * /srv/a\n");
+    ExpectRefused(6, "(--even-if-due)", {"import", "--crontab", "tab"});
+    ExpectImported("1 2 * * * /srv/a\n", {"--even-if-due"});
+    EXPECT_EQ(NamesInTable(), "due a");
 }
 
 TEST_F(CliImportCrontab, OfTheSystemHasUsers) {
