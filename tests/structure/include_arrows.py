@@ -21,6 +21,7 @@ HOST = {"base"}
 RECOVERY = HOST | {"calendar", "host", "jobs", "store"}
 CLI_TIME = STORE | {"store"}
 CLI_OUTPUT = CLI_TIME | {"cli/time", "runs"}
+CLI_COMMANDS = CLI_OUTPUT | {"cli/output", "client", "control"}
 ARROWS = {
     "sync": set(),
     "addin": set(),
@@ -42,7 +43,8 @@ ARROWS = {
     "host/service": RECOVERY | {"host/recovery", "host/programs", "control", "interpose", "runs"},
     "cli/time": CLI_TIME,
     "cli/output": CLI_OUTPUT,
-    "cli/commands": CLI_OUTPUT | {"cli/output", "client", "control", "crontab"},
+    "cli/commands": CLI_COMMANDS,
+    "cli/exchange": CLI_COMMANDS | {"cli/commands", "crontab"},
 }
 
 # Headers without a directory of their own in an include: the support library's, and <vxsched/...>. They are seen by the

@@ -1,4 +1,4 @@
-#include "cli/commands/ReadInput.h"
+#include "cli/exchange/ReadInput.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -13,7 +13,7 @@
 #include "base/DisplayText.h"
 #include "base/ShellWord.h"
 #include "cli/commands/Commands.h"
-#include "cli/commands/ReadInput.h"
+#include "cli/exchange/ReadInput.h"
 #include "cli/output/JobFormat.h"
 #include "cli/output/Json.h"
 #include "client/GiveToRunner.h"

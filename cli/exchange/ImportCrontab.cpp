@@ -20,7 +20,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/DescribeTask.h"
 #include "cli/commands/LaunchesAhead.h"
-#include "cli/commands/ReadInput.h"
+#include "cli/exchange/ReadInput.h"
 #include "client/TaskJob.h"
 #include "crontab/CrontabName.h"
 #include "crontab/ReadCrontab.h"
