@@ -75,9 +75,11 @@ TCharacter FirstCharacter(std::string_view string) {
 }
 
 // `number` of a character, for a JSON string: beyond U+FFFF two escapes, a surrogate pair.
-std::string JsonEscapeOf(std::uint32_t number) {
+std::string EscapeOf(std::uint32_t number, EEscape how) {
     if (number <= 0xffff)
         return fmt::format("\\u{:04x}", number);
+    if (how == EEscape::cToml)
+        return fmt::format("\\U{:08x}", number);
     const std::uint32_t offset = number - 0x10000;
     return fmt::format("\\u{:04x}\\u{:04x}", 0xd800 + (offset >> 10U), 0xdc00 + (offset & 0x3ffU));
 }
@@ -113,7 +115,17 @@ std::string ShowBeginning(std::string_view string, std::size_t most) {
     return Show(string.substr(0, most)).string + (string.size() > most ? "..." : "");
 }
 
-std::string EscapeControls(std::string_view json) {
+bool IsUtf8(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const std::size_t length = FirstCharacter(bytes).length;
+        if (length == 1 && static_cast<unsigned char>(bytes.front()) >= 0x80)
+            return false;
+        bytes.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string EscapeControls(std::string_view json, EEscape how) {
     std::string escaped;
     escaped.reserve(json.size());
     const auto isPlain = [](unsigned char byte) { return byte < 0x7F; };
@@ -128,7 +140,7 @@ std::string EscapeControls(std::string_view json) {
         if (character.isReadable)
             escaped += json.substr(0, character.length);
         else
-            escaped += JsonEscapeOf(character.number);
+            escaped += EscapeOf(character.number, how);
         json.remove_prefix(character.length);
     }
     return escaped;

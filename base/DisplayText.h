@@ -27,9 +27,14 @@ std::string ShowBeginning(std::string_view string, std::size_t most = 60);
 // Like Show(), but appends the result to `to`. Returns the columns that were added.
 std::size_t AppendShown(std::string_view string, std::string& to);
 
+bool IsUtf8(std::string_view bytes);
+
+// How a character beyond U+FFFF is escaped.
+enum class EEscape { cJson, cToml };
+
 // JSON with an escape (\u009b) for each character in its strings that Show() would replace. JSON itself
 // demands that only for the characters below the blank. `json` is valid UTF-8, and ASCII outside of
-// its strings.
-std::string EscapeControls(std::string_view json);
+// its strings. With cToml the strings of the result are TOML's.
+std::string EscapeControls(std::string_view json, EEscape how = EEscape::cJson);
 
 }  // namespace vxsched

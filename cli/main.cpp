@@ -181,6 +181,8 @@ private:
     bool force = false;
     bool wait = false;
     bool isCrontab = false;
+    bool isToml = false;
+    bool prune = false;
 };
 
 CCommandLine::CCommandLine() {
@@ -550,9 +552,10 @@ void CCommandLine::AddMaintenance() {
         [this] { return Repair(common, output); }, [this](CLI::App& repair) { AddDryRun(repair); },
         EIdentity::cCaller);
     Add(
-        "export", "Print the table as JSON or as a crontab",
+        "export", "Print the table as JSON, as a crontab or as a file of tasks",
         [this] {
             return isCrontab ? ExportCrontab(common, crontab.isSystem, output)
+                   : isToml  ? ExportToml(common, output)
                              : Export(common, output);
         },
         [this](CLI::App& added) {
@@ -563,7 +566,30 @@ void CCommandLine::AddMaintenance() {
                 .add_flag("--system", crontab.isSystem,
                           "A crontab of the system: each line has a user")
                 ->needs(isOf);
+            added
+                .add_flag("--toml", isToml,
+                          "Print a file of tasks, which apply reads, and to standard error what it "
+                          "cannot say")
+                ->excludes(isOf);
         });
+    Add(
+        "apply", "Have the tasks be as a file under version control says",
+        [this] { return Apply(common, file, prune, output); },
+        [this](CLI::App& apply) {
+            apply
+                .add_option("file", file,
+                            "A TOML file of tasks, or a directory of *.toml files; - is standard "
+                            "input")
+                ->type_name("FILE|DIRECTORY")
+                ->required();
+            apply.add_flag("--prune", prune,
+                           "Remove the tasks that an earlier apply of the file has made and that "
+                           "it has no more");
+            apply.add_flag("--json", common.json, "Print JSON, with the version of its format");
+            AddChangeOptions(apply);
+            AddForce(apply);
+        },
+        EIdentity::cCaller);
     Add(
         "import", "Import the tasks of an export, or the jobs of a crontab",
         [this] {

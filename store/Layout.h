@@ -39,6 +39,10 @@ inline constexpr char cOwedLaunchDirectory[] = "files/owed";
 inline constexpr char cHeartbeatFile[] = "files/started/alive";
 inline constexpr char cLaunchIntentsFile[] = "files/started/intents";
 
+// What was made from files of tasks: a record for each file, with this suffix.
+inline constexpr char cAppliedDirectory[] = "files/applied";
+inline constexpr char cAppliedSuffix[] = ".tasks";
+
 // ---- The programs that use a store
 
 inline constexpr char cHostProgram[] = "vxschedd";

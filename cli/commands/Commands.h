@@ -104,6 +104,14 @@ TExitStatus Export(const TCommon& common, COutput& output);
 // a message, and the status cRefusedStatus.
 TExitStatus ExportCrontab(const TCommon& common, bool isSystem, COutput& output);
 
+// Prints the table as a file of tasks, which `apply` reads. What that cannot say is a message, and the
+// status cRefusedStatus.
+TExitStatus ExportToml(const TCommon& common, COutput& output);
+
+// Has the tasks of a file, or of the *.toml files of a directory, be as it says, as one change; "-" is
+// standard input. With `prune`, removes those that an earlier call has made from it and that it has no more.
+TExitStatus Apply(const TCommon& common, const std::string& path, bool prune, COutput& output);
+
 // What to do about tasks that the table already has: refuse, overwrite them, replace the whole
 // table.
 enum class EImport { cAdd, cMerge, cReplace };

@@ -38,7 +38,7 @@ _vxsched() {
         words=$(vxsched ${command:+"$command"} --help 2>/dev/null | grep -o -e '--[a-z][a-z-]*' | sort -u)
         ;;
     :*)
-        words=$'list\nshow\nhistory\noutput\nstop\nnext\ncalendar\ncreate\nedit\nremove\npause\nresume\nperiod\nrun\nwake\nstatus\ncheck\nrepair\nexport\nimport\ncompletion'
+        words=$'list\nshow\nhistory\noutput\nstop\nnext\ncalendar\ncreate\nedit\nremove\npause\nresume\nperiod\nrun\nwake\nstatus\ncheck\nrepair\nexport\nimport\napply\ncompletion'
         ;;
     show:* | history:* | output:* | stop:* | edit:* | remove:* | pause:* | resume:* | period:* | run:*)
         words=$(vxsched "${directory[@]}" list --names 2>/dev/null)

@@ -5,27 +5,22 @@
 #include <fmt/ranges.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <iostream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <vxsched/Store.h>
-#include "base/DisplayText.h"
 #include "base/ShellWord.h"
 #include "base/Users.h"
 #include "calendar/CTimeZone.h"
 #include "cli/commands/Commands.h"
+#include "cli/exchange/Losses.h"
 #include "cli/output/JobFormat.h"
 #include "crontab/CrontabName.h"
 #include "crontab/WriteCrontab.h"
 #include "jobs/CJobError.h"
-#include "jobs/JobOptions.h"
 #include "jobs/SplitWords.h"
-#include "store/ProgramLinks.h"
 #include "store/StoreOwner.h"
 
 namespace vxsched {
@@ -36,9 +31,6 @@ using std::chrono::hours;
 using std::chrono::seconds;
 
 constexpr char cDefaultShell[] = "/bin/sh";
-
-// What an export says of one task, for a person.
-using TLosses = std::vector<std::string>;
 
 // The wall times of a period: the minute, and the hours of the day or the day of the week. Empty if there
 // are none.
@@ -120,24 +112,8 @@ void SetCommand(const TJob& job, TCrontabJob& line) {
     }
 }
 
-// Those that have no equivalent in a crontab.
-void NoteLostOptions(const TJob& job, bool isSystem, TLosses& losses) {
-    constexpr std::string_view cKept[] = {"task", "cron", "zone", "chdir", "env", "mail", "shell"};
-    for (const TJobOption& option : cJobOptions) {
-        const bool isKept =
-            std::find(std::begin(cKept), std::end(cKept), option.name) != std::end(cKept) ||
-            (isSystem && option.name == std::string_view("user"));
-        if (!isKept && !option.values(job).empty())
-            losses.push_back(fmt::format("a crontab has no --{}", option.name));
-    }
-}
-
 TCrontabJob LineOf(const TCommon& common, const TTaskEntry& task, bool isSystem, TLosses& losses) {
-    TJob job;
-    if (const std::optional<TJob> found = FindJob(task))
-        job = *found;
-    else
-        job.command = {RealProgram(common.store.directory, task.program), task.parameter};
+    const TJob job = JobOf(common.store.directory, task);
     TCrontabJob line{.schedule = ScheduleOfJob(task, job, losses), .comment = task.name};
     for (const std::string& variable : job.environment) {
         const std::size_t equals = variable.find('=');
@@ -153,7 +129,10 @@ TCrontabJob LineOf(const TCommon& common, const TTaskEntry& task, bool isSystem,
         line.command = fmt::format("cd {} && {}", ShellWord(job.directory), line.command);
     if (isSystem)
         line.user = job.user.empty() ? owner.name : job.user;
-    NoteLostOptions(job, isSystem, losses);
+    std::vector<std::string_view> kept = {"cron", "zone", "chdir", "env", "mail", "shell"};
+    if (isSystem)
+        kept.emplace_back("user");
+    NoteLostOptions(job, "a crontab", kept, losses);
     if (NameOf(line) != task.name)
         losses.emplace_back("its name would not be that of an import");
     return line;
@@ -172,9 +151,7 @@ TExitStatus ExportCrontab(const TCommon& common, bool isSystem, COutput& output)
             if (!reason.empty())
                 losses = {reason};
         }
-        for (const std::string& loss : losses)
-            std::cerr << fmt::format("vxsched: task \"{}\": {}\n", Show(task.name).string,
-                                     Show(loss).string);
+        PrintLosses(task.name, losses);
         isComplete = isComplete && losses.empty();
     }
     output.Raw(writer.Text());

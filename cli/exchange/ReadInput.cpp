@@ -13,11 +13,8 @@
 
 namespace vxsched {
 
-// More than any export has: a table of a million tasks. The parsed input needs many times its bytes.
-static constexpr std::size_t cMostInput = std::size_t{256} << 20;
-
 // A file, a pipe or a terminal, to its end.
-static std::string ReadAll(int descriptor) {
+static std::string ReadAll(int descriptor, std::size_t most) {
     std::string content;
     std::vector<char> block(std::size_t{1} << 16);
     for (;;) {
@@ -29,20 +26,20 @@ static std::string ReadAll(int descriptor) {
         if (count == 0)
             return content;
         content.append(block.data(), static_cast<std::size_t>(count));
-        if (content.size() > cMostInput)
-            throw MakeError(EError::cRefused, "it has more than {} MiB; import its tasks in parts",
-                            cMostInput >> 20U);
+        if (content.size() > most)
+            throw MakeError(EError::cRefused, "it has more than {} MiB; give its tasks in parts",
+                            most >> 20U);
     }
 }
 
-std::string ReadInput(const std::string& file) {
+std::string ReadInput(const std::string& file, std::size_t most) {
     CDescriptor opened;
     if (file != cStandardInput) {
         opened = CDescriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
         if (!opened.IsOpen())
             throw MakeError(EError::cRefused, "{}", std::strerror(errno));
     }
-    std::string content = ReadAll(opened.IsOpen() ? opened.Get() : STDIN_FILENO);
+    std::string content = ReadAll(opened.IsOpen() ? opened.Get() : STDIN_FILENO, most);
     if (content.empty())
         throw CError(EError::cRefused, "it is empty");
     return content;

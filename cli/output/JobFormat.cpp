@@ -31,9 +31,16 @@ std::optional<TJob> FindJob(const TTaskEntry& task) {
     }
 }
 
+TJob JobOf(const std::string& directory, const TTaskEntry& task) {
+    if (std::optional<TJob> job = FindJob(task))
+        return *std::move(job);
+    TJob job;
+    job.command = {RealProgram(directory, task.program), task.parameter};
+    return job;
+}
+
 std::string ProgramOf(const std::string& directory, const TTaskEntry& task) {
-    const std::optional<TJob> job = FindJob(task);
-    return job ? CommandOf(*job).front() : RealProgram(directory, task.program);
+    return CommandOf(JobOf(directory, task)).front();
 }
 
 std::string FormatCommand(const std::string& directory, const TTaskEntry& task) {

@@ -14,6 +14,9 @@ namespace vxsched {
 // The job of a task; empty for any other task, and for a parameter that is no job.
 std::optional<TJob> FindJob(const TTaskEntry& task);
 
+// The same; of a task without a job its program, not a link to it, with its parameter.
+TJob JobOf(const std::string& directory, const TTaskEntry& task);
+
 // The program that a task executes, not the runner and not a link to it.
 std::string ProgramOf(const std::string& directory, const TTaskEntry& task);
 

@@ -59,16 +59,6 @@ std::string FromBase64(std::string_view encoded) {
     return bytes;
 }
 
-// JSON holds Unicode only. The JSON library checks a string when it writes it, not before.
-bool IsUtf8(const std::string& bytes) {
-    try {
-        static_cast<void>(TJson(bytes).dump());
-        return true;
-    } catch (const TJson::type_error&) {
-        return false;
-    }
-}
-
 // Reads the fields of one task. Throws CError (cRefused) with the task and the field in its
 // message. `content` must outlive the reader.
 class CTaskReader {

@@ -21,10 +21,19 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 static const std::vector<std::vector<std::string>> cCommands = {
-    {"list"},        {"show", "a"},       {"next"},
-    {"history"},     {"status"},          {"check"},
-    {"repair"},      {"export"},          {"pause", "a"},
-    {"remove", "a"}, {"import", "input"}, {"create", "b", "--at", "in 1h", "--", cRecorder}};
+    {"list"},
+    {"show", "a"},
+    {"next"},
+    {"history"},
+    {"status"},
+    {"check"},
+    {"repair"},
+    {"export"},
+    {"pause", "a"},
+    {"remove", "a"},
+    {"import", "input"},
+    {"create", "b", "--at", "in 1h", "--", cRecorder},
+    {"apply", "tasks.toml"}};
 
 // A file that only the superuser may read, with the bytes of a damaged table.
 static void MakeSecret() {
@@ -36,6 +45,7 @@ TEST_F(Cli, LinkInPlaceOfAForeignTableReachesNoFileOfTheSuperuser) {
     REQUIRE_SUPERUSER();
     MakeSecret();
     WriteFile("input", R"({"version": 1, "tasks": []})");
+    WriteFile("tasks.toml", "[tasks.a]\nshell = 'a'\ndaily = '02:30'\n");
     const std::string before = ReadFile("secret");
     GiveStoreTo(cForeignUser);
     fs::create_symlink(fs::absolute("secret"), cTable);
@@ -97,9 +107,23 @@ TEST_F(Cli, ImportIntoAForeignStoreReadsAFileOfTheCaller) {
     EXPECT_THAT(Output({"check", "copy"}), HasSubstr("1 task, valid"));
 }
 
+TEST_F(Cli, ApplyToAForeignStoreReadsAFileOfTheCaller) {
+    REQUIRE_SUPERUSER();
+    WriteFile("tasks.toml", "[tasks.a]\nshell = 'a'\ndaily = '02:30'\n");
+    ASSERT_EQ(chmod("tasks.toml", 0600), 0);
+    GiveStoreTo(cForeignUser);
+    Output({"apply", "tasks.toml"});
+    for (const auto& entry : fs::recursive_directory_iterator("files"))
+        EXPECT_EQ(OwnerOf(entry.path()), cForeignUser) << entry.path();
+    WriteFile("tasks.toml", "[tasks.b]\nshell = 'b'\ndaily = '02:30'\n");
+    Output({"apply", "--prune", "tasks.toml"});
+    EXPECT_EQ(NamesInTable(), "b");
+}
+
 TEST_F(Cli, ForeignStoreOfSeveralOwnersIsRefused) {
     REQUIRE_SUPERUSER();
     WriteTable({Later("a")});
+    WriteFile("tasks.toml", "[tasks.a]\nshell = 'a'\ndaily = '02:30'\n");
     WriteFile("input", R"({"version": 1, "tasks": []})");
     GiveStoreTo(cForeignUser);
     ASSERT_EQ(chown("files", 0, 0), 0);

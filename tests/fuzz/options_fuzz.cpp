@@ -70,6 +70,14 @@ TExitStatus Export(const TCommon& /*common*/, COutput& /*output*/) {
 TExitStatus ExportCrontab(const TCommon& /*common*/, bool /*isSystem*/, COutput& /*output*/) {
     return cDone;
 }
+TExitStatus ExportToml(const TCommon& /*common*/, COutput& /*output*/) {
+    return cDone;
+}
+TExitStatus Apply(const TCommon& /*common*/, const std::string& path, bool /*prune*/,
+                  COutput& /*output*/) {
+    gTaken = {path};
+    return cDone;
+}
 TExitStatus Import(const TCommon& /*common*/, const std::string& file, EImport /*how*/,
                    COutput& /*output*/) {
     gTaken = {file};

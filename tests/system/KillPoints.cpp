@@ -96,7 +96,8 @@ std::size_t CountInHistory(const std::string& part) {
 }
 
 void ExpectNoUnfinishedFiles() {
-    for (const char* const directory : {"files", "files/owed", "files/snapshots"}) {
+    for (const char* const directory :
+         {"files", "files/applied", "files/owed", "files/snapshots"}) {
         EXPECT_EQ(CountIn(directory, ".save-"), 0U) << directory;
         EXPECT_EQ(CountIn(directory, ".new-"), 0U) << directory;
     }
@@ -767,7 +768,9 @@ std::vector<TScenario> Scenarios() {
         CommandScenario("Resume", command, {"resume", "paused"}),
         CommandScenario("Period", command, {"period", "first", "2d"}),
         CommandScenario("Rename", command, cRename),
+        CommandScenario("Apply", command, {"apply", "tasks.toml"}),
         RepairScenario(),
+        CommandScenario("ChangeOfApply", change, {"apply", "tasks.toml"}),
         CommandScenario("ChangeOfCreate", change, cCreate),
         CommandScenario("ChangeOfRemove", change, {"remove", "first"}),
         CommandScenario("ChangeOfEdit", change, {"edit", "first", "--every", "2d"}),
@@ -809,8 +812,11 @@ std::vector<TScenario> Scenarios() {
     };
 }
 
-// The standard input of the import.
+// The standard input of the import, and the file of the apply.
 void WriteInput() {
+    WriteFile("tasks.toml",
+              "[tasks.new]\nshell = 'true'\nat = 2090-01-01\n"
+              "[tasks.second]\nshell = 'true'\nevery = '1d'\n");
     TRow row = Row("second");
     row.parameters = "imported";
     WriteTable({row});
