@@ -173,6 +173,7 @@ private:
     TCrontabOptions crontab;
     std::string file;
     std::string shell;
+    std::string units;
     bool mustBecomeOwner = false;
     bool utc = false;
     bool namesOnly = false;
@@ -535,16 +536,16 @@ void CCommandLine::AddCrontabOptions(CLI::App& import, CLI::Option* whole) {
         ->excludes(user);
     import.add_flag("--partial", crontab.isPartial, "Import the jobs of a file with wrong lines")
         ->needs(isOf);
+    const auto takeDialect = [this](const std::string& dialect) {
+        crontab.isCronie = dialect == "cronie";
+    };
     import
         .add_option_function<std::string>(
-            "--dialect",
-            [this](const std::string& dialect) { crontab.isCronie = dialect == "cronie";
-},
-            "Whose crontab it is: debian, or cronie, which has CRON_TZ")
+            "--dialect", takeDialect, "Whose crontab it is: debian, or cronie, which has CRON_TZ")
         ->type_name("CRON")
         ->check(OneOf({"debian", "cronie"}))
         ->needs(isOf);
-}  // namespace
+}
 
 void CCommandLine::AddMaintenance() {
     Add(
@@ -552,11 +553,12 @@ void CCommandLine::AddMaintenance() {
         [this] { return Repair(common, output); }, [this](CLI::App& repair) { AddDryRun(repair); },
         EIdentity::cCaller);
     Add(
-        "export", "Print the table as JSON, as a crontab or as a file of tasks",
+        "export", "Print the table as JSON, or as what other schedulers read",
         [this] {
-            return isCrontab ? ExportCrontab(common, crontab.isSystem, output)
-                   : isToml  ? ExportToml(common, output)
-                             : Export(common, output);
+            return isCrontab        ? ExportCrontab(common, crontab.isSystem, output)
+                   : isToml         ? ExportToml(common, output)
+                   : !units.empty() ? ExportSystemd(common, units, output)
+                                    : Export(common, output);
         },
         [this](CLI::App& added) {
             CLI::Option* const isOf =
@@ -566,11 +568,20 @@ void CCommandLine::AddMaintenance() {
                 .add_flag("--system", crontab.isSystem,
                           "A crontab of the system: each line has a user")
                 ->needs(isOf);
+            CLI::Option* const isFile =
+                added
+                    .add_flag(
+                        "--toml", isToml,
+                        "Print a file of tasks, which apply reads, and to standard error what it "
+                        "cannot say")
+                    ->excludes(isOf);
             added
-                .add_flag("--toml", isToml,
-                          "Print a file of tasks, which apply reads, and to standard error what it "
-                          "cannot say")
-                ->excludes(isOf);
+                .add_option("--systemd", units,
+                            "Write a timer and a service for each task into this directory, a new "
+                            "or an empty one")
+                ->type_name("DIR")
+                ->excludes(isOf)
+                ->excludes(isFile);
         });
     Add(
         "apply", "Have the tasks be as a file under version control says",
@@ -668,9 +679,9 @@ void CCommandLine::RestoreBrackets() {
         if (value.ends_with(cBracketMark))
             value.pop_back();
     };
-    for (std::string* const value :
-         {&directory, &until, &file, &crontab.user, &shell, &task.name, &calendarOptions.expression,
-          &calendarOptions.zone, &calendarOptions.from, &historyOptions.since})
+    for (std::string* const value : {&directory, &until, &file, &units, &crontab.user, &shell,
+                                     &task.name, &calendarOptions.expression, &calendarOptions.zone,
+                                     &calendarOptions.from, &historyOptions.since})
         restore(*value);
     for (std::optional<std::string>* const value :
          {&task.at, &task.every, &task.program, &task.parameter, &task.newName}) {
@@ -860,7 +871,7 @@ int Main(int argc, const char* const* argv) {
     }
 }
 
-}  // namespace vxsched
+}  // namespace
 
 }  // namespace vxsched
 

@@ -108,6 +108,10 @@ TExitStatus ExportCrontab(const TCommon& common, bool isSystem, COutput& output)
 // status cRefusedStatus.
 TExitStatus ExportToml(const TCommon& common, COutput& output);
 
+// Writes a timer and a service of systemd for each task into a directory, which it makes, or which is empty.
+// What those cannot say is a message, and the status cRefusedStatus.
+TExitStatus ExportSystemd(const TCommon& common, const std::string& path, COutput& output);
+
 // Has the tasks of a file, or of the *.toml files of a directory, be as it says, as one change; "-" is
 // standard input. With `prune`, removes those that an earlier call has made from it and that it has no more.
 TExitStatus Apply(const TCommon& common, const std::string& path, bool prune, COutput& output);

@@ -16,7 +16,7 @@ _vxsched() {
     done
     local IFS=$'\n'
     case $previous in
-    --directory | --chdir)
+    --directory | --chdir | --systemd)
         COMPREPLY=($(compgen -d -- "$word"))
         return
         ;;

@@ -73,6 +73,10 @@ TExitStatus ExportCrontab(const TCommon& /*common*/, bool /*isSystem*/, COutput&
 TExitStatus ExportToml(const TCommon& /*common*/, COutput& /*output*/) {
     return cDone;
 }
+TExitStatus ExportSystemd(const TCommon& /*common*/, const std::string& path, COutput& /*output*/) {
+    gTaken = {path};
+    return cDone;
+}
 TExitStatus Apply(const TCommon& /*common*/, const std::string& path, bool /*prune*/,
                   COutput& /*output*/) {
     gTaken = {path};

@@ -30,6 +30,7 @@ ARROWS = {
     "calendar": {"base"},
     "jobs": {"base", "calendar"},
     "crontab": {"base", "calendar"},
+    "units": {"base", "calendar"},
     "store": STORE | {"scheduler"},
     "runs": RUNS,
     "control": CONTROL,
@@ -44,7 +45,7 @@ ARROWS = {
     "cli/time": CLI_TIME,
     "cli/output": CLI_OUTPUT,
     "cli/commands": CLI_COMMANDS,
-    "cli/exchange": CLI_COMMANDS | {"cli/commands", "crontab"},
+    "cli/exchange": CLI_COMMANDS | {"cli/commands", "crontab", "units"},
 }
 
 # Headers without a directory of their own in an include: the support library's, and <vxsched/...>. They are seen by the
