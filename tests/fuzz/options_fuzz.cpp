@@ -19,6 +19,11 @@
 // The target stays what it is, whoever owns the directory that it is given.
 #define BecomeForeignOwner(directory) static_cast<void>(directory)
 #define main VxschedMain
+#include "cli/ArgumentChecks.cpp"
+#include "cli/CCommandLine.cpp"
+#include "cli/ChangeOptions.cpp"
+#include "cli/QueryOptions.cpp"
+#include "cli/StoreOptions.cpp"
 #include "cli/main.cpp"
 #undef main
 #undef BecomeForeignOwner

@@ -45,6 +45,7 @@ ARROWS = {
     "cli/time": CLI_TIME,
     "cli/output": CLI_OUTPUT,
     "cli/commands": CLI_COMMANDS,
+    "cli": CLI_COMMANDS | {"cli/commands", "cli/exchange", "crontab", "units"},
     "cli/exchange": CLI_COMMANDS | {"cli/commands", "crontab", "units"},
 }
 
