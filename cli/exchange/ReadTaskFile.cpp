@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <toml++/toml.h>
 #include <algorithm>
 #include <array>
 #include <sstream>
@@ -10,8 +9,9 @@
 
 #include "base/DisplayText.h"
 #include "base/FindNearest.h"
+#include "cli/exchange/FindDeepKey.h"
 #include "cli/exchange/TaskFile.h"
-#include "cli/exchange/TomlLimits.h"
+#include "cli/exchange/Toml.h"
 #include "jobs/CJobError.h"
 #include "jobs/JobOptions.h"
 
@@ -308,8 +308,9 @@ TPlace PlaceOfOffset(std::string_view bytes, std::size_t offset) {
 }
 
 TTaskFile CTaskFileReader::Read(std::string_view bytes) {
-    if (const std::optional<TTomlProblem> problem = FindTomlProblem(bytes)) {
-        Fail(PlaceOfOffset(bytes, problem->offset), problem->text);
+    if (const std::optional<std::size_t> deep = FindDeepKey(bytes)) {
+        Fail(PlaceOfOffset(bytes, *deep),
+             fmt::format("a key with more than {} parts", cMostKeyParts));
         return std::move(file);
     }
     try {

@@ -1,17 +1,10 @@
-#include "cli/exchange/TomlLimits.h"
+#include "cli/exchange/FindDeepKey.h"
 
 #include <algorithm>
 
 namespace vxsched {
 
 namespace {
-
-// No file of tasks needs more than four.
-constexpr std::size_t cMostKeyParts = 16;
-constexpr char cDeepKey[] = "a key with more than 16 parts";
-constexpr char cNotAscii[] =
-    "a character that is not ASCII; quote a name or a text that has such characters";
-constexpr std::string_view cByteOrderMark = "\xef\xbb\xbf";
 
 // Where the string that begins at `begin` ends: after its quotation marks, or at the end of a line that has
 // none.
@@ -33,21 +26,19 @@ std::size_t SkipString(std::string_view toml, std::size_t begin) {
 
 }  // namespace
 
-std::optional<TTomlProblem> FindTomlProblem(std::string_view toml) {
+std::optional<std::size_t> FindDeepKey(std::string_view toml) {
+    constexpr std::string_view cEndsOfKeys = "\n=,[]{}";
     std::size_t parts = 1;
-    for (std::size_t at = toml.starts_with(cByteOrderMark) ? cByteOrderMark.size() : 0;
-         at < toml.size();) {
+    for (std::size_t at = 0; at < toml.size();) {
         const char one = toml[at];
         if (one == '#') {
             at = std::min(toml.find('\n', at), toml.size());
         } else if (one == '"' || one == '\'') {
             at = SkipString(toml, at);
         } else {
-            if (static_cast<unsigned char>(one) >= 0x80)
-                return TTomlProblem{at, cNotAscii};
             if (one == '.' && ++parts > cMostKeyParts)
-                return TTomlProblem{at, cDeepKey};
-            if (std::string_view("\n=,[]{}").find(one) != std::string_view::npos)
+                return at;
+            if (cEndsOfKeys.find(one) != std::string_view::npos)
                 parts = 1;
             ++at;
         }
