@@ -97,6 +97,10 @@ static void DescribeOptions(CLI::App& app, THostOptions& options) {
     app.add_flag("--run-once", options.runOnce,
                  "Launch what is due now, wait for these programs, and exit")
         ->excludes(check);
+    app.add_flag_callback(
+        "--network-directory", [&options] { options.network = ENetwork::cPermitted; },
+        "Work in a directory on a network file system; something else must keep hosts on "
+        "other machines away");
     app.set_version_flag("--version", "vxschedd " VXSCHEDD_VERSION);
     app.footer(
         "A size is a number of bytes, or has a unit: 64kb, 16mb.\n"

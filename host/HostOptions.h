@@ -5,6 +5,9 @@
 #include <optional>
 #include <string>
 
+// Whether a host may work in a directory on a network file system.
+enum class ENetwork { cRefused, cPermitted };
+
 // The options of vxschedd, as its help lists them; ParseHostOptions() sets the defaults.
 struct THostOptions {
     std::string directory;                 // as given
@@ -18,6 +21,7 @@ struct THostOptions {
     std::chrono::seconds launchPause{0};   // after each launch, with the store mutex held
     bool check = false;                    // check the set-up only
     bool runOnce = false;                  // one tick only
+    ENetwork network = ENetwork::cRefused;
 };
 
 // Parses the command line. Relative paths become absolute, except `directory`, which is resolved

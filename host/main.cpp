@@ -315,7 +315,7 @@ static void Run(const THostOptions& options) {
     CSignals signals;
     CServiceManager service;
     std::optional<CStartupStop> startupStop(std::in_place);
-    EnterDirectory(options.directory);
+    EnterDirectory(options.directory, options.network);
     const CDirectoryLock lock(options.directory);
     RequireAddIn(options.addIn);
     RequireOwnSemaphores();

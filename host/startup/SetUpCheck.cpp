@@ -152,7 +152,7 @@ void CheckControlSocket(const std::string& directory) {
 
 TExitStatus CheckSetUp(const THostOptions& options) {
     CReport report;
-    const std::vector<std::string> reasons = WhyNotToWorkIn(options.directory);
+    const std::vector<std::string> reasons = WhyNotToWorkIn(options.directory, options.network);
     for (const std::string& reason : reasons)
         report.Fail(cNoDirectory, reason);
     if (reasons.empty())

@@ -15,6 +15,7 @@
 #include "base/Sync.h"
 #include "base/Users.h"
 #include "host/CHostError.h"
+#include "host/startup/NetworkDirectory.h"
 #include "store/Layout.h"
 #include "store/StoreAccess.h"
 #include "store/StoreOwner.h"
@@ -109,10 +110,13 @@ static void RequireTrust(const std::string& path, const std::string& directory) 
                          fmt::format("cannot use the directory {}: {}", directory, reason));
 }
 
-void EnterDirectory(const std::string& directory) {
+void EnterDirectory(const std::string& directory, ENetwork network) {
     if (access((directory + "/.").c_str(), F_OK) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
     RequireTrust(directory, directory);
+    if (const std::string reason = WhyNotOnNetwork(directory);
+        network == ENetwork::cRefused && !reason.empty())
+        throw CHostError(cNoDirectory, reason);
     const std::string noteOfUsers = vxsched::NoteOfUsers(directory);
     if (chdir(directory.c_str()) == -1)
         throw CHostError(cNoDirectory, CannotWork(directory, errno));
@@ -127,12 +131,15 @@ void EnterDirectory(const std::string& directory) {
         throw CHostError(cNoDirectory, CannotUse(directory + '/' + cTableFile, errno, noteOfUsers));
 }
 
-std::vector<std::string> WhyNotToWorkIn(const std::string& directory) {
+std::vector<std::string> WhyNotToWorkIn(const std::string& directory, ENetwork network) {
     struct stat status {};
     if (!May(directory, X_OK) || stat((directory + "/.").c_str(), &status) != 0)
         return {CannotWork(directory, errno)};
     std::vector<std::string> reasons;
     if (const std::string reason = WhyNotTrusted(directory); !reason.empty())
+        reasons.push_back(reason);
+    if (const std::string reason = WhyNotOnNetwork(directory);
+        network == ENetwork::cRefused && !reason.empty())
         reasons.push_back(reason);
     const std::string noteOfUsers = vxsched::NoteOfUsers(directory);
     const std::string files = directory + '/' + cFilesDirectory;

@@ -4,7 +4,8 @@
 // (SIGSTOP) first, NO_INOTIFY makes inotify unavailable, REFUSE_LAUNCHES makes launches fail while a
 // file of that name exists; the file gets a byte for each. ENDLESS_MINUTES makes waits of 30 s and
 // more for a semaphore endless, as the worker's between two ticks. SHORT_REPLY_WAITS makes waits of
-// 10 to 20 s for a descriptor end at once, as those for an answer of the host.
+// 10 to 20 s for a descriptor end at once, as those for an answer of the host. FILE_SYSTEM is the number
+// of the file system that every path is on.
 //
 // The symbols below are called by the program and the add-in, on whichever thread. Without its
 // variable each does what libc does.
@@ -16,6 +17,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -108,4 +110,14 @@ extern "C" int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout,
     const bool isShort = isLong && std::getenv("SHORT_REPLY_WAITS") != nullptr;
     const timespec none{};
     return system(descriptors, count, isShort ? &none : timeout, signals);
+}
+
+// Fails as libc's does.
+extern "C" int statfs(const char* path, struct statfs* status) noexcept {
+    static auto* const system =
+        reinterpret_cast<int (*)(const char*, struct statfs*)>(dlsym(RTLD_NEXT, "statfs"));
+    const int result = system(path, status);
+    if (const char* const number = std::getenv("FILE_SYSTEM"); number != nullptr && result == 0)
+        status->f_type = std::strtol(number, nullptr, 16);
+    return result;
 }
