@@ -41,8 +41,9 @@ std::string WhyNotOnNetwork(const std::string& directory) {
     for (const std::string& path : {directory, directory + '/' + vxsched::cFilesDirectory}) {
         if (const TFileSystem* const found = FindNetwork(path))
             return fmt::format(
-                "{} is on a file system of several machines ({}), where the directory lock may not "
-                "keep a host on another machine away: each task would be launched twice. Choose a "
+                "{} is on a file system that several machines may use ({}), where the directory "
+                "lock may not keep a host on another machine away: each task would be launched "
+                "twice. Choose a "
                 "directory on a disk of this machine or, if a cluster manager runs vxschedd on one "
                 "machine at a time, give --network-directory.",
                 path, found->name);
