@@ -34,7 +34,9 @@ std::vector<std::string> FilesOf(const std::string& path) {
     std::vector<std::string> files;
     for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
-        if (entry->path().extension() == ".toml")
+        // Editors keep hidden files of their own there.
+        const fs::path name = entry->path().filename();
+        if (name.extension() == ".toml" && !name.string().starts_with('.'))
             files.push_back(entry->path());
     }
     if (error)

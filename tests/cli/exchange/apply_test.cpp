@@ -397,6 +397,7 @@ TEST_F(CliApply, DirectoryIsOneChangeOfItsFiles) {
     WriteFile("tasks.d/a.toml",
               "[defaults]\nmail = 'root'\n[tasks.a]\nshell = 'a'\ndaily = '02:30'\n");
     WriteFile("tasks.d/README", "no TOML");
+    WriteFile("tasks.d/.a.toml", "hidden");
     Output({"apply", "tasks.d"});
     EXPECT_EQ(NamesInTable(), "a b");
     EXPECT_THAT(RowOf("b").parameters, Not(HasSubstr("--mail"))) << "defaults are their file's";
