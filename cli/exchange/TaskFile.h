@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <vxsched/Table.h>
@@ -20,7 +21,9 @@ struct TPlace {
     std::size_t line = 1;
     std::size_t column = 1;
 
-    auto operator<=>(const TPlace&) const = default;
+    bool operator<(const TPlace& other) const {
+        return std::tie(line, column) < std::tie(other.line, other.column);
+    }
 };
 
 // A task of a file, with what [defaults] adds to it. Its arguments are those of `create`, but for the times,
