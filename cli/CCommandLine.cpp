@@ -139,12 +139,12 @@ void CCommandLine::RestoreBrackets() {
         if (value.ends_with(cBracketMark))
             value.pop_back();
     };
-    for (std::string* const value : {&directory, &until, &file, &units, &crontab.user, &shell,
-                                     &task.name, &calendarOptions.expression, &calendarOptions.zone,
-                                     &calendarOptions.from, &historyOptions.since})
+    for (std::string* const value :
+         {&directory, &until, &file, &crontab.user, &shell, &task.name, &calendarOptions.expression,
+          &calendarOptions.zone, &calendarOptions.from, &historyOptions.since})
         restore(*value);
     for (std::optional<std::string>* const value :
-         {&task.at, &task.every, &task.program, &task.parameter, &task.newName}) {
+         {&task.at, &task.every, &task.program, &task.parameter, &task.newName, &units}) {
         if (*value)
             restore(**value);
     }

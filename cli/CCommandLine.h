@@ -95,7 +95,7 @@ private:
     TCrontabOptions crontab;
     std::string file;
     std::string shell;
-    std::string units;
+    std::optional<std::string> units;
     bool mustBecomeOwner = false;
     bool utc = false;
     bool namesOnly = false;

@@ -40,10 +40,10 @@ void CCommandLine::AddMaintenance() {
     Add(
         "export", "Print the table as JSON, or as what other schedulers read",
         [this] {
-            return isCrontab        ? ExportCrontab(common, crontab.isSystem, output)
-                   : isToml         ? ExportToml(common, output)
-                   : !units.empty() ? ExportSystemd(common, units, output)
-                                    : Export(common, output);
+            return isCrontab ? ExportCrontab(common, crontab.isSystem, output)
+                   : isToml  ? ExportToml(common, output)
+                   : units   ? ExportSystemd(common, *units, output)
+                             : Export(common, output);
         },
         [this](CLI::App& added) {
             CLI::Option* const isOf =

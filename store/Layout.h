@@ -39,9 +39,9 @@ inline constexpr char cOwedLaunchDirectory[] = "files/owed";
 inline constexpr char cHeartbeatFile[] = "files/started/alive";
 inline constexpr char cLaunchIntentsFile[] = "files/started/intents";
 
-// What was made from files of tasks: a record for each file, with this suffix.
+// What was made from files of tasks: a record for each file, and the next one while it is changed.
 inline constexpr char cAppliedDirectory[] = "files/applied";
-inline constexpr char cAppliedSuffix[] = ".tasks";
+inline constexpr char cFreshRecordSuffix[] = "%next";  // as no name of a record ends
 
 // ---- The programs that use a store
 

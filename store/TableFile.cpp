@@ -262,20 +262,15 @@ void WriteNewFile(const fs::path& file, std::string_view bytes, const fs::path& 
             EReplace::cAsPermitted);
 }
 
-// Whether a file in the directory of files, of snapshots or of records is one that was not finished.
-static bool IsLeftover(const std::string& name) {
-    const bool isOfTable = name.starts_with(cTableName);
-    const bool isOfRecord = name.starts_with('%') && !name.ends_with(cAppliedSuffix);
-    return (isOfTable && name.find(cSaveSuffix) != std::string::npos) ||
-           ((isOfTable || isOfRecord) && name.find(cReplacementSuffix) != std::string::npos);
-}
-
 void RemoveLeftovers(const fs::path& directory) {
-    for (const char* const place : {cFilesDirectory, cSnapshotDirectory, cAppliedDirectory}) {
+    for (const char* const place : {cFilesDirectory, cSnapshotDirectory}) {
         std::error_code error;
         for (fs::directory_iterator entry(directory / place, error);
              !error && entry != fs::directory_iterator(); entry.increment(error)) {
-            if (IsLeftover(entry->path().filename().string()))
+            const std::string name = entry->path().filename().string();
+            if (name.starts_with(cTableName) &&
+                (name.find(cReplacementSuffix) != std::string::npos ||
+                 name.find(cSaveSuffix) != std::string::npos))
                 unlink(entry->path().c_str());
         }
     }

@@ -80,9 +80,9 @@ void RenameToTable(const std::filesystem::path& file, const std::filesystem::pat
 void WriteNewFile(const std::filesystem::path& file, std::string_view bytes,
                   const std::filesystem::path& directory);
 
-// Removes the temporary files, of the table, of its backups and of the records of applied files, that a
-// kill has left. The caller holds both locks, so that no other process is still writing one of the first
-// two; a record that is being written is written again at the next apply. Files that cannot be removed stay.
+// Removes the temporary files, of the table and of its backups, that a kill has left. The caller
+// holds both locks, so that no other process is still writing one. Files that cannot be removed
+// stay.
 void RemoveLeftovers(const std::filesystem::path& directory);
 
 }  // namespace vxsched

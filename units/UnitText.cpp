@@ -27,7 +27,7 @@ std::string Quoted(std::string_view word, bool hasVariables) {
 
 bool IsPlain(char one) {
     return (one >= 'a' && one <= 'z') || (one >= 'A' && one <= 'Z') || (one >= '0' && one <= '9') ||
-           one == '-' || one == '_' || one == '.' || one == ':';
+           one == '-' || one == '_' || one == '.';
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -34,6 +35,9 @@ namespace {
 
 using TSteps = std::vector<TApplyStep>;
 
+// How often the steps are found again because tasks change meanwhile.
+constexpr int cTries = 20;
+
 // What is printed of a step.
 struct TStepWords {
     const char* json;
@@ -53,59 +57,82 @@ constexpr std::array<TStepWords, 7> cStepWords = {{{"create", "created", "would 
 std::string IdentityOf(std::string path) {
     while (path.size() > 1 && path.ends_with('/'))
         path.pop_back();
-    return AbsolutePath(path);
+    // A ".." that follows a link is taken for what is written, as the links are that the path goes through.
+    return std::filesystem::path(AbsolutePath(path)).lexically_normal().string();
 }
 
-// The record of the file with those that the steps make, as they make them. Those that the file has no more
-// stay, until they are removed.
-std::vector<TTaskEntry> RecordWith(const TSteps& steps, const std::vector<TTaskEntry>& made) {
-    CNamedTasks record(made);
+// The record of the file once the steps are made. Of the tasks that the file has no more it keeps those that stay.
+std::vector<TTaskEntry> RecordAfter(const TSteps& steps, const std::vector<TTaskEntry>& made) {
+    CNamedTasks former(made);
+    std::vector<TTaskEntry> record;
     for (const TApplyStep& step : steps) {
-        TTaskEntry* const found = record.Find(step.task.name);
-        const bool isWanted = step.kind == TApplyStep::cEdit || step.kind == TApplyStep::cNothing;
-        if (found != nullptr && (isWanted || step.kind == TApplyStep::cCreate))
-            *found = step.task;
-        else if (step.kind == TApplyStep::cCreate)
-            record.Add(step.task);
+        const TTaskEntry* const found = former.Find(step.task.name);
+        const bool isAsWanted = step.kind == TApplyStep::cEdit || step.kind == TApplyStep::cNothing;
+        const bool stays = step.kind == TApplyStep::cGone || step.kind == TApplyStep::cLeave;
+        if (step.kind == TApplyStep::cCreate || (found != nullptr && isAsWanted))
+            record.push_back(step.task);
+        else if (found != nullptr && stays)
+            record.push_back(*found);
     }
-    return record.Tasks();
-}
-
-// The record without the tasks that are gone.
-std::vector<TTaskEntry> RecordOf(const TSteps& steps, std::vector<TTaskEntry> record) {
-    std::set<std::string_view> present;
-    for (const TApplyStep& step : steps) {
-        if (step.kind != TApplyStep::cRemove && step.kind != TApplyStep::cPast)
-            present.insert(step.task.name);
-    }
-    std::erase_if(record, [&](const TTaskEntry& task) { return !present.contains(task.name); });
     return record;
 }
 
-// Makes the changes of the steps, and returns the tasks that these leave. The record of the file has what is
-// made before the table has it, and what is removed until it has not: a kill in between loses nothing of it.
+// Makes the changes of the steps, and returns the tasks that these leave.
 std::vector<TTaskEntry> Make(const TCommon& common, const TSteps& steps, CChanges& changes,
                              const std::string& identity, const std::vector<TTaskEntry>& made) {
     if (common.dryRun)
         return changes.Check();
-    const auto keep = [&](const std::vector<TTaskEntry>& former, const auto& record) {
-        if (!identity.empty() && record != former)
-            WriteAppliedTasks(common.store.directory, identity, record);
-    };
-    const std::vector<TTaskEntry> before = RecordWith(steps, made);
-    keep(made, before);
-    std::vector<TTaskEntry> left = changes.Commit();
-    keep(before, RecordOf(steps, before));
+    const std::vector<TTaskEntry> record = RecordAfter(steps, made);
+    if (identity.empty() || record == made)
+        return changes.Commit();
+    CAppliedTasksChange change(common.store.directory, identity, record);
+    std::vector<TTaskEntry> left;
+    try {
+        left = changes.Commit();
+    } catch (const CError& error) {
+        if (error.Code() == EError::cUnknown)
+            change.LeaveOpen();
+        throw;
+    }
+    change.Make();
     return left;
 }
 
 // Throws CError (cRefused) after it has printed the errors, unless there are none.
-void RefuseFor(const std::vector<std::string>& errors) {
+void RefuseAll(const std::vector<std::string>& errors) {
     for (const std::string& error : errors)
         std::cerr << fmt::format("vxsched: {}\n", Show(error).string);
     if (!errors.empty())
         throw MakeError(EError::cRefused, "nothing was changed, because of {}",
                         CountOf(errors.size(), "error"));
+}
+
+// Finds and makes the steps, again if the tasks change meanwhile. Returns the tasks that these leave.
+std::vector<TTaskEntry> ApplyTo(const TCommon& common, const std::string& identity,
+                                const std::vector<TWantedTask>& wanted, bool prune, TSteps& steps) {
+    for (int tries = cTries;; --tries) {
+        const std::vector<TTaskEntry> made =
+            identity.empty() ? std::vector<TTaskEntry>()
+                             : ReadAppliedTasks(common.store.directory, identity);
+        const std::vector<TTaskEntry> present = CStore(common.store).Read().tasks;
+        steps = FindApplySteps(common, present, wanted, made, prune);
+        std::vector<std::string> problems;
+        CChanges changes(common.store);
+        for (const TApplyStep& step : steps) {
+            if (std::string problem = FindProblem(common, step); !problem.empty())
+                problems.push_back(std::move(problem));
+            AddStep(step, common.forced, changes);
+        }
+        RefuseAll(problems);
+        try {
+            return Make(common, steps, changes, identity, made);
+        } catch (const CError& error) {
+            const bool mayBeOld =
+                error.Code() == EError::cRefused || error.Code() == EError::cNotFound;
+            if (tries == 0 || !mayBeOld || CStore(common.store).Read().tasks == present)
+                throw;
+        }
+    }
 }
 
 bool HasChange(const TSteps& steps) {
@@ -186,22 +213,9 @@ TExitStatus Apply(const TCommon& common, const std::string& path, bool prune, CO
     const std::string identity = path == cStandardInput ? "" : IdentityOf(path);
     BecomeForeignOwner(common.store.directory);
     const TWantedTasks wanted = FindWantedTasks(common, sources);
-    RefuseFor(wanted.errors);
-    const std::vector<TTaskEntry> made = identity.empty()
-                                             ? std::vector<TTaskEntry>()
-                                             : ReadAppliedTasks(common.store.directory, identity);
-    const TSteps steps =
-        FindApplySteps(common, CStore(common.store).Read().tasks, wanted.tasks, made, prune);
-    std::vector<std::string> problems;
-    for (const TApplyStep& step : steps) {
-        if (std::string problem = FindProblem(common, step); !problem.empty())
-            problems.push_back(std::move(problem));
-    }
-    RefuseFor(problems);
-    CChanges changes(common.store);
-    for (const TApplyStep& step : steps)
-        AddStep(step, common.forced, changes);
-    std::vector<TTaskEntry> left = Make(common, steps, changes, identity, made);
+    RefuseAll(wanted.errors);
+    TSteps steps;
+    std::vector<TTaskEntry> left = ApplyTo(common, identity, wanted.tasks, prune, steps);
     if (common.json)
         PrintJson(common, steps, output);
     else

@@ -3,16 +3,21 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include <vxsched/Error.h>
+#include "client/EditTask.h"
 #include "store/CNamedTasks.h"
 #include "store/CSchedule.h"
 #include "store/Grid.h"
 
 namespace vxsched {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -33,7 +38,7 @@ std::optional<TTime> DueToSet(const TTaskEntry& present, const TWantedTask& want
     const TTime first = *wanted.at;
     const seconds step = StepOf(wanted.entry.period);
     if (step == seconds(0))
-        return first <= now ? std::nullopt : std::optional(first);
+        return first;
     const bool isOnGrid = Between(first, present.next) % step == seconds(0);
     if (isOnGrid && (present.next >= first || first <= now))
         return {};
@@ -46,10 +51,12 @@ TApplyStep StepFor(const TCommon& common, const TTaskEntry* present, const TWant
     step.task = wanted.entry;
     step.where = wanted.where;
     const std::optional<TTime> first = FirstDue(wanted, now);
-    if (!first && present == nullptr) {
-        step.kind = TApplyStep::cPast;
+    if (!first) {
+        step.kind = present == nullptr ? TApplyStep::cPast : TApplyStep::cNothing;
         return step;
     }
+    if (present != nullptr)
+        step.former = *present;
     step.kind = present == nullptr ? TApplyStep::cCreate : TApplyStep::cEdit;
     const TTaskFields before =
         present == nullptr ? TTaskFields() : FieldsOf(common.store.directory, *present);
@@ -89,6 +96,11 @@ TEdit EditOf(const TApplyStep& step) {
     return edit;
 }
 
+TNewTask NewTask(const TApplyStep& step) {
+    const TTaskEntry& task = step.task;
+    return {task.name, *step.due, task.period, task.program, task.parameter};
+}
+
 }  // namespace
 
 std::vector<TApplyStep> FindApplySteps(const TCommon& common, std::vector<TTaskEntry> present,
@@ -117,27 +129,22 @@ std::vector<TApplyStep> FindApplySteps(const TCommon& common, std::vector<TTaskE
 }
 
 std::string FindProblem(const TCommon& common, const TApplyStep& step) {
-    const bool hasJob = std::any_of(step.fields.begin(), step.fields.end(), IsOfJob);
-    if (step.kind != TApplyStep::cCreate && (step.kind != TApplyStep::cEdit || !hasJob))
+    const fs::path& directory = common.store.directory;
+    try {
+        if (step.kind == TApplyStep::cCreate)
+            RefuseFor(FindUnforced(directory, EntryOf(NewTask(step)), common.forced));
+        else if (step.kind == TApplyStep::cEdit)
+            Edited(directory, step.former, EditOf(step), common.forced);
         return "";
-    const TTaskEntry& task = step.task;
-    const std::vector<TValidationError> errors =
-        CStore(common.store)
-            .Check(
-                {task.name, std::max(task.next, Now()), task.period, task.program, task.parameter},
-                common.forced);
-    if (errors.empty())
-        return "";
-    const TValidationError& first = errors.front();
-    return fmt::format("{}: task \"{}\": {}{}", step.where, task.name, first.message,
-                       first.canBeForced ? fmt::format(" (or --force {})", first.Name()) : "");
+    } catch (const CError& error) {
+        return fmt::format("{}: task \"{}\": {}", step.where, step.task.name, error.what());
+    }
 }
 
 void AddStep(const TApplyStep& step, const TForced& forced, CChanges& changes) {
     const TTaskEntry& task = step.task;
     if (step.kind == TApplyStep::cCreate) {
-        changes.Create({task.name, *step.due, task.period, task.program, task.parameter}, false,
-                       forced);
+        changes.Create(NewTask(step), false, forced);
     } else if (step.kind == TApplyStep::cRemove) {
         changes.Remove({task.name});
     } else if (step.kind == TApplyStep::cEdit) {

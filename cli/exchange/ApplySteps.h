@@ -29,6 +29,7 @@ struct TApplyStep {
     std::optional<bool> paused = {};  // set if it changes
     std::vector<TFieldChange> fields = {};  // what differs
     std::string where = {};                 // of the file, for a message
+    TTaskEntry former = {};                 // of an edit
 
     bool IsChange() const { return kind == cCreate || kind == cEdit || kind == cRemove; }
 };

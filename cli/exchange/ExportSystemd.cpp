@@ -88,17 +88,20 @@ std::optional<std::string> CalendarOfPeriod(const TTaskEntry& task) {
 }
 
 void SetPeriod(const TTaskEntry& task, CUnit& timer, TLosses& losses) {
-    // Later years are none that systemd could wait for.
-    constexpr TTime cLast(seconds(253'370'764'800));  // 9999-01-01
+    // systemd takes no calendar of the year 2200 or later.
+    constexpr TTime cLast(seconds(7'226'582'400));  // 2199-01-01
     const bool isOver = task.period == 0 && task.next <= Now();
     const std::optional<std::string> calendar = CalendarOfPeriod(task);
-    if (isOver || task.next < TTime() || task.next >= cLast)
+    if (isOver || task.next < TTime() || (task.period == 0 && task.next >= cLast))
         losses.emplace_back("a timer cannot wait for its due time");
     else if (!calendar)
         losses.push_back(fmt::format("a timer has no period of {} that keeps its due times",
                                      FormatPeriod(task.period)));
     else
         timer.Set("OnCalendar", *calendar);
+    if (calendar && task.period != 0 && task.next > Now() + hours(task.period))
+        losses.emplace_back(
+            "a timer elapses before its due time, which is more than a period ahead");
 }
 
 void SetCalendar(const TJob& job, const CSchedule& schedule, CUnit& timer, TLosses& losses) {
@@ -160,6 +163,52 @@ void SetSuccess(const TJob& job, CUnit& service, TLosses& losses) {
         losses.emplace_back("to a service the exit status 0 is always a success");
 }
 
+// Of a path or a name, which is not quoted: a backslash at the end would take the next line for its own, and blanks
+// there are lost.
+bool IsPlainLine(const std::string& value) {
+    return value.find('\n') == std::string::npos &&
+           (value.empty() ||
+            (std::string_view(" \t\\").find(value.back()) == std::string_view::npos &&
+             value.front() != ' ' && value.front() != '\t'));
+}
+
+// Why no units of a task are written; empty if they are.
+std::string WhyNotWritten(const TJob& job, const std::string& units) {
+    if (!IsUtf8(units))
+        return "a unit has text in UTF-8 only";
+    if (!IsPlainLine(job.user) || !IsPlainLine(job.group) || !IsPlainLine(job.directory) ||
+        !std::all_of(job.environmentFiles.begin(), job.environmentFiles.end(), IsPlainLine))
+        return "a unit has no path or name with a line end, or with a blank or a backslash at its "
+               "end";
+    if (CommandOf(job).front().find_first_of("'\"\\$") != std::string::npos)
+        return "a unit has no program with a quotation mark, a backslash or a $ in its path";
+    if (job.zone.find("//") != std::string::npos)
+        return fmt::format("a timer has no zone {}", job.zone);
+    return "";
+}
+
+bool IsVariableOfUnit(const std::string& variable) {
+    const std::string_view name = std::string_view(variable).substr(0, variable.find('='));
+    const auto isLetter = [](char one) {
+        return (one >= 'a' && one <= 'z') || (one >= 'A' && one <= 'Z') || one == '_';
+    };
+    return isLetter(name.front()) && std::all_of(name.begin(), name.end(), [&](char one) {
+               return isLetter(one) || (one >= '0' && one <= '9');
+           });
+}
+
+void SetEnvironment(const TJob& job, CUnit& service, TLosses& losses) {
+    for (const std::string& file : job.environmentFiles)
+        service.Set("EnvironmentFile", UnitValue(file));
+    for (const std::string& variable : job.environment) {
+        if (IsVariableOfUnit(variable))
+            service.Set("Environment", UnitWord(variable));
+        else
+            losses.push_back(fmt::format("a unit has no variable \"{}\"",
+                                         variable.substr(0, variable.find('='))));
+    }
+}
+
 std::string ServiceOf(const TCommon& common, const TTaskEntry& task, const TJob& job,
                       TLosses& losses) {
     CUnit service(task.name);
@@ -172,10 +221,7 @@ std::string ServiceOf(const TCommon& common, const TTaskEntry& task, const TJob&
     SetIdentity(common, job, service);
     if (job.umask)
         service.Set("UMask", fmt::format("{:04o}", *job.umask));
-    for (const std::string& file : job.environmentFiles)
-        service.Set("EnvironmentFile", UnitValue(file));
-    for (const std::string& variable : job.environment)
-        service.Set("Environment", UnitWord(variable));
+    SetEnvironment(job, service, losses);
     if (job.timeout) {
         service.Set("TimeoutStartSec", FormatDuration(*job.timeout));
         service.Set("TimeoutStopSec", FormatDuration(job.killAfter.value_or(cDefaultKillAfter)));
@@ -188,43 +234,51 @@ std::string ServiceOf(const TCommon& common, const TTaskEntry& task, const TJob&
     return service.Text();
 }
 
-// Whether a text is UTF-8, and without line ends where it is not quoted: in paths and names.
-bool CanBeWritten(const TJob& job, const std::string& units) {
-    const auto isOneLine = [](const std::string& value) {
-        return value.find('\n') == std::string::npos;
-    };
-    return IsUtf8(units) && isOneLine(job.user) && isOneLine(job.group) &&
-           isOneLine(job.directory) &&
-           std::all_of(job.environmentFiles.begin(), job.environmentFiles.end(), isOneLine);
-}
+// Files in a directory that is empty before, or made. They are removed again unless all are written.
+class CNewFiles {
+public:
+    explicit CNewFiles(const std::string& path) {
+        std::error_code error;
+        fs::create_directory(path, error);
+        directory = CDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!directory.IsOpen())
+            throw SystemError("cannot write to " + path, errno);
+        if (!fs::is_empty(path, error) || error)
+            throw MakeError(
+                EError::cRefused,
+                "{} is not empty; give an empty directory, or the name of a new one, and "
+                "copy the units from there",
+                path);
+    }
+    CNewFiles(const CNewFiles&) = delete;
+    CNewFiles& operator=(const CNewFiles&) = delete;
+    ~CNewFiles() {
+        for (const std::string& name : names)
+            unlinkat(directory.Get(), name.c_str(), 0);
+    }
 
-// An empty directory of the caller's, which it makes if there is none.
-CDescriptor OpenEmptyDirectory(const std::string& path) {
-    std::error_code error;
-    fs::create_directory(path, error);
-    CDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory.IsOpen())
-        throw SystemError("cannot write to " + path, errno);
-    if (!fs::is_empty(path, error) || error)
-        throw MakeError(EError::cRefused,
-                        "{} is not empty; give an empty directory, or the name of a new one, and "
-                        "copy the units from there",
-                        path);
-    return directory;
-}
+    void Write(const std::string& name, const std::string& text) {
+        const CDescriptor file(openat(directory.Get(), name.c_str(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        if (!file.IsOpen())
+            throw SystemError("cannot write " + name, errno);
+        names.push_back(name);
+        if (!WriteAll(file.Get(), text))
+            throw SystemError("cannot write " + name, errno);
+    }
 
-void WriteUnit(const CDescriptor& directory, const std::string& name, const std::string& text) {
-    const CDescriptor file(openat(directory.Get(), name.c_str(),
-                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file.IsOpen() || !WriteAll(file.Get(), text))
-        throw SystemError("cannot write " + name, errno);
-}
+    void Keep() { names.clear(); }
+
+private:
+    CDescriptor directory;
+    std::vector<std::string> names;
+};
 
 }  // namespace
 
 TExitStatus ExportSystemd(const TCommon& common, const std::string& path, COutput& output) {
     const TTable table = CStore(common.store).Read();
-    const CDescriptor directory = OpenEmptyDirectory(path);
+    CNewFiles files(path);
     std::set<std::string_view> names;
     bool isComplete = true;
     std::size_t count = 0;
@@ -239,16 +293,18 @@ TExitStatus ExportSystemd(const TCommon& common, const std::string& path, COutpu
             losses = {"an earlier task has the same name"};
         } else if (name.empty()) {
             losses = {"its name is too long for one of a unit"};
-        } else if (!CanBeWritten(job, timer + service)) {
-            losses = {"a unit has text in UTF-8 only, and paths without line ends"};
+        } else if (const std::string reason = WhyNotWritten(job, timer + service);
+                   !reason.empty()) {
+            losses = {reason};
         } else if (hasLaunch) {
-            WriteUnit(directory, name + ".timer", timer);
-            WriteUnit(directory, name + ".service", service);
+            files.Write(name + ".timer", timer);
+            files.Write(name + ".service", service);
             ++count;
         }
         PrintLosses(task.name, losses);
         isComplete = isComplete && losses.empty();
     }
+    files.Keep();
     output.Line(Show(fmt::format("wrote {} and as many services to {}", CountOf(count, "timer"),
                                  AbsolutePath(path)))
                     .string);

@@ -36,8 +36,12 @@ std::vector<std::string> FilesOf(const std::string& path) {
          entry.increment(error)) {
         // Editors keep hidden files of their own there.
         const fs::path name = entry->path().filename();
-        if (name.extension() == ".toml" && !name.string().starts_with('.'))
-            files.push_back(entry->path());
+        if (name.extension() != ".toml" || name.string().starts_with('.'))
+            continue;
+        // A FIFO would be waited for; a link to nothing may lead to tasks that a prune must not remove.
+        if (std::error_code ignored; !entry->is_regular_file(ignored))
+            throw MakeError(EError::cRefused, "{} is no file", entry->path().string());
+        files.push_back(entry->path());
     }
     if (error)
         throw MakeError(EError::cRefused, "cannot read {}: {}", path, error.message());
@@ -98,6 +102,10 @@ TTaskArguments WithCalendar(const TFileTask& task) {
 }
 
 void SetProgram(const TCommon& common, const TTaskArguments& arguments, TTaskEntry& entry) {
+    const bool hasShell = arguments.options.contains(std::string(cShellOption));
+    if (hasShell == !arguments.command.empty())
+        throw CWrongTask{"", hasShell ? "it has command and shell; give one of them"
+                                      : "it has neither command nor shell"};
     try {
         MakeJob(common.store.directory, entry, arguments);
     } catch (const CJobError& error) {

@@ -111,8 +111,10 @@ std::vector<std::string> StringsOf(const toml::node& node, std::string_view key)
 
 // A time as TOML writes it, for ParseTime().
 std::string TimeOf(const toml::node& node, std::string_view key) {
+    if (node.is_string())
+        return node.as_string()->get();
     if (!node.is_date() && !node.is_date_time())
-        return StringOf(node, key);
+        ThrowKind(node, key, "a date and a time");
     std::ostringstream time;
     if (node.is_date())
         time << node.as_date()->get();
@@ -125,8 +127,12 @@ std::vector<std::string> VariablesOf(const toml::node& node) {
     if (!node.is_table())
         return StringsOf(node, cEnvironment);
     std::vector<std::string> variables;
-    for (const auto& [name, value] : *node.as_table())
+    for (const auto& [name, value] : *node.as_table()) {
+        if (name.str().empty() || name.str().find('=') != std::string_view::npos)
+            throw CWrongValue{PlaceIn(value),
+                              fmt::format("env: \"{}\" is no name of a variable", name.str())};
         variables.push_back(fmt::format("{}={}", name.str(), StringOf(value, cEnvironment)));
+    }
     return variables;
 }
 

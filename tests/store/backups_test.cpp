@@ -179,17 +179,6 @@ TEST_F(Snapshots, LeftoverOfAKillIsRemoved) {
     EXPECT_TRUE(fs::exists(SnapshotFile("1")));
 }
 
-// The name of a record may hold what marks a leftover, if that of the file does.
-TEST_F(Snapshots, LeftoverOfARecordIsRemovedAndNoRecord) {
-    fs::create_directory("files/applied");
-    const std::string record = "files/applied/%2Fetc%2Fa.new-1.toml.tasks";
-    WriteFile(record, "");
-    WriteFile(record + ".new-2", "");
-    RemoveLeftovers(".");
-    EXPECT_TRUE(fs::exists(record));
-    EXPECT_FALSE(fs::exists(record + ".new-2"));
-}
-
 TEST_F(Snapshots, FailureIsReported) {
     WriteFile("files/snapshots", "not a directory");
     EXPECT_NE(ErrorOf(EError::cFailed, [] { KeepSnapshot(".", "bytes", 3); })

@@ -24,6 +24,7 @@ TEST(UnitText, ArgumentIsOneWordAndHasNoVariables) {
 TEST(UnitText, NameIsDifferentForEachTask) {
     EXPECT_EQ(UnitName("backup"), "vantrix-backup");
     EXPECT_EQ(UnitName("a b/c@d\\x20"), "vantrix-a\\x20b\\x2fc\\x40d\\x5cx20");
+    EXPECT_EQ(UnitName("a:b"), "vantrix-a\\x3ab") << "systemd-analyze reads PATH:ALIAS";
     EXPECT_EQ(UnitName("\xc3\xa4"), "vantrix-\\xc3\\xa4");
     EXPECT_EQ(UnitName(std::string(239, 'a')).size(), 247U);
     EXPECT_EQ(UnitName(std::string(240, 'a')), "");

@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
@@ -306,6 +307,8 @@ TEST_F(CliApply, WrongTaskKeepsAllFromBeingChanged) {
         {"umask = 0o27", "6:9: umask: expected a string, not an integer"},
         {"env = {A = 1}", "6:12: env: expected a string, not an integer"},
         {"env = 'A=1'", "6:7: env: expected an array of strings, not a string"},
+        {"env = {\"A=B\" = 'x'}", "6:16: env: \"A=B\" is no name of a variable"},
+        {"at = 5", "6:6: at: expected a date and a time, not an integer"},
         {"env = ['A']", "6:7: --env \"A\": give NAME=VALUE"},
         {"success = ['a']", "6:12: success: expected an integer, not a string"},
         {"paused = 'yes'", "6:10: paused: expected true or false, not a string"},
@@ -315,7 +318,7 @@ TEST_F(CliApply, WrongTaskKeepsAllFromBeingChanged) {
         {"daily = '02:30'\nevery = '6h'", "6:9: task \"b\": --every and a calendar"},
         {"daily = '02:30'\nzone = 'Nowhere'", "7:8: task \"b\": "},
         {"cron = '0/5'", "6:8: --cron \"0/5\": "},
-        {"command = ['/bin/true']", "4:8: task \"b\": a program and --shell"},
+        {"command = ['/bin/true']", "4:8: task \"b\": it has command and shell"},
         {"at = 'never'", "6:6: task \"b\": cannot read the time \"never\""},
         {"name = 'c'", "6:1: unknown key \"name\""},
         {"task = 'c'", "6:1: unknown key \"task\""},
@@ -323,10 +326,12 @@ TEST_F(CliApply, WrongTaskKeepsAllFromBeingChanged) {
     };
     for (const auto& [keys, message] : cases)
         ExpectWrong(good + "[tasks.b]\nshell = 'b'\n" + keys + "\n", message);
-    ExpectWrong(good + "[tasks.b]\ndaily = '02:30'\n", "4:8: task \"b\": give a program");
+    ExpectWrong(good + "[tasks.b]\ndaily = '02:30'\n",
+                "4:8: task \"b\": it has neither command nor shell");
     ExpectWrong(good + "[tasks.b]\ndaily = '02:30'\ncommand = '/bin/true'\n",
                 "6:11: command: expected an array of strings, not a string");
-    ExpectWrong(good + "[tasks.b]\ndaily = '02:30'\ncommand = []\n", "4:8: task \"b\": give a");
+    ExpectWrong(good + "[tasks.b]\ndaily = '02:30'\ncommand = []\n",
+                "4:8: task \"b\": it has neither command nor shell");
     ExpectWrong(good + "[b]\nshell = 'b'\n", "4:2: write [tasks.b] for a task, not [b]");
     ExpectWrong("shell = 'b'\n" + good, "1:1: \"shell\" is in no table");
     ExpectWrong("tasks = 1\n", "1:9: tasks: expected tables, as [tasks.backup], not an integer");
@@ -406,6 +411,9 @@ TEST_F(CliApply, DirectoryIsOneChangeOfItsFiles) {
     ExpectRefused(1, "tasks.d/c.toml:4:8: task \"a\": the task is in tasks.d/a.toml:3:8 already",
                   {"apply", "tasks.d"});
     fs::remove("tasks.d/c.toml");
+    ASSERT_EQ(mkfifo("tasks.d/c.toml", 0600), 0);
+    ExpectRefused(1, "tasks.d/c.toml is no file", {"apply", "tasks.d"});
+    fs::remove("tasks.d/c.toml");
     fs::remove("tasks.d/b.toml");
     EXPECT_THAT(Output({"apply", "tasks.d/"}),
                 HasSubstr("1 task made from it is not in it any more; --prune removes it\n"));
@@ -480,6 +488,72 @@ TEST_F(CliApply, NothingIsMadeThatCannotBeRecorded) {
     const TToolRun damaged = Apply(cTwoTasks, {"--prune"});
     EXPECT_EQ(damaged.status, 1);
     EXPECT_THAT(damaged.error, HasSubstr("the record of what was made of that file, is damaged"));
+}
+
+// What is made by hand later is not the file's.
+TEST_F(CliApply, RefusedApplyRecordsNothing) {
+    Output({"create", "due", "--every", "1d", "--shell", "d"});
+    const std::string task = "[tasks.y]\nshell = 'y'\ndaily = '02:30'\n";
+    WriteFile("tasks.toml", task);
+    ExpectRefused(6, "task \"due\" is due", {"apply", "tasks.toml"});
+    EXPECT_TRUE(fs::is_empty("files/applied"));
+    Output({"remove", "due", "--even-if-due"});
+    Output({"create", "y", "--daily", "02:30", "--shell", "y"});
+    EXPECT_FALSE(IsChanged(Apply("# nothing\n", {"--prune", "--json"})));
+    EXPECT_EQ(NamesInTable(), "y");
+}
+
+// Of a change whose end is not known, as after a kill.
+TEST_F(CliApply, RecordThatWasLeftHalfWayCounts) {
+    const std::string kept = "[tasks.kept]\nshell = 'k'\ndaily = '02:30'\n";
+    ExpectApplied(kept + "[tasks.old]\nshell = 'o'\ndaily = '02:30'\n");
+    const fs::path record = fs::directory_iterator("files/applied")->path();
+    fs::copy(record, record.string() + "%next");
+    ExpectApplied(kept + "[tasks.new]\nshell = 'n'\ndaily = '02:30'\n");
+    EXPECT_FALSE(fs::exists(record.string() + "%next"));
+    EXPECT_TRUE(IsChanged(Apply(kept, {"--prune", "--json"})));
+    EXPECT_EQ(NamesInTable(), "kept");
+}
+
+TEST_F(CliApply, FilesCanBeAppliedAtTheSameTime) {
+    constexpr int cFiles = 4;
+    const auto applyAll = [](const std::string& end, const std::vector<std::string>& options) {
+        std::vector<std::unique_ptr<CProgram>> tools;
+        for (int file = 0; file < cFiles; ++file) {
+            const std::string name = fmt::format("{}.toml", file);
+            WriteFile(name, "[tasks.shared]\nshell = 's'\ndaily = '02:30'\n" +
+                                (end.empty() ? "" : fmt::format("[tasks.t{}]\n{}", file, end)));
+            std::vector<std::string> command = {TOOL_PROGRAM, "apply", name};
+            command.insert(command.end(), options.begin(), options.end());
+            tools.push_back(std::make_unique<CProgram>(command));
+        }
+        for (const auto& tool : tools)
+            EXPECT_EQ(tool->Wait(), 0) << tool->Output();
+    };
+    for (int round = 0; round < 3; ++round) {
+        applyAll("shell = 't'\ndaily = '02:30'\n", {});
+        EXPECT_EQ(ReadTable().size(), 5U);
+        applyAll("", {"--prune"});
+        EXPECT_EQ(NamesInTable(), "shared");
+    }
+}
+
+TEST_F(CliApply, FileIsTheSameByAnyPathToIt) {
+    fs::create_directory("sub");
+    ExpectApplied("[tasks.a]\nshell = 'a'\ndaily = '02:30'\n");
+    WriteFile("tasks.toml", "# nothing\n");
+    EXPECT_THAT(Output({"apply", "sub/../tasks.toml", "--prune"}), HasSubstr("removed a\n"));
+}
+
+TEST_F(CliApply, TaskThatIsOverStaysAsItIs) {
+    ExpectApplied("[tasks.a]\nshell = 'a'\ndaily = '02:30'\n");
+    const TRows rows = ReadTable();
+    EXPECT_FALSE(IsChanged(
+        Apply("[tasks.a]\nshell = 'b'\ndaily = '02:30'\nuntil = 2020-01-01\n", {"--json"})));
+    EXPECT_EQ(ReadTable(), rows);
+    ExpectApplied("[tasks.a]\nshell = 'a'\nevery = '6h'\nat = 2090-01-01\n");
+    ExpectWrong("[tasks.a]\nshell = 'a'\nevery = '6h'\nuntil = 2080-01-01\n",
+                "1:8: task \"a\": task \"a\" would never be launched");
 }
 
 TEST_F(CliApply, DryRunRecordsNothing) {

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -36,6 +38,11 @@ protected:
         return ReadFile("units/vantrix-" + task + ".service");
     }
 
+    // The next time after now on the grid of a period of so many hours that has 2096-10-02 07:06:40.
+    static std::int64_t Soon(std::int64_t period) {
+        return std::time(nullptr) + (4'000'000'000 - std::time(nullptr)) % (period * cHour);
+    }
+
     static void ExpectAccepted() {
         EXPECT_EQ(std::system("systemd-analyze verify --man=no units/*.timer > verified 2>&1"), 0);
         EXPECT_EQ(ReadFile("verified"), "");
@@ -57,9 +64,9 @@ protected:
 
 TEST_F(CliExportSystemd, UnitsAreAcceptedBySystemd) {
     const std::string me = std::to_string(geteuid());
-    WriteTable({{"daily", 4'000'000'000, 77, 24, "/bin/cp", "-a $HOME 50% \"x\"", 0},
-                {"weekly; strange \"name\" %n", 4'000'000'000, 0, 168, "/bin/echo", "a\nb", 0},
-                {"often", 4'000'000'000, 0, 6, "/bin/echo", "", 0},
+    WriteTable({{"daily", Soon(24), 77, 24, "/bin/cp", "-a $HOME 50% \"x\"", 0},
+                {"weekly; strange \"name\" %n", Soon(168), 0, 168, "/bin/echo", "a\nb", 0},
+                {"often", Soon(6), 0, 6, "/bin/echo", "", 0},
                 {"once", 4'000'000'000, 0, 0, "/bin/echo", ";", 0}});
     Create({"--weekly",
             "fri 02:30",
@@ -116,7 +123,7 @@ TEST_F(CliExportSystemd, UnitsAreAcceptedBySystemd) {
 }
 
 TEST_F(CliExportSystemd, PausedTaskHasATimerThatCannotBeEnabled) {
-    WriteTable({{"a", 4'000'000'000, 0, 24, "/bin/true", "", 1}});
+    WriteTable({{"a", Soon(24), 0, 24, "/bin/true", "", 1}});
     EXPECT_EQ(Export().status, 0);
     EXPECT_THAT(Timer("a"), HasSubstr("OnCalendar="));
     EXPECT_THAT(Timer("a"), Not(HasSubstr("[Install]")));
@@ -125,18 +132,39 @@ TEST_F(CliExportSystemd, PausedTaskHasATimerThatCannotBeEnabled) {
 
 TEST_F(CliExportSystemd, LossesAreMessagesAndAStatus) {
     const auto with = [](const TRow& row) { WriteTable({row}); };
-    with({"long", 4'000'000'000, 0, 336, "/bin/true", "", 0});
+    with({"long", Soon(336), 0, 336, "/bin/true", "", 0});
     ExpectLoss("long", "a timer has no period of 2w that keeps its due times");
     EXPECT_TRUE(fs::is_empty("units"));
     with({"past", 1'000'000'000, 0, 0, "/bin/true", "", 1});
     ExpectLoss("past", "a timer cannot wait for its due time");
-    with({"bytes", 4'000'000'000, 0, 24, "/bin/true", "\xff", 0});
+    with({"bytes", Soon(24), 0, 24, "/bin/true", "\xff", 0});
     ExpectLoss("bytes", "a unit has text in UTF-8 only");
-    with({std::string(240, 'a'), 4'000'000'000, 0, 24, "/bin/true", "", 0});
+    with({std::string(240, 'a'), Soon(24), 0, 24, "/bin/true", "", 0});
     ExpectLoss(std::string(240, 'a'), "its name is too long for one of a unit");
-    WriteTable({{"a", 4'000'000'000, 0, 24, "/bin/true", "", 0},
-                {"a", 4'000'000'000, 0, 24, "/bin/true", "", 0}});
+    WriteTable(
+        {{"a", Soon(24), 0, 24, "/bin/true", "", 0}, {"a", Soon(24), 0, 24, "/bin/true", "", 0}});
     ExpectLoss("a", "an earlier task has the same name");
+    with({"later", std::time(nullptr) + 7 * cHour, 0, 6, "/bin/true", "", 0});
+    ExpectLoss("later", "a timer elapses before its due time");
+    with({"far", 7'258'118'400, 0, 0, "/bin/true", "", 0});
+    ExpectLoss("far", "a timer cannot wait for its due time");
+    for (const std::string program : {"/tmp/q'q", "/tmp/$Y", "/tmp/b\\b"}) {
+        with({"quoted", Soon(24), 0, 24, program, "", 0});
+        ExpectLoss("quoted", "a unit has no program with a quotation mark");
+    }
+    for (const std::string directory : {"/tmp/b\\", "/tmp/ trail "}) {
+        fs::remove(cTable);
+        Create({"--daily", "12:30", "--chdir", directory, "--shell", "true"});
+        ExpectLoss("job", "a unit has no path or name with a line end, or with a blank");
+    }
+    fs::remove(cTable);
+    Create({"--daily", "12:30", "--zone", "Europe//Berlin", "--shell", "true"});
+    ExpectLoss("job", "a timer has no zone Europe//Berlin");
+    fs::remove(cTable);
+    Create({"--daily", "12:30", "--env", "A-B=1", "--env", "C=2", "--shell", "true"});
+    ExpectLoss("job", "a unit has no variable \"A-B\"");
+    EXPECT_THAT(Service("job"), HasSubstr("\nEnvironment=\"C=2\"\n"));
+    ExpectAccepted();
     for (const auto& [option, value, loss] : std::vector<std::array<std::string, 3>>{
              {"--retry", "2", "a unit has no --retry"},
              {"--overlap", "queue", "a unit has no --overlap"},
@@ -159,7 +187,7 @@ TEST_F(CliExportSystemd, LossesAreMessagesAndAStatus) {
 
 // Units of the system have such names.
 TEST_F(CliExportSystemd, DirectoryWithFilesIsLeftAlone) {
-    WriteTable({{"a", 4'000'000'000, 0, 24, "/bin/true", "", 0}});
+    WriteTable({{"a", Soon(24), 0, 24, "/bin/true", "", 0}});
     fs::create_directory("units");
     WriteFile("units/cron.service", "the system's");
     ExpectRefused(1, "units is not empty; give an empty directory",
@@ -168,5 +196,16 @@ TEST_F(CliExportSystemd, DirectoryWithFilesIsLeftAlone) {
     Output({"export", "--systemd", "units"});
     ExpectRefused(1, "units is not empty", {"export", "--systemd", "units"});
     ExpectRefused(1, "cannot write to no/such", {"export", "--systemd", "no/such"});
+    ExpectRefused(1, "cannot write to ", {"export", "--systemd", ""});
     ExpectRefused(2, "excludes", {"export", "--systemd", "other", "--toml"});
+}
+
+TEST_F(CliExportSystemd, UnitsThatCannotAllBeWrittenAreRemoved) {
+    WriteTable({{"a", Soon(24), 0, 24, "/bin/true", std::string(4096, 'x'), 0}});
+    // A file may have 512 bytes: the timer, and not the service.
+    CProgram shell({"/bin/sh", "-c",
+                    "trap '' XFSZ; ulimit -f 1; exec " TOOL_PROGRAM " export --systemd units"});
+    EXPECT_EQ(shell.Wait(), 1) << shell.Output();
+    EXPECT_THAT(shell.Output(), HasSubstr("cannot write vantrix-a.service"));
+    EXPECT_TRUE(fs::is_empty("units"));
 }
